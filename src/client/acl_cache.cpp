@@ -1,0 +1,436 @@
+// See acl_cache.h. The 512 buckets and their chains are what the dumps show; an index beside them finds
+// an ACL, and a tree in each ACL finds the place of an ACE, at a cost that does not grow with the cache.
+#include "client/acl_cache.h"
+
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+
+#include "client/kinds.h"
+#include "client/log.h"
+#include "msg/bytes.h"
+#include "msg/result_codes.h"
+#include "util/bucket_table.h"
+
+using namespace scc;
+
+extern "C" {
+constinit pthread_rwlock_t scc_acl_lock = PTHREAD_RWLOCK_INITIALIZER;
+}
+
+namespace scc {
+namespace {
+
+constexpr u32 unnumbered_from = 0x7FFFFFFF;  // these keep their number in a resequence
+constexpr std::size_t first_index_buckets = 256;
+
+cached_acl* acl_of_index(list_node* node)
+{
+    return reinterpret_cast<cached_acl*>(reinterpret_cast<u8*>(node) - offsetof(cached_acl, index_link));
+}
+
+u64 mixed(const scc_acl_key& key)
+{
+    u64 hash = key.acl_id * 0x9E3779B97F4A7C15ULL;
+    hash ^= (u64{key.app_type} << 32U | key.vdev_id) * 0xC2B2AE3D27D4EB4FULL;
+    return hash ^ hash >> 29U;
+}
+
+u64 index_hash(const list_node* node)
+{
+    return mixed(acl_of_index(const_cast<list_node*>(node))->key);
+}
+
+bool same_acl(const scc_acl_key& left, const scc_acl_key& right)
+{
+    return left.vdev_id == right.vdev_id && left.app_type == right.app_type && left.acl_id == right.acl_id;
+}
+
+struct acl_cache {
+    std::array<list_node, acl_buckets> buckets;
+    u64 count;
+    bool ready;
+    bucket_table<index_hash, first_index_buckets> index;
+};
+
+}  // namespace
+
+// The device capability word and the cache behind it. The word is a relaxed atomic, the cache
+// scc_acl_lock's.
+struct client_data {
+    std::atomic<u64> capability;
+    acl_cache cache;
+};
+
+}  // namespace scc
+
+extern "C" {
+constinit client_data g_scc_client_data{};
+}
+
+namespace scc {
+namespace {
+
+acl_cache& cache()
+{
+    return g_scc_client_data.cache;
+}
+
+void free_ace(cached_acl& acl, cached_ace* ace)
+{
+    list_del(&ace->record.link);
+    scc_rb_erase(&ace->place, &acl.places);
+    --acl.ace_count;
+    std::free(ace);
+}
+
+void free_acl(cached_acl* acl)
+{
+    while (!list_empty(&acl->aces)) {
+        cached_ace* ace = ace_of_link(acl->aces.next);
+        list_del(&ace->record.link);
+        std::free(ace);
+    }
+    list_del(&acl->bucket_link);
+    cache().index.erase(&acl->index_link);
+    --cache().count;
+    std::free(acl);
+}
+
+cached_ace* ace_of_place(rb_node* node)
+{
+    return reinterpret_cast<cached_ace*>(node);
+}
+
+// The first ACE whose number is greater than sn (or, with or_equal, not less); null for the end.
+cached_ace* first_behind(cached_acl& acl, u32 sn, bool or_equal)
+{
+    const auto is_behind = [&](const cached_ace* ace) {
+        return or_equal ? ace->record.sn >= sn : ace->record.sn > sn;
+    };
+    if (acl.out_of_order != 0) {
+        for (list_node* link = acl.aces.next; link != &acl.aces; link = link->next) {
+            if (is_behind(ace_of_link(link))) {
+                return ace_of_link(link);
+            }
+        }
+        return nullptr;
+    }
+    cached_ace* found = nullptr;
+    for (rb_node* node = acl.places.node; node != nullptr;) {
+        const bool behind = is_behind(ace_of_place(node));
+        found = behind ? ace_of_place(node) : found;
+        node = behind ? node->left : node->right;
+    }
+    return found;
+}
+
+rb_node* rightmost(rb_node* node)
+{
+    while (node != nullptr && node->right != nullptr) {
+        node = node->right;
+    }
+    return node;
+}
+
+// Puts the ACE into list and tree in front of successor, or at the end when that is null.
+void insert_before(cached_acl& acl, cached_ace* ace, cached_ace* successor)
+{
+    rb_node* parent = nullptr;
+    rb_node** link = &acl.places.node;
+    if (successor == nullptr) {
+        list_add_tail(&ace->record.link, &acl.aces);
+        parent = rightmost(acl.places.node);
+        link = parent == nullptr ? link : &parent->right;
+    } else {
+        list_add_tail(&ace->record.link, &successor->record.link);
+        parent = &successor->place;
+        link = &parent->left;
+        if (*link != nullptr) {
+            parent = rightmost(*link);
+            link = &parent->right;
+        }
+    }
+    scc_rb_link_node(&ace->place, parent, link);
+    scc_rb_insert_color(&ace->place, &acl.places);
+    ++acl.ace_count;
+}
+
+void renumber(cached_acl& acl, u32 sn_start, u32 sn_inc)
+{
+    u32 next = sn_start;
+    u32 previous_old = 0;
+    u32 previous_new = 0;
+    u32 last = 0;
+    acl.out_of_order = 0;
+    for (list_node* link = acl.aces.next; link != &acl.aces; link = link->next) {
+        u32& sn = ace_of_link(link)->record.sn;
+        if (sn < unnumbered_from) {
+            if (sn != previous_old) {
+                previous_old = sn;
+                previous_new = next;
+                next += sn_inc;
+            }
+            // A leading 0 equals the number that the walk starts from, and stays 0: deliberate.
+            sn = previous_new;
+        }
+        if (sn < last) {
+            acl.out_of_order = 1;
+        }
+        last = sn;
+    }
+}
+
+}  // namespace
+
+void prepare_acl_buckets()
+{
+    if (cache().ready) {
+        return;
+    }
+    for (list_node& head : cache().buckets) {
+        INIT_LIST_HEAD(&head);
+    }
+    cache().index.reset();
+    cache().ready = true;
+}
+
+void init_acl_cache()
+{
+    free_acl_cache();
+}
+
+void free_acl_cache()
+{
+    {
+        const write_guard guard(scc_acl_lock);
+        prepare_acl_buckets();
+        for (list_node& head : cache().buckets) {
+            while (!list_empty(&head)) {
+                free_acl(reinterpret_cast<cached_acl*>(head.next));
+            }
+        }
+        cache().index.reset();
+    }
+    set_capability_word(0);
+}
+
+u64 cached_acl_count()
+{
+    return cache().count;
+}
+
+list_node* acl_bucket(u32 i)
+{
+    return &cache().buckets[i];
+}
+
+cached_ace* find_ace(cached_acl& acl, u32 sn)
+{
+    cached_ace* ace = first_behind(acl, sn, true);
+    if (acl.out_of_order != 0) {
+        // Out of order a greater number may stand in front: look at each.
+        for (list_node* link = acl.aces.next; link != &acl.aces; link = link->next) {
+            if (ace_of_link(link)->record.sn == sn) {
+                return ace_of_link(link);
+            }
+        }
+        return nullptr;
+    }
+    return ace != nullptr && ace->record.sn == sn ? ace : nullptr;
+}
+
+u64 capability_word()
+{
+    return g_scc_client_data.capability.load(std::memory_order_relaxed);
+}
+
+void set_capability_word(u64 word)
+{
+    g_scc_client_data.capability.store(word, std::memory_order_relaxed);
+}
+
+}  // namespace scc
+
+extern "C" {
+
+u32 _scc_lib_acl_info_check(const scc_acl_key* key)
+{
+    if (key == nullptr) {
+        SCC_LOG("scclib param invalid.");
+        return result::invalid;
+    }
+    const auto acl_id = static_cast<i32>(key->acl_id);
+    if (acl_id < 1 || acl_id > limits::acl_id_max) {
+        SCC_LOG("acl id is invalid (<1 or >32768).");
+        return result::invalid;
+    }
+    if (key->app_type == 0 || key->app_type > limits::app_type_max) {
+        SCC_LOG("acl app_type(%d) is invalid", key->app_type);
+        return result::invalid;
+    }
+    return result::ok;
+}
+
+// Folds the sum of the key's first 12 bytes; the class is left out.
+u32 _acl_hash_idx_get(const scc_acl_key* key)
+{
+    u64 sum = 0;
+    for (std::size_t i = 0; i < offsetof(scc_acl_key, acl_class); ++i) {
+        sum += load<u8>(key, i);
+    }
+    return static_cast<u32>((sum ^ sum >> 9U ^ sum >> 18U ^ sum >> 27U) & 0x1FFU);
+}
+
+cached_acl* _scc_acl_get(const scc_acl_key* key)
+{
+    list_node* node = cache().index.find(mixed(*key), [key](list_node* candidate) {
+        return same_acl(acl_of_index(candidate)->key, *key);
+    });
+    return node == nullptr ? nullptr : acl_of_index(node);
+}
+
+void _scc_lib_acl_add(const scc_acl_key* key)
+{
+    if (key == nullptr) {
+        SCC_LOG("invalid input param!!!");
+        return;
+    }
+    const write_guard guard(scc_acl_lock);
+    if (_scc_acl_get(key) != nullptr) {
+        SCC_LOG("acl already exist!!!");
+        return;
+    }
+    auto* acl = static_cast<cached_acl*>(std::malloc(sizeof(cached_acl)));
+    if (acl == nullptr) {
+        SCC_LOG("alloc memory failed!!!");
+        return;
+    }
+    std::memset(acl, 0, sizeof *acl);
+    acl->key = *key;
+    INIT_LIST_HEAD(&acl->aces);
+    list_add_tail(&acl->bucket_link, &cache().buckets[_acl_hash_idx_get(key)]);
+    cache().index.insert(&acl->index_link);
+    cache().index.grow_if_crowded();
+    ++cache().count;
+}
+
+void _scc_lib_acl_del(const scc_acl_key* key)
+{
+    if (key == nullptr) {
+        SCC_LOG("invalid input param!!!");
+        return;
+    }
+    const write_guard guard(scc_acl_lock);
+    cached_acl* acl = _scc_acl_get(key);
+    if (acl == nullptr) {
+        SCC_LOG("specific acl not found!!!");
+        return;
+    }
+    free_acl(acl);
+}
+
+void _scc_lib_ace_add(const scc_acl_key* key, const scc_ace_record* ace)
+{
+    if (key == nullptr || ace == nullptr) {
+        SCC_LOG("invalid input param!!!");
+        return;
+    }
+    const write_guard guard(scc_acl_lock);
+    cached_acl* acl = _scc_acl_get(key);
+    if (acl == nullptr) {
+        SCC_LOG("specific acl not found!!!");
+        return;
+    }
+    auto* copy = static_cast<cached_ace*>(std::malloc(sizeof(cached_ace)));
+    if (copy == nullptr) {
+        SCC_LOG("alloc memory failed!!!");
+        return;
+    }
+    std::memcpy(&copy->record, ace, sizeof copy->record);
+    insert_before(*acl, copy, first_behind(*acl, copy->record.sn, false));
+    if (copy->record.link.next != &acl->aces && ace_of_link(copy->record.link.next)->record.sn < copy->record.sn) {
+        acl->out_of_order = 1;
+    }
+}
+
+void _scc_lib_ace_del(const scc_acl_key* key, const scc_ace_record* ace)
+{
+    if (key == nullptr || ace == nullptr) {
+        SCC_LOG("invalid input param!!!");
+        return;
+    }
+    const write_guard guard(scc_acl_lock);
+    cached_acl* acl = _scc_acl_get(key);
+    if (acl == nullptr) {
+        SCC_LOG("specific acl not found!!!");
+        return;
+    }
+    // The caller's record may lie unaligned in saved data.
+    const u32 sn = load<u32>(ace, offsetof(scc_ace_record, sn));
+    const u32 ace_id = load<u32>(ace, offsetof(scc_ace_record, ace_id));
+    cached_ace* first = find_ace(*acl, sn);
+    for (list_node* link = first == nullptr ? &acl->aces : &first->record.link; link != &acl->aces;
+         link = link->next) {
+        cached_ace* candidate = ace_of_link(link);
+        if (candidate->record.sn == sn && candidate->record.ace_id == ace_id) {
+            free_ace(*acl, candidate);
+            SCC_LOG("delete specific ace done.");
+            return;
+        }
+        if (acl->out_of_order == 0 && candidate->record.sn != sn) {
+            break;
+        }
+    }
+    SCC_LOG("no such ace!!!");
+}
+
+void _scc_lib_acl_reseq(const scc_acl_key* key, u32 sn_start, u32 sn_inc)
+{
+    if (key == nullptr || static_cast<i32>(sn_start) < 1 || static_cast<i32>(sn_inc) < 1) {
+        SCC_LOG("scclib param invalid. acl_info:%p, sn_start:%d, sn_inc:%d.", static_cast<const void*>(key),
+                sn_start, sn_inc);
+        return;
+    }
+    const write_guard guard(scc_acl_lock);
+    cached_acl* acl = _scc_acl_get(key);
+    if (acl == nullptr) {
+        SCC_LOG("specific acl not found!!!");
+        return;
+    }
+    renumber(*acl, sn_start, sn_inc);
+    acl->sn_start = sn_start;
+    acl->sn_inc = sn_inc;
+}
+
+void _scc_lib_acl_update(const pending_call* call)
+{
+    if (call == nullptr) {
+        return;
+    }
+    const u8* data = call->data();
+    scc_acl_key key;
+    const auto saved = static_cast<std::size_t>(call->data_bytes > 0 ? call->data_bytes : 0);
+    if (saved < sizeof key) {
+        SCC_LOG("unknown scclib call id(%d)", call->kind);
+        return;
+    }
+    std::memcpy(&key, data, sizeof key);
+    const auto* ace = reinterpret_cast<const scc_ace_record*>(data + sizeof key);
+    switch (call->kind) {
+        case kind::acl_create:
+            return _scc_lib_acl_add(&key);
+        case kind::acl_delete:
+            return _scc_lib_acl_del(&key);
+        case kind::acl_add_ace:
+            return _scc_lib_ace_add(&key, ace);
+        case kind::acl_delete_ace:
+            return _scc_lib_ace_del(&key, ace);
+        case kind::acl_resequence:
+            return _scc_lib_acl_reseq(&key, load<u32>(data, 16), load<u32>(data, 20));
+        default:
+            SCC_LOG("unknown scclib call id(%d)", call->kind);
+    }
+}
+}

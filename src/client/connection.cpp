@@ -1,0 +1,316 @@
+// See connection.h.
+//
+//   registration request (301), 12 bytes: u32 app id, u32 pid, u8 option, u8 socket (1 sync, 0 async), 2 zero
+//   registration reply: u32 not examined, u32 result, u32 pid of the app id's holder
+//   unregistration request (302), 4 bytes: u32 app id;  reply: u32 not examined, u32 result
+#include "client/connection.h"
+
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+#include "client/control_block.h"
+#include "client/diagnostics.h"
+#include "client/handlers.h"
+#include "client/log.h"
+#include "client/request_channel.h"
+#include "client/service_statistics.h"
+#include "msg/bytes.h"
+#include "msg/message.h"
+#include "msg/paths.h"
+#include "msg/result_codes.h"
+
+using namespace scc;
+
+namespace scc {
+namespace {
+
+static_assert(sizeof(sockaddr_un::sun_path) == limits::path_bytes);
+
+int pid_now()
+{
+    return static_cast<int>(g_scc_client_cb.pid.load(relaxed));
+}
+
+u32 app_id_now()
+{
+    return g_scc_client_cb.app_id.load(relaxed);
+}
+
+// Logs why, closes, and returns the negative error number.
+int give_up(int fd, const char* text)
+{
+    const int error = errno;
+    SCC_LOG("%s", text);
+    SCC_LOG("reason:%s", std::strerror(error));
+    if (fd >= 0) {
+        close(fd);
+    }
+    return -error;
+}
+
+socklen_t address_length(const sockaddr_un& address)
+{
+    return static_cast<socklen_t>(std::strlen(address.sun_path) + offsetof(sockaddr_un, sun_path));
+}
+
+// The client's own address, whose stale file of an earlier process is removed.
+bool own_address(const char* prefix, sockaddr_un& address)
+{
+    address.sun_family = AF_UNIX;
+    const int length = std::snprintf(address.sun_path, sizeof address.sun_path, "%s%d", prefix, pid_now());
+    if (length < 0 || length >= static_cast<int>(sizeof address.sun_path)) {
+        return false;
+    }
+    unlink(address.sun_path);
+    return true;
+}
+
+bool daemon_address(sockaddr_un& address)
+{
+    address.sun_family = AF_UNIX;
+    return scc_make_path(address.sun_path, daemon_socket_suffix, sizeof address.sun_path,
+                         static_cast<int>(path_base::runtime)) == 1;
+}
+
+int set_send_timeout(int fd)
+{
+    const timeval timeout{limits::send_timeout_seconds, 0};
+    if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) == 0) {
+        return fd;
+    }
+    const int error = errno;
+    SCC_LOG("setsockopt fail errno=%d error(%s).", error, std::strerror(error));
+    close(fd);
+    return -error;
+}
+
+struct socket_prefixes {
+    path_buffer sync;
+    path_buffer async;
+};
+
+bool make_prefixes(socket_prefixes& out)
+{
+    return make_path(out.sync, sync_socket_suffix) && make_path(out.async, async_socket_suffix);
+}
+
+u32 connect_channel(channel which, const path_buffer& prefix, u32 generation)
+{
+    const std::atomic<i32>& slot =
+        which == channel::sync ? g_scc_client_cb.sync_fd : g_scc_client_cb.async_fd;
+    if (slot.load(relaxed) >= 0) {
+        return result::ok;
+    }
+    const int fd = _scc_lib_client_connect(prefix.text);
+    if (fd < 0) {
+        return static_cast<u32>(-fd);
+    }
+    return install_descriptor(which, fd, generation) ? result::ok : result::bad_descriptor;
+}
+
+u32 register_both(const registration_identity& identity)
+{
+    const u32 error = _scc_lib_client_reg(1, &identity);
+    return error != result::ok ? error : _scc_lib_client_reg(0, &identity);
+}
+
+// A value of the first item of a reply, 0 where the reply is too short for it: registration replies of a
+// refusal may leave the holder's pid out.
+u32 reply_word(const void* message, std::size_t offset)
+{
+    const u32 length = load<u32>(message, wire::header_bytes);
+    const auto* value = static_cast<const u8*>(message) + wire::header_bytes + wire::item_header_bytes;
+    return offset + sizeof(u32) <= length ? load<u32>(value, offset) : 0;
+}
+
+bool has_result(const void* message)
+{
+    return load<u32>(message, wire::header_bytes) >= 8;
+}
+
+void sleep_before_retry()
+{
+    sleep(limits::retry_seconds);
+}
+
+}  // namespace
+
+registration_identity identity_of_control_block()
+{
+    return {app_id_now(), g_scc_client_cb.option.load(relaxed)};
+}
+
+u32 connect_and_register(const registration_identity& identity, u32 generation)
+{
+    socket_prefixes prefixes;
+    if (!make_prefixes(prefixes)) {
+        return result::io_error;
+    }
+    _scc_client_state_set(state_connecting);
+    u32 error = connect_channel(channel::sync, prefixes.sync, generation);
+    if (error == result::ok) {
+        error = connect_channel(channel::async, prefixes.async, generation);
+    }
+    if (error != result::ok) {
+        return error;
+    }
+    SCC_LOG("(app id:%d, pid:%d)connect to sccd success!", app_id_now(), pid_now());
+    _scc_client_state_set(state_registering);
+    return register_both(identity);
+}
+
+void register_until_done(u32 generation)
+{
+    socket_prefixes prefixes;
+    if (!make_prefixes(prefixes)) {
+        return;
+    }
+    if (client_state_now() != state_idle) {
+        SCC_LOG("scc client start to try re-reg.");
+        notify_status(0, generation);
+    }
+    while (connect_and_register(identity_of_control_block(), generation) != result::ok) {
+        if (!is_current(generation)) {
+            return;
+        }
+        (void)close_descriptors();
+        _scc_client_state_set(state_failed);
+        if (app_id_now() == 0) {
+            return;
+        }
+        sleep_before_retry();
+    }
+    if (!is_current(generation)) {
+        return;
+    }
+    _scc_client_state_set(state_registered);
+    scc_lib_rereg.store(0, relaxed);
+    SCC_LOG("(app id:%d, pid:%d)register to sccd success!", app_id_now(), pid_now());
+    _scc_lib_func_stat_reset();
+    reset_service_statistics();
+    notify_status(1, generation);
+}
+
+u32 unregister_client()
+{
+    const u32 app_id = app_id_now();
+    g_scc_client_cb.app_id.store(0, relaxed);
+    unregistration_begins();
+    u32 error = result::ok;
+    if (g_scc_client_cb.sync_fd.load(relaxed) > 0) {
+        error = _scc_client_unreg(g_scc_client_cb.sync_fd.load(relaxed), app_id, 1);
+    }
+    if (error != result::ok) {
+        SCC_LOG("(app id:%d, pid:%d)unregistered error!", app_id, pid_now());
+        g_scc_client_cb.app_id.store(app_id, relaxed);
+        unregistration_is_over();
+        return error;
+    }
+    end_generation();
+    _scc_client_state_set(state_idle);
+    g_scc_client_cb.last_call_id.store(0, relaxed);
+    _scc_lib_handler_clear();
+    g_scc_client_cb.option.store(0, relaxed);
+    (void)close_descriptors();
+    _scc_lib_data_free();
+    unregistration_is_over();
+    SCC_LOG("(app id:%d, pid:%d) unregister to sccd success!", app_id, pid_now());
+    return result::ok;
+}
+
+}  // namespace scc
+
+extern "C" {
+
+int _scc_lib_client_connect(const char* prefix)
+{
+    sockaddr_un own{};
+    if (!own_address(prefix, own)) {
+        return -1;
+    }
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return give_up(fd, "create socket error!!!");
+    }
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&own), address_length(own)) != 0) {
+        return give_up(fd, "bind socket error!!!");
+    }
+    sockaddr_un daemon{};
+    if (!daemon_address(daemon)) {
+        close(fd);
+        return -1;
+    }
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&daemon), address_length(daemon)) != 0) {
+        return give_up(fd, "connect to sccd failed!!!");
+    }
+    return set_send_timeout(fd);
+}
+
+int _scc_lib_client_close()
+{
+    return close_descriptors();
+}
+
+u32 _scc_lib_client_reg(int sync, const registration_identity* identity)
+{
+    u8 request[12] = {};
+    store<u32>(request, 0, identity->app_id);
+    store<u32>(request, 4, static_cast<u32>(pid_now()));
+    store<u8>(request, 8, identity->option);
+    store<u8>(request, 9, static_cast<u8>(sync));
+    u32 error = _scc_lib_msg_send_rt(0, msg::registration, request, sizeof request, sync);
+    if (error != result::ok) {
+        return error;
+    }
+    void* reply = nullptr;
+    error = _scc_lib_msg_recv(&reply, sync);
+    if (error != result::ok) {
+        return error;
+    }
+    const u32 refusal = has_result(reply) ? reply_word(reply, 4) : result::format;
+    if (refusal != result::ok) {
+        const u32 holder = reply_word(reply, 8);
+        SCC_LOG("(app id:%d, pid:%d)reg action rejected by sccd!", identity->app_id, pid_now());
+        if (static_cast<i32>(holder) > 0) {
+            SCC_LOG("app id:%d already registered by pid:%d!", identity->app_id, holder);
+        }
+    }
+    _scc_msg_free(&reply);
+    return refusal;
+}
+
+u32 _scc_client_unreg(int /*fd*/, u32 app_id, int sync)
+{
+    u32 error = _scc_lib_msg_send_rt(0, msg::unregistration, &app_id, sizeof app_id, sync);
+    if (error != result::ok) {
+        return error;
+    }
+    void* reply = nullptr;
+    error = _scc_lib_msg_recv(&reply, sync);
+    if (error != result::ok) {
+        if (!_scc_connect_should_reset(error)) {
+            return error;
+        }
+        _scc_lib_data_free();
+        return result::ok;
+    }
+    const bool readable = has_result(reply);
+    const bool refused = readable && reply_word(reply, 4) != 0;
+    _scc_msg_free(&reply);
+    if (!readable) {
+        return result::format;
+    }
+    if (refused) {
+        SCC_LOG("(app id:%d, pid:%d)unreg action rejected by sccd!", app_id, pid_now());
+        return result::unregister_rejected;
+    }
+    return result::ok;
+}
+}

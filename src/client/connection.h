@@ -1,0 +1,37 @@
+// Connecting, registering and unregistering: the exchanges with the daemon that make a connection.
+#pragma once
+
+#include "client/descriptors.h"
+#include "msg/protocol.h"
+
+namespace scc {
+
+// What a registration sends of the application; the record of scc_agent_init begins with it, too.
+struct registration_identity {
+    u32 app_id;
+    u8 option;
+};
+
+[[nodiscard]] registration_identity identity_of_control_block();
+
+// Connects what is not connected and registers on both sockets, states 2, 3 on the way. 0, a positive
+// error number or the daemon's refusal; on failure nothing is closed yet.
+[[nodiscard]] u32 connect_and_register(const registration_identity& identity, u32 generation);
+
+// Connects and registers until it has succeeded or the registration ended.
+void register_until_done(u32 generation);
+
+// The unregistration exchange with its surroundings, under whatever lock the caller needs: afterwards the
+// library is unregistered, or registered as before. 0, 2001 or the exchange's error.
+[[nodiscard]] u32 unregister_client();
+
+}  // namespace scc
+
+extern "C" {
+[[nodiscard]] int _scc_lib_client_connect(const char* prefix);
+[[nodiscard]] int _scc_lib_client_close();
+[[nodiscard]] scc::u32 _scc_lib_client_reg(int sync, const scc::registration_identity* identity);
+[[nodiscard]] scc::u32 _scc_client_unreg(int fd, scc::u32 app_id, int sync);
+void _scc_lib_svr_rereg();
+void _scc_lib_svr_status_notify(scc::u32 status);
+}

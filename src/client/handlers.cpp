@@ -1,0 +1,80 @@
+// The client control block and its handler table. Written under scc_lib_lock; the receive thread reads
+// single pointers without it.
+#include "client/handlers.h"
+
+#include <cstddef>
+
+#include "client/control_block.h"
+#include "client/locks.h"
+
+using namespace scc;
+
+extern "C" {
+
+constinit pthread_rwlock_t scc_lib_lock = PTHREAD_RWLOCK_INITIALIZER;
+
+constinit client_control_block g_scc_client_cb = {
+    {-1}, {-1}, {0}, {0}, {0}, {}, {0}, {state_idle}, {0}, {},
+};
+constinit std::atomic<u8> scc_lib_rereg{0};
+
+void _scc_client_state_set(u32 state)
+{
+    g_scc_client_cb.state.store(state, relaxed);
+}
+
+bool _scc_lib_client_is_connected()
+{
+    return g_scc_client_cb.sync_fd.load(relaxed) >= 0 && g_scc_client_cb.async_fd.load(relaxed) >= 0;
+}
+}
+
+namespace scc {
+namespace {
+
+constexpr std::size_t positions = sizeof(scc_handlers) / sizeof(void*);
+constexpr std::size_t filter_counter_position = 42;
+constexpr std::size_t water_line_position = 67;
+
+static_assert(positions == 70);
+static_assert(sizeof(scc_reg_info) == 568);
+static_assert(offsetof(scc_handlers, filter_counter_reset) == filter_counter_position * sizeof(void*));
+static_assert(offsetof(scc_handlers, water_line) == water_line_position * sizeof(void*));
+
+using any_handler = void (*)();
+
+any_handler* slots(scc_handlers& handlers)
+{
+    return reinterpret_cast<any_handler*>(&handlers);
+}
+
+const any_handler* slots(const scc_handlers& handlers)
+{
+    return reinterpret_cast<const any_handler*>(&handlers);
+}
+
+}  // namespace
+}  // namespace scc
+
+extern "C" {
+
+// The water-line handler is not copied: every water-line notification is ignored, deliberately.
+void _scc_lib_handler_set(const scc_reg_info* info)
+{
+    for (std::size_t i = 0; i < positions; ++i) {
+        if (i != water_line_position) {
+            store_handler(slots(g_scc_client_cb.handlers)[i], slots(info->handlers)[i]);
+        }
+    }
+}
+
+// The filter counter's handler stays, as does the water line's that was never set: deliberate.
+void _scc_lib_handler_clear()
+{
+    for (std::size_t i = 0; i < positions; ++i) {
+        if (i != filter_counter_position && i != water_line_position) {
+            store_handler(slots(g_scc_client_cb.handlers)[i], any_handler{nullptr});
+        }
+    }
+}
+}

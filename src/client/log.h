@@ -1,0 +1,34 @@
+// The one way in which the library logs. A line is written only while scc_lib_debug is set; its arguments
+// are not evaluated otherwise.
+#pragma once
+
+#include <qx_syslog.h>
+
+#include <atomic>
+
+#include "msg/protocol.h"
+
+extern "C" std::atomic<scc::u8> scc_lib_debug;
+
+namespace scc {
+
+inline constexpr int log_level = 7;
+inline constexpr int log_flag = 2;
+
+[[nodiscard]] inline bool is_debugging()
+{
+    return scc_lib_debug.load(std::memory_order_relaxed) != 0;
+}
+
+}  // namespace scc
+
+#define SCC_LOG_RAW(submodule, format, ...) \
+    printk_syslog_ext(scc::log_level, "SCCLIB", submodule, scc::log_flag, format __VA_OPT__(, ) __VA_ARGS__)
+
+#define SCC_LOG(format, ...)                                                          \
+    do {                                                                              \
+        if (scc::is_debugging()) {                                                    \
+            SCC_LOG_RAW("DETAIL", "<%-23s line:%-4d> " format, __func__,              \
+                        __LINE__ __VA_OPT__(, ) __VA_ARGS__);                         \
+        }                                                                             \
+    } while (false)

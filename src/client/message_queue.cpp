@@ -1,0 +1,66 @@
+#include "client/message_queue.h"
+
+#include <cstdlib>
+#include <ctime>
+
+#include "client/locks.h"
+
+using namespace scc;
+
+extern "C" {
+constinit pthread_mutex_t g_scc_lib_msg_mutex = PTHREAD_MUTEX_INITIALIZER;
+constinit pthread_cond_t g_scc_lib_msg_cond = PTHREAD_COND_INITIALIZER;
+constinit list_node g_scc_lib_msg_q{};
+}
+
+namespace scc {
+
+// The first start makes the condition and the list; later ones find a processing thread that may be
+// waiting on them, so they are left alone.
+void init_message_queue()
+{
+    const mutex_guard guard(g_scc_lib_msg_mutex);
+    if (g_scc_lib_msg_q.next != nullptr) {
+        return;
+    }
+    INIT_LIST_HEAD(&g_scc_lib_msg_q);
+    pthread_condattr_t attributes;
+    if (pthread_condattr_init(&attributes) == 0) {
+        pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+        pthread_cond_init(&g_scc_lib_msg_cond, &attributes);
+        pthread_condattr_destroy(&attributes);
+    }
+}
+
+bool enqueue_message(i32 fd, void* message)
+{
+    auto* node = static_cast<scc_lib_msg_node*>(std::malloc(sizeof(scc_lib_msg_node)));
+    if (node == nullptr) {
+        return false;
+    }
+    node->fd = fd;
+    node->message = message;
+    const mutex_guard guard(g_scc_lib_msg_mutex);
+    list_add_tail(&node->link, &g_scc_lib_msg_q);
+    pthread_cond_signal(&g_scc_lib_msg_cond);
+    return true;
+}
+
+scc_lib_msg_node* dequeue_message()
+{
+    const mutex_guard guard(g_scc_lib_msg_mutex);
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += limits::queue_wait_seconds;
+    if (list_empty(&g_scc_lib_msg_q)) {
+        pthread_cond_timedwait(&g_scc_lib_msg_cond, &g_scc_lib_msg_mutex, &deadline);
+    }
+    if (list_empty(&g_scc_lib_msg_q)) {
+        return nullptr;
+    }
+    auto* node = reinterpret_cast<scc_lib_msg_node*>(g_scc_lib_msg_q.next);
+    list_del(&node->link);
+    return node;
+}
+
+}  // namespace scc

@@ -1,0 +1,168 @@
+// See pending_calls.h. Blocks of delivered calls are kept for the next requests of the same size, up to a
+// bound: the receive thread then frees nothing and the requesting thread allocates nothing, which is most
+// of what an allocator shared by two threads costs. The checker gives them back once requests pause.
+#include "client/pending_calls.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "client/control_block.h"
+#include "client/log.h"
+#include "msg/result_codes.h"
+#include "util/bucket_table.h"
+
+using namespace scc;
+
+namespace scc {
+namespace {
+
+constexpr std::size_t first_buckets = 1024;
+constexpr u32 spare_blocks_max = 8192;
+
+u64 hash_of(const list_node* node)
+{
+    return reinterpret_cast<const pending_call*>(node)->call_id;
+}
+
+struct spare_blocks {
+    pending_call* first = nullptr;  // chained through link.next
+    i32 data_bytes = 0;             // all are of this size
+    u32 count = 0;
+    bool used_since_check = false;
+};
+
+// scc_call_data_lock guards both.
+constinit spare_blocks g_spare{};
+
+void free_spare_blocks()
+{
+    while (g_spare.first != nullptr) {
+        pending_call* block = g_spare.first;
+        g_spare.first = reinterpret_cast<pending_call*>(block->link.next);
+        std::free(block);
+    }
+    g_spare.count = 0;
+}
+
+pending_call* take_spare(i32 data_bytes)
+{
+    const write_guard guard(scc_call_data_lock);
+    pending_call* block = g_spare.data_bytes == data_bytes ? g_spare.first : nullptr;
+    if (block != nullptr) {
+        g_spare.first = reinterpret_cast<pending_call*>(block->link.next);
+        --g_spare.count;
+        g_spare.used_since_check = true;
+    }
+    return block;
+}
+
+}  // namespace
+}  // namespace scc
+
+extern "C" {
+
+constinit pthread_rwlock_t scc_call_data_lock = PTHREAD_RWLOCK_INITIALIZER;
+constinit bucket_table<hash_of, first_buckets> g_scc_lib_call_lst{};
+
+u32 _scc_lib_call_id_get()
+{
+    return g_scc_client_cb.last_call_id.fetch_add(1, relaxed) + 1;
+}
+
+u32 _scc_lib_save_call_data(u32 call_id, u32 kind, const void* data, int len)
+{
+    const i32 data_bytes = len > 0 ? len : 0;
+    pending_call* call = take_spare(data_bytes);
+    if (call == nullptr) {
+        const std::size_t block_bytes = pending_call::head_bytes + static_cast<std::size_t>(data_bytes);
+        call = static_cast<pending_call*>(std::malloc(block_bytes));
+    }
+    if (call == nullptr) {
+        SCC_LOG("scclib alloc memory failed.");
+        return result::no_memory;
+    }
+    call->call_id = call_id;
+    call->kind = kind;
+    call->data_bytes = len;
+    if (data_bytes > 0) {
+        std::memcpy(call->data(), data, static_cast<std::size_t>(data_bytes));
+    }
+    const write_guard guard(scc_call_data_lock);
+    g_scc_lib_call_lst.insert(&call->link);
+    return result::ok;
+}
+
+void _scc_lib_del_call_data(u32 call_id)
+{
+    std::free(take_pending_call(call_id));
+}
+}
+
+namespace scc {
+
+pending_call* take_pending_call(u32 call_id)
+{
+    const write_guard guard(scc_call_data_lock);
+    list_node* node = g_scc_lib_call_lst.find(call_id, [call_id](const list_node* candidate) {
+        return reinterpret_cast<const pending_call*>(candidate)->call_id == call_id;
+    });
+    if (node != nullptr) {
+        g_scc_lib_call_lst.erase(node);
+    }
+    return reinterpret_cast<pending_call*>(node);
+}
+
+void release_pending_call(pending_call* call)
+{
+    {
+        const write_guard guard(scc_call_data_lock);
+        if (g_spare.count == 0) {
+            g_spare.data_bytes = call->data_bytes > 0 ? call->data_bytes : 0;
+        }
+        if (g_spare.data_bytes == call->data_bytes && g_spare.count < spare_blocks_max) {
+            call->link.next = reinterpret_cast<list_node*>(g_spare.first);
+            g_spare.first = call;
+            ++g_spare.count;
+            g_spare.used_since_check = true;
+            return;
+        }
+    }
+    std::free(call);
+}
+
+std::size_t pending_calls()
+{
+    const write_guard guard(scc_call_data_lock);
+    return g_scc_lib_call_lst.size();
+}
+
+void free_pending_calls()
+{
+    const write_guard guard(scc_call_data_lock);
+    g_scc_lib_call_lst.clear([](list_node* node) { std::free(node); });
+    free_spare_blocks();
+}
+
+void init_pending_calls()
+{
+    free_pending_calls();
+    const write_guard guard(scc_call_data_lock);
+    g_scc_lib_call_lst.reset();
+}
+
+void grow_pending_index()
+{
+    const write_guard guard(scc_call_data_lock);
+    g_scc_lib_call_lst.grow_if_crowded();
+}
+
+void free_idle_blocks()
+{
+    const write_guard guard(scc_call_data_lock);
+    if (!g_spare.used_since_check) {
+        free_spare_blocks();
+    }
+    g_spare.used_since_check = false;
+}
+
+}  // namespace scc

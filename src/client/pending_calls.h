@@ -1,0 +1,46 @@
+// The calls whose results are awaited. Guarded by scc_call_data_lock, which is never held across a send.
+#pragma once
+
+#include <cstddef>
+#include <span>
+
+#include "client/locks.h"
+#include "msg/protocol.h"
+#include "util/list.h"
+
+namespace scc {
+
+// One heap block: this head and data_bytes of the caller's request behind it.
+struct pending_call {
+    list_node link;
+    u32 call_id;
+    u32 kind;
+    i32 data_bytes;
+
+    [[nodiscard]] const u8* data() const { return reinterpret_cast<const u8*>(this) + head_bytes; }
+    [[nodiscard]] u8* data() { return reinterpret_cast<u8*>(this) + head_bytes; }
+
+    static constexpr std::size_t head_bytes = 32;
+};
+
+static_assert(sizeof(pending_call) == pending_call::head_bytes);
+
+// Takes the oldest call of this id out of the list; null when there is none. The caller frees it with
+// release_pending_call.
+[[nodiscard]] pending_call* take_pending_call(u32 call_id);
+void release_pending_call(pending_call* call);
+[[nodiscard]] std::size_t pending_calls();
+void free_pending_calls();
+void init_pending_calls();
+// For the checker thread, so that a request allocates its own block at most: grows the index with the
+// calls, and gives kept blocks back once none was used since the last time.
+void grow_pending_index();
+void free_idle_blocks();
+
+}  // namespace scc
+
+extern "C" {
+[[nodiscard]] scc::u32 _scc_lib_call_id_get();
+[[nodiscard]] scc::u32 _scc_lib_save_call_data(scc::u32 call_id, scc::u32 kind, const void* data, int len);
+void _scc_lib_del_call_data(scc::u32 call_id);
+}

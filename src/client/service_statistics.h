@@ -1,0 +1,25 @@
+// The block of the service's counters, {received, answered} for each kind of operation: owned here since
+// every registration with the daemon resets it; counted by src/ss. Null until a service has registered.
+#pragma once
+
+#include <array>
+
+#include "msg/protocol.h"
+
+namespace scc {
+
+struct operation_count {
+    u32 received;
+    u32 answered;
+};
+
+inline constexpr u32 operation_counts = 25;
+using service_statistics = std::array<operation_count, operation_counts>;
+
+static_assert(sizeof(service_statistics) == 200);
+
+void reset_service_statistics();
+
+}  // namespace scc
+
+extern "C" scc::service_statistics* ss_stat;  // written once, under scc_lib_lock

@@ -1,0 +1,124 @@
+// A hash table of intrusive list nodes that grows with what it holds, so that finding one entry costs the
+// same however many there are. Entries with equal keys keep their order: the oldest is found first.
+//
+// The owner locks it. insert never allocates; grow_if_crowded does, at a moment that the owner chooses,
+// and a failed allocation leaves the table as it is, only more crowded.
+#pragma once
+
+#include <cstdlib>
+
+#include "msg/protocol.h"
+#include "util/list.h"
+
+namespace scc {
+
+// HashOf(node) is the hash of a linked node; InitialBuckets is a power of two.
+template <auto HashOf, std::size_t InitialBuckets>
+class bucket_table {
+  public:
+    constexpr bucket_table() = default;
+
+    // Must run before the first use; drops nothing, so the table has to be empty.
+    void reset()
+    {
+        if (heads_ != first_) {
+            std::free(heads_);
+        }
+        heads_ = first_;
+        mask_ = InitialBuckets - 1;
+        count_ = 0;
+        for (list_node& head : first_) {
+            INIT_LIST_HEAD(&head);
+        }
+    }
+
+    [[nodiscard]] std::size_t size() const { return count_; }
+
+    void insert(list_node* node)
+    {
+        list_add_tail(node, &heads_[HashOf(node) & mask_]);
+        ++count_;
+    }
+
+    void erase(list_node* node)
+    {
+        list_del(node);
+        --count_;
+    }
+
+    // The oldest entry under this hash that matches, or null.
+    template <class Matches>
+    [[nodiscard]] list_node* find(u64 hash, Matches matches) const
+    {
+        if (heads_ == nullptr) {
+            return nullptr;
+        }
+        list_node* head = &heads_[hash & mask_];
+        for (list_node* node = head->next; node != head; node = node->next) {
+            if (matches(node)) {
+                return node;
+            }
+        }
+        return nullptr;
+    }
+
+    // Unlinks every entry and hands it to release, then gives the grown table back.
+    template <class Release>
+    void clear(Release release)
+    {
+        if (heads_ == nullptr) {
+            return;
+        }
+        for (std::size_t i = 0; i <= mask_; ++i) {
+            while (!list_empty(&heads_[i])) {
+                list_node* node = heads_[i].next;
+                list_del(node);
+                release(node);
+            }
+        }
+        reset();
+    }
+
+    void grow_if_crowded()
+    {
+        if (count_ <= mask_ || heads_ == nullptr) {
+            return;
+        }
+        std::size_t buckets = mask_ + 1;
+        while (buckets < count_ * 2) {
+            buckets *= 2;
+        }
+        auto* heads = static_cast<list_node*>(std::malloc(buckets * sizeof(list_node)));
+        if (heads == nullptr) {
+            return;
+        }
+        move_to(heads, buckets);
+    }
+
+  private:
+    void move_to(list_node* heads, std::size_t buckets)
+    {
+        for (std::size_t i = 0; i < buckets; ++i) {
+            INIT_LIST_HEAD(&heads[i]);
+        }
+        for (std::size_t i = 0; i <= mask_; ++i) {
+            while (!list_empty(&heads_[i])) {
+                list_node* node = heads_[i].next;
+                list_del(node);
+                list_add_tail(node, &heads[HashOf(node) & (buckets - 1)]);
+            }
+        }
+        if (heads_ != first_) {
+            std::free(heads_);
+        }
+        heads_ = heads;
+        mask_ = buckets - 1;
+    }
+
+    list_node first_[InitialBuckets]{};
+    list_node* heads_ = nullptr;
+    std::size_t mask_ = InitialBuckets - 1;
+    std::size_t count_ = 0;
+};
+
+}  // namespace scc
