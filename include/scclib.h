@@ -34,6 +34,8 @@
 extern "C" {
 #endif
 
+#pragma GCC visibility push(default)
+
 /* ---- result codes ----------------------------------------------------------------------------- */
 
 #define SCC_E_REGISTER_REJECTED 2000u   /* the daemon refused the registration */
@@ -830,7 +832,8 @@ uint32_t _get_get_avail_svrid(void);
 /* Read the service id counter, as _get_get_avail_svrid does. */
 uint32_t _scc_get_cur_svrid(void);
 
-/* Addresses as text; each has one buffer a thread, valid until its next call there. */
+/* Addresses as text. Each function has one static buffer, shared by all threads: the text is valid until
+ * its next call, from whatever thread. */
 
 /* Show an IPv4 address (network order). */
 const char *ip_show(uint32_t ip);
@@ -868,6 +871,8 @@ extern struct scc_perf_entry g_scc_perf[SCC_PERF_ENTRIES]; /* read by the host *
 void scc_time_elapse_start(uint32_t index);
 /* End a measurement; index 0 to 52. Does nothing while g_scc_perf_debug is 0. Returns nothing. */
 void scc_time_elapse_end(uint32_t index);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

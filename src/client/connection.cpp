@@ -153,7 +153,9 @@ u32 connect_and_register(const registration_identity& identity, u32 generation)
     if (!make_prefixes(prefixes)) {
         return result::io_error;
     }
-    _scc_client_state_set(state_connecting);
+    if (!set_state_of(generation, state_connecting)) {
+        return result::bad_descriptor;
+    }
     u32 error = connect_channel(channel::sync, prefixes.sync, generation);
     if (error == result::ok) {
         error = connect_channel(channel::async, prefixes.async, generation);
@@ -162,8 +164,7 @@ u32 connect_and_register(const registration_identity& identity, u32 generation)
         return error;
     }
     SCC_LOG("(app id:%d, pid:%d)connect to sccd success!", app_id_now(), pid_now());
-    _scc_client_state_set(state_registering);
-    return register_both(identity);
+    return set_state_of(generation, state_registering) ? register_both(identity) : result::bad_descriptor;
 }
 
 void register_until_done(u32 generation)
@@ -177,28 +178,22 @@ void register_until_done(u32 generation)
         notify_status(0, generation);
     }
     while (connect_and_register(identity_of_control_block(), generation) != result::ok) {
-        if (!is_current(generation)) {
-            return;
-        }
-        (void)close_descriptors();
-        _scc_client_state_set(state_failed);
-        if (app_id_now() == 0) {
+        if (!reset_connection(generation) || app_id_now() == 0) {
             return;
         }
         sleep_before_retry();
     }
-    if (!is_current(generation)) {
+    scc_lib_rereg.store(0, relaxed);
+    if (!set_state_of(generation, state_registered)) {
         return;
     }
-    _scc_client_state_set(state_registered);
-    scc_lib_rereg.store(0, relaxed);
     SCC_LOG("(app id:%d, pid:%d)register to sccd success!", app_id_now(), pid_now());
     _scc_lib_func_stat_reset();
     reset_service_statistics();
     notify_status(1, generation);
 }
 
-u32 unregister_client()
+u32 unregister_client(void (*before_close)())
 {
     const u32 app_id = app_id_now();
     g_scc_client_cb.app_id.store(0, relaxed);
@@ -218,6 +213,9 @@ u32 unregister_client()
     g_scc_client_cb.last_call_id.store(0, relaxed);
     _scc_lib_handler_clear();
     g_scc_client_cb.option.store(0, relaxed);
+    if (before_close != nullptr) {
+        before_close();
+    }
     (void)close_descriptors();
     _scc_lib_data_free();
     unregistration_is_over();
@@ -251,6 +249,16 @@ int _scc_lib_client_connect(const char* prefix)
         return give_up(fd, "connect to sccd failed!!!");
     }
     return set_send_timeout(fd);
+}
+
+void _scc_lib_svr_rereg()
+{
+    register_until_done(current_generation());
+}
+
+void _scc_lib_svr_status_notify(u32 status)
+{
+    notify_status(status, current_generation());
 }
 
 int _scc_lib_client_close()

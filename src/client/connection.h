@@ -22,8 +22,9 @@ struct registration_identity {
 void register_until_done(u32 generation);
 
 // The unregistration exchange with its surroundings, under whatever lock the caller needs: afterwards the
-// library is unregistered, or registered as before. 0, 2001 or the exchange's error.
-[[nodiscard]] u32 unregister_client();
+// library is unregistered, or registered as before. before_close runs once the daemon has agreed.
+// 0, 2001 or the exchange's error.
+[[nodiscard]] u32 unregister_client(void (*before_close)() = nullptr);
 
 }  // namespace scc
 

@@ -188,6 +188,21 @@ bool is_current(u32 generation)
     return g_generation.load(relaxed) == generation;
 }
 
+u32 current_generation()
+{
+    return g_generation.load(relaxed);
+}
+
+bool set_state_of(u32 generation, u32 state)
+{
+    const mutex_guard guard(g_connection_mutex);
+    if (!is_current(generation)) {
+        return false;
+    }
+    _scc_client_state_set(state);
+    return true;
+}
+
 bool install_descriptor(channel which, int fd, u32 generation)
 {
     const mutex_guard guard(g_connection_mutex);

@@ -43,6 +43,9 @@ class borrowed_descriptor {
 // Ends the current registration for good: its threads leave.
 void end_generation();
 [[nodiscard]] bool is_current(u32 generation);
+[[nodiscard]] u32 current_generation();
+// Sets the client state for this registration; false when it has ended.
+[[nodiscard]] bool set_state_of(u32 generation, u32 state);
 
 // Hands a connected descriptor over. False, and closed, when the registration has ended.
 [[nodiscard]] bool install_descriptor(channel which, int fd, u32 generation);

@@ -77,6 +77,21 @@ call_statistics read_statistics(u32 index)
             read(entry.callback_failures), read(entry.call_failures)};
 }
 
+// The display of ACLs reads a mode and, for a single ACL, three more words.
+bool debug_command_fits(const u8* value, u64 length)
+{
+    if (length < command_data_offset) {
+        return false;
+    }
+    if (load<u32>(value, command_offset) != command_show_acls) {
+        return true;
+    }
+    constexpr u64 mode_end = command_data_offset + 4;
+    constexpr u64 key_end = command_data_offset + 16;
+    const u32 mode = length < mode_end ? 0 : load<u32>(value, command_data_offset);
+    return length >= (mode == 1 || mode == 3 ? mode_end : key_end);
+}
+
 void reset_service_statistics()
 {
     service_statistics* block = __atomic_load_n(&ss_stat, __ATOMIC_RELAXED);

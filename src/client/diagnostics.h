@@ -38,6 +38,9 @@ struct call_statistics {
 // A consistent enough copy for the collected reply.
 [[nodiscard]] call_statistics read_statistics(u32 index);
 
+// Whether the value of a debug command holds everything that the command reads.
+[[nodiscard]] bool debug_command_fits(const u8* value, u64 length);
+
 }  // namespace scc
 
 extern "C" {

@@ -50,19 +50,6 @@ static_assert(item_table.size() == 18);
 static_assert(std::ranges::is_sorted(item_table, {}, &item_row::type) &&
               std::ranges::adjacent_find(item_table, {}, &item_row::type) == item_table.end());
 
-// The display of ACLs reads a mode and, for a single ACL, three more words.
-u64 debug_bytes(const u8* value, u64 length)
-{
-    constexpr u32 show = 3;
-    constexpr u64 mode_end = 40;
-    constexpr u64 key_end = 52;
-    if (load<u32>(value, 32) != show) {
-        return 0;
-    }
-    const u32 mode = length < mode_end ? 0 : load<u32>(value, 36);
-    return mode == 1 || mode == 3 ? mode_end : key_end;
-}
-
 // Items that carry a count of what follows, or a command with data, need more than their fixed part.
 bool is_long_enough(const item_row& row, const item& received)
 {
@@ -73,7 +60,7 @@ bool is_long_enough(const item_row& row, const item& received)
     const u8* value = received.value.data();
     switch (row.type) {
         case msg::debug:
-            return length >= debug_bytes(value, length);
+            return debug_command_fits(value, length);
         case msg::noflow_offline:
             return length >= 88 + u64{load<u32>(value, 80)};
         case msg::ace_counter:

@@ -5,6 +5,7 @@
 #include "client/delivery.h"
 #include "client/diagnostics.h"
 #include "client/log.h"
+#include "util/address_text.h"
 
 using namespace scc;
 
@@ -86,7 +87,7 @@ void _scc_lib_user_chg_notify_proc(const void* value)
         SCC_LOG("ignore user cfg notify msg");
         return;
     }
-    SCC_LOG("user(mac:%s, ip:%s) %s.", mac_show(at(value, 4)), ip_show(load<u32>(value, 32)),
+    SCC_LOG("user(mac:%s, ip:%s) %s.", mac_text(at(value, 4)).text, ipv4_text(load<u32>(value, 32)).text,
             choose(add, "add", "del"));
     const int outcome = handler(load<u8>(value, 16), at(value, 24), at(value, 80));
     count_callback(statistics, outcome == 0);
@@ -137,7 +138,7 @@ void _scc_lib_dirchn_notify_proc(const void* value)
 {
     SCC_NOTIFY(dirchn, (flag_at<8>, u32_at<4>),
                ("%s dirchn(ip:%s).", choose(load<u32>(value, 8) != 0, "add", "del"),
-                ip_show(load<u32>(value, 4))),
+                ipv4_text(load<u32>(value, 4)).text),
                ("ignore dirchn notify msg"));
 }
 
@@ -146,7 +147,7 @@ void _scc_lib_sp_violate_notify_proc(const void* value)
     SCC_NOTIFY(port_violate_notify, (u8_at<60>, pointer_at<violation_at>),
                ("%s ps violate(ifx:0x%x vid:%d mac:%s).", choose(load<u8>(value, 60) != 0, "add", "del"),
                 load<u32>(value, violation_at), load<u16>(value, violation_at + 4),
-                mac_show(at(value, violation_at + 6))),
+                mac_text(at(value, violation_at + 6)).text),
                ("ignore ps violate notify msg"));
 }
 
@@ -154,10 +155,10 @@ void _scc_lib_user_roll_notify_proc(const void* value)
 {
     SCC_NOTIFY(user_roll, (pointer_at<roll_at>),
                ("call user roll handler(ifx:0x%x, vid:%d, mac:%s, roll_type:%d).", load<u32>(value, roll_at),
-                load<u16>(value, roll_at + 4), mac_show(at(value, roll_at + 6)),
+                load<u16>(value, roll_at + 4), mac_text(at(value, roll_at + 6)).text,
                 load<u32>(value, roll_at + 12)),
                ("ignore user roll notify msg(ifx:0x%x, vid:%d, mac:%s, roll_type:%d).",
-                load<u32>(value, roll_at), load<u16>(value, roll_at + 4), mac_show(at(value, roll_at + 6)),
+                load<u32>(value, roll_at), load<u16>(value, roll_at + 4), mac_text(at(value, roll_at + 6)).text,
                 load<u32>(value, roll_at + 12)));
 }
 

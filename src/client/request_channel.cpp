@@ -51,12 +51,8 @@ constinit batch* g_scc_msg_send_q = nullptr;
 namespace scc {
 namespace {
 
-thread_local constinit u32 t_epoch = any_epoch;
-
-u32 epoch_of_this_thread()
-{
-    return t_epoch != any_epoch ? t_epoch : connection_epoch();
-}
+// Four bytes of the initial TLS block, so that no call into the dynamic linker is needed.
+[[gnu::tls_model("initial-exec")]] thread_local constinit u32 t_epoch = any_epoch;
 
 int pid_now()
 {
@@ -224,6 +220,11 @@ u32 receive_body(int fd, const u8* header, u32 length, void** out)
 
 }  // namespace
 
+u32 epoch_of_this_thread()
+{
+    return t_epoch != any_epoch ? t_epoch : connection_epoch();
+}
+
 connection_scope::connection_scope() : before_(t_epoch)
 {
     t_epoch = connection_epoch();
@@ -234,26 +235,31 @@ connection_scope::~connection_scope()
     t_epoch = before_;
 }
 
-void flush_waiting_batch()
+namespace {
+
+// Sends the batch with the checker's patience; the error that ended the connection, or 0.
+u32 flush_patiently(u32& epoch)
 {
     const write_guard guard(scc_send_buf_lock);
     if (g_scc_msg_send_q == nullptr || g_scc_msg_send_q->count == 0) {
-        return;
+        return result::ok;
     }
-    const u32 epoch = g_scc_msg_send_q->epoch;
+    epoch = g_scc_msg_send_q->epoch;
     if (epoch != connection_epoch()) {
         _scc_lib_send_buff_init();
-        return;
+        return result::ok;
     }
     log_flush("thread");
     u32 retries = 0;
+    u32 error = result::ok;
     for (;;) {
-        const u32 error = send_on(channel::async, epoch, g_scc_msg_send_q->message,
+        error = send_on(channel::async, epoch, g_scc_msg_send_q->message,
                                   wire::header_bytes + g_scc_msg_send_q->used);
         if (error == result::try_again) {
             if (++retries > limits::send_retries) {
-                SCC_LOG("_scc_msg_send retry %d times. Reason:%s(%d).", retries, scc_strerror(static_cast<i32>(error)),
-                        error);
+                SCC_LOG("_scc_msg_send retry %d times. Reason:%s(%d).", retries,
+                        scc_strerror(static_cast<i32>(error)), error);
+                error = result::ok;
                 break;
             }
             SCC_LOG("_scc_msg_send retry to send %d times. Reason:%s(%d).", retries,
@@ -263,11 +269,29 @@ void flush_waiting_batch()
         }
         if (error != result::ok) {
             SCC_LOG("(app id:%d, pid:%d)send  message error,ret:%d!", app_id_now(), pid_now(), error);
-            (void)close_descriptors_of(epoch);
         }
         break;
     }
     _scc_lib_send_buff_init();
+    return error;
+}
+
+}  // namespace
+
+// Closing makes the receive thread register again. An event loop would not notice a descriptor that was
+// closed under it, so the agent is told.
+void flush_waiting_batch()
+{
+    u32 epoch = any_epoch;
+    if (flush_patiently(epoch) == result::ok) {
+        return;
+    }
+    const auto recover = g_agent_recovery.load(relaxed);
+    if (g_scc_client_cb.thread_mode.load(relaxed) == 1 || recover == nullptr) {
+        (void)close_descriptors_of(epoch);
+    } else if (app_id_now() != 0) {
+        recover(epoch);
+    }
 }
 
 }  // namespace scc

@@ -43,6 +43,9 @@ class connection_scope {
     u32 before_;
 };
 
+// The epoch of the thread's scope, or of the connection as it stands.
+[[nodiscard]] u32 epoch_of_this_thread();
+
 // The checker's part: sends the batch, if there is one.
 void flush_waiting_batch();
 

@@ -1,73 +1,90 @@
-// Addresses as text for log lines. Each formatter has one buffer a thread: two calls of the same one in a
-// statement show the later text, so callers take different formatters for two addresses.
+// The formatters for log lines, and the exported ones with their static buffers.
+#include "util/address_text.h"
+
 #include <arpa/inet.h>
 
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
 
-#include "msg/protocol.h"
 #include "scclib.h"
+
+namespace scc {
+
+address_text ipv4_text(u32 network_order)
+{
+    const u32 host = ntohl(network_order);
+    address_text out{};
+    std::snprintf(out.text, sizeof out.text, "%u.%u.%u.%u", host >> 24U, (host >> 16U) & 0xFFU,
+                  (host >> 8U) & 0xFFU, host & 0xFFU);
+    return out;
+}
+
+address_text ipv6_text(const in6_addr& address)
+{
+    address_text out{};
+    inet_ntop(AF_INET6, &address, out.text, sizeof out.text);
+    return out;
+}
+
+address_text mac_text(const u8* mac)
+{
+    address_text out{};
+    std::snprintf(out.text, sizeof out.text, "%02x%02x.%02x%02x.%02x%02x", mac[0], mac[1], mac[2], mac[3],
+                  mac[4], mac[5]);
+    return out;
+}
 
 namespace {
 
-struct text_buffer {
+// One buffer a formatter, as its users expect: the text lasts until the formatter's next call.
+struct static_text {
     char text[128];
 };
 
-const char* show_ipv4(text_buffer& out, scc::u32 address)
+const char* keep(static_text& buffer, const address_text& shown)
 {
-    const scc::u32 host = ntohl(address);
-    std::memset(out.text, 0, sizeof out.text);
-    std::snprintf(out.text, sizeof out.text, "%u.%u.%u.%u", host >> 24U, (host >> 16U) & 0xFFU,
-                  (host >> 8U) & 0xFFU, host & 0xFFU);
-    return out.text;
+    std::memset(buffer.text, 0, sizeof buffer.text);
+    std::memcpy(buffer.text, shown.text, sizeof shown.text);
+    return buffer.text;
 }
 
-const char* show_ipv6(text_buffer& out, const in6_addr& address)
-{
-    std::memset(out.text, 0, sizeof out.text);
-    inet_ntop(AF_INET6, &address, out.text, INET6_ADDRSTRLEN);
-    return out.text;
-}
+constinit static_text g_ip_text{};
+constinit static_text g_mask_text{};
+constinit static_text g_ipv6_text{};
+constinit static_text g_ipv6_mask_text{};
+constinit static_text g_mac_text{};
 
 }  // namespace
+}  // namespace scc
+
+using namespace scc;
 
 extern "C" {
 
 const char* ip_show(uint32_t ip)
 {
-    thread_local constinit text_buffer buffer{};
-    return show_ipv4(buffer, ip);
+    return keep(g_ip_text, ipv4_text(ip));
 }
 
 const char* mask_show(uint32_t mask)
 {
-    thread_local constinit text_buffer buffer{};
-    return show_ipv4(buffer, mask);
+    return keep(g_mask_text, ipv4_text(mask));
 }
 
 const char* ipv6_show(struct in6_addr address)
 {
-    thread_local constinit text_buffer buffer{};
-    return show_ipv6(buffer, address);
+    return keep(g_ipv6_text, ipv6_text(address));
 }
 
 const char* ipv6_mask_show(struct in6_addr mask)
 {
-    thread_local constinit text_buffer buffer{};
-    return show_ipv6(buffer, mask);
+    return keep(g_ipv6_mask_text, ipv6_text(mask));
 }
 
 const char* mac_show(const uint8_t* mac)
 {
-    thread_local constinit text_buffer buffer{};
-    std::memset(buffer.text, 0, sizeof buffer.text);
-    if (mac != nullptr) {
-        std::snprintf(buffer.text, sizeof buffer.text, "%02x%02x.%02x%02x.%02x%02x", mac[0], mac[1], mac[2],
-                      mac[3], mac[4], mac[5]);
-    }
-    return buffer.text;
+    return keep(g_mac_text, mac == nullptr ? address_text{} : mac_text(mac));
 }
 
 uint32_t ip_set(int a, int b, int c, int d)

@@ -1,0 +1,227 @@
+// The configuration requests of applications: each is its row and its arguments. Any thread.
+#include <cstdlib>
+#include <cstring>
+
+#include "api/request.h"
+
+using namespace scc;
+
+static_assert(sizeof(scc_config_record) == record::config);
+static_assert(offsetof(scc_config_record, form) == 16);
+static_assert(sizeof(scc_neighbour_record) == record::neighbour);
+static_assert(sizeof(scc_vlan_record) == record::direct_vlan);
+
+// clang-format off
+#define SCC_RECORD_REQUEST(function, type, kind)                                       \
+    uint32_t function(const struct scc_config_record* record, uint32_t* call_id_out)   \
+    {                                                                                  \
+        return record_request({type, kind}, record, call_id_out);                      \
+    }
+
+extern "C" {
+
+SCC_RECORD_REQUEST(scc_d1x_authen_method,      msg::d1x_authen_method,  1)
+SCC_RECORD_REQUEST(scc_d1x_author_mode_set,    msg::d1x_author_mode,    2)
+SCC_RECORD_REQUEST(scc_d1x_port_addr_num,      msg::d1x_port_addr_num,  3)
+SCC_RECORD_REQUEST(scc_d1x_port_open,          msg::d1x_port_open,      4)
+SCC_RECORD_REQUEST(scc_d1x_set_pt_ctrl,        msg::d1x_pt_ctrl,        5)
+SCC_RECORD_REQUEST(scc_d1x_set_cos,            msg::d1x_cos,            6)
+SCC_RECORD_REQUEST(scc_d1x_set_dscp,           msg::d1x_dscp,           7)
+SCC_RECORD_REQUEST(scc_webauth_set,            msg::webauth,           10)
+SCC_RECORD_REQUEST(scc_sp_port_secuity,        msg::port_security,     16)
+SCC_RECORD_REQUEST(scc_sp_port_violate,        msg::port_violate,      60)
+SCC_RECORD_REQUEST(scc_global_ip_mac,          msg::global_ip_mac,     18)
+SCC_RECORD_REQUEST(scc_ip_source_guard_status, msg::ip_source_guard,   19)
+SCC_RECORD_REQUEST(scc_bind_except_port,       msg::bind_except_port,  20)
+SCC_RECORD_REQUEST(scc_dhcp_trust_port,        msg::dhcp_trust_port,   21)
+SCC_RECORD_REQUEST(scc_nd_snooping_set,        msg::nd_snooping,       53)
+SCC_RECORD_REQUEST(scc_arpcheck,               msg::arpcheck,          22)
+SCC_RECORD_REQUEST(scc_arpcheck_trust,         msg::arpcheck_trust,    55)
+SCC_RECORD_REQUEST(scc_nac_esc_eport_set,      msg::nac_esc_eport,     25)
+SCC_RECORD_REQUEST(scc_nac_app_set,            msg::nac_app,           26)
+// clang-format on
+
+uint32_t scc_dot1x_redirect_enable(int value, uint32_t* call_id_out)
+{
+    return scalar_request({msg::d1x_redirect, 8}, call_id_out, low_byte{value});
+}
+
+uint32_t scc_d1x_mac_move(int value, uint32_t* call_id_out)
+{
+    return scalar_request({msg::d1x_mac_move, 9}, call_id_out, low_byte{value});
+}
+
+uint32_t scc_http_dport_set(uint16_t port, uint8_t flag, uint32_t* call_id_out)
+{
+    return scalar_request({msg::http_dport, 11}, call_id_out, port, flag);
+}
+
+uint32_t scc_dirchn_host_set(uint32_t first, uint32_t second, uint8_t third, uint32_t fourth, uint8_t fifth,
+                             uint32_t* call_id_out)
+{
+    return scalar_request({msg::dirchn_host, 12}, call_id_out, first, second, third, fourth, fifth);
+}
+
+uint32_t scc_dirchn_server_set(uint32_t first, uint8_t second, uint32_t* call_id_out)
+{
+    return scalar_request({msg::dirchn_server, 13}, call_id_out, first, second);
+}
+
+uint32_t scc_dirchn_site_set(uint32_t first, uint32_t second, uint8_t third, uint8_t fourth,
+                             uint32_t* call_id_out)
+{
+    return scalar_request({msg::dirchn_site, 14}, call_id_out, first, second, third, fourth);
+}
+
+// The daemon expects a constant 1 in front of the last argument.
+uint32_t scc_dirchn_arp_set(uint32_t first, uint32_t second, uint8_t third, uint32_t* call_id_out)
+{
+    return scalar_request({msg::dirchn_arp, 15}, call_id_out, first, second, u8{1}, third);
+}
+
+uint32_t scc_addr_learning(uint32_t ifx, uint8_t enable, uint32_t* call_id_out)
+{
+    return scalar_request({msg::addr_learning, 23}, call_id_out, ifx, enable);
+}
+
+uint32_t scc_nac_esc_set(uint32_t value, const struct scc_acl_key* key, uint8_t flag, uint32_t* call_id_out)
+{
+    if (const u32 error = _scc_lib_acl_info_check(key); error != result::ok) {
+        return error;
+    }
+    return scalar_request({msg::nac_esc, 24}, call_id_out, value, *key, flag);
+}
+
+uint32_t scc_ndsnp_default_bind_set(uint32_t first, uint32_t second, uint8_t third, uint32_t* call_id_out)
+{
+    return scalar_request({msg::ndsnp_default_bind, 28}, call_id_out, first, second, third);
+}
+
+uint32_t scc_acl_global_eport_set(uint32_t ifx, uint8_t value, uint32_t* call_id_out)
+{
+    if (ifx == 0 || ifx > limits::ifx_max) {
+        SCC_LOG("scclib param invalid. ifx invalid");
+        return result::invalid;
+    }
+    return scalar_request({msg::global_eport, 44}, call_id_out, ifx, value, unset_slot{});
+}
+
+uint32_t scc_svi_router_acl_set(uint8_t value, uint32_t* call_id_out)
+{
+    return scalar_request({msg::svi_router_acl, 45}, call_id_out, value);
+}
+
+// Payload and saved data carry the two arguments in opposite orders.
+uint32_t scc_cpp_set(int type, uint8_t enable, uint32_t* call_id_out)
+{
+    if (type != 0) {
+        return result::invalid;
+    }
+    request call({msg::cpp, 54}, call_id_out);
+    if (!call.begin()) {
+        return result::unavailable;
+    }
+    std::array<u8, 5> saved{};
+    store<i32>(saved.data(), 0, type);
+    saved[4] = enable;
+    payload<12> sent(call.call_id());
+    sent.put(4, enable).put(8, type);
+    return call.finish(saved, sent.bytes);
+}
+
+uint32_t scc_nac_nbr_set(const struct scc_neighbour_record* record, uint8_t flag, uint32_t* call_id_out)
+{
+    if (record == nullptr) {
+        SCC_LOG("scclib param invalid.");
+        return result::invalid;
+    }
+    request call({msg::nac_neighbour, 30}, call_id_out);
+    if (!call.begin()) {
+        return result::unavailable;
+    }
+    std::array<u8, record::neighbour + 1> saved{};
+    store(saved.data(), 0, *record);
+    saved[record::neighbour] = flag;
+    payload<928> sent(call.call_id());
+    sent.put(8, *record).put(8 + record::neighbour, flag);
+    return call.finish(saved, sent.bytes);
+}
+
+// The payload itself, call id included, is what the result gets.
+uint32_t scc_offline_detect_cfg(int open, uint32_t interval, uint32_t threshold, uint32_t* call_id_out)
+{
+    request call({msg::offline_detect_cfg, 57}, call_id_out);
+    if (!call.begin()) {
+        return result::unavailable;
+    }
+    payload<16> sent(call.call_id());
+    sent.put(4, open).put(8, interval).put(12, threshold);
+    return call.finish(sent.bytes, sent.bytes);
+}
+
+uint32_t scc_direct_vlan_set(int value, const struct scc_vlan_record* vlans, uint32_t* call_id_out)
+{
+    if (vlans == nullptr) {
+        return result::invalid;
+    }
+    request call({msg::direct_vlan, 58}, call_id_out);
+    if (!call.begin()) {
+        return result::unavailable;
+    }
+    payload<8 + record::direct_vlan> sent(call.call_id());
+    sent.put(4, value).put(8, *vlans);
+    return call.finish(sent.bytes, sent.bytes);
+}
+
+// The form is looked at behind the state test, and the call id is used up: deliberate.
+uint32_t scc_dhcp_snooping_set(const struct scc_config_record* record, uint32_t* call_id_out)
+{
+    constexpr u32 first_form = 9;
+    constexpr u32 second_form = 10;
+    if (record == nullptr) {
+        SCC_LOG("scclib param invalid.");
+        return result::invalid;
+    }
+    request call({msg::dhcp_snooping, 51}, call_id_out);
+    if (!call.begin()) {
+        return result::unavailable;
+    }
+    if (record->form != first_form && record->form != second_form) {
+        return result::invalid;
+    }
+    if (record->form == second_form) {
+        call.become({msg::dhcp_snooping_second, 52});
+    }
+    payload<record_payload_bytes> sent(call.call_id());
+    sent.put(record_payload_offset, *record);
+    return call.finish(bytes_of(*record), sent.bytes);
+}
+
+uint32_t scc_efacl_ctrl(const void* data, uint32_t data_bytes, uint32_t* call_id_out)
+{
+    if (data == nullptr || static_cast<i32>(data_bytes) <= 0) {
+        SCC_LOG("scclib param invalid. data:%p, len:%d", data, data_bytes);
+        return result::invalid;
+    }
+    request call({msg::efacl_ctrl, 50}, call_id_out);
+    if (!call.begin()) {
+        return result::unavailable;
+    }
+    if (const u32 error = call.save({static_cast<const u8*>(data), data_bytes}); error != result::ok) {
+        return error;
+    }
+    constexpr std::size_t head_bytes = 8;
+    const std::size_t total = head_bytes + data_bytes;
+    auto* sent = total > static_cast<std::size_t>(INT32_MAX) ? nullptr : static_cast<u8*>(std::malloc(total));
+    if (sent == nullptr) {
+        _scc_lib_del_call_data(call.call_id());
+        return result::no_memory;
+    }
+    store<u32>(sent, 0, call.call_id());
+    store<u32>(sent, 4, data_bytes);
+    std::memcpy(sent + head_bytes, data, data_bytes);
+    const u32 error = call.send({sent, total});
+    std::free(sent);
+    return error;
+}
+}

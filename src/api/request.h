@@ -1,0 +1,149 @@
+// The engine of asynchronous requests.
+//
+// A request is a row (message type, request kind, what is counted), the data that its result will need,
+// and its payload. Payloads begin with the call id. Scalar requests derive both from their arguments:
+// saved data are the arguments packed in their own widths, the payload is the same in 4-byte slots.
+#pragma once
+
+#include <array>
+#include <span>
+
+#include "client/acl_cache.h"
+#include "client/control_block.h"
+#include "client/diagnostics.h"
+#include "client/locks.h"
+#include "client/log.h"
+#include "client/pending_calls.h"
+#include "client/request_channel.h"
+#include "msg/bytes.h"
+#include "msg/result_codes.h"
+#include "scclib.h"
+
+namespace scc {
+
+inline constexpr u32 not_counted = stat_entries;
+
+struct request_row {
+    u16 type;
+    u32 kind;
+    u32 statistics = not_counted;
+};
+
+// The library's lock for the length of a call, which belongs to one connection throughout.
+class locked_call {
+  public:
+    locked_call() : guard_(scc_lib_lock) {}
+
+    // Logs when the application is not registered.
+    [[nodiscard]] bool is_registered(const char* function = __builtin_FUNCTION(), int line = __builtin_LINE());
+
+  private:
+    write_guard guard_;
+    connection_scope scope_;
+};
+
+// A request whose arguments have been checked, from the lock to the call id that is handed out.
+class request {
+  public:
+    request(const request_row& row, u32* call_id_out) : row_(row), call_id_out_(call_id_out) {}
+
+    // Takes the call id; false when the application is not registered.
+    [[nodiscard]] bool begin();
+    [[nodiscard]] u32 call_id() const { return call_id_; }
+    // Saves the data and sends the payload.
+    [[nodiscard]] u32 finish(std::span<const u8> saved, std::span<const u8> payload);
+    // The two halves of finish.
+    [[nodiscard]] u32 save(std::span<const u8> saved);
+    [[nodiscard]] u32 send(std::span<const u8> payload);
+    // The row may be chosen late.
+    void become(const request_row& row) { row_ = row; }
+
+  private:
+    request_row row_;
+    u32* call_id_out_;
+    u32 call_id_ = 0;
+    locked_call call_;
+};
+
+// A zeroed payload that begins with the call id.
+template <std::size_t Size>
+struct payload {
+    std::array<u8, Size> bytes{};
+
+    explicit payload(u32 call_id) { store<u32>(bytes.data(), 0, call_id); }
+
+    template <class T>
+    payload& put(std::size_t offset, const T& value)
+    {
+        store<T>(bytes.data(), offset, value);
+        return *this;
+    }
+};
+
+template <class T>
+[[nodiscard]] std::span<const u8> bytes_of(const T& value)
+{
+    return {reinterpret_cast<const u8*>(&value), sizeof value};
+}
+
+// An int argument whose result handler gets the low byte.
+struct low_byte {
+    int value;
+};
+
+// Four zero bytes of the payload that are not saved.
+struct unset_slot {};
+
+namespace request_detail {
+
+template <class T>
+struct field {
+    static constexpr std::size_t saved_bytes = sizeof(T);
+    static constexpr std::size_t slot_bytes = sizeof(T) < sizeof(u32) ? sizeof(u32) : sizeof(T);
+    static void save(u8* at, const T& value) { store<T>(at, 0, value); }
+    static void fill(u8* at, const T& value) { store<T>(at, 0, value); }
+};
+
+template <>
+struct field<low_byte> {
+    static constexpr std::size_t saved_bytes = 1;
+    static constexpr std::size_t slot_bytes = sizeof(u32);
+    static void save(u8* at, low_byte field) { *at = static_cast<u8>(field.value); }
+    static void fill(u8* at, low_byte field) { store<i32>(at, 0, field.value); }
+};
+
+template <>
+struct field<unset_slot> {
+    static constexpr std::size_t saved_bytes = 0;
+    static constexpr std::size_t slot_bytes = sizeof(u32);
+    static void save(u8* /*at*/, unset_slot /*field*/) {}
+    static void fill(u8* /*at*/, unset_slot /*field*/) {}
+};
+
+}  // namespace request_detail
+
+template <class... Fields>
+[[nodiscard]] u32 scalar_request(const request_row& row, u32* call_id_out, const Fields&... fields)
+{
+    using request_detail::field;
+    request call(row, call_id_out);
+    if (!call.begin()) {
+        return result::unavailable;
+    }
+    std::array<u8, (std::size_t{0} + ... + field<Fields>::saved_bytes)> saved{};
+    payload<(sizeof(u32) + ... + field<Fields>::slot_bytes)> sent(call.call_id());
+    u8* save_at = saved.data();
+    u8* fill_at = sent.bytes.data() + sizeof(u32);
+    ((field<Fields>::save(save_at, fields), save_at += field<Fields>::saved_bytes,
+      field<Fields>::fill(fill_at, fields), fill_at += field<Fields>::slot_bytes),
+     ...);
+    return call.finish(saved, sent.bytes);
+}
+
+inline constexpr std::size_t record_payload_offset = 8;
+inline constexpr std::size_t record_payload_bytes = record_payload_offset + record::config;
+
+// A request that carries the caller's 736-byte record behind a gap of 4 zero bytes.
+[[nodiscard]] u32 record_request(const request_row& row, const scc_config_record* record, u32* call_id_out);
+
+}  // namespace scc

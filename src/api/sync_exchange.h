@@ -1,0 +1,48 @@
+// The engine of synchronous queries: one request and one reply on the synchronous socket, under the
+// library's lock. A reply too short for a field that the call reads is malformed; nothing behind it is read.
+#pragma once
+
+#include <span>
+
+#include "api/request.h"
+
+namespace scc {
+
+struct exchange_row {
+    u16 request_type;
+    u16 reply_type;
+    const char* reply_name;  // in the log of a reply of another type
+};
+
+class sync_exchange {
+  public:
+    sync_exchange() = default;
+    ~sync_exchange();
+    sync_exchange(const sync_exchange&) = delete;
+    sync_exchange& operator=(const sync_exchange&) = delete;
+
+    [[nodiscard]] u32 send(const exchange_row& row, std::span<const u8> payload) const;
+    [[nodiscard]] u32 receive(const exchange_row& row);
+    [[nodiscard]] u32 run(const exchange_row& row, std::span<const u8> payload);
+
+    // Reads a field of the reply's first item; false when it is not there.
+    template <class T>
+    [[nodiscard]] bool read(std::size_t offset, T& out) const
+    {
+        if (offset + sizeof(T) > value_.size()) {
+            return false;
+        }
+        out = load<T>(value_.data(), offset);
+        return true;
+    }
+
+    [[nodiscard]] std::span<const u8> value() const { return value_; }
+    // Whether a whole reply came, of whatever type.
+    [[nodiscard]] bool has_reply() const { return message_ != nullptr; }
+
+  private:
+    void* message_ = nullptr;
+    std::span<const u8> value_;
+};
+
+}  // namespace scc

@@ -1,0 +1,40 @@
+// The id/type map: for each call id of the daemon, the scc-types of its requests that await a result, the
+// oldest first. Shared by all operations, guarded by scc_ss_lock, which is taken inside scc_lib_lock where
+// both are held. It survives a reconnection; the service's registration empties it.
+#pragma once
+
+#include <pthread.h>
+
+#include "msg/protocol.h"
+#include "util/list.h"
+#include "util/rbtree.h"
+
+namespace scc {
+
+struct scc_ss_type_node {
+    list_node link;
+    u16 scc_type;
+};
+
+// Exists only while its list holds a type.
+struct scc_ss_id_node {
+    rb_node link;
+    list_node types;
+    u32 id;
+};
+
+void empty_id_map();
+
+}  // namespace scc
+
+extern "C" {
+extern pthread_rwlock_t scc_ss_lock;
+extern scc::rb_root g_ss_id_map_root;
+
+void _scc_ss_save_idtype(scc::u32 id, scc::u16 scc_type);
+[[nodiscard]] scc::u16 _scc_ss_get_type(scc::u32 id);
+[[nodiscard]] scc::scc_ss_id_node* _scc_ss_find_idtype(scc::u32 id);
+// False when the id is there already.
+[[nodiscard]] bool _scc_ss_add_idtype(scc::scc_ss_id_node* node);
+void _scc_ss_retlist_dump();
+}

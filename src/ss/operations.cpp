@@ -1,0 +1,299 @@
+// The ACL family: an operation record on the stack, the handler under scc_lib_lock, a missing handler
+// answered with success, so that a service that leaves one out does not hold the daemon up.
+#include "ss/operations.h"
+
+#include <sys/time.h>
+
+#include <cstring>
+
+#include "client/control_block.h"
+#include "client/diagnostics.h"
+#include "client/locks.h"
+#include "client/log.h"
+#include "client/request_channel.h"
+#include "msg/bytes.h"
+#include "ss/callbacks.h"
+#include "ss/id_map.h"
+#include "ss/service.h"
+
+using namespace scc;
+
+static_assert(sizeof(scc_ss_acl_operation) == 48);
+static_assert(sizeof(scc_ss_ace_operation) == 960);
+static_assert(sizeof(scc_ss_apply_operation) == 280);
+static_assert(sizeof(scc_ss_resequence_operation) == 56);
+static_assert(sizeof(scc_ss_svi_operation) == 40);
+static_assert(sizeof(scc_ss_counter_operation) == 72);
+static_assert(sizeof(scc_ss_eport_operation) == 48);
+static_assert(sizeof(scc_ss_cpp_operation) == 40);
+static_assert(offsetof(scc_ss_acl_operation, key) == 28);
+static_assert(offsetof(scc_ss_counter_operation, ace) == 48);
+
+namespace scc {
+namespace {
+
+// One of the two handlers that a family member chooses between.
+struct branch {
+    u32 op;
+    const char* word;     // in the log
+    const char* handler;  // the handler's name in the log
+};
+
+template <class Record>
+struct member {
+    scc_ss_ret_callback callback;
+    bool counts_calls;   // under the operation code
+    bool logs_success;
+    void (*log)(const u8* value, const char* word);
+    void (*fill)(Record& record, const u8* value);
+};
+
+template <auto Slot, class Record>
+i32 run(const member<Record>& family, const branch& chosen, u16 scc_type, const void* value)
+{
+    const write_guard guard(scc_lib_lock);
+    const auto* bytes = static_cast<const u8*>(value);
+    family.log(bytes, chosen.word);
+    const u32 id = load<u32>(bytes);
+    _scc_ss_save_idtype(id, scc_type);
+    if (family.counts_calls) {
+        _scc_lib_func_call_succ(chosen.op);
+    }
+    Record operation;
+    std::memset(&operation, 0, sizeof operation);
+    operation.id = id;
+    operation.callback = family.callback;
+    operation.flag = 1;
+    family.fill(operation, bytes);
+    const auto handler = load_handler(g_scc_ss_cb.*Slot);
+    if (handler == nullptr) {
+        SCC_LOG("%s is NULL", chosen.handler);
+        operation.ret = 0;
+        operation.op = chosen.op;
+        family.callback(&operation, sizeof operation);
+        return 0;
+    }
+    const i32 outcome = handler(&operation);
+    if (outcome != 0) {
+        SCC_LOG("call %s failed. %d.", chosen.handler, outcome);
+    } else if (family.logs_success) {
+        SCC_LOG("call %s success.", chosen.handler);
+    }
+    return outcome;
+}
+
+using H = service_handlers;
+
+constexpr member<scc_ss_acl_operation> acl_member{
+    _scc_ss_acl_op_ret_callback, true, true,
+    [](const u8*, const char* word) { SCC_LOG("call _scc_ss_acl_op %s", word); },
+    [](scc_ss_acl_operation& record, const u8* value) { record.key = load<scc_acl_key>(value, 4); }};
+
+constexpr member<scc_ss_ace_operation> ace_member{
+    _scc_ss_ace_op_ret_callback, true, true,
+    [](const u8*, const char* word) { SCC_LOG("call _scc_ss_ace_op %s", word); },
+    [](scc_ss_ace_operation& record, const u8* value) {
+        record.key = load<scc_acl_key>(value, 4);
+        std::memcpy(&record.ace, value + 24, sizeof record.ace);
+    }};
+
+// The record's key is what stands at offset 4, as in the rest of the family; the ACL's own key begins the
+// apply record behind it.
+constexpr member<scc_ss_apply_operation> apply_member{
+    _scc_ss_acl_apply_op_ret_callback, true, false,
+    [](const u8*, const char* word) { SCC_LOG("call _scc_ss_acl_apply_op %s", word); },
+    [](scc_ss_apply_operation& record, const u8* value) {
+        record.key = load<scc_acl_key>(value, 4);
+        std::memcpy(&record.apply, value + 8, sizeof record.apply);
+    }};
+
+constexpr member<scc_ss_resequence_operation> reseq_member{
+    _scc_ss_acl_reseq_op_ret_callback, false, false,
+    [](const u8* value, const char*) {
+        SCC_LOG("call _scc_ss_acl_reseq_op acl(id:%d, type:%d), sn_start:%d, sn_inc:%d", load<u32>(value, 12),
+                load<u32>(value, 8), load<u32>(value, 20), load<u32>(value, 24));
+    },
+    [](scc_ss_resequence_operation& record, const u8* value) {
+        record.key = load<scc_acl_key>(value, 4);
+        record.sn_start = load<u32>(value, 20);
+        record.sn_inc = load<u32>(value, 24);
+    }};
+
+constexpr member<scc_ss_svi_operation> svi_member{
+    _scc_ss_svi_router_acl_op_ret_callback, false, false,
+    [](const u8*, const char* word) { SCC_LOG("call _scc_ss_svi_router_acl_op (%s)", word); },
+    [](scc_ss_svi_operation& record, const u8* value) { record.open = load<u32>(value, 4); }};
+
+constexpr member<scc_ss_counter_operation> acl_counter_member{
+    _scc_ss_acl_counter_op_ret_callback, false, false,
+    [](const u8*, const char* word) { SCC_LOG("call _scc_ss_acl_counter_op (%s)", word); },
+    [](scc_ss_counter_operation& record, const u8* value) {
+        record.key = load<scc_acl_key>(value, 4);
+        record.sync = load<u32>(value, 32);
+    }};
+
+constexpr member<scc_ss_counter_operation> ace_counter_member{
+    _scc_ss_ace_counter_op_ret_callback, false, false,
+    [](const u8*, const char* word) { SCC_LOG("call _scc_ss_ace_counter_op (%s)", word); },
+    [](scc_ss_counter_operation& record, const u8* value) {
+        record.key = load<scc_acl_key>(value, 4);
+        record.ace = load<u64>(value, 24);
+        record.sync = load<u32>(value, 32);
+    }};
+
+constexpr member<scc_ss_eport_operation> eport_member{
+    _scc_ss_global_eport_ret_callback, false, false,
+    [](const u8* value, const char* word) {
+        SCC_LOG("call _scc_ss_global_eport (%s, type:%d)", word, load<u32>(value, 4));
+    },
+    [](scc_ss_eport_operation& record, const u8* value) {
+        record.ifx = load<u32>(value, 4);
+        record.set = load<u32>(value, 8);
+    }};
+
+constexpr member<scc_ss_cpp_operation> cpp_member{
+    _scc_ss_cpp_ret_callback, false, false,
+    [](const u8*, const char* word) { SCC_LOG("call _scc_ss_cpp_op (%s)", word); },
+    [](scc_ss_cpp_operation& record, const u8* value) {
+        record.set = load<u32>(value, 4);
+        record.type = load<u32>(value, 8);
+    }};
+
+const char* choose(const void* value, std::size_t offset, const char* yes, const char* no)
+{
+    return load<u32>(value, offset) != 0 ? yes : no;
+}
+
+}  // namespace
+}  // namespace scc
+
+extern "C" {
+
+i32 _scc_ss_acl_op(u16 scc_type, const void* value)
+{
+    if (load<u32>(value, 136) == 1) {
+        return run<&H::acl_create>(acl_member, {SCC_SS_OP_CREATE, "create", "ss_acl_create_handler"}, scc_type,
+                                   value);
+    }
+    return run<&H::acl_delete>(acl_member, {SCC_SS_OP_DELETE, "delete", "ss_acl_delete_handler"}, scc_type,
+                               value);
+}
+
+i32 _scc_ss_ace_op(u16 scc_type, const void* value)
+{
+    if (load<u32>(value, 936) == 1) {
+        return run<&H::add_ace>(ace_member, {SCC_SS_OP_ADD_ACE, "add", "ss_acl_add_ace_handler"}, scc_type,
+                                value);
+    }
+    return run<&H::delete_ace>(ace_member, {SCC_SS_OP_DELETE_ACE, "del", "ss_acl_del_ace_handler"}, scc_type,
+                               value);
+}
+
+i32 _scc_ss_acl_apply_op(u16 scc_type, const void* value)
+{
+    if (load<u32>(value, 240) == 1) {
+        return run<&H::apply>(apply_member, {SCC_SS_OP_APPLY, "apply", "ss_acl_apply_handler"}, scc_type,
+                              value);
+    }
+    return run<&H::unapply>(apply_member, {SCC_SS_OP_UNAPPLY, "unapply", "ss_acl_unapply_handler"}, scc_type,
+                            value);
+}
+
+i32 _scc_ss_acl_reseq_op(u16 scc_type, const void* value)
+{
+    return run<&H::resequence>(reseq_member, {SCC_SS_OP_RESEQUENCE, "", "ss_acl_reseq_handler"}, scc_type,
+                               value);
+}
+
+i32 _scc_ss_svi_router_acl_op(u16 scc_type, const void* value)
+{
+    return run<&H::svi_router_acl>(
+        svi_member,
+        {SCC_SS_OP_SVI_ROUTER_ACL, choose(value, 4, "open", "close"), "ss_svi_router_acl_handler"}, scc_type,
+        value);
+}
+
+i32 _scc_ss_acl_counter_op(u16 scc_type, const void* value)
+{
+    return run<&H::acl_counter>(acl_counter_member,
+                                {SCC_SS_OP_COUNTER, choose(value, 32, "query", "set"), "ss_acl_counter_handler"},
+                                scc_type, value);
+}
+
+i32 _scc_ss_ace_counter_op(u16 scc_type, const void* value)
+{
+    return run<&H::ace_counter>(ace_counter_member,
+                                {SCC_SS_OP_COUNTER, choose(value, 32, "query", "set"), "ss_ace_counter_handler"},
+                                scc_type, value);
+}
+
+i32 _scc_ss_global_eport_op(u16 scc_type, const void* value)
+{
+    return run<&H::uplink>(eport_member,
+                           {SCC_SS_OP_GLOBAL_EPORT, choose(value, 8, "set", "unset"), "ss_uplink_handler"},
+                           scc_type, value);
+}
+
+i32 _scc_ss_cpp_op(u16 scc_type, const void* value)
+{
+    return run<&H::cpp>(cpp_member, {SCC_SS_OP_CPP, choose(value, 4, "set", "unset"), "ss_cpp_handler"},
+                        scc_type, value);
+}
+
+// Answered at once, whatever happened; nothing is saved in the id/type map.
+i32 _scc_ss_data_recover_op(u16 /*scc_type*/, const void* value)
+{
+    const write_guard guard(scc_lib_lock);
+    const u8 start = load<u8>(value, 8);
+    SCC_LOG("call _scc_ss_data_recover_op (appid:%d, oper:%s)", load<u32>(value, 4),
+            start == 1 ? "start" : "end");
+    i32 outcome = 0;
+    if (const auto handler = load_handler(g_scc_ss_cb.data_recover); handler == nullptr) {
+        SCC_LOG("ss_data_recover_handler is NULL.");
+    } else if (outcome = handler(start); outcome != 0) {
+        SCC_LOG("call ss_data_recover_handler failed. %d.", outcome);
+    } else {
+        SCC_LOG("call ss_data_recover_handler success.");
+    }
+    _scc_ss_data_recover_callback(static_cast<u32>(outcome), load<u32>(value));
+    return outcome;
+}
+
+i32 _scc_offline_detect_cfg_op(u16 scc_type, const void* value)
+{
+    const u32 id = load<u32>(value);
+    const u8 open = load<u8>(value, 4);
+    const u32 interval = load<u32>(value, 8);
+    const u32 threshold = load<u32>(value, 12);
+    {
+        const write_guard guard(scc_lib_lock);
+        SCC_LOG("call _scc_offline_detect_cfg_op (%s,inter:%u, th:%u)", open != 0 ? "open" : "close", interval,
+                threshold);
+        _scc_ss_save_idtype(id, scc_type);
+    }
+    const auto handler = load_handler(g_scc_ss_cb.offline_detect_cfg);
+    if (handler == nullptr) {
+        SCC_LOG("offline_detect_cfg_handler is NULL");
+        count_result(pair_offline_cfg);
+        (void)_scc_nacm_callback_send(0, id, msg::offline_detect_notify);
+        return 0;
+    }
+    const i32 outcome = handler(id, open, interval, threshold);
+    if (outcome != 0) {
+        SCC_LOG("call offline_detect_cfg_handler failed. %d.", outcome);
+    }
+    return outcome;
+}
+
+// The end of the daemon's timing run. The line has no function prefix, and its microseconds wrap.
+i32 _scc_ss_test_cmd_proc(u16 /*scc_type*/, const void* value)
+{
+    if (load<u32>(value) == 0 && is_debugging()) {
+        timeval now{};
+        gettimeofday(&now, nullptr);
+        SCC_LOG_RAW("DETAIL", "scc test for ss end:%u.",
+                    static_cast<u32>(now.tv_sec) * 1000000U + static_cast<u32>(now.tv_usec));
+    }
+    return 0;
+}
+}

@@ -1,0 +1,155 @@
+// The start of the security service, and its receive thread.
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "client/connection.h"
+#include "client/control_block.h"
+#include "client/locks.h"
+#include "client/log.h"
+#include "client/message_queue.h"
+#include "client/pending_calls.h"
+#include "client/receive.h"
+#include "client/request_channel.h"
+#include "client/send_checker.h"
+#include "client/start.h"
+#include "client/threads.h"
+#include "msg/bytes.h"
+#include "msg/message.h"
+#include "msg/result_codes.h"
+#include "ss/id_map.h"
+#include "ss/service.h"
+
+using namespace scc;
+
+extern "C" {
+constinit service_handlers g_scc_ss_cb{};
+}
+
+namespace scc {
+namespace {
+
+// Copies each handler to its slot: the record's order is the service's, the table's the dispatcher's.
+#define SCC_FOR_EACH_SLOT(action)                                                                           \
+    action(acl_create) action(acl_delete) action(add_ace) action(delete_ace) action(apply) action(unapply)  \
+    action(resequence) action(svi_router_acl) action(acl_counter) action(ace_counter) action(uplink)        \
+    action(cpp) action(app_set) action(app_set_with_vid) action(def_read) action(http_l4port_set)           \
+    action(user_op) action(user_read) action(user_reinstall) action(app_user_recover)                       \
+    action(l4port_recover) action(data_recover) action(offline_detect_cfg)
+
+void install(const scc_ss_reg_info& info)
+{
+#define SCC_INSTALL(slot) store_handler(g_scc_ss_cb.slot, info.slot);
+    SCC_FOR_EACH_SLOT(SCC_INSTALL)
+#undef SCC_INSTALL
+    store_handler(g_scc_client_cb.handlers.server_status, info.server_status);
+    store_handler(g_scc_client_cb.handlers.direct_vlan_notify, info.direct_vlan_notify);
+    store_handler(g_scc_client_cb.handlers.authmode, info.authmode);
+}
+
+void queue_or_drop(i32 fd, void* message)
+{
+    if (!enqueue_message(fd, message)) {
+        SCC_LOG("malloc data buffer error. ignore this proc msg.");
+        _scc_msg_free(&message);
+    }
+}
+
+bool allocate_statistics()
+{
+    if (ss_stat == nullptr) {
+        auto* block = static_cast<service_statistics*>(std::malloc(sizeof(service_statistics)));
+        if (block == nullptr) {
+            return false;
+        }
+        *block = {};
+        __atomic_store_n(&ss_stat, block, __ATOMIC_RELAXED);
+    }
+    reset_service_statistics();
+    return true;
+}
+
+u32 start_threads(u32 generation)
+{
+    struct thread_row {
+        thread_body body;
+        const char* name;  // in the log of a failure
+    };
+    constexpr thread_row rows[] = {
+        {_scc_lib_msgq_proc_thread, " msgq"}, {_scc_ss_lib_thread, ""}, {_scc_lib_send_buf_chk_thread, ""}};
+    for (const thread_row& row : rows) {
+        const u32 error = start_thread(row.body, thread_argument(generation));
+        if (error != result::ok) {
+            SCC_LOG("(app id:%d, pid:%d)create scclib%s thread error!", static_cast<int>(limits::service_app_id),
+                    static_cast<int>(g_scc_client_cb.pid.load(relaxed)), row.name);
+            undo_start(_scc_ss_handler_clear);
+            return error;
+        }
+    }
+    return result::ok;
+}
+
+}  // namespace
+}  // namespace scc
+
+extern "C" {
+
+void _scc_ss_handler_set(const scc_ss_reg_info* info)
+{
+    install(*info);
+}
+
+void _scc_ss_handler_clear()
+{
+    install(scc_ss_reg_info{});
+}
+
+void* _scc_ss_lib_thread(void* generation)
+{
+    detach_and_name("scc-lib-ss");
+    run_receive_loop(static_cast<u32>(reinterpret_cast<std::uintptr_t>(generation)), queue_or_drop);
+    return nullptr;
+}
+
+uint32_t scc_ss_reg(const struct scc_ss_reg_info* info)
+{
+    if (info == nullptr) {
+        SCC_LOG("input param is null!.");
+        return result::invalid;
+    }
+    umask(0);
+    const write_guard guard(scc_lib_lock);
+    if (is_started(limits::service_app_id)) {
+        return result::ok;
+    }
+    if (const u32 error = make_runtime_directory(limits::service_app_id); error != result::ok) {
+        return error;
+    }
+    open_runtime_directory();
+    empty_id_map();
+    const u32 generation = take_identity({limits::service_app_id, 0, 1});
+    _scc_ss_handler_set(info);
+    _scc_lib_data_init();
+    if (!allocate_statistics()) {
+        return result::no_memory;  // handlers and identity stay: deliberate
+    }
+    return start_threads(generation);
+}
+
+uint32_t scc_ss_fetch_func(void)
+{
+    const write_guard guard(scc_lib_lock);
+    const connection_scope scope;
+    if (client_state_now() != state_registered) {
+        SCC_LOG("scclib no registered or scc svr no available.");
+        return result::unavailable;
+    }
+    const u32 request[] = {_scc_lib_call_id_get(), g_scc_client_cb.app_id.load(relaxed)};
+    const u32 error = _scc_lib_msg_send(msg::fetch, request, sizeof request, 1);
+    if (error != result::ok) {
+        SCC_LOG("call _scc_lib_msg_send failed. rv:%d.", error);
+    }
+    return error;
+}
+}
