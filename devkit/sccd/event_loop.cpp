@@ -63,12 +63,14 @@ void EventLoop::run() {
     while (running_) {
         const int count = ::epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), wait_ms());
         for (int index = 0; index < count && running_; ++index) {
-            const epoll_event& event = events[static_cast<std::size_t>(index)];
+            // Copied out: the kernel's record is packed, and find() takes a reference.
+            const WatchId id = events[static_cast<std::size_t>(index)].data.u64;
+            const std::uint32_t what = events[static_cast<std::size_t>(index)].events;
             // A watch that ended earlier in this turn is no longer found; its event is void.
-            const auto watch = watches_.find(event.data.u64);
+            const auto watch = watches_.find(id);
             if (watch == watches_.end()) continue;
             const std::shared_ptr<Ready> ready = watch->second;
-            (*ready)(event.events);
+            (*ready)(what);
         }
         run_timers();
         run_deferred();

@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::size_t read_bytes = 64 * 1024;
 constexpr int reads_per_turn = 4;
+constexpr std::size_t kept_input_bytes = 1024 * 1024;
 constexpr std::size_t chunks_per_send = 64;
 constexpr std::size_t queue_stop_bytes = 64u * 1024 * 1024;
 constexpr std::size_t queue_resume_bytes = queue_stop_bytes / 2;
@@ -92,6 +93,8 @@ void Stream::forget_consumed() {
     if (consumed_ == 0) return;
     input_.erase(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(consumed_));
     consumed_ = 0;
+    // One very long message should not hold its memory for good.
+    if (input_.empty() && input_.capacity() > kept_input_bytes) input_.shrink_to_fit();
 }
 
 void Stream::send(devkit::Bytes bytes) {
