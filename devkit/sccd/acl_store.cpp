@@ -101,9 +101,14 @@ Ace* AclStore::find_ace(Acl& acl, u64 number) {
 Change AclStore::create(const AclKey& key, View creation) {
     if (find(key) != nullptr) return Change::refused(result::acl_exists);
     Acl& acl = acls_[key];
+    const u64 serial = ++last_serial_;
+    acl.serial = serial;
     acl.key = key;
     acl.creation = devkit::to_bytes(creation);
-    return Change::made([this, key] { acls_.erase(key); });
+    return Change::made([this, key, serial] {
+        const Acl* const created = find(key);
+        if (created != nullptr && created->serial == serial) acls_.erase(key);
+    });
 }
 
 Change AclStore::remove(const AclKey& key) {
@@ -111,7 +116,9 @@ Change AclStore::remove(const AclKey& key) {
     if (acl == acls_.end()) return Change::refused(result::no_such_acl);
     Acl removed = std::move(acl->second);
     acls_.erase(acl);
-    return Change::made([this, removed = std::move(removed)] { acls_.emplace(removed.key, removed); });
+    // Whatever was created under the key meanwhile is not in the hardware, where this one still is.
+    return Change::made(
+        [this, removed = std::move(removed)] { acls_.insert_or_assign(removed.key, removed); });
 }
 
 Change AclStore::add_ace(const AclKey& key, View record) {

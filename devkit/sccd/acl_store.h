@@ -18,6 +18,7 @@ struct Ace {
 };
 
 struct Acl {
+    u64 serial = 0;  // tells an ACL from one created later under the same key
     devkit::AclKey key;
     devkit::Bytes creation;        // the request that created it, with the creator's pid and name
     std::multimap<u32, Ace> aces;  // by sequence number; equal numbers in order of arrival

@@ -116,6 +116,22 @@ TEST(SccdService, ItsFailureIsReturnedAndTheChangeTakenBack) {
     EXPECT_EQ(acl["applies"].size(), 1u);
 }
 
+TEST(SccdService, AFailedDeletionBringsTheAclBackAlsoWhenItWasCreatedAnew) {
+    DaemonProcess daemon;
+    TestClient application(daemon, 3, 77);
+    TestClient service(daemon, service_app, 78);
+    pass(application, service, 131, acl_request(1, 5, 1));
+    pass(application, service, 132, ace_request(2, 5, 10, 1, 1));
+
+    application.async.send({item(131, acl_request(3, 5, 0)), item(131, acl_request(4, 5, 1))});
+    answer_operation(service, service.async.receive(), 28);
+    answer_operation(service, service.async.receive(), 2010);
+
+    EXPECT_EQ(application.async.receive().u32(4), 28u);
+    EXPECT_EQ(application.async.receive().u32(4), 2010u);
+    EXPECT_EQ(control({{"do", "acls"}})["acls"][0]["aces"].size(), 1u);
+}
+
 TEST(SccdService, AFailedUserIsNotKeptAndNotAnnounced) {
     DaemonProcess daemon;
     TestClient application(daemon, 3, 77);
