@@ -1,0 +1,69 @@
+// Reading and writing numbers in byte buffers. Every access is checked: what lies outside a buffer
+// reads as zero and is not written, so that no length sent by a stranger can lead past the end.
+// All numbers are in host byte order. Pure functions, callable from any thread.
+#pragma once
+
+#include <array>
+#include <cstring>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+#include "msg/protocol.h"
+
+namespace scc::devkit {
+
+using Bytes = std::vector<u8>;
+using View = std::span<const u8>;
+using MacAddress = std::array<u8, 6>;
+
+[[nodiscard]] constexpr bool holds(View bytes, std::size_t offset, std::size_t len) {
+    return offset <= bytes.size() && len <= bytes.size() - offset;
+}
+
+// The bytes from `offset` on, as many as there are of `len`.
+[[nodiscard]] constexpr View slice(View bytes, std::size_t offset, std::size_t len) {
+    if (offset >= bytes.size()) return {};
+    return bytes.subspan(offset, std::min(len, bytes.size() - offset));
+}
+
+template <class Number>
+[[nodiscard]] Number read_at(View bytes, std::size_t offset) {
+    static_assert(std::is_unsigned_v<Number>);
+    Number number = 0;
+    if (holds(bytes, offset, sizeof number)) std::memcpy(&number, bytes.data() + offset, sizeof number);
+    return number;
+}
+
+template <class Number>
+void write_at(Bytes& bytes, std::size_t offset, Number number) {
+    static_assert(std::is_unsigned_v<Number>);
+    if (holds(bytes, offset, sizeof number)) std::memcpy(bytes.data() + offset, &number, sizeof number);
+}
+
+[[nodiscard]] inline u32 u32_at(View bytes, std::size_t offset) {
+    return read_at<u32>(bytes, offset);
+}
+[[nodiscard]] inline u64 u64_at(View bytes, std::size_t offset) {
+    return read_at<u64>(bytes, offset);
+}
+
+void copy_at(Bytes& bytes, std::size_t offset, View source);
+[[nodiscard]] Bytes to_bytes(View view);
+
+[[nodiscard]] MacAddress mac_at(View bytes, std::size_t offset);
+[[nodiscard]] std::string mac_text(const MacAddress& mac);
+[[nodiscard]] std::optional<MacAddress> parse_mac(std::string_view text);
+
+// An IPv4 address as it lies in memory (network order), read as one word.
+[[nodiscard]] std::string ipv4_text(u32 address);
+[[nodiscard]] std::optional<u32> parse_ipv4(const std::string& text);
+
+[[nodiscard]] std::string hex_text(View bytes);
+// Pairs of hexadecimal digits; blanks between pairs are allowed.
+[[nodiscard]] std::optional<Bytes> parse_hex(std::string_view text);
+
+}  // namespace scc::devkit

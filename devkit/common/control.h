@@ -1,0 +1,55 @@
+// The daemon's control socket: `$TMPDIR/security/scc/.sccd_ctl`, a Unix stream socket.
+//
+// Each request is one JSON object on a line with its name in "do"; each reply is one JSON object on a
+// line: {"ok":true,...} or {"ok":false,"error":"..."}. Numbers may be written as JSON numbers or as
+// text ("0x10"). "to" and "app" are app ids; "to" 0 (the default) means every application.
+//
+//   clients                                     "clients": [{"app","pid","option","sync","async"}]
+//   notify            type, to, hex, [sub]      one item with these value bytes; 16 reaches the service
+//   notify-named      name, to, fields          one of the notifications below
+//   debug             app, open                 opens or closes an application's debug log
+//   debug-show        app, mode, vdev, type, id the application writes its ACL cache to its log
+//   debug-dump-service                          the service writes its statistics to its log
+//   alive             app, [timeout_ms]         replies when the application has answered
+//   stats             app, [timeout_ms]         "entries": 13 of the application's call statistics
+//   capability        word, to                  the device capability word
+//   fail-next         type, result, [count]     the next requests of that type are refused
+//   mute              type, [count]             the next request of that type is never answered
+//   unmute            [type]
+//   acls, users, settings                       what the daemon holds
+//   counters          [vdev,type,id with acl, filter, sn and ace]   reads, or sets one ACL's counters
+//   quit
+//
+// Names and fields of notify-named (every field may be left out; "user" means mac, ip, mask, ifx, vid):
+//   d1x-addr-move mac ifx vid vid_before vid_after  user-change add, user    offline-detect open interval
+//   threshold station-move permit                flow user, first, second   noflow-offline user, flow, time,
+//   extra (hex) direct-vlan value, vlans (list)    authmode mode              dirchn add, ip port-violate
+//   add, user             user-roll user, roll_type  water-line start ace-counter vdev type id class,
+//   entries: [{"id","value"}]
+#pragma once
+
+#include <string_view>
+
+namespace scc::devkit::control {
+
+inline constexpr std::string_view socket_suffix = "/security/scc/.sccd_ctl";
+
+inline constexpr std::string_view clients = "clients";
+inline constexpr std::string_view notify = "notify";
+inline constexpr std::string_view notify_named = "notify-named";
+inline constexpr std::string_view debug = "debug";
+inline constexpr std::string_view debug_show = "debug-show";
+inline constexpr std::string_view debug_dump_service = "debug-dump-service";
+inline constexpr std::string_view alive = "alive";
+inline constexpr std::string_view stats = "stats";
+inline constexpr std::string_view capability = "capability";
+inline constexpr std::string_view fail_next = "fail-next";
+inline constexpr std::string_view mute = "mute";
+inline constexpr std::string_view unmute = "unmute";
+inline constexpr std::string_view acls = "acls";
+inline constexpr std::string_view users = "users";
+inline constexpr std::string_view settings = "settings";
+inline constexpr std::string_view counters = "counters";
+inline constexpr std::string_view quit = "quit";
+
+}  // namespace scc::devkit::control

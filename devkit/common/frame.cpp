@@ -1,0 +1,91 @@
+#include "common/frame.h"
+
+#include <limits>
+#include <utility>
+
+namespace scc::devkit {
+namespace {
+
+constexpr std::size_t version_offset = 4;
+constexpr std::size_t count_offset = 5;
+
+Frame troubled(FrameState state, u32 len, std::string_view problem) {
+    return {state, len, {}, problem};
+}
+
+Frame cut_items(View message, u32 len) {
+    Frame frame{FrameState::complete, len, {}, {}};
+    const u16 count = read_at<u16>(message, count_offset);
+    std::size_t offset = wire::header_bytes;
+    for (u16 index = 0; index < count; ++index) {
+        if (!holds(message, offset, wire::item_header_bytes)) {
+            return troubled(FrameState::refused, len, "an item header does not fit");
+        }
+        const u32 value_len = u32_at(message, offset);
+        const std::size_t value_offset = offset + wire::item_header_bytes;
+        if (!holds(message, value_offset, value_len)) {
+            return troubled(FrameState::refused, len, "an item's value does not fit");
+        }
+        frame.items.push_back({read_at<u16>(message, offset + 4), read_at<u16>(message, offset + 6),
+                               message.subspan(value_offset, value_len)});
+        offset = value_offset + value_len;
+    }
+    if (offset != message.size()) {
+        return troubled(FrameState::refused, len, "bytes are left behind the last item");
+    }
+    return frame;
+}
+
+}  // namespace
+
+Frame first_frame(View stream, u32 len_max) {
+    if (stream.size() < wire::header_bytes) return {};
+    const u32 len = u32_at(stream, 0);
+    if (len < wire::header_bytes) return troubled(FrameState::broken, len, "the length is below a header's");
+    if (len > len_max) return troubled(FrameState::broken, len, "the length is beyond every limit");
+    if (stream.size() < len) return {};
+    if (read_at<u8>(stream, version_offset) != wire::version) {
+        return troubled(FrameState::refused, len, "the version is unknown");
+    }
+    if (read_at<u16>(stream, count_offset) == 0) {
+        return troubled(FrameState::refused, len, "the message has no item");
+    }
+    return cut_items(stream.first(len), len);
+}
+
+void MessageBuilder::clear() {
+    message_.assign(wire::header_bytes, 0);
+    message_[version_offset] = wire::version;
+    count_ = 0;
+}
+
+void MessageBuilder::add(u16 sub_id, u16 type, View value) {
+    const std::size_t offset = message_.size();
+    message_.resize(offset + wire::item_header_bytes + value.size());
+    write_at(message_, offset, static_cast<u32>(value.size()));
+    write_at(message_, offset + 4, sub_id);
+    write_at(message_, offset + 6, type);
+    copy_at(message_, offset + wire::item_header_bytes, value);
+    ++count_;
+}
+
+bool MessageBuilder::fits(std::size_t value_len, std::size_t message_max) const {
+    if (count_ == std::numeric_limits<u16>::max()) return false;
+    return message_.size() + wire::item_header_bytes + value_len <= message_max;
+}
+
+Bytes MessageBuilder::take() {
+    write_at(message_, 0, static_cast<u32>(message_.size()));
+    write_at(message_, count_offset, count_);
+    Bytes message = std::move(message_);
+    clear();
+    return message;
+}
+
+Bytes single_item_message(u16 sub_id, u16 type, View value) {
+    MessageBuilder builder;
+    builder.add(sub_id, type, value);
+    return builder.take();
+}
+
+}  // namespace scc::devkit

@@ -1,0 +1,60 @@
+// Messages of the wire: cutting a received byte stream into messages, and putting messages together.
+//
+//   message := header item*
+//   header  := u32 len (whole message)  u8 ver (1)  u16 num (items)  u8 zero          8 bytes
+//   item    := u32 len (of the value)   u16 sub_id  u16 type         value[len]       8 + len bytes
+//
+// Nothing here trusts a length. Pure; callable from any thread.
+#pragma once
+
+#include <string_view>
+#include <vector>
+
+#include "common/bytes.h"
+
+namespace scc::devkit {
+
+struct Item {
+    u16 sub_id = 0;
+    u16 type = 0;
+    View value;  // lies in the buffer that was cut
+};
+
+enum class FrameState : u8 {
+    incomplete,  // more bytes are needed
+    complete,    // `items` holds the message
+    refused,     // the message is not well formed; its `len` bytes can be skipped
+    broken,      // the length itself cannot be believed: the stream is lost
+};
+
+struct Frame {
+    FrameState state = FrameState::incomplete;
+    u32 len = 0;
+    std::vector<Item> items;
+    std::string_view problem;  // why a frame is refused or broken
+};
+
+// Looks at the first message in `stream`; a message longer than `len_max` breaks the stream.
+[[nodiscard]] Frame first_frame(View stream, u32 len_max);
+
+// Collects items into one message.
+class MessageBuilder {
+  public:
+    MessageBuilder() { clear(); }
+
+    void add(u16 sub_id, u16 type, View value);
+    [[nodiscard]] bool empty() const { return count_ == 0; }
+    // Whether an item of this value length still fits into a message of `message_max` bytes.
+    [[nodiscard]] bool fits(std::size_t value_len, std::size_t message_max) const;
+    [[nodiscard]] Bytes take();
+
+  private:
+    void clear();
+
+    Bytes message_;
+    u16 count_ = 0;
+};
+
+[[nodiscard]] Bytes single_item_message(u16 sub_id, u16 type, View value);
+
+}  // namespace scc::devkit

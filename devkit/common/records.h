@@ -1,0 +1,123 @@
+// Where the fields lie in the records of the wire. The library copies most of these records unread;
+// the fields marked (*) are the ones that it inspects itself, the others are the devkit's choice and
+// bind the daemon, the software service and the command-line tool only.
+#pragma once
+
+#include <tuple>
+
+#include "common/bytes.h"
+
+namespace scc::devkit {
+
+// The 736-byte application configuration record, also the NAC user record and the ARP entry record.
+namespace config_record {
+inline constexpr std::size_t ifx = 0;         // u32
+inline constexpr std::size_t vid = 4;         // u32; 0 = no VLAN
+inline constexpr std::size_t mac = 8;         // 6 bytes
+inline constexpr std::size_t app_type = 16;   // u32 (*)
+inline constexpr std::size_t value = 20;      // u32: the setting itself (a mode, a number, a colour)
+inline constexpr std::size_t operation = 24;  // u32 (*): 1 add or open, 2 get, 3 delete or close
+inline constexpr std::size_t flags = 32;      // u32 (*): 0x2 IPv4 address, 0x4 IPv6 address, 0x200 mask given
+inline constexpr std::size_t ipv4 = 36;       // u32, network order
+inline constexpr std::size_t ipv6 = 40;       // 16 bytes
+inline constexpr std::size_t mask = 648;      // 16 bytes (*)
+}  // namespace config_record
+
+namespace user_operation {
+inline constexpr u32 add = 1;
+inline constexpr u32 get = 2;
+inline constexpr u32 remove = 3;
+}  // namespace user_operation
+
+// The 88-byte user entry of the security service.
+namespace service_user {
+inline constexpr std::size_t ifx = 0;       // u32 (*)
+inline constexpr std::size_t app_type = 4;  // u32
+inline constexpr std::size_t mac = 8;       // 6 bytes (*)
+inline constexpr std::size_t vid = 14;      // u16
+inline constexpr std::size_t flags = 16;    // u32, as in the configuration record
+inline constexpr std::size_t ipv4 = 24;     // u32 (*)
+inline constexpr std::size_t ipv6 = 32;     // 16 bytes
+inline constexpr std::size_t mask = 48;     // 16 bytes
+}  // namespace service_user
+
+// The 56-byte user record of flow, no-flow, violation, roll and user-change notifications.
+namespace flow_user {
+inline constexpr std::size_t ipv4 = 8;     // u32, or 16 bytes of IPv6 (*)
+inline constexpr std::size_t mask = 24;    // u32, or 16 bytes (*)
+inline constexpr std::size_t ifx = 40;     // u32 (*)
+inline constexpr std::size_t vid = 44;     // u16 (*)
+inline constexpr std::size_t mac = 46;     // 6 bytes (*)
+inline constexpr std::size_t family = 52;  // u32: 3 or 4 = IPv6 (*)
+inline constexpr u32 family_ipv4 = 1;
+inline constexpr u32 family_ipv6 = 3;
+}  // namespace flow_user
+
+// The 16-byte entry of an address move.
+namespace address_move {
+inline constexpr std::size_t ifx = 0;         // u32 (*)
+inline constexpr std::size_t vid = 4;         // u16 (*)
+inline constexpr std::size_t vid_before = 6;  // u16 (*)
+inline constexpr std::size_t vid_after = 8;   // u16 (*)
+inline constexpr std::size_t mac = 10;        // 6 bytes (*)
+}  // namespace address_move
+
+// The 48-byte entry that describes one ARP-check user.
+namespace arp_check_user {
+inline constexpr std::size_t ifx = 0;    // u32
+inline constexpr std::size_t vid = 4;    // u16
+inline constexpr std::size_t mac = 6;    // 6 bytes
+inline constexpr std::size_t ipv4 = 12;  // u32
+}  // namespace arp_check_user
+
+// The 912-byte ACE record.
+namespace ace_record {
+inline constexpr std::size_t sn = 220;  // u32 (*)
+inline constexpr std::size_t id = 224;  // u32 (*)
+}  // namespace ace_record
+
+// The 232-byte apply record begins with the ACL's key. The devkit takes everything behind the key
+// together as the entity that the ACL is applied on.
+namespace apply_record {
+inline constexpr std::size_t entity = record::acl_key;
+inline constexpr std::size_t ifx = 16;          // u32
+inline constexpr std::size_t direction = 20;    // u32: 0 in, 1 out
+inline constexpr std::size_t apply_type = 208;  // u32 (*)
+}  // namespace apply_record
+
+// The 208-byte user ACL record.
+namespace user_acl_record {
+inline constexpr std::size_t ifx = 0;   // u32 (*)
+inline constexpr std::size_t mac = 24;  // 6 bytes (*)
+inline constexpr std::size_t vid = 30;  // u16 (*)
+inline constexpr std::size_t key = 32;  // ACL key (*); everything before it names the user
+}  // namespace user_acl_record
+
+struct AclKey {
+    u32 vdev = 0;
+    u32 app_type = 0;
+    u32 acl_id = 0;
+    u32 acl_class = 0;
+
+    // The class is carried along but does not tell ACLs apart.
+    friend bool operator<(const AclKey& a, const AclKey& b) {
+        return std::tie(a.vdev, a.app_type, a.acl_id) < std::tie(b.vdev, b.app_type, b.acl_id);
+    }
+    friend bool operator==(const AclKey& a, const AclKey& b) {
+        return std::tie(a.vdev, a.app_type, a.acl_id) == std::tie(b.vdev, b.app_type, b.acl_id);
+    }
+};
+
+[[nodiscard]] inline AclKey key_at(View bytes, std::size_t offset) {
+    return {u32_at(bytes, offset), u32_at(bytes, offset + 4), u32_at(bytes, offset + 8),
+            u32_at(bytes, offset + 12)};
+}
+
+inline void write_key(Bytes& bytes, std::size_t offset, const AclKey& key) {
+    write_at(bytes, offset, key.vdev);
+    write_at(bytes, offset + 4, key.app_type);
+    write_at(bytes, offset + 8, key.acl_id);
+    write_at(bytes, offset + 12, key.acl_class);
+}
+
+}  // namespace scc::devkit

@@ -1,0 +1,37 @@
+// A change of the daemon's state is made at once, so that the requests behind it in the same message
+// already see it, and taken back if the security service then fails to carry it out.
+#pragma once
+
+#include <functional>
+#include <utility>
+
+#include "msg/protocol.h"
+
+namespace scc::sccd {
+
+struct Change {
+    u32 result = 0;              // not 0: nothing was changed
+    std::function<void()> undo;  // may be empty
+
+    static Change refused(u32 result) { return {result, {}}; }
+    static Change made(std::function<void()> undo = {}) { return {0, std::move(undo)}; }
+};
+
+namespace result {
+inline constexpr u32 ok = 0;
+inline constexpr u32 not_found = 2;          // ENOENT
+inline constexpr u32 invalid_argument = 22;  // EINVAL
+inline constexpr u32 registration_rejected = 2000;
+inline constexpr u32 already_registered = 2002;
+inline constexpr u32 already_unregistered = 2003;
+inline constexpr u32 no_such_acl = 2005;
+inline constexpr u32 no_such_ace = 2006;
+inline constexpr u32 not_applied = 2008;
+inline constexpr u32 already_applied = 2009;
+inline constexpr u32 acl_exists = 2010;
+inline constexpr u32 ace_exists = 2011;
+inline constexpr u32 no_such_http_port = 2014;
+inline constexpr u32 service_timeout = 2020;
+}  // namespace result
+
+}  // namespace scc::sccd

@@ -1,0 +1,36 @@
+// The control socket: one JSON request per line, one JSON reply per line, in the order of the
+// requests. The commands are described in common/control.h.
+#pragma once
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <unordered_map>
+
+#include "sccd/daemon.h"
+
+namespace scc::sccd {
+
+class ControlServer {
+  public:
+    ControlServer(Daemon& daemon, const std::string& path);
+
+  private:
+    struct Session {
+        u64 id = 0;
+        std::unique_ptr<Stream> stream;
+        bool waiting = false;  // for an answer from elsewhere; later lines wait too
+    };
+
+    void accept(int descriptor);
+    void take_lines(Session& session);
+    void take_line(Session& session, const std::string& line);
+    void reply(u64 session, const nlohmann::json& answer);
+
+    Daemon& daemon_;
+    std::unordered_map<u64, std::unique_ptr<Session>> sessions_;
+    u64 last_session_ = 0;
+    Listener listener_;
+};
+
+}  // namespace scc::sccd

@@ -1,0 +1,95 @@
+#include "sccd/json_fields.h"
+
+#include <charconv>
+#include <limits>
+#include <optional>
+
+namespace scc::sccd {
+
+using nlohmann::json;
+
+const json* JsonFields::field(std::string_view name) const {
+    const auto found = object_.find(name);
+    return found == object_.end() || found->is_null() ? nullptr : &*found;
+}
+
+void JsonFields::refuse(std::string_view name, std::string_view reason) {
+    if (problem_.empty()) problem_ = std::string(name) + ": " + std::string(reason);
+}
+
+std::optional<u64> JsonFields::as_number(const json& value) {
+    if (value.is_boolean()) return value.get<bool>() ? 1 : 0;
+    if (value.is_number_unsigned()) return value.get<u64>();
+    if (!value.is_string()) return std::nullopt;
+    const std::string& text = value.get_ref<const std::string&>();
+    const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+    const char* const first = text.data() + (hexadecimal ? 2 : 0);
+    const char* const last = text.data() + text.size();
+    u64 number = 0;
+    const auto [end, error] = std::from_chars(first, last, number, hexadecimal ? 16 : 10);
+    if (error != std::errc{} || end != last || first == last) return std::nullopt;
+    return number;
+}
+
+u64 JsonFields::bounded(std::string_view name, u64 otherwise, u64 max) {
+    const json* const value = field(name);
+    if (value == nullptr) return otherwise;
+    const std::optional<u64> found = as_number(*value);
+    if (!found || *found > max) {
+        refuse(name, "not a number that fits");
+        return otherwise;
+    }
+    return *found;
+}
+
+u64 JsonFields::number(std::string_view name, u64 otherwise) {
+    return bounded(name, otherwise, std::numeric_limits<u64>::max());
+}
+
+u32 JsonFields::number32(std::string_view name, u32 otherwise) {
+    return static_cast<u32>(bounded(name, otherwise, std::numeric_limits<u32>::max()));
+}
+
+u16 JsonFields::number16(std::string_view name) {
+    return static_cast<u16>(bounded(name, 0, std::numeric_limits<u16>::max()));
+}
+
+std::string JsonFields::text(std::string_view name) {
+    const json* const value = field(name);
+    if (value == nullptr) return {};
+    if (value->is_string()) return value->get<std::string>();
+    refuse(name, "not a text");
+    return {};
+}
+
+devkit::Bytes JsonFields::hex(std::string_view name) {
+    const std::optional<devkit::Bytes> bytes = devkit::parse_hex(text(name));
+    if (!bytes) refuse(name, "not a row of hexadecimal bytes");
+    return bytes.value_or(devkit::Bytes{});
+}
+
+devkit::MacAddress JsonFields::mac(std::string_view name) {
+    if (field(name) == nullptr) return {};
+    const std::optional<devkit::MacAddress> address = devkit::parse_mac(text(name));
+    if (!address) refuse(name, "not a MAC address");
+    return address.value_or(devkit::MacAddress{});
+}
+
+u32 JsonFields::ipv4(std::string_view name) {
+    if (field(name) == nullptr) return 0;
+    const std::optional<u32> address = devkit::parse_ipv4(text(name));
+    if (!address) refuse(name, "not an IPv4 address");
+    return address.value_or(0);
+}
+
+std::vector<json> JsonFields::list(std::string_view name) {
+    const json* const value = field(name);
+    if (value == nullptr) return {};
+    if (!value->is_array()) {
+        refuse(name, "not a list");
+        return {};
+    }
+    return {value->begin(), value->end()};
+}
+
+}  // namespace scc::sccd

@@ -1,0 +1,46 @@
+// Reading the fields of a control request. A field may be missing; one of the wrong kind is remembered
+// as a problem, so that a request is either understood whole or refused.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/bytes.h"
+
+namespace scc::sccd {
+
+class JsonFields {
+  public:
+    explicit JsonFields(const nlohmann::json& object) : object_(object) {}
+
+    // JSON numbers, booleans and text such as "10" or "0x0a".
+    [[nodiscard]] u64 number(std::string_view name, u64 otherwise = 0);
+    [[nodiscard]] u32 number32(std::string_view name, u32 otherwise = 0);
+    [[nodiscard]] u16 number16(std::string_view name);
+    [[nodiscard]] bool flag(std::string_view name) { return number(name) != 0; }
+    [[nodiscard]] std::string text(std::string_view name);
+    [[nodiscard]] devkit::Bytes hex(std::string_view name);
+    [[nodiscard]] devkit::MacAddress mac(std::string_view name);
+    [[nodiscard]] u32 ipv4(std::string_view name);
+    // The elements of a list; none when the field is missing.
+    [[nodiscard]] std::vector<nlohmann::json> list(std::string_view name);
+    [[nodiscard]] bool has(std::string_view name) const { return object_.contains(std::string(name)); }
+
+    [[nodiscard]] const std::string& problem() const { return problem_; }
+    void refuse(std::string_view name, std::string_view reason);
+
+    // Nothing when `value` is not a number in any of the accepted forms.
+    [[nodiscard]] static std::optional<u64> as_number(const nlohmann::json& value);
+
+  private:
+    [[nodiscard]] const nlohmann::json* field(std::string_view name) const;
+    [[nodiscard]] u64 bounded(std::string_view name, u64 otherwise, u64 max);
+
+    const nlohmann::json& object_;
+    std::string problem_;
+};
+
+}  // namespace scc::sccd

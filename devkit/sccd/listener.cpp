@@ -1,0 +1,95 @@
+#include "sccd/listener.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+namespace scc::sccd {
+namespace {
+
+sockaddr_un address_of(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) throw std::runtime_error(path + ": the path is too long");
+    std::memcpy(address.sun_path, path.data(), path.size());
+    return address;
+}
+
+[[noreturn]] void fail(const std::string& path) {
+    throw std::runtime_error(path + ": " + std::strerror(errno));
+}
+
+int new_socket(const std::string& path) {
+    const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) fail(path);
+    return descriptor;
+}
+
+void remove_stale(const std::string& path, const sockaddr_un& address) {
+    const int probe = new_socket(path);
+    const int result = ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    const bool alive = result == 0 || errno == EAGAIN;
+    ::close(probe);
+    if (alive) throw std::runtime_error(path + ": another daemon is listening here");
+    ::unlink(path.c_str());
+}
+
+int open_reserve() {
+    return ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+}  // namespace
+
+Listener::Listener(EventLoop& loop, std::string path, std::function<void(int)> accepted)
+    : loop_(loop), path_(std::move(path)), accepted_(std::move(accepted)) {
+    const sockaddr_un address = address_of(path_);
+    remove_stale(path_, address);
+    descriptor_ = new_socket(path_);
+    if (::bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(descriptor_, SOMAXCONN) != 0) {
+        const int error = errno;
+        ::close(descriptor_);
+        errno = error;
+        fail(path_);
+    }
+    reserve_ = open_reserve();
+    watch_ = loop_.watch(descriptor_, EPOLLIN, [this](std::uint32_t) { accept_all(); });
+}
+
+Listener::~Listener() {
+    loop_.unwatch(watch_, descriptor_);
+    ::close(descriptor_);
+    if (reserve_ >= 0) ::close(reserve_);
+    ::unlink(path_.c_str());
+}
+
+void Listener::accept_all() {
+    while (true) {
+        const int client = ::accept4(descriptor_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (client >= 0) {
+            accepted_(client);
+        } else if (errno == EMFILE || errno == ENFILE) {
+            refuse_one();
+            return;
+        } else if (errno != EINTR && errno != ECONNABORTED) {
+            return;
+        }
+    }
+}
+
+// Without this the waiting connection would keep the loop spinning.
+void Listener::refuse_one() {
+    if (reserve_ >= 0) ::close(reserve_);
+    const int client = ::accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (client >= 0) ::close(client);
+    reserve_ = open_reserve();
+}
+
+}  // namespace scc::sccd

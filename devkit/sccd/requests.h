@@ -1,0 +1,11 @@
+// What applications ask for: configuration, ACLs, users, queries. Every type of the message list is
+// answered; those that change or read the daemon's state have a row in the table of requests.cpp.
+#pragma once
+
+#include "sccd/daemon.h"
+
+namespace scc::sccd {
+
+void take_request(Daemon& daemon, const Client& client, const devkit::Item& item);
+
+}  // namespace scc::sccd

@@ -1,0 +1,61 @@
+// Settings other than ACLs and users that the security service carries out and must be given again
+// when it returns, and the interfaces on which the ARP check is on.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <tuple>
+
+#include "common/bytes.h"
+#include "sccd/change.h"
+
+namespace scc::sccd {
+
+struct NacApp {
+    u32 ifx = 0;
+    u32 type = 0;
+    u32 vid = 0;  // 0 = for the whole interface
+
+    friend bool operator<(const NacApp& a, const NacApp& b) {
+        return std::tie(a.ifx, a.type, a.vid) < std::tie(b.ifx, b.type, b.vid);
+    }
+};
+
+struct Settings {
+    std::map<u32, u32> egress_ports;    // value by ifx; unset ports are not listed
+    std::optional<u32> router_acl;      // the last value given
+    std::map<u32, u32> cpu_protection;  // enable by type
+    std::map<NacApp, u32> nac_apps;     // operation word
+    std::set<u32> http_ports;
+    std::optional<devkit::Bytes> offline_detection;  // the operation's value
+    std::optional<devkit::Bytes> direct_vlan;        // the notification's value
+    std::set<u32> arp_check_ifxs;
+
+    [[nodiscard]] bool nothing_for_service() const;
+};
+
+// Sets or (nullopt) removes one entry, and knows how to take that back.
+template <class Key, class Value>
+[[nodiscard]] Change set_entry(std::map<Key, Value>& entries, const Key& key, std::optional<Value> value) {
+    std::optional<Value> before;
+    if (const auto known = entries.find(key); known != entries.end()) before = known->second;
+    const auto put = [&entries, key](const std::optional<Value>& wanted) {
+        if (wanted) {
+            entries.insert_or_assign(key, *wanted);
+        } else {
+            entries.erase(key);
+        }
+    };
+    put(value);
+    return Change::made([put, before] { put(before); });
+}
+
+template <class Value>
+[[nodiscard]] Change set_value(std::optional<Value>& place, Value value) {
+    std::optional<Value> before = std::move(place);
+    place = std::move(value);
+    return Change::made([&place, before = std::move(before)] { place = before; });
+}
+
+}  // namespace scc::sccd

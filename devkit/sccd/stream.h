@@ -1,0 +1,57 @@
+// One connected, non-blocking Unix socket with its input buffer and its output queue. Used for the
+// clients' sockets and for the control socket alike. Output is never refused: what the peer does not
+// take yet is queued. A peer whose queue has grown past a limit is not read until it has taken half
+// of it, so that one who only asks and never listens cannot make the queue grow without end.
+#pragma once
+
+#include <deque>
+#include <functional>
+
+#include "common/bytes.h"
+#include "sccd/event_loop.h"
+
+namespace scc::sccd {
+
+class Stream {
+  public:
+    struct Events {
+        std::function<void(Stream&)> input;   // new bytes lie in input()
+        std::function<void(Stream&)> closed;  // at the end of the turn; may destroy the stream
+    };
+
+    // Takes the descriptor over.
+    Stream(EventLoop& loop, int descriptor, Events events);
+    ~Stream();
+    Stream(const Stream&) = delete;
+    Stream& operator=(const Stream&) = delete;
+
+    [[nodiscard]] devkit::View input() const;
+    void consume(std::size_t len) { consumed_ += len; }
+    void send(devkit::Bytes bytes);
+    void close();
+    [[nodiscard]] bool open() const { return descriptor_ >= 0; }
+    // Whether the peer has hung up, also when its end of stream has not been read yet.
+    [[nodiscard]] bool peer_gone() const;
+    [[nodiscard]] std::size_t queued_bytes() const { return queued_bytes_; }
+
+  private:
+    void ready(std::uint32_t events);
+    void read_some();
+    void write_some();
+    void watch_what_is_wanted();
+    void forget_consumed();
+
+    EventLoop& loop_;
+    int descriptor_;
+    Events events_;
+    EventLoop::WatchId watch_ = 0;
+    std::uint32_t watched_ = 0;
+    devkit::Bytes input_;
+    std::size_t consumed_ = 0;
+    std::deque<devkit::Bytes> output_;
+    std::size_t front_sent_ = 0;  // bytes of output_.front() that are out
+    std::size_t queued_bytes_ = 0;
+    bool reading_ = true;
+};
+
+}  // namespace scc::sccd

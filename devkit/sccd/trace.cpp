@@ -1,0 +1,42 @@
+#include "sccd/trace.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cstdio>
+
+#include "common/describe.h"
+
+namespace scc::sccd {
+namespace {
+
+void write_line(const std::string& text) {
+    using namespace std::chrono;
+    const auto now = system_clock::now();
+    const auto micro = duration_cast<microseconds>(now.time_since_epoch()).count() % 1'000'000;
+    const std::string line =
+        fmt::format("{:%H:%M:%S}.{:06} {}\n", fmt::localtime(system_clock::to_time_t(now)), micro, text);
+    std::fwrite(line.data(), 1, line.size(), stdout);
+}
+
+void write_item(std::string_view arrow, devkit::Route route, u32 app, std::string_view socket,
+                const devkit::Item& item) {
+    write_line(fmt::format("{} app={} {} {}", arrow, app, socket, devkit::describe(route, item)));
+}
+
+}  // namespace
+
+void Trace::received(devkit::Route route, u32 app, std::string_view socket, const devkit::Item& item) const {
+    if (enabled_) write_item("<-", route, app, socket, item);
+}
+
+void Trace::sent(devkit::Route route, u32 app, std::string_view socket, const devkit::Item& item) const {
+    if (enabled_) write_item("->", route, app, socket, item);
+}
+
+void Trace::note(const std::string& text) const {
+    if (enabled_) write_line("-- " + text);
+}
+
+}  // namespace scc::sccd

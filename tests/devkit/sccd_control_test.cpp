@@ -1,0 +1,327 @@
+#include <future>
+
+#include "sccd_support.h"
+
+namespace sccd_test {
+namespace {
+
+using nlohmann::json;
+
+// Runs one control call while the test answers as an application.
+class CallInBackground {
+  public:
+    explicit CallInBackground(const json& request)
+        : reply_(std::async(std::launch::async, [request] { return control(request); })) {}
+
+    json wait() { return reply_.get(); }
+
+  private:
+    std::future<json> reply_;
+};
+
+TEST(SccdControl, ClientsAreListedWithPidAndOption) {
+    DaemonProcess daemon;
+    TestClient application(daemon, 3, 77);
+    TestClient service(daemon, service_app, 78);
+
+    const json clients = control({{"do", "clients"}})["clients"];
+
+    ASSERT_EQ(clients.size(), 2u);
+    EXPECT_EQ(clients[0], (json{{"app", 3}, {"pid", 77}, {"option", 1}, {"sync", true}, {"async", true}}));
+    EXPECT_EQ(clients[1]["app"], 16);
+}
+
+TEST(SccdControl, ItemsOfAnyTypeAreSentToOneOrToAllApplications) {
+    DaemonProcess daemon;
+    TestClient first(daemon, 3, 77);
+    TestClient second(daemon, 4, 78);
+    TestClient service(daemon, service_app, 79);
+
+    EXPECT_EQ(control({{"do", "notify"}, {"type", 999}, {"hex", "01 02ff"}})["sent"], 2);
+    EXPECT_EQ(control({{"do", "notify"}, {"type", 998}, {"to", 4}, {"hex", ""}})["sent"], 1);
+    EXPECT_EQ(control({{"do", "notify"}, {"type", 997}, {"to", 16}, {"sub", 7}, {"hex", "00"}})["sent"], 1);
+
+    EXPECT_EQ(first.async.receive().value, (ByteString{1, 2, 0xff}));
+    EXPECT_EQ(second.async.receive().type, 999);
+    EXPECT_EQ(second.async.receive().type, 998);
+    const TestItem to_service = service.async.receive();
+    EXPECT_EQ(to_service.type, 997);
+    EXPECT_EQ(to_service.sub_id, 7);
+}
+
+TEST(SccdControl, RequestsThatCannotBeReadAreRefusedAndSendNothing) {
+    DaemonProcess daemon;
+    TestClient client(daemon, 3, 77);
+    const json requests[] = {
+        {{"do", "nonsense"}},
+        json::object(),
+        {{"do", "notify"}, {"hex", "00"}},
+        {{"do", "notify"}, {"type", 70000}, {"hex", "00"}},
+        {{"do", "notify"}, {"type", -1}, {"hex", "00"}},
+        {{"do", "notify"}, {"type", 110}, {"hex", "0"}},
+        {{"do", "notify"}, {"type", 110}, {"hex", "zz"}},
+        {{"do", "notify"}, {"type", 110}, {"hex", 12}},
+        {{"do", "notify"}, {"type", 110}, {"to", 9}, {"hex", "00"}},
+        {{"do", "notify-named"}, {"name", "nonsense"}},
+        {{"do", "notify-named"}, {"name", "dirchn"}, {"ip", "300.1.1.1"}},
+        {{"do", "notify-named"}, {"name", "flow"}, {"mac", "02:00"}},
+        {{"do", "notify-named"}, {"name", "ace-counter"}, {"entries", {1, 2}}},
+        {{"do", "notify-named"}, {"name", "direct-vlan"}, {"vlans", {4096}}},
+        {{"do", "alive"}, {"app", 9}},
+        {{"do", "fail-next"}, {"type", 131}, {"result", 1}, {"count", 0}},
+        {{"do", "mute"}, {"type", "x"}},
+        {{"do", "counters"}, {"type", 3}, {"id", 5}, {"acl", 1}},
+    };
+
+    for (const json& request : requests) {
+        const json reply = control(request);
+        EXPECT_EQ(reply["ok"], false) << request.dump();
+        EXPECT_TRUE(reply["error"].is_string()) << request.dump();
+    }
+    EXPECT_EQ(client.result_of(108, Value(8).u32(0, 1)), 0u);
+}
+
+struct Named {
+    json request;
+    std::uint16_t type;
+    Value value;
+};
+
+const ByteString mac{0x02, 0, 0, 0, 0, 9};
+
+// The 56-byte user record of the fields below, at an offset of the value.
+Value with_user(std::size_t len, std::size_t offset) {
+    return Value(len)
+        .raw(offset + 8, {10, 0, 0, 9})
+        .raw(offset + 24, {255, 0, 0, 0})
+        .u32(offset + 40, 4)
+        .u16(offset + 44, 20)
+        .raw(offset + 46, mac)
+        .u32(offset + 52, 1);
+}
+
+json with_user(json fields) {
+    fields.update(
+        {{"ip", "10.0.0.9"}, {"mask", "255.0.0.0"}, {"ifx", 4}, {"vid", 20}, {"mac", "02:00:00:00:00:09"}});
+    return fields;
+}
+
+TEST(SccdControl, EveryNamedNotificationHasTheLayoutThatTheLibraryReads) {
+    DaemonProcess daemon;
+    TestClient client(daemon, 3, 77);
+    const Named rows[] = {
+        {with_user({{"name", "d1x-addr-move"}, {"vid_before", 7}, {"vid_after", 8}}), 110,
+         Value(24).u32(4, 1).u32(8, 4).u16(12, 20).u16(14, 7).u16(16, 8).raw(18, mac)},
+        {with_user({{"name", "user-change"}, {"add", true}}), 127, with_user(816, 24).raw(4, mac).u8(16, 1)},
+        {{{"name", "offline-detect"}, {"open", true}, {"interval", 30}, {"threshold", "0x28"}},
+         209,
+         Value(16).u8(4, 1).u32(8, 30).u32(12, 40)},
+        {{{"name", "station-move"}, {"permit", true}}, 210, Value(8).u8(4, 1)},
+        {with_user({{"name", "flow"}, {"first", 5}, {"second", 6}}), 211,
+         with_user(80, 8).u64(64, 5).u64(72, 6)},
+        {with_user({{"name", "noflow-offline"}, {"flow", 5}, {"time", 6}, {"extra", "aabb"}}), 212,
+         with_user(90, 8).u64(64, 5).u64(72, 6).u64(80, 2).raw(88, {0xaa, 0xbb})},
+        {{{"name", "direct-vlan"}, {"value", 1}, {"vlans", {1, 4095}}},
+         213,
+         Value(520).u32(4, 1).u8(8, 2).u8(519, 0x80)},
+        {{{"name", "authmode"}, {"mode", 2}}, 214, Value(8).u32(4, 2)},
+        {{{"name", "dirchn"}, {"ip", "1.2.3.4"}, {"add", true}},
+         216,
+         Value(12).raw(4, {1, 2, 3, 4}).u32(8, 1)},
+        {with_user({{"name", "port-violate"}, {"add", true}}), 217, with_user(64, 4).u8(60, 1)},
+        {with_user({{"name", "user-roll"}, {"roll_type", 3}}), 219, with_user(72, 8).u32(64, 3)},
+        {{{"name", "water-line"}, {"start", true}}, 220, Value(4).u32(0, 1)},
+        {{{"name", "ace-counter"},
+          {"type", 3},
+          {"id", 5},
+          {"class", 1},
+          {"entries", {{{"id", 7}, {"value", 100}}, {{"id", 8}, {"value", 200}}}}},
+         407,
+         Value(56).key(4, 3, 5).u32(20, 2).u64(24, 7).u64(32, 100).u64(40, 8).u64(48, 200)},
+    };
+
+    for (const Named& row : rows) {
+        json request = row.request;
+        request["do"] = "notify-named";
+        ASSERT_EQ(control(request)["ok"], true) << request.dump();
+        const TestItem notification = client.async.receive();
+        EXPECT_EQ(notification.type, row.type);
+        EXPECT_EQ(notification.value, row.value.bytes()) << request["name"];
+    }
+}
+
+TEST(SccdControl, DebugCommandsReachApplicationsAndTheService) {
+    DaemonProcess daemon;
+    TestClient application(daemon, 3, 77);
+    TestClient service(daemon, service_app, 78);
+
+    EXPECT_EQ(control({{"do", "debug"}, {"app", 3}, {"open", true}})["ok"], true);
+    EXPECT_EQ(control({{"do", "debug"}, {"app", 3}, {"open", false}})["ok"], true);
+    EXPECT_EQ(
+        control({{"do", "debug-show"}, {"app", 3}, {"mode", 2}, {"vdev", 0}, {"type", 3}, {"id", 5}})["ok"],
+        true);
+    EXPECT_EQ(control({{"do", "debug-dump-service"}})["ok"], true);
+
+    EXPECT_EQ(application.async.receive().value, Value(52).u32(24, 1).u32(32, 1).bytes());
+    EXPECT_EQ(application.async.receive().value, Value(52).u32(32, 1).bytes());
+    const TestItem show = application.async.receive();
+    EXPECT_EQ(show.type, 206);
+    EXPECT_EQ(show.value, Value(52).u32(32, 3).u32(36, 2).u32(44, 3).u32(48, 5).bytes());
+    EXPECT_EQ(service.async.receive().u32(32), 3u);
+}
+
+TEST(SccdControl, TheCapabilityWordIsEightBytes) {
+    DaemonProcess daemon;
+    TestClient client(daemon, 3, 77);
+
+    EXPECT_EQ(control({{"do", "capability"}, {"word", "0x8000000000000020"}, {"to", 3}})["ok"], true);
+
+    const TestItem capability = client.async.receive();
+    EXPECT_EQ(capability.type, 406);
+    EXPECT_EQ(capability.value, (ByteString{0x20, 0, 0, 0, 0, 0, 0, 0x80}));
+}
+
+TEST(SccdControl, AliveRepliesWhenTheApplicationHasAnswered) {
+    DaemonProcess daemon;
+    TestClient client(daemon, 3, 77);
+    CallInBackground call({{"do", "alive"}, {"app", 3}, {"timeout_ms", 20000}});
+
+    EXPECT_EQ(client.async.receive().type, 319);
+    client.sync.send(319, Value(4).u32(0, 3));
+
+    const json reply = call.wait();
+    EXPECT_EQ(reply["ok"], true);
+    EXPECT_EQ(reply["app"], 3);
+}
+
+TEST(SccdControl, AnApplicationThatDoesNotAnswerOrDiesIsNotAlive) {
+    DaemonProcess daemon;
+    TestClient client(daemon, 3, 77);
+
+    EXPECT_EQ(control({{"do", "alive"}, {"app", 3}, {"timeout_ms", 20}})["ok"], false);
+    EXPECT_EQ(client.async.receive().type, 319);
+    CallInBackground call({{"do", "alive"}, {"app", 3}, {"timeout_ms", 20000}});
+    EXPECT_EQ(client.async.receive().type, 319);
+    client.async.close();
+
+    EXPECT_EQ(call.wait()["ok"], false);
+}
+
+TEST(SccdControl, StatisticsComeAsThirteenEntries) {
+    DaemonProcess daemon;
+    TestClient client(daemon, 3, 77);
+    CallInBackground call({{"do", "stats"}, {"app", 3}, {"timeout_ms", 20000}});
+    Value statistics(320);
+    statistics.u32(0, 3).u32(4, 13);
+    for (std::uint32_t entry = 0; entry < 13; ++entry) statistics.u32(8 + 24 * entry, entry);
+    statistics.u32(8 + 24 * 12 + 4, 1).u32(8 + 24 * 12 + 8, 2).u32(8 + 24 * 12 + 12, 3);
+    statistics.u32(8 + 24 * 12 + 16, 4).u32(8 + 24 * 12 + 20, 5);
+
+    EXPECT_EQ(client.async.receive().type, 318);
+    client.sync.send(318, statistics);
+
+    const json reply = call.wait();
+    ASSERT_EQ(reply["entries"].size(), 13u);
+    EXPECT_EQ(reply["entries"][12], (json{{"index", 12},
+                                          {"calls", 1},
+                                          {"call_successes", 2},
+                                          {"callback_successes", 3},
+                                          {"call_failures", 4},
+                                          {"callback_failures", 5}}));
+}
+
+TEST(SccdControl, QuitEndsTheDaemonAndRemovesItsSockets) {
+    DaemonProcess daemon;
+
+    EXPECT_EQ(control({{"do", "quit"}})["ok"], true);
+
+    EXPECT_EQ(WEXITSTATUS(daemon.wait_for_end()), 0);
+    EXPECT_TRUE(std::filesystem::is_empty(daemon.socket_directory()));
+    EXPECT_EQ(control({{"do", "clients"}})["ok"], false);
+}
+
+TEST(SccdControl, AclsUsersAndSettingsAreShown) {
+    DaemonProcess daemon;
+    TestClient client(daemon, 3, 77);
+    EXPECT_EQ(client.result_of(131, acl_request(1, 5, 1)), 0u);
+    EXPECT_EQ(client.result_of(132, ace_request(2, 5, 10, 4, 1)), 0u);
+    EXPECT_EQ(client.result_of(133, apply_request(3, 5, 2, 1)), 0u);
+    EXPECT_EQ(client.result_of(127, user_request(4, 9, 4, 1)), 0u);
+    EXPECT_EQ(client.result_of(165, user_request(5, 8, 4, 1)), 0u);
+    EXPECT_EQ(client.result_of(143, Value(8).u32(0, 6).u32(4, 1)), 0u);
+
+    const json acl = control({{"do", "acls"}})["acls"][0];
+    const json users = control({{"do", "users"}});
+    const json settings = control({{"do", "settings"}})["settings"];
+
+    EXPECT_EQ(acl["id"], 5);
+    EXPECT_EQ(acl["pid"], 77);
+    EXPECT_EQ(acl["aces"], (json::array({{{"sn", 10}, {"id", 4}}})));
+    EXPECT_EQ(acl["applies"][0]["ifx"], 2);
+    EXPECT_EQ(users["users"][0]["mac"], "02:00:00:00:00:09");
+    EXPECT_EQ(users["users"][0]["ip"], "10.0.0.9");
+    EXPECT_EQ(users["arp_entries"][0]["ip"], "10.0.0.8");
+    EXPECT_EQ(settings["router_acl"], 1);
+}
+
+TEST(SccdControl, TheServicesReportsReachTheApplications) {
+    DaemonProcess daemon;
+    TestClient first(daemon, 3, 77);
+    TestClient second(daemon, 4, 78);
+    TestClient service(daemon, service_app, 79);
+
+    service.sync.send(202, Value(40).u32(0, 9).u32(4, 2).u32(8, 4).u32(24, 5));
+    service.sync.send(203, with_user(90, 8).u32(0, 10).u64(80, 2).raw(88, {0xaa, 0xbb}));
+    service.sync.send(208, with_user(80, 8).u32(0, 11).u64(64, 5).u64(72, 6));
+    service.sync.send(207, Value(40).u32(0, 12).key(4, 3, 5).u32(20, 1).u64(24, 7).u64(32, 100));
+
+    for (TestClient* client : {&first, &second}) {
+        const TestItem moved = client->async.receive();
+        EXPECT_EQ(moved.type, 110);
+        EXPECT_EQ(moved.value, Value(24).u32(4, 1).u32(8, 4).bytes());
+        EXPECT_EQ(client->async.receive().value, Value(24).u32(4, 1).u32(8, 5).bytes());
+        const TestItem offline = client->async.receive();
+        EXPECT_EQ(offline.type, 212);
+        EXPECT_EQ(offline.value, with_user(90, 8).u64(80, 2).raw(88, {0xaa, 0xbb}).bytes());
+        const TestItem flow = client->async.receive();
+        EXPECT_EQ(flow.type, 211);
+        EXPECT_EQ(flow.value, with_user(80, 8).u64(64, 5).u64(72, 6).bytes());
+        const TestItem counters = client->async.receive();
+        EXPECT_EQ(counters.type, 407);
+        EXPECT_EQ(counters.value, Value(40).key(4, 3, 5).u32(20, 1).u64(24, 7).u64(32, 100).bytes());
+    }
+}
+
+TEST(SccdControl, ReportsWhoseCountsDoNotFitAreIgnored) {
+    DaemonProcess daemon;
+    TestClient client(daemon, 3, 77);
+    TestClient service(daemon, service_app, 79);
+
+    service.sync.send({item(202, Value(24).u32(4, 0xffffffff).u32(8, 6)), item(203, Value(88).u64(80, 1)),
+                       item(207, Value(40).u32(20, 2)), item(207, Value(24).u32(20, 0x10000000)),
+                       item(208, Value(80).u64(64, 3))});
+
+    const TestItem moved = client.async.receive();
+    EXPECT_EQ(moved.type, 110);
+    EXPECT_EQ(moved.u32(8), 6u);
+    EXPECT_EQ(client.async.receive().type, 211);
+}
+
+TEST(SccdControl, ATraceShowsItemsOfBothDirectionsByName) {
+    DaemonProcess daemon({"--trace"});
+    TestClient client(daemon, 3, 77);
+
+    EXPECT_EQ(client.result_of(131, acl_request(21, 5, 1)), 0u);
+
+    const std::string request = daemon.read_line_with(" acl ");
+    const std::string answer = daemon.read_line_with("call-ret");
+    EXPECT_NE(request.find("<- app=3 async 131 acl call=21 key=0/3/5/1 op=1 (140 bytes) 15000000"),
+              std::string::npos)
+        << request;
+    EXPECT_NE(answer.find("-> app=3 async 401 call-ret call=21 result=0 (8 bytes) 1500000000000000"),
+              std::string::npos)
+        << answer;
+}
+
+}  // namespace
+}  // namespace sccd_test

@@ -1,0 +1,379 @@
+// A real sccd-dev in a directory of its own, and raw sockets that speak to it. Nothing here uses the
+// daemon's own code for bytes or messages. Every wait is for an event and ends after 20 seconds.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <initializer_list>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/control_client.h"
+
+namespace sccd_test {
+
+inline constexpr int wait_ms = 20'000;
+
+using ByteString = std::vector<std::uint8_t>;
+
+// The value of an item under construction.
+class Value {
+  public:
+    explicit Value(std::size_t len) : bytes_(len, 0) {}
+
+    Value& u8(std::size_t offset, std::uint8_t number) { return put(offset, &number, sizeof number); }
+    Value& u16(std::size_t offset, std::uint16_t number) { return put(offset, &number, sizeof number); }
+    Value& u32(std::size_t offset, std::uint32_t number) { return put(offset, &number, sizeof number); }
+    Value& u64(std::size_t offset, std::uint64_t number) { return put(offset, &number, sizeof number); }
+    Value& raw(std::size_t offset, const ByteString& bytes) {
+        return put(offset, bytes.data(), bytes.size());
+    }
+    // vdev 0, the given type and id, class 1.
+    Value& key(std::size_t offset, std::uint32_t type, std::uint32_t id) {
+        return u32(offset + 4, type).u32(offset + 8, id).u32(offset + 12, 1);
+    }
+    [[nodiscard]] const ByteString& bytes() const { return bytes_; }
+
+  private:
+    Value& put(std::size_t offset, const void* source, std::size_t len) {
+        EXPECT_LE(offset + len, bytes_.size());
+        if (len != 0 && offset + len <= bytes_.size()) std::memcpy(bytes_.data() + offset, source, len);
+        return *this;
+    }
+
+    ByteString bytes_;
+};
+
+struct TestItem {
+    std::uint16_t type = 0;
+    ByteString value;
+    std::uint16_t sub_id = 0;
+    int message = 0;  // how many messages of this socket came before
+
+    [[nodiscard]] std::uint32_t u32(std::size_t offset) const { return number<std::uint32_t>(offset); }
+    [[nodiscard]] std::uint16_t u16(std::size_t offset) const { return number<std::uint16_t>(offset); }
+    [[nodiscard]] std::uint64_t u64(std::size_t offset) const { return number<std::uint64_t>(offset); }
+    [[nodiscard]] ByteString part(std::size_t offset, std::size_t len) const {
+        if (offset + len > value.size()) return {};
+        const auto first = value.begin() + static_cast<std::ptrdiff_t>(offset);
+        return {first, first + static_cast<std::ptrdiff_t>(len)};
+    }
+
+  private:
+    template <class Number>
+    [[nodiscard]] Number number(std::size_t offset) const {
+        Number found = 0;
+        EXPECT_LE(offset + sizeof found, value.size());
+        if (offset + sizeof found <= value.size()) std::memcpy(&found, value.data() + offset, sizeof found);
+        return found;
+    }
+};
+
+inline TestItem item(std::uint16_t type, const Value& value, std::uint16_t sub_id = 0) {
+    return {type, value.bytes(), sub_id};
+}
+
+// One connected Unix socket.
+class Wire {
+  public:
+    explicit Wire(const std::string& path) : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.data(), path.size());
+        EXPECT_EQ(::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0) << path;
+    }
+    ~Wire() { close(); }
+    Wire(const Wire&) = delete;
+    Wire& operator=(const Wire&) = delete;
+
+    void close() {
+        if (socket_ >= 0) ::close(std::exchange(socket_, -1));
+    }
+
+    void send_raw(const ByteString& bytes) {
+        std::size_t sent = 0;
+        while (sent < bytes.size()) {
+            const ssize_t count = ::send(socket_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+            ASSERT_GT(count, 0) << std::strerror(errno);
+            sent += static_cast<std::size_t>(count);
+        }
+    }
+
+    void send(const std::vector<TestItem>& items) { send_raw(message(items)); }
+    void send(std::uint16_t type, const Value& value) { send({item(type, value)}); }
+
+    static ByteString message(const std::vector<TestItem>& items) {
+        ByteString bytes{0, 0, 0, 0, 1, 0, 0, 0};
+        for (const TestItem& entry : items) {
+            append(bytes, static_cast<std::uint32_t>(entry.value.size()));
+            append(bytes, entry.sub_id);
+            append(bytes, entry.type);
+            bytes.insert(bytes.end(), entry.value.begin(), entry.value.end());
+        }
+        const auto len = static_cast<std::uint32_t>(bytes.size());
+        const auto count = static_cast<std::uint16_t>(items.size());
+        std::memcpy(bytes.data(), &len, sizeof len);
+        std::memcpy(bytes.data() + 5, &count, sizeof count);
+        return bytes;
+    }
+
+    // The next item; type 0 when the peer closed or nothing came in time.
+    TestItem receive() {
+        while (items_.empty()) {
+            if (!receive_message()) return {};
+        }
+        TestItem next = std::move(items_.front());
+        items_.pop_front();
+        return next;
+    }
+
+    // Whether the daemon ends this connection.
+    bool ends() {
+        std::uint8_t byte = 0;
+        while (readable()) {
+            const ssize_t count = ::recv(socket_, &byte, 1, 0);
+            if (count <= 0) return true;
+        }
+        return false;
+    }
+
+    [[nodiscard]] int descriptor() const { return socket_; }
+
+  private:
+    template <class Number>
+    static void append(ByteString& bytes, Number number) {
+        const std::size_t offset = bytes.size();
+        bytes.resize(offset + sizeof number);
+        std::memcpy(bytes.data() + offset, &number, sizeof number);
+    }
+
+    [[nodiscard]] bool readable() const {
+        pollfd waiting{socket_, POLLIN, 0};
+        return ::poll(&waiting, 1, wait_ms) == 1;
+    }
+
+    bool receive_exactly(std::uint8_t* place, std::size_t len) {
+        while (len != 0) {
+            if (!readable()) return false;
+            const ssize_t count = ::recv(socket_, place, len, 0);
+            if (count <= 0) return false;
+            place += count;
+            len -= static_cast<std::size_t>(count);
+        }
+        return true;
+    }
+
+    bool receive_message() {
+        std::uint8_t header[8];
+        if (!receive_exactly(header, sizeof header)) return false;
+        std::uint32_t len = 0;
+        std::uint16_t count = 0;
+        std::memcpy(&len, header, sizeof len);
+        std::memcpy(&count, header + 5, sizeof count);
+        EXPECT_EQ(header[4], 1);
+        EXPECT_EQ(header[7], 0);
+        EXPECT_GT(len, 8u);
+        ByteString body(len - 8);
+        if (!receive_exactly(body.data(), body.size())) return false;
+        std::size_t offset = 0;
+        for (std::uint16_t index = 0; index < count; ++index) offset = take_item(body, offset);
+        EXPECT_EQ(offset, body.size());
+        ++messages_;
+        return true;
+    }
+
+    std::size_t take_item(const ByteString& body, std::size_t offset) {
+        std::uint32_t len = 0;
+        TestItem next;
+        std::memcpy(&len, body.data() + offset, sizeof len);
+        std::memcpy(&next.sub_id, body.data() + offset + 4, sizeof next.sub_id);
+        std::memcpy(&next.type, body.data() + offset + 6, sizeof next.type);
+        const auto first = body.begin() + static_cast<std::ptrdiff_t>(offset + 8);
+        next.value.assign(first, first + static_cast<std::ptrdiff_t>(len));
+        next.message = messages_;
+        items_.push_back(std::move(next));
+        return offset + 8 + len;
+    }
+
+    int socket_;
+    int messages_ = 0;
+    std::deque<TestItem> items_;
+};
+
+// The daemon's process with its own directory below /tmp.
+class DaemonProcess {
+  public:
+    explicit DaemonProcess(std::vector<std::string> arguments = {}) : arguments_(std::move(arguments)) {
+        char name[] = "/tmp/sccd_test.XXXXXX";
+        directory_ = ::mkdtemp(name);
+        ::setenv("TMPDIR", directory_.c_str(), 1);
+        start();
+    }
+    ~DaemonProcess() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            wait_for_end();
+        }
+        if (output_ >= 0) ::close(output_);
+        std::filesystem::remove_all(directory_);
+        ::unsetenv("TMPDIR");
+    }
+    DaemonProcess(const DaemonProcess&) = delete;
+    DaemonProcess& operator=(const DaemonProcess&) = delete;
+
+    void start() {
+        launch();
+        ASSERT_EQ(read_line(), "sccd-dev: ready");
+    }
+
+    // Starts the process without waiting for it to be ready.
+    void launch() {
+        int ends[2];
+        ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+        std::vector<char*> words{const_cast<char*>(SCCD_DEV_PATH)};
+        for (std::string& argument : arguments_) words.push_back(argument.data());
+        words.push_back(nullptr);
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::dup2(ends[1], STDOUT_FILENO);
+            ::execv(SCCD_DEV_PATH, words.data());
+            ::_exit(127);
+        }
+        ::close(ends[1]);
+        if (output_ >= 0) ::close(output_);
+        output_ = ends[0];
+        pending_.clear();
+    }
+
+    // The next line of the daemon's output; empty when there is none in time.
+    std::string read_line() {
+        while (pending_.find('\n') == std::string::npos) {
+            pollfd waiting{output_, POLLIN, 0};
+            char buffer[4096];
+            if (::poll(&waiting, 1, wait_ms) != 1) return {};
+            const ssize_t count = ::read(output_, buffer, sizeof buffer);
+            if (count <= 0) return {};
+            pending_.append(buffer, static_cast<std::size_t>(count));
+        }
+        const std::size_t end = pending_.find('\n');
+        std::string line = pending_.substr(0, end);
+        pending_.erase(0, end + 1);
+        return line;
+    }
+
+    // Reads output up to a line with this text in it.
+    std::string read_line_with(const std::string& text) {
+        for (std::string line = read_line(); !line.empty(); line = read_line()) {
+            if (line.find(text) != std::string::npos) return line;
+        }
+        return {};
+    }
+
+    void signal(int number) const { ::kill(pid_, number); }
+    int wait_for_end() {
+        int status = 0;
+        ::waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return status;
+    }
+    [[nodiscard]] const std::string& directory() const { return directory_; }
+    [[nodiscard]] std::string socket_directory() const { return directory_ + "/security/scc"; }
+    [[nodiscard]] std::string socket_path() const { return socket_directory() + "/.sccd_sd_"; }
+
+  private:
+    std::vector<std::string> arguments_;
+    std::string directory_;
+    pid_t pid_ = -1;
+    int output_ = -1;
+    std::string pending_;
+};
+
+inline Value registration(std::uint32_t app, std::uint32_t pid, bool sync) {
+    return Value(12).u32(0, app).u32(4, pid).u8(8, 1).u8(9, sync ? 1 : 0);
+}
+
+inline TestItem register_socket(Wire& wire, std::uint32_t app, std::uint32_t pid, bool sync) {
+    wire.send(301, registration(app, pid, sync));
+    return wire.receive();
+}
+
+// A registered client: application or, under app id 16, the service.
+class TestClient {
+  public:
+    TestClient(const DaemonProcess& daemon, std::uint32_t app, std::uint32_t pid)
+        : sync(daemon.socket_path()), async(daemon.socket_path()) {
+        EXPECT_EQ(register_socket(sync, app, pid, true).u32(4), 0u);
+        EXPECT_EQ(register_socket(async, app, pid, false).u32(4), 0u);
+    }
+
+    // Sends an asynchronous request and returns the result that comes back for its call id.
+    std::uint32_t result_of(std::uint16_t type, const Value& value) {
+        async.send(type, value);
+        const TestItem answer = async.receive();
+        EXPECT_EQ(answer.type, 401);
+        EXPECT_EQ(answer.part(0, 4), item(0, value).part(0, 4));
+        return answer.u32(4);
+    }
+
+    TestItem query(std::uint16_t type, const Value& value) {
+        sync.send(type, value);
+        return sync.receive();
+    }
+
+    // An exchange whose answer shows that everything sent before on either socket is worked off.
+    void settle() { EXPECT_EQ(query(303, Value(0)).type, 405); }
+
+    Wire sync;
+    Wire async;
+};
+
+inline constexpr std::uint32_t service_app = 16;
+
+// Answers the operation that `received` is with a plain result.
+inline void answer_operation(TestClient& service, const TestItem& received, std::uint32_t result) {
+    service.async.send({item(402, Value(12).raw(0, received.part(0, 4)).u32(4, result), received.sub_id)});
+}
+
+inline Value acl_request(std::uint32_t call, std::uint32_t id, std::uint32_t operation) {
+    return Value(140).u32(0, call).key(4, 3, id).u32(20, 77).u32(24, 3).u32(136, operation);
+}
+
+inline Value ace_request(std::uint32_t call, std::uint32_t id, std::uint32_t sn, std::uint32_t ace,
+                         std::uint32_t operation) {
+    return Value(944).u32(0, call).key(4, 3, id).u32(24 + 220, sn).u32(24 + 224, ace).u32(936, operation);
+}
+
+inline Value apply_request(std::uint32_t call, std::uint32_t id, std::uint32_t ifx, std::uint32_t operation) {
+    return Value(248).u32(0, call).key(8, 3, id).u32(24, ifx).u32(216, 3).u32(240, operation);
+}
+
+// op: 1 add, 3 delete. The MAC ends with `number`, the address is 10.0.0.number.
+inline Value user_request(std::uint32_t call, std::uint8_t number, std::uint32_t ifx,
+                          std::uint32_t operation) {
+    return Value(744)
+        .u32(0, call)
+        .u32(8, ifx)
+        .raw(16, {0x02, 0, 0, 0, 0, number})
+        .u32(24, 5)
+        .u32(32, operation)
+        .raw(44, {10, 0, 0, number});
+}
+
+inline nlohmann::json control(const nlohmann::json& request) {
+    return scc::devkit::control_call(request);
+}
+
+}  // namespace sccd_test
