@@ -1,0 +1,194 @@
+#include "support/faults.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+
+namespace test {
+namespace {
+
+struct fault {
+    std::atomic<int> calls{0};
+    std::atomic<int> nth{0};
+    std::atomic<int> error{0};
+    std::atomic<bool> onwards{false};
+};
+
+constinit fault g_faults[static_cast<int>(call::count)];
+constinit std::atomic<int> g_allocations{0};
+constinit std::atomic<int> g_failing_allocation{0};
+constinit std::atomic<bool> g_met{false};
+constinit std::atomic<int> g_limit{0};
+
+fault& of(call which)
+{
+    return g_faults[static_cast<int>(which)];
+}
+
+// Whether this call has to fail; errno is then set.
+bool fails(call which)
+{
+    fault& one = of(which);
+    const int number = ++one.calls;
+    const int nth = one.nth;
+    if (nth == 0 || (one.onwards ? number < nth : number != nth)) {
+        return false;
+    }
+    g_met = true;
+    errno = one.error;
+    return true;
+}
+
+bool allocation_fails(call which)
+{
+    const bool this_one = ++g_allocations == g_failing_allocation;
+    if (this_one) {
+        g_met = true;
+        errno = ENOMEM;
+    }
+    return fails(which) || this_one;
+}
+
+std::size_t limited(std::size_t length)
+{
+    const auto limit = static_cast<std::size_t>(g_limit.load());
+    return limit != 0 && length > limit ? limit : length;
+}
+
+}  // namespace
+
+void fail_call(call which, int nth, int error)
+{
+    fault& one = of(which);
+    one.nth = 0;
+    one.calls = 0;
+    one.error = error;
+    one.onwards = false;
+    one.nth = nth;
+}
+
+void fail_calls_from(call which, int nth, int error)
+{
+    fail_call(which, 0, error);
+    of(which).onwards = true;
+    of(which).nth = nth;
+}
+
+void fail_allocation(int nth)
+{
+    g_allocations = 0;
+    g_failing_allocation = nth;
+}
+
+bool end_faults()
+{
+    for (fault& one : g_faults) {
+        one.nth = 0;
+        one.calls = 0;
+    }
+    g_failing_allocation = 0;
+    g_limit = 0;
+    return g_met.exchange(false);
+}
+
+int calls(call which)
+{
+    return of(which).calls;
+}
+
+void limit_transfer(int bytes)
+{
+    g_limit = bytes;
+}
+
+}  // namespace test
+
+using test::call;
+
+extern "C" {
+
+void* __real_malloc(size_t size);
+void* __real_calloc(size_t count, size_t size);
+int __real_socket(int domain, int type, int protocol);
+int __real_bind(int fd, const sockaddr* address, socklen_t length);
+int __real_connect(int fd, const sockaddr* address, socklen_t length);
+int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
+ssize_t __real_send(int fd, const void* bytes, size_t length, int flags);
+ssize_t __real_recv(int fd, void* bytes, size_t length, int flags);
+int __real_poll(pollfd* watched, nfds_t count, int timeout);
+int __real_close(int fd);
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument);
+int __real_mkdir(const char* path, mode_t mode);
+
+void* __wrap_malloc(size_t size)
+{
+    return test::allocation_fails(call::malloc) ? nullptr : __real_malloc(size);
+}
+
+void* __wrap_calloc(size_t count, size_t size)
+{
+    return test::allocation_fails(call::calloc) ? nullptr : __real_calloc(count, size);
+}
+
+int __wrap_socket(int domain, int type, int protocol)
+{
+    return test::fails(call::socket) ? -1 : __real_socket(domain, type, protocol);
+}
+
+int __wrap_bind(int fd, const sockaddr* address, socklen_t length)
+{
+    return test::fails(call::bind) ? -1 : __real_bind(fd, address, length);
+}
+
+int __wrap_connect(int fd, const sockaddr* address, socklen_t length)
+{
+    return test::fails(call::connect) ? -1 : __real_connect(fd, address, length);
+}
+
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t length)
+{
+    return test::fails(call::setsockopt) ? -1 : __real_setsockopt(fd, level, name, value, length);
+}
+
+ssize_t __wrap_send(int fd, const void* bytes, size_t length, int flags)
+{
+    return test::fails(call::send) ? -1 : __real_send(fd, bytes, test::limited(length), flags);
+}
+
+ssize_t __wrap_recv(int fd, void* bytes, size_t length, int flags)
+{
+    return test::fails(call::recv) ? -1 : __real_recv(fd, bytes, test::limited(length), flags);
+}
+
+int __wrap_poll(pollfd* watched, nfds_t count, int timeout)
+{
+    return test::fails(call::poll) ? -1 : __real_poll(watched, count, timeout);
+}
+
+// The descriptor is closed all the same, as the kernel does.
+int __wrap_close(int fd)
+{
+    if (test::fails(call::close)) {
+        const int error = errno;
+        __real_close(fd);
+        errno = error;
+        return -1;
+    }
+    return __real_close(fd);
+}
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument)
+{
+    return test::fails(call::pthread_create) ? errno : __real_pthread_create(thread, attributes, body, argument);
+}
+
+int __wrap_mkdir(const char* path, mode_t mode)
+{
+    return test::fails(call::mkdir) ? -1 : __real_mkdir(path, mode);
+}
+}

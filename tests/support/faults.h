@@ -1,0 +1,22 @@
+// Makes one call of a kind fail: the Nth from now on, with an error number. Calls of the whole process are
+// counted, so a test switches a fault on right before the act and off behind it.
+#pragma once
+
+namespace test {
+
+enum class call { malloc, calloc, socket, bind, connect, setsockopt, send, recv, poll, close, pthread_create, mkdir, count };
+
+// The Nth call (from 1) of this kind fails once with this errno. Memory calls return null.
+void fail_call(call which, int nth, int error);
+// Every call of the kind fails from the Nth on.
+void fail_calls_from(call which, int nth, int error);
+// Either memory call: the Nth allocation of the process fails.
+void fail_allocation(int nth);
+// Ends all faults; returns whether one was met.
+bool end_faults();
+// How often the kind was called since the last end_faults or fail_*.
+int calls(call which);
+// send and recv move at most that many bytes a call; 0 for no limit.
+void limit_transfer(int bytes);
+
+}  // namespace test

@@ -1,0 +1,103 @@
+#include "support/log_capture.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+
+#include "client/log.h"
+
+namespace test {
+namespace {
+
+struct store {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<log_line> lines;
+};
+
+// Never destroyed: the library's threads log until the process has gone.
+store& the_store()
+{
+    static store* one = new store;
+    return *one;
+}
+
+std::string behind_prefix(const std::string& whole)
+{
+    if (whole.empty() || whole.front() != '<') {
+        return whole;
+    }
+    const auto end = whole.find("> ");
+    return end == std::string::npos ? whole : whole.substr(end + 2);
+}
+
+bool contains(const std::vector<log_line>& lines, const std::string& text)
+{
+    return std::any_of(lines.begin(), lines.end(), [&](const log_line& line) { return line.text == text; });
+}
+
+}  // namespace
+
+void clear_log()
+{
+    const std::lock_guard guard(the_store().mutex);
+    the_store().lines.clear();
+}
+
+std::vector<log_line> captured_log()
+{
+    const std::lock_guard guard(the_store().mutex);
+    return the_store().lines;
+}
+
+std::vector<std::string> log_texts()
+{
+    std::vector<std::string> texts;
+    for (const log_line& line : captured_log()) {
+        texts.push_back(line.text);
+    }
+    return texts;
+}
+
+bool logged(const std::string& text)
+{
+    return contains(captured_log(), text);
+}
+
+bool wait_for_log(const std::string& text)
+{
+    std::unique_lock guard(the_store().mutex);
+    return the_store().changed.wait_for(guard, std::chrono::seconds(20),
+                                        [&] { return contains(the_store().lines, text); });
+}
+
+debugging::debugging()
+{
+    clear_log();
+    scc_lib_debug.store(1);
+}
+
+debugging::~debugging()
+{
+    scc_lib_debug.store(0);
+}
+
+}  // namespace test
+
+extern "C" int printk_syslog_ext(int level, const char* module, const char* submodule, int flag,
+                                 const char* format, ...)
+{
+    char text[2048];
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    auto& store = test::the_store();
+    const std::lock_guard guard(store.mutex);
+    store.lines.push_back({level, module, submodule, flag, test::behind_prefix(text), text});
+    store.changed.notify_all();
+    return length;
+}

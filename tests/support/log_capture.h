@@ -1,0 +1,35 @@
+// The log as the tests see it: linking log_capture.cpp replaces the platform's syslog entry point.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace test {
+
+struct log_line {
+    int level;
+    std::string module;
+    std::string submodule;
+    int flag;
+    std::string text;  // behind the prefix "<function line:N> ", where the line has one
+    std::string whole;
+};
+
+void clear_log();
+std::vector<log_line> captured_log();
+// The texts alone, in order.
+std::vector<std::string> log_texts();
+bool logged(const std::string& text);
+// Waits up to 20 seconds for a line with exactly this text.
+bool wait_for_log(const std::string& text);
+
+// Switches the library's logging on while it lives.
+class debugging {
+  public:
+    debugging();
+    ~debugging();
+    debugging(const debugging&) = delete;
+    debugging& operator=(const debugging&) = delete;
+};
+
+}  // namespace test

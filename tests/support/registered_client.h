@@ -1,0 +1,51 @@
+// A scripted daemon with this process registered as an application, for tests of what happens then.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "scclib.h"
+#include "support/events.h"
+#include "support/log_capture.h"
+#include "support/scripted_daemon.h"
+
+namespace test {
+
+inline event_queue<std::uint32_t>& statuses()
+{
+    static auto* queue = new event_queue<std::uint32_t>;
+    return *queue;
+}
+
+inline void on_status(std::uint32_t status)
+{
+    statuses().push(status);
+}
+
+// Registers app id 7; handlers as the test sets them in info before start().
+class registered_client : public ::testing::Test {
+  protected:
+    void start(std::uint8_t option = 1)
+    {
+        info.app_id = 7;
+        info.option = option;
+        info.handlers.server_status = on_status;
+        ASSERT_EQ(scc_svr_reg(&info), 0U);
+        daemon.accept_registration();
+        ASSERT_EQ(statuses().wait(), 1U);
+    }
+
+    // Unregisters with the daemon's consent.
+    void stop()
+    {
+        std::thread answering([this] { daemon.answer_unregistration(); });
+        EXPECT_EQ(scc_svr_unreg(), 0U);
+        answering.join();
+    }
+
+    scc_reg_info info{};
+    scripted_daemon daemon;
+};
+
+}  // namespace test

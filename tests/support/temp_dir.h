@@ -1,0 +1,35 @@
+// A fresh directory under /tmp that TMPDIR points to while the object lives, removed at the end.
+#pragma once
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <string>
+
+namespace test {
+
+class temp_dir {
+  public:
+    temp_dir()
+    {
+        char name[] = "/tmp/scct-XXXXXX";
+        path_ = mkdtemp(name);
+        setenv("TMPDIR", path_.c_str(), 1);
+        setenv("DATA_QXOS_DIR", path_.c_str(), 1);
+    }
+    ~temp_dir()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    temp_dir(const temp_dir&) = delete;
+    temp_dir& operator=(const temp_dir&) = delete;
+
+    [[nodiscard]] const std::string& path() const { return path_; }
+    [[nodiscard]] std::string runtime() const { return path_ + "/security/scc"; }
+
+  private:
+    std::string path_;
+};
+
+}  // namespace test
