@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# The shared library as a guest sees it: its symbols, what it needs, and what it must not contain.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+library=${1:?path of libscclib.so}
+
+fail() {
+    echo "check_binary: $1" >&2
+    exit 1
+}
+
+named=$(sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map | sort)
+visible=$(nm -D --defined-only "$library" | awk '{print $3}' | sed 's/@.*//' | grep -v '^SCCLIB_1.0$' | sort)
+[ "$named" = "$visible" ] || {
+    diff <(echo "$named") <(echo "$visible") || true
+    fail "the visible symbols are not those of src/scclib.map"
+}
+declared=$(grep -oE '\b(_?scc_[a-z0-9_]+|_get_get_avail_svrid|ip_show|mask_show|ipv6_show|ipv6_mask_show|mac_show|ip_set|mask_count|g_scc_perf(_debug)?)[[(]|g_scc_perf_debug' include/scclib.h |
+    tr -d '([' | sort -u)
+for symbol in $named; do
+    grep -qx "$symbol" <<<"$declared" || fail "$symbol is not declared in scclib.h"
+done
+
+needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort | tr '\n' ' ')
+[ "$needed" = "libc.so.6 libqx-thread.so libqx_syslog.so " ] || fail "needs $needed"
+readelf -d "$library" | grep -q 'NODELETE' || fail "may be unmapped by dlclose"
+readelf -d "$library" | grep -q 'SONAME.*libscclib.so.1\]' || fail "has another soname"
+if readelf -S "$library" | grep -qE '\.ctors|\.eh_frame_hdr_never'; then
+    fail "has constructors"
+fi
+# The C run-time's frame_dummy is the only entry that a library without static constructors has.
+array=$(readelf -SW "$library" | awk '$0 ~ /\.init_array/ {for (i = 1; i <= NF; i++) if ($i == "INIT_ARRAY") print $(i + 3)}')
+[ "$((16#${array:-0}))" -le 8 ] || fail "has static constructors"
+if nm -D --undefined-only "$library" | grep -qE ' (_Zn|_Zd|__cxa_throw|__gxx_personality|abort$|exit$|printf$|puts$|signal|sigaction)'; then
+    fail "uses what a guest must not"
+fi
+echo "symbols: $(wc -w <<<"$named")"

@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Installs into an empty prefix and builds a program against it, by pkg-config and by CMake.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+build=${1:?build directory}
+work=$(mktemp -d /tmp/scclib-install-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+
+cmake --install "$build" --prefix "$work/root" >/dev/null
+libdir=$(dirname "$(find "$work/root" -name libscclib.so)")
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+# shellcheck disable=SC2046
+gcc -std=c11 -Wall -Werror examples/first_app.c -o "$work/by-pkg-config" \
+    $(pkg-config --define-variable=prefix="$work/root" --cflags --libs scclib) -Wl,-rpath,"$libdir" -Wl,-rpath-link,"$libdir"
+
+mkdir "$work/project"
+cp examples/first_app.c "$work/project/"
+cat >"$work/project/CMakeLists.txt" <<'CMAKE'
+cmake_minimum_required(VERSION 3.25)
+project(first C)
+find_package(scclib REQUIRED)
+add_executable(first first_app.c)
+target_link_libraries(first PRIVATE scclib::scclib)
+CMAKE
+cmake -S "$work/project" -B "$work/project/build" -DCMAKE_PREFIX_PATH="$work/root" >/dev/null
+cmake --build "$work/project/build" >/dev/null
+
+for program in "$work/by-pkg-config" "$work/project/build/first"; do
+    # Without a runtime directory it says so and ends: it runs, and the library is found.
+    output=$(env -u TMPDIR LD_LIBRARY_PATH="$libdir" "$program" 2>&1 || true)
+    grep -q 'cannot start: Input/output error' <<<"$output" || {
+        echo "check_install: $program printed: $output" >&2
+        exit 1
+    }
+done

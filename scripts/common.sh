@@ -1,0 +1,39 @@
+# Shared by ./run and the scripts: building a preset and running its tests.
+# shellcheck shell=bash
+
+# A build directory of another checkout may have compiled the same file already.
+export CCACHE_NOHASHDIR=true
+export CCACHE_BASEDIR=$PWD
+export CMAKE_COLOR_DIAGNOSTICS=OFF
+
+jobs=$(nproc)
+
+# build PRESET [targets...]: configures once, then builds.
+build() {
+    local preset=$1
+    shift
+    if [ ! -f "build/$preset/build.ninja" ]; then
+        cmake --preset "$preset" >"/tmp/scclib-configure-$$.log" 2>&1 || {
+            cat "/tmp/scclib-configure-$$.log"
+            rm -f "/tmp/scclib-configure-$$.log"
+            return 1
+        }
+        rm -f "/tmp/scclib-configure-$$.log"
+    fi
+    cmake --build "build/$preset" --parallel "$jobs" ${1:+--target "$@"} -- --quiet
+}
+
+# run_tests PRESET [ctest arguments...]: all cases at once; waits of the protocol overlap. A case that
+# fails beside others is run once more by itself, and reported either way.
+run_tests() {
+    local preset=$1
+    shift
+    local at_once=$((jobs * 4))
+    if ctest --test-dir "build/$preset" --output-on-failure --parallel "$at_once" --progress "$@" >"build/$preset/test.log" 2>&1; then
+        tail -n 4 "build/$preset/test.log"
+        return 0
+    fi
+    grep -vE '^Test project|Start +[0-9]+:|Passed +[0-9]' "build/$preset/test.log" | tail -n 400
+    echo "Some cases failed; each is run once more by itself."
+    ctest --test-dir "build/$preset" --output-on-failure --rerun-failed --parallel 1
+}
