@@ -66,7 +66,7 @@ std::string describe(Route route, const Item& item) {
         }
     }
     text += fmt::format(" ({} bytes)", item.value.size());
-    if (!item.value.empty()) text += " " + hex_text(slice(item.value, 0, shown_bytes));
+    if (!item.value.empty()) text += fmt::format(" {}", hex_text(slice(item.value, 0, shown_bytes)));
     if (item.value.size() > shown_bytes) text += "...";
     return text;
 }

@@ -8,7 +8,6 @@ namespace scc::sccd {
 namespace {
 
 using devkit::AclKey;
-using devkit::Bytes;
 using devkit::View;
 
 constexpr u32 sn_beyond_resequencing = 0x7fffffff;
@@ -24,13 +23,17 @@ void erase_serial(Acl& acl, u64 serial) {
     std::erase_if(acl.aces, [serial](const auto& entry) { return entry.second.serial == serial; });
 }
 
-Bytes entity_of(View record) {
-    return devkit::to_bytes(devkit::slice(record, devkit::apply_record::entity, record.size()));
+Identity identity(View bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
+Identity entity_of(View record) {
+    return identity(devkit::slice(record, devkit::apply_record::entity, record.size()));
 }
 
 // Everything before the key names the user; the class is left out of the key as everywhere.
-Bytes user_binding(View record) {
-    return devkit::to_bytes(devkit::slice(record, 0, devkit::user_acl_record::key + 12));
+Identity user_binding(View record) {
+    return identity(devkit::slice(record, 0, devkit::user_acl_record::key + 12));
 }
 
 struct OldNumbers {
@@ -151,7 +154,7 @@ Change AclStore::apply(View record) {
     const AclKey key = devkit::key_at(record, 0);
     Acl* acl = find(key);
     if (acl == nullptr) return Change::refused(result::no_such_acl);
-    const Bytes entity = entity_of(record);
+    const Identity entity = entity_of(record);
     if (!acl->applies.emplace(entity, devkit::to_bytes(record)).second) {
         return Change::refused(result::already_applied);
     }
@@ -164,7 +167,7 @@ Change AclStore::unapply(View record) {
     const AclKey key = devkit::key_at(record, 0);
     Acl* acl = find(key);
     if (acl == nullptr) return Change::refused(result::no_such_acl);
-    const Bytes entity = entity_of(record);
+    const Identity entity = entity_of(record);
     if (acl->applies.erase(entity) == 0) return Change::refused(result::not_applied);
     return Change::made([this, key, entity, removed = devkit::to_bytes(record)] {
         if (Acl* changed = find(key)) changed->applies.emplace(entity, removed);

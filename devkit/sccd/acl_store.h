@@ -3,12 +3,16 @@
 #pragma once
 
 #include <map>
+#include <string>
 
 #include "common/bytes.h"
 #include "common/records.h"
 #include "sccd/change.h"
 
 namespace scc::sccd {
+
+// Opaque bytes that name something: the entity an ACL is applied on, a user and its ACL.
+using Identity = std::string;
 
 struct Ace {
     u64 serial = 0;  // tells ACEs apart whatever their numbers become
@@ -22,7 +26,7 @@ struct Acl {
     devkit::AclKey key;
     devkit::Bytes creation;        // the request that created it, with the creator's pid and name
     std::multimap<u32, Ace> aces;  // by sequence number; equal numbers in order of arrival
-    std::map<devkit::Bytes, devkit::Bytes> applies;  // apply record by its entity
+    std::map<Identity, devkit::Bytes> applies;  // apply record by its entity
     u32 sn_start = 0;
     u32 sn_increment = 0;
     u64 counter = 0;
@@ -56,7 +60,7 @@ class AclStore {
 
   private:
     Acls acls_;
-    std::map<devkit::Bytes, devkit::Bytes> user_acls_;  // user ACL record by user and key
+    std::map<Identity, devkit::Bytes> user_acls_;  // user ACL record by user and key
     u64 last_serial_ = 0;
 };
 
