@@ -39,7 +39,7 @@ int on_record(Operation* operation) {
 
 int on_apply(scc_ss_apply_operation* operation) {
     const int accepted = on_record<msg::acl_apply, SCC_SS_OP_APPLY>(operation);
-    if (operation->ret == 0) active->note_applied();
+    active->note_applied();
     return accepted;
 }
 

@@ -33,7 +33,7 @@ class security_service {
         std::function<void(const std::string&)> log;
         // 1 when registered, 0 when the daemon is lost. Called on the library's receive thread.
         std::function<void(u32)> status;
-        // How many ACLs are applied, after each successful application.
+        // How many ACLs are applied, after each operation that applies one.
         std::function<void(std::size_t)> applied;
     };
 
