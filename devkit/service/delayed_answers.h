@@ -1,0 +1,44 @@
+// Sends answers: at once on the caller's thread, or a fixed time later on a thread of its own, in the
+// order in which they were given. The thread runs from start() to stop().
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace scc::service {
+
+class delayed_answers {
+  public:
+    explicit delayed_answers(std::chrono::milliseconds delay) : delay_(delay) {}
+    ~delayed_answers() { stop(); }
+    delayed_answers(const delayed_answers&) = delete;
+    delayed_answers& operator=(const delayed_answers&) = delete;
+
+    // A delay of 0 needs no thread.
+    void start();
+    // Answers that are still waiting, and those sent from now on, are dropped.
+    void stop();
+    void send(std::function<void()> answer);
+
+  private:
+    using clock = std::chrono::steady_clock;
+    struct waiting_answer {
+        clock::time_point due;
+        std::function<void()> send;
+    };
+
+    void run();
+
+    const std::chrono::milliseconds delay_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<waiting_answer> waiting_;  // guarded by mutex_; earliest first, since the delay is fixed
+    bool ending_ = false;                 // guarded by mutex_
+    std::thread thread_;
+};
+
+}  // namespace scc::service

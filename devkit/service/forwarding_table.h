@@ -1,0 +1,45 @@
+// The service's whole state behind one mutex. The library's threads carry operations out in it, the main
+// thread classifies packets against it and prints it.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "service/acl_table.h"
+#include "service/nac_table.h"
+
+namespace scc::service {
+
+class forwarding_table {
+  public:
+    struct contents {
+        acl_table acls;
+        nac_table nac;
+
+        // Both ends of a data recovery.
+        void begin_recovery() {
+            acls.begin_recovery();
+            nac.begin_recovery();
+        }
+        void end_recovery() {
+            acls.end_recovery();
+            nac.end_recovery();
+        }
+        [[nodiscard]] std::string text() const { return acls.text() + nac.text(); }
+    };
+
+    // Runs work(contents) with the mutex held and hands its result on. The work must not block and must
+    // not keep a reference.
+    template <class Work>
+    auto locked(Work&& work) {
+        const std::lock_guard guard(mutex_);
+        return std::forward<Work>(work)(contents_);
+    }
+
+  private:
+    std::mutex mutex_;
+    contents contents_;  // guarded by mutex_
+};
+
+}  // namespace scc::service

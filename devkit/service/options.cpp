@@ -1,0 +1,74 @@
+#include "service/options.h"
+
+#include <CLI/CLI.hpp>
+#include <utility>
+#include <vector>
+
+#include "ace/ace_text.h"
+
+namespace scc::service {
+namespace {
+
+// "A:B", two numbers with upper limits.
+std::pair<u32, u32> number_pair(const std::string& text, u32 first_max, u32 second_max) {
+    const std::size_t colon = text.find(':');
+    const auto number = [&](const std::string& digits, u32 max) {
+        const auto parsed = ace::parse_number(digits, 0, max);
+        if (!parsed) throw CLI::ValidationError(text, "two numbers with a colon between them are needed");
+        return static_cast<u32>(*parsed);
+    };
+    if (colon == std::string::npos) return {number({}, 0), 0};
+    return {number(text.substr(0, colon), first_max), number(text.substr(colon + 1), second_max)};
+}
+
+}  // namespace
+
+std::optional<options> parse_options(int argc, char** argv, int* exit_code) {
+    CLI::App app("Security service with a forwarding table in memory");
+    options parsed;
+    u32 delay_ms = 0;
+    u32 run_after = 1;
+    std::string run_on = "signal";
+    std::vector<std::string> refusals;
+    std::vector<u32> silent;
+    std::vector<std::string> vlans;
+
+    constexpr u32 number_max = 0xFFFFFFFF;
+    constexpr u32 type_max = 0xFFFF;
+    constexpr u32 delay_ms_max = 3'600'000;
+    app.add_option("--delay", delay_ms, "Answer this many milliseconds later, from another thread")
+        ->check(CLI::Range(0u, delay_ms_max));
+    app.add_option("--refuse", refusals, "Answer operations of this message type with this result")
+        ->type_name("TYPE:RESULT");
+    app.add_option("--silent", silent, "Never answer operations of this message type")->type_name("TYPE");
+    app.add_option("--pcap", parsed.capture_path, "Capture whose packets are classified")
+        ->check(CLI::ExistingFile);
+    app.add_option("--pcap-on", run_on, "signal: run the capture on SIGUSR1 alone; applied: also by itself")
+        ->check(CLI::IsMember({"signal", "applied"}, CLI::ignore_case));
+    app.add_option("--pcap-after", run_after, "With --pcap-on applied: when so many ACLs are applied")
+        ->check(CLI::Range(1u, number_max));
+    app.add_option("--pcap-ifx", parsed.ingress.default_ifx, "Interface on which the packets came in");
+    app.add_option("--vlan-ifx", vlans, "Interface of the packets of a VLAN (0: untagged)")
+        ->type_name("VLAN:IFX");
+    app.add_flag("-v,--verbose", parsed.verbose, "Print each operation");
+
+    try {
+        app.parse(argc, argv);
+        for (const std::string& text : refusals) {
+            parsed.policy.refusals.insert(number_pair(text, type_max, number_max));
+        }
+        for (const std::string& text : vlans) {
+            const auto [vid, ifx] = number_pair(text, ace::vlan_max, number_max);
+            parsed.ingress.ifx_of_vlan[static_cast<u16>(vid)] = ifx;
+        }
+    } catch (const CLI::ParseError& error) {
+        *exit_code = app.exit(error);
+        return std::nullopt;
+    }
+    parsed.policy.delay = std::chrono::milliseconds(delay_ms);
+    parsed.policy.silent = {silent.begin(), silent.end()};
+    if (CLI::detail::to_lower(run_on) == "applied") parsed.run_after = run_after;
+    return parsed;
+}
+
+}  // namespace scc::service

@@ -1,0 +1,40 @@
+// What one captured Ethernet frame says about itself: addresses, VLAN tag, IPv4, IPv6, ARP and ports.
+// A frame that ends early gives the fields up to there. Pure; any thread.
+#pragma once
+
+#include <optional>
+
+#include "ace/ace_layout.h"
+#include "common/bytes.h"
+
+namespace scc::service {
+
+using devkit::View;
+
+enum class network_kind : u8 { other, ipv4, ipv6, arp };
+
+struct packet {
+    ace::mac_bytes destination_mac{};
+    ace::mac_bytes source_mac{};
+    u16 vid = 0;         // of the outer tag; 0 = untagged
+    u16 ether_type = 0;  // behind the tags
+    network_kind network = network_kind::other;
+
+    // IPv4 (in the first 4 bytes), IPv6, and ARP: the addresses of its sender and its target.
+    ace::ip_bytes source_ip{};
+    ace::ip_bytes destination_ip{};
+
+    // IPv4 and IPv6 alone.
+    u8 dscp = 0;
+    u8 protocol = 0;              // of the IP header; behind the extension headers of IPv6
+    bool later_fragment = false;  // not the first piece, so it has no ports
+
+    bool has_ports = false;
+    u16 source_port = 0;
+    u16 destination_port = 0;
+};
+
+// Nothing when the frame is shorter than an Ethernet header.
+[[nodiscard]] std::optional<packet> parse_packet(View frame);
+
+}  // namespace scc::service

@@ -1,0 +1,275 @@
+#include "service/security_service.h"
+
+#include <fmt/format.h>
+
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "service/operations.h"
+
+namespace scc::service {
+namespace {
+
+using contents = forwarding_table::contents;
+
+constexpr u32 registered = 1;  // the status of the server-status handler
+
+// The library's handlers carry no context. Set once, before the registration that starts its threads.
+constinit security_service* active = nullptr;
+
+// ---- operations with a record ----
+
+template <class Operation, class Work>
+int answer_record(u32 type, Operation& operation, Work work) {
+    const auto result =
+        active->carry_out(type, describe(operation), [&](contents& held) { return work(held, operation); });
+    if (!result) return 0;
+    operation.ret = *result;
+    active->send_later([copy = operation] { copy.callback(&copy, sizeof copy); });
+    return 0;
+}
+
+template <u32 type, u32 op, class Operation>
+int on_record(Operation* operation) {
+    operation->op = op;
+    return answer_record(type, *operation,
+                         [](contents& held, Operation& record) { return perform(held, record); });
+}
+
+int on_apply(scc_ss_apply_operation* operation) {
+    const int accepted = on_record<msg::acl_apply, SCC_SS_OP_APPLY>(operation);
+    active->note_applied();
+    return accepted;
+}
+
+int on_acl_counter(scc_ss_counter_operation* operation) {
+    operation->op = SCC_SS_OP_COUNTER;
+    const u32 type = operation->sync != 0 ? msg::acl_counter_get : msg::acl_counter_reset;
+    return answer_record(type, *operation, perform_acl_counter);
+}
+
+int on_ace_counter(scc_ss_counter_operation* operation) {
+    operation->op = SCC_SS_OP_COUNTER;
+    const u32 type = operation->sync != 0 ? msg::ace_counter_get : msg::ace_counter_reset;
+    return answer_record(type, *operation, perform_ace_counter);
+}
+
+// ---- operations with arguments ----
+
+// reply(result) is one of the library's reply functions with its arguments.
+template <class Work, class Reply>
+int answer_call(u32 type, const std::string& text, Work work, Reply reply) {
+    const auto result = active->carry_out(type, text, [&](contents& held) {
+        work(held);
+        return 0u;
+    });
+    if (result) active->send_later([reply, result] { reply(*result); });
+    return 0;
+}
+
+int on_app_set(u32 call_id, u32 op, u32 ifx, u32 type) {
+    return answer_call(
+        msg::nacm_app, fmt::format("nac app {} ifx {} operation {}", type, ifx, op),
+        [&](contents& held) {
+            held.nac.set_app({ifx, 0, type}, op);
+        },
+        [=](u32 result) { scc_ssc_nacm_app_op_callback(result, call_id, op, ifx, type); });
+}
+
+int on_app_set_with_vid(u32 call_id, u32 op, u32 ifx, u32 vid, u32 type) {
+    return answer_call(
+        msg::nacm_app_with_vid, fmt::format("nac app {} ifx {} vid {} operation {}", type, ifx, vid, op),
+        [&](contents& held) {
+            held.nac.set_app({ifx, vid, type}, op);
+        },
+        [=](u32 result) { scc_ssc_nacm_app_op_with_vid_callback(result, call_id, op, ifx, vid, type); });
+}
+
+int on_default_read(u32 call_id, u32 ifx, u32 type) {
+    return answer_call(
+        msg::nacm_def_read, fmt::format("default read ifx {} type {}", ifx, type),
+        [&](contents& held) { held.nac.read_default(ifx, type); },
+        [=](u32 result) { scc_ssc_nacm_def_read_callback(result, call_id, ifx, type); });
+}
+
+int on_l4port_set(u32 call_id, u32 add, u32 port) {
+    return answer_call(
+        msg::nacm_l4port, fmt::format("{} layer-4 port {}", add != 0 ? "add" : "delete", port),
+        [&](contents& held) { held.nac.set_l4port(port, add != 0); },
+        [=](u32 result) { scc_ssc_nacm_http_l4port_set_callback(result, call_id, add, port); });
+}
+
+int on_user(u32 call_id, u8 add, const scc_ss_user* user) {
+    const auto result =
+        active->carry_out(msg::nacm_user, fmt::format("{} {}", add != 0 ? "add" : "delete", describe(*user)),
+                          [&](contents& held) {
+                              if (add == 0) return held.nac.delete_user(*user);
+                              held.nac.add_user(*user);
+                              return 0u;
+                          });
+    if (!result) return 0;
+    active->send_later([result = *result, call_id, add, copy = *user] {
+        scc_ssc_nacm_user_op_callback(result, call_id, add, &copy);
+    });
+    return 0;
+}
+
+int on_user_reinstall(u32 call_id, u32 start, u32 ifx) {
+    return answer_call(
+        msg::nacm_user_reinstall, fmt::format("reinstall users ifx {} {}", ifx, start != 0 ? "start" : "end"),
+        [&](contents& held) {
+            if (start != 0) {
+                held.nac.begin_reinstall(ifx);
+            } else {
+                held.nac.end_reinstall(ifx);
+            }
+        },
+        [=](u32 result) { scc_ssc_nacm_user_reinstall_callback(result, call_id, start, ifx); });
+}
+
+int on_offline_detection(u32 call_id, u8 open, u32 interval, u32 threshold) {
+    return answer_call(
+        msg::offline_detect_notify,
+        fmt::format("offline detection {} interval {} threshold {}", open != 0 ? "open" : "close", interval,
+                    threshold),
+        [&](contents& held) {
+            held.nac.set_offline_detection({open != 0, interval, threshold});
+        },
+        [=](u32 result) { scc_offline_detect_cfg_ret_callback(result, call_id, open, interval, threshold); });
+}
+
+// ---- operations that the library answers with what the handler returns, or not at all ----
+
+int on_user_read(u32, scc_ss_user* user) {
+    const auto result = active->carry_out(msg::nacm_user_read, "read " + describe(*user),
+                                          [&](contents& held) { return held.nac.read_user(*user); });
+    return static_cast<int>(result.value_or(0));
+}
+
+int on_data_recover(u8 start) {
+    const auto result =
+        active->carry_out(msg::data_recover, fmt::format("data recovery {}", start == 1 ? "start" : "end"),
+                          [&](contents& held) {
+                              if (start == 1) {
+                                  held.begin_recovery();
+                              } else {
+                                  held.end_recovery();
+                              }
+                              return 0u;
+                          });
+    return static_cast<int>(result.value_or(0));
+}
+
+// The lists of the recoveries are packed and need not be aligned.
+template <class Entry>
+std::vector<Entry> copy_list(u32 count, const void* entries) {
+    std::vector<Entry> copied(entries == nullptr ? 0 : count);
+    if (!copied.empty()) std::memcpy(copied.data(), entries, copied.size() * sizeof(Entry));
+    return copied;
+}
+
+int on_users_recover(u32 ifx, u32 app, u32 count, const void* users) {
+    const auto result = active->carry_out(msg::nacm_app_user_recover,
+                                          fmt::format("recover {} users ifx {} app {}", count, ifx, app),
+                                          [&](contents& held) {
+                                              held.nac.recover_users(copy_list<scc_ss_user>(count, users));
+                                              return 0u;
+                                          });
+    return static_cast<int>(result.value_or(0));
+}
+
+int on_l4ports_recover(u32 count, const void* ports) {
+    const auto result = active->carry_out(
+        msg::nacm_l4port_recover, fmt::format("recover {} layer-4 ports", count), [&](contents& held) {
+            held.nac.recover_l4ports(copy_list<u32>(count, ports));
+            return 0u;
+        });
+    return static_cast<int>(result.value_or(0));
+}
+
+// ---- notifications ----
+
+// Runs on the library's receive thread without its lock, so the fetch can be asked for from here.
+void on_server_status(u32 status) {
+    active->note_status(status);
+    if (status == registered) active->note_fetch(scc_ss_fetch_func());
+}
+
+void on_direct_vlans(const scc_vlan_record* vlans) {
+    (void)active->carry_out(msg::direct_vlan_notify, "direct vlans", [&](contents& held) {
+        held.nac.set_direct_vlans(*vlans);
+        return 0u;
+    });
+}
+
+void on_auth_mode(u32 mode) {
+    (void)active->carry_out(msg::authmode, fmt::format("authentication mode {}", mode), [&](contents& held) {
+        held.nac.set_auth_mode(mode);
+        return 0u;
+    });
+}
+
+constexpr scc_ss_reg_info all_handlers{
+    .server_status = on_server_status,
+    .acl_create = on_record<msg::acl, SCC_SS_OP_CREATE, scc_ss_acl_operation>,
+    .acl_delete = on_record<msg::acl, SCC_SS_OP_DELETE, scc_ss_acl_operation>,
+    .add_ace = on_record<msg::ace, SCC_SS_OP_ADD_ACE, scc_ss_ace_operation>,
+    .delete_ace = on_record<msg::ace, SCC_SS_OP_DELETE_ACE, scc_ss_ace_operation>,
+    .apply = on_apply,
+    .unapply = on_record<msg::acl_apply, SCC_SS_OP_UNAPPLY, scc_ss_apply_operation>,
+    .resequence = on_record<msg::acl_resequence, SCC_SS_OP_RESEQUENCE, scc_ss_resequence_operation>,
+    .svi_router_acl = on_record<msg::svi_router_acl, SCC_SS_OP_SVI_ROUTER_ACL, scc_ss_svi_operation>,
+    .acl_counter = on_acl_counter,
+    .ace_counter = on_ace_counter,
+    .uplink = on_record<msg::global_eport, SCC_SS_OP_GLOBAL_EPORT, scc_ss_eport_operation>,
+    .cpp = on_record<msg::cpp, SCC_SS_OP_CPP, scc_ss_cpp_operation>,
+    .direct_vlan_notify = on_direct_vlans,
+    .authmode = on_auth_mode,
+    .app_set = on_app_set,
+    .def_read = on_default_read,
+    .http_l4port_set = on_l4port_set,
+    .user_op = on_user,
+    .user_read = on_user_read,
+    .user_reinstall = on_user_reinstall,
+    .app_user_recover = on_users_recover,
+    .l4port_recover = on_l4ports_recover,
+    .app_set_with_vid = on_app_set_with_vid,
+    .data_recover = on_data_recover,
+    .offline_detect_cfg = on_offline_detection,
+};
+
+}  // namespace
+
+security_service::security_service(forwarding_table& table, answer_policy policy, observer watcher)
+    : table_(table), policy_(std::move(policy)), observer_(std::move(watcher)), answers_(policy_.delay) {}
+
+void security_service::activate() {
+    active = this;
+}
+
+const scc_ss_reg_info& security_service::handlers() {
+    return all_handlers;
+}
+
+void security_service::note_applied() {
+    const std::size_t applied = table_.locked([](const contents& held) { return held.acls.applied_count(); });
+    if (observer_.applied) observer_.applied(applied);
+}
+
+void security_service::note_status(u32 status) const {
+    if (observer_.status) observer_.status(status);
+}
+
+void security_service::note_fetch(u32 result) const {
+    if (result != 0 && observer_.log) {
+        observer_.log(fmt::format("fetch: {}", scc_strerror(static_cast<i32>(result))));
+    }
+}
+
+void security_service::log_operation(u32 type, const std::string& text, u32 result, bool answered) const {
+    if (!observer_.log) return;
+    observer_.log(fmt::format("{} {}: {}{}", type, text, result, answered ? "" : ", not answered"));
+}
+
+}  // namespace scc::service

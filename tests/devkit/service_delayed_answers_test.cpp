@@ -1,0 +1,48 @@
+#include <gtest/gtest.h>
+
+#include <future>
+#include <vector>
+
+#include "service/delayed_answers.h"
+
+namespace scc::service {
+namespace {
+
+using std::chrono::milliseconds;
+
+TEST(ServiceDelayedAnswers, WithoutADelayTheCallerSendsItself) {
+    delayed_answers answers(milliseconds(0));
+    answers.start();
+    std::thread::id sender;
+    answers.send([&] { sender = std::this_thread::get_id(); });
+    EXPECT_EQ(sender, std::this_thread::get_id());
+}
+
+TEST(ServiceDelayedAnswers, WithADelayAnotherThreadSendsNoSoonerAndInOrder) {
+    delayed_answers answers(milliseconds(20));
+    answers.start();
+    std::vector<int> order;
+    std::promise<std::thread::id> last;
+    const auto begin = std::chrono::steady_clock::now();
+    answers.send([&] { order.push_back(1); });
+    answers.send([&] { order.push_back(2); });
+    answers.send([&] { last.set_value(std::this_thread::get_id()); });
+    EXPECT_NE(last.get_future().get(), std::this_thread::get_id());
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(20));
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+}
+
+TEST(ServiceDelayedAnswers, StoppingDropsWhatIsStillWaiting) {
+    bool sent = false;
+    {
+        delayed_answers answers(milliseconds(3'600'000));
+        answers.start();
+        answers.send([&] { sent = true; });
+        answers.stop();
+        answers.send([&] { sent = true; });
+    }
+    EXPECT_FALSE(sent);
+}
+
+}  // namespace
+}  // namespace scc::service

@@ -1,0 +1,248 @@
+// The service as a process, registered with a daemon process, and an application's raw sockets on the other
+// side of it.
+#include <algorithm>
+#include <filesystem>
+
+#include "sccd_support.h"
+#include "service_frames.h"
+
+namespace scc::service {
+namespace {
+
+using sccd_test::ByteString;
+using sccd_test::DaemonProcess;
+using sccd_test::TestClient;
+using sccd_test::TestItem;
+using sccd_test::Value;
+
+const std::string flows_pcap =
+    (std::filesystem::path(__FILE__).parent_path() / "data" / "flows.pcap").string();
+constexpr std::uint32_t app = 3;
+
+class ServiceProcess {
+  public:
+    explicit ServiceProcess(std::vector<std::string> arguments = {}) {
+        int ends[2];
+        EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+        std::vector<char*> words{const_cast<char*>(SERVICE_PATH)};
+        for (std::string& argument : arguments) words.push_back(argument.data());
+        words.push_back(nullptr);
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::dup2(ends[1], STDOUT_FILENO);
+            ::execv(SERVICE_PATH, words.data());
+            ::_exit(127);
+        }
+        ::close(ends[1]);
+        output_ = ::fdopen(ends[0], "r");
+    }
+    ~ServiceProcess() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        if (output_ != nullptr) std::fclose(output_);
+    }
+    ServiceProcess(const ServiceProcess&) = delete;
+    ServiceProcess& operator=(const ServiceProcess&) = delete;
+
+    // The next line; empty at the end of the output. The test's own time limit ends a wait for nothing.
+    std::string line() {
+        char buffer[512];
+        if (std::fgets(buffer, sizeof buffer, output_) == nullptr) return {};
+        std::string text = buffer;
+        if (!text.empty() && text.back() == '\n') text.pop_back();
+        return text;
+    }
+    // Reads lines up to this one and returns them all, itself left out.
+    std::vector<std::string> lines_before(const std::string& last) {
+        std::vector<std::string> lines;
+        for (std::string next = line(); next != last; next = line()) {
+            EXPECT_NE(next, "") << "the output ended before: " << last;
+            if (next.empty()) break;
+            lines.push_back(next);
+        }
+        return lines;
+    }
+    void wait_until_registered() { lines_before("scc-ss-dev: registered"); }
+    void signal(int number) const { ::kill(pid_, number); }
+    int wait_for_end() {
+        int status = -1;
+        ::waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return status;
+    }
+
+  private:
+    pid_t pid_ = -1;
+    std::FILE* output_ = nullptr;
+};
+
+Value ace_with_rule(std::uint32_t call, std::uint32_t acl, const char* text) {
+    const scc_ace_record record = testing::ace_of(text);
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&record);
+    return Value(944)
+        .u32(0, call)
+        .key(4, app, acl)
+        .raw(24, ByteString(bytes, bytes + sizeof record))
+        .u32(936, 1);
+}
+
+TEST(ServiceProcess, RegistersIsLostAndRegistersAgain) {
+    DaemonProcess daemon;
+    ServiceProcess service;
+    EXPECT_EQ(service.line(), "scc-ss-dev: registered");
+    daemon.signal(SIGKILL);
+    daemon.wait_for_end();
+    EXPECT_EQ(service.line(), "scc-ss-dev: lost");
+    daemon.start();
+    EXPECT_EQ(service.line(), "scc-ss-dev: registered");
+}
+
+TEST(ServiceProcess, EndsCleanlyOnTheTerminationSignal) {
+    DaemonProcess daemon;
+    ServiceProcess service({"--delay", "1000"});
+    service.wait_until_registered();
+    service.signal(SIGTERM);
+    EXPECT_EQ(service.wait_for_end(), 0);
+}
+
+TEST(ServiceProcess, RefusesACommandLineThatIsWrong) {
+    for (const char* wrong : {"--refuse=131", "--refuse=a:b", "--vlan-ifx=4095:1", "--pcap-on=never"}) {
+        ServiceProcess service({wrong});
+        const int status = service.wait_for_end();
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 0) << wrong;
+    }
+}
+
+TEST(ServiceProcess, CarriesOutWhatAnApplicationAsksFor) {
+    DaemonProcess daemon;
+    ServiceProcess service;
+    service.wait_until_registered();
+    TestClient client(daemon, app, 100);
+    EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
+    EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, "10 permit tcp any any port 80 id 7")), 0u);
+    EXPECT_EQ(client.result_of(133, sccd_test::apply_request(3, 5, 1, 1)), 0u);
+    EXPECT_EQ(client.result_of(127, sccd_test::user_request(4, 9, 4, 1)), 0u);
+    service.signal(SIGUSR2);
+    const std::vector<std::string> lines = service.lines_before("scc-ss-dev: end of tables");
+    const std::vector<std::string> held = {"acl vdev 0 type 3 id 5 class 1: 0 packets",
+                                           "  ace 10 permit tcp any any port 80 id 7: 0 packets",
+                                           "  applied in ifx 1 type 3",
+                                           "user ifx 4 vid 0 mac 02:00:00:00:00:09 ip 10.0.0.9",
+                                           "router acl closed",
+                                           "offline detection closed interval 0 threshold 0",
+                                           "authentication mode 0"};
+    EXPECT_EQ(lines, held);
+}
+
+TEST(ServiceProcess, AnswersLaterAndRefusesAsItIsTold) {
+    DaemonProcess daemon;
+    ServiceProcess service({"--delay", "20", "--refuse", "132:28"});
+    service.wait_until_registered();
+    TestClient client(daemon, app, 100);
+    EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
+    EXPECT_EQ(client.result_of(132, sccd_test::ace_request(2, 5, 10, 10, 1)), 28u);
+    EXPECT_EQ(client.result_of(127, sccd_test::user_request(3, 9, 4, 1)), 0u);
+}
+
+TEST(ServiceProcess, TheDaemonGivesUpOnASilentOperation) {
+    DaemonProcess daemon({"--service-timeout", "100"});
+    ServiceProcess service({"--silent", "131"});
+    service.wait_until_registered();
+    TestClient client(daemon, app, 100);
+    EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 2020u);
+}
+
+// The tables once no recovery is under way: the daemon may start one by itself and one for the fetch. A
+// recovery changes nothing else in what is printed of tables that are complete.
+std::vector<std::string> settled_tables(ServiceProcess& service) {
+    const auto contains = [](const std::string& line, const char* text) {
+        return line.find(text) != std::string::npos;
+    };
+    for (;;) {
+        service.signal(SIGUSR2);
+        std::vector<std::string> lines = service.lines_before("scc-ss-dev: end of tables");
+        std::erase_if(lines, [&](const std::string& line) { return contains(line, "scc-ss-dev:"); });
+        const bool recovering = std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+            return contains(line, "being recovered");
+        });
+        if (!recovering || ::testing::Test::HasFailure()) return lines;
+    }
+}
+
+TEST(ServiceProcess, AServiceThatComesLateIsGivenEverything) {
+    DaemonProcess daemon;
+    TestClient client(daemon, app, 100);
+    EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
+    EXPECT_EQ(client.result_of(133, sccd_test::apply_request(2, 5, 1, 1)), 0u);
+    EXPECT_EQ(client.result_of(127, sccd_test::user_request(3, 9, 4, 1)), 0u);
+    ServiceProcess service({"--verbose"});
+    service.lines_before("scc-ss-dev: 201 data recovery end: 0");
+    const std::vector<std::string> lines = settled_tables(service);
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_EQ(lines[0], "acl vdev 0 type 3 id 5 class 1: 0 packets");
+    EXPECT_EQ(lines[1], "  applied in ifx 1 type 3");
+    EXPECT_EQ(lines[2], "user ifx 4 vid 0 mac 02:00:00:00:00:09 ip 10.0.0.9");
+}
+
+// Receives until there is an item of each of these types and returns the first of each, in their order.
+std::vector<TestItem> first_of_each(TestClient& client, const std::vector<std::uint16_t>& types) {
+    std::vector<TestItem> found(types.size());
+    std::size_t missing = types.size();
+    while (missing != 0) {
+        const TestItem next = client.async.receive();
+        if (next.type == 0) break;
+        for (std::size_t place = 0; place < types.size(); ++place) {
+            if (types[place] != next.type || found[place].type != 0) continue;
+            found[place] = next;
+            --missing;
+        }
+    }
+    EXPECT_EQ(missing, 0u);
+    return found;
+}
+
+TEST(ServiceProcess, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
+    DaemonProcess daemon;
+    ServiceProcess service({"--pcap", flows_pcap, "--pcap-on", "applied", "--pcap-after", "1"});
+    service.wait_until_registered();
+    TestClient client(daemon, app, 100);
+    EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
+    EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, "10 permit tcp any any port 80 id 7")), 0u);
+    client.async.send(133, sccd_test::apply_request(3, 5, 1, 1));
+    EXPECT_EQ(
+        service.line(),
+        "scc-ss-dev: capture: 80 packets, 0 unreadable, 22 matched, 0 denied, 8 flows, 1 moves, 0 silent");
+    EXPECT_EQ(service.line(), "scc-ss-dev: reported: 10 sent, 0 failed");
+
+    // The result may come behind the first notifications.
+    const std::vector<TestItem> items = first_of_each(client, {401, 110, 407, 211});
+    const TestItem& result = items[0];
+    const TestItem& moved = items[1];
+    const TestItem& counters = items[2];
+    const TestItem& flow = items[3];
+    EXPECT_EQ(result.part(0, 8), (ByteString{3, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(moved.part(8, 16), (ByteString{1, 0, 0, 0, 20, 0, 10, 0, 20, 0, 0x02, 0, 0, 0, 0, 0x08}));
+    EXPECT_EQ(counters.part(4, 16), (ByteString{0, 0, 0, 0, 3, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0}));
+    EXPECT_EQ(counters.u32(20), 1u);
+    EXPECT_EQ(counters.u64(24), 7u);
+    EXPECT_EQ(counters.u64(32), 22u);
+    EXPECT_EQ(flow.part(16, 4), (ByteString{192, 0, 2, 1}));
+    EXPECT_EQ(flow.part(54, 6), (ByteString{0x02, 0, 0, 0, 0, 0x01}));
+    EXPECT_EQ(flow.u64(64), 11u);
+    EXPECT_EQ(flow.u64(72), 638u);
+}
+
+TEST(ServiceProcess, RunsTheCaptureOnItsSignal) {
+    DaemonProcess daemon;
+    ServiceProcess service({"--pcap", flows_pcap});
+    service.wait_until_registered();
+    service.signal(SIGUSR1);
+    EXPECT_EQ(
+        service.line(),
+        "scc-ss-dev: capture: 80 packets, 0 unreadable, 0 matched, 0 denied, 8 flows, 1 moves, 0 silent");
+}
+
+}  // namespace
+}  // namespace scc::service
