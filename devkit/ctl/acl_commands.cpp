@@ -188,6 +188,14 @@ std::vector<command> cache_reads() {
     };
 }
 
+command escape() {
+    const arguments before = {number("value", 4, "the setting itself")};
+    const arguments behind = {number("flag", 1, "1 set, 0 clear")};
+    return request<scc_nac_esc_set, &h::nac_esc>("nac-esc-set", "scc_nac_esc_set",
+                                                 "configure the NAC escape ACL", "1 101 1",
+                                                 with(with(before, key()), behind));
+}
+
 std::vector<command> user_acls() {
     constexpr std::string_view example = "101 --ifx 5 --mac 00:11:22:33:44:55 --vid 10";
     return {
@@ -234,7 +242,7 @@ std::vector<command> counters() {
 
 std::vector<command> acl_commands() {
     std::vector<command> all;
-    for (auto part : {management(), cache_reads(), user_acls(), counters()})
+    for (auto part : {management(), cache_reads(), std::vector<command>{escape()}, user_acls(), counters()})
         all.insert(all.end(), part.begin(), part.end());
     return all;
 }

@@ -12,11 +12,23 @@
 namespace scc::ctl {
 namespace {
 
+// What the user gave for one argument. A rule is many words; everything else is one.
+struct given_text {
+    CLI::Option* option = nullptr;  // null for what is never given
+    std::string one;
+    std::vector<std::string> many;
+
+    [[nodiscard]] bool given() const { return option != nullptr && option->count() != 0; }
+    [[nodiscard]] std::string text() const {
+        return many.empty() ? one : fmt::format("{}", fmt::join(many, " "));
+    }
+};
+
 // What the user gave for one row.
 struct bound_command {
     const command* row = nullptr;
     CLI::App* app = nullptr;
-    std::vector<std::vector<std::string>> texts;  // of each argument; empty when it was not given
+    std::vector<given_text> texts;  // of each argument
     std::vector<std::string> fields;
     std::string hex;
     bool reset = false;
@@ -64,24 +76,23 @@ std::string_view group_of(const command& row) {
     return "Local answers";
 }
 
-CLI::App& child(CLI::App& parent, const std::string& name) {
+CLI::App* child_or_null(CLI::App& parent, const std::string& name) {
     const auto found = parent.get_subcommands([&](const CLI::App* each) { return each->get_name() == name; });
-    if (!found.empty()) return *found.front();
-    CLI::App& made = *parent.add_subcommand(name);
-    return made;
+    return found.empty() ? nullptr : found.front();
 }
 
-// The command's place: groups ("acl") are made on the way and want one of theirs.
+// The command's place: groups ("acl") are made on the way; they want one of theirs and name them all.
 CLI::App& place(CLI::App& app, std::string_view name, const std::string& help, std::string_view group) {
-    const auto words = split(name);
     CLI::App* at = &app;
-    for (const std::string& word : words) {
-        if (at != &app) at->require_subcommand(1);
-        at = &child(*at, word);
-        if (at->get_description().empty())
-            at->description(word == words.back() ? help : "commands of " + word);
-        if (at->get_group() == "Subcommands") at->group(std::string(group));
+    for (const std::string& word : split(name)) {
+        CLI::App* const below = child_or_null(*at, word);
+        if (at != &app && below == nullptr) {
+            at->require_subcommand(1);
+            at->description(at->get_description() + (at->get_description().empty() ? "" : ", ") + word);
+        }
+        at = below != nullptr ? below : at->add_subcommand(word)->group(std::string(group));
     }
+    at->description(help);
     return *at;
 }
 
@@ -100,15 +111,14 @@ void add_argument(bound_command& bound, std::size_t index) {
     const argument& each = bound.row->arguments[index];
     if (each.given == presence::fixed) return;
     const std::string name = (is_positional(each) ? "" : "--") + std::string(each.name);
-    CLI::Option* option =
-        bound.app->add_option(name, bound.texts[index], std::string(each.help) + range_text(each));
-    option->type_name(each.type == value_type::number ? "N" : "TEXT");
-    // A rule is many words; everything else is one.
+    const std::string help = std::string(each.help) + range_text(each);
+    given_text& into = bound.texts[index];
     if (each.type == value_type::rule)
-        option->expected(0, -1);
+        into.option = bound.app->add_option(name, into.many, help)->expected(0, -1);
     else
-        option->expected(1);
-    option->required(each.given == presence::positional || each.given == presence::required_option);
+        into.option = bound.app->add_option(name, into.one, help);
+    into.option->type_name(each.type == value_type::number ? "N" : "TEXT");
+    into.option->required(each.given == presence::positional || each.given == presence::required_option);
 }
 
 void add_row(built& into, const command& row) {
@@ -123,7 +133,8 @@ void add_row(built& into, const command& row) {
         bound.app
             ->add_option("--field", bound.fields, "OFFSET:WIDTH=VALUE within the record, may be repeated")
             ->expected(1)
-            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+            ->allow_extra_args(false);
     }
     if (!row.reset_row.empty()) bound.app->add_flag("--reset", bound.reset, "reset the counter instead");
     bound.app->footer(fmt::format("Calls {}.\nExample: sccctl {} {}", row.function, row.name, row.example));
@@ -132,10 +143,6 @@ void add_row(built& into, const command& row) {
 const command& row_named(std::string_view name) {
     return *std::find_if(commands().begin(), commands().end(),
                          [&](const command& row) { return row.name == name; });
-}
-
-std::string joined(const std::vector<std::string>& words) {
-    return fmt::format("{}", fmt::join(words, " "));
 }
 
 call_values values_of(const bound_command& bound) {
@@ -148,10 +155,10 @@ call_values values_of(const bound_command& bound) {
         store(whole, bound.hex, values);
     }
     for (std::size_t i = 0; i < row.arguments.size(); ++i) {
-        if (bound.texts[i].empty())
-            store_initial(row.arguments[i], values);
+        if (bound.texts[i].given())
+            store(row.arguments[i], bound.texts[i].text(), values);
         else
-            store(row.arguments[i], joined(bound.texts[i]), values);
+            store_initial(row.arguments[i], values);
     }
     for (const std::string& each : bound.fields)
         store_raw_field(each, values.records[static_cast<std::size_t>(open)]);
