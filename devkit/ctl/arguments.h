@@ -17,7 +17,7 @@
 namespace scc::ctl {
 
 using Bytes = std::vector<std::uint8_t>;
-using nlohmann::json;
+using json = nlohmann::ordered_json;  // shown in the order in which it was put together
 
 // What the user typed cannot be used. Shown as a usage error.
 struct usage_error : std::runtime_error {

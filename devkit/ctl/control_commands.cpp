@@ -28,10 +28,14 @@ int status_of(const std::string& error) {
     return exit_refused;
 }
 
+json ask(const json& request) {
+    return devkit::control_call(request);
+}
+
 int call(const json& request, const context& within) {
-    json reply = devkit::control_call(request);
+    json reply = ask(request);
     if (!reply.value("ok", false)) {
-        const std::string error = reply.value("error", "the daemon gave no reason");
+        const std::string error = reply.value("error", std::string("the daemon gave no reason"));
         print_problem(request.at("do").get<std::string>(), error, within.output);
         return status_of(error);
     }
@@ -94,7 +98,7 @@ int notify(const control_options& options, const context& within) {
 // Every client in turn, unless one was asked for.
 int alive(const context& within) {
     if (within.app_given) return call(with_timeout(about_app(control::alive, within), within), within);
-    const json reply = devkit::control_call(request(control::clients));
+    const json reply = ask(request(control::clients));
     if (!reply.value("ok", false)) return call(request(control::clients), within);  // says why
     int worst = exit_success;
     for (const json& client : reply.value("clients", json::array())) {

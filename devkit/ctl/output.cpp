@@ -3,7 +3,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 
 #include "scclib.h"
 
@@ -44,15 +46,48 @@ void add_outs(json& object, const outcome& shown_outcome) {
     }
 }
 
+std::string cell(const json& value) {
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+// A list of objects that have the same plain fields reads best as a table.
+bool is_table(const json& value) {
+    if (!value.is_array() || value.empty() || !value[0].is_object()) return false;
+    return std::all_of(value.begin(), value.end(), [&](const json& row) {
+        if (!row.is_object() || row.size() != value[0].size()) return false;
+        return std::all_of(row.begin(), row.end(),
+                           [](const json& field) { return !field.is_structured(); }) &&
+               std::equal(row.items().begin(), row.items().end(), value[0].items().begin(),
+                          [](const auto& a, const auto& b) { return a.key() == b.key(); });
+    });
+}
+
+void add_table(std::string& text, const json& rows, std::size_t depth) {
+    std::vector<std::vector<std::string>> lines(1);
+    for (const auto& [name, field] : rows[0].items()) lines[0].push_back(name);
+    for (const json& row : rows) {
+        lines.emplace_back();
+        for (const json& field : row) lines.back().push_back(cell(field));
+    }
+    std::vector<std::size_t> widths(lines[0].size());
+    for (const auto& line : lines)
+        for (std::size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], line[i].size());
+    for (const auto& line : lines) {
+        text += "\n" + std::string(2 * depth, ' ');
+        for (std::size_t i = 0; i + 1 < line.size(); ++i) text += fmt::format("{:<{}}  ", line[i], widths[i]);
+        text += line.back();
+    }
+}
+
 void indent(std::string& text, const json& value, std::size_t depth) {
+    if (is_table(value)) return add_table(text, value, depth);
     const std::string margin(2 * depth, ' ');
     for (const auto& [name, field] : value.items()) {
-        const std::string label = value.is_array() ? "-" : name;
+        text += fmt::format("\n{}{}", margin, value.is_array() ? "-" : name);
         if (field.is_structured() && !field.empty())
-            fmt::format_to(std::back_inserter(text), "\n{}{}", margin, label), indent(text, field, depth + 1);
+            indent(text, field, depth + 1);
         else
-            fmt::format_to(std::back_inserter(text), "\n{}{} {}", margin, label,
-                           field.is_string() ? field.get<std::string>() : field.dump());
+            text += " " + cell(field);
     }
 }
 
@@ -96,8 +131,7 @@ void print(const outcome& shown_outcome, const output_options& options) {
 
 void print(const json& value, const output_options& options) {
     if (options.as_json) return write(stdout, one_line(value));
-    if (!value.is_structured())
-        return write(stdout, value.is_string() ? value.get<std::string>() : value.dump());
+    if (!value.is_structured()) return write(stdout, cell(value));
     std::string text;
     indent(text, value, 0);
     write(stdout, text.empty() ? text : text.substr(1));
