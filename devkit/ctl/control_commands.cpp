@@ -83,15 +83,11 @@ int notify(const control_options& options, const context& within) {
     const bool by_type = ace::parse_number(options.word, 1, UINT16_MAX).has_value();
     json made = request(by_type ? control::notify : control::notify_named);
     made["to"] = within.app_given ? within.registration.app_id : 0;
-    if (by_type) {
+    if (by_type)
         made["type"] = *ace::parse_number(options.word, 1, UINT16_MAX);
-        add_pairs(made, options.pairs);
-    } else {
+    else
         made["name"] = options.word;
-        json fields = json::object();
-        add_pairs(fields, options.pairs);
-        made["fields"] = std::move(fields);
-    }
+    add_pairs(made, options.pairs);
     return call(made, within);
 }
 
