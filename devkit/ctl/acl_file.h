@@ -1,0 +1,56 @@
+// The text file of ACLs: docs/acl-file.md describes it for its authors.
+//
+//   file  := line*                       "#" begins a comment, empty lines are skipped
+//   line  := "acl" ID ["type" N] ["class" N] ["vdev" N]       begins an ACL
+//          | [SN] rule ["id" N]                               an ACE of the ACL above (ace_text.h)
+//          | SN "raw" HEX ["id" N]                            an ACE byte by byte, from record offset 16 on
+//          | "apply" ID ["type" N] ["vdev" N] "ifx" N ["direction" "in"|"out"] ["apply-type" N]
+//
+// An apply line without "type" and "vdev" takes them from the file's only ACL of that id. An ACE without
+// a sequence number gets the next multiple of 10. No state; any thread.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "scclib.h"
+
+namespace scc::ctl {
+
+struct file_ace {
+    unsigned line = 0;
+    scc_ace_record record{};
+};
+
+struct file_acl {
+    unsigned line = 0;
+    scc_acl_key key{};
+    std::vector<file_ace> aces;
+};
+
+struct file_application {
+    unsigned line = 0;
+    scc_acl_apply_record record{};
+};
+
+struct acl_file {
+    std::vector<file_acl> acls;
+    std::vector<file_application> applications;
+
+    // Requests that loading it takes.
+    [[nodiscard]] std::size_t size() const;
+};
+
+struct file_error {
+    unsigned line = 0;  // from 1
+    std::string text;
+};
+
+// Reads a file's text. On failure every faulty line is in errors.
+[[nodiscard]] std::optional<acl_file> parse_acl_file(std::string_view text, std::vector<file_error>& errors);
+// Writes a text that parse_acl_file reads back to the same ACLs.
+[[nodiscard]] std::string print_acl_file(const acl_file& from);
+
+}  // namespace scc::ctl

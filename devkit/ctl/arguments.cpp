@@ -1,0 +1,278 @@
+// From the text of an argument to the bytes of a call and back.
+#include "arguments.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+#include "ace_text.h"
+#include "common/bytes.h"
+#include "scclib.h"
+
+namespace scc::ctl {
+namespace {
+
+std::uint64_t largest(std::size_t width) {
+    return width >= 8 ? UINT64_MAX : (1ull << (8 * width)) - 1;
+}
+
+void put_bytes(Bytes& record, std::size_t offset, const void* bytes, std::size_t len) {
+    if (offset > record.size() || len > record.size() - offset)
+        throw usage_error(
+            fmt::format("{} bytes at {} lie outside the record of {} bytes", len, offset, record.size()));
+    std::memcpy(record.data() + offset, bytes, len);
+}
+
+// The widths that occur are those of the machine's integers, least significant byte first on this host.
+void put_number(Bytes& record, std::size_t offset, std::size_t width, std::uint64_t value) {
+    const auto narrow = [&](auto typed) {
+        typed = static_cast<decltype(typed)>(value);
+        put_bytes(record, offset, &typed, sizeof typed);
+    };
+    switch (width) {
+        case 1:
+            return narrow(std::uint8_t{});
+        case 2:
+            return narrow(std::uint16_t{});
+        case 4:
+            return narrow(std::uint32_t{});
+        case 8:
+            return narrow(std::uint64_t{});
+        default:
+            throw usage_error(fmt::format("a number is 1, 2, 4 or 8 bytes wide, not {}", width));
+    }
+}
+
+std::uint64_t get_number(const Bytes& record, std::size_t offset, std::size_t width) {
+    switch (width) {
+        case 1:
+            return devkit::read_at<std::uint8_t>(record, offset);
+        case 2:
+            return devkit::read_at<std::uint16_t>(record, offset);
+        case 4:
+            return devkit::read_at<std::uint32_t>(record, offset);
+        default:
+            return devkit::read_at<std::uint64_t>(record, offset);
+    }
+}
+
+std::uint64_t number_of(const argument& where, std::string_view text) {
+    const auto value = ace::parse_number(text, where.min, where.max);
+    if (!value)
+        throw usage_error(
+            fmt::format("{}: '{}' is not a number from {} to {}", where.name, text, where.min, where.max));
+    return *value;
+}
+
+Bytes address16_of(const argument& where, const std::string& text) {
+    Bytes address(16);
+    if (inet_pton(AF_INET, text.c_str(), address.data()) == 1) return address;
+    if (inet_pton(AF_INET6, text.c_str(), address.data()) == 1) return address;
+    throw usage_error(fmt::format("{}: '{}' is not an address", where.name, text));
+}
+
+Bytes bytes_of_file(const argument& where, const std::string& name) {
+    std::string text;
+    if (name == "-") {
+        text.assign(std::istreambuf_iterator<char>(std::cin), {});
+    } else {
+        std::ifstream file(name);
+        if (!file) throw usage_error(fmt::format("{}: cannot read {}", where.name, name));
+        text.assign(std::istreambuf_iterator<char>(file), {});
+    }
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r' || c == '\t'; }, ' ');
+    const auto bytes = devkit::parse_hex(text);
+    if (!bytes) throw usage_error(fmt::format("{}: {} does not hold hexadecimal pairs", where.name, name));
+    return *bytes;
+}
+
+Bytes ace_of(std::string_view text) {
+    std::string error;
+    const auto ace = ace::parse_ace(text, error);
+    if (!ace) throw usage_error("rule: " + error);
+    Bytes bytes(sizeof *ace);
+    std::memcpy(bytes.data(), &*ace, sizeof *ace);
+    return bytes;
+}
+
+Bytes field_bytes(const argument& where, std::string_view text) {
+    const std::string word(text);
+    switch (where.type) {
+        case value_type::mac: {
+            const auto mac = ace::parse_mac(text);
+            if (!mac) throw usage_error(fmt::format("{}: '{}' is not a MAC address", where.name, text));
+            return {mac->begin(), mac->end()};
+        }
+        case value_type::ipv4: {
+            Bytes address(4);
+            if (inet_pton(AF_INET, word.c_str(), address.data()) != 1)
+                throw usage_error(fmt::format("{}: '{}' is not an IPv4 address", where.name, text));
+            return address;
+        }
+        case value_type::address16:
+            return address16_of(where, word);
+        case value_type::bytes:
+            return bytes_of_file(where, word);
+        case value_type::rule:
+            return ace_of(text);
+        case value_type::number:
+            break;
+    }
+    Bytes bytes(where.width);
+    put_number(bytes, 0, where.width, number_of(where, text));
+    return bytes;
+}
+
+json shown_ace(const Bytes& record) {
+    scc_ace_record ace{};
+    std::memcpy(&ace, record.data(), std::min(record.size(), sizeof ace));
+    const auto text = ace::print_ace(ace);
+    return text ? json(*text) : json();
+}
+
+std::string address16_text(const Bytes& bytes) {
+    char text[INET6_ADDRSTRLEN] = "";
+    const bool is_ipv4 =
+        bytes[0] != 0 && std::all_of(bytes.begin() + 4, bytes.end(), [](auto b) { return b == 0; });
+    inet_ntop(is_ipv4 ? AF_INET : AF_INET6, bytes.data(), text, sizeof text);
+    return text;
+}
+
+}  // namespace
+
+argument argument::within(std::uint64_t low, std::uint64_t high) const {
+    argument changed = *this;
+    changed.min = low;
+    changed.max = high;
+    return changed;
+}
+
+argument argument::as(value_type other) const {
+    argument changed = *this;
+    changed.type = other;
+    return changed;
+}
+
+argument argument::as(presence other) const {
+    argument changed = *this;
+    changed.given = other;
+    return changed;
+}
+
+argument argument::from(std::uint64_t value) const {
+    argument changed = *this;
+    changed.initial = value;
+    return changed;
+}
+
+argument argument::at(int record_number, std::size_t field_offset) const {
+    argument changed = *this;
+    changed.record = record_number;
+    changed.offset = field_offset;
+    return changed;
+}
+
+argument number(std::string_view name, std::size_t width, std::string_view help) {
+    argument made;
+    made.name = name;
+    made.help = help;
+    made.width = width;
+    made.max = largest(width);
+    return made;
+}
+
+argument field(std::string_view name, std::size_t offset, std::size_t width, std::string_view help) {
+    return number(name, width, help).as(presence::option).at(0, offset);
+}
+
+argument constant(std::string_view name, std::size_t offset, std::uint64_t value) {
+    return field(name, offset, 4, "").as(presence::fixed).from(value);
+}
+
+void store(const argument& where, std::string_view text, call_values& into) {
+    if (where.record == no_record) {
+        into.scalars.push_back(number_of(where, text));
+        return;
+    }
+    Bytes& record = into.records.at(static_cast<std::size_t>(where.record));
+    const Bytes bytes = field_bytes(where, text);
+    if (record.empty()) record.resize(bytes.size());  // bytes of any number
+    put_bytes(record, where.offset, bytes.data(), bytes.size());
+}
+
+void store_initial(const argument& where, call_values& into) {
+    if (where.record == no_record) {
+        into.scalars.push_back(where.initial);
+    } else if (where.type == value_type::number && where.initial != 0) {
+        put_number(into.records.at(static_cast<std::size_t>(where.record)), where.offset, where.width,
+                   where.initial);
+    }
+}
+
+void store_raw_field(std::string_view text, Bytes& record) {
+    const auto colon = text.find(':');
+    const auto equals = text.find('=');
+    if (colon == std::string_view::npos || equals == std::string_view::npos || equals < colon)
+        throw usage_error(fmt::format("field: '{}' is not OFFSET:WIDTH=VALUE", text));
+    const auto part = [&](std::string_view digits, std::uint64_t max) {
+        const auto value = ace::parse_number(digits, 0, max);
+        if (!value) throw usage_error(fmt::format("field: '{}' in '{}' is no fitting number", digits, text));
+        return *value;
+    };
+    const auto offset = static_cast<std::size_t>(part(text.substr(0, colon), record.size()));
+    const auto width =
+        static_cast<std::size_t>(part(text.substr(colon + 1, equals - colon - 1), record.size()));
+    const std::string_view value = text.substr(equals + 1);
+    if (!value.starts_with("hex:")) return put_number(record, offset, width, part(value, largest(width)));
+    const auto bytes = devkit::parse_hex(value.substr(4));
+    if (!bytes || bytes->size() != width)
+        throw usage_error(fmt::format("field: '{}' does not hold {} bytes", text, width));
+    put_bytes(record, offset, bytes->data(), bytes->size());
+}
+
+json shown(const argument& what, std::size_t scalar_index, const call_values& values) {
+    if (what.record == no_record)
+        return scalar_index < values.scalars.size() ? json(values.scalars[scalar_index]) : json();
+    const auto index = static_cast<std::size_t>(what.record);
+    if (index >= values.records.size()) return {};
+    const Bytes& record = values.records[index];
+    if (what.type == value_type::rule) return shown_ace(record);
+    if (what.type == value_type::bytes) return hex_of(record);
+    if (!devkit::holds(record, what.offset, what.width)) return {};
+    const auto begin = record.begin() + static_cast<std::ptrdiff_t>(what.offset);
+    const Bytes bytes(begin, begin + static_cast<std::ptrdiff_t>(what.width));
+    switch (what.type) {
+        case value_type::mac:
+            return devkit::mac_text(devkit::mac_at(record, what.offset));
+        case value_type::ipv4:
+            return ipv4_of(devkit::u32_at(record, what.offset));
+        case value_type::address16:
+            return address16_text(bytes);
+        default:
+            return get_number(record, what.offset, what.width);
+    }
+}
+
+std::string hex_of(const Bytes& bytes) {
+    return devkit::hex_text(bytes);
+}
+
+std::string ipv4_of(std::uint32_t network_order) {
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &network_order, text, sizeof text);
+    return text;
+}
+
+std::string json_name(std::string_view name) {
+    std::string changed(name);
+    std::replace(changed.begin(), changed.end(), '-', '_');
+    return changed;
+}
+
+}  // namespace scc::ctl

@@ -1,0 +1,84 @@
+// What the library's receive thread hands to the tool: results, notifications and the daemon's status.
+//
+// Handlers put, the one main thread takes. Putting never blocks on the taker.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+#include "arguments.h"
+
+namespace scc::ctl {
+
+using steady = std::chrono::steady_clock;
+
+struct event {
+    enum class kind : std::uint8_t { status, result, notification };
+    kind what = kind::status;
+    std::uint32_t number = 0;   // the status or the result
+    std::uint32_t call_id = 0;  // of a result
+    call_values values;         // of a result
+    json notification;
+};
+
+class inbox {
+  public:
+    // One a process, since handlers have no argument of their own. It is never destroyed: the library's
+    // threads outlive main.
+    static inbox& shared() {
+        static inbox& only = *new inbox;
+        return only;
+    }
+
+    void put_status(std::uint32_t status) {
+        event made;
+        made.number = status;
+        put(std::move(made));
+    }
+    void put_result(std::uint32_t result, std::uint32_t call_id, call_values values) {
+        event made;
+        made.what = event::kind::result;
+        made.number = result;
+        made.call_id = call_id;
+        made.values = std::move(values);
+        put(std::move(made));
+    }
+    void put_notification(json notification) {
+        event made;
+        made.what = event::kind::notification;
+        made.notification = std::move(notification);
+        put(std::move(made));
+    }
+
+    // Takes the oldest event; nothing when none came before the deadline.
+    [[nodiscard]] std::optional<event> take(steady::time_point deadline) {
+        std::unique_lock lock(mutex_);
+        if (!filled_.wait_until(lock, deadline, [this] { return !events_.empty(); })) return std::nullopt;
+        event oldest = std::move(events_.front());
+        events_.pop_front();
+        return oldest;
+    }
+
+    void clear() {
+        const std::lock_guard lock(mutex_);
+        events_.clear();
+    }
+
+  private:
+    void put(event made) {
+        const std::lock_guard lock(mutex_);
+        events_.push_back(std::move(made));
+        filled_.notify_one();
+    }
+
+    std::mutex mutex_;  // guards events_
+    std::condition_variable filled_;
+    std::deque<event> events_;
+};
+
+}  // namespace scc::ctl

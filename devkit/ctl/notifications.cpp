@@ -1,0 +1,205 @@
+// Decoding notifications on the library's receive thread. One table: the handler's place, the
+// notification's name, its type and its fields' names; the handler's type says how to read the fields.
+#include "notifications.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <string_view>
+
+#include "common/bytes.h"
+#include "inbox.h"
+#include "msg/protocol.h"
+
+namespace scc::ctl {
+namespace {
+
+// Lists longer than any message holds are cut.
+constexpr std::uint32_t entries_max = 8192 / record::ace_counter;
+
+std::string mac_of(const std::uint8_t* mac) {
+    return fmt::format("{:02x}:{:02x}:{:02x}:{:02x}:{:02x}:{:02x}", mac[0], mac[1], mac[2], mac[3], mac[4],
+                       mac[5]);
+}
+
+std::string address_of(const std::uint8_t* bytes, bool is_ipv6) {
+    char text[INET6_ADDRSTRLEN] = "";
+    inet_ntop(is_ipv6 ? AF_INET6 : AF_INET, bytes, text, sizeof text);
+    return text;
+}
+
+json shown(const scc_flow_user& user) {
+    const bool is_ipv6 = user.family == 3 || user.family == 4;
+    return {{"ip", address_of(user.address, is_ipv6)},
+            {"mask", address_of(user.mask, is_ipv6)},
+            {"ifx", user.ifx},
+            {"vid", user.vid},
+            {"mac", mac_of(user.mac)},
+            {"family", user.family}};
+}
+
+json shown(const scc_port_violation& violation) {
+    return {{"ifx", violation.ifx}, {"vid", violation.vid}, {"mac", mac_of(violation.mac)}};
+}
+
+json shown(const scc_user_roll& roll) {
+    return {{"ifx", roll.ifx}, {"vid", roll.vid}, {"mac", mac_of(roll.mac)}, {"roll_type", roll.roll_type}};
+}
+
+json shown(const scc_vlan_record& vlans) {
+    return devkit::hex_text({vlans.bytes, sizeof vlans.bytes});
+}
+
+json shown(const scc_acl_key& key) {
+    return {{"vdev", key.vdev_id}, {"type", key.app_type}, {"acl", key.acl_id}, {"class", key.acl_class}};
+}
+
+template <typename Number>
+requires std::is_integral_v<Number> json shown(Number number) {
+    return number;
+}
+
+// Records lie in the message without regard to their alignment, so each is copied before it is read.
+template <typename Record>
+Record entry_of(const Record* list, std::size_t index) {
+    Record copy;
+    std::memcpy(&copy, reinterpret_cast<const std::uint8_t*>(list) + index * sizeof copy, sizeof copy);
+    return copy;
+}
+
+template <typename Record>
+json shown(const Record* record) {
+    return shown(entry_of(record, 0));
+}
+
+json named(std::string_view name, unsigned type) {
+    return {{"notification", name}, {"type", type}};
+}
+
+void put(json notification) {
+    inbox::shared().put_notification(std::move(notification));
+}
+
+template <auto Slot, auto& Row, typename Type = decltype(Slot)>
+struct plain_handler;
+
+template <auto Slot, auto& Row, typename... Fields>
+struct plain_handler<Slot, Row, void (*scc_handlers::*)(Fields...)> {
+    static void deliver(Fields... fields) {
+        static_assert(sizeof...(Fields) == Row.fields.size());
+        json notification = named(Row.name, Row.type);
+        std::size_t next = 0;
+        ((notification[Row.fields[next++]] = shown(fields)), ...);
+        put(std::move(notification));
+    }
+    static void install(scc_handlers& handlers) { handlers.*Slot = &deliver; }
+};
+
+template <std::size_t Count>
+struct plain_row {
+    const char* name;
+    unsigned type;
+    std::array<const char*, Count> fields;
+};
+
+constexpr plain_row<1> direct_vlan_row{"direct-vlan", msg::direct_vlan_notify, {"vlans"}};
+constexpr plain_row<1> authmode_row{"authmode", msg::authmode, {"mode"}};
+constexpr plain_row<1> station_move_row{"station-move", msg::station_move, {"permit"}};
+constexpr plain_row<3> flow_row{"flow", msg::flow, {"user", "first", "second"}};
+constexpr plain_row<4> offline_detect_row{
+    "offline-detect", msg::offline_detect_notify, {"first", "open", "interval", "threshold"}};
+constexpr plain_row<2> port_violate_row{"port-violate", msg::port_violate_notify, {"add", "violation"}};
+constexpr plain_row<1> user_roll_row{"user-roll", msg::user_roll, {"user"}};
+constexpr plain_row<1> water_line_row{"water-line", msg::water_line, {"start"}};
+
+void on_addr_move(std::uint32_t count, const scc_address_move* moves) {
+    json notification = named("d1x-addr-move", msg::d1x_addr_move);
+    notification["count"] = count;
+    json& list = notification["moves"] = json::array();
+    for (std::uint32_t i = 0; i < std::min(count, entries_max); ++i) {
+        const scc_address_move move = entry_of(moves, i);
+        list.push_back({{"ifx", move.ifx},
+                        {"vid", move.vid},
+                        {"vid_before", move.vid_before},
+                        {"vid_after", move.vid_after},
+                        {"mac", mac_of(move.mac)}});
+    }
+    put(std::move(notification));
+}
+
+void on_ace_counters(const scc_acl_key* key, std::uint32_t count, const scc_ace_counter* counters) {
+    json notification = named("ace-counter", msg::ace_counter);
+    notification["key"] = shown(key);
+    notification["count"] = count;
+    json& list = notification["counters"] = json::array();
+    for (std::uint32_t i = 0; i < std::min(count, entries_max); ++i) {
+        const scc_ace_counter counter = entry_of(counters, i);
+        list.push_back({{"ace", counter.ace}, {"packets", counter.packets}});
+    }
+    put(std::move(notification));
+}
+
+void on_noflow(const scc_flow_user* user, std::uint64_t flow, std::uint64_t time, const void* extra,
+               std::uint32_t extra_bytes) {
+    json notification = named("noflow-offline", msg::noflow_offline);
+    notification["user"] = shown(user);
+    notification["flow"] = flow;
+    notification["time"] = time;
+    notification["extra"] = devkit::hex_text({static_cast<const std::uint8_t*>(extra), extra_bytes});
+    put(std::move(notification));
+}
+
+// The user is the daemon's 56-byte record, of the same shape as in flow reports.
+int on_user_change(std::uint8_t add, const void* user, const void*) {
+    json notification = named("user-change", msg::nac_user);
+    notification["add"] = add;
+    notification["user"] = shown(static_cast<const scc_flow_user*>(user));
+    put(std::move(notification));
+    return 0;
+}
+
+void on_dirchn(std::uint8_t add, std::uint32_t ip) {
+    json notification = named("dirchn", msg::dirchn);
+    notification["add"] = add;
+    notification["ip"] = ipv4_of(ip);
+    put(std::move(notification));
+}
+
+std::string value_text(const json& value) {
+    if (value.is_string()) return value.get<std::string>();
+    if (!value.is_object()) return value.dump();
+    std::string text;
+    for (const auto& [name, field] : value.items())
+        text += fmt::format("{}{}={}", text.empty() ? "" : ",", name, value_text(field));
+    return text;
+}
+
+}  // namespace
+
+void install_notifications(scc_handlers& handlers) {
+    plain_handler<&scc_handlers::direct_vlan_notify, direct_vlan_row>::install(handlers);
+    plain_handler<&scc_handlers::authmode, authmode_row>::install(handlers);
+    plain_handler<&scc_handlers::station_move, station_move_row>::install(handlers);
+    plain_handler<&scc_handlers::flow, flow_row>::install(handlers);
+    plain_handler<&scc_handlers::offline_detect_notify, offline_detect_row>::install(handlers);
+    plain_handler<&scc_handlers::port_violate_notify, port_violate_row>::install(handlers);
+    plain_handler<&scc_handlers::user_roll, user_roll_row>::install(handlers);
+    plain_handler<&scc_handlers::water_line, water_line_row>::install(handlers);
+    handlers.d1x_addr_move = &on_addr_move;
+    handlers.ace_counters = &on_ace_counters;
+    handlers.noflow_offline = &on_noflow;
+    handlers.user_change = &on_user_change;
+    handlers.dirchn = &on_dirchn;
+}
+
+std::string notification_line(const json& notification) {
+    std::string line = notification.value("notification", "");
+    for (const auto& [name, value] : notification.items())
+        if (name != "notification" && name != "type") line += fmt::format(" {}={}", name, value_text(value));
+    return line;
+}
+
+}  // namespace scc::ctl

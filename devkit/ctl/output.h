@@ -1,0 +1,24 @@
+// What the user sees: results and replies, as text or as one JSON object a line.
+#pragma once
+
+#include <string>
+
+#include "runner.h"
+
+namespace scc::ctl {
+
+struct output_options {
+    bool as_json = false;
+    bool raw = false;  // with the records' bytes
+};
+
+[[nodiscard]] json outcome_json(const outcome& shown, const output_options& options);
+[[nodiscard]] std::string outcome_text(const outcome& shown, const output_options& options);
+
+// Writes the outcome: text and JSON to standard output, a failure's text to standard error.
+void print(const outcome& shown, const output_options& options);
+// Writes any JSON value, one line as JSON, else indented names and values.
+void print(const json& value, const output_options& options);
+void print_problem(std::string_view command, std::string_view problem, const output_options& options);
+
+}  // namespace scc::ctl

@@ -1,0 +1,371 @@
+// Building the command line from the table and running what was chosen.
+#include "program.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "acl_load.h"
+
+namespace scc::ctl {
+namespace {
+
+// What the user gave for one argument. A rule is many words; everything else is one.
+struct given_text {
+    CLI::Option* option = nullptr;  // null for what is never given
+    std::string one;
+    std::vector<std::string> many;
+
+    [[nodiscard]] bool given() const { return option != nullptr && option->count() != 0; }
+    [[nodiscard]] std::string text() const {
+        return many.empty() ? one : fmt::format("{}", fmt::join(many, " "));
+    }
+};
+
+// What the user gave for one row.
+struct bound_command {
+    const command* row = nullptr;
+    CLI::App* app = nullptr;
+    std::vector<given_text> texts;  // of each argument
+    std::vector<std::string> fields;
+    std::string hex;
+    bool reset = false;
+};
+
+struct own_options {
+    std::string file;
+    std::string save_to;
+    bool progress = false;
+    double seconds = 0;
+    std::uint64_t count = 0;
+};
+
+struct built {
+    CLI::App app{"Talk to the security-control daemon: one command for every request and query.", "sccctl"};
+    std::deque<bound_command> rows;  // addresses stay
+    own_options own;
+    std::function<int()> action;
+    bool list = false;
+    double timeout_seconds = 0;
+    unsigned option = 1;
+};
+
+std::vector<std::string> split(std::string_view name) {
+    std::vector<std::string> words;
+    for (std::size_t begin = 0; begin < name.size();) {
+        const auto end = std::min(name.find(' ', begin), name.size());
+        words.emplace_back(name.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return words;
+}
+
+std::string_view group_of(const command& row) {
+    switch (row.kind) {
+        case call_kind::request:
+            return row.confirmed != nullptr ? "ACLs" : "Requests";
+        case call_kind::one_way:
+            return "Requests without an answer";
+        case call_kind::query:
+            return "Queries";
+        case call_kind::local:
+            break;
+    }
+    return "Local answers";
+}
+
+CLI::App* child_or_null(CLI::App& parent, const std::string& name) {
+    const auto found = parent.get_subcommands([&](const CLI::App* each) { return each->get_name() == name; });
+    return found.empty() ? nullptr : found.front();
+}
+
+// The command's place: groups ("acl") are made on the way; they want one of theirs and name them all.
+CLI::App& place(CLI::App& app, std::string_view name, const std::string& help, std::string_view group) {
+    CLI::App* at = &app;
+    for (const std::string& word : split(name)) {
+        CLI::App* const below = child_or_null(*at, word);
+        if (at != &app && below == nullptr) {
+            at->require_subcommand(1);
+            at->description(at->get_description() + (at->get_description().empty() ? "" : ", ") + word);
+        }
+        at = below != nullptr ? below : at->add_subcommand(word)->group(std::string(group));
+    }
+    at->description(help);
+    return *at;
+}
+
+std::string range_text(const argument& each) {
+    if (each.type != value_type::number) return {};
+    std::string text = fmt::format(" [{}..{}]", each.min, each.max);
+    if (each.initial != 0) text += fmt::format(", {} unless given", each.initial);
+    return text;
+}
+
+bool is_positional(const argument& each) {
+    return each.given == presence::positional || each.given == presence::optional_positional;
+}
+
+void add_argument(bound_command& bound, std::size_t index) {
+    const argument& each = bound.row->arguments[index];
+    if (each.given == presence::fixed) return;
+    const std::string name = (is_positional(each) ? "" : "--") + std::string(each.name);
+    const std::string help = std::string(each.help) + range_text(each);
+    given_text& into = bound.texts[index];
+    if (each.type == value_type::rule)
+        into.option = bound.app->add_option(name, into.many, help)->expected(0, -1);
+    else
+        into.option = bound.app->add_option(name, into.one, help);
+    into.option->type_name(each.type == value_type::number ? "N" : "TEXT");
+    into.option->required(each.given == presence::positional || each.given == presence::required_option);
+}
+
+void add_row(built& into, const command& row) {
+    bound_command& bound = into.rows.emplace_back();
+    bound.row = &row;
+    bound.app = &place(into.app, row.name, std::string(row.help), group_of(row));
+    bound.texts.resize(row.arguments.size());
+    for (std::size_t i = 0; i < row.arguments.size(); ++i) add_argument(bound, i);
+    if (row.open_record() != no_record) {
+        bound.app->add_option("--hex", bound.hex,
+                              "the record's bytes: a file of hexadecimal pairs, - for input");
+        bound.app
+            ->add_option("--field", bound.fields, "OFFSET:WIDTH=VALUE within the record, may be repeated")
+            ->expected(1)
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+            ->allow_extra_args(false);
+    }
+    if (!row.reset_row.empty()) bound.app->add_flag("--reset", bound.reset, "reset the counter instead");
+    bound.app->footer(fmt::format("Calls {}.\nExample: sccctl {} {}", row.function, row.name, row.example));
+}
+
+const command& row_named(std::string_view name) {
+    return *std::find_if(commands().begin(), commands().end(),
+                         [&](const command& row) { return row.name == name; });
+}
+
+call_values values_of(const bound_command& bound) {
+    const command& row = *bound.row;
+    call_values values;
+    for (const std::size_t bytes : row.record_bytes) values.records.emplace_back(bytes);
+    const int open = row.open_record();
+    if (!bound.hex.empty()) {
+        const argument whole = number("hex", 0, "").as(value_type::bytes).at(open, 0);
+        store(whole, bound.hex, values);
+    }
+    for (std::size_t i = 0; i < row.arguments.size(); ++i) {
+        if (bound.texts[i].given())
+            store(row.arguments[i], bound.texts[i].text(), values);
+        else
+            store_initial(row.arguments[i], values);
+    }
+    for (const std::string& each : bound.fields)
+        store_raw_field(each, values.records[static_cast<std::size_t>(open)]);
+    return values;
+}
+
+int run_row(const bound_command& bound, context& within) {
+    const command& row = bound.reset ? row_named(bound.row->reset_row) : *bound.row;
+    const call_values values = values_of(bound);
+    const auto finish = [&](session* registered) {
+        const outcome came = run(row, values, registered);
+        print(came, within.output);
+        return came.exit_status();
+    };
+    if (row.kind == call_kind::local) return finish(nullptr);
+    return with_session(within, row.name, [&](session& registered) { return finish(&registered); });
+}
+
+int load(context& within, const own_options& own) {
+    const auto file = read_acl_file(own.file, within.output);
+    if (!file) return exit_usage;
+    return with_session(within, "acl load", [&](session& registered) {
+        const int status = load_acl_file(own.file, *file, own.progress, registered, within.output);
+        if (status == exit_unreachable || own.save_to.empty()) return status;
+        return std::max(status, save_acl_file(own.save_to, registered, within.output));
+    });
+}
+
+int list_acls(context& within) {
+    json list = json::array();
+    for (const scc_acl_key& key : within.shared->book().keys())
+        list.push_back(
+            {{"acl", key.acl_id}, {"type", key.app_type}, {"class", key.acl_class}, {"vdev", key.vdev_id}});
+    print({{"acls", list}}, within.output);
+    return exit_success;
+}
+
+void add_load(built& into, context& within) {
+    CLI::App& app = place(into.app, "acl load", "create, fill and apply the ACLs of a file", "ACLs");
+    app.add_option("file", into.own.file, "a file of ACLs")->required()->type_name("FILE");
+    app.add_flag("--progress", into.own.progress, "draw a bar when standard error is a terminal");
+    app.add_option("--then-save", into.own.save_to, "write what the cache then holds")->type_name("FILE");
+    app.footer("Example: sccctl acl load campus.acl --progress");
+    app.callback([&] { into.action = [&] { return load(within, into.own); }; });
+}
+
+// These read the process's own cache, which a single command leaves behind empty.
+void add_shell_only(built& into, context& within) {
+    CLI::App& save = place(into.app, "acl save", "write the ACLs of this shell's cache to a file", "ACLs");
+    save.add_option("file", into.own.file, "a file of ACLs")->required()->type_name("FILE");
+    save.callback(
+        [&] { into.action = [&] { return save_acl_file(into.own.file, *within.shared, within.output); }; });
+    CLI::App& list = place(into.app, "acl list", "list the ACLs of this shell", "ACLs");
+    list.callback([&] { into.action = [&] { return list_acls(within); }; });
+}
+
+void add_own_commands(built& into, context& within) {
+    add_load(into, within);
+    if (within.shared != nullptr) {
+        add_shell_only(into, within);
+    } else {
+        CLI::App& shell =
+            place(into.app, "shell", "read commands from standard input, with one registration", "Tool");
+        shell.callback([&] { into.action = [&] { return run_shell(within); }; });
+        CLI::App& watch = place(into.app, "watch", "print notifications as they arrive", "Tool");
+        watch.add_option("--seconds", into.own.seconds, "stop after this time")
+            ->check(CLI::NonNegativeNumber);
+        watch.add_option("--count", into.own.count, "stop after this many");
+        watch.callback(
+            [&] { into.action = [&] { return run_watch(within, into.own.seconds, into.own.count); }; });
+    }
+    add_control_commands(into.app, within, into.action);
+}
+
+void add_common_options(built& into, context& within) {
+    using std::chrono::duration;
+    into.timeout_seconds = duration<double>(within.registration.timeout).count();
+    into.option = within.registration.option;
+    into.app
+        .add_option("--app", within.registration.app_id, "application id to register with, or to ask about")
+        ->check(CLI::Range(1, 19))
+        ->capture_default_str();
+    into.app.add_option("--timeout", into.timeout_seconds, "seconds to wait for the daemon, each time")
+        ->check(CLI::Range(0.001, 86400.0))
+        ->capture_default_str();
+    into.app.add_option("--option", into.option, "registration option; 1 keeps a readable ACL cache")
+        ->check(CLI::Range(0, 255))
+        ->capture_default_str();
+    into.app.add_flag("--json", within.output.as_json, "print one JSON object a line");
+    into.app.add_flag("--raw", within.output.raw, "with --json, show the records' bytes, too");
+    into.app.add_flag("--list-commands", into.list, "list every command with its options");
+}
+
+void build(built& into, context& within) {
+    into.app.require_subcommand(0, 1);
+    into.app.footer(
+        "The options above may stand anywhere. Exit status: 0 done, 1 refused, 2 usage, 3 no daemon.");
+    add_common_options(into, within);
+    for (const command& row : commands()) add_row(into, row);
+    add_own_commands(into, within);
+}
+
+// The options of every command may stand behind it; they are moved to the front, where the parser wants them.
+std::vector<std::string> common_options_first(const std::vector<std::string>& words) {
+    constexpr std::array<std::string_view, 3> with_value = {"--app", "--timeout", "--option"};
+    constexpr std::array<std::string_view, 2> alone = {"--json", "--raw"};
+    std::vector<std::string> front;
+    std::vector<std::string> rest;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        const std::string name = words[i].substr(0, words[i].find('='));
+        const bool takes = std::find(with_value.begin(), with_value.end(), name) != with_value.end();
+        const bool flag = std::find(alone.begin(), alone.end(), name) != alone.end();
+        (takes || flag ? front : rest).push_back(words[i]);
+        if (takes && name == words[i] && i + 1 < words.size()) front.push_back(words[++i]);
+    }
+    front.insert(front.end(), rest.begin(), rest.end());
+    return front;
+}
+
+int run_chosen(built& parsed, context& within) {
+    if (parsed.list) {
+        fmt::print("{}", list_commands());
+        return exit_success;
+    }
+    if (parsed.action) return parsed.action();
+    for (const bound_command& each : parsed.rows)
+        if (each.app->parsed()) return run_row(each, within);
+    fmt::print(stderr, "{}", parsed.app.help());
+    return exit_usage;
+}
+
+void take_common_options(const built& parsed, context& within) {
+    within.registration.option = static_cast<std::uint8_t>(parsed.option);
+    within.registration.timeout =
+        std::chrono::milliseconds(static_cast<std::int64_t>(std::ceil(parsed.timeout_seconds * 1000)));
+    within.app_given = within.app_given || parsed.app.get_option("--app")->count() != 0;
+}
+
+std::string listed_options(const CLI::App& leaf) {
+    std::string text;
+    for (const CLI::Option* each : leaf.get_options())
+        if (each->get_name().starts_with("--") && each->get_name() != "--help")
+            text += (text.empty() ? "" : " ") + each->get_name();
+    return text;
+}
+
+void list_below(const CLI::App& app, const std::string& path, std::string& text) {
+    const auto children = app.get_subcommands([](const CLI::App*) { return true; });
+    for (const CLI::App* each : children)
+        list_below(*each, path.empty() ? each->get_name() : path + " " + each->get_name(), text);
+    if (children.empty())
+        text += fmt::format("{}\t{}\t{}\n", path, listed_options(app), app.get_description());
+}
+
+}  // namespace
+
+const std::vector<command>& commands() {
+    static const std::vector<command> all = [] {
+        std::vector<command> rows;
+        for (auto part : {config_commands(), acl_commands(), query_commands()})
+            rows.insert(rows.end(), part.begin(), part.end());
+        return rows;
+    }();
+    return all;
+}
+
+int command::open_record() const {
+    constexpr std::size_t smallest_open = sizeof(scc_acl_key) + 1;  // keys and MAC addresses have no gaps
+    for (std::size_t i = record_bytes.size(); i-- > 0;)
+        if (record_bytes[i] >= smallest_open) return static_cast<int>(i);
+    return no_record;
+}
+
+int run_command_line(const std::vector<std::string>& words, context& within) {
+    built parsed;
+    build(parsed, within);
+    std::vector<std::string> reversed = common_options_first(words);
+    std::reverse(reversed.begin(), reversed.end());  // as the parser takes them
+    try {
+        parsed.app.parse(reversed);
+        take_common_options(parsed, within);
+        return run_chosen(parsed, within);
+    } catch (const CLI::ParseError& problem) {
+        return parsed.app.exit(problem) == 0 ? exit_success : exit_usage;
+    } catch (const usage_error& problem) {
+        print_problem("usage", problem.what(), within.output);
+        return exit_usage;
+    }
+}
+
+int with_session(context& within, std::string_view command, const std::function<int(session&)>& action) {
+    if (within.shared != nullptr) return action(*within.shared);
+    session own(within.registration);
+    if (!own.start()) {
+        print_problem(command, own.problem(), within.output);
+        return exit_unreachable;
+    }
+    return action(own);
+}
+
+std::string list_commands() {
+    context plain;
+    built all;
+    build(all, plain);
+    std::string text;
+    list_below(all.app, "", text);
+    return text;
+}
+
+}  // namespace scc::ctl

@@ -1,0 +1,63 @@
+// One registration with the daemon, and waiting for what it sends.
+//
+// Used by the main thread alone; what arrives on the library's thread comes through the inbox.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "acl_book.h"
+#include "inbox.h"
+
+namespace scc::ctl {
+
+inline constexpr std::uint32_t default_app_id = 19;
+inline constexpr std::chrono::milliseconds default_timeout{5000};
+
+struct session_options {
+    std::uint32_t app_id = default_app_id;
+    std::uint8_t option = 1;  // 1 keeps the ACL cache and lets it be read
+    std::chrono::milliseconds timeout = default_timeout;
+    bool notifications = false;
+};
+
+class session {
+  public:
+    explicit session(const session_options& options) : options_(options) {}
+    ~session() { stop(); }
+    session(const session&) = delete;
+    session& operator=(const session&) = delete;
+
+    // Registers, and waits until the daemon has accepted. On failure problem() says why.
+    [[nodiscard]] bool start();
+    void stop();
+
+    // Waits for the result of a request. Nothing on a time-out or a lost connection.
+    [[nodiscard]] std::optional<event> wait_result(std::uint32_t call_id);
+    // Waits for the next result of any request.
+    [[nodiscard]] std::optional<event> wait_any_result();
+    // Waits for anything; results of forgotten requests included.
+    [[nodiscard]] std::optional<event> wait_event(steady::time_point deadline);
+    // Lets requests without an answer leave the send buffer.
+    void linger() const;
+
+    [[nodiscard]] const std::string& problem() const { return problem_; }
+    [[nodiscard]] acl_book& book() { return book_; }
+    [[nodiscard]] const session_options& options() const { return options_; }
+
+  private:
+    [[nodiscard]] steady::time_point deadline() const { return steady::now() + options_.timeout; }
+    bool fail(std::string why);
+    void lost();
+
+    session_options options_;
+    bool started_ = false;
+    std::string problem_;
+    std::map<std::uint32_t, event> early_;  // results that arrived before they were waited for
+    acl_book book_;
+};
+
+}  // namespace scc::ctl

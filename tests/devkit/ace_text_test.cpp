@@ -1,0 +1,168 @@
+// The devkit's rule: its text, its bytes, and the way from one to the other.
+#include "ace_text.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <tuple>
+
+#include "ace_layout.h"
+
+namespace scc::ace {
+namespace {
+
+std::string read_and_print(const std::string& text) {
+    std::string error;
+    const auto rule = parse_rule(text, error);
+    return rule ? print_rule(*rule) : "error: " + error;
+}
+
+std::string error_of(const std::string& text) {
+    std::string error;
+    EXPECT_FALSE(parse_ace(text, error)) << text;
+    return error;
+}
+
+scc_ace_record ace_of(const std::string& text) {
+    std::string error;
+    const auto ace = parse_ace(text, error);
+    EXPECT_TRUE(ace) << text << ": " << error;
+    return ace.value_or(scc_ace_record{});
+}
+
+class canonical_rule : public testing::TestWithParam<const char*> {};
+
+TEST_P(canonical_rule, prints_as_it_was_read) {
+    EXPECT_EQ(read_and_print(GetParam()), GetParam());
+}
+
+TEST_P(canonical_rule, comes_back_from_the_record_unchanged) {
+    std::string error;
+    const auto rule = parse_rule(GetParam(), error);
+    ASSERT_TRUE(rule) << error;
+    scc_ace_record record{};
+    encode(*rule, record);
+    const auto again = decode(record);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(*again, *rule);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rules, canonical_rule,
+    testing::Values(
+        "permit ip any any", "deny ip 10.0.0.0/8 any", "permit ip host 10.1.1.1 192.168.0.0/16",
+        "deny tcp any host 10.1.1.1 port 80", "permit udp any port 1024-65535 10.0.0.0/24 port 53",
+        "permit tcp any any", "permit tcp 0.0.0.0/0 any", "permit udp ::/0 any port 5353",
+        "deny icmp any any", "permit icmp6 any host fe80::1", "permit 47 10.0.0.0/8 any",
+        "permit 132 any any port 36412", "permit ipv6 2001:db8::/32 any", "deny ether",
+        "deny ether src-mac 00:11:22:33:44:55 vlan 10 ethertype 0x0806",
+        "permit ether dst-mac 01:00:00:00:00:00/01:00:00:00:00:00",
+        "permit ip any any src-mac 00:11:22:33:44:55 dst-mac aa:bb:cc:dd:ee:ff vlan 4094 dscp 46"));
+
+TEST(ace_text, a_bare_address_is_a_host) {
+    EXPECT_EQ(read_and_print("permit ip 10.1.1.1 any"), "permit ip host 10.1.1.1 any");
+}
+
+TEST(ace_text, bits_behind_the_prefix_are_cleared) {
+    EXPECT_EQ(read_and_print("permit ip 10.255.3.4/9 any"), "permit ip 10.128.0.0/9 any");
+    EXPECT_EQ(read_and_print("permit ipv6 2001:db8::ffff/32 any"), "permit ipv6 2001:db8::/32 any");
+}
+
+TEST(ace_text, a_mac_address_may_be_dotted) {
+    EXPECT_EQ(read_and_print("deny ether src-mac 0011.2233.44ff"), "deny ether src-mac 00:11:22:33:44:ff");
+}
+
+TEST(ace_text, numbers_may_be_hexadecimal) {
+    EXPECT_EQ(read_and_print("permit 0x2F any any vlan 0x10"), "permit 47 any any vlan 16");
+}
+
+TEST(ace_text, an_ace_without_id_has_its_sequence_number_as_id) {
+    const scc_ace_record ace = ace_of("10 permit ip any any");
+    EXPECT_EQ(ace.sn, 10u);
+    EXPECT_EQ(ace.ace_id, 10u);
+    EXPECT_EQ(print_ace(ace), "10 permit ip any any");
+}
+
+TEST(ace_text, an_ace_may_have_an_id_of_its_own) {
+    const scc_ace_record ace = ace_of("10 deny tcp any any port 22 id 7");
+    EXPECT_EQ(ace.sn, 10u);
+    EXPECT_EQ(ace.ace_id, 7u);
+    EXPECT_EQ(print_ace(ace), "10 deny tcp any any port 22 id 7");
+}
+
+TEST(ace_text, the_rules_bytes_lie_where_the_layout_says) {
+    const scc_ace_record ace =
+        ace_of("20 permit tcp 10.0.0.0/8 port 1-2 host 10.1.1.9 port 80 vlan 5 dscp 46 id 3");
+    const unsigned char expected[84] = {
+        'A',  'C', 'E', '1', 1, 4, 1,  6,                            // marker, permit, IPv4, protocol 6
+        0x14, 0,   5,   0,   0, 0, 46, 0,                            // vlan and dscp; 5; no ethertype; 46
+        10,   0,   0,   0,   0, 0, 0,  0, 0,  0, 0,  0, 0, 0, 0, 0,  // source
+        10,   1,   1,   9,   0, 0, 0,  0, 0,  0, 0,  0, 0, 0, 0, 0,  // destination
+        8,    32,  0,   0,   1, 0, 2,  0, 80, 0, 80, 0,              // prefixes, ports 1-2 and 80-80
+        0,    0,   0,   0,   0, 0, 0,  0, 0,  0, 0,  0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(std::memcmp(reinterpret_cast<const unsigned char*>(&ace) + 16, expected, sizeof expected), 0);
+    const unsigned char numbers[8] = {20, 0, 0, 0, 3, 0, 0, 0};
+    EXPECT_EQ(std::memcmp(reinterpret_cast<const unsigned char*>(&ace) + 220, numbers, sizeof numbers), 0);
+}
+
+TEST(ace_layout, encoding_leaves_the_librarys_bytes_alone) {
+    scc_ace_record record;
+    std::memset(&record, 0xAA, sizeof record);
+    encode(rule{}, record);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&record);
+    for (std::size_t at = 0; at < 16; ++at) EXPECT_EQ(bytes[at], 0xAA) << at;
+    for (std::size_t at = 100; at < sizeof record; ++at) EXPECT_EQ(bytes[at], 0xAA) << at;
+}
+
+TEST(ace_layout, a_record_of_somebody_else_holds_no_rule) {
+    scc_ace_record record{};
+    EXPECT_FALSE(decode(record));
+    std::memset(record.match, 0xFF, sizeof record.match);
+    EXPECT_FALSE(decode(record));
+    EXPECT_FALSE(print_ace(record));
+}
+
+class broken_byte : public testing::TestWithParam<std::tuple<std::size_t, int>> {};
+
+TEST_P(broken_byte, makes_the_record_hold_no_rule) {
+    scc_ace_record record = ace_of("permit ip 10.0.0.0/8 any");
+    const auto [offset, value] = GetParam();
+    reinterpret_cast<unsigned char*>(&record)[offset] = static_cast<unsigned char>(value);
+    EXPECT_FALSE(decode(record));
+}
+
+INSTANTIATE_TEST_SUITE_P(bytes, broken_byte,
+                         testing::Values(std::tuple{std::size_t{16}, 0}, std::tuple{std::size_t{20}, 2},
+                                         std::tuple{std::size_t{21}, 5}, std::tuple{std::size_t{21}, 0},
+                                         std::tuple{std::size_t{24}, 0x08}, std::tuple{std::size_t{24}, 0x04},
+                                         std::tuple{std::size_t{64}, 33}, std::tuple{std::size_t{68}, 1}));
+
+TEST(ace_text, what_is_wrong_is_named) {
+    EXPECT_EQ(error_of(""), "action is missing");
+    EXPECT_EQ(error_of("10"), "action is missing");
+    EXPECT_EQ(error_of("allow ip any any"), "'allow' is neither permit nor deny");
+    EXPECT_EQ(error_of("permit"), "protocol is missing");
+    EXPECT_EQ(error_of("permit gre any any"), "protocol 'gre' is not a number from 0 to 255");
+    EXPECT_EQ(error_of("permit 256 any any"), "protocol '256' is not a number from 0 to 255");
+    EXPECT_EQ(error_of("permit ip any"), "destination address is missing");
+    EXPECT_EQ(error_of("permit ip 10.0.0/8 any"), "'10.0.0/8' is not an address");
+    EXPECT_EQ(error_of("permit ip 10.0.0.0/33 any"), "prefix length '33' is not a number from 0 to 32");
+    EXPECT_EQ(error_of("permit ip host 10.0.0.0/8 any"), "'host' takes an address without a prefix length");
+    EXPECT_EQ(error_of("permit ip any ::1"), "IPv4 and IPv6 do not go together in one rule");
+    EXPECT_EQ(error_of("permit tcp 10.0.0.1 ::1"), "IPv4 and IPv6 do not go together in one rule");
+    EXPECT_EQ(error_of("permit ip any any port 80"), "'port' needs protocol tcp, udp or 132");
+    EXPECT_EQ(error_of("permit tcp any any port 90-80"), "port '80' is not a number from 90 to 65535");
+    EXPECT_EQ(error_of("permit ip any any vlan 0"), "vlan '0' is not a number from 1 to 4094");
+    EXPECT_EQ(error_of("permit ip any any vlan 5 vlan 5"), "'vlan' is given twice");
+    EXPECT_EQ(error_of("permit ip any any ethertype 0x800"), "unknown option 'ethertype'");
+    EXPECT_EQ(error_of("permit ether dscp 1"), "unknown option 'dscp'");
+    EXPECT_EQ(error_of("permit ether src-mac 00:11:22:33:44"), "'00:11:22:33:44' is not a MAC address");
+    EXPECT_EQ(error_of("permit ip any any id"), "ACE id is missing");
+    EXPECT_EQ(error_of("permit ip any any id 5 vlan 2"), "'vlan' follows the end of the ACE");
+    EXPECT_EQ(error_of("4294967296 permit ip any any"),
+              "sequence number '4294967296' is not a number from 0 to 4294967295");
+}
+
+}  // namespace
+}  // namespace scc::ace

@@ -1,0 +1,136 @@
+// The text file of ACLs: what it means, what is wrong with it and where, and writing it again.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "acl_file.h"
+
+namespace scc::ctl {
+namespace {
+
+acl_file file_of(std::string_view text) {
+    std::vector<file_error> errors;
+    auto file = parse_acl_file(text, errors);
+    for (const file_error& each : errors) ADD_FAILURE() << each.line << ": " << each.text;
+    return file.value_or(acl_file{});
+}
+
+std::vector<file_error> errors_of(std::string_view text) {
+    std::vector<file_error> errors;
+    EXPECT_FALSE(parse_acl_file(text, errors));
+    return errors;
+}
+
+constexpr std::string_view campus =
+    "# the campus\n"
+    "acl 101 type 3 class 1\n"
+    " 10 permit ip 10.0.0.0/8 any\n"
+    "\n"
+    " 20 deny tcp any host 10.1.1.1 port 80   # no web\n"
+    "apply 101 ifx 5\n"
+    "acl 102\n"
+    " permit ip any any\n"
+    " deny ip any any\n";
+
+TEST(acl_file, reads_acls_aces_and_applications) {
+    const acl_file file = file_of(campus);
+    ASSERT_EQ(file.acls.size(), 2u);
+    EXPECT_EQ(file.acls[0].key.acl_id, 101u);
+    EXPECT_EQ(file.acls[0].key.app_type, 3u);
+    EXPECT_EQ(file.acls[0].key.acl_class, 1u);
+    ASSERT_EQ(file.acls[0].aces.size(), 2u);
+    EXPECT_EQ(file.acls[0].aces[1].record.sn, 20u);
+    EXPECT_EQ(file.acls[0].aces[1].line, 5u);
+    ASSERT_EQ(file.applications.size(), 1u);
+    EXPECT_EQ(file.applications[0].record.key.app_type, 3u);
+    EXPECT_EQ(file.applications[0].record.target[0], 5u);
+    EXPECT_EQ(file.size(), 7u);
+}
+
+TEST(acl_file, aces_without_a_number_get_multiples_of_ten) {
+    const acl_file file = file_of("acl 1\n 15 permit ip any any\n deny ip any any\n permit ether\n");
+    ASSERT_EQ(file.acls[0].aces.size(), 3u);
+    EXPECT_EQ(file.acls[0].aces[1].record.sn, 20u);
+    EXPECT_EQ(file.acls[0].aces[2].record.sn, 30u);
+}
+
+TEST(acl_file, every_faulty_line_is_reported_with_its_number) {
+    const auto errors = errors_of(
+        "10 permit ip any any\n"
+        "acl 0\n"
+        "acl 1 type 59\n"
+        "acl 2\n"
+        " 10 allow ip any any\n"
+        "acl 2\n"
+        "apply 7 ifx 3\n"
+        "apply 2\n"
+        "apply 2 ifx 3 direction up\n"
+        "acl 3 color red\n"
+        "acl 3 type\n"
+        "acl 3 type 1 type 2\n"
+        "acl\n"
+        " 5 raw 0g\n");
+    ASSERT_EQ(errors.size(), 13u);
+    const std::pair<unsigned, const char*> expected[] = {
+        {1, "an ACE needs an 'acl' line above it"},
+        {2, "ACL id '0' is not a number from 1 to 32768"},
+        {3, "type '59' is not a number from 1 to 58"},
+        {5, "'allow' is neither permit nor deny"},
+        {6, "ACL 2 of type 1 already stands in line 4"},
+        {7, "no ACL 7 above: 'type' must be given"},
+        {8, "'ifx' is missing"},
+        {9, "direction 'up' is neither in nor out"},
+        {10, "unknown word 'color'"},
+        {11, "'type' needs a value"},
+        {12, "'type' is given twice"},
+        {13, "the ACL id is missing"},
+        {14, "'raw' needs the record's bytes from offset 16 on in hexadecimal pairs"}};
+    for (std::size_t i = 0; i < errors.size(); ++i) {
+        EXPECT_EQ(errors[i].line, expected[i].first);
+        EXPECT_EQ(errors[i].text, expected[i].second);
+    }
+}
+
+TEST(acl_file, an_ambiguous_application_needs_its_type) {
+    const auto errors = errors_of("acl 1 type 1\nacl 1 type 2\napply 1 ifx 3\n");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].text, "more than one ACL 1: 'type' must say which");
+    EXPECT_EQ(
+        file_of("acl 1 type 1\nacl 1 type 2\napply 1 type 2 ifx 3\n").applications[0].record.key.app_type,
+        2u);
+}
+
+TEST(acl_file, prints_what_it_reads) {
+    constexpr std::string_view text =
+        "acl 101 type 3 class 1\n"
+        "  10 permit ip 10.0.0.0/8 any\n"
+        "  20 deny tcp any host 10.1.1.1 port 80 id 7\n"
+        "acl 102 type 1 class 0 vdev 2\n"
+        "apply 101 type 3 vdev 0 ifx 5\n"
+        "apply 102 type 1 vdev 2 ifx 6 direction out apply-type 4\n";
+    EXPECT_EQ(print_acl_file(file_of(text)), text);
+}
+
+TEST(acl_file, a_record_that_is_no_rule_is_written_raw_and_comes_back) {
+    acl_file file = file_of("acl 1\n 7 raw 0102ff id 9\n");
+    ASSERT_EQ(file.acls[0].aces.size(), 1u);
+    const scc_ace_record& ace = file.acls[0].aces[0].record;
+    EXPECT_EQ(ace.match[0], 0x01);
+    EXPECT_EQ(ace.match[2], 0xFF);
+    EXPECT_EQ(ace.sn, 7u);
+    EXPECT_EQ(ace.ace_id, 9u);
+    EXPECT_EQ(print_acl_file(file), "acl 1 type 1 class 0\n  7 raw 0102ff id 9\n");
+}
+
+TEST(acl_file, a_rule_with_more_bytes_than_its_text_is_written_raw) {
+    acl_file file = file_of("acl 1\n 7 permit ether\n");
+    file.acls[0].aces[0].record.action[683] = 0x5A;
+    const std::string text = print_acl_file(file);
+    EXPECT_NE(text.find(" raw "), std::string::npos);
+    const acl_file again = file_of(text);
+    EXPECT_EQ(
+        std::memcmp(&again.acls[0].aces[0].record, &file.acls[0].aces[0].record, sizeof(scc_ace_record)), 0);
+}
+
+}  // namespace
+}  // namespace scc::ctl

@@ -1,0 +1,518 @@
+// sccctl as its users run it: against a real daemon, against a refusing one, and against none.
+#include <algorithm>
+#include <set>
+#include <thread>
+
+#include "command.h"
+#include "ctl_support.h"
+#include "program.h"
+#include "session.h"
+
+namespace ctl_test {
+namespace {
+
+using nlohmann::json;
+
+class sccctl : public with_daemon {};
+class sccctl_alone : public without_daemon {};
+
+// Every row of the table, in an order in which a fresh daemon accepts all of them.
+constexpr const char* every_command[] = {
+    "d1x-authen-method --ifx 3 --value 1",
+    "d1x-author-mode-set --ifx 3 --value 1",
+    "d1x-port-addr-num --ifx 3 --value 8",
+    "d1x-port-open --ifx 3 --operation 1",
+    "d1x-set-pt-ctrl --ifx 3 --value 2",
+    "d1x-set-cos --ifx 3 --value 5",
+    "d1x-set-dscp --ifx 3 --value 46",
+    "webauth-set --ifx 3 --field 600:2=0x1234 --field 602:3=hex:0a0b0c",
+    "sp-port-security --ifx 3 --value 1",
+    "sp-port-violate --ifx 3 --value 1",
+    "global-ip-mac --mac 00:11:22:33:44:55 --ip 10.0.0.9 --operation 1",
+    "ip-source-guard-status --ifx 3 --value 1",
+    "bind-except-port --ifx 3 --operation 1",
+    "dhcp-trust-port --ifx 3 --operation 1",
+    "dhcp-snooping-set --form 9 --ifx 3",
+    "dhcp-snooping-set --form 10 --ifx 3",
+    "nd-snooping-set --ifx 3",
+    "arpcheck --ifx 3 --value 1",
+    "arpcheck-trust --ifx 3 --operation 1",
+    "nac-esc-eport-set --ifx 3 --operation 1",
+    "nac-app-set --ifx 3 --app-type 2 --operation 1",
+    "nac-user add --ifx 3 --vid 10 --mac 00:11:22:33:44:55 --ip 10.0.0.7",
+    "nac-user get --ifx 3 --vid 10 --mac 00:11:22:33:44:55 --ip 10.0.0.7",
+    "mac-query 00:11:22:33:44:55",
+    "nac-user delete --ifx 3 --vid 10 --mac 00:11:22:33:44:55 --ip 10.0.0.7",
+    "arp-entry add --ifx 3 --mac 00:11:22:33:44:56 --ip 10.0.0.8",
+    "arp-check-user-count-get 0",
+    "arp-check-user-data-get 0 --capacity 8",
+    "arp-entry delete --ifx 3 --mac 00:11:22:33:44:56 --ip 10.0.0.8",
+    "arp-dyn-entry add --ifx 3 --mac 00:11:22:33:44:57 --ipv6 2001:db8::1",
+    "arp-dyn-entry delete --ifx 3 --mac 00:11:22:33:44:57 --ipv6 2001:db8::1",
+    "dot1x-redirect-enable 1",
+    "d1x-mac-move 1",
+    "http-dport-set 8080 1",
+    "addr-learning 3 1",
+    "svi-router-acl-set 1",
+    "acl-global-eport-set 3 1",
+    "cpp-set 0 1",
+    "offline-detect-cfg 1 60 100",
+    "dirchn-host-set 1 2 3 4 5",
+    "dirchn-server-set 1 2",
+    "dirchn-site-set 1 2 3 4",
+    "dirchn-arp-set 1 2 3",
+    "ndsnp-default-bind-set 1 2 3",
+    "nac-nbr-set 1 --field 0:4=3",
+    "direct-vlan-set 1 --field 12:1=0x10",
+    "efacl-ctrl --data BLOCK",
+    "warterline-notify 1",
+    "test-cmd-set 7",
+    "data-recover 1",
+    "acl create 101 --class 1",
+    "acl add-ace 101 10 permit ip 10.0.0.0/8 any",
+    "acl add-ace 101 --sn 20 --id 7 --field 300:1=1",
+    "acl show 101",
+    "acl show-ace 101 10",
+    "acl class 101",
+    "nac-esc-set 1 101 1",
+    "acl apply 101 --ifx 5",
+    "user-acl apply 101 --ifx 5 --mac 00:11:22:33:44:55 --vid 10",
+    "user-acl change-vmsup 101 --ifx 5 --mac 00:11:22:33:44:55 --vid 11",
+    "user-acl unapply 101 --ifx 5 --mac 00:11:22:33:44:55 --vid 10",
+    "user-acl delete-vmsup 101",
+    "counter filter 101",
+    "counter acl 101",
+    "counter ace 101 10",
+    "counter acl 101 --reset",
+    "counter reset-filter 101",
+    "counter reset-acl 101",
+    "counter reset-ace 101 10",
+    "acl unapply 101 --ifx 5",
+    "acl delete-ace 101 10 10",
+    "acl resequence 101 10 10",
+    "acl delete 101",
+    "sp-port-addr-num --ifx 3",
+    "nac-span-dport-set --ifx 3 --operation 1",
+    "is-arp-check-enabled",
+    "nac-user-counter-support",
+    "get-nac-max-user 1",
+    "bind-user-name-get 0x3E",
+    "strerror 2005",
+};
+
+TEST(every_command_list, names_every_row_of_the_table) {
+    for (const auto& row : scc::ctl::commands()) {
+        const std::string name(row.name);
+        EXPECT_TRUE(std::any_of(
+            std::begin(every_command), std::end(every_command),
+            [&](const std::string& line) { return line == name || line.starts_with(name + " "); }))
+            << name;
+    }
+}
+
+TEST(command_table, reaches_every_call_of_the_header_once_or_more) {
+    std::set<std::string_view> reached;
+    for (const auto& row : scc::ctl::commands()) reached.insert(row.function);
+    for (const char* name : {"scc_d1x_authen_method",
+                             "scc_d1x_author_mode_set",
+                             "scc_d1x_port_addr_num",
+                             "scc_d1x_port_open",
+                             "scc_d1x_set_pt_ctrl",
+                             "scc_d1x_set_cos",
+                             "scc_d1x_set_dscp",
+                             "scc_dot1x_redirect_enable",
+                             "scc_d1x_mac_move",
+                             "scc_webauth_set",
+                             "scc_http_dport_set",
+                             "scc_dirchn_host_set",
+                             "scc_dirchn_server_set",
+                             "scc_dirchn_site_set",
+                             "scc_dirchn_arp_set",
+                             "scc_sp_port_secuity",
+                             "scc_sp_port_violate",
+                             "scc_global_ip_mac",
+                             "scc_ip_source_guard_status",
+                             "scc_bind_except_port",
+                             "scc_dhcp_trust_port",
+                             "scc_dhcp_snooping_set",
+                             "scc_nd_snooping_set",
+                             "scc_arpcheck",
+                             "scc_arpcheck_trust",
+                             "scc_addr_learning",
+                             "scc_nac_esc_set",
+                             "scc_nac_esc_eport_set",
+                             "scc_nac_app_set",
+                             "scc_nac_user_set",
+                             "scc_arp_entry_set",
+                             "scc_arp_dyn_entry_set",
+                             "scc_ndsnp_default_bind_set",
+                             "scc_nac_nbr_set",
+                             "scc_cpp_set",
+                             "scc_offline_detect_cfg",
+                             "scc_direct_vlan_set",
+                             "scc_acl_global_eport_set",
+                             "scc_svi_router_acl_set",
+                             "scc_efacl_ctrl",
+                             "scc_warterline_notify",
+                             "scc_test_cmd_set",
+                             "scc_bind_user_name_get",
+                             "scc_mac_query",
+                             "scc_sp_port_addr_num",
+                             "scc_nac_user_get",
+                             "scc_nac_span_dport_set",
+                             "scc_is_arp_check_enabled",
+                             "scc_arp_check_user_count_get",
+                             "scc_arp_check_user_data_get",
+                             "scc_get_nac_max_user",
+                             "scc_nac_user_counter_support",
+                             "scc_acl_create",
+                             "scc_acl_delete",
+                             "scc_acl_add_ace",
+                             "scc_acl_delete_ace",
+                             "scc_acl_apply",
+                             "scc_acl_unapply",
+                             "scc_acl_reseqence",
+                             "scc_data_recover",
+                             "scc_acl_cls_get",
+                             "scc_acl_get_ace",
+                             "scc_acl_get_ace_by_sn",
+                             "scc_user_acl_apply",
+                             "scc_user_acl_unapply",
+                             "scc_user_acl_delete_vmsup",
+                             "scc_user_acl_change_vmsup",
+                             "scc_acl_get_filter_counter",
+                             "scc_acl_get_counter",
+                             "scc_ace_get_counter",
+                             "scc_acl_reset_filter_counter",
+                             "scc_acl_reset_counter",
+                             "scc_ace_reset_counter",
+                             "scc_strerror"})
+        EXPECT_EQ(reached.erase(name), 1u) << name;
+    EXPECT_TRUE(reached.empty()) << *reached.begin();
+}
+
+TEST_F(sccctl, every_command_succeeds_against_a_fresh_daemon) {
+    std::string lines;
+    for (std::string line : every_command) {
+        const auto block = line.find("BLOCK");
+        if (block != std::string::npos) line.replace(block, 5, file("block.hex", "01 02 03\n04\n"));
+        lines += line + "\n";
+    }
+    const finished result = run({"shell", "--json"}, lines);
+    EXPECT_EQ(result.status, 0) << result.errors;
+    const auto answers = result.json_lines();
+    ASSERT_EQ(answers.size(), std::size(every_command)) << result.errors;
+    for (std::size_t i = 0; i < answers.size(); ++i)
+        EXPECT_EQ(answers[i].value("result", -1), 0) << every_command[i] << ": " << answers[i];
+}
+
+TEST_F(sccctl, a_result_carries_the_requests_fields_back) {
+    const finished result = run({"dirchn-host-set", "1", "0x20", "3", "4", "255", "--json"});
+    EXPECT_EQ(result.status, 0);
+    const auto lines = result.json_lines();
+    ASSERT_EQ(lines.size(), 1u);
+    const json expected = {{"command", "dirchn-host-set"},
+                           {"function", "scc_dirchn_host_set"},
+                           {"result", 0},
+                           {"text", lines[0]["text"]},
+                           {"first", 1},
+                           {"second", 32},
+                           {"third", 3},
+                           {"fourth", 4},
+                           {"fifth", 255},
+                           {"call_id", 1}};
+    EXPECT_EQ(lines[0], expected);
+}
+
+TEST_F(sccctl, raw_output_shows_each_byte_of_a_record) {
+    const auto lines =
+        run({"arpcheck", "--json", "--raw", "--ifx", "0x01020304", "--field", "734:2=hex:abcd"}).json_lines();
+    ASSERT_EQ(lines.size(), 1u);
+    ASSERT_EQ(lines[0]["records"].size(), 1u);
+    const std::string record = lines[0]["records"][0];
+    EXPECT_EQ(record.size(), 2u * 736u);
+    EXPECT_TRUE(record.starts_with("0403020100")) << record.substr(0, 10);
+    EXPECT_TRUE(record.ends_with("00abcd")) << record.substr(record.size() - 6);
+}
+
+TEST_F(sccctl, a_record_may_come_from_a_file) {
+    const std::string name = file("record.hex", "09 00 00 00\n0a\n");
+    const auto lines = run({"arpcheck", "--hex", name, "--vid", "11", "--json"}).json_lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0]["ifx"], 9);
+    EXPECT_EQ(lines[0]["vid"], 11);
+}
+
+TEST_F(sccctl, text_output_names_the_call_and_its_fields) {
+    const finished result = run({"addr-learning", "3", "1"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_TRUE(result.output.starts_with("addr-learning: ")) << result.output;
+    EXPECT_NE(result.output.find("\n  ifx 3\n  enable 1\n  call_id 1\n"), std::string::npos) << result.output;
+    EXPECT_EQ(result.errors, "");
+}
+
+TEST_F(sccctl, a_refused_request_has_exit_status_one_and_its_text) {
+    ASSERT_EQ(run({"daemon", "fail-next", "type=123", "result=2012"}).status, 0);
+    const finished text = run({"addr-learning", "3", "1"});
+    EXPECT_EQ(text.status, 1);
+    EXPECT_EQ(text.output, "");
+    EXPECT_TRUE(text.errors.starts_with("sccctl: addr-learning: ") && text.errors.ends_with(" (2012)\n"))
+        << text.errors;
+
+    ASSERT_EQ(run({"daemon", "fail-next", "type=123", "result=2012"}).status, 0);
+    const finished as_json = run({"addr-learning", "3", "1", "--json"});
+    EXPECT_EQ(as_json.status, 1);
+    const auto lines = as_json.json_lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0]["result"], 2012);
+}
+
+TEST_F(sccctl, a_refused_query_shows_no_value) {
+    const auto lines = run({"counter", "acl", "77", "--json"}).json_lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0]["result"], 2005);
+    EXPECT_FALSE(lines[0].contains("counter"));
+}
+
+TEST_F(sccctl, an_answer_that_never_comes_has_exit_status_three) {
+    ASSERT_EQ(run({"daemon", "mute", "type=123"}).status, 0);
+    const finished result = run({"addr-learning", "3", "1", "--timeout", "0.3"});
+    EXPECT_EQ(result.status, 3);
+    EXPECT_EQ(result.errors, "sccctl: addr-learning: no answer within 0.3 s\n");
+}
+
+TEST_F(sccctl, a_taken_app_id_has_exit_status_three) {
+    process holder(SCCCTL_PATH, {"watch", "--app", "4"}, directory());
+    ASSERT_EQ(holder.line(), "server-status status=1");
+    const finished result = run({"addr-learning", "3", "1", "--app", "4", "--timeout", "0.3"});
+    EXPECT_EQ(result.status, 3);
+    EXPECT_NE(result.errors.find("the id is taken"), std::string::npos);
+}
+
+TEST_F(sccctl, an_empty_cache_says_that_there_is_no_such_acl) {
+    const finished result = run({"acl", "show", "101"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.errors.find("(2005)"), std::string::npos);
+}
+
+TEST_F(sccctl, a_registration_without_the_cache_cannot_read_it) {
+    EXPECT_EQ(run({"acl", "show", "101", "--option", "0", "--json"}).json_lines().at(0)["result"], 2013);
+}
+
+TEST_F(sccctl, every_notification_is_watched_and_decoded) {
+    process watch(SCCCTL_PATH, {"watch", "--json", "--app", "5", "--count", "12"}, directory());
+    EXPECT_EQ(json::parse(watch.line()), (json{{"notification", "server-status"}, {"status", 1}}));
+    const std::vector<std::pair<std::vector<std::string>, json>> all = {
+        {{"station-move", "permit=1"}, {{"notification", "station-move"}, {"type", 210}, {"permit", 1}}},
+        {{"authmode", "mode=3"}, {{"notification", "authmode"}, {"type", 214}, {"mode", 3}}},
+        {{"dirchn", "add=1", "ip=10.0.0.1"},
+         {{"notification", "dirchn"}, {"type", 216}, {"add", 1}, {"ip", "10.0.0.1"}}},
+        {{"offline-detect", "open=1", "interval=60", "threshold=9"},
+         {{"notification", "offline-detect"},
+          {"type", 209},
+          {"first", 0},
+          {"open", 1},
+          {"interval", 60},
+          {"threshold", 9}}},
+    };
+    for (const auto& [words, expected] : all) {
+        std::vector<std::string> line = {"notify", "--app", "5"};
+        line.insert(line.end(), words.begin(), words.end());
+        ASSERT_EQ(run(line).status, 0) << words[0];
+        EXPECT_EQ(json::parse(watch.line(), nullptr, false), expected);
+    }
+    for (const char* name : {"flow", "noflow-offline", "user-change", "port-violate", "user-roll",
+                             "direct-vlan", "d1x-addr-move", "ace-counter"}) {
+        ASSERT_EQ(
+            run({"notify", name, "--app", "5", "ifx=7", "vid=8", "mac=00:11:22:33:44:55", "ip=10.0.0.2"})
+                .status,
+            0)
+            << name;
+        EXPECT_EQ(json::parse(watch.line(), nullptr, false).value("notification", ""), name);
+    }
+    EXPECT_EQ(watch.finish(), 0);
+}
+
+TEST_F(sccctl, a_users_notification_shows_the_user) {
+    process watch(SCCCTL_PATH, {"watch", "--json", "--count", "1"}, directory());
+    watch.line();
+    ASSERT_EQ(run({"notify", "flow", "ifx=7", "vid=8", "mac=00:11:22:33:44:55", "ip=10.0.0.2",
+                   "mask=255.255.255.0", "first=5", "second=0x10"})
+                  .status,
+              0);
+    const json seen = json::parse(watch.line(), nullptr, false);
+    EXPECT_EQ(seen["user"]["ip"], "10.0.0.2");
+    EXPECT_EQ(seen["user"]["mask"], "255.255.255.0");
+    EXPECT_EQ(seen["user"]["ifx"], 7);
+    EXPECT_EQ(seen["user"]["vid"], 8);
+    EXPECT_EQ(seen["user"]["mac"], "00:11:22:33:44:55");
+    EXPECT_EQ(seen["first"], 5);
+    EXPECT_EQ(seen["second"], 16);
+    EXPECT_EQ(watch.finish(), 0);
+}
+
+TEST_F(sccctl, a_watch_reports_that_the_daemon_went_away) {
+    process watch(SCCCTL_PATH, {"watch"}, directory());
+    ASSERT_EQ(watch.line(), "server-status status=1");
+    daemon().signal(SIGKILL);
+    EXPECT_EQ(watch.line(), "server-status status=0");
+    watch.signal(SIGINT);
+    EXPECT_EQ(watch.finish(), 0);
+}
+
+TEST_F(sccctl, a_watch_without_its_notifications_runs_into_its_time) {
+    EXPECT_EQ(run({"watch", "--count", "1", "--seconds", "0.2"}).status, 3);
+    EXPECT_EQ(run({"watch", "--seconds", "0.2"}).status, 0);
+}
+
+TEST_F(sccctl, clients_statistics_liveness_and_debugging_go_through_the_daemon) {
+    process watch(SCCCTL_PATH, {"watch", "--app", "6"}, directory());
+    ASSERT_EQ(watch.line(), "server-status status=1");
+    const json clients = run({"clients", "--json"}).json_lines().at(0);
+    ASSERT_EQ(clients["clients"].size(), 1u);
+    EXPECT_EQ(clients["clients"][0]["app"], 6);
+    EXPECT_EQ(run({"stats", "--app", "6", "--json"}).json_lines().at(0)["entries"].size(), 13u);
+    EXPECT_EQ(run({"alive", "--app", "6", "--json"}).json_lines().at(0)["app"], 6);
+    EXPECT_EQ(run({"alive"}).status, 0);
+    EXPECT_EQ(run({"debug", "on", "--app", "6"}).status, 0);
+    EXPECT_EQ(run({"debug", "off", "--app", "6"}).status, 0);
+    const finished unknown = run({"stats", "--app", "7"});
+    EXPECT_EQ(unknown.status, 1);
+    EXPECT_EQ(unknown.errors, "sccctl: stats: no such client\n");
+}
+
+TEST_F(sccctl, twenty_acls_are_loaded_saved_and_loaded_again) {
+    std::string text;
+    for (int id = 1; id <= 20; ++id) {
+        text += "acl " + std::to_string(id) + " type 3 class 1\n";
+        for (int sn = 10; sn <= 100; sn += 10)
+            text +=
+                "  " + std::to_string(sn) + " permit tcp 10.0.0.0/8 any port " + std::to_string(sn) + "\n";
+    }
+    for (int id = 1; id <= 20; ++id)
+        text += "apply " + std::to_string(id) + " type 3 vdev 0 ifx " + std::to_string(id) + "\n";
+
+    const finished loaded =
+        run({"acl", "load", file("in.acl", text), "--progress", "--then-save", file("out.acl"), "--json"});
+    EXPECT_EQ(loaded.status, 0) << loaded.errors << loaded.output;
+    EXPECT_EQ(loaded.errors, "");  // no bar without a terminal
+    EXPECT_EQ(loaded.json_lines().at(0)["done"], 240);
+    EXPECT_EQ(text_of("out.acl"), text);
+}
+
+TEST_F(sccctl, a_refused_line_of_a_file_is_named_and_the_others_take_place) {
+    const std::string name = file("in.acl", "acl 1\n 10 permit ether\napply 1 ifx 2\nacl 2\n");
+    ASSERT_EQ(run({"daemon", "fail-next", "type=132", "result=2011"}).status, 0);
+    const finished result = run({"acl", "load", name});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(result.errors.starts_with("sccctl: " + name + ":2: ")) << result.errors;
+    EXPECT_EQ(result.output, name + ": 3 of 4 requests done\n");
+}
+
+TEST_F(sccctl, a_faulty_file_is_not_sent_at_all) {
+    const std::string name = file("in.acl", "acl 1\n 10 permit nothing\n");
+    const finished result = run({"acl", "load", name});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_TRUE(result.errors.starts_with("sccctl: " + name + ":2: protocol 'nothing'")) << result.errors;
+    EXPECT_EQ(run({"daemon", "acls", "--json"}).json_lines().at(0)["acls"].size(), 0u);
+}
+
+TEST_F(sccctl, a_shell_reads_its_own_changes_back) {
+    const auto lines = shell(
+        "acl create 7 --class 2\n"
+        "acl add-ace 7 10 permit tcp any any port 80\n"
+        "acl add-ace 7 5 deny ip 10.0.0.0/8 any\n"
+        "acl show 7\n"
+        "acl resequence 7 100 10\n"
+        "acl show-ace 7 110\n"
+        "acl class 7\n"
+        "acl list\n"
+        "acl apply 7 --ifx 3\n"
+        "acl save " +
+        file("shell.acl") + "\n");
+    ASSERT_EQ(lines.size(), 10u);
+    EXPECT_EQ(lines[3]["aces"], json::parse(R"([{"sn":5,"id":5,"rule":"5 deny ip 10.0.0.0/8 any"},
+                                                {"sn":10,"id":10,"rule":"10 permit tcp any any port 80"}])"));
+    EXPECT_EQ(lines[5]["ace"]["rule"], "110 permit tcp any any port 80 id 10");
+    EXPECT_EQ(lines[6]["class"], 2);
+    EXPECT_EQ(lines[7]["acls"][0]["acl"], 7);
+    EXPECT_EQ(text_of("shell.acl"),
+              "acl 7 type 1 class 2\n"
+              "  100 deny ip 10.0.0.0/8 any id 5\n"
+              "  110 permit tcp any any port 80 id 10\n"
+              "apply 7 type 1 vdev 0 ifx 3\n");
+}
+
+TEST_F(sccctl, a_shell_goes_on_after_a_bad_line_and_ends_with_the_worst_status) {
+    const finished result = run({"shell"},
+                                "strerror 5 # a comment\n"
+                                "no-such-command\n"
+                                "acl delete 9\n"
+                                "exit\n"
+                                "strerror 6\n");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.errors.find("no-such-command"), std::string::npos);
+    EXPECT_NE(result.errors.find("(2005)"), std::string::npos);
+    EXPECT_EQ(result.output.find("code 6"), std::string::npos);
+}
+
+TEST_F(sccctl_alone, has_exit_status_three_without_a_daemon) {
+    const finished request = run({"addr-learning", "3", "1", "--timeout", "0.2"});
+    EXPECT_EQ(request.status, 3);
+    EXPECT_NE(request.errors.find("not registered as app 19 after 0.2 s"), std::string::npos)
+        << request.errors;
+    const finished as_json = run({"is-arp-check-enabled", "--timeout", "0.2", "--json"});
+    EXPECT_EQ(as_json.status, 3);
+    EXPECT_TRUE(as_json.json_lines().at(0).contains("error"));
+    EXPECT_EQ(run({"clients"}).status, 3);
+    EXPECT_EQ(run({"alive"}).status, 3);
+}
+
+TEST_F(sccctl_alone, answers_locally_without_a_daemon) {
+    EXPECT_EQ(run({"get-nac-max-user", "1", "--json"}).json_lines().at(0)["a"], 4096);
+    EXPECT_EQ(run({"bind-user-name-get", "0x3E", "--json"}).json_lines().at(0)["names"],
+              "AAA ip-auth-mode/address-bind/DHCP snooping/port-security/web-authen");
+}
+
+class bad_usage : public without_daemon, public testing::WithParamInterface<std::vector<std::string>> {};
+
+TEST_P(bad_usage, has_exit_status_two) {
+    const finished result = run(GetParam());
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.errors + result.output, "");
+}
+
+using words = std::vector<std::string>;
+INSTANTIATE_TEST_SUITE_P(
+    lines, bad_usage,
+    testing::Values(words{}, words{"no-such-command"}, words{"acl"}, words{"addr-learning"},
+                    words{"addr-learning", "3"}, words{"addr-learning", "3", "256"},
+                    words{"addr-learning", "x", "1"}, words{"addr-learning", "3", "1", "2"},
+                    words{"addr-learning", "3", "1", "--bogus"}, words{"acl", "create", "0"},
+                    words{"acl", "create", "32769"}, words{"acl", "create", "1", "--type", "59"},
+                    words{"acl-global-eport-set", "0", "1"}, words{"mac-query", "00:11:22:33:44"},
+                    words{"dhcp-snooping-set", "--ifx", "3"}, words{"dhcp-snooping-set", "--form", "11"},
+                    words{"arpcheck", "--ip", "10.0.0"}, words{"arpcheck", "--field", "736:1=1"},
+                    words{"arpcheck", "--field", "0:3=1"}, words{"arpcheck", "--field", "0:2=65536"},
+                    words{"arpcheck", "--field", "nonsense"}, words{"arpcheck", "--hex", "/nonexistent"},
+                    words{"efacl-ctrl"}, words{"acl", "add-ace", "1", "10", "permit", "nothing"},
+                    words{"clients", "--app", "20"}, words{"debug", "maybe"}, words{"daemon", "mute", "type"},
+                    words{"acl", "load", "/nonexistent"}, words{"strerror", "5", "--timeout", "0"}));
+
+TEST(command_list, gives_every_row_its_options_and_help) {
+    const std::string list = scc::ctl::list_commands();
+    for (const auto& row : scc::ctl::commands())
+        EXPECT_NE(("\n" + list).find("\n" + std::string(row.name) + "\t"), std::string::npos) << row.name;
+    EXPECT_NE(list.find("acl create\t--type --class --vdev\tcreate an ACL\n"), std::string::npos);
+}
+
+TEST(shell_words, split_at_blanks_join_in_quotes_and_end_at_comments) {
+    using scc::ctl::shell_words;
+    EXPECT_EQ(shell_words("a  b\tc"), (words{"a", "b", "c"}));
+    EXPECT_EQ(shell_words("a 'b c' \"d'e\" ''"), (words{"a", "b c", "d'e", ""}));
+    EXPECT_EQ(shell_words("a#b # c"), (words{"a#b"}));
+    EXPECT_EQ(shell_words("  "), words{});
+}
+
+}  // namespace
+}  // namespace ctl_test
