@@ -1,6 +1,9 @@
 // The handlers as the library calls them, without a connection: the records carry a callback of the test's
 // own, and the operations without a record are kept silent.
+#include <cstring>
 #include <future>
+#include <memory>
+#include <thread>
 
 #include "msg/protocol.h"
 #include "service/security_service.h"
