@@ -12,7 +12,7 @@ namespace {
 using namespace testing;
 namespace fs = std::filesystem;
 
-const std::string flows_pcap = (fs::path(__FILE__).parent_path() / "data" / "flows.pcap").string();
+const std::string flows_pcap = std::string(TEST_DATA_DIR) + "/flows.pcap";
 
 const flow* flow_of(const capture_report& report, u8 last_mac_byte) {
     for (const flow& one : report.flows) {

@@ -15,8 +15,7 @@ using sccd_test::TestClient;
 using sccd_test::TestItem;
 using sccd_test::Value;
 
-const std::string flows_pcap =
-    (std::filesystem::path(__FILE__).parent_path() / "data" / "flows.pcap").string();
+const std::string flows_pcap = std::string(TEST_DATA_DIR) + "/flows.pcap";
 constexpr std::uint32_t app = 3;
 
 class ServiceProcess {
