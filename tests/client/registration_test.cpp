@@ -13,8 +13,7 @@ namespace {
 
 using Registration = test::registered_client;
 
-TEST_F(Registration, SendsAppIdPidOptionAndSocketFlagOnBothSockets)
-{
+TEST_F(Registration, SendsAppIdPidOptionAndSocketFlagOnBothSockets) {
     info.app_id = 7;
     info.option = 3;
     info.handlers.server_status = test::on_status;
@@ -26,8 +25,7 @@ TEST_F(Registration, SendsAppIdPidOptionAndSocketFlagOnBothSockets)
     EXPECT_EQ(test::statuses().wait(), 1U);
 }
 
-TEST_F(Registration, RefusesANullRecordAndAppIdsOutsideOneToNineteen)
-{
+TEST_F(Registration, RefusesANullRecordAndAppIdsOutsideOneToNineteen) {
     const test::debugging on;
     EXPECT_EQ(scc_svr_reg(nullptr), 22U);
     EXPECT_TRUE(test::logged("input param is null!."));
@@ -38,8 +36,7 @@ TEST_F(Registration, RefusesANullRecordAndAppIdsOutsideOneToNineteen)
     EXPECT_TRUE(test::logged("app id is invalid in register param!"));
 }
 
-TEST_F(Registration, UnregistersWithTheAppIdAndStopsAllHandlers)
-{
+TEST_F(Registration, UnregistersWithTheAppIdAndStopsAllHandlers) {
     start();
     std::thread answering([this] { EXPECT_EQ(daemon.answer_unregistration(), bytes(wire().u32(7))); });
     EXPECT_EQ(scc_svr_unreg(), 0U);
@@ -49,8 +46,7 @@ TEST_F(Registration, UnregistersWithTheAppIdAndStopsAllHandlers)
     EXPECT_EQ(test::statuses().size(), 0U);
 }
 
-TEST_F(Registration, ComesBackAfterALostDaemonWithOneStatusZeroAndOneStatusOne)
-{
+TEST_F(Registration, ComesBackAfterALostDaemonWithOneStatusZeroAndOneStatusOne) {
     start();
     daemon.close_both();
     EXPECT_EQ(test::statuses().wait(), 0U);
@@ -59,8 +55,7 @@ TEST_F(Registration, ComesBackAfterALostDaemonWithOneStatusZeroAndOneStatusOne)
     EXPECT_EQ(test::statuses().size(), 0U);
 }
 
-TEST_F(Registration, SurvivesARefusedUnregistration)
-{
+TEST_F(Registration, SurvivesARefusedUnregistration) {
     start();
     std::thread answering([this] { daemon.answer_unregistration(5); });
     EXPECT_EQ(scc_svr_unreg(), 2001U);
