@@ -1,9 +1,9 @@
 // The start and end of an application, as the daemon sees them.
-#include <sys/stat.h>
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
-#include "client/control_block.h"
-#include "support/registered_client.h"
+#include "client/channel_support.h"
 
 using test::bytes;
 using test::side;
@@ -11,10 +11,30 @@ using test::wire;
 
 namespace {
 
-using Registration = test::registered_client;
+test::event_queue<std::uint32_t>& results() {
+    static auto* queue = new test::event_queue<std::uint32_t>;
+    return *queue;
+}
 
-TEST_F(Registration, SendsAppIdPidOptionAndSocketFlagOnBothSockets)
-{
+class Registration : public test::runtime_test {
+  protected:
+    // The test's own thread plays the daemon while another one unregisters.
+    std::thread unregister_aside() {
+        return std::thread([] { results().push(scc_svr_unreg()); });
+    }
+
+    std::string who() const { return "(app id:7, pid:" + test::own_pid() + ")"; }
+
+    // The registration still works: a request goes out.
+    void expect_registered() {
+        EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
+        EXPECT_EQ(g_scc_client_cb.state.load(), 4U);
+        EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
+        EXPECT_EQ(daemon.read_item(side::async).type, 123);
+    }
+};
+
+TEST_F(Registration, SendsAppIdPidOptionAndSocketFlagOnBothSockets) {
     info.app_id = 7;
     info.option = 3;
     info.handlers.server_status = test::on_status;
@@ -26,8 +46,7 @@ TEST_F(Registration, SendsAppIdPidOptionAndSocketFlagOnBothSockets)
     EXPECT_EQ(test::statuses().wait(), 1U);
 }
 
-TEST_F(Registration, RefusesANullRecordAndAppIdsOutsideOneToNineteen)
-{
+TEST_F(Registration, RefusesANullRecordAndAppIdsOutsideOneToNineteen) {
     const test::debugging on;
     EXPECT_EQ(scc_svr_reg(nullptr), 22U);
     EXPECT_TRUE(test::logged("input param is null!."));
@@ -38,8 +57,7 @@ TEST_F(Registration, RefusesANullRecordAndAppIdsOutsideOneToNineteen)
     EXPECT_TRUE(test::logged("app id is invalid in register param!"));
 }
 
-TEST_F(Registration, UnregistersWithTheAppIdAndStopsAllHandlers)
-{
+TEST_F(Registration, UnregistersWithTheAppIdAndStopsAllHandlers) {
     start();
     std::thread answering([this] { EXPECT_EQ(daemon.answer_unregistration(), bytes(wire().u32(7))); });
     EXPECT_EQ(scc_svr_unreg(), 0U);
@@ -49,8 +67,7 @@ TEST_F(Registration, UnregistersWithTheAppIdAndStopsAllHandlers)
     EXPECT_EQ(test::statuses().size(), 0U);
 }
 
-TEST_F(Registration, ComesBackAfterALostDaemonWithOneStatusZeroAndOneStatusOne)
-{
+TEST_F(Registration, ComesBackAfterALostDaemonWithOneStatusZeroAndOneStatusOne) {
     start();
     daemon.close_both();
     EXPECT_EQ(test::statuses().wait(), 0U);
@@ -59,8 +76,7 @@ TEST_F(Registration, ComesBackAfterALostDaemonWithOneStatusZeroAndOneStatusOne)
     EXPECT_EQ(test::statuses().size(), 0U);
 }
 
-TEST_F(Registration, SurvivesARefusedUnregistration)
-{
+TEST_F(Registration, SurvivesARefusedUnregistration) {
     start();
     std::thread answering([this] { daemon.answer_unregistration(5); });
     EXPECT_EQ(scc_svr_unreg(), 2001U);
@@ -69,6 +85,226 @@ TEST_F(Registration, SurvivesARefusedUnregistration)
     EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
     EXPECT_EQ(daemon.read_item(side::async).type, 123);
     stop();
+}
+
+TEST_F(Registration, AppIds1And19AreAccepted) {
+    for (const std::uint32_t app_id : {1U, 19U}) {
+        info.app_id = app_id;
+        info.handlers.server_status = test::on_status;
+        ASSERT_EQ(scc_svr_reg(&info), 0U);
+        EXPECT_EQ(test::u32_at(daemon.accept_registration().first, 0), app_id);
+        EXPECT_EQ(test::statuses().wait(), 1U);
+        stop();
+    }
+}
+
+TEST_F(Registration, ASecondRegistrationIsLoggedAndChangesNothing) {
+    start();
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 2; }));
+    const test::debugging on;
+    scc_reg_info other{};
+    other.app_id = 9;
+    EXPECT_EQ(scc_svr_reg(&other), 0U);
+    EXPECT_TRUE(test::logged("(app id:9, pid:" + test::own_pid() + ") already registered!"));
+    EXPECT_EQ(test::library_threads(), 2U);
+    expect_registered();
+}
+
+TEST_F(Registration, ASecondRegistrationBeforeTheFirstIsThroughChangesNothing) {
+    info.app_id = 7;
+    info.handlers.server_status = test::on_status;
+    ASSERT_EQ(scc_svr_reg(&info), 0U);
+    daemon.accept_both();
+    const test::debugging on;
+    EXPECT_EQ(scc_svr_reg(&info), 0U);
+    EXPECT_TRUE(test::logged(who() + " already registered!"));
+    daemon.answer_registration(side::sync);
+    daemon.answer_registration(side::async);
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    expect_registered();
+}
+
+TEST_F(Registration, UnregisteringLeavesNothingBehind) {
+    info.handlers.addr_learning = [](std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {};
+    start(3);
+    EXPECT_TRUE(std::filesystem::exists(socket_file(".sccl_sd1_")));
+    EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
+    const test::debugging on;
+    stop();
+    EXPECT_TRUE(test::logged(who() + " unregister to sccd success!"));
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_EQ(g_scc_client_cb.app_id.load(), 0U);
+    EXPECT_EQ(g_scc_client_cb.option.load(), 0U);
+    EXPECT_EQ(g_scc_client_cb.last_call_id.load(), 0U);
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), -1);
+    EXPECT_EQ(g_scc_client_cb.async_fd.load(), -1);
+    EXPECT_EQ(scc::load_handler(g_scc_client_cb.handlers.addr_learning), nullptr);
+    EXPECT_EQ(scc::load_handler(g_scc_client_cb.handlers.server_status), nullptr);
+    EXPECT_FALSE(std::filesystem::exists(socket_file(".sccl_sd1_")));
+    EXPECT_FALSE(std::filesystem::exists(socket_file(".sccl_sd2_")));
+    EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 2004U);
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
+TEST_F(Registration, UnregisteringInAnyOtherStateDoesNothing) {
+    const test::debugging on;
+    EXPECT_EQ(scc_svr_unreg(), 0U);
+    EXPECT_TRUE(test::logged("(pid:0) already unregistered or not registered!"));
+    start();
+    for (const std::uint32_t state : {1U, 2U, 3U, 5U}) {
+        test::clear_log();
+        _scc_client_state_set(state);
+        EXPECT_EQ(scc_svr_unreg(), 0U);
+        EXPECT_TRUE(test::logged("(pid:" + test::own_pid() + ") already unregistered or not registered!"));
+        EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
+    }
+    _scc_client_state_set(4);
+    EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
+    expect_registered();
+}
+
+TEST_F(Registration, UnregisteringWhileTheDaemonIsAwayDoesNotEndTheAttempts) {
+    start();
+    const test::debugging on;
+    daemon.stop_listening();
+    daemon.close_both();
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    EXPECT_TRUE(test::wait_for_log("connect to sccd failed!!!"));
+    EXPECT_EQ(scc_svr_unreg(), 0U);
+    daemon.listen();
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+}
+
+TEST_F(Registration, ARefusalIs2001WhateverNumberTheDaemonSent) {
+    start();
+    const test::debugging on;
+    for (const std::uint32_t number : {1U, 2003U, 0x80000000U, 0xFFFFFFFFU}) {
+        std::thread aside = unregister_aside();
+        daemon.answer_unregistration(number);
+        EXPECT_EQ(results().wait(), 2001U);
+        aside.join();
+    }
+    EXPECT_TRUE(test::logged(who() + "unreg action rejected by sccd!"));
+    EXPECT_TRUE(test::logged(who() + "unregistered error!"));
+    expect_registered();
+    stop();
+}
+
+TEST_F(Registration, AReplyThatBreaksOffCountsAsConsent) {
+    const bytes reply = wire().u32(24).u8(1).u16(1).u8(0).u32(8).u16(0).u16(302).u32(0).u32(0);
+    for (const std::size_t cut : {0U, 1U, 8U, 23U}) {
+        start();
+        std::thread aside = unregister_aside();
+        EXPECT_EQ(daemon.read_item(side::sync).type, 302);
+        daemon.send(side::sync, test::slice(reply, 0, cut));
+        daemon.close_side(side::sync);
+        EXPECT_EQ(results().wait(), 0U);
+        aside.join();
+        EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+        EXPECT_TRUE(daemon.wait_for_close(side::async));
+        daemon.close_both();
+    }
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
+TEST_F(Registration, AMalformedReplyIs2007AndTheRegistrationStays) {
+    const bytes replies[] = {
+        wire().u32(24).u8(1).u16(0).u8(0),
+        wire().u32(8).u8(1).u16(1).u8(0),
+        wire().u32(20).u8(1).u16(1).u8(0).u32(4).u16(0).u16(302).u32(0),
+        wire().u32(20).u8(1).u16(1).u8(0).u32(8).u16(0).u16(302).u32(0),
+    };
+    start();
+    for (const bytes& reply : replies) {
+        std::thread aside = unregister_aside();
+        EXPECT_EQ(daemon.read_item(side::sync).type, 302);
+        daemon.send(side::sync, reply);
+        EXPECT_EQ(results().wait(), 2007U);
+        aside.join();
+        expect_registered();
+    }
+    stop();
+}
+
+TEST_F(Registration, ALostDaemonDuringUnregistrationEndsTheRegistration) {
+    start();
+    std::thread aside = unregister_aside();
+    EXPECT_EQ(daemon.read_item(side::sync).type, 302);
+    daemon.close_both();
+    EXPECT_EQ(results().wait(), 0U);
+    aside.join();
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_EQ(test::statuses().size(), 0U);
+    start();
+    expect_registered();
+}
+
+TEST_F(Registration, ARefusalWhileTheAsyncSocketIsLostLeavesTheReceiveThreadWorking) {
+    start();
+    std::thread aside = unregister_aside();
+    EXPECT_EQ(daemon.read_item(side::sync).type, 302);
+    daemon.close_side(side::async);
+    daemon.send_item(side::sync, 302, wire().u32(0).u32(1));
+    EXPECT_EQ(results().wait(), 2001U);
+    aside.join();
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    expect_registered();
+}
+
+TEST_F(Registration, UnregisteringAndRegisteringAtOnceLeavesOneReceiveThread) {
+    start();
+    for (int round = 0; round < 30; ++round) {
+        stop();
+        start();
+    }
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 2; }));
+    EXPECT_EQ(test::statuses().size(), 0U);
+    reconnect();
+    expect_registered();
+    EXPECT_EQ(test::library_threads(), 2U);
+}
+
+TEST_F(Registration, ADescriptorOfZeroIsNeitherUnregisteredNorClosed) {
+    start();
+    const int real_sync = g_scc_client_cb.sync_fd.exchange(0);
+    EXPECT_EQ(scc_svr_unreg(), 0U);
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), 0);
+    EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
+    EXPECT_NE(fcntl(0, F_GETFD), -1);
+    g_scc_client_cb.sync_fd = -1;
+    close(real_sync);
+}
+
+TEST_F(Registration, DescriptorsAbove1024Work) {
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    if (limit.rlim_max < 2048) {
+        GTEST_SKIP() << "no more than " << limit.rlim_max << " descriptors are allowed here";
+    }
+    limit.rlim_cur = 2048;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    std::vector<int> taken;
+    while (taken.empty() || taken.back() < 1100) {
+        taken.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+        ASSERT_GE(taken.back(), 0);
+    }
+    info.handlers.addr_learning = [](std::uint32_t result, std::uint32_t, std::uint32_t, std::uint8_t) {
+        results().push(result);
+    };
+    start();
+    EXPECT_GT(g_scc_client_cb.sync_fd.load(), 1024);
+    EXPECT_GT(g_scc_client_cb.async_fd.load(), 1024);
+    expect_registered();
+    daemon.send_result(1, 2019);
+    EXPECT_EQ(results().wait(), 2019U);
+    stop();
+    for (const int fd : taken) {
+        close(fd);
+    }
 }
 
 }  // namespace

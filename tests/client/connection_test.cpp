@@ -1,0 +1,307 @@
+// Connecting, registering and losing the daemon, as both ends see it.
+#include "client/connection.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <algorithm>
+
+#include "client/channel_support.h"
+
+using test::bytes;
+using test::side;
+using test::wire;
+
+namespace {
+
+class Connection : public test::runtime_test {
+  protected:
+    // Registers without a word from the daemon yet.
+    void begin() {
+        info.app_id = 7;
+        info.handlers.server_status = test::on_status;
+        ASSERT_EQ(scc_svr_reg(&info), 0U);
+    }
+
+    std::string who() const { return "(app id:7, pid:" + test::own_pid() + ")"; }
+
+    // Whether the peer closes without having sent one byte.
+    bool closes_silently(side where) {
+        pollfd watched{daemon.fd(where), POLLIN, 0};
+        std::uint8_t one = 0;
+        return poll(&watched, 1, 20000) == 1 && read(daemon.fd(where), &one, 1) == 0;
+    }
+
+    bool has_no_socket_files() const {
+        return !std::filesystem::exists(socket_file(".sccl_sd1_")) &&
+               !std::filesystem::exists(socket_file(".sccl_sd2_"));
+    }
+
+    void expect_first_status_is_one() {
+        EXPECT_EQ(test::statuses().wait(), 1U);
+        EXPECT_EQ(test::statuses().size(), 0U);
+    }
+};
+
+std::size_t times_logged(const std::string& text) {
+    const auto texts = test::log_texts();
+    return static_cast<std::size_t>(std::count(texts.begin(), texts.end(), text));
+}
+
+TEST_F(Connection, WaitsForADaemonThatComesLateWithoutAStatusZero) {
+    const test::debugging on;
+    daemon.stop_listening();
+    begin();
+    EXPECT_TRUE(test::wait_for_log("connect to sccd failed!!!"));
+    EXPECT_TRUE(test::wait_for_log("reason:No such file or directory"));
+    EXPECT_TRUE(test::eventually([&] { return g_scc_client_cb.state == 5U && has_no_socket_files(); }));
+    daemon.listen();
+    daemon.accept_registration();
+    expect_first_status_is_one();
+    EXPECT_TRUE(test::logged(who() + "connect to sccd success!"));
+    EXPECT_TRUE(test::logged(who() + "register to sccd success!"));
+    EXPECT_FALSE(test::logged("scc client start to try re-reg."));
+}
+
+TEST_F(Connection, TriesAgainAfterTwoSeconds) {
+    begin();
+    daemon.accept_both();
+    const auto before = std::chrono::steady_clock::now();
+    daemon.close_both();
+    daemon.accept_registration();
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(1990));
+    expect_first_status_is_one();
+}
+
+TEST_F(Connection, BothSocketsConnectBeforeEitherRegistersAndAsyncRegistersSecond) {
+    begin();
+    daemon.accept_both();
+    const test::received_item first = daemon.read_item(side::sync);
+    EXPECT_EQ(first.type, 301);
+    EXPECT_TRUE(daemon.stays_silent(side::async, 0));
+    daemon.send_item(side::sync, 301, wire().u32(0).u32(0).u32(0));
+    EXPECT_EQ(daemon.answer_registration(side::async),
+              bytes(wire().u32(7).u32(static_cast<std::uint32_t>(getpid())).u8(0).u8(0).zeros(2)));
+    expect_first_status_is_one();
+}
+
+TEST_F(Connection, TheStateIs3WhileRegisteringAnd4Afterwards) {
+    begin();
+    daemon.accept_both();
+    (void)daemon.read_item(side::sync);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 3U);
+    daemon.send_item(side::sync, 301, wire().u32(0).u32(0).u32(0));
+    (void)daemon.answer_registration(side::async);
+    expect_first_status_is_one();
+    EXPECT_EQ(g_scc_client_cb.state.load(), 4U);
+}
+
+TEST_F(Connection, ARefusalNamesTheHolderAndIsRetriedWithoutAnAsyncRegistration) {
+    const test::debugging on;
+    begin();
+    daemon.accept_both();
+    daemon.answer_registration(side::sync, 2002, 4711);
+    EXPECT_TRUE(closes_silently(side::async));
+    EXPECT_TRUE(test::logged(who() + "reg action rejected by sccd!"));
+    EXPECT_TRUE(test::logged("app id:7 already registered by pid:4711!"));
+    daemon.accept_registration();
+    expect_first_status_is_one();
+}
+
+TEST_F(Connection, ARefusalWithoutAHolderNamesNobody) {
+    const test::debugging on;
+    begin();
+    for (const std::uint32_t holder : {0U, 0x80000000U}) {
+        daemon.accept_both();
+        daemon.answer_registration(side::sync, 1, holder);
+        EXPECT_TRUE(closes_silently(side::async));
+    }
+    daemon.accept_registration();
+    expect_first_status_is_one();
+    EXPECT_EQ(times_logged(who() + "reg action rejected by sccd!"), 2U);
+    EXPECT_TRUE(std::ranges::none_of(test::log_texts(), [](const std::string& text) {
+        return text.find("already registered by") != std::string::npos;
+    }));
+}
+
+TEST_F(Connection, ARefusalOnTheAsyncSocketClosesBothAndRemovesTheFiles) {
+    begin();
+    daemon.accept_both();
+    EXPECT_TRUE(std::filesystem::exists(socket_file(".sccl_sd1_")));
+    EXPECT_TRUE(std::filesystem::exists(socket_file(".sccl_sd2_")));
+    daemon.answer_registration(side::sync);
+    daemon.answer_registration(side::async, 2000);
+    EXPECT_TRUE(daemon.wait_for_close(side::sync));
+    EXPECT_TRUE(daemon.wait_for_close(side::async));
+    EXPECT_TRUE(test::eventually([&] { return g_scc_client_cb.state == 5U && has_no_socket_files(); }));
+    daemon.accept_registration();
+    expect_first_status_is_one();
+}
+
+struct broken_reply {
+    const char* what;
+    bytes raw;
+    bool then_close;
+};
+
+TEST_F(Connection, AMalformedOrBrokenOffRegistrationReplyIsRetried) {
+    const broken_reply replies[] = {
+        {"no items", wire().u32(28).u8(1).u16(0).u8(0), false},
+        {"nothing but a header", wire().u32(8).u8(1).u16(1).u8(0), false},
+        {"a value without a result", wire().u32(20).u8(1).u16(1).u8(0).u32(4).u16(0).u16(301).u32(0), false},
+        {"an item past its message", wire().u32(20).u8(1).u16(1).u8(0).u32(5).u16(0).u16(301).u32(0), false},
+        {"half a header", wire().u32(28), true},
+        {"half a body", wire().u32(28).u8(1).u16(1).u8(0).u32(12), true},
+    };
+    begin();
+    for (const broken_reply& reply : replies) {
+        SCOPED_TRACE(reply.what);
+        daemon.accept_both();
+        EXPECT_EQ(daemon.read_item(side::sync).type, 301);
+        daemon.send(side::sync, reply.raw);
+        if (reply.then_close) {
+            shutdown(daemon.fd(side::sync), SHUT_WR);
+        }
+        EXPECT_TRUE(closes_silently(side::async));
+        EXPECT_EQ(test::statuses().size(), 0U);
+    }
+    daemon.accept_registration();
+    expect_first_status_is_one();
+}
+
+TEST_F(Connection, AnAcceptingReplyMayLeaveTheHolderOut) {
+    begin();
+    daemon.accept_both();
+    for (const side where : {side::sync, side::async}) {
+        EXPECT_EQ(daemon.read_item(where).type, 301);
+        daemon.send_item(where, 301, wire().u32(0xFFFFFFFF).u32(0));
+    }
+    expect_first_status_is_one();
+}
+
+TEST_F(Connection, AnOutageIsOneStatusZeroHoweverManyAttemptsItTakes) {
+    start();
+    const test::debugging on;
+    daemon.stop_listening();
+    daemon.close_both();
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    EXPECT_TRUE(test::eventually([] { return times_logged("connect to sccd failed!!!") >= 2; }));
+    daemon.listen();
+    daemon.accept_both();
+    daemon.answer_registration(side::sync, 2000);
+    EXPECT_TRUE(closes_silently(side::async));
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    EXPECT_EQ(test::statuses().size(), 0U);
+    EXPECT_EQ(times_logged("scc client start to try re-reg."), 1U);
+}
+
+TEST_F(Connection, OneLostSocketIsTheWholeConnectionLost) {
+    start();
+    daemon.close_side(side::async);
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    EXPECT_TRUE(closes_silently(side::sync));
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+}
+
+TEST_F(Connection, ARequestOnALostSyncSocketBringsTheConnectionBack) {
+    start();
+    daemon.close_side(side::sync);
+    EXPECT_EQ(scc_warterline_notify(1), 0U);
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+}
+
+TEST_F(Connection, StaleSocketFilesDoNotCostAnAttempt) {
+    const test::debugging on;
+    for (const char* name : {".sccl_sd1_", ".sccl_sd2_"}) {
+        const int fd = open(socket_file(name).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0);
+        close(fd);
+    }
+    start();
+    EXPECT_FALSE(test::logged("bind socket error!!!"));
+    EXPECT_TRUE(std::filesystem::is_socket(socket_file(".sccl_sd1_")));
+    EXPECT_TRUE(std::filesystem::is_socket(socket_file(".sccl_sd2_")));
+}
+
+TEST_F(Connection, SocketsBearTheirFilesNamesTheSendTimeoutAndCloseOnExec) {
+    start();
+    const std::pair<int, const char*> both[] = {{g_scc_client_cb.sync_fd, ".sccl_sd1_"},
+                                                {g_scc_client_cb.async_fd, ".sccl_sd2_"}};
+    for (const auto& [fd, name] : both) {
+        EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+        sockaddr_un address{};
+        socklen_t length = sizeof address;
+        ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
+        EXPECT_EQ(std::string(address.sun_path), socket_file(name).string());
+        timeval timeout{};
+        length = sizeof timeout;
+        ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, &length), 0);
+        EXPECT_EQ(timeout.tv_sec, 3);
+        EXPECT_EQ(timeout.tv_usec, 0);
+        ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, &length), 0);
+        EXPECT_EQ(timeout.tv_sec, 0);
+        EXPECT_EQ(timeout.tv_usec, 0);
+    }
+}
+
+TEST_F(Connection, ConnectingReturnsTheNegativeErrorAndLogsTheReason) {
+    const test::debugging on;
+    g_scc_client_cb.pid = 42;
+    const std::string good = daemon.directory().runtime() + "/own_";
+    const std::string missing = daemon.directory().path() + "/missing/own_";
+    EXPECT_EQ(_scc_lib_client_connect(missing.c_str()), -2);
+    EXPECT_TRUE(test::logged("bind socket error!!!"));
+    EXPECT_TRUE(test::logged("reason:No such file or directory"));
+    const int fd = _scc_lib_client_connect(good.c_str());
+    EXPECT_GE(fd, 0);
+    EXPECT_TRUE(std::filesystem::is_socket(good + "42"));
+    close(fd);
+    EXPECT_EQ(_scc_lib_client_connect(std::string(107, 'x').c_str()), -1);
+    daemon.stop_listening();
+    test::clear_log();
+    EXPECT_EQ(_scc_lib_client_connect(good.c_str()), -2);
+    EXPECT_TRUE(test::logged("connect to sccd failed!!!"));
+    unsetenv("TMPDIR");
+    EXPECT_EQ(_scc_lib_client_connect(good.c_str()), -1);
+}
+
+TEST_F(Connection, AFileWithoutAListenerIsAnErrorOfItsOwn) {
+    const test::debugging on;
+    g_scc_client_cb.pid = 42;
+    const std::string prefix = daemon.directory().runtime() + "/own_";
+    const std::string daemon_file = daemon.directory().runtime() + "/.sccd_sd_";
+    ASSERT_EQ(link(daemon_file.c_str(), (daemon_file + "kept").c_str()), 0);
+    daemon.stop_listening();
+    ASSERT_EQ(rename((daemon_file + "kept").c_str(), daemon_file.c_str()), 0);
+    EXPECT_EQ(_scc_lib_client_connect(prefix.c_str()), -111);
+    EXPECT_TRUE(test::logged("reason:Connection refused"));
+}
+
+TEST_F(Connection, TheThreadEndsWhenTheAppIdIsTakenAwayBeforeTheFirstRegistration) {
+    const test::debugging on;
+    daemon.stop_listening();
+    begin();
+    EXPECT_TRUE(test::wait_for_log("connect to sccd failed!!!"));
+    g_scc_client_cb.app_id = 0;
+    EXPECT_TRUE(test::wait_for_log("scc client not registered to sccd.exit thread."));
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
+TEST_F(Connection, RegistrationsCarryTheOptionUnchangedOverAReconnection) {
+    start(0xA5);
+    daemon.close_both();
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    const auto [sync, async] = daemon.accept_registration();
+    const auto pid = static_cast<std::uint32_t>(getpid());
+    EXPECT_EQ(sync, bytes(wire().u32(7).u32(pid).u8(0xA5).u8(1).zeros(2)));
+    EXPECT_EQ(async, bytes(wire().u32(7).u32(pid).u8(0xA5).u8(0).zeros(2)));
+}
+
+}  // namespace

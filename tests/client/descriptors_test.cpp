@@ -1,0 +1,174 @@
+// Who owns the two descriptors: lending, closing once, registrations and connections told apart.
+#include "client/descriptors.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+
+#include "client/channel_support.h"
+#include "client/connection.h"
+
+using scc::borrowed_descriptor;
+using scc::channel;
+
+namespace {
+
+class Descriptors : public test::runtime_test {
+  protected:
+    Descriptors() {
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sync_pair), 0);
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, async_pair), 0);
+    }
+    ~Descriptors() override {
+        close(sync_pair[1]);
+        close(async_pair[1]);
+    }
+
+    void install(std::uint32_t generation) {
+        ASSERT_TRUE(scc::install_descriptor(channel::sync, sync_pair[0], generation));
+        ASSERT_TRUE(scc::install_descriptor(channel::async, async_pair[0], generation));
+    }
+
+    static bool is_open(int fd) { return fcntl(fd, F_GETFD) != -1; }
+
+    int sync_pair[2] = {-1, -1};
+    int async_pair[2] = {-1, -1};
+};
+
+TEST_F(Descriptors, ClosingClosesBothRemovesTheFilesAndRaisesTheFlag) {
+    g_scc_client_cb.pid = static_cast<std::uint32_t>(getpid());
+    for (const char* name : {".sccl_sd1_", ".sccl_sd2_"}) {
+        close(creat(socket_file(name).c_str(), 0600));
+    }
+    install(scc::begin_generation());
+    EXPECT_TRUE(_scc_lib_client_is_connected());
+    EXPECT_EQ(_scc_lib_client_close(), 0);
+    EXPECT_FALSE(is_open(sync_pair[0]));
+    EXPECT_FALSE(is_open(async_pair[0]));
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), -1);
+    EXPECT_EQ(g_scc_client_cb.async_fd.load(), -1);
+    EXPECT_FALSE(_scc_lib_client_is_connected());
+    EXPECT_EQ(scc_lib_rereg.load(), 1);
+    EXPECT_FALSE(std::filesystem::exists(socket_file(".sccl_sd1_")));
+    EXPECT_FALSE(std::filesystem::exists(socket_file(".sccl_sd2_")));
+}
+
+TEST_F(Descriptors, ADescriptorOfZeroIsNeverClosed) {
+    g_scc_client_cb.sync_fd = 0;
+    g_scc_client_cb.async_fd = 0;
+    EXPECT_TRUE(_scc_lib_client_is_connected());
+    EXPECT_EQ(_scc_lib_client_close(), 0);
+    EXPECT_TRUE(is_open(0));
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), 0);
+    EXPECT_EQ(g_scc_client_cb.async_fd.load(), 0);
+    close(sync_pair[0]);
+    close(async_pair[0]);
+}
+
+TEST_F(Descriptors, AFailedCloseIsMinusOneAndTheFilesStay) {
+    const test::debugging on;
+    g_scc_client_cb.pid = static_cast<std::uint32_t>(getpid());
+    close(creat(socket_file(".sccl_sd1_").c_str(), 0600));
+    g_scc_client_cb.sync_fd = 999;
+    g_scc_client_cb.async_fd = 998;
+    EXPECT_EQ(_scc_lib_client_close(), -1);
+    EXPECT_EQ(test::log_texts(),
+              (std::vector<std::string>{"close sync socket failed!!!", "reason:Bad file descriptor",
+                                        "close async socket failed!!!", "reason:Bad file descriptor"}));
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), 999);
+    EXPECT_EQ(g_scc_client_cb.async_fd.load(), 998);
+    EXPECT_EQ(scc_lib_rereg.load(), 0);
+    EXPECT_TRUE(std::filesystem::exists(socket_file(".sccl_sd1_")));
+    close(sync_pair[0]);
+    close(async_pair[0]);
+}
+
+TEST_F(Descriptors, WithoutAPathTheSocketsAreClosedAndTheResultIs1) {
+    install(scc::begin_generation());
+    unsetenv("TMPDIR");
+    EXPECT_EQ(_scc_lib_client_close(), 1);
+    EXPECT_FALSE(is_open(sync_pair[0]));
+    EXPECT_EQ(scc_lib_rereg.load(), 0);
+}
+
+TEST_F(Descriptors, ALentDescriptorIsClosedByItsLastBorrower) {
+    install(scc::begin_generation());
+    {
+        const borrowed_descriptor first(channel::sync);
+        EXPECT_EQ(first.fd(), sync_pair[0]);
+        {
+            const borrowed_descriptor second(channel::sync);
+            EXPECT_EQ(second.fd(), sync_pair[0]);
+            EXPECT_EQ(_scc_lib_client_close(), 0);
+            EXPECT_FALSE(is_open(async_pair[0]));
+            EXPECT_EQ(borrowed_descriptor(channel::sync).fd(), -1);
+        }
+        EXPECT_TRUE(is_open(sync_pair[0]));
+    }
+    EXPECT_FALSE(is_open(sync_pair[0]));
+}
+
+TEST_F(Descriptors, ClosingReleasesABlockedReader) {
+    install(scc::begin_generation());
+    std::thread reading([] {
+        const borrowed_descriptor borrowed(channel::sync);
+        test::entered().push(1);
+        char one = 0;
+        EXPECT_EQ(recv(borrowed.fd(), &one, 1, 0), 0);
+    });
+    ASSERT_TRUE(test::entered().wait());
+    EXPECT_EQ(_scc_lib_client_close(), 0);
+    reading.join();
+    EXPECT_FALSE(is_open(sync_pair[0]));
+}
+
+TEST_F(Descriptors, AnEarlierConnectionLendsNothing) {
+    const std::uint32_t generation = scc::begin_generation();
+    const std::uint32_t before = scc::connection_epoch();
+    install(generation);
+    EXPECT_EQ(borrowed_descriptor(channel::async, before).fd(), async_pair[0]);
+    EXPECT_EQ(_scc_lib_client_close(), 0);
+    EXPECT_NE(scc::connection_epoch(), before);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sync_pair), 0);
+    ASSERT_TRUE(scc::install_descriptor(channel::sync, sync_pair[0], generation));
+    EXPECT_EQ(borrowed_descriptor(channel::sync, before).fd(), -1);
+    EXPECT_EQ(borrowed_descriptor(channel::sync).fd(), sync_pair[0]);
+    EXPECT_FALSE(scc::close_descriptors_of(before));
+    EXPECT_TRUE(is_open(sync_pair[0]));
+    EXPECT_TRUE(scc::close_descriptors_of(scc::connection_epoch()));
+    EXPECT_FALSE(is_open(sync_pair[0]));
+}
+
+TEST_F(Descriptors, AThreadOfAnEarlierRegistrationChangesNothing) {
+    const std::uint32_t earlier = scc::begin_generation();
+    const std::uint32_t current = scc::begin_generation();
+    EXPECT_FALSE(scc::is_current(earlier));
+    EXPECT_EQ(scc::current_generation(), current);
+    EXPECT_FALSE(scc::set_state_of(earlier, 4));
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_FALSE(scc::reset_connection(earlier));
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_FALSE(scc::install_descriptor(channel::sync, sync_pair[0], earlier));
+    EXPECT_FALSE(is_open(sync_pair[0]));
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), -1);
+    g_scc_client_cb.handlers.server_status = test::on_status;
+    scc::notify_status(0, earlier);
+    EXPECT_EQ(test::statuses().size(), 0U);
+    scc::notify_status(1, current);
+    EXPECT_EQ(test::statuses().size(), 1U);
+    EXPECT_TRUE(scc::set_state_of(current, 3));
+    EXPECT_EQ(g_scc_client_cb.state.load(), 3U);
+    scc::end_generation();
+    EXPECT_FALSE(scc::is_current(current));
+    close(async_pair[0]);
+}
+
+TEST_F(Descriptors, AStatusWithoutAHandlerIsNothing) {
+    _scc_lib_svr_status_notify(1);
+    g_scc_client_cb.handlers.server_status = test::on_status;
+    _scc_lib_svr_status_notify(0);
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    close(sync_pair[0]);
+    close(async_pair[0]);
+}
+
+}  // namespace

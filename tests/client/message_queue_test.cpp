@@ -1,0 +1,66 @@
+// The queue between the service's receive and processing threads.
+#include "client/message_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+namespace {
+
+class MessageQueue : public ::testing::Test {
+  protected:
+    MessageQueue() { scc::init_message_queue(); }
+
+    static void expect_next(int fd, const void* message) {
+        scc::scc_lib_msg_node* node = scc::dequeue_message();
+        ASSERT_NE(node, nullptr);
+        EXPECT_EQ(node->fd, fd);
+        EXPECT_EQ(node->message, message);
+        free(node);
+    }
+};
+
+TEST_F(MessageQueue, IsFirstInFirstOut) {
+    int messages[3] = {};
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(scc::enqueue_message(10 + i, &messages[i]));
+    }
+    for (int i = 0; i < 3; ++i) {
+        expect_next(10 + i, &messages[i]);
+    }
+}
+
+TEST_F(MessageQueue, ASecondStartLeavesWhatIsQueued) {
+    int message = 0;
+    ASSERT_TRUE(scc::enqueue_message(3, &message));
+    scc::init_message_queue();
+    expect_next(3, &message);
+}
+
+TEST_F(MessageQueue, WaitsThreeSecondsForNothing) {
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(scc::dequeue_message(), nullptr);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(2990));
+}
+
+TEST_F(MessageQueue, WakesAWaitingThread) {
+    static int messages[200] = {};
+    std::thread taking([] {
+        for (int i = 0; i < 200; ++i) {
+            scc::scc_lib_msg_node* node = nullptr;
+            while (node == nullptr) {
+                node = scc::dequeue_message();
+            }
+            EXPECT_EQ(node->message, &messages[i]);
+            free(node);
+        }
+    });
+    for (int& message : messages) {
+        ASSERT_TRUE(scc::enqueue_message(1, &message));
+    }
+    taking.join();
+}
+
+}  // namespace

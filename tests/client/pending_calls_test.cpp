@@ -1,0 +1,140 @@
+// The calls whose results are awaited: saved, found oldest first, dropped.
+#include "client/pending_calls.h"
+
+#include <cstdlib>
+
+#include "client/channel_support.h"
+
+using test::bytes;
+
+namespace {
+
+class PendingCalls : public ::testing::Test {
+  protected:
+    PendingCalls() { scc::init_pending_calls(); }
+    ~PendingCalls() override { scc::free_pending_calls(); }
+
+    static std::uint32_t save(std::uint32_t call_id, std::uint32_t kind, const bytes& data) {
+        return _scc_lib_save_call_data(call_id, kind, data.data(), static_cast<int>(data.size()));
+    }
+
+    // Takes a call out and says its kind; 0 for none.
+    static std::uint32_t kind_of(std::uint32_t call_id) {
+        scc::pending_call* call = scc::take_pending_call(call_id);
+        const std::uint32_t kind = call == nullptr ? 0 : call->kind;
+        if (call != nullptr) {
+            scc::release_pending_call(call);
+        }
+        return kind;
+    }
+};
+
+TEST_F(PendingCalls, ACallKeepsACopyOfItsData) {
+    bytes data = test::pattern(736);
+    const bytes before = data;
+    ASSERT_EQ(save(7, 4, data), 0U);
+    data.assign(data.size(), 0);
+    scc::pending_call* call = scc::take_pending_call(7);
+    ASSERT_NE(call, nullptr);
+    EXPECT_EQ(call->call_id, 7U);
+    EXPECT_EQ(call->kind, 4U);
+    EXPECT_EQ(call->data_bytes, 736);
+    EXPECT_EQ(bytes(call->data(), call->data() + 736), before);
+    EXPECT_EQ(call->data(), reinterpret_cast<const std::uint8_t*>(call) + 32);
+    EXPECT_EQ(scc::take_pending_call(7), nullptr);
+    scc::release_pending_call(call);
+}
+
+TEST_F(PendingCalls, DataMayBeEmpty) {
+    for (const int length : {0, -1}) {
+        ASSERT_EQ(_scc_lib_save_call_data(1, 9, nullptr, length), 0U);
+        scc::pending_call* call = scc::take_pending_call(1);
+        ASSERT_NE(call, nullptr);
+        EXPECT_EQ(call->data_bytes, length);
+        scc::release_pending_call(call);
+    }
+}
+
+TEST_F(PendingCalls, OfSeveralUnderOneIdTheOldestIsFoundFirst) {
+    ASSERT_EQ(save(5, 1, {1}), 0U);
+    ASSERT_EQ(save(6, 2, {1}), 0U);
+    ASSERT_EQ(save(5, 3, {1}), 0U);
+    ASSERT_EQ(save(5, 4, {1}), 0U);
+    _scc_lib_del_call_data(5);
+    EXPECT_EQ(kind_of(5), 3U);
+    EXPECT_EQ(kind_of(5), 4U);
+    EXPECT_EQ(kind_of(5), 0U);
+    EXPECT_EQ(kind_of(6), 2U);
+}
+
+TEST_F(PendingCalls, DeletingAnUnknownIdChangesNothing) {
+    ASSERT_EQ(save(1, 1, {1}), 0U);
+    for (const std::uint32_t unknown : {0U, 2U, 1025U, 0xFFFFFFFFU}) {
+        _scc_lib_del_call_data(unknown);
+    }
+    EXPECT_EQ(scc::pending_calls(), 1U);
+    EXPECT_EQ(kind_of(1), 1U);
+}
+
+TEST_F(PendingCalls, IdsThatShareAPlaceAreToldApart) {
+    for (const std::uint32_t id : {3U, 1027U, 2051U, 0xFFFFFC03U}) {
+        ASSERT_EQ(save(id, id % 50 + 1, {1}), 0U);
+    }
+    for (const std::uint32_t id : {2051U, 3U, 0xFFFFFC03U, 1027U}) {
+        EXPECT_EQ(kind_of(id), id % 50 + 1);
+    }
+}
+
+TEST_F(PendingCalls, DroppingThemAllLeavesNone) {
+    for (std::uint32_t id = 0; id < 3000; ++id) {
+        ASSERT_EQ(save(id, 1, {1, 2, 3}), 0U);
+    }
+    EXPECT_EQ(scc::pending_calls(), 3000U);
+    scc::free_pending_calls();
+    EXPECT_EQ(scc::pending_calls(), 0U);
+    EXPECT_EQ(kind_of(5), 0U);
+    ASSERT_EQ(save(5, 2, {1}), 0U);
+    EXPECT_EQ(kind_of(5), 2U);
+}
+
+TEST_F(PendingCalls, GrowingTheIndexKeepsEveryCallAndTheirOrder) {
+    constexpr std::uint32_t count = 20000;
+    for (std::uint32_t id = 0; id < count; ++id) {
+        ASSERT_EQ(save(id, 1, {1}), 0U);
+        ASSERT_EQ(save(id, 2, {1}), 0U);
+        if (id % 1500 == 0) {
+            scc::grow_pending_index();
+        }
+    }
+    scc::grow_pending_index();
+    EXPECT_EQ(scc::pending_calls(), 2 * count);
+    for (std::uint32_t id = 0; id < count; ++id) {
+        ASSERT_EQ(kind_of(id), 1U) << id;
+        ASSERT_EQ(kind_of(id), 2U) << id;
+    }
+    EXPECT_EQ(scc::pending_calls(), 0U);
+}
+
+TEST_F(PendingCalls, BlocksThatAreUsedAgainHoldTheNewData) {
+    for (std::uint32_t round = 1; round < 50; ++round) {
+        const bytes data = test::pattern(round % 3 == 0 ? 9 : 5, static_cast<std::uint8_t>(round));
+        ASSERT_EQ(save(round, round, data), 0U);
+        scc::pending_call* call = scc::take_pending_call(round);
+        ASSERT_NE(call, nullptr);
+        EXPECT_EQ(bytes(call->data(), call->data() + call->data_bytes), data);
+        scc::release_pending_call(call);
+        if (round % 10 == 0) {
+            scc::free_idle_blocks();
+        }
+    }
+}
+
+TEST_F(PendingCalls, CallIdsCountUpAndWrap) {
+    EXPECT_EQ(_scc_lib_call_id_get(), 1U);
+    EXPECT_EQ(_scc_lib_call_id_get(), 2U);
+    g_scc_client_cb.last_call_id = 0xFFFFFFFFU;
+    EXPECT_EQ(_scc_lib_call_id_get(), 0U);
+    EXPECT_EQ(_scc_lib_call_id_get(), 1U);
+}
+
+}  // namespace

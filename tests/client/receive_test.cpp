@@ -1,0 +1,316 @@
+// What arrives on the asynchronous socket: whole, cut, one byte at a time, malformed.
+#include "client/receive.h"
+
+#include <sys/socket.h>
+
+#include "client/channel_support.h"
+#include "client/connection.h"
+#include "client/request_channel.h"
+
+using test::bytes;
+using test::item_bytes;
+using test::message_bytes;
+using test::side;
+using test::wire;
+
+namespace {
+
+test::event_queue<std::uint32_t>& results() {
+    static auto* queue = new test::event_queue<std::uint32_t>;
+    return *queue;
+}
+
+void on_addr_learning(std::uint32_t result, std::uint32_t call_id, std::uint32_t, std::uint8_t) {
+    results().push(call_id * 1000 + result);
+}
+
+void unregister_inside(std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {
+    results().push(scc_svr_unreg());
+}
+
+class Receive : public test::runtime_test {
+  protected:
+    void start() {
+        info.handlers.addr_learning = on_addr_learning;
+        runtime_test::start();
+    }
+
+    // Makes requests with the call ids 1 to count.
+    static void request(std::uint32_t count) {
+        for (std::uint32_t i = 0; i < count; ++i) {
+            ASSERT_EQ(scc_addr_learning(i, 1, nullptr), 0U);
+        }
+    }
+
+    // A message of two results, 40 bytes.
+    static bytes two_results(std::uint32_t first, std::uint32_t second) {
+        return message_bytes(
+            {item_bytes(401, wire().u32(first).u32(3)), item_bytes(401, wire().u32(second).u32(4))});
+    }
+};
+
+TEST_F(Receive, AMessageOfManyItemsIsDeliveredInOrder) {
+    start();
+    request(2);
+    daemon.send(side::async, two_results(2, 1));
+    EXPECT_EQ(results().wait(), 2003U);
+    EXPECT_EQ(results().wait(), 1004U);
+}
+
+TEST_F(Receive, TwoMessagesInOnePieceAreTwoMessages) {
+    start();
+    request(4);
+    daemon.send(side::async, wire().add(two_results(1, 2)).add(two_results(4, 3)));
+    for (const std::uint32_t expected : {1003U, 2004U, 4003U, 3004U}) {
+        EXPECT_EQ(results().wait(), expected);
+    }
+}
+
+TEST_F(Receive, AMessageMayArriveOneByteAtATime) {
+    start();
+    request(2);
+    for (const std::uint8_t one : two_results(1, 2)) {
+        EXPECT_EQ(results().size(), 0U);
+        daemon.send(side::async, {one});
+        ASSERT_TRUE(test::all_taken(daemon.fd(side::async)));
+    }
+    EXPECT_EQ(results().wait(), 1003U);
+    EXPECT_EQ(results().wait(), 2004U);
+}
+
+TEST_F(Receive, AMessageMayBeCutAtEveryOffset) {
+    start();
+    const std::size_t whole = two_results(1, 2).size();
+    ASSERT_EQ(whole, 40U);
+    for (std::uint32_t cut = 1; cut < whole; ++cut) {
+        request(2);
+        const bytes message = two_results(2 * cut - 1, 2 * cut);
+        daemon.send(side::async, test::slice(message, 0, cut));
+        ASSERT_TRUE(test::all_taken(daemon.fd(side::async)));
+        daemon.send(side::async, test::slice(message, cut, whole - cut));
+        EXPECT_EQ(results().wait(), (2 * cut - 1) * 1000 + 3);
+        EXPECT_EQ(results().wait(), 2 * cut * 1000 + 4);
+    }
+}
+
+TEST_F(Receive, APeerThatClosesAtAnyOffsetIsALostConnectionAndNothingOfTheMessageIsDelivered) {
+    start();
+    for (const std::size_t cut : {1U, 7U, 8U, 9U, 39U}) {
+        SCOPED_TRACE(cut);
+        request(2);
+        daemon.send(side::async, test::slice(two_results(1, 2), 0, cut));
+        daemon.close_both();
+        EXPECT_EQ(test::statuses().wait(), 0U);
+        daemon.accept_registration();
+        EXPECT_EQ(test::statuses().wait(), 1U);
+        EXPECT_EQ(results().size(), 0U);
+    }
+}
+
+TEST_F(Receive, AHeaderWithoutItemsIsRefusedNothingBehindItIsReadAndTheNextMessageIsDelivered) {
+    const bytes headers[] = {
+        wire().u32(40).u8(1).u16(0).u8(0), wire().u32(8).u8(1).u16(1).u8(0),
+        wire().u32(7).u8(1).u16(1).u8(0),  wire().u32(0).u8(1).u16(1).u8(0),
+        wire().u32(0).u8(0).u16(0).u8(0),  wire().u32(0xFFFFFFFF).u8(1).u16(0).u8(0),
+    };
+    start();
+    const test::debugging on;
+    std::uint32_t call_id = 0;
+    for (const bytes& header : headers) {
+        SCOPED_TRACE(call_id);
+        test::clear_log();
+        request(1);
+        ++call_id;
+        daemon.send(side::async, header);
+        daemon.send_result(call_id, 5);
+        EXPECT_EQ(results().wait(), call_id * 1000 + 5);
+        EXPECT_TRUE(test::logged("msg format error,no tlv."));
+    }
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
+TEST_F(Receive, AMessageWhoseItemsDoNotFitIsRefusedWholeAndTheNextIsDelivered) {
+    const bytes good = item_bytes(401, wire().u32(1).u32(9));
+    const bytes bodies[] = {
+        // a value one byte longer than what is left
+        wire().add(good).u32(9).u16(0).u16(401).u32(1).u32(9),
+        // a length that wraps an offset
+        wire().add(good).u32(0xFFFFFFFF).u16(0).u16(401).u32(1).u32(9),
+        wire().add(good).u32(0xFFFFFFF8).u16(0).u16(401).u32(1).u32(9),
+        // half of a second item header
+        wire().add(good).u32(8).u16(0),
+        // nothing where the second item should be
+        good,
+    };
+    start();
+    const test::debugging on;
+    request(1);
+    for (const bytes& body : bodies) {
+        test::clear_log();
+        const auto length = static_cast<std::uint32_t>(8 + body.size());
+        daemon.send(side::async, wire().u32(length).u8(1).u16(2).u8(0).add(body));
+        EXPECT_TRUE(
+            test::wait_for_log("msg format error,items exceed msg. len:" + std::to_string(length) + "."));
+    }
+    daemon.send_result(1, 6);
+    EXPECT_EQ(results().wait(), 1006U);
+    EXPECT_EQ(results().size(), 0U);
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
+TEST_F(Receive, BytesBehindTheLastItemAreIgnored) {
+    start();
+    request(2);
+    daemon.send(side::async,
+                wire().u32(34).u8(1).u16(1).u8(0).add(item_bytes(401, wire().u32(1).u32(9))).fill(10, 0xEE));
+    daemon.send_result(2, 0);
+    EXPECT_EQ(results().wait(), 1009U);
+    EXPECT_EQ(results().wait(), 2000U);
+}
+
+TEST_F(Receive, AMessageOfManyMegabytesIsRead) {
+    start();
+    request(1);
+    bytes huge =
+        message_bytes({item_bytes(999, test::pattern(3000000)), item_bytes(401, wire().u32(1).u32(2))});
+    daemon.send(side::async, huge);
+    EXPECT_EQ(results().wait(), 1002U);
+}
+
+TEST_F(Receive, AResultWithoutACallIsLogged) {
+    start();
+    const test::debugging on;
+    daemon.send_result(4000000000U, 0);
+    EXPECT_TRUE(test::wait_for_log("no such call id:-294967296 in scc lib"));
+}
+
+TEST_F(Receive, ResultsOfALostConnectionAreUnknownOnTheNext) {
+    start();
+    request(2);
+    reconnect();
+    const test::debugging on;
+    daemon.send_result(1, 0);
+    daemon.send_result(2, 0);
+    EXPECT_TRUE(test::wait_for_log("no such call id:1 in scc lib"));
+    EXPECT_TRUE(test::wait_for_log("no such call id:2 in scc lib"));
+    request(1);
+    daemon.send_result(3, 1);
+    EXPECT_EQ(results().wait(), 3001U);
+}
+
+TEST_F(Receive, ASecondResultOfOneCallIsUnknown) {
+    start();
+    request(1);
+    const test::debugging on;
+    daemon.send_result(1, 0);
+    daemon.send_result(1, 0);
+    EXPECT_EQ(results().wait(), 1000U);
+    EXPECT_TRUE(test::wait_for_log("no such call id:1 in scc lib"));
+    EXPECT_EQ(results().size(), 0U);
+}
+
+TEST_F(Receive, ARaisedFlagMakesTheThreadRegisterAgain) {
+    start();
+    const test::debugging on;
+    EXPECT_EQ(_scc_lib_client_close(), 0);
+    EXPECT_EQ(scc_lib_rereg.load(), 1);
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    EXPECT_TRUE(test::wait_for_log("appid 7 ready to rereg."));
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    EXPECT_EQ(scc_lib_rereg.load(), 0);
+}
+
+TEST_F(Receive, AHandlerMayUnregister) {
+    info.handlers.addr_learning = unregister_inside;
+    runtime_test::start();
+    request(2);
+    const test::debugging on;
+    daemon.send(side::async, two_results(1, 2));
+    EXPECT_EQ(daemon.answer_unregistration(), bytes(wire().u32(7)));
+    EXPECT_EQ(results().wait(), 0U);
+    EXPECT_TRUE(test::wait_for_log("no such call id:2 in scc lib"));
+    EXPECT_TRUE(daemon.wait_for_close(side::async));
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_EQ(test::statuses().size(), 0U);
+    start();
+    request(1);
+    daemon.send_result(1, 8);
+    EXPECT_EQ(results().wait(), 1008U);
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 2; }));
+}
+
+void unregister_and_register_inside(std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {
+    results().push(scc_svr_unreg());
+    static scc_reg_info again{};
+    again.app_id = 8;
+    again.handlers.server_status = test::on_status;
+    again.handlers.addr_learning = on_addr_learning;
+    results().push(scc_svr_reg(&again));
+}
+
+TEST_F(Receive, AHandlerMayUnregisterAndRegisterAnew) {
+    info.handlers.addr_learning = unregister_and_register_inside;
+    runtime_test::start();
+    request(1);
+    daemon.send_result(1, 0);
+    daemon.answer_unregistration();
+    const auto [sync, async] = daemon.accept_registration();
+    EXPECT_EQ(test::u32_at(sync, 0), 8U);
+    EXPECT_EQ(test::u32_at(async, 0), 8U);
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    EXPECT_EQ(results().wait(), 0U);
+    EXPECT_EQ(results().wait(), 0U);
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 2; }));
+    request(1);
+    daemon.send_result(1, 9);
+    EXPECT_EQ(results().wait(), 1009U);
+}
+
+TEST_F(Receive, AHandlerMayMakeRequests) {
+    info.handlers.addr_learning = [](std::uint32_t result, std::uint32_t call_id, std::uint32_t,
+                                     std::uint8_t) {
+        results().push(call_id * 1000 + result);
+        if (result == 0) {
+            results().push(scc_addr_learning(call_id, 1, nullptr));
+        }
+    };
+    runtime_test::start();
+    request(1);
+    daemon.send_result(1, 0);
+    EXPECT_EQ(results().wait(), 1000U);
+    EXPECT_EQ(results().wait(), 0U);
+    EXPECT_EQ(daemon.read_items(side::async, 2).back().value, bytes(wire().u32(2).u32(1).u32(1)));
+    daemon.send_result(2, 1);
+    EXPECT_EQ(results().wait(), 2001U);
+}
+
+TEST_F(Receive, TheSynchronousSocketIsReadByTheSameRules) {
+    start();
+    const test::debugging on;
+    void* message = nullptr;
+    daemon.send(side::sync, wire().u32(99).u8(1).u16(0).u8(0));
+    EXPECT_EQ(_scc_lib_msg_recv(&message, 1), 2007U);
+    EXPECT_EQ(message, nullptr);
+    daemon.send_item(side::sync, 77, wire().u32(5));
+    ASSERT_EQ(_scc_lib_msg_recv(&message, 1), 0U);
+    EXPECT_EQ(bytes(static_cast<std::uint8_t*>(message), static_cast<std::uint8_t*>(message) + 20),
+              bytes(wire().u32(20).u8(1).u16(1).u8(0).u32(4).u16(0).u16(77).u32(5)));
+    free(message);
+    daemon.send(side::sync, wire().u32(20).u8(1).u16(1).u8(0).u32(4));
+    shutdown(daemon.fd(side::sync), SHUT_WR);
+    EXPECT_EQ(_scc_lib_msg_recv(&message, 1), 32U);
+    EXPECT_EQ(message, nullptr);
+    EXPECT_TRUE(test::logged("recv msg body error! errno:32."));
+    EXPECT_EQ(_scc_lib_msg_recv(&message, 1), 32U);
+    EXPECT_TRUE(test::logged("recv msg hdr error! syn:1 errno:32."));
+}
+
+TEST_F(Receive, WithoutASocketTheReceiveIsABadDescriptor) {
+    void* message = nullptr;
+    EXPECT_EQ(_scc_lib_msg_recv(&message, 0), 9U);
+    EXPECT_EQ(_scc_lib_msg_recv(&message, 1), 9U);
+}
+
+}  // namespace

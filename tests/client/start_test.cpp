@@ -1,0 +1,115 @@
+// What a start does to the process and its runtime directory before any thread runs.
+#include "client/start.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "client/channel_support.h"
+
+using test::side;
+
+namespace {
+
+class Start : public test::runtime_test {
+  protected:
+    Start() { info.app_id = 7; }
+
+    static mode_t mask_now() {
+        const mode_t mask = umask(0);
+        umask(mask);
+        return mask;
+    }
+};
+
+mode_t mode_of(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0);
+    return status.st_mode & 07777;
+}
+
+TEST_F(Start, SetsTheUmaskTo0) {
+    umask(022);
+    start();
+    EXPECT_EQ(mask_now(), 0U);
+}
+
+TEST_F(Start, LeavesTheUmaskAloneWhenTheRecordIsRefused) {
+    umask(027);
+    EXPECT_EQ(scc_svr_reg(nullptr), 22U);
+    info.app_id = 20;
+    EXPECT_EQ(scc_svr_reg(&info), 22U);
+    EXPECT_EQ(mask_now(), 027U);
+}
+
+TEST_F(Start, WithoutTmpdirItIs5WithTheUmaskSet) {
+    const test::debugging on;
+    umask(027);
+    unsetenv("TMPDIR");
+    EXPECT_EQ(scc_svr_reg(&info), 5U);
+    EXPECT_TRUE(test::logged("scclib create tmp dir error."));
+    EXPECT_EQ(mask_now(), 0U);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_EQ(g_scc_client_cb.app_id.load(), 0U);
+    EXPECT_EQ(test::library_threads(), 0U);
+    setenv("TMPDIR", daemon.directory().path().c_str(), 1);
+    start();
+}
+
+TEST_F(Start, ATmpdirThatLeavesNoRoomIs5) {
+    // 95 and 13 characters are the 108 of the buffer, with no room for the end.
+    setenv("TMPDIR", ("/" + std::string(94, 'x')).c_str(), 1);
+    EXPECT_EQ(scc_svr_reg(&info), 5U);
+}
+
+TEST_F(Start, ADirectoryThatCannotBeMadeIsItsErrorWithTheUmaskSet) {
+    const test::debugging on;
+    umask(027);
+    const std::string file = daemon.directory().path() + "/file";
+    close(creat(file.c_str(), 0600));
+    setenv("TMPDIR", file.c_str(), 1);
+    EXPECT_EQ(scc_svr_reg(&info), 20U);
+    EXPECT_TRUE(test::logged("(app id:7, pid:" + test::own_pid() + ") mkdir failed:Not a directory!"));
+    EXPECT_EQ(mask_now(), 0U);
+    setenv("TMPDIR", "relative", 1);
+    EXPECT_EQ(scc_svr_reg(&info), 20U);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_EQ(test::library_threads(), 0U);
+}
+
+TEST_F(Start, TheLockIsFreeAgainAfterEachFailure) {
+    unsetenv("TMPDIR");
+    EXPECT_EQ(scc_svr_reg(&info), 5U);
+    setenv("TMPDIR", "relative", 1);
+    EXPECT_EQ(scc_svr_reg(&info), 20U);
+    EXPECT_EQ(scc_svr_unreg(), 0U);
+    EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 2004U);
+}
+
+TEST_F(Start, MakesTheRuntimeDirectoryOpenToEverybody) {
+    const std::string base = daemon.directory().path() + "/new";
+    setenv("TMPDIR", base.c_str(), 1);
+    EXPECT_EQ(scc_svr_reg(&info), 0U);
+    EXPECT_EQ(mode_of(base), 0777U);
+    EXPECT_EQ(mode_of(base + "/security"), 0777U);
+    EXPECT_EQ(mode_of(base + "/security/scc"), 0777U);
+}
+
+TEST_F(Start, OpensARuntimeDirectoryThatIsThereAlready) {
+    ASSERT_EQ(chmod(daemon.directory().runtime().c_str(), 0700), 0);
+    start();
+    EXPECT_EQ(mode_of(daemon.directory().runtime()), 0777U);
+}
+
+TEST_F(Start, TakesTheIdentityOver) {
+    start(2);
+    EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
+    EXPECT_EQ(g_scc_client_cb.option.load(), 2U);
+    EXPECT_EQ(g_scc_client_cb.pid.load(), static_cast<std::uint32_t>(getpid()));
+    EXPECT_EQ(g_scc_client_cb.thread_mode.load(), 1U);
+    std::ifstream file("/proc/self/cmdline");
+    std::string first;
+    std::getline(file, first, '\0');
+    EXPECT_EQ(std::string(g_scc_client_cb.process_name), first.substr(0, 106));
+}
+
+}  // namespace
