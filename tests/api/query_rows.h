@@ -1,0 +1,211 @@
+// One synchronous query as a row, and what holds for every one of them. The query runs on a thread of its
+// own while the test answers it as the daemon.
+#pragma once
+
+#include <functional>
+#include <future>
+#include <ostream>
+
+#include "client/control_block.h"
+#include "client/pending_calls.h"
+#include "support/registered_client.h"
+
+namespace test {
+
+struct query_row {
+    std::string name;
+    // Takes the caller's memory as it is before the call and leaves it as it is afterwards.
+    std::function<std::uint32_t(bytes& memory)> call;
+    bytes memory;  // before the call
+    std::uint16_t request = 0;
+    bytes payload;  // of the first query after registration
+    std::uint16_t reply = 0;
+    std::string reply_name;
+    bytes good;    // the shortest good reply
+    bytes answer;  // the memory after it
+    // The shortest reply that fails with 2005; empty when a reply carries no result.
+    bytes failed;
+    bytes memory_after_error;
+    bytes memory_after_failure;
+};
+
+inline std::ostream& operator<<(std::ostream& out, const query_row& row) {
+    return out << row.name;
+}
+
+inline std::string query_name(const ::testing::TestParamInfo<query_row>& info) {
+    return info.param.name;
+}
+
+class querying_client : public registered_client {
+  protected:
+    void TearDown() override { EXPECT_EQ(scc::pending_calls(), 0U); }
+
+    struct outcome {
+        std::uint32_t code;
+        bytes memory;
+    };
+
+    static std::future<outcome> begin(const query_row& row) {
+        return std::async(std::launch::async, [row] {
+            outcome out{0, row.memory};
+            out.code = row.call(out.memory);
+            return out;
+        });
+    }
+
+    // Reads the query as the daemon and answers it with a whole message.
+    outcome exchange(const query_row& row, const bytes& message) {
+        std::future<outcome> running = begin(row);
+        EXPECT_EQ(daemon.read_item(side::sync).type, row.request);
+        daemon.send(side::sync, message);
+        return running.get();
+    }
+
+    outcome exchange_item(const query_row& row, std::uint16_t type, const bytes& value) {
+        return exchange(row, message_bytes({item_bytes(type, value)}));
+    }
+
+    void expect_a_good_query(const query_row& row) {
+        const outcome out = exchange_item(row, row.reply, row.good);
+        EXPECT_EQ(out.code, 0U);
+        EXPECT_EQ(out.memory, row.answer);
+    }
+};
+
+class every_query : public querying_client, public ::testing::WithParamInterface<query_row> {
+  protected:
+    void check_request_and_answer() {
+        const query_row& row = GetParam();
+        start(0);
+        std::future<outcome> running = begin(row);
+        const received_message request = daemon.read(side::sync);
+        ASSERT_EQ(request.items.size(), 1U);
+        EXPECT_EQ(request.raw, message_bytes({item_bytes(row.request, row.payload)}));
+        EXPECT_EQ(scc::pending_calls(), 0U);
+        daemon.send_item(side::sync, row.reply, row.good);
+        const outcome out = running.get();
+        EXPECT_EQ(out.code, 0U);
+        EXPECT_EQ(out.memory, row.answer);
+        // What follows the fields in a longer reply is not looked at.
+        const outcome longer = exchange_item(row, row.reply, wire().add(row.good).fill(300, 0xEE));
+        EXPECT_EQ(longer.code, 0U);
+        EXPECT_EQ(longer.memory, row.answer);
+    }
+
+    void check_wrong_types() {
+        const query_row& row = GetParam();
+        const debugging on;
+        start(0);
+        for (const std::uint16_t type :
+             {std::uint16_t{0}, std::uint16_t{1}, std::uint16_t{136}, std::uint16_t{401}, std::uint16_t{402},
+              std::uint16_t{409}, std::uint16_t{65535}}) {
+            if (type == row.reply) {
+                continue;
+            }
+            clear_log();
+            const outcome out = exchange_item(row, type, row.good);
+            EXPECT_EQ(out.code, 2007U) << type;
+            EXPECT_EQ(out.memory, row.memory_after_error) << type;
+            EXPECT_TRUE(logged("msg type is not " + row.reply_name + ".")) << type;
+        }
+        expect_a_good_query(row);
+    }
+
+    void check_short_replies() {
+        const query_row& row = GetParam();
+        start(0);
+        for (const bytes& whole : {row.good, row.failed}) {
+            for (std::size_t length = 0; length < whole.size(); ++length) {
+                const outcome out = exchange_item(row, row.reply, slice(whole, 0, length));
+                EXPECT_EQ(out.code, 2007U) << length;
+                EXPECT_EQ(out.memory, row.memory_after_error) << length;
+            }
+        }
+        expect_a_good_query(row);
+    }
+
+    void check_failure() {
+        const query_row& row = GetParam();
+        start(0);
+        if (!row.failed.empty()) {
+            const outcome out = exchange_item(row, row.reply, row.failed);
+            EXPECT_EQ(out.code, 2005U);
+            EXPECT_EQ(out.memory, row.memory_after_failure);
+        }
+        expect_a_good_query(row);
+    }
+
+    void check_malformed_messages() {
+        const query_row& row = GetParam();
+        const debugging on;
+        start(0);
+        const outcome empty = exchange(row, wire().u32(8).u8(1).u16(0).u8(0));
+        EXPECT_EQ(empty.code, 2007U);
+        EXPECT_EQ(empty.memory, row.memory_after_error);
+        EXPECT_TRUE(logged("msg format error,no tlv."));
+        // One item is announced, and there is no room for it.
+        EXPECT_EQ(exchange(row, wire().u32(8).u8(1).u16(1).u8(0)).code, 2007U);
+        // The item says that it is longer than what the message holds.
+        bytes past_the_end = item_bytes(row.reply, row.good);
+        const auto announced = static_cast<std::uint32_t>(row.good.size() + 1);
+        std::memcpy(past_the_end.data(), &announced, 4);
+        const outcome past = exchange(row, message_bytes({past_the_end}));
+        EXPECT_EQ(past.code, 2007U);
+        EXPECT_EQ(past.memory, row.memory_after_error);
+        expect_a_good_query(row);
+    }
+
+    void check_lost_connection() {
+        const query_row& row = GetParam();
+        start(0);
+        std::future<outcome> running = begin(row);
+        daemon.read_item(side::sync);
+        daemon.close_both();
+        const outcome out = running.get();
+        EXPECT_NE(out.code, 0U);
+        EXPECT_EQ(out.memory, row.memory_after_error);
+        EXPECT_EQ(statuses().wait(), 0U);
+        daemon.accept_registration();
+        EXPECT_EQ(statuses().wait(), 1U);
+        expect_a_good_query(row);
+    }
+
+    static void check_not_registered() {
+        const query_row& row = GetParam();
+        const debugging on;
+        bytes memory = row.memory;
+        EXPECT_EQ(row.call(memory), 2004U);
+        EXPECT_EQ(memory, row.memory_after_error);
+        EXPECT_TRUE(logged("scclib no registered or scc svr no available."));
+        EXPECT_EQ(g_scc_client_cb.last_call_id.load(), 0U);
+    }
+};
+
+}  // namespace test
+
+// The seven tests of a table of rows.
+#define EVERY_QUERY_OF(suite, rows)                                     \
+    class suite : public test::every_query {};                          \
+    TEST_P(suite, SendsItsBytesAndHandsOutTheAnswer) {                  \
+        check_request_and_answer();                                     \
+    }                                                                   \
+    TEST_P(suite, RefusesAReplyOfAnotherTypeByName) {                   \
+        check_wrong_types();                                            \
+    }                                                                   \
+    TEST_P(suite, RefusesEveryReplyThatIsTooShort) {                    \
+        check_short_replies();                                          \
+    }                                                                   \
+    TEST_P(suite, ReturnsTheResultOfItsReply) {                         \
+        check_failure();                                                \
+    }                                                                   \
+    TEST_P(suite, RefusesMalformedMessages) {                           \
+        check_malformed_messages();                                     \
+    }                                                                   \
+    TEST_P(suite, ReturnsAnErrorWhenTheConnectionIsLostAndWorksAgain) { \
+        check_lost_connection();                                        \
+    }                                                                   \
+    TEST_P(suite, IsUnavailableWhenNotRegistered) {                     \
+        check_not_registered();                                         \
+    }                                                                   \
+    INSTANTIATE_TEST_SUITE_P(Of, suite, ::testing::ValuesIn(rows), test::query_name)

@@ -1,0 +1,202 @@
+// The synchronous socket: one query at a time owns it, and what goes wrong on it ends with that query.
+#include <atomic>
+
+#include "api/query_rows.h"
+
+using test::bytes;
+using test::item_bytes;
+using test::message_bytes;
+using test::query_row;
+using test::side;
+using test::wire;
+
+namespace {
+
+class SyncExchange : public test::querying_client {
+  protected:
+    // Counts the users of one key; the answer comes back as the memory.
+    static query_row count_users(std::uint32_t key) {
+        query_row row;
+        row.name = "count";
+        row.memory = wire().u32(0xA5A5A5A5);
+        row.call = [key](bytes& memory) {
+            std::uint32_t count = 0xA5A5A5A5;
+            const std::uint32_t code = scc_arp_check_user_count_get(key, &count);
+            memory = wire().u32(count);
+            return code;
+        };
+        row.request = 304;
+        row.reply = 411;
+        row.good = count_of(key * 3);
+        row.answer = wire().u32(key * 3);
+        return row;
+    }
+
+    static bytes count_of(std::uint32_t count) { return wire().u32(0).u32(0).u32(count); }
+};
+
+TEST_F(SyncExchange, ReadsTheFirstItemOfItsReplyAndNoOther) {
+    start(0);
+    const query_row row = count_users(1);
+    const outcome first =
+        exchange(row, message_bytes({item_bytes(411, count_of(10)), item_bytes(411, count_of(20)),
+                                     item_bytes(1, bytes(500, 7))}));
+    EXPECT_EQ(first.code, 0U);
+    EXPECT_EQ(first.memory, bytes(wire().u32(10)));
+    const outcome second =
+        exchange(row, message_bytes({item_bytes(410, count_of(10)), item_bytes(411, count_of(20))}));
+    EXPECT_EQ(second.code, 2007U);
+    // The fields of a short first item do not lie in the second.
+    const outcome third = exchange(row, message_bytes({item_bytes(411, {}), item_bytes(411, count_of(20))}));
+    EXPECT_EQ(third.code, 2007U);
+    EXPECT_EQ(third.memory, bytes(wire().u32(0xA5A5A5A5)));
+    expect_a_good_query(row);
+}
+
+TEST_F(SyncExchange, DoesNotLookAtTheSecondKeyOfAReply) {
+    start(0);
+    const outcome out = exchange(count_users(1), message_bytes({item_bytes(411, count_of(5), 0xFFFF)}));
+    EXPECT_EQ(out.code, 0U);
+    EXPECT_EQ(out.memory, bytes(wire().u32(5)));
+}
+
+TEST_F(SyncExchange, WaitsForAReplyThatComesInPieces) {
+    start(0);
+    const query_row row = count_users(4);
+    auto running = begin(row);
+    EXPECT_EQ(daemon.read_item(side::sync).type, 304);
+    for (const std::uint8_t byte : message_bytes({item_bytes(411, row.good)})) {
+        daemon.send(side::sync, bytes{byte});
+    }
+    const outcome out = running.get();
+    EXPECT_EQ(out.code, 0U);
+    EXPECT_EQ(out.memory, row.answer);
+}
+
+TEST_F(SyncExchange, ReadsAReplyOfManyThousandBytes) {
+    start(0);
+    const query_row row = count_users(4);
+    const outcome out = exchange_item(row, 411, wire().add(row.good).fill(300000, 0xEE));
+    EXPECT_EQ(out.code, 0U);
+    EXPECT_EQ(out.memory, row.answer);
+}
+
+TEST_F(SyncExchange, RefusesAnItemCountThatLeadsPastTheMessage) {
+    const test::debugging on;
+    start(0);
+    const query_row row = count_users(1);
+    bytes two_announced = message_bytes({item_bytes(411, row.good)});
+    two_announced[5] = 2;
+    const outcome out = exchange(row, two_announced);
+    EXPECT_EQ(out.code, 2007U);
+    EXPECT_EQ(out.memory, row.memory);
+    expect_a_good_query(row);
+}
+
+// Closing the connection after so many bytes of the reply.
+TEST_F(SyncExchange, ReturnsAnErrorWhereverItsReplyBreaksOff) {
+    start(0);
+    const query_row row = count_users(2);
+    const bytes reply = message_bytes({item_bytes(411, row.good)});
+    for (const std::size_t length :
+         {std::size_t{0}, std::size_t{1}, std::size_t{7}, std::size_t{8}, std::size_t{15}, std::size_t{27}}) {
+        ASSERT_LT(length, reply.size());
+        auto running = begin(row);
+        EXPECT_EQ(daemon.read_item(side::sync).type, 304);
+        daemon.send(side::sync, test::slice(reply, 0, length));
+        daemon.close_both();
+        const outcome out = running.get();
+        EXPECT_NE(out.code, 0U) << length;
+        EXPECT_EQ(out.memory, row.memory) << length;
+        EXPECT_EQ(test::statuses().wait(), 0U);
+        daemon.accept_registration();
+        EXPECT_EQ(test::statuses().wait(), 1U);
+        expect_a_good_query(row);
+    }
+}
+
+TEST_F(SyncExchange, ReportsTheEndOfItsSocketEvenWhenTheOtherStaysOpen) {
+    start(0);
+    const query_row row = count_users(2);
+    auto running = begin(row);
+    EXPECT_EQ(daemon.read_item(side::sync).type, 304);
+    daemon.close_side(side::sync);
+    EXPECT_EQ(running.get().code, 32U);
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    expect_a_good_query(row);
+}
+
+TEST_F(SyncExchange, ReleasesAQueryWhenTheOtherSocketIsLost) {
+    start(0);
+    const query_row row = count_users(2);
+    auto running = begin(row);
+    EXPECT_EQ(daemon.read_item(side::sync).type, 304);
+    daemon.close_side(side::async);
+    EXPECT_NE(running.get().code, 0U);
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    expect_a_good_query(row);
+}
+
+TEST_F(SyncExchange, GivesEachOfTwoThreadsItsOwnReply) {
+    start(0);
+    auto first = begin(count_users(10));
+    auto second = begin(count_users(20));
+    for (int i = 0; i < 2; ++i) {
+        const test::received_item request = daemon.read_item(side::sync);
+        // The second query waits until the first has its reply.
+        EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
+        daemon.send_item(side::sync, 411, count_of(test::u32_at(request.value, 4) * 3));
+    }
+    EXPECT_EQ(first.get().memory, bytes(wire().u32(30)));
+    EXPECT_EQ(second.get().memory, bytes(wire().u32(60)));
+}
+
+TEST_F(SyncExchange, GivesManyThreadsTheirOwnReplies) {
+    constexpr std::uint32_t threads = 4;
+    constexpr std::uint32_t queries = 100;
+    start(0);
+    std::atomic<std::uint32_t> wrong = 0;
+    std::vector<std::thread> asking;
+    for (std::uint32_t thread = 0; thread < threads; ++thread) {
+        asking.emplace_back([thread, &wrong] {
+            for (std::uint32_t i = 0; i < queries; ++i) {
+                const std::uint32_t key = thread * 1000 + i;
+                std::uint32_t count = 0;
+                if (scc_arp_check_user_count_get(key, &count) != 0 || count != key + 7) {
+                    ++wrong;
+                }
+            }
+        });
+    }
+    for (std::uint32_t i = 0; i < threads * queries; ++i) {
+        const test::received_item request = daemon.read_item(side::sync);
+        daemon.send_item(side::sync, 411, count_of(test::u32_at(request.value, 4) + 7));
+    }
+    for (std::thread& thread : asking) {
+        thread.join();
+    }
+    EXPECT_EQ(wrong.load(), 0U);
+}
+
+TEST_F(SyncExchange, MayBeMadeFromAHandler) {
+    static auto* answers = new test::event_queue<std::uint32_t>;
+    info.handlers.addr_learning = [](std::uint32_t, std::uint32_t, std::uint32_t key, std::uint8_t) {
+        std::uint32_t count = 0;
+        EXPECT_EQ(scc_arp_check_user_count_get(key, &count), 0U);
+        answers->push(count);
+    };
+    start(0);
+    std::uint32_t id = 0;
+    ASSERT_EQ(scc_addr_learning(33, 1, &id), 0U);
+    daemon.read_item(side::async);
+    daemon.send_result(id, 0);
+    EXPECT_EQ(daemon.read_item(side::sync).value, bytes(wire().u32(0).u32(33).u32(0)));
+    daemon.send_item(side::sync, 411, count_of(99));
+    EXPECT_EQ(answers->wait(), 99U);
+}
+
+}  // namespace
