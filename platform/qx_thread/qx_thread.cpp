@@ -27,6 +27,7 @@ struct qx_thread {
 
 struct qx_thread_master {
     event_base* base;
+    event* wake;  // activated by a stop: a loop that is only about to wait must not
     std::atomic<bool> stopping;
     qx_thread tasks;  // head of the list; g_tasks_mutex
     qx_thread_master* next_master;
@@ -64,6 +65,35 @@ void unlink_task(qx_thread* task)
 {
     task->next->prev = task->prev;
     task->prev->next = task->next;
+}
+
+void on_wake(evutil_socket_t /*fd*/, short /*what*/, void* argument)
+{
+    const auto* master = static_cast<qx_thread_master*>(argument);
+    if (master->stopping.load()) {
+        event_base_loopbreak(master->base);
+    }
+}
+
+bool make_base(qx_thread_master* master)
+{
+    master->base = event_base_new();
+    if (master->base == nullptr || event_base_priority_init(master->base, priorities) != 0) {
+        return false;
+    }
+    master->wake = event_new(master->base, -1, 0, on_wake, master);
+    return master->wake != nullptr && event_priority_set(master->wake, high_priority) == 0;
+}
+
+void free_base(qx_thread_master* master)
+{
+    if (master->wake != nullptr) {
+        event_free(master->wake);
+    }
+    if (master->base != nullptr) {
+        event_base_free(master->base);
+    }
+    std::free(master);
 }
 
 void free_task(event* /*trigger*/, void* task)
@@ -158,12 +188,8 @@ struct qx_thread_master* qx_thread_master_create(void)
         std::free(master);
         return nullptr;
     }
-    master->base = event_base_new();
-    if (master->base == nullptr || event_base_priority_init(master->base, priorities) != 0) {
-        if (master->base != nullptr) {
-            event_base_free(master->base);
-        }
-        std::free(master);
+    if (!make_base(master)) {
+        free_base(master);
         return nullptr;
     }
     master->tasks.next = &master->tasks;
@@ -194,8 +220,7 @@ void qx_thread_master_free(struct qx_thread_master* master)
         event_free_finalize(0, task->trigger, free_task);
         task = next;
     }
-    event_base_free(master->base);
-    std::free(master);
+    free_base(master);
 }
 
 int qx_thread_master_run(struct qx_thread_master* master)
@@ -215,6 +240,7 @@ void qx_thread_master_stop(struct qx_thread_master* master)
     if (master != nullptr) {
         master->stopping.store(true);
         event_base_loopbreak(master->base);
+        event_active(master->wake, EV_TIMEOUT, 0);
     }
 }
 

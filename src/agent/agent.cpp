@@ -48,15 +48,6 @@ bool can_form_paths()
     return make_path(path, sync_socket_suffix) && make_path(path, async_socket_suffix);
 }
 
-// Tries every 2 seconds, for as long as the connection is the one that is to be read.
-void schedule_read(u32 epoch)
-{
-    while (epoch == connection_epoch() &&
-           _scc_lib_thread_event(task_read, nullptr, g_scc_client_cb.async_fd.load(relaxed)) != 0) {
-        sleep(limits::retry_seconds);
-    }
-}
-
 void call_connect_callback()
 {
     if (const auto callback = g_connect_callback.load(relaxed); callback != nullptr) {
@@ -67,16 +58,11 @@ void call_connect_callback()
 // Ends the named connection and starts over; whoever comes second finds it gone and does nothing.
 void recover(u32 epoch)
 {
-    if (epoch != connection_epoch()) {
-        return;
+    u32 gap = any_epoch;
+    if (end_connection(epoch, gap)) {
+        SCC_LOG("scc client start to try re-reg.");
+        schedule_reconnect(gap);
     }
-    cancel_all_tasks();
-    if (!close_descriptors_of(epoch)) {
-        return;
-    }
-    SCC_LOG("scc client start to try re-reg.");
-    _scc_client_state_set(state_idle);
-    schedule(task_reconnect, nullptr, -1);
 }
 
 // What the read and the write task do with an error.
@@ -105,7 +91,8 @@ u32 start_agent(const scc_reg_info& info, scc_reg_info* copy, void* master)
         undo_start(_scc_lib_handler_clear);
         return error;
     }
-    schedule(task_connect, copy, -1);
+    cancel_all_tasks();  // an earlier start may wait for its reconnect timer
+    schedule_connect(copy);
     return result::ok;
 }
 
@@ -170,12 +157,13 @@ int _scc_lib_agent_connect(struct qx_thread* task)
         return 1;
     }
     const u32 generation = current_generation();
+    const u32 epoch = connection_epoch();  // before another thread may send, and lose it again
     const registration_identity identity{record->app_id, record->option};
     const u32 error = connect_and_register(identity, generation);
     if (error == result::ok) {
         _scc_client_state_set(state_registered);
         SCC_LOG("(app id:%d, pid:%d)register to sccd success!", app_id_now(), pid_now());
-        schedule_read(connection_epoch());
+        schedule_read(epoch);
         notify_status(1, generation);
         call_connect_callback();
     } else {
@@ -195,12 +183,12 @@ int _scc_lib_agent_reconnect(struct qx_thread* /*task*/)
     if (client_state_now() != state_failed) {
         notify_status(0, generation);
     }
+    const u32 epoch = connection_epoch();  // before another thread may send, and lose it again
     const u32 error = connect_and_register(identity_of_control_block(), generation);
     if (error == result::ok) {
         _scc_client_state_set(state_registered);
         SCC_LOG("register to sccd success!");
         _scc_lib_func_stat_reset();
-        const u32 epoch = connection_epoch();
         notify_status(1, generation);
         schedule_read(epoch);
         call_connect_callback();
@@ -212,7 +200,7 @@ int _scc_lib_agent_reconnect(struct qx_thread* /*task*/)
     cancel_all_tasks();
     (void)_scc_lib_client_close();
     _scc_client_state_set(state_failed);
-    schedule(task_reconnect, nullptr, -1);
+    schedule_reconnect(connection_epoch());
     return static_cast<int>(error);
 }
 

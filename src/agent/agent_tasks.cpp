@@ -5,6 +5,8 @@
 #include <array>
 #include <cstdlib>
 
+#include "client/control_block.h"
+#include "client/descriptors.h"
 #include "client/locks.h"
 #include "client/log.h"
 
@@ -42,6 +44,55 @@ constexpr std::array<task_row, task_kinds> task_table = {{
      "Failed to add qx_thread for scc_lib_write"},
 }};
 
+// Under g_tasks_lock.
+void cancel_pending()
+{
+    for (qx_thread*& task : g_pending) {
+        if (task != nullptr) {
+            qx_thread_cancel(task);
+            task = nullptr;
+        }
+    }
+    std::free(g_pending_record);
+    g_pending_record = nullptr;
+}
+
+// Under g_tasks_lock.
+bool add_task(u32 kind, void* arg, int fd)
+{
+    const task_row& row = task_table[kind];
+    qx_thread* task = row.add(arg, fd);
+    if (task == nullptr) {
+        SCC_LOG("%s", row.failure);
+        return false;
+    }
+    g_pending[kind] = task;
+    if (kind == task_connect) {
+        g_pending_record = arg;
+    }
+    return true;
+}
+
+// Under g_tasks_lock. An unregistration clears the app id before it cancels, and closes behind that.
+bool is_wanted(u32 epoch)
+{
+    return epoch == connection_epoch() && g_scc_client_cb.app_id.load(relaxed) != 0;
+}
+
+// False when it has to be tried again.
+bool try_schedule(task_kind kind, u32 epoch)
+{
+    const mutex_guard guard(g_tasks_lock);
+    return !is_wanted(epoch) || add_task(kind, nullptr, g_scc_client_cb.async_fd.load(relaxed));
+}
+
+void schedule_for(task_kind kind, u32 epoch)
+{
+    while (!try_schedule(kind, epoch)) {
+        sleep(limits::retry_seconds);
+    }
+}
+
 }  // namespace
 
 void set_master(void* master)
@@ -68,21 +119,39 @@ bool is_pending(task_kind kind)
 void cancel_all_tasks()
 {
     const mutex_guard guard(g_tasks_lock);
-    for (qx_thread*& task : g_pending) {
-        if (task != nullptr) {
-            qx_thread_cancel(task);
-            task = nullptr;
-        }
-    }
-    std::free(g_pending_record);
-    g_pending_record = nullptr;
+    cancel_pending();
 }
 
-void schedule(task_kind kind, void* arg, int fd)
+bool end_connection(u32 epoch, u32& after)
 {
-    while (_scc_lib_thread_event(kind, arg, fd) != 0) {
+    const mutex_guard guard(g_tasks_lock);
+    if (!is_wanted(epoch)) {
+        return false;
+    }
+    cancel_pending();
+    if (!close_descriptors_of(epoch)) {
+        return false;
+    }
+    _scc_client_state_set(state_idle);
+    after = connection_epoch();
+    return true;
+}
+
+void schedule_connect(void* record)
+{
+    while (_scc_lib_thread_event(task_connect, record, -1) != 0) {
         sleep(limits::retry_seconds);
     }
+}
+
+void schedule_reconnect(u32 epoch)
+{
+    schedule_for(task_reconnect, epoch);
+}
+
+void schedule_read(u32 epoch)
+{
+    schedule_for(task_read, epoch);
 }
 
 }  // namespace scc
@@ -99,15 +168,5 @@ extern "C" i32 _scc_lib_thread_event(u32 kind, void* arg, int fd)
         SCC_LOG("unknown lib thread event(%d).", kind);
         return 0;
     }
-    const task_row& row = task_table[kind];
-    qx_thread* task = row.add(arg, fd);
-    if (task == nullptr) {
-        SCC_LOG("%s", row.failure);
-        return -1;
-    }
-    g_pending[kind] = task;
-    if (kind == task_connect) {
-        g_pending_record = arg;
-    }
-    return 0;
+    return add_task(kind, arg, fd) ? 0 : -1;
 }

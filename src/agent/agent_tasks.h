@@ -1,7 +1,10 @@
 // The agent's four tasks on the application's event loop: scheduling, forgetting and cancelling them.
 //
 // One lock guards the handles, and is held from before a task is added until its handle is stored: a task
-// that runs at once on the loop's thread, while another thread adds it, finds its handle there.
+// that runs at once on the loop's thread, while another thread adds it, finds its handle there. The loop's
+// thread, the checker and requests of other threads may all end a connection: the one that comes first does
+// it under that lock, whole, so that nobody cancels the reconnection of somebody else or adds a read task
+// on a descriptor that was closed meanwhile. The lock of the descriptors is taken inside it.
 #pragma once
 
 #include <qx_thread.h>
@@ -27,8 +30,16 @@ void forget_task(task_kind kind);
 [[nodiscard]] bool is_pending(task_kind kind);
 // Cancels what is pending; a connect task that never ran gives its record back.
 void cancel_all_tasks();
-// Schedules, again every 2 seconds until it has succeeded. The loop is blocked for that time.
-void schedule(task_kind kind, void* arg, int fd);
+// Cancels what is pending, closes the named connection and sets the state back, once. False when it has
+// gone already or the application unregisters; otherwise after is the epoch that the closing began.
+[[nodiscard]] bool end_connection(u32 epoch, u32& after);
+
+// These schedule again every 2 seconds until it has succeeded. The loop is blocked for that time.
+void schedule_connect(void* record);
+// The reconnect timer, or reading the asynchronous socket: unless the connection (for the timer: the gap
+// behind it) is not the named one any more, or the application unregisters.
+void schedule_reconnect(u32 epoch);
+void schedule_read(u32 epoch);
 
 }  // namespace scc
 

@@ -205,6 +205,10 @@ u32 unregister_client(void (*before_close)())
     if (error != result::ok) {
         SCC_LOG("(app id:%d, pid:%d)unregistered error!", app_id, pid_now());
         g_scc_client_cb.app_id.store(app_id, relaxed);
+        // A send that timed out on the way has set the state back; the connection is still there.
+        if (client_state_now() == state_idle && _scc_lib_client_is_connected()) {
+            _scc_client_state_set(state_registered);
+        }
         unregistration_is_over();
         return error;
     }

@@ -71,11 +71,6 @@ uint32_t scc_svr_unreg(void)
                 static_cast<int>(g_scc_client_cb.pid.load(relaxed)));
         return result::ok;
     }
-    const u32 error = unregister_client();
-    // A send that timed out on the way has set the state back; the connection is still there.
-    if (error != result::ok && client_state_now() == state_idle && _scc_lib_client_is_connected()) {
-        _scc_client_state_set(state_registered);
-    }
-    return error;
+    return unregister_client();
 }
 }

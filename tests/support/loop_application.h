@@ -1,0 +1,119 @@
+// A scripted daemon and an application with an event loop: the loop runs on a thread of its own, the test's
+// thread is the daemon. What has to happen on the loop's thread goes through on_loop.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <qx_thread.h>
+
+#include <atomic>
+#include <functional>
+#include <future>
+#include <thread>
+
+#include "agent/agent_tasks.h"
+#include "client/control_block.h"
+#include "scclib.h"
+#include "support/events.h"
+#include "support/log_capture.h"
+#include "support/loop_faults.h"
+#include "support/scripted_daemon.h"
+
+namespace test {
+
+inline event_queue<std::uint32_t>& statuses() {
+    static auto* queue = new event_queue<std::uint32_t>;
+    return *queue;
+}
+
+inline void on_status(std::uint32_t status) {
+    statuses().push(status);
+}
+
+// The master is kept: the library's checker thread lives as long as the process and may still use it.
+class loop_application : public ::testing::Test {
+  protected:
+    loop_application() : master(qx_thread_master_create()) {
+        info.app_id = 7;
+        info.option = 1;
+        info.handlers.server_status = on_status;
+        set_timer_seconds(0);
+        loop_ = std::thread([this] { qx_thread_master_run(master); });
+    }
+    ~loop_application() override {
+        qx_thread_master_stop(master);
+        loop_.join();
+    }
+
+    using work = std::packaged_task<std::uint32_t()>;
+
+    static int run_work(qx_thread* task) {
+        (*static_cast<work*>(qx_thread_arg(task)))();
+        return 0;
+    }
+
+    // Runs the function on the loop's thread and waits for its result.
+    std::uint32_t on_loop(const std::function<std::uint32_t()>& function) {
+        work packaged(function);
+        auto result = packaged.get_future();
+        if (qx_thread_add_event_withname(master, run_work, &packaged, 0, "test") == nullptr) {
+            ADD_FAILURE() << "the loop takes no task";
+            return ~0U;
+        }
+        return result.get();
+    }
+
+    void in_loop(const std::function<void()>& function) {
+        on_loop([&function] {
+            function();
+            return 0U;
+        });
+    }
+
+    std::uint32_t init() {
+        return on_loop([this] { return scc_agent_init(&info, master); });
+    }
+
+    void start() {
+        ASSERT_EQ(init(), 0U);
+        daemon.accept_registration();
+        ASSERT_EQ(statuses().wait(), 1U);
+        settle();
+    }
+
+    // Returns once the task that is running now, and what it schedules, is done.
+    void settle() {
+        in_loop([] {});
+    }
+
+    std::uint32_t finish(std::uint32_t daemon_result = 0) {
+        auto result = std::async(std::launch::async, [this] { return on_loop(scc_agent_finish); });
+        daemon.answer_unregistration(daemon_result);
+        return result.get();
+    }
+
+    // The connection was lost: it comes back with one status 0 and one status 1.
+    void expect_reconnection() {
+        daemon.accept_registration();
+        EXPECT_EQ(statuses().wait(), 0U);
+        EXPECT_EQ(statuses().wait(), 1U);
+        settle();
+        EXPECT_EQ(statuses().size(), 0U);
+    }
+
+    // A request and its result travel, on the current connection.
+    void expect_working_requests() {
+        ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
+        EXPECT_EQ(daemon.read_item(side::async).type, 123);
+    }
+
+    static std::uint32_t state() { return g_scc_client_cb.state.load(); }
+
+    scc_reg_info info{};
+    scripted_daemon daemon;
+    qx_thread_master* master;
+
+  private:
+    std::thread loop_;
+};
+
+}  // namespace test
