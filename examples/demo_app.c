@@ -25,21 +25,18 @@ static struct {
     uint32_t last_result;
 } g_seen = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, -1, 0, 0, 0, 0};
 
-static double now_ms(void)
-{
+static double now_ms(void) {
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return (double)now.tv_sec * 1e3 + (double)now.tv_nsec / 1e6;
 }
 
-static void say(const char *text)
-{
+static void say(const char* text) {
     puts(text);
     fflush(stdout);
 }
 
-static void on_status(uint32_t status)
-{
+static void on_status(uint32_t status) {
     pthread_mutex_lock(&g_seen.lock);
     g_seen.status = (int)status;
     g_seen.losses += status == 0;
@@ -49,8 +46,7 @@ static void on_status(uint32_t status)
     fflush(stdout);
 }
 
-static void seen_result(uint32_t result)
-{
+static void seen_result(uint32_t result) {
     pthread_mutex_lock(&g_seen.lock);
     ++g_seen.results;
     g_seen.last_result = result;
@@ -58,8 +54,7 @@ static void seen_result(uint32_t result)
     pthread_mutex_unlock(&g_seen.lock);
 }
 
-static void seen_notification(const char *text)
-{
+static void seen_notification(const char* text) {
     printf("  <- %s\n", text);
     fflush(stdout);
     pthread_mutex_lock(&g_seen.lock);
@@ -68,51 +63,44 @@ static void seen_notification(const char *text)
     pthread_mutex_unlock(&g_seen.lock);
 }
 
-static void on_key(uint32_t result, uint32_t call_id, const struct scc_acl_key *key)
-{
+static void on_key(uint32_t result, uint32_t call_id, const struct scc_acl_key* key) {
     (void)call_id;
     (void)key;
     seen_result(result);
 }
 
-static void on_ace(uint32_t result, uint32_t call_id, const struct scc_acl_key *key,
-                   const struct scc_ace_record *ace)
-{
+static void on_ace(uint32_t result, uint32_t call_id, const struct scc_acl_key* key,
+                   const struct scc_ace_record* ace) {
     (void)call_id;
     (void)key;
     (void)ace;
     seen_result(result);
 }
 
-static void on_record(uint32_t result, uint32_t call_id, const struct scc_config_record *record)
-{
+static void on_record(uint32_t result, uint32_t call_id, const struct scc_config_record* record) {
     (void)call_id;
     (void)record;
     seen_result(result);
 }
 
-static void on_addr_learning(uint32_t result, uint32_t call_id, uint32_t ifx, uint8_t enable)
-{
+static void on_addr_learning(uint32_t result, uint32_t call_id, uint32_t ifx, uint8_t enable) {
     (void)call_id;
     (void)ifx;
     (void)enable;
     seen_result(result);
 }
 
-static void on_station_move(uint8_t permit)
-{
+static void on_station_move(uint8_t permit) {
     seen_notification(permit ? "station move permitted" : "station move denied");
 }
 
-static void on_authmode(uint32_t mode)
-{
+static void on_authmode(uint32_t mode) {
     char text[64];
     snprintf(text, sizeof text, "authentication mode %u", mode);
     seen_notification(text);
 }
 
-static struct timespec deadline(void)
-{
+static struct timespec deadline(void) {
     struct timespec at;
     clock_gettime(CLOCK_REALTIME, &at);
     at.tv_sec += patience_s;
@@ -120,8 +108,7 @@ static struct timespec deadline(void)
 }
 
 /* Waits until a counter has come that far. */
-static void wait_for_count(const uint64_t *counter, uint64_t wanted, const char *what)
-{
+static void wait_for_count(const uint64_t* counter, uint64_t wanted, const char* what) {
     struct timespec until = deadline();
     pthread_mutex_lock(&g_seen.lock);
     while (*counter < wanted) {
@@ -133,8 +120,7 @@ static void wait_for_count(const uint64_t *counter, uint64_t wanted, const char 
     pthread_mutex_unlock(&g_seen.lock);
 }
 
-static void wait_for_status(int status, unsigned losses)
-{
+static void wait_for_status(int status, unsigned losses) {
     struct timespec until = deadline();
     pthread_mutex_lock(&g_seen.lock);
     while (g_seen.status != status || g_seen.losses < losses) {
@@ -146,16 +132,14 @@ static void wait_for_status(int status, unsigned losses)
     pthread_mutex_unlock(&g_seen.lock);
 }
 
-static void require(uint32_t result, const char *what)
-{
+static void require(uint32_t result, const char* what) {
     if (result != 0) {
         fprintf(stderr, "demo: %s: %s\n", what, scc_strerror((int32_t)result));
         exit(1);
     }
 }
 
-static uint64_t results_so_far(void)
-{
+static uint64_t results_so_far(void) {
     pthread_mutex_lock(&g_seen.lock);
     uint64_t count = g_seen.results;
     pthread_mutex_unlock(&g_seen.lock);
@@ -163,16 +147,14 @@ static uint64_t results_so_far(void)
 }
 
 /* Waits for the results of a step and tells how it went. */
-static void finish_step(const char *what, uint64_t before, uint64_t asked, double began)
-{
+static void finish_step(const char* what, uint64_t before, uint64_t asked, double began) {
     wait_for_count(&g_seen.results, before + asked, what);
     printf("%-48s %5" PRIu64 " asked, %5" PRIu64 " answered, last result %u, %.1f ms\n", what, asked,
            results_so_far() - before, g_seen.last_result, now_ms() - began);
     fflush(stdout);
 }
 
-static void make_acls(void)
-{
+static void make_acls(void) {
     uint64_t before = results_so_far();
     double began = now_ms();
     for (uint32_t i = 0; i < acls; ++i) {
@@ -190,16 +172,15 @@ static void make_acls(void)
 }
 
 /* The cache takes a change behind its result's handler, so the last one may be a moment later. */
-static void read_back(void)
-{
+static void read_back(void) {
     struct scc_acl_key key = {0, 3, 101, 0};
     struct scc_list_head list;
     unsigned count = 0;
     while (count < aces) {
         require(scc_acl_get_ace(&key, &list), "read an ACL back");
         count = 0;
-        for (struct scc_list_head *at = list.next; at != &list;) {
-            struct scc_ace_record *ace = (struct scc_ace_record *)at;
+        for (struct scc_list_head* at = list.next; at != &list;) {
+            struct scc_ace_record* ace = (struct scc_ace_record*)at;
             at = at->next;
             ++count;
             free(ace);
@@ -209,8 +190,7 @@ static void read_back(void)
     fflush(stdout);
 }
 
-static void configure(void)
-{
+static void configure(void) {
     uint64_t before = results_so_far();
     double began = now_ms();
     struct scc_config_record record;
@@ -222,8 +202,7 @@ static void configure(void)
 }
 
 /* Sends until the daemon has gone. */
-static void burst(void)
-{
+static void burst(void) {
     uint64_t before = results_so_far();
     uint64_t sent = 0;
     struct scc_config_record record;
@@ -242,8 +221,7 @@ static void burst(void)
     fflush(stdout);
 }
 
-int main(void)
-{
+int main(void) {
     struct scc_reg_info info;
     memset(&info, 0, sizeof info);
     info.app_id = app_id;

@@ -6,26 +6,24 @@
 static sem_t g_registered;
 static sem_t g_answered;
 
-static void on_status(uint32_t status)
-{
+static void on_status(uint32_t status) {
     printf("daemon: %s\n", status == 1 ? "registered" : "lost");
     if (status == 1) {
         sem_post(&g_registered);
     }
 }
 
-static void on_addr_learning(uint32_t result, uint32_t call_id, uint32_t ifx, uint8_t enable)
-{
+static void on_addr_learning(uint32_t result, uint32_t call_id, uint32_t ifx, uint8_t enable) {
     printf("call %u: address learning of interface %u %s: %s\n", call_id, ifx, enable ? "on" : "off",
            scc_strerror((int32_t)result));
     sem_post(&g_answered);
 }
 
-int main(void)
-{
+int main(void) {
     sem_init(&g_registered, 0, 0);
     sem_init(&g_answered, 0, 0);
-    struct scc_reg_info info = {.app_id = 5, .handlers = {.server_status = on_status, .addr_learning = on_addr_learning}};
+    struct scc_reg_info info = {.app_id = 5,
+                                .handlers = {.server_status = on_status, .addr_learning = on_addr_learning}};
     uint32_t result = scc_svr_reg(&info);
     if (result != 0) {
         fprintf(stderr, "cannot start: %s\n", scc_strerror((int32_t)result));

@@ -10,7 +10,7 @@ extern "C" {
 /* Write one line. level is a syslog level (0 to 7, others are cut to them); module and submodule name the
  * writer and may be null; flag is the switch's own and ignored here. Any thread. Returns the number of
  * bytes of the line's text, or -1 when the format is null or fails. */
-int printk_syslog_ext(int level, const char *module, const char *submodule, int flag, const char *format, ...)
+int printk_syslog_ext(int level, const char* module, const char* submodule, int flag, const char* format, ...)
     __attribute__((format(printf, 5, 6)));
 
 #ifdef __cplusplus

@@ -53,30 +53,26 @@ class tasks_guard {
     tasks_guard& operator=(const tasks_guard&) = delete;
 };
 
-void link_task(qx_thread_master* master, qx_thread* task)
-{
+void link_task(qx_thread_master* master, qx_thread* task) {
     task->next = &master->tasks;
     task->prev = master->tasks.prev;
     task->prev->next = task;
     master->tasks.prev = task;
 }
 
-void unlink_task(qx_thread* task)
-{
+void unlink_task(qx_thread* task) {
     task->next->prev = task->prev;
     task->prev->next = task->next;
 }
 
-void on_wake(evutil_socket_t /*fd*/, short /*what*/, void* argument)
-{
+void on_wake(evutil_socket_t /*fd*/, short /*what*/, void* argument) {
     const auto* master = static_cast<qx_thread_master*>(argument);
     if (master->stopping.load()) {
         event_base_loopbreak(master->base);
     }
 }
 
-bool make_base(qx_thread_master* master)
-{
+bool make_base(qx_thread_master* master) {
     master->base = event_base_new();
     if (master->base == nullptr || event_base_priority_init(master->base, priorities) != 0) {
         return false;
@@ -85,8 +81,7 @@ bool make_base(qx_thread_master* master)
     return master->wake != nullptr && event_priority_set(master->wake, high_priority) == 0;
 }
 
-void free_base(qx_thread_master* master)
-{
+void free_base(qx_thread_master* master) {
     if (master->wake != nullptr) {
         event_free(master->wake);
     }
@@ -96,14 +91,12 @@ void free_base(qx_thread_master* master)
     std::free(master);
 }
 
-void free_task(event* /*trigger*/, void* task)
-{
+void free_task(event* /*trigger*/, void* task) {
     std::free(task);
 }
 
 // Runs on the loop's thread.
-void fire(evutil_socket_t /*fd*/, short /*what*/, void* argument)
-{
+void fire(evutil_socket_t /*fd*/, short /*what*/, void* argument) {
     auto* task = static_cast<qx_thread*>(argument);
     {
         const tasks_guard guard;
@@ -117,8 +110,7 @@ void fire(evutil_socket_t /*fd*/, short /*what*/, void* argument)
     event_free_finalize(0, task->trigger, free_task);
 }
 
-qx_thread* make_task(qx_thread_master* master, qx_thread_handler handler, void* arg, const char* name)
-{
+qx_thread* make_task(qx_thread_master* master, qx_thread_handler handler, void* arg, const char* name) {
     if (master == nullptr || handler == nullptr) {
         return nullptr;
     }
@@ -135,8 +127,7 @@ qx_thread* make_task(qx_thread_master* master, qx_thread_handler handler, void* 
 
 // Makes the event and starts it; the task is freed when that fails. Under the guard, so that the handler
 // cannot run before the caller has its handle in the list.
-qx_thread* start(qx_thread* task, short what, int priority, const timeval* timeout)
-{
+qx_thread* start(qx_thread* task, short what, int priority, const timeval* timeout) {
     task->trigger = event_new(task->master->base, task->fd, what, fire, task);
     if (task->trigger == nullptr) {
         std::free(task);
@@ -153,8 +144,7 @@ qx_thread* start(qx_thread* task, short what, int priority, const timeval* timeo
     return task;
 }
 
-bool find_task(const qx_thread* task)
-{
+bool find_task(const qx_thread* task) {
     for (qx_thread_master* master = g_masters; master != nullptr; master = master->next_master) {
         for (qx_thread* known = master->tasks.next; known != &master->tasks; known = known->next) {
             if (known == task) {
@@ -166,8 +156,7 @@ bool find_task(const qx_thread* task)
 }
 
 qx_thread* add_descriptor_task(qx_thread_master* master, qx_thread_handler handler, void* arg, int fd,
-                               const char* name, short what, int priority)
-{
+                               const char* name, short what, int priority) {
     qx_thread* task = fd < 0 ? nullptr : make_task(master, handler, arg, name);
     if (task == nullptr) {
         return nullptr;
@@ -180,8 +169,7 @@ qx_thread* add_descriptor_task(qx_thread_master* master, qx_thread_handler handl
 
 extern "C" {
 
-struct qx_thread_master* qx_thread_master_create(void)
-{
+struct qx_thread_master* qx_thread_master_create(void) {
     pthread_once(&g_threads_once, [] { g_threads_ready = evthread_use_pthreads() == 0; });
     auto* master = static_cast<qx_thread_master*>(std::calloc(1, sizeof(qx_thread_master)));
     if (master == nullptr || !g_threads_ready) {
@@ -200,8 +188,7 @@ struct qx_thread_master* qx_thread_master_create(void)
     return master;
 }
 
-void qx_thread_master_free(struct qx_thread_master* master)
-{
+void qx_thread_master_free(struct qx_thread_master* master) {
     if (master == nullptr) {
         return;
     }
@@ -223,8 +210,7 @@ void qx_thread_master_free(struct qx_thread_master* master)
     free_base(master);
 }
 
-int qx_thread_master_run(struct qx_thread_master* master)
-{
+int qx_thread_master_run(struct qx_thread_master* master) {
     if (master == nullptr) {
         return -1;
     }
@@ -235,8 +221,7 @@ int qx_thread_master_run(struct qx_thread_master* master)
     return outcome < 0 ? -1 : 0;
 }
 
-void qx_thread_master_stop(struct qx_thread_master* master)
-{
+void qx_thread_master_stop(struct qx_thread_master* master) {
     if (master != nullptr) {
         master->stopping.store(true);
         event_base_loopbreak(master->base);
@@ -245,8 +230,7 @@ void qx_thread_master_stop(struct qx_thread_master* master)
 }
 
 struct qx_thread* qx_thread_add_event_withname(struct qx_thread_master* master, qx_thread_handler handler,
-                                               void* arg, int value, const char* name)
-{
+                                               void* arg, int value, const char* name) {
     qx_thread* task = make_task(master, handler, arg, name);
     if (task == nullptr) {
         return nullptr;
@@ -257,8 +241,7 @@ struct qx_thread* qx_thread_add_event_withname(struct qx_thread_master* master, 
 }
 
 struct qx_thread* qx_thread_add_timer_withname(struct qx_thread_master* master, qx_thread_handler handler,
-                                               void* arg, long seconds, const char* name)
-{
+                                               void* arg, long seconds, const char* name) {
     qx_thread* task = make_task(master, handler, arg, name);
     if (task == nullptr) {
         return nullptr;
@@ -268,19 +251,16 @@ struct qx_thread* qx_thread_add_timer_withname(struct qx_thread_master* master, 
 }
 
 struct qx_thread* qx_thread_add_read_high_withname(struct qx_thread_master* master, qx_thread_handler handler,
-                                                   void* arg, int fd, const char* name)
-{
+                                                   void* arg, int fd, const char* name) {
     return add_descriptor_task(master, handler, arg, fd, name, EV_READ, high_priority);
 }
 
 struct qx_thread* qx_thread_add_write_withname(struct qx_thread_master* master, qx_thread_handler handler,
-                                               void* arg, int fd, const char* name)
-{
+                                               void* arg, int fd, const char* name) {
     return add_descriptor_task(master, handler, arg, fd, name, EV_WRITE, normal_priority);
 }
 
-void qx_thread_cancel(struct qx_thread* task)
-{
+void qx_thread_cancel(struct qx_thread* task) {
     const tasks_guard guard;
     if (task == nullptr || !find_task(task)) {
         return;
@@ -290,23 +270,19 @@ void qx_thread_cancel(struct qx_thread* task)
     event_free_finalize(0, task->trigger, free_task);
 }
 
-void* qx_thread_arg(const struct qx_thread* task)
-{
+void* qx_thread_arg(const struct qx_thread* task) {
     return task == nullptr ? nullptr : task->arg;
 }
 
-int qx_thread_fd(const struct qx_thread* task)
-{
+int qx_thread_fd(const struct qx_thread* task) {
     return task == nullptr ? -1 : task->fd;
 }
 
-int qx_thread_value(const struct qx_thread* task)
-{
+int qx_thread_value(const struct qx_thread* task) {
     return task == nullptr ? 0 : task->value;
 }
 
-const char* qx_thread_name(const struct qx_thread* task)
-{
+const char* qx_thread_name(const struct qx_thread* task) {
     return task == nullptr ? nullptr : task->name;
 }
 }

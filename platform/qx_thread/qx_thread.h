@@ -14,40 +14,40 @@ struct qx_thread_master;
 struct qx_thread;
 
 /* The return value is ignored. */
-typedef int (*qx_thread_handler)(struct qx_thread *task);
+typedef int (*qx_thread_handler)(struct qx_thread* task);
 
 /* Make a master; null when there is no memory. */
-struct qx_thread_master *qx_thread_master_create(void);
+struct qx_thread_master* qx_thread_master_create(void);
 /* Free a master that is not running, with all its tasks. Null is ignored. */
-void qx_thread_master_free(struct qx_thread_master *master);
+void qx_thread_master_free(struct qx_thread_master* master);
 /* Run tasks on the calling thread until qx_thread_master_stop; 0, or -1 for a null master or a failure. */
-int qx_thread_master_run(struct qx_thread_master *master);
+int qx_thread_master_run(struct qx_thread_master* master);
 /* Make qx_thread_master_run return after the handler that is running. Any thread. */
-void qx_thread_master_stop(struct qx_thread_master *master);
+void qx_thread_master_stop(struct qx_thread_master* master);
 
 /* Add a task; null when it could not be added. name must outlive the task and may be null. */
 
 /* Run as soon as possible; value is kept with the task. */
-struct qx_thread *qx_thread_add_event_withname(struct qx_thread_master *master, qx_thread_handler handler,
-                                               void *arg, int value, const char *name);
+struct qx_thread* qx_thread_add_event_withname(struct qx_thread_master* master, qx_thread_handler handler,
+                                               void* arg, int value, const char* name);
 /* Run after seconds. */
-struct qx_thread *qx_thread_add_timer_withname(struct qx_thread_master *master, qx_thread_handler handler,
-                                               void *arg, long seconds, const char *name);
+struct qx_thread* qx_thread_add_timer_withname(struct qx_thread_master* master, qx_thread_handler handler,
+                                               void* arg, long seconds, const char* name);
 /* Run when fd is readable, before other tasks that are ready. */
-struct qx_thread *qx_thread_add_read_high_withname(struct qx_thread_master *master, qx_thread_handler handler,
-                                                   void *arg, int fd, const char *name);
+struct qx_thread* qx_thread_add_read_high_withname(struct qx_thread_master* master, qx_thread_handler handler,
+                                                   void* arg, int fd, const char* name);
 /* Run when fd is writable. */
-struct qx_thread *qx_thread_add_write_withname(struct qx_thread_master *master, qx_thread_handler handler,
-                                               void *arg, int fd, const char *name);
+struct qx_thread* qx_thread_add_write_withname(struct qx_thread_master* master, qx_thread_handler handler,
+                                               void* arg, int fd, const char* name);
 /* Take a task back. It does not run afterwards, unless it is running on the loop's thread just now. Does
  * not wait. Any thread, and from handlers. Null is ignored. */
-void qx_thread_cancel(struct qx_thread *task);
+void qx_thread_cancel(struct qx_thread* task);
 
 /* What a handler reads of its task. */
-void *qx_thread_arg(const struct qx_thread *task);
-int qx_thread_fd(const struct qx_thread *task);
-int qx_thread_value(const struct qx_thread *task);
-const char *qx_thread_name(const struct qx_thread *task);
+void* qx_thread_arg(const struct qx_thread* task);
+int qx_thread_fd(const struct qx_thread* task);
+int qx_thread_value(const struct qx_thread* task);
+const char* qx_thread_name(const struct qx_thread* task);
 
 #ifdef __cplusplus
 }

@@ -32,32 +32,27 @@ namespace {
 
 constinit std::atomic<void (*)()> g_connect_callback{nullptr};
 
-u32 app_id_now()
-{
+u32 app_id_now() {
     return g_scc_client_cb.app_id.load(relaxed);
 }
 
-int pid_now()
-{
+int pid_now() {
     return static_cast<int>(g_scc_client_cb.pid.load(relaxed));
 }
 
-bool can_form_paths()
-{
+bool can_form_paths() {
     path_buffer path;
     return make_path(path, sync_socket_suffix) && make_path(path, async_socket_suffix);
 }
 
-void call_connect_callback()
-{
+void call_connect_callback() {
     if (const auto callback = g_connect_callback.load(relaxed); callback != nullptr) {
         callback();
     }
 }
 
 // Ends the named connection and starts over; whoever comes second finds it gone and does nothing.
-void recover(u32 epoch)
-{
+void recover(u32 epoch) {
     u32 gap = any_epoch;
     if (end_connection(epoch, gap)) {
         SCC_LOG("scc client start to try re-reg.");
@@ -66,8 +61,7 @@ void recover(u32 epoch)
 }
 
 // What the read and the write task do with an error.
-void handle_task_error(u32 error, u32 epoch)
-{
+void handle_task_error(u32 error, u32 epoch) {
     if (app_id_now() == 0) {
         _scc_client_state_set(state_idle);
     } else if (_scc_connect_should_reset(error)) {
@@ -78,8 +72,7 @@ void handle_task_error(u32 error, u32 epoch)
     }
 }
 
-u32 start_agent(const scc_reg_info& info, scc_reg_info* copy, void* master)
-{
+u32 start_agent(const scc_reg_info& info, scc_reg_info* copy, void* master) {
     (void)take_identity({info.app_id, info.option, 0});
     _scc_lib_handler_set(&info);
     _scc_lib_data_init();
@@ -101,8 +94,7 @@ u32 start_agent(const scc_reg_info& info, scc_reg_info* copy, void* master)
 
 extern "C" {
 
-uint32_t scc_agent_init(const struct scc_reg_info* info, void* master)
-{
+uint32_t scc_agent_init(const struct scc_reg_info* info, void* master) {
     if (master == nullptr) {
         SCC_LOG("input param master is null!");
         return result::invalid;
@@ -134,8 +126,7 @@ uint32_t scc_agent_init(const struct scc_reg_info* info, void* master)
     return error;
 }
 
-uint32_t scc_agent_finish(void)
-{
+uint32_t scc_agent_finish(void) {
     if (client_state_now() != state_registered) {
         SCC_LOG("(pid:%d) already unregistered or not registered!", pid_now());
         return result::ok;
@@ -143,13 +134,11 @@ uint32_t scc_agent_finish(void)
     return unregister_client(cancel_all_tasks);
 }
 
-void scc_agent_set_connect_callback(void (*callback)(void))
-{
+void scc_agent_set_connect_callback(void (*callback)(void)) {
     g_connect_callback.store(callback, relaxed);
 }
 
-int _scc_lib_agent_connect(struct qx_thread* task)
-{
+int _scc_lib_agent_connect(struct qx_thread* task) {
     auto* record = static_cast<scc_reg_info*>(qx_thread_arg(task));
     forget_task(task_connect);
     if (!can_form_paths()) {
@@ -173,8 +162,7 @@ int _scc_lib_agent_connect(struct qx_thread* task)
     return static_cast<int>(error);
 }
 
-int _scc_lib_agent_reconnect(struct qx_thread* /*task*/)
-{
+int _scc_lib_agent_reconnect(struct qx_thread* /*task*/) {
     forget_task(task_reconnect);
     if (!can_form_paths()) {
         return 1;
@@ -204,8 +192,7 @@ int _scc_lib_agent_reconnect(struct qx_thread* /*task*/)
     return static_cast<int>(error);
 }
 
-int _scc_lib_agent_read(struct qx_thread* /*task*/)
-{
+int _scc_lib_agent_read(struct qx_thread* /*task*/) {
     forget_task(task_read);
     const u32 epoch = connection_epoch();
     void* message = nullptr;
@@ -222,8 +209,7 @@ int _scc_lib_agent_read(struct qx_thread* /*task*/)
 }
 
 // Forgets the read task, not itself: deliberate, and harmless since every recovery cancels all four.
-int _scc_lib_agent_write(struct qx_thread* task)
-{
+int _scc_lib_agent_write(struct qx_thread* task) {
     auto* request = static_cast<write_request*>(qx_thread_arg(task));
     forget_task(task_read);
     const u32 epoch = connection_epoch();

@@ -45,8 +45,7 @@ constexpr std::array<task_row, task_kinds> task_table = {{
 }};
 
 // Under g_tasks_lock.
-void cancel_pending()
-{
+void cancel_pending() {
     for (qx_thread*& task : g_pending) {
         if (task != nullptr) {
             qx_thread_cancel(task);
@@ -58,8 +57,7 @@ void cancel_pending()
 }
 
 // Under g_tasks_lock.
-bool add_task(u32 kind, void* arg, int fd)
-{
+bool add_task(u32 kind, void* arg, int fd) {
     const task_row& row = task_table[kind];
     qx_thread* task = row.add(arg, fd);
     if (task == nullptr) {
@@ -74,20 +72,17 @@ bool add_task(u32 kind, void* arg, int fd)
 }
 
 // Under g_tasks_lock. An unregistration clears the app id before it cancels, and closes behind that.
-bool is_wanted(u32 epoch)
-{
+bool is_wanted(u32 epoch) {
     return epoch == connection_epoch() && g_scc_client_cb.app_id.load(relaxed) != 0;
 }
 
 // False when it has to be tried again.
-bool try_schedule(task_kind kind, u32 epoch)
-{
+bool try_schedule(task_kind kind, u32 epoch) {
     const mutex_guard guard(g_tasks_lock);
     return !is_wanted(epoch) || add_task(kind, nullptr, g_scc_client_cb.async_fd.load(relaxed));
 }
 
-void schedule_for(task_kind kind, u32 epoch)
-{
+void schedule_for(task_kind kind, u32 epoch) {
     while (!try_schedule(kind, epoch)) {
         sleep(limits::retry_seconds);
     }
@@ -95,14 +90,12 @@ void schedule_for(task_kind kind, u32 epoch)
 
 }  // namespace
 
-void set_master(void* master)
-{
+void set_master(void* master) {
     const mutex_guard guard(g_tasks_lock);
     g_master = static_cast<qx_thread_master*>(master);
 }
 
-void forget_task(task_kind kind)
-{
+void forget_task(task_kind kind) {
     const mutex_guard guard(g_tasks_lock);
     g_pending[kind] = nullptr;
     if (kind == task_connect) {
@@ -110,20 +103,17 @@ void forget_task(task_kind kind)
     }
 }
 
-bool is_pending(task_kind kind)
-{
+bool is_pending(task_kind kind) {
     const mutex_guard guard(g_tasks_lock);
     return g_pending[kind] != nullptr;
 }
 
-void cancel_all_tasks()
-{
+void cancel_all_tasks() {
     const mutex_guard guard(g_tasks_lock);
     cancel_pending();
 }
 
-bool end_connection(u32 epoch, u32& after)
-{
+bool end_connection(u32 epoch, u32& after) {
     const mutex_guard guard(g_tasks_lock);
     if (!is_wanted(epoch)) {
         return false;
@@ -137,20 +127,17 @@ bool end_connection(u32 epoch, u32& after)
     return true;
 }
 
-void schedule_connect(void* record)
-{
+void schedule_connect(void* record) {
     while (_scc_lib_thread_event(task_connect, record, -1) != 0) {
         sleep(limits::retry_seconds);
     }
 }
 
-void schedule_reconnect(u32 epoch)
-{
+void schedule_reconnect(u32 epoch) {
     schedule_for(task_reconnect, epoch);
 }
 
-void schedule_read(u32 epoch)
-{
+void schedule_read(u32 epoch) {
     schedule_for(task_read, epoch);
 }
 
@@ -158,8 +145,7 @@ void schedule_read(u32 epoch)
 
 using namespace scc;
 
-extern "C" i32 _scc_lib_thread_event(u32 kind, void* arg, int fd)
-{
+extern "C" i32 _scc_lib_thread_event(u32 kind, void* arg, int fd) {
     const mutex_guard guard(g_tasks_lock);
     if (g_master == nullptr) {
         return -1;

@@ -33,8 +33,7 @@ constexpr u32 operation_off = 0;  // delete, delete, unapply
 
 using acl_payload = payload<140>;
 
-u32 acl_request(const request_row& row, const scc_acl_key* key, u32 operation, u32* call_id_out)
-{
+u32 acl_request(const request_row& row, const scc_acl_key* key, u32 operation, u32* call_id_out) {
     if (const u32 error = _scc_lib_acl_info_check(key); error != result::ok) {
         return error;
     }
@@ -58,8 +57,7 @@ struct saved_ace {
 static_assert(sizeof(saved_ace) == 928);
 
 u32 ace_request(const request_row& row, const scc_acl_key* key, const scc_ace_record* ace, u32 operation,
-                u32* call_id_out)
-{
+                u32* call_id_out) {
     if (const u32 error = _scc_lib_acl_info_check(key); error != result::ok) {
         return error;
     }
@@ -78,8 +76,7 @@ u32 ace_request(const request_row& row, const scc_acl_key* key, const scc_ace_re
 }
 
 // An apply type of 0 is replaced in the caller's own record, also when the call fails afterwards.
-u32 apply_request(const request_row& row, scc_acl_apply_record* record, u32 operation, u32* call_id_out)
-{
+u32 apply_request(const request_row& row, scc_acl_apply_record* record, u32 operation, u32* call_id_out) {
     if (record == nullptr) {
         SCC_LOG("scclib param invalid.");
         return result::invalid;
@@ -108,8 +105,7 @@ class cache_read {
   public:
     explicit cache_read(const scc_acl_key& key) : guard_(scc_acl_lock), key_(key) {}
 
-    [[nodiscard]] u32 find(cached_acl*& acl)
-    {
+    [[nodiscard]] u32 find(cached_acl*& acl) {
         if (!call_.is_registered()) {
             return result::unavailable;
         }
@@ -131,8 +127,7 @@ class cache_read {
     const scc_acl_key& key_;
 };
 
-void free_list(list_node* head)
-{
+void free_list(list_node* head) {
     while (!list_empty(head)) {
         list_node* link = head->next;
         list_del(link);
@@ -145,41 +140,34 @@ void free_list(list_node* head)
 
 extern "C" {
 
-uint32_t scc_acl_create(const struct scc_acl_key* key, uint32_t* call_id_out)
-{
+uint32_t scc_acl_create(const struct scc_acl_key* key, uint32_t* call_id_out) {
     return acl_request(acl_create, key, operation_on, call_id_out);
 }
 
-uint32_t scc_acl_delete(const struct scc_acl_key* key, uint32_t* call_id_out)
-{
+uint32_t scc_acl_delete(const struct scc_acl_key* key, uint32_t* call_id_out) {
     return acl_request(acl_delete, key, operation_off, call_id_out);
 }
 
 uint32_t scc_acl_add_ace(const struct scc_acl_key* key, const struct scc_ace_record* ace,
-                         uint32_t* call_id_out)
-{
+                         uint32_t* call_id_out) {
     return ace_request(ace_add, key, ace, operation_on, call_id_out);
 }
 
 uint32_t scc_acl_delete_ace(const struct scc_acl_key* key, const struct scc_ace_record* ace,
-                            uint32_t* call_id_out)
-{
+                            uint32_t* call_id_out) {
     return ace_request(ace_delete, key, ace, operation_off, call_id_out);
 }
 
-uint32_t scc_acl_apply(struct scc_acl_apply_record* record, uint32_t* call_id_out)
-{
+uint32_t scc_acl_apply(struct scc_acl_apply_record* record, uint32_t* call_id_out) {
     return apply_request(acl_apply, record, operation_on, call_id_out);
 }
 
-uint32_t scc_acl_unapply(struct scc_acl_apply_record* record, uint32_t* call_id_out)
-{
+uint32_t scc_acl_unapply(struct scc_acl_apply_record* record, uint32_t* call_id_out) {
     return apply_request(acl_unapply, record, operation_off, call_id_out);
 }
 
 uint32_t scc_acl_reseqence(const struct scc_acl_key* key, uint32_t sn_start, uint32_t sn_inc,
-                           uint32_t* call_id_out)
-{
+                           uint32_t* call_id_out) {
     if (const u32 error = _scc_lib_acl_info_check(key); error != result::ok) {
         return error;
     }
@@ -190,8 +178,7 @@ uint32_t scc_acl_reseqence(const struct scc_acl_key* key, uint32_t sn_start, uin
     return scalar_request(acl_resequence, call_id_out, *key, sn_start, sn_inc);
 }
 
-uint32_t scc_acl_cls_get(struct scc_acl_key* key)
-{
+uint32_t scc_acl_cls_get(struct scc_acl_key* key) {
     if (const u32 error = _scc_lib_acl_info_check(key); error != result::ok) {
         return error;
     }
@@ -204,8 +191,7 @@ uint32_t scc_acl_cls_get(struct scc_acl_key* key)
     return error;
 }
 
-uint32_t scc_acl_get_ace(const struct scc_acl_key* key, struct scc_list_head* aces)
-{
+uint32_t scc_acl_get_ace(const struct scc_acl_key* key, struct scc_list_head* aces) {
     if (const u32 error = _scc_lib_acl_info_check(key); error != result::ok) {
         return error;
     }
@@ -232,8 +218,7 @@ uint32_t scc_acl_get_ace(const struct scc_acl_key* key, struct scc_list_head* ac
     return result::ok;
 }
 
-uint32_t scc_acl_get_ace_by_sn(const struct scc_acl_key* key, uint32_t sn, struct scc_ace_record* ace)
-{
+uint32_t scc_acl_get_ace_by_sn(const struct scc_acl_key* key, uint32_t sn, struct scc_ace_record* ace) {
     if (const u32 error = _scc_lib_acl_info_check(key); error != result::ok) {
         return error;
     }

@@ -41,64 +41,53 @@ SCC_RECORD_REQUEST(scc_nac_esc_eport_set,      msg::nac_esc_eport,     25)
 SCC_RECORD_REQUEST(scc_nac_app_set,            msg::nac_app,           26)
 // clang-format on
 
-uint32_t scc_dot1x_redirect_enable(int value, uint32_t* call_id_out)
-{
+uint32_t scc_dot1x_redirect_enable(int value, uint32_t* call_id_out) {
     return scalar_request({msg::d1x_redirect, 8}, call_id_out, low_byte{value});
 }
 
-uint32_t scc_d1x_mac_move(int value, uint32_t* call_id_out)
-{
+uint32_t scc_d1x_mac_move(int value, uint32_t* call_id_out) {
     return scalar_request({msg::d1x_mac_move, 9}, call_id_out, low_byte{value});
 }
 
-uint32_t scc_http_dport_set(uint16_t port, uint8_t flag, uint32_t* call_id_out)
-{
+uint32_t scc_http_dport_set(uint16_t port, uint8_t flag, uint32_t* call_id_out) {
     return scalar_request({msg::http_dport, 11}, call_id_out, port, flag);
 }
 
 uint32_t scc_dirchn_host_set(uint32_t first, uint32_t second, uint8_t third, uint32_t fourth, uint8_t fifth,
-                             uint32_t* call_id_out)
-{
+                             uint32_t* call_id_out) {
     return scalar_request({msg::dirchn_host, 12}, call_id_out, first, second, third, fourth, fifth);
 }
 
-uint32_t scc_dirchn_server_set(uint32_t first, uint8_t second, uint32_t* call_id_out)
-{
+uint32_t scc_dirchn_server_set(uint32_t first, uint8_t second, uint32_t* call_id_out) {
     return scalar_request({msg::dirchn_server, 13}, call_id_out, first, second);
 }
 
 uint32_t scc_dirchn_site_set(uint32_t first, uint32_t second, uint8_t third, uint8_t fourth,
-                             uint32_t* call_id_out)
-{
+                             uint32_t* call_id_out) {
     return scalar_request({msg::dirchn_site, 14}, call_id_out, first, second, third, fourth);
 }
 
 // The daemon expects a constant 1 in front of the last argument.
-uint32_t scc_dirchn_arp_set(uint32_t first, uint32_t second, uint8_t third, uint32_t* call_id_out)
-{
+uint32_t scc_dirchn_arp_set(uint32_t first, uint32_t second, uint8_t third, uint32_t* call_id_out) {
     return scalar_request({msg::dirchn_arp, 15}, call_id_out, first, second, u8{1}, third);
 }
 
-uint32_t scc_addr_learning(uint32_t ifx, uint8_t enable, uint32_t* call_id_out)
-{
+uint32_t scc_addr_learning(uint32_t ifx, uint8_t enable, uint32_t* call_id_out) {
     return scalar_request({msg::addr_learning, 23}, call_id_out, ifx, enable);
 }
 
-uint32_t scc_nac_esc_set(uint32_t value, const struct scc_acl_key* key, uint8_t flag, uint32_t* call_id_out)
-{
+uint32_t scc_nac_esc_set(uint32_t value, const struct scc_acl_key* key, uint8_t flag, uint32_t* call_id_out) {
     if (const u32 error = _scc_lib_acl_info_check(key); error != result::ok) {
         return error;
     }
     return scalar_request({msg::nac_esc, 24}, call_id_out, value, *key, flag);
 }
 
-uint32_t scc_ndsnp_default_bind_set(uint32_t first, uint32_t second, uint8_t third, uint32_t* call_id_out)
-{
+uint32_t scc_ndsnp_default_bind_set(uint32_t first, uint32_t second, uint8_t third, uint32_t* call_id_out) {
     return scalar_request({msg::ndsnp_default_bind, 28}, call_id_out, first, second, third);
 }
 
-uint32_t scc_acl_global_eport_set(uint32_t ifx, uint8_t value, uint32_t* call_id_out)
-{
+uint32_t scc_acl_global_eport_set(uint32_t ifx, uint8_t value, uint32_t* call_id_out) {
     if (ifx == 0 || ifx > limits::ifx_max) {
         SCC_LOG("scclib param invalid. ifx invalid");
         return result::invalid;
@@ -106,14 +95,12 @@ uint32_t scc_acl_global_eport_set(uint32_t ifx, uint8_t value, uint32_t* call_id
     return scalar_request({msg::global_eport, 44}, call_id_out, ifx, value, unset_slot{});
 }
 
-uint32_t scc_svi_router_acl_set(uint8_t value, uint32_t* call_id_out)
-{
+uint32_t scc_svi_router_acl_set(uint8_t value, uint32_t* call_id_out) {
     return scalar_request({msg::svi_router_acl, 45}, call_id_out, value);
 }
 
 // Payload and saved data carry the two arguments in opposite orders.
-uint32_t scc_cpp_set(int type, uint8_t enable, uint32_t* call_id_out)
-{
+uint32_t scc_cpp_set(int type, uint8_t enable, uint32_t* call_id_out) {
     if (type != 0) {
         return result::invalid;
     }
@@ -129,8 +116,7 @@ uint32_t scc_cpp_set(int type, uint8_t enable, uint32_t* call_id_out)
     return call.finish(saved, sent.bytes);
 }
 
-uint32_t scc_nac_nbr_set(const struct scc_neighbour_record* record, uint8_t flag, uint32_t* call_id_out)
-{
+uint32_t scc_nac_nbr_set(const struct scc_neighbour_record* record, uint8_t flag, uint32_t* call_id_out) {
     if (record == nullptr) {
         SCC_LOG("scclib param invalid.");
         return result::invalid;
@@ -148,8 +134,7 @@ uint32_t scc_nac_nbr_set(const struct scc_neighbour_record* record, uint8_t flag
 }
 
 // The payload itself, call id included, is what the result gets.
-uint32_t scc_offline_detect_cfg(int open, uint32_t interval, uint32_t threshold, uint32_t* call_id_out)
-{
+uint32_t scc_offline_detect_cfg(int open, uint32_t interval, uint32_t threshold, uint32_t* call_id_out) {
     request call({msg::offline_detect_cfg, 57}, call_id_out);
     if (!call.begin()) {
         return result::unavailable;
@@ -159,8 +144,7 @@ uint32_t scc_offline_detect_cfg(int open, uint32_t interval, uint32_t threshold,
     return call.finish(sent.bytes, sent.bytes);
 }
 
-uint32_t scc_direct_vlan_set(int value, const struct scc_vlan_record* vlans, uint32_t* call_id_out)
-{
+uint32_t scc_direct_vlan_set(int value, const struct scc_vlan_record* vlans, uint32_t* call_id_out) {
     if (vlans == nullptr) {
         return result::invalid;
     }
@@ -174,8 +158,7 @@ uint32_t scc_direct_vlan_set(int value, const struct scc_vlan_record* vlans, uin
 }
 
 // The form is looked at behind the state test, and the call id is used up: deliberate.
-uint32_t scc_dhcp_snooping_set(const struct scc_config_record* record, uint32_t* call_id_out)
-{
+uint32_t scc_dhcp_snooping_set(const struct scc_config_record* record, uint32_t* call_id_out) {
     constexpr u32 first_form = 9;
     constexpr u32 second_form = 10;
     if (record == nullptr) {
@@ -197,8 +180,7 @@ uint32_t scc_dhcp_snooping_set(const struct scc_config_record* record, uint32_t*
     return call.finish(bytes_of(*record), sent.bytes);
 }
 
-uint32_t scc_efacl_ctrl(const void* data, uint32_t data_bytes, uint32_t* call_id_out)
-{
+uint32_t scc_efacl_ctrl(const void* data, uint32_t data_bytes, uint32_t* call_id_out) {
     if (data == nullptr || static_cast<i32>(data_bytes) <= 0) {
         SCC_LOG("scclib param invalid. data:%p, len:%d", data, data_bytes);
         return result::invalid;

@@ -33,8 +33,7 @@ extern "C" {
 
 // Appends a name, behind a slash if text stands there already. Returns the new length, or all ones when
 // the name does not fit; the slash then stays.
-u32 _app_string_add(char* buf, const char* name, bool need_separator, int size)
-{
+u32 _app_string_add(char* buf, const char* name, bool need_separator, int size) {
     const std::size_t before = std::strlen(buf);
     const auto room = static_cast<std::size_t>(size);
     std::size_t length = before;
@@ -53,8 +52,7 @@ u32 _app_string_add(char* buf, const char* name, bool need_separator, int size)
     return static_cast<u32>(length + name_length);
 }
 
-void scc_bind_user_name_get(int mask, char* buf, int size)
-{
+void scc_bind_user_name_get(int mask, char* buf, int size) {
     if (buf == nullptr || size < 1) {
         return;
     }
@@ -71,8 +69,7 @@ void scc_bind_user_name_get(int mask, char* buf, int size)
     }
 }
 
-uint32_t scc_get_nac_max_user(int kind, uint64_t* a, uint64_t* b, uint64_t* c)
-{
+uint32_t scc_get_nac_max_user(int kind, uint64_t* a, uint64_t* b, uint64_t* c) {
     const bool many = kind == 1 || (kind >= 4 && kind <= 7);
     if (a != nullptr) {
         *a = many ? 4096 : 128;
@@ -87,8 +84,7 @@ uint32_t scc_get_nac_max_user(int kind, uint64_t* a, uint64_t* b, uint64_t* c)
 }
 
 // A set bit means that the device does not count.
-uint32_t scc_nac_user_counter_support(uint8_t* supported)
-{
+uint32_t scc_nac_user_counter_support(uint8_t* supported) {
     if (supported == nullptr) {
         SCC_LOG("scclib param invalid.");
         return result::invalid;

@@ -5,8 +5,7 @@ using namespace scc;
 
 extern "C" {
 
-uint32_t scc_warterline_notify(int start)
-{
+uint32_t scc_warterline_notify(int start) {
     SCC_LOG("notify waterline %s.", start != 0 ? "start" : "end");
     locked_call call;
     if (!call.is_registered()) {
@@ -19,8 +18,7 @@ uint32_t scc_warterline_notify(int start)
     return error;
 }
 
-uint32_t scc_test_cmd_set(uint32_t command)
-{
+uint32_t scc_test_cmd_set(uint32_t command) {
     locked_call call;
     if (!call.is_registered()) {
         return result::unavailable;
@@ -28,8 +26,7 @@ uint32_t scc_test_cmd_set(uint32_t command)
     return _scc_lib_msg_send(msg::test_cmd, &command, sizeof command, 0);
 }
 
-uint32_t scc_data_recover(int argument)
-{
+uint32_t scc_data_recover(int argument) {
     locked_call call;
     if (!call.is_registered()) {
         return result::unavailable;

@@ -25,16 +25,14 @@ constexpr exchange_row arp_check_data{msg::arp_check_user_data, msg::arp_check_u
 
 constexpr u32 no_call_id = 0xFFFFFFFF;
 
-u32 refuse_null()
-{
+u32 refuse_null() {
     SCC_LOG("scclib param invalid.");
     return result::invalid;
 }
 
 // A record that is sent with a call id of its own and answered at once; nothing is saved. The call id is
 // handed out as soon as the query has gone, whatever the reply will be.
-u32 record_query(const exchange_row& row, const scc_config_record* record, u32* call_id_out)
-{
+u32 record_query(const exchange_row& row, const scc_config_record* record, u32* call_id_out) {
     if (record == nullptr) {
         return refuse_null();
     }
@@ -67,8 +65,7 @@ u32 record_query(const exchange_row& row, const scc_config_record* record, u32* 
 extern "C" {
 
 // Request, 152 bytes: u32 call id, 6 bytes MAC at 4. Reply: u32 result at 12, u32 address at 32.
-uint32_t scc_mac_query(const uint8_t* mac, uint32_t* ip)
-{
+uint32_t scc_mac_query(const uint8_t* mac, uint32_t* ip) {
     if (mac == nullptr || ip == nullptr) {
         return refuse_null();
     }
@@ -90,24 +87,22 @@ uint32_t scc_mac_query(const uint8_t* mac, uint32_t* ip)
     if (outcome == 0) {
         *ip = address;
     }
-    SCC_LOG("query by %s %s ,ip:%s.", mac_text(mac).text, outcome == 0 ? "success" : "fail", ipv4_text(address).text);
+    SCC_LOG("query by %s %s ,ip:%s.", mac_text(mac).text, outcome == 0 ? "success" : "fail",
+            ipv4_text(address).text);
     return outcome;
 }
 
-uint32_t scc_sp_port_addr_num(const struct scc_config_record* record, uint32_t* call_id_out)
-{
+uint32_t scc_sp_port_addr_num(const struct scc_config_record* record, uint32_t* call_id_out) {
     return record_query(port_addr_num, record, call_id_out);
 }
 
-uint32_t scc_nac_span_dport_set(const struct scc_config_record* record, uint32_t* call_id_out)
-{
+uint32_t scc_nac_span_dport_set(const struct scc_config_record* record, uint32_t* call_id_out) {
     return record_query(span_dest_port, record, call_id_out);
 }
 
 // The reply is laid out as a call return: u32 result at 4, and the record at the odd offset 10, which is
 // copied back whatever the result.
-uint32_t scc_nac_user_get(struct scc_user_record* record)
-{
+uint32_t scc_nac_user_get(struct scc_user_record* record) {
     constexpr std::size_t record_offset = 10;
     if (record == nullptr || record->operation != SCC_USER_OPERATION_GET) {
         return refuse_null();
@@ -131,8 +126,7 @@ uint32_t scc_nac_user_get(struct scc_user_record* record)
     return outcome;
 }
 
-uint32_t scc_is_arp_check_enabled(uint8_t* enabled)
-{
+uint32_t scc_is_arp_check_enabled(uint8_t* enabled) {
     if (enabled == nullptr) {
         return refuse_null();
     }
@@ -152,8 +146,7 @@ uint32_t scc_is_arp_check_enabled(uint8_t* enabled)
     return result::ok;
 }
 
-uint32_t scc_arp_check_user_count_get(uint32_t key, uint32_t* count)
-{
+uint32_t scc_arp_check_user_count_get(uint32_t key, uint32_t* count) {
     if (count == nullptr) {
         return refuse_null();
     }
@@ -179,8 +172,7 @@ uint32_t scc_arp_check_user_count_get(uint32_t key, uint32_t* count)
 }
 
 // Reply: u32 result, u32 entries at 8, the entries from 12.
-uint32_t scc_arp_check_user_data_get(uint32_t selector, void* buf, int* count)
-{
+uint32_t scc_arp_check_user_data_get(uint32_t selector, void* buf, int* count) {
     constexpr std::size_t entries_offset = 12;
     if (buf == nullptr || count == nullptr) {
         return refuse_null();

@@ -2,19 +2,18 @@
 
 namespace scc {
 
-bool locked_call::is_registered(const char* function, int line)
-{
+bool locked_call::is_registered(const char* function, int line) {
     if (client_state_now() == state_registered) {
         return true;
     }
     if (is_debugging()) {
-        SCC_LOG_RAW("DETAIL", "<%-23s line:%-4d> scclib no registered or scc svr no available.", function, line);
+        SCC_LOG_RAW("DETAIL", "<%-23s line:%-4d> scclib no registered or scc svr no available.", function,
+                    line);
     }
     return false;
 }
 
-bool request::begin()
-{
+bool request::begin() {
     if (!call_.is_registered()) {
         return false;
     }
@@ -22,13 +21,11 @@ bool request::begin()
     return true;
 }
 
-u32 request::save(std::span<const u8> saved)
-{
+u32 request::save(std::span<const u8> saved) {
     return _scc_lib_save_call_data(call_id_, row_.kind, saved.data(), static_cast<int>(saved.size()));
 }
 
-u32 request::send(std::span<const u8> payload)
-{
+u32 request::send(std::span<const u8> payload) {
     const u32 error = _scc_lib_msg_send(row_.type, payload.data(), static_cast<int>(payload.size()), 0);
     if (error != result::ok) {
         _scc_lib_del_call_data(call_id_);
@@ -42,14 +39,12 @@ u32 request::send(std::span<const u8> payload)
     return error;
 }
 
-u32 request::finish(std::span<const u8> saved, std::span<const u8> payload)
-{
+u32 request::finish(std::span<const u8> saved, std::span<const u8> payload) {
     const u32 error = save(saved);
     return error != result::ok ? error : send(payload);
 }
 
-u32 record_request(const request_row& row, const scc_config_record* record, u32* call_id_out)
-{
+u32 record_request(const request_row& row, const scc_config_record* record, u32* call_id_out) {
     if (record == nullptr) {
         SCC_LOG("scclib param invalid.");
         return result::invalid;

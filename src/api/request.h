@@ -35,7 +35,8 @@ class locked_call {
     locked_call() : guard_(scc_lib_lock) {}
 
     // Logs when the application is not registered.
-    [[nodiscard]] bool is_registered(const char* function = __builtin_FUNCTION(), int line = __builtin_LINE());
+    [[nodiscard]] bool is_registered(const char* function = __builtin_FUNCTION(),
+                                     int line = __builtin_LINE());
 
   private:
     write_guard guard_;
@@ -73,16 +74,14 @@ struct payload {
     explicit payload(u32 call_id) { store<u32>(bytes.data(), 0, call_id); }
 
     template <class T>
-    payload& put(std::size_t offset, const T& value)
-    {
+    payload& put(std::size_t offset, const T& value) {
         store<T>(bytes.data(), offset, value);
         return *this;
     }
 };
 
 template <class T>
-[[nodiscard]] std::span<const u8> bytes_of(const T& value)
-{
+[[nodiscard]] std::span<const u8> bytes_of(const T& value) {
     return {reinterpret_cast<const u8*>(&value), sizeof value};
 }
 
@@ -123,8 +122,7 @@ struct field<unset_slot> {
 }  // namespace request_detail
 
 template <class... Fields>
-[[nodiscard]] u32 scalar_request(const request_row& row, u32* call_id_out, const Fields&... fields)
-{
+[[nodiscard]] u32 scalar_request(const request_row& row, u32* call_id_out, const Fields&... fields) {
     using request_detail::field;
     request call(row, call_id_out);
     if (!call.begin()) {

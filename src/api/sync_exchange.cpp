@@ -4,18 +4,15 @@
 
 namespace scc {
 
-sync_exchange::~sync_exchange()
-{
+sync_exchange::~sync_exchange() {
     _scc_msg_free(&message_);
 }
 
-u32 sync_exchange::send(const exchange_row& row, std::span<const u8> payload) const
-{
+u32 sync_exchange::send(const exchange_row& row, std::span<const u8> payload) const {
     return _scc_lib_msg_send(row.request_type, payload.data(), static_cast<int>(payload.size()), 1);
 }
 
-u32 sync_exchange::receive(const exchange_row& row)
-{
+u32 sync_exchange::receive(const exchange_row& row) {
     const u32 error = _scc_lib_msg_recv(&message_, 1);
     if (error != result::ok) {
         // The receive thread watches the other socket only, so it is told of this one's end.
@@ -34,8 +31,7 @@ u32 sync_exchange::receive(const exchange_row& row)
     return result::ok;
 }
 
-u32 sync_exchange::run(const exchange_row& row, std::span<const u8> payload)
-{
+u32 sync_exchange::run(const exchange_row& row, std::span<const u8> payload) {
     const u32 error = send(row, payload);
     return error != result::ok ? error : receive(row);
 }

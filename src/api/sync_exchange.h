@@ -27,8 +27,7 @@ class sync_exchange {
 
     // Reads a field of the reply's first item; false when it is not there.
     template <class T>
-    [[nodiscard]] bool read(std::size_t offset, T& out) const
-    {
+    [[nodiscard]] bool read(std::size_t offset, T& out) const {
         if (offset + sizeof(T) > value_.size()) {
             return false;
         }

@@ -33,8 +33,7 @@ constexpr u32 choice_read = 1;
 constexpr u32 choice_reset = 0;
 
 u32 user_acl_request(const request_row& row, const scc_user_acl_record& record, u32 operation,
-                     const char* announcement, u32* call_id_out)
-{
+                     const char* announcement, u32* call_id_out) {
     if (const u32 error = _scc_lib_acl_info_check(&record.key); error != result::ok) {
         return error;
     }
@@ -63,14 +62,16 @@ constexpr counter_row filter_counter{
     16,
     24,
     "scc_acl_get_filter_counter"};
-constexpr counter_row acl_counter{
-    {msg::acl_counter_get, msg::acl_counter_ret, "SCC_LMSG_ACL_COUNTER_RET"}, 32, 32, 40, "scc_acl_get_counter"};
+constexpr counter_row acl_counter{{msg::acl_counter_get, msg::acl_counter_ret, "SCC_LMSG_ACL_COUNTER_RET"},
+                                  32,
+                                  32,
+                                  40,
+                                  "scc_acl_get_counter"};
 constexpr counter_row ace_counter{
     {msg::ace_counter_get, msg::ace_counter, "SCC_LMSG_ACE_COUNTER_RET"}, 32, 32, 40, "scc_ace_get_counter"};
 
 // The counter is read when the result is 0; otherwise the caller's is left alone.
-u32 read_counter(const counter_row& row, std::span<const u8> sent, u64& counter)
-{
+u32 read_counter(const counter_row& row, std::span<const u8> sent, u64& counter) {
     locked_call call;
     if (!call.is_registered()) {
         return result::unavailable;
@@ -93,8 +94,7 @@ u32 read_counter(const counter_row& row, std::span<const u8> sent, u64& counter)
     return result::ok;
 }
 
-u32 check_counter_arguments(const scc_acl_key* key, const u64* counter)
-{
+u32 check_counter_arguments(const scc_acl_key* key, const u64* counter) {
     if (const u32 error = _scc_lib_acl_info_check(key); error != result::ok) {
         return error;
     }
@@ -106,8 +106,7 @@ u32 check_counter_arguments(const scc_acl_key* key, const u64* counter)
 }
 
 template <std::size_t Size>
-u32 reset_counter(const request_row& row, const scc_acl_key* key, u32* call_id_out)
-{
+u32 reset_counter(const request_row& row, const scc_acl_key* key, u32* call_id_out) {
     if (const u32 error = _scc_lib_acl_info_check(key); error != result::ok) {
         return error;
     }
@@ -125,8 +124,7 @@ u32 reset_counter(const request_row& row, const scc_acl_key* key, u32* call_id_o
 
 extern "C" {
 
-uint32_t scc_user_acl_apply(const struct scc_user_acl_record* record, uint32_t* call_id_out)
-{
+uint32_t scc_user_acl_apply(const struct scc_user_acl_record* record, uint32_t* call_id_out) {
     if (record == nullptr) {
         SCC_LOG("scclib param invalid.");
         return result::invalid;
@@ -134,8 +132,7 @@ uint32_t scc_user_acl_apply(const struct scc_user_acl_record* record, uint32_t* 
     return user_acl_request(user_acl_apply, *record, 1, "scclib scc_user_acl_apply is called.", call_id_out);
 }
 
-uint32_t scc_user_acl_unapply(const struct scc_user_acl_record* record, uint32_t* call_id_out)
-{
+uint32_t scc_user_acl_unapply(const struct scc_user_acl_record* record, uint32_t* call_id_out) {
     if (record == nullptr) {
         SCC_LOG("scclib param invalid.");
         return result::invalid;
@@ -147,8 +144,7 @@ uint32_t scc_user_acl_unapply(const struct scc_user_acl_record* record, uint32_t
 }
 
 // Checks of its own: the acl id has no upper bound here.
-uint32_t scc_user_acl_delete_vmsup(const struct scc_acl_key* key, uint32_t* call_id_out)
-{
+uint32_t scc_user_acl_delete_vmsup(const struct scc_acl_key* key, uint32_t* call_id_out) {
     if (key == nullptr) {
         SCC_LOG("scclib param invalid.");
         return result::invalid;
@@ -171,8 +167,7 @@ uint32_t scc_user_acl_delete_vmsup(const struct scc_acl_key* key, uint32_t* call
 }
 
 // Neither a key check nor a result code in the reply.
-uint32_t scc_user_acl_change_vmsup(const struct scc_user_acl_record* record, uint8_t* out)
-{
+uint32_t scc_user_acl_change_vmsup(const struct scc_user_acl_record* record, uint8_t* out) {
     constexpr std::size_t answer_bytes = 16;
     if (record == nullptr || out == nullptr) {
         SCC_LOG("scclib param invalid.");
@@ -207,8 +202,7 @@ uint32_t scc_user_acl_change_vmsup(const struct scc_user_acl_record* record, uin
     return result::ok;
 }
 
-uint32_t scc_acl_get_filter_counter(const struct scc_acl_key* key, uint64_t* counter)
-{
+uint32_t scc_acl_get_filter_counter(const struct scc_acl_key* key, uint64_t* counter) {
     if (const u32 error = check_counter_arguments(key, counter); error != result::ok) {
         return error;
     }
@@ -218,8 +212,7 @@ uint32_t scc_acl_get_filter_counter(const struct scc_acl_key* key, uint64_t* cou
     return read_counter(filter_counter, sent.bytes, *counter);
 }
 
-uint32_t scc_acl_get_counter(const struct scc_acl_key* key, uint64_t* counter)
-{
+uint32_t scc_acl_get_counter(const struct scc_acl_key* key, uint64_t* counter) {
     if (const u32 error = check_counter_arguments(key, counter); error != result::ok) {
         return error;
     }
@@ -228,8 +221,7 @@ uint32_t scc_acl_get_counter(const struct scc_acl_key* key, uint64_t* counter)
     return read_counter(acl_counter, sent.bytes, *counter);
 }
 
-uint32_t scc_ace_get_counter(const struct scc_acl_key* key, uint64_t ace, uint64_t* counter)
-{
+uint32_t scc_ace_get_counter(const struct scc_acl_key* key, uint64_t ace, uint64_t* counter) {
     if (const u32 error = check_counter_arguments(key, counter); error != result::ok) {
         return error;
     }
@@ -238,18 +230,15 @@ uint32_t scc_ace_get_counter(const struct scc_acl_key* key, uint64_t ace, uint64
     return read_counter(ace_counter, sent.bytes, *counter);
 }
 
-uint32_t scc_acl_reset_filter_counter(const struct scc_acl_key* key, uint32_t* call_id_out)
-{
+uint32_t scc_acl_reset_filter_counter(const struct scc_acl_key* key, uint32_t* call_id_out) {
     return reset_counter<24>(filter_counter_reset, key, call_id_out);
 }
 
-uint32_t scc_acl_reset_counter(const struct scc_acl_key* key, uint32_t* call_id_out)
-{
+uint32_t scc_acl_reset_counter(const struct scc_acl_key* key, uint32_t* call_id_out) {
     return reset_counter<40>(acl_counter_reset, key, call_id_out);
 }
 
-uint32_t scc_ace_reset_counter(const struct scc_acl_key* key, uint64_t ace, uint32_t* call_id_out)
-{
+uint32_t scc_ace_reset_counter(const struct scc_acl_key* key, uint64_t ace, uint32_t* call_id_out) {
     if (const u32 error = _scc_lib_acl_info_check(key); error != result::ok) {
         return error;
     }

@@ -17,16 +17,14 @@ namespace {
 
 constexpr u32 all_ones_word = 0xFFFFFFFF;
 
-[[maybe_unused]] address_text mask_text(const scc_user_record& record)
-{
+[[maybe_unused]] address_text mask_text(const scc_user_record& record) {
     in6_addr mask;
     std::memcpy(&mask, record.mask, sizeof mask);
     return ipv6_text(mask);
 }
 
 // The whole mask wins over its first word; the record is a copy of the caller's.
-void adjust_mask(scc_user_record& record)
-{
+void adjust_mask(scc_user_record& record) {
     if ((record.flags & SCC_USER_MASK_WHOLE) != 0) {
         std::memset(record.mask, 0xFF, sizeof record.mask);
         return;
@@ -43,10 +41,9 @@ void adjust_mask(scc_user_record& record)
     }
 }
 
-u32 user_request(request_row row, const scc_user_record* record, bool counted, u32* call_id_out)
-{
-    if (record == nullptr || (record->operation != SCC_USER_OPERATION_ADD &&
-                              record->operation != SCC_USER_OPERATION_DELETE)) {
+u32 user_request(request_row row, const scc_user_record* record, bool counted, u32* call_id_out) {
+    if (record == nullptr ||
+        (record->operation != SCC_USER_OPERATION_ADD && record->operation != SCC_USER_OPERATION_DELETE)) {
         SCC_LOG("scclib param invalid.");
         return result::invalid;
     }
@@ -70,18 +67,15 @@ u32 user_request(request_row row, const scc_user_record* record, bool counted, u
 
 extern "C" {
 
-uint32_t scc_nac_user_set(const struct scc_user_record* record, uint32_t* call_id_out)
-{
+uint32_t scc_nac_user_set(const struct scc_user_record* record, uint32_t* call_id_out) {
     return user_request({msg::nac_user, 27}, record, true, call_id_out);
 }
 
-uint32_t scc_arp_entry_set(const struct scc_user_record* record, uint32_t* call_id_out)
-{
+uint32_t scc_arp_entry_set(const struct scc_user_record* record, uint32_t* call_id_out) {
     return user_request({msg::arp_entry, 56}, record, false, call_id_out);
 }
 
-uint32_t scc_arp_dyn_entry_set(const struct scc_user_record* record, uint32_t* call_id_out)
-{
+uint32_t scc_arp_dyn_entry_set(const struct scc_user_record* record, uint32_t* call_id_out) {
     return user_request({msg::arp_dyn_entry, 59}, record, false, call_id_out);
 }
 }

@@ -25,25 +25,21 @@ namespace {
 constexpr u32 unnumbered_from = 0x7FFFFFFF;  // these keep their number in a resequence
 constexpr std::size_t first_index_buckets = 256;
 
-cached_acl* acl_of_index(list_node* node)
-{
+cached_acl* acl_of_index(list_node* node) {
     return reinterpret_cast<cached_acl*>(reinterpret_cast<u8*>(node) - offsetof(cached_acl, index_link));
 }
 
-u64 mixed(const scc_acl_key& key)
-{
+u64 mixed(const scc_acl_key& key) {
     u64 hash = key.acl_id * 0x9E3779B97F4A7C15ULL;
     hash ^= (u64{key.app_type} << 32U | key.vdev_id) * 0xC2B2AE3D27D4EB4FULL;
     return hash ^ hash >> 29U;
 }
 
-u64 index_hash(const list_node* node)
-{
+u64 index_hash(const list_node* node) {
     return mixed(acl_of_index(const_cast<list_node*>(node))->key);
 }
 
-bool same_acl(const scc_acl_key& left, const scc_acl_key& right)
-{
+bool same_acl(const scc_acl_key& left, const scc_acl_key& right) {
     return left.vdev_id == right.vdev_id && left.app_type == right.app_type && left.acl_id == right.acl_id;
 }
 
@@ -72,21 +68,18 @@ constinit client_data g_scc_client_data{};
 namespace scc {
 namespace {
 
-acl_cache& cache()
-{
+acl_cache& cache() {
     return g_scc_client_data.cache;
 }
 
-void free_ace(cached_acl& acl, cached_ace* ace)
-{
+void free_ace(cached_acl& acl, cached_ace* ace) {
     list_del(&ace->record.link);
     scc_rb_erase(&ace->place, &acl.places);
     --acl.ace_count;
     std::free(ace);
 }
 
-void free_acl(cached_acl* acl)
-{
+void free_acl(cached_acl* acl) {
     while (!list_empty(&acl->aces)) {
         cached_ace* ace = ace_of_link(acl->aces.next);
         list_del(&ace->record.link);
@@ -98,14 +91,12 @@ void free_acl(cached_acl* acl)
     std::free(acl);
 }
 
-cached_ace* ace_of_place(rb_node* node)
-{
+cached_ace* ace_of_place(rb_node* node) {
     return reinterpret_cast<cached_ace*>(node);
 }
 
 // The first ACE whose number is greater than sn (or, with or_equal, not less); null for the end.
-cached_ace* first_behind(cached_acl& acl, u32 sn, bool or_equal)
-{
+cached_ace* first_behind(cached_acl& acl, u32 sn, bool or_equal) {
     const auto is_behind = [&](const cached_ace* ace) {
         return or_equal ? ace->record.sn >= sn : ace->record.sn > sn;
     };
@@ -126,8 +117,7 @@ cached_ace* first_behind(cached_acl& acl, u32 sn, bool or_equal)
     return found;
 }
 
-rb_node* rightmost(rb_node* node)
-{
+rb_node* rightmost(rb_node* node) {
     while (node != nullptr && node->right != nullptr) {
         node = node->right;
     }
@@ -135,8 +125,7 @@ rb_node* rightmost(rb_node* node)
 }
 
 // Puts the ACE into list and tree in front of successor, or at the end when that is null.
-void insert_before(cached_acl& acl, cached_ace* ace, cached_ace* successor)
-{
+void insert_before(cached_acl& acl, cached_ace* ace, cached_ace* successor) {
     rb_node* parent = nullptr;
     rb_node** link = &acl.places.node;
     if (successor == nullptr) {
@@ -157,8 +146,7 @@ void insert_before(cached_acl& acl, cached_ace* ace, cached_ace* successor)
     ++acl.ace_count;
 }
 
-void renumber(cached_acl& acl, u32 sn_start, u32 sn_inc)
-{
+void renumber(cached_acl& acl, u32 sn_start, u32 sn_inc) {
     u32 next = sn_start;
     u32 previous_old = 0;
     u32 previous_new = 0;
@@ -184,8 +172,7 @@ void renumber(cached_acl& acl, u32 sn_start, u32 sn_inc)
 
 }  // namespace
 
-void prepare_acl_buckets()
-{
+void prepare_acl_buckets() {
     if (cache().ready) {
         return;
     }
@@ -196,13 +183,11 @@ void prepare_acl_buckets()
     cache().ready = true;
 }
 
-void init_acl_cache()
-{
+void init_acl_cache() {
     free_acl_cache();
 }
 
-void free_acl_cache()
-{
+void free_acl_cache() {
     {
         const write_guard guard(scc_acl_lock);
         prepare_acl_buckets();
@@ -216,18 +201,15 @@ void free_acl_cache()
     set_capability_word(0);
 }
 
-u64 cached_acl_count()
-{
+u64 cached_acl_count() {
     return cache().count;
 }
 
-list_node* acl_bucket(u32 i)
-{
+list_node* acl_bucket(u32 i) {
     return &cache().buckets[i];
 }
 
-cached_ace* find_ace(cached_acl& acl, u32 sn)
-{
+cached_ace* find_ace(cached_acl& acl, u32 sn) {
     cached_ace* ace = first_behind(acl, sn, true);
     if (acl.out_of_order != 0) {
         // Out of order a greater number may stand in front: look at each.
@@ -241,13 +223,11 @@ cached_ace* find_ace(cached_acl& acl, u32 sn)
     return ace != nullptr && ace->record.sn == sn ? ace : nullptr;
 }
 
-u64 capability_word()
-{
+u64 capability_word() {
     return g_scc_client_data.capability.load(std::memory_order_relaxed);
 }
 
-void set_capability_word(u64 word)
-{
+void set_capability_word(u64 word) {
     g_scc_client_data.capability.store(word, std::memory_order_relaxed);
 }
 
@@ -255,8 +235,7 @@ void set_capability_word(u64 word)
 
 extern "C" {
 
-u32 _scc_lib_acl_info_check(const scc_acl_key* key)
-{
+u32 _scc_lib_acl_info_check(const scc_acl_key* key) {
     if (key == nullptr) {
         SCC_LOG("scclib param invalid.");
         return result::invalid;
@@ -274,8 +253,7 @@ u32 _scc_lib_acl_info_check(const scc_acl_key* key)
 }
 
 // Folds the sum of the key's first 12 bytes; the class is left out.
-u32 _acl_hash_idx_get(const scc_acl_key* key)
-{
+u32 _acl_hash_idx_get(const scc_acl_key* key) {
     u64 sum = 0;
     for (std::size_t i = 0; i < offsetof(scc_acl_key, acl_class); ++i) {
         sum += load<u8>(key, i);
@@ -283,16 +261,13 @@ u32 _acl_hash_idx_get(const scc_acl_key* key)
     return static_cast<u32>((sum ^ sum >> 9U ^ sum >> 18U ^ sum >> 27U) & 0x1FFU);
 }
 
-cached_acl* _scc_acl_get(const scc_acl_key* key)
-{
-    list_node* node = cache().index.find(mixed(*key), [key](list_node* candidate) {
-        return same_acl(acl_of_index(candidate)->key, *key);
-    });
+cached_acl* _scc_acl_get(const scc_acl_key* key) {
+    list_node* node = cache().index.find(
+        mixed(*key), [key](list_node* candidate) { return same_acl(acl_of_index(candidate)->key, *key); });
     return node == nullptr ? nullptr : acl_of_index(node);
 }
 
-void _scc_lib_acl_add(const scc_acl_key* key)
-{
+void _scc_lib_acl_add(const scc_acl_key* key) {
     if (key == nullptr) {
         SCC_LOG("invalid input param!!!");
         return;
@@ -316,8 +291,7 @@ void _scc_lib_acl_add(const scc_acl_key* key)
     ++cache().count;
 }
 
-void _scc_lib_acl_del(const scc_acl_key* key)
-{
+void _scc_lib_acl_del(const scc_acl_key* key) {
     if (key == nullptr) {
         SCC_LOG("invalid input param!!!");
         return;
@@ -331,8 +305,7 @@ void _scc_lib_acl_del(const scc_acl_key* key)
     free_acl(acl);
 }
 
-void _scc_lib_ace_add(const scc_acl_key* key, const scc_ace_record* ace)
-{
+void _scc_lib_ace_add(const scc_acl_key* key, const scc_ace_record* ace) {
     if (key == nullptr || ace == nullptr) {
         SCC_LOG("invalid input param!!!");
         return;
@@ -350,13 +323,13 @@ void _scc_lib_ace_add(const scc_acl_key* key, const scc_ace_record* ace)
     }
     std::memcpy(&copy->record, ace, sizeof copy->record);
     insert_before(*acl, copy, first_behind(*acl, copy->record.sn, false));
-    if (copy->record.link.next != &acl->aces && ace_of_link(copy->record.link.next)->record.sn < copy->record.sn) {
+    if (copy->record.link.next != &acl->aces &&
+        ace_of_link(copy->record.link.next)->record.sn < copy->record.sn) {
         acl->out_of_order = 1;
     }
 }
 
-void _scc_lib_ace_del(const scc_acl_key* key, const scc_ace_record* ace)
-{
+void _scc_lib_ace_del(const scc_acl_key* key, const scc_ace_record* ace) {
     if (key == nullptr || ace == nullptr) {
         SCC_LOG("invalid input param!!!");
         return;
@@ -386,8 +359,7 @@ void _scc_lib_ace_del(const scc_acl_key* key, const scc_ace_record* ace)
     SCC_LOG("no such ace!!!");
 }
 
-void _scc_lib_acl_reseq(const scc_acl_key* key, u32 sn_start, u32 sn_inc)
-{
+void _scc_lib_acl_reseq(const scc_acl_key* key, u32 sn_start, u32 sn_inc) {
     if (key == nullptr || static_cast<i32>(sn_start) < 1 || static_cast<i32>(sn_inc) < 1) {
         SCC_LOG("scclib param invalid. acl_info:%p, sn_start:%d, sn_inc:%d.", static_cast<const void*>(key),
                 sn_start, sn_inc);
@@ -404,8 +376,7 @@ void _scc_lib_acl_reseq(const scc_acl_key* key, u32 sn_start, u32 sn_inc)
     acl->sn_inc = sn_inc;
 }
 
-void _scc_lib_acl_update(const pending_call* call)
-{
+void _scc_lib_acl_update(const pending_call* call) {
     if (call == nullptr) {
         return;
     }

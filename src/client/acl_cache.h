@@ -39,8 +39,7 @@ static_assert(offsetof(scc_ace_record, ace_id) == 224);
 
 inline constexpr u32 acl_buckets = 512;
 
-[[nodiscard]] inline cached_ace* ace_of_link(list_node* link)
-{
+[[nodiscard]] inline cached_ace* ace_of_link(list_node* link) {
     return reinterpret_cast<cached_ace*>(reinterpret_cast<u8*>(link) - offsetof(cached_ace, record));
 }
 
@@ -48,8 +47,8 @@ void init_acl_cache();
 // Makes the buckets empty lists before the first start. scc_acl_lock held.
 void prepare_acl_buckets();
 void free_acl_cache();
-[[nodiscard]] u64 cached_acl_count();         // scc_acl_lock held
-[[nodiscard]] list_node* acl_bucket(u32 i);   // scc_acl_lock held
+[[nodiscard]] u64 cached_acl_count();        // scc_acl_lock held
+[[nodiscard]] list_node* acl_bucket(u32 i);  // scc_acl_lock held
 // The first cached ACE with this number, in list order; null when there is none. scc_acl_lock held.
 [[nodiscard]] cached_ace* find_ace(cached_acl& acl, u32 sn);
 

@@ -17,19 +17,16 @@ constexpr u32 show_all = 3;
 constexpr const char* acl_columns = "no      hash-id vdev-id app-type acl-id acl-cls ace-num   ";
 constexpr const char* acl_line = "----------------------------------------------------------";
 
-cached_acl* acl_of_bucket(list_node* node)
-{
+cached_acl* acl_of_bucket(list_node* node) {
     return reinterpret_cast<cached_acl*>(node);
 }
 
-void show_acl(u64 number, u32 bucket, const cached_acl& acl)
-{
+void show_acl(u64 number, u32 bucket, const cached_acl& acl) {
     SCC_SHOW("%-7lu %-7d %-7d %-8d %-7d %-7d %-9lu", number, bucket, acl.key.vdev_id, acl.key.app_type,
              acl.key.acl_id, acl.key.acl_class, acl.ace_count);
 }
 
-void show_everything()
-{
+void show_everything() {
     SCC_SHOW("================== scclib all acl info ===================");
     SCC_SHOW("Total acl num:%lu\n", cached_acl_count());
     SCC_SHOW("%s", acl_columns);
@@ -49,8 +46,7 @@ void show_everything()
 }
 
 // The second line of dashes is one longer than the header's: deliberate.
-void show_counts()
-{
+void show_counts() {
     SCC_SHOW("================== scclib acl summary info ===================");
     SCC_SHOW("Total acl num:%lu\n", cached_acl_count());
     SCC_SHOW("hash-id acl-num   ace-num   ");
@@ -72,8 +68,7 @@ void show_counts()
     SCC_SHOW("==========================end============================");
 }
 
-void show_one(u32 vdev_id, u32 app_type, u32 acl_id)
-{
+void show_one(u32 vdev_id, u32 app_type, u32 acl_id) {
     SCC_SHOW("================= scclib specific acl info ================");
     SCC_SHOW("Total acl num:%lu\n", cached_acl_count());
     SCC_SHOW("%s", acl_columns);
@@ -99,8 +94,7 @@ void show_one(u32 vdev_id, u32 app_type, u32 acl_id)
 extern "C" {
 
 // Request: u32 mode; then for one ACL u32 vdev id, u32 app type, u32 acl id.
-void _scc_lib_dbg_acl_show(const void* request)
-{
+void _scc_lib_dbg_acl_show(const void* request) {
     const u32 mode = load<u32>(request);
     const write_guard guard(scc_acl_lock);
     prepare_acl_buckets();

@@ -33,19 +33,16 @@ namespace {
 
 static_assert(sizeof(sockaddr_un::sun_path) == limits::path_bytes);
 
-int pid_now()
-{
+int pid_now() {
     return static_cast<int>(g_scc_client_cb.pid.load(relaxed));
 }
 
-u32 app_id_now()
-{
+u32 app_id_now() {
     return g_scc_client_cb.app_id.load(relaxed);
 }
 
 // Logs why, closes, and returns the negative error number.
-int give_up(int fd, const char* text)
-{
+int give_up(int fd, const char* text) {
     const int error = errno;
     SCC_LOG("%s", text);
     SCC_LOG("reason:%s", std::strerror(error));
@@ -55,14 +52,12 @@ int give_up(int fd, const char* text)
     return -error;
 }
 
-socklen_t address_length(const sockaddr_un& address)
-{
+socklen_t address_length(const sockaddr_un& address) {
     return static_cast<socklen_t>(std::strlen(address.sun_path) + offsetof(sockaddr_un, sun_path));
 }
 
 // The client's own address, whose stale file of an earlier process is removed.
-bool own_address(const char* prefix, sockaddr_un& address)
-{
+bool own_address(const char* prefix, sockaddr_un& address) {
     address.sun_family = AF_UNIX;
     const int length = std::snprintf(address.sun_path, sizeof address.sun_path, "%s%d", prefix, pid_now());
     if (length < 0 || length >= static_cast<int>(sizeof address.sun_path)) {
@@ -72,15 +67,13 @@ bool own_address(const char* prefix, sockaddr_un& address)
     return true;
 }
 
-bool daemon_address(sockaddr_un& address)
-{
+bool daemon_address(sockaddr_un& address) {
     address.sun_family = AF_UNIX;
     return scc_make_path(address.sun_path, daemon_socket_suffix, sizeof address.sun_path,
                          static_cast<int>(path_base::runtime)) == 1;
 }
 
-int set_send_timeout(int fd)
-{
+int set_send_timeout(int fd) {
     const timeval timeout{limits::send_timeout_seconds, 0};
     if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) == 0) {
         return fd;
@@ -96,13 +89,11 @@ struct socket_prefixes {
     path_buffer async;
 };
 
-bool make_prefixes(socket_prefixes& out)
-{
+bool make_prefixes(socket_prefixes& out) {
     return make_path(out.sync, sync_socket_suffix) && make_path(out.async, async_socket_suffix);
 }
 
-u32 connect_channel(channel which, const path_buffer& prefix, u32 generation)
-{
+u32 connect_channel(channel which, const path_buffer& prefix, u32 generation) {
     const std::atomic<i32>& slot =
         which == channel::sync ? g_scc_client_cb.sync_fd : g_scc_client_cb.async_fd;
     if (slot.load(relaxed) >= 0) {
@@ -115,40 +106,34 @@ u32 connect_channel(channel which, const path_buffer& prefix, u32 generation)
     return install_descriptor(which, fd, generation) ? result::ok : result::bad_descriptor;
 }
 
-u32 register_both(const registration_identity& identity)
-{
+u32 register_both(const registration_identity& identity) {
     const u32 error = _scc_lib_client_reg(1, &identity);
     return error != result::ok ? error : _scc_lib_client_reg(0, &identity);
 }
 
 // A value of the first item of a reply, 0 where the reply is too short for it: registration replies of a
 // refusal may leave the holder's pid out.
-u32 reply_word(const void* message, std::size_t offset)
-{
+u32 reply_word(const void* message, std::size_t offset) {
     const u32 length = load<u32>(message, wire::header_bytes);
     const auto* value = static_cast<const u8*>(message) + wire::header_bytes + wire::item_header_bytes;
     return offset + sizeof(u32) <= length ? load<u32>(value, offset) : 0;
 }
 
-bool has_result(const void* message)
-{
+bool has_result(const void* message) {
     return load<u32>(message, wire::header_bytes) >= 8;
 }
 
-void sleep_before_retry()
-{
+void sleep_before_retry() {
     sleep(limits::retry_seconds);
 }
 
 }  // namespace
 
-registration_identity identity_of_control_block()
-{
+registration_identity identity_of_control_block() {
     return {app_id_now(), g_scc_client_cb.option.load(relaxed)};
 }
 
-u32 connect_and_register(const registration_identity& identity, u32 generation)
-{
+u32 connect_and_register(const registration_identity& identity, u32 generation) {
     socket_prefixes prefixes;
     if (!make_prefixes(prefixes)) {
         return result::io_error;
@@ -167,8 +152,7 @@ u32 connect_and_register(const registration_identity& identity, u32 generation)
     return set_state_of(generation, state_registering) ? register_both(identity) : result::bad_descriptor;
 }
 
-void register_until_done(u32 generation)
-{
+void register_until_done(u32 generation) {
     socket_prefixes prefixes;
     if (!make_prefixes(prefixes)) {
         return;
@@ -193,8 +177,7 @@ void register_until_done(u32 generation)
     notify_status(1, generation);
 }
 
-u32 unregister_client(void (*before_close)())
-{
+u32 unregister_client(void (*before_close)()) {
     const u32 app_id = app_id_now();
     g_scc_client_cb.app_id.store(0, relaxed);
     unregistration_begins();
@@ -231,8 +214,7 @@ u32 unregister_client(void (*before_close)())
 
 extern "C" {
 
-int _scc_lib_client_connect(const char* prefix)
-{
+int _scc_lib_client_connect(const char* prefix) {
     sockaddr_un own{};
     if (!own_address(prefix, own)) {
         return -1;
@@ -255,23 +237,19 @@ int _scc_lib_client_connect(const char* prefix)
     return set_send_timeout(fd);
 }
 
-void _scc_lib_svr_rereg()
-{
+void _scc_lib_svr_rereg() {
     register_until_done(current_generation());
 }
 
-void _scc_lib_svr_status_notify(u32 status)
-{
+void _scc_lib_svr_status_notify(u32 status) {
     notify_status(status, current_generation());
 }
 
-int _scc_lib_client_close()
-{
+int _scc_lib_client_close() {
     return close_descriptors();
 }
 
-u32 _scc_lib_client_reg(int sync, const registration_identity* identity)
-{
+u32 _scc_lib_client_reg(int sync, const registration_identity* identity) {
     u8 request[12] = {};
     store<u32>(request, 0, identity->app_id);
     store<u32>(request, 4, static_cast<u32>(pid_now()));
@@ -298,8 +276,7 @@ u32 _scc_lib_client_reg(int sync, const registration_identity* identity)
     return refusal;
 }
 
-u32 _scc_client_unreg(int /*fd*/, u32 app_id, int sync)
-{
+u32 _scc_client_unreg(int /*fd*/, u32 app_id, int sync) {
     u32 error = _scc_lib_msg_send_rt(0, msg::unregistration, &app_id, sizeof app_id, sync);
     if (error != result::ok) {
         return error;

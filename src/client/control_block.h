@@ -47,20 +47,17 @@ void _scc_client_state_set(scc::u32 state);
 
 namespace scc {
 
-[[nodiscard]] inline u32 client_state_now()
-{
+[[nodiscard]] inline u32 client_state_now() {
     return g_scc_client_cb.state.load(relaxed);
 }
 
 template <class Handler>
-[[nodiscard]] inline Handler load_handler(const Handler& slot)
-{
+[[nodiscard]] inline Handler load_handler(const Handler& slot) {
     return __atomic_load_n(&slot, __ATOMIC_RELAXED);
 }
 
 template <class Handler>
-inline void store_handler(Handler& slot, Handler handler)
-{
+inline void store_handler(Handler& slot, Handler handler) {
     __atomic_store_n(&slot, handler, __ATOMIC_RELAXED);
 }
 

@@ -60,7 +60,7 @@ struct pointer_at {
     static pointer_value read(const source& from) { return {from.bytes + Offset}; }
     template <class Parameter>
     static constexpr bool fits =
-        std::is_pointer_v<Parameter> && std::is_const_v<std::remove_pointer_t<Parameter>>;
+        std::is_pointer_v<Parameter>&& std::is_const_v<std::remove_pointer_t<Parameter>>;
 };
 
 using whole = pointer_at<0>;

@@ -35,13 +35,11 @@ constinit std::atomic<u32> g_epoch{1};
 constinit std::atomic<u32> g_generation{0};
 constinit bool g_unregistering = false;
 
-std::atomic<i32>& slot_of(channel which)
-{
+std::atomic<i32>& slot_of(channel which) {
     return which == channel::sync ? g_scc_client_cb.sync_fd : g_scc_client_cb.async_fd;
 }
 
-loan* find_loan(int fd)
-{
+loan* find_loan(int fd) {
     for (loan& entry : g_loans) {
         if (entry.users > 0 && !entry.doomed && entry.fd == fd) {
             return &entry;
@@ -50,8 +48,7 @@ loan* find_loan(int fd)
     return nullptr;
 }
 
-loan* free_loan()
-{
+loan* free_loan() {
     for (loan& entry : g_loans) {
         if (entry.users == 0) {
             return &entry;
@@ -60,8 +57,7 @@ loan* free_loan()
     return nullptr;
 }
 
-bool lend(int fd)
-{
+bool lend(int fd) {
     loan* entry = find_loan(fd);
     if (entry == nullptr) {
         entry = free_loan();
@@ -75,8 +71,7 @@ bool lend(int fd)
 }
 
 // Releases a blocked borrower, then closes, at once or with the last borrower.
-int close_or_doom(int fd)
-{
+int close_or_doom(int fd) {
     shutdown(fd, SHUT_RDWR);
     if (loan* entry = find_loan(fd); entry != nullptr) {
         entry->doomed = true;
@@ -86,8 +81,7 @@ int close_or_doom(int fd)
 }
 
 // A descriptor of 0 is never closed: it is taken for the host's own.
-bool close_slot(channel which, const char* text)
-{
+bool close_slot(channel which, const char* text) {
     std::atomic<i32>& slot = slot_of(which);
     const int fd = slot.load(relaxed);
     if (fd <= 0) {
@@ -103,8 +97,7 @@ bool close_slot(channel which, const char* text)
     return false;
 }
 
-bool remove_socket_file(const char* suffix)
-{
+bool remove_socket_file(const char* suffix) {
     path_buffer prefix;
     if (!make_path(prefix, suffix)) {
         return false;
@@ -118,8 +111,7 @@ bool remove_socket_file(const char* suffix)
     return true;
 }
 
-int close_both_locked()
-{
+int close_both_locked() {
     g_epoch.fetch_add(1, relaxed);
     const bool sync_closed = close_slot(channel::sync, "close sync socket failed!!!");
     const bool async_closed = close_slot(channel::async, "close async socket failed!!!");
@@ -135,13 +127,11 @@ int close_both_locked()
 
 }  // namespace
 
-u32 connection_epoch()
-{
+u32 connection_epoch() {
     return g_epoch.load(relaxed);
 }
 
-borrowed_descriptor::borrowed_descriptor(channel which, u32 epoch) : fd_(-1), epoch_(0)
-{
+borrowed_descriptor::borrowed_descriptor(channel which, u32 epoch) : fd_(-1), epoch_(0) {
     const mutex_guard guard(g_connection_mutex);
     epoch_ = g_epoch.load(relaxed);
     if (epoch != any_epoch && epoch != epoch_) {
@@ -154,8 +144,7 @@ borrowed_descriptor::borrowed_descriptor(channel which, u32 epoch) : fd_(-1), ep
     }
 }
 
-borrowed_descriptor::~borrowed_descriptor()
-{
+borrowed_descriptor::~borrowed_descriptor() {
     if (fd_ < 0) {
         return;
     }
@@ -171,30 +160,25 @@ borrowed_descriptor::~borrowed_descriptor()
     }
 }
 
-u32 begin_generation()
-{
+u32 begin_generation() {
     const mutex_guard guard(g_connection_mutex);
     return g_generation.fetch_add(1, relaxed) + 1;
 }
 
-void end_generation()
-{
+void end_generation() {
     const mutex_guard guard(g_connection_mutex);
     g_generation.fetch_add(1, relaxed);
 }
 
-bool is_current(u32 generation)
-{
+bool is_current(u32 generation) {
     return g_generation.load(relaxed) == generation;
 }
 
-u32 current_generation()
-{
+u32 current_generation() {
     return g_generation.load(relaxed);
 }
 
-bool set_state_of(u32 generation, u32 state)
-{
+bool set_state_of(u32 generation, u32 state) {
     const mutex_guard guard(g_connection_mutex);
     if (!is_current(generation)) {
         return false;
@@ -203,8 +187,7 @@ bool set_state_of(u32 generation, u32 state)
     return true;
 }
 
-bool install_descriptor(channel which, int fd, u32 generation)
-{
+bool install_descriptor(channel which, int fd, u32 generation) {
     const mutex_guard guard(g_connection_mutex);
     if (!is_current(generation)) {
         close(fd);
@@ -214,14 +197,12 @@ bool install_descriptor(channel which, int fd, u32 generation)
     return true;
 }
 
-int close_descriptors()
-{
+int close_descriptors() {
     const mutex_guard guard(g_connection_mutex);
     return close_both_locked();
 }
 
-bool close_descriptors_of(u32 epoch)
-{
+bool close_descriptors_of(u32 epoch) {
     const mutex_guard guard(g_connection_mutex);
     if (g_epoch.load(relaxed) != epoch) {
         return false;
@@ -230,8 +211,7 @@ bool close_descriptors_of(u32 epoch)
     return true;
 }
 
-bool reset_connection(u32 generation)
-{
+bool reset_connection(u32 generation) {
     const mutex_guard guard(g_connection_mutex);
     if (!is_current(generation)) {
         return false;
@@ -242,8 +222,7 @@ bool reset_connection(u32 generation)
     return true;
 }
 
-void report_broken(u32 epoch)
-{
+void report_broken(u32 epoch) {
     const mutex_guard guard(g_connection_mutex);
     if (g_epoch.load(relaxed) != epoch || client_state_now() != state_registered) {
         return;
@@ -257,8 +236,7 @@ void report_broken(u32 epoch)
     scc_lib_rereg.store(1, relaxed);
 }
 
-void notify_status(u32 status, u32 generation)
-{
+void notify_status(u32 status, u32 generation) {
     pthread_mutex_lock(&g_connection_mutex);
     const auto handler =
         is_current(generation) ? load_handler(g_scc_client_cb.handlers.server_status) : nullptr;
@@ -268,21 +246,18 @@ void notify_status(u32 status, u32 generation)
     }
 }
 
-void unregistration_begins()
-{
+void unregistration_begins() {
     const mutex_guard guard(g_connection_mutex);
     g_unregistering = true;
 }
 
-void unregistration_is_over()
-{
+void unregistration_is_over() {
     const mutex_guard guard(g_connection_mutex);
     g_unregistering = false;
     pthread_cond_broadcast(&g_unregistration_over);
 }
 
-bool survives_unregistration(u32 generation)
-{
+bool survives_unregistration(u32 generation) {
     const mutex_guard guard(g_connection_mutex);
     while (g_unregistering && is_current(generation)) {
         pthread_cond_wait(&g_unregistration_over, &g_connection_mutex);

@@ -12,8 +12,7 @@ namespace scc {
 
 enum class channel : int { async = 0, sync = 1 };
 
-[[nodiscard]] inline channel channel_of(int sync)
-{
+[[nodiscard]] inline channel channel_of(int sync) {
     return sync == 1 ? channel::sync : channel::async;
 }
 

@@ -28,58 +28,49 @@ constexpr u32 command_switch = 1;
 constexpr u32 command_show_acls = 3;
 constexpr std::size_t shortest_line = 3;
 
-void add_one(u32& counter)
-{
+void add_one(u32& counter) {
     __atomic_fetch_add(&counter, 1, __ATOMIC_RELAXED);
 }
 
-u32 read(const u32& counter)
-{
+u32 read(const u32& counter) {
     return __atomic_load_n(&counter, __ATOMIC_RELAXED);
 }
 
-void write(u32& field, u32 value)
-{
+void write(u32& field, u32 value) {
     __atomic_store_n(&field, value, __ATOMIC_RELAXED);
 }
 
-void set_debugging(bool on)
-{
+void set_debugging(bool on) {
     scc_lib_debug.store(on ? 1 : 0, std::memory_order_relaxed);
 }
 
 // Whether the line names the process; then its number is the switch.
-bool line_decides(const char* line, const char* process_name, int& value)
-{
+bool line_decides(const char* line, const char* process_name, int& value) {
     char name[32];
     return std::strlen(line) > shortest_line && std::sscanf(line, "%31s   %d", name, &value) == 2 &&
            strcasecmp(name, process_name) == 0;
 }
 
-u32 now_us()
-{
+u32 now_us() {
     timeval now{};
     gettimeofday(&now, nullptr);
     return static_cast<u32>(now.tv_sec) * 1000000U + static_cast<u32>(now.tv_usec);
 }
 
-bool is_probing()
-{
+bool is_probing() {
     return __atomic_load_n(&g_scc_perf_debug, __ATOMIC_RELAXED) != 0;
 }
 
 }  // namespace
 
-call_statistics read_statistics(u32 index)
-{
+call_statistics read_statistics(u32 index) {
     const call_statistics& entry = g_scclib_stat[index];
     return {read(entry.calls), read(entry.callback_successes), read(entry.call_successes),
             read(entry.callback_failures), read(entry.call_failures)};
 }
 
 // The display of ACLs reads a mode and, for a single ACL, three more words.
-bool debug_command_fits(const u8* value, u64 length)
-{
+bool debug_command_fits(const u8* value, u64 length) {
     if (length < command_data_offset) {
         return false;
     }
@@ -92,8 +83,7 @@ bool debug_command_fits(const u8* value, u64 length)
     return length >= (mode == 1 || mode == 3 ? mode_end : key_end);
 }
 
-void reset_service_statistics()
-{
+void reset_service_statistics() {
     service_statistics* block = __atomic_load_n(&ss_stat, __ATOMIC_RELAXED);
     if (block == nullptr) {
         return;
@@ -116,8 +106,7 @@ constinit std::array<call_statistics, stat_entries> g_scclib_stat{};
 constinit uint8_t g_scc_perf_debug = 0;
 constinit struct scc_perf_entry g_scc_perf[SCC_PERF_ENTRIES] = {};
 
-void _scc_lib_debug_init(const char* process_name)
-{
+void _scc_lib_debug_init(const char* process_name) {
     if (process_name == nullptr) {
         return;
     }
@@ -143,8 +132,7 @@ void _scc_lib_debug_init(const char* process_name)
 }
 
 // Opening logs behind the switch and closing before it, so that both lines are written.
-void _scc_lib_dbg_proc(const void* value)
-{
+void _scc_lib_dbg_proc(const void* value) {
     if (value == nullptr) {
         return;
     }
@@ -162,30 +150,25 @@ void _scc_lib_dbg_proc(const void* value)
     }
 }
 
-void _scc_lib_func_call_succ(u32 index)
-{
+void _scc_lib_func_call_succ(u32 index) {
     add_one(g_scclib_stat[index].calls);
     add_one(g_scclib_stat[index].call_successes);
 }
 
-void _scc_lib_func_call_fail(u32 index)
-{
+void _scc_lib_func_call_fail(u32 index) {
     add_one(g_scclib_stat[index].calls);
     add_one(g_scclib_stat[index].call_failures);
 }
 
-void _scc_lib_func_cb_succ(u32 index)
-{
+void _scc_lib_func_cb_succ(u32 index) {
     add_one(g_scclib_stat[index].callback_successes);
 }
 
-void _scc_lib_func_cb_fail(u32 index)
-{
+void _scc_lib_func_cb_fail(u32 index) {
     add_one(g_scclib_stat[index].callback_failures);
 }
 
-void _scc_lib_func_stat_reset()
-{
+void _scc_lib_func_stat_reset() {
     for (call_statistics& entry : g_scclib_stat) {
         for (u32* counter : {&entry.calls, &entry.callback_successes, &entry.call_successes,
                              &entry.callback_failures, &entry.call_failures}) {
@@ -194,15 +177,13 @@ void _scc_lib_func_stat_reset()
     }
 }
 
-void scc_time_elapse_start(uint32_t index)
-{
+void scc_time_elapse_start(uint32_t index) {
     if (is_probing() && index < SCC_PERF_ENTRIES) {
         write(g_scc_perf[index].start, now_us());
     }
 }
 
-void scc_time_elapse_end(uint32_t index)
-{
+void scc_time_elapse_end(uint32_t index) {
     if (!is_probing() || index >= SCC_PERF_ENTRIES) {
         return;
     }

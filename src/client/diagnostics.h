@@ -57,13 +57,11 @@ void _scc_lib_func_stat_reset();
 
 namespace scc {
 
-inline void count_call(u32 index, bool succeeded)
-{
+inline void count_call(u32 index, bool succeeded) {
     succeeded ? _scc_lib_func_call_succ(index) : _scc_lib_func_call_fail(index);
 }
 
-inline void count_callback(u32 index, bool succeeded)
-{
+inline void count_callback(u32 index, bool succeeded) {
     succeeded ? _scc_lib_func_cb_succ(index) : _scc_lib_func_cb_fail(index);
 }
 

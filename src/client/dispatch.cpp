@@ -51,8 +51,7 @@ static_assert(std::ranges::is_sorted(item_table, {}, &item_row::type) &&
               std::ranges::adjacent_find(item_table, {}, &item_row::type) == item_table.end());
 
 // Items that carry a count of what follows, or a command with data, need more than their fixed part.
-bool is_long_enough(const item_row& row, const item& received)
-{
+bool is_long_enough(const item_row& row, const item& received) {
     const u64 length = received.value.size();
     if (length < row.least_bytes) {
         return false;
@@ -73,8 +72,7 @@ bool is_long_enough(const item_row& row, const item& received)
 }  // namespace
 }  // namespace scc
 
-extern "C" void _scc_lib_async_msg_proc(u32 count, const void* first)
-{
+extern "C" void _scc_lib_async_msg_proc(u32 count, const void* first) {
     const auto items = static_cast<u16>(count);
     if (items == 0 || first == nullptr) {
         SCC_LOG("input param invalid. tlv_num(%d).", items);

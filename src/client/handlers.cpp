@@ -18,13 +18,11 @@ constinit client_control_block g_scc_client_cb = {
 };
 constinit std::atomic<u8> scc_lib_rereg{0};
 
-void _scc_client_state_set(u32 state)
-{
+void _scc_client_state_set(u32 state) {
     g_scc_client_cb.state.store(state, relaxed);
 }
 
-bool _scc_lib_client_is_connected()
-{
+bool _scc_lib_client_is_connected() {
     return g_scc_client_cb.sync_fd.load(relaxed) >= 0 && g_scc_client_cb.async_fd.load(relaxed) >= 0;
 }
 }
@@ -43,13 +41,11 @@ static_assert(offsetof(scc_handlers, water_line) == water_line_position * sizeof
 
 using any_handler = void (*)();
 
-any_handler* slots(scc_handlers& handlers)
-{
+any_handler* slots(scc_handlers& handlers) {
     return reinterpret_cast<any_handler*>(&handlers);
 }
 
-const any_handler* slots(const scc_handlers& handlers)
-{
+const any_handler* slots(const scc_handlers& handlers) {
     return reinterpret_cast<const any_handler*>(&handlers);
 }
 
@@ -59,8 +55,7 @@ const any_handler* slots(const scc_handlers& handlers)
 extern "C" {
 
 // The water-line handler is not copied: every water-line notification is ignored, deliberately.
-void _scc_lib_handler_set(const scc_reg_info* info)
-{
+void _scc_lib_handler_set(const scc_reg_info* info) {
     for (std::size_t i = 0; i < positions; ++i) {
         if (i != water_line_position) {
             store_handler(slots(g_scc_client_cb.handlers)[i], slots(info->handlers)[i]);
@@ -69,8 +64,7 @@ void _scc_lib_handler_set(const scc_reg_info* info)
 }
 
 // The filter counter's handler stays, as does the water line's that was never set: deliberate.
-void _scc_lib_handler_clear()
-{
+void _scc_lib_handler_clear() {
     for (std::size_t i = 0; i < positions; ++i) {
         if (i != filter_counter_position && i != water_line_position) {
             store_handler(slots(g_scc_client_cb.handlers)[i], any_handler{nullptr});

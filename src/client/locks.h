@@ -20,8 +20,7 @@ class write_guard {
     write_guard(const write_guard&) = delete;
     write_guard& operator=(const write_guard&) = delete;
 
-    void release()
-    {
+    void release() {
         if (lock_ != nullptr) {
             pthread_rwlock_unlock(lock_);
             lock_ = nullptr;

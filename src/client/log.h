@@ -15,8 +15,7 @@ namespace scc {
 inline constexpr int log_level = 7;
 inline constexpr int log_flag = 2;
 
-[[nodiscard]] inline bool is_debugging()
-{
+[[nodiscard]] inline bool is_debugging() {
     return scc_lib_debug.load(std::memory_order_relaxed) != 0;
 }
 
@@ -25,10 +24,10 @@ inline constexpr int log_flag = 2;
 #define SCC_LOG_RAW(submodule, format, ...) \
     printk_syslog_ext(scc::log_level, "SCCLIB", submodule, scc::log_flag, format __VA_OPT__(, ) __VA_ARGS__)
 
-#define SCC_LOG(format, ...)                                                          \
-    do {                                                                              \
-        if (scc::is_debugging()) {                                                    \
-            SCC_LOG_RAW("DETAIL", "<%-23s line:%-4d> " format, __func__,              \
-                        __LINE__ __VA_OPT__(, ) __VA_ARGS__);                         \
-        }                                                                             \
+#define SCC_LOG(format, ...)                                             \
+    do {                                                                 \
+        if (scc::is_debugging()) {                                       \
+            SCC_LOG_RAW("DETAIL", "<%-23s line:%-4d> " format, __func__, \
+                        __LINE__ __VA_OPT__(, ) __VA_ARGS__);            \
+        }                                                                \
     } while (false)

@@ -17,8 +17,7 @@ namespace scc {
 
 // The first start makes the condition and the list; later ones find a processing thread that may be
 // waiting on them, so they are left alone.
-void init_message_queue()
-{
+void init_message_queue() {
     const mutex_guard guard(g_scc_lib_msg_mutex);
     if (g_scc_lib_msg_q.next != nullptr) {
         return;
@@ -32,8 +31,7 @@ void init_message_queue()
     }
 }
 
-bool enqueue_message(i32 fd, void* message)
-{
+bool enqueue_message(i32 fd, void* message) {
     auto* node = static_cast<scc_lib_msg_node*>(std::malloc(sizeof(scc_lib_msg_node)));
     if (node == nullptr) {
         return false;
@@ -46,8 +44,7 @@ bool enqueue_message(i32 fd, void* message)
     return true;
 }
 
-scc_lib_msg_node* dequeue_message()
-{
+scc_lib_msg_node* dequeue_message() {
     const mutex_guard guard(g_scc_lib_msg_mutex);
     timespec deadline{};
     clock_gettime(CLOCK_MONOTONIC, &deadline);

@@ -19,8 +19,7 @@ namespace {
 constexpr std::size_t first_buckets = 1024;
 constexpr u32 spare_blocks_max = 8192;
 
-u64 hash_of(const list_node* node)
-{
+u64 hash_of(const list_node* node) {
     return reinterpret_cast<const pending_call*>(node)->call_id;
 }
 
@@ -34,8 +33,7 @@ struct spare_blocks {
 // scc_call_data_lock guards both.
 constinit spare_blocks g_spare{};
 
-void free_spare_blocks()
-{
+void free_spare_blocks() {
     while (g_spare.first != nullptr) {
         pending_call* block = g_spare.first;
         g_spare.first = reinterpret_cast<pending_call*>(block->link.next);
@@ -44,8 +42,7 @@ void free_spare_blocks()
     g_spare.count = 0;
 }
 
-pending_call* take_spare(i32 data_bytes)
-{
+pending_call* take_spare(i32 data_bytes) {
     const write_guard guard(scc_call_data_lock);
     pending_call* block = g_spare.data_bytes == data_bytes ? g_spare.first : nullptr;
     if (block != nullptr) {
@@ -64,13 +61,11 @@ extern "C" {
 constinit pthread_rwlock_t scc_call_data_lock = PTHREAD_RWLOCK_INITIALIZER;
 constinit bucket_table<hash_of, first_buckets> g_scc_lib_call_lst{};
 
-u32 _scc_lib_call_id_get()
-{
+u32 _scc_lib_call_id_get() {
     return g_scc_client_cb.last_call_id.fetch_add(1, relaxed) + 1;
 }
 
-u32 _scc_lib_save_call_data(u32 call_id, u32 kind, const void* data, int len)
-{
+u32 _scc_lib_save_call_data(u32 call_id, u32 kind, const void* data, int len) {
     const i32 data_bytes = len > 0 ? len : 0;
     pending_call* call = take_spare(data_bytes);
     if (call == nullptr) {
@@ -92,16 +87,14 @@ u32 _scc_lib_save_call_data(u32 call_id, u32 kind, const void* data, int len)
     return result::ok;
 }
 
-void _scc_lib_del_call_data(u32 call_id)
-{
+void _scc_lib_del_call_data(u32 call_id) {
     std::free(take_pending_call(call_id));
 }
 }
 
 namespace scc {
 
-pending_call* take_pending_call(u32 call_id)
-{
+pending_call* take_pending_call(u32 call_id) {
     const write_guard guard(scc_call_data_lock);
     list_node* node = g_scc_lib_call_lst.find(call_id, [call_id](const list_node* candidate) {
         return reinterpret_cast<const pending_call*>(candidate)->call_id == call_id;
@@ -112,8 +105,7 @@ pending_call* take_pending_call(u32 call_id)
     return reinterpret_cast<pending_call*>(node);
 }
 
-void release_pending_call(pending_call* call)
-{
+void release_pending_call(pending_call* call) {
     {
         const write_guard guard(scc_call_data_lock);
         if (g_spare.count == 0) {
@@ -130,34 +122,29 @@ void release_pending_call(pending_call* call)
     std::free(call);
 }
 
-std::size_t pending_calls()
-{
+std::size_t pending_calls() {
     const write_guard guard(scc_call_data_lock);
     return g_scc_lib_call_lst.size();
 }
 
-void free_pending_calls()
-{
+void free_pending_calls() {
     const write_guard guard(scc_call_data_lock);
     g_scc_lib_call_lst.clear([](list_node* node) { std::free(node); });
     free_spare_blocks();
 }
 
-void init_pending_calls()
-{
+void init_pending_calls() {
     free_pending_calls();
     const write_guard guard(scc_call_data_lock);
     g_scc_lib_call_lst.reset();
 }
 
-void grow_pending_index()
-{
+void grow_pending_index() {
     const write_guard guard(scc_call_data_lock);
     g_scc_lib_call_lst.grow_if_crowded();
 }
 
-void free_idle_blocks()
-{
+void free_idle_blocks() {
     const write_guard guard(scc_call_data_lock);
     if (!g_spare.used_since_check) {
         free_spare_blocks();

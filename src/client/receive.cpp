@@ -20,14 +20,12 @@
 namespace scc {
 namespace {
 
-u32 app_id_now()
-{
+u32 app_id_now() {
     return g_scc_client_cb.app_id.load(relaxed);
 }
 
 // Waits up to a second for the socket. 0 ready; 11 nothing came; otherwise the error.
-u32 wait_readable(int fd)
-{
+u32 wait_readable(int fd) {
     pollfd watched{fd, POLLIN, 0};
     const int ready = poll(&watched, 1, limits::receive_wait_ms);
     if (ready == 0) {
@@ -46,8 +44,7 @@ u32 wait_readable(int fd)
 }
 
 // One pass: at most one message. The result is the pass's error.
-u32 receive_once(deliver_message deliver)
-{
+u32 receive_once(deliver_message deliver) {
     if (scc_lib_rereg.load(relaxed) != 0) {
         SCC_LOG("appid %d ready to rereg.", app_id_now());
         return result::peer_closed;
@@ -77,8 +74,7 @@ u32 receive_once(deliver_message deliver)
 }
 
 // What follows an error; false when the thread has to leave.
-bool recover(u32 error, u32 generation)
-{
+bool recover(u32 error, u32 generation) {
     if (!survives_unregistration(generation)) {
         return false;
     }
@@ -94,14 +90,12 @@ bool recover(u32 error, u32 generation)
 
 }  // namespace
 
-void dispatch_and_free(i32 /*fd*/, void* message)
-{
+void dispatch_and_free(i32 /*fd*/, void* message) {
     _scc_lib_async_msg_proc(load<u16>(message, 5), static_cast<u8*>(message) + wire::header_bytes);
     _scc_msg_free(&message);
 }
 
-void run_receive_loop(u32 generation, deliver_message deliver)
-{
+void run_receive_loop(u32 generation, deliver_message deliver) {
     register_until_done(generation);
     if (!is_current(generation) || client_state_now() != state_registered) {
         SCC_LOG("scc client not registered to sccd.exit thread.");
@@ -120,8 +114,7 @@ void run_receive_loop(u32 generation, deliver_message deliver)
 
 }  // namespace scc
 
-extern "C" void* _scc_lib_thread(void* generation)
-{
+extern "C" void* _scc_lib_thread(void* generation) {
     scc::detach_and_name_with_pid();
     scc::run_receive_loop(static_cast<scc::u32>(reinterpret_cast<std::uintptr_t>(generation)),
                           scc::dispatch_and_free);

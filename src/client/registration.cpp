@@ -19,8 +19,7 @@ using namespace scc;
 namespace scc {
 namespace {
 
-u32 start_threads(const scc_reg_info& info, u32 generation)
-{
+u32 start_threads(const scc_reg_info& info, u32 generation) {
     u32 error = start_thread(_scc_lib_thread, thread_argument(generation));
     if (error == result::ok) {
         error = start_thread(_scc_lib_send_buf_chk_thread, nullptr);
@@ -38,8 +37,7 @@ u32 start_threads(const scc_reg_info& info, u32 generation)
 
 extern "C" {
 
-uint32_t scc_svr_reg(const struct scc_reg_info* info)
-{
+uint32_t scc_svr_reg(const struct scc_reg_info* info) {
     if (info == nullptr) {
         SCC_LOG("input param is null!.");
         return result::invalid;
@@ -63,8 +61,7 @@ uint32_t scc_svr_reg(const struct scc_reg_info* info)
     return start_threads(*info, generation);
 }
 
-uint32_t scc_svr_unreg(void)
-{
+uint32_t scc_svr_unreg(void) {
     const write_guard guard(scc_lib_lock);
     if (client_state_now() != state_registered) {
         SCC_LOG("(pid:%d) already unregistered or not registered!",

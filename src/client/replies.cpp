@@ -23,13 +23,11 @@ constexpr u32 collect_entry_bytes = 24;
 constexpr u32 collect_bytes = collect_head_bytes + stat_entries * collect_entry_bytes;
 static_assert(collect_bytes == 320);
 
-u32 app_id_now()
-{
+u32 app_id_now() {
     return g_scc_client_cb.app_id.load(relaxed);
 }
 
-void store_entry(u8* at, u32 index)
-{
+void store_entry(u8* at, u32 index) {
     const call_statistics entry = read_statistics(index);
     const u32 columns[] = {index,
                            entry.calls,
@@ -41,8 +39,7 @@ void store_entry(u8* at, u32 index)
     std::memcpy(at, columns, sizeof columns);
 }
 
-void send_basic_reply()
-{
+void send_basic_reply() {
     const u32 reply[] = {app_id_now(), 0};
     [[maybe_unused]] const u32 error = _scc_lib_msg_send(msg::info_collect, reply, sizeof reply, 1);
     SCC_LOG("send libinfo basic collect back. rv:%d.", error);
@@ -53,15 +50,13 @@ void send_basic_reply()
 
 extern "C" {
 
-void _scc_lib_is_alive_proc(const void* /*value*/)
-{
+void _scc_lib_is_alive_proc(const void* /*value*/) {
     const u32 app_id = app_id_now();
     [[maybe_unused]] const u32 error = _scc_lib_msg_send(msg::is_alive, &app_id, sizeof app_id, 1);
     SCC_LOG("send alive back. rv:%d.", error);
 }
 
-void _scc_lib_info_collect_proc(const void* /*value*/)
-{
+void _scc_lib_info_collect_proc(const void* /*value*/) {
     void* reply = nullptr;
     if (_scc_msg_alloc(&reply, collect_bytes) != result::ok) {
         send_basic_reply();
@@ -77,8 +72,7 @@ void _scc_lib_info_collect_proc(const void* /*value*/)
     _scc_msg_free(&reply);
 }
 
-void _scc_lib_dev_cap_proc(const void* value)
-{
+void _scc_lib_dev_cap_proc(const void* value) {
     set_capability_word(load<u64>(value));
 }
 }

@@ -54,19 +54,16 @@ namespace {
 // Four bytes of the initial TLS block, so that no call into the dynamic linker is needed.
 [[gnu::tls_model("initial-exec")]] thread_local constinit u32 t_epoch = any_epoch;
 
-int pid_now()
-{
+int pid_now() {
     return static_cast<int>(g_scc_client_cb.pid.load(relaxed));
 }
 
-u32 app_id_now()
-{
+u32 app_id_now() {
     return g_scc_client_cb.app_id.load(relaxed);
 }
 
 // What a request does after its send failed. The caller holds no lock of the send path.
-void recover_from_send_failure(u32 error, u32 epoch)
-{
+void recover_from_send_failure(u32 error, u32 epoch) {
     if (app_id_now() == 0) {
         _scc_client_state_set(state_idle);
         return;
@@ -87,14 +84,12 @@ void recover_from_send_failure(u32 error, u32 epoch)
     }
 }
 
-u32 send_on(channel which, u32 epoch, const void* bytes, u32 length)
-{
+u32 send_on(channel which, u32 epoch, const void* bytes, u32 length) {
     const borrowed_descriptor borrowed(which, epoch);
     return _scc_msg_send(borrowed.fd(), bytes, static_cast<int>(length));
 }
 
-void append(u16 sub_id, u16 type, const void* value, u32 length)
-{
+void append(u16 sub_id, u16 type, const void* value, u32 length) {
     batch& waiting = *g_scc_msg_send_q;
     u8* at = waiting.message + wire::header_bytes + waiting.used;
     write_item_header(at, length, sub_id, type);
@@ -106,13 +101,11 @@ void append(u16 sub_id, u16 type, const void* value, u32 length)
     write_header(waiting.message, static_cast<u16>(waiting.count), wire::header_bytes + waiting.used);
 }
 
-bool may_wait()
-{
+bool may_wait() {
     return client_state_now() == state_registered && g_scc_msg_send_q->used < g_scc_msg_send_q->capacity;
 }
 
-void log_flush(const char* who)
-{
+void log_flush(const char* who) {
     const batch& waiting = *g_scc_msg_send_q;
     SCC_LOG("%s msg(len:%d, ver:%d, num:%u) send len:%d, uselen:%d. total len:%d.", who,
             load<u32>(waiting.message), waiting.message[4], load<u16>(waiting.message, 5),
@@ -120,8 +113,7 @@ void log_flush(const char* who)
 }
 
 // The requests of a connection that has gone are dropped, as their calls were.
-void drop_batch_of_lost_connection(u32 epoch)
-{
+void drop_batch_of_lost_connection(u32 epoch) {
     if (g_scc_msg_send_q->count != 0 && g_scc_msg_send_q->epoch != epoch) {
         _scc_lib_send_buff_init();
     }
@@ -130,8 +122,7 @@ void drop_batch_of_lost_connection(u32 epoch)
 // Appends, and flushes as often as it takes. Under scc_send_buf_lock. Once a request did not fit, every
 // flush outside the registered state is followed by the same request again, until a send fails or the
 // state is registered: deliberate, and over in a moment since only a change of state leads there.
-u32 append_and_flush(u16 sub_id, u16 type, const void* value, u32 length, int sync)
-{
+u32 append_and_flush(u16 sub_id, u16 type, const void* value, u32 length, int sync) {
     const u32 entry = length + wire::item_header_bytes;
     batch& waiting = *g_scc_msg_send_q;
     bool overflow = waiting.capacity - waiting.used < entry;
@@ -145,8 +136,8 @@ u32 append_and_flush(u16 sub_id, u16 type, const void* value, u32 length, int sy
         if (sync != 1) {
             log_flush("bt send");
         }
-        const u32 error = send_on(channel_of(sync), waiting.epoch, waiting.message,
-                                  wire::header_bytes + waiting.used);
+        const u32 error =
+            send_on(channel_of(sync), waiting.epoch, waiting.message, wire::header_bytes + waiting.used);
         if (error != result::ok) {
             SCC_LOG("(app id:%d, pid:%d)send %s message error(rv:%d)!", app_id_now(), pid_now(),
                     sync == 1 ? "sync" : "async", error);
@@ -164,8 +155,7 @@ u32 append_and_flush(u16 sub_id, u16 type, const void* value, u32 length, int sy
     }
 }
 
-u32 send_oversized(u16 sub_id, u16 type, const void* value, int len, int sync)
-{
+u32 send_oversized(u16 sub_id, u16 type, const void* value, int len, int sync) {
     SCC_LOG("msg is larger than sendbuf. val_size:%d.", len);
     const write_guard guard(scc_send_buf_lock);
     // The caller hears that the value is too large whatever became of it.
@@ -173,15 +163,13 @@ u32 send_oversized(u16 sub_id, u16 type, const void* value, int len, int sync)
     return result::invalid;
 }
 
-void sleep_us(long microseconds)
-{
+void sleep_us(long microseconds) {
     const timespec pause{microseconds / 1000000, microseconds % 1000000 * 1000};
     nanosleep(&pause, nullptr);
 }
 
 // Reads past a body for which there is no memory, so that the next message is found.
-u32 discard_body(int fd, u32 length)
-{
+u32 discard_body(int fd, u32 length) {
     u8 scrap[512];
     while (length > 0) {
         const u32 part = length < sizeof scrap ? length : static_cast<u32>(sizeof scrap);
@@ -193,8 +181,7 @@ u32 discard_body(int fd, u32 length)
     return result::ok;
 }
 
-u32 receive_body(int fd, const u8* header, u32 length, void** out)
-{
+u32 receive_body(int fd, const u8* header, u32 length, void** out) {
     auto* message = static_cast<u8*>(std::malloc(length));
     if (message == nullptr) {
         SCC_LOG("alloc memory failed.");
@@ -220,26 +207,22 @@ u32 receive_body(int fd, const u8* header, u32 length, void** out)
 
 }  // namespace
 
-u32 epoch_of_this_thread()
-{
+u32 epoch_of_this_thread() {
     return t_epoch != any_epoch ? t_epoch : connection_epoch();
 }
 
-connection_scope::connection_scope() : before_(t_epoch)
-{
+connection_scope::connection_scope() : before_(t_epoch) {
     t_epoch = connection_epoch();
 }
 
-connection_scope::~connection_scope()
-{
+connection_scope::~connection_scope() {
     t_epoch = before_;
 }
 
 namespace {
 
 // Sends the batch with the checker's patience; the error that ended the connection, or 0.
-u32 flush_patiently(u32& epoch)
-{
+u32 flush_patiently(u32& epoch) {
     const write_guard guard(scc_send_buf_lock);
     if (g_scc_msg_send_q == nullptr || g_scc_msg_send_q->count == 0) {
         return result::ok;
@@ -254,7 +237,7 @@ u32 flush_patiently(u32& epoch)
     u32 error = result::ok;
     for (;;) {
         error = send_on(channel::async, epoch, g_scc_msg_send_q->message,
-                                  wire::header_bytes + g_scc_msg_send_q->used);
+                        wire::header_bytes + g_scc_msg_send_q->used);
         if (error == result::try_again) {
             if (++retries > limits::send_retries) {
                 SCC_LOG("_scc_msg_send retry %d times. Reason:%s(%d).", retries,
@@ -280,8 +263,7 @@ u32 flush_patiently(u32& epoch)
 
 // Closing makes the receive thread register again. An event loop would not notice a descriptor that was
 // closed under it, so the agent is told.
-void flush_waiting_batch()
-{
+void flush_waiting_batch() {
     u32 epoch = any_epoch;
     if (flush_patiently(epoch) == result::ok) {
         return;
@@ -298,8 +280,7 @@ void flush_waiting_batch()
 
 extern "C" {
 
-void _scc_lib_data_init()
-{
+void _scc_lib_data_init() {
     init_pending_calls();
     init_acl_cache();
     {
@@ -319,32 +300,27 @@ void _scc_lib_data_init()
     init_message_queue();
 }
 
-void _scc_lib_data_free()
-{
+void _scc_lib_data_free() {
     free_pending_calls();
     free_acl_cache();
 }
 
-void _scc_lib_send_buff_init()
-{
+void _scc_lib_send_buff_init() {
     g_scc_msg_send_q->count = 0;
     g_scc_msg_send_q->used = 0;
     write_header(g_scc_msg_send_q->message, 0, wire::header_bytes);
 }
 
-u32 _scc_lib_msg_send(u16 type, const void* value, int len, int sync)
-{
+u32 _scc_lib_msg_send(u16 type, const void* value, int len, int sync) {
     return _scc_lib_ss_msg_send(0, type, value, len, sync);
 }
 
-u32 _scc_lib_ss_msg_send(u16 sub_id, u16 type, const void* value, int len, int sync)
-{
+u32 _scc_lib_ss_msg_send(u16 sub_id, u16 type, const void* value, int len, int sync) {
     return sync == 1 ? _scc_lib_msg_send_rt(sub_id, type, value, len, 1)
                      : _scc_lib_msg_send_bt(sub_id, type, value, len, 0);
 }
 
-u32 _scc_lib_msg_send_rt(u16 sub_id, u16 type, const void* value, int len, int sync)
-{
+u32 _scc_lib_msg_send_rt(u16 sub_id, u16 type, const void* value, int len, int sync) {
     const u32 value_bytes = len > 0 ? static_cast<u32>(len) : 0;
     const u32 total = value_bytes + wire::header_bytes + wire::item_header_bytes;
     void* message = nullptr;
@@ -369,8 +345,7 @@ u32 _scc_lib_msg_send_rt(u16 sub_id, u16 type, const void* value, int len, int s
     return result::ok;
 }
 
-u32 _scc_lib_msg_send_bt(u16 sub_id, u16 type, const void* value, int len, int sync)
-{
+u32 _scc_lib_msg_send_bt(u16 sub_id, u16 type, const void* value, int len, int sync) {
     const u32 length = len > 0 ? static_cast<u32>(len) : 0;
     if (length >= wire::oversized_value_bytes) {
         return send_oversized(sub_id, type, value, len, sync);
@@ -396,8 +371,7 @@ u32 _scc_lib_msg_send_bt(u16 sub_id, u16 type, const void* value, int len, int s
     return result::ok;
 }
 
-u32 _scc_lib_msg_recv(void** out, int sync)
-{
+u32 _scc_lib_msg_recv(void** out, int sync) {
     *out = nullptr;
     const borrowed_descriptor borrowed(channel_of(sync), t_epoch);
     u8 header[wire::header_bytes];

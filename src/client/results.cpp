@@ -19,8 +19,7 @@ namespace {
 using deliver_fn = void (*)(u32 result, u32 call_id, const source& saved);
 
 template <auto Member, class... Arguments>
-void deliver(u32 result, u32 call_id, const source& saved)
-{
+void deliver(u32 result, u32 call_id, const source& saved) {
     using handler_type = handler_of<Member>;
     static_assert(signature<handler_type, u32, u32>::template same_count<Arguments...>);
     static_assert(signature<handler_type, u32, u32>::template matches<Arguments...>);
@@ -105,8 +104,7 @@ constexpr std::array result_table = std::to_array<result_row>({
 });
 // clang-format on
 
-consteval bool rows_are_complete_and_ordered()
-{
+consteval bool rows_are_complete_and_ordered() {
     for (u32 i = 0; i < result_table.size(); ++i) {
         if (result_table[i].kind != i + 1) {
             return false;
@@ -118,8 +116,7 @@ consteval bool rows_are_complete_and_ordered()
 static_assert(rows_are_complete_and_ordered());
 
 // NAC users are counted by the saved operation: 1 added, 3 deleted, anything else not at all.
-u32 statistics_of_user(const source& saved)
-{
+u32 statistics_of_user(const source& saved) {
     constexpr std::size_t operation_offset = offsetof(scc_user_record, operation);
     if (saved.length < operation_offset + sizeof(u32)) {
         return not_counted;
@@ -134,8 +131,7 @@ u32 statistics_of_user(const source& saved)
     }
 }
 
-void deliver_result(u32 result, const pending_call& call)
-{
+void deliver_result(u32 result, const pending_call& call) {
     const bool in_table = call.kind >= 1 && call.kind <= kind::last;
     const result_row row = in_table ? result_table[call.kind - 1] : result_row{call.kind, nullptr};
     if (row.deliver == nullptr) {
@@ -153,8 +149,7 @@ void deliver_result(u32 result, const pending_call& call)
 }  // namespace
 }  // namespace scc
 
-extern "C" void _scc_lib_call_ret_proc(const void* value)
-{
+extern "C" void _scc_lib_call_ret_proc(const void* value) {
     const u32 call_id = load<u32>(value, 0);
     const u32 result = load<u32>(value, 4);
     pending_call* call = take_pending_call(call_id);

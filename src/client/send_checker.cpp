@@ -19,8 +19,7 @@ namespace {
 // How often idle blocks of delivered calls are given back.
 constexpr u32 passes_between_maintenance = 20;
 
-bool wait_one_interval()
-{
+bool wait_one_interval() {
     timeval interval{0, limits::batch_interval_us};
     if (select(0, nullptr, nullptr, nullptr, &interval) < 0) {
         SCC_LOG("select error! errno:%d.", errno);
@@ -36,8 +35,7 @@ extern "C" {
 
 constinit std::atomic<u8> g_send_buf_chk_enabled{0};
 
-void* _scc_lib_send_buf_chk_thread(void* /*argument*/)
-{
+void* _scc_lib_send_buf_chk_thread(void* /*argument*/) {
     detach_and_name_with_pid();
     if (g_send_buf_chk_enabled.exchange(1) != 0) {
         return nullptr;

@@ -12,8 +12,7 @@
 
 namespace scc {
 
-bool is_started(u32 app_id)
-{
+bool is_started(u32 app_id) {
     if (!_scc_lib_client_is_connected() && client_state_now() == state_idle) {
         return false;
     }
@@ -21,8 +20,7 @@ bool is_started(u32 app_id)
     return true;
 }
 
-u32 make_runtime_directory(u32 app_id)
-{
+u32 make_runtime_directory(u32 app_id) {
     path_buffer directory;
     if (!make_path(directory, runtime_directory_suffix)) {
         SCC_LOG("scclib create tmp dir error.");
@@ -36,8 +34,7 @@ u32 make_runtime_directory(u32 app_id)
     return error;
 }
 
-void open_runtime_directory()
-{
+void open_runtime_directory() {
     path_buffer directory;
     if (make_path(directory, runtime_directory_suffix)) {
         // Fails where another user owns the directory, who has opened it then.
@@ -45,8 +42,7 @@ void open_runtime_directory()
     }
 }
 
-u32 take_identity(const start_identity& identity)
-{
+u32 take_identity(const start_identity& identity) {
     _scc_client_state_set(state_idle);
     g_scc_client_cb.app_id.store(identity.app_id, relaxed);
     g_scc_client_cb.option.store(identity.option, relaxed);
@@ -58,8 +54,7 @@ u32 take_identity(const start_identity& identity)
     return begin_generation();
 }
 
-void undo_start(void (*clear_handlers)())
-{
+void undo_start(void (*clear_handlers)()) {
     end_generation();
     (void)_scc_lib_client_close();
     g_scc_client_cb.app_id.store(0, relaxed);

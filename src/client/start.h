@@ -22,8 +22,7 @@ void open_runtime_directory();
 // Undoes a start whose thread could not be made.
 void undo_start(void (*clear_handlers)());
 
-[[nodiscard]] inline void* thread_argument(u32 generation)
-{
+[[nodiscard]] inline void* thread_argument(u32 generation) {
     return reinterpret_cast<void*>(static_cast<std::uintptr_t>(generation));
 }
 

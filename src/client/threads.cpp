@@ -10,8 +10,7 @@
 
 namespace scc {
 
-u32 start_thread(thread_body body, void* argument)
-{
+u32 start_thread(thread_body body, void* argument) {
     sigset_t every;
     sigset_t before;
     sigfillset(&every);
@@ -22,14 +21,12 @@ u32 start_thread(thread_body body, void* argument)
     return static_cast<u32>(error);
 }
 
-void detach_and_name(const char* name)
-{
+void detach_and_name(const char* name) {
     pthread_detach(pthread_self());
     prctl(PR_SET_NAME, name, 0, 0, 0);
 }
 
-void detach_and_name_with_pid()
-{
+void detach_and_name_with_pid() {
     char name[17];
     std::snprintf(name, sizeof name, "scclib-%d", static_cast<int>(g_scc_client_cb.pid.load(relaxed)));
     detach_and_name(name);

@@ -10,16 +10,14 @@
 namespace scc {
 
 template <class T>
-[[nodiscard]] inline T load(const void* bytes, std::size_t offset = 0)
-{
+[[nodiscard]] inline T load(const void* bytes, std::size_t offset = 0) {
     T value;
     std::memcpy(&value, static_cast<const u8*>(bytes) + offset, sizeof value);
     return value;
 }
 
 template <class T>
-inline void store(void* bytes, std::size_t offset, T value)
-{
+inline void store(void* bytes, std::size_t offset, T value) {
     std::memcpy(static_cast<u8*>(bytes) + offset, &value, sizeof value);
 }
 
@@ -35,8 +33,7 @@ class item_reader {
   public:
     item_reader(u16 count, const void* first) : left_(count), at_(static_cast<const u8*>(first)) {}
 
-    [[nodiscard]] bool next(item& out)
-    {
+    [[nodiscard]] bool next(item& out) {
         if (left_ == 0) {
             return false;
         }
@@ -53,8 +50,7 @@ class item_reader {
 };
 
 // Whether the message's items fill no more than the message: hostile lengths never lead past it.
-[[nodiscard]] inline bool items_fit(std::span<const u8> message)
-{
+[[nodiscard]] inline bool items_fit(std::span<const u8> message) {
     u64 offset = wire::header_bytes;
     for (u16 left = load<u16>(message.data(), 5); left != 0; --left) {
         if (offset + wire::item_header_bytes > message.size()) {

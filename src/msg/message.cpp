@@ -13,16 +13,14 @@
 
 namespace scc {
 
-void write_header(void* message, u16 count, u32 length)
-{
+void write_header(void* message, u16 count, u32 length) {
     store<u32>(message, 0, length);
     store<u8>(message, 4, wire::version);
     store<u16>(message, 5, count);
     store<u8>(message, 7, 0);
 }
 
-void write_item_header(void* at, u32 length, u16 sub_id, u16 type)
-{
+void write_item_header(void* at, u32 length, u16 sub_id, u16 type) {
     store<u32>(at, 0, length);
     store<u16>(at, 4, sub_id);
     store<u16>(at, 6, type);
@@ -30,8 +28,7 @@ void write_item_header(void* at, u32 length, u16 sub_id, u16 type)
 
 namespace {
 
-u32 receive_exactly(int fd, void* bytes, std::size_t length)
-{
+u32 receive_exactly(int fd, void* bytes, std::size_t length) {
     auto* at = static_cast<u8*>(bytes);
     while (length > 0) {
         const ssize_t got = recv(fd, at, length, 0);
@@ -54,8 +51,7 @@ using namespace scc;
 
 extern "C" {
 
-u32 _scc_msg_alloc(void** out, u32 size)
-{
+u32 _scc_msg_alloc(void** out, u32 size) {
     if (out == nullptr) {
         return result::invalid;
     }
@@ -63,16 +59,14 @@ u32 _scc_msg_alloc(void** out, u32 size)
     return *out == nullptr ? result::no_memory : result::ok;
 }
 
-void _scc_msg_free(void** message)
-{
+void _scc_msg_free(void** message) {
     if (message != nullptr) {
         std::free(*message);
         *message = nullptr;
     }
 }
 
-void _scc_msg_hdr_init(void* message, u8 version, u16 count, u32 length)
-{
+void _scc_msg_hdr_init(void* message, u8 version, u16 count, u32 length) {
     if (message == nullptr) {
         return;
     }
@@ -82,8 +76,7 @@ void _scc_msg_hdr_init(void* message, u8 version, u16 count, u32 length)
     store<u16>(message, 5, count);
 }
 
-u32 _scc_msg_tlv_add(void* message, const void* tlv)
-{
+u32 _scc_msg_tlv_add(void* message, const void* tlv) {
     if (message == nullptr || tlv == nullptr) {
         return result::invalid;
     }
@@ -101,13 +94,11 @@ u32 _scc_msg_tlv_add(void* message, const void* tlv)
     return result::ok;
 }
 
-u32 _scc_msg_len_get(const void* message)
-{
+u32 _scc_msg_len_get(const void* message) {
     return message == nullptr ? 0 : load<u32>(message);
 }
 
-u32 _scc_msg_send(int fd, const void* bytes, int length)
-{
+u32 _scc_msg_send(int fd, const void* bytes, int length) {
     if (bytes == nullptr || length < 1) {
         return result::ok;
     }
@@ -125,13 +116,11 @@ u32 _scc_msg_send(int fd, const void* bytes, int length)
     return result::ok;
 }
 
-u32 _scc_msg_hdr_recv(int fd, void* header)
-{
+u32 _scc_msg_hdr_recv(int fd, void* header) {
     return header == nullptr ? result::ok : receive_exactly(fd, header, wire::header_bytes);
 }
 
-u32 _scc_msg_body_recv(int fd, void* bytes, long length)
-{
+u32 _scc_msg_body_recv(int fd, void* bytes, long length) {
     if (bytes == nullptr || length < 1) {
         return result::ok;
     }
@@ -139,10 +128,10 @@ u32 _scc_msg_body_recv(int fd, void* bytes, long length)
     return receive_exactly(fd, bytes, static_cast<std::size_t>(length));
 }
 
-bool _scc_connect_should_reset(u32 error)
-{
-    constexpr std::array<u32, 11> fatal = {EBADF,      EINVAL,     EPIPE,    ENOTSOCK,  EOPNOTSUPP, ENETDOWN,
-                                           ENETUNREACH, ECONNRESET, ENOTCONN, ETIMEDOUT, ECONNREFUSED};
+bool _scc_connect_should_reset(u32 error) {
+    constexpr std::array<u32, 11> fatal = {EBADF,      EINVAL,    EPIPE,       ENOTSOCK,
+                                           EOPNOTSUPP, ENETDOWN,  ENETUNREACH, ECONNRESET,
+                                           ENOTCONN,   ETIMEDOUT, ECONNREFUSED};
     return std::ranges::find(fatal, error) != fatal.end();
 }
 }

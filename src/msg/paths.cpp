@@ -17,16 +17,14 @@ using namespace scc;
 
 namespace scc {
 
-bool make_path(path_buffer& out, const char* suffix, path_base base)
-{
+bool make_path(path_buffer& out, const char* suffix, path_base base) {
     return scc_make_path(out.text, suffix, sizeof out.text, static_cast<int>(base)) == 1;
 }
 
 namespace {
 
 // Resolves "./x" against the working directory; absolute paths are copied, cut to the buffer.
-u32 absolute_path(const char* path, path_buffer& out)
-{
+u32 absolute_path(const char* path, path_buffer& out) {
     if (std::strlen(path) > 2 && path[0] == '.' && path[1] == '/') {
         if (getcwd(out.text, sizeof out.text) == nullptr) {
             return result::no_entry;
@@ -45,8 +43,7 @@ u32 absolute_path(const char* path, path_buffer& out)
     return result::ok;
 }
 
-u32 number_behind(const char* slash)
-{
+u32 number_behind(const char* slash) {
     return static_cast<u32>(std::strtol(slash + 1, nullptr, 10));
 }
 
@@ -57,8 +54,7 @@ constinit std::atomic<u32> g_scc_server_id{0};
 
 extern "C" {
 
-int scc_make_path(char* dst, const char* suffix, int size, int base)
-{
+int scc_make_path(char* dst, const char* suffix, int size, int base) {
     const char* variable = nullptr;
     if (base == static_cast<int>(path_base::runtime)) {
         variable = "TMPDIR";
@@ -82,8 +78,7 @@ int scc_make_path(char* dst, const char* suffix, int size, int base)
     return 1;
 }
 
-u32 _scc_dir_create(const char* path)
-{
+u32 _scc_dir_create(const char* path) {
     if (path == nullptr) {
         return result::invalid;
     }
@@ -109,8 +104,7 @@ u32 _scc_dir_create(const char* path)
     return result::ok;
 }
 
-u32 _scc_vsd_id_get(void)
-{
+u32 _scc_vsd_id_get(void) {
     const char* root = std::getenv("TMPDIR");
     if (root == nullptr) {
         return 0;
@@ -121,15 +115,13 @@ u32 _scc_vsd_id_get(void)
     return slash == nullptr ? static_cast<u32>(std::strtol(root, nullptr, 10)) : number_behind(slash);
 }
 
-u32 _scc_lib_vsd_id_get(void)
-{
+u32 _scc_lib_vsd_id_get(void) {
     const char* root = std::getenv("TMPDIR");
     const char* slash = root == nullptr ? nullptr : std::strrchr(root, '/');
     return slash == nullptr ? 0 : number_behind(slash);
 }
 
-u32 _scc_process_name_get(int pid, char* buf, int size)
-{
+u32 _scc_process_name_get(int pid, char* buf, int size) {
     if (buf == nullptr || size <= 0) {
         return result::invalid;
     }
@@ -147,18 +139,15 @@ u32 _scc_process_name_get(int pid, char* buf, int size)
     return result::ok;
 }
 
-void _scc_svrid_inc(void)
-{
+void _scc_svrid_inc(void) {
     g_scc_server_id.fetch_add(1, std::memory_order_relaxed);
 }
 
-u32 _get_get_avail_svrid(void)
-{
+u32 _get_get_avail_svrid(void) {
     return g_scc_server_id.load(std::memory_order_relaxed);
 }
 
-u32 _scc_get_cur_svrid(void)
-{
+u32 _scc_get_cur_svrid(void) {
     return g_scc_server_id.load(std::memory_order_relaxed);
 }
 }

@@ -36,8 +36,7 @@ constinit const std::array<const char*, 21> g_scc_lib_err_str = {
 
 static_assert(g_scc_lib_err_str.size() == scc::result::last_own - scc::result::first_own + 1);
 
-const char* scc_strerror(int32_t errnum)
-{
+const char* scc_strerror(int32_t errnum) {
     if (errnum < 0 || errnum > static_cast<int32_t>(scc::result::last_own)) {
         return "unknown errno";
     }

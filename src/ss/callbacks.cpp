@@ -29,8 +29,7 @@ static_assert(offsetof(scc_ss_acl_operation, id) == 0 && ret_offset == 16 && op_
 using plain_result = std::array<u8, 12>;
 using counter_result = std::array<u8, 48>;
 
-plain_result make_plain(u32 call_id, u32 result, u32 type_word)
-{
+plain_result make_plain(u32 call_id, u32 result, u32 type_word) {
     plain_result out{};
     store<u32>(out.data(), 0, call_id);
     store<u32>(out.data(), 4, result);
@@ -39,8 +38,7 @@ plain_result make_plain(u32 call_id, u32 result, u32 type_word)
 }
 
 template <class Result>
-u32 send_result(u16 scc_type, const Result& result, int sync)
-{
+u32 send_result(u16 scc_type, const Result& result, int sync) {
     return _scc_lib_ss_msg_send(scc_type, msg::service_ret, result.data(), static_cast<int>(result.size()),
                                 sync);
 }
@@ -66,8 +64,7 @@ constexpr callback_row eport_row    {msg::global_eport,   pair_global_eport, not
 constexpr callback_row cpp_row      {msg::cpp,            pair_cpp,          not_counted,     "_scc_ss_cpp_ret_callback",               "op:%d",           "_scc_lib_ss_msg_send"};
 // clang-format on
 
-void log_result(const callback_row& row, u16 scc_type, u32 call_id, u32 ret, u32 op)
-{
+void log_result(const callback_row& row, u16 scc_type, u32 call_id, u32 ret, u32 op) {
     if (row.log_tail == acl_row.log_tail) {
         SCC_LOG("%s send scc_type:%d, type:%d, call_id:%d, ret:%d, lib op type:%d", row.log, scc_type,
                 msg::service_ret, call_id, ret, op);
@@ -80,8 +77,7 @@ void log_result(const callback_row& row, u16 scc_type, u32 call_id, u32 ret, u32
     }
 }
 
-void return_result(const callback_row& row, const void* record)
-{
+void return_result(const callback_row& row, const void* record) {
     if (record == nullptr) {
         return;
     }
@@ -101,13 +97,11 @@ void return_result(const callback_row& row, const void* record)
 }
 
 // Only a query's counter, and only by the choice of exactly 1, goes up the synchronous socket.
-bool is_query(const scc_ss_counter_operation& record)
-{
+bool is_query(const scc_ss_counter_operation& record) {
     return record.sync == 1;
 }
 
-counter_result make_counter(const scc_ss_counter_operation& record)
-{
+counter_result make_counter(const scc_ss_counter_operation& record) {
     counter_result out{};
     store<u32>(out.data(), 0, record.id);
     store<u64>(out.data(), 32, record.counter);
@@ -120,43 +114,35 @@ counter_result make_counter(const scc_ss_counter_operation& record)
 
 extern "C" {
 
-void _scc_ss_acl_op_ret_callback(const void* record, u32 /*size*/)
-{
+void _scc_ss_acl_op_ret_callback(const void* record, u32 /*size*/) {
     return_result(acl_row, record);
 }
 
-void _scc_ss_ace_op_ret_callback(const void* record, u32 /*size*/)
-{
+void _scc_ss_ace_op_ret_callback(const void* record, u32 /*size*/) {
     return_result(ace_row, record);
 }
 
-void _scc_ss_acl_apply_op_ret_callback(const void* record, u32 /*size*/)
-{
+void _scc_ss_acl_apply_op_ret_callback(const void* record, u32 /*size*/) {
     return_result(apply_row, record);
 }
 
-void _scc_ss_acl_reseq_op_ret_callback(const void* record, u32 /*size*/)
-{
+void _scc_ss_acl_reseq_op_ret_callback(const void* record, u32 /*size*/) {
     return_result(reseq_row, record);
 }
 
-void _scc_ss_svi_router_acl_op_ret_callback(const void* record, u32 /*size*/)
-{
+void _scc_ss_svi_router_acl_op_ret_callback(const void* record, u32 /*size*/) {
     return_result(svi_row, record);
 }
 
-void _scc_ss_global_eport_ret_callback(const void* record, u32 /*size*/)
-{
+void _scc_ss_global_eport_ret_callback(const void* record, u32 /*size*/) {
     return_result(eport_row, record);
 }
 
-void _scc_ss_cpp_ret_callback(const void* record, u32 /*size*/)
-{
+void _scc_ss_cpp_ret_callback(const void* record, u32 /*size*/) {
     return_result(cpp_row, record);
 }
 
-void _scc_ss_acl_counter_op_ret_callback(const void* record, u32 /*size*/)
-{
+void _scc_ss_acl_counter_op_ret_callback(const void* record, u32 /*size*/) {
     if (record == nullptr) {
         return;
     }
@@ -171,8 +157,7 @@ void _scc_ss_acl_counter_op_ret_callback(const void* record, u32 /*size*/)
     }
 }
 
-void _scc_ss_ace_counter_op_ret_callback(const void* record, u32 /*size*/)
-{
+void _scc_ss_ace_counter_op_ret_callback(const void* record, u32 /*size*/) {
     if (record == nullptr) {
         return;
     }
@@ -191,8 +176,7 @@ void _scc_ss_ace_counter_op_ret_callback(const void* record, u32 /*size*/)
 }
 
 // No map entry was saved for it, so its scc-type is 0; receivers must not read the type word.
-void _scc_ss_data_recover_callback(u32 result_code, u32 call_id)
-{
+void _scc_ss_data_recover_callback(u32 result_code, u32 call_id) {
     SCC_LOG("_scc_ss_data_recover_callback send type:%d, call_id:%d, ret:%d", msg::service_ret, call_id,
             result_code);
     count_result(pair_recover);
@@ -202,10 +186,10 @@ void _scc_ss_data_recover_callback(u32 result_code, u32 call_id)
     }
 }
 
-u32 _scc_nacm_callback_send(u32 result_code, u32 call_id, u32 type)
-{
+u32 _scc_nacm_callback_send(u32 result_code, u32 call_id, u32 type) {
     const u16 scc_type = _scc_ss_get_type(call_id);
-    SCC_LOG("send scc_type:%d, type:%d, call_id:%d, ret:%d", scc_type, msg::service_ret, call_id, result_code);
+    SCC_LOG("send scc_type:%d, type:%d, call_id:%d, ret:%d", scc_type, msg::service_ret, call_id,
+            result_code);
     const u32 error = send_result(scc_type, make_plain(call_id, result_code, type), 0);
     if (error != result::ok) {
         SCC_LOG("call _scc_lib_ss_msg_send failed. errno:%d.", error);
@@ -213,8 +197,7 @@ u32 _scc_nacm_callback_send(u32 result_code, u32 call_id, u32 type)
     return error;
 }
 
-scc_ss_ret_callback scc_ssc_appmng_get_callback(uint32_t op)
-{
+scc_ss_ret_callback scc_ssc_appmng_get_callback(uint32_t op) {
     switch (op) {
         case SCC_SS_OP_CREATE:
         case SCC_SS_OP_DELETE:

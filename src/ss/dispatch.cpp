@@ -17,8 +17,7 @@ using namespace scc;
 namespace scc {
 namespace {
 
-i32 debug_command(u16 /*scc_type*/, const void* value)
-{
+i32 debug_command(u16 /*scc_type*/, const void* value) {
     constexpr u32 show_acls = 3;
     _scc_lib_dbg_proc(value);
     if (load<u32>(value, 32) == show_acls) {
@@ -28,8 +27,7 @@ i32 debug_command(u16 /*scc_type*/, const void* value)
 }
 
 template <void (*Process)(const void*)>
-i32 as_operation(u16 /*scc_type*/, const void* value)
-{
+i32 as_operation(u16 /*scc_type*/, const void* value) {
     Process(value);
     return 0;
 }
@@ -84,8 +82,7 @@ static_assert(operation_table.size() == 27);
 static_assert(std::ranges::is_sorted(operation_table, {}, &operation_row::type) &&
               std::ranges::adjacent_find(operation_table, {}, &operation_row::type) == operation_table.end());
 
-void count(const operation_row& row)
-{
+void count(const operation_row& row) {
     switch (row.counts) {
         case counted::received:
             count_received(row.pair);
@@ -100,8 +97,7 @@ void count(const operation_row& row)
     }
 }
 
-bool is_long_enough(const operation_row& row, const item& operation)
-{
+bool is_long_enough(const operation_row& row, const item& operation) {
     const std::size_t length = operation.value.size();
     return length >= row.least_bytes &&
            (row.type != msg::debug || debug_command_fits(operation.value.data(), length));
@@ -110,8 +106,7 @@ bool is_long_enough(const operation_row& row, const item& operation)
 }  // namespace
 }  // namespace scc
 
-extern "C" void _scc_ss_async_msg_proc(u32 tlv_count, const void* first)
-{
+extern "C" void _scc_ss_async_msg_proc(u32 tlv_count, const void* first) {
     const auto items = static_cast<u16>(tlv_count);
     if (items == 0 || first == nullptr) {
         SCC_LOG("input param invalid. tlv_num(%d).", items);

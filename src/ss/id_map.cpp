@@ -13,31 +13,49 @@ namespace scc {
 namespace {
 
 constexpr std::array<const char*, operation_counts + 1> counter_names = {
-    "total",   "recover",   "debug",  "acl",  "ace",       "apply",          "reseq",       "svi",
-    "acl_stat", "ace_stat", "direct-vlan", "authmode", "gbl_eport", "cpp", "offline_cfg", "app",
-    "def_read", "l4port",   "user",   "user_read", "user_reinstall", "app_recover", "l4port_recover", "app_with",
-    "test_cmd", "sslib_max",
+    "total",
+    "recover",
+    "debug",
+    "acl",
+    "ace",
+    "apply",
+    "reseq",
+    "svi",
+    "acl_stat",
+    "ace_stat",
+    "direct-vlan",
+    "authmode",
+    "gbl_eport",
+    "cpp",
+    "offline_cfg",
+    "app",
+    "def_read",
+    "l4port",
+    "user",
+    "user_read",
+    "user_reinstall",
+    "app_recover",
+    "l4port_recover",
+    "app_with",
+    "test_cmd",
+    "sslib_max",
 };
 
-scc_ss_id_node* id_node(rb_node* node)
-{
+scc_ss_id_node* id_node(rb_node* node) {
     return reinterpret_cast<scc_ss_id_node*>(node);
 }
 
 // Ids wrap around, so their order is that of the signed difference.
-i32 difference(u32 id, const scc_ss_id_node* node)
-{
+i32 difference(u32 id, const scc_ss_id_node* node) {
     return static_cast<i32>(id - node->id);
 }
 
-void remove_node(scc_ss_id_node* node)
-{
+void remove_node(scc_ss_id_node* node) {
     scc_rb_erase(&node->link, &g_ss_id_map_root);
     std::free(node);
 }
 
-scc_ss_id_node* make_node(u32 id)
-{
+scc_ss_id_node* make_node(u32 id) {
     auto* node = static_cast<scc_ss_id_node*>(std::malloc(sizeof(scc_ss_id_node)));
     if (node == nullptr) {
         return nullptr;
@@ -51,15 +69,13 @@ scc_ss_id_node* make_node(u32 id)
     return node;
 }
 
-scc_ss_type_node* first_type(const scc_ss_id_node* node)
-{
+scc_ss_type_node* first_type(const scc_ss_id_node* node) {
     return reinterpret_cast<scc_ss_type_node*>(node->types.next);
 }
 
 }  // namespace
 
-void empty_id_map()
-{
+void empty_id_map() {
     const write_guard guard(scc_ss_lock);
     while (rb_node* first = scc_rb_first(&g_ss_id_map_root)) {
         scc_ss_id_node* node = id_node(first);
@@ -79,8 +95,7 @@ extern "C" {
 constinit pthread_rwlock_t scc_ss_lock = PTHREAD_RWLOCK_INITIALIZER;
 constinit rb_root g_ss_id_map_root{nullptr};
 
-scc_ss_id_node* _scc_ss_find_idtype(u32 id)
-{
+scc_ss_id_node* _scc_ss_find_idtype(u32 id) {
     rb_node* node = g_ss_id_map_root.node;
     while (node != nullptr) {
         const i32 order = difference(id, id_node(node));
@@ -92,8 +107,7 @@ scc_ss_id_node* _scc_ss_find_idtype(u32 id)
     return nullptr;
 }
 
-bool _scc_ss_add_idtype(scc_ss_id_node* node)
-{
+bool _scc_ss_add_idtype(scc_ss_id_node* node) {
     rb_node** link = &g_ss_id_map_root.node;
     rb_node* parent = nullptr;
     while (*link != nullptr) {
@@ -109,8 +123,7 @@ bool _scc_ss_add_idtype(scc_ss_id_node* node)
     return true;
 }
 
-void _scc_ss_save_idtype(u32 id, u16 scc_type)
-{
+void _scc_ss_save_idtype(u32 id, u16 scc_type) {
     const write_guard guard(scc_ss_lock);
     scc_ss_id_node* node = _scc_ss_find_idtype(id);
     if (node == nullptr) {
@@ -133,8 +146,7 @@ void _scc_ss_save_idtype(u32 id, u16 scc_type)
     SCC_LOG("save type node id:%u type:%d.", id, scc_type);
 }
 
-u16 _scc_ss_get_type(u32 id)
-{
+u16 _scc_ss_get_type(u32 id) {
     const write_guard guard(scc_ss_lock);
     scc_ss_id_node* node = _scc_ss_find_idtype(id);
     if (node == nullptr) {
@@ -157,8 +169,7 @@ u16 _scc_ss_get_type(u32 id)
 }
 
 // Written whatever the debug switch says: it is forced on meanwhile and put back as it was.
-void _scc_ss_retlist_dump()
-{
+void _scc_ss_retlist_dump() {
     const u8 before = scc_lib_debug.exchange(1, std::memory_order_relaxed);
     const operation_count total = read_count(pair_total);
     SCC_LOG("ss-stat: recv_cnt(%d) callback_cnt(%d).", total.received, total.answered);

@@ -41,15 +41,13 @@ constinit const std::array<const char*, limits::nacm_types> g_scc_nacm_type_str 
 namespace scc {
 namespace {
 
-u32 word(const void* value, std::size_t offset)
-{
+u32 word(const void* value, std::size_t offset) {
     return load<u32>(value, offset);
 }
 
 // Calls the handler of an operation that was saved in the map, or answers success in its place.
 template <auto Slot, class... Arguments>
-i32 call_or_answer(const char* name, u32 id, u32 type_word, Arguments... arguments)
-{
+i32 call_or_answer(const char* name, u32 id, u32 type_word, Arguments... arguments) {
     const auto handler = load_handler(g_scc_ss_cb.*Slot);
     if (handler == nullptr) {
         SCC_LOG("%s is NULL", name);
@@ -65,8 +63,7 @@ i32 call_or_answer(const char* name, u32 id, u32 type_word, Arguments... argumen
 
 // Calls the handler of a recovery list, which is never answered.
 template <auto Slot, class... Arguments>
-i32 call_recovery(const char* name, Arguments... arguments)
-{
+i32 call_recovery(const char* name, Arguments... arguments) {
     const auto handler = load_handler(g_scc_ss_cb.*Slot);
     if (handler == nullptr) {
         SCC_LOG("%s is NULL", name);
@@ -80,8 +77,7 @@ i32 call_recovery(const char* name, Arguments... arguments)
 }
 
 // False, in silence, for an application type that does not exist.
-bool save_application(u16 scc_type, const void* value)
-{
+bool save_application(u16 scc_type, const void* value) {
     const write_guard guard(scc_lib_lock);
     const u32 type = word(value, 12);
     if (type >= limits::nacm_types) {
@@ -96,8 +92,7 @@ bool save_application(u16 scc_type, const void* value)
 // Where the user entry of the messages 151 and 152 lies.
 constexpr std::size_t user_offset = 8;
 
-u32 reply(u32 pair, u32 result_code, u32 call_id, u32 type_word)
-{
+u32 reply(u32 pair, u32 result_code, u32 call_id, u32 type_word) {
     const write_guard guard(scc_lib_lock);
     count_result(pair);
     return _scc_nacm_callback_send(result_code, call_id, type_word);
@@ -110,8 +105,7 @@ using H = service_handlers;
 
 extern "C" {
 
-i32 _scc_nacm_app_op(u16 scc_type, const void* value)
-{
+i32 _scc_nacm_app_op(u16 scc_type, const void* value) {
     if (!save_application(scc_type, value)) {
         return static_cast<i32>(result::invalid);
     }
@@ -119,8 +113,7 @@ i32 _scc_nacm_app_op(u16 scc_type, const void* value)
                                        word(value, 8), word(value, 4), word(value, 12));
 }
 
-i32 _scc_nacm_app_withvid_op(u16 scc_type, const void* value)
-{
+i32 _scc_nacm_app_withvid_op(u16 scc_type, const void* value) {
     if (!save_application(scc_type, value)) {
         return static_cast<i32>(result::invalid);
     }
@@ -129,8 +122,7 @@ i32 _scc_nacm_app_withvid_op(u16 scc_type, const void* value)
                                                 word(value, 20), word(value, 12));
 }
 
-i32 _scc_nacm_def_read(u16 scc_type, const void* value)
-{
+i32 _scc_nacm_def_read(u16 scc_type, const void* value) {
     const u32 ifx = word(value, 4);
     const u32 type = word(value, 8);
     {
@@ -142,8 +134,7 @@ i32 _scc_nacm_def_read(u16 scc_type, const void* value)
                                         type);
 }
 
-i32 _scc_nacm_l4port_op(u16 scc_type, const void* value)
-{
+i32 _scc_nacm_l4port_op(u16 scc_type, const void* value) {
     const u32 add = word(value, 16);
     {
         const write_guard guard(scc_lib_lock);
@@ -154,8 +145,7 @@ i32 _scc_nacm_l4port_op(u16 scc_type, const void* value)
                                                msg::nacm_l4port, add, word(value, 8));
 }
 
-i32 _scc_nacm_user_op(u16 scc_type, const void* value)
-{
+i32 _scc_nacm_user_op(u16 scc_type, const void* value) {
     const u8 add = load<u8>(value, 4);
     const auto user = load<scc_ss_user>(value, user_offset);
     {
@@ -165,11 +155,11 @@ i32 _scc_nacm_user_op(u16 scc_type, const void* value)
                 ipv4_text(user.ip).text, mac_text(user.mac).text);
     }
     _scc_lib_func_call_succ(add != 0 ? stat_nac_user_add : stat_nac_user_delete);
-    return call_or_answer<&H::user_op>("ssc_nacm_user_op_handler", word(value, 0), msg::nacm_user, add, &user);
+    return call_or_answer<&H::user_op>("ssc_nacm_user_op_handler", word(value, 0), msg::nacm_user, add,
+                                       &user);
 }
 
-i32 _scc_nacm_user_reinstall_op(u16 scc_type, const void* value)
-{
+i32 _scc_nacm_user_reinstall_op(u16 scc_type, const void* value) {
     const u32 ifx = word(value, 4);
     const u32 start = word(value, 8);
     {
@@ -183,8 +173,7 @@ i32 _scc_nacm_user_reinstall_op(u16 scc_type, const void* value)
 
 // Reply, 104 bytes: u32 call id, the user at 8 when the result is 0, u32 result at 96. The id is a fresh
 // one; the message's own first word is not used, and nothing is saved.
-i32 _scc_nacm_user_read(u16 /*scc_type*/, const void* value)
-{
+i32 _scc_nacm_user_read(u16 /*scc_type*/, const void* value) {
     const write_guard guard(scc_lib_lock);
     const u32 id = _scc_lib_call_id_get();
     auto user = load<scc_ss_user>(value, user_offset);
@@ -211,8 +200,7 @@ i32 _scc_nacm_user_read(u16 /*scc_type*/, const void* value)
     return static_cast<i32>(error);
 }
 
-i32 _scc_nacm_app_user_recover(u16 /*scc_type*/, const void* value)
-{
+i32 _scc_nacm_app_user_recover(u16 /*scc_type*/, const void* value) {
     const u32 app = word(value, 0);
     const u32 ifx = word(value, 8);
     const u32 count = word(value, 12);
@@ -224,8 +212,7 @@ i32 _scc_nacm_app_user_recover(u16 /*scc_type*/, const void* value)
                                                static_cast<const void*>(static_cast<const u8*>(value) + 16));
 }
 
-i32 _scc_nacm_l4port_recover(u16 /*scc_type*/, const void* value)
-{
+i32 _scc_nacm_l4port_recover(u16 /*scc_type*/, const void* value) {
     const u32 count = word(value, 0);
     {
         const write_guard guard(scc_lib_lock);
@@ -236,46 +223,40 @@ i32 _scc_nacm_l4port_recover(u16 /*scc_type*/, const void* value)
 }
 
 uint32_t scc_ssc_nacm_app_op_callback(uint32_t result, uint32_t call_id, uint32_t /*op*/, uint32_t /*ifx*/,
-                                      uint32_t type)
-{
+                                      uint32_t type) {
     return reply(pair_app, result, call_id, type);
 }
 
 uint32_t scc_ssc_nacm_app_op_with_vid_callback(uint32_t result, uint32_t call_id, uint32_t /*op*/,
-                                               uint32_t /*ifx*/, uint32_t /*vid*/, uint32_t type)
-{
+                                               uint32_t /*ifx*/, uint32_t /*vid*/, uint32_t type) {
     return reply(pair_app_with, result, call_id, type);
 }
 
-uint32_t scc_ssc_nacm_def_read_callback(uint32_t result, uint32_t call_id, uint32_t /*ifx*/, uint32_t /*type*/)
-{
+uint32_t scc_ssc_nacm_def_read_callback(uint32_t result, uint32_t call_id, uint32_t /*ifx*/,
+                                        uint32_t /*type*/) {
     return reply(pair_def_read, result, call_id, msg::nacm_def_read);
 }
 
 uint32_t scc_ssc_nacm_http_l4port_set_callback(uint32_t result, uint32_t call_id, uint32_t /*add*/,
-                                               uint32_t /*port*/)
-{
+                                               uint32_t /*port*/) {
     return reply(pair_l4port, result, call_id, msg::nacm_l4port);
 }
 
 // Counted by whether the answer could be sent, whatever the result: deliberate.
 uint32_t scc_ssc_nacm_user_op_callback(uint32_t result, uint32_t call_id, uint8_t add,
-                                       const struct scc_ss_user* /*user*/)
-{
+                                       const struct scc_ss_user* /*user*/) {
     const u32 error = reply(pair_user, result, call_id, msg::nacm_user);
     count_callback(add != 0 ? stat_nac_user_add : stat_nac_user_delete, error == 0);
     return error;
 }
 
 uint32_t scc_ssc_nacm_user_reinstall_callback(uint32_t result, uint32_t call_id, uint32_t /*start*/,
-                                              uint32_t /*ifx*/)
-{
+                                              uint32_t /*ifx*/) {
     return reply(pair_user_reinstall, result, call_id, msg::nacm_user_reinstall);
 }
 
 uint32_t scc_offline_detect_cfg_ret_callback(uint32_t result, uint32_t call_id, uint32_t /*open*/,
-                                             uint32_t /*interval*/, uint32_t /*threshold*/)
-{
+                                             uint32_t /*interval*/, uint32_t /*threshold*/) {
     return reply(pair_offline_cfg, result, call_id, msg::offline_detect_notify);
 }
 }

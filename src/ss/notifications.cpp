@@ -41,8 +41,7 @@ class report {
     ~report() { _scc_msg_free(&message_); }
 
     // Allocates the zeroed message and puts a fresh call id at its front. 0, 2004 or 12.
-    [[nodiscard]] u32 begin(u64 bytes)
-    {
+    [[nodiscard]] u32 begin(u64 bytes) {
         if (client_state_now() != state_registered) {
             SCC_LOG("scclib no registered or scc svr no available.");
             return result::unavailable;
@@ -59,8 +58,7 @@ class report {
 
     [[nodiscard]] u8* at(std::size_t offset) { return static_cast<u8*>(message_) + offset; }
 
-    [[nodiscard]] u32 send(u16 type, u32 statistics)
-    {
+    [[nodiscard]] u32 send(u16 type, u32 statistics) {
         const u32 error = _scc_lib_msg_send(type, message_, bytes_, 1);
         if (error != result::ok) {
             SCC_LOG("call _scc_lib_msg_send failed. rv:%d.", error);
@@ -78,19 +76,16 @@ class report {
     int bytes_ = 0;
 };
 
-u32 refuse()
-{
+u32 refuse() {
     SCC_LOG("scclib param invalid.");
     return result::invalid;
 }
 
-bool is_ipv6(const scc_flow_user& user)
-{
+bool is_ipv6(const scc_flow_user& user) {
     return user.family == 3 || user.family == 4;
 }
 
-void log_offline(const scc_flow_user& user, u64 flow, u64 time)
-{
+void log_offline(const scc_flow_user& user, u64 flow, u64 time) {
     if (is_ipv6(user)) {
         SCC_LOG("offline user - Ifx:%d, Vid:%d, Mac: %s, Ipv6:%s,mask:%s. flow:%lu, time:%lu", user.ifx,
                 user.vid, mac_text(user.mac).text, ipv6_text(load<in6_addr>(user.address)).text,
@@ -107,8 +102,7 @@ void log_offline(const scc_flow_user& user, u64 flow, u64 time)
 
 extern "C" {
 
-uint32_t scc_ss_move_addr_notify(int count, const struct scc_address_move* moves)
-{
+uint32_t scc_ss_move_addr_notify(int count, const struct scc_address_move* moves) {
     SCC_LOG("address move notify(num:%d).", count);
     if (moves == nullptr || count <= 0) {
         return refuse();
@@ -129,8 +123,7 @@ uint32_t scc_ss_move_addr_notify(int count, const struct scc_address_move* moves
 }
 
 uint32_t scc_noflow_offline_notify(const struct scc_flow_user* user, uint64_t flow, uint64_t time,
-                                   const void* extra, int extra_bytes)
-{
+                                   const void* extra, int extra_bytes) {
     if (user == nullptr || (extra == nullptr && extra_bytes != 0)) {
         return result::invalid;
     }
@@ -150,8 +143,7 @@ uint32_t scc_noflow_offline_notify(const struct scc_flow_user* user, uint64_t fl
     return message.send(msg::noflow_offline_up, stat_noflow_offline);
 }
 
-uint32_t scc_flow_notify(const struct scc_flow_user* user, uint64_t first, uint64_t second)
-{
+uint32_t scc_flow_notify(const struct scc_flow_user* user, uint64_t first, uint64_t second) {
     if (user == nullptr) {
         return refuse();
     }
@@ -166,8 +158,7 @@ uint32_t scc_flow_notify(const struct scc_flow_user* user, uint64_t first, uint6
     store(message.data(), 8, *user);
     store<u64>(message.data(), 64, first);
     store<u64>(message.data(), 72, second);
-    const u32 error =
-        _scc_lib_msg_send(msg::flow_up, message.data(), static_cast<int>(message.size()), 1);
+    const u32 error = _scc_lib_msg_send(msg::flow_up, message.data(), static_cast<int>(message.size()), 1);
     if (error != result::ok) {
         SCC_LOG("call _scc_lib_msg_send failed. rv:%d.", error);
     }
@@ -175,8 +166,7 @@ uint32_t scc_flow_notify(const struct scc_flow_user* user, uint64_t first, uint6
 }
 
 uint32_t scc_ss_ace_counter_notify(const struct scc_acl_key* key, uint32_t count,
-                                   const struct scc_ace_counter* counters)
-{
+                                   const struct scc_ace_counter* counters) {
     if (const u32 error = _scc_lib_acl_info_check(key); error != result::ok) {
         return error;
     }

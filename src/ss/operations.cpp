@@ -42,15 +42,14 @@ struct branch {
 template <class Record>
 struct member {
     scc_ss_ret_callback callback;
-    bool counts_calls;   // under the operation code
+    bool counts_calls;  // under the operation code
     bool logs_success;
     void (*log)(const u8* value, const char* word);
     void (*fill)(Record& record, const u8* value);
 };
 
 template <auto Slot, class Record>
-i32 run(const member<Record>& family, const branch& chosen, u16 scc_type, const void* value)
-{
+i32 run(const member<Record>& family, const branch& chosen, u16 scc_type, const void* value) {
     const write_guard guard(scc_lib_lock);
     const auto* bytes = static_cast<const u8*>(value);
     family.log(bytes, chosen.word);
@@ -141,15 +140,15 @@ constexpr member<scc_ss_counter_operation> ace_counter_member{
         record.sync = load<u32>(value, 32);
     }};
 
-constexpr member<scc_ss_eport_operation> eport_member{
-    _scc_ss_global_eport_ret_callback, false, false,
-    [](const u8* value, const char* word) {
-        SCC_LOG("call _scc_ss_global_eport (%s, type:%d)", word, load<u32>(value, 4));
-    },
-    [](scc_ss_eport_operation& record, const u8* value) {
-        record.ifx = load<u32>(value, 4);
-        record.set = load<u32>(value, 8);
-    }};
+constexpr member<scc_ss_eport_operation> eport_member{_scc_ss_global_eport_ret_callback, false, false,
+                                                      [](const u8* value, const char* word) {
+                                                          SCC_LOG("call _scc_ss_global_eport (%s, type:%d)",
+                                                                  word, load<u32>(value, 4));
+                                                      },
+                                                      [](scc_ss_eport_operation& record, const u8* value) {
+                                                          record.ifx = load<u32>(value, 4);
+                                                          record.set = load<u32>(value, 8);
+                                                      }};
 
 constexpr member<scc_ss_cpp_operation> cpp_member{
     _scc_ss_cpp_ret_callback, false, false,
@@ -159,8 +158,7 @@ constexpr member<scc_ss_cpp_operation> cpp_member{
         record.type = load<u32>(value, 8);
     }};
 
-const char* choose(const void* value, std::size_t offset, const char* yes, const char* no)
-{
+const char* choose(const void* value, std::size_t offset, const char* yes, const char* no) {
     return load<u32>(value, offset) != 0 ? yes : no;
 }
 
@@ -169,18 +167,16 @@ const char* choose(const void* value, std::size_t offset, const char* yes, const
 
 extern "C" {
 
-i32 _scc_ss_acl_op(u16 scc_type, const void* value)
-{
+i32 _scc_ss_acl_op(u16 scc_type, const void* value) {
     if (load<u32>(value, 136) == 1) {
-        return run<&H::acl_create>(acl_member, {SCC_SS_OP_CREATE, "create", "ss_acl_create_handler"}, scc_type,
-                                   value);
+        return run<&H::acl_create>(acl_member, {SCC_SS_OP_CREATE, "create", "ss_acl_create_handler"},
+                                   scc_type, value);
     }
     return run<&H::acl_delete>(acl_member, {SCC_SS_OP_DELETE, "delete", "ss_acl_delete_handler"}, scc_type,
                                value);
 }
 
-i32 _scc_ss_ace_op(u16 scc_type, const void* value)
-{
+i32 _scc_ss_ace_op(u16 scc_type, const void* value) {
     if (load<u32>(value, 936) == 1) {
         return run<&H::add_ace>(ace_member, {SCC_SS_OP_ADD_ACE, "add", "ss_acl_add_ace_handler"}, scc_type,
                                 value);
@@ -189,8 +185,7 @@ i32 _scc_ss_ace_op(u16 scc_type, const void* value)
                                value);
 }
 
-i32 _scc_ss_acl_apply_op(u16 scc_type, const void* value)
-{
+i32 _scc_ss_acl_apply_op(u16 scc_type, const void* value) {
     if (load<u32>(value, 240) == 1) {
         return run<&H::apply>(apply_member, {SCC_SS_OP_APPLY, "apply", "ss_acl_apply_handler"}, scc_type,
                               value);
@@ -199,50 +194,43 @@ i32 _scc_ss_acl_apply_op(u16 scc_type, const void* value)
                             value);
 }
 
-i32 _scc_ss_acl_reseq_op(u16 scc_type, const void* value)
-{
+i32 _scc_ss_acl_reseq_op(u16 scc_type, const void* value) {
     return run<&H::resequence>(reseq_member, {SCC_SS_OP_RESEQUENCE, "", "ss_acl_reseq_handler"}, scc_type,
                                value);
 }
 
-i32 _scc_ss_svi_router_acl_op(u16 scc_type, const void* value)
-{
+i32 _scc_ss_svi_router_acl_op(u16 scc_type, const void* value) {
     return run<&H::svi_router_acl>(
         svi_member,
         {SCC_SS_OP_SVI_ROUTER_ACL, choose(value, 4, "open", "close"), "ss_svi_router_acl_handler"}, scc_type,
         value);
 }
 
-i32 _scc_ss_acl_counter_op(u16 scc_type, const void* value)
-{
-    return run<&H::acl_counter>(acl_counter_member,
-                                {SCC_SS_OP_COUNTER, choose(value, 32, "query", "set"), "ss_acl_counter_handler"},
-                                scc_type, value);
+i32 _scc_ss_acl_counter_op(u16 scc_type, const void* value) {
+    return run<&H::acl_counter>(
+        acl_counter_member, {SCC_SS_OP_COUNTER, choose(value, 32, "query", "set"), "ss_acl_counter_handler"},
+        scc_type, value);
 }
 
-i32 _scc_ss_ace_counter_op(u16 scc_type, const void* value)
-{
-    return run<&H::ace_counter>(ace_counter_member,
-                                {SCC_SS_OP_COUNTER, choose(value, 32, "query", "set"), "ss_ace_counter_handler"},
-                                scc_type, value);
+i32 _scc_ss_ace_counter_op(u16 scc_type, const void* value) {
+    return run<&H::ace_counter>(
+        ace_counter_member, {SCC_SS_OP_COUNTER, choose(value, 32, "query", "set"), "ss_ace_counter_handler"},
+        scc_type, value);
 }
 
-i32 _scc_ss_global_eport_op(u16 scc_type, const void* value)
-{
+i32 _scc_ss_global_eport_op(u16 scc_type, const void* value) {
     return run<&H::uplink>(eport_member,
                            {SCC_SS_OP_GLOBAL_EPORT, choose(value, 8, "set", "unset"), "ss_uplink_handler"},
                            scc_type, value);
 }
 
-i32 _scc_ss_cpp_op(u16 scc_type, const void* value)
-{
+i32 _scc_ss_cpp_op(u16 scc_type, const void* value) {
     return run<&H::cpp>(cpp_member, {SCC_SS_OP_CPP, choose(value, 4, "set", "unset"), "ss_cpp_handler"},
                         scc_type, value);
 }
 
 // Answered at once, whatever happened; nothing is saved in the id/type map.
-i32 _scc_ss_data_recover_op(u16 /*scc_type*/, const void* value)
-{
+i32 _scc_ss_data_recover_op(u16 /*scc_type*/, const void* value) {
     const write_guard guard(scc_lib_lock);
     const u8 start = load<u8>(value, 8);
     SCC_LOG("call _scc_ss_data_recover_op (appid:%d, oper:%s)", load<u32>(value, 4),
@@ -259,16 +247,15 @@ i32 _scc_ss_data_recover_op(u16 /*scc_type*/, const void* value)
     return outcome;
 }
 
-i32 _scc_offline_detect_cfg_op(u16 scc_type, const void* value)
-{
+i32 _scc_offline_detect_cfg_op(u16 scc_type, const void* value) {
     const u32 id = load<u32>(value);
     const u8 open = load<u8>(value, 4);
     const u32 interval = load<u32>(value, 8);
     const u32 threshold = load<u32>(value, 12);
     {
         const write_guard guard(scc_lib_lock);
-        SCC_LOG("call _scc_offline_detect_cfg_op (%s,inter:%u, th:%u)", open != 0 ? "open" : "close", interval,
-                threshold);
+        SCC_LOG("call _scc_offline_detect_cfg_op (%s,inter:%u, th:%u)", open != 0 ? "open" : "close",
+                interval, threshold);
         _scc_ss_save_idtype(id, scc_type);
     }
     const auto handler = load_handler(g_scc_ss_cb.offline_detect_cfg);
@@ -286,8 +273,7 @@ i32 _scc_offline_detect_cfg_op(u16 scc_type, const void* value)
 }
 
 // The end of the daemon's timing run. The line has no function prefix, and its microseconds wrap.
-i32 _scc_ss_test_cmd_proc(u16 /*scc_type*/, const void* value)
-{
+i32 _scc_ss_test_cmd_proc(u16 /*scc_type*/, const void* value) {
     if (load<u32>(value) == 0 && is_debugging()) {
         timeval now{};
         gettimeofday(&now, nullptr);

@@ -20,8 +20,7 @@ namespace {
 // One a process, also when a start failed behind it and was repeated.
 constinit std::atomic<bool> g_processing{false};
 
-void dispatch(void* message)
-{
+void dispatch(void* message) {
     const u16 items = load<u16>(message, 5);
     const void* first = static_cast<const u8*>(message) + wire::header_bytes;
     SCC_LOG("lib proc msg(num:%u, len:%u).", items, load<u32>(message));
@@ -36,8 +35,7 @@ void dispatch(void* message)
 }  // namespace
 }  // namespace scc
 
-extern "C" void* _scc_lib_msgq_proc_thread(void* /*argument*/)
-{
+extern "C" void* _scc_lib_msgq_proc_thread(void* /*argument*/) {
     detach_and_name("scc-lib-msgq");
     if (g_processing.exchange(true)) {
         return nullptr;

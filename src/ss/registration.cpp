@@ -31,15 +31,14 @@ namespace scc {
 namespace {
 
 // Copies each handler to its slot: the record's order is the service's, the table's the dispatcher's.
-#define SCC_FOR_EACH_SLOT(action)                                                                           \
-    action(acl_create) action(acl_delete) action(add_ace) action(delete_ace) action(apply) action(unapply)  \
-    action(resequence) action(svi_router_acl) action(acl_counter) action(ace_counter) action(uplink)        \
-    action(cpp) action(app_set) action(app_set_with_vid) action(def_read) action(http_l4port_set)           \
-    action(user_op) action(user_read) action(user_reinstall) action(app_user_recover)                       \
-    action(l4port_recover) action(data_recover) action(offline_detect_cfg)
+#define SCC_FOR_EACH_SLOT(action)                                                                          \
+    action(acl_create) action(acl_delete) action(add_ace) action(delete_ace) action(apply) action(unapply) \
+        action(resequence) action(svi_router_acl) action(acl_counter) action(ace_counter) action(uplink)   \
+            action(cpp) action(app_set) action(app_set_with_vid) action(def_read) action(http_l4port_set)  \
+                action(user_op) action(user_read) action(user_reinstall) action(app_user_recover)          \
+                    action(l4port_recover) action(data_recover) action(offline_detect_cfg)
 
-void install(const scc_ss_reg_info& info)
-{
+void install(const scc_ss_reg_info& info) {
 #define SCC_INSTALL(slot) store_handler(g_scc_ss_cb.slot, info.slot);
     SCC_FOR_EACH_SLOT(SCC_INSTALL)
 #undef SCC_INSTALL
@@ -48,16 +47,14 @@ void install(const scc_ss_reg_info& info)
     store_handler(g_scc_client_cb.handlers.authmode, info.authmode);
 }
 
-void queue_or_drop(i32 fd, void* message)
-{
+void queue_or_drop(i32 fd, void* message) {
     if (!enqueue_message(fd, message)) {
         SCC_LOG("malloc data buffer error. ignore this proc msg.");
         _scc_msg_free(&message);
     }
 }
 
-bool allocate_statistics()
-{
+bool allocate_statistics() {
     if (ss_stat == nullptr) {
         auto* block = static_cast<service_statistics*>(std::malloc(sizeof(service_statistics)));
         if (block == nullptr) {
@@ -70,8 +67,7 @@ bool allocate_statistics()
     return true;
 }
 
-u32 start_threads(u32 generation)
-{
+u32 start_threads(u32 generation) {
     struct thread_row {
         thread_body body;
         const char* name;  // in the log of a failure
@@ -81,7 +77,8 @@ u32 start_threads(u32 generation)
     for (const thread_row& row : rows) {
         const u32 error = start_thread(row.body, thread_argument(generation));
         if (error != result::ok) {
-            SCC_LOG("(app id:%d, pid:%d)create scclib%s thread error!", static_cast<int>(limits::service_app_id),
+            SCC_LOG("(app id:%d, pid:%d)create scclib%s thread error!",
+                    static_cast<int>(limits::service_app_id),
                     static_cast<int>(g_scc_client_cb.pid.load(relaxed)), row.name);
             undo_start(_scc_ss_handler_clear);
             return error;
@@ -95,25 +92,21 @@ u32 start_threads(u32 generation)
 
 extern "C" {
 
-void _scc_ss_handler_set(const scc_ss_reg_info* info)
-{
+void _scc_ss_handler_set(const scc_ss_reg_info* info) {
     install(*info);
 }
 
-void _scc_ss_handler_clear()
-{
+void _scc_ss_handler_clear() {
     install(scc_ss_reg_info{});
 }
 
-void* _scc_ss_lib_thread(void* generation)
-{
+void* _scc_ss_lib_thread(void* generation) {
     detach_and_name("scc-lib-ss");
     run_receive_loop(static_cast<u32>(reinterpret_cast<std::uintptr_t>(generation)), queue_or_drop);
     return nullptr;
 }
 
-uint32_t scc_ss_reg(const struct scc_ss_reg_info* info)
-{
+uint32_t scc_ss_reg(const struct scc_ss_reg_info* info) {
     if (info == nullptr) {
         SCC_LOG("input param is null!.");
         return result::invalid;
@@ -137,8 +130,7 @@ uint32_t scc_ss_reg(const struct scc_ss_reg_info* info)
     return start_threads(generation);
 }
 
-uint32_t scc_ss_fetch_func(void)
-{
+uint32_t scc_ss_fetch_func(void) {
     const write_guard guard(scc_lib_lock);
     const connection_scope scope;
     if (client_state_now() != state_registered) {

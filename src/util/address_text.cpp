@@ -11,8 +11,7 @@
 
 namespace scc {
 
-address_text ipv4_text(u32 network_order)
-{
+address_text ipv4_text(u32 network_order) {
     const u32 host = ntohl(network_order);
     address_text out{};
     std::snprintf(out.text, sizeof out.text, "%u.%u.%u.%u", host >> 24U, (host >> 16U) & 0xFFU,
@@ -20,15 +19,13 @@ address_text ipv4_text(u32 network_order)
     return out;
 }
 
-address_text ipv6_text(const in6_addr& address)
-{
+address_text ipv6_text(const in6_addr& address) {
     address_text out{};
     inet_ntop(AF_INET6, &address, out.text, sizeof out.text);
     return out;
 }
 
-address_text mac_text(const u8* mac)
-{
+address_text mac_text(const u8* mac) {
     address_text out{};
     std::snprintf(out.text, sizeof out.text, "%02x%02x.%02x%02x.%02x%02x", mac[0], mac[1], mac[2], mac[3],
                   mac[4], mac[5]);
@@ -42,8 +39,7 @@ struct static_text {
     char text[128];
 };
 
-const char* keep(static_text& buffer, const address_text& shown)
-{
+const char* keep(static_text& buffer, const address_text& shown) {
     std::memset(buffer.text, 0, sizeof buffer.text);
     std::memcpy(buffer.text, shown.text, sizeof shown.text);
     return buffer.text;
@@ -62,33 +58,27 @@ using namespace scc;
 
 extern "C" {
 
-const char* ip_show(uint32_t ip)
-{
+const char* ip_show(uint32_t ip) {
     return keep(g_ip_text, ipv4_text(ip));
 }
 
-const char* mask_show(uint32_t mask)
-{
+const char* mask_show(uint32_t mask) {
     return keep(g_mask_text, ipv4_text(mask));
 }
 
-const char* ipv6_show(struct in6_addr address)
-{
+const char* ipv6_show(struct in6_addr address) {
     return keep(g_ipv6_text, ipv6_text(address));
 }
 
-const char* ipv6_mask_show(struct in6_addr mask)
-{
+const char* ipv6_mask_show(struct in6_addr mask) {
     return keep(g_ipv6_mask_text, ipv6_text(mask));
 }
 
-const char* mac_show(const uint8_t* mac)
-{
+const char* mac_show(const uint8_t* mac) {
     return keep(g_mac_text, mac == nullptr ? address_text{} : mac_text(mac));
 }
 
-uint32_t ip_set(int a, int b, int c, int d)
-{
+uint32_t ip_set(int a, int b, int c, int d) {
     for (const int part : {a, b, c, d}) {
         if (part < 0 || part > 255) {
             return 0;
@@ -98,8 +88,7 @@ uint32_t ip_set(int a, int b, int c, int d)
            static_cast<uint32_t>(c) << 8U | static_cast<uint32_t>(d);
 }
 
-int mask_count(uint32_t mask)
-{
+int mask_count(uint32_t mask) {
     const uint32_t zeros = ~ntohl(mask);
     return zeros == 0 ? 32 : __builtin_clz(zeros);
 }

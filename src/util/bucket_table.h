@@ -19,8 +19,7 @@ class bucket_table {
     constexpr bucket_table() = default;
 
     // Must run before the first use; drops nothing, so the table has to be empty.
-    void reset()
-    {
+    void reset() {
         if (heads_ != first_) {
             std::free(heads_);
         }
@@ -34,22 +33,19 @@ class bucket_table {
 
     [[nodiscard]] std::size_t size() const { return count_; }
 
-    void insert(list_node* node)
-    {
+    void insert(list_node* node) {
         list_add_tail(node, &heads_[HashOf(node) & mask_]);
         ++count_;
     }
 
-    void erase(list_node* node)
-    {
+    void erase(list_node* node) {
         list_del(node);
         --count_;
     }
 
     // The oldest entry under this hash that matches, or null.
     template <class Matches>
-    [[nodiscard]] list_node* find(u64 hash, Matches matches) const
-    {
+    [[nodiscard]] list_node* find(u64 hash, Matches matches) const {
         if (heads_ == nullptr) {
             return nullptr;
         }
@@ -64,8 +60,7 @@ class bucket_table {
 
     // Unlinks every entry and hands it to release, then gives the grown table back.
     template <class Release>
-    void clear(Release release)
-    {
+    void clear(Release release) {
         if (heads_ == nullptr) {
             return;
         }
@@ -79,8 +74,7 @@ class bucket_table {
         reset();
     }
 
-    void grow_if_crowded()
-    {
+    void grow_if_crowded() {
         if (count_ <= mask_ || heads_ == nullptr) {
             return;
         }
@@ -96,8 +90,7 @@ class bucket_table {
     }
 
   private:
-    void move_to(list_node* heads, std::size_t buckets)
-    {
+    void move_to(list_node* heads, std::size_t buckets) {
         for (std::size_t i = 0; i < buckets; ++i) {
             INIT_LIST_HEAD(&heads[i]);
         }

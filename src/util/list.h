@@ -10,16 +10,14 @@ namespace scc {
 
 using list_node = scc_list_head;
 
-inline void INIT_LIST_HEAD(list_node* head)
-{
+inline void INIT_LIST_HEAD(list_node* head) {
     head->next = head;
     head->prev = head;
 }
 
 namespace list_detail {
 
-inline void insert_between(list_node* entry, list_node* before, list_node* after)
-{
+inline void insert_between(list_node* entry, list_node* before, list_node* after) {
     entry->next = after;
     entry->prev = before;
     before->next = entry;
@@ -28,13 +26,11 @@ inline void insert_between(list_node* entry, list_node* before, list_node* after
 
 }  // namespace list_detail
 
-inline void list_add(list_node* entry, list_node* head)
-{
+inline void list_add(list_node* entry, list_node* head) {
     list_detail::insert_between(entry, head, head->next);
 }
 
-inline void list_add_tail(list_node* entry, list_node* head)
-{
+inline void list_add_tail(list_node* entry, list_node* head) {
     list_detail::insert_between(entry, head->prev, head);
 }
 
@@ -42,16 +38,14 @@ inline void list_add_tail(list_node* entry, list_node* head)
 inline constexpr std::uintptr_t list_poison_next = 0x100100;
 inline constexpr std::uintptr_t list_poison_prev = 0x200200;
 
-inline void list_del(list_node* entry)
-{
+inline void list_del(list_node* entry) {
     entry->next->prev = entry->prev;
     entry->prev->next = entry->next;
     entry->next = reinterpret_cast<list_node*>(list_poison_next);
     entry->prev = reinterpret_cast<list_node*>(list_poison_prev);
 }
 
-[[nodiscard]] inline bool list_empty(const list_node* head)
-{
+[[nodiscard]] inline bool list_empty(const list_node* head) {
     return head->next == head;
 }
 

@@ -9,18 +9,15 @@ namespace {
 
 using child = rb_node* rb_node::*;
 
-bool is_red(const rb_node* node)
-{
+bool is_red(const rb_node* node) {
     return node != nullptr && (node->parent_colour & rb_black) == rb_red;
 }
 
-child mirror(child side)
-{
+child mirror(child side) {
     return side == &rb_node::left ? &rb_node::right : &rb_node::left;
 }
 
-void replace_in_parent(rb_node* old, rb_node* fresh, rb_node* parent, rb_root* root)
-{
+void replace_in_parent(rb_node* old, rb_node* fresh, rb_node* parent, rb_root* root) {
     if (parent == nullptr) {
         root->node = fresh;
     } else if (parent->left == old) {
@@ -31,8 +28,7 @@ void replace_in_parent(rb_node* old, rb_node* fresh, rb_node* parent, rb_root* r
 }
 
 // Turns the tree at pivot so that pivot goes down to `side` and its other child takes its place.
-void rotate(rb_node* pivot, child side, rb_root* root)
-{
+void rotate(rb_node* pivot, child side, rb_root* root) {
     const child other = mirror(side);
     rb_node* rising = pivot->*other;
     rb_node* parent = rb_parent(pivot);
@@ -47,8 +43,7 @@ void rotate(rb_node* pivot, child side, rb_root* root)
 }
 
 // Restores the black height after a black node was taken from below parent; node stands in its place.
-void rebalance_after_erase(rb_node* node, rb_node* parent, rb_root* root)
-{
+void rebalance_after_erase(rb_node* node, rb_node* parent, rb_root* root) {
     while (node != root->node && !is_red(node)) {
         const child side = parent->left == node ? &rb_node::left : &rb_node::right;
         const child other = mirror(side);
@@ -87,26 +82,22 @@ void rebalance_after_erase(rb_node* node, rb_node* parent, rb_root* root)
 
 extern "C" {
 
-void scc_rb_set_parent(rb_node* node, rb_node* parent)
-{
+void scc_rb_set_parent(rb_node* node, rb_node* parent) {
     node->parent_colour = (node->parent_colour & 3U) | reinterpret_cast<std::uintptr_t>(parent);
 }
 
-void scc_rb_set_color(rb_node* node, std::uintptr_t colour)
-{
+void scc_rb_set_color(rb_node* node, std::uintptr_t colour) {
     node->parent_colour = (node->parent_colour & ~rb_black) | colour;
 }
 
-void scc_rb_link_node(rb_node* node, rb_node* parent, rb_node** link)
-{
+void scc_rb_link_node(rb_node* node, rb_node* parent, rb_node** link) {
     node->parent_colour = reinterpret_cast<std::uintptr_t>(parent);
     node->left = nullptr;
     node->right = nullptr;
     *link = node;
 }
 
-void scc_rb_insert_color(rb_node* node, rb_root* root)
-{
+void scc_rb_insert_color(rb_node* node, rb_root* root) {
     for (rb_node* parent = rb_parent(node); is_red(parent); parent = rb_parent(node)) {
         rb_node* grand = rb_parent(parent);
         const child side = grand->left == parent ? &rb_node::left : &rb_node::right;
@@ -130,8 +121,7 @@ void scc_rb_insert_color(rb_node* node, rb_root* root)
     scc_rb_set_color(root->node, rb_black);
 }
 
-void scc_rb_erase(rb_node* node, rb_root* root)
-{
+void scc_rb_erase(rb_node* node, rb_root* root) {
     rb_node* removed = node;
     if (node->left != nullptr && node->right != nullptr) {
         removed = node->right;
@@ -163,8 +153,7 @@ void scc_rb_erase(rb_node* node, rb_root* root)
     }
 }
 
-rb_node* scc_rb_first(const rb_root* root)
-{
+rb_node* scc_rb_first(const rb_root* root) {
     if (root == nullptr || root->node == nullptr) {
         return nullptr;
     }
@@ -175,8 +164,7 @@ rb_node* scc_rb_first(const rb_root* root)
     return node;
 }
 
-rb_node* scc_rb_next(const rb_node* node)
-{
+rb_node* scc_rb_next(const rb_node* node) {
     if (node == nullptr || rb_parent(node) == node) {
         return nullptr;
     }

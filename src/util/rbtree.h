@@ -21,8 +21,7 @@ struct rb_root {
 inline constexpr std::uintptr_t rb_red = 0;
 inline constexpr std::uintptr_t rb_black = 1;
 
-[[nodiscard]] inline rb_node* rb_parent(const rb_node* node)
-{
+[[nodiscard]] inline rb_node* rb_parent(const rb_node* node) {
     return reinterpret_cast<rb_node*>(node->parent_colour & ~std::uintptr_t{3});
 }
 

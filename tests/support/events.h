@@ -12,16 +12,14 @@ namespace test {
 template <class Event>
 class event_queue {
   public:
-    void push(Event event)
-    {
+    void push(Event event) {
         const std::lock_guard guard(mutex_);
         events_.push_back(std::move(event));
         changed_.notify_all();
     }
 
     // The next event; empty after 20 seconds without one.
-    std::optional<Event> wait(std::chrono::milliseconds patience = std::chrono::seconds(20))
-    {
+    std::optional<Event> wait(std::chrono::milliseconds patience = std::chrono::seconds(20)) {
         std::unique_lock guard(mutex_);
         if (!changed_.wait_for(guard, patience, [this] { return !events_.empty(); })) {
             return std::nullopt;
@@ -31,8 +29,7 @@ class event_queue {
         return first;
     }
 
-    std::size_t size()
-    {
+    std::size_t size() {
         const std::lock_guard guard(mutex_);
         return events_.size();
     }

@@ -25,14 +25,12 @@ constinit std::atomic<int> g_failing_allocation{0};
 constinit std::atomic<bool> g_met{false};
 constinit std::atomic<int> g_limit{0};
 
-fault& of(call which)
-{
+fault& of(call which) {
     return g_faults[static_cast<int>(which)];
 }
 
 // Whether this call has to fail; errno is then set.
-bool fails(call which)
-{
+bool fails(call which) {
     fault& one = of(which);
     const int number = ++one.calls;
     const int nth = one.nth;
@@ -44,8 +42,7 @@ bool fails(call which)
     return true;
 }
 
-bool allocation_fails(call which)
-{
+bool allocation_fails(call which) {
     const bool this_one = ++g_allocations == g_failing_allocation;
     if (this_one) {
         g_met = true;
@@ -54,16 +51,14 @@ bool allocation_fails(call which)
     return fails(which) || this_one;
 }
 
-std::size_t limited(std::size_t length)
-{
+std::size_t limited(std::size_t length) {
     const auto limit = static_cast<std::size_t>(g_limit.load());
     return limit != 0 && length > limit ? limit : length;
 }
 
 }  // namespace
 
-void fail_call(call which, int nth, int error)
-{
+void fail_call(call which, int nth, int error) {
     fault& one = of(which);
     one.nth = 0;
     one.calls = 0;
@@ -72,21 +67,18 @@ void fail_call(call which, int nth, int error)
     one.nth = nth;
 }
 
-void fail_calls_from(call which, int nth, int error)
-{
+void fail_calls_from(call which, int nth, int error) {
     fail_call(which, 0, error);
     of(which).onwards = true;
     of(which).nth = nth;
 }
 
-void fail_allocation(int nth)
-{
+void fail_allocation(int nth) {
     g_allocations = 0;
     g_failing_allocation = nth;
 }
 
-bool end_faults()
-{
+bool end_faults() {
     for (fault& one : g_faults) {
         one.nth = 0;
         one.calls = 0;
@@ -96,13 +88,11 @@ bool end_faults()
     return g_met.exchange(false);
 }
 
-int calls(call which)
-{
+int calls(call which) {
     return of(which).calls;
 }
 
-void limit_transfer(int bytes)
-{
+void limit_transfer(int bytes) {
     g_limit = bytes;
 }
 
@@ -122,57 +112,48 @@ ssize_t __real_send(int fd, const void* bytes, size_t length, int flags);
 ssize_t __real_recv(int fd, void* bytes, size_t length, int flags);
 int __real_poll(pollfd* watched, nfds_t count, int timeout);
 int __real_close(int fd);
-int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument);
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                          void* argument);
 int __real_mkdir(const char* path, mode_t mode);
 
-void* __wrap_malloc(size_t size)
-{
+void* __wrap_malloc(size_t size) {
     return test::allocation_fails(call::malloc) ? nullptr : __real_malloc(size);
 }
 
-void* __wrap_calloc(size_t count, size_t size)
-{
+void* __wrap_calloc(size_t count, size_t size) {
     return test::allocation_fails(call::calloc) ? nullptr : __real_calloc(count, size);
 }
 
-int __wrap_socket(int domain, int type, int protocol)
-{
+int __wrap_socket(int domain, int type, int protocol) {
     return test::fails(call::socket) ? -1 : __real_socket(domain, type, protocol);
 }
 
-int __wrap_bind(int fd, const sockaddr* address, socklen_t length)
-{
+int __wrap_bind(int fd, const sockaddr* address, socklen_t length) {
     return test::fails(call::bind) ? -1 : __real_bind(fd, address, length);
 }
 
-int __wrap_connect(int fd, const sockaddr* address, socklen_t length)
-{
+int __wrap_connect(int fd, const sockaddr* address, socklen_t length) {
     return test::fails(call::connect) ? -1 : __real_connect(fd, address, length);
 }
 
-int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t length)
-{
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t length) {
     return test::fails(call::setsockopt) ? -1 : __real_setsockopt(fd, level, name, value, length);
 }
 
-ssize_t __wrap_send(int fd, const void* bytes, size_t length, int flags)
-{
+ssize_t __wrap_send(int fd, const void* bytes, size_t length, int flags) {
     return test::fails(call::send) ? -1 : __real_send(fd, bytes, test::limited(length), flags);
 }
 
-ssize_t __wrap_recv(int fd, void* bytes, size_t length, int flags)
-{
+ssize_t __wrap_recv(int fd, void* bytes, size_t length, int flags) {
     return test::fails(call::recv) ? -1 : __real_recv(fd, bytes, test::limited(length), flags);
 }
 
-int __wrap_poll(pollfd* watched, nfds_t count, int timeout)
-{
+int __wrap_poll(pollfd* watched, nfds_t count, int timeout) {
     return test::fails(call::poll) ? -1 : __real_poll(watched, count, timeout);
 }
 
 // The descriptor is closed all the same, as the kernel does.
-int __wrap_close(int fd)
-{
+int __wrap_close(int fd) {
     if (test::fails(call::close)) {
         const int error = errno;
         __real_close(fd);
@@ -182,13 +163,13 @@ int __wrap_close(int fd)
     return __real_close(fd);
 }
 
-int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument)
-{
-    return test::fails(call::pthread_create) ? errno : __real_pthread_create(thread, attributes, body, argument);
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                          void* argument) {
+    return test::fails(call::pthread_create) ? errno
+                                             : __real_pthread_create(thread, attributes, body, argument);
 }
 
-int __wrap_mkdir(const char* path, mode_t mode)
-{
+int __wrap_mkdir(const char* path, mode_t mode) {
     return test::fails(call::mkdir) ? -1 : __real_mkdir(path, mode);
 }
 }

@@ -4,7 +4,21 @@
 
 namespace test {
 
-enum class call { malloc, calloc, socket, bind, connect, setsockopt, send, recv, poll, close, pthread_create, mkdir, count };
+enum class call {
+    malloc,
+    calloc,
+    socket,
+    bind,
+    connect,
+    setsockopt,
+    send,
+    recv,
+    poll,
+    close,
+    pthread_create,
+    mkdir,
+    count
+};
 
 // The Nth call (from 1) of this kind fails once with this errno. Memory calls return null.
 void fail_call(call which, int nth, int error);

@@ -19,14 +19,12 @@ struct store {
 };
 
 // Never destroyed: the library's threads log until the process has gone.
-store& the_store()
-{
+store& the_store() {
     static store* one = new store;
     return *one;
 }
 
-std::string behind_prefix(const std::string& whole)
-{
+std::string behind_prefix(const std::string& whole) {
     if (whole.empty() || whole.front() != '<') {
         return whole;
     }
@@ -34,27 +32,23 @@ std::string behind_prefix(const std::string& whole)
     return end == std::string::npos ? whole : whole.substr(end + 2);
 }
 
-bool contains(const std::vector<log_line>& lines, const std::string& text)
-{
+bool contains(const std::vector<log_line>& lines, const std::string& text) {
     return std::any_of(lines.begin(), lines.end(), [&](const log_line& line) { return line.text == text; });
 }
 
 }  // namespace
 
-void clear_log()
-{
+void clear_log() {
     const std::lock_guard guard(the_store().mutex);
     the_store().lines.clear();
 }
 
-std::vector<log_line> captured_log()
-{
+std::vector<log_line> captured_log() {
     const std::lock_guard guard(the_store().mutex);
     return the_store().lines;
 }
 
-std::vector<std::string> log_texts()
-{
+std::vector<std::string> log_texts() {
     std::vector<std::string> texts;
     for (const log_line& line : captured_log()) {
         texts.push_back(line.text);
@@ -62,34 +56,29 @@ std::vector<std::string> log_texts()
     return texts;
 }
 
-bool logged(const std::string& text)
-{
+bool logged(const std::string& text) {
     return contains(captured_log(), text);
 }
 
-bool wait_for_log(const std::string& text)
-{
+bool wait_for_log(const std::string& text) {
     std::unique_lock guard(the_store().mutex);
     return the_store().changed.wait_for(guard, std::chrono::seconds(20),
                                         [&] { return contains(the_store().lines, text); });
 }
 
-debugging::debugging()
-{
+debugging::debugging() {
     clear_log();
     scc_lib_debug.store(1);
 }
 
-debugging::~debugging()
-{
+debugging::~debugging() {
     scc_lib_debug.store(0);
 }
 
 }  // namespace test
 
 extern "C" int printk_syslog_ext(int level, const char* module, const char* submodule, int flag,
-                                 const char* format, ...)
-{
+                                 const char* format, ...) {
     char text[2048];
     va_list arguments;
     va_start(arguments, format);

@@ -12,22 +12,19 @@
 
 namespace test {
 
-inline event_queue<std::uint32_t>& statuses()
-{
+inline event_queue<std::uint32_t>& statuses() {
     static auto* queue = new event_queue<std::uint32_t>;
     return *queue;
 }
 
-inline void on_status(std::uint32_t status)
-{
+inline void on_status(std::uint32_t status) {
     statuses().push(status);
 }
 
 // Registers app id 7; handlers as the test sets them in info before start().
 class registered_client : public ::testing::Test {
   protected:
-    void start(std::uint8_t option = 1)
-    {
+    void start(std::uint8_t option = 1) {
         info.app_id = 7;
         info.option = option;
         info.handlers.server_status = on_status;
@@ -37,8 +34,7 @@ class registered_client : public ::testing::Test {
     }
 
     // Unregisters with the daemon's consent.
-    void stop()
-    {
+    void stop() {
         std::thread answering([this] { daemon.answer_unregistration(); });
         EXPECT_EQ(scc_svr_unreg(), 0U);
         answering.join();

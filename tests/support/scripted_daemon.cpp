@@ -13,14 +13,12 @@ namespace {
 
 constexpr int patience_ms = 20000;
 
-bool wait_readable(int fd, int milliseconds)
-{
+bool wait_readable(int fd, int milliseconds) {
     pollfd watched{fd, POLLIN, 0};
     return poll(&watched, 1, milliseconds) == 1;
 }
 
-bool read_exactly(int fd, std::uint8_t* at, std::size_t count)
-{
+bool read_exactly(int fd, std::uint8_t* at, std::size_t count) {
     while (count > 0) {
         if (!wait_readable(fd, patience_ms)) {
             ADD_FAILURE() << "nothing arrived";
@@ -36,8 +34,7 @@ bool read_exactly(int fd, std::uint8_t* at, std::size_t count)
     return true;
 }
 
-std::vector<received_item> split(const bytes& raw)
-{
+std::vector<received_item> split(const bytes& raw) {
     std::vector<received_item> items;
     std::size_t at = 8;
     for (auto left = number_at<std::uint16_t>(raw, 5); left > 0 && at + 8 <= raw.size(); --left) {
@@ -56,19 +53,16 @@ std::vector<received_item> split(const bytes& raw)
 
 }  // namespace
 
-scripted_daemon::scripted_daemon()
-{
+scripted_daemon::scripted_daemon() {
     listen();
 }
 
-scripted_daemon::~scripted_daemon()
-{
+scripted_daemon::~scripted_daemon() {
     close_both();
     stop_listening();
 }
 
-void scripted_daemon::listen()
-{
+void scripted_daemon::listen() {
     std::filesystem::create_directories(directory_.runtime());
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -80,8 +74,7 @@ void scripted_daemon::listen()
     ASSERT_EQ(::listen(listener_, 64), 0);
 }
 
-void scripted_daemon::stop_listening()
-{
+void scripted_daemon::stop_listening() {
     if (listener_ >= 0) {
         close(listener_);
         listener_ = -1;
@@ -89,8 +82,7 @@ void scripted_daemon::stop_listening()
     }
 }
 
-int scripted_daemon::accept_one()
-{
+int scripted_daemon::accept_one() {
     if (!wait_readable(listener_, patience_ms)) {
         ADD_FAILURE() << "nobody connected";
         return -1;
@@ -98,39 +90,34 @@ int scripted_daemon::accept_one()
     return accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
 }
 
-void scripted_daemon::accept_both()
-{
+void scripted_daemon::accept_both() {
     close_both();
     sync_ = accept_one();
     async_ = accept_one();
 }
 
-std::pair<bytes, bytes> scripted_daemon::accept_registration()
-{
+std::pair<bytes, bytes> scripted_daemon::accept_registration() {
     accept_both();
     bytes first = answer_registration(side::sync);
     bytes second = answer_registration(side::async);
     return {first, second};
 }
 
-bytes scripted_daemon::answer_registration(side where, std::uint32_t result, std::uint32_t holder)
-{
+bytes scripted_daemon::answer_registration(side where, std::uint32_t result, std::uint32_t holder) {
     const received_item request = read_item(where);
     EXPECT_EQ(request.type, 301);
     send_item(where, 301, wire().u32(0).u32(result).u32(holder));
     return request.value;
 }
 
-bytes scripted_daemon::answer_unregistration(std::uint32_t result)
-{
+bytes scripted_daemon::answer_unregistration(std::uint32_t result) {
     const received_item request = read_item(side::sync);
     EXPECT_EQ(request.type, 302);
     send_item(side::sync, 302, wire().u32(0).u32(result));
     return request.value;
 }
 
-received_message scripted_daemon::read(side where)
-{
+received_message scripted_daemon::read(side where) {
     received_message message;
     message.raw.resize(8);
     if (!read_exactly(fd(where), message.raw.data(), 8)) {
@@ -146,8 +133,7 @@ received_message scripted_daemon::read(side where)
     return message;
 }
 
-std::vector<received_item> scripted_daemon::read_items(side where, std::size_t count)
-{
+std::vector<received_item> scripted_daemon::read_items(side where, std::size_t count) {
     std::vector<received_item> items;
     while (items.size() < count) {
         received_item next = read_item(where);
@@ -159,8 +145,7 @@ std::vector<received_item> scripted_daemon::read_items(side where, std::size_t c
     return items;
 }
 
-received_item scripted_daemon::read_item(side where)
-{
+received_item scripted_daemon::read_item(side where) {
     auto& waiting = waiting_[where == side::sync ? 0 : 1];
     if (waiting.empty()) {
         waiting = read(where).items;
@@ -174,13 +159,11 @@ received_item scripted_daemon::read_item(side where)
     return first;
 }
 
-bool scripted_daemon::stays_silent(side where, int milliseconds)
-{
+bool scripted_daemon::stays_silent(side where, int milliseconds) {
     return waiting_[where == side::sync ? 0 : 1].empty() && !wait_readable(fd(where), milliseconds);
 }
 
-bool scripted_daemon::wait_for_close(side where)
-{
+bool scripted_daemon::wait_for_close(side where) {
     std::uint8_t scrap[4096];
     while (wait_readable(fd(where), patience_ms)) {
         if (::read(fd(where), scrap, sizeof scrap) <= 0) {
@@ -190,8 +173,7 @@ bool scripted_daemon::wait_for_close(side where)
     return false;
 }
 
-void scripted_daemon::send(side where, const bytes& raw)
-{
+void scripted_daemon::send(side where, const bytes& raw) {
     std::size_t sent = 0;
     while (sent < raw.size()) {
         const ssize_t count = ::send(fd(where), raw.data() + sent, raw.size() - sent, MSG_NOSIGNAL);
@@ -200,8 +182,7 @@ void scripted_daemon::send(side where, const bytes& raw)
     }
 }
 
-void scripted_daemon::close_side(side where)
-{
+void scripted_daemon::close_side(side where) {
     int& fd = where == side::sync ? sync_ : async_;
     if (fd >= 0) {
         close(fd);
@@ -210,8 +191,7 @@ void scripted_daemon::close_side(side where)
     waiting_[where == side::sync ? 0 : 1].clear();
 }
 
-void scripted_daemon::close_both()
-{
+void scripted_daemon::close_both() {
     close_side(side::sync);
     close_side(side::async);
 }

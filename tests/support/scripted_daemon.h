@@ -46,13 +46,11 @@ class scripted_daemon {
 
     void send(side where, const bytes& raw);
     void send_items(side where, const std::vector<bytes>& items) { send(where, message_bytes(items)); }
-    void send_item(side where, std::uint16_t type, const bytes& value, std::uint16_t sub_id = 0)
-    {
+    void send_item(side where, std::uint16_t type, const bytes& value, std::uint16_t sub_id = 0) {
         send_items(where, {item_bytes(type, value, sub_id)});
     }
     // The result of an asynchronous request.
-    void send_result(std::uint32_t call_id, std::uint32_t result)
-    {
+    void send_result(std::uint32_t call_id, std::uint32_t result) {
         send_item(side::async, 401, wire().u32(call_id).u32(result));
     }
 

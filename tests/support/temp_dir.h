@@ -10,15 +10,13 @@ namespace test {
 
 class temp_dir {
   public:
-    temp_dir()
-    {
+    temp_dir() {
         char name[] = "/tmp/scct-XXXXXX";
         path_ = mkdtemp(name);
         setenv("TMPDIR", path_.c_str(), 1);
         setenv("DATA_QXOS_DIR", path_.c_str(), 1);
     }
-    ~temp_dir()
-    {
+    ~temp_dir() {
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);
     }

@@ -20,26 +20,22 @@ class wire {
     wire& u32(std::uint32_t value) { return raw(&value, 4); }
     wire& u64(std::uint64_t value) { return raw(&value, 8); }
     wire& zeros(std::size_t count) { return fill(count, 0); }
-    wire& fill(std::size_t count, std::uint8_t value)
-    {
+    wire& fill(std::size_t count, std::uint8_t value) {
         out_.insert(out_.end(), count, value);
         return *this;
     }
-    wire& add(const bytes& block)
-    {
+    wire& add(const bytes& block) {
         out_.insert(out_.end(), block.begin(), block.end());
         return *this;
     }
     wire& text(const std::string& characters) { return raw(characters.data(), characters.size()); }
-    wire& raw(const void* data, std::size_t count)
-    {
+    wire& raw(const void* data, std::size_t count) {
         const auto* at = static_cast<const std::uint8_t*>(data);
         out_.insert(out_.end(), at, at + count);
         return *this;
     }
     // Fills with zeros up to an offset.
-    wire& to(std::size_t offset)
-    {
+    wire& to(std::size_t offset) {
         out_.resize(offset, 0);
         return *this;
     }
@@ -62,14 +58,12 @@ struct received_message {
 };
 
 // 8-byte item header and the value.
-inline bytes item_bytes(std::uint16_t type, const bytes& value, std::uint16_t sub_id = 0)
-{
+inline bytes item_bytes(std::uint16_t type, const bytes& value, std::uint16_t sub_id = 0) {
     return wire().u32(static_cast<std::uint32_t>(value.size())).u16(sub_id).u16(type).add(value);
 }
 
 // 8-byte message header and the items.
-inline bytes message_bytes(const std::vector<bytes>& items)
-{
+inline bytes message_bytes(const std::vector<bytes>& items) {
     bytes body;
     for (const bytes& item : items) {
         body.insert(body.end(), item.begin(), item.end());
@@ -83,8 +77,7 @@ inline bytes message_bytes(const std::vector<bytes>& items)
 }
 
 template <class T>
-T number_at(const bytes& from, std::size_t offset)
-{
+T number_at(const bytes& from, std::size_t offset) {
     T value{};
     if (offset + sizeof value <= from.size()) {
         std::memcpy(&value, from.data() + offset, sizeof value);
@@ -92,28 +85,24 @@ T number_at(const bytes& from, std::size_t offset)
     return value;
 }
 
-inline std::uint32_t u32_at(const bytes& from, std::size_t offset)
-{
+inline std::uint32_t u32_at(const bytes& from, std::size_t offset) {
     return number_at<std::uint32_t>(from, offset);
 }
 
-inline bytes slice(const bytes& from, std::size_t offset, std::size_t count)
-{
+inline bytes slice(const bytes& from, std::size_t offset, std::size_t count) {
     return {from.begin() + static_cast<std::ptrdiff_t>(offset),
             from.begin() + static_cast<std::ptrdiff_t>(offset + count)};
 }
 
 template <class Record>
-bytes record_bytes(const Record& record)
-{
+bytes record_bytes(const Record& record) {
     const auto* at = reinterpret_cast<const std::uint8_t*>(&record);
     return {at, at + sizeof record};
 }
 
 // Distinct byte values, so that a wrong offset shows.
 template <class Record>
-Record patterned(std::uint8_t first = 1)
-{
+Record patterned(std::uint8_t first = 1) {
     Record record;
     auto* at = reinterpret_cast<std::uint8_t*>(&record);
     for (std::size_t i = 0; i < sizeof record; ++i) {

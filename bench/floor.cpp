@@ -1,0 +1,172 @@
+#include "floor.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "msg/bytes.h"
+#include "rounds.h"
+
+namespace bench {
+namespace {
+
+using namespace scc;
+
+int connect_to_peer() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    (std::string(std::getenv("TMPDIR")) + "/security/scc/.sccd_sd_")
+        .copy(address.sun_path, sizeof address.sun_path - 1);
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        std::perror("floor");
+        _exit(1);
+    }
+    return fd;
+}
+
+void send_all(int fd, const u8* bytes, std::size_t length) {
+    while (length > 0) {
+        const ssize_t sent = send(fd, bytes, length, MSG_NOSIGNAL);
+        if (sent <= 0) {
+            _exit(1);
+        }
+        bytes += sent;
+        length -= static_cast<std::size_t>(sent);
+    }
+}
+
+void receive_exactly(int fd, u8* bytes, std::size_t length) {
+    while (length > 0) {
+        const ssize_t got = recv(fd, bytes, length, 0);
+        if (got <= 0) {
+            _exit(1);
+        }
+        bytes += got;
+        length -= static_cast<std::size_t>(got);
+    }
+}
+
+void begin_item(u8* at, u32 length, u16 type) {
+    store<u32>(at, 0, length);
+    store<u16>(at, 4, 0);
+    store<u16>(at, 6, type);
+}
+
+void register_on(int fd) {
+    u8 message[28] = {};
+    store<u32>(message, 0, sizeof message);
+    store<u8>(message, 4, 1);
+    store<u16>(message, 5, 1);
+    begin_item(message + 8, 12, msg::registration);
+    send_all(fd, message, sizeof message);
+    u8 answer[28];
+    receive_exactly(fd, answer, sizeof answer);
+}
+
+struct connection {
+    int sync = connect_to_peer();
+    int async = connect_to_peer();
+
+    connection() {
+        register_on(sync);
+        register_on(async);
+    }
+};
+
+void receive_results(int fd, std::uint64_t requests, window& room) {
+    std::vector<u8> body(1U << 20U);
+    for (std::uint64_t got = 0; got < requests;) {
+        u8 header[8];
+        receive_exactly(fd, header, sizeof header);
+        receive_exactly(fd, body.data(), load<u32>(header) - 8);
+        const u16 items = load<u16>(header, 5);
+        got += items;
+        room.answered(items);
+    }
+}
+
+}  // namespace
+
+void window::wait_for_room(std::uint64_t sent) {
+    for (;;) {
+        const auto bell = std::atomic_ref(bell_).load();
+        if (sent < count() + width_) {
+            return;
+        }
+        std::atomic_ref(bell_).wait(bell);
+    }
+}
+
+void window::wait_for_all(std::uint64_t sent) {
+    while (count() < sent) {
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+}
+
+void window::answered(std::uint64_t number) {
+    const std::uint64_t before = std::atomic_ref(done_).fetch_add(number);
+    if (before / step_ != (before + number) / step_) {
+        std::atomic_ref(bell_).fetch_add(1);
+        std::atomic_ref(bell_).notify_one();
+    }
+}
+
+std::uint64_t window::count() const {
+    return std::atomic_ref(const_cast<std::uint64_t&>(done_)).load();
+}
+
+double floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding) {
+    const connection link;
+    window room(outstanding);
+    std::thread receiving([&] { receive_results(link.async, requests, room); });
+    const u32 entry = value_bytes + 8;
+    const u32 per_batch = wire::batch_capacity_bytes / entry;
+    std::vector<u8> batch(8 + std::size_t{per_batch} * entry, 0);
+    const double began = now_s();
+    for (std::uint64_t sent = 0; sent < requests;) {
+        const auto now = static_cast<u32>(std::min<std::uint64_t>(per_batch, requests - sent));
+        room.wait_for_room(sent + now - 1);
+        store<u32>(batch.data(), 0, 8 + now * entry);
+        store<u8>(batch.data(), 4, 1);
+        store<u16>(batch.data(), 5, static_cast<u16>(now));
+        for (u32 i = 0; i < now; ++i) {
+            begin_item(batch.data() + 8 + i * entry, value_bytes, msg::d1x_port_open);
+            store<u32>(batch.data() + 16 + i * entry, 0, static_cast<u32>(sent + i + 1));
+        }
+        send_all(link.async, batch.data(), 8 + std::size_t{now} * entry);
+        sent += now;
+    }
+    receiving.join();
+    return static_cast<double>(requests) / (now_s() - began);
+}
+
+double floor_round_trip(int rounds) {
+    const connection link;
+    u8 message[168] = {};
+    store<u32>(message, 0, sizeof message);
+    store<u8>(message, 4, 1);
+    store<u16>(message, 5, 1);
+    begin_item(message + 8, 152, msg::mac_query);
+    std::vector<double> times;
+    for (int i = 0; i < rounds; ++i) {
+        u8 answer[52];
+        const double began = now_s();
+        send_all(link.sync, message, sizeof message);
+        receive_exactly(link.sync, answer, 8);
+        receive_exactly(link.sync, answer + 8, sizeof answer - 8);
+        times.push_back(now_s() - began);
+    }
+    std::sort(times.begin(), times.end());
+    return times[times.size() / 2];
+}
+
+}  // namespace bench

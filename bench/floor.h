@@ -1,0 +1,31 @@
+// The floor: a bare client that moves the same bytes in the same batches, with two threads, no locks, no
+// pending calls and no handlers.
+#pragma once
+
+#include <cstdint>
+
+namespace bench {
+
+// Requests a second, values of value_bytes, at most that many outstanding.
+double floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding);
+
+// Seconds of the median round trip of a 168-byte message and its 52-byte reply.
+double floor_round_trip(int rounds);
+
+// Lets a sender run that many ahead of what has been answered.
+class window {
+  public:
+    explicit window(std::uint64_t width) : width_(width) {}
+    void wait_for_room(std::uint64_t sent);
+    void wait_for_all(std::uint64_t sent);
+    void answered(std::uint64_t count);
+    std::uint64_t count() const;
+
+  private:
+    std::uint64_t width_;
+    std::uint64_t step_ = 256;
+    alignas(64) std::uint64_t done_ = 0;
+    alignas(64) std::uint32_t bell_ = 0;
+};
+
+}  // namespace bench

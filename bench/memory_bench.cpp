@@ -1,0 +1,119 @@
+// What grows with what is held: pending calls, the ACL cache, the id/type map. In memory, without sockets,
+// on the library's own functions.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <numeric>
+#include <random>
+#include <vector>
+
+#include "client/acl_cache.h"
+#include "client/control_block.h"
+#include "client/pending_calls.h"
+#include "client/request_channel.h"
+#include "client/results.h"
+#include "ss/id_map.h"
+
+namespace {
+
+using namespace scc;
+
+enum sequence { ascending, descending, shuffled };
+
+std::vector<u32> ids(std::size_t count, int how) {
+    std::vector<u32> out(count);
+    std::iota(out.begin(), out.end(), 1U);
+    if (how == descending) {
+        std::reverse(out.begin(), out.end());
+    } else if (how == shuffled) {
+        std::shuffle(out.begin(), out.end(), std::mt19937{1});
+    }
+    return out;
+}
+
+// A result to its (missing) handler, then the same call again, so that as many stay pending.
+void deliver_result(benchmark::State& state) {
+    _scc_lib_data_init();
+    const auto pending = static_cast<std::size_t>(state.range(0));
+    const u8 saved[5] = {};
+    for (u32 id = 1; id <= pending; ++id) {
+        (void)_scc_lib_save_call_data(id, 23, saved, sizeof saved);
+    }
+    grow_pending_index();
+    const std::vector<u32> order = ids(pending, static_cast<int>(state.range(1)));
+    std::size_t next = 0;
+    for (auto _ : state) {
+        const u32 value[2] = {order[next], 0};
+        _scc_lib_call_ret_proc(value);
+        (void)_scc_lib_save_call_data(order[next], 23, saved, sizeof saved);
+        next = next + 1 == pending ? 0 : next + 1;
+    }
+    _scc_lib_data_free();
+}
+BENCHMARK(deliver_result)
+    ->Args({10, ascending})
+    ->Args({1000000, ascending})
+    ->Args({1000000, descending})
+    ->Args({1000000, shuffled});
+
+void look_up_acl(benchmark::State& state) {
+    _scc_lib_data_init();
+    const auto held = static_cast<u32>(state.range(0));
+    for (u32 id = 1; id <= held; ++id) {
+        const scc_acl_key key{0, 3, id, 0};
+        _scc_lib_acl_add(&key);
+    }
+    u32 id = 0;
+    for (auto _ : state) {
+        id = id % held + 1;
+        const scc_acl_key key{0, 3, id, 0};
+        const write_guard guard(scc_acl_lock);
+        benchmark::DoNotOptimize(_scc_acl_get(&key));
+    }
+    _scc_lib_data_free();
+}
+BENCHMARK(look_up_acl)->Arg(10)->Arg(32768);
+
+void add_ace(benchmark::State& state) {
+    const auto count = static_cast<std::size_t>(state.range(0));
+    const std::vector<u32> order = ids(count, static_cast<int>(state.range(1)));
+    const scc_acl_key key{0, 3, 1, 0};
+    scc_ace_record ace{};
+    for (auto _ : state) {
+        _scc_lib_data_init();
+        _scc_lib_acl_add(&key);
+        for (const u32 sn : order) {
+            ace.sn = sn;
+            _scc_lib_ace_add(&key, &ace);
+        }
+        state.PauseTiming();
+        _scc_lib_data_free();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(count));
+}
+BENCHMARK(add_ace)
+    ->Args({100, ascending})
+    ->Args({10000, ascending})
+    ->Args({10000, descending})
+    ->Args({10000, shuffled});
+
+void id_map(benchmark::State& state) {
+    empty_id_map();
+    const auto held = static_cast<u32>(state.range(0));
+    for (u32 id = 1; id <= held; ++id) {
+        _scc_ss_save_idtype(id, 1);
+    }
+    u32 id = 0;
+    for (auto _ : state) {
+        id = id % held + 1;
+        benchmark::DoNotOptimize(_scc_ss_get_type(id));
+        _scc_ss_save_idtype(id, 1);
+    }
+    empty_id_map();
+}
+BENCHMARK(id_map)->Arg(1000)->Arg(1000000);
+
+}  // namespace
+
+BENCHMARK_MAIN();

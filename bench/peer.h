@@ -1,0 +1,52 @@
+// The daemon's side of a benchmark, in a process of its own: registers whoever comes and answers requests
+// with results at once, as plainly as it can be done.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace bench {
+
+enum class answers {
+    one_a_message,        // each result is a message of its own
+    batch_together,       // the results of one received message are one message
+    everything_together,  // the results of everything that has arrived are one message
+    hold,                 // nothing, until the water line is notified; then all in the order of `order`
+};
+
+enum class order { ascending, descending, random };
+
+struct peer_options {
+    answers how = answers::one_a_message;
+    order held_order = order::ascending;
+    int processor = -1;  // pins the process
+};
+
+// Listens in $TMPDIR, forks, serves until the client has gone.
+class peer {
+  public:
+    explicit peer(const peer_options& options);
+    ~peer();
+    peer(const peer&) = delete;
+    peer& operator=(const peer&) = delete;
+
+  private:
+    pid_t child_ = -1;
+};
+
+void pin_to(int processor);
+
+// A fresh TMPDIR for one measurement; removed by the destructor.
+class runtime_directory {
+  public:
+    runtime_directory();
+    ~runtime_directory();
+    runtime_directory(const runtime_directory&) = delete;
+    runtime_directory& operator=(const runtime_directory&) = delete;
+
+  private:
+    std::string path_;
+};
+
+}  // namespace bench

@@ -1,0 +1,173 @@
+// Requests, results and synchronous round trips through the library, each beside the raw-socket floor that
+// moves the same bytes in the same batches in the same run.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <semaphore>
+#include <vector>
+
+#include "floor.h"
+#include "peer.h"
+#include "rounds.h"
+#include "scclib.h"
+
+namespace {
+
+using bench::answers;
+using bench::order;
+
+std::binary_semaphore g_registered{0};
+bench::window* g_room = nullptr;
+
+void on_status(std::uint32_t status) {
+    if (status == 1) {
+        g_registered.release();
+    }
+}
+
+void on_record(std::uint32_t, std::uint32_t, const scc_config_record*) {
+    g_room->answered(1);
+}
+
+void on_scalar(std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {
+    g_room->answered(1);
+}
+
+void start_library() {
+    static scc_reg_info info{};
+    info.app_id = 5;
+    info.handlers.server_status = on_status;
+    info.handlers.d1x_port_open = on_record;
+    info.handlers.addr_learning = on_scalar;
+    if (scc_svr_reg(&info) != 0) {
+        _exit(1);
+    }
+    g_registered.acquire();
+}
+
+double library_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding) {
+    static bench::window room(outstanding);
+    g_room = &room;
+    start_library();
+    static scc_config_record record{};
+    const double began = bench::now_s();
+    for (std::uint64_t sent = 0; sent < requests; ++sent) {
+        room.wait_for_room(sent);
+        if (value_bytes == 744) {
+            scc_d1x_port_open(&record, nullptr);
+        } else {
+            scc_addr_learning(1, 1, nullptr);
+        }
+    }
+    room.wait_for_all(requests);
+    return static_cast<double>(requests) / (bench::now_s() - began);
+}
+
+double library_round_trip(int rounds) {
+    start_library();
+    const std::uint8_t mac[6] = {2, 0, 0, 0, 0, 1};
+    std::vector<double> times;
+    for (int i = 0; i < rounds; ++i) {
+        std::uint32_t ip = 0;
+        const double began = bench::now_s();
+        if (scc_mac_query(mac, &ip) != 0) {
+            _exit(1);
+        }
+        times.push_back(bench::now_s() - began);
+    }
+    std::sort(times.begin(), times.end());
+    return times[times.size() / 2];
+}
+
+// Seconds a result with that many pending when the first arrives.
+double library_delivery(std::uint64_t pending) {
+    static bench::window room(pending + 1);
+    g_room = &room;
+    start_library();
+    for (std::uint64_t i = 0; i < pending; ++i) {
+        scc_addr_learning(1, 1, nullptr);
+    }
+    usleep(300000);  // the peer has them all
+    const double began = bench::now_s();
+    scc_warterline_notify(1);
+    room.wait_for_all(pending);
+    return (bench::now_s() - began) / static_cast<double>(pending);
+}
+
+template <class Measure>
+std::function<double()> with_peer(answers how, int processor, Measure measure,
+                                  order held = order::ascending) {
+    return [=] {
+        const bench::runtime_directory directory;
+        const bench::peer_options options{how, held, processor};
+        const bench::peer serving(options);
+        bench::pin_to(processor);
+        return measure();
+    };
+}
+
+void throughput(const char* what, std::uint32_t value_bytes, answers how, std::uint64_t requests,
+                const char* target, int rounds) {
+    const auto rates = bench::medians(
+        {{"floor", with_peer(how, -1, [=] { return bench::floor_rate(value_bytes, requests, 4096); })},
+         {"library", with_peer(how, -1, [=] { return library_rate(value_bytes, requests, 4096); })}},
+        rounds);
+    bench::print_ratio(std::string(what) + ", floor", rates[0], rates[0], "/s", "");
+    bench::print_ratio(std::string(what) + ", library", rates[1], rates[0], "/s", target);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int rounds = argc > 1 ? std::atoi(argv[1]) : 7;
+    std::printf("%-66s %12s %-8s %6s\n", "medians of interleaved rounds", "", "", "ratio");
+    throughput("744-byte values, one result a message", 744, answers::one_a_message, 200000, "at least 0.95",
+               rounds);
+    throughput("744-byte values, a batch's results together", 744, answers::batch_together, 400000,
+               "at least 0.70", rounds);
+    throughput("744-byte values, all that arrived together", 744, answers::everything_together, 400000, "",
+               rounds);
+    throughput("12-byte values, a batch's results together", 12, answers::batch_together, 1000000,
+               "at least 0.12", rounds);
+
+    const auto deep = bench::medians(
+        {{"4096", with_peer(answers::batch_together, -1, [] { return library_rate(744, 400000, 4096); })},
+         {"100000",
+          with_peer(answers::batch_together, -1, [] { return library_rate(744, 400000, 100000); })}},
+        rounds);
+    bench::print_ratio("744-byte values, 4,096 outstanding", deep[0], deep[0], "/s", "");
+    bench::print_ratio("744-byte values, 100,000 outstanding", deep[1], deep[0], "/s", "at least 0.9");
+
+    const auto trips = bench::medians(
+        {{"floor", with_peer(answers::one_a_message, 0, [] { return bench::floor_round_trip(20000) * 1e9; })},
+         {"library", with_peer(answers::one_a_message, 0, [] { return library_round_trip(20000) * 1e9; })}},
+        rounds);
+    bench::print_ratio("synchronous round trip on one processor, floor", trips[0], trips[0], "ns", "");
+    bench::print_ratio("synchronous round trip on one processor, library", trips[1], trips[0], "ns",
+                       "at most 1.15");
+
+    const auto few = [](order held) {
+        return with_peer(
+            answers::hold, -1, [] { return library_delivery(1000) * 1e9; }, held);
+    };
+    const auto many = [](order held) {
+        return with_peer(
+            answers::hold, -1, [] { return library_delivery(1000000) * 1e9; }, held);
+    };
+    const auto deliveries = bench::medians({{"1000", few(order::ascending)},
+                                            {"ascending", many(order::ascending)},
+                                            {"descending", many(order::descending)},
+                                            {"random", many(order::random)}},
+                                           std::max(3, rounds / 2));
+    bench::print_ratio("a result over the wire, 1,000 pending", deliveries[0], deliveries[0], "ns", "");
+    bench::print_ratio("a result over the wire, 1,000,000 pending, ascending", deliveries[1], deliveries[0],
+                       "ns", "at most 1.5");
+    bench::print_ratio("a result over the wire, 1,000,000 pending, descending", deliveries[2], deliveries[0],
+                       "ns", "at most 1.5");
+    bench::print_ratio("a result over the wire, 1,000,000 pending, random order", deliveries[3],
+                       deliveries[0], "ns", "at most 1.5");
+    return 0;
+}

@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Runs the benchmarks; the argument is the number of interleaved rounds (7).
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+rounds=${1:-7}
+echo "== requests and results against the raw-socket floor"
+build/release/bench/wire_bench "$rounds"
+echo "== the service side against the raw-socket floor"
+build/release/bench/service_bench "$rounds"
+echo "== what must not grow with what is held"
+build/release/bench/memory_bench --benchmark_min_time=0.3
+scripts/bench_idle.sh

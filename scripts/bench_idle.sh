@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# The processor time of an idle registered client, as a share of one core over 20 seconds.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+work=$(mktemp -d /tmp/sccb-XXXXXX)
+export TMPDIR=$work
+finish() {
+    kill "$client" "$daemon" 2>/dev/null || true
+    rm -rf "$work"
+}
+build/release/devkit/sccd/sccd-dev >"$work/log" &
+daemon=$!
+client=$daemon
+trap finish EXIT
+until grep -q ready "$work/log"; do sleep 0.05; done
+build/release/devkit/ctl/sccctl watch --seconds 60 >"$work/watch" &
+client=$!
+until grep -q 'status=1' "$work/watch"; do sleep 0.05; done
+ticks() { awk '{print $14 + $15}' "/proc/$client/stat"; }
+before=$(ticks)
+sleep 20
+after=$(ticks)
+awk -v used=$((after - before)) -v hz="$(getconf CLK_TCK)" \
+    'BEGIN {printf "an idle registered client: %.2f %% of one core (less than 0.5)\n", used * 100 / hz / 20}'

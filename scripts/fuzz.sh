@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Runs each fuzzer for some seconds (60) from its corpus; a finding fails.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/common.sh
+. scripts/common.sh
+seconds=${1:-60}
+build fuzz message_fuzz reply_fuzz
+work=$(mktemp -d /tmp/scclib-fuzz-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+for fuzzer in message_fuzz reply_fuzz; do
+    mkdir "$work/$fuzzer"
+    "build/fuzz/fuzz/$fuzzer" -max_total_time="$seconds" -max_len=4096 -print_final_stats=1 \
+        -artifact_prefix="$work/" "$work/$fuzzer" "fuzz/corpus/$fuzzer" >"$work/log" 2>&1 || {
+        tail -n 60 "$work/log"
+        exit 1
+    }
+    grep -E 'stat::number_of_executed_units|cov:' "$work/log" | tail -n 2
+done
