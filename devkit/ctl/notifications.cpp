@@ -83,20 +83,17 @@ void put(json notification) {
     inbox::shared().put_notification(std::move(notification));
 }
 
-template <auto Slot, auto& Row, typename Type = decltype(Slot)>
-struct plain_handler;
-
-template <auto Slot, auto& Row, typename... Fields>
-struct plain_handler<Slot, Row, void (*scc_handlers::*)(Fields...)> {
-    static void deliver(Fields... fields) {
-        static_assert(sizeof...(Fields) == Row.fields.size());
+// The handler's type, passed as a value, gives the fields' types.
+template <const auto& Row, typename... Fields>
+void install_plain(scc_handlers& handlers, void (*scc_handlers::*slot)(Fields...)) {
+    static_assert(sizeof...(Fields) == Row.fields.size());
+    handlers.*slot = [](Fields... fields) {
         json notification = named(Row.name, Row.type);
         std::size_t next = 0;
         ((notification[Row.fields[next++]] = shown(fields)), ...);
         put(std::move(notification));
-    }
-    static void install(scc_handlers& handlers) { handlers.*Slot = &deliver; }
-};
+    };
+}
 
 template <std::size_t Count>
 struct plain_row {
@@ -180,14 +177,14 @@ std::string value_text(const json& value) {
 }  // namespace
 
 void install_notifications(scc_handlers& handlers) {
-    plain_handler<&scc_handlers::direct_vlan_notify, direct_vlan_row>::install(handlers);
-    plain_handler<&scc_handlers::authmode, authmode_row>::install(handlers);
-    plain_handler<&scc_handlers::station_move, station_move_row>::install(handlers);
-    plain_handler<&scc_handlers::flow, flow_row>::install(handlers);
-    plain_handler<&scc_handlers::offline_detect_notify, offline_detect_row>::install(handlers);
-    plain_handler<&scc_handlers::port_violate_notify, port_violate_row>::install(handlers);
-    plain_handler<&scc_handlers::user_roll, user_roll_row>::install(handlers);
-    plain_handler<&scc_handlers::water_line, water_line_row>::install(handlers);
+    install_plain<direct_vlan_row>(handlers, &scc_handlers::direct_vlan_notify);
+    install_plain<authmode_row>(handlers, &scc_handlers::authmode);
+    install_plain<station_move_row>(handlers, &scc_handlers::station_move);
+    install_plain<flow_row>(handlers, &scc_handlers::flow);
+    install_plain<offline_detect_row>(handlers, &scc_handlers::offline_detect_notify);
+    install_plain<port_violate_row>(handlers, &scc_handlers::port_violate_notify);
+    install_plain<user_roll_row>(handlers, &scc_handlers::user_roll);
+    install_plain<water_line_row>(handlers, &scc_handlers::water_line);
     handlers.d1x_addr_move = &on_addr_move;
     handlers.ace_counters = &on_ace_counters;
     handlers.noflow_offline = &on_noflow;

@@ -1,12 +1,10 @@
 // sccctl as its users run it: against a real daemon, against a refusing one, and against none.
 #include <algorithm>
 #include <set>
-#include <thread>
 
 #include "command.h"
 #include "ctl_support.h"
 #include "program.h"
-#include "session.h"
 
 namespace ctl_test {
 namespace {
