@@ -1,0 +1,240 @@
+// The walk over the items of a message: where each type goes, what is unknown, what is too short.
+#include "client/dispatch.h"
+
+#include <algorithm>
+
+#include "client/acl_cache.h"
+#include "client/diagnostics.h"
+#include "client/handler_recorder.h"
+#include "client/log.h"
+#include "client/request_channel.h"
+#include "support/registered_client.h"
+
+using test::bytes;
+using test::handler_call;
+using test::item_bytes;
+using test::side;
+using test::wire;
+
+namespace {
+
+using texts = std::vector<std::string>;
+
+void walk(const std::vector<bytes>& items) {
+    const bytes message = test::message_bytes(items);
+    _scc_lib_async_msg_proc(static_cast<std::uint32_t>(items.size()), message.data() + 8);
+}
+
+// Authentication mode: the shortest notification that shows its value.
+bytes mode_item(std::uint32_t mode) {
+    return item_bytes(214, wire().u32(0).u32(mode));
+}
+
+handler_call mode_call(std::uint32_t mode) {
+    return {49, {"32:" + std::to_string(mode)}};
+}
+
+class Dispatch : public ::testing::Test {
+  protected:
+    Dispatch() {
+        _scc_lib_data_init();
+        test::use_handlers(test::recording_handlers());
+    }
+    ~Dispatch() override { _scc_lib_data_free(); }
+};
+
+TEST_F(Dispatch, ACountOfZeroOrNoItemsAreLoggedWithTheCountAndIgnored) {
+    const test::debugging on;
+    const bytes item = mode_item(1);
+    _scc_lib_async_msg_proc(0, item.data());
+    _scc_lib_async_msg_proc(3, nullptr);
+    EXPECT_EQ(test::log_texts(),
+              (texts{"input param invalid. tlv_num(0).", "input param invalid. tlv_num(3)."}));
+    EXPECT_TRUE(test::taken_calls().empty());
+}
+
+TEST_F(Dispatch, OnlyTheLowSixteenBitsOfTheCountAreUsed) {
+    const test::debugging on;
+    const bytes item = mode_item(1);
+    _scc_lib_async_msg_proc(0xFFFF0000U, item.data());
+    EXPECT_EQ(test::log_texts(), texts{"input param invalid. tlv_num(0)."});
+    EXPECT_TRUE(test::taken_calls().empty());
+    _scc_lib_async_msg_proc(0x00050001U, item.data());
+    EXPECT_EQ(test::taken_calls(), std::vector<handler_call>{mode_call(1)});
+}
+
+TEST_F(Dispatch, EachOfTheThirteenNotificationsReachesItsPosition) {
+    struct place {
+        std::uint16_t type;
+        int position;
+    };
+    const place places[] = {{110, 10}, {127, 63}, {209, 61}, {210, 56}, {211, 57}, {212, 48},
+                            {213, 47}, {214, 49}, {216, 64}, {217, 65}, {219, 66}, {407, 55}};
+    for (const place& place : places) {
+        walk({item_bytes(place.type, bytes(1000))});
+        const std::vector<handler_call> calls = test::taken_calls();
+        ASSERT_EQ(calls.size(), 1U) << place.type;
+        EXPECT_EQ(calls[0].position, place.position) << place.type;
+    }
+    const test::debugging on;
+    walk({item_bytes(220, bytes(1000))});
+    EXPECT_EQ(test::log_texts(), texts{"ignore waterline notify(end)."});
+    EXPECT_TRUE(test::taken_calls().empty());
+}
+
+TEST_F(Dispatch, EveryTypeOutsideTheTableIsLoggedAsUnknownWithItsNumber) {
+    const std::vector<std::uint16_t> known = {110, 127, 206, 209, 210, 211, 212, 213, 214,
+                                              216, 217, 219, 220, 318, 319, 401, 406, 407};
+    texts expected;
+    const test::debugging on;
+    const auto offer = [&](std::uint16_t type) {
+        if (std::find(known.begin(), known.end(), type) == known.end()) {
+            walk({item_bytes(type, bytes(1000))});
+            expected.push_back("unknown scclib msg type(" + std::to_string(type) + ").");
+        }
+    };
+    for (std::uint16_t type = 0; type <= 500; ++type) {
+        offer(type);
+    }
+    offer(0x8000);
+    offer(0xFFFF);
+    EXPECT_EQ(expected.size(), 501U - 18U + 2U);
+    EXPECT_EQ(test::log_texts(), expected);
+    EXPECT_TRUE(test::taken_calls().empty());
+}
+
+TEST_F(Dispatch, AnUnknownItemIsSkippedByItsLengthAndTheNextIsDelivered) {
+    for (const std::uint16_t unknown : {std::uint16_t{215}, std::uint16_t{218}, std::uint16_t{400},
+                                        std::uint16_t{408}, std::uint16_t{402}}) {
+        const test::debugging on;
+        walk({item_bytes(unknown, bytes(13, 0xEE)), mode_item(unknown)});
+        EXPECT_EQ(test::taken_calls(), std::vector<handler_call>{mode_call(unknown)});
+        EXPECT_EQ(test::log_texts(), (texts{"unknown scclib msg type(" + std::to_string(unknown) + ").",
+                                            "call authmode notify handler"}));
+    }
+}
+
+TEST_F(Dispatch, ANotificationAndAResultInOneMessageAreDeliveredInThatOrder) {
+    const bytes saved = wire().u8(7);
+    ASSERT_EQ(_scc_lib_save_call_data(3, 45, saved.data(), 1), 0U);
+    walk({mode_item(5), item_bytes(401, wire().u32(3).u32(2004))});
+    EXPECT_EQ(test::taken_calls(),
+              (std::vector<handler_call>{mode_call(5), {46, {"32:2004", "32:3", "8:7"}}}));
+}
+
+TEST_F(Dispatch, ItemsOfOddLengthsLeaveTheNextUnalignedAndIntact) {
+    std::vector<bytes> items;
+    std::vector<handler_call> expected;
+    for (std::uint32_t i = 0; i < 20; ++i) {
+        items.push_back(item_bytes(999, bytes(i)));
+        items.push_back(mode_item(0x10203040U + i));
+        expected.push_back(mode_call(0x10203040U + i));
+    }
+    walk(items);
+    EXPECT_EQ(test::taken_calls(), expected);
+}
+
+TEST_F(Dispatch, TheSubIdTakesNoPart) {
+    walk({item_bytes(214, wire().u32(0).u32(8), 0xABCD)});
+    EXPECT_EQ(test::taken_calls(), std::vector<handler_call>{mode_call(8)});
+}
+
+TEST_F(Dispatch, TheDebugCommandIsReachedThroughItem206) {
+    const test::debugging on;
+    walk({item_bytes(206, wire().zeros(24).u32(0).zeros(4).u32(1))});
+    EXPECT_EQ(scc_lib_debug.load(), 0U);
+    walk({item_bytes(206, wire().zeros(24).u32(1).zeros(4).u32(1))});
+    EXPECT_EQ(scc_lib_debug.load(), 1U);
+}
+
+TEST_F(Dispatch, TheCapabilityWordIsReachedThroughItem406) {
+    walk({item_bytes(406, wire().u64(0x1112131415161718))});
+    EXPECT_EQ(scc::capability_word(), 0x1112131415161718U);
+}
+
+// The least length of each type: what its process function reads.
+struct least_length {
+    std::uint16_t type;
+    std::size_t bytes;
+};
+
+constexpr least_length least_lengths[] = {
+    {110, 8}, {127, 80}, {206, 36}, {209, 16}, {210, 5}, {211, 80}, {212, 88}, {213, 8},
+    {214, 8}, {216, 12}, {217, 61}, {219, 24}, {220, 4}, {401, 8},  {406, 8},  {407, 24},
+};
+
+TEST_F(Dispatch, AnItemShorterThanItsFunctionReadsIsLoggedAndSkippedAndTheWalkGoesOn) {
+    for (const least_length& row : least_lengths) {
+        SCOPED_TRACE(row.type);
+        for (const std::size_t length : {std::size_t{0}, row.bytes - 1}) {
+            const test::debugging on;
+            walk({item_bytes(row.type, bytes(length, 0xEE)), mode_item(row.type)});
+            EXPECT_EQ(test::taken_calls(), std::vector<handler_call>{mode_call(row.type)});
+            EXPECT_EQ(test::log_texts().front(), "scclib msg type(" + std::to_string(row.type) +
+                                                     ") too short. len:" + std::to_string(length) + ".");
+        }
+    }
+    for (std::uint32_t i = 0; i < 13; ++i) {
+        EXPECT_EQ(scc::read_statistics(i).calls, 0U) << "a short item was counted at " << i;
+    }
+}
+
+TEST_F(Dispatch, AnItemOfExactlyTheLeastLengthIsProcessed) {
+    // Without handlers: those would be handed pointers to what lies behind.
+    test::use_handlers(scc_handlers{});
+    for (const least_length& row : least_lengths) {
+        const test::debugging on;
+        walk({item_bytes(row.type, bytes(row.bytes))});
+        for (const std::string& text : test::log_texts()) {
+            EXPECT_EQ(text.find("too short"), std::string::npos) << row.type << ": " << text;
+        }
+    }
+}
+
+TEST_F(Dispatch, AReportThatPromisesMoreThanItCarriesIsSkipped) {
+    const test::debugging on;
+    const auto counters = [](std::uint32_t count, std::size_t carried) {
+        return item_bytes(407, wire().zeros(20).u32(count).zeros(carried * 16));
+    };
+    const auto offline = [](std::uint32_t extra, std::size_t carried) {
+        return item_bytes(212, wire().zeros(80).u32(extra).zeros(4).zeros(carried));
+    };
+    walk({counters(2, 1), counters(0xFFFFFFFF, 1), counters(0x10000000, 0), offline(9, 8),
+          offline(0xFFFFFFFF, 8)});
+    EXPECT_TRUE(test::taken_calls().empty());
+    EXPECT_EQ(test::log_texts(),
+              (texts{"scclib msg type(407) too short. len:40.", "scclib msg type(407) too short. len:40.",
+                     "scclib msg type(407) too short. len:24.", "scclib msg type(212) too short. len:96.",
+                     "scclib msg type(212) too short. len:96."}));
+    walk({counters(2, 2), offline(8, 8)});
+    EXPECT_EQ(test::taken_calls().size(), 2U);
+}
+
+// ---- through the receive thread ----------------------------------------------------------------------
+
+using RegisteredDispatch = test::registered_client;
+
+TEST_F(RegisteredDispatch, ItemsOfOneAndOfSeveralMessagesArriveInTheOrderOfTheWire) {
+    info.handlers = test::recording_handlers();
+    start();
+    daemon.send_items(side::async, {mode_item(1), item_bytes(215, bytes(3)), mode_item(2)});
+    daemon.send_items(side::async, {item_bytes(210, wire().u32(0).u8(1)), mode_item(3)});
+    for (const handler_call& expected :
+         {mode_call(1), mode_call(2), handler_call{56, {"8:1"}}, mode_call(3)}) {
+        EXPECT_EQ(test::handler_calls().wait(), expected);
+    }
+    stop();
+}
+
+TEST_F(RegisteredDispatch, AMessageWhoseItemsLeadPastItIsRefusedWholeAndTheNextIsRead) {
+    info.handlers = test::recording_handlers();
+    start();
+    bytes hostile = test::message_bytes({mode_item(1), mode_item(2)});
+    hostile[5] = 3;  // items
+    daemon.send(side::async, hostile);
+    daemon.send_items(side::async, {mode_item(9)});
+    EXPECT_EQ(test::handler_calls().wait(), mode_call(9));
+    stop();
+}
+
+}  // namespace

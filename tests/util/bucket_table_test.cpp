@@ -1,0 +1,146 @@
+// The table that grows with what it holds: oldest first under equal keys, before and after growing.
+#include "util/bucket_table.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <unordered_map>
+#include <vector>
+
+namespace {
+
+struct entry {
+    scc::list_node link;
+    std::uint64_t key;
+    int number;
+};
+
+std::uint64_t hash_of(const scc::list_node* node) {
+    return reinterpret_cast<const entry*>(node)->key;
+}
+
+class BucketTable : public ::testing::Test {
+  protected:
+    BucketTable() { table.reset(); }
+    ~BucketTable() override {
+        table.clear([](scc::list_node*) {});
+    }
+
+    entry* find(std::uint64_t key) {
+        return reinterpret_cast<entry*>(table.find(key, [key](const scc::list_node* node) {
+            return reinterpret_cast<const entry*>(node)->key == key;
+        }));
+    }
+
+    void insert(entry& fresh, std::uint64_t key, int number) {
+        fresh.key = key;
+        fresh.number = number;
+        table.insert(&fresh.link);
+    }
+
+    std::vector<entry> entries;  // outlives what the table holds of it
+    scc::bucket_table<hash_of, 4> table;
+};
+
+TEST_F(BucketTable, IsEmptyAtFirstAndFindsNothing) {
+    EXPECT_EQ(table.size(), 0U);
+    EXPECT_EQ(find(0), nullptr);
+}
+
+TEST(BucketTableBeforeReset, FindsNothingAndClearsNothing) {
+    scc::bucket_table<hash_of, 4> fresh;
+    EXPECT_EQ(fresh.find(1, [](const scc::list_node*) { return true; }), nullptr);
+    fresh.grow_if_crowded();
+    fresh.clear([](scc::list_node*) { FAIL() << "released what was never there"; });
+    EXPECT_EQ(fresh.size(), 0U);
+}
+
+TEST_F(BucketTable, FindsTheOldestOfEqualKeysFirst) {
+    entries.resize(3);
+    for (int i = 0; i < 3; ++i) {
+        insert(entries[static_cast<std::size_t>(i)], 9, i);
+    }
+    for (int i = 0; i < 3; ++i) {
+        entry* oldest = find(9);
+        ASSERT_NE(oldest, nullptr);
+        EXPECT_EQ(oldest->number, i);
+        table.erase(&oldest->link);
+    }
+    EXPECT_EQ(find(9), nullptr);
+    EXPECT_EQ(table.size(), 0U);
+}
+
+TEST_F(BucketTable, TellsKeysOfOneBucketApart) {
+    entries.resize(3);
+    insert(entries[0], 1, 10);
+    insert(entries[1], 5, 50);
+    insert(entries[2], 9, 90);
+    EXPECT_EQ(find(5)->number, 50);
+    EXPECT_EQ(find(9)->number, 90);
+    EXPECT_EQ(find(13), nullptr);
+}
+
+TEST_F(BucketTable, GrowingKeepsEveryEntryAndTheOrderOfEqualKeys) {
+    entries.resize(1000);
+    for (int i = 0; i < 1000; ++i) {
+        insert(entries[static_cast<std::size_t>(i)], static_cast<std::uint64_t>(i % 500), i);
+        if (i % 3 == 0) {
+            table.grow_if_crowded();
+        }
+    }
+    table.grow_if_crowded();
+    EXPECT_EQ(table.size(), 1000U);
+    for (int i = 0; i < 1000; ++i) {
+        entry* oldest = find(static_cast<std::uint64_t>(i % 500));
+        ASSERT_NE(oldest, nullptr) << i;
+        EXPECT_EQ(oldest->number, i);
+        table.erase(&oldest->link);
+    }
+    EXPECT_EQ(table.size(), 0U);
+}
+
+TEST_F(BucketTable, ClearingReleasesEachEntryOnceAndTheTableIsUsableAgain) {
+    entries.resize(100);
+    for (int i = 0; i < 100; ++i) {
+        insert(entries[static_cast<std::size_t>(i)], static_cast<std::uint64_t>(i), i);
+    }
+    table.grow_if_crowded();
+    std::vector<int> released(100);
+    table.clear([&](scc::list_node* node) {
+        ++released[static_cast<std::size_t>(reinterpret_cast<entry*>(node)->number)];
+    });
+    EXPECT_EQ(released, std::vector<int>(100, 1));
+    EXPECT_EQ(table.size(), 0U);
+    EXPECT_EQ(find(5), nullptr);
+    insert(entries[0], 5, 55);
+    EXPECT_EQ(find(5)->number, 55);
+}
+
+TEST_F(BucketTable, FollowsAModelThroughRandomChanges) {
+    std::mt19937_64 random(3);
+    entries.resize(5000);
+    std::unordered_map<std::uint64_t, std::vector<int>> model;
+    std::size_t held = 0;
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        const std::uint64_t key = random() % 700 * 0x10001;
+        insert(entries[i], key, static_cast<int>(i));
+        model[key].push_back(static_cast<int>(i));
+        ++held;
+        const std::uint64_t chosen = random() % 700 * 0x10001;
+        std::vector<int>& expected = model[chosen];
+        entry* found = find(chosen);
+        ASSERT_EQ(found == nullptr, expected.empty());
+        if (found != nullptr && random() % 3 == 0) {
+            ASSERT_EQ(found->number, expected.front());
+            table.erase(&found->link);
+            expected.erase(expected.begin());
+            --held;
+        }
+        if (i % 64 == 0) {
+            table.grow_if_crowded();
+        }
+    }
+    EXPECT_EQ(table.size(), held);
+}
+
+}  // namespace
