@@ -1,0 +1,228 @@
+// The way of one message's items to the operations: order, unknown types, values that are too short.
+#include "client/log.h"
+#include "ss/service.h"
+#include "ss/service_fixture.h"
+
+using test::bytes;
+using test::item_bytes;
+using test::side;
+using test::wire;
+
+namespace {
+
+using Dispatch = test::registered_service;
+
+// The 27 types, and how much of a value each of them reads.
+struct type_row {
+    std::uint16_t type;
+    std::size_t least_bytes;
+};
+
+constexpr type_row known_types[] = {
+    {131, 140}, {132, 940}, {133, 244}, {138, 28}, {140, 36}, {141, 36}, {142, 12}, {143, 8},  {148, 16},
+    {149, 12},  {150, 20},  {151, 96},  {152, 96}, {153, 12}, {154, 16}, {155, 4},  {158, 24}, {163, 12},
+    {201, 9},   {205, 4},   {206, 36},  {209, 16}, {213, 8},  {214, 8},  {312, 36}, {313, 36}, {318, 0},
+};
+
+bool is_known(std::uint32_t type) {
+    for (const type_row& row : known_types) {
+        if (row.type == type) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string unknown_text(std::uint32_t type) {
+    return "unknown scclib msg type(" + std::to_string(type) + ").";
+}
+
+TEST_F(Dispatch, AnUnknownTypeBetweenTwoOperationsIsLoggedAndSkipped) {
+    start_with_all_handlers();
+    const test::debugging on;
+    daemon.send_items(side::async, {item_bytes(131, wire().u32(1).zeros(132).u32(1), 10),
+                                    item_bytes(999, wire().u32(2), 11),
+                                    item_bytes(132, wire().u32(3).zeros(932).u32(0), 12)});
+    EXPECT_EQ(test::u32_at(called(1), 0), 1U);
+    EXPECT_EQ(test::u32_at(called(4), 0), 3U);
+    EXPECT_TRUE(test::wait_for_log("lib proc msg done.\n"));
+    for (const char* text : {"scc-type:10, ss-type:131", "scc-type:11, ss-type:999",
+                             "scc-type:12, ss-type:132", "unknown scclib msg type(999)."}) {
+        EXPECT_TRUE(test::logged(text)) << text;
+    }
+}
+
+TEST_F(Dispatch, EveryTypeOutsideTheTableIsUnknown) {
+    for (std::uint32_t type = 0; type <= 0xFFFF; type += type < 500 ? 1 : 997) {
+        if (is_known(type)) {
+            continue;
+        }
+        const test::debugging on;
+        const bytes item = item_bytes(static_cast<std::uint16_t>(type), wire().zeros(1000), 3);
+        _scc_ss_async_msg_proc(1, item.data());
+        EXPECT_EQ(test::log_texts(), (std::vector<std::string>{"scc-type:3, ss-type:" + std::to_string(type),
+                                                               unknown_text(type)}));
+    }
+}
+
+TEST_F(Dispatch, AProbeAndAnApplicationsResultAreUnknownHere) {
+    start_with_all_handlers();
+    const test::debugging on;
+    send(319, wire().zeros(8));
+    send(401, wire().u32(1).u32(0));
+    expect_nothing_more();
+    EXPECT_TRUE(test::logged(unknown_text(319)));
+    EXPECT_TRUE(test::logged(unknown_text(401)));
+    // Nothing was answered on the other socket either.
+    EXPECT_EQ(scc_ss_fetch_func(), 0U);
+    EXPECT_EQ(daemon.read_item(side::sync).type, 204);
+}
+
+TEST_F(Dispatch, EachTypeOfTheTableIsKnown) {
+    start_with_all_handlers();
+    for (const type_row& row : known_types) {
+        const test::debugging on;
+        send(row.type, bytes(1000));
+        EXPECT_TRUE(test::wait_for_log("lib proc msg done.\n"));
+        EXPECT_FALSE(test::logged(unknown_text(row.type)));
+    }
+}
+
+TEST_F(Dispatch, AValueThatIsTooShortIsLoggedAndSkippedAndTheNextItemRuns) {
+    start_with_all_handlers();
+    for (const type_row& row : known_types) {
+        for (const std::size_t length : {std::size_t{0}, row.least_bytes / 2, row.least_bytes - 1}) {
+            if (row.least_bytes == 0) {
+                continue;
+            }
+            SCOPED_TRACE(row.type);
+            const test::debugging on;
+            daemon.send_items(side::async, {item_bytes(row.type, bytes(length)),
+                                            item_bytes(163, wire().u32(1).u32(1).u32(1))});
+            called(12);  // and nothing before
+            EXPECT_TRUE(test::logged("scclib msg type(" + std::to_string(row.type) +
+                                     ") too short. len:" + std::to_string(length) + "."));
+        }
+    }
+}
+
+TEST_F(Dispatch, AValueOfExactlyTheLeastLengthRuns) {
+    start_with_all_handlers();
+    for (const type_row& row : known_types) {
+        SCOPED_TRACE(row.type);
+        const test::debugging on;
+        send(row.type, bytes(row.least_bytes));
+        EXPECT_TRUE(test::wait_for_log("lib proc msg done.\n"));
+        for (const std::string& text : test::log_texts()) {
+            EXPECT_EQ(text.find("too short"), std::string::npos) << text;
+        }
+    }
+}
+
+TEST_F(Dispatch, AValueLongerThanItsOperationReadsIsSteppedOver) {
+    start_with_all_handlers();
+    daemon.send_items(side::async, {item_bytes(143, wire().u32(1).u32(1).zeros(5001)),
+                                    item_bytes(149, wire().u32(2).u32(3).u32(4).zeros(1)),
+                                    item_bytes(163, wire().u32(3).u32(1).u32(1))});
+    EXPECT_EQ(test::u32_at(called(8), 0), 1U);
+    EXPECT_EQ(called(16), bytes(wire().u32(2).u32(3).u32(4)));
+    EXPECT_EQ(test::u32_at(called(12), 0), 3U);
+}
+
+TEST_F(Dispatch, AMessageOf2000ItemsRunsInTheOrderOfTheWire) {
+    start_with_all_handlers();
+    std::vector<bytes> items;
+    for (std::uint32_t id = 0; id < 2000; ++id) {
+        items.push_back(item_bytes(149, wire().u32(id).u32(1).u32(2), 5));
+    }
+    daemon.send_items(side::async, items);
+    for (std::uint32_t id = 0; id < 2000; ++id) {
+        ASSERT_EQ(called(16), bytes(wire().u32(id).u32(1).u32(2)));
+    }
+}
+
+TEST_F(Dispatch, NoItemsOrANullPointerIsLoggedAndIgnored) {
+    const test::debugging on;
+    const bytes item = item_bytes(143, wire().u32(1).u32(1));
+    _scc_ss_async_msg_proc(0, item.data());
+    _scc_ss_async_msg_proc(0x10000, item.data());
+    _scc_ss_async_msg_proc(3, nullptr);
+    EXPECT_EQ(test::log_texts(), (std::vector<std::string>{"input param invalid. tlv_num(0).",
+                                                           "input param invalid. tlv_num(0).",
+                                                           "input param invalid. tlv_num(3)."}));
+}
+
+TEST_F(Dispatch, VlansAndAuthenticationModeGoToTheHandlersOfTheRegistration) {
+    start_with_all_handlers();
+    const bytes vlans = test::pattern(24, 0x61);
+    send(213, wire().u32(0xEEEEEEEE).u32(0xEEEEEEEE).add(vlans));
+    EXPECT_EQ(called(13), vlans);
+    const test::debugging on;
+    send(214, wire().u32(0xEEEEEEEE).u32(3));
+    EXPECT_EQ(called(14), bytes(wire().u32(3)));
+    EXPECT_TRUE(test::logged("call authmode notify handler"));
+    expect_nothing_more();
+}
+
+TEST_F(Dispatch, VlansAndAuthenticationModeWithoutHandlersAreIgnored) {
+    start();
+    const test::debugging on;
+    send(213, wire().zeros(32));
+    send(214, wire().u32(0).u32(3));
+    expect_nothing_more();
+    EXPECT_TRUE(test::logged("ignore direct vlan notify msg"));
+    EXPECT_TRUE(test::logged("ignore authmode notify msg"));
+}
+
+// Entry 0: one create, called and answered with success; entry 6: one user added. The columns: index,
+// calls, call successes, callback successes, call failures, callback failures.
+TEST_F(Dispatch, ACollectionIsAnsweredWithTheStatisticsUnderAppId16) {
+    start();
+    const test::debugging on;
+    send(131, wire().u32(1).zeros(132).u32(1));
+    send(151, wire().u32(2).u8(1).zeros(91));
+    daemon.read_items(side::async, 2);
+    send(318, {});
+    wire expected;
+    expected.u32(16).u32(13);
+    expected.u32(0).u32(1).u32(1).u32(1).u32(0).u32(0);
+    for (std::uint32_t entry = 1; entry < 13; ++entry) {
+        const std::uint32_t calls = entry == 6 ? 1 : 0;
+        expected.u32(entry).u32(calls).u32(calls).u32(0).u32(0).u32(0);
+    }
+    const test::received_item item = daemon.read_item(side::sync);
+    EXPECT_EQ(item.type, 318);
+    EXPECT_EQ(item.sub_id, 0);
+    EXPECT_EQ(item.value, expected.get());
+    EXPECT_TRUE(test::wait_for_log("send libinfo collect(func_cnt:13) back. rv:0."));
+}
+
+// A debug command shows the ACL cache as well, which a service does not have.
+TEST_F(Dispatch, ADebugCommand3ShowsTheCacheThenTheServicesOwnState) {
+    start();
+    test::clear_log();
+    send(206, wire().zeros(32).u32(3).u32(3));
+    EXPECT_TRUE(test::wait_for_log("dump ss list."));
+    const auto lines = test::captured_log();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.front().submodule, "SHOW");
+    EXPECT_EQ(lines.front().text, "================== scclib all acl info ===================");
+    EXPECT_TRUE(test::logged("Total acl num:0\n"));
+    EXPECT_TRUE(test::logged("ss-stat: recv_cnt(1) callback_cnt(0)."));
+}
+
+TEST_F(Dispatch, LogsNothingWhileTheSwitchIsOff) {
+    start_with_all_handlers();
+    test::clear_log();
+    for (const type_row& row : known_types) {
+        if (row.type != 206) {
+            send(row.type, bytes(1000));
+        }
+    }
+    send(999, bytes(10));
+    daemon.read_items(side::async, 2);  // of the user read and the data recovery
+    expect_nothing_more();
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{});
+}
+
+}  // namespace
