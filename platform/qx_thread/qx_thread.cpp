@@ -1,7 +1,9 @@
 // The workstation's event loop: each task is one libevent event that fires once.
 //
-// A task is in its master's list until its handler starts or it is cancelled; the list says which handles
-// are valid. Its memory is freed by libevent's finaliser, once no callback of it can be running.
+// A handle is the task's number, which is never used again, and not its address: a caller may keep a handle
+// for longer than the task lives and cancel it then, and must not meet a newer task. A task is in the table
+// until its handler has returned or it is cancelled. Its memory is freed by libevent's finaliser, once no
+// callback of it can be running.
 #include "qx_thread.h"
 
 #include <event2/event.h>
@@ -9,12 +11,22 @@
 #include <pthread.h>
 #include <sys/time.h>
 
+#include <array>
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
 
-struct qx_thread {
-    qx_thread* next;
-    qx_thread* prev;
+struct qx_thread_master {
+    event_base* base;
+    event* wake;  // activated by a stop: a loop that is only about to wait must not
+    std::atomic<bool> stopping;
+};
+
+namespace {
+
+struct task {
+    task* next;  // in its bucket; g_tasks_mutex
+    std::uintptr_t number;
     qx_thread_master* master;
     event* trigger;
     qx_thread_handler handler;
@@ -22,22 +34,17 @@ struct qx_thread {
     int fd;
     int value;
     const char* name;
-    bool cancelled;
+    bool started;    // g_tasks_mutex
+    bool cancelled;  // g_tasks_mutex
 };
 
-struct qx_thread_master {
-    event_base* base;
-    event* wake;  // activated by a stop: a loop that is only about to wait must not
-    std::atomic<bool> stopping;
-    qx_thread tasks;  // head of the list; g_tasks_mutex
-    qx_thread_master* next_master;
-};
+// Numbers follow each other, so the buckets fill evenly.
+constexpr std::size_t buckets = 1024;
 
-namespace {
-
-// Guards the lists of all masters and the cancelled flags: a handle names no master before it was found.
+// Guards the table and the flags of the tasks.
 constinit pthread_mutex_t g_tasks_mutex = PTHREAD_MUTEX_INITIALIZER;
-constinit qx_thread_master* g_masters = nullptr;
+constinit std::array<task*, buckets> g_tasks{};
+constinit std::uintptr_t g_last_number = 0;
 constinit pthread_once_t g_threads_once = PTHREAD_ONCE_INIT;
 constinit bool g_threads_ready = false;
 
@@ -53,16 +60,30 @@ class tasks_guard {
     tasks_guard& operator=(const tasks_guard&) = delete;
 };
 
-void link_task(qx_thread_master* master, qx_thread* task) {
-    task->next = &master->tasks;
-    task->prev = master->tasks.prev;
-    task->prev->next = task;
-    master->tasks.prev = task;
+qx_thread* handle_of(const task* one) {
+    return reinterpret_cast<qx_thread*>(one->number);
 }
 
-void unlink_task(qx_thread* task) {
-    task->next->prev = task->prev;
-    task->prev->next = task->next;
+// The place of the pointer to the task, or of the null at the bucket's end.
+task** place_of(std::uintptr_t number) {
+    task** place = &g_tasks[number % buckets];
+    while (*place != nullptr && (*place)->number != number) {
+        place = &(*place)->next;
+    }
+    return place;
+}
+
+const task* find_task(const qx_thread* handle) {
+    return *place_of(reinterpret_cast<std::uintptr_t>(handle));
+}
+
+void enter(task* one) {
+    one->number = ++g_last_number;
+    *place_of(one->number) = one;
+}
+
+void remove(const task* one) {
+    *place_of(one->number) = one->next;
 }
 
 void on_wake(evutil_socket_t /*fd*/, short /*what*/, void* argument) {
@@ -72,8 +93,23 @@ void on_wake(evutil_socket_t /*fd*/, short /*what*/, void* argument) {
     }
 }
 
+// Looks for readable sockets behind every ordinary task, so that tasks which add themselves again keep
+// nobody out and a high-priority read overtakes all that wait.
+event_base* new_base() {
+    event_config* config = event_config_new();
+    event_base* base = nullptr;
+    if (config != nullptr &&
+        event_config_set_max_dispatch_interval(config, nullptr, 1, normal_priority) == 0) {
+        base = event_base_new_with_config(config);
+    }
+    if (config != nullptr) {
+        event_config_free(config);
+    }
+    return base;
+}
+
 bool make_base(qx_thread_master* master) {
-    master->base = event_base_new();
+    master->base = new_base();
     if (master->base == nullptr || event_base_priority_init(master->base, priorities) != 0) {
         return false;
     }
@@ -91,78 +127,95 @@ void free_base(qx_thread_master* master) {
     std::free(master);
 }
 
-void free_task(event* /*trigger*/, void* task) {
-    std::free(task);
+void free_task(event* /*trigger*/, void* one) {
+    std::free(one);
+}
+
+// Under the guard.
+void cancel_task(task* one) {
+    remove(one);
+    one->cancelled = true;
+    event_free_finalize(0, one->trigger, free_task);
 }
 
 // Runs on the loop's thread.
 void fire(evutil_socket_t /*fd*/, short /*what*/, void* argument) {
-    auto* task = static_cast<qx_thread*>(argument);
+    auto* one = static_cast<task*>(argument);
+    qx_thread* handle = nullptr;
     {
         const tasks_guard guard;
-        if (task->cancelled) {
+        if (one->cancelled) {
             return;
         }
-        unlink_task(task);
-        task->cancelled = true;
+        one->started = true;
+        handle = handle_of(one);
     }
-    task->handler(task);
-    event_free_finalize(0, task->trigger, free_task);
+    one->handler(handle);
+    const tasks_guard guard;
+    cancel_task(one);
 }
 
-qx_thread* make_task(qx_thread_master* master, qx_thread_handler handler, void* arg, const char* name) {
+task* make_task(qx_thread_master* master, qx_thread_handler handler, void* arg, const char* name) {
     if (master == nullptr || handler == nullptr) {
         return nullptr;
     }
-    auto* task = static_cast<qx_thread*>(std::calloc(1, sizeof(qx_thread)));
-    if (task != nullptr) {
-        task->master = master;
-        task->handler = handler;
-        task->arg = arg;
-        task->name = name;
-        task->fd = -1;
+    auto* one = static_cast<task*>(std::calloc(1, sizeof(task)));
+    if (one != nullptr) {
+        one->master = master;
+        one->handler = handler;
+        one->arg = arg;
+        one->name = name;
+        one->fd = -1;
     }
-    return task;
+    return one;
+}
+
+bool make_trigger(task* one, short what, int priority) {
+    one->trigger = event_new(one->master->base, one->fd, what, fire, one);
+    return one->trigger != nullptr && event_priority_set(one->trigger, priority) == 0;
+}
+
+qx_thread* give_up(task* one) {
+    if (one->trigger != nullptr) {
+        event_free(one->trigger);
+    }
+    std::free(one);
+    return nullptr;
 }
 
 // Makes the event and starts it; the task is freed when that fails. Under the guard, so that the handler
-// cannot run before the caller has its handle in the list.
-qx_thread* start(qx_thread* task, short what, int priority, const timeval* timeout) {
-    task->trigger = event_new(task->master->base, task->fd, what, fire, task);
-    if (task->trigger == nullptr) {
-        std::free(task);
-        return nullptr;
+// cannot run before the task is in the table.
+qx_thread* start(task* one, short what, int priority, const timeval* timeout) {
+    if (!make_trigger(one, what, priority)) {
+        return give_up(one);
     }
-    event_priority_set(task->trigger, priority);
     const tasks_guard guard;
-    if (event_add(task->trigger, timeout) != 0) {
-        event_free(task->trigger);
-        std::free(task);
-        return nullptr;
+    if (event_add(one->trigger, timeout) != 0) {
+        return give_up(one);
     }
-    link_task(task->master, task);
-    return task;
+    enter(one);
+    return handle_of(one);
 }
 
-bool find_task(const qx_thread* task) {
-    for (qx_thread_master* master = g_masters; master != nullptr; master = master->next_master) {
-        for (qx_thread* known = master->tasks.next; known != &master->tasks; known = known->next) {
-            if (known == task) {
-                return true;
-            }
-        }
+// A task that is ready from the beginning: such tasks run in the order in which they were added.
+qx_thread* start_ready(task* one) {
+    if (!make_trigger(one, 0, normal_priority)) {
+        return give_up(one);
     }
-    return false;
+    const tasks_guard guard;
+    enter(one);
+    event_active(one->trigger, EV_TIMEOUT, 0);
+    return handle_of(one);
 }
 
 qx_thread* add_descriptor_task(qx_thread_master* master, qx_thread_handler handler, void* arg, int fd,
                                const char* name, short what, int priority) {
-    qx_thread* task = fd < 0 ? nullptr : make_task(master, handler, arg, name);
-    if (task == nullptr) {
+    task* one = fd < 0 ? nullptr : make_task(master, handler, arg, name);
+    if (one == nullptr) {
         return nullptr;
     }
-    task->fd = fd;
-    return start(task, what, priority, nullptr);
+    one->fd = fd;
+    return start(one, what, priority, nullptr);
 }
 
 }  // namespace
@@ -180,11 +233,6 @@ struct qx_thread_master* qx_thread_master_create(void) {
         free_base(master);
         return nullptr;
     }
-    master->tasks.next = &master->tasks;
-    master->tasks.prev = &master->tasks;
-    const tasks_guard guard;
-    master->next_master = g_masters;
-    g_masters = master;
     return master;
 }
 
@@ -194,18 +242,15 @@ void qx_thread_master_free(struct qx_thread_master* master) {
     }
     {
         const tasks_guard guard;
-        for (qx_thread_master** link = &g_masters; *link != nullptr; link = &(*link)->next_master) {
-            if (*link == master) {
-                *link = master->next_master;
-                break;
+        for (task*& bucket : g_tasks) {
+            for (task** place = &bucket; *place != nullptr;) {
+                if ((*place)->master == master) {
+                    cancel_task(*place);  // moves the next one here
+                } else {
+                    place = &(*place)->next;
+                }
             }
         }
-    }
-    for (qx_thread* task = master->tasks.next; task != &master->tasks;) {
-        qx_thread* next = task->next;
-        task->cancelled = true;
-        event_free_finalize(0, task->trigger, free_task);
-        task = next;
     }
     free_base(master);
 }
@@ -231,23 +276,22 @@ void qx_thread_master_stop(struct qx_thread_master* master) {
 
 struct qx_thread* qx_thread_add_event_withname(struct qx_thread_master* master, qx_thread_handler handler,
                                                void* arg, int value, const char* name) {
-    qx_thread* task = make_task(master, handler, arg, name);
-    if (task == nullptr) {
+    task* one = make_task(master, handler, arg, name);
+    if (one == nullptr) {
         return nullptr;
     }
-    task->value = value;
-    const timeval now{0, 0};
-    return start(task, EV_TIMEOUT, normal_priority, &now);
+    one->value = value;
+    return start_ready(one);
 }
 
 struct qx_thread* qx_thread_add_timer_withname(struct qx_thread_master* master, qx_thread_handler handler,
                                                void* arg, long seconds, const char* name) {
-    qx_thread* task = make_task(master, handler, arg, name);
-    if (task == nullptr) {
+    task* one = make_task(master, handler, arg, name);
+    if (one == nullptr) {
         return nullptr;
     }
     const timeval interval{seconds > 0 ? seconds : 0, 0};
-    return start(task, EV_TIMEOUT, normal_priority, &interval);
+    return start(one, EV_TIMEOUT, normal_priority, &interval);
 }
 
 struct qx_thread* qx_thread_add_read_high_withname(struct qx_thread_master* master, qx_thread_handler handler,
@@ -260,29 +304,35 @@ struct qx_thread* qx_thread_add_write_withname(struct qx_thread_master* master, 
     return add_descriptor_task(master, handler, arg, fd, name, EV_WRITE, normal_priority);
 }
 
-void qx_thread_cancel(struct qx_thread* task) {
+void qx_thread_cancel(struct qx_thread* handle) {
     const tasks_guard guard;
-    if (task == nullptr || !find_task(task)) {
-        return;
+    task* const one = *place_of(reinterpret_cast<std::uintptr_t>(handle));
+    if (one != nullptr && !one->started) {
+        cancel_task(one);
     }
-    unlink_task(task);
-    task->cancelled = true;
-    event_free_finalize(0, task->trigger, free_task);
 }
 
-void* qx_thread_arg(const struct qx_thread* task) {
-    return task == nullptr ? nullptr : task->arg;
+void* qx_thread_arg(const struct qx_thread* handle) {
+    const tasks_guard guard;
+    const task* const one = find_task(handle);
+    return one == nullptr ? nullptr : one->arg;
 }
 
-int qx_thread_fd(const struct qx_thread* task) {
-    return task == nullptr ? -1 : task->fd;
+int qx_thread_fd(const struct qx_thread* handle) {
+    const tasks_guard guard;
+    const task* const one = find_task(handle);
+    return one == nullptr ? -1 : one->fd;
 }
 
-int qx_thread_value(const struct qx_thread* task) {
-    return task == nullptr ? 0 : task->value;
+int qx_thread_value(const struct qx_thread* handle) {
+    const tasks_guard guard;
+    const task* const one = find_task(handle);
+    return one == nullptr ? 0 : one->value;
 }
 
-const char* qx_thread_name(const struct qx_thread* task) {
-    return task == nullptr ? nullptr : task->name;
+const char* qx_thread_name(const struct qx_thread* handle) {
+    const tasks_guard guard;
+    const task* const one = find_task(handle);
+    return one == nullptr ? nullptr : one->name;
 }
 }

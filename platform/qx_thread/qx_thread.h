@@ -2,7 +2,8 @@
  *
  * A master runs tasks on the thread that runs it. A task runs once, then it is gone: a handler that wants
  * to run again adds itself again. Tasks may be added and cancelled from any thread. A handle is valid until
- * its handler returns or it was cancelled; cancelling a handle that is not valid any more does nothing. */
+ * its handler returns or it was cancelled; cancelling a handle that is not valid any more does nothing, and
+ * no later task gets the same handle. Handles are never dereferenced. */
 #ifndef QX_THREAD_H
 #define QX_THREAD_H
 
@@ -27,7 +28,7 @@ void qx_thread_master_stop(struct qx_thread_master* master);
 
 /* Add a task; null when it could not be added. name must outlive the task and may be null. */
 
-/* Run as soon as possible; value is kept with the task. */
+/* Run as soon as possible, in the order of adding; value is kept with the task. */
 struct qx_thread* qx_thread_add_event_withname(struct qx_thread_master* master, qx_thread_handler handler,
                                                void* arg, int value, const char* name);
 /* Run after seconds. */
@@ -43,7 +44,7 @@ struct qx_thread* qx_thread_add_write_withname(struct qx_thread_master* master, 
  * not wait. Any thread, and from handlers. Null is ignored. */
 void qx_thread_cancel(struct qx_thread* task);
 
-/* What a handler reads of its task. */
+/* What a handler reads of its task; null, -1 or 0 for a handle that is not valid any more. */
 void* qx_thread_arg(const struct qx_thread* task);
 int qx_thread_fd(const struct qx_thread* task);
 int qx_thread_value(const struct qx_thread* task);

@@ -43,32 +43,45 @@ u32 wait_readable(int fd) {
     return error;
 }
 
+// Waits for a message of this registration's connection and reads it; fd is -1 when there is no socket.
+// Another registration may follow at any moment: its bytes are not for this thread, so the connection is
+// fixed before the registration is looked at.
+u32 receive_message(u32 generation, i32& fd, void** message) {
+    const connection_scope scope;
+    if (!is_current(generation)) {
+        fd = -1;
+        return result::ok;
+    }
+    {
+        const borrowed_descriptor borrowed(channel::async, epoch_of_this_thread());
+        fd = borrowed.fd();
+        if (fd < 0) {
+            return result::ok;
+        }
+        if (const u32 error = wait_readable(fd); error != result::ok) {
+            return error == result::try_again ? result::ok : error;
+        }
+    }
+    return _scc_lib_msg_recv(message, 0);
+}
+
 // One pass: at most one message. The result is the pass's error.
-u32 receive_once(deliver_message deliver) {
+u32 receive_once(u32 generation, deliver_message deliver) {
     if (scc_lib_rereg.load(relaxed) != 0) {
         SCC_LOG("appid %d ready to rereg.", app_id_now());
         return result::peer_closed;
     }
     void* message = nullptr;
     i32 fd = -1;
-    {
-        const borrowed_descriptor borrowed(channel::async);
-        fd = borrowed.fd();
-        if (fd >= 0) {
-            const u32 error = wait_readable(fd);
-            if (error != result::ok) {
-                return error == result::try_again ? result::ok : error;
-            }
-        }
-    }
-    if (fd < 0) {
+    const u32 error = receive_message(generation, fd, &message);
+    if (fd < 0 && is_current(generation)) {
         SCC_LOG("scc client async socket not created.");
         sleep(limits::missing_socket_seconds);
-        return result::ok;
     }
-    const u32 error = _scc_lib_msg_recv(&message, 0);
-    if (error == result::ok && message != nullptr) {
+    if (message != nullptr && is_current(generation)) {
         deliver(fd, message);
+    } else {
+        _scc_msg_free(&message);  // call ids start again with a registration: a late result is not for it
     }
     return error;
 }
@@ -102,7 +115,7 @@ void run_receive_loop(u32 generation, deliver_message deliver) {
         return;
     }
     for (;;) {
-        const u32 error = receive_once(deliver);
+        const u32 error = receive_once(generation, deliver);
         if (!is_current(generation) || (error != result::ok && !recover(error, generation))) {
             break;
         }
