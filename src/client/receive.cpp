@@ -43,8 +43,18 @@ u32 wait_readable(int fd) {
     return error;
 }
 
-// One pass: at most one message. The result is the pass's error.
-u32 receive_once(deliver_message deliver) {
+u32 receive_on(u32 epoch, void** message) {
+    const connection_scope scope(epoch);
+    return _scc_lib_msg_recv(message, 0);
+}
+
+// One pass: at most one message. The result is the pass's error. The wait and the read are of one
+// connection: a thread whose registration ends between them must not read the next registration's reply.
+u32 receive_once(u32 generation, deliver_message deliver) {
+    const u32 epoch = epoch_of(generation);
+    if (epoch == any_epoch) {
+        return result::ok;  // the caller leaves
+    }
     if (scc_lib_rereg.load(relaxed) != 0) {
         SCC_LOG("appid %d ready to rereg.", app_id_now());
         return result::peer_closed;
@@ -52,7 +62,7 @@ u32 receive_once(deliver_message deliver) {
     void* message = nullptr;
     i32 fd = -1;
     {
-        const borrowed_descriptor borrowed(channel::async);
+        const borrowed_descriptor borrowed(channel::async, epoch);
         fd = borrowed.fd();
         if (fd >= 0) {
             const u32 error = wait_readable(fd);
@@ -66,7 +76,7 @@ u32 receive_once(deliver_message deliver) {
         sleep(limits::missing_socket_seconds);
         return result::ok;
     }
-    const u32 error = _scc_lib_msg_recv(&message, 0);
+    const u32 error = receive_on(epoch, &message);
     if (error == result::ok && message != nullptr) {
         deliver(fd, message);
     }
@@ -102,7 +112,7 @@ void run_receive_loop(u32 generation, deliver_message deliver) {
         return;
     }
     for (;;) {
-        const u32 error = receive_once(deliver);
+        const u32 error = receive_once(generation, deliver);
         if (!is_current(generation) || (error != result::ok && !recover(error, generation))) {
             break;
         }
