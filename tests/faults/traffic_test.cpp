@@ -1,6 +1,6 @@
 // Each system call of a registered application fails in turn, with each error: what ends a connection
 // brings a new one, what does not leaves it alone.
-#include <poll.h>
+#include <gmock/gmock.h>
 
 #include "client/pending_calls.h"
 #include "client/request_channel.h"
@@ -210,12 +210,13 @@ TEST_F(TrafficFaults, AQueryWhoseReplyCannotBeReadIsTheError) {
     });
 }
 
-TEST_F(TrafficFaults, AQueryWhoseSendFailsForGoodIs32) {
+TEST_F(TrafficFaults, AQueryWhoseSendFailsForGoodIsRefusedByItsOwnReceive) {
     start();
     for (const int error : test::reset_errors) {
         std::uint32_t count = 77;
         test::fail_call(call::send, 1, error);
-        EXPECT_EQ(scc_arp_check_user_count_get(1, &count), 32U);
+        // The reading half finds the connection shut down, or taken away already.
+        EXPECT_THAT(scc_arp_check_user_count_get(1, &count), ::testing::AnyOf(32U, 9U));
         EXPECT_TRUE(test::end_faults());
         EXPECT_EQ(count, 77U);
         expect_recovered(true);
