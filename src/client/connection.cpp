@@ -138,9 +138,11 @@ u32 connect_and_register(const registration_identity& identity, u32 generation) 
     if (!make_prefixes(prefixes)) {
         return result::io_error;
     }
-    if (!set_state_of(generation, state_connecting)) {
+    const u32 epoch = epoch_of(generation);
+    if (epoch == any_epoch || !set_state_of(generation, state_connecting)) {
         return result::bad_descriptor;
     }
+    const connection_scope scope(epoch);
     u32 error = connect_channel(channel::sync, prefixes.sync, generation);
     if (error == result::ok) {
         error = connect_channel(channel::async, prefixes.async, generation);

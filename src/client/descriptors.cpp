@@ -178,6 +178,11 @@ u32 current_generation() {
     return g_generation.load(relaxed);
 }
 
+u32 epoch_of(u32 generation) {
+    const mutex_guard guard(g_connection_mutex);
+    return is_current(generation) ? g_epoch.load(relaxed) : any_epoch;
+}
+
 bool set_state_of(u32 generation, u32 state) {
     const mutex_guard guard(g_connection_mutex);
     if (!is_current(generation)) {

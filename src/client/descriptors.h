@@ -43,6 +43,9 @@ class borrowed_descriptor {
 void end_generation();
 [[nodiscard]] bool is_current(u32 generation);
 [[nodiscard]] u32 current_generation();
+// The epoch of this registration's connection, any_epoch once the registration has ended. What is borrowed
+// with it is never a later registration's.
+[[nodiscard]] u32 epoch_of(u32 generation);
 // Sets the client state for this registration; false when it has ended.
 [[nodiscard]] bool set_state_of(u32 generation, u32 state);
 

@@ -211,8 +211,10 @@ u32 epoch_of_this_thread() {
     return t_epoch != any_epoch ? t_epoch : connection_epoch();
 }
 
-connection_scope::connection_scope() : before_(t_epoch) {
-    t_epoch = connection_epoch();
+connection_scope::connection_scope() : connection_scope(connection_epoch()) {}
+
+connection_scope::connection_scope(u32 epoch) : before_(t_epoch) {
+    t_epoch = epoch;
 }
 
 connection_scope::~connection_scope() {

@@ -35,6 +35,7 @@ extern constinit std::atomic<void (*)(u32 epoch)> g_agent_recovery;
 class connection_scope {
   public:
     connection_scope();
+    explicit connection_scope(u32 epoch);
     ~connection_scope();
     connection_scope(const connection_scope&) = delete;
     connection_scope& operator=(const connection_scope&) = delete;

@@ -143,6 +143,8 @@ TEST_F(Descriptors, AThreadOfAnEarlierRegistrationChangesNothing) {
     const std::uint32_t current = scc::begin_generation();
     EXPECT_FALSE(scc::is_current(earlier));
     EXPECT_EQ(scc::current_generation(), current);
+    EXPECT_EQ(scc::epoch_of(earlier), 0U);
+    EXPECT_EQ(scc::epoch_of(current), scc::connection_epoch());
     EXPECT_FALSE(scc::set_state_of(earlier, 4));
     EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
     EXPECT_FALSE(scc::reset_connection(earlier));

@@ -210,10 +210,12 @@ TEST_F(Receive, ASecondResultOfOneCallIsUnknown) {
 }
 
 TEST_F(Receive, ARaisedFlagMakesTheThreadRegisterAgain) {
-    start();
+    start_with_holding_handler();
+    hold();
     const test::debugging on;
     EXPECT_EQ(_scc_lib_client_close(), 0);
     EXPECT_EQ(scc_lib_rereg.load(), 1);
+    release();
     EXPECT_EQ(test::statuses().wait(), 0U);
     EXPECT_TRUE(test::wait_for_log("appid 7 ready to rereg."));
     daemon.accept_registration();
@@ -305,6 +307,23 @@ TEST_F(Receive, TheSynchronousSocketIsReadByTheSameRules) {
     EXPECT_TRUE(test::logged("recv msg body error! errno:32."));
     EXPECT_EQ(_scc_lib_msg_recv(&message, 1), 32U);
     EXPECT_TRUE(test::logged("recv msg hdr error! syn:1 errno:32."));
+}
+
+TEST_F(Receive, AReceiveThatBelongsToALostConnectionReadsNothingOfTheNext) {
+    start();
+    const std::uint32_t lost = scc::connection_epoch();
+    reconnect();
+    daemon.send_item(side::sync, 77, wire().u32(5));
+    void* message = nullptr;
+    {
+        const scc::connection_scope scope(lost);
+        EXPECT_EQ(_scc_lib_msg_recv(&message, 1), 9U);
+        EXPECT_EQ(_scc_lib_msg_send(900, "x", 1, 1), 0U);
+    }
+    EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
+    ASSERT_EQ(_scc_lib_msg_recv(&message, 1), 0U);
+    free(message);
+    EXPECT_EQ(test::statuses().size(), 0U);
 }
 
 TEST_F(Receive, WithoutASocketTheReceiveIsABadDescriptor) {

@@ -1,0 +1,265 @@
+// Each system call of a start and of a registration fails in turn, with each error.
+#include "client/connection.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cstring>
+
+#include "fault_support.h"
+
+using test::call;
+using test::side;
+using test::wire;
+
+namespace {
+
+int open_descriptors() {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        (void)entry;
+        ++count;
+    }
+    return count;
+}
+
+struct connect_row {
+    call which;
+    const char* text;  // %d and %s stand for the error
+    bool has_reason;
+};
+
+class ConnectionFaults : public test::fault_test {
+  protected:
+    void begin() {
+        info.app_id = 7;
+        info.handlers.server_status = test::on_status;
+        ASSERT_EQ(scc_svr_reg(&info), 0U);
+    }
+};
+
+TEST_F(ConnectionFaults, EachErrorOfEachCallComesBackNegativeLoggedAndWithoutALeak) {
+    const connect_row rows[] = {
+        {call::socket, "create socket error!!!", true},
+        {call::bind, "bind socket error!!!", true},
+        {call::connect, "connect to sccd failed!!!", true},
+        {call::setsockopt, "", false},
+    };
+    const std::string prefix = daemon.directory().runtime() + "/own_";
+    const test::debugging on;
+    for (const connect_row& row : rows) {
+        test::for_each_error([&](int error, bool) {
+            test::clear_log();
+            const int before = open_descriptors();
+            test::fail_call(row.which, 1, error);
+            EXPECT_EQ(_scc_lib_client_connect(prefix.c_str()), -error);
+            EXPECT_TRUE(test::end_faults());
+            EXPECT_EQ(open_descriptors(), before);
+            const std::string reason = strerror(error);
+            if (row.has_reason) {
+                EXPECT_EQ(test::log_texts(), (std::vector<std::string>{row.text, "reason:" + reason}));
+            } else {
+                EXPECT_EQ(test::log_texts(),
+                          (std::vector<std::string>{"setsockopt fail errno=" + std::to_string(error) +
+                                                    " error(" + reason + ")."}));
+            }
+        });
+    }
+    const int fd = _scc_lib_client_connect(prefix.c_str());
+    EXPECT_GE(fd, 0);
+    close(fd);
+}
+
+// The first or the second socket cannot be made: both are closed, both files are gone, and the next attempt
+// succeeds.
+struct attempt_row {
+    call which;
+    int nth;
+    int error;
+};
+
+class AttemptFaults : public ConnectionFaults, public ::testing::WithParamInterface<attempt_row> {};
+
+TEST_P(AttemptFaults, GiveTheAttemptUpAndTheNextSucceeds) {
+    const auto [which, nth, error] = GetParam();
+    const int before = open_descriptors();
+    test::fail_call(which, nth, error);
+    begin();
+    EXPECT_TRUE(test::eventually([] { return g_scc_client_cb.state == 5U; }));
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), -1);
+    EXPECT_EQ(g_scc_client_cb.async_fd.load(), -1);
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_FALSE(std::filesystem::exists(socket_file(".sccl_sd1_")));
+    EXPECT_FALSE(std::filesystem::exists(socket_file(".sccl_sd2_")));
+    // What the failed attempt had connected waits in front of the next one's.
+    daemon.stop_listening();
+    daemon.listen();
+    daemon.accept_registration();
+    ASSERT_EQ(test::statuses().wait(), 1U);
+    EXPECT_EQ(test::statuses().size(), 0U);
+    expect_working();
+}
+
+INSTANTIATE_TEST_SUITE_P(EachSocket, AttemptFaults,
+                         ::testing::Values(attempt_row{call::socket, 1, 24}, attempt_row{call::socket, 2, 24},
+                                           attempt_row{call::bind, 1, 13}, attempt_row{call::bind, 2, 98},
+                                           attempt_row{call::connect, 1, 111},
+                                           attempt_row{call::connect, 2, 4},
+                                           attempt_row{call::setsockopt, 1, 22},
+                                           attempt_row{call::setsockopt, 2, 11}));
+
+// A registration whose message is lost on the way is given up when the daemon, which waits for it in vain,
+// drops the connection.
+TEST_F(ConnectionFaults, ALostRegistrationMessageIsMadeGoodOnceTheDaemonDropsTheConnection) {
+    const test::debugging on;
+    test::fail_call(call::send, 1, 11);
+    begin();
+    EXPECT_TRUE(test::wait_for_log("(app id:7, pid:" + test::own_pid() + ")send sync message error(rv:11)!"));
+    EXPECT_TRUE(test::end_faults());
+    daemon.accept_both();
+    daemon.close_both();
+    daemon.accept_registration();
+    ASSERT_EQ(test::statuses().wait(), 1U);
+    EXPECT_EQ(test::statuses().size(), 0U);
+    expect_working();
+}
+
+class RegistrationReceiveFaults : public ConnectionFaults, public ::testing::WithParamInterface<int> {};
+
+TEST_P(RegistrationReceiveFaults, GiveTheAttemptUpAndTheNextSucceeds) {
+    test::fail_call(call::recv, GetParam(), 4);
+    begin();
+    daemon.accept_both();
+    (void)daemon.read_item(side::sync);
+    if (GetParam() >= 2) {
+        daemon.send_item(side::sync, 301, wire().u32(0).u32(0).u32(0));
+    }
+    if (GetParam() >= 3) {
+        (void)daemon.read_item(side::async);
+    }
+    if (GetParam() >= 4) {
+        daemon.send_item(side::async, 301, wire().u32(0).u32(0).u32(0));
+    }
+    EXPECT_TRUE(daemon.wait_for_close(side::async));
+    EXPECT_TRUE(test::end_faults());
+    daemon.accept_registration();
+    ASSERT_EQ(test::statuses().wait(), 1U);
+    expect_working();
+}
+
+// Header and body of the sync socket's reply, then of the async socket's.
+INSTANTIATE_TEST_SUITE_P(EachPart, RegistrationReceiveFaults, ::testing::Values(1, 2, 3, 4));
+
+TEST_F(ConnectionFaults, AThreadThatCannotBeMadeEndsTheStartWithItsError) {
+    const test::debugging on;
+    daemon.stop_listening();
+    for (const int nth : {1, 2}) {
+        for (const int error : {1, 11, 12, 22}) {
+            test::clear_log();
+            info.app_id = 7;
+            info.handlers.server_status = test::on_status;
+            test::fail_call(call::pthread_create, nth, error);
+            EXPECT_EQ(scc_svr_reg(&info), static_cast<std::uint32_t>(error));
+            EXPECT_TRUE(test::end_faults());
+            EXPECT_TRUE(test::logged("(app id:7, pid:" + test::own_pid() + ")create scclib thread error!"));
+            EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+            EXPECT_EQ(g_scc_client_cb.app_id.load(), 0U);
+            EXPECT_EQ(scc::load_handler(g_scc_client_cb.handlers.server_status), nullptr);
+            EXPECT_EQ(scc_svi_router_acl_set(1, nullptr), 2004U);
+        }
+    }
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 0; }));
+    EXPECT_EQ(test::statuses().size(), 0U);
+    daemon.listen();
+    start();
+    expect_working();
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 2; }));
+}
+
+TEST_F(ConnectionFaults, ADirectoryThatCannotBeMadeEndsTheStartWithItsError) {
+    const test::debugging on;
+    info.app_id = 7;
+    // /tmp/, its own directory, security/ and scc/.
+    for (int nth = 1; nth <= 4; ++nth) {
+        for (const int error : {4, 9, 11, 13, 22, 28, 30}) {
+            umask(022);
+            test::clear_log();
+            test::fail_call(call::mkdir, nth, error);
+            EXPECT_EQ(scc_svr_reg(&info), static_cast<std::uint32_t>(error));
+            EXPECT_TRUE(test::end_faults());
+            EXPECT_TRUE(test::logged("(app id:7, pid:" + test::own_pid() +
+                                     ") mkdir failed:" + strerror(error) + "!"));
+            EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+            EXPECT_EQ(g_scc_client_cb.app_id.load(), 0U);
+            EXPECT_EQ(umask(0), 0U);
+        }
+    }
+    EXPECT_EQ(test::library_threads(), 0U);
+    // What exists already is no failure.
+    test::fail_call(call::mkdir, 4, 17);
+    start();
+    EXPECT_TRUE(test::end_faults());
+    expect_working();
+}
+
+TEST_F(ConnectionFaults, AFailedCloseIsMinusOneLoggedAndTheFilesStay) {
+    start_with_holding_handler();
+    hold();
+    const test::debugging on;
+    const int before = g_scc_client_cb.sync_fd;
+    test::fail_call(call::close, 1, 5);
+    EXPECT_EQ(_scc_lib_client_close(), -1);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(test::log_texts(),
+              (std::vector<std::string>{"close sync socket failed!!!", "reason:Input/output error"}));
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), before);
+    EXPECT_EQ(g_scc_client_cb.async_fd.load(), -1);
+    EXPECT_TRUE(std::filesystem::exists(socket_file(".sccl_sd1_")));
+    EXPECT_EQ(scc_lib_rereg.load(), 0);
+    // The number is no longer ours: take it out by hand before the thread goes on.
+    g_scc_client_cb.sync_fd = -1;
+    scc_lib_rereg = 1;
+    release();
+    expect_reconnection();
+    expect_working();
+}
+
+// The unregistration is lost on its way; the daemon that drops the connection has consented.
+TEST_F(ConnectionFaults, ALostUnregistrationSucceedsWhenTheConnectionEnds) {
+    for (const int error : {11, 32, 104}) {
+        start();
+        const test::debugging on;
+        test::fail_call(call::send, 1, error);
+        std::thread aside([] { test::results().push(scc_svr_unreg()); });
+        EXPECT_TRUE(test::wait_for_log("(app id:0, pid:" + test::own_pid() +
+                                       ")send sync message error(rv:" + std::to_string(error) + ")!"));
+        EXPECT_TRUE(test::end_faults());
+        daemon.close_both();
+        EXPECT_EQ(test::results().wait(), 0U);
+        aside.join();
+        EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+        EXPECT_EQ(test::statuses().size(), 0U);
+    }
+    start();
+    expect_working();
+}
+
+TEST_F(ConnectionFaults, AnUnregistrationReplyThatCannotBeReadIsConsentOrTheError) {
+    test::for_each_error([&](int error, bool lost) {
+        start();
+        test::fail_call(call::recv, 1, error);
+        EXPECT_EQ(scc_svr_unreg(), lost ? 0U : static_cast<std::uint32_t>(error));
+        EXPECT_TRUE(test::end_faults());
+        EXPECT_EQ(daemon.read_item(side::sync).type, 302);
+        if (!lost) {
+            EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
+            expect_working();
+            stop();
+        }
+        EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+        EXPECT_EQ(test::statuses().size(), 0U);
+    });
+}
+
+}  // namespace

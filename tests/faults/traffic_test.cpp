@@ -1,0 +1,240 @@
+// Each system call of a registered application fails in turn, with each error: what ends a connection
+// brings a new one, what does not leaves it alone.
+#include <gmock/gmock.h>
+
+#include "client/pending_calls.h"
+#include "client/request_channel.h"
+#include "fault_support.h"
+
+using test::bytes;
+using test::call;
+using test::side;
+using test::wire;
+
+namespace {
+
+class TrafficFaults : public test::fault_test {
+  protected:
+    static std::string message_error(const char* socket, int error) {
+        return "(app id:7, pid:" + test::own_pid() + ")send " + socket +
+               " message error(rv:" + std::to_string(error) + ")!";
+    }
+};
+
+class BatchFaults : public TrafficFaults {
+  protected:
+    BatchFaults() { g_send_buf_chk_enabled = 1; }
+
+    void expect_recovered_and_working(bool lost) {
+        if (lost) {
+            expect_reconnection();
+        }
+        EXPECT_EQ(test::statuses().size(), 0U);
+        const std::uint8_t value = 5;
+        ASSERT_EQ(_scc_lib_msg_send_bt(0, 903, &value, 1, 0), 0U);
+        scc::flush_waiting_batch();
+        ASSERT_EQ(daemon.read(side::async).raw, test::message_bytes({test::item_bytes(903, {5})}));
+    }
+};
+
+TEST_F(TrafficFaults, ARealTimeSendIsZeroWhateverItsError) {
+    start();
+    test::for_each_error([&](int error, bool lost) {
+        const test::debugging on;
+        test::fail_call(call::send, 1, error);
+        EXPECT_EQ(scc_warterline_notify(1), 0U);
+        EXPECT_TRUE(test::end_faults());
+        EXPECT_TRUE(test::logged(message_error("sync", error)));
+        expect_recovered(lost);
+    });
+}
+
+TEST_F(TrafficFaults, ASendThatBreaksOffHalfWayBringsANewConnection) {
+    start();
+    for (const int nth : {2, 5, 10}) {
+        test::limit_transfer(2);
+        test::fail_call(call::send, nth, 104);
+        EXPECT_EQ(scc_warterline_notify(1), 0U);
+        EXPECT_TRUE(test::end_faults());
+        expect_recovered(true);
+    }
+}
+
+TEST_F(BatchFaults, AFullBatchIsZeroAndDroppedWhateverItsError) {
+    start();
+    const bytes half(4088, 1);
+    test::for_each_error([&](int error, bool lost) {
+        const test::debugging on;
+        ASSERT_EQ(_scc_lib_msg_send_bt(0, 900, half.data(), 4088, 0), 0U);
+        test::fail_call(call::send, 1, error);
+        EXPECT_EQ(_scc_lib_msg_send_bt(0, 901, half.data(), 4088, 0), 0U);
+        EXPECT_TRUE(test::end_faults());
+        EXPECT_TRUE(test::logged(message_error("async", error)));
+        EXPECT_TRUE(test::logged("!!!!_scc_lib_msg_send_rt rv :" + std::to_string(error) + " !!!!."));
+        expect_recovered_and_working(lost);
+    });
+}
+
+TEST_F(BatchFaults, ARequestBehindAFailedFlushIsDroppedWithIt) {
+    start();
+    const bytes large(5000, 1);
+    ASSERT_EQ(_scc_lib_msg_send_bt(0, 900, large.data(), 5000, 0), 0U);
+    test::fail_call(call::send, 1, 11);
+    EXPECT_EQ(_scc_lib_msg_send_bt(0, 901, large.data(), 5000, 0), 0U);
+    EXPECT_TRUE(test::end_faults());
+    expect_recovered_and_working(false);
+}
+
+TEST_F(BatchFaults, AnOversizedValueIs22WhateverItsError) {
+    start();
+    const bytes large(8176, 1);
+    test::for_each_error([&](int error, bool lost) {
+        test::fail_call(call::send, 1, error);
+        EXPECT_EQ(_scc_lib_msg_send_bt(0, 901, large.data(), 8176, 0), 22U);
+        EXPECT_TRUE(test::end_faults());
+        expect_recovered_and_working(lost);
+    });
+}
+
+// For the checker every error but the time-out ends the connection.
+TEST_F(BatchFaults, AFlushOfTheCheckerThatFailsEndsTheConnection) {
+    start();
+    test::for_each_error([&](int error, bool) {
+        if (error == 11) {
+            return;
+        }
+        const test::debugging on;
+        ASSERT_EQ(scc_svi_router_acl_set(1, nullptr), 0U);
+        test::fail_call(call::send, 1, error);
+        scc::flush_waiting_batch();
+        EXPECT_TRUE(test::end_faults());
+        EXPECT_TRUE(test::logged("(app id:7, pid:" + test::own_pid() +
+                                 ")send  message error,ret:" + std::to_string(error) + "!"));
+        expect_recovered_and_working(true);
+        EXPECT_EQ(scc::pending_calls(), 0U);
+    });
+}
+
+TEST_F(BatchFaults, ATimedOutFlushIsSentAgainWhole) {
+    start();
+    const test::debugging on;
+    ASSERT_EQ(scc_svi_router_acl_set(3, nullptr), 0U);
+    test::fail_call(call::send, 1, 11);
+    scc::flush_waiting_batch();
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_TRUE(
+        test::logged("_scc_msg_send retry to send 1 times. Reason:Resource temporarily unavailable(11)."));
+    EXPECT_EQ(daemon.read_item(side::async).value, bytes(wire().u32(1).u32(3)));
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
+TEST_F(BatchFaults, AFlushIsGivenUpAfterTwentyRetriesAndTheConnectionStays) {
+    start();
+    const test::debugging on;
+    ASSERT_EQ(scc_svi_router_acl_set(3, nullptr), 0U);
+    test::fail_calls_from(call::send, 1, 11);
+    scc::flush_waiting_batch();
+    EXPECT_EQ(test::calls(call::send), 21);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_TRUE(
+        test::logged("_scc_msg_send retry to send 20 times. Reason:Resource temporarily unavailable(11)."));
+    EXPECT_TRUE(test::logged("_scc_msg_send retry 21 times. Reason:Resource temporarily unavailable(11)."));
+    expect_recovered_and_working(false);
+}
+
+TEST_F(TrafficFaults, AHeaderThatCannotBeReadBringsANewConnectionOrIsReadNextTime) {
+    start();
+    test::for_each_error([&](int error, bool lost) {
+        const test::debugging on;
+        std::uint32_t call_id = 0;
+        ASSERT_EQ(scc_svi_router_acl_set(1, &call_id), 0U);
+        (void)daemon.read_item(side::async);
+        test::fail_call(call::recv, 1, error);
+        daemon.send_result(call_id, 7);
+        EXPECT_TRUE(test::wait_for_log("recv msg hdr error! syn:0 errno:" + std::to_string(error) + "."));
+        if (!lost) {
+            EXPECT_EQ(test::results().wait(), 7U);
+        }
+        EXPECT_TRUE(test::end_faults());
+        expect_recovered(lost);
+    });
+}
+
+TEST_F(TrafficFaults, ABodyThatCannotBeReadBringsANewConnection) {
+    start();
+    for (const int error : test::reset_errors) {
+        const test::debugging on;
+        test::fail_call(call::recv, 2, error);
+        daemon.send_result(1, 7);
+        EXPECT_TRUE(test::wait_for_log("recv msg body error! errno:" + std::to_string(error) + "."));
+        EXPECT_TRUE(test::end_faults());
+        expect_recovered(true);
+    }
+}
+
+TEST_F(TrafficFaults, AWaitThatFailsBringsANewConnectionOrIsMadeAgain) {
+    start();
+    test::for_each_error([&](int error, bool lost) {
+        const test::debugging on;
+        test::fail_call(call::poll, 1, error);
+        // Ends the wait that is under way; the next one fails.
+        daemon.send_item(side::async, 999, {});
+        if (lost) {
+            EXPECT_TRUE(test::wait_for_log("select error! errno:" + std::to_string(error) + "."));
+        } else {
+            EXPECT_TRUE(test::eventually([] { return test::calls(call::poll) >= 1; }));
+        }
+        EXPECT_TRUE(test::end_faults());
+        expect_recovered(lost);
+    });
+}
+
+TEST_F(TrafficFaults, AQueryWhoseReplyCannotBeReadIsTheError) {
+    start();
+    test::for_each_error([&](int error, bool lost) {
+        std::uint32_t count = 77;
+        test::fail_call(call::recv, 1, error);
+        EXPECT_EQ(scc_arp_check_user_count_get(1, &count), static_cast<std::uint32_t>(error));
+        EXPECT_TRUE(test::end_faults());
+        EXPECT_EQ(count, 77U);
+        if (lost) {
+            expect_reconnection();
+        } else {
+            EXPECT_EQ(daemon.read_item(side::sync).type, 304);
+        }
+        daemon.send_item(side::sync, 411, wire().u32(0).u32(0).u32(9));
+        EXPECT_EQ(scc_arp_check_user_count_get(1, &count), 0U);
+        EXPECT_EQ(count, 9U);
+        EXPECT_EQ(daemon.read_item(side::sync).type, 304);
+        EXPECT_EQ(test::statuses().size(), 0U);
+    });
+}
+
+TEST_F(TrafficFaults, AQueryWhoseSendFailsForGoodIsRefusedByItsOwnReceive) {
+    start();
+    for (const int error : test::reset_errors) {
+        std::uint32_t count = 77;
+        test::fail_call(call::send, 1, error);
+        // The reading half finds the connection shut down, or taken away already.
+        EXPECT_THAT(scc_arp_check_user_count_get(1, &count), ::testing::AnyOf(32U, 9U));
+        EXPECT_TRUE(test::end_faults());
+        EXPECT_EQ(count, 77U);
+        expect_recovered(true);
+    }
+}
+
+TEST_F(TrafficFaults, EverythingWorksOneByteAtATime) {
+    test::limit_transfer(1);
+    start();
+    expect_working();
+    std::uint32_t count = 0;
+    daemon.send_item(side::sync, 411, wire().u32(0).u32(0).u32(9));
+    EXPECT_EQ(scc_arp_check_user_count_get(0x01020304, &count), 0U);
+    EXPECT_EQ(count, 9U);
+    EXPECT_EQ(daemon.read(side::sync).raw,
+              bytes(wire().u32(28).u8(1).u16(1).u8(0).u32(12).u16(0).u16(304).u32(0).u32(0x01020304).u32(0)));
+    stop();
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
+}  // namespace
