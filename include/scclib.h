@@ -18,10 +18,31 @@
  *   request is lost with the connection, and the server_status handler says so (0 lost, 1 regained).
  * - A child of fork() has no registration of its own and must not use the parent's.
  *
- * Result codes of every asynchronous request: 0; 22 for an argument out of range (checked before any
- * lock, also when not registered); SCC_E_UNAVAILABLE when not registered; 12 out of memory.
- * Synchronous calls add the receive's error, SCC_E_FORMAT for a reply of another type or one that is
- * too short, and any code that the daemon puts into its reply.
+ * Arguments that mean the same in every function
+ * - call_id_out: gets the request's call id, which the handler is called with; null when it is not wanted.
+ *   Written once the request was handed to the connection, also when that failed.
+ * - key: the ACL's key. Null, an acl_id outside 1 to 32768 or an app_type outside 1 to 58 is 22,
+ *   before anything else.
+ * - ifx: an interface index, host byte order.
+ * - enable: not 0 switches on, 0 off; the whole byte is sent and handed back.
+ * - flag: the daemon's; one byte, sent and handed back as it is.
+ * - call_id: the call id that the operation came with.
+ * - result: 0 for success, or the result code that the daemon shall get.
+ *
+ * Result codes of every asynchronous request: 0 when it was accepted; 22 for an argument out of range or
+ * a null record (checked before any lock, also when not registered); SCC_E_UNAVAILABLE when not
+ * registered; 12 out of memory.
+ *
+ * Result codes of every synchronous query: 0; 22 for an argument out of range or a null pointer;
+ * SCC_E_UNAVAILABLE when not registered; SCC_E_FORMAT for a reply of another type or one that is too
+ * short; 12 out of memory; 32 when the daemon closed the connection; the error of receiving; any code that
+ * the daemon puts into its reply.
+ *
+ * Environment
+ * - TMPDIR: the base of the runtime directory $TMPDIR/security/scc, which holds the daemon's socket and two
+ *   sockets of each registered process. Its last component is the instance number.
+ * - DATA_QXOS_DIR: the base of the debug switch file $DATA_QXOS_DIR/security/scc/scclib_dbg.txt, read at
+ *   registration: a line with a process's name, as it was started, and 1 switches its log lines on.
  */
 #ifndef SCCLIB_H
 #define SCCLIB_H
@@ -38,27 +59,27 @@ extern "C" {
 
 /* ---- result codes ----------------------------------------------------------------------------- */
 
-#define SCC_E_REGISTER_REJECTED 2000u   /* the daemon refused the registration */
-#define SCC_E_UNREGISTER_REJECTED 2001u /* the daemon refused the unregistration */
-#define SCC_E_REGISTERED_ALREADY 2002u
-#define SCC_E_UNREGISTERED_ALREADY 2003u
-#define SCC_E_UNAVAILABLE 2004u     /* not registered, or the daemon is away */
-#define SCC_E_NO_ACL 2005u          /* no such ACL */
-#define SCC_E_NO_ACE 2006u          /* no such ACE */
-#define SCC_E_FORMAT 2007u          /* a message or reply that is malformed */
-#define SCC_E_NOT_APPLIED 2008u     /* the ACL is not applied there */
-#define SCC_E_APPLIED_ALREADY 2009u /* the ACL is already applied there */
-#define SCC_E_ACL_EXISTS 2010u
-#define SCC_E_ACE_EXISTS 2011u
-#define SCC_E_STILL_APPLIED 2012u /* the ACL is not unapplied */
-#define SCC_E_NO_DATA_QUERY 2013u /* the registration option is not 1 */
-#define SCC_E_NO_HTTP_PORT 2014u
-#define SCC_E_NO_DIRECT_HOST 2015u
-#define SCC_E_NO_DIRECT_SITE 2016u
-#define SCC_E_NO_SEQUENCE_NUMBER 2017u
-#define SCC_E_NO_VACL 2018u
-#define SCC_E_NO_LIST_NODE 2019u
-#define SCC_E_SERVICE_TIMEOUT 2020u /* the security service did not answer */
+#define SCC_E_REGISTER_REJECTED 2000u    /* the daemon refused the registration */
+#define SCC_E_UNREGISTER_REJECTED 2001u  /* the daemon refused the unregistration */
+#define SCC_E_REGISTERED_ALREADY 2002u   /* the process is registered already */
+#define SCC_E_UNREGISTERED_ALREADY 2003u /* the process is not registered any more */
+#define SCC_E_UNAVAILABLE 2004u          /* not registered, or the daemon is away */
+#define SCC_E_NO_ACL 2005u               /* no such ACL */
+#define SCC_E_NO_ACE 2006u               /* no such ACE */
+#define SCC_E_FORMAT 2007u               /* a message or reply that is malformed */
+#define SCC_E_NOT_APPLIED 2008u          /* the ACL is not applied there */
+#define SCC_E_APPLIED_ALREADY 2009u      /* the ACL is already applied there */
+#define SCC_E_ACL_EXISTS 2010u           /* the ACL exists already */
+#define SCC_E_ACE_EXISTS 2011u           /* the ACE exists already */
+#define SCC_E_STILL_APPLIED 2012u        /* the ACL is not unapplied */
+#define SCC_E_NO_DATA_QUERY 2013u        /* the registration option is not 1 */
+#define SCC_E_NO_HTTP_PORT 2014u         /* no such HTTP port */
+#define SCC_E_NO_DIRECT_HOST 2015u       /* no such direct-channel host */
+#define SCC_E_NO_DIRECT_SITE 2016u       /* no such direct-channel site */
+#define SCC_E_NO_SEQUENCE_NUMBER 2017u   /* no sequence number is free for the ACE */
+#define SCC_E_NO_VACL 2018u              /* no such VLAN ACL */
+#define SCC_E_NO_LIST_NODE 2019u         /* no such node of the black or white list */
+#define SCC_E_SERVICE_TIMEOUT 2020u      /* the security service did not answer */
 
 /* ---- records ---------------------------------------------------------------------------------- */
 
@@ -390,13 +411,18 @@ uint32_t scc_svr_unreg(void);
  * master is a struct qx_thread_master, kept for the life of the process. The runtime directory's mode
  * is left as it is. Reconnects by a timer of 3 (seconds on a workstation).
  * Sends message 301 on both sockets. Handlers: server_status.
- * Returns as scc_svr_reg, 22 for a null master, too; 12 out of memory.
+ * Returns 0 when started, and when already started; 22 for a null master, a null record or an app id outside
+ * 1 to 19; 5 when TMPDIR is unset or too long; 12 out of memory; the error of creating the directory or a
+ * thread.
  */
 uint32_t scc_agent_init(const struct scc_reg_info *info, void *master);
 
 /*
  * Unregister and cancel the tasks of scc_agent_init. Call it on the event loop's thread.
- * Sends message 302 and waits for the reply. Returns as scc_svr_unreg.
+ * Does nothing and returns 0 when not registered at the moment. Sends message 302 on the synchronous socket
+ * and waits for the reply.
+ * Returns 0; SCC_E_UNREGISTER_REJECTED when the daemon refused (the library then stays registered);
+ * the error of the exchange.
  */
 uint32_t scc_agent_finish(void);
 
@@ -408,9 +434,13 @@ void scc_agent_set_connect_callback(void (*callback)(void));
 
 /* ---- configuration requests ------------------------------------------------------------------- */
 
-/* Every request below takes the library's lock, needs the registered state and may be called from any
- * thread and from handlers. call_id_out may be null; it is written once the request was handed to the
- * connection, also when that failed. */
+/* A request is sent on the asynchronous socket within 5 milliseconds, or at once when 8,192 bytes wait. Its
+ * arguments are copied before it returns and handed back to the handler with the result. Arguments whose
+ * meaning is not told here are the application's and the daemon's: they are sent, in host byte order and
+ * 4 bytes each, and handed back as they are.
+ *
+ * "Message" names the message's type, "kind" the request's kind with which its result is found, and the
+ * bytes are those of the message's value. */
 
 /* Set the 802.1X authentication method. Message 101, kind 1, 744 bytes. Handler: d1x_authen_method. */
 uint32_t scc_d1x_authen_method(const struct scc_config_record *record, uint32_t *call_id_out);
@@ -426,27 +456,30 @@ uint32_t scc_d1x_set_pt_ctrl(const struct scc_config_record *record, uint32_t *c
 uint32_t scc_d1x_set_cos(const struct scc_config_record *record, uint32_t *call_id_out);
 /* Set the DSCP of 802.1X users. Message 107, kind 7, 744 bytes. Handler: d1x_dscp. */
 uint32_t scc_d1x_set_dscp(const struct scc_config_record *record, uint32_t *call_id_out);
-/* Switch the 802.1X redirection. Message 108, kind 8, 8 bytes; the handler gets the low byte.
- * Handler: d1x_redirect. */
+/* Switch the 802.1X redirection. value 1 is on, 0 off; the handler gets the low byte. Message 108, kind 8,
+ * 8 bytes. Handler: d1x_redirect. */
 uint32_t scc_dot1x_redirect_enable(int value, uint32_t *call_id_out);
-/* Switch 802.1X MAC moves. Message 109, kind 9, 8 bytes; the handler gets the low byte.
- * Handler: d1x_mac_move. */
+/* Switch 802.1X MAC moves. value 1 is on, 0 off; the handler gets the low byte. Message 109, kind 9, 8
+ * bytes. Handler: d1x_mac_move. */
 uint32_t scc_d1x_mac_move(int value, uint32_t *call_id_out);
 /* Configure web authentication. Message 111, kind 10, 744 bytes. Handler: webauth. */
 uint32_t scc_webauth_set(const struct scc_config_record *record, uint32_t *call_id_out);
-/* Add or delete an HTTP port that is intercepted; host order. Message 112, kind 11, 12 bytes.
- * Handler: http_dport. */
+/* Add or delete an HTTP port that is intercepted; host order. Message 112, kind 11, 12 bytes. Handler:
+ * http_dport. */
 uint32_t scc_http_dport_set(uint16_t port, uint8_t flag, uint32_t *call_id_out);
-/* Configure a direct-channel host. Message 113, kind 12, 24 bytes. Handler: dirchn_host. */
+/* Configure a direct-channel host. The five numbers pass unchanged. Message 113, kind 12, 24 bytes.
+ * Handler: dirchn_host. */
 uint32_t scc_dirchn_host_set(uint32_t first, uint32_t second, uint8_t third, uint32_t fourth, uint8_t fifth,
                              uint32_t *call_id_out);
-/* Configure a direct-channel server. Message 114, kind 13, 12 bytes. Handler: dirchn_server. */
+/* Configure a direct-channel server. Both numbers pass unchanged. Message 114, kind 13, 12 bytes. Handler:
+ * dirchn_server. */
 uint32_t scc_dirchn_server_set(uint32_t first, uint8_t second, uint32_t *call_id_out);
-/* Configure a direct-channel site. Message 115, kind 14, 20 bytes. Handler: dirchn_site. */
+/* Configure a direct-channel site. The four numbers pass unchanged. Message 115, kind 14, 20 bytes.
+ * Handler: dirchn_site. */
 uint32_t scc_dirchn_site_set(uint32_t first, uint32_t second, uint8_t third, uint8_t fourth,
                              uint32_t *call_id_out);
-/* Configure ARP in the direct channel. The constant 1 travels before the third argument.
- * Message 159, kind 15, 20 bytes. Handler: dirchn_arp. */
+/* Configure ARP in the direct channel. The numbers pass unchanged; the constant 1 travels before the third
+ * argument. Message 159, kind 15, 20 bytes. Handler: dirchn_arp. */
 uint32_t scc_dirchn_arp_set(uint32_t first, uint32_t second, uint8_t third, uint32_t *call_id_out);
 /* Configure port security. Message 116, kind 16, 744 bytes. Handler: port_security. */
 uint32_t scc_sp_port_secuity(const struct scc_config_record *record, uint32_t *call_id_out);
@@ -472,83 +505,95 @@ uint32_t scc_arpcheck(const struct scc_config_record *record, uint32_t *call_id_
 uint32_t scc_arpcheck_trust(const struct scc_config_record *record, uint32_t *call_id_out);
 /* Switch address learning of an interface. Message 123, kind 23, 12 bytes. Handler: addr_learning. */
 uint32_t scc_addr_learning(uint32_t ifx, uint8_t enable, uint32_t *call_id_out);
-/* Configure the NAC escape ACL. Message 124, kind 24, 28 bytes. 22 for an invalid key. Handler: nac_esc. */
+/* Configure the NAC escape ACL. value passes unchanged. Message 124, kind 24, 28 bytes. Handler: nac_esc. */
 uint32_t scc_nac_esc_set(uint32_t value, const struct scc_acl_key *key, uint8_t flag, uint32_t *call_id_out);
 /* Configure the NAC escape egress port. Message 125, kind 25, 744 bytes. Handler: nac_esc_eport. */
 uint32_t scc_nac_esc_eport_set(const struct scc_config_record *record, uint32_t *call_id_out);
 /* Configure a NAC application. Message 126, kind 26, 744 bytes. Handler: nac_app. */
 uint32_t scc_nac_app_set(const struct scc_config_record *record, uint32_t *call_id_out);
 /* Add (operation 1) or delete (3) a NAC user; any other operation is 22. The mask flags change what is
- * sent, neither the caller's record nor what the handler gets. Message 127, kind 27, 744 bytes.
- * Handler: nac_user. */
+ * sent, neither the caller's record nor what the handler gets. Message 127, kind 27, 744 bytes. Handler:
+ * nac_user. */
 uint32_t scc_nac_user_set(const struct scc_user_record *record, uint32_t *call_id_out);
-/* Set an ARP entry, with the rules of scc_nac_user_set. Message 165, kind 56, 744 bytes.
- * Handler: arp_entry. */
+/* Set an ARP entry, with the rules of scc_nac_user_set. Message 165, kind 56, 744 bytes. Handler:
+ * arp_entry. */
 uint32_t scc_arp_entry_set(const struct scc_user_record *record, uint32_t *call_id_out);
-/* Set a dynamic ARP entry, with the rules of scc_nac_user_set. Message 168, kind 59, 744 bytes.
- * Handler: arp_dyn_entry. */
+/* Set a dynamic ARP entry, with the rules of scc_nac_user_set. Message 168, kind 59, 744 bytes. Handler:
+ * arp_dyn_entry. */
 uint32_t scc_arp_dyn_entry_set(const struct scc_user_record *record, uint32_t *call_id_out);
-/* Configure the default binding of ND snooping. Message 128, kind 28, 16 bytes.
+/* Configure the default binding of ND snooping. The numbers pass unchanged. Message 128, kind 28, 16 bytes.
  * Handler: ndsnp_default_bind. */
 uint32_t scc_ndsnp_default_bind_set(uint32_t first, uint32_t second, uint8_t third, uint32_t *call_id_out);
 /* Configure a NAC neighbour. Message 130, kind 30, 928 bytes. Handler: nac_neighbour. */
 uint32_t scc_nac_nbr_set(const struct scc_neighbour_record *record, uint8_t flag, uint32_t *call_id_out);
 /* Switch CPU protection; type must be 0, else 22. Message 163, kind 54, 12 bytes. Handler: cpp. */
 uint32_t scc_cpp_set(int type, uint8_t enable, uint32_t *call_id_out);
-/* Configure the detection of silent users. Message 166, kind 57, 16 bytes. Handler: offline_detect_cfg. */
+/* Configure the detection of silent users: open not 0 switches it on, interval and threshold pass
+ * unchanged. Message 166, kind 57, 16 bytes. Handler: offline_detect_cfg. */
 uint32_t scc_offline_detect_cfg(int open, uint32_t interval, uint32_t threshold, uint32_t *call_id_out);
-/* Set the direct VLANs. Message 167, kind 58, 520 bytes. Handler: direct_vlan. */
+/* Set the direct VLANs; value passes unchanged and the handler gets its low byte. Message 167, kind 58, 520
+ * bytes. Handler: direct_vlan. */
 uint32_t scc_direct_vlan_set(int value, const struct scc_vlan_record *vlans, uint32_t *call_id_out);
-/* Set the egress port of the whole switch; ifx 1 to 65535, else 22. Message 142, kind 44, 16 bytes.
- * Handler: global_eport. */
+/* Set the egress port of the whole switch; ifx 1 to 65535, else 22; value passes unchanged. Message 142,
+ * kind 44, 16 bytes. Handler: global_eport. */
 uint32_t scc_acl_global_eport_set(uint32_t ifx, uint8_t value, uint32_t *call_id_out);
-/* Switch the ACLs of routed VLAN interfaces. Message 143, kind 45, 8 bytes. Handler: svi_router_acl. */
+/* Switch the ACLs of routed VLAN interfaces; value not 0 is on. Message 143, kind 45, 8 bytes. Handler:
+ * svi_router_acl. */
 uint32_t scc_svi_router_acl_set(uint8_t value, uint32_t *call_id_out);
-/* Hand over an event-filter control block of data_bytes (at least 1, taken as signed, else 22).
- * Message 157, kind 50, data_bytes + 8 bytes. Handler: efacl_ctrl. */
+/* Hand over an event-filter control block of data_bytes (at least 1, taken as signed, else 22) at data,
+ * which is copied and may not be null. A block of 8,168 bytes and more is sent and yet returns 22, and no
+ * result arrives for it. Message 157, kind 50, data_bytes + 8 bytes. Handler: efacl_ctrl. */
 uint32_t scc_efacl_ctrl(const void *data, uint32_t data_bytes, uint32_t *call_id_out);
 /* Say that the water line was passed (start not 0) or left. One-way: message 220, 4 bytes, on the
- * synchronous socket, no result. */
+ * synchronous socket, no result. Returns 0 when it was handed to the connection; SCC_E_UNAVAILABLE; 12 out
+ * of memory. */
 uint32_t scc_warterline_notify(int start);
-/* Send a test command. One-way: message 205, 4 bytes, no result. */
+/* Send a test command. One-way: message 205, 4 bytes, on the asynchronous socket, no result; command passes
+ * unchanged. Returns 0 when it was accepted; SCC_E_UNAVAILABLE; 12 out of memory. */
 uint32_t scc_test_cmd_set(uint32_t command);
-/* Write the names of the binding owners in mask, joined by a slash, into buf of size bytes. Stops before
- * a name that does not fit. Local: no message, any thread. Returns nothing. */
+/* Write the names of the binding owners in mask, joined by a slash, into buf of size bytes, in this order:
+ * 0x2 AAA ip-auth-mode, 0x10 address-bind, 0x80 VRB, 0x20 DHCP snooping, 0x4 port-security, 0x8 web-authen.
+ * Stops at a name that does not fit; the text always ends with a null byte. Does nothing when buf is null
+ * or size below 1. Local: no message. Returns nothing. */
 void scc_bind_user_name_get(int mask, char *buf, int size);
 
 /* ---- synchronous queries ---------------------------------------------------------------------- */
 
-/* Each blocks until the daemon has answered; one at a time owns the synchronous socket. */
+/* A query blocks until the daemon has answered on the synchronous socket. It holds the library's lock for that
+ * time, so queries and requests of other threads wait for it. No handler is involved. */
 
-/* Look up the IPv4 address (network order) of a MAC address (6 bytes). *ip is written when the result is
- * 0. Message 315, reply 413. */
+/* Look up the IPv4 address (network order) of the MAC address at mac (6 bytes). *ip is written when the
+ * result is 0. Message 315, reply 413. */
 uint32_t scc_mac_query(const uint8_t *mac, uint32_t *ip);
-/* Count the addresses of a port. Message 317, reply 415; the call id is written once the query was sent. */
+/* Ask about the number of addresses of a secured port and wait. The answer is the result code alone. The
+ * call id is written once the query was sent. Message 317, 744 bytes, reply 415. */
 uint32_t scc_sp_port_addr_num(const struct scc_config_record *record, uint32_t *call_id_out);
-/* Read a NAC user; record->operation must be 2. The record is overwritten by the reply whatever its
- * result. Message 307, reply 401. */
+/* Read a NAC user; record->operation must be 2, else 22. The record is overwritten by the reply whatever
+ * its result. Message 307, 744 bytes, reply 401. */
 uint32_t scc_nac_user_get(struct scc_user_record *record);
-/* Set the mirror's destination port and wait. Message 316, reply 414; the call id is written once the
- * query was sent. */
+/* Set the mirror's destination port and wait. The call id is written once the query was sent. Message 316,
+ * 744 bytes, reply 414. */
 uint32_t scc_nac_span_dport_set(const struct scc_config_record *record, uint32_t *call_id_out);
-/* Ask whether the ARP check is on: *enabled becomes 1 or 0. Message 303, reply 405. */
+/* Ask whether the ARP check is on: *enabled becomes 1 or 0. Message 303, no value, reply 405. */
 uint32_t scc_is_arp_check_enabled(uint8_t *enabled);
-/* Count the users of the ARP check. *count is written when the result is 0. Message 304, reply 411. */
+/* Count the users of the ARP check; key passes unchanged. *count is written when the result is 0. Message
+ * 304, 12 bytes, reply 411. */
 uint32_t scc_arp_check_user_count_get(uint32_t key, uint32_t *count);
-/* Read the users of the ARP check: up to *count entries of 48 bytes into buf; *count is lowered to what
- * came. 22 for a null pointer. Message 305, reply 410. */
+/* Read the users of the ARP check: up to *count entries of 48 bytes (struct scc_arp_check_entry) into buf;
+ * *count is lowered to what came. selector passes unchanged. Message 305, 12 bytes, reply 410. */
 uint32_t scc_arp_check_user_data_get(uint32_t selector, void *buf, int *count);
-/* Tell the most users of a NAC kind. Local: always 0, null pointers are skipped. */
+/* Tell the most users of a NAC kind: for kinds 1 and 4 to 7 *a becomes 4096, *b and *c 3000; for every
+ * other kind all three become 128. Null pointers are skipped. Local: no message. Returns 0 always. */
 uint32_t scc_get_nac_max_user(int kind, uint64_t *a, uint64_t *b, uint64_t *c);
-/* Tell whether the device counts per NAC user: 1 yes, 0 no. Local, from the device's capability word.
- * Returns 0, 22, SCC_E_UNAVAILABLE. */
+/* Tell whether the device counts per NAC user: 1 yes, 0 no. Local: no message, from the device's capability
+ * word. Returns 0; 22 for a null pointer; SCC_E_UNAVAILABLE. */
 uint32_t scc_nac_user_counter_support(uint8_t *supported);
 
 /* ---- ACL management --------------------------------------------------------------------------- */
 
-/* Every call that takes a key returns 22 for a null key, an acl id outside 1 to 32768 and an app type
- * outside 1 to 58, before anything else. Confirmed changes enter the ACL cache when the registration
- * option is not 0. */
+/* Changes that the daemon has confirmed enter the process's ACL cache, behind the result's handler, when the
+ * registration option is not 0. Calls that read the cache send nothing and need the option 1; the cache is
+ * emptied when the daemon is lost. */
 
 /* Create an ACL. Message 131, kind 31, 140 bytes. Handler: acl_create. */
 uint32_t scc_acl_create(const struct scc_acl_key *key, uint32_t *call_id_out);
@@ -557,56 +602,65 @@ uint32_t scc_acl_delete(const struct scc_acl_key *key, uint32_t *call_id_out);
 /* Add an ACE. Message 132, kind 33, 944 bytes. 22 for a null ACE. Handler: acl_add_ace. */
 uint32_t scc_acl_add_ace(const struct scc_acl_key *key, const struct scc_ace_record *ace,
                          uint32_t *call_id_out);
-/* Delete the ACE with this sequence number and id. Message 132, kind 34, 944 bytes.
- * Handler: acl_delete_ace. */
+/* Delete the ACE with this sequence number and id. Message 132, kind 34, 944 bytes. Handler:
+ * acl_delete_ace. */
 uint32_t scc_acl_delete_ace(const struct scc_acl_key *key, const struct scc_ace_record *ace,
                             uint32_t *call_id_out);
-/* Apply an ACL. An apply type of 0 becomes the key's app type, in the caller's record; outside 1 to 58
- * it is 22. Message 133, kind 35, 248 bytes. Handler: acl_apply. */
+/* Apply an ACL. An apply type of 0 becomes the key's app type, in the caller's record; outside 1 to 58 it
+ * is 22. Message 133, kind 35, 248 bytes. Handler: acl_apply. */
 uint32_t scc_acl_apply(struct scc_acl_apply_record *record, uint32_t *call_id_out);
-/* Undo an application, with the rules of scc_acl_apply. Message 133, kind 36, 248 bytes.
- * Handler: acl_unapply. */
+/* Undo an application, with the rules of scc_acl_apply. Message 133, kind 36, 248 bytes. Handler:
+ * acl_unapply. */
 uint32_t scc_acl_unapply(struct scc_acl_apply_record *record, uint32_t *call_id_out);
-/* Renumber the ACEs; both numbers at least 1 as signed, else 22. Message 138, kind 40, 28 bytes.
- * Handler: acl_resequence. */
+/* Renumber the ACEs; both numbers at least 1 as signed, else 22. Message 138, kind 40, 28 bytes. Handler:
+ * acl_resequence. */
 uint32_t scc_acl_reseqence(const struct scc_acl_key *key, uint32_t sn_start, uint32_t sn_inc,
                            uint32_t *call_id_out);
-/* Ask the daemon to recover this application's data. One-way: message 201, 16 bytes, no result. */
+/* Ask the daemon to recover this application's data; argument passes unchanged. One-way: message 201, 16
+ * bytes, no result. Returns 0 when it was accepted; SCC_E_UNAVAILABLE; 12 out of memory. */
 uint32_t scc_data_recover(int argument);
-/* Read an ACL's class from the cache into key->acl_class. Returns 0, 22, SCC_E_UNAVAILABLE,
- * SCC_E_NO_DATA_QUERY, SCC_E_NO_ACL. */
+/* Read an ACL's class from the cache into key->acl_class. The key's class takes no part in finding the ACL.
+ * Returns 0; 22 for an invalid key; SCC_E_UNAVAILABLE; SCC_E_NO_DATA_QUERY; SCC_E_NO_ACL. */
 uint32_t scc_acl_cls_get(struct scc_acl_key *key);
-/* Copy an ACL's ACEs from the cache, in sequence order, to a list: each a struct scc_ace_record of its
- * own, linked through its link, which the caller frees with free(). The head is initialised here.
- * Returns as scc_acl_cls_get; 22 for a null head; 12, with an empty list. */
+/* Copy an ACL's ACEs from the cache, in sequence order, to a list: each a struct scc_ace_record of its own,
+ * linked through its link, which the caller frees with free(). The head is initialised here. Returns 0; 22
+ * for an invalid key or a null head; SCC_E_UNAVAILABLE; SCC_E_NO_DATA_QUERY; SCC_E_NO_ACL; 12 out of
+ * memory, with an empty list. */
 uint32_t scc_acl_get_ace(const struct scc_acl_key *key, struct scc_list_head *aces);
-/* Copy the first cached ACE with this sequence number. Returns as scc_acl_cls_get; 22 for a null ace;
+/* Copy the first cached ACE with the sequence number sn into *ace, whose link is not to be followed.
+ * Returns 0; 22 for an invalid key or a null ace; SCC_E_UNAVAILABLE; SCC_E_NO_DATA_QUERY; SCC_E_NO_ACL;
  * SCC_E_NO_ACE. */
 uint32_t scc_acl_get_ace_by_sn(const struct scc_acl_key *key, uint32_t sn, struct scc_ace_record *ace);
 
 /* ---- user ACLs and counters ------------------------------------------------------------------- */
 
-/* Bind an ACL to a user. Message 134, kind 37, 224 bytes. Handler: user_acl_apply. */
+/* Bind the ACL of record->key to a user; 22 for an invalid key. Message 134, kind 37, 224 bytes. Handler:
+ * user_acl_apply. */
 uint32_t scc_user_acl_apply(const struct scc_user_acl_record *record, uint32_t *call_id_out);
-/* Undo a binding. Message 134, kind 38, 224 bytes. Handler: user_acl_unapply. */
+/* Undo a binding, with the rules of scc_user_acl_apply. Message 134, kind 38, 224 bytes. Handler:
+ * user_acl_unapply. */
 uint32_t scc_user_acl_unapply(const struct scc_user_acl_record *record, uint32_t *call_id_out);
-/* Delete a VLAN binding. The acl id has no upper bound here. Message 137, kind 39, 232 bytes.
- * Handler: user_acl_delete_vmsup. */
+/* Delete a VLAN binding. The acl id has no upper bound here. Message 137, kind 39, 232 bytes. Handler:
+ * user_acl_delete_vmsup. */
 uint32_t scc_user_acl_delete_vmsup(const struct scc_acl_key *key, uint32_t *call_id_out);
-/* Change a VLAN binding and wait: 16 bytes of the reply are copied to out. The key is not checked.
- * Message 314, reply 136. Returns 0, 22, SCC_E_UNAVAILABLE, SCC_E_FORMAT, the exchange's error. */
+/* Change a VLAN binding and wait: 16 bytes of the reply are copied to out. The key is not checked. Message
+ * 314, reply 136. The reply carries no result code. Returns 0; 22 for a null pointer; SCC_E_UNAVAILABLE;
+ * SCC_E_FORMAT; 12 out of memory; 32 when the daemon closed the connection; the error of receiving. */
 uint32_t scc_user_acl_change_vmsup(const struct scc_user_acl_record *record, uint8_t *out);
-/* Read an ACL's filter counter; *counter is set to 0 first. Message 311, reply 409. */
+/* Read an ACL's filter counter; *counter is set to 0 first and written when the result is 0. Message 311,
+ * 24 bytes, reply 409. */
 uint32_t scc_acl_get_filter_counter(const struct scc_acl_key *key, uint64_t *counter);
-/* Read an ACL's counter; *counter is written when the result is 0. Message 312, reply 408. */
+/* Read an ACL's counter; *counter is written when the result is 0. Message 312, 40 bytes, reply 408. */
 uint32_t scc_acl_get_counter(const struct scc_acl_key *key, uint64_t *counter);
-/* Read an ACE's counter; *counter is written when the result is 0. Message 313, reply 407. */
+/* Read the counter of the ACE with the number ace; *counter is written when the result is 0. Message 313,
+ * 40 bytes, reply 407. */
 uint32_t scc_ace_get_counter(const struct scc_acl_key *key, uint64_t ace, uint64_t *counter);
 /* Reset an ACL's filter counter. Message 139, kind 41, 24 bytes. Handler: filter_counter_reset. */
 uint32_t scc_acl_reset_filter_counter(const struct scc_acl_key *key, uint32_t *call_id_out);
 /* Reset an ACL's counter. Message 140, kind 42, 40 bytes. Handler: acl_counter_reset. */
 uint32_t scc_acl_reset_counter(const struct scc_acl_key *key, uint32_t *call_id_out);
-/* Reset an ACE's counter. Message 141, kind 43, 40 bytes. Handler: ace_counter_reset. */
+/* Reset the counter of the ACE with the number ace. Message 141, kind 43, 40 bytes. Handler:
+ * ace_counter_reset. */
 uint32_t scc_ace_reset_counter(const struct scc_acl_key *key, uint64_t ace, uint32_t *call_id_out);
 
 /* ---- the security service --------------------------------------------------------------------- */
@@ -758,103 +812,129 @@ struct scc_ss_reg_info {
  * Three threads are started; one of them connects and registers, now and after every loss of the daemon.
  * Sends message 301 on both sockets. Handlers: server_status.
  * Returns 0 when started, and when already started; 22 for a null record; 5 when TMPDIR is unset or too
- * long; 12; the error of creating the directory or a thread.
+ * long; 12 out of memory; the error of creating the directory or a thread.
  */
 uint32_t scc_ss_reg(const struct scc_ss_reg_info *info);
-/* Ask the daemon to send everything that the hardware must hold. Message 204, 8 bytes, no reply.
- * Returns 0, SCC_E_UNAVAILABLE. */
+/* Ask the daemon to send everything that the hardware must hold. Message 204, 8 bytes, no reply. Returns 0
+ * when it was handed to the connection; SCC_E_UNAVAILABLE; 12 out of memory. */
 uint32_t scc_ss_fetch_func(void);
 
-/* Answer an operation, from its handler or later, on any thread. Each sends message 402 and returns the
- * send's result. Values called "unused" are the service's own and are not sent. */
+/* An answer may be given from the operation's handler or later, on any thread. Each sends message 402 with the
+ * operation's type, the call id and the result. Values called "unused" are the service's own and are not sent.
+ * An answer that is given while the daemon is away is lost. */
 
-/* Answer message 148. */
+/* Answer message 148, the app_set handler; type is the application's type. Returns 0 when it was handed to
+ * the connection; 12 out of memory. */
 uint32_t scc_ssc_nacm_app_op_callback(uint32_t result, uint32_t call_id, uint32_t unused_op,
                                       uint32_t unused_ifx, uint32_t type);
-/* Answer message 158. */
+/* Answer message 158, the app_set_with_vid handler; type is the application's type. Returns 0 when it was
+ * handed to the connection; 12 out of memory. */
 uint32_t scc_ssc_nacm_app_op_with_vid_callback(uint32_t result, uint32_t call_id, uint32_t unused_op,
                                                uint32_t unused_ifx, uint32_t unused_vid, uint32_t type);
-/* Answer message 149. */
+/* Answer message 149, the def_read handler. Returns 0 when it was handed to the connection; 12 out of
+ * memory. */
 uint32_t scc_ssc_nacm_def_read_callback(uint32_t result, uint32_t call_id, uint32_t unused_ifx,
                                         uint32_t unused_type);
-/* Answer message 150. */
+/* Answer message 150, the http_l4port_set handler. Returns 0 when it was handed to the connection; 12 out
+ * of memory. */
 uint32_t scc_ssc_nacm_http_l4port_set_callback(uint32_t result, uint32_t call_id, uint32_t unused_add,
                                                uint32_t unused_port);
-/* Answer message 151. The call is counted by whether it could be sent, not by its result. */
+/* Answer message 151, the user_op handler; add is the operation's own. The call is counted by whether it
+ * could be sent, not by its result. Returns 0 when it was handed to the connection; 12 out of memory. */
 uint32_t scc_ssc_nacm_user_op_callback(uint32_t result, uint32_t call_id, uint8_t add,
                                        const struct scc_ss_user *unused_user);
-/* Answer message 153. */
+/* Answer message 153, the user_reinstall handler. Returns 0 when it was handed to the connection; 12 out of
+ * memory. */
 uint32_t scc_ssc_nacm_user_reinstall_callback(uint32_t result, uint32_t call_id, uint32_t unused_start,
                                               uint32_t unused_ifx);
-/* Answer message 209. */
+/* Answer message 209, the offline_detect_cfg handler. Returns 0 when it was handed to the connection; 12
+ * out of memory. */
 uint32_t scc_offline_detect_cfg_ret_callback(uint32_t result, uint32_t call_id, uint32_t unused_open,
                                              uint32_t unused_interval, uint32_t unused_threshold);
-/* Tell the callback of an operation code, for a service that did not keep the record's own: 0 to 7, 9
- * (and 10, the ACL counter), 11; null for every other code. Local. */
+/* Tell the callback of an operation code (SCC_SS_OP_*), for a service that did not keep the record's own.
+ * Code 10 has the callback of the ACL counter, as 9 has; those of the egress port and of the ACE counter
+ * are reached through the record alone. Local: no message. Returns the function for 0 to 7 and 9 to 11;
+ * null for every other code. */
 scc_ss_ret_callback scc_ssc_appmng_get_callback(uint32_t op);
 
-/* Report hardware events; any thread. Each returns 0, 22, SCC_E_UNAVAILABLE, 12, and is lost when the
- * connection is down. */
+/* A report is sent at once on the synchronous socket under a call id of its own and is not answered. Nothing
+ * is queued or retried: a report is lost when the connection is down. Records are copied. */
 
-/* Report addresses that moved: count (at least 1) entries. Message 202, 8 + 16 * count bytes. */
+/* Report addresses that moved: count (at least 1) entries at moves. Message 202, 8 + 16 * count bytes.
+ * Returns 0 when it was handed to the connection; 22 for null or a count below 1; SCC_E_UNAVAILABLE; 12 out
+ * of memory. */
 uint32_t scc_ss_move_addr_notify(int count, const struct scc_address_move *moves);
-/* Report a user that went offline for lack of traffic, with extra_bytes more bytes (none: null and 0).
- * Message 203, 88 + extra_bytes bytes. */
+/* Report a user that went offline for lack of traffic, with extra_bytes more bytes (none: null and 0). flow
+ * and time pass unchanged. Message 203, 88 + extra_bytes bytes. Returns 0 when it was handed to the
+ * connection; 22 for a null user, or null with extra_bytes not 0; SCC_E_UNAVAILABLE; 12 out of memory. */
 uint32_t scc_noflow_offline_notify(const struct scc_flow_user *user, uint64_t flow, uint64_t time,
                                    const void *extra, int extra_bytes);
-/* Report a user's traffic. Message 208, 80 bytes. */
+/* Report a user's traffic; first and second pass unchanged. Message 208, 80 bytes. Returns 0 when it was
+ * handed to the connection; 22 for a null user; SCC_E_UNAVAILABLE; 12 out of memory. */
 uint32_t scc_flow_notify(const struct scc_flow_user *user, uint64_t first, uint64_t second);
-/* Report ACE counters: count entries, 0 allowed. Message 207, 24 + 16 * count bytes. */
+/* Report ACE counters of one ACL: count entries at counters, 0 allowed. Message 207, 24 + 16 * count bytes.
+ * Returns 0 when it was handed to the connection; 22 for an invalid key, or null with a count;
+ * SCC_E_UNAVAILABLE; 12 out of memory. */
 uint32_t scc_ss_ace_counter_notify(const struct scc_acl_key *key, uint32_t count,
                                    const struct scc_ace_counter *counters);
 
 /* ---- texts, paths, identity ------------------------------------------------------------------- */
 
-/* Tell the text of any result code; never null, not to be freed. Any thread. */
+/* Tell the text of any result code: the system's for an errno number, the library's own for 2000 to 2020,
+ * "unknown errno" for a negative number and for one above. Returns the text; never null, not to be freed. */
 const char *scc_strerror(int32_t errnum);
-/* Join the value of TMPDIR (base 1) or DATA_QXOS_DIR (base 2) and suffix in dst of size bytes.
- * Returns 1, or 0 with dst untouched. */
+/* Join the value of TMPDIR (base 1) or DATA_QXOS_DIR (base 2) and suffix in dst of size bytes, ending null
+ * byte included. Returns 1; 0, with dst untouched, for a null pointer, another base, a variable that is not
+ * set or a path that does not fit. */
 int scc_make_path(char *dst, const char *suffix, int size, int base);
-/* Create every directory of an absolute path, or of one that begins with "./". Returns 0, 22, 2, 20, 28
- * or the error of mkdir. */
+/* Create every directory of an absolute path, or of one that begins with "./", with mode 0777 less the
+ * umask; those that exist are left. At most 107 characters are used. Directories made before a failure
+ * stay. Returns 0; 22 for null; 20 for another path; 2 when the working directory cannot be told; 28 for a
+ * relative path that is too long; the error of mkdir. */
 uint32_t _scc_dir_create(const char *path);
-/* Tell the instance number, the last component of TMPDIR, which must hold a slash. */
+/* Tell the instance number, the last component of TMPDIR, which must hold a slash when it is set. Returns
+ * the number that the component begins with; 0 when TMPDIR is unset or there is none. */
 uint32_t _scc_vsd_id_get(void);
-/* Tell the instance number; 0 when TMPDIR holds no slash. */
+/* Tell the instance number, the last component of TMPDIR. Returns the number that the component begins
+ * with; 0 when TMPDIR is unset, holds no slash or there is none. */
 uint32_t _scc_lib_vsd_id_get(void);
-/* Read the first argument of a process's command line into buf of size bytes. Returns 0, 22 or the error
- * of opening it. */
+/* Read the first argument of the command line of process pid into buf of size bytes, cut to fit; the rest
+ * of buf is set to 0. Returns 0; 22 for null or a size below 1; the error of opening it. */
 uint32_t _scc_process_name_get(int pid, char *buf, int size);
-/* Add one to the process's service id counter. Returns nothing. */
+/* Add one to the process's service id counter, which begins at 0. Returns nothing. */
 void _scc_svrid_inc(void);
-/* Read the service id counter. */
+/* Read the service id counter. Returns its value. */
 uint32_t _get_get_avail_svrid(void);
-/* Read the service id counter, as _get_get_avail_svrid does. */
+/* Read the service id counter, as _get_get_avail_svrid does. Returns its value. */
 uint32_t _scc_get_cur_svrid(void);
 
-/* Addresses as text. Each function has one static buffer, shared by all threads: the text is valid until
- * its next call, from whatever thread. */
+/* Each function that shows an address has one static buffer, shared by all threads: its text is valid until
+ * its next call, from whatever thread. Two threads must not call the same one at a time. */
 
-/* Show an IPv4 address (network order). */
+/* Show the IPv4 address ip (network order) as four decimal numbers. Returns the text, not to be freed. */
 const char *ip_show(uint32_t ip);
-/* Show an IPv4 mask (network order). */
+/* Show the IPv4 mask (network order) as four decimal numbers. Returns the text, not to be freed. */
 const char *mask_show(uint32_t mask);
-/* Show an IPv6 address. */
+/* Show the IPv6 address (network order). Returns the text, not to be freed. */
 const char *ipv6_show(struct in6_addr address);
-/* Show an IPv6 mask. */
+/* Show the IPv6 mask (network order) as an address. Returns the text, not to be freed. */
 const char *ipv6_mask_show(struct in6_addr mask);
-/* Show a MAC address of 6 bytes as three dotted groups. */
+/* Show the MAC address of 6 bytes at mac as three dotted groups of four hexadecimal digits. Returns the
+ * text, not to be freed. */
 const char *mac_show(const uint8_t *mac);
-/* Make an IPv4 address in host order of four numbers; 0 when one is outside 0 to 255. */
+/* Make an IPv4 address in host order of four numbers, the most significant first. Returns the address; 0
+ * when a number is outside 0 to 255. */
 uint32_t ip_set(int a, int b, int c, int d);
-/* Count the leading one bits of an IPv4 mask (network order). */
+/* Count the leading one bits of the IPv4 mask (network order); one bits behind a 0 are not counted. Returns
+ * 0 to 32. */
 int mask_count(uint32_t mask);
 
 /* ---- timing probes ---------------------------------------------------------------------------- */
 
 #define SCC_PERF_ENTRIES 53
 
-/* One probe; times in microseconds, wrapping at 32 bits. */
+/* One probe; times in microseconds, wrapping at 32 bits. Its fields are counted without a lock: threads
+ * that measure under one index at a time may lose counts. */
 struct scc_perf_entry {
     uint32_t count;
     uint32_t start;
@@ -864,12 +944,14 @@ struct scc_perf_entry {
     uint32_t total;
 };
 
-extern uint8_t g_scc_perf_debug;                          /* set by the host to switch the probes on */
-extern struct scc_perf_entry g_scc_perf[SCC_PERF_ENTRIES]; /* read by the host */
+extern uint8_t g_scc_perf_debug;                          /* switches the probes on; set by the host */
+extern struct scc_perf_entry g_scc_perf[SCC_PERF_ENTRIES]; /* the timing probes; read by the host */
 
-/* Begin a measurement; index 0 to 52. Does nothing while g_scc_perf_debug is 0. Returns nothing. */
+/* Begin a measurement: keep the time in the entry index, 0 to 52, which is not checked. Does nothing while
+ * g_scc_perf_debug is 0. Returns nothing. */
 void scc_time_elapse_start(uint32_t index);
-/* End a measurement; index 0 to 52. Does nothing while g_scc_perf_debug is 0. Returns nothing. */
+/* End a measurement: add the time since its begin to the entry index, 0 to 52, which is not checked. Does
+ * nothing while g_scc_perf_debug is 0. Returns nothing. */
 void scc_time_elapse_end(uint32_t index);
 
 #pragma GCC visibility pop

@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# check_abi.sh LIBRARY [--renew]: compares the binary interface with the recorded one, abi/scclib.abi.
+# The released library has no debug information, so a copy that has is built beside it in build/abi.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/common.sh
+. scripts/common.sh
+library=${1:?path of libscclib.so}
+renew=${2:-}
+recorded=abi/scclib.abi
+work=$(mktemp -d "${TMPDIR:-/tmp}/scclib-abi-XXXXXX")
+trap 'rm -rf "$work"' EXIT
+
+fail() {
+    echo "check_abi: $1" >&2
+    exit 1
+}
+
+# Directories must not be told: the record is the same in every checkout.
+build_copy() {
+    local flags="-ffile-prefix-map=$PWD=."
+    cmake -S . -B build/abi -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_FLAGS="$flags" \
+        -DCMAKE_CXX_FLAGS="$flags" -DSCC_DEVKIT=OFF -DSCC_TESTS=OFF -DSCC_BENCH=OFF
+    cmake --build build/abi --parallel "$jobs" --target scclib -- --quiet
+}
+
+visible() { nm -D --defined-only "$1" | awk '{print $2, $3}' | sort; }
+
+[ -f "$library" ] || fail "there is no $library"
+( set -e; build_copy ) >"$work/log" 2>&1 || {
+    cat "$work/log" >&2
+    fail "the copy with debug information cannot be built"
+}
+copy=build/abi/src/libscclib.so
+[ "$(visible "$library")" = "$(visible "$copy")" ] || {
+    diff <(visible "$library") <(visible "$copy") >&2 || true
+    fail "$library and $copy show different symbols; one of them is not up to date"
+}
+abidw --headers-dir include --exported-interfaces-only --no-show-locs --no-corpus-path --no-comp-dir-path \
+    --type-id-style hash --out-file "$work/scclib.abi" "$copy"
+# Compilers and their cache tell the sources' directory in more than one way.
+sed -i "s#path='[^']*/\(src\|include\)/#path='\1/#" "$work/scclib.abi"
+if grep -nF "$PWD" "$work/scclib.abi" >&2; then
+    fail "a path of this checkout got into the record"
+fi
+
+if [ "$renew" = --renew ]; then
+    mkdir -p abi
+    cp "$work/scclib.abi" "$recorded"
+    echo "recorded: $recorded"
+    exit 0
+fi
+[ -f "$recorded" ] || fail "there is no $recorded; record it with: scripts/check_abi.sh $library --renew"
+abidiff --harmless "$recorded" "$work/scclib.abi" >"$work/changes" 2>&1 || {
+    cat "$work/changes" >&2
+    cat >&2 <<TEXT
+
+check_abi: the binary interface has changed as listed above. Programs that are linked with the library, and
+the switch's own processes, depend on it. If the change is wanted, record the new interface with
+    scripts/check_abi.sh $library --renew
+and commit $recorded with the change; a removed or changed function needs a new soname, too.
+TEXT
+    exit 1
+}
+echo "interface as recorded: $(grep -c '<elf-symbol ' "$recorded") symbols"
