@@ -154,10 +154,10 @@ u32 connect_and_register(const registration_identity& identity, u32 generation) 
     return set_state_of(generation, state_registering) ? register_both(identity) : result::bad_descriptor;
 }
 
-void register_until_done(u32 generation) {
+bool register_until_done(u32 generation) {
     socket_prefixes prefixes;
     if (!make_prefixes(prefixes)) {
-        return;
+        return false;
     }
     if (client_state_now() != state_idle) {
         SCC_LOG("scc client start to try re-reg.");
@@ -165,18 +165,19 @@ void register_until_done(u32 generation) {
     }
     while (connect_and_register(identity_of_control_block(), generation) != result::ok) {
         if (!reset_connection(generation) || app_id_now() == 0) {
-            return;
+            return false;
         }
         sleep_before_retry();
     }
     scc_lib_rereg.store(0, relaxed);
     if (!set_state_of(generation, state_registered)) {
-        return;
+        return false;
     }
     SCC_LOG("(app id:%d, pid:%d)register to sccd success!", app_id_now(), pid_now());
     _scc_lib_func_stat_reset();
     reset_service_statistics();
     notify_status(1, generation);
+    return true;
 }
 
 u32 unregister_client(void (*before_close)()) {
@@ -240,7 +241,7 @@ int _scc_lib_client_connect(const char* prefix) {
 }
 
 void _scc_lib_svr_rereg() {
-    register_until_done(current_generation());
+    (void)register_until_done(current_generation());
 }
 
 void _scc_lib_svr_status_notify(u32 status) {

@@ -18,8 +18,8 @@ struct registration_identity {
 // error number or the daemon's refusal; on failure nothing is closed yet.
 [[nodiscard]] u32 connect_and_register(const registration_identity& identity, u32 generation);
 
-// Connects and registers until it has succeeded or the registration ended.
-void register_until_done(u32 generation);
+// Connects and registers until it has succeeded (true) or the registration ended.
+[[nodiscard]] bool register_until_done(u32 generation);
 
 // The unregistration exchange with its surroundings, under whatever lock the caller needs: afterwards the
 // library is unregistered, or registered as before. before_close runs once the daemon has agreed.

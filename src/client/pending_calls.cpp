@@ -23,6 +23,17 @@ u64 hash_of(const list_node* node) {
     return reinterpret_cast<const pending_call*>(node)->call_id;
 }
 
+}  // namespace
+}  // namespace scc
+
+extern "C" {
+constinit pthread_rwlock_t scc_call_data_lock = PTHREAD_RWLOCK_INITIALIZER;
+constinit bucket_table<hash_of, first_buckets> g_scc_lib_call_lst{};
+}
+
+namespace scc {
+namespace {
+
 struct spare_blocks {
     pending_call* first = nullptr;  // chained through link.next
     i32 data_bytes = 0;             // all are of this size
@@ -42,8 +53,8 @@ void free_spare_blocks() {
     g_spare.count = 0;
 }
 
+// scc_call_data_lock held.
 pending_call* take_spare(i32 data_bytes) {
-    const write_guard guard(scc_call_data_lock);
     pending_call* block = g_spare.data_bytes == data_bytes ? g_spare.first : nullptr;
     if (block != nullptr) {
         g_spare.first = reinterpret_cast<pending_call*>(block->link.next);
@@ -53,35 +64,48 @@ pending_call* take_spare(i32 data_bytes) {
     return block;
 }
 
+void fill(pending_call& call, u32 call_id, u32 kind, const void* data, i32 len) {
+    call.call_id = call_id;
+    call.kind = kind;
+    call.data_bytes = len;
+    if (len > 0) {
+        std::memcpy(call.data(), data, static_cast<std::size_t>(len));
+    }
+}
+
+// Saves into a kept block; false when there is none of this size.
+bool save_in_spare(u32 call_id, u32 kind, const void* data, i32 len) {
+    const write_guard guard(scc_call_data_lock);
+    pending_call* call = take_spare(len > 0 ? len : 0);
+    if (call == nullptr) {
+        return false;
+    }
+    fill(*call, call_id, kind, data, len);
+    g_scc_lib_call_lst.insert(&call->link);
+    return true;
+}
+
 }  // namespace
 }  // namespace scc
 
 extern "C" {
 
-constinit pthread_rwlock_t scc_call_data_lock = PTHREAD_RWLOCK_INITIALIZER;
-constinit bucket_table<hash_of, first_buckets> g_scc_lib_call_lst{};
 
 u32 _scc_lib_call_id_get() {
     return g_scc_client_cb.last_call_id.fetch_add(1, relaxed) + 1;
 }
 
 u32 _scc_lib_save_call_data(u32 call_id, u32 kind, const void* data, int len) {
-    const i32 data_bytes = len > 0 ? len : 0;
-    pending_call* call = take_spare(data_bytes);
-    if (call == nullptr) {
-        const std::size_t block_bytes = pending_call::head_bytes + static_cast<std::size_t>(data_bytes);
-        call = static_cast<pending_call*>(std::malloc(block_bytes));
+    if (save_in_spare(call_id, kind, data, len)) {
+        return result::ok;
     }
+    const std::size_t data_bytes = len > 0 ? static_cast<std::size_t>(len) : 0;
+    auto* call = static_cast<pending_call*>(std::malloc(pending_call::head_bytes + data_bytes));
     if (call == nullptr) {
         SCC_LOG("scclib alloc memory failed.");
         return result::no_memory;
     }
-    call->call_id = call_id;
-    call->kind = kind;
-    call->data_bytes = len;
-    if (data_bytes > 0) {
-        std::memcpy(call->data(), data, static_cast<std::size_t>(data_bytes));
-    }
+    fill(*call, call_id, kind, data, len);
     const write_guard guard(scc_call_data_lock);
     g_scc_lib_call_lst.insert(&call->link);
     return result::ok;

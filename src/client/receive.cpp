@@ -11,6 +11,7 @@
 #include "client/control_block.h"
 #include "client/dispatch.h"
 #include "client/log.h"
+#include "client/message_stream.h"
 #include "client/request_channel.h"
 #include "client/threads.h"
 #include "msg/bytes.h"
@@ -43,45 +44,69 @@ u32 wait_readable(int fd) {
     return error;
 }
 
-// Waits for a message of this registration's connection and reads it; fd is -1 when there is no socket.
+// The bytes of one registration's connections, each with its own.
+struct receiver {
+    u32 generation;
+    deliver_message deliver;
+    message_stream stream{};
+    u32 epoch = any_epoch;  // of the connection that the stream's bytes came from
+};
+
+// Waits for bytes of this registration's connection and reads them; fd is -1 when there is no socket.
 // Another registration may follow at any moment: its bytes are not for this thread, so the connection is
 // fixed before the registration is looked at.
-u32 receive_message(u32 generation, i32& fd, void** message) {
-    const connection_scope scope;
-    if (!is_current(generation)) {
-        fd = -1;
+u32 read_bytes(receiver& self, i32& fd) {
+    const u32 epoch = connection_epoch();
+    if (!is_current(self.generation)) {
         return result::ok;
     }
-    {
-        const borrowed_descriptor borrowed(channel::async, epoch_of_this_thread());
-        fd = borrowed.fd();
-        if (fd < 0) {
-            return result::ok;
-        }
-        if (const u32 error = wait_readable(fd); error != result::ok) {
-            return error == result::try_again ? result::ok : error;
-        }
+    const borrowed_descriptor borrowed(channel::async, epoch);
+    fd = borrowed.fd();
+    if (fd < 0) {
+        return result::ok;
     }
-    return _scc_lib_msg_recv(message, 0);
+    if (epoch != self.epoch) {
+        self.stream.reset();
+        self.epoch = epoch;
+    }
+    const u32 error = wait_readable(fd);
+    if (error != result::ok) {
+        return error == result::try_again ? result::ok : error;
+    }
+    return self.stream.fill(fd);
 }
 
-// One pass: at most one message. The result is the pass's error.
-u32 receive_once(u32 generation, deliver_message deliver) {
+// Delivers the whole messages that have arrived. Call ids start again with a registration and bytes with a
+// connection: what is left of an earlier one is for nobody.
+u32 deliver_messages(receiver& self, i32 fd) {
+    for (;;) {
+        void* message = nullptr;
+        const u32 error = self.stream.next(&message);
+        if (message == nullptr) {
+            return error;
+        }
+        if (!is_current(self.generation) || self.epoch != connection_epoch()) {
+            _scc_msg_free(&message);
+            return result::ok;
+        }
+        self.deliver(fd, message);
+    }
+}
+
+// One pass: at most one read. The result is the pass's error.
+u32 receive_once(receiver& self) {
     if (scc_lib_rereg.load(relaxed) != 0) {
         SCC_LOG("appid %d ready to rereg.", app_id_now());
         return result::peer_closed;
     }
-    void* message = nullptr;
     i32 fd = -1;
-    const u32 error = receive_message(generation, fd, &message);
-    if (fd < 0 && is_current(generation)) {
+    const u32 error = read_bytes(self, fd);
+    if (fd < 0 && error == result::ok && is_current(self.generation)) {
         SCC_LOG("scc client async socket not created.");
         sleep(limits::missing_socket_seconds);
     }
-    if (message != nullptr && is_current(generation)) {
-        deliver(fd, message);
-    } else {
-        _scc_msg_free(&message);  // call ids start again with a registration: a late result is not for it
+    if (error == result::ok) {
+        deliver_messages(self, fd);
     }
     return error;
 }
@@ -97,8 +122,7 @@ bool recover(u32 error, u32 generation) {
     if (!reset_connection(generation)) {
         return false;
     }
-    register_until_done(generation);
-    return survives_unregistration(generation) && client_state_now() == state_registered;
+    return register_until_done(generation);
 }
 
 }  // namespace
@@ -109,13 +133,13 @@ void dispatch_and_free(i32 /*fd*/, void* message) {
 }
 
 void run_receive_loop(u32 generation, deliver_message deliver) {
-    register_until_done(generation);
-    if (!is_current(generation) || client_state_now() != state_registered) {
+    if (!register_until_done(generation)) {
         SCC_LOG("scc client not registered to sccd.exit thread.");
         return;
     }
+    receiver self{generation, deliver};
     for (;;) {
-        const u32 error = receive_once(generation, deliver);
+        const u32 error = receive_once(self);
         if (!is_current(generation) || (error != result::ok && !recover(error, generation))) {
             break;
         }

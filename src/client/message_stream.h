@@ -1,0 +1,47 @@
+// Whole messages out of the bytes of the asynchronous socket, for the receive threads.
+//
+// Many small messages arrive in one read. A message that is larger than what was read is completed in its
+// own memory. Used by one thread; belongs to one connection, so a new one starts with reset().
+#pragma once
+
+#include <cstddef>
+
+#include "msg/protocol.h"
+
+namespace scc {
+
+class message_stream {
+  public:
+    message_stream() = default;
+    ~message_stream();
+    message_stream(const message_stream&) = delete;
+    message_stream& operator=(const message_stream&) = delete;
+
+    // Forgets the bytes of an earlier connection.
+    void reset();
+
+    // The next whole message, which the caller frees; null when more bytes are needed. 2007 for a header
+    // without items (its 8 bytes are read past) and for items that do not fit; 12 when there is no memory
+    // (the message is read past).
+    [[nodiscard]] u32 next(void** message);
+
+    // One read of a socket that is readable. 0, 32 when the peer closed, or the error.
+    [[nodiscard]] u32 fill(int fd);
+
+  private:
+    [[nodiscard]] std::size_t buffered() const { return end_ - begin_; }
+    void consume(void* to, std::size_t count);
+    void skip_unwanted();
+    [[nodiscard]] u32 begin_message();
+    [[nodiscard]] u32 finish_message(void** message);
+
+    u8 buffer_[16384];
+    std::size_t begin_ = 0;
+    std::size_t end_ = 0;
+    u8* message_ = nullptr;  // being completed
+    std::size_t length_ = 0;
+    std::size_t filled_ = 0;
+    std::size_t unwanted_ = 0;  // bytes of a message for which there was no memory
+};
+
+}  // namespace scc
