@@ -20,14 +20,14 @@ fail() {
 build_copy() {
     local flags="-ffile-prefix-map=$PWD=."
     cmake -S . -B build/abi -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_FLAGS="$flags" \
-        -DCMAKE_CXX_FLAGS="$flags" -DSCC_DEVKIT=OFF -DSCC_TESTS=OFF -DSCC_BENCH=OFF
-    cmake --build build/abi --parallel "$jobs" --target scclib -- --quiet
+        -DCMAKE_CXX_FLAGS="$flags" -DSCC_DEVKIT=OFF -DSCC_TESTS=OFF -DSCC_BENCH=OFF &&
+        cmake --build build/abi --parallel "$jobs" --target scclib -- --quiet
 }
 
 visible() { nm -D --defined-only "$1" | awk '{print $2, $3}' | sort; }
 
 [ -f "$library" ] || fail "there is no $library"
-( set -e; build_copy ) >"$work/log" 2>&1 || {
+build_copy >"$work/log" 2>&1 || {
     cat "$work/log" >&2
     fail "the copy with debug information cannot be built"
 }

@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Nothing is exported that has no man page, no test, or no place where its use can be seen: an example,
+# a command of sccctl, or the devkit's service.
+set -euo pipefail
+export LC_ALL=C
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+work=$(mktemp -d "${TMPDIR:-/tmp}/scclib-complete-XXXXXX")
+trap 'rm -rf "$work"' EXIT
+
+# The words of some files, once: a name counts only where it stands whole.
+words() { grep -rhowE '_?[A-Za-z][A-Za-z0-9_]+' "$@" | sort -u; }
+
+# missing WHAT: prints the names of standard input, if any, and remembers that there were some.
+failed=
+missing() {
+    local names
+    names=$(cat)
+    [ -n "$names" ] || return 0
+    echo "check_complete: $1:" >&2
+    while read -r name; do echo "    $name" >&2; done <<<"$names"
+    failed=yes
+}
+
+sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map | sort >"$work/exported"
+python3 scripts/make_man_pages.py include/scclib.h src/scclib.map "$work/man"
+for page in "$work"/man/man3/*.3; do basename "$page" .3; done | sort >"$work/documented"
+words --include='*.cpp' --include='*.h' --include='*.c' tests >"$work/tested"
+words examples/*.c devkit/ctl/*.cpp devkit/service/*.cpp >"$work/shown"
+
+missing "no man page" < <(comm -23 "$work/exported" "$work/documented")
+missing "in no test" < <(comm -23 "$work/exported" "$work/tested")
+missing "in no example, no command of sccctl and not in the devkit's service" < <(comm -23 "$work/exported" "$work/shown")
+[ -z "$failed" ] || exit 1
+echo "exported names with page, test and use: $(wc -l <"$work/exported")"
