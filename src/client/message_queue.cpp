@@ -14,11 +14,12 @@ constinit list_node g_scc_lib_msg_q{};
 }
 
 namespace scc {
+namespace {
 
-// The first start makes the condition and the list; later ones find a processing thread that may be
-// waiting on them, so they are left alone.
-void init_message_queue() {
-    const mutex_guard guard(g_scc_lib_msg_mutex);
+// The first caller makes the condition and the list; later ones find a processing thread that may be
+// waiting on them, so they are left alone. A start without memory for the batch makes neither, and its
+// threads run all the same: they come here, too.
+void make_queue_once() {
     if (g_scc_lib_msg_q.next != nullptr) {
         return;
     }
@@ -31,6 +32,13 @@ void init_message_queue() {
     }
 }
 
+}  // namespace
+
+void init_message_queue() {
+    const mutex_guard guard(g_scc_lib_msg_mutex);
+    make_queue_once();
+}
+
 bool enqueue_message(i32 fd, void* message) {
     auto* node = static_cast<scc_lib_msg_node*>(std::malloc(sizeof(scc_lib_msg_node)));
     if (node == nullptr) {
@@ -39,6 +47,7 @@ bool enqueue_message(i32 fd, void* message) {
     node->fd = fd;
     node->message = message;
     const mutex_guard guard(g_scc_lib_msg_mutex);
+    make_queue_once();
     list_add_tail(&node->link, &g_scc_lib_msg_q);
     pthread_cond_signal(&g_scc_lib_msg_cond);
     return true;
@@ -46,6 +55,7 @@ bool enqueue_message(i32 fd, void* message) {
 
 scc_lib_msg_node* dequeue_message() {
     const mutex_guard guard(g_scc_lib_msg_mutex);
+    make_queue_once();
     timespec deadline{};
     clock_gettime(CLOCK_MONOTONIC, &deadline);
     deadline.tv_sec += limits::queue_wait_seconds;

@@ -64,7 +64,7 @@ inline std::size_t library_threads() {
     return of_library_threads("Name").size();
 }
 
-inline bytes pattern(std::size_t count, std::uint8_t first = 1) {
+inline bytes distinct_bytes(std::size_t count, std::uint8_t first = 1) {
     bytes value(count);
     for (std::size_t i = 0; i < count; ++i) {
         value[i] = static_cast<std::uint8_t>(first + i * 7);

@@ -30,7 +30,7 @@ class PendingCalls : public ::testing::Test {
 };
 
 TEST_F(PendingCalls, ACallKeepsACopyOfItsData) {
-    bytes data = test::pattern(736);
+    bytes data = test::distinct_bytes(736);
     const bytes before = data;
     ASSERT_EQ(save(7, 4, data), 0U);
     data.assign(data.size(), 0);
@@ -117,7 +117,7 @@ TEST_F(PendingCalls, GrowingTheIndexKeepsEveryCallAndTheirOrder) {
 
 TEST_F(PendingCalls, BlocksThatAreUsedAgainHoldTheNewData) {
     for (std::uint32_t round = 1; round < 50; ++round) {
-        const bytes data = test::pattern(round % 3 == 0 ? 9 : 5, static_cast<std::uint8_t>(round));
+        const bytes data = test::distinct_bytes(round % 3 == 0 ? 9 : 5, static_cast<std::uint8_t>(round));
         ASSERT_EQ(save(round, round, data), 0U);
         scc::pending_call* call = scc::take_pending_call(round);
         ASSERT_NE(call, nullptr);

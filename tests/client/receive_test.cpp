@@ -171,8 +171,8 @@ TEST_F(Receive, BytesBehindTheLastItemAreIgnored) {
 TEST_F(Receive, AMessageOfManyMegabytesIsRead) {
     start();
     request(1);
-    bytes huge =
-        message_bytes({item_bytes(999, test::pattern(3000000)), item_bytes(401, wire().u32(1).u32(2))});
+    bytes huge = message_bytes(
+        {item_bytes(999, test::distinct_bytes(3000000)), item_bytes(401, wire().u32(1).u32(2))});
     daemon.send(side::async, huge);
     EXPECT_EQ(results().wait(), 1002U);
 }

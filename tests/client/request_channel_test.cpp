@@ -5,9 +5,9 @@
 #include "client/channel_support.h"
 
 using test::bytes;
+using test::distinct_bytes;
 using test::item_bytes;
 using test::message_bytes;
-using test::pattern;
 using test::side;
 using test::wire;
 
@@ -76,11 +76,11 @@ TEST_F(RequestChannel, AnItemCarriesItsSubIdAndMayHaveNoValue) {
 TEST_F(RequestChannel, ABatchOfExactly8192BytesIsFlushedInsideTheCall) {
     start();
     const test::debugging on;
-    EXPECT_EQ(batch(900, pattern(4088)), 0U);
+    EXPECT_EQ(batch(900, distinct_bytes(4088)), 0U);
     EXPECT_TRUE(nothing_was_sent());
-    EXPECT_EQ(batch(901, pattern(4088, 9)), 0U);
-    EXPECT_EQ(next_message(),
-              message_bytes({item_bytes(900, pattern(4088)), item_bytes(901, pattern(4088, 9))}));
+    EXPECT_EQ(batch(901, distinct_bytes(4088, 9)), 0U);
+    EXPECT_EQ(next_message(), message_bytes({item_bytes(900, distinct_bytes(4088)),
+                                             item_bytes(901, distinct_bytes(4088, 9))}));
     EXPECT_TRUE(
         test::logged("bt send msg(len:8200, ver:1, num:2) send len:8200, uselen:8192. total len:8192."));
     scc::flush_waiting_batch();
@@ -89,8 +89,8 @@ TEST_F(RequestChannel, ABatchOfExactly8192BytesIsFlushedInsideTheCall) {
 
 TEST_F(RequestChannel, ABatchOf8191BytesWaits) {
     start();
-    EXPECT_EQ(batch(900, pattern(4088)), 0U);
-    EXPECT_EQ(batch(901, pattern(4087)), 0U);
+    EXPECT_EQ(batch(900, distinct_bytes(4088)), 0U);
+    EXPECT_EQ(batch(901, distinct_bytes(4087)), 0U);
     EXPECT_TRUE(nothing_was_sent());
     scc::flush_waiting_batch();
     EXPECT_EQ(next_message().size(), 8199U);
@@ -98,30 +98,31 @@ TEST_F(RequestChannel, ABatchOf8191BytesWaits) {
 
 TEST_F(RequestChannel, ARequestThatDoesNotFitFlushesWhatWaitsAndThenWaitsItself) {
     start();
-    EXPECT_EQ(batch(900, pattern(4088)), 0U);
-    EXPECT_EQ(batch(901, pattern(4089, 3)), 0U);
-    EXPECT_EQ(next_message(), message_bytes({item_bytes(900, pattern(4088))}));
+    EXPECT_EQ(batch(900, distinct_bytes(4088)), 0U);
+    EXPECT_EQ(batch(901, distinct_bytes(4089, 3)), 0U);
+    EXPECT_EQ(next_message(), message_bytes({item_bytes(900, distinct_bytes(4088))}));
     EXPECT_TRUE(nothing_was_sent());
     EXPECT_EQ(batch(902, {7}), 0U);
     scc::flush_waiting_batch();
-    EXPECT_EQ(next_message(), message_bytes({item_bytes(901, pattern(4089, 3)), item_bytes(902, {7})}));
+    EXPECT_EQ(next_message(),
+              message_bytes({item_bytes(901, distinct_bytes(4089, 3)), item_bytes(902, {7})}));
 }
 
 TEST_F(RequestChannel, AValueOf8175BytesIsBatched) {
     start();
-    EXPECT_EQ(batch(900, pattern(8175)), 0U);
+    EXPECT_EQ(batch(900, distinct_bytes(8175)), 0U);
     EXPECT_TRUE(nothing_was_sent());
     scc::flush_waiting_batch();
-    EXPECT_EQ(next_message(), message_bytes({item_bytes(900, pattern(8175))}));
+    EXPECT_EQ(next_message(), message_bytes({item_bytes(900, distinct_bytes(8175))}));
 }
 
 TEST_F(RequestChannel, AValueOf8176BytesReturns22AndOvertakesTheWaitingBatch) {
     start();
     const test::debugging on;
     EXPECT_EQ(batch(900, {1, 2, 3}), 0U);
-    EXPECT_EQ(batch(901, pattern(8176), 5), 22U);
+    EXPECT_EQ(batch(901, distinct_bytes(8176), 5), 22U);
     EXPECT_TRUE(test::logged("msg is larger than sendbuf. val_size:8176."));
-    EXPECT_EQ(next_message(), message_bytes({item_bytes(901, pattern(8176), 5)}));
+    EXPECT_EQ(next_message(), message_bytes({item_bytes(901, distinct_bytes(8176), 5)}));
     EXPECT_TRUE(nothing_was_sent());
     scc::flush_waiting_batch();
     EXPECT_EQ(next_message(), message_bytes({item_bytes(900, {1, 2, 3})}));
@@ -140,7 +141,7 @@ void on_efacl(std::uint32_t, std::uint32_t call_id, const void*, std::int32_t da
 TEST_F(RequestChannel, ARequestWithAValueOf8175BytesIsBatchedAndGetsItsResult) {
     info.handlers.efacl_ctrl = on_efacl;
     start();
-    const bytes data = pattern(8167);
+    const bytes data = distinct_bytes(8167);
     std::uint32_t call_id = 0;
     EXPECT_EQ(scc_efacl_ctrl(data.data(), 8167, &call_id), 0U);
     EXPECT_TRUE(nothing_was_sent());
@@ -155,7 +156,7 @@ TEST_F(RequestChannel, ARequestWithAValueOf8176BytesIsSentAndYet22AndItsResultUn
     info.handlers.efacl_ctrl = on_efacl;
     start();
     const test::debugging on;
-    const bytes data = pattern(8168);
+    const bytes data = distinct_bytes(8168);
     std::uint32_t small = 0;
     std::uint32_t call_id = 0;
     EXPECT_EQ(scc_addr_learning(5, 1, &small), 0U);
@@ -185,12 +186,12 @@ TEST_F(RequestChannel, OutsideTheRegisteredStateEveryRequestIsSentAtOnceWithWhat
 
 TEST_F(RequestChannel, OutsideTheRegisteredStateARequestThatDidNotFitIsSentUntilTheStateReturns) {
     start();
-    EXPECT_EQ(batch(900, pattern(5000)), 0U);
+    EXPECT_EQ(batch(900, distinct_bytes(5000)), 0U);
     _scc_client_state_set(3);
-    std::thread sending([] { EXPECT_EQ(batch(901, pattern(4000)), 0U); });
-    EXPECT_EQ(next_message(), message_bytes({item_bytes(900, pattern(5000))}));
-    EXPECT_EQ(next_message(), message_bytes({item_bytes(901, pattern(4000))}));
-    EXPECT_EQ(next_message(), message_bytes({item_bytes(901, pattern(4000))}));
+    std::thread sending([] { EXPECT_EQ(batch(901, distinct_bytes(4000)), 0U); });
+    EXPECT_EQ(next_message(), message_bytes({item_bytes(900, distinct_bytes(5000))}));
+    EXPECT_EQ(next_message(), message_bytes({item_bytes(901, distinct_bytes(4000))}));
+    EXPECT_EQ(next_message(), message_bytes({item_bytes(901, distinct_bytes(4000))}));
     _scc_client_state_set(4);
     // Read on, so that a sender in a full socket gets there.
     std::atomic<bool> ended{false};
@@ -200,7 +201,7 @@ TEST_F(RequestChannel, OutsideTheRegisteredStateARequestThatDidNotFitIsSentUntil
     });
     EXPECT_TRUE(test::eventually([&] {
         while (!daemon.stays_silent(side::async, 0)) {
-            EXPECT_EQ(next_message(), message_bytes({item_bytes(901, pattern(4000))}));
+            EXPECT_EQ(next_message(), message_bytes({item_bytes(901, distinct_bytes(4000))}));
         }
         return ended.load();
     }));
@@ -210,7 +211,7 @@ TEST_F(RequestChannel, OutsideTheRegisteredStateARequestThatDidNotFitIsSentUntil
     }
     EXPECT_EQ(batch(902, {1}), 0U);
     scc::flush_waiting_batch();
-    EXPECT_EQ(next_message(), message_bytes({item_bytes(901, pattern(4000)), item_bytes(902, {1})}));
+    EXPECT_EQ(next_message(), message_bytes({item_bytes(901, distinct_bytes(4000)), item_bytes(902, {1})}));
 }
 
 TEST_F(RequestChannel, ARealTimeMessageGoesOutAloneOnTheSocketOfItsFlag) {
@@ -229,9 +230,9 @@ TEST_F(RequestChannel, AFailedBatchIsDroppedAndTheCallIsZeroAllTheSame) {
     start_with_holding_handler();
     hold();
     const test::debugging on;
-    EXPECT_EQ(batch(900, pattern(4088)), 0U);
+    EXPECT_EQ(batch(900, distinct_bytes(4088)), 0U);
     daemon.close_both();
-    EXPECT_EQ(batch(901, pattern(4088)), 0U);
+    EXPECT_EQ(batch(901, distinct_bytes(4088)), 0U);
     EXPECT_TRUE(test::logged("(app id:7, pid:" + test::own_pid() + ")send async message error(rv:32)!"));
     EXPECT_TRUE(test::logged("!!!!_scc_lib_msg_send_rt rv :32 !!!!."));
     release();

@@ -76,6 +76,12 @@ struct attempt_row {
     call which;
     int nth;
     int error;
+
+    friend void PrintTo(const attempt_row& row, std::ostream* out) {
+        const char* const names[] = {"socket", "bind", "connect", "setsockopt"};
+        *out << names[static_cast<int>(row.which) - static_cast<int>(call::socket)] << row.nth << "error"
+             << row.error;
+    }
 };
 
 class AttemptFaults : public ConnectionFaults, public ::testing::WithParamInterface<attempt_row> {};
