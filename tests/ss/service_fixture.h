@@ -87,14 +87,14 @@ int on_arguments(Arguments... arguments) {
     return script().returns;
 }
 
-// Every list that the tests send has 24 bytes.
+// A list that the tests send has 24 bytes, unless it has no entries.
 inline int on_user_list(std::uint32_t ifx, std::uint32_t app, std::uint32_t count, const void* users) {
-    handler_calls().push({21, wire().u32(ifx).u32(app).u32(count).raw(users, 24)});
+    handler_calls().push({21, wire().u32(ifx).u32(app).u32(count).raw(users, count == 0 ? 0 : 24)});
     return script().returns;
 }
 
 inline int on_port_list(std::uint32_t count, const void* ports) {
-    handler_calls().push({22, wire().u32(count).raw(ports, 24)});
+    handler_calls().push({22, wire().u32(count).raw(ports, count == 0 ? 0 : 24)});
     return script().returns;
 }
 
