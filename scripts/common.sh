@@ -4,6 +4,7 @@
 # A build directory of another checkout may have compiled the same file already.
 export CCACHE_NOHASHDIR=true
 export CCACHE_BASEDIR=$PWD
+export CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
 export CMAKE_COLOR_DIAGNOSTICS=OFF
 
 jobs=$(nproc)

@@ -54,6 +54,7 @@ test::event_queue<int>& ended() {
 
 TEST_F(SendChecker, ASecondOneEndsAtOnce) {
     start();
+    ASSERT_TRUE(test::eventually([] { return g_send_buf_chk_enabled.load() == 1U; }));
     EXPECT_EQ(scc::start_thread(
                   [](void*) -> void* {
                       void* result = _scc_lib_send_buf_chk_thread(nullptr);

@@ -139,7 +139,10 @@ class without_daemon : public testing::Test {
         std::string pattern = "/tmp/sccctl_test_XXXXXX";
         directory_ = mkdtemp(pattern.data());
     }
-    ~without_daemon() override { std::filesystem::remove_all(directory_); }
+    ~without_daemon() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(directory_, ignored);
+    }
 
     [[nodiscard]] finished run(const std::vector<std::string>& arguments,
                                const std::string& input = "") const {

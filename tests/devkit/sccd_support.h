@@ -228,7 +228,9 @@ class DaemonProcess {
             wait_for_end();
         }
         if (output_ >= 0) ::close(output_);
-        std::filesystem::remove_all(directory_);
+        // Socket files may vanish meanwhile: their owners remove them, too.
+        std::error_code ignored;
+        std::filesystem::remove_all(directory_, ignored);
         ::unsetenv("TMPDIR");
     }
     DaemonProcess(const DaemonProcess&) = delete;
