@@ -45,7 +45,15 @@ for stage in "${stages[@]}"; do
     start=$SECONDS
     # A stage whose script is not there is a mistake in this list, not a success.
     declare -F "stage_$stage" >/dev/null || { echo "unknown stage $stage" >&2; exit 2; }
-    if ! ( set -e; "stage_$stage" ); then
+    # Not as a condition: bash would then go on behind a failed command of the stage.
+    set +e
+    (
+        set -e
+        "stage_$stage"
+    )
+    status=$?
+    set -e
+    if [ "$status" -ne 0 ]; then
         echo "check $stage: FAILED after $((SECONDS - start)) s" >&2
         exit 1
     fi
