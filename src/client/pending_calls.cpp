@@ -90,7 +90,6 @@ bool save_in_spare(u32 call_id, u32 kind, const void* data, i32 len) {
 
 extern "C" {
 
-
 u32 _scc_lib_call_id_get() {
     return g_scc_client_cb.last_call_id.fetch_add(1, relaxed) + 1;
 }
