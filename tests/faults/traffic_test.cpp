@@ -164,6 +164,7 @@ TEST_F(TrafficFaults, ABodyThatCannotBeReadBringsANewConnection) {
     start();
     for (const int error : test::reset_errors) {
         const test::debugging on;
+        test::limit_transfer(8);  // the header is one read
         test::fail_call(call::recv, 2, error);
         daemon.send_result(1, 7);
         EXPECT_TRUE(test::wait_for_log("recv msg body error! errno:" + std::to_string(error) + "."));
