@@ -73,7 +73,7 @@ void add_table(std::string& text, const json& rows, std::size_t depth) {
     for (const auto& line : lines)
         for (std::size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], line[i].size());
     for (const auto& line : lines) {
-        text += "\n" + std::string(2 * depth, ' ');
+        text.append(1, '\n').append(2 * depth, ' ');
         for (std::size_t i = 0; i + 1 < line.size(); ++i) text += fmt::format("{:<{}}  ", line[i], widths[i]);
         text += line.back();
     }
@@ -87,7 +87,7 @@ void indent(std::string& text, const json& value, std::size_t depth) {
         if (field.is_structured() && !field.empty())
             indent(text, field, depth + 1);
         else
-            text += " " + cell(field);
+            text.append(1, ' ').append(cell(field));
     }
 }
 
