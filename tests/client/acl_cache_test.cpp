@@ -378,6 +378,19 @@ TEST_F(Resequence, ALargeStartLeavesTheListUnsortedAndLaterCallsWalkItInOrder) {
     EXPECT_EQ(scc::find_ace(*acl, 0x7FFFFFFC), nullptr);
 }
 
+TEST_F(Resequence, InALongUnsortedListANewAceStillStandsInFrontOfTheFirstThatIsGreater) {
+    numbers expected = renumbered({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, 0x40000000, 0x40000001);
+    EXPECT_EQ(expected, (numbers{0x40000000, 0x80000001, 0xC0000002, 0x00000003, 0x40000004, 0x80000005,
+                                 0xC0000006, 0x00000007, 0x40000008, 0x80000009}));
+    add_aces(key, {{0x50000000, 11}});
+    expected.insert(expected.begin() + 1, 0x50000000);
+    EXPECT_EQ(look(key).sns, expected);
+    const scc_ace_record target = ace_of(0x00000007, 8);
+    _scc_lib_ace_del(&key, &target);
+    expected.erase(std::find(expected.begin(), expected.end(), 0x00000007U));
+    EXPECT_EQ(look(key).sns, expected);
+}
+
 TEST_F(Resequence, AZeroBehindOtherNumbersIsRenumberedLikeAny) {
     // The third number wraps to 0.
     EXPECT_EQ(renumbered({1, 2, 3}, 0x7FFFFFFE, 0x40000001), (numbers{0x7FFFFFFE, 0xBFFFFFFF, 0}));
