@@ -11,6 +11,8 @@ using test::patterned;
 using test::record_bytes;
 using test::request_row;
 using test::side;
+using test::texts;
+using test::texts_of;
 using test::wire;
 
 namespace {
@@ -120,14 +122,6 @@ EVERY_REQUEST_OF(ApplyRequest, apply_rows());
 
 // ---- refusals ------------------------------------------------------------------------------------
 
-using texts = std::vector<std::string>;
-
-texts texts_of(const std::function<void()>& act) {
-    const test::debugging on;
-    act();
-    return test::log_texts();
-}
-
 struct bad_key {
     scc_acl_key key;
     const char* text;
@@ -167,48 +161,71 @@ std::vector<std::function<std::uint32_t(const scc_acl_key*)>> calls_with_a_key()
     };
 }
 
-void expect_every_refusal() {
+void expect_key_refusals() {
     for (const auto& call : calls_with_a_key()) {
         EXPECT_EQ(texts_of([&] { EXPECT_EQ(call(nullptr), 22U); }), texts{"scclib param invalid."});
-        for (bad_key row : bad_keys) {
-            EXPECT_EQ(texts_of([&] { EXPECT_EQ(call(&row.key), 22U); }), texts{row.text});
-        }
-    }
-    for (const auto function : {scc_acl_apply, scc_acl_unapply}) {
-        EXPECT_EQ(texts_of([&] { EXPECT_EQ(function(nullptr, nullptr), 22U); }),
-                  texts{"scclib param invalid."});
         for (const bad_key& row : bad_keys) {
-            scc_acl_apply_record record = application(0);
-            record.key = row.key;
-            EXPECT_EQ(texts_of([&] { EXPECT_EQ(function(&record, nullptr), 22U); }), texts{row.text});
-            EXPECT_EQ(record.apply_type, 0U);
-        }
-        const std::pair<std::uint32_t, const char*> types[] = {
-            {59, "apply type(59) is invalid"},
-            {0x7FFFFFFF, "apply type(2147483647) is invalid"},
-            {0xFFFFFFFF, "apply type(-1) is invalid"}};
-        for (const auto& [type, text] : types) {
-            scc_acl_apply_record record = application(type);
-            EXPECT_EQ(texts_of([&] { EXPECT_EQ(function(&record, nullptr), 22U); }), texts{text});
-            EXPECT_EQ(record.apply_type, type);
+            scc_acl_key wrong = row.key;
+            EXPECT_EQ(texts_of([&] { EXPECT_EQ(call(&wrong), 22U); }), texts{row.text});
+            EXPECT_EQ(record_bytes(wrong), record_bytes(row.key));
         }
     }
-    for (const auto function : {scc_acl_add_ace, scc_acl_delete_ace}) {
-        EXPECT_EQ(texts_of([&] { EXPECT_EQ(function(&key, nullptr, nullptr), 22U); }),
-                  texts{"scclib param ace invalid."});
+}
+
+struct bad_apply_type {
+    std::uint32_t type;
+    const char* text;
+};
+
+constexpr bad_apply_type bad_apply_types[] = {
+    {59, "apply type(59) is invalid"},
+    {0x7FFFFFFF, "apply type(2147483647) is invalid"},
+    {0xFFFFFFFF, "apply type(-1) is invalid"},
+};
+
+void expect_apply_refusals(std::uint32_t (*function)(scc_acl_apply_record*, std::uint32_t*)) {
+    EXPECT_EQ(texts_of([&] { EXPECT_EQ(function(nullptr, nullptr), 22U); }), texts{"scclib param invalid."});
+    for (const bad_key& row : bad_keys) {
+        scc_acl_apply_record record = application(0);
+        record.key = row.key;
+        EXPECT_EQ(texts_of([&] { EXPECT_EQ(function(&record, nullptr), 22U); }), texts{row.text});
+        EXPECT_EQ(record.apply_type, 0U);
     }
-    EXPECT_EQ(texts_of([&] { EXPECT_EQ(scc_acl_get_ace(&key, nullptr), 22U); }),
-              texts{"scclib param ace_list invalid."});
-    EXPECT_EQ(texts_of([&] { EXPECT_EQ(scc_acl_get_ace_by_sn(&key, 1, nullptr), 22U); }),
+    for (const bad_apply_type& row : bad_apply_types) {
+        scc_acl_apply_record record = application(row.type);
+        EXPECT_EQ(texts_of([&] { EXPECT_EQ(function(&record, nullptr), 22U); }), texts{row.text});
+        EXPECT_EQ(record.apply_type, row.type);
+    }
+}
+
+struct bad_numbers {
+    std::uint32_t first;
+    std::uint32_t step;
+    const char* text;
+};
+
+constexpr bad_numbers bad_sequences[] = {
+    {0, 1, "scclib param invalid. sn_start:0, sn_inc:1."},
+    {1, 0, "scclib param invalid. sn_start:1, sn_inc:0."},
+    {0x80000000, 1, "scclib param invalid. sn_start:-2147483648, sn_inc:1."},
+    {1, 0xFFFFFFFF, "scclib param invalid. sn_start:1, sn_inc:-1."},
+};
+
+void expect_every_refusal() {
+    expect_key_refusals();
+    expect_apply_refusals(scc_acl_apply);
+    expect_apply_refusals(scc_acl_unapply);
+    EXPECT_EQ(texts_of([] { EXPECT_EQ(scc_acl_add_ace(&key, nullptr, nullptr), 22U); }),
               texts{"scclib param ace invalid."});
-    const std::tuple<std::uint32_t, std::uint32_t, const char*> numbers[] = {
-        {0, 1, "scclib param invalid. sn_start:0, sn_inc:1."},
-        {1, 0, "scclib param invalid. sn_start:1, sn_inc:0."},
-        {0x80000000, 1, "scclib param invalid. sn_start:-2147483648, sn_inc:1."},
-        {1, 0xFFFFFFFF, "scclib param invalid. sn_start:1, sn_inc:-1."}};
-    for (const auto& [start, increment, text] : numbers) {
-        EXPECT_EQ(texts_of([&] { EXPECT_EQ(scc_acl_reseqence(&key, start, increment, nullptr), 22U); }),
-                  texts{text});
+    EXPECT_EQ(texts_of([] { EXPECT_EQ(scc_acl_delete_ace(&key, nullptr, nullptr), 22U); }),
+              texts{"scclib param ace invalid."});
+    EXPECT_EQ(texts_of([] { EXPECT_EQ(scc_acl_get_ace(&key, nullptr), 22U); }),
+              texts{"scclib param ace_list invalid."});
+    EXPECT_EQ(texts_of([] { EXPECT_EQ(scc_acl_get_ace_by_sn(&key, 1, nullptr), 22U); }),
+              texts{"scclib param ace invalid."});
+    for (const bad_numbers& row : bad_sequences) {
+        EXPECT_EQ(texts_of([&] { EXPECT_EQ(scc_acl_reseqence(&key, row.first, row.step, nullptr), 22U); }),
+                  texts{row.text});
     }
     EXPECT_EQ(g_scc_client_cb.last_call_id.load(), 0U);
     test::expect_counted(test::counted_nowhere, {});

@@ -8,6 +8,8 @@ using test::patterned;
 using test::record_bytes;
 using test::request_row;
 using test::side;
+using test::texts;
+using test::texts_of;
 using test::wire;
 
 namespace {
@@ -258,14 +260,6 @@ TEST_F(ConfigRequest, SendsNothingForWrongArguments) {
     EXPECT_EQ(scc::pending_calls(), 0U);
     expect_nothing_was_sent();
 }
-
-std::vector<std::string> texts_of(const std::function<void()>& act) {
-    const test::debugging on;
-    act();
-    return test::log_texts();
-}
-
-using texts = std::vector<std::string>;
 
 TEST_F(ConfigRequest, LogsWhatIsWrongWithItsArguments) {
     for (const record_member& member : record_members) {

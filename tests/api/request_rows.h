@@ -61,6 +61,15 @@ inline bytes without_text_remains(bytes value, std::size_t name_at) {
     return value;
 }
 
+using texts = std::vector<std::string>;
+
+// What is logged meanwhile.
+inline texts texts_of(const std::function<void()>& act) {
+    const debugging on;
+    act();
+    return log_texts();
+}
+
 class recording_client : public registered_client {
   protected:
     void start(std::uint8_t option = 0) {

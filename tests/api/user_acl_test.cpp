@@ -8,6 +8,8 @@ using test::query_row;
 using test::record_bytes;
 using test::request_row;
 using test::side;
+using test::texts;
+using test::texts_of;
 using test::wire;
 
 namespace {
@@ -126,14 +128,6 @@ std::vector<query_row> counter_rows() {
 EVERY_QUERY_OF(CounterQuery, counter_rows());
 
 // ---- refusals ------------------------------------------------------------------------------------
-
-using texts = std::vector<std::string>;
-
-texts texts_of(const std::function<void()>& act) {
-    const test::debugging on;
-    act();
-    return test::log_texts();
-}
 
 struct bad_key {
     scc_acl_key key;
