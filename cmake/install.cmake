@@ -1,18 +1,27 @@
 # What is installed: the library for authors of applications; the devkit as a component of its own.
+add_custom_target(installed DEPENDS scclib scclib_static)
 install(TARGETS scclib EXPORT scclibTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime
         NAMELINK_COMPONENT development)
 install(TARGETS scclib_static EXPORT scclibTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 install(FILES ${PROJECT_SOURCE_DIR}/include/scclib.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 
 if(NOT SCC_PLATFORM_DIR)
+  add_dependencies(installed qx_syslog qx_thread)
   install(TARGETS qx_syslog qx_thread EXPORT scclibTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
           COMPONENT workstation)
   install(FILES ${PROJECT_SOURCE_DIR}/platform/qx_syslog/qx_syslog.h ${PROJECT_SOURCE_DIR}/platform/qx_thread/qx_thread.h
           DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT workstation)
 endif()
 
-configure_file(${PROJECT_SOURCE_DIR}/cmake/scclib.pc.in ${PROJECT_BINARY_DIR}/scclib.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/scclib.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+# Written while installing, since the prefix may be chosen as late as that.
+install(CODE "
+  set(CMAKE_INSTALL_LIBDIR \"${CMAKE_INSTALL_LIBDIR}\")
+  set(CMAKE_INSTALL_INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
+  set(PROJECT_VERSION \"${PROJECT_VERSION}\")
+  set(pc_file \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig/scclib.pc\")
+  configure_file(\"${PROJECT_SOURCE_DIR}/cmake/scclib.pc.in\" \"\$ENV{DESTDIR}\${pc_file}\" @ONLY)
+  list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${pc_file}\")
+" COMPONENT development)
 
 install(EXPORT scclibTargets NAMESPACE scclib:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/scclib COMPONENT development)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/scclibConfig.cmake.in ${PROJECT_BINARY_DIR}/scclibConfig.cmake
@@ -35,6 +44,7 @@ if(Python3_FOUND)
             ${PROJECT_SOURCE_DIR}/src/scclib.map
     VERBATIM)
   add_custom_target(man_pages ALL DEPENDS ${man_stamp})
+  add_dependencies(installed man_pages)
   install(DIRECTORY ${PROJECT_BINARY_DIR}/man/man3 ${PROJECT_BINARY_DIR}/man/man7
           DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
 endif()
@@ -42,6 +52,7 @@ endif()
 # The devkit: every program that this configuration builds, with its page and its completion.
 foreach(program sccd-dev scc-ss-dev sccctl sccd-top)
   if(TARGET ${program})
+    add_dependencies(installed ${program})
     install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT devkit)
     install(FILES ${PROJECT_SOURCE_DIR}/docs/man/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
             COMPONENT devkit OPTIONAL)
