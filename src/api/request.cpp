@@ -26,6 +26,10 @@ u32 request::save(std::span<const u8> saved) {
 }
 
 u32 request::send(std::span<const u8> payload) {
+    // The connection ended behind the state test, and its calls were dropped: so is this one.
+    if (epoch_of_this_thread() != connection_epoch()) {
+        _scc_lib_del_call_data(call_id_);
+    }
     const u32 error = _scc_lib_msg_send(row_.type, payload.data(), static_cast<int>(payload.size()), 0);
     if (error != result::ok) {
         _scc_lib_del_call_data(call_id_);

@@ -1,5 +1,7 @@
 // The library's read-write locks, each always taken for writing, and their scoped guard.
-// scc_lib_lock is taken first; no other two are held together.
+// scc_lib_lock is taken first. Behind it one of the others at a time, with two exceptions: an oversized
+// value is sent under scc_send_buf_lock, and its failure drops the pending calls and the cache; and the
+// mutex of descriptors.cpp is held while the data of a broken connection is dropped.
 #pragma once
 
 #include <pthread.h>
@@ -15,7 +17,10 @@ namespace scc {
 
 class write_guard {
   public:
-    explicit write_guard(pthread_rwlock_t& lock) : lock_(&lock) { pthread_rwlock_wrlock(lock_); }
+    // A thread that holds the lock already (a handler that the library calls under it, and that calls the
+    // library) goes on under its own hold, and does not give it back early.
+    explicit write_guard(pthread_rwlock_t& lock)
+        : lock_(pthread_rwlock_wrlock(&lock) == 0 ? &lock : nullptr) {}
     ~write_guard() { release(); }
     write_guard(const write_guard&) = delete;
     write_guard& operator=(const write_guard&) = delete;
