@@ -69,6 +69,17 @@ bool is_long_enough(const item_row& row, const item& received) {
     }
 }
 
+void process(const item& received) {
+    const auto* row = std::ranges::lower_bound(item_table, received.type, {}, &item_row::type);
+    if (row == item_table.end() || row->type != received.type) {
+        SCC_LOG("unknown scclib msg type(%d).", received.type);
+    } else if (!is_long_enough(*row, received)) {
+        SCC_LOG("scclib msg type(%d) too short. len:%zu.", received.type, received.value.size());
+    } else {
+        row->process(received.value.data());
+    }
+}
+
 }  // namespace
 }  // namespace scc
 
@@ -80,14 +91,14 @@ extern "C" void _scc_lib_async_msg_proc(u32 count, const void* first) {
     }
     item_reader reader(items, first);
     item received;
+    result_run results;
     while (reader.next(received)) {
-        const auto* row = std::ranges::lower_bound(item_table, received.type, {}, &item_row::type);
-        if (row == item_table.end() || row->type != received.type) {
-            SCC_LOG("unknown scclib msg type(%d).", received.type);
-        } else if (!is_long_enough(*row, received)) {
-            SCC_LOG("scclib msg type(%d) too short. len:%zu.", received.type, received.value.size());
-        } else {
-            row->process(received.value.data());
+        if (received.type == msg::call_ret && received.value.size() >= result_bytes) {
+            results.add(received.value.data());
+            continue;
         }
+        results.deliver();
+        process(received);
     }
+    results.deliver();
 }

@@ -117,8 +117,10 @@ void _scc_lib_del_call_data(u32 call_id) {
 
 namespace scc {
 
-pending_call* take_pending_call(u32 call_id) {
-    const write_guard guard(scc_call_data_lock);
+namespace {
+
+// scc_call_data_lock held.
+pending_call* unlink_call(u32 call_id) {
     list_node* node = g_scc_lib_call_lst.find(call_id, [call_id](const list_node* candidate) {
         return reinterpret_cast<const pending_call*>(candidate)->call_id == call_id;
     });
@@ -128,21 +130,63 @@ pending_call* take_pending_call(u32 call_id) {
     return reinterpret_cast<pending_call*>(node);
 }
 
+// Keeps the block for the next request of its size; false when it is to be freed. scc_call_data_lock held.
+bool keep_block(pending_call* call) {
+    const i32 data_bytes = call->data_bytes > 0 ? call->data_bytes : 0;
+    if (g_spare.count == 0) {
+        g_spare.data_bytes = data_bytes;
+    }
+    if (g_spare.data_bytes != data_bytes || g_spare.count == spare_blocks_max) {
+        return false;
+    }
+    call->link.next = reinterpret_cast<list_node*>(g_spare.first);
+    g_spare.first = call;
+    ++g_spare.count;
+    g_spare.used_since_check = true;
+    return true;
+}
+
+}  // namespace
+
+pending_call* take_pending_call(u32 call_id) {
+    const write_guard guard(scc_call_data_lock);
+    return unlink_call(call_id);
+}
+
+void take_pending_calls(std::span<const u32> ids, std::span<pending_call*> calls) {
+    const write_guard guard(scc_call_data_lock);
+    // A million calls lie all over the memory: their cache misses overlap this way.
+    for (const u32 id : ids) {
+        g_scc_lib_call_lst.prefetch_bucket(id);
+    }
+    for (const u32 id : ids) {
+        g_scc_lib_call_lst.prefetch_first(id);
+    }
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        calls[i] = unlink_call(ids[i]);
+    }
+}
+
 void release_pending_call(pending_call* call) {
+    release_pending_calls({&call, 1});
+}
+
+void release_pending_calls(std::span<pending_call* const> calls) {
+    pending_call* surplus = nullptr;
     {
         const write_guard guard(scc_call_data_lock);
-        if (g_spare.count == 0) {
-            g_spare.data_bytes = call->data_bytes > 0 ? call->data_bytes : 0;
-        }
-        if (g_spare.data_bytes == call->data_bytes && g_spare.count < spare_blocks_max) {
-            call->link.next = reinterpret_cast<list_node*>(g_spare.first);
-            g_spare.first = call;
-            ++g_spare.count;
-            g_spare.used_since_check = true;
-            return;
+        for (pending_call* call : calls) {
+            if (call != nullptr && !keep_block(call)) {
+                call->link.next = reinterpret_cast<list_node*>(surplus);
+                surplus = call;
+            }
         }
     }
-    std::free(call);
+    while (surplus != nullptr) {
+        pending_call* next = reinterpret_cast<pending_call*>(surplus->link.next);
+        std::free(surplus);
+        surplus = next;
+    }
 }
 
 std::size_t pending_calls() {

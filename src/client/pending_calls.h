@@ -29,6 +29,10 @@ static_assert(sizeof(pending_call) == pending_call::head_bytes);
 // release_pending_call.
 [[nodiscard]] pending_call* take_pending_call(u32 call_id);
 void release_pending_call(pending_call* call);
+// The same for many, in order, each under one lock; ids and calls are of one length.
+void take_pending_calls(std::span<const u32> ids, std::span<pending_call*> calls);
+// Null entries are skipped.
+void release_pending_calls(std::span<pending_call* const> calls);
 [[nodiscard]] std::size_t pending_calls();
 void free_pending_calls();
 void init_pending_calls();

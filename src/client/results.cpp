@@ -6,6 +6,7 @@
 
 #include "client/acl_cache.h"
 #include "client/delivery.h"
+#include "client/descriptors.h"
 #include "client/diagnostics.h"
 #include "client/kinds.h"
 #include "client/log.h"
@@ -146,20 +147,47 @@ void deliver_result(u32 result, const pending_call& call) {
     row.deliver(result, call.call_id, saved);
 }
 
+// The handler first, then the cache.
+void complete(const pending_call& call, u32 result) {
+    deliver_result(result, call);
+    if (result == 0 && g_scc_client_cb.option.load(relaxed) != 0) {
+        _scc_lib_acl_update(&call);
+    }
+}
+
 }  // namespace
+
+void result_run::add(const u8* value) {
+    call_ids_[count_] = load<u32>(value, 0);
+    results_[count_] = load<u32>(value, 4);
+    if (++count_ == longest) {
+        deliver();
+    }
+}
+
+void result_run::deliver() {
+    if (count_ == 0) {
+        return;
+    }
+    std::array<pending_call*, longest> calls;
+    const std::span run(calls.data(), count_);
+    take_pending_calls({call_ids_.data(), count_}, run);
+    const u32 epoch = connection_epoch();
+    for (std::size_t i = 0; i < count_ && epoch == connection_epoch(); ++i) {
+        if (calls[i] == nullptr) {
+            SCC_LOG("no such call id:%d in scc lib", call_ids_[i]);
+        } else {
+            complete(*calls[i], results_[i]);
+        }
+    }
+    release_pending_calls(run);
+    count_ = 0;
+}
+
 }  // namespace scc
 
 extern "C" void _scc_lib_call_ret_proc(const void* value) {
-    const u32 call_id = load<u32>(value, 0);
-    const u32 result = load<u32>(value, 4);
-    pending_call* call = take_pending_call(call_id);
-    if (call == nullptr) {
-        SCC_LOG("no such call id:%d in scc lib", call_id);
-        return;
-    }
-    deliver_result(result, *call);
-    if (result == 0 && g_scc_client_cb.option.load(relaxed) != 0) {
-        _scc_lib_acl_update(call);
-    }
-    release_pending_call(call);
+    result_run run;
+    run.add(static_cast<const u8*>(value));
+    run.deliver();
 }

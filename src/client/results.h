@@ -1,4 +1,31 @@
 // Results of asynchronous requests: item 401 to the handler of the request's kind.
 #pragma once
 
+#include <array>
+#include <cstddef>
+
+#include "msg/bytes.h"
+
 extern "C" void _scc_lib_call_ret_proc(const void* value);
+
+namespace scc {
+
+inline constexpr std::size_t result_bytes = 8;
+
+// Results that stand together in a message, delivered in their order: their calls are found and given back
+// under one lock each.
+class result_run {
+  public:
+    // Takes a result's value; delivers when that many have come.
+    void add(const u8* value);
+    // Delivers what has been added. What is left when a handler ends the connection is dropped with it.
+    void deliver();
+
+  private:
+    static constexpr std::size_t longest = 32;
+    std::array<u32, longest> call_ids_;
+    std::array<u32, longest> results_;
+    std::size_t count_ = 0;
+};
+
+}  // namespace scc
