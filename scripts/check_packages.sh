@@ -47,7 +47,7 @@ for package in "$work"/debs/*.deb; do dpkg-deb --extract "$package" "$root"; don
 version=$(field libscclib1 Version)
 
 expect libscclib1 usr/lib/libscclib.so.1 "usr/lib/libscclib.so.$version"
-cmake_files=(Config ConfigVersion Targets Targets-release)
+cmake_files=(Config.cmake ConfigVersion.cmake Targets.cmake Targets-release.cmake)
 expect scclib-dev usr/include/scclib.h usr/lib/libscclib.a usr/lib/libscclib.so usr/lib/pkgconfig/scclib.pc \
     "${cmake_files[@]/#/usr/lib/cmake/scclib/scclib}" usr/share/man/man7/scclib.7.gz \
     usr/share/man/man7/scclib-handlers.7.gz
