@@ -23,6 +23,7 @@ stage_binary() { scripts/check_binary.sh build/release/src/libscclib.so; }
 stage_abi() { scripts/check_abi.sh build/release/src/libscclib.so; }
 stage_man() { scripts/check_man_pages.sh; }
 stage_install() { scripts/check_install.sh build/release; }
+stage_packages() { scripts/check_packages.sh; }
 stage_complete() { scripts/check_complete.sh; }
 stage_tidy() {
     build debug
@@ -40,7 +41,7 @@ stage_tsan() {
 stage_fuzz() { scripts/fuzz.sh 5; }
 
 stages=("$@")
-[ ${#stages[@]} -gt 0 ] || stages=(scripts format gcc clang header binary abi man install complete tidy asan tsan fuzz)
+[ ${#stages[@]} -gt 0 ] || stages=(scripts format gcc clang header binary abi man install packages complete tidy asan tsan fuzz)
 for stage in "${stages[@]}"; do
     start=$SECONDS
     # A stage whose script is not there is a mistake in this list, not a success.

@@ -74,7 +74,7 @@ pack() {
     echo "$output/$1_${version}_$architecture.deb"
 }
 
-build release installed
+build release installed >&2
 stage libscclib1 runtime
 stage scclib-dev development
 stage scclib-devkit devkit

@@ -1,0 +1,112 @@
+#!/usr/bin/env bash
+# The Debian packages: what they hold, what they depend on, and that programs can be built against them.
+# They are unpacked into one empty directory, so neither root nor a chroot is needed.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+work=$(mktemp -d "${TMPDIR:-/tmp}/scclib-packages-XXXXXX")
+trap 'rm -rf "$work"' EXIT
+root=$work/root
+
+fail() {
+    echo "check_packages: $1" >&2
+    exit 1
+}
+
+field() { dpkg-deb --field "$work/debs/$1"_*.deb "$2"; }
+
+# files_of PACKAGE: its files without directories, man pages of functions and the copyright file.
+files_of() {
+    dpkg-deb --contents "$work/debs/$1"_*.deb | awk '!/^d/ {print $6}' | sed 's#^\./##' |
+        grep -vE '/man3/|/share/doc/' | LC_ALL=C sort
+}
+
+# expect PACKAGE FILES...: exactly these.
+expect() {
+    local package=$1
+    shift
+    diff <(printf '%s\n' "$@" | LC_ALL=C sort) <(files_of "$package") >&2 || fail "$package holds other files"
+    [ -s "$root/usr/share/doc/$package/copyright" ] || fail "$package has no copyright file"
+}
+
+# depends PACKAGE WORDS...: each is among its dependencies.
+depends() {
+    local package=$1 text
+    shift
+    text=$(field "$package" Depends)
+    for word in "$@"; do
+        [[ ", $text" == *", $word"* ]] || fail "$package depends on \"$text\", without $word"
+    done
+}
+
+scripts/package.sh "$work/debs" >"$work/log" 2>&1 || {
+    cat "$work/log" >&2
+    fail "the packages cannot be made"
+}
+mkdir "$root"
+for package in "$work"/debs/*.deb; do dpkg-deb --extract "$package" "$root"; done
+version=$(field libscclib1 Version)
+
+expect libscclib1 usr/lib/libscclib.so.1 "usr/lib/libscclib.so.$version"
+cmake_files=(Config.cmake ConfigVersion.cmake Targets.cmake Targets-release.cmake)
+expect scclib-dev usr/include/scclib.h usr/lib/libscclib.a usr/lib/libscclib.so usr/lib/pkgconfig/scclib.pc \
+    "${cmake_files[@]/#/usr/lib/cmake/scclib/scclib}" usr/share/man/man7/scclib.7.gz \
+    usr/share/man/man7/scclib-handlers.7.gz
+expect scclib-workstation usr/lib/libqx_syslog.so usr/lib/libqx-thread.so usr/include/qx_syslog.h \
+    usr/include/qx_thread.h
+for program in sccd-dev scc-ss-dev sccctl; do
+    for file in "bin/$program" "share/man/man1/$program.1.gz"; do
+        [ -s "$root/usr/$file" ] || fail "there is no /usr/$file"
+    done
+done
+[ -s "$root/usr/share/bash-completion/completions/sccctl" ] || fail "there is no completion for sccctl"
+while read -r name; do
+    [ -s "$root/usr/share/man/man3/$name.3.gz" ] || fail "scclib-dev has no page of $name"
+done < <(sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map)
+
+depends libscclib1 libc6 "scclib-workstation (= $version) | scclib-platform"
+depends scclib-dev "libscclib1 (= $version)"
+depends scclib-devkit libc6 libstdc++6 libpcap "libscclib1 (= $version)"
+depends scclib-workstation libc6 libevent
+
+# A program of each kind, by pkg-config and by CMake.
+libdir=$root/usr/lib
+programs=(first_app)
+[ ! -f examples/event_loop_app.c ] || programs+=(event_loop_app)
+export PKG_CONFIG_SYSROOT_DIR=$root PKG_CONFIG_LIBDIR=$libdir/pkgconfig
+export PKG_CONFIG_ALLOW_SYSTEM_CFLAGS=1 PKG_CONFIG_ALLOW_SYSTEM_LIBS=1
+mkdir "$work/project"
+cat >"$work/project/CMakeLists.txt" <<'CMAKE'
+cmake_minimum_required(VERSION 3.25)
+project(packages C)
+find_package(scclib REQUIRED)
+foreach(program ${PROGRAMS})
+  add_executable(${program} ${program}.c)
+  target_link_libraries(${program} PRIVATE scclib::scclib scclib::qx_thread)
+endforeach()
+CMAKE
+for program in "${programs[@]}"; do
+    cp "examples/$program.c" "$work/project/"
+    # shellcheck disable=SC2046
+    gcc -std=c11 -D_DEFAULT_SOURCE -Wall -Werror "examples/$program.c" -o "$work/$program" \
+        $(pkg-config --cflags --libs scclib) -lqx-thread -Wl,-rpath-link,"$libdir"
+done
+build_project() {
+    cmake -S "$work/project" -B "$work/project/build" -DCMAKE_PREFIX_PATH="$root/usr" \
+        "-DPROGRAMS=$(IFS=';' && echo "${programs[*]}")" && cmake --build "$work/project/build"
+}
+build_project >"$work/log" 2>&1 || {
+    cat "$work/log" >&2
+    fail "nothing can be built by CMake against the packages"
+}
+
+for program in "${programs[@]}"; do
+    for built in "$work/$program" "$work/project/build/$program"; do
+        # Without a runtime directory it says so and ends: it runs, and the libraries are found.
+        output=$(env -u TMPDIR LD_LIBRARY_PATH="$libdir" "$built" 2>&1 || true)
+        grep -q 'cannot start: Input/output error' <<<"$output" || fail "$built printed: $output"
+    done
+done
+for program in sccd-dev scc-ss-dev sccctl; do
+    LD_LIBRARY_PATH=$libdir "$root/usr/bin/$program" --help >/dev/null || fail "$program does not run"
+done
+echo "packages: $(find "$work/debs" -name '*.deb' | wc -l)"
