@@ -23,8 +23,6 @@ namespace {
 
 using namespace scc;
 
-constexpr std::size_t result_message_bytes = 24;
-
 void send_all(int fd, const u8* bytes, std::size_t length) {
     while (length > 0) {
         const ssize_t sent = send(fd, bytes, length, MSG_NOSIGNAL);
