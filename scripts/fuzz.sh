@@ -7,7 +7,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 seconds=${1:-60}
 build fuzz message_fuzz reply_fuzz
 # A header may announce up to 4 GiB; larger pieces than this are refused, as a small switch would.
-export ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=16
+export ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=64
 work=$(mktemp -d /tmp/scclib-fuzz-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 for fuzzer in message_fuzz reply_fuzz; do
