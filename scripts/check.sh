@@ -19,11 +19,20 @@ stage_header() {
         echo '#include "scclib.h"' | "$compiler" -std=c++17 -Wall -Wextra -Wpedantic -Werror -Iinclude -x c++ -fsyntax-only -
     done
 }
-stage_binary() { scripts/check_binary.sh build/release/src/libscclib.so; }
+stage_binary() {
+    build release
+    scripts/check_binary.sh build/release/src/libscclib.so
+}
 stage_abi() { scripts/check_abi.sh build/release/src/libscclib.so; }
 stage_man() { scripts/check_man_pages.sh; }
-stage_install() { scripts/check_install.sh build/release; }
-stage_packages() { scripts/check_packages.sh; }
+stage_install() {
+    build release
+    scripts/check_install.sh build/release
+}
+stage_packages() {
+    build release
+    scripts/check_packages.sh
+}
 stage_complete() { scripts/check_complete.sh; }
 stage_tidy() {
     build debug
