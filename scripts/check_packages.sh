@@ -72,8 +72,7 @@ depends scclib-workstation libc6 libevent
 libdir=$root/usr/lib
 programs=(first_app)
 [ ! -f examples/event_loop_app.c ] || programs+=(event_loop_app)
-# The file names its prefix relative to itself, so it needs no other root.
-export PKG_CONFIG_LIBDIR=$libdir/pkgconfig
+export PKG_CONFIG_SYSROOT_DIR=$root PKG_CONFIG_LIBDIR=$libdir/pkgconfig
 export PKG_CONFIG_ALLOW_SYSTEM_CFLAGS=1 PKG_CONFIG_ALLOW_SYSTEM_LIBS=1
 mkdir "$work/project"
 cat >"$work/project/CMakeLists.txt" <<'CMAKE'
