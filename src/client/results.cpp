@@ -173,8 +173,9 @@ void result_run::deliver() {
     const std::span run(calls.data(), count_);
     take_pending_calls({call_ids_.data(), count_}, run);
     const u32 epoch = connection_epoch();
-    for (std::size_t i = 0; i < count_ && epoch == connection_epoch(); ++i) {
-        if (calls[i] == nullptr) {
+    for (std::size_t i = 0; i < count_; ++i) {
+        // A handler may end the connection: the calls behind it are gone with it.
+        if (calls[i] == nullptr || epoch != connection_epoch()) {
             SCC_LOG("no such call id:%d in scc lib", call_ids_[i]);
         } else {
             complete(*calls[i], results_[i]);

@@ -18,7 +18,7 @@ class result_run {
   public:
     // Takes a result's value; delivers when that many have come.
     void add(const u8* value);
-    // Delivers what has been added. What is left when a handler ends the connection is dropped with it.
+    // Delivers what has been added.
     void deliver();
 
   private:
