@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <numeric>
 #include <random>
 #include <vector>
@@ -97,6 +98,36 @@ BENCHMARK(add_ace)
     ->Args({10000, ascending})
     ->Args({10000, descending})
     ->Args({10000, shuffled});
+
+// Per ACE that is read back: linear when it does not change with the number of ACEs.
+void read_back(benchmark::State& state) {
+    _scc_lib_data_init();
+    g_scc_client_cb.state.store(state_registered);
+    g_scc_client_cb.option.store(1);
+    const auto count = static_cast<u32>(state.range(0));
+    scc_acl_key key{0, 3, 1, 0};
+    _scc_lib_acl_add(&key);
+    scc_ace_record ace{};
+    for (u32 sn = 1; sn <= count; ++sn) {
+        ace.sn = sn;
+        _scc_lib_ace_add(&key, &ace);
+    }
+    for (auto _ : state) {
+        scc_list_head list;
+        if (scc_acl_get_ace(&key, &list) != 0) {
+            state.SkipWithError("not read back");
+            break;
+        }
+        for (scc_list_head* at = list.next; at != &list;) {
+            scc_list_head* gone = at;
+            at = at->next;
+            std::free(gone);
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * count);
+    _scc_lib_data_free();
+}
+BENCHMARK(read_back)->Arg(2500)->Arg(5000)->Arg(10000);
 
 void id_map(benchmark::State& state) {
     empty_id_map();

@@ -135,6 +135,9 @@ u32 _scc_process_name_get(int pid, char* buf, int size) {
     if (std::fgets(buf, size, file) == nullptr) {
         buf[0] = '\0';  // a process without arguments, such as a kernel thread
     }
+    // The line runs on through the arguments behind the first one's NUL; they are nobody's business.
+    const std::size_t length = std::strlen(buf);
+    std::memset(buf + length, 0, static_cast<std::size_t>(size) - length);
     std::fclose(file);
     return result::ok;
 }
