@@ -119,10 +119,9 @@ bool end_connection(u32 epoch, u32& after) {
         return false;
     }
     cancel_pending();
-    if (!close_descriptors_of(epoch)) {
+    if (!end_connection_of(epoch, state_idle)) {
         return false;
     }
-    _scc_client_state_set(state_idle);
     after = connection_epoch();
     return true;
 }

@@ -112,7 +112,7 @@ bool remove_socket_file(const char* suffix) {
 }
 
 int close_both_locked() {
-    g_epoch.fetch_add(1, relaxed);
+    g_epoch.fetch_add(1, std::memory_order_release);
     const bool sync_closed = close_slot(channel::sync, "close sync socket failed!!!");
     const bool async_closed = close_slot(channel::async, "close async socket failed!!!");
     if (!sync_closed || !async_closed) {
@@ -128,7 +128,7 @@ int close_both_locked() {
 }  // namespace
 
 u32 connection_epoch() {
-    return g_epoch.load(relaxed);
+    return g_epoch.load(std::memory_order_acquire);
 }
 
 borrowed_descriptor::borrowed_descriptor(channel which, u32 epoch) : fd_(-1), epoch_(0) {
@@ -216,14 +216,24 @@ bool close_descriptors_of(u32 epoch) {
     return true;
 }
 
+bool end_connection_of(u32 epoch, u32 next_state) {
+    const mutex_guard guard(g_connection_mutex);
+    if (g_epoch.load(relaxed) != epoch) {
+        return false;
+    }
+    _scc_client_state_set(next_state);
+    (void)close_both_locked();
+    return true;
+}
+
 bool reset_connection(u32 generation) {
     const mutex_guard guard(g_connection_mutex);
     if (!is_current(generation)) {
         return false;
     }
     _scc_lib_data_free();
-    (void)close_both_locked();
     _scc_client_state_set(state_failed);
+    (void)close_both_locked();
     return true;
 }
 

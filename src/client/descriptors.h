@@ -57,6 +57,9 @@ void end_generation();
 [[nodiscard]] int close_descriptors();
 // The same for a connection that is named; false when it has gone already.
 bool close_descriptors_of(u32 epoch);
+// The same with the state that follows. It is set before the epoch changes: a call that reads the new
+// epoch finds the state that goes with it.
+bool end_connection_of(u32 epoch, u32 next_state);
 // For the receive thread: drops the connection's data, closes, state 5. False when its registration ended.
 [[nodiscard]] bool reset_connection(u32 generation);
 // Makes the receive thread notice that the named connection is dead; the descriptors stay its own.

@@ -53,6 +53,42 @@ void free_spare_blocks() {
     g_spare.count = 0;
 }
 
+// The lock for a moment: the two threads that share it hold it so shortly that looking again is cheaper
+// than sleeping.
+class brief_guard {
+  public:
+    brief_guard() {
+        constexpr int looks = 200;
+        for (int i = 0; i < looks; ++i) {
+            if (pthread_rwlock_trywrlock(&scc_call_data_lock) == 0) {
+                return;
+            }
+#if defined(__x86_64__) || defined(__i386__)
+            __builtin_ia32_pause();
+#endif
+        }
+        pthread_rwlock_wrlock(&scc_call_data_lock);
+    }
+    ~brief_guard() {
+        pthread_rwlock_unlock(&scc_call_data_lock);
+    }
+    brief_guard(const brief_guard&) = delete;
+    brief_guard& operator=(const brief_guard&) = delete;
+};
+
+// Fetches the block that the next request will fill; thousands of them do not stay in the cache.
+void prefetch_block(const pending_call* call, i32 data_bytes) {
+    if (call == nullptr) {
+        return;
+    }
+    constexpr std::size_t line_bytes = 64;
+    constexpr std::size_t most = 1024;
+    const std::size_t block = pending_call::head_bytes + static_cast<std::size_t>(data_bytes);
+    for (std::size_t at = 0; at < block && at < most; at += line_bytes) {
+        __builtin_prefetch(reinterpret_cast<const u8*>(call) + at, 1);
+    }
+}
+
 // scc_call_data_lock held.
 pending_call* take_spare(i32 data_bytes) {
     pending_call* block = g_spare.data_bytes == data_bytes ? g_spare.first : nullptr;
@@ -60,6 +96,7 @@ pending_call* take_spare(i32 data_bytes) {
         g_spare.first = reinterpret_cast<pending_call*>(block->link.next);
         --g_spare.count;
         g_spare.used_since_check = true;
+        prefetch_block(g_spare.first, data_bytes);
     }
     return block;
 }
@@ -75,7 +112,7 @@ void fill(pending_call& call, u32 call_id, u32 kind, const void* data, i32 len) 
 
 // Saves into a kept block; false when there is none of this size.
 bool save_in_spare(u32 call_id, u32 kind, const void* data, i32 len) {
-    const write_guard guard(scc_call_data_lock);
+    const brief_guard guard;
     pending_call* call = take_spare(len > 0 ? len : 0);
     if (call == nullptr) {
         return false;
@@ -105,7 +142,7 @@ u32 _scc_lib_save_call_data(u32 call_id, u32 kind, const void* data, int len) {
         return result::no_memory;
     }
     fill(*call, call_id, kind, data, len);
-    const write_guard guard(scc_call_data_lock);
+    const brief_guard guard;
     g_scc_lib_call_lst.insert(&call->link);
     return result::ok;
 }
@@ -149,12 +186,12 @@ bool keep_block(pending_call* call) {
 }  // namespace
 
 pending_call* take_pending_call(u32 call_id) {
-    const write_guard guard(scc_call_data_lock);
+    const brief_guard guard;
     return unlink_call(call_id);
 }
 
 void take_pending_calls(std::span<const u32> ids, std::span<pending_call*> calls) {
-    const write_guard guard(scc_call_data_lock);
+    const brief_guard guard;
     // A million calls lie all over the memory: their cache misses overlap this way.
     for (const u32 id : ids) {
         g_scc_lib_call_lst.prefetch_bucket(id);
@@ -174,7 +211,7 @@ void release_pending_call(pending_call* call) {
 void release_pending_calls(std::span<pending_call* const> calls) {
     pending_call* surplus = nullptr;
     {
-        const write_guard guard(scc_call_data_lock);
+        const brief_guard guard;
         for (pending_call* call : calls) {
             if (call != nullptr && !keep_block(call)) {
                 call->link.next = reinterpret_cast<list_node*>(surplus);

@@ -209,7 +209,8 @@ TEST(ManyClients, HostsSurviveADaemonThatDiesInTheMiddleOfTheirBursts) {
     const auto clients = start_clients(4, true);
     {
         const open_house first(directory.runtime());
-        EXPECT_TRUE(wait_until([&] { return first.requests() > 2000; }));
+        // Everybody has to be there when it dies: a client counts its registrations.
+        EXPECT_TRUE(wait_until([&] { return first.registrations() == 8 && first.requests() > 2000; }));
     }
     const open_house second(directory.runtime());
     expect_clean_ends(clients);
