@@ -36,5 +36,6 @@ run_tests() {
     fi
     grep -vE '^Test project|Start +[0-9]+:|Passed +[0-9]' "build/$preset/test.log" | tail -n 400
     echo "Some cases failed; each is run once more by itself."
-    ctest --test-dir "build/$preset" --output-on-failure --rerun-failed --parallel 1
+    ctest --test-dir "build/$preset" --output-on-failure --rerun-failed --parallel 1 2>&1 |
+        tee -a "build/$preset/test.log"
 }

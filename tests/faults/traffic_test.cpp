@@ -164,9 +164,11 @@ TEST_F(TrafficFaults, ABodyThatCannotBeReadBringsANewConnection) {
     start();
     for (const int error : test::reset_errors) {
         const test::debugging on;
-        test::limit_transfer(8);  // the header is one read
+        const test::bytes result = test::message_bytes({test::item_bytes(401, test::wire().u32(1).u32(7))});
         test::fail_call(call::recv, 2, error);
-        daemon.send_result(1, 7);
+        daemon.send(side::async, test::slice(result, 0, 8));  // the header is one read
+        EXPECT_TRUE(test::eventually([] { return test::calls(call::recv) >= 1; }));
+        daemon.send(side::async, test::slice(result, 8, result.size() - 8));
         EXPECT_TRUE(test::wait_for_log("recv msg body error! errno:" + std::to_string(error) + "."));
         EXPECT_TRUE(test::end_faults());
         expect_recovered(true);
