@@ -27,7 +27,8 @@ outcome run(const command& row, call_values values, session* within) {
     if (row.kind == call_kind::query && within != nullptr) (void)within->book().settle();
     outcome begun{.row = &row, .answered = true, .result = 0, .values = std::move(values), .problem = {}};
     begun.result = row.call(begun.values);
-    if (begun.result != 0) return begun;
+    // Without a session there is nobody to wait with: the call is a local one.
+    if (begun.result != 0 || within == nullptr) return begun;
     if (row.kind == call_kind::request) return await_result(std::move(begun), *within);
     if (row.kind == call_kind::one_way) within->linger();
     return begun;

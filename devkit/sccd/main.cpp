@@ -22,7 +22,7 @@ namespace {
 std::string make_directory() {
     const char* const base = std::getenv("TMPDIR");
     if (base == nullptr || *base == '\0') throw std::runtime_error("TMPDIR is not set");
-    const std::string directory = std::string(base) + "/security/scc";
+    std::string directory = std::string(base) + "/security/scc";
     std::filesystem::create_directories(directory);
     if (::chmod(directory.c_str(), 0777) != 0 && ::access(directory.c_str(), W_OK) != 0) {
         throw std::runtime_error(directory + ": not writable");
