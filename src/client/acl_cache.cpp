@@ -81,7 +81,7 @@ void free_ace(cached_acl& acl, cached_ace* ace) {
 
 void free_acl(cached_acl* acl) {
     while (!list_empty(&acl->aces)) {
-        cached_ace* ace = ace_of_link(acl->aces.next);
+        cached_ace* ace = ace_of_link(acl->aces.next);  // NOLINT(clang-analyzer-unix.Malloc)
         list_del(&ace->record.link);
         std::free(ace);
     }
@@ -193,7 +193,7 @@ void free_acl_cache() {
         prepare_acl_buckets();
         for (list_node& head : cache().buckets) {
             while (!list_empty(&head)) {
-                free_acl(reinterpret_cast<cached_acl*>(head.next));
+                free_acl(reinterpret_cast<cached_acl*>(head.next));  // NOLINT(clang-analyzer-unix.Malloc)
             }
         }
         cache().index.reset();

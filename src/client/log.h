@@ -24,10 +24,13 @@ inline constexpr int log_flag = 2;
 #define SCC_LOG_RAW(submodule, format, ...) \
     printk_syslog_ext(scc::log_level, "SCCLIB", submodule, scc::log_flag, format __VA_OPT__(, ) __VA_ARGS__)
 
-#define SCC_LOG(format, ...)                                             \
+// A line that names the function it stands for, where that is not the one it is written in.
+#define SCC_LOG_FROM(function, format, ...)                              \
     do {                                                                 \
         if (scc::is_debugging()) {                                       \
-            SCC_LOG_RAW("DETAIL", "<%-23s line:%-4d> " format, __func__, \
+            SCC_LOG_RAW("DETAIL", "<%-23s line:%-4d> " format, function, \
                         __LINE__ __VA_OPT__(, ) __VA_ARGS__);            \
         }                                                                \
     } while (false)
+
+#define SCC_LOG(format, ...) SCC_LOG_FROM(__func__, format __VA_OPT__(, ) __VA_ARGS__)

@@ -33,7 +33,8 @@ u32 absolute_path(const char* path, path_buffer& out) {
         if (std::strlen(path) >= sizeof out.text - directory) {
             return result::no_space;
         }
-        std::memcpy(out.text + directory, path + 1, std::strlen(path));
+        const char* rest = path + 1;  // from the slash behind the dot
+        std::memcpy(out.text + directory, rest, std::strlen(rest) + 1);
         return result::ok;
     }
     if (path[0] != '/') {
@@ -73,6 +74,7 @@ int scc_make_path(char* dst, const char* suffix, int size, int base) {
     if (root_length + suffix_length >= static_cast<std::size_t>(size)) {
         return 0;
     }
+    // NOLINTNEXTLINE(bugprone-not-null-terminated-result): the suffix brings the terminator
     std::memcpy(dst, root, root_length);
     std::memcpy(dst + root_length, suffix, suffix_length + 1);
     return 1;

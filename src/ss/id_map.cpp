@@ -70,7 +70,7 @@ scc_ss_id_node* make_node(u32 id) {
 }
 
 scc_ss_type_node* first_type(const scc_ss_id_node* node) {
-    return reinterpret_cast<scc_ss_type_node*>(node->types.next);
+    return reinterpret_cast<scc_ss_type_node*>(node->types.next);  // NOLINT(clang-analyzer-unix.Malloc)
 }
 
 }  // namespace

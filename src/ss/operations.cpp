@@ -85,12 +85,12 @@ using H = service_handlers;
 
 constexpr member<scc_ss_acl_operation> acl_member{
     _scc_ss_acl_op_ret_callback, true, true,
-    [](const u8*, const char* word) { SCC_LOG("call _scc_ss_acl_op %s", word); },
+    [](const u8*, const char* word) { SCC_LOG_FROM("_scc_ss_acl_op", "call _scc_ss_acl_op %s", word); },
     [](scc_ss_acl_operation& record, const u8* value) { record.key = load<scc_acl_key>(value, 4); }};
 
 constexpr member<scc_ss_ace_operation> ace_member{
     _scc_ss_ace_op_ret_callback, true, true,
-    [](const u8*, const char* word) { SCC_LOG("call _scc_ss_ace_op %s", word); },
+    [](const u8*, const char* word) { SCC_LOG_FROM("_scc_ss_ace_op", "call _scc_ss_ace_op %s", word); },
     [](scc_ss_ace_operation& record, const u8* value) {
         record.key = load<scc_acl_key>(value, 4);
         std::memcpy(&record.ace, value + 24, sizeof record.ace);
@@ -100,7 +100,9 @@ constexpr member<scc_ss_ace_operation> ace_member{
 // apply record behind it.
 constexpr member<scc_ss_apply_operation> apply_member{
     _scc_ss_acl_apply_op_ret_callback, true, false,
-    [](const u8*, const char* word) { SCC_LOG("call _scc_ss_acl_apply_op %s", word); },
+    [](const u8*, const char* word) {
+        SCC_LOG_FROM("_scc_ss_acl_apply_op", "call _scc_ss_acl_apply_op %s", word);
+    },
     [](scc_ss_apply_operation& record, const u8* value) {
         record.key = load<scc_acl_key>(value, 4);
         std::memcpy(&record.apply, value + 8, sizeof record.apply);
@@ -109,8 +111,9 @@ constexpr member<scc_ss_apply_operation> apply_member{
 constexpr member<scc_ss_resequence_operation> reseq_member{
     _scc_ss_acl_reseq_op_ret_callback, false, false,
     [](const u8* value, const char*) {
-        SCC_LOG("call _scc_ss_acl_reseq_op acl(id:%d, type:%d), sn_start:%d, sn_inc:%d", load<u32>(value, 12),
-                load<u32>(value, 8), load<u32>(value, 20), load<u32>(value, 24));
+        SCC_LOG_FROM("_scc_ss_acl_reseq_op",
+                     "call _scc_ss_acl_reseq_op acl(id:%d, type:%d), sn_start:%d, sn_inc:%d",
+                     load<u32>(value, 12), load<u32>(value, 8), load<u32>(value, 20), load<u32>(value, 24));
     },
     [](scc_ss_resequence_operation& record, const u8* value) {
         record.key = load<scc_acl_key>(value, 4);
@@ -120,12 +123,16 @@ constexpr member<scc_ss_resequence_operation> reseq_member{
 
 constexpr member<scc_ss_svi_operation> svi_member{
     _scc_ss_svi_router_acl_op_ret_callback, false, false,
-    [](const u8*, const char* word) { SCC_LOG("call _scc_ss_svi_router_acl_op (%s)", word); },
+    [](const u8*, const char* word) {
+        SCC_LOG_FROM("_scc_ss_svi_router_acl_op", "call _scc_ss_svi_router_acl_op (%s)", word);
+    },
     [](scc_ss_svi_operation& record, const u8* value) { record.open = load<u32>(value, 4); }};
 
 constexpr member<scc_ss_counter_operation> acl_counter_member{
     _scc_ss_acl_counter_op_ret_callback, false, false,
-    [](const u8*, const char* word) { SCC_LOG("call _scc_ss_acl_counter_op (%s)", word); },
+    [](const u8*, const char* word) {
+        SCC_LOG_FROM("_scc_ss_acl_counter_op", "call _scc_ss_acl_counter_op (%s)", word);
+    },
     [](scc_ss_counter_operation& record, const u8* value) {
         record.key = load<scc_acl_key>(value, 4);
         record.sync = load<u32>(value, 32);
@@ -133,26 +140,29 @@ constexpr member<scc_ss_counter_operation> acl_counter_member{
 
 constexpr member<scc_ss_counter_operation> ace_counter_member{
     _scc_ss_ace_counter_op_ret_callback, false, false,
-    [](const u8*, const char* word) { SCC_LOG("call _scc_ss_ace_counter_op (%s)", word); },
+    [](const u8*, const char* word) {
+        SCC_LOG_FROM("_scc_ss_ace_counter_op", "call _scc_ss_ace_counter_op (%s)", word);
+    },
     [](scc_ss_counter_operation& record, const u8* value) {
         record.key = load<scc_acl_key>(value, 4);
         record.ace = load<u64>(value, 24);
         record.sync = load<u32>(value, 32);
     }};
 
-constexpr member<scc_ss_eport_operation> eport_member{_scc_ss_global_eport_ret_callback, false, false,
-                                                      [](const u8* value, const char* word) {
-                                                          SCC_LOG("call _scc_ss_global_eport (%s, type:%d)",
-                                                                  word, load<u32>(value, 4));
-                                                      },
-                                                      [](scc_ss_eport_operation& record, const u8* value) {
-                                                          record.ifx = load<u32>(value, 4);
-                                                          record.set = load<u32>(value, 8);
-                                                      }};
+constexpr member<scc_ss_eport_operation> eport_member{
+    _scc_ss_global_eport_ret_callback, false, false,
+    [](const u8* value, const char* word) {
+        SCC_LOG_FROM("_scc_ss_global_eport_op", "call _scc_ss_global_eport (%s, type:%d)", word,
+                     load<u32>(value, 4));
+    },
+    [](scc_ss_eport_operation& record, const u8* value) {
+        record.ifx = load<u32>(value, 4);
+        record.set = load<u32>(value, 8);
+    }};
 
 constexpr member<scc_ss_cpp_operation> cpp_member{
     _scc_ss_cpp_ret_callback, false, false,
-    [](const u8*, const char* word) { SCC_LOG("call _scc_ss_cpp_op (%s)", word); },
+    [](const u8*, const char* word) { SCC_LOG_FROM("_scc_ss_cpp_op", "call _scc_ss_cpp_op (%s)", word); },
     [](scc_ss_cpp_operation& record, const u8* value) {
         record.set = load<u32>(value, 4);
         record.type = load<u32>(value, 8);

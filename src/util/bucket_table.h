@@ -79,7 +79,7 @@ class bucket_table {
         for (std::size_t i = 0; i <= mask_; ++i) {
             while (!list_empty(&heads_[i])) {
                 list_node* node = heads_[i].next;
-                list_del(node);
+                list_del(node);  // NOLINT(clang-analyzer-unix.Malloc)
                 release(node);
             }
         }

@@ -31,7 +31,7 @@ inline void list_add(list_node* entry, list_node* head) {
 }
 
 inline void list_add_tail(list_node* entry, list_node* head) {
-    list_detail::insert_between(entry, head->prev, head);
+    list_detail::insert_between(entry, head->prev, head);  // NOLINT(clang-analyzer-core.CallAndMessage)
 }
 
 // A second unlink of the same entry faults on these addresses instead of corrupting the list.

@@ -54,6 +54,7 @@ void rebalance_after_erase(rb_node* node, rb_node* parent, rb_root* root) {
             rotate(parent, side, root);
             sibling = parent->*other;
         }
+        // NOLINTNEXTLINE(clang-analyzer-core.NullDereference)
         if (!is_red(sibling->left) && !is_red(sibling->right)) {
             scc_rb_set_color(sibling, rb_red);
             node = parent;
@@ -83,10 +84,12 @@ void rebalance_after_erase(rb_node* node, rb_node* parent, rb_root* root) {
 extern "C" {
 
 void scc_rb_set_parent(rb_node* node, rb_node* parent) {
+    // NOLINTNEXTLINE(clang-analyzer-core.NullDereference)
     node->parent_colour = (node->parent_colour & 3U) | reinterpret_cast<std::uintptr_t>(parent);
 }
 
 void scc_rb_set_color(rb_node* node, std::uintptr_t colour) {
+    // NOLINTNEXTLINE(clang-analyzer-core.NullDereference)
     node->parent_colour = (node->parent_colour & ~rb_black) | colour;
 }
 
