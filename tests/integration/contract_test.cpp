@@ -63,7 +63,9 @@ class application {
   public:
     explicit application(start way) : way_(way) {
         if (way_ == start::event_loop) {
-            master_ = qx_thread_master_create();
+            static auto* kept = new std::vector<qx_thread_master*>;  // the library may still use it
+            kept->push_back(qx_thread_master_create());
+            master_ = kept->back();
             loop_ = std::thread([this] { qx_thread_master_run(master_); });
             scc_agent_set_connect_callback(on_connection);
         }

@@ -9,6 +9,7 @@
 #include <functional>
 #include <future>
 #include <thread>
+#include <vector>
 
 #include "agent/agent_tasks.h"
 #include "client/control_block.h"
@@ -29,10 +30,16 @@ inline void on_status(std::uint32_t status) {
     statuses().push(status);
 }
 
-// The master is kept: the library's checker thread lives as long as the process and may still use it.
+// Masters are kept: the library's checker thread lives as long as the process and may still use one.
+inline qx_thread_master* kept_master() {
+    static auto* kept = new std::vector<qx_thread_master*>;
+    kept->push_back(qx_thread_master_create());
+    return kept->back();
+}
+
 class loop_application : public ::testing::Test {
   protected:
-    loop_application() : master(qx_thread_master_create()) {
+    loop_application() : master(kept_master()) {
         info.app_id = 7;
         info.option = 1;
         info.handlers.server_status = on_status;
