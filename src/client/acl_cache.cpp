@@ -170,6 +170,19 @@ void renumber(cached_acl& acl, u32 sn_start, u32 sn_inc) {
     }
 }
 
+// How much of a call's saved data its replay reads: the key, and what follows it.
+std::size_t bytes_needed(u32 call_kind) {
+    switch (call_kind) {
+        case kind::acl_add_ace:
+        case kind::acl_delete_ace:
+            return sizeof(scc_acl_key) + sizeof(scc_ace_record);
+        case kind::acl_resequence:
+            return sizeof(scc_acl_key) + 2 * sizeof(u32);
+        default:
+            return sizeof(scc_acl_key);
+    }
+}
+
 }  // namespace
 
 void prepare_acl_buckets() {
@@ -383,7 +396,7 @@ void _scc_lib_acl_update(const pending_call* call) {
     const u8* data = call->data();
     scc_acl_key key;
     const auto saved = static_cast<std::size_t>(call->data_bytes > 0 ? call->data_bytes : 0);
-    if (saved < sizeof key) {
+    if (saved < bytes_needed(call->kind)) {
         SCC_LOG("unknown scclib call id(%d)", call->kind);
         return;
     }
