@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Runs each fuzzer for some seconds (60) from its corpus; a finding fails.
+# fuzz.sh [SECONDS] [SEED]: runs each fuzzer for some seconds (60) from its corpus; a finding fails.
+# With a seed each run tries the same, which is what a check wants.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/common.sh
 . scripts/common.sh
 seconds=${1:-60}
+seed=${2:-0}
 build fuzz message_fuzz reply_fuzz
 # A header may announce up to 4 GiB; larger pieces than this are refused, as a small switch would.
 export ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=64
@@ -12,7 +14,7 @@ work=$(mktemp -d /tmp/scclib-fuzz-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 for fuzzer in message_fuzz reply_fuzz; do
     mkdir "$work/$fuzzer"
-    "build/fuzz/fuzz/$fuzzer" -max_total_time="$seconds" -max_len=4096 -malloc_limit_mb=0 -print_final_stats=1 \
+    "build/fuzz/fuzz/$fuzzer" -max_total_time="$seconds" -seed="$seed" -max_len=4096 -malloc_limit_mb=0 -print_final_stats=1 \
         -artifact_prefix="$work/" "$work/$fuzzer" "fuzz/corpus/$fuzzer" >"$work/log" 2>&1 || {
         tail -n 60 "$work/log"
         exit 1
