@@ -182,8 +182,8 @@ bool register_until_done(u32 generation) {
 
 u32 unregister_client(void (*before_close)()) {
     const u32 app_id = app_id_now();
+    unregistration_begins();  // first: the receive thread waits for the outcome from the moment the id is 0
     g_scc_client_cb.app_id.store(0, relaxed);
-    unregistration_begins();
     u32 error = result::ok;
     if (g_scc_client_cb.sync_fd.load(relaxed) > 0) {
         error = _scc_client_unreg(g_scc_client_cb.sync_fd.load(relaxed), app_id, 1);
