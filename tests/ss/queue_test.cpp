@@ -1,6 +1,7 @@
 // From the receive thread to the processing thread: order, patience, and what becomes of the memory.
 #include <malloc.h>
 
+#include "client/control_block.h"
 #include "ss/service_fixture.h"
 
 using test::bytes;
@@ -135,6 +136,43 @@ TEST_F(ServiceQueue, ARefusedMessageDoesNotKeepTheNextOneBack) {
     daemon.send(side::async, wire().u32(24).u8(1).u16(1).u8(0).u32(9000).u16(0).u16(143).u32(1).u32(1));
     send(143, wire().u32(2).u32(1));
     EXPECT_EQ(test::u32_at(called(8), 0), 2U);
+}
+
+// What came in one read with a refused message is not for the next read, which may find the daemon gone.
+TEST_F(ServiceQueue, MessagesThatArriveTogetherWithRefusedOnesAreProcessedThoughTheDaemonLeaves) {
+    info.svi_router_acl = waits_at_the_gate;
+    info.def_read = notes_its_id;
+    start();
+    const bytes without_items = wire().u32(8).u8(1).u16(0).u8(0);
+    const bytes no_longer_than_its_header = wire().u32(8).u8(1).u16(1).u8(0);
+    const bytes leads_past = wire().u32(24).u8(1).u16(1).u8(0).u32(9000).u16(0).u16(143).u32(1).u32(1);
+    wire together;
+    std::uint32_t id = 0;
+    for (const bytes& refused : {without_items, no_longer_than_its_header, leads_past}) {
+        together.add(refused).add(read_message(++id));
+        together.add(refused).add(refused).add(read_message(++id));
+    }
+    daemon.send(side::async, together);
+    daemon.close_both();
+    for (std::uint32_t next = 1; next <= id; ++next) {
+        ASSERT_EQ(called(16), bytes(wire().u32(next)));
+    }
+}
+
+// The processing thread outlives a service whose start failed behind it, and then serves an application.
+TEST_F(ServiceQueue, MessagesOfAnotherAppIdGoToTheApplicationsDispatcher) {
+    start_with_all_handlers();
+    send(319, wire().zeros(4));
+    expect_nothing_more();
+    g_scc_client_cb.app_id = 7;
+    send(319, wire().zeros(4));
+    // The service's dispatcher does not know the probe; the application's answers it.
+    const test::received_item answer = daemon.read_item(side::sync);
+    EXPECT_EQ(answer.type, 319);
+    EXPECT_EQ(answer.value, bytes(wire().u32(7)));
+    g_scc_client_cb.app_id = 16;
+    send(143, wire().u32(2).u32(1));
+    called(8);
 }
 
 }  // namespace
