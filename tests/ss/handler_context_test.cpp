@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <cerrno>
+#include <set>
 
 #include "client/diagnostics.h"
 #include "client/locks.h"
@@ -202,6 +203,54 @@ TEST_F(HandlerContext, TheLogTellsTheStepsOfAnAnswerForAMissingHandlerInTheirOrd
                                   "call _scc_nacm_user_op op:del, user(ifx:0,ip:0.0.0.0,mac:0000.0000.0000)",
                                   "ssc_nacm_user_op_handler is NULL",
                                   "send scc_type:11, type:402, call_id:62, ret:0", "lib proc msg done.\n"}));
+}
+
+struct function_row {
+    std::uint16_t type;
+    std::size_t value_bytes;
+    std::set<std::string> functions;  // that write the operation's lines
+};
+
+// Whoever reads the log finds the operation, not what operations share.
+TEST_F(HandlerContext, TheLinesOfAnOperationBeginWithTheNamesOfItsOwnFunctions) {
+    const function_row rows[] = {
+        {131, 140, {"_scc_ss_acl_op", "_scc_ss_acl_op_ret_callback"}},
+        {132, 940, {"_scc_ss_ace_op", "_scc_ss_ace_op_ret_callback"}},
+        {133, 244, {"_scc_ss_acl_apply_op", "_scc_ss_acl_apply_op_ret_callback"}},
+        {138, 28, {"_scc_ss_acl_reseq_op", "_scc_ss_acl_reseq_op_ret_callback"}},
+        {140, 36, {"_scc_ss_acl_counter_op", "_scc_ss_acl_counter_op_ret_callback"}},
+        {141, 36, {"_scc_ss_ace_counter_op", "_scc_ss_ace_counter_op_ret_callback"}},
+        {142, 12, {"_scc_ss_global_eport_op", "_scc_ss_global_eport_ret_callback"}},
+        {143, 8, {"_scc_ss_svi_router_acl_op", "_scc_ss_svi_router_acl_op_ret_callback"}},
+        {163, 12, {"_scc_ss_cpp_op", "_scc_ss_cpp_ret_callback"}},
+        {148, 16, {"_scc_nacm_app_op", "_scc_nacm_callback_send"}},
+        {149, 12, {"_scc_nacm_def_read", "_scc_nacm_callback_send"}},
+        {150, 20, {"_scc_nacm_l4port_op", "_scc_nacm_callback_send"}},
+        {151, 96, {"_scc_nacm_user_op", "_scc_nacm_callback_send"}},
+        {152, 96, {"_scc_nacm_user_read"}},
+        {153, 12, {"_scc_nacm_user_reinstall_op", "_scc_nacm_callback_send"}},
+        {154, 16, {"_scc_nacm_app_user_recover"}},
+        {155, 4, {"_scc_nacm_l4port_recover"}},
+        {158, 24, {"_scc_nacm_app_withvid_op", "_scc_nacm_callback_send"}},
+        {201, 9, {"_scc_ss_data_recover_op", "_scc_ss_data_recover_callback"}},
+        {209, 16, {"_scc_offline_detect_cfg_op", "_scc_nacm_callback_send"}},
+    };
+    info = scc_ss_reg_info{};
+    start();
+    for (const function_row& row : rows) {
+        SCOPED_TRACE(row.type);
+        log_of(row.type, bytes(row.value_bytes));
+        std::set<std::string> functions;
+        for (const test::log_line& line : test::captured_log()) {
+            const bool common = line.text.starts_with("lib proc msg") || line.text.starts_with("scc-type:") ||
+                                line.text.starts_with("save type node") ||
+                                line.text.starts_with("thread msg(");
+            if (!common && line.whole.starts_with("<")) {
+                functions.insert(line.whole.substr(1, line.whole.find(' ') - 1));
+            }
+        }
+        EXPECT_EQ(functions, row.functions);
+    }
 }
 
 int reports_a_move(scc_ss_svi_operation* operation) {
