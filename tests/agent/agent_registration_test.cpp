@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "client/connection.h"
 #include "client/diagnostics.h"
 #include "client/log.h"
 #include "support/loop_application.h"
@@ -172,6 +173,52 @@ TEST_F(AgentRegistration, ReturnsTheErrorOfAConnectionThatFailed) {
     EXPECT_EQ(refused.get(), 2002);
     EXPECT_EQ(state(), 1U);
     EXPECT_TRUE(scc::is_pending(scc::task_reconnect));
+}
+
+TEST_F(AgentRegistration, CancelsWhatIsPendingWhenAReconnectionFails) {
+    start();
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    in_loop([&] {
+        test::set_timer_seconds(1000);
+        scc::cancel_all_tasks();
+        daemon.stop_listening();
+        daemon.close_both();
+        (void)_scc_lib_client_close();
+        _scc_client_state_set(1);
+        EXPECT_EQ(_scc_lib_thread_event(0, std::calloc(1, 568), -1), 0);
+        EXPECT_EQ(_scc_lib_thread_event(2, nullptr, ends[0]), 0);
+        EXPECT_EQ(_scc_lib_agent_reconnect(nullptr), 2);
+        EXPECT_FALSE(scc::is_pending(scc::task_connect));
+        EXPECT_FALSE(scc::is_pending(scc::task_read));
+        EXPECT_TRUE(scc::is_pending(scc::task_reconnect));
+    });
+    EXPECT_EQ(state(), 5U);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(AgentRegistration, StartedWhileItWaitsForTheTimerHasNoSecondAttemptBehindIt) {
+    start();
+    in_loop([this] {
+        test::set_timer_seconds(1000);
+        daemon.stop_listening();
+        daemon.close_both();
+    });
+    ASSERT_TRUE(test::wait_for_added("scc-reconnect", 1));
+    settle();
+    in_loop([this] {
+        EXPECT_TRUE(scc::is_pending(scc::task_reconnect));
+        EXPECT_EQ(scc_agent_finish(), 0U) << "not registered: nothing to end";
+        EXPECT_EQ(scc_agent_init(&info, master), 0U);
+        EXPECT_TRUE(scc::is_pending(scc::task_connect));
+        EXPECT_FALSE(scc::is_pending(scc::task_reconnect));
+        daemon.listen();
+    });
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    settle();
+    EXPECT_EQ(state(), 4U);
 }
 
 TEST_F(AgentRegistration, WithoutItsPathsEndsTheAttemptAndSchedulesNothing) {
