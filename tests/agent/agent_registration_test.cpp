@@ -112,6 +112,29 @@ TEST_F(AgentRegistration, ReadsBeforeItTellsOfTheFirstAndTellsBeforeItReadsAfter
     EXPECT_EQ(moments().size(), 0U);
 }
 
+TEST_F(AgentRegistration, IsInStateRegisteringWhileItWaitsForEitherReply) {
+    const auto expect_registering = [this] {
+        daemon.accept_both();
+        for (const side where : {side::sync, side::async}) {
+            EXPECT_EQ(daemon.read_item(where).type, 301);
+            EXPECT_EQ(state(), 3U);
+            daemon.send_item(where, 301, wire().u32(0).u32(0).u32(0));
+        }
+    };
+    EXPECT_EQ(state(), 1U);
+    ASSERT_EQ(init(), 0U);
+    expect_registering();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    EXPECT_EQ(state(), 4U);
+    settle();
+    daemon.close_both();
+    expect_registering();
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    EXPECT_EQ(state(), 4U);
+    settle();
+}
+
 TEST_F(AgentRegistration, BeginsWithNothingCounted) {
     g_scclib_stat[3] = {6, 5, 4, 3, 2};
     start();
