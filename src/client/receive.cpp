@@ -76,18 +76,21 @@ u32 read_bytes(receiver& self, i32& fd) {
     return self.stream.fill(fd);
 }
 
-// Delivers the whole messages that have arrived. Call ids start again with a registration and bytes with a
-// connection: what is left of an earlier one is for nobody.
-u32 deliver_messages(receiver& self, i32 fd) {
+// Delivers the whole messages that have arrived; one that is refused does not hold up the next. Call ids
+// start again with a registration and bytes with a connection: what is left of an earlier one is for nobody.
+void deliver_messages(receiver& self, i32 fd) {
     for (;;) {
         void* message = nullptr;
         const u32 error = self.stream.next(&message);
         if (message == nullptr) {
-            return error;
+            if (error == result::ok) {
+                return;
+            }
+            continue;
         }
         if (!is_current(self.generation) || self.epoch != connection_epoch()) {
             _scc_msg_free(&message);
-            return result::ok;
+            return;
         }
         self.deliver(fd, message);
     }
