@@ -223,6 +223,27 @@ TEST_F(Receive, ARaisedFlagMakesTheThreadRegisterAgain) {
     EXPECT_EQ(scc_lib_rereg.load(), 0);
 }
 
+TEST_F(Receive, WithoutAPlaceForTheSocketsTheThreadStaysAndWaitsForOne) {
+    start();
+    request(1);
+    const test::debugging on;
+    unsetenv("TMPDIR");
+    daemon.close_both();
+    EXPECT_TRUE(test::wait_for_log("scc client async socket not created."));
+    EXPECT_EQ(g_scc_client_cb.state.load(), 5U);
+    EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
+    EXPECT_EQ(g_scc_client_cb.async_fd.load(), -1);
+    EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 2004U);
+    EXPECT_EQ(test::library_threads(), 2U);
+    EXPECT_EQ(test::statuses().size(), 0U);
+    EXPECT_FALSE(test::logged("scc client start to try re-reg."));
+    setenv("TMPDIR", daemon.directory().path().c_str(), 1);
+    scc_lib_rereg = 1;
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+}
+
 TEST_F(Receive, AHandlerMayUnregister) {
     info.handlers.addr_learning = unregister_inside;
     runtime_test::start();
