@@ -60,6 +60,18 @@ TEST_F(TrafficFaults, ASendThatBreaksOffHalfWayBringsANewConnection) {
     }
 }
 
+TEST_F(TrafficFaults, ASendThatMovesNothingIsMadeAgain) {
+    start();
+    test::limit_transfer(5);
+    test::fail_call(call::send, 2, 0);
+    EXPECT_EQ(scc_warterline_notify(1), 0U);
+    EXPECT_EQ(test::calls(call::send), 5);  // 5, none, 5, 5, 5 bytes
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(daemon.read(side::sync).raw,
+              bytes(wire().u32(20).u8(1).u16(1).u8(0).u32(4).u16(0).u16(220).u32(1)));
+    expect_recovered(false);
+}
+
 TEST_F(BatchFaults, AFullBatchIsZeroAndDroppedWhateverItsError) {
     start();
     const bytes half(4088, 1);
@@ -128,18 +140,46 @@ TEST_F(BatchFaults, ATimedOutFlushIsSentAgainWhole) {
     EXPECT_EQ(test::statuses().size(), 0U);
 }
 
-TEST_F(BatchFaults, AFlushIsGivenUpAfterTwentyRetriesAndTheConnectionStays) {
+TEST_F(BatchFaults, AFlushIsGivenUpAfterTwentyRetriesOf200MillisecondsAndTheConnectionStays) {
     start();
     const test::debugging on;
     ASSERT_EQ(scc_svi_router_acl_set(3, nullptr), 0U);
     test::fail_calls_from(call::send, 1, 11);
+    const auto before = std::chrono::steady_clock::now();
     scc::flush_waiting_batch();
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(20 * 200));
     EXPECT_EQ(test::calls(call::send), 21);
     EXPECT_TRUE(test::end_faults());
+    std::vector<std::string> lines = {
+        "thread msg(len:24, ver:1, num:1) send len:24, uselen:16. total len:8192."};
+    for (int retry = 1; retry <= 20; ++retry) {
+        lines.push_back("_scc_msg_send retry to send " + std::to_string(retry) +
+                        " times. Reason:Resource temporarily unavailable(11).");
+    }
+    lines.push_back("_scc_msg_send retry 21 times. Reason:Resource temporarily unavailable(11).");
+    EXPECT_EQ(test::log_texts(), lines);
+    // The batch is dropped, its call stays, and the next batch counts from the beginning.
+    EXPECT_EQ(scc::pending_calls(), 1U);
+    test::clear_log();
+    ASSERT_EQ(scc_svi_router_acl_set(4, nullptr), 0U);
+    test::fail_call(call::send, 1, 11);
+    scc::flush_waiting_batch();
+    EXPECT_TRUE(test::end_faults());
     EXPECT_TRUE(
-        test::logged("_scc_msg_send retry to send 20 times. Reason:Resource temporarily unavailable(11)."));
-    EXPECT_TRUE(test::logged("_scc_msg_send retry 21 times. Reason:Resource temporarily unavailable(11)."));
+        test::logged("_scc_msg_send retry to send 1 times. Reason:Resource temporarily unavailable(11)."));
+    EXPECT_EQ(daemon.read_item(side::async).value, bytes(wire().u32(2).u32(4)));
     expect_recovered_and_working(false);
+}
+
+TEST_F(TrafficFaults, ACheckerWhoseWaitFailsWaitsAgain) {
+    start();
+    const test::debugging on;
+    for (const int error : {4, 9, 22}) {
+        test::fail_call(call::select, 1, error);
+        EXPECT_TRUE(test::wait_for_log("select error! errno:" + std::to_string(error) + "."));
+        EXPECT_TRUE(test::end_faults());
+        expect_recovered(false);
+    }
 }
 
 TEST_F(TrafficFaults, AHeaderThatCannotBeReadBringsANewConnectionOrIsReadNextTime) {
