@@ -147,10 +147,11 @@ void deliver_result(u32 result, const pending_call& call) {
     row.deliver(result, call.call_id, saved);
 }
 
-// The handler first, then the cache.
-void complete(const pending_call& call, u32 result) {
+// The handler first, then the cache, unless the handler ended the connection: the cache is then empty, or
+// another registration's.
+void complete(const pending_call& call, u32 result, u32 epoch) {
     deliver_result(result, call);
-    if (result == 0 && g_scc_client_cb.option.load(relaxed) != 0) {
+    if (result == 0 && g_scc_client_cb.option.load(relaxed) != 0 && epoch == connection_epoch()) {
         _scc_lib_acl_update(&call);
     }
 }
@@ -171,14 +172,14 @@ void result_run::deliver() {
     }
     std::array<pending_call*, longest> calls;
     const std::span run(calls.data(), count_);
-    take_pending_calls({call_ids_.data(), count_}, run);
     const u32 epoch = connection_epoch();
+    take_pending_calls({call_ids_.data(), count_}, run);
     for (std::size_t i = 0; i < count_; ++i) {
         // A handler may end the connection: the calls behind it are gone with it.
         if (calls[i] == nullptr || epoch != connection_epoch()) {
             SCC_LOG("no such call id:%d in scc lib", call_ids_[i]);
         } else {
-            complete(*calls[i], results_[i]);
+            complete(*calls[i], results_[i], epoch);
         }
     }
     release_pending_calls(run);

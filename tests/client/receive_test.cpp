@@ -291,6 +291,30 @@ TEST_F(Receive, AHandlerMayUnregisterAndRegisterAnew) {
     EXPECT_EQ(results().wait(), 1009U);
 }
 
+void unregister_and_register_with_a_cache(std::uint32_t, std::uint32_t, const scc_acl_key*) {
+    results().push(scc_svr_unreg());
+    static scc_reg_info again{};
+    again.app_id = 8;
+    again.option = 1;
+    again.handlers.server_status = test::on_status;
+    results().push(scc_svr_reg(&again));
+}
+
+TEST_F(Receive, AnAclThatWasConfirmedToAnEarlierRegistrationIsNotCachedInTheNext) {
+    info.handlers.acl_create = unregister_and_register_with_a_cache;
+    runtime_test::start();
+    scc_acl_key key = {1, 2, 3, 4};
+    ASSERT_EQ(scc_acl_create(&key, nullptr), 0U);
+    daemon.send_result(1, 0);
+    daemon.answer_unregistration();
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    EXPECT_EQ(results().wait(), 0U);
+    EXPECT_EQ(results().wait(), 0U);
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 2; }));
+    EXPECT_EQ(scc_acl_cls_get(&key), 2005U);
+}
+
 TEST_F(Receive, AHandlerMayMakeRequests) {
     info.handlers.addr_learning = [](std::uint32_t result, std::uint32_t call_id, std::uint32_t,
                                      std::uint8_t) {
