@@ -2,6 +2,7 @@
 // brings a new one, what does not leaves it alone.
 #include <gmock/gmock.h>
 
+#include "client/locks.h"
 #include "client/pending_calls.h"
 #include "client/request_channel.h"
 #include "fault_support.h"
@@ -169,6 +170,25 @@ TEST_F(BatchFaults, AFlushIsGivenUpAfterTwentyRetriesOf200MillisecondsAndTheConn
         test::logged("_scc_msg_send retry to send 1 times. Reason:Resource temporarily unavailable(11)."));
     EXPECT_EQ(daemon.read_item(side::async).value, bytes(wire().u32(2).u32(4)));
     expect_recovered_and_working(false);
+}
+
+// Requests wait meanwhile, in front of the lock: nothing may get between the pieces of a message.
+TEST_F(BatchFaults, AFlushThatIsSentAgainKeepsTheSendersLock) {
+    start();
+    const test::debugging on;
+    ASSERT_EQ(scc_svi_router_acl_set(3, nullptr), 0U);
+    test::fail_calls_from(call::send, 1, 11);
+    std::thread flushing(scc::flush_waiting_batch);
+    EXPECT_TRUE(test::wait_for_log(
+        "_scc_msg_send retry to send 2 times. Reason:Resource temporarily unavailable(11)."));
+    EXPECT_EQ(pthread_rwlock_trywrlock(&scc_send_buf_lock), EBUSY);
+    ASSERT_EQ(pthread_rwlock_trywrlock(&scc_lib_lock), 0);
+    pthread_rwlock_unlock(&scc_lib_lock);
+    EXPECT_TRUE(test::end_faults());
+    flushing.join();
+    ASSERT_EQ(pthread_rwlock_trywrlock(&scc_send_buf_lock), 0);
+    pthread_rwlock_unlock(&scc_send_buf_lock);
+    EXPECT_EQ(daemon.read_item(side::async).value, bytes(wire().u32(1).u32(3)));
 }
 
 TEST_F(TrafficFaults, ACheckerWhoseWaitFailsWaitsAgain) {
