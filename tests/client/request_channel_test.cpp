@@ -286,6 +286,21 @@ TEST_F(RequestChannel, TheBatchOfALostConnectionNeverGoesOutOnTheNext) {
     EXPECT_EQ(next_message(), message_bytes({item_bytes(123, wire().u32(3).u32(3).u32(1))}));
 }
 
+TEST_F(RequestChannel, ARequestOfALostConnectionTakesNothingOfTheNextOnesBatchWithIt) {
+    start();
+    const std::uint32_t lost = scc::connection_epoch();
+    reconnect();
+    EXPECT_EQ(batch(900, {1}), 0U);
+    {
+        const scc::connection_scope scope(lost);
+        EXPECT_EQ(batch(901, {2}), 0U);
+    }
+    EXPECT_EQ(batch(902, {3}), 0U);
+    scc::flush_waiting_batch();
+    EXPECT_EQ(next_message(), message_bytes({item_bytes(900, {1}), item_bytes(902, {3})}));
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
 TEST_F(RequestChannel, CallIdsGoOnOverAReconnectionAndStartAgainAfterUnregistration) {
     start();
     std::uint32_t call_id = 0;
