@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 
+#include "client/descriptors.h"
 #include "client/diagnostics.h"
 #include "client/log.h"
 #include "client/notifications.h"
@@ -89,16 +90,20 @@ extern "C" void _scc_lib_async_msg_proc(u32 count, const void* first) {
         SCC_LOG("input param invalid. tlv_num(%d).", items);
         return;
     }
+    // A handler may end the registration, and begin another: what is left of the message is not for that one.
+    const u32 generation = current_generation();
     item_reader reader(items, first);
     item received;
     result_run results;
-    while (reader.next(received)) {
+    while (is_current(generation) && reader.next(received)) {
         if (received.type == msg::call_ret && received.value.size() >= result_bytes) {
             results.add(received.value.data());
             continue;
         }
         results.deliver();
-        process(received);
+        if (is_current(generation)) {
+            process(received);
+        }
     }
     results.deliver();
 }

@@ -291,6 +291,30 @@ TEST_F(Receive, AHandlerMayUnregisterAndRegisterAnew) {
     EXPECT_EQ(results().wait(), 1009U);
 }
 
+TEST_F(Receive, WhatIsLeftOfAMessageIsNotForARegistrationThatAHandlerBegan) {
+    info.handlers.addr_learning = [](std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {
+        results().push(scc_svr_unreg());
+        static scc_reg_info again{};
+        again.app_id = 8;
+        again.handlers.server_status = test::on_status;
+        again.handlers.authmode = [](std::uint32_t mode) { results().push(mode); };
+        results().push(scc_svr_reg(&again));
+    };
+    runtime_test::start();
+    request(1);
+    daemon.send_items(side::async, {item_bytes(401, wire().u32(1).u32(0)),
+                                    item_bytes(214, wire().u32(0).u32(5)), item_bytes(319, {})});
+    daemon.answer_unregistration();
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 2; }));
+    daemon.send_item(side::async, 214, wire().u32(0).u32(6));
+    for (const std::uint32_t expected : {0U, 0U, 6U}) {
+        EXPECT_EQ(results().wait(), expected);
+    }
+    EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
+}
+
 void unregister_and_register_with_a_cache(std::uint32_t, std::uint32_t, const scc_acl_key*) {
     results().push(scc_svr_unreg());
     static scc_reg_info again{};
