@@ -223,6 +223,31 @@ TEST_F(Receive, ARaisedFlagMakesTheThreadRegisterAgain) {
     EXPECT_EQ(scc_lib_rereg.load(), 0);
 }
 
+TEST_F(Receive, ANumberThatIsNoDescriptorIsABrokenConnection) {
+    info.app_id = 7;
+    info.handlers.station_move = test::hold_receive_thread;
+    info.handlers.server_status = [](std::uint32_t status) {
+        if (status == 0) {
+            g_scc_client_cb.async_fd = -1;  // what cannot be closed would stay
+        }
+        test::statuses().push(status);
+    };
+    ASSERT_EQ(scc_svr_reg(&info), 0U);
+    daemon.accept_registration();
+    ASSERT_EQ(test::statuses().wait(), 1U);
+    hold();
+    const test::debugging on;
+    const int real = g_scc_client_cb.async_fd.exchange(999);
+    release();
+    EXPECT_TRUE(test::wait_for_log("select error! errno:9."));
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    EXPECT_TRUE(test::logged("close async socket failed!!!"));
+    EXPECT_TRUE(test::logged("reason:Bad file descriptor"));
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    close(real);
+}
+
 TEST_F(Receive, WithoutAPlaceForTheSocketsTheThreadStaysAndWaitsForOne) {
     start();
     request(1);
