@@ -51,8 +51,10 @@ void on_record(std::uint32_t, std::uint32_t, const scc_config_record*) {
     seen_result();
 }
 
+void (*g_on_scalar)() = seen_result;
+
 void on_scalar(std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {
-    seen_result();
+    g_on_scalar();
 }
 
 void on_ace(std::uint32_t, std::uint32_t, const scc_acl_key*, const scc_ace_record*) {
@@ -159,20 +161,52 @@ double library_round_trip(int rounds) {
     return times[times.size() / 2];
 }
 
-// Seconds a result with that many pending when the first arrives.
-double library_delivery(std::uint64_t pending) {
-    static bench::window room(pending + 1);
-    g_room = &room;
-    start_library();
-    expect_results(pending);
+// The peer holds results until it is told otherwise (bench::answers::hold).
+enum class release : int { next = 0, all_together = 1, all_alone = 2 };
+
+void release_results(release which) {
+    scc_warterline_notify(static_cast<int>(which));
+}
+
+void hold_requests(std::uint64_t pending) {
     for (std::uint64_t i = 0; i < pending; ++i) {
         scc_addr_learning(1, 1, nullptr);
     }
     usleep(300000);  // the peer has them all
+}
+
+// Seconds a result with that many pending when the first of all arrives.
+double library_delivery(std::uint64_t pending, release how) {
+    static bench::window room(pending + 1);
+    g_room = &room;
+    start_library();
+    expect_results(pending);
+    hold_requests(pending);
     const double began = bench::now_s();
-    scc_warterline_notify(1);
+    release_results(how);
     room.wait_for_all(pending);
     return (bench::now_s() - began) / static_cast<double>(pending);
+}
+
+std::binary_semaphore g_arrived{0};
+
+// Seconds of the median way of one result with that many pending, asked for on the synchronous socket.
+double library_one_result(std::uint64_t pending, int rounds) {
+    static bench::window room(pending + 1);
+    g_room = &room;
+    g_on_scalar = [] { g_arrived.release(); };
+    start_library();
+    hold_requests(pending);
+    std::vector<double> times;
+    for (int i = 0; i < rounds; ++i) {
+        const double began = bench::now_s();
+        release_results(release::next);
+        g_arrived.acquire();
+        times.push_back(bench::now_s() - began);
+        scc_addr_learning(1, 1, nullptr);
+    }
+    std::sort(times.begin(), times.end());
+    return times[times.size() / 2];
 }
 
 template <class Measure>
@@ -249,27 +283,54 @@ void cache(int rounds) {
                        "at most 1.3");
 }
 
-void deliveries(int rounds) {
-    const auto few = [](order held) {
+constexpr struct {
+    order held;
+    const char* name;
+} orders[] = {{order::ascending, "ascending"}, {order::descending, "descending"}, {order::random, "random"}};
+
+// The way of one result, with few and with many pending.
+void one_result(int rounds) {
+    const auto way = [](std::uint64_t pending, order held) {
         return with_peer(
-            answers::hold, -1, [] { return library_delivery(1000) * 1e9; }, held);
+            answers::hold, -1, [=] { return library_one_result(pending, 5000) * 1e9; }, held);
     };
-    const auto many = [](order held) {
+    std::vector<bench::contender> contenders = {
+        {"floor", with_peer(answers::hold, -1, [] { return bench::floor_one_result(5000) * 1e9; })}};
+    for (const auto& one : orders) {
+        contenders.push_back({"10", way(10, one.held)});
+        contenders.push_back({"1000000", way(1000000, one.held)});
+    }
+    const auto times = bench::medians(contenders, std::max(3, rounds / 2));
+    bench::print_ratio("one result asked for, floor", times[0], times[0], "ns", "");
+    for (std::size_t i = 0; i < std::size(orders); ++i) {
+        const double few = times[1 + 2 * i];
+        bench::print_ratio(std::string("one result, 10 pending, ") + orders[i].name + " (to the floor)", few,
+                           times[0], "ns", "");
+        bench::print_ratio(std::string("one result, 1,000,000 pending, ") + orders[i].name, times[2 + 2 * i],
+                           few, "ns", "at most 1.5");
+    }
+}
+
+// A stream of results, each a message of its own or many together, until none of so many is pending.
+void streams(int rounds) {
+    const auto stream = [](std::uint64_t pending, release how, order held) {
         return with_peer(
-            answers::hold, -1, [] { return library_delivery(1000000) * 1e9; }, held);
+            answers::hold, -1, [=] { return library_delivery(pending, how) * 1e9; }, held);
     };
-    const auto times = bench::medians({{"1000", few(order::ascending)},
-                                       {"ascending", many(order::ascending)},
-                                       {"descending", many(order::descending)},
-                                       {"random", many(order::random)}},
-                                      std::max(3, rounds / 2));
-    bench::print_ratio("a result over the wire, 1,000 pending", times[0], times[0], "ns", "");
-    bench::print_ratio("a result over the wire, 1,000,000 pending, ascending", times[1], times[0], "ns",
-                       "at most 1.5");
-    bench::print_ratio("a result over the wire, 1,000,000 pending, descending", times[2], times[0], "ns",
-                       "at most 1.5");
-    bench::print_ratio("a result over the wire, 1,000,000 pending, random order", times[3], times[0], "ns",
-                       "at most 1.5");
+    for (const release how : {release::all_alone, release::all_together}) {
+        std::vector<bench::contender> contenders = {{"few", stream(10000, how, order::ascending)}};
+        for (const auto& one : orders) {
+            contenders.push_back({one.name, stream(1000000, how, one.held)});
+        }
+        const auto times = bench::medians(contenders, std::max(3, rounds / 2));
+        const std::string what =
+            how == release::all_alone ? "a stream of results, one a message, " : "a stream, 500 a message, ";
+        bench::print_ratio(what + "10,000 pending", times[0], times[0], "ns", "");
+        for (std::size_t i = 0; i < std::size(orders); ++i) {
+            bench::print_ratio(what + "1,000,000 pending, " + orders[i].name, times[1 + i], times[0], "ns",
+                               "");
+        }
+    }
 }
 
 struct part {
@@ -278,8 +339,13 @@ struct part {
 };
 
 constexpr part parts[] = {
-    {"requests", requests_and_results}, {"small", small_requests}, {"outstanding", many_outstanding},
-    {"round_trips", round_trips},       {"cache", cache},          {"deliveries", deliveries},
+    {"requests", requests_and_results},
+    {"small", small_requests},
+    {"outstanding", many_outstanding},
+    {"round_trips", round_trips},
+    {"cache", cache},
+    {"one_result", one_result},
+    {"streams", streams},
 };
 
 }  // namespace

@@ -11,7 +11,7 @@
 #include "client/log.h"
 #include "msg/bytes.h"
 #include "msg/result_codes.h"
-#include "util/bucket_table.h"
+#include "util/key_index.h"
 
 using namespace scc;
 
@@ -23,32 +23,33 @@ namespace scc {
 namespace {
 
 constexpr u32 unnumbered_from = 0x7FFFFFFF;  // these keep their number in a resequence
-constexpr std::size_t first_index_buckets = 256;
+constexpr std::size_t first_index_slots = 256;
 constexpr i32 saved_ace_bytes = sizeof(scc_acl_key) + sizeof(scc_ace_record);
 
-cached_acl* acl_of_index(list_node* node) {
-    return reinterpret_cast<cached_acl*>(reinterpret_cast<u8*>(node) - offsetof(cached_acl, index_link));
+// What identifies an ACL: its class is left out.
+struct acl_identity {
+    u32 vdev_id;
+    u32 app_type;
+    u32 acl_id;
+
+    bool operator==(const acl_identity&) const = default;
+};
+
+acl_identity identity_of(const scc_acl_key& key) {
+    return {key.vdev_id, key.app_type, key.acl_id};
 }
 
-u64 mixed(const scc_acl_key& key) {
-    u64 hash = key.acl_id * 0x9E3779B97F4A7C15ULL;
-    hash ^= (u64{key.app_type} << 32U | key.vdev_id) * 0xC2B2AE3D27D4EB4FULL;
+u64 mixed(const acl_identity& id) {
+    u64 hash = id.acl_id * 0x9E3779B97F4A7C15ULL;
+    hash ^= (u64{id.app_type} << 32U | id.vdev_id) * 0xC2B2AE3D27D4EB4FULL;
     return hash ^ hash >> 29U;
-}
-
-u64 index_hash(const list_node* node) {
-    return mixed(acl_of_index(const_cast<list_node*>(node))->key);
-}
-
-bool same_acl(const scc_acl_key& left, const scc_acl_key& right) {
-    return left.vdev_id == right.vdev_id && left.app_type == right.app_type && left.acl_id == right.acl_id;
 }
 
 struct acl_cache {
     std::array<list_node, acl_buckets> buckets;
     u64 count;
     bool ready;
-    bucket_table<index_hash, first_index_buckets> index;
+    key_index<acl_identity, cached_acl, mixed, first_index_slots> index;
 };
 
 }  // namespace
@@ -87,7 +88,7 @@ void free_acl(cached_acl* acl) {
         std::free(ace);
     }
     list_del(&acl->bucket_link);
-    cache().index.erase(&acl->index_link);
+    cache().index.erase(identity_of(acl->key));
     --cache().count;
     std::free(acl);
 }
@@ -315,9 +316,7 @@ u32 _acl_hash_idx_get(const scc_acl_key* key) {
 }
 
 cached_acl* _scc_acl_get(const scc_acl_key* key) {
-    list_node* node = cache().index.find(
-        mixed(*key), [key](list_node* candidate) { return same_acl(acl_of_index(candidate)->key, *key); });
-    return node == nullptr ? nullptr : acl_of_index(node);
+    return cache().index.find(identity_of(*key));
 }
 
 void _scc_lib_acl_add(const scc_acl_key* key) {
@@ -335,12 +334,15 @@ void _scc_lib_acl_add(const scc_acl_key* key) {
         SCC_LOG("alloc memory failed!!!");
         return;
     }
+    if (!cache().index.insert(identity_of(*key), acl)) {
+        SCC_LOG("alloc memory failed!!!");
+        std::free(acl);
+        return;
+    }
     std::memset(acl, 0, sizeof *acl);
     acl->key = *key;
     INIT_LIST_HEAD(&acl->aces);
     list_add_tail(&acl->bucket_link, &cache().buckets[_acl_hash_idx_get(key)]);
-    cache().index.insert(&acl->index_link);
-    cache().index.grow_if_crowded();
     ++cache().count;
 }
 

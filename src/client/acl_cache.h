@@ -29,10 +29,9 @@ struct cached_acl {
     u64 ace_count;
     u32 sn_start;
     u32 sn_inc;
-    list_node index_link;  // chain of the index
-    rb_root places;        // of cached_ace::place, in the order of the list
-    u64 out_of_order;      // 1 once a resequence put numbers out of ascending order
-    u8 reserve[136];
+    rb_root places;    // of cached_ace::place, in the order of the list
+    u64 out_of_order;  // 1 once a resequence put numbers out of ascending order
+    u8 reserve[152];
 };
 
 static_assert(sizeof(cached_acl) == 232);

@@ -76,14 +76,15 @@ u32 read_bytes(receiver& self, i32& fd) {
     return self.stream.fill(fd);
 }
 
-// Delivers the whole messages that have arrived; one that is refused does not hold up the next. Call ids
-// start again with a registration and bytes with a connection: what is left of an earlier one is for nobody.
+// Delivers the whole messages that have arrived. Call ids start again with a registration and bytes with a
+// connection: what is left of an earlier one is for nobody. A message that is refused is behind the stream
+// then, and those that came with it are not left for the next read, which may meet the connection's end.
 void deliver_messages(receiver& self, i32 fd) {
     for (;;) {
         void* message = nullptr;
-        const u32 error = self.stream.next(&message);
+        const u32 refusal = self.stream.next(&message);
         if (message == nullptr) {
-            if (error == result::ok) {
+            if (refusal == result::ok) {
                 return;
             }
             continue;

@@ -428,6 +428,25 @@ TEST_F(CacheAllocation, FailsACopiedAceWhichIsThenNotCached) {
     EXPECT_EQ(scc_acl_get_ace_by_sn(&g_key, 5, &ace), 2006U);
 }
 
+// Without memory for a larger index the cache takes ACLs as long as there is room in the one that it has.
+TEST_F(CacheAllocation, FailsTheGrowthOfTheAclIndexWhichFillsUpAndThenRefuses) {
+    start(1);
+    const test::debugging on;
+    scc_acl_key key{0, 3, 0, 0};
+    test::fail_calls_from(test::call::calloc, 1, 12);
+    for (key.acl_id = 1; key.acl_id <= 300; ++key.acl_id) {
+        _scc_lib_acl_add(&key);
+    }
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_TRUE(test::wait_for_log("alloc memory failed!!!"));
+    for (key.acl_id = 1; key.acl_id <= 300; ++key.acl_id) {
+        EXPECT_EQ(scc_acl_cls_get(&key), key.acl_id <= 255 ? 0U : 2005U) << key.acl_id;
+    }
+    key.acl_id = 300;
+    _scc_lib_acl_add(&key);
+    EXPECT_EQ(scc_acl_cls_get(&key), 0U);
+}
+
 TEST_F(CacheAllocation, FailsAnyCopyOfAReadAndTheListIsEmpty) {
     start(1);
     create();
