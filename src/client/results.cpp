@@ -148,9 +148,11 @@ void deliver_result(u32 result, const pending_call& call) {
 }
 
 // The handler first, then the cache, which may keep the call's block: then it is no longer the caller's.
-void complete(pending_call*& call, u32 result) {
+// When the handler ended the connection, the cache is empty, or another registration's.
+void complete(pending_call*& call, u32 result, u32 epoch) {
     deliver_result(result, *call);
-    if (result == 0 && g_scc_client_cb.option.load(relaxed) != 0 && take_into_cache(call)) {
+    if (result == 0 && g_scc_client_cb.option.load(relaxed) != 0 && epoch == connection_epoch() &&
+        take_into_cache(call)) {
         call = nullptr;
     }
 }
@@ -183,7 +185,7 @@ void result_run::deliver() {
         if (calls[i] == nullptr || epoch_ != connection_epoch()) {
             SCC_LOG("no such call id:%d in scc lib", call_ids_[i]);
         } else {
-            complete(calls[i], results_[i]);
+            complete(calls[i], results_[i], epoch_);
         }
     }
     release_pending_calls(run);

@@ -3,8 +3,12 @@
 #include <cstdlib>
 
 #include "client/acl_cache.h"
+#include "client/diagnostics.h"
+#include "client/message_queue.h"
 #include "client/pending_calls.h"
+#include "client/request_channel.h"
 #include "fault_support.h"
+#include "msg/message.h"
 
 using test::bytes;
 using test::side;
@@ -167,6 +171,39 @@ class Allocation : public test::fault_test {
         EXPECT_FALSE(test::end_faults()) << "more allocations than expected";
     }
 };
+
+TEST_F(Allocation, FailsAMessageWhichIsThenNull) {
+    int some = 0;
+    void* message = &some;
+    test::fail_allocation(1);
+    EXPECT_EQ(_scc_msg_alloc(&message, 16), 12U);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(message, nullptr);
+}
+
+TEST_F(Allocation, FailsASavedCallWhichIsLoggedAndNotKept) {
+    scc::init_pending_calls();
+    const test::debugging on;
+    test::fail_allocation(1);
+    EXPECT_EQ(_scc_lib_save_call_data(5, 4, "data", 4), 12U);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{"scclib alloc memory failed."});
+    EXPECT_EQ(scc::pending_calls(), 0U);
+}
+
+TEST_F(Allocation, FailsTheBatchAndWhatIsMadeBehindItStaysAsItWas) {
+    const test::debugging on;
+    _scc_lib_func_call_succ(3);
+    test::fail_allocation(1);
+    _scc_lib_data_init();
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{"(app id:0, pid:0)alloc memory error!"});
+    EXPECT_EQ(scc::read_statistics(3).calls, 1U);
+    EXPECT_EQ(g_scc_lib_msg_q.next, nullptr);
+    _scc_lib_data_init();
+    EXPECT_EQ(scc::read_statistics(3).calls, 0U);
+    EXPECT_EQ(g_scc_lib_msg_q.next, &g_scc_lib_msg_q);
+}
 
 TEST_F(Allocation, FailsEachRequest) {
     start(0);
