@@ -81,7 +81,9 @@ uint32_t scc_mac_query(const uint8_t* mac, uint32_t* ip) {
     }
     u32 outcome = 0;
     u32 address = 0;
-    if (!exchange.read(12, outcome) || (outcome == 0 && !exchange.read(32, address))) {
+    // A refusal may come without an address; one that has it is logged with it.
+    const bool has_address = exchange.read(32, address);
+    if (!exchange.read(12, outcome) || (outcome == 0 && !has_address)) {
         return result::format;
     }
     if (outcome == 0) {

@@ -257,9 +257,13 @@ TEST_F(Query, OfAMacLogsSuccessOrFailure) {
     exchange_item(row, 413, wire().to(32).u8(192).u8(168).u8(1).u8(10));
     EXPECT_TRUE(test::logged("query by 001a.2b3c.4d5e success ,ip:192.168.1.10."));
     test::clear_log();
-    const outcome failed = exchange_item(row, 413, wire().zeros(12).u32(2005).to(36));
-    EXPECT_TRUE(test::logged("query by 001a.2b3c.4d5e fail ,ip:0.0.0.0."));
+    const outcome failed =
+        exchange_item(row, 413, wire().zeros(12).u32(2005).to(32).u8(10).u8(0).u8(0).u8(9));
+    EXPECT_TRUE(test::logged("query by 001a.2b3c.4d5e fail ,ip:10.0.0.9."));
     EXPECT_EQ(failed.memory, word_before);
+    test::clear_log();
+    exchange_item(row, 413, wire().zeros(12).u32(2005));
+    EXPECT_TRUE(test::logged("query by 001a.2b3c.4d5e fail ,ip:0.0.0.0."));
 }
 
 struct data_case {
