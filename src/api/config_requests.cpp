@@ -196,6 +196,7 @@ uint32_t scc_efacl_ctrl(const void* data, uint32_t data_bytes, uint32_t* call_id
     const std::size_t total = head_bytes + data_bytes;
     auto* sent = total > static_cast<std::size_t>(INT32_MAX) ? nullptr : static_cast<u8*>(std::malloc(total));
     if (sent == nullptr) {
+        SCC_LOG("scclib alloc memory failed.");
         _scc_lib_del_call_data(call.call_id());
         return result::no_memory;
     }
