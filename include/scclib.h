@@ -554,9 +554,9 @@ uint32_t scc_warterline_notify(int start);
 uint32_t scc_test_cmd_set(uint32_t command);
 /* Write the names of the binding owners in mask, joined by a slash, into buf of size bytes, in this order:
  * 0x2 AAA ip-auth-mode, 0x10 address-bind, 0x80 VRB, 0x20 DHCP snooping, 0x4 port-security, 0x8 web-authen.
- * Stops at a name that does not fit with one byte to spare for its slash; a slash in front of that name stays.
- * The text always ends with a null byte. Does nothing when buf is null or size below 1. Local: no message.
- * Returns nothing. */
+ * Stops at a name that does not fit with one byte to spare for its slash; a slash in front of that name
+ * stays. The text always ends with a null byte. Does nothing when buf is null or size below 1. Local: no
+ * message. Returns nothing. */
 void scc_bind_user_name_get(int mask, char *buf, int size);
 
 /* ---- synchronous queries ---------------------------------------------------------------------- */
