@@ -10,6 +10,9 @@ using namespace scc;
 namespace scc {
 namespace {
 
+constexpr std::size_t record_payload_offset = 8;
+constexpr std::size_t record_payload_bytes = record_payload_offset + record::config;
+
 constexpr exchange_row mac_query{msg::mac_query, msg::mac_query_ret, "SCC_LMSG_USER_MAC_QUERY_RET"};
 constexpr exchange_row port_addr_num{msg::port_addr_num, msg::port_addr_num_ret,
                                      "SCC_LMSG_PORT_SECU_ADDR_NUM_RET"};

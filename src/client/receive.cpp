@@ -77,17 +77,21 @@ u32 read_bytes(receiver& self, i32& fd) {
 }
 
 // Delivers the whole messages that have arrived. Call ids start again with a registration and bytes with a
-// connection: what is left of an earlier one is for nobody.
-u32 deliver_messages(receiver& self, i32 fd) {
+// connection: what is left of an earlier one is for nobody. A message that is refused is behind the stream
+// then, and those that came with it are not left for the next read, which may meet the connection's end.
+void deliver_messages(receiver& self, i32 fd) {
     for (;;) {
         void* message = nullptr;
-        const u32 error = self.stream.next(&message);
+        const u32 refusal = self.stream.next(&message);
         if (message == nullptr) {
-            return error;
+            if (refusal == result::ok) {
+                return;
+            }
+            continue;
         }
         if (!is_current(self.generation) || self.epoch != connection_epoch()) {
             _scc_msg_free(&message);
-            return result::ok;
+            return;
         }
         self.deliver(fd, message);
     }

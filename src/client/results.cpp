@@ -147,11 +147,11 @@ void deliver_result(u32 result, const pending_call& call) {
     row.deliver(result, call.call_id, saved);
 }
 
-// The handler first, then the cache.
-void complete(const pending_call& call, u32 result) {
-    deliver_result(result, call);
-    if (result == 0 && g_scc_client_cb.option.load(relaxed) != 0) {
-        _scc_lib_acl_update(&call);
+// The handler first, then the cache, which may keep the call's block: then it is no longer the caller's.
+void complete(pending_call*& call, u32 result) {
+    deliver_result(result, *call);
+    if (result == 0 && g_scc_client_cb.option.load(relaxed) != 0 && take_into_cache(call)) {
+        call = nullptr;
     }
 }
 
@@ -178,7 +178,7 @@ void result_run::deliver() {
         if (calls[i] == nullptr || epoch != connection_epoch()) {
             SCC_LOG("no such call id:%d in scc lib", call_ids_[i]);
         } else {
-            complete(*calls[i], results_[i]);
+            complete(calls[i], results_[i]);
         }
     }
     release_pending_calls(run);
