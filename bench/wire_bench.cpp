@@ -231,11 +231,17 @@ void throughput(const char* what, std::uint32_t value_bytes, answers how, std::u
     bench::print_ratio(std::string(what) + ", library", rates[1], rates[0], "/s", target);
 }
 
-void requests_and_results(int rounds) {
+void one_a_message(int rounds) {
     throughput("744-byte values, one result a message", 744, answers::one_a_message, 200000, "at least 0.95",
                rounds);
+}
+
+void together(int rounds) {
     throughput("744-byte values, a batch's results together", 744, answers::batch_together, 400000,
                "at least 0.70", rounds);
+}
+
+void all_together(int rounds) {
     throughput("744-byte values, all that arrived together", 744, answers::everything_together, 400000, "",
                rounds);
 }
@@ -339,7 +345,9 @@ struct part {
 };
 
 constexpr part parts[] = {
-    {"requests", requests_and_results},
+    {"one_a_message", one_a_message},
+    {"together", together},
+    {"all_together", all_together},
     {"small", small_requests},
     {"outstanding", many_outstanding},
     {"round_trips", round_trips},

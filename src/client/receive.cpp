@@ -50,6 +50,7 @@ struct receiver {
     deliver_message deliver;
     message_stream stream{};
     u32 epoch = any_epoch;  // of the connection that the stream's bytes came from
+    result_run results{};
 };
 
 // Waits for bytes of this registration's connection and reads them; fd is -1 when there is no socket.
@@ -85,16 +86,17 @@ void deliver_messages(receiver& self, i32 fd) {
         const u32 refusal = self.stream.next(&message);
         if (message == nullptr) {
             if (refusal == result::ok) {
-                return;
+                break;
             }
             continue;
         }
         if (!is_current(self.generation) || self.epoch != connection_epoch()) {
             _scc_msg_free(&message);
-            return;
+            break;
         }
-        self.deliver(fd, message);
+        self.deliver(fd, message, self.results);
     }
+    self.results.deliver();
 }
 
 // One pass: at most one read. The result is the pass's error.
@@ -131,8 +133,8 @@ bool recover(u32 error, u32 generation) {
 
 }  // namespace
 
-void dispatch_and_free(i32 /*fd*/, void* message) {
-    _scc_lib_async_msg_proc(load<u16>(message, 5), static_cast<u8*>(message) + wire::header_bytes);
+void dispatch_and_free(i32 /*fd*/, void* message, result_run& results) {
+    dispatch_items(load<u16>(message, 5), static_cast<u8*>(message) + wire::header_bytes, results);
     _scc_msg_free(&message);
 }
 
