@@ -35,8 +35,8 @@
 //   direct-vlan       value, vlans (a list of VLAN ids)
 //   authmode          mode
 //   dirchn            add, ip
-//   port-violate      user, add
-//   user-roll         user, roll_type
+//   port-violate      ifx, vid, mac, add
+//   user-roll         ifx, vid, mac, roll_type
 //   water-line        start                     the library drops it whatever its handler
 //   ace-counter       vdev, type, id, class, entries: [{"id","value"}]
 #pragma once

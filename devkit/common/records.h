@@ -44,7 +44,7 @@ inline constexpr std::size_t ipv6 = 32;     // 16 bytes
 inline constexpr std::size_t mask = 48;     // 16 bytes
 }  // namespace service_user
 
-// The 56-byte user record of flow, no-flow, violation, roll and user-change notifications.
+// The 56-byte user record of flow, no-flow and user-change notifications.
 namespace flow_user {
 inline constexpr std::size_t ipv4 = 8;     // u32, or 16 bytes of IPv6 (*)
 inline constexpr std::size_t mask = 24;    // u32, or 16 bytes (*)

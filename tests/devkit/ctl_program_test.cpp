@@ -349,12 +349,14 @@ TEST_F(sccctl, a_users_notification_shows_the_user) {
 }
 
 TEST_F(sccctl, watched_vlans_are_a_list_and_records_stand_in_braces) {
-    process watch(SCCCTL_PATH, {"watch", "--count", "3"}, directory());
+    process watch(SCCCTL_PATH, {"watch", "--count", "4"}, directory());
     ASSERT_EQ(watch.line(), "server-status status=1");
     ASSERT_EQ(run({"notify", "direct-vlan", "vlans=[5, 4094]"}).status, 0);
     EXPECT_EQ(watch.line(), "direct-vlan vlans=[5,4094]");
     ASSERT_EQ(run({"notify", "port-violate", "add=1", "ifx=7", "mac=00:11:22:33:44:55"}).status, 0);
     EXPECT_EQ(watch.line(), "port-violate add=1 violation={ifx=7,vid=0,mac=00:11:22:33:44:55}");
+    ASSERT_EQ(run({"notify", "user-roll", "vid=8", "mac=00:11:22:33:44:55", "roll_type=2"}).status, 0);
+    EXPECT_EQ(watch.line(), "user-roll user={ifx=0,vid=8,mac=00:11:22:33:44:55,roll_type=2}");
     ASSERT_EQ(run({"notify", "ace-counter", R"(entries=[{"id":1,"value":3},{"id":2,"value":4}])"}).status, 0);
     EXPECT_EQ(watch.line(),
               "ace-counter key={vdev=0,type=0,acl=0,class=0} count=2 "

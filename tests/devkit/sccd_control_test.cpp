@@ -98,7 +98,7 @@ TEST(SccdControl, ARefusalSaysWhatWouldHaveBeenRight) {
         {{{"do", "notify-named"}, {"name", "station-move"}, {"permitt", 1}},
          "no field 'permitt'; station-move takes permit"},
         {{{"do", "notify-named"}, {"name", "user-roll"}, {"port", 1}},
-         "no field 'port'; user-roll takes mac, ip, mask, ifx, vid, roll_type"},
+         "no field 'port'; user-roll takes ifx, vid, mac, roll_type"},
         {{{"do", "alive"}, {"app", 9}}, "no application 9 is registered"},
     };
 
@@ -168,8 +168,12 @@ TEST(SccdControl, EveryNamedNotificationHasTheLayoutThatTheLibraryReads) {
         {{{"name", "dirchn"}, {"ip", "1.2.3.4"}, {"add", true}},
          216,
          Value(12).raw(4, {1, 2, 3, 4}).u32(8, 1)},
-        {with_user({{"name", "port-violate"}, {"add", true}}), 217, with_user(64, 4).u8(60, 1)},
-        {with_user({{"name", "user-roll"}, {"roll_type", 3}}), 219, with_user(72, 8).u32(64, 3)},
+        {{{"name", "port-violate"}, {"add", true}, {"ifx", 4}, {"vid", 20}, {"mac", "02:00:00:00:00:09"}},
+         217,
+         Value(64).u32(4, 4).u16(8, 20).raw(10, mac).u8(60, 1)},
+        {{{"name", "user-roll"}, {"roll_type", 3}, {"ifx", 4}, {"vid", 20}, {"mac", "02:00:00:00:00:09"}},
+         219,
+         Value(24).u32(8, 4).u16(12, 20).raw(14, mac).u32(20, 3)},
         {{{"name", "water-line"}, {"start", true}}, 220, Value(4).u32(0, 1)},
         {{{"name", "ace-counter"},
           {"type", 3},
