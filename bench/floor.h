@@ -12,6 +12,9 @@ double floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64
 // Seconds of the median round trip of a 168-byte message and its 52-byte reply.
 double floor_round_trip(int rounds);
 
+// Seconds of the median way of one result: asked for on one socket, received by the other socket's thread.
+double floor_one_result(int rounds);
+
 // Lets a sender run that many ahead of what has been answered.
 class window {
   public:

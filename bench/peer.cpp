@@ -12,27 +12,18 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <random>
 #include <vector>
 
 #include "msg/bytes.h"
+#include "sockets.h"
 
 namespace bench {
 namespace {
 
 using namespace scc;
-
-void send_all(int fd, const u8* bytes, std::size_t length) {
-    while (length > 0) {
-        const ssize_t sent = send(fd, bytes, length, MSG_NOSIGNAL);
-        if (sent <= 0) {
-            _exit(0);
-        }
-        bytes += sent;
-        length -= static_cast<std::size_t>(sent);
-    }
-}
 
 // Collects what arrives on one socket and hands out whole messages.
 class reader {
@@ -141,25 +132,44 @@ struct server {
     int async;
     reader sync_in{sync};
     reader async_in{async};
-    std::vector<u32> held;
+    std::deque<u32> held;
+    u32 owed = 0;  // single results that were asked for before there was one
+    std::mt19937 random{1};
 
-    void release() {
-        if (options.held_order == order::descending) {
-            std::reverse(held.begin(), held.end());
-        } else if (options.held_order == order::random) {
-            std::shuffle(held.begin(), held.end(), std::mt19937{1});
+    u32 take_next() {
+        if (options.held_order == order::random) {
+            std::swap(held.front(), held[random() % held.size()]);
         }
-        results out(true);
-        std::size_t waiting = 0;
-        for (const u32 call_id : held) {
-            out.add(call_id);
-            if (++waiting == 500) {
+        const bool from_the_back = options.held_order == order::descending;
+        const u32 call_id = from_the_back ? held.back() : held.front();
+        from_the_back ? held.pop_back() : held.pop_front();
+        return call_id;
+    }
+
+    void release(std::size_t count, bool together) {
+        constexpr std::size_t most_a_message = 500;
+        results out(together);
+        for (std::size_t i = 1; i <= count; ++i) {
+            out.add(take_next());
+            if (i % most_a_message == 0 || i == count) {
                 out.send_to(async);
-                waiting = 0;
             }
         }
-        out.send_to(async);
-        held.clear();
+    }
+
+    void release_owed() {
+        const std::size_t now = std::min<std::size_t>(owed, held.size());
+        owed -= static_cast<u32>(now);
+        release(now, true);
+    }
+
+    void on_water_line(u32 what) {
+        if (what == 0) {
+            ++owed;
+            release_owed();
+        } else {
+            release(held.size(), what == 1);
+        }
     }
 
     void serve_sync() {
@@ -172,7 +182,7 @@ struct server {
             } else if (type == msg::unregistration) {
                 reply(sync, msg::unregistration, 8);
             } else if (type == msg::water_line) {
-                release();
+                on_water_line(load<u32>(message.data(), 16));
             }
         }
     }
@@ -197,6 +207,7 @@ struct server {
             }
         }
         out.send_to(async);
+        release_owed();
     }
 
     [[noreturn]] void run() {
@@ -254,7 +265,7 @@ peer::peer(const peer_options& options) {
     const int async = accept(listener, nullptr, nullptr);
     answer_registration(sync);
     answer_registration(async);
-    server{options, sync, async, reader{sync}, reader{async}, {}}.run();
+    server{options, sync, async, reader{sync}, reader{async}, {}, 0, std::mt19937{1}}.run();
 }
 
 peer::~peer() {

@@ -12,7 +12,9 @@ enum class answers {
     one_a_message,        // each result is a message of its own
     batch_together,       // the results of one received message are one message
     everything_together,  // the results of everything that has arrived are one message
-    hold,                 // nothing, until the water line is notified; then all in the order of `order`
+    // Nothing, until the water line is notified: 0 lets the next one of `order` go, 1 all of them, 500 a
+    // message, and 2 all of them, each a message of its own.
+    hold,
 };
 
 enum class order { ascending, descending, random };

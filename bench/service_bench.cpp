@@ -18,10 +18,13 @@
 #include "peer.h"
 #include "rounds.h"
 #include "scclib.h"
+#include "sockets.h"
 
 namespace {
 
 using namespace scc;
+using bench::receive_exactly;
+using bench::send_all;
 
 constexpr u32 operations = 200000;
 constexpr u32 value_bytes = 140;
@@ -39,28 +42,6 @@ int answer_at_once(scc_ss_acl_operation* operation) {
     operation->op = SCC_SS_OP_CREATE;
     operation->callback(operation, sizeof *operation);
     return 0;
-}
-
-void send_all(int fd, const u8* bytes, std::size_t length) {
-    while (length > 0) {
-        const ssize_t sent = send(fd, bytes, length, MSG_NOSIGNAL);
-        if (sent <= 0) {
-            _exit(1);
-        }
-        bytes += sent;
-        length -= static_cast<std::size_t>(sent);
-    }
-}
-
-void receive_exactly(int fd, u8* bytes, std::size_t length) {
-    while (length > 0) {
-        const ssize_t got = recv(fd, bytes, length, 0);
-        if (got <= 0) {
-            _exit(1);
-        }
-        bytes += got;
-        length -= static_cast<std::size_t>(got);
-    }
 }
 
 std::vector<u8> receive_message(int fd) {

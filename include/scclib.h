@@ -763,9 +763,10 @@ struct scc_ss_user {
 };
 
 /* What the service registers with: 26 handlers. A handler that is missing is answered with success.
- * Handlers return 0 when they accepted the operation. They run on the library's processing thread, one
- * at a time; those that take a record, data_recover and user_read with the library's lock held, so they
- * must not call other functions of this header than the record's callback. */
+ * Handlers return 0 when they accepted the operation. server_status runs on the receive thread, all others
+ * on the processing thread, one at a time; those that take a record, data_recover and user_read with the
+ * library's lock held, so they must not call other functions of this header than the record's callback.
+ * What a pointer argument points to lives for the call. */
 struct scc_ss_reg_info {
     void (*server_status)(uint32_t status);                                    /*  0 */
     int (*acl_create)(struct scc_ss_acl_operation *operation);                 /*  1: message 131 */

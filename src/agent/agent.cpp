@@ -197,7 +197,8 @@ int _scc_lib_agent_read(struct qx_thread* /*task*/) {
     void* message = nullptr;
     const u32 error = _scc_lib_msg_recv(&message, 0);
     if (error == result::ok) {
-        dispatch_and_free(-1, message);
+        _scc_lib_async_msg_proc(load<u16>(message, 5), static_cast<u8*>(message) + wire::header_bytes);
+        _scc_msg_free(&message);
         schedule_read(epoch);  // unless a handler ended the registration, or found the connection dead
         return 0;
     }

@@ -47,7 +47,7 @@ u32 acl_request(const request_row& row, const scc_acl_key* key, u32 operation, u
         sent.put(20, g_scc_client_cb.pid.load(relaxed)).put(24, g_scc_client_cb.app_id.load(relaxed));
         std::memcpy(sent.bytes.data() + 28, g_scc_client_cb.process_name, record::process_name_field);
     }
-    return call.finish(bytes_of(*key), sent.bytes);
+    return call.finish(bytes_of(*key), {sent.bytes});
 }
 
 struct saved_ace {
@@ -72,7 +72,7 @@ u32 ace_request(const request_row& row, const scc_acl_key* key, const scc_ace_re
     const saved_ace saved{*key, *ace};
     payload<944> sent(call.call_id());
     sent.put(4, *key).put(24, *ace).put(936, operation);
-    return call.finish(bytes_of(saved), sent.bytes);
+    return call.finish(bytes_of(saved), {sent.bytes});
 }
 
 // An apply type of 0 is replaced in the caller's own record, also when the call fails afterwards.
@@ -97,7 +97,7 @@ u32 apply_request(const request_row& row, scc_acl_apply_record* record, u32 oper
     }
     payload<248> sent(call.call_id());
     sent.put(8, *record).put(240, operation);
-    return call.finish(bytes_of(*record), sent.bytes);
+    return call.finish(bytes_of(*record), {sent.bytes});
 }
 
 // A read of one cached ACL: the locks in their order, and the tests that every read makes.

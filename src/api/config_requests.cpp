@@ -113,7 +113,7 @@ uint32_t scc_cpp_set(int type, uint8_t enable, uint32_t* call_id_out) {
     saved[4] = enable;
     payload<12> sent(call.call_id());
     sent.put(4, enable).put(8, type);
-    return call.finish(saved, sent.bytes);
+    return call.finish(saved, {sent.bytes});
 }
 
 uint32_t scc_nac_nbr_set(const struct scc_neighbour_record* record, uint8_t flag, uint32_t* call_id_out) {
@@ -130,7 +130,7 @@ uint32_t scc_nac_nbr_set(const struct scc_neighbour_record* record, uint8_t flag
     saved[record::neighbour] = flag;
     payload<928> sent(call.call_id());
     sent.put(8, *record).put(8 + record::neighbour, flag);
-    return call.finish(saved, sent.bytes);
+    return call.finish(saved, {sent.bytes});
 }
 
 // The payload itself, call id included, is what the result gets.
@@ -141,7 +141,7 @@ uint32_t scc_offline_detect_cfg(int open, uint32_t interval, uint32_t threshold,
     }
     payload<16> sent(call.call_id());
     sent.put(4, open).put(8, interval).put(12, threshold);
-    return call.finish(sent.bytes, sent.bytes);
+    return call.finish(sent.bytes, {sent.bytes});
 }
 
 uint32_t scc_direct_vlan_set(int value, const struct scc_vlan_record* vlans, uint32_t* call_id_out) {
@@ -154,7 +154,7 @@ uint32_t scc_direct_vlan_set(int value, const struct scc_vlan_record* vlans, uin
     }
     payload<8 + record::direct_vlan> sent(call.call_id());
     sent.put(4, value).put(8, *vlans);
-    return call.finish(sent.bytes, sent.bytes);
+    return call.finish(sent.bytes, {sent.bytes});
 }
 
 // The form is looked at behind the state test, and the call id is used up: deliberate.
@@ -175,9 +175,8 @@ uint32_t scc_dhcp_snooping_set(const struct scc_config_record* record, uint32_t*
     if (record->form == second_form) {
         call.become({msg::dhcp_snooping_second, 52});
     }
-    payload<record_payload_bytes> sent(call.call_id());
-    sent.put(record_payload_offset, *record);
-    return call.finish(bytes_of(*record), sent.bytes);
+    const record_head head(call.call_id());
+    return call.finish(bytes_of(*record), {head.bytes, bytes_of(*record)});
 }
 
 uint32_t scc_efacl_ctrl(const void* data, uint32_t data_bytes, uint32_t* call_id_out) {
@@ -189,21 +188,9 @@ uint32_t scc_efacl_ctrl(const void* data, uint32_t data_bytes, uint32_t* call_id
     if (!call.begin()) {
         return result::unavailable;
     }
-    if (const u32 error = call.save({static_cast<const u8*>(data), data_bytes}); error != result::ok) {
-        return error;
-    }
-    constexpr std::size_t head_bytes = 8;
-    const std::size_t total = head_bytes + data_bytes;
-    auto* sent = total > static_cast<std::size_t>(INT32_MAX) ? nullptr : static_cast<u8*>(std::malloc(total));
-    if (sent == nullptr) {
-        _scc_lib_del_call_data(call.call_id());
-        return result::no_memory;
-    }
-    store<u32>(sent, 0, call.call_id());
-    store<u32>(sent, 4, data_bytes);
-    std::memcpy(sent + head_bytes, data, data_bytes);
-    const u32 error = call.send({sent, total});
-    std::free(sent);
-    return error;
+    payload<8> head(call.call_id());
+    head.put(4, data_bytes);
+    const std::span bytes(static_cast<const u8*>(data), data_bytes);
+    return call.finish(bytes, {head.bytes, bytes});
 }
 }

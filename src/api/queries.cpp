@@ -10,6 +10,9 @@ using namespace scc;
 namespace scc {
 namespace {
 
+constexpr std::size_t record_payload_offset = 8;
+constexpr std::size_t record_payload_bytes = record_payload_offset + record::config;
+
 constexpr exchange_row mac_query{msg::mac_query, msg::mac_query_ret, "SCC_LMSG_USER_MAC_QUERY_RET"};
 constexpr exchange_row port_addr_num{msg::port_addr_num, msg::port_addr_num_ret,
                                      "SCC_LMSG_PORT_SECU_ADDR_NUM_RET"};
@@ -81,7 +84,8 @@ uint32_t scc_mac_query(const uint8_t* mac, uint32_t* ip) {
     }
     u32 outcome = 0;
     u32 address = 0;
-    if (!exchange.read(12, outcome) || (outcome == 0 && !exchange.read(32, address))) {
+    const bool has_address = exchange.read(32, address);
+    if (!exchange.read(12, outcome) || (outcome == 0 && !has_address)) {
         return result::format;
     }
     if (outcome == 0) {

@@ -21,16 +21,12 @@ bool request::begin() {
     return true;
 }
 
-u32 request::save(std::span<const u8> saved) {
-    return _scc_lib_save_call_data(call_id_, row_.kind, saved.data(), static_cast<int>(saved.size()));
-}
-
-u32 request::send(std::span<const u8> payload) {
+u32 request::send(const value_parts& payload) {
     // The connection ended behind the state test, and its calls were dropped: so is this one.
     if (epoch_of_this_thread() != connection_epoch()) {
         _scc_lib_del_call_data(call_id_);
     }
-    const u32 error = _scc_lib_msg_send(row_.type, payload.data(), static_cast<int>(payload.size()), 0);
+    const u32 error = send_in_batch(0, row_.type, payload);
     if (error != result::ok) {
         _scc_lib_del_call_data(call_id_);
     }
@@ -43,8 +39,9 @@ u32 request::send(std::span<const u8> payload) {
     return error;
 }
 
-u32 request::finish(std::span<const u8> saved, std::span<const u8> payload) {
-    const u32 error = save(saved);
+u32 request::finish(std::span<const u8> saved, const value_parts& payload) {
+    const u32 error =
+        _scc_lib_save_call_data(call_id_, row_.kind, saved.data(), static_cast<int>(saved.size()));
     return error != result::ok ? error : send(payload);
 }
 
@@ -57,9 +54,8 @@ u32 record_request(const request_row& row, const scc_config_record* record, u32*
     if (!call.begin()) {
         return result::unavailable;
     }
-    payload<record_payload_bytes> sent(call.call_id());
-    sent.put(record_payload_offset, *record);
-    return call.finish(bytes_of(*record), sent.bytes);
+    const record_head head(call.call_id());
+    return call.finish(bytes_of(*record), {head.bytes, bytes_of(*record)});
 }
 
 }  // namespace scc

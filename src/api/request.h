@@ -52,14 +52,13 @@ class request {
     [[nodiscard]] bool begin();
     [[nodiscard]] u32 call_id() const { return call_id_; }
     // Saves the data and sends the payload.
-    [[nodiscard]] u32 finish(std::span<const u8> saved, std::span<const u8> payload);
-    // The two halves of finish.
-    [[nodiscard]] u32 save(std::span<const u8> saved);
-    [[nodiscard]] u32 send(std::span<const u8> payload);
+    [[nodiscard]] u32 finish(std::span<const u8> saved, const value_parts& payload);
     // The row may be chosen late.
     void become(const request_row& row) { row_ = row; }
 
   private:
+    [[nodiscard]] u32 send(const value_parts& payload);
+
     request_row row_;
     u32* call_id_out_;
     u32 call_id_ = 0;
@@ -135,11 +134,11 @@ template <class... Fields>
     ((field<Fields>::save(save_at, fields), save_at += field<Fields>::saved_bytes,
       field<Fields>::fill(fill_at, fields), fill_at += field<Fields>::slot_bytes),
      ...);
-    return call.finish(saved, sent.bytes);
+    return call.finish(saved, {sent.bytes});
 }
 
-inline constexpr std::size_t record_payload_offset = 8;
-inline constexpr std::size_t record_payload_bytes = record_payload_offset + record::config;
+// What stands in front of a record in its payload: the call id and 4 zero bytes.
+using record_head = payload<8>;
 
 // A request that carries the caller's 736-byte record behind a gap of 4 zero bytes.
 [[nodiscard]] u32 record_request(const request_row& row, const scc_config_record* record, u32* call_id_out);

@@ -57,9 +57,8 @@ u32 user_request(request_row row, const scc_user_record* record, bool counted, u
     }
     scc_user_record adjusted = *record;
     adjust_mask(adjusted);
-    payload<record_payload_bytes> sent(call.call_id());
-    sent.put(record_payload_offset, adjusted);
-    return call.finish(bytes_of(*record), sent.bytes);
+    const record_head head(call.call_id());
+    return call.finish(bytes_of(*record), {head.bytes, bytes_of(adjusted)});
 }
 
 }  // namespace

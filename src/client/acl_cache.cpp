@@ -11,7 +11,7 @@
 #include "client/log.h"
 #include "msg/bytes.h"
 #include "msg/result_codes.h"
-#include "util/bucket_table.h"
+#include "util/key_index.h"
 
 using namespace scc;
 
@@ -23,31 +23,33 @@ namespace scc {
 namespace {
 
 constexpr u32 unnumbered_from = 0x7FFFFFFF;  // these keep their number in a resequence
-constexpr std::size_t first_index_buckets = 256;
+constexpr std::size_t first_index_slots = 256;
+constexpr i32 saved_ace_bytes = sizeof(scc_acl_key) + sizeof(scc_ace_record);
 
-cached_acl* acl_of_index(list_node* node) {
-    return reinterpret_cast<cached_acl*>(reinterpret_cast<u8*>(node) - offsetof(cached_acl, index_link));
+// What identifies an ACL: its class is left out.
+struct acl_identity {
+    u32 vdev_id;
+    u32 app_type;
+    u32 acl_id;
+
+    bool operator==(const acl_identity&) const = default;
+};
+
+acl_identity identity_of(const scc_acl_key& key) {
+    return {key.vdev_id, key.app_type, key.acl_id};
 }
 
-u64 mixed(const scc_acl_key& key) {
-    u64 hash = key.acl_id * 0x9E3779B97F4A7C15ULL;
-    hash ^= (u64{key.app_type} << 32U | key.vdev_id) * 0xC2B2AE3D27D4EB4FULL;
+u64 mixed(const acl_identity& id) {
+    u64 hash = id.acl_id * 0x9E3779B97F4A7C15ULL;
+    hash ^= (u64{id.app_type} << 32U | id.vdev_id) * 0xC2B2AE3D27D4EB4FULL;
     return hash ^ hash >> 29U;
-}
-
-u64 index_hash(const list_node* node) {
-    return mixed(acl_of_index(const_cast<list_node*>(node))->key);
-}
-
-bool same_acl(const scc_acl_key& left, const scc_acl_key& right) {
-    return left.vdev_id == right.vdev_id && left.app_type == right.app_type && left.acl_id == right.acl_id;
 }
 
 struct acl_cache {
     std::array<list_node, acl_buckets> buckets;
     u64 count;
     bool ready;
-    bucket_table<index_hash, first_index_buckets> index;
+    key_index<acl_identity, cached_acl, mixed, first_index_slots> index;
 };
 
 }  // namespace
@@ -86,7 +88,7 @@ void free_acl(cached_acl* acl) {
         std::free(ace);
     }
     list_del(&acl->bucket_link);
-    cache().index.erase(&acl->index_link);
+    cache().index.erase(identity_of(acl->key));
     --cache().count;
     std::free(acl);
 }
@@ -100,6 +102,10 @@ cached_ace* first_behind(cached_acl& acl, u32 sn, bool or_equal) {
     const auto is_behind = [&](const cached_ace* ace) {
         return or_equal ? ace->record.sn >= sn : ace->record.sn > sn;
     };
+    // Most ACLs are written from the front: nothing is behind when the last one is not.
+    if (acl.out_of_order == 0 && !list_empty(&acl.aces) && !is_behind(ace_of_link(acl.aces.prev))) {
+        return nullptr;
+    }
     if (acl.out_of_order != 0) {
         for (list_node* link = acl.aces.next; link != &acl.aces; link = link->next) {
             if (is_behind(ace_of_link(link))) {
@@ -129,9 +135,11 @@ void insert_before(cached_acl& acl, cached_ace* ace, cached_ace* successor) {
     rb_node* parent = nullptr;
     rb_node** link = &acl.places.node;
     if (successor == nullptr) {
+        if (!list_empty(&acl.aces)) {
+            parent = &ace_of_link(acl.aces.prev)->place;
+            link = &parent->right;
+        }
         list_add_tail(&ace->record.link, &acl.aces);
-        parent = rightmost(acl.places.node);
-        link = parent == nullptr ? link : &parent->right;
     } else {
         list_add_tail(&ace->record.link, &successor->record.link);
         parent = &successor->place;
@@ -144,6 +152,24 @@ void insert_before(cached_acl& acl, cached_ace* ace, cached_ace* successor) {
     scc_rb_link_node(&ace->place, parent, link);
     scc_rb_insert_color(&ace->place, &acl.places);
     ++acl.ace_count;
+}
+
+// Behind those with the same number.
+void insert_in_order(cached_acl& acl, cached_ace* ace) {
+    insert_before(acl, ace, first_behind(acl, ace->record.sn, false));
+    list_node* next = ace->record.link.next;
+    if (next != &acl.aces && ace_of_link(next)->record.sn < ace->record.sn) {
+        acl.out_of_order = 1;
+    }
+}
+
+// The ACL that a change is meant for; null, and said so, when there is none. scc_acl_lock held.
+cached_acl* find_acl(const scc_acl_key& key) {
+    cached_acl* acl = _scc_acl_get(&key);
+    if (acl == nullptr) {
+        SCC_LOG("specific acl not found!!!");
+    }
+    return acl;
 }
 
 void renumber(cached_acl& acl, u32 sn_start, u32 sn_inc) {
@@ -175,7 +201,7 @@ std::size_t bytes_needed(u32 call_kind) {
     switch (call_kind) {
         case kind::acl_add_ace:
         case kind::acl_delete_ace:
-            return sizeof(scc_acl_key) + sizeof(scc_ace_record);
+            return saved_ace_bytes;
         case kind::acl_resequence:
             return sizeof(scc_acl_key) + 2 * sizeof(u32);
         default:
@@ -236,6 +262,21 @@ cached_ace* find_ace(cached_acl& acl, u32 sn) {
     return ace != nullptr && ace->record.sn == sn ? ace : nullptr;
 }
 
+bool take_into_cache(pending_call* call) {
+    if (call->kind != kind::acl_add_ace || call->data_bytes != saved_ace_bytes) {
+        _scc_lib_acl_update(call);
+        return false;
+    }
+    const write_guard guard(scc_acl_lock);
+    auto* ace = reinterpret_cast<cached_ace*>(call);
+    cached_acl* acl = find_acl(ace->key);
+    if (acl == nullptr) {
+        return false;
+    }
+    insert_in_order(*acl, ace);
+    return true;
+}
+
 u64 capability_word() {
     return g_scc_client_data.capability.load(std::memory_order_relaxed);
 }
@@ -275,9 +316,7 @@ u32 _acl_hash_idx_get(const scc_acl_key* key) {
 }
 
 cached_acl* _scc_acl_get(const scc_acl_key* key) {
-    list_node* node = cache().index.find(
-        mixed(*key), [key](list_node* candidate) { return same_acl(acl_of_index(candidate)->key, *key); });
-    return node == nullptr ? nullptr : acl_of_index(node);
+    return cache().index.find(identity_of(*key));
 }
 
 void _scc_lib_acl_add(const scc_acl_key* key) {
@@ -295,12 +334,15 @@ void _scc_lib_acl_add(const scc_acl_key* key) {
         SCC_LOG("alloc memory failed!!!");
         return;
     }
+    if (!cache().index.insert(identity_of(*key), acl)) {
+        SCC_LOG("alloc memory failed!!!");
+        std::free(acl);
+        return;
+    }
     std::memset(acl, 0, sizeof *acl);
     acl->key = *key;
     INIT_LIST_HEAD(&acl->aces);
     list_add_tail(&acl->bucket_link, &cache().buckets[_acl_hash_idx_get(key)]);
-    cache().index.insert(&acl->index_link);
-    cache().index.grow_if_crowded();
     ++cache().count;
 }
 
@@ -310,9 +352,8 @@ void _scc_lib_acl_del(const scc_acl_key* key) {
         return;
     }
     const write_guard guard(scc_acl_lock);
-    cached_acl* acl = _scc_acl_get(key);
+    cached_acl* acl = find_acl(*key);
     if (acl == nullptr) {
-        SCC_LOG("specific acl not found!!!");
         return;
     }
     free_acl(acl);
@@ -324,9 +365,8 @@ void _scc_lib_ace_add(const scc_acl_key* key, const scc_ace_record* ace) {
         return;
     }
     const write_guard guard(scc_acl_lock);
-    cached_acl* acl = _scc_acl_get(key);
+    cached_acl* acl = find_acl(*key);
     if (acl == nullptr) {
-        SCC_LOG("specific acl not found!!!");
         return;
     }
     auto* copy = static_cast<cached_ace*>(std::malloc(sizeof(cached_ace)));
@@ -335,11 +375,7 @@ void _scc_lib_ace_add(const scc_acl_key* key, const scc_ace_record* ace) {
         return;
     }
     std::memcpy(&copy->record, ace, sizeof copy->record);
-    insert_before(*acl, copy, first_behind(*acl, copy->record.sn, false));
-    if (copy->record.link.next != &acl->aces &&
-        ace_of_link(copy->record.link.next)->record.sn < copy->record.sn) {
-        acl->out_of_order = 1;
-    }
+    insert_in_order(*acl, copy);
 }
 
 void _scc_lib_ace_del(const scc_acl_key* key, const scc_ace_record* ace) {
@@ -348,9 +384,8 @@ void _scc_lib_ace_del(const scc_acl_key* key, const scc_ace_record* ace) {
         return;
     }
     const write_guard guard(scc_acl_lock);
-    cached_acl* acl = _scc_acl_get(key);
+    cached_acl* acl = find_acl(*key);
     if (acl == nullptr) {
-        SCC_LOG("specific acl not found!!!");
         return;
     }
     // The caller's record may lie unaligned in saved data.
@@ -379,9 +414,8 @@ void _scc_lib_acl_reseq(const scc_acl_key* key, u32 sn_start, u32 sn_inc) {
         return;
     }
     const write_guard guard(scc_acl_lock);
-    cached_acl* acl = _scc_acl_get(key);
+    cached_acl* acl = find_acl(*key);
     if (acl == nullptr) {
-        SCC_LOG("specific acl not found!!!");
         return;
     }
     renumber(*acl, sn_start, sn_inc);

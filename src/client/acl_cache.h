@@ -13,9 +13,12 @@
 
 namespace scc {
 
-// One cached ACE: its place in the ordering tree, then the record, whose first 16 bytes link the list.
+// One cached ACE: its place in the ordering tree, and the record, whose first 16 bytes link the list. It is
+// the block of the call that added it, whose head and key give way to the place, so that nothing is copied.
 struct cached_ace {
     rb_node place;
+    u8 unused[pending_call::head_bytes - sizeof(rb_node)];
+    scc_acl_key key;
     scc_ace_record record;
 };
 
@@ -26,14 +29,15 @@ struct cached_acl {
     u64 ace_count;
     u32 sn_start;
     u32 sn_inc;
-    list_node index_link;  // chain of the index
-    rb_root places;        // of cached_ace::place, in the order of the list
-    u64 out_of_order;      // 1 once a resequence put numbers out of ascending order
-    u8 reserve[136];
+    rb_root places;    // of cached_ace::place, in the order of the list
+    u64 out_of_order;  // 1 once a resequence put numbers out of ascending order
+    u8 reserve[152];
 };
 
 static_assert(sizeof(cached_acl) == 232);
 static_assert(sizeof(scc_ace_record) == record::ace);
+static_assert(offsetof(cached_ace, key) == pending_call::head_bytes);
+static_assert(offsetof(cached_ace, record) == pending_call::head_bytes + record::acl_key);
 static_assert(offsetof(scc_ace_record, sn) == 220);
 static_assert(offsetof(scc_ace_record, ace_id) == 224);
 
@@ -51,6 +55,10 @@ void free_acl_cache();
 [[nodiscard]] list_node* acl_bucket(u32 i);  // scc_acl_lock held
 // The first cached ACE with this number, in list order; null when there is none. scc_acl_lock held.
 [[nodiscard]] cached_ace* find_ace(cached_acl& acl, u32 sn);
+
+// What a confirmed call changes in the cache, as _scc_lib_acl_update; true when the call's block has become
+// the cache's, so that the caller must not release it.
+[[nodiscard]] bool take_into_cache(pending_call* call);
 
 [[nodiscard]] u64 capability_word();
 void set_capability_word(u64 word);

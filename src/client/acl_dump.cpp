@@ -1,5 +1,6 @@
 // The debug display of the ACL cache. Always written, whatever the debug switch says, without the usual
-// line prefix; its texts, blanks and lengths of lines are what the switch's tools read.
+// line prefix; its texts, blanks and lengths of lines are what the switch's tools read. The totals have a
+// blank line behind them in the display of all ACLs and nowhere else: deliberate.
 #include "client/acl_cache.h"
 #include "client/log.h"
 #include "msg/bytes.h"
@@ -48,7 +49,7 @@ void show_everything() {
 // The second line of dashes is one longer than the header's: deliberate.
 void show_counts() {
     SCC_SHOW("================== scclib acl summary info ===================");
-    SCC_SHOW("Total acl num:%lu\n", cached_acl_count());
+    SCC_SHOW("Total acl num:%lu", cached_acl_count());
     SCC_SHOW("hash-id acl-num   ace-num   ");
     SCC_SHOW("------------------");
     u64 all_aces = 0;
@@ -64,13 +65,13 @@ void show_counts() {
         all_aces += aces;
     }
     SCC_SHOW("-------------------");
-    SCC_SHOW("Total ace num:%lu\n", all_aces);
+    SCC_SHOW("Total ace num:%lu", all_aces);
     SCC_SHOW("==========================end============================");
 }
 
 void show_one(u32 vdev_id, u32 app_type, u32 acl_id) {
     SCC_SHOW("================= scclib specific acl info ================");
-    SCC_SHOW("Total acl num:%lu\n", cached_acl_count());
+    SCC_SHOW("Total acl num:%lu", cached_acl_count());
     SCC_SHOW("%s", acl_columns);
     SCC_SHOW("%s", acl_line);
     u64 number = 0;

@@ -9,7 +9,6 @@
 #include "client/log.h"
 #include "client/notifications.h"
 #include "client/replies.h"
-#include "client/results.h"
 #include "msg/bytes.h"
 
 using namespace scc;
@@ -81,17 +80,10 @@ void process(const item& received) {
 }
 
 }  // namespace
-}  // namespace scc
 
-extern "C" void _scc_lib_async_msg_proc(u32 count, const void* first) {
-    const auto items = static_cast<u16>(count);
-    if (items == 0 || first == nullptr) {
-        SCC_LOG("input param invalid. tlv_num(%d).", items);
-        return;
-    }
-    item_reader reader(items, first);
+void dispatch_items(u16 count, const void* first, result_run& results) {
+    item_reader reader(count, first);
     item received;
-    result_run results;
     while (reader.next(received)) {
         if (received.type == msg::call_ret && received.value.size() >= result_bytes) {
             results.add(received.value.data());
@@ -100,5 +92,17 @@ extern "C" void _scc_lib_async_msg_proc(u32 count, const void* first) {
         results.deliver();
         process(received);
     }
+}
+
+}  // namespace scc
+
+extern "C" void _scc_lib_async_msg_proc(u32 count, const void* first) {
+    const auto items = static_cast<u16>(count);
+    if (items == 0 || first == nullptr) {
+        SCC_LOG("input param invalid. tlv_num(%d).", items);
+        return;
+    }
+    result_run results;
+    dispatch_items(items, first, results);
     results.deliver();
 }

@@ -1,6 +1,15 @@
 // Routes the items of one received message, in the order of the wire.
 #pragma once
 
+#include "client/results.h"
 #include "msg/protocol.h"
 
 extern "C" void _scc_lib_async_msg_proc(scc::u32 count, const void* first);
+
+namespace scc {
+
+// The same, but for results at the end of the message: they wait in the run for those of the next message,
+// or for the caller to deliver them.
+void dispatch_items(u16 count, const void* first, result_run& results);
+
+}  // namespace scc

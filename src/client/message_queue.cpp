@@ -1,5 +1,6 @@
 #include "client/message_queue.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <ctime>
 
@@ -15,6 +16,36 @@ constinit list_node g_scc_lib_msg_q{};
 
 namespace scc {
 namespace {
+
+// Small blocks that one thread allocates and another frees stay in the allocator's own lists. The free of a
+// large block makes it join them and give the end of its heap back to the system. So a queue that grows
+// long takes such a block along, and lets it go once it is empty and its messages have been freed.
+constexpr u32 long_queue_messages = 1024;
+constexpr std::size_t large_block_bytes = 96 * 1024;  // large for a free, small enough not to be mapped
+
+constinit u32 g_waiting = 0;                          // g_scc_lib_msg_mutex
+constinit std::atomic<void*> g_large_block{nullptr};  // written under g_scc_lib_msg_mutex
+
+void take_large_block() {
+    if (g_large_block.load(std::memory_order_relaxed) == nullptr) {
+        g_large_block.store(std::malloc(large_block_bytes), std::memory_order_relaxed);
+    }
+}
+
+// For the thread that frees the messages, before it looks for the next one.
+void give_memory_back() {
+    if (g_large_block.load(std::memory_order_relaxed) == nullptr) {
+        return;
+    }
+    void* block = nullptr;
+    {
+        const mutex_guard guard(g_scc_lib_msg_mutex);
+        if (g_waiting == 0) {
+            block = g_large_block.exchange(nullptr, std::memory_order_relaxed);
+        }
+    }
+    std::free(block);
+}
 
 // The first caller makes the condition and the list; later ones find a processing thread that may be
 // waiting on them, so they are left alone. A start without memory for the batch makes neither, and its
@@ -49,11 +80,15 @@ bool enqueue_message(i32 fd, void* message) {
     const mutex_guard guard(g_scc_lib_msg_mutex);
     make_queue_once();
     list_add_tail(&node->link, &g_scc_lib_msg_q);
+    if (++g_waiting == long_queue_messages) {
+        take_large_block();
+    }
     pthread_cond_signal(&g_scc_lib_msg_cond);
     return true;
 }
 
 scc_lib_msg_node* dequeue_message() {
+    give_memory_back();
     const mutex_guard guard(g_scc_lib_msg_mutex);
     make_queue_once();
     timespec deadline{};
@@ -67,6 +102,7 @@ scc_lib_msg_node* dequeue_message() {
     }
     auto* node = reinterpret_cast<scc_lib_msg_node*>(g_scc_lib_msg_q.next);
     list_del(&node->link);
+    --g_waiting;
     return node;
 }
 

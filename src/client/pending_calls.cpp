@@ -1,6 +1,8 @@
-// See pending_calls.h. Blocks of delivered calls are kept for the next requests of the same size, up to a
-// bound: the receive thread then frees nothing and the requesting thread allocates nothing, which is most
-// of what an allocator shared by two threads costs. The checker gives them back once requests pause.
+// See pending_calls.h. A requesting thread and the receive thread meet in two rings, so that neither waits
+// for the other: a saved call goes to the index through one, by the hand of whoever looks a call up next,
+// and the block of a delivered call comes back through the other for a request of the same size. The
+// requesting thread then allocates nothing and the receive thread frees nothing, which is most of what an
+// allocator shared by two threads costs. The checker frees what came back once requests pause.
 #include "client/pending_calls.h"
 
 #include <cstdlib>
@@ -10,6 +12,7 @@
 #include "client/log.h"
 #include "msg/result_codes.h"
 #include "util/bucket_table.h"
+#include "util/handoff_ring.h"
 
 using namespace scc;
 
@@ -17,7 +20,8 @@ namespace scc {
 namespace {
 
 constexpr std::size_t first_buckets = 1024;
-constexpr u32 spare_blocks_max = 8192;
+constexpr std::size_t incoming_calls_max = 1024;
+constexpr std::size_t spare_blocks_max = 8192;
 
 u64 hash_of(const list_node* node) {
     return reinterpret_cast<const pending_call*>(node)->call_id;
@@ -34,24 +38,10 @@ constinit bucket_table<hash_of, first_buckets> g_scc_lib_call_lst{};
 namespace scc {
 namespace {
 
-struct spare_blocks {
-    pending_call* first = nullptr;  // chained through link.next
-    i32 data_bytes = 0;             // all are of this size
-    u32 count = 0;
-    bool used_since_check = false;
-};
-
-// scc_call_data_lock guards both.
-constinit spare_blocks g_spare{};
-
-void free_spare_blocks() {
-    while (g_spare.first != nullptr) {
-        pending_call* block = g_spare.first;
-        g_spare.first = reinterpret_cast<pending_call*>(block->link.next);
-        std::free(block);
-    }
-    g_spare.count = 0;
-}
+// Saved and not yet in the index. Given to under scc_lib_lock, taken from under scc_call_data_lock.
+constinit handoff_ring<pending_call*, incoming_calls_max> g_incoming{};
+// Blocks of delivered calls. Given to under scc_call_data_lock, taken from under scc_lib_lock.
+constinit handoff_ring<pending_call*, spare_blocks_max> g_spare{};
 
 // The lock for a moment: the two threads that share it hold it so shortly that looking again is cheaper
 // than sleeping.
@@ -76,27 +66,32 @@ class brief_guard {
     brief_guard& operator=(const brief_guard&) = delete;
 };
 
-// Fetches the block that the next request will fill; thousands of them do not stay in the cache.
-void prefetch_block(const pending_call* call, i32 data_bytes) {
-    if (call == nullptr) {
-        return;
-    }
+std::size_t data_bytes_of(i32 len) {
+    return len > 0 ? static_cast<std::size_t>(len) : 0;
+}
+
+// Fetches a block that a request will fill soon; thousands of them do not stay in the cache.
+void prefetch_block(const pending_call* call, std::size_t data_bytes) {
     constexpr std::size_t line_bytes = 64;
     constexpr std::size_t most = 1024;
-    const std::size_t block = pending_call::head_bytes + static_cast<std::size_t>(data_bytes);
-    for (std::size_t at = 0; at < block && at < most; at += line_bytes) {
+    for (std::size_t at = 0; at < pending_call::head_bytes + data_bytes && at < most; at += line_bytes) {
         __builtin_prefetch(reinterpret_cast<const u8*>(call) + at, 1);
     }
 }
 
-// scc_call_data_lock held.
-pending_call* take_spare(i32 data_bytes) {
-    pending_call* block = g_spare.data_bytes == data_bytes ? g_spare.first : nullptr;
-    if (block != nullptr) {
-        g_spare.first = reinterpret_cast<pending_call*>(block->link.next);
-        --g_spare.count;
-        g_spare.used_since_check = true;
-        prefetch_block(g_spare.first, data_bytes);
+// A block that came back, when it is of this size; others make room for those that will be.
+pending_call* take_spare(std::size_t data_bytes) {
+    constexpr std::size_t ahead = 1;
+    pending_call* block = nullptr;
+    if (!g_spare.pop(block)) {
+        return nullptr;
+    }
+    if (pending_call* later = nullptr; g_spare.peek(ahead, later)) {
+        prefetch_block(later, data_bytes);
+    }
+    if (data_bytes_of(block->data_bytes) != data_bytes) {
+        std::free(block);
+        return nullptr;
     }
     return block;
 }
@@ -110,16 +105,15 @@ void fill(pending_call& call, u32 call_id, u32 kind, const void* data, i32 len) 
     }
 }
 
-// Saves into a kept block; false when there is none of this size.
-bool save_in_spare(u32 call_id, u32 kind, const void* data, i32 len) {
-    const brief_guard guard;
-    pending_call* call = take_spare(len > 0 ? len : 0);
-    if (call == nullptr) {
-        return false;
+// Moves what was saved into the index. scc_call_data_lock held.
+void index_incoming() {
+    constexpr std::size_t ahead = 8;
+    for (pending_call* call = nullptr; g_incoming.pop(call);) {
+        if (pending_call* later = nullptr; g_incoming.peek(ahead, later)) {
+            __builtin_prefetch(later, 1);
+        }
+        g_scc_lib_call_lst.insert(&call->link);
     }
-    fill(*call, call_id, kind, data, len);
-    g_scc_lib_call_lst.insert(&call->link);
-    return true;
 }
 
 }  // namespace
@@ -128,22 +122,27 @@ bool save_in_spare(u32 call_id, u32 kind, const void* data, i32 len) {
 extern "C" {
 
 u32 _scc_lib_call_id_get() {
-    return g_scc_client_cb.last_call_id.fetch_add(1, relaxed) + 1;
+    const u32 call_id = g_scc_client_cb.last_call_id.load(relaxed) + 1;
+    g_scc_client_cb.last_call_id.store(call_id, relaxed);
+    return call_id;
 }
 
 u32 _scc_lib_save_call_data(u32 call_id, u32 kind, const void* data, int len) {
-    if (save_in_spare(call_id, kind, data, len)) {
-        return result::ok;
+    const std::size_t data_bytes = data_bytes_of(len);
+    pending_call* call = take_spare(data_bytes);
+    if (call == nullptr) {
+        call = static_cast<pending_call*>(std::malloc(pending_call::head_bytes + data_bytes));
     }
-    const std::size_t data_bytes = len > 0 ? static_cast<std::size_t>(len) : 0;
-    auto* call = static_cast<pending_call*>(std::malloc(pending_call::head_bytes + data_bytes));
     if (call == nullptr) {
         SCC_LOG("scclib alloc memory failed.");
         return result::no_memory;
     }
     fill(*call, call_id, kind, data, len);
-    const brief_guard guard;
-    g_scc_lib_call_lst.insert(&call->link);
+    if (!g_incoming.push(call)) {
+        const brief_guard guard;
+        index_incoming();
+        g_scc_lib_call_lst.insert(&call->link);
+    }
     return result::ok;
 }
 
@@ -167,31 +166,17 @@ pending_call* unlink_call(u32 call_id) {
     return reinterpret_cast<pending_call*>(node);
 }
 
-// Keeps the block for the next request of its size; false when it is to be freed. scc_call_data_lock held.
-bool keep_block(pending_call* call) {
-    const i32 data_bytes = call->data_bytes > 0 ? call->data_bytes : 0;
-    if (g_spare.count == 0) {
-        g_spare.data_bytes = data_bytes;
-    }
-    if (g_spare.data_bytes != data_bytes || g_spare.count == spare_blocks_max) {
-        return false;
-    }
-    call->link.next = reinterpret_cast<list_node*>(g_spare.first);
-    g_spare.first = call;
-    ++g_spare.count;
-    g_spare.used_since_check = true;
-    return true;
-}
-
 }  // namespace
 
 pending_call* take_pending_call(u32 call_id) {
     const brief_guard guard;
+    index_incoming();
     return unlink_call(call_id);
 }
 
 void take_pending_calls(std::span<const u32> ids, std::span<pending_call*> calls) {
     const brief_guard guard;
+    index_incoming();
     // A million calls lie all over the memory: their cache misses overlap this way.
     for (const u32 id : ids) {
         g_scc_lib_call_lst.prefetch_bucket(id);
@@ -209,32 +194,28 @@ void release_pending_call(pending_call* call) {
 }
 
 void release_pending_calls(std::span<pending_call* const> calls) {
-    pending_call* surplus = nullptr;
+    std::size_t kept = 0;
     {
         const brief_guard guard;
-        for (pending_call* call : calls) {
-            if (call != nullptr && !keep_block(call)) {
-                call->link.next = reinterpret_cast<list_node*>(surplus);
-                surplus = call;
-            }
+        while (kept < calls.size() && (calls[kept] == nullptr || g_spare.push(calls[kept]))) {
+            ++kept;
         }
     }
-    while (surplus != nullptr) {
-        pending_call* next = reinterpret_cast<pending_call*>(surplus->link.next);
+    for (pending_call* surplus : calls.subspan(kept)) {
         std::free(surplus);
-        surplus = next;
     }
 }
 
 std::size_t pending_calls() {
     const write_guard guard(scc_call_data_lock);
+    index_incoming();
     return g_scc_lib_call_lst.size();
 }
 
 void free_pending_calls() {
     const write_guard guard(scc_call_data_lock);
+    index_incoming();
     g_scc_lib_call_lst.clear([](list_node* node) { std::free(node); });
-    free_spare_blocks();
 }
 
 void init_pending_calls() {
@@ -245,15 +226,23 @@ void init_pending_calls() {
 
 void grow_pending_index() {
     const write_guard guard(scc_call_data_lock);
+    index_incoming();
     g_scc_lib_call_lst.grow_if_crowded();
 }
 
 void free_idle_blocks() {
-    const write_guard guard(scc_call_data_lock);
-    if (!g_spare.used_since_check) {
-        free_spare_blocks();
+    static constinit std::size_t taken_before = 0;  // the checker's
+    const std::size_t taken = g_spare.taken();
+    const bool paused = taken == taken_before;
+    taken_before = taken;
+    // A caller may hold the lock for as long as the daemon takes to answer; the next pass will do.
+    if (!paused || g_spare.empty() || pthread_rwlock_trywrlock(&scc_lib_lock) != 0) {
+        return;
     }
-    g_spare.used_since_check = false;
+    for (pending_call* block = nullptr; g_spare.pop(block);) {
+        std::free(block);
+    }
+    pthread_rwlock_unlock(&scc_lib_lock);
 }
 
 }  // namespace scc

@@ -1,4 +1,5 @@
-// The calls whose results are awaited. Guarded by scc_call_data_lock, which is never held across a send.
+// The calls whose results are awaited. scc_call_data_lock guards them, and is never held across a send;
+// saving a call does not take it as a rule, only scc_lib_lock, which every request holds.
 #pragma once
 
 #include <cstddef>
@@ -44,7 +45,9 @@ void free_idle_blocks();
 }  // namespace scc
 
 extern "C" {
+// The caller of these two holds scc_lib_lock.
 [[nodiscard]] scc::u32 _scc_lib_call_id_get();
 [[nodiscard]] scc::u32 _scc_lib_save_call_data(scc::u32 call_id, scc::u32 kind, const void* data, int len);
+
 void _scc_lib_del_call_data(scc::u32 call_id);
 }

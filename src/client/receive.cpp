@@ -50,6 +50,7 @@ struct receiver {
     deliver_message deliver;
     message_stream stream{};
     u32 epoch = any_epoch;  // of the connection that the stream's bytes came from
+    result_run results{};
 };
 
 // Waits for bytes of this registration's connection and reads them; fd is -1 when there is no socket.
@@ -77,20 +78,25 @@ u32 read_bytes(receiver& self, i32& fd) {
 }
 
 // Delivers the whole messages that have arrived. Call ids start again with a registration and bytes with a
-// connection: what is left of an earlier one is for nobody.
-u32 deliver_messages(receiver& self, i32 fd) {
+// connection: what is left of an earlier one is for nobody. A message that is refused is behind the stream
+// then, and those that came with it are not left for the next read, which may meet the connection's end.
+void deliver_messages(receiver& self, i32 fd) {
     for (;;) {
         void* message = nullptr;
-        const u32 error = self.stream.next(&message);
+        const u32 refusal = self.stream.next(&message);
         if (message == nullptr) {
-            return error;
+            if (refusal == result::ok) {
+                break;
+            }
+            continue;
         }
         if (!is_current(self.generation) || self.epoch != connection_epoch()) {
             _scc_msg_free(&message);
-            return result::ok;
+            break;
         }
-        self.deliver(fd, message);
+        self.deliver(fd, message, self.results);
     }
+    self.results.deliver();
 }
 
 // One pass: at most one read. The result is the pass's error.
@@ -127,8 +133,8 @@ bool recover(u32 error, u32 generation) {
 
 }  // namespace
 
-void dispatch_and_free(i32 /*fd*/, void* message) {
-    _scc_lib_async_msg_proc(load<u16>(message, 5), static_cast<u8*>(message) + wire::header_bytes);
+void dispatch_and_free(i32 /*fd*/, void* message, result_run& results) {
+    dispatch_items(load<u16>(message, 5), static_cast<u8*>(message) + wire::header_bytes, results);
     _scc_msg_free(&message);
 }
 

@@ -1,18 +1,19 @@
 // The receive thread: one loop with two ways to deliver, to handlers or to the service's queue.
 #pragma once
 
+#include "client/results.h"
 #include "msg/protocol.h"
 
 namespace scc {
 
-// Takes over a whole received message.
-using deliver_message = void (*)(i32 fd, void* message);
+// Takes over a whole received message. Results may wait in the run until all that has arrived was delivered.
+using deliver_message = void (*)(i32 fd, void* message, result_run& results);
 
 // Registers, then receives until the registration has ended.
 void run_receive_loop(u32 generation, deliver_message deliver);
 
 // An application's way: the dispatcher, then the message is freed.
-void dispatch_and_free(i32 fd, void* message);
+void dispatch_and_free(i32 fd, void* message, result_run& results);
 
 }  // namespace scc
 

@@ -89,13 +89,12 @@ u32 send_on(channel which, u32 epoch, const void* bytes, u32 length) {
     return _scc_msg_send(borrowed.fd(), bytes, static_cast<int>(length));
 }
 
-void append(u16 sub_id, u16 type, const void* value, u32 length) {
+void append(u16 sub_id, u16 type, const value_parts& value) {
     batch& waiting = *g_scc_msg_send_q;
+    const auto length = static_cast<u32>(value.size());
     u8* at = waiting.message + wire::header_bytes + waiting.used;
     write_item_header(at, length, sub_id, type);
-    if (length > 0) {
-        std::memcpy(at + wire::item_header_bytes, value, length);
-    }
+    value.copy_to(at + wire::item_header_bytes);
     ++waiting.count;
     waiting.used += length + wire::item_header_bytes;
     write_header(waiting.message, static_cast<u16>(waiting.count), wire::header_bytes + waiting.used);
@@ -122,12 +121,12 @@ void drop_batch_of_lost_connection(u32 epoch) {
 // Appends, and flushes as often as it takes. Under scc_send_buf_lock. Once a request did not fit, every
 // flush outside the registered state is followed by the same request again, until a send fails or the
 // state is registered: deliberate, and over in a moment since only a change of state leads there.
-u32 append_and_flush(u16 sub_id, u16 type, const void* value, u32 length, int sync) {
-    const u32 entry = length + wire::item_header_bytes;
+u32 append_and_flush(u16 sub_id, u16 type, const value_parts& value, int sync) {
+    const u32 entry = static_cast<u32>(value.size()) + wire::item_header_bytes;
     batch& waiting = *g_scc_msg_send_q;
     bool overflow = waiting.capacity - waiting.used < entry;
     if (!overflow) {
-        append(sub_id, type, value, length);
+        append(sub_id, type, value);
         if (may_wait()) {
             return result::ok;
         }
@@ -148,19 +147,71 @@ u32 append_and_flush(u16 sub_id, u16 type, const void* value, u32 length, int sy
         if (!overflow) {
             return result::ok;
         }
-        append(sub_id, type, value, length);
+        append(sub_id, type, value);
         if (may_wait()) {
             return result::ok;
         }
     }
 }
 
-u32 send_oversized(u16 sub_id, u16 type, const void* value, int len, int sync) {
-    SCC_LOG("msg is larger than sendbuf. val_size:%d.", len);
+u32 send_at_once(u16 sub_id, u16 type, const value_parts& value, int sync) {
+    const auto value_bytes = static_cast<u32>(value.size());
+    const u32 total = value_bytes + wire::header_bytes + wire::item_header_bytes;
+    void* message = nullptr;
+    if (_scc_msg_alloc(&message, total) != result::ok) {
+        SCC_LOG("(app id:%d, pid:%d)alloc memory error!", app_id_now(), pid_now());
+        return result::no_memory;
+    }
+    write_header(message, 1, total);
+    auto* at = static_cast<u8*>(message) + wire::header_bytes;
+    write_item_header(at, value_bytes, sub_id, type);
+    value.copy_to(at + wire::item_header_bytes);
+    const u32 epoch = epoch_of_this_thread();
+    const u32 error = send_on(channel_of(sync), epoch, message, total);
+    _scc_msg_free(&message);
+    if (error != result::ok) {
+        SCC_LOG("(app id:%d, pid:%d)send %s message error(rv:%d)!", app_id_now(), pid_now(),
+                sync == 1 ? "sync" : "async", error);
+        recover_from_send_failure(error, epoch);
+    }
+    return result::ok;
+}
+
+u32 send_oversized(u16 sub_id, u16 type, const value_parts& value, int sync) {
+    SCC_LOG("msg is larger than sendbuf. val_size:%d.", static_cast<int>(value.size()));
     const write_guard guard(scc_send_buf_lock);
     // The caller hears that the value is too large whatever became of it.
-    (void)_scc_lib_msg_send_rt(sub_id, type, value, len, sync);
+    (void)send_at_once(sub_id, type, value, sync);
     return result::invalid;
+}
+
+u32 send_by_batch(u16 sub_id, u16 type, const value_parts& value, int sync) {
+    if (value.size() >= wire::oversized_value_bytes) {
+        return send_oversized(sub_id, type, value, sync);
+    }
+    const u32 epoch = epoch_of_this_thread();
+    u32 error = result::ok;
+    {
+        const write_guard guard(scc_send_buf_lock);
+        if (g_scc_msg_send_q == nullptr) {
+            SCC_LOG("(app id:%d, pid:%d)alloc memory error!", app_id_now(), pid_now());
+            return result::no_memory;
+        }
+        drop_batch_of_lost_connection(epoch);
+        g_scc_msg_send_q->epoch = epoch;
+        error = append_and_flush(sub_id, type, value, sync);
+    }
+    if (error != result::ok) {
+        if (app_id_now() != 0) {
+            SCC_LOG("!!!!_scc_lib_msg_send_rt rv :%d !!!!.", error);
+        }
+        recover_from_send_failure(error, epoch);
+    }
+    return result::ok;
+}
+
+value_parts value_of(const void* value, int len) {
+    return {{static_cast<const u8*>(value), len > 0 ? static_cast<std::size_t>(len) : 0}};
 }
 
 void sleep_us(long microseconds) {
@@ -206,6 +257,19 @@ u32 receive_body(int fd, const u8* header, u32 length, void** out) {
 }
 
 }  // namespace
+
+void value_parts::copy_to(u8* at) const {
+    if (!head.empty()) {
+        std::memcpy(at, head.data(), head.size());
+    }
+    if (!tail.empty()) {
+        std::memcpy(at + head.size(), tail.data(), tail.size());
+    }
+}
+
+u32 send_in_batch(u16 sub_id, u16 type, const value_parts& value) {
+    return send_by_batch(sub_id, type, value, 0);
+}
 
 u32 epoch_of_this_thread() {
     return t_epoch != any_epoch ? t_epoch : connection_epoch();
@@ -323,54 +387,11 @@ u32 _scc_lib_ss_msg_send(u16 sub_id, u16 type, const void* value, int len, int s
 }
 
 u32 _scc_lib_msg_send_rt(u16 sub_id, u16 type, const void* value, int len, int sync) {
-    const u32 value_bytes = len > 0 ? static_cast<u32>(len) : 0;
-    const u32 total = value_bytes + wire::header_bytes + wire::item_header_bytes;
-    void* message = nullptr;
-    if (_scc_msg_alloc(&message, total) != result::ok) {
-        SCC_LOG("(app id:%d, pid:%d)alloc memory error!", app_id_now(), pid_now());
-        return result::no_memory;
-    }
-    write_header(message, 1, total);
-    auto* at = static_cast<u8*>(message) + wire::header_bytes;
-    write_item_header(at, value_bytes, sub_id, type);
-    if (value_bytes > 0) {
-        std::memcpy(at + wire::item_header_bytes, value, value_bytes);
-    }
-    const u32 epoch = epoch_of_this_thread();
-    const u32 error = send_on(channel_of(sync), epoch, message, total);
-    _scc_msg_free(&message);
-    if (error != result::ok) {
-        SCC_LOG("(app id:%d, pid:%d)send %s message error(rv:%d)!", app_id_now(), pid_now(),
-                sync == 1 ? "sync" : "async", error);
-        recover_from_send_failure(error, epoch);
-    }
-    return result::ok;
+    return send_at_once(sub_id, type, value_of(value, len), sync);
 }
 
 u32 _scc_lib_msg_send_bt(u16 sub_id, u16 type, const void* value, int len, int sync) {
-    const u32 length = len > 0 ? static_cast<u32>(len) : 0;
-    if (length >= wire::oversized_value_bytes) {
-        return send_oversized(sub_id, type, value, len, sync);
-    }
-    const u32 epoch = epoch_of_this_thread();
-    u32 error = result::ok;
-    {
-        const write_guard guard(scc_send_buf_lock);
-        if (g_scc_msg_send_q == nullptr) {
-            SCC_LOG("(app id:%d, pid:%d)alloc memory error!", app_id_now(), pid_now());
-            return result::no_memory;
-        }
-        drop_batch_of_lost_connection(epoch);
-        g_scc_msg_send_q->epoch = epoch;
-        error = append_and_flush(sub_id, type, value, length, sync);
-    }
-    if (error != result::ok) {
-        if (app_id_now() != 0) {
-            SCC_LOG("!!!!_scc_lib_msg_send_rt rv :%d !!!!.", error);
-        }
-        recover_from_send_failure(error, epoch);
-    }
-    return result::ok;
+    return send_by_batch(sub_id, type, value_of(value, len), sync);
 }
 
 u32 _scc_lib_msg_recv(void** out, int sync) {

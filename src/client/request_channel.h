@@ -6,6 +6,8 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
+#include <span>
 
 #include "client/descriptors.h"
 #include "msg/protocol.h"
@@ -25,6 +27,18 @@ void _scc_lib_send_buff_init();
 }
 
 namespace scc {
+
+// A value that is gathered from two places: what the library writes in front, and the caller's record.
+struct value_parts {
+    std::span<const u8> head;
+    std::span<const u8> tail{};
+
+    [[nodiscard]] std::size_t size() const { return head.size() + tail.size(); }
+    void copy_to(u8* at) const;
+};
+
+// A request of an application, by way of the batch. The results are those of _scc_lib_msg_send_bt.
+[[nodiscard]] u32 send_in_batch(u16 sub_id, u16 type, const value_parts& value);
 
 // The event-loop agent's way back after a failed send, filled in when it starts: ends the connection that
 // the epoch names and starts the agent's reconnection.

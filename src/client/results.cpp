@@ -147,17 +147,20 @@ void deliver_result(u32 result, const pending_call& call) {
     row.deliver(result, call.call_id, saved);
 }
 
-// The handler first, then the cache.
-void complete(const pending_call& call, u32 result) {
-    deliver_result(result, call);
-    if (result == 0 && g_scc_client_cb.option.load(relaxed) != 0) {
-        _scc_lib_acl_update(&call);
+// The handler first, then the cache, which may keep the call's block: then it is no longer the caller's.
+void complete(pending_call*& call, u32 result) {
+    deliver_result(result, *call);
+    if (result == 0 && g_scc_client_cb.option.load(relaxed) != 0 && take_into_cache(call)) {
+        call = nullptr;
     }
 }
 
 }  // namespace
 
 void result_run::add(const u8* value) {
+    if (count_ == 0) {
+        epoch_ = connection_epoch();
+    }
     call_ids_[count_] = load<u32>(value, 0);
     results_[count_] = load<u32>(value, 4);
     if (++count_ == longest) {
@@ -169,16 +172,18 @@ void result_run::deliver() {
     if (count_ == 0) {
         return;
     }
-    std::array<pending_call*, longest> calls;
+    std::array<pending_call*, longest> calls{};
     const std::span run(calls.data(), count_);
-    take_pending_calls({call_ids_.data(), count_}, run);
-    const u32 epoch = connection_epoch();
+    // Call ids start again with a registration: an ended connection's would find another's calls.
+    if (epoch_ == connection_epoch()) {
+        take_pending_calls({call_ids_.data(), count_}, run);
+    }
     for (std::size_t i = 0; i < count_; ++i) {
         // A handler may end the connection: the calls behind it are gone with it.
-        if (calls[i] == nullptr || epoch != connection_epoch()) {
+        if (calls[i] == nullptr || epoch_ != connection_epoch()) {
             SCC_LOG("no such call id:%d in scc lib", call_ids_[i]);
         } else {
-            complete(*calls[i], results_[i]);
+            complete(calls[i], results_[i]);
         }
     }
     release_pending_calls(run);

@@ -12,8 +12,8 @@ namespace scc {
 
 inline constexpr std::size_t result_bytes = 8;
 
-// Results that stand together in a message, delivered in their order: their calls are found and given back
-// under one lock each.
+// Results that arrived together, with nothing else between them, delivered in their order: their calls are
+// found and given back under one lock each. Those of a connection that ended meanwhile are dropped.
 class result_run {
   public:
     // Takes a result's value; delivers when that many have come.
@@ -26,6 +26,7 @@ class result_run {
     std::array<u32, longest> call_ids_;
     std::array<u32, longest> results_;
     std::size_t count_ = 0;
+    u32 epoch_ = 0;  // of the connection that they came by
 };
 
 }  // namespace scc

@@ -64,20 +64,20 @@ constexpr callback_row eport_row    {msg::global_eport,   pair_global_eport, not
 constexpr callback_row cpp_row      {msg::cpp,            pair_cpp,          not_counted,     "_scc_ss_cpp_ret_callback",               "op:%d",           "_scc_lib_ss_msg_send"};
 // clang-format on
 
-void log_result(const callback_row& row, u16 scc_type, u32 call_id, u32 ret, u32 op) {
+void log_result(const char* function, const callback_row& row, u16 scc_type, u32 call_id, u32 ret, u32 op) {
     if (row.log_tail == acl_row.log_tail) {
-        SCC_LOG("%s send scc_type:%d, type:%d, call_id:%d, ret:%d, lib op type:%d", row.log, scc_type,
-                msg::service_ret, call_id, ret, op);
+        SCC_LOG_FROM(function, "%s send scc_type:%d, type:%d, call_id:%d, ret:%d, lib op type:%d", row.log,
+                     scc_type, msg::service_ret, call_id, ret, op);
     } else if (row.log_tail == ace_row.log_tail) {
-        SCC_LOG("%s send scc_type:%d, type:%d, call_id:%d, ret:%d, lib op type:%d.", row.log, scc_type,
-                msg::service_ret, call_id, ret, op);
+        SCC_LOG_FROM(function, "%s send scc_type:%d, type:%d, call_id:%d, ret:%d, lib op type:%d.", row.log,
+                     scc_type, msg::service_ret, call_id, ret, op);
     } else {
-        SCC_LOG("%s send scc_type:%d, type:%d, call_id:%d, ret:%d, op:%d", row.log, scc_type,
-                msg::service_ret, call_id, ret, op);
+        SCC_LOG_FROM(function, "%s send scc_type:%d, type:%d, call_id:%d, ret:%d, op:%d", row.log, scc_type,
+                     msg::service_ret, call_id, ret, op);
     }
 }
 
-void return_result(const callback_row& row, const void* record) {
+void return_result(const char* function, const callback_row& row, const void* record) {
     if (record == nullptr) {
         return;
     }
@@ -85,11 +85,11 @@ void return_result(const callback_row& row, const void* record) {
     const u32 ret = load<u32>(record, ret_offset);
     const u32 op = load<u32>(record, op_offset);
     const u16 scc_type = _scc_ss_get_type(call_id);
-    log_result(row, scc_type, call_id, ret, op);
+    log_result(function, row, scc_type, call_id, ret, op);
     count_result(row.pair);
     const u32 error = send_result(scc_type, make_plain(call_id, ret, row.type_word), 0);
     if (error != result::ok) {
-        SCC_LOG("call %s failed. errno:%d.", row.sender, error);
+        SCC_LOG_FROM(function, "call %s failed. errno:%d.", row.sender, error);
     }
     if (row.first_counted_op != not_counted && op - row.first_counted_op < 2) {
         count_callback(op, ret == 0);
@@ -115,31 +115,31 @@ counter_result make_counter(const scc_ss_counter_operation& record) {
 extern "C" {
 
 void _scc_ss_acl_op_ret_callback(const void* record, u32 /*size*/) {
-    return_result(acl_row, record);
+    return_result(__func__, acl_row, record);
 }
 
 void _scc_ss_ace_op_ret_callback(const void* record, u32 /*size*/) {
-    return_result(ace_row, record);
+    return_result(__func__, ace_row, record);
 }
 
 void _scc_ss_acl_apply_op_ret_callback(const void* record, u32 /*size*/) {
-    return_result(apply_row, record);
+    return_result(__func__, apply_row, record);
 }
 
 void _scc_ss_acl_reseq_op_ret_callback(const void* record, u32 /*size*/) {
-    return_result(reseq_row, record);
+    return_result(__func__, reseq_row, record);
 }
 
 void _scc_ss_svi_router_acl_op_ret_callback(const void* record, u32 /*size*/) {
-    return_result(svi_row, record);
+    return_result(__func__, svi_row, record);
 }
 
 void _scc_ss_global_eport_ret_callback(const void* record, u32 /*size*/) {
-    return_result(eport_row, record);
+    return_result(__func__, eport_row, record);
 }
 
 void _scc_ss_cpp_ret_callback(const void* record, u32 /*size*/) {
-    return_result(cpp_row, record);
+    return_result(__func__, cpp_row, record);
 }
 
 void _scc_ss_acl_counter_op_ret_callback(const void* record, u32 /*size*/) {

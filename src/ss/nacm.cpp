@@ -45,47 +45,49 @@ u32 word(const void* value, std::size_t offset) {
     return load<u32>(value, offset);
 }
 
+// These log in the name of the operation's function.
+
 // Calls the handler of an operation that was saved in the map, or answers success in its place.
 template <auto Slot, class... Arguments>
-i32 call_or_answer(const char* name, u32 id, u32 type_word, Arguments... arguments) {
+i32 call_or_answer(const char* function, const char* name, u32 id, u32 type_word, Arguments... arguments) {
     const auto handler = load_handler(g_scc_ss_cb.*Slot);
     if (handler == nullptr) {
-        SCC_LOG("%s is NULL", name);
+        SCC_LOG_FROM(function, "%s is NULL", name);
         (void)_scc_nacm_callback_send(0, id, type_word);
         return 0;
     }
     const i32 outcome = handler(id, arguments...);
     if (outcome != 0) {
-        SCC_LOG("call %s failed. %d.", name, outcome);
+        SCC_LOG_FROM(function, "call %s failed. %d.", name, outcome);
     }
     return outcome;
 }
 
 // Calls the handler of a recovery list, which is never answered.
 template <auto Slot, class... Arguments>
-i32 call_recovery(const char* name, Arguments... arguments) {
+i32 call_recovery(const char* function, const char* name, Arguments... arguments) {
     const auto handler = load_handler(g_scc_ss_cb.*Slot);
     if (handler == nullptr) {
-        SCC_LOG("%s is NULL", name);
+        SCC_LOG_FROM(function, "%s is NULL", name);
         return 0;
     }
     const i32 outcome = handler(arguments...);
     if (outcome != 0) {
-        SCC_LOG("call %s failed. %d.", name, outcome);
+        SCC_LOG_FROM(function, "call %s failed. %d.", name, outcome);
     }
     return outcome;
 }
 
 // False, in silence, for an application type that does not exist.
-bool save_application(u16 scc_type, const void* value) {
+bool save_application(const char* function, u16 scc_type, const void* value) {
     const write_guard guard(scc_lib_lock);
     const u32 type = word(value, 12);
     if (type >= limits::nacm_types) {
         return false;
     }
     _scc_ss_save_idtype(word(value, 0), scc_type);
-    SCC_LOG("call _scc_nacm_app_op ifx:%d, op:%d, type:%s", word(value, 4), word(value, 8),
-            g_scc_nacm_type_str[type]);
+    SCC_LOG_FROM(function, "call _scc_nacm_app_op ifx:%d, op:%d, type:%s", word(value, 4), word(value, 8),
+                 g_scc_nacm_type_str[type]);
     return true;
 }
 
@@ -106,18 +108,18 @@ using H = service_handlers;
 extern "C" {
 
 i32 _scc_nacm_app_op(u16 scc_type, const void* value) {
-    if (!save_application(scc_type, value)) {
+    if (!save_application(__func__, scc_type, value)) {
         return static_cast<i32>(result::invalid);
     }
-    return call_or_answer<&H::app_set>("ssc_nacm_app_set_handler", word(value, 0), word(value, 12),
+    return call_or_answer<&H::app_set>(__func__, "ssc_nacm_app_set_handler", word(value, 0), word(value, 12),
                                        word(value, 8), word(value, 4), word(value, 12));
 }
 
 i32 _scc_nacm_app_withvid_op(u16 scc_type, const void* value) {
-    if (!save_application(scc_type, value)) {
+    if (!save_application(__func__, scc_type, value)) {
         return static_cast<i32>(result::invalid);
     }
-    return call_or_answer<&H::app_set_with_vid>("ssc_nacm_app_set_with_vid_handler", word(value, 0),
+    return call_or_answer<&H::app_set_with_vid>(__func__, "ssc_nacm_app_set_with_vid_handler", word(value, 0),
                                                 word(value, 12), word(value, 8), word(value, 4),
                                                 word(value, 20), word(value, 12));
 }
@@ -130,8 +132,8 @@ i32 _scc_nacm_def_read(u16 scc_type, const void* value) {
         _scc_ss_save_idtype(word(value, 0), scc_type);
         SCC_LOG("call _scc_nacm_def_read ifx:%d, type:%d", ifx, type);
     }
-    return call_or_answer<&H::def_read>("ssc_nacm_def_read_handler", word(value, 0), msg::nacm_def_read, ifx,
-                                        type);
+    return call_or_answer<&H::def_read>(__func__, "ssc_nacm_def_read_handler", word(value, 0),
+                                        msg::nacm_def_read, ifx, type);
 }
 
 i32 _scc_nacm_l4port_op(u16 scc_type, const void* value) {
@@ -141,7 +143,7 @@ i32 _scc_nacm_l4port_op(u16 scc_type, const void* value) {
         _scc_ss_save_idtype(word(value, 0), scc_type);
         SCC_LOG("call _scc_nacm_l4port_op op:%s, port:%lu", add != 0 ? "add" : "del", load<u64>(value, 8));
     }
-    return call_or_answer<&H::http_l4port_set>("ssc_nacm_http_l4port_set_handler", word(value, 0),
+    return call_or_answer<&H::http_l4port_set>(__func__, "ssc_nacm_http_l4port_set_handler", word(value, 0),
                                                msg::nacm_l4port, add, word(value, 8));
 }
 
@@ -155,8 +157,8 @@ i32 _scc_nacm_user_op(u16 scc_type, const void* value) {
                 ipv4_text(user.ip).text, mac_text(user.mac).text);
     }
     _scc_lib_func_call_succ(add != 0 ? stat_nac_user_add : stat_nac_user_delete);
-    return call_or_answer<&H::user_op>("ssc_nacm_user_op_handler", word(value, 0), msg::nacm_user, add,
-                                       &user);
+    return call_or_answer<&H::user_op>(__func__, "ssc_nacm_user_op_handler", word(value, 0), msg::nacm_user,
+                                       add, &user);
 }
 
 i32 _scc_nacm_user_reinstall_op(u16 scc_type, const void* value) {
@@ -167,7 +169,7 @@ i32 _scc_nacm_user_reinstall_op(u16 scc_type, const void* value) {
         _scc_ss_save_idtype(word(value, 0), scc_type);
         SCC_LOG("call _scc_nacm_user_reinstall_op op:%s ifx:%d", start != 0 ? "start" : "end", ifx);
     }
-    return call_or_answer<&H::user_reinstall>("ssc_nacm_user_reinstall_handler", word(value, 0),
+    return call_or_answer<&H::user_reinstall>(__func__, "ssc_nacm_user_reinstall_handler", word(value, 0),
                                               msg::nacm_user_reinstall, start, ifx);
 }
 
@@ -208,7 +210,7 @@ i32 _scc_nacm_app_user_recover(u16 /*scc_type*/, const void* value) {
         const write_guard guard(scc_lib_lock);
         SCC_LOG("call ssc_nacm_app_user_recover_handler ifx:%d, app:%x, usernum:%d", ifx, app, count);
     }
-    return call_recovery<&H::app_user_recover>("ssc_nacm_app_user_recover_handler", ifx, app, count,
+    return call_recovery<&H::app_user_recover>(__func__, "ssc_nacm_app_user_recover_handler", ifx, app, count,
                                                static_cast<const void*>(static_cast<const u8*>(value) + 16));
 }
 
@@ -218,7 +220,7 @@ i32 _scc_nacm_l4port_recover(u16 /*scc_type*/, const void* value) {
         const write_guard guard(scc_lib_lock);
         SCC_LOG("call ssc_nacm_l4port_recover_handler l4port:%d", count);
     }
-    return call_recovery<&H::l4port_recover>("ssc_nacm_l4port_recover_handler", count,
+    return call_recovery<&H::l4port_recover>(__func__, "ssc_nacm_l4port_recover_handler", count,
                                              static_cast<const void*>(static_cast<const u8*>(value) + 4));
 }
 

@@ -44,15 +44,17 @@ struct member {
     scc_ss_ret_callback callback;
     bool counts_calls;  // under the operation code
     bool logs_success;
-    void (*log)(const u8* value, const char* word);
+    void (*log)(const char* function, const u8* value, const char* word);
     void (*fill)(Record& record, const u8* value);
 };
 
+// Logs in the name of the operation's function.
 template <auto Slot, class Record>
-i32 run(const member<Record>& family, const branch& chosen, u16 scc_type, const void* value) {
+i32 run(const char* function, const member<Record>& family, const branch& chosen, u16 scc_type,
+        const void* value) {
     const write_guard guard(scc_lib_lock);
     const auto* bytes = static_cast<const u8*>(value);
-    family.log(bytes, chosen.word);
+    family.log(function, bytes, chosen.word);
     const u32 id = load<u32>(bytes);
     _scc_ss_save_idtype(id, scc_type);
     if (family.counts_calls) {
@@ -66,7 +68,7 @@ i32 run(const member<Record>& family, const branch& chosen, u16 scc_type, const 
     family.fill(operation, bytes);
     const auto handler = load_handler(g_scc_ss_cb.*Slot);
     if (handler == nullptr) {
-        SCC_LOG("%s is NULL", chosen.handler);
+        SCC_LOG_FROM(function, "%s is NULL", chosen.handler);
         operation.ret = 0;
         operation.op = chosen.op;
         family.callback(&operation, sizeof operation);
@@ -74,9 +76,9 @@ i32 run(const member<Record>& family, const branch& chosen, u16 scc_type, const 
     }
     const i32 outcome = handler(&operation);
     if (outcome != 0) {
-        SCC_LOG("call %s failed. %d.", chosen.handler, outcome);
+        SCC_LOG_FROM(function, "call %s failed. %d.", chosen.handler, outcome);
     } else if (family.logs_success) {
-        SCC_LOG("call %s success.", chosen.handler);
+        SCC_LOG_FROM(function, "call %s success.", chosen.handler);
     }
     return outcome;
 }
@@ -85,12 +87,12 @@ using H = service_handlers;
 
 constexpr member<scc_ss_acl_operation> acl_member{
     _scc_ss_acl_op_ret_callback, true, true,
-    [](const u8*, const char* word) { SCC_LOG_FROM("_scc_ss_acl_op", "call _scc_ss_acl_op %s", word); },
+    [](const char* who, const u8*, const char* word) { SCC_LOG_FROM(who, "call _scc_ss_acl_op %s", word); },
     [](scc_ss_acl_operation& record, const u8* value) { record.key = load<scc_acl_key>(value, 4); }};
 
 constexpr member<scc_ss_ace_operation> ace_member{
     _scc_ss_ace_op_ret_callback, true, true,
-    [](const u8*, const char* word) { SCC_LOG_FROM("_scc_ss_ace_op", "call _scc_ss_ace_op %s", word); },
+    [](const char* who, const u8*, const char* word) { SCC_LOG_FROM(who, "call _scc_ss_ace_op %s", word); },
     [](scc_ss_ace_operation& record, const u8* value) {
         record.key = load<scc_acl_key>(value, 4);
         std::memcpy(&record.ace, value + 24, sizeof record.ace);
@@ -100,8 +102,8 @@ constexpr member<scc_ss_ace_operation> ace_member{
 // apply record behind it.
 constexpr member<scc_ss_apply_operation> apply_member{
     _scc_ss_acl_apply_op_ret_callback, true, false,
-    [](const u8*, const char* word) {
-        SCC_LOG_FROM("_scc_ss_acl_apply_op", "call _scc_ss_acl_apply_op %s", word);
+    [](const char* who, const u8*, const char* word) {
+        SCC_LOG_FROM(who, "call _scc_ss_acl_apply_op %s", word);
     },
     [](scc_ss_apply_operation& record, const u8* value) {
         record.key = load<scc_acl_key>(value, 4);
@@ -110,9 +112,8 @@ constexpr member<scc_ss_apply_operation> apply_member{
 
 constexpr member<scc_ss_resequence_operation> reseq_member{
     _scc_ss_acl_reseq_op_ret_callback, false, false,
-    [](const u8* value, const char*) {
-        SCC_LOG_FROM("_scc_ss_acl_reseq_op",
-                     "call _scc_ss_acl_reseq_op acl(id:%d, type:%d), sn_start:%d, sn_inc:%d",
+    [](const char* who, const u8* value, const char*) {
+        SCC_LOG_FROM(who, "call _scc_ss_acl_reseq_op acl(id:%d, type:%d), sn_start:%d, sn_inc:%d",
                      load<u32>(value, 12), load<u32>(value, 8), load<u32>(value, 20), load<u32>(value, 24));
     },
     [](scc_ss_resequence_operation& record, const u8* value) {
@@ -123,15 +124,15 @@ constexpr member<scc_ss_resequence_operation> reseq_member{
 
 constexpr member<scc_ss_svi_operation> svi_member{
     _scc_ss_svi_router_acl_op_ret_callback, false, false,
-    [](const u8*, const char* word) {
-        SCC_LOG_FROM("_scc_ss_svi_router_acl_op", "call _scc_ss_svi_router_acl_op (%s)", word);
+    [](const char* who, const u8*, const char* word) {
+        SCC_LOG_FROM(who, "call _scc_ss_svi_router_acl_op (%s)", word);
     },
     [](scc_ss_svi_operation& record, const u8* value) { record.open = load<u32>(value, 4); }};
 
 constexpr member<scc_ss_counter_operation> acl_counter_member{
     _scc_ss_acl_counter_op_ret_callback, false, false,
-    [](const u8*, const char* word) {
-        SCC_LOG_FROM("_scc_ss_acl_counter_op", "call _scc_ss_acl_counter_op (%s)", word);
+    [](const char* who, const u8*, const char* word) {
+        SCC_LOG_FROM(who, "call _scc_ss_acl_counter_op (%s)", word);
     },
     [](scc_ss_counter_operation& record, const u8* value) {
         record.key = load<scc_acl_key>(value, 4);
@@ -140,8 +141,8 @@ constexpr member<scc_ss_counter_operation> acl_counter_member{
 
 constexpr member<scc_ss_counter_operation> ace_counter_member{
     _scc_ss_ace_counter_op_ret_callback, false, false,
-    [](const u8*, const char* word) {
-        SCC_LOG_FROM("_scc_ss_ace_counter_op", "call _scc_ss_ace_counter_op (%s)", word);
+    [](const char* who, const u8*, const char* word) {
+        SCC_LOG_FROM(who, "call _scc_ss_ace_counter_op (%s)", word);
     },
     [](scc_ss_counter_operation& record, const u8* value) {
         record.key = load<scc_acl_key>(value, 4);
@@ -151,9 +152,8 @@ constexpr member<scc_ss_counter_operation> ace_counter_member{
 
 constexpr member<scc_ss_eport_operation> eport_member{
     _scc_ss_global_eport_ret_callback, false, false,
-    [](const u8* value, const char* word) {
-        SCC_LOG_FROM("_scc_ss_global_eport_op", "call _scc_ss_global_eport (%s, type:%d)", word,
-                     load<u32>(value, 4));
+    [](const char* who, const u8* value, const char* word) {
+        SCC_LOG_FROM(who, "call _scc_ss_global_eport (%s, type:%d)", word, load<u32>(value, 4));
     },
     [](scc_ss_eport_operation& record, const u8* value) {
         record.ifx = load<u32>(value, 4);
@@ -162,7 +162,7 @@ constexpr member<scc_ss_eport_operation> eport_member{
 
 constexpr member<scc_ss_cpp_operation> cpp_member{
     _scc_ss_cpp_ret_callback, false, false,
-    [](const u8*, const char* word) { SCC_LOG_FROM("_scc_ss_cpp_op", "call _scc_ss_cpp_op (%s)", word); },
+    [](const char* who, const u8*, const char* word) { SCC_LOG_FROM(who, "call _scc_ss_cpp_op (%s)", word); },
     [](scc_ss_cpp_operation& record, const u8* value) {
         record.set = load<u32>(value, 4);
         record.type = load<u32>(value, 8);
@@ -179,64 +179,64 @@ extern "C" {
 
 i32 _scc_ss_acl_op(u16 scc_type, const void* value) {
     if (load<u32>(value, 136) == 1) {
-        return run<&H::acl_create>(acl_member, {SCC_SS_OP_CREATE, "create", "ss_acl_create_handler"},
-                                   scc_type, value);
+        return run<&H::acl_create>(__func__, acl_member,
+                                   {SCC_SS_OP_CREATE, "create", "ss_acl_create_handler"}, scc_type, value);
     }
-    return run<&H::acl_delete>(acl_member, {SCC_SS_OP_DELETE, "delete", "ss_acl_delete_handler"}, scc_type,
-                               value);
+    return run<&H::acl_delete>(__func__, acl_member, {SCC_SS_OP_DELETE, "delete", "ss_acl_delete_handler"},
+                               scc_type, value);
 }
 
 i32 _scc_ss_ace_op(u16 scc_type, const void* value) {
     if (load<u32>(value, 936) == 1) {
-        return run<&H::add_ace>(ace_member, {SCC_SS_OP_ADD_ACE, "add", "ss_acl_add_ace_handler"}, scc_type,
-                                value);
+        return run<&H::add_ace>(__func__, ace_member, {SCC_SS_OP_ADD_ACE, "add", "ss_acl_add_ace_handler"},
+                                scc_type, value);
     }
-    return run<&H::delete_ace>(ace_member, {SCC_SS_OP_DELETE_ACE, "del", "ss_acl_del_ace_handler"}, scc_type,
-                               value);
+    return run<&H::delete_ace>(__func__, ace_member, {SCC_SS_OP_DELETE_ACE, "del", "ss_acl_del_ace_handler"},
+                               scc_type, value);
 }
 
 i32 _scc_ss_acl_apply_op(u16 scc_type, const void* value) {
     if (load<u32>(value, 240) == 1) {
-        return run<&H::apply>(apply_member, {SCC_SS_OP_APPLY, "apply", "ss_acl_apply_handler"}, scc_type,
-                              value);
+        return run<&H::apply>(__func__, apply_member, {SCC_SS_OP_APPLY, "apply", "ss_acl_apply_handler"},
+                              scc_type, value);
     }
-    return run<&H::unapply>(apply_member, {SCC_SS_OP_UNAPPLY, "unapply", "ss_acl_unapply_handler"}, scc_type,
-                            value);
+    return run<&H::unapply>(__func__, apply_member, {SCC_SS_OP_UNAPPLY, "unapply", "ss_acl_unapply_handler"},
+                            scc_type, value);
 }
 
 i32 _scc_ss_acl_reseq_op(u16 scc_type, const void* value) {
-    return run<&H::resequence>(reseq_member, {SCC_SS_OP_RESEQUENCE, "", "ss_acl_reseq_handler"}, scc_type,
-                               value);
+    return run<&H::resequence>(__func__, reseq_member, {SCC_SS_OP_RESEQUENCE, "", "ss_acl_reseq_handler"},
+                               scc_type, value);
 }
 
 i32 _scc_ss_svi_router_acl_op(u16 scc_type, const void* value) {
     return run<&H::svi_router_acl>(
-        svi_member,
+        __func__, svi_member,
         {SCC_SS_OP_SVI_ROUTER_ACL, choose(value, 4, "open", "close"), "ss_svi_router_acl_handler"}, scc_type,
         value);
 }
 
 i32 _scc_ss_acl_counter_op(u16 scc_type, const void* value) {
     return run<&H::acl_counter>(
-        acl_counter_member, {SCC_SS_OP_COUNTER, choose(value, 32, "query", "set"), "ss_acl_counter_handler"},
-        scc_type, value);
+        __func__, acl_counter_member,
+        {SCC_SS_OP_COUNTER, choose(value, 32, "query", "set"), "ss_acl_counter_handler"}, scc_type, value);
 }
 
 i32 _scc_ss_ace_counter_op(u16 scc_type, const void* value) {
     return run<&H::ace_counter>(
-        ace_counter_member, {SCC_SS_OP_COUNTER, choose(value, 32, "query", "set"), "ss_ace_counter_handler"},
-        scc_type, value);
+        __func__, ace_counter_member,
+        {SCC_SS_OP_COUNTER, choose(value, 32, "query", "set"), "ss_ace_counter_handler"}, scc_type, value);
 }
 
 i32 _scc_ss_global_eport_op(u16 scc_type, const void* value) {
-    return run<&H::uplink>(eport_member,
+    return run<&H::uplink>(__func__, eport_member,
                            {SCC_SS_OP_GLOBAL_EPORT, choose(value, 8, "set", "unset"), "ss_uplink_handler"},
                            scc_type, value);
 }
 
 i32 _scc_ss_cpp_op(u16 scc_type, const void* value) {
-    return run<&H::cpp>(cpp_member, {SCC_SS_OP_CPP, choose(value, 4, "set", "unset"), "ss_cpp_handler"},
-                        scc_type, value);
+    return run<&H::cpp>(__func__, cpp_member,
+                        {SCC_SS_OP_CPP, choose(value, 4, "set", "unset"), "ss_cpp_handler"}, scc_type, value);
 }
 
 // Answered at once, whatever happened; nothing is saved in the id/type map.

@@ -47,7 +47,7 @@ void install(const scc_ss_reg_info& info) {
     store_handler(g_scc_client_cb.handlers.authmode, info.authmode);
 }
 
-void queue_or_drop(i32 fd, void* message) {
+void queue_or_drop(i32 fd, void* message, result_run& /*results*/) {
     if (!enqueue_message(fd, message)) {
         SCC_LOG("malloc data buffer error. ignore this proc msg.");
         _scc_msg_free(&message);

@@ -398,6 +398,39 @@ TEST_F(Resequence, AZeroBehindOtherNumbersIsRenumberedLikeAny) {
     EXPECT_EQ(look(key).sns, (numbers{10, 0xBFFFFFFF, 20}));
 }
 
+TEST_F(Resequence, EqualNumbersStayEqualWhereOnlyUnnumberedOnesStandBetweenThem) {
+    // The last number wraps to that of the first.
+    const numbers wrapped{5, 0x40000005, 0x80000005, 0xC0000005, 5};
+    EXPECT_EQ(renumbered({1, 2, 3, 4, 6}, 5, 0x40000000), wrapped);
+    _scc_lib_acl_reseq(&key, 10, 10);
+    EXPECT_EQ(look(key).sns, (numbers{10, 20, 0x80000005, 0xC0000005, 30})) << "another number stood between";
+    EXPECT_EQ(renumbered({1, 2, 3, 4, 6}, 5, 0x40000000), wrapped);
+    const scc_ace_record between = ace_of(0x40000005, 2);
+    _scc_lib_ace_del(&key, &between);
+    _scc_lib_acl_reseq(&key, 10, 10);
+    EXPECT_EQ(look(key).sns, (numbers{10, 0x80000005, 0xC0000005, 10}));
+}
+
+TEST_F(Resequence, OfAWrappedListDeletesTheFirstInListOrder) {
+    renumbered({1, 2, 3, 4, 6}, 5, 0x40000000);
+    const scc_ace_record last = ace_of(5, 5);
+    _scc_lib_ace_del(&key, &last);
+    EXPECT_EQ(look(key).ids, (numbers{1, 2, 3, 4})) << "the number alone was compared";
+    const scc_ace_record again = ace_of(0xFFFFFFF0, 1);
+    _scc_lib_ace_add(&key, &again);
+    EXPECT_EQ(look(key).ids, (numbers{1, 2, 3, 4, 1}));
+    const scc_ace_record first = ace_of(5, 1);
+    _scc_lib_ace_del(&key, &first);
+    EXPECT_EQ(look(key).ids, (numbers{2, 3, 4, 1}));
+}
+
+TEST_F(Resequence, WithoutAKeyTheLineShowsANullPointer) {
+    const test::debugging on;
+    _scc_lib_acl_reseq(nullptr, 10, 0x80000000U);
+    EXPECT_EQ(test::log_texts(),
+              texts{"scclib param invalid. acl_info:(nil), sn_start:10, sn_inc:-2147483648."});
+}
+
 // ---- confirmed calls ----------------------------------------------------------------------------------
 
 class CacheUpdate : public AclCache {

@@ -99,22 +99,22 @@ TEST_F(AclDump, ModeThreeOfAnEmptyCacheShowsItsFrame) {
 
 TEST_F(AclDump, ModeOneShowsEachOfTheBucketsEmptyOnesIncluded) {
     fill();
-    texts expected{"================== scclib acl summary info ===================", "Total acl num:4\n",
+    texts expected{"================== scclib acl summary info ===================", "Total acl num:4",
                    "hash-id acl-num   ace-num   ", dashes_18};
     const texts lines = bucket_lines({{0, "0       1         1        "},
                                       {6, "6       2         2        "},
                                       {186, "186     1         12       "}});
     expected.insert(expected.end(), lines.begin(), lines.end());
-    expected.insert(expected.end(), {dashes_19, "Total ace num:15\n", end_of_others});
+    expected.insert(expected.end(), {dashes_19, "Total ace num:15", end_of_others});
     EXPECT_EQ(show(wire().u32(1)), expected);
 }
 
 TEST_F(AclDump, ModeOneOfAnEmptyCacheShowsFiveHundredAndTwelveLinesOfZeros) {
-    texts expected{"================== scclib acl summary info ===================", "Total acl num:0\n",
+    texts expected{"================== scclib acl summary info ===================", "Total acl num:0",
                    "hash-id acl-num   ace-num   ", dashes_18};
     const texts lines = bucket_lines({});
     expected.insert(expected.end(), lines.begin(), lines.end());
-    expected.insert(expected.end(), {dashes_19, "Total ace num:0\n", end_of_others});
+    expected.insert(expected.end(), {dashes_19, "Total ace num:0", end_of_others});
     EXPECT_EQ(show(wire().u32(1)), expected);
 }
 
@@ -124,7 +124,7 @@ TEST_F(AclDump, AnyOtherModeShowsTheOneAclWithoutATotalOfAces) {
         EXPECT_EQ(show(wire().u32(mode).u32(2).u32(1).u32(3)),
                   (texts{
                       "================= scclib specific acl info ================",
-                      "Total acl num:4\n",
+                      "Total acl num:4",
                       columns,
                       dashes_58,
                       "1       6       2       1        3       -1      0        ",
@@ -141,7 +141,7 @@ TEST_F(AclDump, AnAclThatIsNotThereLeavesTheFrameEmpty) {
          {wire().u32(2).u32(2).u32(2).u32(3).get(), wire().u32(2).u32(2).u32(1).u32(4).get(),
           wire().u32(2).u32(3).u32(1).u32(3).get()}) {
         EXPECT_EQ(show(request), (texts{"================= scclib specific acl info ================",
-                                        "Total acl num:4\n", columns, dashes_58, dashes_58, end_of_others}));
+                                        "Total acl num:4", columns, dashes_58, dashes_58, end_of_others}));
     }
 }
 
@@ -151,6 +151,21 @@ TEST_F(AclDump, IsWrittenWhetherTheSwitchIsOnOrOff) {
     const test::debugging on;
     EXPECT_EQ(show(wire().u32(3)), off);
     EXPECT_EQ(off.size(), 11U);
+}
+
+TEST_F(AclDump, OnlyTheDisplayOfAllAclsHasABlankLineBehindItsTotals) {
+    const auto with_blank_line = [](const bytes& request) {
+        texts found;
+        for (const std::string& line : show(request)) {
+            if (line.find('\n') != std::string::npos) {
+                found.push_back(line);
+            }
+        }
+        return found;
+    };
+    EXPECT_EQ(with_blank_line(wire().u32(3)), (texts{"Total acl num:0\n", "Total ace num:0\n"}));
+    EXPECT_EQ(with_blank_line(wire().u32(1)), texts{});
+    EXPECT_EQ(with_blank_line(wire().u32(2).u32(1).u32(1).u32(1)), texts{});
 }
 
 TEST_F(AclDump, TheLinesHaveTheirLengths) {

@@ -121,6 +121,18 @@ TEST_F(SwitchFile, EmptyLinesAndOtherNamesAreSteppedOver) {
     expect_set_to(1, "dot1x");
 }
 
+TEST_F(SwitchFile, ALineWithoutANumberDecidesNothing) {
+    write("dot1x\ndot1x   on\n   1\ndot1x   1\nweb\n");
+    expect_set_to(1, "dot1x");
+    expect_unchanged("web");
+}
+
+TEST_F(SwitchFile, WhatFollowsTheNumberIsNotRead) {
+    write("dot1x   1 0\nweb   1x\n");
+    expect_set_to(1, "dot1x");
+    expect_set_to(1, "web");
+}
+
 TEST_F(SwitchFile, WithoutAMatchingLineOrAFileTheFlagStays) {
     expect_unchanged("dot1x");
     write("");

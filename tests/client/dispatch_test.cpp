@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "client/acl_cache.h"
+#include "client/control_block.h"
 #include "client/diagnostics.h"
 #include "client/handler_recorder.h"
 #include "client/log.h"
@@ -120,6 +121,71 @@ TEST_F(Dispatch, ANotificationAndAResultInOneMessageAreDeliveredInThatOrder) {
     walk({mode_item(5), item_bytes(401, wire().u32(3).u32(2004))});
     EXPECT_EQ(test::taken_calls(),
               (std::vector<handler_call>{mode_call(5), {46, {"32:2004", "32:3", "8:7"}}}));
+}
+
+void save(std::uint32_t call_id, std::uint32_t kind, const bytes& data) {
+    ASSERT_EQ(_scc_lib_save_call_data(call_id, kind, data.data(), static_cast<int>(data.size())), 0U);
+}
+
+bytes result_item(std::uint32_t call_id) {
+    return item_bytes(401, wire().u32(call_id).u32(0));
+}
+
+handler_call result_call(std::uint32_t call_id, std::uint8_t value) {
+    return {46, {"32:0", "32:" + std::to_string(call_id), "8:" + std::to_string(value)}};
+}
+
+TEST_F(Dispatch, ResultsAndEverythingBetweenThemKeepTheOrderOfTheWire) {
+    for (std::uint8_t id = 1; id <= 4; ++id) {
+        save(id, 45, {id});
+    }
+    const test::debugging on;
+    walk({result_item(1), mode_item(10), result_item(2), result_item(2), result_item(3),
+          item_bytes(215, bytes(3)), item_bytes(401, bytes(7)), result_item(4), mode_item(11)});
+    EXPECT_EQ(test::taken_calls(),
+              (std::vector<handler_call>{result_call(1, 1), mode_call(10), result_call(2, 2),
+                                         result_call(3, 3), result_call(4, 4), mode_call(11)}));
+    EXPECT_EQ(test::log_texts(),
+              (texts{"call authmode notify handler", "no such call id:2 in scc lib",
+                     "unknown scclib msg type(215).", "scclib msg type(401) too short. len:7.",
+                     "call authmode notify handler"}));
+}
+
+TEST_F(Dispatch, AMessageOfManyResultsIsDeliveredWholeAndInOrder) {
+    std::vector<bytes> items;
+    std::vector<handler_call> expected;
+    for (std::uint8_t id = 1; id <= 200; ++id) {
+        save(id, 45, {id});
+        items.push_back(result_item(id));
+        expected.push_back(result_call(id, id));
+    }
+    walk(items);
+    EXPECT_EQ(test::taken_calls(), expected);
+    EXPECT_EQ(scc::pending_calls(), 0U);
+}
+
+TEST_F(Dispatch, ADisplayBetweenTwoResultsShowsWhatTheFirstHasBrought) {
+    g_scc_client_cb.option.store(1);
+    save(1, 31, wire().u32(1).u32(2).u32(3).u32(0));
+    save(2, 31, wire().u32(1).u32(2).u32(4).u32(0));
+    test::clear_log();
+    const bytes display = wire().zeros(32).u32(3).u32(3);
+    walk({result_item(1), item_bytes(206, display), result_item(2)});
+    EXPECT_TRUE(test::logged("Total acl num:1\n"));
+    test::clear_log();
+    walk({item_bytes(206, display)});
+    EXPECT_TRUE(test::logged("Total acl num:2\n"));
+}
+
+TEST_F(Dispatch, TheSwitchBetweenTwoResultsHoldsForTheSecondAlone) {
+    test::clear_log();
+    const auto command = [](std::uint32_t value) {
+        return item_bytes(206, wire().zeros(24).u32(value).zeros(4).u32(1));
+    };
+    walk({result_item(1), command(1), result_item(2), command(0), result_item(3)});
+    EXPECT_EQ(test::log_texts(),
+              (texts{"scclib debug open.", "no such call id:2 in scc lib", "scclib debug close."}));
+    EXPECT_EQ(scc_lib_debug.load(), 0U);
 }
 
 TEST_F(Dispatch, ItemsOfOddLengthsLeaveTheNextUnalignedAndIntact) {

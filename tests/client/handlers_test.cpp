@@ -46,6 +46,24 @@ TEST(ControlBlock, BeginsUnregisteredWithoutDescriptorsAndHandlers) {
     }
 }
 
+TEST(ControlBlock, HoldsItsFieldsInTheirOrder) {
+    const auto offset_of = [](const auto& field) {
+        return reinterpret_cast<const char*>(&field) - reinterpret_cast<const char*>(&g_scc_client_cb);
+    };
+    EXPECT_EQ(offset_of(g_scc_client_cb.sync_fd), 0);
+    EXPECT_EQ(offset_of(g_scc_client_cb.async_fd), 4);
+    EXPECT_EQ(offset_of(g_scc_client_cb.last_call_id), 8);
+    EXPECT_EQ(offset_of(g_scc_client_cb.app_id), 12);
+    EXPECT_EQ(offset_of(g_scc_client_cb.pid), 16);
+    EXPECT_EQ(offset_of(g_scc_client_cb.process_name), 20);
+    EXPECT_EQ(offset_of(g_scc_client_cb.option), 128);
+    EXPECT_EQ(offset_of(g_scc_client_cb.state), 132);
+    EXPECT_EQ(offset_of(g_scc_client_cb.thread_mode), 136);
+    EXPECT_EQ(offset_of(g_scc_client_cb.handlers), 144);
+    EXPECT_EQ(sizeof g_scc_client_cb.handlers, 560U);
+    EXPECT_EQ(sizeof g_scc_client_cb, 704U);
+}
+
 TEST(ControlBlock, IsConnectedWhenBothDescriptorsAreNotNegative) {
     g_scc_client_cb.sync_fd.store(0);
     EXPECT_FALSE(_scc_lib_client_is_connected());

@@ -238,6 +238,33 @@ TEST(Notifications, TheCallbackIsCountedOnlyOnceTheHandlerHasReturned) {
     EXPECT_EQ(scc::read_statistics(11).callback_successes, 1U);
 }
 
+test::event_queue<std::vector<std::string>>& log_inside() {
+    static auto* queue = new test::event_queue<std::vector<std::string>>;
+    return *queue;
+}
+
+TEST(Notifications, TheLineOfACallIsWrittenBeforeTheHandlerRuns) {
+    scc_handlers handlers{};
+    handlers.d1x_addr_move = [](std::uint32_t, const scc_address_move*) {
+        log_inside().push(test::log_texts());
+    };
+    handlers.station_move = [](std::uint8_t) { log_inside().push(test::log_texts()); };
+    handlers.user_change = [](std::uint8_t, const void*, const void*) {
+        log_inside().push(test::log_texts());
+        return 0;
+    };
+    test::use_handlers(handlers);
+    const auto first_line = [](std::uint16_t type, const bytes& value) {
+        const test::debugging on;
+        receive(type, value);
+        return log_inside().wait();
+    };
+    using lines = std::vector<std::string>;
+    EXPECT_EQ(first_line(110, wire().zeros(24)), lines{"call d1x mac move notify handler"});
+    EXPECT_EQ(first_line(210, wire().zeros(4).u8(1)), lines{"call station move handler(permit)."});
+    EXPECT_EQ(first_line(127, wire().zeros(96)), lines{"user(mac:0000.0000.0000, ip:0.0.0.0) del."});
+}
+
 // ---- user added or deleted: the one handler whose return value counts --------------------------------
 
 bytes user_change(std::uint8_t add) {

@@ -2,6 +2,8 @@
 #include "client/pending_calls.h"
 
 #include <cstdlib>
+#include <cstring>
+#include <thread>
 
 #include "client/channel_support.h"
 
@@ -127,6 +129,52 @@ TEST_F(PendingCalls, BlocksThatAreUsedAgainHoldTheNewData) {
             scc::free_idle_blocks();
         }
     }
+}
+
+// More than wait between the two threads, looked up in between, in both orders.
+TEST_F(PendingCalls, CallsAreFoundHoweverManyWereSavedSinceTheLastLookUp) {
+    for (const std::uint32_t count : {1U, 1023U, 1024U, 1025U, 5000U}) {
+        for (std::uint32_t id = 1; id <= count; ++id) {
+            ASSERT_EQ(save(id, id % 60 + 1, {1, 2}), 0U);
+        }
+        EXPECT_EQ(scc::pending_calls(), count);
+        for (std::uint32_t id = count; id >= 1; --id) {
+            ASSERT_EQ(kind_of(id), id % 60 + 1) << count;
+        }
+    }
+}
+
+TEST_F(PendingCalls, BlocksOfOneSizeMakeRoomForThoseOfAnother) {
+    for (const std::size_t size : {736U, 5U, 736U, 928U}) {
+        for (std::uint32_t id = 0; id < 9000; ++id) {
+            ASSERT_EQ(save(id, 1, bytes(size, 0x5A)), 0U);
+        }
+        for (std::uint32_t id = 0; id < 9000; ++id) {
+            ASSERT_EQ(kind_of(id), 1U);
+        }
+    }
+}
+
+TEST_F(PendingCalls, AThreadThatSavesAndOneThatTakesMissNothing) {
+    constexpr std::uint32_t count = 100000;
+    std::thread saving([] {
+        for (std::uint32_t id = 1; id <= count; ++id) {
+            EXPECT_EQ(_scc_lib_save_call_data(id, id % 60 + 1, &id, sizeof id), 0U);
+        }
+    });
+    for (std::uint32_t id = 1; id <= count; ++id) {
+        scc::pending_call* call = nullptr;
+        while ((call = scc::take_pending_call(id)) == nullptr) {
+            std::this_thread::yield();
+        }
+        std::uint32_t saved = 0;
+        std::memcpy(&saved, call->data(), sizeof saved);
+        ASSERT_EQ(saved, id);
+        ASSERT_EQ(call->kind, id % 60 + 1);
+        scc::release_pending_call(call);
+    }
+    saving.join();
+    EXPECT_EQ(scc::pending_calls(), 0U);
 }
 
 TEST_F(PendingCalls, CallIdsCountUpAndWrap) {

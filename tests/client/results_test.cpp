@@ -195,6 +195,47 @@ TEST_F(Results, ASuccessfulResultOfAnUnknownKindStillReachesTheCacheWhenItIsEnab
     EXPECT_EQ(held_acls(), 0U);
 }
 
+TEST_F(Results, IdsAndKindsAreLoggedAsSignedNumbers) {
+    const test::debugging on;
+    g_scc_client_cb.option.store(1);
+    deliver(0xFFFFFFFF, 0);
+    save(0x80000000, 0xFFFFFFFE, key_bytes(1));
+    deliver(0x80000000, 0);
+    EXPECT_EQ(test::log_texts(),
+              (std::vector<std::string>{"no such call id:-1 in scc lib", "unknown scclib call ret id(-2).",
+                                        "unknown scclib call id(-2)"}));
+}
+
+TEST_F(Results, AFailureOfAnUnknownKindDoesNotReachTheCache) {
+    const test::debugging on;
+    g_scc_client_cb.option.store(1);
+    save(9, 47, key_bytes(1));
+    deliver(9, 1);
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{"unknown scclib call ret id(47)."});
+}
+
+TEST_F(Results, ASuccessOfEachKindThatChangesNoAclIsUnknownToTheCacheUnderAnyOptionButZero) {
+    for (const result_case& row : all_cases()) {
+        if ((row.kind >= 31 && row.kind <= 34) || row.kind == 40) {
+            continue;
+        }
+        SCOPED_TRACE(row.kind);
+        const std::vector<std::string> unknown{"unknown scclib call id(" + std::to_string(row.kind) + ")"};
+        const auto logged_under = [&row](std::uint8_t option, std::uint32_t result) {
+            const test::debugging on;
+            g_scc_client_cb.option.store(option);
+            save(9, row.kind, row.data);
+            deliver(9, result);
+            return test::log_texts();
+        };
+        EXPECT_EQ(logged_under(1, 0), unknown);
+        EXPECT_EQ(logged_under(2, 0), unknown);
+        EXPECT_TRUE(logged_under(1, 2005).empty());
+        EXPECT_TRUE(logged_under(0, 0).empty());
+    }
+    EXPECT_EQ(held_acls(), 0U);
+}
+
 TEST_F(Results, AnIdThatWasNeverIssuedIsLoggedAndNothingElseHappens) {
     const test::debugging on;
     save(9, 31, key_bytes(1));
@@ -242,6 +283,31 @@ TEST_F(Results, AclAndAceKindsCountTheirOutcomeWithAndWithoutAHandler) {
             EXPECT_EQ(counted(), (counts{{row.index, 0, 1}}));
         }
     }
+}
+
+test::event_queue<scc::call_statistics>& counts_inside() {
+    static auto* queue = new test::event_queue<scc::call_statistics>;
+    return *queue;
+}
+
+TEST_F(Results, TheOutcomeIsCountedBeforeTheHandlerRuns) {
+    scc_handlers handlers{};
+    handlers.acl_create = [](std::uint32_t, std::uint32_t, const scc_acl_key*) {
+        counts_inside().push(scc::read_statistics(0));
+    };
+    handlers.nac_user = [](std::uint32_t, std::uint32_t, const scc_user_record*) {
+        counts_inside().push(scc::read_statistics(7));
+    };
+    test::use_handlers(handlers);
+    save(1, 31, key_bytes(1));
+    deliver(1, 0);
+    save(2, 27, wire().zeros(24).u32(3).to(736));
+    deliver(2, 1);
+    const auto created = counts_inside().wait();
+    const auto deleted = counts_inside().wait();
+    ASSERT_TRUE(created && deleted);
+    EXPECT_EQ(created->callback_successes, 1U);
+    EXPECT_EQ(deleted->callback_failures, 1U);
 }
 
 TEST_F(Results, NacUsersAreCountedByTheSavedOperation) {

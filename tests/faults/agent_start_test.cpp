@@ -34,6 +34,8 @@ TEST_F(AgentStart, WithoutMemoryForTheRecordReturnsTwelveAndStartsNothing) {
 
 TEST_F(AgentStart, WithoutAThreadForTheCheckerUndoesEverything) {
     const test::debugging on;
+    info.handlers.server_status = [](std::uint32_t) {};
+    info.handlers.filter_counter_reset = [](std::uint32_t, std::uint32_t, const scc_acl_key*) {};
     test::fail_call(test::call::pthread_create, 1, EAGAIN);
     EXPECT_EQ(scc_agent_init(&info, master), 11U);
     EXPECT_TRUE(test::end_faults());
@@ -41,6 +43,7 @@ TEST_F(AgentStart, WithoutAThreadForTheCheckerUndoesEverything) {
     EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
     EXPECT_EQ(g_scc_client_cb.app_id.load(), 0U);
     EXPECT_EQ(g_scc_client_cb.handlers.server_status, nullptr);
+    EXPECT_EQ(g_scc_client_cb.handlers.filter_counter_reset, info.handlers.filter_counter_reset);
     EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 2004U);
     EXPECT_EQ(scc_agent_init(&info, master), 0U);
 }

@@ -2,6 +2,7 @@
 // leaked by it, and the next one works.
 #include <cstdlib>
 
+#include "client/acl_cache.h"
 #include "client/pending_calls.h"
 #include "fault_support.h"
 
@@ -97,7 +98,7 @@ const request_row g_requests[] = {
     CALL(167, scc_direct_vlan_set(1, &g_vlans, &g_call_id)),
     CALL(142, scc_acl_global_eport_set(1, 2, &g_call_id)),
     CALL(143, scc_svi_router_acl_set(1, &g_call_id)),
-    {"scc_efacl_ctrl", 157, [] { return scc_efacl_ctrl("data", 4, &g_call_id); }, 2},
+    {"scc_efacl_ctrl", 157, [] { return scc_efacl_ctrl("data", 4, &g_call_id); }, 1},
     CALL(131, scc_acl_create(&g_key, &g_call_id)),
     CALL(131, scc_acl_delete(&g_key, &g_call_id)),
     CALL(132, scc_acl_add_ace(&g_key, &g_ace, &g_call_id)),
@@ -213,7 +214,7 @@ TEST_F(Allocation, FailsTheOneWayMessageOnTheSyncSocket) {
 TEST_F(Allocation, FailsAnOversizedRequestWhichIs22WithoutBeingSent) {
     start(0);
     const bytes data(8168, 1);
-    test::fail_allocation(3);
+    test::fail_allocation(2);
     EXPECT_EQ(scc_efacl_ctrl(data.data(), 8168, &g_call_id), 22U);
     EXPECT_TRUE(test::end_faults());
     EXPECT_EQ(scc::pending_calls(), 0U);
@@ -344,7 +345,7 @@ TEST_F(CacheAllocation, FailsAConfirmedAclWhichIsThenNotCached) {
     EXPECT_EQ(scc_acl_cls_get(&key), 0U);
 }
 
-TEST_F(CacheAllocation, FailsAConfirmedAceWhichIsThenNotCached) {
+TEST_F(CacheAllocation, NeedsNoMemoryForAConfirmedAceWhichIsKeptInTheBlockOfItsCall) {
     start(1);
     const test::debugging on;
     create();
@@ -353,13 +354,60 @@ TEST_F(CacheAllocation, FailsAConfirmedAceWhichIsThenNotCached) {
     ace.sn = 5;
     ASSERT_EQ(scc_acl_add_ace(&g_key, &ace, &g_call_id), 0U);
     (void)daemon.read_item(side::async);
-    test::fail_call(test::call::malloc, 2, 12);
-    daemon.send_result(g_call_id, 0);
+    test::fail_calls_from(test::call::malloc, 2, 12);  // the first is the received message
+    daemon.send(side::async, wire()
+                                 .u32(40)
+                                 .u8(1)
+                                 .u16(2)
+                                 .u8(0)
+                                 .u32(8)
+                                 .u16(0)
+                                 .u16(401)
+                                 .u32(g_call_id)
+                                 .u32(0)
+                                 .u32(8)
+                                 .u16(0)
+                                 .u16(401)
+                                 .u32(0x7FFFFFFF)
+                                 .u32(0));
+    EXPECT_TRUE(test::wait_for_log("no such call id:2147483647 in scc lib"));
+    (void)test::end_faults();
     EXPECT_EQ(acl_results().wait(), 0U);
-    EXPECT_TRUE(test::wait_for_log("alloc memory failed!!!"));
-    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(scc_acl_get_ace_by_sn(&g_key, 5, &ace), 0U);
+}
+
+TEST_F(CacheAllocation, FailsACopiedAceWhichIsThenNotCached) {
+    start(1);
+    const test::debugging on;
+    create();
+    confirm(g_call_id);
     expect_working();
+    scc_ace_record ace{};
+    ace.sn = 5;
+    test::fail_allocation(1);
+    _scc_lib_ace_add(&g_key, &ace);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_TRUE(test::wait_for_log("alloc memory failed!!!"));
     EXPECT_EQ(scc_acl_get_ace_by_sn(&g_key, 5, &ace), 2006U);
+}
+
+// Without memory for a larger index the cache takes ACLs as long as there is room in the one that it has.
+TEST_F(CacheAllocation, FailsTheGrowthOfTheAclIndexWhichFillsUpAndThenRefuses) {
+    start(1);
+    const test::debugging on;
+    scc_acl_key key{0, 3, 0, 0};
+    test::fail_calls_from(test::call::calloc, 1, 12);
+    for (key.acl_id = 1; key.acl_id <= 300; ++key.acl_id) {
+        _scc_lib_acl_add(&key);
+    }
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_TRUE(test::wait_for_log("alloc memory failed!!!"));
+    for (key.acl_id = 1; key.acl_id <= 300; ++key.acl_id) {
+        EXPECT_EQ(scc_acl_cls_get(&key), key.acl_id <= 255 ? 0U : 2005U) << key.acl_id;
+    }
+    key.acl_id = 300;
+    _scc_lib_acl_add(&key);
+    EXPECT_EQ(scc_acl_cls_get(&key), 0U);
 }
 
 TEST_F(CacheAllocation, FailsAnyCopyOfAReadAndTheListIsEmpty) {

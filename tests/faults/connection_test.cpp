@@ -165,6 +165,7 @@ TEST_F(ConnectionFaults, AThreadThatCannotBeMadeEndsTheStartWithItsError) {
             test::clear_log();
             info.app_id = 7;
             info.handlers.server_status = test::on_status;
+            info.handlers.filter_counter_reset = [](std::uint32_t, std::uint32_t, const scc_acl_key*) {};
             test::fail_call(call::pthread_create, nth, error);
             EXPECT_EQ(scc_svr_reg(&info), static_cast<std::uint32_t>(error));
             EXPECT_TRUE(test::end_faults());
@@ -172,6 +173,8 @@ TEST_F(ConnectionFaults, AThreadThatCannotBeMadeEndsTheStartWithItsError) {
             EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
             EXPECT_EQ(g_scc_client_cb.app_id.load(), 0U);
             EXPECT_EQ(scc::load_handler(g_scc_client_cb.handlers.server_status), nullptr);
+            EXPECT_EQ(scc::load_handler(g_scc_client_cb.handlers.filter_counter_reset),
+                      info.handlers.filter_counter_reset);
             EXPECT_EQ(scc_svi_router_acl_set(1, nullptr), 2004U);
         }
     }

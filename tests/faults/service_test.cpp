@@ -1,5 +1,12 @@
 // The service's side and the event loop's start, with each allocation and thread failing in turn.
+#include "ss/service.h"
+
+#include <cstring>
+
 #include "client/channel_support.h"
+#include "client/diagnostics.h"
+#include "ss/callbacks.h"
+#include "ss/id_map.h"
 #include "ss/service_fixture.h"
 #include "support/faults.h"
 
@@ -42,7 +49,13 @@ TEST_F(ServiceFaults, TheStartsStatisticsFailAndTheNextStartWorks) {
     test::fail_allocation(2);
     EXPECT_EQ(scc_ss_reg(&info), 12U);
     EXPECT_TRUE(test::end_faults());
+    // The start is left half done: who it is for and the handlers stay.
     EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_EQ(g_scc_client_cb.app_id.load(), 16U);
+    EXPECT_EQ(g_scc_ss_cb.acl_create, info.acl_create);
+    EXPECT_EQ(g_scc_ss_cb.offline_detect_cfg, info.offline_detect_cfg);
+    EXPECT_EQ(g_scc_client_cb.handlers.authmode, info.authmode);
+    EXPECT_EQ(test::library_threads(), 0U);
     start();
     expect_working(1);
 }
@@ -63,6 +76,7 @@ TEST_F(ServiceFaults, AThreadThatCannotBeMadeEndsTheStartWithItsError) {
     const test::debugging on;
     daemon.stop_listening();
     const char* const names[] = {" msgq", "", ""};
+    const scc::service_handlers no_handlers{};
     for (int nth = 1; nth <= 3; ++nth) {
         for (const int error : {1, 11, 12, 22}) {
             test::clear_log();
@@ -73,6 +87,8 @@ TEST_F(ServiceFaults, AThreadThatCannotBeMadeEndsTheStartWithItsError) {
                                      names[nth - 1] + " thread error!"));
             EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
             EXPECT_EQ(g_scc_client_cb.app_id.load(), 0U);
+            EXPECT_EQ(g_scc_client_cb.handlers.server_status, nullptr);
+            EXPECT_EQ(std::memcmp(&g_scc_ss_cb, &no_handlers, sizeof no_handlers), 0);
         }
     }
     daemon.listen();
@@ -111,11 +127,110 @@ TEST_F(ServiceFaults, AnOperationWhoseTypeCannotBeKeptIsAnsweredWithTypeZero) {
     expect_working(5);
 }
 
+// The first request's type is there already, so the id keeps its place.
+TEST_F(ServiceFaults, ASecondTypeThatCannotBeKeptLeavesTheFirst) {
+    test::script().answers = 0;
+    start();
+    send_create(5);
+    (void)called(create_slot);
+    const test::debugging on;
+    // Message, queue entry, type.
+    test::fail_call(call::malloc, 3, 12);
+    send_create(5);
+    EXPECT_TRUE(test::wait_for_log("save type node id:5 type:258 map failed."));
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(_scc_ss_get_type(5), 258);
+    EXPECT_EQ(_scc_ss_get_type(5), 0);
+}
+
+struct send_failure_row {
+    const char* log_head;
+    void (*callback)(const void*, std::uint32_t);
+    const char* sender;
+};
+
+// Without memory for the batch every asynchronous answer fails with 12.
+TEST_F(ServiceFaults, AnAnswerThatCannotBeSentIsLoggedCountedAndNotRepeated) {
+    const send_failure_row rows[] = {
+        {"acl", _scc_ss_acl_op_ret_callback, "_scc_lib_msg_send"},
+        {"ace", _scc_ss_ace_op_ret_callback, "_scc_lib_msg_send"},
+        {"apply", _scc_ss_acl_apply_op_ret_callback, "_scc_lib_msg_send"},
+        {"reseq", _scc_ss_acl_reseq_op_ret_callback, "_scc_lib_msg_send"},
+        {"svi", _scc_ss_svi_router_acl_op_ret_callback, "_scc_lib_msg_send"},
+        {"global eport", _scc_ss_global_eport_ret_callback, "_scc_lib_ss_msg_send"},
+        {"cpp", _scc_ss_cpp_ret_callback, "_scc_lib_ss_msg_send"},
+        {"acl counter", _scc_ss_acl_counter_op_ret_callback, "_scc_lib_msg_send"},
+        {"ace counter", _scc_ss_ace_counter_op_ret_callback, "_scc_lib_ss_msg_send"},
+    };
+    test::fail_allocation(1);
+    start();
+    EXPECT_TRUE(test::end_faults());
+    for (const send_failure_row& row : rows) {
+        SCOPED_TRACE(row.log_head);
+        const test::debugging on;
+        _scc_ss_save_idtype(7, 21);
+        scc_ss_counter_operation record{};
+        record.id = 7;
+        record.op = 3;
+        row.callback(&record, sizeof record);
+        EXPECT_TRUE(test::logged(std::string("call ") + row.sender + " failed. errno:12."));
+        EXPECT_EQ(_scc_ss_get_type(7), 0);
+    }
+    EXPECT_EQ(scc::read_count(0).answered, 9U);
+    EXPECT_EQ(scc::read_statistics(3).callback_successes, 1U);
+    const test::debugging on;
+    _scc_ss_data_recover_callback(0, 7);
+    EXPECT_TRUE(test::logged("call _scc_lib_msg_send failed. errno:12."));
+    test::clear_log();
+    send(152, wire().zeros(96));
+    EXPECT_TRUE(test::wait_for_log("call _scc_lib_msg_send failed. errno:12."));
+    EXPECT_TRUE(daemon.stays_silent(side::async, 0));
+}
+
+TEST_F(ServiceFaults, AReplyThatCannotBeSentReturnsTheErrorAndAUserOperationCountsAFailure) {
+    test::fail_allocation(1);
+    start();
+    EXPECT_TRUE(test::end_faults());
+    const test::debugging on;
+    EXPECT_EQ(scc_ssc_nacm_app_op_callback(0, 1, 0, 0, 5), 12U);
+    EXPECT_EQ(scc_ssc_nacm_app_op_with_vid_callback(0, 1, 0, 0, 0, 5), 12U);
+    EXPECT_EQ(scc_ssc_nacm_def_read_callback(0, 1, 0, 0), 12U);
+    EXPECT_EQ(scc_ssc_nacm_http_l4port_set_callback(0, 1, 0, 0), 12U);
+    EXPECT_EQ(scc_ssc_nacm_user_reinstall_callback(0, 1, 0, 0), 12U);
+    EXPECT_EQ(scc_offline_detect_cfg_ret_callback(0, 1, 0, 0, 0), 12U);
+    EXPECT_TRUE(test::logged("call _scc_lib_ss_msg_send failed. errno:12."));
+    EXPECT_EQ(scc_ssc_nacm_user_op_callback(0, 1, 1, nullptr), 12U);
+    EXPECT_EQ(scc_ssc_nacm_user_op_callback(5, 1, 0, nullptr), 12U);
+    for (const std::uint32_t code : {6U, 7U}) {
+        EXPECT_EQ(scc::read_statistics(code).callback_failures, 1U);
+        EXPECT_EQ(scc::read_statistics(code).callback_successes, 0U);
+    }
+    EXPECT_EQ(scc::read_count(0).answered, 8U);
+}
+
+TEST_F(ServiceFaults, AQueriesAnswerWithoutMemoryIsLoggedToo) {
+    start();
+    scc_ss_counter_operation record{};
+    record.sync = 1;
+    const test::debugging on;
+    test::fail_allocation(1);
+    _scc_ss_acl_counter_op_ret_callback(&record, sizeof record);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_TRUE(test::logged("call _scc_lib_msg_send failed. errno:12."));
+    test::fail_allocation(1);
+    _scc_ss_ace_counter_op_ret_callback(&record, sizeof record);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_TRUE(test::logged("call _scc_lib_ss_msg_send failed. errno:12."));
+    EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
+    EXPECT_TRUE(daemon.stays_silent(side::async, 0));
+}
+
 struct report_row {
     const char* name;
     std::uint16_t type;
     std::uint32_t (*make)();
     int allocations;
+    std::uint32_t counted_under;  // 13 for none
 };
 
 TEST_F(ServiceFaults, EachReportUpwardsIs12WithoutMemory) {
@@ -124,20 +239,31 @@ TEST_F(ServiceFaults, EachReportUpwardsIs12WithoutMemory) {
     static const scc_acl_key key = {1, 2, 3, 4};
     static const scc_ace_counter counters[2] = {};
     const report_row rows[] = {
-        {"move", 202, [] { return scc_ss_move_addr_notify(2, moves); }, 2},
-        {"offline", 203, [] { return scc_noflow_offline_notify(&user, 1, 2, "abcd", 4); }, 2},
-        {"flow", 208, [] { return scc_flow_notify(&user, 1, 2); }, 1},
-        {"counters", 207, [] { return scc_ss_ace_counter_notify(&key, 2, counters); }, 2},
-        {"fetch", 204, [] { return scc_ss_fetch_func(); }, 1},
+        {"move", 202, [] { return scc_ss_move_addr_notify(2, moves); }, 2, 11},
+        {"offline", 203, [] { return scc_noflow_offline_notify(&user, 1, 2, "abcd", 4); }, 2, 10},
+        {"flow", 208, [] { return scc_flow_notify(&user, 1, 2); }, 1, 13},
+        {"counters", 207, [] { return scc_ss_ace_counter_notify(&key, 2, counters); }, 2, 13},
+        {"fetch", 204, [] { return scc_ss_fetch_func(); }, 1, 13},
     };
     start();
     for (const report_row& row : rows) {
         SCOPED_TRACE(row.name);
+        _scc_lib_func_stat_reset();
         for (int nth = 1; nth <= row.allocations; ++nth) {
+            const test::debugging on;
             test::fail_allocation(nth);
             EXPECT_EQ(row.make(), 12U);
             EXPECT_TRUE(test::end_faults());
             EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
+            // The last allocation is the send's own.
+            EXPECT_TRUE(test::logged(nth == row.allocations ? "call _scc_lib_msg_send failed. rv:12."
+                                                            : "scclib malloc addr notify msg failed."));
+        }
+        // A report whose message could not be made is no call.
+        for (std::uint32_t code = 0; code <= 12; ++code) {
+            const scc::call_statistics counted = scc::read_statistics(code);
+            EXPECT_EQ(counted.call_failures, code == row.counted_under ? 1U : 0U) << code;
+            EXPECT_EQ(counted.calls, code == row.counted_under ? 1U : 0U) << code;
         }
         test::fail_allocation(row.allocations + 1);
         EXPECT_EQ(row.make(), 0U);

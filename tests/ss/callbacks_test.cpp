@@ -1,6 +1,7 @@
 // Results on their way to the daemon: message 402 from inside a handler, later, twice or never.
 #include "ss/callbacks.h"
 
+#include <algorithm>
 #include <thread>
 
 #include "client/diagnostics.h"
@@ -145,6 +146,62 @@ TEST_F(Callbacks, TheServiceMayAnswerLaterFromAnotherThreadWithACopyOfTheRecord)
     expect_result(13, wire().u32(63).u32(33).u32(133));
     expect_result(12, wire().u32(62).u32(22).u32(132));
     expect_result(11, wire().u32(61).u32(11).u32(131));
+}
+
+bytes svi_item(std::uint32_t id) {
+    return test::item_bytes(143, wire().u32(id).u32(1), static_cast<std::uint16_t>(id));
+}
+
+TEST_F(Callbacks, ResultsFromInsideTheHandlerKeepTheOrderOfTheOperationsUnderLoad) {
+    start_with_all_handlers();
+    script().answers = 1;
+    constexpr std::uint32_t count = 5000;
+    for (std::uint32_t id = 1; id <= count; id += 50) {
+        std::vector<bytes> items;
+        for (std::uint32_t i = 0; i < 50; ++i) {
+            items.push_back(svi_item(id + i));
+        }
+        daemon.send_items(side::async, items);
+    }
+    for (std::uint32_t id = 1; id <= count; ++id) {
+        const test::received_item item = daemon.read_item(side::async);
+        ASSERT_EQ(item.sub_id, id);
+        ASSERT_EQ(item.value, bytes(wire().u32(id).u32(0).u32(143)));
+    }
+}
+
+TEST_F(Callbacks, EachOfManyOperationsIsAnsweredOnceWithItsOwnTypeThoughSeveralThreadsAnswer) {
+    start_with_all_handlers();
+    constexpr std::uint32_t count = 2000;
+    std::vector<scc_ss_svi_operation> records;
+    for (std::uint32_t id = 1; id <= count; ++id) {
+        daemon.send_items(side::async, {svi_item(id)});
+    }
+    for (std::uint32_t id = 1; id <= count; ++id) {
+        records.push_back(test::record_of<scc_ss_svi_operation>(called(8)));
+    }
+    std::vector<std::thread> service;
+    for (std::size_t first = 0; first < 4; ++first) {
+        service.emplace_back([&records, first] {
+            for (std::size_t i = first; i < records.size(); i += 4) {
+                records[i].ret = records[i].id + 7;
+                records[i].callback(&records[i], sizeof records[i]);
+            }
+        });
+    }
+    std::vector<int> answers(count + 1);
+    for (const test::received_item& item : daemon.read_items(side::async, count)) {
+        const std::uint32_t id = test::u32_at(item.value, 0);
+        ASSERT_LE(id, count);
+        EXPECT_EQ(item.sub_id, id);
+        EXPECT_EQ(item.value, bytes(wire().u32(id).u32(id + 7).u32(143)));
+        ++answers[id];
+    }
+    for (std::thread& thread : service) {
+        thread.join();
+    }
+    EXPECT_EQ(std::count(answers.begin() + 1, answers.end(), 1), count);
+    expect_nothing_more();
 }
 
 TEST_F(Callbacks, ASecondAnswerGoesUpWithSccTypeZero) {

@@ -106,6 +106,75 @@ TEST_F(Dispatch, AValueThatIsTooShortIsLoggedAndSkippedAndTheNextItemRuns) {
     }
 }
 
+TEST_F(Dispatch, AValueCutAtAnyOffsetOfAnyTypeReachesNoHandler) {
+    start_with_all_handlers();
+    for (const type_row& row : known_types) {
+        SCOPED_TRACE(row.type);
+        const bytes whole = test::pattern(row.least_bytes, 1);
+        std::vector<bytes> items;
+        for (std::size_t cut = 0; cut < row.least_bytes; ++cut) {
+            items.push_back(item_bytes(row.type, test::slice(whole, 0, cut), 3));
+        }
+        if (items.empty()) {
+            continue;
+        }
+        const test::debugging on;
+        daemon.send_items(side::async, items);
+        EXPECT_TRUE(test::wait_for_log("lib proc msg done.\n"));
+        const auto texts = test::log_texts();
+        ASSERT_EQ(texts.size(), 2 * row.least_bytes + 2);
+        for (std::size_t cut = 0; cut < row.least_bytes; ++cut) {
+            EXPECT_EQ(texts[2 * cut + 2], "scclib msg type(" + std::to_string(row.type) +
+                                              ") too short. len:" + std::to_string(cut) + ".");
+        }
+    }
+    EXPECT_EQ(test::handler_calls().size(), 0U);
+    expect_nothing_more();
+}
+
+// The header is right about what follows it; the item is not.
+TEST_F(Dispatch, AMessageWhoseItemIsCutAtAnyOffsetIsRefusedWhole) {
+    start_with_all_handlers();
+    for (const type_row& row : known_types) {
+        const bytes item = item_bytes(row.type, test::pattern(row.least_bytes, 1), 3);
+        wire hostile;
+        for (std::size_t cut = 0; cut < item.size(); ++cut) {
+            hostile.u32(static_cast<std::uint32_t>(8 + cut)).u8(1).u16(1).u8(0);
+            hostile.add(test::slice(item, 0, cut));
+        }
+        // More items than there are, and lengths that lead far away or around.
+        for (const std::uint16_t count : std::initializer_list<std::uint16_t>{2, 0xFFFF}) {
+            hostile.u32(static_cast<std::uint32_t>(8 + item.size())).u8(1).u16(count).u8(0).add(item);
+        }
+        for (const std::uint32_t length : {0x7FFFFFFFU, 0xFFFFFFF8U, 0xFFFFFFFFU}) {
+            hostile.u32(static_cast<std::uint32_t>(8 + item.size())).u8(1).u16(1).u8(0);
+            hostile.add(test::with_u32(item, 0, length));
+        }
+        daemon.send(side::async, hostile);
+    }
+    expect_nothing_more();
+    EXPECT_EQ(test::handler_calls().size(), 0U);
+    EXPECT_EQ(scc_ss_fetch_func(), 0U);
+    EXPECT_EQ(daemon.read_item(side::sync).type, 204);
+}
+
+// The cache's display reads a mode, and for some modes three words of an ACL behind it.
+TEST_F(Dispatch, ADumpCommandCutInsideItsDataDumpsNothing) {
+    start();
+    test::clear_log();
+    std::vector<bytes> items;
+    for (const std::uint32_t mode : {0U, 1U, 2U, 3U, 4U}) {
+        const bytes whole = wire().zeros(32).u32(3).u32(mode).u32(1).u32(5).u32(300);
+        const std::size_t least = mode == 1 || mode == 3 ? 40 : 52;
+        for (std::size_t cut = 33; cut < least; ++cut) {
+            items.push_back(item_bytes(206, test::slice(whole, 0, cut)));
+        }
+    }
+    daemon.send_items(side::async, items);
+    expect_nothing_more();
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{});
+}
+
 TEST_F(Dispatch, AValueOfExactlyTheLeastLengthRuns) {
     info = test::all_handlers();
     info.direct_vlan_notify = nullptr;  // would read the bytes behind

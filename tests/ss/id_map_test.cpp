@@ -1,7 +1,9 @@
 // The id/type map: first in, first out for each id, ordered around the wrap, and its dump.
 #include "ss/id_map.h"
 
+#include <atomic>
 #include <cstdlib>
+#include <thread>
 
 #include "client/log.h"
 #include "ss/callbacks.h"
@@ -110,6 +112,14 @@ TEST_F(IdMap, IsEmptiedByTheServicesRegistration) {
     EXPECT_EQ(g_ss_id_map_root.node, nullptr);
 }
 
+TEST_F(IdMap, IsNotEmptiedByARegistrationThatFindsNoDirectory) {
+    _scc_ss_save_idtype(9, 5);
+    unsetenv("TMPDIR");
+    EXPECT_EQ(scc_ss_reg(&info), 5U);
+    EXPECT_EQ(scc_ss_reg(nullptr), 22U);
+    EXPECT_EQ(_scc_ss_get_type(9), 5);
+}
+
 TEST_F(IdMap, IsNotEmptiedByASecondRegistration) {
     start();
     _scc_ss_save_idtype(9, 5);
@@ -201,6 +211,40 @@ TEST_F(IdMap, ADumpWithTheSwitchOnLeavesItOn) {
     const test::debugging on;
     _scc_ss_retlist_dump();
     EXPECT_EQ(scc_lib_debug.load(), 1);
+}
+
+// Ids 1 to 200 are always there; those above come and go while the dump walks the tree.
+TEST_F(IdMap, ADumpShowsTheOutstandingIdsInOrderWhileOthersComeAndGo) {
+    for (std::uint32_t id = 1; id <= 200; ++id) {
+        _scc_ss_save_idtype(id, 5);
+    }
+    std::atomic<bool> over{false};
+    std::atomic<int> rounds{0};
+    std::thread answering([&] {
+        while (!over) {
+            for (std::uint32_t id = 1000; id > 200; --id) {
+                _scc_ss_save_idtype(id, 6);
+            }
+            for (std::uint32_t id = 201; id <= 1000; ++id) {
+                EXPECT_EQ(_scc_ss_get_type(id), 6);
+            }
+            ++rounds;
+        }
+    });
+    for (int dumps = 0; dumps < 10 || rounds < 2; ++dumps) {
+        const auto ids = dumped_ids();
+        ASSERT_GE(ids.size(), 200U);
+        int last = 0;
+        for (const std::string& text : ids) {
+            ASSERT_TRUE(text.starts_with("[id:")) << text;
+            const int id = std::stoi(text.substr(4));
+            ASSERT_LT(last, id);
+            ASSERT_TRUE(last >= 200 || id == last + 1);
+            last = id;
+        }
+    }
+    over = true;
+    answering.join();
 }
 
 TEST_F(IdMap, OtherDebugCommandsDumpNothing) {

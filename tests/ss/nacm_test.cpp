@@ -1,4 +1,6 @@
 // The scalar operations of network access control and the entry points that answer them.
+#include <thread>
+
 #include "client/diagnostics.h"
 #include "ss/callbacks.h"
 #include "ss/id_map.h"
@@ -360,6 +362,39 @@ TEST_F(Nacm, EveryHandlerMayAnswerFromInsideTheCall) {
     expect_result(25, wire().u32(5).u32(5).u32(151));
     send(153, wire().u32(6).u32(76).u32(1), 26);
     expect_result(26, wire().u32(6).u32(6).u32(153));
+}
+
+TEST_F(Nacm, EveryOperationMayBeAnsweredLaterByAnotherThreadInAnyOrder) {
+    start_with_all_handlers();
+    send(148, wire().u32(1).u32(76).u32(2).u32(9), 21);
+    send(158, wire().u32(2).u32(76).u32(2).u32(8).u32(0).u32(100), 22);
+    send(149, wire().u32(3).u32(76).u32(3), 23);
+    send(150, wire().u32(4).u32(0).u32(80).u32(0).u32(1), 24);
+    send(151, user_value(5, 1), 25);
+    send(153, wire().u32(6).u32(76).u32(1), 26);
+    send(209, wire().u32(7).u8(1).zeros(3).u32(60).u32(1000), 27);
+    expect_nothing_more();
+    std::thread service([] {
+        EXPECT_EQ(scc_offline_detect_cfg_ret_callback(17, 7, 1, 60, 1000), 0U);
+        EXPECT_EQ(scc_ssc_nacm_user_reinstall_callback(16, 6, 1, 76), 0U);
+        EXPECT_EQ(scc_ssc_nacm_user_op_callback(15, 5, 1, nullptr), 0U);
+        EXPECT_EQ(scc_ssc_nacm_http_l4port_set_callback(14, 4, 1, 80), 0U);
+        EXPECT_EQ(scc_ssc_nacm_def_read_callback(13, 3, 76, 3), 0U);
+        EXPECT_EQ(scc_ssc_nacm_app_op_with_vid_callback(12, 2, 2, 76, 100, 8), 0U);
+        EXPECT_EQ(scc_ssc_nacm_app_op_callback(11, 1, 2, 76, 9), 0U);
+    });
+    service.join();
+    expect_result(27, wire().u32(7).u32(17).u32(209));
+    expect_result(26, wire().u32(6).u32(16).u32(153));
+    expect_result(25, wire().u32(5).u32(15).u32(151));
+    expect_result(24, wire().u32(4).u32(14).u32(150));
+    expect_result(23, wire().u32(3).u32(13).u32(149));
+    expect_result(22, wire().u32(2).u32(12).u32(8));
+    expect_result(21, wire().u32(1).u32(11).u32(9));
+    // A second answer has no type left.
+    EXPECT_EQ(scc_ssc_nacm_def_read_callback(13, 3, 76, 3), 0U);
+    expect_result(0, wire().u32(3).u32(13).u32(149));
+    expect_nothing_more();
 }
 
 // Success and failure of the send are counted, not the service's result.

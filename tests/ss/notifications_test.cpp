@@ -184,6 +184,16 @@ TEST_F(Notifications, WithoutExtraBytesAUserWithoutTrafficIs88Bytes) {
     expect_up(203, test::with_u32(value, 0, 2));
 }
 
+TEST_F(Notifications, ANegativeLengthOfExtraBytesAddsNone) {
+    start();
+    const scc_flow_user user = ipv4_user();
+    for (const int length : {-1, -88, -2147483647 - 1}) {
+        EXPECT_EQ(scc_noflow_offline_notify(&user, 7, 8, "xyz", length), 0U);
+        EXPECT_EQ(test::slice(daemon.read_item(side::sync).value, 4, 84),
+                  bytes(wire().zeros(4).add(ipv4_user_bytes()).u64(7).u64(8).u64(0)));
+    }
+}
+
 struct user_text_row {
     scc_flow_user user;
     const char* addresses;

@@ -140,6 +140,27 @@ TEST_F(ServiceRegistration, ClearsTheCreationMaskAndOpensTheDirectory) {
     EXPECT_EQ(umask(0), 0U);
 }
 
+TEST_F(ServiceRegistration, ClearsTheCreationMaskEvenWhenItFailsButNotForANullRecord) {
+    umask(027);
+    EXPECT_EQ(scc_ss_reg(nullptr), 22U);
+    EXPECT_EQ(umask(027), 027U);
+    unsetenv("TMPDIR");
+    EXPECT_EQ(scc_ss_reg(&info), 5U);
+    EXPECT_EQ(umask(0), 0U);
+}
+
+TEST_F(ServiceRegistration, TakesAConnectedClientForARegisteredOneWhateverItsState) {
+    start_with_all_handlers();
+    g_scc_client_cb.state = 1;
+    const test::debugging on;
+    const scc_ss_reg_info nothing{};
+    EXPECT_EQ(scc_ss_reg(&nothing), 0U);
+    EXPECT_TRUE(test::logged("(app id:16, pid:" + pid_text() + ") already registered!"));
+    g_scc_client_cb.state = 4;
+    send(143, wire().u32(1).u32(1));
+    called(8);
+}
+
 TEST_F(ServiceRegistration, CreatesTheDirectoryAndWaitsForALateDaemon) {
     daemon.stop_listening();
     std::filesystem::remove_all(daemon.directory().path() + "/security");

@@ -1,0 +1,267 @@
+// What a registration by the event loop takes over, leaves behind and returns, and the order of its acts.
+#include <errno.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+
+#include "client/connection.h"
+#include "client/diagnostics.h"
+#include "client/log.h"
+#include "support/loop_application.h"
+
+using test::bytes;
+using test::side;
+using test::wire;
+
+namespace {
+
+// What the application saw when it was called.
+struct moment {
+    std::string call;
+    std::uint32_t state;
+    bool reads;
+    std::uint32_t calls_counted;
+
+    bool operator==(const moment&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& out, const moment& seen) {
+    return out << seen.call << " in state " << seen.state << (seen.reads ? ", reading" : "") << ", counted "
+               << seen.calls_counted;
+}
+
+test::event_queue<moment>& moments() {
+    static auto* queue = new test::event_queue<moment>;
+    return *queue;
+}
+
+void note(const std::string& call) {
+    moments().push(
+        {call, g_scc_client_cb.state.load(), scc::is_pending(scc::task_read), scc::read_statistics(3).calls});
+}
+
+void note_status(std::uint32_t status) {
+    note(status == 1 ? "status 1" : "status 0");
+    test::on_status(status);
+}
+
+void note_connection() {
+    note("callback");
+}
+
+class AgentRegistration : public test::loop_application {
+  protected:
+    AgentRegistration() { info.handlers.server_status = note_status; }
+
+    static std::string identity() { return "(app id:7, pid:" + std::to_string(getpid()) + ")"; }
+
+    // What a connect task returns that runs now.
+    std::future<int> connect_task_result() {
+        auto* outcome = new std::promise<int>;
+        auto result = outcome->get_future();
+        struct connecting {
+            static std::promise<int>*& to() {
+                static std::promise<int>* target = nullptr;
+                return target;
+            }
+            static int run(qx_thread* task) {
+                const int returned = _scc_lib_agent_connect(task);
+                to()->set_value(returned);
+                delete to();
+                return 0;
+            }
+        };
+        in_loop([&] {
+            connecting::to() = outcome;
+            auto* record = static_cast<scc_reg_info*>(std::calloc(1, 568));
+            *record = info;
+            EXPECT_NE(qx_thread_add_event_withname(master, connecting::run, record, 0, "test"), nullptr);
+        });
+        return result;
+    }
+};
+
+TEST_F(AgentRegistration, TakesTheIdentityOverAndReadsTheSwitchFile) {
+    // The name that the kernel shows is the memory of the first argument.
+    ASSERT_GT(std::strlen(program_invocation_name), 8U);
+    std::strcpy(program_invocation_name, "./loopd");
+    std::ofstream(daemon.directory().runtime() + "/scclib_dbg.txt") << "loopd   0\n./LOOPD   1\n";
+    info.option = 2;
+    start();
+    EXPECT_EQ(scc_lib_debug.load(), 1);
+    scc_lib_debug.store(0);
+    EXPECT_STREQ(g_scc_client_cb.process_name, "./loopd");
+    EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
+    EXPECT_EQ(g_scc_client_cb.pid.load(), static_cast<std::uint32_t>(getpid()));
+    EXPECT_EQ(g_scc_client_cb.option.load(), 2U);
+    EXPECT_EQ(g_scc_client_cb.thread_mode.load(), 0U);
+}
+
+TEST_F(AgentRegistration, ReadsBeforeItTellsOfTheFirstAndTellsBeforeItReadsAfterALoss) {
+    scc_agent_set_connect_callback(note_connection);
+    start();
+    EXPECT_EQ(moments().wait(), (moment{"status 1", 4, true, 0}));
+    EXPECT_EQ(moments().wait(), (moment{"callback", 4, true, 0}));
+    in_loop([] { g_scclib_stat[3] = {6, 5, 4, 3, 2}; });
+    daemon.close_both();
+    expect_reconnection();
+    EXPECT_EQ(moments().wait(), (moment{"status 0", 1, false, 6}));
+    EXPECT_EQ(moments().wait(), (moment{"status 1", 4, false, 0})) << "the statistics begin anew";
+    EXPECT_EQ(moments().wait(), (moment{"callback", 4, true, 0}));
+    EXPECT_EQ(moments().size(), 0U);
+}
+
+TEST_F(AgentRegistration, IsInStateRegisteringWhileItWaitsForEitherReply) {
+    const auto expect_registering = [this] {
+        daemon.accept_both();
+        for (const side where : {side::sync, side::async}) {
+            EXPECT_EQ(daemon.read_item(where).type, 301);
+            EXPECT_EQ(state(), 3U);
+            daemon.send_item(where, 301, wire().u32(0).u32(0).u32(0));
+        }
+    };
+    EXPECT_EQ(state(), 1U);
+    ASSERT_EQ(init(), 0U);
+    expect_registering();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    EXPECT_EQ(state(), 4U);
+    settle();
+    daemon.close_both();
+    expect_registering();
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    EXPECT_EQ(state(), 4U);
+    settle();
+}
+
+TEST_F(AgentRegistration, BeginsWithNothingCounted) {
+    g_scclib_stat[3] = {6, 5, 4, 3, 2};
+    start();
+    EXPECT_EQ(moments().wait(), (moment{"status 1", 4, true, 0}));
+}
+
+TEST_F(AgentRegistration, InAnyStateButIdleOrWithAConnectionIsTakenForStarted) {
+    const std::vector<std::string> refusal{identity() + " already registered!"};
+    const auto expect_started = [&] {
+        const test::debugging on;
+        test::forget_added_tasks();
+        EXPECT_EQ(scc_agent_init(&info, master), 0U);
+        EXPECT_EQ(test::log_texts(), refusal);
+        EXPECT_TRUE(test::added_tasks("scc-connect").empty());
+    };
+    in_loop([&] {
+        for (const std::uint32_t state : {2U, 3U, 4U, 5U}) {
+            _scc_client_state_set(state);
+            expect_started();
+        }
+        _scc_client_state_set(1);
+    });
+    start();
+    in_loop([&] {
+        _scc_client_state_set(1);
+        expect_started();
+        _scc_client_state_set(4);
+    });
+}
+
+TEST_F(AgentRegistration, LeavesPosition42BehindAndNeverInstallsPosition67) {
+    info.handlers.filter_counter_reset = [](std::uint32_t, std::uint32_t, const scc_acl_key*) {};
+    info.handlers.water_line = [](std::uint8_t) {};
+    start();
+    EXPECT_EQ(g_scc_client_cb.handlers.filter_counter_reset, info.handlers.filter_counter_reset);
+    EXPECT_EQ(g_scc_client_cb.handlers.water_line, nullptr);
+    EXPECT_EQ(finish(), 0U);
+    EXPECT_EQ(g_scc_client_cb.handlers.filter_counter_reset, info.handlers.filter_counter_reset);
+    EXPECT_EQ(g_scc_client_cb.handlers.server_status, nullptr);
+}
+
+TEST_F(AgentRegistration, ReturnsTheErrorOfAConnectionThatFailed) {
+    start();
+    EXPECT_EQ(finish(), 0U);
+    in_loop([this] {
+        test::set_timer_seconds(1000);
+        daemon.stop_listening();
+    });
+    ASSERT_EQ(init(), 0U);
+    ASSERT_TRUE(test::wait_for_added("scc-reconnect", 1));
+    test::forget_added_tasks();
+    EXPECT_EQ(connect_task_result().get(), 2);  // the daemon's socket file has gone
+    EXPECT_EQ(state(), 1U);
+    EXPECT_EQ(test::added_tasks("scc-reconnect").size(), 1U);
+    daemon.listen();
+    auto refused = connect_task_result();
+    daemon.accept_both();
+    daemon.answer_registration(side::sync, 2002, 4711);
+    EXPECT_EQ(refused.get(), 2002);
+    EXPECT_EQ(state(), 1U);
+    EXPECT_TRUE(scc::is_pending(scc::task_reconnect));
+}
+
+TEST_F(AgentRegistration, CancelsWhatIsPendingWhenAReconnectionFails) {
+    start();
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    in_loop([&] {
+        test::set_timer_seconds(1000);
+        scc::cancel_all_tasks();
+        daemon.stop_listening();
+        daemon.close_both();
+        (void)_scc_lib_client_close();
+        _scc_client_state_set(1);
+        EXPECT_EQ(_scc_lib_thread_event(0, std::calloc(1, 568), -1), 0);
+        EXPECT_EQ(_scc_lib_thread_event(2, nullptr, ends[0]), 0);
+        EXPECT_EQ(_scc_lib_agent_reconnect(nullptr), 2);
+        EXPECT_FALSE(scc::is_pending(scc::task_connect));
+        EXPECT_FALSE(scc::is_pending(scc::task_read));
+        EXPECT_TRUE(scc::is_pending(scc::task_reconnect));
+    });
+    EXPECT_EQ(state(), 5U);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(AgentRegistration, StartedWhileItWaitsForTheTimerHasNoSecondAttemptBehindIt) {
+    start();
+    in_loop([this] {
+        test::set_timer_seconds(1000);
+        daemon.stop_listening();
+        daemon.close_both();
+    });
+    ASSERT_TRUE(test::wait_for_added("scc-reconnect", 1));
+    settle();
+    in_loop([this] {
+        EXPECT_TRUE(scc::is_pending(scc::task_reconnect));
+        EXPECT_EQ(scc_agent_finish(), 0U) << "not registered: nothing to end";
+        EXPECT_EQ(scc_agent_init(&info, master), 0U);
+        EXPECT_TRUE(scc::is_pending(scc::task_connect));
+        EXPECT_FALSE(scc::is_pending(scc::task_reconnect));
+        daemon.listen();
+    });
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    settle();
+    EXPECT_EQ(state(), 4U);
+}
+
+TEST_F(AgentRegistration, WithoutItsPathsEndsTheAttemptAndSchedulesNothing) {
+    start();
+    in_loop([] {
+        unsetenv("TMPDIR");
+        test::forget_added_tasks();
+        EXPECT_EQ(_scc_lib_thread_event(0, std::calloc(1, 568), -1), 0);  // the leak sanitizer counts
+    });
+    settle();
+    in_loop([] {
+        EXPECT_FALSE(scc::is_pending(scc::task_connect));
+        EXPECT_EQ(_scc_lib_agent_reconnect(nullptr), 1);
+    });
+    setenv("TMPDIR", daemon.directory().path().c_str(), 1);
+    EXPECT_EQ(state(), 4U);
+    EXPECT_EQ(test::added_tasks().size(),
+              test::added_tasks("scc-connect").size() + test::added_tasks("test").size());
+    EXPECT_EQ(test::statuses().size(), 0U);
+    expect_working_requests();
+}
+
+}  // namespace
