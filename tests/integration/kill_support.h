@@ -47,11 +47,14 @@ struct tally {
     std::set<std::uint32_t> open_users;  // accepted, and nobody knows
 };
 
+enum class receives { with_a_thread, on_a_loop };
+
 // An application under load, one life of it after the other.
 class application {
   public:
-    application(const std::string& directory, std::uint32_t app_id, std::uint32_t users_at_once = 500)
-        : directory_(directory), app_id_(app_id), users_at_once_(users_at_once) {}
+    application(const std::string& directory, std::uint32_t app_id, std::uint32_t users_at_once = 500,
+                receives way = receives::with_a_thread)
+        : directory_(directory), app_id_(app_id), users_at_once_(users_at_once), way_(way) {}
 
     void start() {
         ++life_;
@@ -61,7 +64,8 @@ class application {
         ASSERT_TRUE(ledger_->is_there());
         process_ = std::make_unique<test::child_process>(
             LOAD_APPLICATION_PATH, std::vector<std::string>{std::to_string(app_id_), std::to_string(life_),
-                                                            path, std::to_string(users_at_once_)});
+                                                            path, std::to_string(users_at_once_),
+                                                            way_ == receives::on_a_loop ? "loop" : "thread"});
     }
     void kill_hard() {
         process_->kill_hard();
@@ -169,6 +173,7 @@ class application {
     std::string directory_;
     std::uint32_t app_id_;
     std::uint32_t users_at_once_;
+    receives way_;
     std::uint32_t life_ = 0;
     bool killed_ = false;
     std::unique_ptr<test::mapped_ledger> ledger_;

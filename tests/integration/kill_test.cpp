@@ -35,13 +35,21 @@ class Kill : public ::testing::Test {
     service security{with_delay};
 };
 
-TEST_F(Kill, ADaemonKilledUnderLoadDropsTheCallsOfItsConnectionAndAnswersAllLaterOnes) {
-    application app(daemon.directory(), 7);
+// An application tells apart what it lost in the same way, whichever way it receives.
+class KillOfTheDaemon : public Kill, public ::testing::WithParamInterface<receives> {};
+
+INSTANTIATE_TEST_SUITE_P(, KillOfTheDaemon, ::testing::Values(receives::with_a_thread, receives::on_a_loop),
+                         [](const auto& way) {
+                             return way.param == receives::on_a_loop ? "OnAnEventLoop" : "WithAThread";
+                         });
+
+TEST_P(KillOfTheDaemon, UnderLoadDropsTheCallsOfItsConnectionAndAnswersAllLaterOnes) {
+    application app(daemon.directory(), 7, 500, GetParam());
     start(app);
     for (std::uint32_t round = 1; round <= 2; ++round) {
         daemon.kill_hard();
-        EXPECT_TRUE(wait_until([&] { return app.ledger().losses == round; }));
         daemon.start();
+        EXPECT_TRUE(wait_until([&] { return app.ledger().losses == round; }));
         app.wait_for_connection(round + 1);
         security.wait_for_registration();
         app.wait_for_load();

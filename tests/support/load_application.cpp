@@ -1,13 +1,16 @@
-// An application under load, to be killed: load_application APP_ID LIFE LEDGER USERS_AT_ONCE.
+// An application under load, to be killed: load_application APP_ID LIFE LEDGER USERS_AT_ONCE thread|loop.
+// The last word says whether the library receives with a thread of its own or on an event loop.
 //
 // One thread adds users, which the security service carries out, each under a MAC address of its own; one
 // sets egress ports, which it does, too, and address learning, which the daemon answers by itself; one asks
 // synchronous questions. What becomes of each call id goes into the ledger.
+#include <qx_thread.h>
 #include <scclib.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <thread>
 
 #include "support/call_ledger.h"
@@ -206,14 +209,41 @@ void ask() {
     });
 }
 
-int run(std::int32_t users_at_once) {
+// The library's tasks on an event loop with a thread of its own, which runs to the end of the process.
+class event_loop {
+  public:
+    event_loop() : master_(qx_thread_master_create()) {
+        std::thread([this] { qx_thread_master_run(master_); }).detach();
+    }
+    template <class Function>
+    std::uint32_t run(Function function) {
+        std::packaged_task<std::uint32_t()> work(function);
+        auto result = work.get_future();
+        qx_thread_add_event_withname(master_, run_work, &work, 0, "load");
+        return result.get();
+    }
+
+    [[nodiscard]] qx_thread_master* master() const { return master_; }
+
+  private:
+    static int run_work(qx_thread* task) {
+        (*static_cast<std::packaged_task<std::uint32_t()>*>(qx_thread_arg(task)))();
+        return 0;
+    }
+    qx_thread_master* master_;
+};
+
+int run(std::int32_t users_at_once, bool has_loop) {
+    static event_loop* const loop = has_loop ? new event_loop : nullptr;
     static scc_reg_info info{};
     info.app_id = g_app_id;
     info.handlers.server_status = on_status;
     info.handlers.nac_user = on_user;
     info.handlers.global_eport = on_egress_port;
     info.handlers.addr_learning = on_addr_learning;
-    if (scc_svr_reg(&info) != 0) {
+    const std::uint32_t error =
+        has_loop ? loop->run([] { return scc_agent_init(&info, loop->master()); }) : scc_svr_reg(&info);
+    if (error != 0) {
         return 1;
     }
     std::thread users([users_at_once] { add_users(users_at_once); });
@@ -221,13 +251,13 @@ int run(std::int32_t users_at_once) {
     ask();
     users.join();
     settings.join();
-    return scc_svr_unreg() == 0 ? 0 : 2;
+    return (has_loop ? loop->run(scc_agent_finish) : scc_svr_unreg()) == 0 ? 0 : 2;
 }
 
 }  // namespace
 
 int main(int count, char** words) {
-    if (count != 5) {
+    if (count != 6) {
         return 64;
     }
     g_app_id = static_cast<std::uint32_t>(std::atoi(words[1]));
@@ -238,5 +268,5 @@ int main(int count, char** words) {
         return 65;
     }
     g_ledger = &**ledger;
-    return run(std::atoi(words[4]));
+    return run(std::atoi(words[4]), std::strcmp(words[5], "loop") == 0);
 }
