@@ -147,10 +147,15 @@ void deliver_result(u32 result, const pending_call& call) {
     row.deliver(result, call.call_id, saved);
 }
 
+// Whether a successful call changes the cache, which is another one once the connection has ended.
+bool concerns_cache(u32 result, u32 epoch) {
+    return result == 0 && g_scc_client_cb.option.load(relaxed) != 0 && epoch == connection_epoch();
+}
+
 // The handler first, then the cache, which may keep the call's block: then it is no longer the caller's.
-void complete(pending_call*& call, u32 result) {
+void complete(pending_call*& call, u32 result, u32 epoch) {
     deliver_result(result, *call);
-    if (result == 0 && g_scc_client_cb.option.load(relaxed) != 0 && take_into_cache(call)) {
+    if (concerns_cache(result, epoch) && take_into_cache(call)) {
         call = nullptr;
     }
 }
@@ -183,7 +188,7 @@ void result_run::deliver() {
         if (calls[i] == nullptr || epoch_ != connection_epoch()) {
             SCC_LOG("no such call id:%d in scc lib", call_ids_[i]);
         } else {
-            complete(calls[i], results_[i]);
+            complete(calls[i], results_[i], epoch_);
         }
     }
     release_pending_calls(run);
