@@ -495,7 +495,8 @@ uint32_t scc_bind_except_port(const struct scc_config_record *record, uint32_t *
 uint32_t scc_dhcp_trust_port(const struct scc_config_record *record, uint32_t *call_id_out);
 /* Configure DHCP snooping. record->form 9: message 160, kind 51, handler dhcp_snooping; form 10: message
  * 161, kind 52, handler dhcp_snooping_second; 744 bytes. Another form returns 22, but only after the
- * registered state was tested, and uses up a call id. Handler: dhcp_snooping, dhcp_snooping_second. */
+ * registered state was tested, and uses up a call id without writing it. Handler: dhcp_snooping,
+ * dhcp_snooping_second. */
 uint32_t scc_dhcp_snooping_set(const struct scc_config_record *record, uint32_t *call_id_out);
 /* Configure ND snooping. Message 162, kind 53, 744 bytes. Handler: nd_snooping. */
 uint32_t scc_nd_snooping_set(const struct scc_config_record *record, uint32_t *call_id_out);
@@ -553,8 +554,9 @@ uint32_t scc_warterline_notify(int start);
 uint32_t scc_test_cmd_set(uint32_t command);
 /* Write the names of the binding owners in mask, joined by a slash, into buf of size bytes, in this order:
  * 0x2 AAA ip-auth-mode, 0x10 address-bind, 0x80 VRB, 0x20 DHCP snooping, 0x4 port-security, 0x8 web-authen.
- * Stops at a name that does not fit; the text always ends with a null byte. Does nothing when buf is null
- * or size below 1. Local: no message. Returns nothing. */
+ * Stops at a name that does not fit with one byte to spare for its slash; a slash in front of that name
+ * stays. The text always ends with a null byte. Does nothing when buf is null or size below 1. Local: no
+ * message. Returns nothing. */
 void scc_bind_user_name_get(int mask, char *buf, int size);
 
 /* ---- synchronous queries ---------------------------------------------------------------------- */
@@ -563,24 +565,28 @@ void scc_bind_user_name_get(int mask, char *buf, int size);
  * time, so queries and requests of other threads wait for it. No handler is involved. */
 
 /* Look up the IPv4 address (network order) of the MAC address at mac (6 bytes). *ip is written when the
- * result is 0. Message 315, reply 413. */
+ * result is 0. Message 315, 152 bytes, reply 413. */
 uint32_t scc_mac_query(const uint8_t *mac, uint32_t *ip);
 /* Ask about the number of addresses of a secured port and wait. The answer is the result code alone. The
  * call id is written once the query was sent. Message 317, 744 bytes, reply 415. */
 uint32_t scc_sp_port_addr_num(const struct scc_config_record *record, uint32_t *call_id_out);
-/* Read a NAC user; record->operation must be 2, else 22. The record is overwritten by the reply whatever
- * its result. Message 307, 744 bytes, reply 401. */
+/* Read a NAC user; record->operation must be 2, else 22. The record is overwritten by the reply's whatever
+ * its result, and left alone when no reply of that form came. Takes no call id. Message 307, 744 bytes, reply
+ * 401. */
 uint32_t scc_nac_user_get(struct scc_user_record *record);
 /* Set the mirror's destination port and wait. The call id is written once the query was sent. Message 316,
  * 744 bytes, reply 414. */
 uint32_t scc_nac_span_dport_set(const struct scc_config_record *record, uint32_t *call_id_out);
-/* Ask whether the ARP check is on: *enabled becomes 1 or 0. Message 303, no value, reply 405. */
+/* Ask whether the ARP check is on: *enabled becomes 1 or 0, and is left alone when the call fails. Message
+ * 303, no value, reply 405, which carries no result code. */
 uint32_t scc_is_arp_check_enabled(uint8_t *enabled);
 /* Count the users of the ARP check; key passes unchanged. *count is written when the result is 0. Message
  * 304, 12 bytes, reply 411. */
 uint32_t scc_arp_check_user_count_get(uint32_t key, uint32_t *count);
 /* Read the users of the ARP check: up to *count entries of 48 bytes (struct scc_arp_check_entry) into buf;
- * *count is lowered to what came. selector passes unchanged. Message 305, 12 bytes, reply 410. */
+ * *count, which is sent, is lowered to what came. Both are left alone when the result is not 0, and when the
+ * reply holds fewer entries than it says (SCC_E_FORMAT); a negative *count takes none. selector passes
+ * unchanged. Message 305, 12 bytes, reply 410. */
 uint32_t scc_arp_check_user_data_get(uint32_t selector, void *buf, int *count);
 /* Tell the most users of a NAC kind: for kinds 1 and 4 to 7 *a becomes 4096, *b and *c 3000; for every
  * other kind all three become 128. Null pointers are skipped. Local: no message. Returns 0 always. */
@@ -606,8 +612,8 @@ uint32_t scc_acl_add_ace(const struct scc_acl_key *key, const struct scc_ace_rec
  * acl_delete_ace. */
 uint32_t scc_acl_delete_ace(const struct scc_acl_key *key, const struct scc_ace_record *ace,
                             uint32_t *call_id_out);
-/* Apply an ACL. An apply type of 0 becomes the key's app type, in the caller's record; outside 1 to 58 it
- * is 22. Message 133, kind 35, 248 bytes. Handler: acl_apply. */
+/* Apply an ACL. An apply type of 0 becomes the key's app type, in the caller's record and also when the call
+ * then fails; outside 1 to 58 it is 22. Message 133, kind 35, 248 bytes. Handler: acl_apply. */
 uint32_t scc_acl_apply(struct scc_acl_apply_record *record, uint32_t *call_id_out);
 /* Undo an application, with the rules of scc_acl_apply. Message 133, kind 36, 248 bytes. Handler:
  * acl_unapply. */
@@ -640,15 +646,16 @@ uint32_t scc_user_acl_apply(const struct scc_user_acl_record *record, uint32_t *
 /* Undo a binding, with the rules of scc_user_acl_apply. Message 134, kind 38, 224 bytes. Handler:
  * user_acl_unapply. */
 uint32_t scc_user_acl_unapply(const struct scc_user_acl_record *record, uint32_t *call_id_out);
-/* Delete a VLAN binding. The acl id has no upper bound here. Message 137, kind 39, 232 bytes. Handler:
- * user_acl_delete_vmsup. */
+/* Delete a VLAN binding. The acl id has no upper bound here: 22 when it is below 1 as signed, or the app type
+ * outside 1 to 58. Message 137, kind 39, 232 bytes. Handler: user_acl_delete_vmsup. */
 uint32_t scc_user_acl_delete_vmsup(const struct scc_acl_key *key, uint32_t *call_id_out);
-/* Change a VLAN binding and wait: 16 bytes of the reply are copied to out. The key is not checked. Message
- * 314, reply 136. The reply carries no result code. Returns 0; 22 for a null pointer; SCC_E_UNAVAILABLE;
- * SCC_E_FORMAT; 12 out of memory; 32 when the daemon closed the connection; the error of receiving. */
+/* Change a VLAN binding and wait: 16 bytes of the reply are copied to out, which is left alone otherwise. The
+ * key is not checked. Message 314, 232 bytes, reply 136, which carries no result code. Returns 0; 22 for a
+ * null pointer; SCC_E_UNAVAILABLE; SCC_E_FORMAT; 12 out of memory; 32 when the daemon closed the connection;
+ * the error of receiving. */
 uint32_t scc_user_acl_change_vmsup(const struct scc_user_acl_record *record, uint8_t *out);
-/* Read an ACL's filter counter; *counter is set to 0 first and written when the result is 0. Message 311,
- * 24 bytes, reply 409. */
+/* Read an ACL's filter counter; *counter is set to 0 first (not for 22) and written when the result is 0.
+ * Message 311, 24 bytes, reply 409. */
 uint32_t scc_acl_get_filter_counter(const struct scc_acl_key *key, uint64_t *counter);
 /* Read an ACL's counter; *counter is written when the result is 0. Message 312, 40 bytes, reply 408. */
 uint32_t scc_acl_get_counter(const struct scc_acl_key *key, uint64_t *counter);

@@ -7,6 +7,7 @@
 // A delete sends zeros where a create sends pid, app id and name.
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "api/request.h"
 #include "client/kinds.h"
@@ -19,14 +20,6 @@ static_assert(offsetof(scc_acl_apply_record, apply_type) == 208);
 
 namespace scc {
 namespace {
-
-constexpr request_row acl_create{msg::acl, kind::acl_create, stat_acl_create};
-constexpr request_row acl_delete{msg::acl, kind::acl_delete, stat_acl_delete};
-constexpr request_row ace_add{msg::ace, kind::acl_add_ace, stat_ace_add};
-constexpr request_row ace_delete{msg::ace, kind::acl_delete_ace, stat_ace_delete};
-constexpr request_row acl_apply{msg::acl_apply, kind::acl_apply, stat_acl_apply};
-constexpr request_row acl_unapply{msg::acl_apply, kind::acl_unapply, stat_acl_unapply};
-constexpr request_row acl_resequence{msg::acl_resequence, kind::acl_resequence};
 
 constexpr u32 operation_on = 1;   // create, add, apply
 constexpr u32 operation_off = 0;  // delete, delete, unapply
@@ -62,7 +55,7 @@ u32 ace_request(const request_row& row, const scc_acl_key* key, const scc_ace_re
         return error;
     }
     if (ace == nullptr) {
-        SCC_LOG("scclib param ace invalid.");
+        SCC_LOG_FROM(row.function, "scclib param ace invalid.");
         return result::invalid;
     }
     request call(row, call_id_out);
@@ -78,7 +71,7 @@ u32 ace_request(const request_row& row, const scc_acl_key* key, const scc_ace_re
 // An apply type of 0 is replaced in the caller's own record, also when the call fails afterwards.
 u32 apply_request(const request_row& row, scc_acl_apply_record* record, u32 operation, u32* call_id_out) {
     if (record == nullptr) {
-        SCC_LOG("scclib param invalid.");
+        SCC_LOG_FROM(row.function, "scclib param invalid.");
         return result::invalid;
     }
     if (const u32 error = _scc_lib_acl_info_check(&record->key); error != result::ok) {
@@ -88,7 +81,7 @@ u32 apply_request(const request_row& row, scc_acl_apply_record* record, u32 oper
         record->apply_type = record->key.app_type;
     }
     if (record->apply_type > limits::app_type_max) {
-        SCC_LOG("apply type(%d) is invalid", record->apply_type);
+        SCC_LOG_FROM(row.function, "apply type(%d) is invalid", record->apply_type);
         return result::invalid;
     }
     request call(row, call_id_out);
@@ -103,28 +96,32 @@ u32 apply_request(const request_row& row, scc_acl_apply_record* record, u32 oper
 // A read of one cached ACL: the locks in their order, and the tests that every read makes.
 class cache_read {
   public:
-    explicit cache_read(const scc_acl_key& key) : guard_(scc_acl_lock), key_(key) {}
+    explicit cache_read(const scc_acl_key& key, const char* function = __builtin_FUNCTION())
+        : key_(key), function_(function) {}
 
+    // The cache's lock is taken only where the cache is looked at.
     [[nodiscard]] u32 find(cached_acl*& acl) {
-        if (!call_.is_registered()) {
+        if (!call_.is_registered(function_)) {
             return result::unavailable;
         }
         if (g_scc_client_cb.option.load(relaxed) != 1) {
-            SCC_LOG("client don't support data query.");
+            SCC_LOG_FROM(function_, "client don't support data query.");
             return result::no_data_query;
         }
+        guard_.emplace(scc_acl_lock);
         acl = _scc_acl_get(&key_);
         if (acl == nullptr) {
-            SCC_LOG("no such acl in scclib.");
+            SCC_LOG_FROM(function_, "no such acl in scclib.");
             return result::no_acl;
         }
         return result::ok;
     }
 
   private:
-    locked_call call_;   // taken first,
-    write_guard guard_;  // given back first
+    locked_call call_;                  // taken first,
+    std::optional<write_guard> guard_;  // given back first
     const scc_acl_key& key_;
+    const char* function_;
 };
 
 void free_list(list_node* head) {
@@ -141,29 +138,32 @@ void free_list(list_node* head) {
 extern "C" {
 
 uint32_t scc_acl_create(const struct scc_acl_key* key, uint32_t* call_id_out) {
-    return acl_request(acl_create, key, operation_on, call_id_out);
+    return acl_request({msg::acl, kind::acl_create, stat_acl_create}, key, operation_on, call_id_out);
 }
 
 uint32_t scc_acl_delete(const struct scc_acl_key* key, uint32_t* call_id_out) {
-    return acl_request(acl_delete, key, operation_off, call_id_out);
+    return acl_request({msg::acl, kind::acl_delete, stat_acl_delete}, key, operation_off, call_id_out);
 }
 
 uint32_t scc_acl_add_ace(const struct scc_acl_key* key, const struct scc_ace_record* ace,
                          uint32_t* call_id_out) {
-    return ace_request(ace_add, key, ace, operation_on, call_id_out);
+    return ace_request({msg::ace, kind::acl_add_ace, stat_ace_add}, key, ace, operation_on, call_id_out);
 }
 
 uint32_t scc_acl_delete_ace(const struct scc_acl_key* key, const struct scc_ace_record* ace,
                             uint32_t* call_id_out) {
-    return ace_request(ace_delete, key, ace, operation_off, call_id_out);
+    return ace_request({msg::ace, kind::acl_delete_ace, stat_ace_delete}, key, ace, operation_off,
+                       call_id_out);
 }
 
 uint32_t scc_acl_apply(struct scc_acl_apply_record* record, uint32_t* call_id_out) {
-    return apply_request(acl_apply, record, operation_on, call_id_out);
+    return apply_request({msg::acl_apply, kind::acl_apply, stat_acl_apply}, record, operation_on,
+                         call_id_out);
 }
 
 uint32_t scc_acl_unapply(struct scc_acl_apply_record* record, uint32_t* call_id_out) {
-    return apply_request(acl_unapply, record, operation_off, call_id_out);
+    return apply_request({msg::acl_apply, kind::acl_unapply, stat_acl_unapply}, record, operation_off,
+                         call_id_out);
 }
 
 uint32_t scc_acl_reseqence(const struct scc_acl_key* key, uint32_t sn_start, uint32_t sn_inc,
@@ -175,7 +175,7 @@ uint32_t scc_acl_reseqence(const struct scc_acl_key* key, uint32_t sn_start, uin
         SCC_LOG("scclib param invalid. sn_start:%d, sn_inc:%d.", sn_start, sn_inc);
         return result::invalid;
     }
-    return scalar_request(acl_resequence, call_id_out, *key, sn_start, sn_inc);
+    return scalar_request({msg::acl_resequence, kind::acl_resequence}, call_id_out, *key, sn_start, sn_inc);
 }
 
 uint32_t scc_acl_cls_get(struct scc_acl_key* key) {

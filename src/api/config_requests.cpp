@@ -1,7 +1,4 @@
 // The configuration requests of applications: each is its row and its arguments. Any thread.
-#include <cstdlib>
-#include <cstring>
-
 #include "api/request.h"
 
 using namespace scc;

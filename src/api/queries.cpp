@@ -28,25 +28,28 @@ constexpr exchange_row arp_check_data{msg::arp_check_user_data, msg::arp_check_u
 
 constexpr u32 no_call_id = 0xFFFFFFFF;
 
-u32 refuse_null() {
-    SCC_LOG("scclib param invalid.");
+static_assert(sizeof(scc_arp_check_entry) == record::arp_check_entry);
+
+u32 refuse_null(const char* function = __builtin_FUNCTION()) {
+    SCC_LOG_FROM(function, "scclib param invalid.");
     return result::invalid;
 }
 
 // A record that is sent with a call id of its own and answered at once; nothing is saved. The call id is
 // handed out as soon as the query has gone, whatever the reply will be.
-u32 record_query(const exchange_row& row, const scc_config_record* record, u32* call_id_out) {
+u32 record_query(const exchange_row& row, const scc_config_record* record, u32* call_id_out,
+                 const char* function = __builtin_FUNCTION()) {
     if (record == nullptr) {
-        return refuse_null();
+        return refuse_null(function);
     }
     locked_call call;
-    if (!call.is_registered()) {
+    if (!call.is_registered(function)) {
         return result::unavailable;
     }
     const u32 call_id = _scc_lib_call_id_get();
     payload<record_payload_bytes> sent(call_id);
     sent.put(record_payload_offset, *record);
-    sync_exchange exchange;
+    sync_exchange exchange(function);
     u32 error = exchange.send(row, sent.bytes);
     if (error != result::ok) {
         return error;
@@ -84,6 +87,7 @@ uint32_t scc_mac_query(const uint8_t* mac, uint32_t* ip) {
     }
     u32 outcome = 0;
     u32 address = 0;
+    // A refusal may come without an address; one that has it is logged with it.
     const bool has_address = exchange.read(32, address);
     if (!exchange.read(12, outcome) || (outcome == 0 && !has_address)) {
         return result::format;

@@ -14,7 +14,7 @@ bool locked_call::is_registered(const char* function, int line) {
 }
 
 bool request::begin() {
-    if (!call_.is_registered()) {
+    if (!call_.is_registered(row_.function)) {
         return false;
     }
     call_id_ = _scc_lib_call_id_get();
@@ -47,7 +47,7 @@ u32 request::finish(std::span<const u8> saved, const value_parts& payload) {
 
 u32 record_request(const request_row& row, const scc_config_record* record, u32* call_id_out) {
     if (record == nullptr) {
-        SCC_LOG("scclib param invalid.");
+        SCC_LOG_FROM(row.function, "scclib param invalid.");
         return result::invalid;
     }
     request call(row, call_id_out);

@@ -23,10 +23,16 @@ namespace scc {
 
 inline constexpr u32 not_counted = stat_entries;
 
+// A row is made in the exported call that it stands for, whose name the request's log lines carry.
 struct request_row {
+    constexpr request_row(u16 message_type, u32 request_kind, u32 counted_at = not_counted,
+                          const char* call = __builtin_FUNCTION())
+        : type(message_type), kind(request_kind), statistics(counted_at), function(call) {}
+
     u16 type;
     u32 kind;
-    u32 statistics = not_counted;
+    u32 statistics;
+    const char* function;
 };
 
 // The library's lock for the length of a call, which belongs to one connection throughout.

@@ -24,7 +24,7 @@ u32 sync_exchange::receive(const exchange_row& row) {
     item first;
     item_reader reader(load<u16>(message_, 5), static_cast<u8*>(message_) + wire::header_bytes);
     if (!reader.next(first) || first.type != row.reply_type) {
-        SCC_LOG("msg type is not %s.", row.reply_name);
+        SCC_LOG_FROM(function_, "msg type is not %s.", row.reply_name);
         return result::format;
     }
     value_ = first.value;

@@ -16,7 +16,8 @@ struct exchange_row {
 
 class sync_exchange {
   public:
-    sync_exchange() = default;
+    // Made in the exported call whose name its log lines carry.
+    explicit sync_exchange(const char* function = __builtin_FUNCTION()) : function_(function) {}
     ~sync_exchange();
     sync_exchange(const sync_exchange&) = delete;
     sync_exchange& operator=(const sync_exchange&) = delete;
@@ -40,6 +41,7 @@ class sync_exchange {
     [[nodiscard]] bool has_reply() const { return message_ != nullptr; }
 
   private:
+    const char* function_;
     void* message_ = nullptr;
     std::span<const u8> value_;
 };

@@ -21,12 +21,6 @@ static_assert(offsetof(scc_user_acl_record, mac) == 24 && offsetof(scc_user_acl_
 namespace scc {
 namespace {
 
-constexpr request_row user_acl_apply{msg::user_acl, kind::user_acl_apply};
-constexpr request_row user_acl_unapply{msg::user_acl, kind::user_acl_unapply};
-constexpr request_row user_acl_delete_vmsup{msg::user_acl_delete_vmsup, kind::user_acl_delete_vmsup};
-constexpr request_row filter_counter_reset{msg::filter_counter_reset, kind::filter_counter_reset};
-constexpr request_row acl_counter_reset{msg::acl_counter_reset, kind::acl_counter_reset};
-constexpr request_row ace_counter_reset{msg::ace_counter_reset, kind::ace_counter_reset};
 constexpr exchange_row change_vmsup{msg::user_vmsup_get, msg::user_vmsup_ret, "SCC_LMSG_ACL_USER_VMSUP_RET"};
 
 constexpr u32 choice_read = 1;
@@ -38,7 +32,7 @@ u32 user_acl_request(const request_row& row, const scc_user_acl_record& record, 
         return error;
     }
     request call(row, call_id_out);
-    SCC_LOG("%s", announcement);
+    SCC_LOG_FROM(row.function, "%s", announcement);
     if (!call.begin()) {
         return result::unavailable;
     }
@@ -73,10 +67,10 @@ constexpr counter_row ace_counter{
 // The counter is read when the result is 0; otherwise the caller's is left alone.
 u32 read_counter(const counter_row& row, std::span<const u8> sent, u64& counter) {
     locked_call call;
-    if (!call.is_registered()) {
+    if (!call.is_registered(row.name)) {
         return result::unavailable;
     }
-    sync_exchange exchange;
+    sync_exchange exchange(row.name);
     if (const u32 error = exchange.run(row.exchange, sent); error != result::ok) {
         return error;
     }
@@ -87,19 +81,20 @@ u32 read_counter(const counter_row& row, std::span<const u8> sent, u64& counter)
         return result::format;
     }
     if (outcome != 0) {
-        SCC_LOG("%s failed. %s.\n", row.name, scc_strerror(static_cast<i32>(outcome)));
+        SCC_LOG_FROM(row.name, "%s failed. %s.\n", row.name, scc_strerror(static_cast<i32>(outcome)));
         return outcome;
     }
     counter = value;
     return result::ok;
 }
 
-u32 check_counter_arguments(const scc_acl_key* key, const u64* counter) {
+u32 check_counter_arguments(const scc_acl_key* key, const u64* counter,
+                            const char* function = __builtin_FUNCTION()) {
     if (const u32 error = _scc_lib_acl_info_check(key); error != result::ok) {
         return error;
     }
     if (counter == nullptr) {
-        SCC_LOG("scclib param counter invalid.");
+        SCC_LOG_FROM(function, "scclib param counter invalid.");
         return result::invalid;
     }
     return result::ok;
@@ -129,7 +124,8 @@ uint32_t scc_user_acl_apply(const struct scc_user_acl_record* record, uint32_t* 
         SCC_LOG("scclib param invalid.");
         return result::invalid;
     }
-    return user_acl_request(user_acl_apply, *record, 1, "scclib scc_user_acl_apply is called.", call_id_out);
+    return user_acl_request({msg::user_acl, kind::user_acl_apply}, *record, 1,
+                            "scclib scc_user_acl_apply is called.", call_id_out);
 }
 
 uint32_t scc_user_acl_unapply(const struct scc_user_acl_record* record, uint32_t* call_id_out) {
@@ -139,8 +135,8 @@ uint32_t scc_user_acl_unapply(const struct scc_user_acl_record* record, uint32_t
     }
     SCC_LOG("applyinfo-vid:%u,mac:%s,apptype:%d,phyid:%lu,ifx:%u,direction:%d,", record->vid,
             mac_text(record->mac).text, record->apptype, record->phyid, record->ifx, record->direction);
-    return user_acl_request(user_acl_unapply, *record, 0, "scclib scc_user_acl_unapply is called.",
-                            call_id_out);
+    return user_acl_request({msg::user_acl, kind::user_acl_unapply}, *record, 0,
+                            "scclib scc_user_acl_unapply is called.", call_id_out);
 }
 
 // Checks of its own: the acl id has no upper bound here.
@@ -157,7 +153,7 @@ uint32_t scc_user_acl_delete_vmsup(const struct scc_acl_key* key, uint32_t* call
         SCC_LOG("acl app_type(%d) is invalid", key->app_type);
         return result::invalid;
     }
-    request call(user_acl_delete_vmsup, call_id_out);
+    request call({msg::user_acl_delete_vmsup, kind::user_acl_delete_vmsup}, call_id_out);
     if (!call.begin()) {
         return result::unavailable;
     }
@@ -231,18 +227,18 @@ uint32_t scc_ace_get_counter(const struct scc_acl_key* key, uint64_t ace, uint64
 }
 
 uint32_t scc_acl_reset_filter_counter(const struct scc_acl_key* key, uint32_t* call_id_out) {
-    return reset_counter<24>(filter_counter_reset, key, call_id_out);
+    return reset_counter<24>({msg::filter_counter_reset, kind::filter_counter_reset}, key, call_id_out);
 }
 
 uint32_t scc_acl_reset_counter(const struct scc_acl_key* key, uint32_t* call_id_out) {
-    return reset_counter<40>(acl_counter_reset, key, call_id_out);
+    return reset_counter<40>({msg::acl_counter_reset, kind::acl_counter_reset}, key, call_id_out);
 }
 
 uint32_t scc_ace_reset_counter(const struct scc_acl_key* key, uint64_t ace, uint32_t* call_id_out) {
     if (const u32 error = _scc_lib_acl_info_check(key); error != result::ok) {
         return error;
     }
-    request call(ace_counter_reset, call_id_out);
+    request call({msg::ace_counter_reset, kind::ace_counter_reset}, call_id_out);
     if (!call.begin()) {
         return result::unavailable;
     }

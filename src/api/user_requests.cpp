@@ -24,7 +24,7 @@ constexpr u32 all_ones_word = 0xFFFFFFFF;
 }
 
 // The whole mask wins over its first word; the record is a copy of the caller's.
-void adjust_mask(scc_user_record& record) {
+void adjust_mask(scc_user_record& record, const char* function) {
     if ((record.flags & SCC_USER_MASK_WHOLE) != 0) {
         std::memset(record.mask, 0xFF, sizeof record.mask);
         return;
@@ -33,9 +33,9 @@ void adjust_mask(scc_user_record& record) {
         return;
     }
     if ((record.flags & SCC_USER_MASK_KEEP) != 0) {
-        SCC_LOG("mask flag set:%s", mask_text(record).text);
+        SCC_LOG_FROM(function, "mask flag set:%s", mask_text(record).text);
     } else if (record.entry_type == 5 || record.entry_type == 1) {
-        SCC_LOG("1x or ipv4 scg mask:%s", mask_text(record).text);
+        SCC_LOG_FROM(function, "1x or ipv4 scg mask:%s", mask_text(record).text);
     } else {
         record.mask[0] = all_ones_word;
     }
@@ -44,7 +44,7 @@ void adjust_mask(scc_user_record& record) {
 u32 user_request(request_row row, const scc_user_record* record, bool counted, u32* call_id_out) {
     if (record == nullptr ||
         (record->operation != SCC_USER_OPERATION_ADD && record->operation != SCC_USER_OPERATION_DELETE)) {
-        SCC_LOG("scclib param invalid.");
+        SCC_LOG_FROM(row.function, "scclib param invalid.");
         return result::invalid;
     }
     if (counted) {
@@ -56,7 +56,7 @@ u32 user_request(request_row row, const scc_user_record* record, bool counted, u
         return result::unavailable;
     }
     scc_user_record adjusted = *record;
-    adjust_mask(adjusted);
+    adjust_mask(adjusted, row.function);
     const record_head head(call.call_id());
     return call.finish(bytes_of(*record), {head.bytes, bytes_of(adjusted)});
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 
+#include "client/descriptors.h"
 #include "client/diagnostics.h"
 #include "client/log.h"
 #include "client/notifications.h"
@@ -82,15 +83,19 @@ void process(const item& received) {
 }  // namespace
 
 void dispatch_items(u16 count, const void* first, result_run& results) {
+    // A handler may end the registration, and begin another: what is left of the message is not for that one.
+    const u32 generation = current_generation();
     item_reader reader(count, first);
     item received;
-    while (reader.next(received)) {
+    while (is_current(generation) && reader.next(received)) {
         if (received.type == msg::call_ret && received.value.size() >= result_bytes) {
             results.add(received.value.data());
             continue;
         }
         results.deliver();
-        process(received);
+        if (is_current(generation)) {
+            process(received);
+        }
     }
 }
 

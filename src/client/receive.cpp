@@ -128,7 +128,15 @@ bool recover(u32 error, u32 generation) {
     if (!reset_connection(generation)) {
         return false;
     }
-    return register_until_done(generation);
+    if (register_until_done(generation)) {
+        return true;
+    }
+    if (!is_current(generation) || app_id_now() == 0) {
+        return false;
+    }
+    // There is no place for the sockets: nothing was tried, and the registration goes on without them.
+    sleep(limits::retry_seconds);
+    return true;
 }
 
 }  // namespace

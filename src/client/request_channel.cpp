@@ -197,6 +197,9 @@ u32 send_by_batch(u16 sub_id, u16 type, const value_parts& value, int sync) {
             SCC_LOG("(app id:%d, pid:%d)alloc memory error!", app_id_now(), pid_now());
             return result::no_memory;
         }
+        if (epoch != connection_epoch()) {
+            return result::ok;  // lost with its connection; what waits may be the next one's
+        }
         drop_batch_of_lost_connection(epoch);
         g_scc_msg_send_q->epoch = epoch;
         error = append_and_flush(sub_id, type, value, sync);

@@ -147,15 +147,12 @@ void deliver_result(u32 result, const pending_call& call) {
     row.deliver(result, call.call_id, saved);
 }
 
-// Whether a successful call changes the cache, which is another one once the connection has ended.
-bool concerns_cache(u32 result, u32 epoch) {
-    return result == 0 && g_scc_client_cb.option.load(relaxed) != 0 && epoch == connection_epoch();
-}
-
 // The handler first, then the cache, which may keep the call's block: then it is no longer the caller's.
+// When the handler ended the connection, the cache is empty, or another registration's.
 void complete(pending_call*& call, u32 result, u32 epoch) {
     deliver_result(result, *call);
-    if (concerns_cache(result, epoch) && take_into_cache(call)) {
+    if (result == 0 && g_scc_client_cb.option.load(relaxed) != 0 && epoch == connection_epoch() &&
+        take_into_cache(call)) {
         call = nullptr;
     }
 }

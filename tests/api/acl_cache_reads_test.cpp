@@ -1,4 +1,6 @@
 // Reading ACLs back from the cache: only what the daemon confirmed, only with registration option 1.
+#include <future>
+
 #include "api/request_rows.h"
 #include "client/acl_cache.h"
 
@@ -166,6 +168,48 @@ TEST_F(AclCacheRead, FindsNoAclThatTheDaemonHasNotConfirmed) {
          {scc_acl_key{4, 12, 100, 0x77}, scc_acl_key{3, 13, 100, 0x77}, scc_acl_key{3, 12, 101, 0x77}}) {
         expect_refused(other, 2005, "no such acl in scclib.");
     }
+}
+
+TEST_F(AclCacheRead, GivesBothLocksBackOnEveryWayOut) {
+    const auto expect_outcome = [](std::uint32_t code, std::uint32_t sn = 1) {
+        scc_acl_key asked = key;
+        ace_list list;
+        scc_ace_record found;
+        const std::uint32_t outcomes[] = {scc_acl_cls_get(&asked), list.read(key),
+                                          scc_acl_get_ace_by_sn(&key, sn, &found)};
+        EXPECT_EQ(outcomes[0], code == 2006 ? 0 : code);
+        EXPECT_EQ(outcomes[1], code == 2006 ? 0 : code);
+        EXPECT_EQ(outcomes[2], code);
+        for (pthread_rwlock_t* lock : {&scc_lib_lock, &scc_acl_lock}) {
+            EXPECT_EQ(pthread_rwlock_trywrlock(lock), 0) << code;
+            pthread_rwlock_unlock(lock);
+        }
+    };
+    expect_outcome(2004);
+    start(1);
+    expect_outcome(2005);
+    create();
+    expect_outcome(2006);
+    add(ace(1, 1));
+    expect_outcome(0);
+    g_scc_client_cb.option.store(2);
+    expect_outcome(2013);
+}
+
+TEST_F(AclCacheRead, WaitsForTheCacheOnlyWhereItLooksIntoIt) {
+    const auto refused_at_once = [](std::uint32_t code) {
+        scc::write_guard held(scc_acl_lock);
+        auto reading = std::async(std::launch::async, [] {
+            scc_acl_key asked = key;
+            return scc_acl_cls_get(&asked);
+        });
+        EXPECT_EQ(reading.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+        held.release();
+        EXPECT_EQ(reading.get(), code);
+    };
+    refused_at_once(2004);
+    start(0);
+    refused_at_once(2013);
 }
 
 TEST_F(AclCacheRead, SendsNothingAndTakesNoCallId) {

@@ -56,9 +56,9 @@ std::vector<request_row> acl_rows() {
     const auto pid = static_cast<std::uint32_t>(getpid());
     return {
         {"acl_create", [](std::uint32_t* id) { return scc_acl_create(&key, id); }, 131, 31, 32,
-         key_bytes().u32(pid).u32(7).add(process_name()).u32(1), key_bytes(), key_bytes(), 0, 28},
+         key_bytes().u32(pid).u32(7).add(process_name()).u32(1), key_bytes(), key_bytes(), 0},
         {"acl_create_lowest", [](std::uint32_t* id) { return scc_acl_create(&lowest, id); }, 131, 31, 32,
-         lowest_bytes().u32(pid).u32(7).add(process_name()).u32(1), lowest_bytes(), lowest_bytes(), 0, 28},
+         lowest_bytes().u32(pid).u32(7).add(process_name()).u32(1), lowest_bytes(), lowest_bytes(), 0},
         {"acl_delete", [](std::uint32_t* id) { return scc_acl_delete(&key, id); }, 131, 32, 33,
          key_bytes().zeros(116).u32(0), key_bytes(), key_bytes(), 1},
         {"acl_reseqence", [](std::uint32_t* id) { return scc_acl_reseqence(&key, 10, 5, id); }, 138, 40, 41,

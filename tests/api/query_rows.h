@@ -97,9 +97,13 @@ class every_query : public querying_client, public ::testing::WithParamInterface
         const query_row& row = GetParam();
         const debugging on;
         start(0);
-        for (const std::uint16_t type :
-             {std::uint16_t{0}, std::uint16_t{1}, std::uint16_t{136}, std::uint16_t{401}, std::uint16_t{402},
-              std::uint16_t{409}, std::uint16_t{65535}}) {
+        // Those of other queries, the query's own, and the neighbours of the right one.
+        const auto above = static_cast<std::uint16_t>(row.reply + 1);
+        const auto below = static_cast<std::uint16_t>(row.reply - 1);
+        const std::vector<std::uint16_t> types = {0,     1,     136, 401, 402, 405,   407,
+                                                  408,   409,   410, 411, 413, 414,   415,
+                                                  below, above, 301, 302, 319, 65535, row.request};
+        for (const std::uint16_t type : types) {
             if (type == row.reply) {
                 continue;
             }

@@ -25,7 +25,6 @@ struct request_row {
     bytes saved;               // when the call id is 1
     bytes arguments;           // of the handler, behind result and call id, when the call id is 1
     int statistics = counted_nowhere;
-    std::size_t name_at = 0;  // in the value: a text field of 108 bytes that counts up to its NUL; 0 for none
 };
 
 inline std::ostream& operator<<(std::ostream& out, const request_row& row) {
@@ -50,15 +49,6 @@ inline void expect_counted(int entry, const std::vector<std::uint32_t>& expected
         const std::vector<std::uint32_t> nothing(5, 0);
         EXPECT_EQ(counters_of(i), i == entry ? expected : nothing) << "entry " << i;
     }
-}
-
-// The value with zeros behind the NUL of its text field.
-inline bytes without_text_remains(bytes value, std::size_t name_at) {
-    if (name_at != 0 && value.size() >= name_at + 108) {
-        const auto field = value.begin() + static_cast<std::ptrdiff_t>(name_at);
-        std::fill(std::find(field, field + 108, std::uint8_t{0}), field + 108, std::uint8_t{0});
-    }
-    return value;
 }
 
 using texts = std::vector<std::string>;
@@ -107,7 +97,7 @@ class every_request : public recording_client, public ::testing::WithParamInterf
         const received_item item = daemon.read_item(side::async);
         EXPECT_EQ(item.type, row.type);
         EXPECT_EQ(item.sub_id, 0);
-        EXPECT_EQ(without_text_remains(item.value, row.name_at), bytes(wire().u32(1).add(row.payload)));
+        EXPECT_EQ(item.value, bytes(wire().u32(1).add(row.payload)));
         EXPECT_EQ(scc::pending_calls(), 1U);
         expect_saved(1, row.kind, row.saved);
         expect_counted(row.statistics, {1, 0, 1, 0, 0});

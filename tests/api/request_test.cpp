@@ -160,6 +160,28 @@ TEST_F(Request, IsUnavailableWhileTheConnectionIsLostAndAfterAnUnregistration) {
     EXPECT_EQ(id, 0xAAAAAAAAU);
 }
 
+TEST_F(Request, IsUnavailableInEveryStateButTheRegisteredOne) {
+    scc_acl_key key{1, 1, 1, 1};
+    std::uint32_t id = 0xAAAAAAAA;
+    std::uint32_t count = 0xAAAAAAAA;
+    std::uint8_t supported = 0xAA;
+    for (const std::uint32_t state : {0U, 1U, 2U, 3U, 5U, 0xFFFFFFFFU}) {
+        g_scc_client_cb.state.store(state);
+        EXPECT_EQ(scc_svi_router_acl_set(1, &id), 2004U) << state;
+        EXPECT_EQ(scc_acl_create(&key, &id), 2004U) << state;
+        EXPECT_EQ(scc_acl_cls_get(&key), 2004U) << state;
+        EXPECT_EQ(scc_arp_check_user_count_get(1, &count), 2004U) << state;
+        EXPECT_EQ(scc_nac_user_counter_support(&supported), 2004U) << state;
+        EXPECT_EQ(scc_warterline_notify(1), 2004U) << state;
+    }
+    g_scc_client_cb.state.store(1);
+    EXPECT_EQ(id, 0xAAAAAAAAU);
+    EXPECT_EQ(count, 0xAAAAAAAAU);
+    EXPECT_EQ(supported, 0xAA);
+    EXPECT_EQ(g_scc_client_cb.last_call_id.load(), 0U);
+    EXPECT_EQ(scc::pending_calls(), 0U);
+}
+
 TEST_F(Request, GivesResultsInAnyOrderToTheirOwnCalls) {
     start();
     for (const std::uint32_t ifx : {10U, 20U, 30U}) {

@@ -10,6 +10,7 @@
 #include <algorithm>
 
 #include "client/channel_support.h"
+#include "client/diagnostics.h"
 
 using test::bytes;
 using test::side;
@@ -85,6 +86,38 @@ TEST_F(Connection, BothSocketsConnectBeforeEitherRegistersAndAsyncRegistersSecon
     daemon.send_item(side::sync, 301, wire().u32(0).u32(0).u32(0));
     EXPECT_EQ(daemon.answer_registration(side::async),
               bytes(wire().u32(7).u32(static_cast<std::uint32_t>(getpid())).u8(0).u8(0).zeros(2)));
+    expect_first_status_is_one();
+}
+
+// Connects to the daemon until it has no room for one more.
+std::vector<int> crowd(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    std::vector<int> connected;
+    for (;;) {
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            EXPECT_EQ(errno, EAGAIN);
+            close(fd);
+            return connected;
+        }
+        connected.push_back(fd);
+    }
+}
+
+TEST_F(Connection, TheStateIs2WhileConnecting) {
+    const std::vector<int> others = crowd(daemon.directory().runtime() + "/.sccd_sd_");
+    begin();
+    EXPECT_TRUE(test::eventually([] { return g_scc_client_cb.state == 2U; }));
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), -1);
+    daemon.stop_listening();  // refuses whoever waits
+    EXPECT_TRUE(test::eventually([] { return g_scc_client_cb.state == 5U; }));
+    for (const int other : others) {
+        close(other);
+    }
+    daemon.listen();
+    daemon.accept_registration();
     expect_first_status_is_one();
 }
 
@@ -180,6 +213,35 @@ TEST_F(Connection, AnAcceptingReplyMayLeaveTheHolderOut) {
         daemon.send_item(where, 301, wire().u32(0xFFFFFFFF).u32(0));
     }
     expect_first_status_is_one();
+}
+
+TEST_F(Connection, OnlyTheResultInTheFirstItemOfAReplyIsLookedAt) {
+    begin();
+    daemon.accept_both();
+    for (const side where : {side::sync, side::async}) {
+        EXPECT_EQ(daemon.read_item(where).type, 301);
+        daemon.send_items(where, {test::item_bytes(999, wire().u32(0xFFFFFFFF).u32(0).u32(4711), 0xABCD),
+                                  test::item_bytes(301, wire().u32(0).u32(2000).u32(0))});
+    }
+    expect_first_status_is_one();
+}
+
+TEST_F(Connection, EachRegistrationBeginsWithFreshCallStatistics) {
+    daemon.stop_listening();
+    begin();
+    for (std::uint32_t index = 0; index < 13; ++index) {
+        _scc_lib_func_call_succ(index);
+        _scc_lib_func_cb_fail(index);
+    }
+    daemon.listen();
+    daemon.accept_registration();
+    expect_first_status_is_one();
+    for (std::uint32_t index = 0; index < 13; ++index) {
+        EXPECT_EQ(test::record_bytes(scc::read_statistics(index)), bytes(20)) << index;
+    }
+    _scc_lib_func_call_succ(4);
+    reconnect();
+    EXPECT_EQ(test::record_bytes(scc::read_statistics(4)), bytes(20));
 }
 
 TEST_F(Connection, AnOutageIsOneStatusZeroHoweverManyAttemptsItTakes) {

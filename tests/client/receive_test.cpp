@@ -223,6 +223,52 @@ TEST_F(Receive, ARaisedFlagMakesTheThreadRegisterAgain) {
     EXPECT_EQ(scc_lib_rereg.load(), 0);
 }
 
+TEST_F(Receive, ANumberThatIsNoDescriptorIsABrokenConnection) {
+    info.app_id = 7;
+    info.handlers.station_move = test::hold_receive_thread;
+    info.handlers.server_status = [](std::uint32_t status) {
+        if (status == 0) {
+            g_scc_client_cb.async_fd = -1;  // what cannot be closed would stay
+        }
+        test::statuses().push(status);
+    };
+    ASSERT_EQ(scc_svr_reg(&info), 0U);
+    daemon.accept_registration();
+    ASSERT_EQ(test::statuses().wait(), 1U);
+    hold();
+    const test::debugging on;
+    const int real = g_scc_client_cb.async_fd.exchange(999);
+    release();
+    EXPECT_TRUE(test::wait_for_log("select error! errno:9."));
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    EXPECT_TRUE(test::logged("close async socket failed!!!"));
+    EXPECT_TRUE(test::logged("reason:Bad file descriptor"));
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    close(real);
+}
+
+TEST_F(Receive, WithoutAPlaceForTheSocketsTheThreadStaysAndWaitsForOne) {
+    start();
+    request(1);
+    const test::debugging on;
+    unsetenv("TMPDIR");
+    daemon.close_both();
+    EXPECT_TRUE(test::wait_for_log("scc client async socket not created."));
+    EXPECT_EQ(g_scc_client_cb.state.load(), 5U);
+    EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
+    EXPECT_EQ(g_scc_client_cb.async_fd.load(), -1);
+    EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 2004U);
+    EXPECT_EQ(test::library_threads(), 2U);
+    EXPECT_EQ(test::statuses().size(), 0U);
+    EXPECT_FALSE(test::logged("scc client start to try re-reg."));
+    setenv("TMPDIR", daemon.directory().path().c_str(), 1);
+    scc_lib_rereg = 1;
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+}
+
 TEST_F(Receive, AHandlerMayUnregister) {
     info.handlers.addr_learning = unregister_inside;
     runtime_test::start();
@@ -268,6 +314,54 @@ TEST_F(Receive, AHandlerMayUnregisterAndRegisterAnew) {
     request(1);
     daemon.send_result(1, 9);
     EXPECT_EQ(results().wait(), 1009U);
+}
+
+TEST_F(Receive, WhatIsLeftOfAMessageIsNotForARegistrationThatAHandlerBegan) {
+    info.handlers.addr_learning = [](std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {
+        results().push(scc_svr_unreg());
+        static scc_reg_info again{};
+        again.app_id = 8;
+        again.handlers.server_status = test::on_status;
+        again.handlers.authmode = [](std::uint32_t mode) { results().push(mode); };
+        results().push(scc_svr_reg(&again));
+    };
+    runtime_test::start();
+    request(1);
+    daemon.send_items(side::async, {item_bytes(401, wire().u32(1).u32(0)),
+                                    item_bytes(214, wire().u32(0).u32(5)), item_bytes(319, {})});
+    daemon.answer_unregistration();
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 2; }));
+    daemon.send_item(side::async, 214, wire().u32(0).u32(6));
+    for (const std::uint32_t expected : {0U, 0U, 6U}) {
+        EXPECT_EQ(results().wait(), expected);
+    }
+    EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
+}
+
+void unregister_and_register_with_a_cache(std::uint32_t, std::uint32_t, const scc_acl_key*) {
+    results().push(scc_svr_unreg());
+    static scc_reg_info again{};
+    again.app_id = 8;
+    again.option = 1;
+    again.handlers.server_status = test::on_status;
+    results().push(scc_svr_reg(&again));
+}
+
+TEST_F(Receive, AnAclThatWasConfirmedToAnEarlierRegistrationIsNotCachedInTheNext) {
+    info.handlers.acl_create = unregister_and_register_with_a_cache;
+    runtime_test::start();
+    scc_acl_key key = {1, 2, 3, 4};
+    ASSERT_EQ(scc_acl_create(&key, nullptr), 0U);
+    daemon.send_result(1, 0);
+    daemon.answer_unregistration();
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    EXPECT_EQ(results().wait(), 0U);
+    EXPECT_EQ(results().wait(), 0U);
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 2; }));
+    EXPECT_EQ(scc_acl_cls_get(&key), 2005U);
 }
 
 TEST_F(Receive, AHandlerMayMakeRequests) {

@@ -124,6 +124,16 @@ TEST_F(Registration, ASecondRegistrationBeforeTheFirstIsThroughChangesNothing) {
     expect_registered();
 }
 
+TEST_F(Registration, AConnectedClientIsRegisteredAlreadyWhateverItsState) {
+    start();
+    _scc_client_state_set(1);
+    const test::debugging on;
+    EXPECT_EQ(scc_svr_reg(&info), 0U);
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{who() + " already registered!"});
+    _scc_client_state_set(4);
+    expect_registered();
+}
+
 TEST_F(Registration, UnregisteringLeavesNothingBehind) {
     info.handlers.addr_learning = [](std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {};
     start(3);
@@ -190,6 +200,17 @@ TEST_F(Registration, ARefusalIs2001WhateverNumberTheDaemonSent) {
     EXPECT_TRUE(test::logged(who() + "unregistered error!"));
     expect_registered();
     stop();
+}
+
+TEST_F(Registration, OnlyTheResultInTheFirstItemOfAnUnregistrationsReplyIsLookedAt) {
+    start();
+    std::thread aside = unregister_aside();
+    EXPECT_EQ(daemon.read_item(side::sync).type, 302);
+    daemon.send_items(side::sync, {test::item_bytes(999, wire().u32(0xFFFFFFFF).u32(0), 0xABCD),
+                                   test::item_bytes(302, wire().u32(0).u32(1))});
+    EXPECT_EQ(results().wait(), 0U);
+    aside.join();
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
 }
 
 TEST_F(Registration, AReplyThatBreaksOffCountsAsConsent) {

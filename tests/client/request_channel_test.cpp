@@ -214,6 +214,19 @@ TEST_F(RequestChannel, OutsideTheRegisteredStateARequestThatDidNotFitIsSentUntil
     EXPECT_EQ(next_message(), message_bytes({item_bytes(901, distinct_bytes(4000)), item_bytes(902, {1})}));
 }
 
+TEST_F(RequestChannel, ABatchMayBeFlushedOnTheSyncSocketWhichIsNotLogged) {
+    start();
+    EXPECT_EQ(batch(900, distinct_bytes(4088)), 0U);
+    const test::debugging on;
+    EXPECT_EQ(_scc_lib_msg_send_bt(3, 901, distinct_bytes(4088, 9).data(), 4088, 1), 0U);
+    EXPECT_EQ(daemon.read(side::sync).raw, message_bytes({item_bytes(900, distinct_bytes(4088)),
+                                                          item_bytes(901, distinct_bytes(4088, 9), 3)}));
+    EXPECT_TRUE(nothing_was_sent());
+    EXPECT_TRUE(test::log_texts().empty());
+    EXPECT_EQ(_scc_lib_msg_send_bt(4, 902, distinct_bytes(8176).data(), 8176, 1), 22U);
+    EXPECT_EQ(daemon.read(side::sync).raw, message_bytes({item_bytes(902, distinct_bytes(8176), 4)}));
+}
+
 TEST_F(RequestChannel, ARealTimeMessageGoesOutAloneOnTheSocketOfItsFlag) {
     start();
     EXPECT_EQ(batch(900, {1}), 0U);
@@ -271,6 +284,21 @@ TEST_F(RequestChannel, TheBatchOfALostConnectionNeverGoesOutOnTheNext) {
     EXPECT_EQ(scc_addr_learning(3, 1, nullptr), 0U);
     scc::flush_waiting_batch();
     EXPECT_EQ(next_message(), message_bytes({item_bytes(123, wire().u32(3).u32(3).u32(1))}));
+}
+
+TEST_F(RequestChannel, ARequestOfALostConnectionTakesNothingOfTheNextOnesBatchWithIt) {
+    start();
+    const std::uint32_t lost = scc::connection_epoch();
+    reconnect();
+    EXPECT_EQ(batch(900, {1}), 0U);
+    {
+        const scc::connection_scope scope(lost);
+        EXPECT_EQ(batch(901, {2}), 0U);
+    }
+    EXPECT_EQ(batch(902, {3}), 0U);
+    scc::flush_waiting_batch();
+    EXPECT_EQ(next_message(), message_bytes({item_bytes(900, {1}), item_bytes(902, {3})}));
+    EXPECT_EQ(test::statuses().size(), 0U);
 }
 
 TEST_F(RequestChannel, CallIdsGoOnOverAReconnectionAndStartAgainAfterUnregistration) {

@@ -3,8 +3,12 @@
 #include <cstdlib>
 
 #include "client/acl_cache.h"
+#include "client/diagnostics.h"
+#include "client/message_queue.h"
 #include "client/pending_calls.h"
+#include "client/request_channel.h"
 #include "fault_support.h"
+#include "msg/message.h"
 
 using test::bytes;
 using test::side;
@@ -150,6 +154,25 @@ const query_row g_queries[] = {
 };
 // clang-format on
 
+constexpr std::uint32_t not_written = 0xAAAAAAAA;
+
+// How often each of the 13 entries of the statistics counted a call, and a call that failed.
+struct counted_calls {
+    std::array<std::uint32_t, 13> all{};
+    std::array<std::uint32_t, 13> failed{};
+};
+
+counted_calls counted() {
+    counted_calls out;
+    for (std::uint32_t i = 0; i < 13; ++i) {
+        const scc::call_statistics entry = scc::read_statistics(i);
+        EXPECT_EQ(entry.calls, entry.call_successes + entry.call_failures) << i;
+        out.all[i] = entry.calls;
+        out.failed[i] = entry.call_failures;
+    }
+    return out;
+}
+
 class Allocation : public test::fault_test {
   protected:
     // Each allocation fails in its turn; then the call goes through.
@@ -157,16 +180,55 @@ class Allocation : public test::fault_test {
         SCOPED_TRACE(row.name);
         const std::size_t pending = scc::pending_calls();
         for (int nth = 1; nth <= row.allocations; ++nth) {
+            const test::debugging on;
+            const counted_calls before = counted();
+            g_call_id = not_written;
             test::fail_allocation(nth);
             EXPECT_EQ(row.call(), 12U);
             EXPECT_TRUE(test::end_faults());
+            EXPECT_TRUE(test::logged("scclib alloc memory failed."));
             EXPECT_EQ(scc::pending_calls(), pending);
+            EXPECT_EQ(g_call_id, not_written);
+            EXPECT_EQ(counted().all, before.all);
         }
         test::fail_allocation(row.allocations + 1);
         EXPECT_EQ(row.call(), 0U);
         EXPECT_FALSE(test::end_faults()) << "more allocations than expected";
     }
 };
+
+TEST_F(Allocation, FailsAMessageWhichIsThenNull) {
+    int some = 0;
+    void* message = &some;
+    test::fail_allocation(1);
+    EXPECT_EQ(_scc_msg_alloc(&message, 16), 12U);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(message, nullptr);
+}
+
+TEST_F(Allocation, FailsASavedCallWhichIsLoggedAndNotKept) {
+    scc::init_pending_calls();
+    const test::debugging on;
+    test::fail_allocation(1);
+    EXPECT_EQ(_scc_lib_save_call_data(5, 4, "data", 4), 12U);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{"scclib alloc memory failed."});
+    EXPECT_EQ(scc::pending_calls(), 0U);
+}
+
+TEST_F(Allocation, FailsTheBatchAndWhatIsMadeBehindItStaysAsItWas) {
+    const test::debugging on;
+    _scc_lib_func_call_succ(3);
+    test::fail_allocation(1);
+    _scc_lib_data_init();
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{"(app id:0, pid:0)alloc memory error!"});
+    EXPECT_EQ(scc::read_statistics(3).calls, 1U);
+    EXPECT_EQ(g_scc_lib_msg_q.next, nullptr);
+    _scc_lib_data_init();
+    EXPECT_EQ(scc::read_statistics(3).calls, 0U);
+    EXPECT_EQ(g_scc_lib_msg_q.next, &g_scc_lib_msg_q);
+}
 
 TEST_F(Allocation, FailsEachRequest) {
     start(0);
@@ -182,15 +244,29 @@ TEST_F(Allocation, FailsEachQueryAndTheReplyIsNotMistakenForTheNextOne) {
     const bytes reply = bytes(wire().zeros(1000));
     for (const query_row& row : g_queries) {
         SCOPED_TRACE(row.name);
+        const bool zeroes_its_counter = row.request_type == 311;
+        const bool tells_its_call_id = row.request_type == 316 || row.request_type == 317;
+        const auto expect_untouched = [&](std::uint32_t call_id) {
+            EXPECT_EQ(g_call_id, call_id);
+            EXPECT_EQ(g_number, not_written);
+            EXPECT_EQ(g_counter, zeroes_its_counter ? 0U : not_written);
+            EXPECT_EQ(bytes(std::begin(g_room), std::end(g_room)), bytes(sizeof g_room, 0xA5));
+        };
+        g_call_id = not_written;
+        g_number = not_written;
+        g_counter = not_written;
+        std::fill(std::begin(g_room), std::end(g_room), std::uint8_t{0xA5});
         test::fail_allocation(1);
         EXPECT_EQ(row.call(), 12U);
         EXPECT_TRUE(test::end_faults());
+        expect_untouched(not_written);
         EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
         // The reply that finds no memory is read and thrown away.
         daemon.send_item(side::sync, row.reply_type, reply);
         test::fail_allocation(2);
         EXPECT_EQ(row.call(), 12U);
         EXPECT_TRUE(test::end_faults());
+        expect_untouched(tells_its_call_id ? g_scc_client_cb.last_call_id.load() : not_written);
         EXPECT_EQ(daemon.read_item(side::sync).type, row.request_type);
         daemon.send_item(side::sync, row.reply_type, reply);
         test::fail_allocation(3);
@@ -201,11 +277,30 @@ TEST_F(Allocation, FailsEachQueryAndTheReplyIsNotMistakenForTheNextOne) {
     expect_working();
 }
 
+TEST_F(Allocation, FailsTheChangeOfABindingWhichLogsItsSendOrItsReply) {
+    start(0);
+    const test::debugging on;
+    test::fail_allocation(1);
+    EXPECT_EQ(scc_user_acl_change_vmsup(&g_user_acl, g_room), 12U);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_TRUE(test::logged("SCC_LMSG_ACL_USER_VMSUP_GET send msg failed. errno:12."));
+    EXPECT_FALSE(test::logged("SCC_LMSG_ACL_USER_VMSUP_RET recv msg failed. errno:12."));
+    daemon.send_item(side::sync, 136, wire().zeros(16));
+    test::fail_allocation(2);
+    EXPECT_EQ(scc_user_acl_change_vmsup(&g_user_acl, g_room), 12U);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_TRUE(test::logged("SCC_LMSG_ACL_USER_VMSUP_RET recv msg failed. errno:12."));
+    EXPECT_EQ(daemon.read_item(side::sync).type, 314);
+    expect_working();
+}
+
 TEST_F(Allocation, FailsTheOneWayMessageOnTheSyncSocket) {
     start(0);
+    const test::debugging on;
     test::fail_allocation(1);
     EXPECT_EQ(scc_warterline_notify(1), 12U);
     EXPECT_TRUE(test::end_faults());
+    EXPECT_TRUE(test::logged("call _scc_lib_msg_send failed. rv:12."));
     EXPECT_EQ(scc_warterline_notify(1), 0U);
     EXPECT_EQ(daemon.read(side::sync).items.size(), 1U);
     expect_working();
@@ -255,6 +350,26 @@ TEST_F(Allocation, FailsTheBatchAndRequestsAre12UntilTheNextStart) {
     stop();
     start(0);
     expect_working();
+}
+
+// A call that cannot be sent is forgotten and counted as failed, and yet tells its call id.
+TEST_F(Allocation, FailsTheBatchAndEachRequestIsForgottenAndCountedThoughItTellsItsCallId) {
+    test::fail_allocation(1);
+    start(0);
+    EXPECT_TRUE(test::end_faults());
+    std::uint32_t last = 0;
+    for (const request_row& row : g_requests) {
+        SCOPED_TRACE(row.name);
+        g_call_id = not_written;
+        EXPECT_EQ(row.call(), 12U);
+        EXPECT_EQ(g_call_id, row.allocations == 0 ? not_written : ++last);
+        EXPECT_EQ(scc::pending_calls(), 0U);
+    }
+    const scc_user_record deleted = user(3);
+    EXPECT_EQ(scc_nac_user_set(&deleted, nullptr), 12U);
+    const std::array<std::uint32_t, 13> expected = {1, 1, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 1};
+    EXPECT_EQ(counted().all, expected);
+    EXPECT_EQ(counted().failed, expected);
 }
 
 // The registration's own messages: each attempt without memory is given up and made again.
@@ -422,9 +537,12 @@ TEST_F(CacheAllocation, FailsAnyCopyOfAReadAndTheListIsEmpty) {
     }
     scc_list_head aces{};
     for (int nth = 1; nth <= 3; ++nth) {
+        const test::debugging on;
         test::fail_allocation(nth);
         EXPECT_EQ(scc_acl_get_ace(&g_key, &aces), 12U);
         EXPECT_TRUE(test::end_faults());
+        EXPECT_TRUE(test::logged("scclib alloc memroy error."));
+        EXPECT_EQ(aces.prev, &aces);
         EXPECT_EQ(aces.next, &aces);
     }
     EXPECT_EQ(scc_acl_get_ace(&g_key, &aces), 0U);

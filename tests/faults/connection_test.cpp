@@ -91,7 +91,8 @@ TEST_P(AttemptFaults, GiveTheAttemptUpAndTheNextSucceeds) {
     const int before = open_descriptors();
     test::fail_call(which, nth, error);
     begin();
-    EXPECT_TRUE(test::eventually([] { return g_scc_client_cb.state == 5U; }));
+    // The flag goes up last when an attempt's sockets are closed.
+    EXPECT_TRUE(test::eventually([] { return g_scc_client_cb.state == 5U && scc_lib_rereg == 1; }));
     EXPECT_TRUE(test::end_faults());
     EXPECT_EQ(g_scc_client_cb.sync_fd.load(), -1);
     EXPECT_EQ(g_scc_client_cb.async_fd.load(), -1);

@@ -2,6 +2,7 @@
 // brings a new one, what does not leaves it alone.
 #include <gmock/gmock.h>
 
+#include "client/locks.h"
 #include "client/pending_calls.h"
 #include "client/request_channel.h"
 #include "fault_support.h"
@@ -58,6 +59,18 @@ TEST_F(TrafficFaults, ASendThatBreaksOffHalfWayBringsANewConnection) {
         EXPECT_TRUE(test::end_faults());
         expect_recovered(true);
     }
+}
+
+TEST_F(TrafficFaults, ASendThatMovesNothingIsMadeAgain) {
+    start();
+    test::limit_transfer(5);
+    test::fail_call(call::send, 2, 0);
+    EXPECT_EQ(scc_warterline_notify(1), 0U);
+    EXPECT_EQ(test::calls(call::send), 5);  // 5, none, 5, 5, 5 bytes
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(daemon.read(side::sync).raw,
+              bytes(wire().u32(20).u8(1).u16(1).u8(0).u32(4).u16(0).u16(220).u32(1)));
+    expect_recovered(false);
 }
 
 TEST_F(BatchFaults, AFullBatchIsZeroAndDroppedWhateverItsError) {
@@ -128,18 +141,65 @@ TEST_F(BatchFaults, ATimedOutFlushIsSentAgainWhole) {
     EXPECT_EQ(test::statuses().size(), 0U);
 }
 
-TEST_F(BatchFaults, AFlushIsGivenUpAfterTwentyRetriesAndTheConnectionStays) {
+TEST_F(BatchFaults, AFlushIsGivenUpAfterTwentyRetriesOf200MillisecondsAndTheConnectionStays) {
     start();
     const test::debugging on;
     ASSERT_EQ(scc_svi_router_acl_set(3, nullptr), 0U);
     test::fail_calls_from(call::send, 1, 11);
+    const auto before = std::chrono::steady_clock::now();
     scc::flush_waiting_batch();
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(20 * 200));
     EXPECT_EQ(test::calls(call::send), 21);
     EXPECT_TRUE(test::end_faults());
+    std::vector<std::string> lines = {
+        "thread msg(len:24, ver:1, num:1) send len:24, uselen:16. total len:8192."};
+    for (int retry = 1; retry <= 20; ++retry) {
+        lines.push_back("_scc_msg_send retry to send " + std::to_string(retry) +
+                        " times. Reason:Resource temporarily unavailable(11).");
+    }
+    lines.push_back("_scc_msg_send retry 21 times. Reason:Resource temporarily unavailable(11).");
+    EXPECT_EQ(test::log_texts(), lines);
+    // The batch is dropped, its call stays, and the next batch counts from the beginning.
+    EXPECT_EQ(scc::pending_calls(), 1U);
+    test::clear_log();
+    ASSERT_EQ(scc_svi_router_acl_set(4, nullptr), 0U);
+    test::fail_call(call::send, 1, 11);
+    scc::flush_waiting_batch();
+    EXPECT_TRUE(test::end_faults());
     EXPECT_TRUE(
-        test::logged("_scc_msg_send retry to send 20 times. Reason:Resource temporarily unavailable(11)."));
-    EXPECT_TRUE(test::logged("_scc_msg_send retry 21 times. Reason:Resource temporarily unavailable(11)."));
+        test::logged("_scc_msg_send retry to send 1 times. Reason:Resource temporarily unavailable(11)."));
+    EXPECT_EQ(daemon.read_item(side::async).value, bytes(wire().u32(2).u32(4)));
     expect_recovered_and_working(false);
+}
+
+// Requests wait meanwhile, in front of the lock: nothing may get between the pieces of a message.
+TEST_F(BatchFaults, AFlushThatIsSentAgainKeepsTheSendersLock) {
+    start();
+    const test::debugging on;
+    ASSERT_EQ(scc_svi_router_acl_set(3, nullptr), 0U);
+    test::fail_calls_from(call::send, 1, 11);
+    std::thread flushing(scc::flush_waiting_batch);
+    EXPECT_TRUE(test::wait_for_log(
+        "_scc_msg_send retry to send 2 times. Reason:Resource temporarily unavailable(11)."));
+    EXPECT_EQ(pthread_rwlock_trywrlock(&scc_send_buf_lock), EBUSY);
+    ASSERT_EQ(pthread_rwlock_trywrlock(&scc_lib_lock), 0);
+    pthread_rwlock_unlock(&scc_lib_lock);
+    EXPECT_TRUE(test::end_faults());
+    flushing.join();
+    ASSERT_EQ(pthread_rwlock_trywrlock(&scc_send_buf_lock), 0);
+    pthread_rwlock_unlock(&scc_send_buf_lock);
+    EXPECT_EQ(daemon.read_item(side::async).value, bytes(wire().u32(1).u32(3)));
+}
+
+TEST_F(TrafficFaults, ACheckerWhoseWaitFailsWaitsAgain) {
+    start();
+    const test::debugging on;
+    for (const int error : {4, 9, 22}) {
+        test::fail_call(call::select, 1, error);
+        EXPECT_TRUE(test::wait_for_log("select error! errno:" + std::to_string(error) + "."));
+        EXPECT_TRUE(test::end_faults());
+        expect_recovered(false);
+    }
 }
 
 TEST_F(TrafficFaults, AHeaderThatCannotBeReadBringsANewConnectionOrIsReadNextTime) {
@@ -166,8 +226,8 @@ TEST_F(TrafficFaults, ABodyThatCannotBeReadBringsANewConnection) {
         const test::debugging on;
         const test::bytes result = test::message_bytes({test::item_bytes(401, test::wire().u32(1).u32(7))});
         test::fail_call(call::recv, 2, error);
-        daemon.send(side::async, test::slice(result, 0, 8));  // the header is one read
-        EXPECT_TRUE(test::eventually([] { return test::calls(call::recv) >= 1; }));
+        daemon.send(side::async, test::slice(result, 0, 8));
+        ASSERT_TRUE(test::all_taken(daemon.fd(side::async)));  // the header is one read
         daemon.send(side::async, test::slice(result, 8, result.size() - 8));
         EXPECT_TRUE(test::wait_for_log("recv msg body error! errno:" + std::to_string(error) + "."));
         EXPECT_TRUE(test::end_faults());
@@ -175,21 +235,47 @@ TEST_F(TrafficFaults, ABodyThatCannotBeReadBringsANewConnection) {
     }
 }
 
+// The receive thread sits in a handler while the switch is set, so that the next wait is the one that fails.
 TEST_F(TrafficFaults, AWaitThatFailsBringsANewConnectionOrIsMadeAgain) {
-    start();
+    start_with_holding_handler();
     test::for_each_error([&](int error, bool lost) {
         const test::debugging on;
+        hold();
         test::fail_call(call::poll, 1, error);
-        // Ends the wait that is under way; the next one fails.
-        daemon.send_item(side::async, 999, {});
-        if (lost) {
-            EXPECT_TRUE(test::wait_for_log("select error! errno:" + std::to_string(error) + "."));
-        } else {
-            EXPECT_TRUE(test::eventually([] { return test::calls(call::poll) >= 1; }));
-        }
+        release();
+        EXPECT_TRUE(test::wait_for_log("select error! errno:" + std::to_string(error) + "."));
         EXPECT_TRUE(test::end_faults());
         expect_recovered(lost);
     });
+}
+
+// A result that says whether the wait behind it has failed already.
+void on_svi_and_wait(std::uint32_t result, std::uint32_t, std::uint8_t) {
+    test::results().push(test::logged("select error! errno:4.") ? 1 : result);
+}
+
+TEST_F(TrafficFaults, WhatArrivedTogetherWithARefusedMessageNeedsNoFurtherWait) {
+    const bytes refused[] = {
+        wire().u32(40).u8(1).u16(0).u8(0),
+        wire().u32(16).u8(1).u16(1).u8(0).u32(1).u16(0).u16(401),
+    };
+    info.handlers.svi_router_acl = on_svi_and_wait;
+    start_with_holding_handler();
+    for (const bytes& message : refused) {
+        const test::debugging on;
+        std::uint32_t call_id = 0;
+        ASSERT_EQ(scc_svi_router_acl_set(1, &call_id), 0U);
+        (void)daemon.read_item(side::async);
+        hold();
+        daemon.send(side::async, wire().add(message).add(test::message_bytes(
+                                     {test::item_bytes(401, wire().u32(call_id).u32(2015))})));
+        test::fail_call(call::poll, 2, 4);
+        release();
+        EXPECT_EQ(test::results().wait(), 2015U);
+        EXPECT_TRUE(test::wait_for_log("select error! errno:4."));
+        EXPECT_TRUE(test::end_faults());
+    }
+    EXPECT_EQ(test::statuses().size(), 0U);
 }
 
 TEST_F(TrafficFaults, AQueryWhoseReplyCannotBeReadIsTheError) {

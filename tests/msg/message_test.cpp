@@ -109,6 +109,14 @@ TEST(MessageAppend, RefusesWhatWouldBring1500BytesAndLeavesTheMessageAsItIs) {
     EXPECT_EQ(test::u32_at(message, 0), 1499U);
 }
 
+TEST(MessageAppend, RefusesAFirstItemThatWouldBring1500BytesAndLeavesTheMessageEmpty) {
+    const bytes empty = wire().u32(8).u8(1).u16(0).u8(0).to(2000);
+    bytes message = empty;
+    const bytes item = item_bytes(6, bytes(1500 - 16, 0xAB));
+    EXPECT_EQ(_scc_msg_tlv_add(message.data(), item.data()), all_ones);
+    EXPECT_EQ(message, empty);
+}
+
 TEST(MessageAppend, RefusesNullArguments) {
     bytes message(64);
     const bytes item = item_bytes(5, {});

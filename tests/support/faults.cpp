@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
@@ -111,6 +112,7 @@ int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t 
 ssize_t __real_send(int fd, const void* bytes, size_t length, int flags);
 ssize_t __real_recv(int fd, void* bytes, size_t length, int flags);
 int __real_poll(pollfd* watched, nfds_t count, int timeout);
+int __real_select(int count, fd_set* reading, fd_set* writing, fd_set* excepting, timeval* timeout);
 int __real_close(int fd);
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument);
@@ -141,7 +143,10 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t 
 }
 
 ssize_t __wrap_send(int fd, const void* bytes, size_t length, int flags) {
-    return test::fails(call::send) ? -1 : __real_send(fd, bytes, test::limited(length), flags);
+    if (test::fails(call::send)) {
+        return errno == 0 ? 0 : -1;
+    }
+    return __real_send(fd, bytes, test::limited(length), flags);
 }
 
 ssize_t __wrap_recv(int fd, void* bytes, size_t length, int flags) {
@@ -150,6 +155,10 @@ ssize_t __wrap_recv(int fd, void* bytes, size_t length, int flags) {
 
 int __wrap_poll(pollfd* watched, nfds_t count, int timeout) {
     return test::fails(call::poll) ? -1 : __real_poll(watched, count, timeout);
+}
+
+int __wrap_select(int count, fd_set* reading, fd_set* writing, fd_set* excepting, timeval* timeout) {
+    return test::fails(call::select) ? -1 : __real_select(count, reading, writing, excepting, timeout);
 }
 
 // The descriptor is closed all the same, as the kernel does.

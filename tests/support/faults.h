@@ -14,13 +14,15 @@ enum class call {
     send,
     recv,
     poll,
+    select,
     close,
     pthread_create,
     mkdir,
     count
 };
 
-// The Nth call (from 1) of this kind fails once with this errno. Memory calls return null.
+// The Nth call (from 1) of this kind fails once with this errno. Memory calls return null; a send whose
+// error is 0 moves nothing.
 void fail_call(call which, int nth, int error);
 // Every call of the kind fails from the Nth on.
 void fail_calls_from(call which, int nth, int error);
