@@ -49,6 +49,10 @@ struct tally {
 
 enum class receives { with_a_thread, on_a_loop };
 
+inline void PrintTo(receives way, std::ostream* out) {
+    *out << (way == receives::with_a_thread ? "thread" : "event loop");
+}
+
 // An application under load, one life of it after the other.
 class application {
   public:
