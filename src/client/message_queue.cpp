@@ -1,6 +1,7 @@
 #include "client/message_queue.h"
 
-#include <atomic>
+#include <malloc.h>
+
 #include <cstdlib>
 #include <ctime>
 
@@ -17,35 +18,11 @@ constinit list_node g_scc_lib_msg_q{};
 namespace scc {
 namespace {
 
-// Small blocks that one thread allocates and another frees stay in the allocator's own lists. The free of a
-// large block makes it join them and give the end of its heap back to the system. So a queue that grows
-// long takes such a block along, and lets it go once it is empty and its messages have been freed.
 constexpr u32 long_queue_messages = 1024;
-constexpr std::size_t large_block_bytes = 96 * 1024;  // large for a free, small enough not to be mapped
 
-constinit u32 g_waiting = 0;                          // g_scc_lib_msg_mutex
-constinit std::atomic<void*> g_large_block{nullptr};  // written under g_scc_lib_msg_mutex
-
-void take_large_block() {
-    if (g_large_block.load(std::memory_order_relaxed) == nullptr) {
-        g_large_block.store(std::malloc(large_block_bytes), std::memory_order_relaxed);
-    }
-}
-
-// For the thread that frees the messages, before it looks for the next one.
-void give_memory_back() {
-    if (g_large_block.load(std::memory_order_relaxed) == nullptr) {
-        return;
-    }
-    void* block = nullptr;
-    {
-        const mutex_guard guard(g_scc_lib_msg_mutex);
-        if (g_waiting == 0) {
-            block = g_large_block.exchange(nullptr, std::memory_order_relaxed);
-        }
-    }
-    std::free(block);
-}
+// g_scc_lib_msg_mutex guards both.
+constinit u32 g_waiting = 0;
+constinit bool g_was_long = false;
 
 // The first caller makes the condition and the list; later ones find a processing thread that may be
 // waiting on them, so they are left alone. A start without memory for the batch makes neither, and its
@@ -80,15 +57,12 @@ bool enqueue_message(i32 fd, void* message) {
     const mutex_guard guard(g_scc_lib_msg_mutex);
     make_queue_once();
     list_add_tail(&node->link, &g_scc_lib_msg_q);
-    if (++g_waiting == long_queue_messages) {
-        take_large_block();
-    }
+    g_was_long |= ++g_waiting == long_queue_messages;
     pthread_cond_signal(&g_scc_lib_msg_cond);
     return true;
 }
 
 scc_lib_msg_node* dequeue_message() {
-    give_memory_back();
     const mutex_guard guard(g_scc_lib_msg_mutex);
     make_queue_once();
     timespec deadline{};
@@ -104,6 +78,25 @@ scc_lib_msg_node* dequeue_message() {
     list_del(&node->link);
     --g_waiting;
     return node;
+}
+
+// Small blocks that one thread allocates and another frees stay in the allocator's own lists. The free of a
+// large one makes it join them and shrink the heap of the thread that calls; the trim gives back what lies
+// in between.
+void give_queue_memory_back() {
+    constexpr std::size_t large_block_bytes = 96 * 1024;  // large for a free, small enough not to be mapped
+    {
+        const mutex_guard guard(g_scc_lib_msg_mutex);
+        if (!g_was_long || g_waiting != 0) {
+            return;
+        }
+        g_was_long = false;
+    }
+    void* volatile block = std::malloc(large_block_bytes);  // volatile, or the compiler leaves both out
+    std::free(block);
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
 }
 
 }  // namespace scc

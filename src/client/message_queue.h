@@ -22,6 +22,9 @@ void init_message_queue();
 [[nodiscard]] bool enqueue_message(i32 fd, void* message);
 // Waits once, up to 3 seconds by the monotonic clock; null when nothing came.
 [[nodiscard]] scc_lib_msg_node* dequeue_message();
+// For the thread that enqueues, when nothing comes: what a queue that was long has used goes back to the
+// system once it is empty.
+void give_queue_memory_back();
 
 }  // namespace scc
 

@@ -47,7 +47,7 @@ u32 wait_readable(int fd) {
 // The bytes of one registration's connections, each with its own.
 struct receiver {
     u32 generation;
-    deliver_message deliver;
+    const delivery& how;
     message_stream stream{};
     u32 epoch = any_epoch;  // of the connection that the stream's bytes came from
     result_run results{};
@@ -71,10 +71,13 @@ u32 read_bytes(receiver& self, i32& fd) {
         self.epoch = epoch;
     }
     const u32 error = wait_readable(fd);
-    if (error != result::ok) {
-        return error == result::try_again ? result::ok : error;
+    if (error == result::try_again) {
+        if (self.how.idle != nullptr) {
+            self.how.idle();
+        }
+        return result::ok;
     }
-    return self.stream.fill(fd);
+    return error == result::ok ? self.stream.fill(fd) : error;
 }
 
 // Delivers the whole messages that have arrived. Call ids start again with a registration and bytes with a
@@ -94,7 +97,7 @@ void deliver_messages(receiver& self, i32 fd) {
             _scc_msg_free(&message);
             break;
         }
-        self.deliver(fd, message, self.results);
+        self.how.message(fd, message, self.results);
     }
     self.results.deliver();
 }
@@ -146,12 +149,12 @@ void dispatch_and_free(i32 /*fd*/, void* message, result_run& results) {
     _scc_msg_free(&message);
 }
 
-void run_receive_loop(u32 generation, deliver_message deliver) {
+void run_receive_loop(u32 generation, const delivery& how) {
     if (!register_until_done(generation)) {
         SCC_LOG("scc client not registered to sccd.exit thread.");
         return;
     }
-    receiver self{generation, deliver};
+    receiver self{generation, how};
     for (;;) {
         const u32 error = receive_once(self);
         if (!is_current(generation) || (error != result::ok && !recover(error, generation))) {
@@ -168,6 +171,6 @@ void run_receive_loop(u32 generation, deliver_message deliver) {
 extern "C" void* _scc_lib_thread(void* generation) {
     scc::detach_and_name_with_pid();
     scc::run_receive_loop(static_cast<scc::u32>(reinterpret_cast<std::uintptr_t>(generation)),
-                          scc::dispatch_and_free);
+                          {scc::dispatch_and_free, nullptr});
     return nullptr;
 }

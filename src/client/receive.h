@@ -9,8 +9,13 @@ namespace scc {
 // Takes over a whole received message. Results may wait in the run until all that has arrived was delivered.
 using deliver_message = void (*)(i32 fd, void* message, result_run& results);
 
+struct delivery {
+    deliver_message message;
+    void (*idle)();  // called when nothing came for a while; null for nothing to do
+};
+
 // Registers, then receives until the registration has ended.
-void run_receive_loop(u32 generation, deliver_message deliver);
+void run_receive_loop(u32 generation, const delivery& how);
 
 // An application's way: the dispatcher, then the message is freed.
 void dispatch_and_free(i32 fd, void* message, result_run& results);

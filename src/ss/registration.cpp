@@ -102,7 +102,8 @@ void _scc_ss_handler_clear() {
 
 void* _scc_ss_lib_thread(void* generation) {
     detach_and_name("scc-lib-ss");
-    run_receive_loop(static_cast<u32>(reinterpret_cast<std::uintptr_t>(generation)), queue_or_drop);
+    run_receive_loop(static_cast<u32>(reinterpret_cast<std::uintptr_t>(generation)),
+                     {queue_or_drop, give_queue_memory_back});
     return nullptr;
 }
 
