@@ -77,7 +77,7 @@ class Flow : public test::registered_client {
 TEST_F(Flow, ADaemonThatBlocksInItsSendsWhileASenderIsBlockedStallsNothing) {
     info.handlers.d1x_port_open = on_record;
     start();
-    std::thread sender(make_requests);
+    std::jthread sender(make_requests);
     bool met = false;
     for (std::uint32_t read = 0; read < requests;) {
         const test::received_message message = daemon.read(side::async);
