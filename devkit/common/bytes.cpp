@@ -53,6 +53,13 @@ std::string ipv4_text(u32 address) {
     return fmt::format("{}", fmt::join(parts, "."));
 }
 
+std::string ipv6_text(View address) {
+    std::array<u8, 16> bytes{};
+    std::copy_n(address.begin(), std::min(address.size(), bytes.size()), bytes.begin());
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    return inet_ntop(AF_INET6, bytes.data(), text.data(), text.size());
+}
+
 std::optional<u32> parse_ipv4(const std::string& text) {
     in_addr address{};
     if (inet_pton(AF_INET, text.c_str(), &address) != 1) return std::nullopt;

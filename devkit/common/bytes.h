@@ -60,6 +60,8 @@ void copy_at(Bytes& bytes, std::size_t offset, View source);
 
 // An IPv4 address as it lies in memory (network order), read as one word.
 [[nodiscard]] std::string ipv4_text(u32 address);
+// 16 bytes; fewer are filled with zeros.
+[[nodiscard]] std::string ipv6_text(View address);
 [[nodiscard]] std::optional<u32> parse_ipv4(const std::string& text);
 
 [[nodiscard]] std::string hex_text(View bytes);

@@ -20,14 +20,28 @@
 //   counters          [vdev,type,id with acl, filter, sn and ace]   reads, or sets one ACL's counters
 //   quit
 //
-// Names and fields of notify-named (every field may be left out; "user" means mac, ip, mask, ifx, vid):
-//   d1x-addr-move mac ifx vid vid_before vid_after  user-change add, user    offline-detect open interval
-//   threshold station-move permit                flow user, first, second   noflow-offline user, flow, time,
-//   extra (hex) direct-vlan value, vlans (list)    authmode mode              dirchn add, ip port-violate
-//   add, user             user-roll user, roll_type  water-line start ace-counter vdev type id class,
-//   entries: [{"id","value"}]
+// A field that a command does not have is refused. A refusal because nobody answered has
+// "unreachable":true.
+//
+// Names and fields of notify-named; every field may be left out. "user" stands for mac, ip, mask, ifx
+// and vid, and the addresses may be IPv6.
+//
+//   d1x-addr-move     mac, ifx, vid, vid_before, vid_after
+//   user-change       user, add
+//   offline-detect    first, open, interval, threshold
+//   station-move      permit
+//   flow              user, first, second
+//   noflow-offline    user, flow, time, extra (hex)
+//   direct-vlan       value, vlans (a list of VLAN ids)
+//   authmode          mode
+//   dirchn            add, ip
+//   port-violate      user, add
+//   user-roll         user, roll_type
+//   water-line        start                     the library drops it whatever its handler
+//   ace-counter       vdev, type, id, class, entries: [{"id","value"}]
 #pragma once
 
+#include <array>
 #include <string_view>
 
 namespace scc::devkit::control {
@@ -51,5 +65,16 @@ inline constexpr std::string_view users = "users";
 inline constexpr std::string_view settings = "settings";
 inline constexpr std::string_view counters = "counters";
 inline constexpr std::string_view quit = "quit";
+
+// The names of notify-named, in the order above.
+inline constexpr std::array<std::string_view, 13> notifications = {
+    "d1x-addr-move",  "user-change", "offline-detect", "station-move", "flow",
+    "noflow-offline", "direct-vlan", "authmode",       "dirchn",       "port-violate",
+    "user-roll",      "water-line",  "ace-counter"};
+
+// Every command, in the order above.
+inline constexpr std::array<std::string_view, 17> commands = {
+    clients,   notify, notify_named, debug, debug_show, debug_dump_service, alive,    stats, capability,
+    fail_next, mute,   unmute,       acls,  users,      settings,           counters, quit};
 
 }  // namespace scc::devkit::control

@@ -14,7 +14,7 @@
 namespace scc::devkit {
 namespace {
 
-using nlohmann::json;
+using json = nlohmann::ordered_json;
 
 class Descriptor {
   public:
@@ -31,7 +31,7 @@ class Descriptor {
 };
 
 json failure(const std::string& error) {
-    return {{"ok", false}, {"error", error}};
+    return {{"ok", false}, {"error", error}, {"unreachable", true}};
 }
 
 json system_failure(const std::string& action) {
@@ -64,7 +64,7 @@ bool receive_line(int socket, std::string& line) {
 
 json control_call(const json& request) {
     const char* base = std::getenv("TMPDIR");
-    if (base == nullptr) return failure("TMPDIR is not set");
+    if (base == nullptr || *base == '\0') return failure("TMPDIR is not set");
     const std::string path = base + std::string(control::socket_suffix);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;

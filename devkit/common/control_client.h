@@ -6,7 +6,7 @@
 namespace scc::devkit {
 
 // Sends one request to the daemon below $TMPDIR and waits for its reply. A daemon that cannot be
-// reached, or that breaks off, gives {"ok":false,"error":"..."} like any other failure.
-[[nodiscard]] nlohmann::json control_call(const nlohmann::json& request);
+// reached, or that breaks off, gives {"ok":false,"error":"...","unreachable":true}.
+[[nodiscard]] nlohmann::ordered_json control_call(const nlohmann::ordered_json& request);
 
 }  // namespace scc::devkit

@@ -21,6 +21,9 @@ inline constexpr std::size_t flags = 32;      // u32 (*): 0x2 IPv4 address, 0x4 
 inline constexpr std::size_t ipv4 = 36;       // u32, network order
 inline constexpr std::size_t ipv6 = 40;       // 16 bytes
 inline constexpr std::size_t mask = 648;      // 16 bytes (*)
+inline constexpr u32 flag_ipv4 = 0x2;
+inline constexpr u32 flag_ipv6 = 0x4;
+inline constexpr u32 flag_mask = 0x200;
 }  // namespace config_record
 
 namespace user_operation {
@@ -69,6 +72,24 @@ inline constexpr std::size_t vid = 4;    // u16
 inline constexpr std::size_t mac = 6;    // 6 bytes
 inline constexpr std::size_t ipv4 = 12;  // u32
 }  // namespace arp_check_user
+
+// The 512 bytes of direct VLANs: VLAN v is the bit v % 8, from the lowest, of byte v / 8.
+inline constexpr u64 vlan_count = record::direct_vlan * 8;
+
+// False when there is no such VLAN. The record lies in `bytes` from `offset` on.
+[[nodiscard]] inline bool set_vlan(Bytes& bytes, std::size_t offset, u64 vlan) {
+    if (vlan >= vlan_count || !holds(bytes, offset, record::direct_vlan)) return false;
+    bytes[offset + vlan / 8] = static_cast<u8>(bytes[offset + vlan / 8] | 1u << (vlan % 8));
+    return true;
+}
+
+[[nodiscard]] inline std::vector<u32> vlans_of(View record) {
+    std::vector<u32> vlans;
+    for (std::size_t vlan = 0; vlan < record.size() * 8; ++vlan) {
+        if ((record[vlan / 8] >> (vlan % 8) & 1u) != 0) vlans.push_back(static_cast<u32>(vlan));
+    }
+    return vlans;
+}
 
 // The 912-byte ACE record.
 namespace ace_record {

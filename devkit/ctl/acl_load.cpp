@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <map>
 
 namespace scc::ctl {
@@ -88,6 +87,14 @@ class progress_bar {
         std::fflush(stderr);
     }
 
+    // Makes room for another line; the next show draws the bar again.
+    void hide() {
+        if (!drawn_ || shown_percent_ > 100) return;
+        fmt::print(stderr, "\r\033[K");
+        std::fflush(stderr);
+        shown_percent_ = 101;
+    }
+
   private:
     bool drawn_;
     std::size_t total_;
@@ -149,6 +156,7 @@ class loader {
             note(session_.book(), each);
         } else {
             ++failed_;
+            bar_.hide();
             print_problem(fmt::format("{}:{}", name_, each.line),
                           fmt::format("{} ({})", scc_strerror(static_cast<std::int32_t>(result)), result),
                           output_);
@@ -180,14 +188,13 @@ std::uint32_t add_cached_acl(scc_acl_key key, acl_file& into) {
 }  // namespace
 
 std::optional<acl_file> read_acl_file(const std::string& name, const output_options& output) {
-    std::ifstream stream(name);
-    if (!stream) {
+    const auto text = text_of_file(name);
+    if (!text) {
         print_problem(name, "cannot be read", output);
         return std::nullopt;
     }
-    const std::string text(std::istreambuf_iterator<char>(stream), {});
     std::vector<file_error> errors;
-    auto file = parse_acl_file(text, errors);
+    auto file = parse_acl_file(*text, errors);
     for (const file_error& each : errors)
         print_problem(fmt::format("{}:{}", name, each.line), each.text, output);
     return file;

@@ -9,6 +9,8 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <sstream>
+#include <utility>
 
 #include "ace_text.h"
 #include "common/bytes.h"
@@ -81,9 +83,9 @@ Bytes bytes_of_file(const argument& where, const std::string& name) {
     if (name == "-") {
         text.assign(std::istreambuf_iterator<char>(std::cin), {});
     } else {
-        std::ifstream file(name);
+        auto file = text_of_file(name);
         if (!file) throw usage_error(fmt::format("{}: cannot read {}", where.name, name));
-        text.assign(std::istreambuf_iterator<char>(file), {});
+        text = std::move(*file);
     }
     std::replace_if(
         text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r' || c == '\t'; }, ' ');
@@ -178,6 +180,12 @@ argument argument::at(int record_number, std::size_t field_offset) const {
     return changed;
 }
 
+argument argument::flagging(std::uint32_t bits) const {
+    argument changed = *this;
+    changed.flags = bits;
+    return changed;
+}
+
 argument number(std::string_view name, std::size_t width, std::string_view help) {
     argument made;
     made.name = name;
@@ -193,6 +201,15 @@ argument field(std::string_view name, std::size_t offset, std::size_t width, std
 
 argument constant(std::string_view name, std::size_t offset, std::uint64_t value) {
     return field(name, offset, 4, "").as(presence::fixed).from(value);
+}
+
+std::optional<std::string> text_of_file(const std::string& name) {
+    std::ifstream file(name);
+    std::ostringstream text;
+    // A directory opens, and fails only when it is read.
+    if (!file || (file.peek() != std::ifstream::traits_type::eof() && !(text << file.rdbuf()))) return {};
+    if (file.bad()) return {};
+    return std::move(text).str();
 }
 
 void store(const argument& where, std::string_view text, call_values& into) {

@@ -54,6 +54,7 @@ struct argument {
     std::uint64_t initial = 0;
     int record = no_record;
     std::size_t offset = 0;
+    std::uint32_t flags = 0;  // bits of the record's flag word that giving it sets
 
     // Changes in place, so that a table's row reads as one sentence.
     [[nodiscard]] argument within(std::uint64_t low, std::uint64_t high) const;
@@ -61,6 +62,7 @@ struct argument {
     [[nodiscard]] argument as(presence other) const;
     [[nodiscard]] argument from(std::uint64_t value) const;
     [[nodiscard]] argument at(int record_number, std::size_t field_offset) const;
+    [[nodiscard]] argument flagging(std::uint32_t bits) const;
 };
 
 // A number of width bytes, a scalar that must be given until a row says otherwise.
@@ -79,6 +81,9 @@ struct call_values {
     std::vector<std::uint64_t> outs;
     json more = json::object();
 };
+
+// Nothing when the file cannot be read.
+[[nodiscard]] std::optional<std::string> text_of_file(const std::string& name);
 
 // Puts an argument's text into the call. Throws usage_error.
 void store(const argument& where, std::string_view text, call_values& into);

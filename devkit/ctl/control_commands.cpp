@@ -1,12 +1,13 @@
 // The commands of the development daemon's control socket. They need no registration.
 #include <fmt/format.h>
 
-#include <array>
+#include <algorithm>
+#include <cctype>
 #include <memory>
 
-#include "ace_text.h"
 #include "common/control.h"
 #include "common/control_client.h"
+#include "msg/protocol.h"
 #include "program.h"
 
 namespace scc::ctl {
@@ -19,15 +20,6 @@ struct control_options {
     std::vector<std::string> pairs;
 };
 
-// A refusal comes from a daemon that runs; everything else means that none does.
-int status_of(const std::string& error) {
-    constexpr std::array<std::string_view, 4> unreachable = {"no daemon", "TMPDIR", "the daemon broke off",
-                                                             "no answer"};
-    for (const std::string_view each : unreachable)
-        if (error.starts_with(each)) return exit_unreachable;
-    return exit_refused;
-}
-
 json ask(const json& request) {
     return devkit::control_call(request);
 }
@@ -37,7 +29,7 @@ int call(const json& request, const context& within) {
     if (!reply.value("ok", false)) {
         const std::string error = reply.value("error", std::string("the daemon gave no reason"));
         print_problem(request.at("do").get<std::string>(), error, within.output);
-        return status_of(error);
+        return reply.value("unreachable", false) ? exit_unreachable : exit_refused;
     }
     if (!within.output.as_json) reply.erase("ok");
     print(!within.output.as_json && reply.empty() ? json("ok") : reply, within.output);
@@ -46,12 +38,6 @@ int call(const json& request, const context& within) {
 
 json request(std::string_view name) {
     return {{"do", name}};
-}
-
-json about_app(std::string_view name, const context& within) {
-    json made = request(name);
-    made["app"] = within.registration.app_id;
-    return made;
 }
 
 json with_timeout(json made, const context& within) {
@@ -73,36 +59,40 @@ void add_pairs(json& into, const std::vector<std::string>& pairs) {
     }
 }
 
-int debug(const control_options& options, const context& within) {
-    json made = about_app(control::debug, within);
-    made["open"] = options.word == "on" ? 1 : 0;
-    return call(made, within);
-}
-
 int notify(const control_options& options, const context& within) {
-    const bool by_type = ace::parse_number(options.word, 1, UINT16_MAX).has_value();
+    const bool by_type =
+        !options.word.empty() && std::isdigit(static_cast<unsigned char>(options.word[0])) != 0;
     json made = request(by_type ? control::notify : control::notify_named);
     made["to"] = within.app_given ? within.registration.app_id : 0;
-    if (by_type)
-        made["type"] = *ace::parse_number(options.word, 1, UINT16_MAX);
-    else
-        made["name"] = options.word;
+    made[by_type ? "type" : "name"] = options.word;
     add_pairs(made, options.pairs);
     return call(made, within);
 }
 
-// Every client in turn, unless one was asked for.
-int alive(const context& within) {
-    if (within.app_given) return call(with_timeout(about_app(control::alive, within), within), within);
+// Asks the application of --app, or every client in turn; the service is not asked what it never answers.
+int call_each(json made, bool service_too, const context& within) {
+    if (within.app_given) {
+        made["app"] = within.registration.app_id;
+        return call(made, within);
+    }
     const json reply = ask(request(control::clients));
     if (!reply.value("ok", false)) return call(request(control::clients), within);  // says why
     int worst = exit_success;
+    bool anybody = false;
     for (const json& client : reply.value("clients", json::array())) {
-        json made = with_timeout(request(control::alive), within);
+        if (client.at("app") == limits::service_app_id && !service_too) continue;
+        anybody = true;
         made["app"] = client.at("app");
         worst = std::max(worst, call(made, within));
     }
+    if (!anybody && !within.output.as_json) print(json("nobody is registered"), within.output);
     return worst;
+}
+
+int debug(const control_options& options, const context& within) {
+    json made = request(control::debug);
+    made["open"] = options.word == "on" ? 1 : 0;
+    return call_each(std::move(made), true, within);
 }
 
 int any(const control_options& options, const context& within) {
@@ -123,13 +113,15 @@ void add_control_commands(CLI::App& app, context& within, std::function<int()>& 
     };
     add("clients", "list who is registered",
         [](const control_options&, const context& in) { return call(request(control::clients), in); });
-    add("stats", "show an application's call statistics (--app)",
+    add("stats", "show the clients' call statistics (one's with --app)",
         [](const control_options&, const context& in) {
-            return call(with_timeout(about_app(control::stats, in), in), in);
+            return call_each(with_timeout(request(control::stats), in), true, in);
         });
-    add("alive", "ask whether clients answer (one with --app)",
-        [](const control_options&, const context& in) { return alive(in); });
-    add("debug", "switch an application's debug log (--app)", &debug)
+    add("alive", "ask whether applications answer (one with --app)",
+        [](const control_options&, const context& in) {
+            return call_each(with_timeout(request(control::alive), in), false, in);
+        });
+    add("debug", "switch the clients' debug logs (one's with --app)", &debug)
         ->add_option("switch", options->word, "on or off")
         ->required()
         ->check(CLI::IsMember({"on", "off"}));

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "common/bytes.h"
+#include "common/records.h"
 #include "inbox.h"
 #include "msg/protocol.h"
 
@@ -50,7 +51,7 @@ json shown(const scc_user_roll& roll) {
 }
 
 json shown(const scc_vlan_record& vlans) {
-    return devkit::hex_text({vlans.bytes, sizeof vlans.bytes});
+    return devkit::vlans_of({vlans.bytes, sizeof vlans.bytes});
 }
 
 json shown(const scc_acl_key& key) {
@@ -167,11 +168,12 @@ void on_dirchn(std::uint8_t add, std::uint32_t ip) {
 
 std::string value_text(const json& value) {
     if (value.is_string()) return value.get<std::string>();
-    if (!value.is_object()) return value.dump();
-    std::string text;
+    if (!value.is_structured()) return value.dump();
+    std::vector<std::string> parts;
     for (const auto& [name, field] : value.items())
-        text += fmt::format("{}{}={}", text.empty() ? "" : ",", name, value_text(field));
-    return text;
+        parts.push_back(value.is_array() ? value_text(field) : fmt::format("{}={}", name, value_text(field)));
+    return value.is_array() ? fmt::format("[{}]", fmt::join(parts, ","))
+                            : fmt::format("{{{}}}", fmt::join(parts, ","));
 }
 
 }  // namespace

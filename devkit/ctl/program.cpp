@@ -8,6 +8,8 @@
 #include <cmath>
 
 #include "acl_load.h"
+#include "common/bytes.h"
+#include "common/control.h"
 
 namespace scc::ctl {
 namespace {
@@ -60,6 +62,19 @@ std::vector<std::string> split(std::string_view name) {
         begin = end + 1;
     }
     return words;
+}
+
+constexpr double seconds_max = 86400;
+constexpr double count_max = 1e15;  // every whole number up to here is a double
+
+// A number as it is written out, so that neither "nan" nor "-1" slips through as something else.
+CLI::Validator within_limits(double min, double max) {
+    const auto problem = [min, max](const std::string& text) -> std::string {
+        double value = 0;
+        if (CLI::detail::lexical_cast(text, value) && value >= min && value <= max) return {};
+        return fmt::format("'{}' is not a number from {} to {:.0f}", text, min, max);
+    };
+    return CLI::Validator(problem, fmt::format("in [{} - {:.0f}]", min, max), "limits");
 }
 
 std::string_view group_of(const command& row) {
@@ -137,7 +152,8 @@ void add_row(built& into, const command& row) {
             ->allow_extra_args(false);
     }
     if (!row.reset_row.empty()) bound.app->add_flag("--reset", bound.reset, "reset the counter instead");
-    bound.app->footer(fmt::format("Calls {}.\nExample: sccctl {} {}", row.function, row.name, row.example));
+    bound.app->footer(fmt::format("Calls {}.\nExample: sccctl {}{}{}", row.function, row.name,
+                                  row.example.empty() ? "" : " ", row.example));
 }
 
 const command& row_named(std::string_view name) {
@@ -145,8 +161,34 @@ const command& row_named(std::string_view name) {
                          [&](const command& row) { return row.name == name; });
 }
 
+// The flag word tells which addresses a record carries; an explicit one is taken as it is.
+void mark_given_addresses(const bound_command& bound, call_values& values) {
+    std::uint32_t flags = 0;
+    const argument* flag_word = nullptr;
+    for (std::size_t i = 0; i < bound.texts.size(); ++i) {
+        const argument& each = bound.row->arguments[i];
+        if (bound.texts[i].given()) flags |= each.flags;
+        if (each.name != "flags") continue;
+        if (bound.texts[i].given()) return;
+        flag_word = &each;
+    }
+    if (flag_word == nullptr || flags == 0) return;
+    Bytes& record = values.records.at(static_cast<std::size_t>(flag_word->record));
+    devkit::write_at(record, flag_word->offset, devkit::u32_at(record, flag_word->offset) | flags);
+}
+
+// A record that must be filled: with its arguments, or with its bytes.
+void refuse_empty_rule(const bound_command& bound) {
+    if (!bound.hex.empty() || !bound.fields.empty()) return;
+    for (std::size_t i = 0; i < bound.texts.size(); ++i) {
+        if (bound.row->arguments[i].type == value_type::rule && !bound.texts[i].given())
+            throw usage_error("a rule, --hex or --field must say what the ACE holds");
+    }
+}
+
 call_values values_of(const bound_command& bound) {
     const command& row = *bound.row;
+    refuse_empty_rule(bound);
     call_values values;
     for (const std::size_t bytes : row.record_bytes) values.records.emplace_back(bytes);
     const int open = row.open_record();
@@ -160,6 +202,7 @@ call_values values_of(const bound_command& bound) {
         else
             store_initial(row.arguments[i], values);
     }
+    mark_given_addresses(bound, values);
     for (const std::string& each : bound.fields)
         store_raw_field(each, values.records[static_cast<std::size_t>(open)]);
     return values;
@@ -224,9 +267,10 @@ void add_own_commands(built& into, context& within) {
             place(into.app, "shell", "read commands from standard input, with one registration", "Tool");
         shell.callback([&] { into.action = [&] { return run_shell(within); }; });
         CLI::App& watch = place(into.app, "watch", "print notifications as they arrive", "Tool");
-        watch.add_option("--seconds", into.own.seconds, "stop after this time")
-            ->check(CLI::NonNegativeNumber);
-        watch.add_option("--count", into.own.count, "stop after this many");
+        watch.add_option("--seconds", into.own.seconds, "stop after this time, 0 for never")
+            ->check(within_limits(0, seconds_max));
+        watch.add_option("--count", into.own.count, "stop after this many, 0 for never")
+            ->check(within_limits(0, count_max));
         watch.callback(
             [&] { into.action = [&] { return run_watch(within, into.own.seconds, into.own.count); }; });
     }
@@ -242,7 +286,7 @@ void add_common_options(built& into, context& within) {
         ->check(CLI::Range(1, 19))
         ->capture_default_str();
     into.app.add_option("--timeout", into.timeout_seconds, "seconds to wait for the daemon, each time")
-        ->check(CLI::Range(0.001, 86400.0))
+        ->check(within_limits(0.001, seconds_max))
         ->capture_default_str();
     into.app.add_option("--option", into.option, "registration option; 1 keeps a readable ACL cache")
         ->check(CLI::Range(0, 255))
@@ -254,11 +298,12 @@ void add_common_options(built& into, context& within) {
 
 void build(built& into, context& within) {
     into.app.require_subcommand(0, 1);
-    into.app.footer(
-        "The options above may stand anywhere. Exit status: 0 done, 1 refused, 2 usage, 3 no daemon.");
     add_common_options(into, within);
     for (const command& row : commands()) add_row(into, row);
     add_own_commands(into, within);
+    // Last, or every command would inherit it.
+    into.app.footer(
+        "The options above may stand anywhere. Exit status: 0 done, 1 refused, 2 usage, 3 no daemon.");
 }
 
 // The options of every command may stand behind it; they are moved to the front, where the parser wants them.
@@ -278,11 +323,29 @@ std::vector<std::string> common_options_first(const std::vector<std::string>& wo
     return front;
 }
 
+// "help acl create" is "acl create --help".
+std::vector<std::string> help_asked(std::vector<std::string> words) {
+    if (words.empty() || words[0] != "help") return words;
+    std::rotate(words.begin(), words.begin() + 1, words.end());
+    words.back() = "--help";
+    return words;
+}
+
+// A shell's lines share one registration, which their options cannot change; the commands of the
+// development daemon take --app and --timeout as their own.
+void refuse_registration_options(const built& parsed, const context& within) {
+    if (within.shared == nullptr || parsed.action) return;
+    for (const auto* name : {"--app", "--timeout", "--option"})
+        if (parsed.app.get_option(name)->count() != 0)
+            throw usage_error(fmt::format("{} belongs to the shell itself, not to a line of it", name));
+}
+
 int run_chosen(built& parsed, context& within) {
     if (parsed.list) {
         fmt::print("{}", list_commands());
         return exit_success;
     }
+    refuse_registration_options(parsed, within);
     if (parsed.action) return parsed.action();
     for (const bound_command& each : parsed.rows)
         if (each.app->parsed()) return run_row(each, within);
@@ -305,12 +368,21 @@ std::string listed_options(const CLI::App& leaf) {
     return text;
 }
 
+// What may follow as a word, for the completion: a column of its own.
+std::string choices_of(std::string_view path) {
+    if (path == "debug") return "\ton off";
+    if (path == "notify") return fmt::format("\t{}", fmt::join(devkit::control::notifications, " "));
+    if (path == "daemon") return fmt::format("\t{}", fmt::join(devkit::control::commands, " "));
+    return {};
+}
+
 void list_below(const CLI::App& app, const std::string& path, std::string& text) {
     const auto children = app.get_subcommands([](const CLI::App*) { return true; });
     for (const CLI::App* each : children)
         list_below(*each, path.empty() ? each->get_name() : path + " " + each->get_name(), text);
     if (children.empty())
-        text += fmt::format("{}\t{}\t{}\n", path, listed_options(app), app.get_description());
+        text +=
+            fmt::format("{}\t{}\t{}{}\n", path, listed_options(app), app.get_description(), choices_of(path));
 }
 
 }  // namespace
@@ -335,16 +407,21 @@ int command::open_record() const {
 int run_command_line(const std::vector<std::string>& words, context& within) {
     built parsed;
     build(parsed, within);
-    std::vector<std::string> reversed = common_options_first(words);
+    std::vector<std::string> reversed = common_options_first(help_asked(words));
+    // A line that cannot be parsed answers in the form that it asks for.
+    output_options form = within.output;
+    form.as_json = form.as_json || std::find(words.begin(), words.end(), "--json") != words.end();
     std::reverse(reversed.begin(), reversed.end());  // as the parser takes them
     try {
         parsed.app.parse(reversed);
         take_common_options(parsed, within);
         return run_chosen(parsed, within);
     } catch (const CLI::ParseError& problem) {
-        return parsed.app.exit(problem) == 0 ? exit_success : exit_usage;
+        if (problem.get_exit_code() == 0) return parsed.app.exit(problem);  // help was asked for
+        print_problem("usage", problem.what(), form);
+        return exit_usage;
     } catch (const usage_error& problem) {
-        print_problem("usage", problem.what(), within.output);
+        print_problem("usage", problem.what(), form);
         return exit_usage;
     }
 }

@@ -29,7 +29,8 @@ struct context {
 [[nodiscard]] int with_session(context& within, std::string_view command,
                                const std::function<int(session&)>& action);
 
-// One line of a shell as words: blanks separate, quotes join, "#" begins a comment.
+// One line of a shell as words: blanks separate, quotes join, "#" begins a comment. Throws usage_error for
+// a quote that is not closed.
 [[nodiscard]] std::vector<std::string> shell_words(std::string_view line);
 // Reads command lines from standard input until it ends. Returns the worst status.
 [[nodiscard]] int run_shell(context& within);

@@ -20,7 +20,8 @@ arguments record_fields() {
             field("app-type", at::app_type, 4, "application type"),
             field("operation", at::operation, 4, "1 add or open, 3 delete or close"),
             field("value", at::value, 4, "the setting itself"),
-            field("ip", at::ipv4, 4, "IPv4 address").as(value_type::ipv4)};
+            field("ip", at::ipv4, 4, "IPv4 address").as(value_type::ipv4),
+            field("ipv6", at::ipv6, 16, "IPv6 address").as(value_type::address16)};
 }
 
 arguments user_fields() {

@@ -85,9 +85,33 @@ std::vector<std::string> shell_words(std::string_view line) {
             in_word = true;
         }
     }
+    if (quote != 0) throw usage_error(fmt::format("the quote {} is not closed", quote));
     if (in_word) words.push_back(std::move(word));
     return words;
 }
+
+namespace {
+
+// One line of the shell.
+int run_line(const std::vector<std::string>& words, session& registered, const context& within) {
+    context each = within;  // options of one line do not reach the next
+    each.shared = &registered;
+    each.app_given = false;
+    return run_command_line(words, each);
+}
+
+// The words of a line; none, with the problem printed and the status set, when it cannot be split.
+std::vector<std::string> words_of_line(const std::string& line, const context& within, int& worst) {
+    try {
+        return shell_words(line);
+    } catch (const usage_error& problem) {
+        print_problem("usage", problem.what(), within.output);
+        worst = std::max(worst, exit_usage);
+        return {};
+    }
+}
+
+}  // namespace
 
 int run_shell(context& within) {
     return with_session(within, "shell", [&](session& registered) {
@@ -97,12 +121,10 @@ int run_shell(context& within) {
         while (true) {
             if (prompts) fmt::print(stderr, "sccctl> ");
             if (!std::getline(std::cin, line)) break;
-            const auto words = shell_words(line);
+            const auto words = words_of_line(line, within, worst);
             if (words.empty()) continue;
             if (words[0] == "exit" || words[0] == "quit") break;
-            context each = within;  // options of one line do not reach the next
-            each.shared = &registered;
-            worst = std::max(worst, run_command_line(words, each));
+            worst = std::max(worst, run_line(words, registered, within));
         }
         return worst;
     });

@@ -36,6 +36,10 @@ Identity user_binding(View record) {
     return identity(devkit::slice(record, 0, devkit::user_acl_record::key + 12));
 }
 
+bool binds(View record, const AclKey& key) {
+    return devkit::key_at(record, devkit::user_acl_record::key) == key;
+}
+
 struct OldNumbers {
     u32 start = 0;
     u32 increment = 0;
@@ -119,9 +123,13 @@ Change AclStore::remove(const AclKey& key) {
     if (acl == acls_.end()) return Change::refused(result::no_such_acl);
     Acl removed = std::move(acl->second);
     acls_.erase(acl);
+    UserAcls unbound = bindings_of(key);
+    unbind_all_users(key);
     // Whatever was created under the key meanwhile is not in the hardware, where this one still is.
-    return Change::made(
-        [this, removed = std::move(removed)] { acls_.insert_or_assign(removed.key, removed); });
+    return Change::made([this, removed = std::move(removed), unbound = std::move(unbound)] {
+        acls_.insert_or_assign(removed.key, removed);
+        user_acls_.insert(unbound.begin(), unbound.end());
+    });
 }
 
 Change AclStore::add_ace(const AclKey& key, View record) {
@@ -206,9 +214,15 @@ Change AclStore::unbind_user(View record) {
 }
 
 void AclStore::unbind_all_users(const AclKey& key) {
-    std::erase_if(user_acls_, [&key](const auto& entry) {
-        return devkit::key_at(entry.second, devkit::user_acl_record::key) == key;
-    });
+    std::erase_if(user_acls_, [&key](const auto& entry) { return binds(entry.second, key); });
+}
+
+AclStore::UserAcls AclStore::bindings_of(const AclKey& key) const {
+    UserAcls bindings;
+    for (const auto& entry : user_acls_) {
+        if (binds(entry.second, key)) bindings.insert(entry);
+    }
+    return bindings;
 }
 
 }  // namespace scc::sccd

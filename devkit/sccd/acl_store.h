@@ -39,6 +39,7 @@ class AclStore {
 
     // `creation` is the whole value of the request.
     Change create(const devkit::AclKey& key, devkit::View creation);
+    // The bindings of users to it go with it.
     Change remove(const devkit::AclKey& key);
     Change add_ace(const devkit::AclKey& key, devkit::View record);
     Change remove_ace(const devkit::AclKey& key, devkit::View record);
@@ -59,8 +60,12 @@ class AclStore {
     [[nodiscard]] std::size_t bound_users() const { return user_acls_.size(); }
 
   private:
+    using UserAcls = std::map<Identity, devkit::Bytes>;  // user ACL record by user and key
+
+    [[nodiscard]] UserAcls bindings_of(const devkit::AclKey& key) const;
+
     Acls acls_;
-    std::map<Identity, devkit::Bytes> user_acls_;  // user ACL record by user and key
+    UserAcls user_acls_;
     u64 last_serial_ = 0;
 };
 

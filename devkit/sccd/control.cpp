@@ -9,7 +9,6 @@ namespace scc::sccd {
 namespace {
 
 using devkit::View;
-using nlohmann::json;
 
 constexpr std::size_t line_max_bytes = 4u * 1024 * 1024;
 
@@ -45,15 +44,15 @@ void ControlServer::take_lines(Session& session) {
 
 void ControlServer::take_line(Session& session, const std::string& line) {
     session.waiting = true;
-    const json request = json::parse(line, nullptr, false);
+    const Json request = Json::parse(line, nullptr, false);
     if (!request.is_object()) return reply(session.id, control_failure("not a JSON object"));
-    run_control_command(daemon_, request, [this, id = session.id](const json& answer) { reply(id, answer); });
+    run_control_command(daemon_, request, [this, id = session.id](const Json& answer) { reply(id, answer); });
 }
 
-void ControlServer::reply(u64 id, const json& answer) {
+void ControlServer::reply(u64 id, const Json& answer) {
     const auto session = sessions_.find(id);
     if (session == sessions_.end()) return;
-    std::string text = answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+    std::string text = answer.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
     session->second->stream->send({text.begin(), text.end()});
     session->second->waiting = false;
     // What came in while the answer was awaited is taken at the end of the turn.

@@ -3,11 +3,11 @@
 #pragma once
 
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <unordered_map>
 
 #include "sccd/daemon.h"
+#include "sccd/json_fields.h"
 
 namespace scc::sccd {
 
@@ -25,7 +25,7 @@ class ControlServer {
     void accept(int descriptor);
     void take_lines(Session& session);
     void take_line(Session& session, const std::string& line);
-    void reply(u64 session, const nlohmann::json& answer);
+    void reply(u64 session, const Json& answer);
 
     Daemon& daemon_;
     std::unordered_map<u64, std::unique_ptr<Session>> sessions_;

@@ -1,11 +1,13 @@
 #include "sccd/control_commands.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 
 #include "common/control.h"
 #include "sccd/json_fields.h"
-#include "sccd/notifications.h"
+#include "sccd/named_notifications.h"
 #include "sccd/state_dump.h"
 
 namespace scc::sccd {
@@ -13,7 +15,6 @@ namespace {
 
 using devkit::Bytes;
 using devkit::View;
-using nlohmann::json;
 
 constexpr u32 probe_timeout_ms = 5000;
 constexpr std::size_t debug_bytes = 52;
@@ -24,12 +25,22 @@ constexpr std::size_t statistics_entry_bytes = 24;
 struct Call {
     Daemon& daemon;
     JsonFields& fields;
-    const json& request;
+    const Json& request;
     const ControlReply& reply;
 };
 
-json success() {
+// What the entries of an application's call statistics count.
+constexpr std::array<std::string_view, 13> statistics_names = {
+    "acl-create",     "acl-delete",    "ace-add",         "ace-delete", "acl-apply",
+    "acl-unapply",    "nac-user-add",  "nac-user-delete", "user-added", "user-deleted",
+    "noflow-offline", "d1x-addr-move", "data-recover"};
+
+Json success() {
     return {{"ok", true}};
+}
+
+Json nobody(u32 app_id) {
+    return control_failure(fmt::format("no application {} is registered", app_id));
 }
 
 // Fails the call when a field could not be read.
@@ -47,20 +58,20 @@ void send_to(const Call& call, u32 app_id, u16 sub_id, u16 type, View value) {
         for (const Client& client : applications) {
             call.daemon.clients.send_async(client.id, sub_id, type, value);
         }
-        json answer = success();
+        Json answer = success();
         answer["sent"] = applications.size();
         return call.reply(answer);
     }
     const Client* const client = call.daemon.clients.registry().find_app(app_id);
-    if (client == nullptr || client->async == 0) return call.reply(control_failure("no such client"));
+    if (client == nullptr || client->async == 0) return call.reply(nobody(app_id));
     call.daemon.clients.send_async(client->id, sub_id, type, value);
-    json answer = success();
+    Json answer = success();
     answer["sent"] = 1;
     call.reply(answer);
 }
 
 void clients(const Call& call) {
-    json list = json::array();
+    Json list = Json::array();
     for (const auto& [app_id, client] : call.daemon.clients.registry().by_app()) {
         list.push_back({{"app", app_id},
                         {"pid", client.pid},
@@ -68,14 +79,13 @@ void clients(const Call& call) {
                         {"sync", client.sync != 0},
                         {"async", client.async != 0}});
     }
-    json answer = success();
+    Json answer = success();
     answer["clients"] = list;
     call.reply(answer);
 }
 
 void notify(const Call& call) {
     const Bytes value = call.fields.hex("hex");
-    if (!call.fields.has("type")) call.fields.refuse("type", "is missing");
     const u16 type = call.fields.number16("type");
     const u16 sub_id = call.fields.number16("sub");
     send_to(call, call.fields.number32("to"), sub_id, type, value);
@@ -114,12 +124,14 @@ void debug_dump_service(const Call& call) {
     send_to(call, limits::service_app_id, 0, msg::debug, value);
 }
 
-json statistics(View answer) {
-    json entries = json::array();
+Json statistics(View answer) {
+    Json entries = Json::array();
     const u32 count = devkit::u32_at(answer, 4);
     for (std::size_t offset = 8; offset + statistics_entry_bytes <= answer.size() && entries.size() < count;
          offset += statistics_entry_bytes) {
-        entries.push_back({{"index", devkit::u32_at(answer, offset)},
+        const u32 index = devkit::u32_at(answer, offset);
+        entries.push_back({{"index", index},
+                           {"name", index < statistics_names.size() ? statistics_names[index] : "unknown"},
                            {"calls", devkit::u32_at(answer, offset + 4)},
                            {"call_successes", devkit::u32_at(answer, offset + 8)},
                            {"callback_successes", devkit::u32_at(answer, offset + 12)},
@@ -134,11 +146,16 @@ void ask(const Call& call, u16 type) {
     const u32 limit_ms = call.fields.number32("timeout_ms", probe_timeout_ms);
     if (!understood(call)) return;
     const Client* const client = call.daemon.clients.registry().find_app(app_id);
-    if (client == nullptr || !client->complete()) return call.reply(control_failure("no such client"));
+    if (client == nullptr || !client->complete()) return call.reply(nobody(app_id));
     call.daemon.probe(client->id, type, std::chrono::milliseconds(limit_ms),
-                      [reply = call.reply, type](std::optional<View> answer) {
-                          if (!answer) return reply(control_failure("no answer"));
-                          json result = success();
+                      [reply = call.reply, type, app_id](std::optional<View> answer) {
+                          if (!answer) {
+                              Json failure =
+                                  control_failure(fmt::format("application {} has not answered", app_id));
+                              failure["unreachable"] = true;
+                              return reply(failure);
+                          }
+                          Json result = success();
                           result["app"] = devkit::u32_at(*answer, 0);
                           if (type == msg::info_collect) result["entries"] = statistics(*answer);
                           reply(result);
@@ -188,8 +205,8 @@ void unmute(const Call& call) {
     call.reply(success());
 }
 
-void dump(const Call& call, std::string_view name, json content) {
-    json answer = success();
+void dump(const Call& call, std::string_view name, Json content) {
+    Json answer = success();
     answer[std::string(name)] = std::move(content);
     call.reply(answer);
 }
@@ -202,7 +219,7 @@ void settings(const Call& call) {
 }
 
 void users(const Call& call) {
-    json answer = success();
+    Json answer = success();
     answer["users"] = dump_users(call.daemon.users.users());
     answer["arp_entries"] = dump_users(call.daemon.users.arp_entries());
     call.reply(answer);
@@ -236,45 +253,69 @@ void quit(const Call& call) {
     call.daemon.loop.stop();
 }
 
+using Words = std::vector<std::string_view>;
+
 struct Row {
     std::string_view name;
     void (*run)(const Call&) = nullptr;
+    Words required{};
+    Words optional{};
+    bool knows_its_fields = false;  // the command itself refuses fields that it does not know
 };
 
 namespace names = devkit::control;
 
-constexpr std::array commands{
-    Row{names::clients, clients},
-    Row{names::notify, notify},
-    Row{names::notify_named, notify_named},
-    Row{names::debug, debug},
-    Row{names::debug_show, debug_show},
-    Row{names::debug_dump_service, debug_dump_service},
-    Row{names::alive, alive},
-    Row{names::stats, stats},
-    Row{names::capability, capability},
-    Row{names::fail_next, fail_next},
-    Row{names::mute, mute},
-    Row{names::unmute, unmute},
-    Row{names::acls, acls},
-    Row{names::users, users},
-    Row{names::settings, settings},
-    Row{names::counters, counters},
-    Row{names::quit, quit},
-};
+const std::array<Row, names::commands.size()>& rows() {
+    static const std::array<Row, names::commands.size()> table{{
+        {names::clients, clients},
+        {names::notify, notify, {"type"}, {"to", "hex", "sub"}},
+        {names::notify_named, notify_named, {"name"}, {"to"}, true},
+        {names::debug, debug, {"app", "open"}},
+        {names::debug_show, debug_show, {"app"}, {"mode", "vdev", "type", "id"}},
+        {names::debug_dump_service, debug_dump_service},
+        {names::alive, alive, {"app"}, {"timeout_ms"}},
+        {names::stats, stats, {"app"}, {"timeout_ms"}},
+        {names::capability, capability, {"word"}, {"to"}},
+        {names::fail_next, fail_next, {"type", "result"}, {"count"}},
+        {names::mute, mute, {"type"}, {"count"}},
+        {names::unmute, unmute, {}, {"type"}},
+        {names::acls, acls},
+        {names::users, users},
+        {names::settings, settings},
+        {names::counters, counters, {}, {"vdev", "type", "id", "acl", "filter", "sn", "ace"}},
+        {names::quit, quit},
+    }};
+    return table;
+}
+
+// Why the request's fields are not those of the command; empty when they are.
+std::string problem_with_fields(const Row& row, const Json& request) {
+    for (const std::string_view name : row.required) {
+        if (!request.contains(name)) return fmt::format("{} is missing", name);
+    }
+    if (row.knows_its_fields) return {};
+    Words known = row.required;
+    known.insert(known.end(), row.optional.begin(), row.optional.end());
+    return unexpected_field(row.name, request, {"do"}, known);
+}
 
 }  // namespace
 
-json control_failure(const std::string& error) {
+Json control_failure(const std::string& error) {
     return {{"ok", false}, {"error", error}};
 }
 
-void run_control_command(Daemon& daemon, const json& request, const ControlReply& reply) {
+void run_control_command(Daemon& daemon, const Json& request, const ControlReply& reply) {
     JsonFields fields(request);
     const std::string name = fields.text("do");
-    const auto row = std::find_if(commands.begin(), commands.end(),
-                                  [&name](const Row& command) { return command.name == name; });
-    if (row == commands.end()) return reply(control_failure("no such command"));
+    const auto row =
+        std::find_if(rows().begin(), rows().end(), [&name](const Row& each) { return each.name == name; });
+    if (row == rows().end()) {
+        return reply(control_failure(
+            fmt::format("no command '{}'; there are {}", name, fmt::join(names::commands, ", "))));
+    }
+    const std::string problem = problem_with_fields(*row, request);
+    if (!problem.empty()) return reply(control_failure(problem));
     row->run({daemon, fields, request, reply});
 }
 

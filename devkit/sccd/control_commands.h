@@ -2,17 +2,17 @@
 #pragma once
 
 #include <functional>
-#include <nlohmann/json.hpp>
 
 #include "sccd/daemon.h"
+#include "sccd/json_fields.h"
 
 namespace scc::sccd {
 
-using ControlReply = std::function<void(const nlohmann::json&)>;
+using ControlReply = std::function<void(const Json&)>;
 
-[[nodiscard]] nlohmann::json control_failure(const std::string& error);
+[[nodiscard]] Json control_failure(const std::string& error);
 
 // Calls `reply` exactly once, at once or when an application has answered.
-void run_control_command(Daemon& daemon, const nlohmann::json& request, const ControlReply& reply);
+void run_control_command(Daemon& daemon, const Json& request, const ControlReply& reply);
 
 }  // namespace scc::sccd

@@ -1,14 +1,30 @@
 #include "sccd/json_fields.h"
 
+#include <arpa/inet.h>
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <charconv>
 #include <limits>
 #include <optional>
 
 namespace scc::sccd {
 
-using nlohmann::json;
+std::string unexpected_field(std::string_view what, const Json& request,
+                             const std::vector<std::string_view>& own_words,
+                             const std::vector<std::string_view>& known) {
+    const auto among = [](const std::vector<std::string_view>& names, const std::string& name) {
+        return std::find(names.begin(), names.end(), name) != names.end();
+    };
+    for (const auto& [name, value] : request.items()) {
+        if (among(own_words, name) || among(known, name)) continue;
+        if (known.empty()) return fmt::format("no field '{}'; {} takes none", name, what);
+        return fmt::format("no field '{}'; {} takes {}", name, what, fmt::join(known, ", "));
+    }
+    return {};
+}
 
-const json* JsonFields::field(std::string_view name) const {
+const Json* JsonFields::field(std::string_view name) const {
     const auto found = object_.find(name);
     return found == object_.end() || found->is_null() ? nullptr : &*found;
 }
@@ -17,7 +33,7 @@ void JsonFields::refuse(std::string_view name, std::string_view reason) {
     if (problem_.empty()) problem_ = std::string(name) + ": " + std::string(reason);
 }
 
-std::optional<u64> JsonFields::as_number(const json& value) {
+std::optional<u64> JsonFields::as_number(const Json& value) {
     if (value.is_boolean()) return value.get<bool>() ? 1 : 0;
     if (value.is_number_unsigned()) return value.get<u64>();
     if (!value.is_string()) return std::nullopt;
@@ -32,7 +48,7 @@ std::optional<u64> JsonFields::as_number(const json& value) {
 }
 
 u64 JsonFields::bounded(std::string_view name, u64 otherwise, u64 max) {
-    const json* const value = field(name);
+    const Json* const value = field(name);
     if (value == nullptr) return otherwise;
     const std::optional<u64> found = as_number(*value);
     if (!found || *found > max) {
@@ -55,7 +71,7 @@ u16 JsonFields::number16(std::string_view name) {
 }
 
 std::string JsonFields::text(std::string_view name) {
-    const json* const value = field(name);
+    const Json* const value = field(name);
     if (value == nullptr) return {};
     if (value->is_string()) return value->get<std::string>();
     refuse(name, "not a text");
@@ -82,8 +98,18 @@ u32 JsonFields::ipv4(std::string_view name) {
     return address.value_or(0);
 }
 
-std::vector<json> JsonFields::list(std::string_view name) {
-    const json* const value = field(name);
+Address JsonFields::address(std::string_view name) {
+    Address address;
+    if (field(name) == nullptr) return address;
+    const std::string written = text(name);
+    if (inet_pton(AF_INET, written.c_str(), address.bytes.data()) == 1) return address;
+    address.is_ipv6 = inet_pton(AF_INET6, written.c_str(), address.bytes.data()) == 1;
+    if (!address.is_ipv6) refuse(name, "not an IPv4 or IPv6 address");
+    return address;
+}
+
+std::vector<Json> JsonFields::list(std::string_view name) {
+    const Json* const value = field(name);
     if (value == nullptr) return {};
     if (!value->is_array()) {
         refuse(name, "not a list");

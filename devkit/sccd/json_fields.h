@@ -1,7 +1,9 @@
 // Reading the fields of a control request. A field may be missing; one of the wrong kind is remembered
-// as a problem, so that a request is either understood whole or refused.
+// as a problem, and one that nobody reads is found by unexpected_field, so that a request is either
+// understood whole or refused.
 #pragma once
 
+#include <array>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -12,9 +14,22 @@
 
 namespace scc::sccd {
 
+using Json = nlohmann::ordered_json;  // replies show their fields in the order in which they were put in
+
+// An IPv4 address stands in the first 4 bytes.
+struct Address {
+    std::array<u8, 16> bytes{};
+    bool is_ipv6 = false;
+};
+
+// What is wrong when `request` holds a field of none of these names; empty when it holds no such field.
+[[nodiscard]] std::string unexpected_field(std::string_view what, const Json& request,
+                                           const std::vector<std::string_view>& own_words,
+                                           const std::vector<std::string_view>& known);
+
 class JsonFields {
   public:
-    explicit JsonFields(const nlohmann::json& object) : object_(object) {}
+    explicit JsonFields(const Json& object) : object_(object) {}
 
     // JSON numbers, booleans and text such as "10" or "0x0a".
     [[nodiscard]] u64 number(std::string_view name, u64 otherwise = 0);
@@ -25,21 +40,22 @@ class JsonFields {
     [[nodiscard]] devkit::Bytes hex(std::string_view name);
     [[nodiscard]] devkit::MacAddress mac(std::string_view name);
     [[nodiscard]] u32 ipv4(std::string_view name);
+    [[nodiscard]] Address address(std::string_view name);
     // The elements of a list; none when the field is missing.
-    [[nodiscard]] std::vector<nlohmann::json> list(std::string_view name);
+    [[nodiscard]] std::vector<Json> list(std::string_view name);
     [[nodiscard]] bool has(std::string_view name) const { return object_.contains(std::string(name)); }
 
     [[nodiscard]] const std::string& problem() const { return problem_; }
     void refuse(std::string_view name, std::string_view reason);
 
     // Nothing when `value` is not a number in any of the accepted forms.
-    [[nodiscard]] static std::optional<u64> as_number(const nlohmann::json& value);
+    [[nodiscard]] static std::optional<u64> as_number(const Json& value);
 
   private:
-    [[nodiscard]] const nlohmann::json* field(std::string_view name) const;
+    [[nodiscard]] const Json* field(std::string_view name) const;
     [[nodiscard]] u64 bounded(std::string_view name, u64 otherwise, u64 max);
 
-    const nlohmann::json& object_;
+    const Json& object_;
     std::string problem_;
 };
 

@@ -18,6 +18,8 @@
 
 namespace {
 
+constexpr int exit_usage = 2;
+
 // Processes of every user meet in this directory.
 std::string make_directory() {
     const char* const base = std::getenv("TMPDIR");
@@ -53,8 +55,13 @@ int main(int argc, char** argv) {
     CLI::App app{"Development daemon: stands in for sccd on a workstation. Needs TMPDIR."};
     app.add_flag("--trace", options.trace, "Print every message in both directions");
     app.add_option("--service-timeout", timeout_ms, "Milliseconds to wait for the security service")
-        ->check(CLI::Range(1, std::numeric_limits<int>::max()));
-    CLI11_PARSE(app, argc, argv);
+        ->check(CLI::Range(1, std::numeric_limits<int>::max()))
+        ->capture_default_str();
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& problem) {
+        return app.exit(problem) == 0 ? 0 : exit_usage;
+    }
     options.service_timeout = std::chrono::milliseconds(timeout_ms);
 
     std::setvbuf(stdout, nullptr, _IOLBF, 0);

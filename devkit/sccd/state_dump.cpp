@@ -4,25 +4,24 @@ namespace scc::sccd {
 namespace {
 
 using devkit::View;
-using nlohmann::json;
 
-json key_fields(const devkit::AclKey& key) {
+Json key_fields(const devkit::AclKey& key) {
     return {{"vdev", key.vdev}, {"type", key.app_type}, {"id", key.acl_id}, {"class", key.acl_class}};
 }
 
 }  // namespace
 
-json dump_acls(const AclStore& store) {
-    json list = json::array();
+Json dump_acls(const AclStore& store) {
+    Json list = Json::array();
     for (const auto& [key, acl] : store.acls()) {
-        json entry = key_fields(acl.key);
+        Json entry = key_fields(acl.key);
         entry["pid"] = devkit::u32_at(acl.creation, 20);
         entry["app"] = devkit::u32_at(acl.creation, 24);
         entry["sn_start"] = acl.sn_start;
         entry["sn_increment"] = acl.sn_increment;
-        entry["aces"] = json::array();
+        entry["aces"] = Json::array();
         for (const auto& [sn, ace] : acl.aces) entry["aces"].push_back({{"sn", sn}, {"id", ace.id}});
-        entry["applies"] = json::array();
+        entry["applies"] = Json::array();
         for (const auto& [entity, record] : acl.applies) {
             const View bytes(record);
             entry["applies"].push_back(
@@ -35,13 +34,13 @@ json dump_acls(const AclStore& store) {
     return list;
 }
 
-json dump_counters(const AclStore& store) {
-    json list = json::array();
+Json dump_counters(const AclStore& store) {
+    Json list = Json::array();
     for (const auto& [key, acl] : store.acls()) {
-        json entry = key_fields(acl.key);
+        Json entry = key_fields(acl.key);
         entry["acl"] = acl.counter;
         entry["filter"] = acl.filter_counter;
-        entry["aces"] = json::array();
+        entry["aces"] = Json::array();
         for (const auto& [sn, ace] : acl.aces) {
             entry["aces"].push_back({{"sn", sn}, {"id", ace.id}, {"ace", ace.counter}});
         }
@@ -50,12 +49,14 @@ json dump_counters(const AclStore& store) {
     return list;
 }
 
-json dump_users(const ConfigRecords& records) {
+Json dump_users(const ConfigRecords& records) {
     namespace config = devkit::config_record;
-    json list = json::array();
+    Json list = Json::array();
     for (const auto& [mac, bytes] : records) {
+        const bool is_ipv6 = (devkit::u32_at(bytes, config::flags) & config::flag_ipv6) != 0;
         list.push_back({{"mac", devkit::mac_text(mac)},
-                        {"ip", devkit::ipv4_text(devkit::u32_at(bytes, config::ipv4))},
+                        {"ip", is_ipv6 ? devkit::ipv6_text(devkit::slice(bytes, config::ipv6, 16))
+                                       : devkit::ipv4_text(devkit::u32_at(bytes, config::ipv4))},
                         {"ifx", devkit::u32_at(bytes, config::ifx)},
                         {"vid", devkit::u32_at(bytes, config::vid)},
                         {"app_type", devkit::u32_at(bytes, config::app_type)}});
@@ -63,19 +64,19 @@ json dump_users(const ConfigRecords& records) {
     return list;
 }
 
-json dump_settings(const Settings& settings) {
-    json egress_ports = json::array();
+Json dump_settings(const Settings& settings) {
+    Json egress_ports = Json::array();
     for (const auto& [ifx, value] : settings.egress_ports)
         egress_ports.push_back({{"ifx", ifx}, {"value", value}});
-    json nac_apps = json::array();
+    Json nac_apps = Json::array();
     for (const auto& [app, word] : settings.nac_apps) {
         nac_apps.push_back({{"ifx", app.ifx}, {"type", app.type}, {"vid", app.vid}, {"op", word}});
     }
-    json cpu_protection = json::array();
+    Json cpu_protection = Json::array();
     for (const auto& [type, enable] : settings.cpu_protection) {
         cpu_protection.push_back({{"type", type}, {"enable", enable}});
     }
-    json router_acl;
+    Json router_acl;
     if (settings.router_acl) router_acl = *settings.router_acl;
     return {{"egress_ports", egress_ports},
             {"nac_apps", nac_apps},

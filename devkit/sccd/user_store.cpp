@@ -12,8 +12,6 @@ using devkit::MacAddress;
 using devkit::View;
 namespace config = devkit::config_record;
 
-constexpr u32 flag_ipv6 = 0x4;
-
 u32 ipv4_in(const ConfigRecords& records, const MacAddress& mac) {
     const auto entry = records.find(mac);
     return entry == records.end() ? 0 : devkit::u32_at(entry->second, config::ipv4);
@@ -103,7 +101,7 @@ Bytes arp_check_entry(View record) {
 Bytes flow_user_record(View record) {
     namespace entry = devkit::flow_user;
     Bytes user(record::flow_user, 0);
-    const bool ipv6 = (devkit::u32_at(record, config::flags) & flag_ipv6) != 0;
+    const bool ipv6 = (devkit::u32_at(record, config::flags) & config::flag_ipv6) != 0;
     if (ipv6) {
         devkit::copy_at(user, entry::ipv4, devkit::slice(record, config::ipv6, 16));
         devkit::copy_at(user, entry::mask, devkit::slice(record, config::mask, 16));

@@ -14,17 +14,37 @@ struct capture_closer {
     void operator()(pcap_t* capture) const { pcap_close(capture); }
 };
 
+using capture_file = std::unique_ptr<pcap_t, capture_closer>;
+
+// Null, with the problem set, when the file is no Ethernet capture.
+capture_file open_capture(const std::string& path, std::string& problem) {
+    std::array<char, PCAP_ERRBUF_SIZE> error{};
+    capture_file capture(pcap_open_offline(path.c_str(), error.data()));
+    if (!capture) {
+        problem = path + ": " + error.data();
+    } else if (pcap_datalink(capture.get()) != DLT_EN10MB) {
+        problem = path + ": not an Ethernet capture";
+        capture.reset();
+    }
+    return capture;
+}
+
 u64 microseconds_of(const timeval& time) {
     return static_cast<u64>(time.tv_sec) * microseconds_per_second + static_cast<u64>(time.tv_usec);
 }
 
 }  // namespace
 
+std::string capture_problem(const std::string& path) {
+    std::string problem;
+    (void)open_capture(path, problem);
+    return problem;
+}
+
 std::string read_capture(const std::string& path, const std::function<void(const captured_frame&)>& handle) {
-    std::array<char, PCAP_ERRBUF_SIZE> error{};
-    const std::unique_ptr<pcap_t, capture_closer> capture(pcap_open_offline(path.c_str(), error.data()));
-    if (!capture) return error.data();
-    if (pcap_datalink(capture.get()) != DLT_EN10MB) return path + ": not an Ethernet capture";
+    std::string problem;
+    const capture_file capture = open_capture(path, problem);
+    if (!capture) return problem;
 
     pcap_pkthdr* header = nullptr;
     const u_char* bytes = nullptr;

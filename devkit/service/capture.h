@@ -17,6 +17,9 @@ struct captured_frame {
     View bytes;         // valid during the call
 };
 
+// Why the file is no Ethernet capture; empty when it is one.
+[[nodiscard]] std::string capture_problem(const std::string& path);
+
 // Hands every frame of an Ethernet capture on. Returns an empty text, or what is wrong with the file.
 [[nodiscard]] std::string read_capture(const std::string& path,
                                        const std::function<void(const captured_frame&)>& handle);

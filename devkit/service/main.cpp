@@ -51,6 +51,11 @@ class program {
                     [this](std::size_t applied) { note_applied(applied); }}) {}
 
     int run() {
+        const char* const base = std::getenv("TMPDIR");
+        if (base == nullptr || *base == '\0') {
+            fmt::print(stderr, "scc-ss-dev: TMPDIR is not set: it names the daemon's directory\n");
+            return EXIT_FAILURE;
+        }
         signals_ = open_signals();
         wake_ = eventfd(0, EFD_CLOEXEC);
         if (signals_ < 0 || wake_ < 0) return fail("signals", static_cast<u32>(errno));

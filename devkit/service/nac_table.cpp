@@ -19,7 +19,6 @@ View bytes_of(const scc_ss_user& user) {
 
 constexpr u32 operation_none = 0;
 constexpr u32 operation_delete = 3;
-constexpr u32 flag_ipv6 = 0x4;
 
 // As many bytes as the address is long.
 ace::ip_bytes address_at(View bytes, std::size_t offset, bool is_ipv6) {
@@ -64,11 +63,16 @@ nac_user read_user_entry(const scc_ss_user& entry) {
     user.ifx = entry.ifx;
     user.vid = devkit::read_at<u16>(bytes, layout::vid);
     std::ranges::copy(entry.mac, user.mac.begin());
-    user.is_ipv6 = (devkit::u32_at(bytes, layout::flags) & flag_ipv6) != 0;
+    user.is_ipv6 = (devkit::u32_at(bytes, layout::flags) & devkit::config_record::flag_ipv6) != 0;
     user.ip = address_at(bytes, user.is_ipv6 ? layout::ipv6 : layout::ipv4, user.is_ipv6);
     user.mask = address_at(bytes, layout::mask, user.is_ipv6);
     if (user.mask == ace::ip_bytes{}) user.mask = whole_mask(user.is_ipv6);
     return user;
+}
+
+std::string text_of(const nac_user& user) {
+    return fmt::format("user ifx {} vid {} mac {} ip {}", user.ifx, user.vid, ace::print_mac(user.mac),
+                       ip_text(user));
 }
 
 void nac_table::set_app(const nac_app& app, u32 operation) {
@@ -144,10 +148,7 @@ void nac_table::end_recovery() {
 std::string nac_table::text() const {
     std::string out;
     const auto sink = std::back_inserter(out);
-    for (const nac_user& user : users()) {
-        fmt::format_to(sink, "user ifx {} vid {} mac {} ip {}\n", user.ifx, user.vid,
-                       ace::print_mac(user.mac), ip_text(user));
-    }
+    for (const nac_user& user : users()) fmt::format_to(sink, "{}\n", text_of(user));
     apps_.for_each([&](const nac_app& app, u32 operation) {
         fmt::format_to(sink, "app type {} ifx {} vid {} operation {}\n", app.type, app.ifx, app.vid,
                        operation);
@@ -158,6 +159,9 @@ std::string nac_table::text() const {
     append_numbers(out, "layer-4 ports", l4ports_);
     append_numbers(out, "egress ports", egress_ports_);
     append_numbers(out, "cpu protection", cpu_protection_);
+    const scc_vlan_record& vlans = direct_vlans_.get();
+    const auto direct = devkit::vlans_of({vlans.bytes, sizeof vlans.bytes});
+    if (!direct.empty()) fmt::format_to(sink, "direct vlans {}\n", fmt::join(direct, " "));
     fmt::format_to(sink, "router acl {}\n", router_acl_.get() ? "open" : "closed");
     fmt::format_to(sink, "offline detection {} interval {} threshold {}\n",
                    detection().open ? "open" : "closed", detection().interval_seconds, detection().threshold);

@@ -27,6 +27,8 @@ struct nac_user {
 };
 
 [[nodiscard]] nac_user read_user_entry(const scc_ss_user& entry);
+// One line for people.
+[[nodiscard]] std::string text_of(const nac_user& user);
 
 // A NAC application's setting on an interface; VLAN 0 stands for a setting without VLAN.
 struct nac_app {

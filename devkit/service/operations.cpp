@@ -2,9 +2,6 @@
 
 #include <fmt/format.h>
 
-#include "ace/ace_text.h"
-#include "common/bytes.h"
-
 namespace scc::service {
 namespace {
 
@@ -96,9 +93,7 @@ std::string describe(const scc_ss_counter_operation& operation) {
 }
 
 std::string describe(const scc_ss_user& user) {
-    const nac_user fields = read_user_entry(user);
-    return fmt::format("user ifx {} vid {} mac {} ip {}", fields.ifx, fields.vid, ace::print_mac(fields.mac),
-                       devkit::ipv4_text(user.ip));
+    return text_of(read_user_entry(user));
 }
 
 }  // namespace scc::service

@@ -1,20 +1,28 @@
 #include "service/options.h"
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <utility>
 #include <vector>
 
 #include "ace/ace_text.h"
+#include "service/capture.h"
 
 namespace scc::service {
 namespace {
+
+constexpr int exit_usage = 2;
 
 // "A:B", two numbers with upper limits.
 std::pair<u32, u32> number_pair(const std::string& text, u32 first_max, u32 second_max) {
     const std::size_t colon = text.find(':');
     const auto number = [&](const std::string& digits, u32 max) {
         const auto parsed = ace::parse_number(digits, 0, max);
-        if (!parsed) throw CLI::ValidationError(text, "two numbers with a colon between them are needed");
+        if (!parsed)
+            throw CLI::ValidationError(
+                text, fmt::format("a number up to {}, a colon and a number up to {} are needed", first_max,
+                                  second_max));
         return static_cast<u32>(*parsed);
     };
     if (colon == std::string::npos) return {number({}, 0), 0};
@@ -40,14 +48,22 @@ std::optional<options> parse_options(int argc, char** argv, int* exit_code) {
         ->check(CLI::Range(0u, delay_ms_max));
     app.add_option("--refuse", refusals, "Answer operations of this message type with this result")
         ->type_name("TYPE:RESULT");
-    app.add_option("--silent", silent, "Never answer operations of this message type")->type_name("TYPE");
-    app.add_option("--pcap", parsed.capture_path, "Capture whose packets are classified")
-        ->check(CLI::ExistingFile);
+    app.add_option("--silent", silent, "Never answer operations of this message type")
+        ->type_name("TYPE")
+        ->check(CLI::Range(1u, type_max));
+    CLI::Option* const capture =
+        app.add_option("--pcap", parsed.capture_path, "Capture whose packets are classified")
+            ->check(CLI::ExistingFile)
+            ->check(CLI::Validator(capture_problem, {}));
     app.add_option("--pcap-on", run_on, "signal: run the capture on SIGUSR1 alone; applied: also by itself")
-        ->check(CLI::IsMember({"signal", "applied"}, CLI::ignore_case));
+        ->check(CLI::IsMember({"signal", "applied"}, CLI::ignore_case))
+        ->needs(capture);
     app.add_option("--pcap-after", run_after, "With --pcap-on applied: when so many ACLs are applied")
-        ->check(CLI::Range(1u, number_max));
-    app.add_option("--pcap-ifx", parsed.ingress.default_ifx, "Interface on which the packets came in");
+        ->check(CLI::Range(1u, number_max))
+        ->capture_default_str()
+        ->needs(capture);
+    app.add_option("--pcap-ifx", parsed.ingress.default_ifx, "Interface on which the packets came in")
+        ->capture_default_str();
     app.add_option("--vlan-ifx", vlans, "Interface of the packets of a VLAN (0: untagged)")
         ->type_name("VLAN:IFX");
     app.add_flag("-v,--verbose", parsed.verbose, "Print each operation");
@@ -62,7 +78,7 @@ std::optional<options> parse_options(int argc, char** argv, int* exit_code) {
             parsed.ingress.ifx_of_vlan[static_cast<u16>(vid)] = ifx;
         }
     } catch (const CLI::ParseError& error) {
-        *exit_code = app.exit(error);
+        *exit_code = app.exit(error) == 0 ? 0 : exit_usage;
         return std::nullopt;
     }
     parsed.policy.delay = std::chrono::milliseconds(delay_ms);

@@ -319,13 +319,12 @@ TEST_F(sccctl, every_notification_is_watched_and_decoded) {
         ASSERT_EQ(run(line).status, 0) << words[0];
         EXPECT_EQ(json::parse(watch.line(), nullptr, false), expected);
     }
-    for (const char* name : {"flow", "noflow-offline", "user-change", "port-violate", "user-roll",
-                             "direct-vlan", "d1x-addr-move", "ace-counter"}) {
-        ASSERT_EQ(
-            run({"notify", name, "--app", "5", "ifx=7", "vid=8", "mac=00:11:22:33:44:55", "ip=10.0.0.2"})
-                .status,
-            0)
-            << name;
+    for (const std::string name : {"flow", "noflow-offline", "user-change", "port-violate", "user-roll",
+                                   "direct-vlan", "d1x-addr-move", "ace-counter"}) {
+        std::vector<std::string> line = {"notify", name, "--app", "5"};
+        if (name != "direct-vlan" && name != "ace-counter")
+            line.insert(line.end(), {"ifx=7", "vid=8", "mac=00:11:22:33:44:55"});
+        ASSERT_EQ(run(line).status, 0) << name;
         EXPECT_EQ(json::parse(watch.line(), nullptr, false).value("notification", ""), name);
     }
     EXPECT_EQ(watch.finish(), 0);
@@ -349,6 +348,45 @@ TEST_F(sccctl, a_users_notification_shows_the_user) {
     EXPECT_EQ(watch.finish(), 0);
 }
 
+TEST_F(sccctl, watched_vlans_are_a_list_and_records_stand_in_braces) {
+    process watch(SCCCTL_PATH, {"watch", "--count", "3"}, directory());
+    ASSERT_EQ(watch.line(), "server-status status=1");
+    ASSERT_EQ(run({"notify", "direct-vlan", "vlans=[5, 4094]"}).status, 0);
+    EXPECT_EQ(watch.line(), "direct-vlan vlans=[5,4094]");
+    ASSERT_EQ(run({"notify", "port-violate", "add=1", "ifx=7", "mac=00:11:22:33:44:55"}).status, 0);
+    EXPECT_EQ(watch.line(), "port-violate add=1 violation={ifx=7,vid=0,mac=00:11:22:33:44:55}");
+    ASSERT_EQ(run({"notify", "ace-counter", R"(entries=[{"id":1,"value":3},{"id":2,"value":4}])"}).status, 0);
+    EXPECT_EQ(watch.line(),
+              "ace-counter key={vdev=0,type=0,acl=0,class=0} count=2 "
+              "counters=[{ace=1,packets=3},{ace=2,packets=4}]");
+    EXPECT_EQ(watch.finish(), 0);
+}
+
+TEST_F(sccctl, a_mistyped_notification_is_refused_with_what_it_takes) {
+    const finished field = run({"notify", "station-move", "permitt=1"});
+    EXPECT_EQ(field.status, 1);
+    EXPECT_EQ(field.errors, "sccctl: notify-named: no field 'permitt'; station-move takes permit\n");
+    EXPECT_EQ(run({"notify", "70000"}).status, 1);
+    EXPECT_EQ(run({"daemon", "mute"}).errors, "sccctl: mute: type is missing\n");
+}
+
+TEST_F(sccctl, a_users_addresses_are_marked_in_its_flags) {
+    const std::vector<std::string> user = {"nac-user", "add", "--mac", "00:11:22:33:44:55", "--json"};
+    const auto flags = [&](const std::vector<std::string>& addresses) {
+        std::vector<std::string> line = user;
+        line.insert(line.end(), addresses.begin(), addresses.end());
+        return run(line).json_lines().at(0)["flags"];
+    };
+    EXPECT_EQ(flags({}), 0);
+    EXPECT_EQ(flags({"--ip", "10.0.0.7"}), 0x2);
+    EXPECT_EQ(flags({"--ip", "10.0.0.7", "--mask", "255.0.0.0"}), 0x202);
+    EXPECT_EQ(flags({"--ip", "10.0.0.7", "--flags", "0"}), 0);
+    EXPECT_EQ(flags({"--ipv6", "2001:db8::7"}), 0x4);
+    EXPECT_EQ(run({"daemon", "users", "--json"}).json_lines().at(0)["users"][0]["ip"], "2001:db8::7");
+    EXPECT_EQ(run({"nac-user", "get", "--mac", "00:11:22:33:44:55", "--json"}).json_lines().at(0)["ipv6"],
+              "2001:db8::7");
+}
+
 TEST_F(sccctl, a_watch_reports_that_the_daemon_went_away) {
     process watch(SCCCTL_PATH, {"watch"}, directory());
     ASSERT_EQ(watch.line(), "server-status status=1");
@@ -363,6 +401,12 @@ TEST_F(sccctl, a_watch_without_its_notifications_runs_into_its_time) {
     EXPECT_EQ(run({"watch", "--seconds", "0.2"}).status, 0);
 }
 
+TEST_F(sccctl, a_daemon_without_clients_says_so) {
+    EXPECT_EQ(run({"alive"}).output, "nobody is registered\n");
+    EXPECT_EQ(run({"alive", "--json"}).output, "");
+    EXPECT_EQ(run({"stats"}).status, 0);
+}
+
 TEST_F(sccctl, clients_statistics_liveness_and_debugging_go_through_the_daemon) {
     process watch(SCCCTL_PATH, {"watch", "--app", "6"}, directory());
     ASSERT_EQ(watch.line(), "server-status status=1");
@@ -374,9 +418,11 @@ TEST_F(sccctl, clients_statistics_liveness_and_debugging_go_through_the_daemon) 
     EXPECT_EQ(run({"alive"}).status, 0);
     EXPECT_EQ(run({"debug", "on", "--app", "6"}).status, 0);
     EXPECT_EQ(run({"debug", "off", "--app", "6"}).status, 0);
+    EXPECT_EQ(run({"stats", "--json"}).json_lines().at(0)["entries"][7]["name"], "nac-user-delete");
+    EXPECT_EQ(run({"debug", "on"}).output, "sent 1\n");  // every client, without --app
     const finished unknown = run({"stats", "--app", "7"});
     EXPECT_EQ(unknown.status, 1);
-    EXPECT_EQ(unknown.errors, "sccctl: stats: no such client\n");
+    EXPECT_EQ(unknown.errors, "sccctl: stats: no application 7 is registered\n");
 }
 
 TEST_F(sccctl, twenty_acls_are_loaded_saved_and_loaded_again) {
@@ -441,19 +487,6 @@ TEST_F(sccctl, a_shell_reads_its_own_changes_back) {
               "apply 7 type 1 vdev 0 ifx 3\n");
 }
 
-TEST_F(sccctl, a_shell_goes_on_after_a_bad_line_and_ends_with_the_worst_status) {
-    const finished result = run({"shell"},
-                                "strerror 5 # a comment\n"
-                                "no-such-command\n"
-                                "acl delete 9\n"
-                                "exit\n"
-                                "strerror 6\n");
-    EXPECT_EQ(result.status, 2);
-    EXPECT_NE(result.errors.find("no-such-command"), std::string::npos);
-    EXPECT_NE(result.errors.find("(2005)"), std::string::npos);
-    EXPECT_EQ(result.output.find("code 6"), std::string::npos);
-}
-
 TEST_F(sccctl_alone, has_exit_status_three_without_a_daemon) {
     const finished request = run({"addr-learning", "3", "1", "--timeout", "0.2"});
     EXPECT_EQ(request.status, 3);
@@ -472,44 +505,11 @@ TEST_F(sccctl_alone, answers_locally_without_a_daemon) {
               "AAA ip-auth-mode/address-bind/DHCP snooping/port-security/web-authen");
 }
 
-class bad_usage : public without_daemon, public testing::WithParamInterface<std::vector<std::string>> {};
-
-TEST_P(bad_usage, has_exit_status_two) {
-    const finished result = run(GetParam());
-    EXPECT_EQ(result.status, 2);
-    EXPECT_NE(result.errors + result.output, "");
-}
-
-using words = std::vector<std::string>;
-INSTANTIATE_TEST_SUITE_P(
-    lines, bad_usage,
-    testing::Values(words{}, words{"no-such-command"}, words{"acl"}, words{"addr-learning"},
-                    words{"addr-learning", "3"}, words{"addr-learning", "3", "256"},
-                    words{"addr-learning", "x", "1"}, words{"addr-learning", "3", "1", "2"},
-                    words{"addr-learning", "3", "1", "--bogus"}, words{"acl", "create", "0"},
-                    words{"acl", "create", "32769"}, words{"acl", "create", "1", "--type", "59"},
-                    words{"acl-global-eport-set", "0", "1"}, words{"mac-query", "00:11:22:33:44"},
-                    words{"dhcp-snooping-set", "--ifx", "3"}, words{"dhcp-snooping-set", "--form", "11"},
-                    words{"arpcheck", "--ip", "10.0.0"}, words{"arpcheck", "--field", "736:1=1"},
-                    words{"arpcheck", "--field", "0:3=1"}, words{"arpcheck", "--field", "0:2=65536"},
-                    words{"arpcheck", "--field", "nonsense"}, words{"arpcheck", "--hex", "/nonexistent"},
-                    words{"efacl-ctrl"}, words{"acl", "add-ace", "1", "10", "permit", "nothing"},
-                    words{"clients", "--app", "20"}, words{"debug", "maybe"}, words{"daemon", "mute", "type"},
-                    words{"acl", "load", "/nonexistent"}, words{"strerror", "5", "--timeout", "0"}));
-
 TEST(command_list, gives_every_row_its_options_and_help) {
     const std::string list = scc::ctl::list_commands();
     for (const auto& row : scc::ctl::commands())
         EXPECT_NE(("\n" + list).find("\n" + std::string(row.name) + "\t"), std::string::npos) << row.name;
     EXPECT_NE(list.find("acl create\t--type --class --vdev\tcreate an ACL\n"), std::string::npos);
-}
-
-TEST(shell_words, split_at_blanks_join_in_quotes_and_end_at_comments) {
-    using scc::ctl::shell_words;
-    EXPECT_EQ(shell_words("a  b\tc"), (words{"a", "b", "c"}));
-    EXPECT_EQ(shell_words("a 'b c' \"d'e\" ''"), (words{"a", "b c", "d'e", ""}));
-    EXPECT_EQ(shell_words("a#b # c"), (words{"a#b"}));
-    EXPECT_EQ(shell_words("  "), words{});
 }
 
 }  // namespace

@@ -126,6 +126,21 @@ TEST(SccdAcl, AnAclIsBoundToAUserOnce) {
     EXPECT_EQ(client.result_of(134, user_acl(9, 5, 2, remove)), 2008u);
 }
 
+TEST(SccdAcl, ABindingGoesWithItsAcl) {
+    DaemonProcess daemon;
+    TestClient client(daemon, 3, 77);
+    EXPECT_EQ(client.result_of(131, acl_request(1, 5, create)), 0u);
+    EXPECT_EQ(client.result_of(131, acl_request(2, 6, create)), 0u);
+    EXPECT_EQ(client.result_of(134, user_acl(3, 5, 1, create)), 0u);
+    EXPECT_EQ(client.result_of(134, user_acl(4, 6, 1, create)), 0u);
+
+    EXPECT_EQ(client.result_of(131, acl_request(5, 5, remove)), 0u);
+    EXPECT_EQ(client.result_of(131, acl_request(6, 5, create)), 0u);
+
+    EXPECT_EQ(client.result_of(134, user_acl(7, 5, 1, create)), 0u);
+    EXPECT_EQ(client.result_of(134, user_acl(8, 6, 1, create)), 2009u);
+}
+
 TEST(SccdAcl, CountersAreReadAndResetWithoutAService) {
     DaemonProcess daemon;
     TestClient client(daemon, 3, 77);

@@ -71,6 +71,13 @@ TEST(SccdControl, RequestsThatCannotBeReadAreRefusedAndSendNothing) {
         {{"do", "fail-next"}, {"type", 131}, {"result", 1}, {"count", 0}},
         {{"do", "mute"}, {"type", "x"}},
         {{"do", "counters"}, {"type", 3}, {"id", 5}, {"acl", 1}},
+        {{"do", "mute"}},
+        {{"do", "fail-next"}, {"type", 108}},
+        {{"do", "fail-next"}, {"typ", 108}, {"result", 5}},
+        {{"do", "capability"}, {"to", 3}},
+        {{"do", "acls"}, {"type", 3}},
+        {{"do", "notify-named"}, {"name", "station-move"}, {"permitt", 1}},
+        {{"do", "notify-named"}, {"name", "flow"}, {"ip", "10.0.0"}},
     };
 
     for (const json& request : requests) {
@@ -79,6 +86,27 @@ TEST(SccdControl, RequestsThatCannotBeReadAreRefusedAndSendNothing) {
         EXPECT_TRUE(reply["error"].is_string()) << request.dump();
     }
     EXPECT_EQ(client.result_of(108, Value(8).u32(0, 1)), 0u);
+}
+
+TEST(SccdControl, ARefusalSaysWhatWouldHaveBeenRight) {
+    DaemonProcess daemon;
+    const std::pair<json, std::string> rows[] = {
+        {{{"do", "fail-next"}, {"type", 108}, {"result", 5}, {"cuont", 2}},
+         "no field 'cuont'; fail-next takes type, result, count"},
+        {{{"do", "mute"}, {"count", 2}}, "type is missing"},
+        {{{"do", "quit"}, {"now", 1}}, "no field 'now'; quit takes none"},
+        {{{"do", "notify-named"}, {"name", "station-move"}, {"permitt", 1}},
+         "no field 'permitt'; station-move takes permit"},
+        {{{"do", "notify-named"}, {"name", "user-roll"}, {"port", 1}},
+         "no field 'port'; user-roll takes mac, ip, mask, ifx, vid, roll_type"},
+        {{{"do", "alive"}, {"app", 9}}, "no application 9 is registered"},
+    };
+
+    for (const auto& [request, error] : rows) EXPECT_EQ(control(request)["error"], error);
+    EXPECT_TRUE(control({{"do", "nonsense"}})["error"].get<std::string>().starts_with(
+        "no command 'nonsense'; there are clients, notify, "));
+    EXPECT_TRUE(control({{"do", "notify-named"}, {"name", "x"}})["error"].get<std::string>().starts_with(
+        "no notification 'x'; there are d1x-addr-move, "));
 }
 
 struct Named {
@@ -110,15 +138,27 @@ TEST(SccdControl, EveryNamedNotificationHasTheLayoutThatTheLibraryReads) {
     DaemonProcess daemon;
     TestClient client(daemon, 3, 77);
     const Named rows[] = {
-        {with_user({{"name", "d1x-addr-move"}, {"vid_before", 7}, {"vid_after", 8}}), 110,
+        {{{"name", "d1x-addr-move"},
+          {"ifx", 4},
+          {"vid", 20},
+          {"mac", "02:00:00:00:00:09"},
+          {"vid_before", 7},
+          {"vid_after", 8}},
+         110,
          Value(24).u32(4, 1).u32(8, 4).u16(12, 20).u16(14, 7).u16(16, 8).raw(18, mac)},
         {with_user({{"name", "user-change"}, {"add", true}}), 127, with_user(816, 24).raw(4, mac).u8(16, 1)},
-        {{{"name", "offline-detect"}, {"open", true}, {"interval", 30}, {"threshold", "0x28"}},
+        {{{"name", "offline-detect"}, {"first", 9}, {"open", true}, {"interval", 30}, {"threshold", "0x28"}},
          209,
-         Value(16).u8(4, 1).u32(8, 30).u32(12, 40)},
+         Value(16).u32(0, 9).u8(4, 1).u32(8, 30).u32(12, 40)},
         {{{"name", "station-move"}, {"permit", true}}, 210, Value(8).u8(4, 1)},
         {with_user({{"name", "flow"}, {"first", 5}, {"second", 6}}), 211,
          with_user(80, 8).u64(64, 5).u64(72, 6)},
+        {{{"name", "flow"}, {"ip", "2001:db8::1"}, {"mask", "ffff::"}},
+         211,
+         Value(80)
+             .raw(16, {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})
+             .raw(32, {0xff, 0xff})
+             .u32(60, 3)},
         {with_user({{"name", "noflow-offline"}, {"flow", 5}, {"time", 6}, {"extra", "aabb"}}), 212,
          with_user(90, 8).u64(64, 5).u64(72, 6).u64(80, 2).raw(88, {0xaa, 0xbb})},
         {{{"name", "direct-vlan"}, {"value", 1}, {"vlans", {1, 4095}}},
@@ -198,7 +238,8 @@ TEST(SccdControl, AnApplicationThatDoesNotAnswerOrDiesIsNotAlive) {
     DaemonProcess daemon;
     TestClient client(daemon, 3, 77);
 
-    EXPECT_EQ(control({{"do", "alive"}, {"app", 3}, {"timeout_ms", 20}})["ok"], false);
+    EXPECT_EQ(control({{"do", "alive"}, {"app", 3}, {"timeout_ms", 20}}),
+              (json{{"ok", false}, {"error", "application 3 has not answered"}, {"unreachable", true}}));
     EXPECT_EQ(client.async.receive().type, 319);
     CallInBackground call({{"do", "alive"}, {"app", 3}, {"timeout_ms", 20000}});
     EXPECT_EQ(client.async.receive().type, 319);
@@ -223,6 +264,7 @@ TEST(SccdControl, StatisticsComeAsThirteenEntries) {
     const json reply = call.wait();
     ASSERT_EQ(reply["entries"].size(), 13u);
     EXPECT_EQ(reply["entries"][12], (json{{"index", 12},
+                                          {"name", "data-recover"},
                                           {"calls", 1},
                                           {"call_successes", 2},
                                           {"callback_successes", 3},

@@ -1,3 +1,5 @@
+#include <cstring>
+
 #include "service/nac_table.h"
 #include "service_frames.h"
 
@@ -118,6 +120,22 @@ const std::string nothing =
     "router acl closed\n"
     "offline detection closed interval 0 threshold 0\n"
     "authentication mode 0\n";
+
+TEST(ServiceNacTable, AUserWithAnIpv6AddressAndTheDirectVlansAreShown) {
+    scc_ss_user user{};
+    user.ifx = 4;
+    const u8 flags_and_address[32] = {0x4,  0,    0,    0,    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                                      0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 7};
+    std::memcpy(reinterpret_cast<u8*>(&user) + 16, flags_and_address, sizeof flags_and_address);
+    scc_vlan_record vlans{};
+    vlans.bytes[0] = 0x20;
+    vlans.bytes[511] = 0x40;
+    nac_table table;
+    table.add_user(user);
+    table.set_direct_vlans(vlans);
+    EXPECT_EQ(table.text(),
+              "user ifx 4 vid 0 mac 00:00:00:00:00:00 ip 2001:db8::7\ndirect vlans 5 4094\n" + nothing);
+}
 
 TEST(ServiceNacTable, WhatIsUnsetIsGone) {
     nac_table table;

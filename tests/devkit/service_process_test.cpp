@@ -106,10 +106,12 @@ TEST(ServiceProcess, EndsCleanlyOnTheTerminationSignal) {
 }
 
 TEST(ServiceProcess, RefusesACommandLineThatIsWrong) {
-    for (const char* wrong : {"--refuse=131", "--refuse=a:b", "--vlan-ifx=4095:1", "--pcap-on=never"}) {
+    const char* const not_a_capture = "--pcap=" SERVICE_PATH;
+    for (const char* wrong : {"--refuse=131", "--refuse=a:b", "--vlan-ifx=4095:1", "--pcap-on=never",
+                              "--pcap-on=applied", "--silent=65536", not_a_capture}) {
         ServiceProcess service({wrong});
         const int status = service.wait_for_end();
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 0) << wrong;
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << wrong;
     }
 }
 

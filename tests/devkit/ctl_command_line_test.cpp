@@ -1,0 +1,113 @@
+// What sccctl makes of the words it is given: lines of a shell, lines that cannot be parsed, completion.
+#include "ctl_support.h"
+#include "program.h"
+
+namespace ctl_test {
+namespace {
+
+class command_line : public with_daemon {};
+class command_line_alone : public without_daemon {};
+
+TEST_F(command_line, the_completion_offers_what_fits_the_place) {
+    const std::string completed =
+        ". " TEST_DATA_DIR
+        "/../../../devkit/ctl/sccctl.bash-completion"
+        "\nsccctl() { " SCCCTL_PATH
+        " \"$@\"; }\n"
+        "t() { COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _sccctl; echo \"${COMPREPLY[*]}\"; }\n"
+        "t sccctl acl lo\nt sccctl notify st\nt sccctl notify x\nt sccctl debug ''\nt sccctl daemon fa\n"
+        "t sccctl acl create 1 --ty\nt sccctl --app ''\nt sccctl --app 3 acl cl\nt sccctl alive ''\n"
+        "t sccctl acl load " +
+        file("some.a") + "\n";
+    (void)file("some.acl", "");
+    process bash("/bin/bash", {"-c", completed}, directory());
+    for (const std::string& expected :
+         {std::string("load"), std::string("station-move"), std::string(), std::string("off on"),
+          std::string("fail-next"), std::string("--type"), std::string(), std::string("class"), std::string(),
+          file("some.acl")})
+        EXPECT_EQ(bash.line(), expected);
+    EXPECT_EQ(bash.finish(), 0) << bash.errors();
+}
+
+TEST_F(command_line, a_shell_goes_on_after_a_bad_line_and_ends_with_the_worst_status) {
+    const finished result = run({"shell"},
+                                "strerror 5 # a comment\n"
+                                "no-such-command\n"
+                                "acl delete 9\n"
+                                "exit\n"
+                                "strerror 6\n");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.errors.find("no-such-command"), std::string::npos);
+    EXPECT_NE(result.errors.find("(2005)"), std::string::npos);
+    EXPECT_EQ(result.output.find("code 6"), std::string::npos);
+}
+
+TEST_F(command_line, a_shells_lines_cannot_change_its_registration) {
+    const finished result = run({"shell", "--json"},
+                                "acl create 7 --app 3\n"
+                                "clients --app 3\n"
+                                "acl create '8\n"
+                                "help acl create\n");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.output.find("--app belongs to the shell itself"), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find("\"clients\":["), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find("the quote ' is not closed"), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find("Usage: sccctl acl create"), std::string::npos) << result.output;
+    EXPECT_EQ(run({"daemon", "acls", "--json"}).json_lines().at(0)["acls"].size(), 0u);
+}
+
+TEST_F(command_line_alone, answers_a_line_it_cannot_parse_in_the_form_asked_for) {
+    for (const std::vector<std::string>& line : {std::vector<std::string>{"foo", "--json"},
+                                                 {"acl", "create", "--json"},
+                                                 {"--json", "acl", "create", "x"}}) {
+        const finished result = run(line);
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(result.errors, "");
+        EXPECT_EQ(result.json_lines().at(0)["command"], "usage");
+    }
+    EXPECT_TRUE(run({"foo"}).errors.starts_with("sccctl: usage: "));
+    const finished help = run({"help", "acl", "create"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.output.find("Usage: sccctl acl create"), std::string::npos);
+}
+
+class bad_usage : public without_daemon, public testing::WithParamInterface<std::vector<std::string>> {};
+
+TEST_P(bad_usage, has_exit_status_two) {
+    const finished result = run(GetParam());
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.errors + result.output, "");
+}
+
+using words = std::vector<std::string>;
+INSTANTIATE_TEST_SUITE_P(
+    lines, bad_usage,
+    testing::Values(words{}, words{"no-such-command"}, words{"acl"}, words{"addr-learning"},
+                    words{"addr-learning", "3"}, words{"addr-learning", "3", "256"},
+                    words{"addr-learning", "x", "1"}, words{"addr-learning", "3", "1", "2"},
+                    words{"addr-learning", "3", "1", "--bogus"}, words{"acl", "create", "0"},
+                    words{"acl", "create", "32769"}, words{"acl", "create", "1", "--type", "59"},
+                    words{"acl-global-eport-set", "0", "1"}, words{"mac-query", "00:11:22:33:44"},
+                    words{"dhcp-snooping-set", "--ifx", "3"}, words{"dhcp-snooping-set", "--form", "11"},
+                    words{"arpcheck", "--ip", "10.0.0"}, words{"arpcheck", "--field", "736:1=1"},
+                    words{"arpcheck", "--field", "0:3=1"}, words{"arpcheck", "--field", "0:2=65536"},
+                    words{"arpcheck", "--field", "nonsense"}, words{"arpcheck", "--hex", "/nonexistent"},
+                    words{"efacl-ctrl"}, words{"acl", "add-ace", "1", "10", "permit", "nothing"},
+                    words{"clients", "--app", "20"}, words{"debug", "maybe"}, words{"daemon", "mute", "type"},
+                    words{"acl", "load", "/nonexistent"}, words{"acl", "load", "/"},
+                    words{"efacl-ctrl", "--data", "/"}, words{"acl", "add-ace", "1"},
+                    words{"watch", "--seconds", "nan"}, words{"watch", "--seconds", "1e300"},
+                    words{"watch", "--count", "-1"}, words{"clients", "--timeout", "nan"},
+                    words{"strerror", "5", "--timeout", "0"}));
+
+TEST(shell_words, split_at_blanks_join_in_quotes_and_end_at_comments) {
+    using scc::ctl::shell_words;
+    EXPECT_EQ(shell_words("a  b\tc"), (words{"a", "b", "c"}));
+    EXPECT_EQ(shell_words("a 'b c' \"d'e\" ''"), (words{"a", "b c", "d'e", ""}));
+    EXPECT_EQ(shell_words("a#b # c"), (words{"a#b"}));
+    EXPECT_EQ(shell_words("  "), words{});
+    EXPECT_THROW((void)shell_words("a 'b"), scc::ctl::usage_error);
+}
+
+}  // namespace
+}  // namespace ctl_test
