@@ -134,7 +134,6 @@ double library_aces(std::uint32_t aces, std::uint8_t option, memory heap) {
     start_library(option);
     if (heap == memory::used_before) {
         mallopt(M_TRIM_THRESHOLD, 1 << 30);
-        mallopt(M_ARENA_MAX, 1);
         fill_acl(1, aces, room);
         const scc_acl_key key{0, 3, 1, 0};
         expect_results(1);

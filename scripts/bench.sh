@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
-# Runs the benchmarks; the argument is the number of interleaved rounds (7).
+# Runs the benchmarks. Arguments: the number of interleaved rounds (7), and parts of wire_bench to run alone.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 rounds=${1:-7}
+if [ $# -gt 1 ]; then
+    exec build/release/bench/wire_bench "$@"
+fi
 echo "== requests and results against the raw-socket floor"
 build/release/bench/wire_bench "$rounds"
 echo "== the service side against the raw-socket floor"

@@ -50,9 +50,12 @@ start_daemon() {
     wait_for "$work/sccd.log" "sccd-dev: ready"
 }
 
+# The shell is not to tell that a process was killed: it is told in the transcript.
 kill_hard() {
-    kill -9 "$1"
-    wait "$1" 2>/dev/null || true
+    {
+        kill -9 "$1"
+        wait "$1" || true
+    } 2>/dev/null
 }
 
 heading() { printf '\n== %s\n' "$1"; }
@@ -95,21 +98,23 @@ many_acls() {
     heading "2. sccctl: 200 ACLs with 10,000 ACEs"
     start_daemon
     make_acl_file >"$work/acls.txt"
-    "$ctl" acl load "$work/acls.txt" --progress
+    (cd "$work" && "$ctl" acl load acls.txt --progress)
     cat >"$work/commands.txt" <<COMMANDS
-acl load $work/acls.txt
+acl load acls.txt
 acl resequence 17 --type 3 5 5
 acl show 17 --type 3
 counter acl 17 --type 3
-acl save $work/saved.txt
+acl save saved.txt
 COMMANDS
     # A fresh daemon: the shell's registration loads the file itself, so that the cache can answer.
     kill_hard "$daemon"
     start_daemon
-    "$ctl" shell <"$work/commands.txt" >"$work/shell.log" 2>&1 || fail "the shell failed"
-    head -n 12 "$work/shell.log"
-    echo "..."
-    tail -n 4 "$work/shell.log"
+    (cd "$work" && "$ctl" shell <commands.txt >shell.log 2>&1) || fail "the shell failed"
+    echo "-- ACL 17, renumbered from 5 in steps of 5, read back from the cache:"
+    grep -A 4 '^    sn ' "$work/shell.log"
+    echo "    ..."
+    grep '^    250 ' "$work/shell.log" || fail "ACL 17 was not renumbered"
+    echo "-- its counter: $(sed -n 's/^  counter //p' "$work/shell.log") (no service is there to count)"
     echo "the saved file has $(grep -c '^acl' "$work/saved.txt") ACLs and $(grep -cE '^ +[0-9]+ ' "$work/saved.txt") ACEs"
     kill_hard "$daemon"
 }
@@ -123,10 +128,32 @@ start_service() {
     wait_for "$work/service.log" "scc-ss-dev: registered"
 }
 
-# Waits until the service counts what it holds, then shows the counter.
-counters() {
-    local acl
-    for acl in "$@"; do "$ctl" counter acl "$acl" --type 3; done
+# The number behind "counter" in what sccctl answers.
+counter_of() {
+    "$ctl" --json counter "$@" --type 3 | grep -oE '"counter": ?[0-9]+' | grep -oE '[0-9]+$'
+}
+
+# A line an ACE of the rules file: what the hardware counted for it, asked through the library.
+show_counters() {
+    local first rest acl=0
+    printf '  %-4s %-4s %-18s %8s\n' ACL ACE rule packets
+    while read -r first rest; do
+        case "$first" in
+            acl) acl=${rest%% *} ;;
+            apply) printf '  %-4s %-4s %-18s %8s\n' "$acl" all "" "$(counter_of acl "$acl")" ;;
+            *) printf '  %-4s %-4s %-18s %8s\n' "$acl" "$first" "$rest" "$(counter_of ace "$acl" "$first")" ;;
+        esac
+    done <"$work/rules.txt"
+}
+
+# Sends the service's capture through its table once more, and waits until it is counted.
+run_capture() {
+    local until=$((SECONDS + 20))
+    kill -USR1 "$security"
+    until [ "$(counter_of acl 2)" = 32 ]; do
+        [ $SECONDS -lt $until ] || fail "the capture was not counted"
+        sleep 0.05
+    done
 }
 
 whole_road() {
@@ -143,36 +170,34 @@ acl 2 type 3
   10 permit ether
 apply 2 ifx 2
 RULES
-    "$ctl" acl load "$work/rules.txt"
-    "$ctl" watch --app 4 --count 4 --seconds 20 >"$work/watch.log" 2>&1 &
+    (cd "$work" && "$ctl" acl load rules.txt)
+    "$ctl" --json watch --app 4 --count 5 --seconds 20 >"$work/watch.log" 2>&1 &
     local watcher=$!
     running+=("$watcher")
     local until=$((SECONDS + 20))
     until "$ctl" clients | grep -qE '(^| )4( |$)'; do
         [ $SECONDS -lt $until ] || fail "the watcher did not register"
     done
-    kill -USR1 "$security"
+    run_capture
     wait "$watcher" || fail "the capture's reports did not arrive"
-    echo "-- what the applications heard of the capture:"
-    cat "$work/watch.log"
-    echo "-- the counters in hardware:"
-    counters 1 2
-    echo "-- the service is killed, and comes back:"
+    echo "-- a capture runs through the service; what an application hears of it:"
+    scripts/demo_reports.py "$work/watch.log"
+    echo "-- what the service counted:"
+    show_counters
+    echo "-- the service is killed; the one that comes back has the ACLs again, and counts from 0:"
     kill_hard "$security"
     start_service
-    wait_for "$work/service.log" "scc-ss-dev: registered"
-    counters 1 2
-    echo "-- the daemon is killed; the service finds the new one:"
+    show_counters
+    echo "-- the capture runs again:"
+    run_capture
+    show_counters
+    echo "-- the daemon is killed; the service finds the new one, the ACLs are loaded again, the capture runs:"
     kill_hard "$daemon"
     start_daemon
     wait_for "$work/service.log" "scc-ss-dev: registered" 2
-    "$ctl" acl load "$work/rules.txt"
-    kill -USR1 "$security"
-    until=$((SECONDS + 20))
-    until [ "$("$ctl" --json counter acl 1 --type 3 | grep -oE '"counter": ?[0-9]+' | grep -oE '[0-9]+')" != 0 ]; do
-        [ $SECONDS -lt $until ] || fail "the counters stayed 0"
-    done
-    counters 1 2
+    (cd "$work" && "$ctl" acl load rules.txt)
+    run_capture
+    show_counters
     kill "$security" "$daemon"
 }
 

@@ -118,7 +118,13 @@ void Daemon::carry_out(const Ticket& ticket, Change change, std::vector<Operatio
     });
 }
 
+void Daemon::fetch() {
+    if (recovery_is_coming_) return trace.note("the recovery that is fetched is on its way");
+    recover_service();
+}
+
 void Daemon::recover_service() {
+    recovery_is_coming_ = true;
     for (Operation& operation : recovery_operations(acls, users, settings)) {
         const devkit::MessageType* const row = devkit::find_message(devkit::Route::operation, operation.type);
         if (row->answer == Answer::none) {
@@ -128,6 +134,7 @@ void Daemon::recover_service() {
         std::vector<Operation> single;
         single.push_back(std::move(operation));
         bridge.submit(std::move(single), [this, name = row->name](const Outcome& outcome) {
+            recovery_is_coming_ = false;  // results come in the order of the operations, the start's first
             if (outcome.result == result::ok) return;
             trace.note("recovery: " + std::string(name) + " failed with " + std::to_string(outcome.result));
         });

@@ -60,6 +60,9 @@ class Daemon {
                    std::function<void()> succeeded = {});
     // Sends everything that the service had been given.
     void recover_service();
+    // The service asks for that. A recovery that it has not begun yet is what it asks for: a service that
+    // returns is given its state at once, so that no later operation finds it without, and asks as well.
+    void fetch();
     // An item for every registered application but one (0 = for all of them).
     void notify_applications(u16 type, devkit::View value, ClientId except = 0);
 
@@ -82,6 +85,7 @@ class Daemon {
     void client_gone(const Client& client);
     void watch_signals();
 
+    bool recovery_is_coming_ = false;  // sent, and its start is not answered yet
     std::list<Probe> probes_;
     int signals_ = -1;
     std::unique_ptr<Listener> listener_;

@@ -53,7 +53,7 @@ bool take_report(Daemon& daemon, const Client& service, const Item& item) {
             daemon.bridge.take_result(item);
             break;
         case msg::fetch:
-            if (service.complete()) daemon.recover_service();
+            if (service.complete()) daemon.fetch();
             break;
         case msg::move_addr_up:
             pass_on_moves(daemon, item.value);

@@ -30,7 +30,23 @@ Answer answer_of(u16 type) {
     return row == nullptr ? Answer::none : row->answer;
 }
 
+// A service outlives its daemon and may still answer what that one asked for, or keep its scc-types for good.
+// The call ids of a daemon's life therefore begin where the microseconds stand: no daemon gives a million a
+// second, so those of the life before are behind.
+u32 call_id_of_this_moment() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<u32>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+}
+
 }  // namespace
+
+ServiceBridge::ServiceBridge(EventLoop& loop, Clients& clients, const Trace& trace,
+                             std::chrono::milliseconds timeout)
+    : loop_(loop),
+      clients_(clients),
+      trace_(trace),
+      timeout_(timeout),
+      last_call_id_(call_id_of_this_moment()) {}
 
 void ServiceBridge::detach() {
     service_ = 0;

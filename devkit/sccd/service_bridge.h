@@ -32,8 +32,7 @@ class ServiceBridge {
   public:
     using Completion = std::function<void(const Outcome&)>;
 
-    ServiceBridge(EventLoop& loop, Clients& clients, const Trace& trace, std::chrono::milliseconds timeout)
-        : loop_(loop), clients_(clients), trace_(trace), timeout_(timeout) {}
+    ServiceBridge(EventLoop& loop, Clients& clients, const Trace& trace, std::chrono::milliseconds timeout);
 
     [[nodiscard]] bool present() const { return service_ != 0; }
     void attach(ClientId service) { service_ = service; }
@@ -84,7 +83,7 @@ class ServiceBridge {
     const Trace& trace_;
     std::chrono::milliseconds timeout_;
     ClientId service_ = 0;
-    u32 last_call_id_ = 0;
+    u32 last_call_id_;
     ExchangeId last_exchange_ = 0;
     std::map<ExchangeId, Exchange> exchanges_;
     std::unordered_map<u64, Awaited> awaited_;

@@ -193,7 +193,9 @@ int on_l4ports_recover(u32 count, const void* ports) {
 // Runs on the library's receive thread without its lock, so the fetch can be asked for from here.
 void on_server_status(u32 status) {
     active->note_status(status);
-    if (status == registered) active->note_fetch(scc_ss_fetch_func());
+    if (status != registered) return;
+    active->expect_recovery();
+    active->note_fetch(scc_ss_fetch_func());
 }
 
 void on_direct_vlans(const scc_vlan_record* vlans) {
@@ -255,6 +257,10 @@ const scc_ss_reg_info& security_service::handlers() {
 void security_service::note_applied() {
     const std::size_t applied = table_.locked([](const contents& held) { return held.acls.applied_count(); });
     if (observer_.applied) observer_.applied(applied);
+}
+
+void security_service::expect_recovery() {
+    table_.locked([](contents& held) { held.begin_recovery(); });
 }
 
 void security_service::note_status(u32 status) const {

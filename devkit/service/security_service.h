@@ -59,6 +59,9 @@ class security_service {
     void stop_answers() { answers_.stop(); }
     void send_later(std::function<void()> answer) { answers_.send(std::move(answer)); }
     void note_applied();
+    // From the registration on, what is held is an earlier daemon's: this one's operations may come before
+    // the recovery that is asked for, and must not find it.
+    void expect_recovery();
     void note_status(u32 status) const;
     void note_fetch(u32 result) const;
 

@@ -51,10 +51,12 @@ void call_connect_callback() {
     }
 }
 
-// Ends the named connection and starts over; whoever comes second finds it gone and does nothing.
+// Ends the named connection, drops its calls and starts over; whoever comes second finds it gone and does
+// nothing. Behind the end, no request can save a call for it any more.
 void recover(u32 epoch) {
     u32 gap = any_epoch;
     if (end_connection(epoch, gap)) {
+        _scc_lib_data_free();
         SCC_LOG("scc client start to try re-reg.");
         schedule_reconnect(gap);
     }
@@ -65,9 +67,6 @@ void handle_task_error(u32 error, u32 epoch) {
     if (app_id_now() == 0) {
         _scc_client_state_set(state_idle);
     } else if (_scc_connect_should_reset(error)) {
-        if (epoch == connection_epoch()) {
-            _scc_lib_data_free();
-        }
         recover(epoch);
     }
 }

@@ -164,10 +164,10 @@ void insert_in_order(cached_acl& acl, cached_ace* ace) {
 }
 
 // The ACL that a change is meant for; null, and said so, when there is none. scc_acl_lock held.
-cached_acl* find_acl(const scc_acl_key& key) {
+cached_acl* find_acl(const scc_acl_key& key, const char* function = __builtin_FUNCTION()) {
     cached_acl* acl = _scc_acl_get(&key);
     if (acl == nullptr) {
-        SCC_LOG("specific acl not found!!!");
+        SCC_LOG_FROM(function, "specific acl not found!!!");
     }
     return acl;
 }
@@ -269,7 +269,7 @@ bool take_into_cache(pending_call* call) {
     }
     const write_guard guard(scc_acl_lock);
     auto* ace = reinterpret_cast<cached_ace*>(call);
-    cached_acl* acl = find_acl(ace->key);
+    cached_acl* acl = find_acl(ace->key, "_scc_lib_ace_add");
     if (acl == nullptr) {
         return false;
     }

@@ -231,9 +231,11 @@ bool reset_connection(u32 generation) {
     if (!is_current(generation)) {
         return false;
     }
-    _scc_lib_data_free();
     _scc_client_state_set(state_failed);
     (void)close_both_locked();
+    // Last: a request that saved its call under the old epoch either sees the new one, and drops its call,
+    // or saved it in front of this.
+    _scc_lib_data_free();
     return true;
 }
 

@@ -147,13 +147,29 @@ void deliver_result(u32 result, const pending_call& call) {
     row.deliver(result, call.call_id, saved);
 }
 
+bool is_caching() {
+    return g_scc_client_cb.option.load(relaxed) != 0;
+}
+
 // The handler first, then the cache, which may keep the call's block: then it is no longer the caller's.
 // When the handler ended the connection, the cache is empty, or another registration's.
 void complete(pending_call*& call, u32 result, u32 epoch) {
     deliver_result(result, *call);
-    if (result == 0 && g_scc_client_cb.option.load(relaxed) != 0 && epoch == connection_epoch() &&
-        take_into_cache(call)) {
+    if (result == 0 && is_caching() && epoch == connection_epoch() && take_into_cache(call)) {
         call = nullptr;
+    }
+}
+
+// What the cache will look at was written by another thread; it is fetched while the calls in front of it
+// are delivered.
+void prefetch_for_cache(const pending_call* call) {
+    constexpr std::size_t line_bytes = 64;
+    constexpr std::size_t most = 320;
+    if (call == nullptr || !is_caching()) {
+        return;
+    }
+    for (std::size_t at = 0; at < most && static_cast<i32>(at) < call->data_bytes; at += line_bytes) {
+        __builtin_prefetch(call->data() + at, 1);
     }
 }
 
@@ -181,6 +197,9 @@ void result_run::deliver() {
         take_pending_calls({call_ids_.data(), count_}, run);
     }
     for (std::size_t i = 0; i < count_; ++i) {
+        if (i + 2 < count_) {
+            prefetch_for_cache(calls[i + 2]);
+        }
         // A handler may end the connection: the calls behind it are gone with it.
         if (calls[i] == nullptr || epoch_ != connection_epoch()) {
             SCC_LOG("no such call id:%d in scc lib", call_ids_[i]);

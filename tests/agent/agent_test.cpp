@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "client/descriptors.h"
+#include "client/pending_calls.h"
 #include "support/loop_application.h"
 
 using test::bytes;
@@ -428,6 +429,25 @@ TEST_F(Agent, ComesBackWhenTheCheckerFindsTheConnectionDead) {
     expect_reconnection();
     EXPECT_EQ(test::added_tasks("scc-reconnect").size(), 1U);
     expect_working_requests();
+}
+
+TEST_F(Agent, DropsItsCallsWhenTheCheckerFindsTheConnectionDead) {
+    start();
+    const test::debugging on;
+    while_the_loop_is_busy([this] {
+        daemon.close_both();
+        ASSERT_EQ(scc_addr_learning(5, 1, nullptr), 0U);
+        EXPECT_TRUE(test::wait_for_added("scc-reconnect", 1));
+        EXPECT_EQ(scc::pending_calls(), 0U);
+    });
+    expect_reconnection();
+    daemon.send_result(1, 0);  // of a call that went with its connection
+    std::uint32_t call_id = 0;
+    ASSERT_EQ(scc_addr_learning(5, 1, &call_id), 0U);
+    EXPECT_EQ(call_id, 2U);
+    EXPECT_EQ(daemon.read_item(side::async).type, 123);
+    expect_answer(2);
+    EXPECT_EQ(answers().size(), 0U);
 }
 
 TEST_F(Agent, ReconnectsOnceWhenEveryThreadNoticesTheLossTogether) {

@@ -225,6 +225,11 @@ TEST_F(AclCache, AnUnknownAclIsLoggedByEveryRoutineThatNeedsOne) {
     _scc_lib_ace_del(&key, &ace);
     _scc_lib_acl_reseq(&key, 1, 1);
     EXPECT_EQ(test::log_texts(), texts(4, "specific acl not found!!!"));
+    const std::vector<std::string> routines = {"<_scc_lib_acl_del ", "<_scc_lib_ace_add ",
+                                               "<_scc_lib_ace_del ", "<_scc_lib_acl_reseq "};
+    for (std::size_t i = 0; i < routines.size(); ++i) {
+        EXPECT_TRUE(test::captured_log()[i].whole.starts_with(routines[i])) << test::captured_log()[i].whole;
+    }
     EXPECT_EQ(held(), 0U);
 }
 

@@ -2,6 +2,7 @@
 #include "client/results.h"
 
 #include "client/acl_cache.h"
+#include "client/connection.h"
 #include "client/control_block.h"
 #include "client/diagnostics.h"
 #include "client/handler_recorder.h"
@@ -401,6 +402,22 @@ TEST_F(Results, TheHandlerRunsWithoutLocksAndBeforeTheCacheIsUpdated) {
     EXPECT_EQ(counts_seen().wait(), 0U) << "the call was still in the list";
     EXPECT_EQ(held_acls(), 1U);
     EXPECT_EQ(scc::pending_calls(), 1U) << "the handler's own call is gone";
+}
+
+// Inside a handler: what a query that finds the daemon gone does on an event loop, or an unregistration.
+void end_the_connection(std::uint32_t /*result*/, std::uint32_t /*call_id*/, const scc_acl_key* /*key*/) {
+    EXPECT_GE(_scc_lib_client_close(), 0);
+    _scc_lib_data_free();
+}
+
+TEST_F(Results, TheCacheTakesNothingFromAConnectionThatItsHandlerHasEnded) {
+    scc_handlers handlers{};
+    handlers.acl_create = end_the_connection;
+    test::use_handlers(handlers);
+    g_scc_client_cb.option.store(1);
+    save(1, 31, key_bytes(1));
+    deliver(1, 0);
+    EXPECT_EQ(held_acls(), 0U);
 }
 
 }  // namespace

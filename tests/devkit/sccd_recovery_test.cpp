@@ -143,6 +143,34 @@ TEST(SccdRecovery, AFetchBringsEverythingOnceMore) {
     EXPECT_EQ(types_of(receive_recovery(service)), everything);
 }
 
+TEST(SccdRecovery, AFetchIsAnsweredByARecoveryThatTheServiceHasNotBegun) {
+    DaemonProcess daemon;
+    TestClient application(daemon, 3, 77);
+    fill(application);
+    TestClient service(daemon, service_app, 78);
+
+    service.sync.send(204, Value(8).u32(0, 1).u32(4, 16));
+    service.settle();
+
+    EXPECT_EQ(types_of(receive_recovery(service)), everything);
+    application.async.send(131, acl_request(50, 6, 1));
+    EXPECT_EQ(service.async.receive().type, 131);
+}
+
+TEST(SccdRecovery, AFetchFromWithinARecoveryBringsEverythingOnceMore) {
+    DaemonProcess daemon;
+    TestClient application(daemon, 3, 77);
+    EXPECT_EQ(application.result_of(131, acl_request(1, 5, 1)), 0u);
+    TestClient service(daemon, service_app, 78);
+    const TestItem start = service.async.receive();
+    EXPECT_EQ(start.type, recovery_mark);
+
+    service.sync.send({item(402, Value(12).raw(0, start.part(0, 4))), item(204, Value(8).u32(4, 16))});
+
+    EXPECT_EQ(types_of(receive_recovery(service)), (std::vector<std::uint16_t>{131, 201}));
+    EXPECT_EQ(types_of(receive_recovery(service)), (std::vector<std::uint16_t>{201, 131, 201}));
+}
+
 TEST(SccdRecovery, AFetchWithoutStateIsStartAndEnd) {
     DaemonProcess daemon;
     TestClient service(daemon, service_app, 78);

@@ -339,5 +339,29 @@ TEST(SccdService, TestCommandsAndDataRecoveriesOfApplicationsReachIt) {
     EXPECT_EQ(recovery.part(4, 5), (ByteString{3, 0, 0, 0, 1}));
 }
 
+// A service outlives its daemon and may answer then what that one had asked for.
+TEST(SccdService, AnAnswerMeantForAKilledDaemonCompletesNothingOfItsSuccessor) {
+    DaemonProcess daemon;
+    TestItem unanswered;
+    {
+        TestClient application(daemon, 3, 77);
+        TestClient service(daemon, service_app, 78);
+        application.async.send(131, acl_request(1, 5, 1));
+        unanswered = service.async.receive();
+        daemon.signal(SIGKILL);
+        daemon.wait_for_end();
+    }
+    daemon.start();
+    TestClient application(daemon, 3, 77);
+    TestClient service(daemon, service_app, 78);
+    application.async.send(131, acl_request(1, 5, 1));
+    const TestItem operation = service.async.receive();
+
+    answer_operation(service, unanswered, 28);
+    answer_operation(service, operation, 0);
+
+    EXPECT_EQ(application.async.receive().part(0, 8), (ByteString{1, 0, 0, 0, 0, 0, 0, 0}));
+}
+
 }  // namespace
 }  // namespace sccd_test

@@ -102,6 +102,17 @@ TEST_F(ServiceHandlers, ACreateIsAnsweredFromItsHandlerWithItsOwnRecord) {
     EXPECT_EQ(lines_, (std::vector<std::string>{"131 create acl 1/2/5: 0", "131 create acl 1/2/5: 2010"}));
 }
 
+// The daemon's operations may come before the recovery that the service asks for.
+TEST_F(ServiceHandlers, WhatALostDaemonHadCreatedIsNotInTheWayOfTheNextOnes) {
+    start();
+    EXPECT_EQ(result_of(handlers_.acl_create, 5), 0u);
+    handlers_.server_status(0);
+    EXPECT_EQ(result_of(handlers_.acl_create, 5), 2010u);
+    handlers_.server_status(1);
+    EXPECT_EQ(result_of(handlers_.acl_create, 5), 0u);
+    EXPECT_EQ(result_of(handlers_.acl_create, 5), 2010u);
+}
+
 TEST_F(ServiceHandlers, EachAclOperationCarriesItsOwnCode) {
     start();
     scc_ss_acl_operation acl{};

@@ -1,0 +1,81 @@
+// What became of each call id of one application process, in memory that outlives it: the application writes,
+// the test that started it, and may kill it at any moment, reads. One ledger is one life of the process.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+namespace test {
+
+enum class load_command : std::uint32_t { run, rest, leave };
+
+enum class call_kind : std::uint8_t { user, egress_port, addr_learning };
+
+// Connections are counted from 1; 0 = none yet.
+struct call_entry {
+    std::atomic<std::uint8_t> accepted;  // the request returned 0
+    std::atomic<call_kind> kind;
+    std::atomic<std::uint8_t> answers;
+    std::atomic<std::uint8_t> answers_while_lost;
+    std::atomic<std::uint16_t> connection_before;  // at the request's begin
+    std::atomic<std::uint16_t> connection_behind;  // at its return
+    std::atomic<std::uint16_t> answered_on;
+    std::atomic<std::uint32_t> number;           // what the request was about
+    std::atomic<std::uint32_t> answered_number;  // what its answer was about
+    std::atomic<std::uint32_t> result;
+};
+
+struct call_ledger {
+    static constexpr std::uint32_t load_threads = 3;
+    static constexpr std::uint32_t calls_max = 1U << 20;
+
+    std::atomic<load_command> command;
+    std::atomic<std::uint32_t> resting;  // threads that obey a command to rest
+    std::atomic<std::uint32_t> connected;
+    std::atomic<std::uint32_t> connections;
+    std::atomic<std::uint32_t> losses;
+    std::atomic<std::uint32_t> accepted;
+    std::atomic<std::uint32_t> answered;
+    std::atomic<std::uint32_t> queries;          // answered
+    std::atomic<std::uint32_t> outstanding;      // at this moment, about
+    std::atomic<std::uint32_t> users_in_flight;  // of them, those that the service has to carry out
+    std::atomic<std::uint32_t> last_call_id;
+    std::atomic<std::uint32_t> strange_returns;  // neither accepted nor refused for want of a connection
+    call_entry calls[calls_max];
+};
+
+// The ledger in a file, made when it is not there. The pages that nobody touches take no room.
+class mapped_ledger {
+  public:
+    explicit mapped_ledger(const std::string& path) {
+        const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (fd >= 0 && ftruncate(fd, sizeof(call_ledger)) == 0) {
+            void* place = mmap(nullptr, sizeof(call_ledger), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+            ledger_ = place == MAP_FAILED ? nullptr : static_cast<call_ledger*>(place);
+        }
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+    ~mapped_ledger() {
+        if (ledger_ != nullptr) {
+            munmap(ledger_, sizeof(call_ledger));
+        }
+    }
+    mapped_ledger(const mapped_ledger&) = delete;
+    mapped_ledger& operator=(const mapped_ledger&) = delete;
+
+    [[nodiscard]] bool is_there() const { return ledger_ != nullptr; }
+    call_ledger& operator*() const { return *ledger_; }
+    call_ledger* operator->() const { return ledger_; }
+
+  private:
+    call_ledger* ledger_ = nullptr;
+};
+
+}  // namespace test
