@@ -273,6 +273,35 @@ peer::~peer() {
     waitpid(child_, nullptr, 0);
 }
 
+development_daemon::development_daemon() {
+    const std::filesystem::path program =
+        std::filesystem::read_symlink("/proc/self/exe").parent_path() / "../devkit/sccd/sccd-dev";
+    int ready[2];
+    if (pipe(ready) != 0) {
+        std::perror("pipe");
+        std::exit(1);
+    }
+    child_ = fork();
+    if (child_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        dup2(ready[1], STDOUT_FILENO);
+        dup2(ready[1], STDERR_FILENO);
+        execl(program.c_str(), "sccd-dev", nullptr);
+        _exit(1);
+    }
+    close(ready[1]);
+    char first_line[1];  // it says that it is ready, and nothing else
+    if (read(ready[0], first_line, sizeof first_line) != sizeof first_line) {
+        std::fprintf(stderr, "sccd-dev does not start\n");
+        std::exit(1);
+    }
+}
+
+development_daemon::~development_daemon() {
+    kill(child_, SIGKILL);
+    waitpid(child_, nullptr, 0);
+}
+
 runtime_directory::runtime_directory() {
     char name[] = "/tmp/sccb-XXXXXX";
     path_ = mkdtemp(name);

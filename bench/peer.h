@@ -37,6 +37,18 @@ class peer {
     pid_t child_ = -1;
 };
 
+// The development daemon instead, from the same build; its answers go through all of its own work.
+class development_daemon {
+  public:
+    development_daemon();
+    ~development_daemon();
+    development_daemon(const development_daemon&) = delete;
+    development_daemon& operator=(const development_daemon&) = delete;
+
+  private:
+    pid_t child_ = -1;
+};
+
 void pin_to(int processor);
 
 // A fresh TMPDIR for one measurement; removed by the destructor.
