@@ -58,13 +58,18 @@ BENCHMARK(deliver_result)
     ->Args({1000000, descending})
     ->Args({1000000, shuffled});
 
-void look_up_acl(benchmark::State& state) {
-    _scc_lib_data_init();
+u32 hold_acls(const benchmark::State& state) {
     const auto held = static_cast<u32>(state.range(0));
     for (u32 id = 1; id <= held; ++id) {
         const scc_acl_key key{0, 3, id, 0};
         _scc_lib_acl_add(&key);
     }
+    return held;
+}
+
+void look_up_acl(benchmark::State& state) {
+    _scc_lib_data_init();
+    const u32 held = hold_acls(state);
     u32 id = 0;
     for (auto _ : state) {
         id = id % held + 1;
@@ -81,11 +86,7 @@ void read_acl_class(benchmark::State& state) {
     _scc_lib_data_init();
     g_scc_client_cb.state.store(state_registered);
     g_scc_client_cb.option.store(1);
-    const auto held = static_cast<u32>(state.range(0));
-    for (u32 id = 1; id <= held; ++id) {
-        const scc_acl_key key{0, 3, id, 0};
-        _scc_lib_acl_add(&key);
-    }
+    const u32 held = hold_acls(state);
     u32 id = 0;
     for (auto _ : state) {
         id = id % held + 1;
