@@ -1,6 +1,7 @@
 // Each system call of a registered application fails in turn, with each error: what ends a connection
 // brings a new one, what does not leaves it alone.
 #include <gmock/gmock.h>
+#include <sys/socket.h>
 
 #include "client/locks.h"
 #include "client/pending_calls.h"
@@ -48,6 +49,18 @@ TEST_F(TrafficFaults, ARealTimeSendIsZeroWhateverItsError) {
         EXPECT_TRUE(test::logged(message_error("sync", error)));
         expect_recovered(lost);
     });
+}
+
+// As a request does that found its connection alive and lost the race.
+TEST_F(TrafficFaults, ACallThatIsSavedWhileItsConnectionIsClosedGoesWithIt) {
+    start();
+    test::on_call(call::close, [] { EXPECT_EQ(_scc_lib_save_call_data(9, 45, nullptr, 0), 0U); });
+    for (const side where : {side::sync, side::async}) {
+        ASSERT_EQ(shutdown(daemon.fd(where), SHUT_RDWR), 0);
+    }
+    expect_reconnection();
+    EXPECT_EQ(scc::pending_calls(), 0U);
+    expect_working();
 }
 
 TEST_F(TrafficFaults, ASendThatBreaksOffHalfWayBringsANewConnection) {

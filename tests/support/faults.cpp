@@ -18,6 +18,7 @@ struct fault {
     std::atomic<int> nth{0};
     std::atomic<int> error{0};
     std::atomic<bool> onwards{false};
+    std::atomic<void (*)()> act{nullptr};
 };
 
 constinit fault g_faults[static_cast<int>(call::count)];
@@ -33,6 +34,9 @@ fault& of(call which) {
 // Whether this call has to fail; errno is then set.
 bool fails(call which) {
     fault& one = of(which);
+    if (const auto act = one.act.exchange(nullptr); act != nullptr) {
+        act();
+    }
     const int number = ++one.calls;
     const int nth = one.nth;
     if (nth == 0 || (one.onwards ? number < nth : number != nth)) {
@@ -79,8 +83,13 @@ void fail_allocation(int nth) {
     g_failing_allocation = nth;
 }
 
+void on_call(call which, void (*act)()) {
+    of(which).act = act;
+}
+
 bool end_faults() {
     for (fault& one : g_faults) {
+        one.act = nullptr;
         one.nth = 0;
         one.calls = 0;
     }
