@@ -5,6 +5,7 @@
 // allocator shared by two threads costs. The checker frees what came back once requests pause.
 #include "client/pending_calls.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -13,6 +14,7 @@
 #include "msg/result_codes.h"
 #include "util/bucket_table.h"
 #include "util/handoff_ring.h"
+#include "util/prefetch.h"
 
 using namespace scc;
 
@@ -70,24 +72,16 @@ std::size_t data_bytes_of(i32 len) {
     return len > 0 ? static_cast<std::size_t>(len) : 0;
 }
 
-// Fetches a block that a request will fill soon; thousands of them do not stay in the cache.
-void prefetch_block(const pending_call* call, std::size_t data_bytes) {
-    constexpr std::size_t line_bytes = 64;
-    constexpr std::size_t most = 1024;
-    for (std::size_t at = 0; at < pending_call::head_bytes + data_bytes && at < most; at += line_bytes) {
-        __builtin_prefetch(reinterpret_cast<const u8*>(call) + at, 1);
-    }
-}
-
 // A block that came back, when it is of this size; others make room for those that will be.
 pending_call* take_spare(std::size_t data_bytes) {
     constexpr std::size_t ahead = 1;
+    constexpr std::size_t most = 1024;
     pending_call* block = nullptr;
     if (!g_spare.pop(block)) {
         return nullptr;
     }
     if (pending_call* later = nullptr; g_spare.peek(ahead, later)) {
-        prefetch_block(later, data_bytes);
+        prefetch_for_writing(later, std::min(pending_call::head_bytes + data_bytes, most));
     }
     if (data_bytes_of(block->data_bytes) != data_bytes) {
         std::free(block);
@@ -110,7 +104,7 @@ void index_incoming() {
     constexpr std::size_t ahead = 8;
     for (pending_call* call = nullptr; g_incoming.pop(call);) {
         if (pending_call* later = nullptr; g_incoming.peek(ahead, later)) {
-            __builtin_prefetch(later, 1);
+            prefetch_for_writing(later, pending_call::head_bytes);
         }
         g_scc_lib_call_lst.insert(&call->link);
     }

@@ -11,6 +11,7 @@
 #include "client/kinds.h"
 #include "client/log.h"
 #include "client/pending_calls.h"
+#include "util/prefetch.h"
 
 using namespace scc;
 
@@ -163,13 +164,9 @@ void complete(pending_call*& call, u32 result, u32 epoch) {
 // What the cache will look at was written by another thread; it is fetched while the calls in front of it
 // are delivered.
 void prefetch_for_cache(const pending_call* call) {
-    constexpr std::size_t line_bytes = 64;
-    constexpr std::size_t most = 320;
-    if (call == nullptr || !is_caching()) {
-        return;
-    }
-    for (std::size_t at = 0; at < most && static_cast<i32>(at) < call->data_bytes; at += line_bytes) {
-        __builtin_prefetch(call->data() + at, 1);
+    constexpr i32 key_and_numbers = 320;
+    if (call != nullptr && is_caching() && call->data_bytes >= key_and_numbers) {
+        prefetch_for_writing(call->data(), key_and_numbers);
     }
 }
 

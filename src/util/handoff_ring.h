@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstddef>
 
+#include "util/prefetch.h"
+
 namespace scc {
 
 // Size is a power of two.
@@ -68,7 +70,6 @@ class handoff_ring {
     }
 
     // What one end writes stands apart from what the other writes, each with its copy of the other's count.
-    static constexpr std::size_t cache_line_bytes = 64;
     alignas(cache_line_bytes) std::atomic<std::size_t> given_{0};
     std::size_t taken_seen_ = 0;
     alignas(cache_line_bytes) std::atomic<std::size_t> taken_{0};
