@@ -17,6 +17,7 @@ mkdir -p "$TMPDIR"
 running=()
 
 finish() {
+    exec 2>/dev/null  # the shell is not to tell that it killed what was left
     local pid
     for pid in "${running[@]}"; do kill -9 "$pid" 2>/dev/null || true; done
     wait 2>/dev/null || true
