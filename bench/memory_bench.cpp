@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "client/acl_cache.h"
+#include "client/client_data.h"
 #include "client/control_block.h"
 #include "client/pending_calls.h"
 #include "client/request_channel.h"

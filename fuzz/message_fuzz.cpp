@@ -6,10 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "client/client_data.h"
 #include "client/control_block.h"
 #include "client/descriptors.h"
 #include "client/dispatch.h"
 #include "client/kinds.h"
+#include "client/message_reader.h"
 #include "client/pending_calls.h"
 #include "client/request_channel.h"
 #include "msg/bytes.h"

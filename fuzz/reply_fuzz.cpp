@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "client/client_data.h"
 #include "client/control_block.h"
 #include "client/request_channel.h"
 #include "scclib.h"

@@ -428,9 +428,9 @@ uint32_t scc_agent_finish(void);
 
 /*
  * Set the function that is called after every successful registration by the event loop; null for none.
- * It may be called at any time and returns nothing.
+ * May be called at any time, on any thread; the function is called on the event loop's thread. Returns 0.
  */
-void scc_agent_set_connect_callback(void (*callback)(void));
+uint32_t scc_agent_set_connect_callback(void (*callback)(void));
 
 /* ---- configuration requests ------------------------------------------------------------------- */
 

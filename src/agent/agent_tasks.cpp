@@ -5,19 +5,30 @@
 #include <array>
 #include <cstdlib>
 
-#include "client/control_block.h"
 #include "client/descriptors.h"
 #include "client/locks.h"
 #include "client/log.h"
+#include "util/list.h"
 
 namespace scc {
 namespace {
 
+constexpr const char* function = "_scc_lib_thread_event";
+
+struct task_record {
+    list_node link;
+    qx_thread* handle;
+    u32 kind;
+    u32 generation;
+    u32 epoch;
+    void* argument;
+};
+
 constinit pthread_mutex_t g_tasks_lock = PTHREAD_MUTEX_INITIALIZER;
 // All guarded by g_tasks_lock.
 constinit qx_thread_master* g_master = nullptr;
-constinit std::array<qx_thread*, task_kinds> g_pending{};
-constinit void* g_pending_record = nullptr;  // of a connect task that has not run
+constinit list_node g_tasks{&g_tasks, &g_tasks};  // of task_record, oldest first
+constinit bool g_handles_match = false;           // a task has been run with the handle that add returned
 
 struct task_row {
     qx_thread* (*add)(void* arg, int fd);
@@ -44,36 +55,68 @@ constexpr std::array<task_row, task_kinds> task_table = {{
      "Failed to add qx_thread for scc_lib_write"},
 }};
 
-// Under g_tasks_lock.
-void cancel_pending() {
-    for (qx_thread*& task : g_pending) {
-        if (task != nullptr) {
-            qx_thread_cancel(task);
-            task = nullptr;
-        }
-    }
-    std::free(g_pending_record);
-    g_pending_record = nullptr;
+// All of these are called with g_tasks_lock held.
+
+task_record* record_of(list_node* link) {
+    return reinterpret_cast<task_record*>(link);
 }
 
-// Under g_tasks_lock.
+template <class Predicate>
+task_record* find_task(Predicate matches) {
+    for (list_node* link = g_tasks.next; link != &g_tasks; link = link->next) {
+        if (matches(*record_of(link))) {
+            return record_of(link);
+        }
+    }
+    return nullptr;
+}
+
+// A platform may run a task with another object than the handle that it gave; the oldest task of the kind is
+// meant then. Once a handle was seen again, an unknown one belongs to a task that was cancelled.
+task_record* find_running(u32 kind, const qx_thread* task) {
+    task_record* record =
+        find_task([&](const task_record& each) { return each.kind == kind && each.handle == task; });
+    if (record != nullptr) {
+        g_handles_match = true;
+    } else if (!g_handles_match || task == nullptr) {
+        record = find_task([&](const task_record& each) { return each.kind == kind; });
+    }
+    return record;
+}
+
+void forget(task_record* record) {
+    list_del(&record->link);
+    std::free(record);
+}
+
+void cancel_pending() {
+    while (!list_empty(&g_tasks)) {
+        task_record* record = record_of(g_tasks.next);
+        qx_thread_cancel(record->handle);
+        if (record->kind == task_connect) {
+            std::free(record->argument);
+        }
+        forget(record);
+    }
+}
+
 bool add_task(u32 kind, void* arg, int fd) {
-    const task_row& row = task_table[kind];
-    qx_thread* task = row.add(arg, fd);
+    auto* record = static_cast<task_record*>(std::malloc(sizeof(task_record)));
+    qx_thread* task = record == nullptr ? nullptr : task_table[kind].add(arg, fd);
     if (task == nullptr) {
-        SCC_LOG("%s", row.failure);
+        SCC_LOG_FROM(function, "%s", task_table[kind].failure);
+        std::free(record);
         return false;
     }
-    g_pending[kind] = task;
-    if (kind == task_connect) {
-        g_pending_record = arg;
-    }
+    void* argument = kind == task_connect || kind == task_write ? arg : nullptr;
+    *record = {{}, task, kind, current_generation(), connection_epoch(), argument};
+    list_add_tail(&record->link, &g_tasks);
     return true;
 }
 
-// Under g_tasks_lock. An unregistration clears the app id before it cancels, and closes behind that.
+// An unregistration clears the app id before it cancels, and closes after that.
 bool is_wanted(u32 epoch) {
-    return epoch == connection_epoch() && g_scc_client_cb.app_id.load(relaxed) != 0;
+    return epoch == connection_epoch() && app_id_now() != 0;
 }
 
 // False when it has to be tried again.
@@ -95,17 +138,20 @@ void set_master(void* master) {
     g_master = static_cast<qx_thread_master*>(master);
 }
 
-void forget_task(task_kind kind) {
+running_task take_task(task_kind kind, const qx_thread* task) {
     const mutex_guard guard(g_tasks_lock);
-    g_pending[kind] = nullptr;
-    if (kind == task_connect) {
-        g_pending_record = nullptr;
+    task_record* record = find_running(kind, task);
+    if (record == nullptr) {
+        return {task == nullptr, nullptr, current_generation(), connection_epoch()};
     }
+    const running_task taken{true, record->argument, record->generation, record->epoch};
+    forget(record);
+    return taken;
 }
 
 bool is_pending(task_kind kind) {
     const mutex_guard guard(g_tasks_lock);
-    return g_pending[kind] != nullptr;
+    return find_task([kind](const task_record& each) { return each.kind == kind; }) != nullptr;
 }
 
 void cancel_all_tasks() {
@@ -113,13 +159,13 @@ void cancel_all_tasks() {
     cancel_pending();
 }
 
-bool end_connection(u32 epoch, u32& after) {
+bool end_connection(u32 epoch, u32& after, u32 next_state) {
     const mutex_guard guard(g_tasks_lock);
     if (!is_wanted(epoch)) {
         return false;
     }
     cancel_pending();
-    if (!end_connection_of(epoch, state_idle)) {
+    if (!end_connection_of(epoch, next_state)) {
         return false;
     }
     after = connection_epoch();

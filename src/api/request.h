@@ -85,11 +85,6 @@ struct payload {
     }
 };
 
-template <class T>
-[[nodiscard]] std::span<const u8> bytes_of(const T& value) {
-    return {reinterpret_cast<const u8*>(&value), sizeof value};
-}
-
 // An int argument whose result handler gets the low byte.
 struct low_byte {
     int value;

@@ -4,30 +4,27 @@
 
 namespace scc {
 
-sync_exchange::~sync_exchange() {
-    _scc_msg_free(&message_);
-}
-
-u32 sync_exchange::send(const exchange_row& row, std::span<const u8> payload) const {
-    return _scc_lib_msg_send(row.request_type, payload.data(), static_cast<int>(payload.size()), 1);
+u32 sync_exchange::send(const exchange_row& row, std::span<const u8> payload) {
+    const send_outcome outcome = exchange_.send(row.request_type, payload);
+    if (outcome.built && outcome.error != result::ok) {
+        recover_from_failed_send(outcome, exchange_.epoch(), "_scc_lib_msg_send_rt");
+    }
+    return outcome.error;
 }
 
 u32 sync_exchange::receive(const exchange_row& row) {
-    const u32 error = _scc_lib_msg_recv(&message_, 1);
+    const u32 error = exchange_.receive();
     if (error != result::ok) {
         // The receive thread watches the other socket only, so it is told of this one's end.
         if (_scc_connect_should_reset(error)) {
-            report_broken(epoch_of_this_thread());
+            report_broken(exchange_.epoch());
         }
         return error;
     }
-    item first;
-    item_reader reader(load<u16>(message_, 5), static_cast<u8*>(message_) + wire::header_bytes);
-    if (!reader.next(first) || first.type != row.reply_type) {
+    if (exchange_.type() != row.reply_type) {
         SCC_LOG_FROM(function_, "msg type is not %s.", row.reply_name);
         return result::format;
     }
-    value_ = first.value;
     return result::ok;
 }
 

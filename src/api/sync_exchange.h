@@ -5,6 +5,7 @@
 #include <span>
 
 #include "api/request.h"
+#include "client/exchange.h"
 
 namespace scc {
 
@@ -17,33 +18,31 @@ struct exchange_row {
 class sync_exchange {
   public:
     // Made in the exported call whose name its log lines carry.
-    explicit sync_exchange(const char* function = __builtin_FUNCTION()) : function_(function) {}
-    ~sync_exchange();
-    sync_exchange(const sync_exchange&) = delete;
-    sync_exchange& operator=(const sync_exchange&) = delete;
+    explicit sync_exchange(const char* function = __builtin_FUNCTION())
+        : function_(function), exchange_(channel::sync) {}
 
-    [[nodiscard]] u32 send(const exchange_row& row, std::span<const u8> payload) const;
+    // The error of the send as it was: no reply comes then.
+    [[nodiscard]] u32 send(const exchange_row& row, std::span<const u8> payload);
     [[nodiscard]] u32 receive(const exchange_row& row);
     [[nodiscard]] u32 run(const exchange_row& row, std::span<const u8> payload);
 
     // Reads a field of the reply's first item; false when it is not there.
     template <class T>
     [[nodiscard]] bool read(std::size_t offset, T& out) const {
-        if (offset + sizeof(T) > value_.size()) {
+        if (offset + sizeof(T) > value().size()) {
             return false;
         }
-        out = load<T>(value_.data(), offset);
+        out = load<T>(value().data(), offset);
         return true;
     }
 
-    [[nodiscard]] std::span<const u8> value() const { return value_; }
+    [[nodiscard]] std::span<const u8> value() const { return exchange_.value(); }
     // Whether a whole reply came, of whatever type.
-    [[nodiscard]] bool has_reply() const { return message_ != nullptr; }
+    [[nodiscard]] bool has_reply() const { return exchange_.has_reply(); }
 
   private:
     const char* function_;
-    void* message_ = nullptr;
-    std::span<const u8> value_;
+    exchange exchange_;
 };
 
 }  // namespace scc

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -59,6 +60,7 @@ struct acl_cache {
 struct client_data {
     std::atomic<u64> capability;
     acl_cache cache;
+    std::atomic<u32> revision;  // written under scc_acl_lock
 };
 
 }  // namespace scc
@@ -164,7 +166,7 @@ void insert_in_order(cached_acl& acl, cached_ace* ace) {
 }
 
 // The ACL that a change is meant for; null, and said so, when there is none. scc_acl_lock held.
-cached_acl* find_acl(const scc_acl_key& key, const char* function = __builtin_FUNCTION()) {
+cached_acl* find_acl(const scc_acl_key& key, const char* function) {
     cached_acl* acl = _scc_acl_get(&key);
     if (acl == nullptr) {
         SCC_LOG_FROM(function, "specific acl not found!!!");
@@ -197,15 +199,19 @@ void renumber(cached_acl& acl, u32 sn_start, u32 sn_inc) {
 }
 
 // How much of a call's saved data its replay reads: the key, and what follows it.
+// What a call of this kind has saved at least when it changes the cache.
 std::size_t bytes_needed(u32 call_kind) {
     switch (call_kind) {
+        case kind::acl_create:
+        case kind::acl_delete:
+            return sizeof(scc_acl_key);
         case kind::acl_add_ace:
         case kind::acl_delete_ace:
             return saved_ace_bytes;
         case kind::acl_resequence:
             return sizeof(scc_acl_key) + 2 * sizeof(u32);
         default:
-            return sizeof(scc_acl_key);
+            return SIZE_MAX;
     }
 }
 
@@ -236,8 +242,13 @@ void free_acl_cache() {
             }
         }
         cache().index.reset();
+        g_scc_client_data.revision.fetch_add(1, std::memory_order_relaxed);
     }
     set_capability_word(0);
+}
+
+u32 acl_cache_revision() {
+    return g_scc_client_data.revision.load(std::memory_order_relaxed);
 }
 
 u64 cached_acl_count() {
@@ -262,12 +273,133 @@ cached_ace* find_ace(cached_acl& acl, u32 sn) {
     return ace != nullptr && ace->record.sn == sn ? ace : nullptr;
 }
 
-bool take_into_cache(pending_call* call) {
-    if (call->kind != kind::acl_add_ace || call->data_bytes != saved_ace_bytes) {
-        _scc_lib_acl_update(call);
+namespace {
+
+// What the functions with C linkage do with scc_acl_lock held; each logs in the name of its function.
+
+void add_acl(const scc_acl_key& key) {
+    constexpr const char* function = "_scc_lib_acl_add";
+    if (_scc_acl_get(&key) != nullptr) {
+        SCC_LOG_FROM(function, "acl already exist!!!");
+        return;
+    }
+    auto* acl = static_cast<cached_acl*>(std::malloc(sizeof(cached_acl)));
+    if (acl == nullptr || !cache().index.insert(identity_of(key), acl)) {
+        SCC_LOG_FROM(function, "alloc memory failed!!!");
+        std::free(acl);
+        return;
+    }
+    std::memset(acl, 0, sizeof *acl);
+    acl->key = key;
+    INIT_LIST_HEAD(&acl->aces);
+    list_add_tail(&acl->bucket_link, &cache().buckets[_acl_hash_idx_get(&key)]);
+    ++cache().count;
+}
+
+void delete_acl(const scc_acl_key& key) {
+    if (cached_acl* acl = find_acl(key, "_scc_lib_acl_del"); acl != nullptr) {
+        free_acl(acl);
+    }
+}
+
+void add_ace(const scc_acl_key& key, const scc_ace_record* ace) {
+    constexpr const char* function = "_scc_lib_ace_add";
+    cached_acl* acl = find_acl(key, function);
+    if (acl == nullptr) {
+        return;
+    }
+    auto* copy = static_cast<cached_ace*>(std::malloc(sizeof(cached_ace)));
+    if (copy == nullptr) {
+        SCC_LOG_FROM(function, "alloc memory failed!!!");
+        return;
+    }
+    std::memcpy(&copy->record, ace, sizeof copy->record);
+    insert_in_order(*acl, copy);
+}
+
+void delete_ace(const scc_acl_key& key, const scc_ace_record* ace) {
+    constexpr const char* function = "_scc_lib_ace_del";
+    cached_acl* acl = find_acl(key, function);
+    if (acl == nullptr) {
+        return;
+    }
+    // The caller's record may lie unaligned in saved data.
+    const u32 sn = load<u32>(ace, offsetof(scc_ace_record, sn));
+    const u32 ace_id = load<u32>(ace, offsetof(scc_ace_record, ace_id));
+    cached_ace* first = find_ace(*acl, sn);
+    for (list_node* link = first == nullptr ? &acl->aces : &first->record.link; link != &acl->aces;
+         link = link->next) {
+        cached_ace* candidate = ace_of_link(link);
+        if (candidate->record.sn == sn && candidate->record.ace_id == ace_id) {
+            free_ace(*acl, candidate);
+            SCC_LOG_FROM(function, "delete specific ace done.");
+            return;
+        }
+        if (acl->out_of_order == 0 && candidate->record.sn != sn) {
+            break;
+        }
+    }
+    SCC_LOG_FROM(function, "no such ace!!!");
+}
+
+void resequence(const scc_acl_key* key, u32 sn_start, u32 sn_inc) {
+    constexpr const char* function = "_scc_lib_acl_reseq";
+    if (key == nullptr || static_cast<i32>(sn_start) < 1 || static_cast<i32>(sn_inc) < 1) {
+        SCC_LOG_FROM(function, "scclib param invalid. acl_info:%p, sn_start:%d, sn_inc:%d.",
+                     static_cast<const void*>(key), sn_start, sn_inc);
+        return;
+    }
+    cached_acl* acl = find_acl(*key, function);
+    if (acl == nullptr) {
+        return;
+    }
+    renumber(*acl, sn_start, sn_inc);
+    acl->sn_start = sn_start;
+    acl->sn_inc = sn_inc;
+}
+
+// Whether the call changes the cache; logs when it does not.
+bool is_cache_change(const pending_call& call) {
+    const auto saved = static_cast<std::size_t>(call.data_bytes > 0 ? call.data_bytes : 0);
+    if (saved >= bytes_needed(call.kind)) {
+        return true;
+    }
+    SCC_LOG_FROM("_scc_lib_acl_update", "unknown scclib call id(%d)", call.kind);
+    return false;
+}
+
+void update(const pending_call& call) {
+    const u8* data = call.data();
+    const auto key = load<scc_acl_key>(data);
+    const auto* ace = reinterpret_cast<const scc_ace_record*>(data + sizeof key);
+    switch (call.kind) {
+        case kind::acl_create:
+            return add_acl(key);
+        case kind::acl_delete:
+            return delete_acl(key);
+        case kind::acl_add_ace:
+            return add_ace(key, ace);
+        case kind::acl_delete_ace:
+            return delete_ace(key, ace);
+        default:
+            return resequence(&key, load<u32>(data, 16), load<u32>(data, 20));
+    }
+}
+
+}  // namespace
+
+bool take_into_cache(pending_call* call, u32 revision) {
+    if (!is_cache_change(*call)) {
         return false;
     }
     const write_guard guard(scc_acl_lock);
+    if (revision != acl_cache_revision()) {
+        return false;
+    }
+    if (call->kind != kind::acl_add_ace || call->data_bytes != saved_ace_bytes) {
+        update(*call);
+        return false;
+    }
     auto* ace = reinterpret_cast<cached_ace*>(call);
     cached_acl* acl = find_acl(ace->key, "_scc_lib_ace_add");
     if (acl == nullptr) {
@@ -325,25 +457,7 @@ void _scc_lib_acl_add(const scc_acl_key* key) {
         return;
     }
     const write_guard guard(scc_acl_lock);
-    if (_scc_acl_get(key) != nullptr) {
-        SCC_LOG("acl already exist!!!");
-        return;
-    }
-    auto* acl = static_cast<cached_acl*>(std::malloc(sizeof(cached_acl)));
-    if (acl == nullptr) {
-        SCC_LOG("alloc memory failed!!!");
-        return;
-    }
-    if (!cache().index.insert(identity_of(*key), acl)) {
-        SCC_LOG("alloc memory failed!!!");
-        std::free(acl);
-        return;
-    }
-    std::memset(acl, 0, sizeof *acl);
-    acl->key = *key;
-    INIT_LIST_HEAD(&acl->aces);
-    list_add_tail(&acl->bucket_link, &cache().buckets[_acl_hash_idx_get(key)]);
-    ++cache().count;
+    add_acl(*key);
 }
 
 void _scc_lib_acl_del(const scc_acl_key* key) {
@@ -352,11 +466,7 @@ void _scc_lib_acl_del(const scc_acl_key* key) {
         return;
     }
     const write_guard guard(scc_acl_lock);
-    cached_acl* acl = find_acl(*key);
-    if (acl == nullptr) {
-        return;
-    }
-    free_acl(acl);
+    delete_acl(*key);
 }
 
 void _scc_lib_ace_add(const scc_acl_key* key, const scc_ace_record* ace) {
@@ -365,17 +475,7 @@ void _scc_lib_ace_add(const scc_acl_key* key, const scc_ace_record* ace) {
         return;
     }
     const write_guard guard(scc_acl_lock);
-    cached_acl* acl = find_acl(*key);
-    if (acl == nullptr) {
-        return;
-    }
-    auto* copy = static_cast<cached_ace*>(std::malloc(sizeof(cached_ace)));
-    if (copy == nullptr) {
-        SCC_LOG("alloc memory failed!!!");
-        return;
-    }
-    std::memcpy(&copy->record, ace, sizeof copy->record);
-    insert_in_order(*acl, copy);
+    add_ace(*key, ace);
 }
 
 void _scc_lib_ace_del(const scc_acl_key* key, const scc_ace_record* ace) {
@@ -384,71 +484,18 @@ void _scc_lib_ace_del(const scc_acl_key* key, const scc_ace_record* ace) {
         return;
     }
     const write_guard guard(scc_acl_lock);
-    cached_acl* acl = find_acl(*key);
-    if (acl == nullptr) {
-        return;
-    }
-    // The caller's record may lie unaligned in saved data.
-    const u32 sn = load<u32>(ace, offsetof(scc_ace_record, sn));
-    const u32 ace_id = load<u32>(ace, offsetof(scc_ace_record, ace_id));
-    cached_ace* first = find_ace(*acl, sn);
-    for (list_node* link = first == nullptr ? &acl->aces : &first->record.link; link != &acl->aces;
-         link = link->next) {
-        cached_ace* candidate = ace_of_link(link);
-        if (candidate->record.sn == sn && candidate->record.ace_id == ace_id) {
-            free_ace(*acl, candidate);
-            SCC_LOG("delete specific ace done.");
-            return;
-        }
-        if (acl->out_of_order == 0 && candidate->record.sn != sn) {
-            break;
-        }
-    }
-    SCC_LOG("no such ace!!!");
+    delete_ace(*key, ace);
 }
 
 void _scc_lib_acl_reseq(const scc_acl_key* key, u32 sn_start, u32 sn_inc) {
-    if (key == nullptr || static_cast<i32>(sn_start) < 1 || static_cast<i32>(sn_inc) < 1) {
-        SCC_LOG("scclib param invalid. acl_info:%p, sn_start:%d, sn_inc:%d.", static_cast<const void*>(key),
-                sn_start, sn_inc);
-        return;
-    }
     const write_guard guard(scc_acl_lock);
-    cached_acl* acl = find_acl(*key);
-    if (acl == nullptr) {
-        return;
-    }
-    renumber(*acl, sn_start, sn_inc);
-    acl->sn_start = sn_start;
-    acl->sn_inc = sn_inc;
+    resequence(key, sn_start, sn_inc);
 }
 
 void _scc_lib_acl_update(const pending_call* call) {
-    if (call == nullptr) {
-        return;
-    }
-    const u8* data = call->data();
-    scc_acl_key key;
-    const auto saved = static_cast<std::size_t>(call->data_bytes > 0 ? call->data_bytes : 0);
-    if (saved < bytes_needed(call->kind)) {
-        SCC_LOG("unknown scclib call id(%d)", call->kind);
-        return;
-    }
-    std::memcpy(&key, data, sizeof key);
-    const auto* ace = reinterpret_cast<const scc_ace_record*>(data + sizeof key);
-    switch (call->kind) {
-        case kind::acl_create:
-            return _scc_lib_acl_add(&key);
-        case kind::acl_delete:
-            return _scc_lib_acl_del(&key);
-        case kind::acl_add_ace:
-            return _scc_lib_ace_add(&key, ace);
-        case kind::acl_delete_ace:
-            return _scc_lib_ace_del(&key, ace);
-        case kind::acl_resequence:
-            return _scc_lib_acl_reseq(&key, load<u32>(data, 16), load<u32>(data, 20));
-        default:
-            SCC_LOG("unknown scclib call id(%d)", call->kind);
+    if (call != nullptr && is_cache_change(*call)) {
+        const write_guard guard(scc_acl_lock);
+        update(*call);
     }
 }
 }

@@ -56,9 +56,11 @@ void free_acl_cache();
 // The first cached ACE with this number, in list order; null when there is none. scc_acl_lock held.
 [[nodiscard]] cached_ace* find_ace(cached_acl& acl, u32 sn);
 
-// What a confirmed call changes in the cache, as _scc_lib_acl_update; true when the call's block has become
-// the cache's, so that the caller must not release it.
-[[nodiscard]] bool take_into_cache(pending_call* call);
+// Goes up each time the cache is emptied.
+[[nodiscard]] u32 acl_cache_revision();
+// What a confirmed call changes in the cache, as _scc_lib_acl_update, unless the cache was emptied since the
+// revision; true when the call's block has become the cache's, so that the caller must not release it.
+[[nodiscard]] bool take_into_cache(pending_call* call, u32 revision);
 
 [[nodiscard]] u64 capability_word();
 void set_capability_word(u64 word);

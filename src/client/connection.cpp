@@ -5,6 +5,7 @@
 //   unregistration request (302), 4 bytes: u32 app id;  reply: u32 not examined, u32 result
 #include "client/connection.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -15,11 +16,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "client/client_data.h"
+#include "client/connection_scope.h"
 #include "client/control_block.h"
 #include "client/diagnostics.h"
+#include "client/exchange.h"
 #include "client/handlers.h"
 #include "client/log.h"
-#include "client/request_channel.h"
 #include "client/service_statistics.h"
 #include "msg/bytes.h"
 #include "msg/message.h"
@@ -33,19 +36,14 @@ namespace {
 
 static_assert(sizeof(sockaddr_un::sun_path) == limits::path_bytes);
 
-int pid_now() {
-    return static_cast<int>(g_scc_client_cb.pid.load(relaxed));
-}
-
-u32 app_id_now() {
-    return g_scc_client_cb.app_id.load(relaxed);
-}
+constexpr const char* connect_function = "_scc_lib_client_connect";
+constexpr const char* register_function = "_scc_lib_svr_rereg";
 
 // Logs why, closes, and returns the negative error number.
 int give_up(int fd, const char* text) {
     const int error = errno;
-    SCC_LOG("%s", text);
-    SCC_LOG("reason:%s", std::strerror(error));
+    SCC_LOG_FROM(connect_function, "%s", text);
+    SCC_LOG_FROM(connect_function, "reason:%s", std::strerror(error));
     if (fd >= 0) {
         close(fd);
     }
@@ -61,6 +59,7 @@ bool own_address(const char* prefix, sockaddr_un& address) {
     address.sun_family = AF_UNIX;
     const int length = std::snprintf(address.sun_path, sizeof address.sun_path, "%s%d", prefix, pid_now());
     if (length < 0 || length >= static_cast<int>(sizeof address.sun_path)) {
+        SCC_LOG_FROM(connect_function, "client socket path is too long: %s%d", prefix, pid_now());
         return false;
     }
     unlink(address.sun_path);
@@ -79,7 +78,7 @@ int set_send_timeout(int fd) {
         return fd;
     }
     const int error = errno;
-    SCC_LOG("setsockopt fail errno=%d error(%s).", error, std::strerror(error));
+    SCC_LOG_FROM(connect_function, "setsockopt fail errno=%d error(%s).", error, std::strerror(error));
     close(fd);
     return -error;
 }
@@ -89,8 +88,26 @@ struct socket_prefixes {
     path_buffer async;
 };
 
-bool make_prefixes(socket_prefixes& out) {
-    return make_path(out.sync, sync_socket_suffix) && make_path(out.async, async_socket_suffix);
+bool make_prefixes(socket_prefixes& out, const char* function) {
+    if (make_path(out.sync, sync_socket_suffix) && make_path(out.async, async_socket_suffix)) {
+        return true;
+    }
+    SCC_LOG_FROM(function, "TMPDIR is unset, or too long for a socket path.");
+    return false;
+}
+
+// A host that runs without standard streams must not find a socket of the library in their place, and
+// descriptor 0 is never closed.
+int open_socket() {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0 || fd > STDERR_FILENO) {
+        return fd;
+    }
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return moved;
 }
 
 u32 connect_channel(channel which, const path_buffer& prefix, u32 generation) {
@@ -111,16 +128,13 @@ u32 register_both(const registration_identity& identity) {
     return error != result::ok ? error : _scc_lib_client_reg(0, &identity);
 }
 
-// A value of the first item of a reply, 0 where the reply is too short for it: registration replies of a
-// refusal may leave the holder's pid out.
-u32 reply_word(const void* message, std::size_t offset) {
-    const u32 length = load<u32>(message, wire::header_bytes);
-    const auto* value = static_cast<const u8*>(message) + wire::header_bytes + wire::item_header_bytes;
-    return offset + sizeof(u32) <= length ? load<u32>(value, offset) : 0;
+// A word of the reply's value, 0 where it is too short for it: a refusal may leave the holder's pid out.
+u32 reply_word(const exchange& reply, std::size_t offset) {
+    return offset + sizeof(u32) <= reply.value().size() ? load<u32>(reply.value().data(), offset) : 0;
 }
 
-bool has_result(const void* message) {
-    return load<u32>(message, wire::header_bytes) >= 8;
+bool has_result(const exchange& reply) {
+    return reply.value().size() >= 8;
 }
 
 void sleep_before_retry() {
@@ -133,9 +147,14 @@ registration_identity identity_of_control_block() {
     return {app_id_now(), g_scc_client_cb.option.load(relaxed)};
 }
 
-u32 connect_and_register(const registration_identity& identity, u32 generation) {
+bool can_form_socket_paths(const char* function) {
     socket_prefixes prefixes;
-    if (!make_prefixes(prefixes)) {
+    return make_prefixes(prefixes, function);
+}
+
+u32 connect_and_register(const registration_identity& identity, u32 generation, const char* function) {
+    socket_prefixes prefixes;
+    if (!make_prefixes(prefixes, function)) {
         return result::io_error;
     }
     const u32 epoch = epoch_of(generation);
@@ -150,20 +169,19 @@ u32 connect_and_register(const registration_identity& identity, u32 generation) 
     if (error != result::ok) {
         return error;
     }
-    SCC_LOG("(app id:%d, pid:%d)connect to sccd success!", app_id_now(), pid_now());
+    SCC_LOG_FROM(function, "(app id:%d, pid:%d)connect to sccd success!", app_id_now(), pid_now());
     return set_state_of(generation, state_registering) ? register_both(identity) : result::bad_descriptor;
 }
 
 bool register_until_done(u32 generation) {
-    socket_prefixes prefixes;
-    if (!make_prefixes(prefixes)) {
+    if (!can_form_socket_paths(register_function)) {
         return false;
     }
     if (client_state_now() != state_idle) {
-        SCC_LOG("scc client start to try re-reg.");
+        SCC_LOG_FROM(register_function, "scc client start to try re-reg.");
         notify_status(0, generation);
     }
-    while (connect_and_register(identity_of_control_block(), generation) != result::ok) {
+    while (connect_and_register(identity_of_control_block(), generation, register_function) != result::ok) {
         if (!reset_connection(generation) || app_id_now() == 0) {
             return false;
         }
@@ -173,29 +191,24 @@ bool register_until_done(u32 generation) {
     if (!set_state_of(generation, state_registered)) {
         return false;
     }
-    SCC_LOG("(app id:%d, pid:%d)register to sccd success!", app_id_now(), pid_now());
+    SCC_LOG_FROM(register_function, "(app id:%d, pid:%d)register to sccd success!", app_id_now(), pid_now());
     _scc_lib_func_stat_reset();
     reset_service_statistics();
     notify_status(1, generation);
     return true;
 }
 
-u32 unregister_client(void (*before_close)()) {
-    const u32 app_id = app_id_now();
-    unregistration_begins();  // first: the receive thread waits for the outcome from the moment the id is 0
-    g_scc_client_cb.app_id.store(0, relaxed);
-    u32 error = result::ok;
-    if (g_scc_client_cb.sync_fd.load(relaxed) > 0) {
-        error = _scc_client_unreg(g_scc_client_cb.sync_fd.load(relaxed), app_id, 1);
+u32 unregister_client(const char* function) {
+    u32 app_id = 0;
+    if (!begin_unregistration(app_id)) {
+        SCC_LOG_FROM(function, "(pid:%d) already unregistered or not registered!", pid_now());
+        return result::ok;
     }
+    const i32 fd = g_scc_client_cb.sync_fd.load(relaxed);
+    const u32 error = fd > 0 ? _scc_client_unreg(fd, app_id, 1) : result::ok;
     if (error != result::ok) {
-        SCC_LOG("(app id:%d, pid:%d)unregistered error!", app_id, pid_now());
-        g_scc_client_cb.app_id.store(app_id, relaxed);
-        // A send that timed out on the way has set the state back; the connection is still there.
-        if (client_state_now() == state_idle && _scc_lib_client_is_connected()) {
-            _scc_client_state_set(state_registered);
-        }
-        unregistration_is_over();
+        SCC_LOG_FROM(function, "(app id:%d, pid:%d)unregistered error!", app_id, pid_now());
+        take_unregistration_back(app_id);
         return error;
     }
     end_generation();
@@ -203,13 +216,13 @@ u32 unregister_client(void (*before_close)()) {
     g_scc_client_cb.last_call_id.store(0, relaxed);
     _scc_lib_handler_clear();
     g_scc_client_cb.option.store(0, relaxed);
-    if (before_close != nullptr) {
-        before_close();
+    if (const agent_hooks* agent = active_agent_hooks(); agent != nullptr) {
+        agent->cancel_tasks();
     }
     (void)close_descriptors();
     _scc_lib_data_free();
-    unregistration_is_over();
-    SCC_LOG("(app id:%d, pid:%d) unregister to sccd success!", app_id, pid_now());
+    end_unregistration();
+    SCC_LOG_FROM(function, "(app id:%d, pid:%d) unregister to sccd success!", app_id, pid_now());
     return result::ok;
 }
 
@@ -222,7 +235,7 @@ int _scc_lib_client_connect(const char* prefix) {
     if (!own_address(prefix, own)) {
         return -1;
     }
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = open_socket();
     if (fd < 0) {
         return give_up(fd, "create socket error!!!");
     }
@@ -258,51 +271,45 @@ u32 _scc_lib_client_reg(int sync, const registration_identity* identity) {
     store<u32>(request, 4, static_cast<u32>(pid_now()));
     store<u8>(request, 8, identity->option);
     store<u8>(request, 9, static_cast<u8>(sync));
-    u32 error = _scc_lib_msg_send_rt(0, msg::registration, request, sizeof request, sync);
-    if (error != result::ok) {
+    exchange talk(channel_of(sync));
+    if (const u32 error = talk.send(msg::registration, request).error; error != result::ok) {
         return error;
     }
-    void* reply = nullptr;
-    error = _scc_lib_msg_recv(&reply, sync);
-    if (error != result::ok) {
+    if (const u32 error = talk.receive(); error != result::ok) {
         return error;
     }
-    const u32 refusal = has_result(reply) ? reply_word(reply, 4) : result::format;
+    const u32 refusal = has_result(talk) ? reply_word(talk, 4) : result::format;
     if (refusal != result::ok) {
-        const u32 holder = reply_word(reply, 8);
         SCC_LOG("(app id:%d, pid:%d)reg action rejected by sccd!", identity->app_id, pid_now());
-        if (static_cast<i32>(holder) > 0) {
+        if (const u32 holder = reply_word(talk, 8); holder != 0) {
             SCC_LOG("app id:%d already registered by pid:%d!", identity->app_id, holder);
         }
     }
-    _scc_msg_free(&reply);
     return refusal;
 }
 
+// A daemon that has gone has unregistered everybody: a dead connection is its agreement.
 u32 _scc_client_unreg(int /*fd*/, u32 app_id, int sync) {
-    u32 error = _scc_lib_msg_send_rt(0, msg::unregistration, &app_id, sizeof app_id, sync);
-    if (error != result::ok) {
-        return error;
-    }
-    void* reply = nullptr;
-    error = _scc_lib_msg_recv(&reply, sync);
-    if (error != result::ok) {
-        if (!_scc_connect_should_reset(error)) {
-            return error;
-        }
+    exchange talk(channel_of(sync));
+    const send_outcome sent = talk.send(msg::unregistration, bytes_of(app_id));
+    const u32 error = sent.error != result::ok ? sent.error : talk.receive();
+    if (_scc_connect_should_reset(error)) {
         _scc_lib_data_free();
         return result::ok;
     }
-    const bool readable = has_result(reply);
-    const bool refused = readable && reply_word(reply, 4) != 0;
-    _scc_msg_free(&reply);
-    if (!readable) {
+    if (sent.in_part) {
+        shut_down_connection(talk.epoch());
+    }
+    if (error != result::ok) {
+        return error;
+    }
+    if (!has_result(talk)) {
         return result::format;
     }
-    if (refused) {
-        SCC_LOG("(app id:%d, pid:%d)unreg action rejected by sccd!", app_id, pid_now());
-        return result::unregister_rejected;
+    if (reply_word(talk, 4) == 0) {
+        return result::ok;
     }
-    return result::ok;
+    SCC_LOG("(app id:%d, pid:%d)unreg action rejected by sccd!", app_id, pid_now());
+    return result::unregister_rejected;
 }
 }

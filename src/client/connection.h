@@ -15,16 +15,19 @@ struct registration_identity {
 [[nodiscard]] registration_identity identity_of_control_block();
 
 // Connects what is not connected and registers on both sockets, states 2, 3 on the way. 0, a positive
-// error number or the daemon's refusal; on failure nothing is closed yet.
-[[nodiscard]] u32 connect_and_register(const registration_identity& identity, u32 generation);
+// error number or the daemon's refusal; on failure nothing is closed yet. Logs in the name of function.
+[[nodiscard]] u32 connect_and_register(const registration_identity& identity, u32 generation,
+                                       const char* function);
+
+// Whether the paths of both sockets can be formed; logs in the name of function when they cannot.
+[[nodiscard]] bool can_form_socket_paths(const char* function);
 
 // Connects and registers until it has succeeded (true) or the registration ended.
 [[nodiscard]] bool register_until_done(u32 generation);
 
-// The unregistration exchange with its surroundings, under whatever lock the caller needs: afterwards the
-// library is unregistered, or registered as before. before_close runs once the daemon has agreed.
-// 0, 2001 or the exchange's error.
-[[nodiscard]] u32 unregister_client(void (*before_close)() = nullptr);
+// The unregistration of the exported call that function names, under whatever lock it needs: afterwards the
+// library is unregistered, or registered as before. 0, 2001 or the exchange's error.
+[[nodiscard]] u32 unregister_client(const char* function);
 
 }  // namespace scc
 

@@ -51,6 +51,19 @@ namespace scc {
     return g_scc_client_cb.state.load(relaxed);
 }
 
+[[nodiscard]] inline u32 app_id_now() {
+    return g_scc_client_cb.app_id.load(relaxed);
+}
+
+[[nodiscard]] inline int pid_now() {
+    return static_cast<int>(g_scc_client_cb.pid.load(relaxed));
+}
+
+// Started by scc_svr_reg or scc_ss_reg, whose receive thread recovers; otherwise the event loop does.
+[[nodiscard]] inline bool is_thread_mode() {
+    return g_scc_client_cb.thread_mode.load(relaxed) == 1;
+}
+
 template <class Handler>
 [[nodiscard]] inline Handler load_handler(const Handler& slot) {
     return __atomic_load_n(&slot, __ATOMIC_RELAXED);

@@ -1,5 +1,4 @@
-// See descriptors.h. One small mutex guards lending, installing and closing; nothing blocks under it, but
-// for dropping the data of a connection, which takes scc_call_data_lock and scc_acl_lock in turn.
+// See descriptors.h. g_connection_mutex guards lending, installing and closing.
 #include "client/descriptors.h"
 
 #include <pthread.h>
@@ -11,10 +10,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "client/client_data.h"
 #include "client/control_block.h"
 #include "client/locks.h"
 #include "client/log.h"
-#include "client/request_channel.h"
 #include "msg/paths.h"
 
 namespace scc {
@@ -26,14 +25,9 @@ struct loan {
     bool doomed = false;  // closed by the last borrower
 };
 
-constinit pthread_mutex_t g_connection_mutex = PTHREAD_MUTEX_INITIALIZER;
-constinit pthread_cond_t g_unregistration_over = PTHREAD_COND_INITIALIZER;
-
-// Guarded by g_connection_mutex; the two numbers are also read without it.
+// Guarded by g_connection_mutex; the epoch is also read without it.
 constinit std::array<loan, 32> g_loans{};
 constinit std::atomic<u32> g_epoch{1};
-constinit std::atomic<u32> g_generation{0};
-constinit bool g_unregistering = false;
 
 std::atomic<i32>& slot_of(channel which) {
     return which == channel::sync ? g_scc_client_cb.sync_fd : g_scc_client_cb.async_fd;
@@ -80,6 +74,8 @@ int close_or_doom(int fd) {
     return close(fd);
 }
 
+constexpr const char* close_function = "_scc_lib_client_close";
+
 // A descriptor of 0 is never closed: it is taken for the host's own.
 bool close_slot(channel which, const char* text) {
     std::atomic<i32>& slot = slot_of(which);
@@ -91,8 +87,9 @@ bool close_slot(channel which, const char* text) {
     if (close_or_doom(fd) == 0) {
         return true;
     }
-    SCC_LOG("%s", text);
-    SCC_LOG("reason:%s", std::strerror(errno));
+    [[maybe_unused]] const int error = errno;
+    SCC_LOG_FROM(close_function, "%s", text);
+    SCC_LOG_FROM(close_function, "reason:%s", std::strerror(error));
     slot.store(fd, relaxed);
     return false;
 }
@@ -103,19 +100,24 @@ bool remove_socket_file(const char* suffix) {
         return false;
     }
     path_buffer path;
-    const int length = std::snprintf(path.text, sizeof path.text, "%s%d", prefix.text,
-                                     static_cast<int>(g_scc_client_cb.pid.load(relaxed)));
+    const int length = std::snprintf(path.text, sizeof path.text, "%s%d", prefix.text, pid_now());
     if (length < static_cast<int>(sizeof path.text)) {
         unlink(path.text);
     }
     return true;
 }
 
-int close_both_locked() {
+// These are called with g_connection_mutex held.
+
+bool end_epoch() {
     g_epoch.fetch_add(1, std::memory_order_release);
     const bool sync_closed = close_slot(channel::sync, "close sync socket failed!!!");
     const bool async_closed = close_slot(channel::async, "close async socket failed!!!");
-    if (!sync_closed || !async_closed) {
+    return sync_closed && async_closed;
+}
+
+int close_both() {
+    if (!end_epoch()) {
         return -1;
     }
     if (!remove_socket_file(sync_socket_suffix) || !remove_socket_file(async_socket_suffix)) {
@@ -123,6 +125,22 @@ int close_both_locked() {
     }
     scc_lib_rereg.store(1, relaxed);
     return 0;
+}
+
+void shut_down_both() {
+    for (const channel which : {channel::sync, channel::async}) {
+        const int fd = slot_of(which).load(relaxed);
+        if (fd > 0) {
+            shutdown(fd, SHUT_RDWR);
+        }
+    }
+}
+
+bool something_lives(start_kind kind) {
+    const start_kind living = locked::living_start();
+    const bool replaces = living == start_kind::agent && kind == start_kind::agent;
+    return _scc_lib_client_is_connected() || client_state_now() != state_idle || locked::is_unregistering() ||
+           (living != start_kind::none && !replaces);
 }
 
 }  // namespace
@@ -160,36 +178,25 @@ borrowed_descriptor::~borrowed_descriptor() {
     }
 }
 
-u32 begin_generation() {
+bool is_started(start_kind kind) {
     const mutex_guard guard(g_connection_mutex);
-    return g_generation.fetch_add(1, relaxed) + 1;
+    return something_lives(kind);
 }
 
-void end_generation() {
+bool claim_start(start_kind kind, u32& generation) {
     const mutex_guard guard(g_connection_mutex);
-    g_generation.fetch_add(1, relaxed);
-}
-
-bool is_current(u32 generation) {
-    return g_generation.load(relaxed) == generation;
-}
-
-u32 current_generation() {
-    return g_generation.load(relaxed);
+    if (something_lives(kind)) {
+        return false;
+    }
+    // What an attempt that this start replaces has opened, and what it would still send, is not for this one.
+    (void)end_epoch();
+    generation = locked::begin_generation(kind);
+    return true;
 }
 
 u32 epoch_of(u32 generation) {
     const mutex_guard guard(g_connection_mutex);
     return is_current(generation) ? g_epoch.load(relaxed) : any_epoch;
-}
-
-bool set_state_of(u32 generation, u32 state) {
-    const mutex_guard guard(g_connection_mutex);
-    if (!is_current(generation)) {
-        return false;
-    }
-    _scc_client_state_set(state);
-    return true;
 }
 
 bool install_descriptor(channel which, int fd, u32 generation) {
@@ -204,7 +211,7 @@ bool install_descriptor(channel which, int fd, u32 generation) {
 
 int close_descriptors() {
     const mutex_guard guard(g_connection_mutex);
-    return close_both_locked();
+    return close_both();
 }
 
 bool close_descriptors_of(u32 epoch) {
@@ -212,7 +219,7 @@ bool close_descriptors_of(u32 epoch) {
     if (g_epoch.load(relaxed) != epoch) {
         return false;
     }
-    (void)close_both_locked();
+    (void)close_both();
     return true;
 }
 
@@ -222,7 +229,7 @@ bool end_connection_of(u32 epoch, u32 next_state) {
         return false;
     }
     _scc_client_state_set(next_state);
-    (void)close_both_locked();
+    (void)close_both();
     return true;
 }
 
@@ -232,54 +239,40 @@ bool reset_connection(u32 generation) {
         return false;
     }
     _scc_client_state_set(state_failed);
-    (void)close_both_locked();
+    (void)close_both();
     // Last: a request that saved its call under the old epoch either sees the new one, and drops its call,
-    // or saved it in front of this.
+    // or saved it before this.
     _scc_lib_data_free();
     return true;
 }
 
 void report_broken(u32 epoch) {
     const mutex_guard guard(g_connection_mutex);
-    if (g_epoch.load(relaxed) != epoch || client_state_now() != state_registered) {
-        return;
-    }
-    for (const channel which : {channel::sync, channel::async}) {
-        const int fd = slot_of(which).load(relaxed);
-        if (fd > 0) {
-            shutdown(fd, SHUT_RDWR);
-        }
-    }
-    scc_lib_rereg.store(1, relaxed);
-}
-
-void notify_status(u32 status, u32 generation) {
-    pthread_mutex_lock(&g_connection_mutex);
-    const auto handler =
-        is_current(generation) ? load_handler(g_scc_client_cb.handlers.server_status) : nullptr;
-    pthread_mutex_unlock(&g_connection_mutex);
-    if (handler != nullptr) {
-        handler(status);
+    if (g_epoch.load(relaxed) == epoch && client_state_now() == state_registered) {
+        shut_down_both();
+        scc_lib_rereg.store(1, relaxed);
     }
 }
 
-void unregistration_begins() {
+void shut_down_connection(u32 epoch) {
     const mutex_guard guard(g_connection_mutex);
-    g_unregistering = true;
-}
-
-void unregistration_is_over() {
-    const mutex_guard guard(g_connection_mutex);
-    g_unregistering = false;
-    pthread_cond_broadcast(&g_unregistration_over);
-}
-
-bool survives_unregistration(u32 generation) {
-    const mutex_guard guard(g_connection_mutex);
-    while (g_unregistering && is_current(generation)) {
-        pthread_cond_wait(&g_unregistration_over, &g_connection_mutex);
+    if (g_epoch.load(relaxed) == epoch) {
+        shut_down_both();
     }
-    return is_current(generation);
+}
+
+void drop_data_of(u32 epoch) {
+    const mutex_guard guard(g_connection_mutex);
+    if (g_epoch.load(relaxed) == epoch) {
+        _scc_lib_data_free();
+    }
+}
+
+void set_idle_of(u32 epoch) {
+    const mutex_guard guard(g_connection_mutex);
+    if (g_epoch.load(relaxed) == epoch && app_id_now() == 0) {
+        _scc_client_state_set(state_idle);
+    }
 }
 
 }  // namespace scc

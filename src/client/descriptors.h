@@ -2,10 +2,11 @@
 // it down and closes it; whoever is inside a system call on it has borrowed it, and the last borrower
 // closes what was taken out meanwhile. So no number is closed twice and none is used after its close.
 //
-// Connections are told apart by an epoch, which goes up each time one is closed, and registrations by a
-// generation: a thread of an earlier registration finds out under the same lock under which it would act.
+// Connections are told apart by an epoch, which goes up each time one is closed and each time a registration
+// begins.
 #pragma once
 
+#include "client/lifetime.h"
 #include "msg/protocol.h"
 
 namespace scc {
@@ -37,18 +38,14 @@ class borrowed_descriptor {
     u32 epoch_;
 };
 
-// Begins a registration; the threads that it starts carry the number.
-[[nodiscard]] u32 begin_generation();
-// Ends the current registration for good: its threads leave.
-void end_generation();
-[[nodiscard]] bool is_current(u32 generation);
-[[nodiscard]] u32 current_generation();
+// Begins a registration, unless something of another start still lives: its receive thread, a connection, or
+// a task of an event loop. Only an event loop's start may take the place of an event loop's.
+[[nodiscard]] bool claim_start(start_kind kind, u32& generation);
+[[nodiscard]] bool is_started(start_kind kind);
+
 // The epoch of this registration's connection, any_epoch once the registration has ended. What is borrowed
 // with it is never a later registration's.
 [[nodiscard]] u32 epoch_of(u32 generation);
-// Sets the client state for this registration; false when it has ended.
-[[nodiscard]] bool set_state_of(u32 generation, u32 state);
-
 // Hands a connected descriptor over. False, and closed, when the registration has ended.
 [[nodiscard]] bool install_descriptor(channel which, int fd, u32 generation);
 
@@ -64,14 +61,11 @@ bool end_connection_of(u32 epoch, u32 next_state);
 [[nodiscard]] bool reset_connection(u32 generation);
 // Makes the receive thread notice that the named connection is dead; the descriptors stay its own.
 void report_broken(u32 epoch);
-
-// Calls the server-status handler, unless the registration has ended.
-void notify_status(u32 status, u32 generation);
-
-// While an unregistration is under way the app id is 0 but the registration has not ended yet.
-// Waits for the outcome; true when the registration is still there.
-[[nodiscard]] bool survives_unregistration(u32 generation);
-void unregistration_begins();
-void unregistration_is_over();
+// Ends the traffic on both sockets of the named connection: whoever reads them finds their end.
+void shut_down_connection(u32 epoch);
+// Drops the data of the named connection, unless it has gone and took its data with it.
+void drop_data_of(u32 epoch);
+// State 1 during an unregistration whose send failed, unless the named connection has gone.
+void set_idle_of(u32 epoch);
 
 }  // namespace scc

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <array>
 
-#include "client/descriptors.h"
 #include "client/diagnostics.h"
+#include "client/lifetime.h"
 #include "client/log.h"
 #include "client/notifications.h"
 #include "client/replies.h"
@@ -16,6 +16,8 @@ using namespace scc;
 
 namespace scc {
 namespace {
+
+constexpr const char* function = "_scc_lib_async_msg_proc";
 
 struct item_row {
     u16 type;
@@ -72,9 +74,10 @@ bool is_long_enough(const item_row& row, const item& received) {
 void process(const item& received) {
     const auto* row = std::ranges::lower_bound(item_table, received.type, {}, &item_row::type);
     if (row == item_table.end() || row->type != received.type) {
-        SCC_LOG("unknown scclib msg type(%d).", received.type);
+        SCC_LOG_FROM(function, "unknown scclib msg type(%d).", received.type);
     } else if (!is_long_enough(*row, received)) {
-        SCC_LOG("scclib msg type(%d) too short. len:%zu.", received.type, received.value.size());
+        SCC_LOG_FROM(function, "scclib msg type(%d) too short. len:%zu.", received.type,
+                     received.value.size());
     } else {
         row->process(received.value.data());
     }

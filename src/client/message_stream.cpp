@@ -12,6 +12,11 @@
 #include "msg/result_codes.h"
 
 namespace scc {
+namespace {
+
+constexpr const char* function = "_scc_lib_msg_recv";
+
+}  // namespace
 
 message_stream::~message_stream() {
     std::free(message_);
@@ -41,12 +46,12 @@ u32 message_stream::begin_message() {
     consume(header, sizeof header);
     length_ = load<u32>(header);
     if (load<u16>(header, 5) == 0 || length_ <= wire::header_bytes) {
-        SCC_LOG("msg format error,no tlv.");
+        SCC_LOG_FROM(function, "msg format error,no tlv.");
         return result::format;
     }
     message_ = static_cast<u8*>(std::malloc(length_));
     if (message_ == nullptr) {
-        SCC_LOG("alloc memory failed.");
+        SCC_LOG_FROM(function, "alloc memory failed.");
         unwanted_ = length_ - wire::header_bytes;
         return result::no_memory;
     }
@@ -59,7 +64,7 @@ u32 message_stream::finish_message(void** message) {
     u8* whole = message_;
     message_ = nullptr;
     if (!items_fit({whole, length_})) {
-        SCC_LOG("msg format error,items exceed msg. len:%zu.", length_);
+        SCC_LOG_FROM(function, "msg format error,items exceed msg. len:%zu.", length_);
         std::free(whole);
         return result::format;
     }
@@ -99,9 +104,9 @@ u32 message_stream::fill(int fd) {
     }
     const u32 error = got == 0 ? result::peer_closed : static_cast<u32>(errno);
     if (message_ == nullptr) {
-        SCC_LOG("recv msg hdr error! syn:%d errno:%d.", 0, error);
+        SCC_LOG_FROM(function, "recv msg hdr error! syn:%d errno:%d.", 0, error);
     } else {
-        SCC_LOG("recv msg body error! errno:%d.", error);
+        SCC_LOG_FROM(function, "recv msg body error! errno:%d.", error);
     }
     return error;
 }

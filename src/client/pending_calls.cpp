@@ -6,6 +6,8 @@
 #include "client/pending_calls.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
@@ -45,13 +47,22 @@ constinit handoff_ring<pending_call*, incoming_calls_max> g_incoming{};
 // Blocks of delivered calls. Given to under scc_call_data_lock, taken from under scc_lib_lock.
 constinit handoff_ring<pending_call*, spare_blocks_max> g_spare{};
 
-// The lock for a moment: the two threads that share it hold it so shortly that looking again is cheaper
-// than sleeping.
+// The calls in hand. The ids and the size are guarded by scc_call_data_lock; a call changes hands by the
+// exchange of its slot, which needs no lock.
+struct hand {
+    std::array<std::atomic<pending_call*>, calls_in_hand::most> calls;
+    std::array<u32, calls_in_hand::most> ids;
+    std::size_t size;
+};
+
+constinit hand g_hand{};
+
+// Spins briefly: hold times are shorter than a sleep.
 class brief_guard {
   public:
     brief_guard() {
-        constexpr int looks = 200;
-        for (int i = 0; i < looks; ++i) {
+        constexpr int spins = 200;
+        for (int i = 0; i < spins; ++i) {
             if (pthread_rwlock_trywrlock(&scc_call_data_lock) == 0) {
                 return;
             }
@@ -160,16 +171,35 @@ pending_call* unlink_call(u32 call_id) {
     return reinterpret_cast<pending_call*>(node);
 }
 
+// The oldest call of this id in hand, which is older than those of the index. scc_call_data_lock held.
+pending_call* take_from_hand(u32 call_id) {
+    for (std::size_t i = 0; i < g_hand.size; ++i) {
+        if (g_hand.ids[i] == call_id) {
+            if (pending_call* call = g_hand.calls[i].exchange(nullptr); call != nullptr) {
+                return call;
+            }
+        }
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 pending_call* take_pending_call(u32 call_id) {
     const brief_guard guard;
+    if (pending_call* call = take_from_hand(call_id); call != nullptr) {
+        return call;
+    }
     index_incoming();
     return unlink_call(call_id);
 }
 
-void take_pending_calls(std::span<const u32> ids, std::span<pending_call*> calls) {
+calls_in_hand::calls_in_hand(std::span<const u32> ids) : ids_(ids), holds_(false) {
     const brief_guard guard;
+    if (g_hand.size != 0 || ids.empty()) {
+        return;
+    }
+    holds_ = true;
     index_incoming();
     // A million calls lie all over the memory: their cache misses overlap this way.
     for (const u32 id : ids) {
@@ -179,8 +209,27 @@ void take_pending_calls(std::span<const u32> ids, std::span<pending_call*> calls
         g_scc_lib_call_lst.prefetch_first(id);
     }
     for (std::size_t i = 0; i < ids.size(); ++i) {
-        calls[i] = unlink_call(ids[i]);
+        g_hand.ids[i] = ids[i];
+        g_hand.calls[i].store(unlink_call(ids[i]), std::memory_order_relaxed);
     }
+    g_hand.size = ids.size();
+}
+
+calls_in_hand::~calls_in_hand() {
+    if (holds_) {
+        const brief_guard guard;
+        g_hand.size = 0;
+    }
+}
+
+pending_call* calls_in_hand::take(std::size_t i) {
+    pending_call* call = holds_ ? g_hand.calls[i].exchange(nullptr) : nullptr;
+    // A handler before this one may have made the call.
+    return call != nullptr ? call : take_pending_call(ids_[i]);
+}
+
+const pending_call* calls_in_hand::peek(std::size_t i) const {
+    return holds_ && i < ids_.size() ? g_hand.calls[i].load(std::memory_order_relaxed) : nullptr;
 }
 
 void release_pending_call(pending_call* call) {
@@ -203,11 +252,18 @@ void release_pending_calls(std::span<pending_call* const> calls) {
 std::size_t pending_calls() {
     const write_guard guard(scc_call_data_lock);
     index_incoming();
-    return g_scc_lib_call_lst.size();
+    std::size_t count = g_scc_lib_call_lst.size();
+    for (std::size_t i = 0; i < g_hand.size; ++i) {
+        count += g_hand.calls[i].load(std::memory_order_relaxed) != nullptr ? 1 : 0;
+    }
+    return count;
 }
 
 void free_pending_calls() {
     const write_guard guard(scc_call_data_lock);
+    for (std::size_t i = 0; i < g_hand.size; ++i) {
+        std::free(g_hand.calls[i].exchange(nullptr));
+    }
     index_incoming();
     g_scc_lib_call_lst.clear([](list_node* node) { std::free(node); });
 }

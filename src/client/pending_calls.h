@@ -30,10 +30,30 @@ static_assert(sizeof(pending_call) == pending_call::head_bytes);
 // release_pending_call.
 [[nodiscard]] pending_call* take_pending_call(u32 call_id);
 void release_pending_call(pending_call* call);
-// The same for many, in order, each under one lock; ids and calls are of one length.
-void take_pending_calls(std::span<const u32> ids, std::span<pending_call*> calls);
-// Null entries are skipped.
+// The same for many, under one lock. Null entries are skipped.
 void release_pending_calls(std::span<pending_call* const> calls);
+
+// The calls of results that arrived together, found under one lock. Until its turn comes, a call in hand is
+// still a pending one: who drops or deletes pending calls takes it back.
+class calls_in_hand {
+  public:
+    static constexpr std::size_t most = 32;
+
+    // Looks up the calls of these ids, at most that many, in order.
+    explicit calls_in_hand(std::span<const u32> ids);
+    ~calls_in_hand();
+    calls_in_hand(const calls_in_hand&) = delete;
+    calls_in_hand& operator=(const calls_in_hand&) = delete;
+
+    // Takes the call of the i-th id, which then is the caller's; null when there is none. Once for each i.
+    [[nodiscard]] pending_call* take(std::size_t i);
+    // The call that take(i) may give, for fetching its data ahead; not to be looked into.
+    [[nodiscard]] const pending_call* peek(std::size_t i) const;
+
+  private:
+    std::span<const u32> ids_;
+    bool holds_;  // false when another run holds the hand
+};
 [[nodiscard]] std::size_t pending_calls();
 void free_pending_calls();
 void init_pending_calls();

@@ -9,10 +9,10 @@
 
 #include "client/connection.h"
 #include "client/control_block.h"
+#include "client/descriptors.h"
 #include "client/dispatch.h"
 #include "client/log.h"
 #include "client/message_stream.h"
-#include "client/request_channel.h"
 #include "client/threads.h"
 #include "msg/bytes.h"
 #include "msg/message.h"
@@ -21,12 +21,8 @@
 namespace scc {
 namespace {
 
-u32 app_id_now() {
-    return g_scc_client_cb.app_id.load(relaxed);
-}
-
 // Waits up to a second for the socket. 0 ready; 11 nothing came; otherwise the error.
-u32 wait_readable(int fd) {
+u32 wait_readable(int fd, const char* function) {
     pollfd watched{fd, POLLIN, 0};
     const int ready = poll(&watched, 1, limits::receive_wait_ms);
     if (ready == 0) {
@@ -39,7 +35,7 @@ u32 wait_readable(int fd) {
         error = result::bad_descriptor;
     }
     if (error != result::ok) {
-        SCC_LOG("select error! errno:%d.", error);
+        SCC_LOG_FROM(function, "select error! errno:%d.", error);
     }
     return error;
 }
@@ -70,7 +66,7 @@ u32 read_bytes(receiver& self, i32& fd) {
         self.stream.reset();
         self.epoch = epoch;
     }
-    const u32 error = wait_readable(fd);
+    const u32 error = wait_readable(fd, self.how.thread);
     if (error == result::try_again) {
         if (self.how.idle != nullptr) {
             self.how.idle();
@@ -80,10 +76,12 @@ u32 read_bytes(receiver& self, i32& fd) {
     return error == result::ok ? self.stream.fill(fd) : error;
 }
 
-// Delivers the whole messages that have arrived. Call ids start again with a registration and bytes with a
-// connection: what is left of an earlier one is for nobody. A message that is refused is behind the stream
-// then, and those that came with it are not left for the next read, which may meet the connection's end.
+// Delivers the whole messages that have arrived, whatever has become of the connection since: their results
+// belong to calls until those are dropped. Call ids start again with a registration, though, so what is left
+// of an ended one is for nobody. A message that is refused has been read past; the next one is not left for
+// another read, which may meet the connection's end.
 void deliver_messages(receiver& self, i32 fd) {
+    const delivery_turn turn(self.generation);
     for (;;) {
         void* message = nullptr;
         const u32 refusal = self.stream.next(&message);
@@ -93,7 +91,7 @@ void deliver_messages(receiver& self, i32 fd) {
             }
             continue;
         }
-        if (!is_current(self.generation) || self.epoch != connection_epoch()) {
+        if (!is_current(self.generation)) {
             _scc_msg_free(&message);
             break;
         }
@@ -105,19 +103,22 @@ void deliver_messages(receiver& self, i32 fd) {
 // One pass: at most one read. The result is the pass's error.
 u32 receive_once(receiver& self) {
     if (scc_lib_rereg.load(relaxed) != 0) {
-        SCC_LOG("appid %d ready to rereg.", app_id_now());
+        SCC_LOG_FROM(self.how.thread, "appid %d ready to rereg.", app_id_now());
         return result::peer_closed;
     }
     i32 fd = -1;
     const u32 error = read_bytes(self, fd);
-    if (fd < 0 && error == result::ok && is_current(self.generation)) {
-        SCC_LOG("scc client async socket not created.");
+    if (error != result::ok) {
+        return error;
+    }
+    if (fd < 0 && is_current(self.generation)) {
+        // There was no place for the sockets, neither to connect nor to close them as usual.
+        SCC_LOG_FROM(self.how.thread, "scc client async socket not created.");
         sleep(limits::missing_socket_seconds);
+        return result::peer_closed;
     }
-    if (error == result::ok) {
-        deliver_messages(self, fd);
-    }
-    return error;
+    deliver_messages(self, fd);
+    return result::ok;
 }
 
 // What follows an error; false when the thread has to leave.
@@ -131,15 +132,7 @@ bool recover(u32 error, u32 generation) {
     if (!reset_connection(generation)) {
         return false;
     }
-    if (register_until_done(generation)) {
-        return true;
-    }
-    if (!is_current(generation) || app_id_now() == 0) {
-        return false;
-    }
-    // There is no place for the sockets: nothing was tried, and the registration goes on without them.
-    sleep(limits::retry_seconds);
-    return true;
+    return register_until_done(generation) || (is_current(generation) && app_id_now() != 0);
 }
 
 }  // namespace
@@ -151,7 +144,8 @@ void dispatch_and_free(i32 /*fd*/, void* message, result_run& results) {
 
 void run_receive_loop(u32 generation, const delivery& how) {
     if (!register_until_done(generation)) {
-        SCC_LOG("scc client not registered to sccd.exit thread.");
+        SCC_LOG_FROM(how.thread, "scc client not registered to sccd.exit thread.");
+        leave_generation(generation);
         return;
     }
     receiver self{generation, how};
@@ -161,9 +155,7 @@ void run_receive_loop(u32 generation, const delivery& how) {
             break;
         }
     }
-    if (is_current(generation)) {
-        _scc_client_state_set(state_idle);
-    }
+    leave_generation(generation);
 }
 
 }  // namespace scc
@@ -171,6 +163,6 @@ void run_receive_loop(u32 generation, const delivery& how) {
 extern "C" void* _scc_lib_thread(void* generation) {
     scc::detach_and_name_with_pid();
     scc::run_receive_loop(static_cast<scc::u32>(reinterpret_cast<std::uintptr_t>(generation)),
-                          {scc::dispatch_and_free, nullptr});
+                          {__func__, scc::dispatch_and_free, nullptr});
     return nullptr;
 }

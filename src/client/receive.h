@@ -10,6 +10,7 @@ namespace scc {
 using deliver_message = void (*)(i32 fd, void* message, result_run& results);
 
 struct delivery {
+    const char* thread;  // the thread's function, in whose name it logs
     deliver_message message;
     void (*idle)();  // called when nothing came for a while; null for nothing to do
 };

@@ -1,13 +1,13 @@
 // The start and end of an application in thread mode.
 #include <sys/stat.h>
 
+#include "client/client_data.h"
 #include "client/connection.h"
 #include "client/control_block.h"
 #include "client/handlers.h"
 #include "client/locks.h"
 #include "client/log.h"
 #include "client/receive.h"
-#include "client/request_channel.h"
 #include "client/send_checker.h"
 #include "client/start.h"
 #include "client/threads.h"
@@ -25,8 +25,7 @@ u32 start_threads(const scc_reg_info& info, u32 generation) {
         error = start_thread(_scc_lib_send_buf_chk_thread, nullptr);
     }
     if (error != result::ok) {
-        SCC_LOG("(app id:%d, pid:%d)create scclib thread error!", info.app_id,
-                static_cast<int>(g_scc_client_cb.pid.load(relaxed)));
+        SCC_LOG_FROM("scc_svr_reg", "(app id:%d, pid:%d)create scclib thread error!", info.app_id, pid_now());
         undo_start(_scc_lib_handler_clear);
     }
     return error;
@@ -48,14 +47,18 @@ uint32_t scc_svr_reg(const struct scc_reg_info* info) {
     }
     umask(0);
     const write_guard guard(scc_lib_lock);
-    if (is_started(info->app_id)) {
+    const start_identity identity{info->app_id, info->option, start_kind::thread};
+    if (is_already_started(identity, __func__)) {
         return result::ok;
     }
-    if (const u32 error = make_runtime_directory(info->app_id); error != result::ok) {
+    if (const u32 error = make_runtime_directory(info->app_id, __func__); error != result::ok) {
         return error;
     }
     open_runtime_directory();
-    const u32 generation = take_identity({info->app_id, info->option, 1});
+    u32 generation = 0;
+    if (!take_identity(identity, generation, __func__)) {
+        return result::ok;
+    }
     _scc_lib_handler_set(info);
     _scc_lib_data_init();
     return start_threads(*info, generation);
@@ -63,11 +66,6 @@ uint32_t scc_svr_reg(const struct scc_reg_info* info) {
 
 uint32_t scc_svr_unreg(void) {
     const write_guard guard(scc_lib_lock);
-    if (client_state_now() != state_registered) {
-        SCC_LOG("(pid:%d) already unregistered or not registered!",
-                static_cast<int>(g_scc_client_cb.pid.load(relaxed)));
-        return result::ok;
-    }
-    return unregister_client();
+    return unregister_client(__func__);
 }
 }

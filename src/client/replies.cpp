@@ -23,10 +23,6 @@ constexpr u32 collect_entry_bytes = 24;
 constexpr u32 collect_bytes = collect_head_bytes + stat_entries * collect_entry_bytes;
 static_assert(collect_bytes == 320);
 
-u32 app_id_now() {
-    return g_scc_client_cb.app_id.load(relaxed);
-}
-
 void store_entry(u8* at, u32 index) {
     const call_statistics entry = read_statistics(index);
     const u32 columns[] = {index,

@@ -6,9 +6,9 @@
 
 #include "client/acl_cache.h"
 #include "client/delivery.h"
-#include "client/descriptors.h"
 #include "client/diagnostics.h"
 #include "client/kinds.h"
+#include "client/lifetime.h"
 #include "client/log.h"
 #include "client/pending_calls.h"
 #include "util/prefetch.h"
@@ -17,6 +17,8 @@ using namespace scc;
 
 namespace scc {
 namespace {
+
+constexpr const char* function = "_scc_lib_call_ret_proc";
 
 using deliver_fn = void (*)(u32 result, u32 call_id, const source& saved);
 
@@ -137,7 +139,7 @@ void deliver_result(u32 result, const pending_call& call) {
     const bool in_table = call.kind >= 1 && call.kind <= kind::last;
     const result_row row = in_table ? result_table[call.kind - 1] : result_row{call.kind, nullptr};
     if (row.deliver == nullptr) {
-        SCC_LOG("unknown scclib call ret id(%d).", call.kind);
+        SCC_LOG_FROM(function, "unknown scclib call ret id(%d).", call.kind);
         return;
     }
     const source saved{call.data(), static_cast<u32>(call.data_bytes)};
@@ -153,19 +155,19 @@ bool is_caching() {
 }
 
 // The handler first, then the cache, which may keep the call's block: then it is no longer the caller's.
-// When the handler ended the connection, the cache is empty, or another registration's.
-void complete(pending_call*& call, u32 result, u32 epoch) {
+// When the data was dropped while the handler ran, the confirmed change is not the cache's any more.
+void complete(pending_call*& call, u32 result) {
+    const u32 revision = acl_cache_revision();
     deliver_result(result, *call);
-    if (result == 0 && is_caching() && epoch == connection_epoch() && take_into_cache(call)) {
+    if (result == 0 && is_caching() && take_into_cache(call, revision)) {
         call = nullptr;
     }
 }
 
-// What the cache will look at was written by another thread; it is fetched while the calls in front of it
-// are delivered.
+// What the cache reads was written by another thread; it is fetched while the calls before it are delivered.
 void prefetch_for_cache(const pending_call* call) {
-    constexpr i32 key_and_numbers = 320;
-    if (call != nullptr && is_caching() && call->data_bytes >= key_and_numbers) {
+    constexpr std::size_t key_and_numbers = 320;
+    if (call != nullptr && is_caching()) {
         prefetch_for_writing(call->data(), key_and_numbers);
     }
 }
@@ -174,7 +176,7 @@ void prefetch_for_cache(const pending_call* call) {
 
 void result_run::add(const u8* value) {
     if (count_ == 0) {
-        epoch_ = connection_epoch();
+        generation_ = current_generation();
     }
     call_ids_[count_] = load<u32>(value, 0);
     results_[count_] = load<u32>(value, 4);
@@ -187,24 +189,19 @@ void result_run::deliver() {
     if (count_ == 0) {
         return;
     }
-    std::array<pending_call*, longest> calls{};
-    const std::span run(calls.data(), count_);
-    // Call ids start again with a registration: an ended connection's would find another's calls.
-    if (epoch_ == connection_epoch()) {
-        take_pending_calls({call_ids_.data(), count_}, run);
-    }
+    std::array<pending_call*, longest> done{};
+    calls_in_hand calls({call_ids_.data(), count_});
     for (std::size_t i = 0; i < count_; ++i) {
-        if (i + 2 < count_) {
-            prefetch_for_cache(calls[i + 2]);
-        }
-        // A handler may end the connection: the calls behind it are gone with it.
-        if (calls[i] == nullptr || epoch_ != connection_epoch()) {
-            SCC_LOG("no such call id:%d in scc lib", call_ids_[i]);
+        prefetch_for_cache(calls.peek(i + 2));
+        // Call ids start again with a registration: an ended one's would find another's calls.
+        done[i] = is_current(generation_) ? calls.take(i) : nullptr;
+        if (done[i] == nullptr) {
+            SCC_LOG_FROM(function, "no such call id:%d in scc lib", call_ids_[i]);
         } else {
-            complete(calls[i], results_[i], epoch_);
+            complete(done[i], results_[i]);
         }
     }
-    release_pending_calls(run);
+    release_pending_calls({done.data(), count_});
     count_ = 0;
 }
 

@@ -3,8 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
+
 #include "client/connection.h"
 #include "client/control_block.h"
+#include "client/descriptors.h"
 #include "client/diagnostics.h"
 #include "client/log.h"
 #include "msg/paths.h"
@@ -12,24 +15,42 @@
 
 namespace scc {
 
-bool is_started(u32 app_id) {
-    if (!_scc_lib_client_is_connected() && client_state_now() == state_idle) {
-        return false;
-    }
-    SCC_LOG("(app id:%d, pid:%d) already registered!", app_id, static_cast<int>(getpid()));
-    return true;
+namespace {
+
+void log_already_registered(const start_identity& identity, const char* function) {
+    SCC_LOG_FROM(function, "(app id:%d, pid:%d) already registered!", identity.app_id,
+                 static_cast<int>(getpid()));
 }
 
-u32 make_runtime_directory(u32 app_id) {
+// The name is the process's, the same at every start: it is not written again while others may read it.
+void take_process_name() {
+    char name[record::process_name_field] = {};
+    (void)_scc_process_name_get(getpid(), name, limits::process_name_bytes);
+    if (std::memcmp(g_scc_client_cb.process_name, name, sizeof name) != 0) {
+        std::memcpy(g_scc_client_cb.process_name, name, sizeof name);
+    }
+}
+
+}  // namespace
+
+bool is_already_started(const start_identity& identity, const char* function) {
+    const bool started = is_started(identity.kind);
+    if (started) {
+        log_already_registered(identity, function);
+    }
+    return started;
+}
+
+u32 make_runtime_directory(u32 app_id, const char* function) {
     path_buffer directory;
     if (!make_path(directory, runtime_directory_suffix)) {
-        SCC_LOG("scclib create tmp dir error.");
+        SCC_LOG_FROM(function, "scclib create tmp dir error.");
         return result::io_error;
     }
     const u32 error = _scc_dir_create(directory.text);
     if (error != result::ok) {
-        SCC_LOG("(app id:%d, pid:%d) mkdir failed:%s!", app_id, static_cast<int>(getpid()),
-                scc_strerror(static_cast<i32>(error)));
+        SCC_LOG_FROM(function, "(app id:%d, pid:%d) mkdir failed:%s!", app_id, static_cast<int>(getpid()),
+                     scc_strerror(static_cast<i32>(error)));
     }
     return error;
 }
@@ -42,24 +63,28 @@ void open_runtime_directory() {
     }
 }
 
-u32 take_identity(const start_identity& identity) {
-    _scc_client_state_set(state_idle);
+bool take_identity(const start_identity& identity, u32& generation, const char* function) {
+    if (!claim_start(identity.kind, generation)) {
+        log_already_registered(identity, function);
+        return false;
+    }
     g_scc_client_cb.app_id.store(identity.app_id, relaxed);
     g_scc_client_cb.option.store(identity.option, relaxed);
     g_scc_client_cb.pid.store(static_cast<u32>(getpid()), relaxed);
-    g_scc_client_cb.thread_mode.store(identity.thread_mode, relaxed);
+    g_scc_client_cb.thread_mode.store(identity.kind == start_kind::thread ? 1 : 0, relaxed);
     scc_lib_rereg.store(0, relaxed);
-    (void)_scc_process_name_get(getpid(), g_scc_client_cb.process_name, limits::process_name_bytes);
+    take_process_name();
     _scc_lib_debug_init(g_scc_client_cb.process_name);
-    return begin_generation();
+    return true;
 }
 
 void undo_start(void (*clear_handlers)()) {
-    end_generation();
+    // The threads of the start leave; until all is undone, no other one may begin.
+    const u32 undoing = begin_generation(start_kind::thread);
     (void)_scc_lib_client_close();
     g_scc_client_cb.app_id.store(0, relaxed);
     clear_handlers();
-    _scc_client_state_set(state_idle);
+    leave_generation(undoing);
 }
 
 }  // namespace scc

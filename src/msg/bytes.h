@@ -21,6 +21,11 @@ inline void store(void* bytes, std::size_t offset, T value) {
     std::memcpy(static_cast<u8*>(bytes) + offset, &value, sizeof value);
 }
 
+template <class T>
+[[nodiscard]] inline std::span<const u8> bytes_of(const T& value) {
+    return {reinterpret_cast<const u8*>(&value), sizeof value};
+}
+
 // One item of a received message. The value points into the message.
 struct item {
     u16 sub_id = 0;

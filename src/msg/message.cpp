@@ -26,6 +26,18 @@ void write_item_header(void* at, u32 length, u16 sub_id, u16 type) {
     store<u16>(at, 6, type);
 }
 
+u32 send_counted(int fd, std::span<const u8> bytes, std::size_t& sent) {
+    for (sent = 0; sent < bytes.size();) {
+        // A daemon that vanished must not kill its client with the broken-pipe signal.
+        const ssize_t count = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (count < 0) {
+            return static_cast<u32>(errno);
+        }
+        sent += static_cast<std::size_t>(count);
+    }
+    return result::ok;
+}
+
 namespace {
 
 u32 receive_exactly(int fd, void* bytes, std::size_t length) {
@@ -102,18 +114,8 @@ u32 _scc_msg_send(int fd, const void* bytes, int length) {
     if (bytes == nullptr || length < 1) {
         return result::ok;
     }
-    const auto* at = static_cast<const u8*>(bytes);
-    auto left = static_cast<std::size_t>(length);
-    while (left > 0) {
-        // A daemon that vanished must not kill its client with the broken-pipe signal.
-        const ssize_t sent = send(fd, at, left, MSG_NOSIGNAL);
-        if (sent < 0) {
-            return static_cast<u32>(errno);
-        }
-        at += sent;
-        left -= static_cast<std::size_t>(sent);
-    }
-    return result::ok;
+    std::size_t sent = 0;
+    return send_counted(fd, {static_cast<const u8*>(bytes), static_cast<std::size_t>(length)}, sent);
 }
 
 u32 _scc_msg_hdr_recv(int fd, void* header) {

@@ -3,6 +3,9 @@
 // that would pass the size limit.
 #pragma once
 
+#include <cstddef>
+#include <span>
+
 #include "msg/protocol.h"
 
 extern "C" {
@@ -22,6 +25,8 @@ namespace scc {
 
 // Writes the 8 bytes of a message header; what follows them stays as it is.
 void write_header(void* message, u16 count, u32 length);
+// Sends all of it; sent is how much went out, also when the rest did not. 0 or the error.
+[[nodiscard]] u32 send_counted(int fd, std::span<const u8> bytes, std::size_t& sent);
 // Writes an item header.
 void write_item_header(void* at, u32 length, u16 sub_id, u16 type);
 

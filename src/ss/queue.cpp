@@ -5,6 +5,7 @@
 
 #include "client/control_block.h"
 #include "client/dispatch.h"
+#include "client/lifetime.h"
 #include "client/log.h"
 #include "client/message_queue.h"
 #include "client/threads.h"
@@ -20,16 +21,19 @@ namespace {
 // One a process, also when a start failed behind it and was repeated.
 constinit std::atomic<bool> g_processing{false};
 
+constexpr const char* function = "_scc_lib_msgq_proc_thread";
+
 void dispatch(void* message) {
+    const delivery_turn turn(current_generation());
     const u16 items = load<u16>(message, 5);
     const void* first = static_cast<const u8*>(message) + wire::header_bytes;
-    SCC_LOG("lib proc msg(num:%u, len:%u).", items, load<u32>(message));
+    SCC_LOG_FROM(function, "lib proc msg(num:%u, len:%u).", items, load<u32>(message));
     if (g_scc_client_cb.app_id.load(relaxed) == limits::service_app_id) {
         _scc_ss_async_msg_proc(items, first);
     } else {
         _scc_lib_async_msg_proc(items, first);
     }
-    SCC_LOG("lib proc msg done.\n");
+    SCC_LOG_FROM(function, "lib proc msg done.\n");
 }
 
 }  // namespace

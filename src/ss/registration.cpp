@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "client/client_data.h"
 #include "client/connection.h"
 #include "client/control_block.h"
 #include "client/locks.h"
@@ -49,7 +50,7 @@ void install(const scc_ss_reg_info& info) {
 
 void queue_or_drop(i32 fd, void* message, result_run& /*results*/) {
     if (!enqueue_message(fd, message)) {
-        SCC_LOG("malloc data buffer error. ignore this proc msg.");
+        SCC_LOG_FROM("_scc_ss_lib_thread", "malloc data buffer error. ignore this proc msg.");
         _scc_msg_free(&message);
     }
 }
@@ -77,9 +78,8 @@ u32 start_threads(u32 generation) {
     for (const thread_row& row : rows) {
         const u32 error = start_thread(row.body, thread_argument(generation));
         if (error != result::ok) {
-            SCC_LOG("(app id:%d, pid:%d)create scclib%s thread error!",
-                    static_cast<int>(limits::service_app_id),
-                    static_cast<int>(g_scc_client_cb.pid.load(relaxed)), row.name);
+            SCC_LOG_FROM("scc_ss_reg", "(app id:%d, pid:%d)create scclib%s thread error!",
+                         static_cast<int>(limits::service_app_id), pid_now(), row.name);
             undo_start(_scc_ss_handler_clear);
             return error;
         }
@@ -103,7 +103,7 @@ void _scc_ss_handler_clear() {
 void* _scc_ss_lib_thread(void* generation) {
     detach_and_name("scc-lib-ss");
     run_receive_loop(static_cast<u32>(reinterpret_cast<std::uintptr_t>(generation)),
-                     {queue_or_drop, give_queue_memory_back});
+                     {__func__, queue_or_drop, give_queue_memory_back});
     return nullptr;
 }
 
@@ -114,18 +114,23 @@ uint32_t scc_ss_reg(const struct scc_ss_reg_info* info) {
     }
     umask(0);
     const write_guard guard(scc_lib_lock);
-    if (is_started(limits::service_app_id)) {
+    constexpr start_identity identity{limits::service_app_id, 0, start_kind::thread};
+    if (is_already_started(identity, __func__)) {
         return result::ok;
     }
-    if (const u32 error = make_runtime_directory(limits::service_app_id); error != result::ok) {
+    if (const u32 error = make_runtime_directory(identity.app_id, __func__); error != result::ok) {
         return error;
     }
     open_runtime_directory();
+    u32 generation = 0;
+    if (!take_identity(identity, generation, __func__)) {
+        return result::ok;
+    }
     empty_id_map();
-    const u32 generation = take_identity({limits::service_app_id, 0, 1});
     _scc_ss_handler_set(info);
     _scc_lib_data_init();
     if (!allocate_statistics()) {
+        leave_generation(generation);
         return result::no_memory;  // handlers and identity stay: deliberate
     }
     return start_threads(generation);

@@ -57,28 +57,15 @@ class AgentRegistration : public test::loop_application {
     static std::string identity() { return "(app id:7, pid:" + std::to_string(getpid()) + ")"; }
 
     // What a connect task returns that runs now.
-    std::future<int> connect_task_result() {
-        auto* outcome = new std::promise<int>;
-        auto result = outcome->get_future();
-        struct connecting {
-            static std::promise<int>*& to() {
-                static std::promise<int>* target = nullptr;
-                return target;
-            }
-            static int run(qx_thread* task) {
-                const int returned = _scc_lib_agent_connect(task);
-                to()->set_value(returned);
-                delete to();
-                return 0;
-            }
-        };
+    int connect_task_result() {
+        int outcome = -1;
         in_loop([&] {
-            connecting::to() = outcome;
             auto* record = static_cast<scc_reg_info*>(std::calloc(1, 568));
             *record = info;
-            EXPECT_NE(qx_thread_add_event_withname(master, connecting::run, record, 0, "test"), nullptr);
+            EXPECT_EQ(_scc_lib_thread_event(0, record, -1), 0);
+            outcome = _scc_lib_agent_connect(nullptr);
         });
-        return result;
+        return outcome;
     }
 };
 
@@ -186,11 +173,11 @@ TEST_F(AgentRegistration, ReturnsTheErrorOfAConnectionThatFailed) {
     ASSERT_EQ(init(), 0U);
     ASSERT_TRUE(test::wait_for_added("scc-reconnect", 1));
     test::forget_added_tasks();
-    EXPECT_EQ(connect_task_result().get(), 2);  // the daemon's socket file has gone
+    EXPECT_EQ(connect_task_result(), 2);  // the daemon's socket file has gone
     EXPECT_EQ(state(), 1U);
     EXPECT_EQ(test::added_tasks("scc-reconnect").size(), 1U);
     daemon.listen();
-    auto refused = connect_task_result();
+    auto refused = std::async(std::launch::async, [this] { return connect_task_result(); });
     daemon.accept_both();
     daemon.answer_registration(side::sync, 2002, 4711);
     EXPECT_EQ(refused.get(), 2002);

@@ -159,7 +159,7 @@ TEST_F(AgentTasks, ToWriteSendTheirValueAsABatchedRequest) {
     EXPECT_TRUE(test::wait_for_log("type:199, len:3"));
 }
 
-TEST_F(AgentTasks, ToWriteForgetTheReadTaskAndNotThemselves) {
+TEST_F(AgentTasks, ToWriteLeaveTheReadTaskToTheRecoveryAndForgetThemselves) {
     start();
     ASSERT_TRUE(scc::is_pending(scc::task_read));
     on_loop([] {
@@ -169,8 +169,8 @@ TEST_F(AgentTasks, ToWriteForgetTheReadTaskAndNotThemselves) {
     });
     EXPECT_EQ(daemon.read_item(side::async).type, 199);
     settle();
-    EXPECT_FALSE(scc::is_pending(scc::task_read));
-    EXPECT_TRUE(scc::is_pending(scc::task_write));
+    EXPECT_TRUE(scc::is_pending(scc::task_read));
+    EXPECT_FALSE(scc::is_pending(scc::task_write));
 }
 
 // 22 counts among the errors that end a connection.

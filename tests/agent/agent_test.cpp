@@ -423,10 +423,10 @@ TEST_F(Agent, ComesBackWhenTheCheckerFindsTheConnectionDead) {
         daemon.close_both();
         ASSERT_EQ(scc_addr_learning(5, 1, nullptr), 0U);
         EXPECT_TRUE(test::wait_for_log(identity() + "send  message error,ret:32!"));
-        EXPECT_TRUE(test::wait_for_log("scc client start to try re-reg."));
-        EXPECT_TRUE(test::wait_for_added("scc-reconnect", 1));
+        EXPECT_TRUE(test::added_tasks("scc-reconnect").empty()) << "the checker has used the event library";
     });
     expect_reconnection();
+    EXPECT_TRUE(test::logged("scc client start to try re-reg."));
     EXPECT_EQ(test::added_tasks("scc-reconnect").size(), 1U);
     expect_working_requests();
 }
@@ -437,10 +437,10 @@ TEST_F(Agent, DropsItsCallsWhenTheCheckerFindsTheConnectionDead) {
     while_the_loop_is_busy([this] {
         daemon.close_both();
         ASSERT_EQ(scc_addr_learning(5, 1, nullptr), 0U);
-        EXPECT_TRUE(test::wait_for_added("scc-reconnect", 1));
-        EXPECT_EQ(scc::pending_calls(), 0U);
+        EXPECT_TRUE(test::wait_for_log(identity() + "send  message error,ret:32!"));
     });
     expect_reconnection();
+    EXPECT_EQ(scc::pending_calls(), 0U);
     daemon.send_result(1, 0);  // of a call that went with its connection
     std::uint32_t call_id = 0;
     ASSERT_EQ(scc_addr_learning(5, 1, &call_id), 0U);

@@ -8,6 +8,7 @@
 #include <random>
 #include <set>
 
+#include "client/client_data.h"
 #include "client/diagnostics.h"
 #include "client/pending_calls.h"
 #include "client/request_channel.h"

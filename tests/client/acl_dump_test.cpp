@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "client/acl_cache.h"
+#include "client/client_data.h"
 #include "client/log.h"
 #include "client/request_channel.h"
 #include "support/log_capture.h"

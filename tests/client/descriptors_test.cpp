@@ -6,6 +6,7 @@
 
 #include "client/channel_support.h"
 #include "client/connection.h"
+#include "client/lifetime.h"
 
 using scc::borrowed_descriptor;
 using scc::channel;

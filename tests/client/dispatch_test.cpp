@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "client/acl_cache.h"
+#include "client/client_data.h"
 #include "client/control_block.h"
 #include "client/diagnostics.h"
 #include "client/handler_recorder.h"

@@ -5,6 +5,7 @@
 
 #include "client/channel_support.h"
 #include "client/connection.h"
+#include "client/message_reader.h"
 #include "client/request_channel.h"
 
 using test::bytes;

@@ -2,6 +2,7 @@
 #include "client/replies.h"
 
 #include "client/acl_cache.h"
+#include "client/client_data.h"
 #include "client/control_block.h"
 #include "client/diagnostics.h"
 #include "client/request_channel.h"

@@ -2,6 +2,7 @@
 #include "client/results.h"
 
 #include "client/acl_cache.h"
+#include "client/client_data.h"
 #include "client/connection.h"
 #include "client/control_block.h"
 #include "client/diagnostics.h"

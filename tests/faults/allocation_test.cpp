@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "client/acl_cache.h"
+#include "client/client_data.h"
 #include "client/diagnostics.h"
 #include "client/message_queue.h"
 #include "client/pending_calls.h"
@@ -339,16 +340,16 @@ TEST_F(Allocation, FailsTheReplyToAnUnregistration) {
     stop();
 }
 
-TEST_F(Allocation, FailsTheBatchAndRequestsAre12UntilTheNextStart) {
+TEST_F(Allocation, FailsTheBatchAndTheNextRequestWithMemoryMakesIt) {
     const test::debugging on;
     test::fail_allocation(1);
     start(0);
     EXPECT_TRUE(test::end_faults());
     EXPECT_TRUE(test::logged("(app id:7, pid:" + test::own_pid() + ")alloc memory error!"));
+    test::fail_calls_from(test::call::calloc, 1, 12);
     EXPECT_EQ(scc_svi_router_acl_set(1, nullptr), 12U);
+    EXPECT_TRUE(test::end_faults());
     EXPECT_EQ(scc::pending_calls(), 0U);
-    stop();
-    start(0);
     expect_working();
 }
 
@@ -357,6 +358,7 @@ TEST_F(Allocation, FailsTheBatchAndEachRequestIsForgottenAndCountedThoughItTells
     test::fail_allocation(1);
     start(0);
     EXPECT_TRUE(test::end_faults());
+    test::fail_calls_from(test::call::calloc, 1, 12);
     std::uint32_t last = 0;
     for (const request_row& row : g_requests) {
         SCOPED_TRACE(row.name);

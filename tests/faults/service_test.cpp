@@ -165,6 +165,7 @@ TEST_F(ServiceFaults, AnAnswerThatCannotBeSentIsLoggedCountedAndNotRepeated) {
     test::fail_allocation(1);
     start();
     EXPECT_TRUE(test::end_faults());
+    test::fail_calls_from(test::call::calloc, 1, 12);
     for (const send_failure_row& row : rows) {
         SCOPED_TRACE(row.log_head);
         const test::debugging on;
@@ -192,6 +193,7 @@ TEST_F(ServiceFaults, AReplyThatCannotBeSentReturnsTheErrorAndAUserOperationCoun
     start();
     EXPECT_TRUE(test::end_faults());
     const test::debugging on;
+    test::fail_calls_from(test::call::calloc, 1, 12);
     EXPECT_EQ(scc_ssc_nacm_app_op_callback(0, 1, 0, 0, 5), 12U);
     EXPECT_EQ(scc_ssc_nacm_app_op_with_vid_callback(0, 1, 0, 0, 0, 5), 12U);
     EXPECT_EQ(scc_ssc_nacm_def_read_callback(0, 1, 0, 0), 12U);

@@ -1,0 +1,267 @@
+// See batch.h.
+//
+// The batch is one message, built in place: header, then one item a request, up to 8192 bytes of items.
+// scc_send_buf_lock guards it and every write on the asynchronous socket from here and the checker.
+#include "client/batch.h"
+
+#include <time.h>
+
+#include <cstdlib>
+#include <span>
+
+#include "client/connection_scope.h"
+#include "client/control_block.h"
+#include "client/locks.h"
+#include "client/log.h"
+#include "msg/bytes.h"
+#include "msg/message.h"
+#include "msg/result_codes.h"
+#include "scclib.h"
+
+using namespace scc;
+
+namespace scc {
+namespace {
+
+struct batch {
+    u32 count;
+    u32 capacity;
+    u32 used;
+    u32 epoch;  // of the connection that the waiting requests belong to
+    u8 message[wire::header_bytes + wire::batch_capacity_bytes];
+    u8 reserve[8];
+};
+
+static_assert(sizeof(batch) == wire::batch_block_bytes);
+
+}  // namespace
+}  // namespace scc
+
+extern "C" {
+constinit pthread_rwlock_t scc_send_buf_lock = PTHREAD_RWLOCK_INITIALIZER;
+constinit batch* g_scc_msg_send_q = nullptr;
+}
+
+namespace scc {
+namespace {
+
+constexpr const char* send_function = "_scc_lib_msg_send_bt";
+constexpr const char* checker_function = "_scc_lib_send_buf_chk_thread";
+
+// All of these are called with scc_send_buf_lock held.
+
+std::span<const u8> batch_message() {
+    return {g_scc_msg_send_q->message, wire::header_bytes + g_scc_msg_send_q->used};
+}
+
+// A start that had no memory for the block leaves it to the next request.
+bool has_block() {
+    if (g_scc_msg_send_q == nullptr) {
+        g_scc_msg_send_q = static_cast<batch*>(std::calloc(1, sizeof(batch)));
+        if (g_scc_msg_send_q == nullptr) {
+            return false;
+        }
+        g_scc_msg_send_q->capacity = wire::batch_capacity_bytes;
+        _scc_lib_send_buff_init();
+    }
+    return true;
+}
+
+void append(u16 sub_id, u16 type, const value_parts& value) {
+    batch& waiting = *g_scc_msg_send_q;
+    const auto length = static_cast<u32>(value.size());
+    u8* at = waiting.message + wire::header_bytes + waiting.used;
+    write_item_header(at, length, sub_id, type);
+    value.copy_to(at + wire::item_header_bytes);
+    ++waiting.count;
+    waiting.used += length + wire::item_header_bytes;
+    write_header(waiting.message, static_cast<u16>(waiting.count), wire::header_bytes + waiting.used);
+}
+
+bool may_wait() {
+    return client_state_now() == state_registered && g_scc_msg_send_q->used < g_scc_msg_send_q->capacity;
+}
+
+void log_flush(const char* function, const char* who) {
+    const batch& waiting = *g_scc_msg_send_q;
+    SCC_LOG_FROM(function, "%s msg(len:%d, ver:%d, num:%u) send len:%d, uselen:%d. total len:%d.", who,
+                 load<u32>(waiting.message), waiting.message[4], load<u16>(waiting.message, 5),
+                 wire::header_bytes + waiting.used, waiting.used, waiting.capacity);
+}
+
+// The requests of a connection that has gone are dropped, as their calls were.
+void drop_batch_of_lost_connection(u32 epoch) {
+    if (g_scc_msg_send_q->count != 0 && g_scc_msg_send_q->epoch != epoch) {
+        _scc_lib_send_buff_init();
+    }
+}
+
+// Appends, and flushes as often as it takes. Once a request did not fit, every flush outside the registered
+// state is followed by the same request again, until a send fails or the state is registered: deliberate,
+// and over in a moment since only a change of state leads there.
+send_outcome append_and_flush(u16 sub_id, u16 type, const value_parts& value, int sync) {
+    const u32 entry = static_cast<u32>(value.size()) + wire::item_header_bytes;
+    batch& waiting = *g_scc_msg_send_q;
+    const bool overflow = waiting.capacity - waiting.used < entry;
+    if (!overflow) {
+        append(sub_id, type, value);
+        if (may_wait()) {
+            return {};
+        }
+    }
+    for (;;) {
+        if (sync != 1) {
+            log_flush(send_function, "bt send");
+        }
+        const send_outcome outcome = send_bytes(channel_of(sync), waiting.epoch, batch_message());
+        if (outcome.error != result::ok) {
+            SCC_LOG_FROM(send_function, "(app id:%d, pid:%d)send %s message error(rv:%d)!", app_id_now(),
+                         pid_now(), sync == 1 ? "sync" : "async", outcome.error);
+        }
+        _scc_lib_send_buff_init();
+        if (outcome.error != result::ok || !overflow) {
+            return outcome;
+        }
+        append(sub_id, type, value);
+        if (may_wait()) {
+            return {};
+        }
+    }
+}
+
+u32 send_oversized(u16 sub_id, u16 type, const value_parts& value, int sync) {
+    SCC_LOG_FROM(send_function, "msg is larger than sendbuf. val_size:%d.", static_cast<int>(value.size()));
+    const u32 epoch = epoch_of_this_thread();
+    const write_guard guard(scc_send_buf_lock);
+    const send_outcome outcome = send_one_item(channel_of(sync), epoch, sub_id, type, value);
+    if (outcome.built && outcome.error != result::ok) {
+        recover_from_failed_send(outcome, epoch, "_scc_lib_msg_send_rt");
+    }
+    return result::invalid;  // whether or not the send succeeded
+}
+
+u32 send_by_batch(u16 sub_id, u16 type, const value_parts& value, int sync) {
+    if (value.size() >= wire::oversized_value_bytes) {
+        return send_oversized(sub_id, type, value, sync);
+    }
+    const u32 epoch = epoch_of_this_thread();
+    send_outcome outcome;
+    {
+        const write_guard guard(scc_send_buf_lock);
+        if (!has_block()) {
+            SCC_LOG_FROM(send_function, "(app id:%d, pid:%d)alloc memory error!", app_id_now(), pid_now());
+            return result::no_memory;
+        }
+        if (epoch != connection_epoch()) {
+            return result::ok;  // lost with its connection; what waits may be the next one's
+        }
+        drop_batch_of_lost_connection(epoch);
+        g_scc_msg_send_q->epoch = epoch;
+        outcome = append_and_flush(sub_id, type, value, sync);
+    }
+    if (outcome.error != result::ok) {
+        if (app_id_now() != 0) {
+            SCC_LOG_FROM(send_function, "!!!!_scc_lib_msg_send_rt rv :%d !!!!.", outcome.error);
+        }
+        recover_from_failed_send(outcome, epoch, send_function);
+    }
+    return result::ok;
+}
+
+void sleep_us(long microseconds) {
+    const timespec pause{microseconds / 1000000, microseconds % 1000000 * 1000};
+    nanosleep(&pause, nullptr);
+}
+
+// Sends the batch with the checker's patience. What is sent again after a time-out is what has not gone out:
+// a batch that began once more in its middle would put the daemon's stream out of step. The error that ends
+// the connection, or 0.
+u32 send_patiently(u32 epoch) {
+    std::span<const u8> rest = batch_message();
+    for (u32 retries = 1;; ++retries) {
+        std::size_t sent = 0;
+        u32 error = result::ok;
+        {
+            const borrowed_descriptor borrowed(channel::async, epoch);
+            error = send_counted(borrowed.fd(), rest, sent);
+        }
+        if (error == result::ok) {
+            return error;
+        }
+        rest = rest.subspan(sent);
+        if (error != result::try_again) {
+            SCC_LOG_FROM(checker_function, "(app id:%d, pid:%d)send  message error,ret:%d!", app_id_now(),
+                         pid_now(), error);
+            return error;
+        }
+        if (retries > limits::send_retries) {
+            SCC_LOG_FROM(checker_function, "_scc_msg_send retry %d times. Reason:%s(%d).", retries,
+                         scc_strerror(static_cast<i32>(error)), error);
+            return rest.size() == batch_message().size() ? result::ok : error;
+        }
+        SCC_LOG_FROM(checker_function, "_scc_msg_send retry to send %d times. Reason:%s(%d).", retries,
+                     scc_strerror(static_cast<i32>(error)), error);
+        sleep_us(limits::send_retry_us);
+    }
+}
+
+// The error that ends the connection that epoch then names, or 0.
+u32 flush(u32& epoch) {
+    const write_guard guard(scc_send_buf_lock);
+    if (g_scc_msg_send_q == nullptr || g_scc_msg_send_q->count == 0) {
+        return result::ok;
+    }
+    epoch = g_scc_msg_send_q->epoch;
+    u32 error = result::ok;
+    if (epoch == connection_epoch()) {
+        log_flush(checker_function, "thread");
+        error = send_patiently(epoch);
+    }
+    _scc_lib_send_buff_init();
+    return error;
+}
+
+}  // namespace
+
+u32 send_in_batch(u16 sub_id, u16 type, const value_parts& value) {
+    return send_by_batch(sub_id, type, value, 0);
+}
+
+bool prepare_batch() {
+    const write_guard guard(scc_send_buf_lock);
+    if (!has_block()) {
+        return false;
+    }
+    _scc_lib_send_buff_init();
+    return true;
+}
+
+// In thread mode, closing makes the receive thread register again. An event loop would not notice a
+// descriptor that was closed under it, and its tasks are not this thread's to cancel: it finds the end of
+// its sockets when it reads.
+void flush_waiting_batch() {
+    u32 epoch = any_epoch;
+    if (flush(epoch) == result::ok) {
+        return;
+    }
+    if (active_agent_hooks() == nullptr) {
+        (void)close_descriptors_of(epoch);
+    } else {
+        shut_down_connection(epoch);
+    }
+}
+
+}  // namespace scc
+
+extern "C" {
+
+void _scc_lib_send_buff_init() {
+    g_scc_msg_send_q->count = 0;
+    g_scc_msg_send_q->used = 0;
+    write_header(g_scc_msg_send_q->message, 0, wire::header_bytes);
+}
+
+u32 _scc_lib_msg_send_bt(u16 sub_id, u16 type, const void* value, int len, int sync) {
+    return send_by_batch(sub_id, type, value_of(value, len), sync);
+}
+}

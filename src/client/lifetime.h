@@ -1,0 +1,72 @@
+// Registrations and their threads. Each start of the library begins a generation; a thread carries the number
+// of its own and finds out, under the lock under which it would act, that a later one has begun. So
+// scc_svr_unreg followed at once by scc_svr_reg leaves one working thread.
+//
+// Handlers run one at a time, also across registrations: a thread delivers within a delivery_turn, which
+// waits until the handlers of an earlier registration have returned.
+#pragma once
+
+#include <pthread.h>
+
+#include "msg/protocol.h"
+
+namespace scc {
+
+// Guards the lifetime of registrations here and the descriptors in descriptors.h. Nothing blocks under it
+// but dropping a connection's data, which takes scc_call_data_lock and scc_acl_lock in turn.
+extern pthread_mutex_t g_connection_mutex;
+
+// What keeps a start alive: a receive thread, or the tasks of an event loop.
+enum class start_kind : u8 { none, thread, agent };
+
+// Begins a registration and returns its generation; the threads that it starts carry the number.
+[[nodiscard]] u32 begin_generation(start_kind kind = start_kind::thread);
+// Ends the current registration for good: its threads leave.
+void end_generation();
+// What kept the registration alive has gone: its receive thread leaves in state 1, and another start may
+// follow. An event loop's start that schedules nothing any more is given up in the state that it has.
+void leave_generation(u32 generation);
+void give_start_up(u32 generation);
+
+[[nodiscard]] u32 current_generation();
+[[nodiscard]] bool is_current(u32 generation);
+// Sets the client state for this registration; false when it has ended.
+[[nodiscard]] bool set_state_of(u32 generation, u32 state);
+
+// Calls the server-status handler, unless the registration has ended.
+void notify_status(u32 status, u32 generation);
+
+// While an unregistration is under way the app id is 0 but the registration has not ended yet.
+// False when another one is under way or the client is not registered.
+[[nodiscard]] bool begin_unregistration(u32& app_id);
+// The daemon has not agreed: registered as before.
+void take_unregistration_back(u32 app_id);
+void end_unregistration();
+// Waits for the outcome; true when the registration is still there.
+[[nodiscard]] bool survives_unregistration(u32 generation);
+
+// One thread's turn to call handlers of a registration. A handler that runs an event loop, or that registers
+// anew, is inside its own turn already and goes on.
+class delivery_turn {
+  public:
+    explicit delivery_turn(u32 generation);
+    ~delivery_turn();
+    delivery_turn(const delivery_turn&) = delete;
+    delivery_turn& operator=(const delivery_turn&) = delete;
+
+    // False when the registration ended before its turn came.
+    [[nodiscard]] bool granted() const { return granted_; }
+
+  private:
+    bool granted_;
+    bool counted_ = false;
+};
+
+// g_connection_mutex held.
+namespace locked {
+[[nodiscard]] start_kind living_start();
+[[nodiscard]] bool is_unregistering();
+[[nodiscard]] u32 begin_generation(start_kind kind);
+}  // namespace locked
+
+}  // namespace scc

@@ -1,0 +1,59 @@
+// One message at a time out of a socket, reading not a byte further: replies on the synchronous socket, and
+// what an event loop or a registration reads on the asynchronous one.
+//
+// A read that is interrupted keeps its place, so the next one goes on with the same message and the stream
+// stays in step. The bytes belong to one connection; the next connection begins anew.
+#pragma once
+
+#include <pthread.h>
+
+#include <cstddef>
+
+#include "client/descriptors.h"
+#include "msg/protocol.h"
+
+extern "C" [[nodiscard]] scc::u32 _scc_lib_msg_recv(void** out, int sync);
+
+namespace scc {
+
+struct received_message {
+    u32 error;      // 0, 2007, 12, 32 or the error of receiving
+    void* message;  // whole, to be freed by the caller; null on error
+    bool dropped;   // 2007 for items that exceed the message: it was read past, the next one can be read
+};
+
+// What a channel's reader keeps between two reads. One thread reads a channel at a time, and holds its lock.
+class message_reader {
+  public:
+    // Reads the next message, or the rest of the one that an interrupted read has begun.
+    [[nodiscard]] received_message receive(channel which, u32 epoch);
+
+  private:
+    void begin_connection(u32 epoch);
+    [[nodiscard]] received_message read_message(channel which, int fd);
+    [[nodiscard]] u32 read_header(int fd, int sync);
+    [[nodiscard]] u32 read_body(int fd);
+    [[nodiscard]] u32 read_past_body(int fd);
+    [[nodiscard]] received_message finish();
+
+    u32 epoch_ = any_epoch;
+    u8 header_[wire::header_bytes] = {};
+    std::size_t filled_ = 0;  // bytes of the message that have been read, header included
+    u8* message_ = nullptr;   // null until there is a header, and without memory
+    bool unwanted_ = false;   // there was no memory: the body is read past
+};
+
+// The state of one socket's conversation with the daemon.
+struct channel_state {
+    pthread_mutex_t mutex;  // held while reading, and over a whole exchange
+    message_reader reader;
+    u32 owed_epoch;  // the connection that the replies are owed on
+    u32 owed;        // replies that earlier exchanges have asked for and not read
+};
+
+[[nodiscard]] channel_state& state_of(channel which);
+
+// The next message of the connection that the epoch names.
+[[nodiscard]] received_message receive_message(channel which, u32 epoch);
+
+}  // namespace scc
