@@ -45,6 +45,8 @@ constinit batch* g_scc_msg_send_q = nullptr;
 namespace scc {
 namespace {
 
+constinit bool g_started = false;  // scc_send_buf_lock
+
 constexpr const char* send_function = "_scc_lib_msg_send_bt";
 constexpr const char* checker_function = "_scc_lib_send_buf_chk_thread";
 
@@ -54,9 +56,9 @@ std::span<const u8> batch_message() {
     return {g_scc_msg_send_q->message, wire::header_bytes + g_scc_msg_send_q->used};
 }
 
-// A start that had no memory for the block leaves it to the next request.
+// A start that had no memory for the block leaves it to the next request. Before a start there is no batch.
 bool has_block() {
-    if (g_scc_msg_send_q == nullptr) {
+    if (g_scc_msg_send_q == nullptr && g_started) {
         g_scc_msg_send_q = static_cast<batch*>(std::calloc(1, sizeof(batch)));
         if (g_scc_msg_send_q == nullptr) {
             return false;
@@ -64,7 +66,7 @@ bool has_block() {
         g_scc_msg_send_q->capacity = wire::batch_capacity_bytes;
         _scc_lib_send_buff_init();
     }
-    return true;
+    return g_scc_msg_send_q != nullptr;
 }
 
 void append(u16 sub_id, u16 type, const value_parts& value) {
@@ -229,6 +231,7 @@ u32 send_in_batch(u16 sub_id, u16 type, const value_parts& value) {
 
 bool prepare_batch() {
     const write_guard guard(scc_send_buf_lock);
+    g_started = true;
     if (!has_block()) {
         return false;
     }
