@@ -8,6 +8,7 @@
 
 #include "client/control_block.h"
 #include "client/pending_calls.h"
+#include "support/aside.h"
 #include "support/registered_client.h"
 
 namespace test {
@@ -46,12 +47,14 @@ class querying_client : public registered_client {
         bytes memory;
     };
 
+    static outcome outcome_of(const query_row& row) {
+        outcome out{0, row.memory};
+        out.code = row.call(out.memory);
+        return out;
+    }
+
     static std::future<outcome> begin(const query_row& row) {
-        return std::async(std::launch::async, [row] {
-            outcome out{0, row.memory};
-            out.code = row.call(out.memory);
-            return out;
-        });
+        return std::async(std::launch::async, [row] { return outcome_of(row); });
     }
 
     // Reads the query as the daemon and answers it with a whole message.

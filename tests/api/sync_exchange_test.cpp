@@ -143,15 +143,17 @@ TEST_F(SyncExchange, ReleasesAQueryWhenTheOtherSocketIsLost) {
 
 TEST_F(SyncExchange, GivesEachOfTwoThreadsItsOwnReply) {
     start(0);
-    auto first = begin(count_users(10));
-    auto second = begin(count_users(20));
-    for (int i = 0; i < 2; ++i) {
-        const test::received_item request = daemon.read_item(side::sync);
-        // The second query waits until the first has its reply.
-        EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
-        daemon.send_item(side::sync, 411, count_of(test::u32_at(request.value, 4) * 3));
-    }
+    test::aside<outcome> first([] { return outcome_of(count_users(10)); });
+    EXPECT_EQ(test::u32_at(daemon.read_item(side::sync).value, 4), 10U);
+    ASSERT_TRUE(first.waits_in(test::waiting_for_bytes));
+    test::aside<outcome> second([] { return outcome_of(count_users(20)); });
+    // The second query waits until the first has its reply.
+    ASSERT_TRUE(second.waits_in(test::waiting_for_a_lock));
+    EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
+    daemon.send_item(side::sync, 411, count_of(30));
     EXPECT_EQ(first.get().memory, bytes(wire().u32(30)));
+    EXPECT_EQ(test::u32_at(daemon.read_item(side::sync).value, 4), 20U);
+    daemon.send_item(side::sync, 411, count_of(60));
     EXPECT_EQ(second.get().memory, bytes(wire().u32(60)));
 }
 

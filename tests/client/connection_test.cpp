@@ -82,6 +82,9 @@ TEST_F(Connection, BothSocketsConnectBeforeEitherRegistersAndAsyncRegistersSecon
     daemon.accept_both();
     const test::received_item first = daemon.read_item(side::sync);
     EXPECT_EQ(first.type, 301);
+    // One thread does both, and it waits for this reply.
+    EXPECT_TRUE(
+        test::eventually([] { return test::sleeps_in(test::receive_thread(), test::waiting_for_bytes); }));
     EXPECT_TRUE(daemon.stays_silent(side::async, 0));
     daemon.send_item(side::sync, 301, wire().u32(0).u32(0).u32(0));
     EXPECT_EQ(daemon.answer_registration(side::async),

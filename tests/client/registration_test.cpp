@@ -170,7 +170,7 @@ TEST_F(Registration, UnregisteringInAnyOtherStateDoesNothing) {
         EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
     }
     _scc_client_state_set(4);
-    EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
+    test::expect_nothing_was_sent(daemon, side::sync);
     expect_registered();
 }
 
@@ -264,9 +264,14 @@ TEST_F(Registration, ALostDaemonDuringUnregistrationEndsTheRegistration) {
 
 TEST_F(Registration, ARefusalWhileTheAsyncSocketIsLostLeavesTheReceiveThreadWorking) {
     start();
+    const pid_t receiver = test::receive_thread();
+    const test::debugging on;
     std::thread aside = unregister_aside();
     EXPECT_EQ(daemon.read_item(side::sync).type, 302);
     daemon.close_side(side::async);
+    // The receive thread has seen the loss and waits for the outcome.
+    EXPECT_TRUE(test::wait_for_log("recv msg hdr error! syn:0 errno:32."));
+    EXPECT_TRUE(test::wait_until_it_sleeps_in(receiver, test::waiting_for_a_lock));
     daemon.send_item(side::sync, 302, wire().u32(0).u32(1));
     EXPECT_EQ(results().wait(), 2001U);
     aside.join();
