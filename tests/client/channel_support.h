@@ -2,8 +2,6 @@
 // handler, and the library's threads as the kernel lists them.
 #pragma once
 
-#include <sys/ioctl.h>
-
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -69,14 +67,6 @@ inline bytes distinct_bytes(std::size_t count, std::uint8_t first = 1) {
         value[i] = static_cast<std::uint8_t>(first + i * 7);
     }
     return value;
-}
-
-// Whether the library has taken everything that was sent to it.
-inline bool all_taken(int fd) {
-    return eventually([fd] {
-        int left = 0;
-        return ioctl(fd, TIOCOUTQ, &left) == 0 && left == 0;
-    });
 }
 
 inline event_queue<int>& entered() {

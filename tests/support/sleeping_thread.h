@@ -2,6 +2,7 @@
 // before it does something to a thread that is blocked.
 #pragma once
 
+#include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -30,10 +31,14 @@ inline bool eventually(const std::function<bool()>& holds) {
 using system_calls = std::initializer_list<long>;
 
 // The calls in which a thread waits for bytes, and in which it waits for a lock or a condition.
-inline constexpr system_calls waiting_for_bytes = {SYS_recvfrom, SYS_recvmsg, SYS_ppoll, SYS_pselect6
+inline constexpr system_calls waiting_for_bytes = {SYS_recvfrom,
+                                                   SYS_recvmsg,
+                                                   SYS_ppoll,
+                                                   SYS_pselect6
 #ifdef SYS_poll
                                                    ,
-                                                   SYS_poll, SYS_select
+                                                   SYS_poll,
+                                                   SYS_select
 #endif
 };
 inline constexpr system_calls waiting_for_a_lock = {SYS_futex};
@@ -59,6 +64,14 @@ inline bool sleeps_in(pid_t thread, system_calls calls) {
 
 inline bool wait_until_it_sleeps_in(pid_t thread, system_calls calls) {
     return eventually([&] { return sleeps_in(thread, calls); });
+}
+
+// Whether the peer has taken everything that was sent to it.
+inline bool all_taken(int fd) {
+    return eventually([fd] {
+        int left = 0;
+        return ioctl(fd, TIOCOUTQ, &left) == 0 && left == 0;
+    });
 }
 
 // The number of this process's threads.
