@@ -236,8 +236,8 @@ TEST_P(RegistrationSendFaults, FailTheAttemptAndTheNextSucceeds) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EachSocket, RegistrationSendFaults,
-                         ::testing::Values(std::pair{1, no_buffers}, std::pair{3, no_buffers}, std::pair{1, 11},
-                                           std::pair{3, 4}),
+                         ::testing::Values(std::pair{1, no_buffers}, std::pair{3, no_buffers},
+                                           std::pair{1, 11}, std::pair{3, 4}),
                          [](const auto& row) {
                              return std::string(row.param.first == 1 ? "sync" : "async") + "error" +
                                     std::to_string(row.param.second);
@@ -374,8 +374,8 @@ TEST_F(ExchangeLog, NamesTheErrorOfAFlushOfWhichAPartWentOut) {
         test::fail_call(call::send, 3, error);
         EXPECT_EQ(_scc_lib_msg_send_bt(0, 901, half.data(), 4088, 0), 0U);
         EXPECT_TRUE(test::end_faults());
-        EXPECT_TRUE(test::logged("(app id:7, pid:" + test::own_pid() + ")send async message error(rv:" +
-                                 std::to_string(error) + ")!"));
+        EXPECT_TRUE(test::logged("(app id:7, pid:" + test::own_pid() +
+                                 ")send async message error(rv:" + std::to_string(error) + ")!"));
         EXPECT_TRUE(test::logged("!!!!_scc_lib_msg_send_rt rv :" + std::to_string(error) + " !!!!."));
         // The daemon cannot tell what follows from the rest of that message.
         EXPECT_TRUE(daemon.wait_for_close(side::async)) << "the connection stays";
