@@ -8,6 +8,7 @@
 
 #include "client/control_block.h"
 #include "client/pending_calls.h"
+#include "support/aside.h"
 #include "support/registered_client.h"
 
 namespace test {
@@ -29,6 +30,11 @@ struct query_row {
     bytes memory_after_failure;
 };
 
+// A second answer, unlike the good one: a failure, or nothing but zeros where a reply carries no result.
+inline bytes other_answer(const query_row& row) {
+    return row.failed.empty() ? bytes(row.good.size(), 0) : row.failed;
+}
+
 inline std::ostream& operator<<(std::ostream& out, const query_row& row) {
     return out << row.name;
 }
@@ -44,14 +50,21 @@ class querying_client : public registered_client {
     struct outcome {
         std::uint32_t code;
         bytes memory;
+
+        bool operator==(const outcome&) const = default;
+        friend std::ostream& operator<<(std::ostream& out, const outcome& seen) {
+            return out << "code " << seen.code << ", memory " << ::testing::PrintToString(seen.memory);
+        }
     };
 
+    static outcome outcome_of(const query_row& row) {
+        outcome out{0, row.memory};
+        out.code = row.call(out.memory);
+        return out;
+    }
+
     static std::future<outcome> begin(const query_row& row) {
-        return std::async(std::launch::async, [row] {
-            outcome out{0, row.memory};
-            out.code = row.call(out.memory);
-            return out;
-        });
+        return std::async(std::launch::async, [row] { return outcome_of(row); });
     }
 
     // Reads the query as the daemon and answers it with a whole message.
@@ -64,6 +77,52 @@ class querying_client : public registered_client {
 
     outcome exchange_item(const query_row& row, std::uint16_t type, const bytes& value) {
         return exchange(row, message_bytes({item_bytes(type, value)}));
+    }
+
+    // Waits for the call; one that does not return fails the test and is released.
+    outcome finished(aside<outcome>& running) {
+        if (!running.returns()) {
+            ADD_FAILURE() << "the call does not return";
+            daemon.stop_listening();
+            daemon.close_both();
+        }
+        return running.get();
+    }
+
+    // The query once the daemon has read it and sent these bytes.
+    outcome outcome_after(const query_row& row, const bytes& sent) {
+        aside<outcome> running([row] { return outcome_of(row); });
+        EXPECT_EQ(daemon.read_item(side::sync).type, row.request);
+        daemon.send(side::sync, sent);
+        return finished(running);
+    }
+
+    // A signal ends the query when these bytes have come.
+    void expect_interrupted(const query_row& row, const bytes& sent) {
+        handle_interruptions();
+        aside<outcome> running([row] { return outcome_of(row); });
+        EXPECT_EQ(daemon.read_item(side::sync).type, row.request);
+        daemon.send(side::sync, sent);
+        ASSERT_TRUE(all_taken(daemon.fd(side::sync)));
+        ASSERT_TRUE(running.waits_in(waiting_for_bytes));
+        running.interrupt();
+        EXPECT_EQ(finished(running), (outcome{4, row.memory_after_error}));
+    }
+
+    // The query is interrupted after so many bytes of its reply, the rest of which comes when the next one
+    // has been asked. The next and the one after it get their own answers.
+    void expect_own_answers_after_interruption(const query_row& row, std::size_t length) {
+        const bytes other = message_bytes({item_bytes(row.reply, other_answer(row))});
+        const bytes good = message_bytes({item_bytes(row.reply, row.good)});
+        const outcome other_outcome = row.failed.empty() ? outcome{0, bytes(row.memory.size(), 0)}
+                                                         : outcome{2005, row.memory_after_failure};
+        ASSERT_LT(length, other.size());
+        ASSERT_NO_FATAL_FAILURE(expect_interrupted(row, slice(other, 0, length)));
+        EXPECT_EQ(outcome_after(row, wire().add(slice(other, length, other.size() - length)).add(good)),
+                  (outcome{0, row.answer}));
+        if (!HasFailure()) {
+            EXPECT_EQ(outcome_after(row, other), other_outcome);
+        }
     }
 
     void expect_a_good_query(const query_row& row) {
@@ -175,6 +234,22 @@ class every_query : public querying_client, public ::testing::WithParamInterface
         expect_a_good_query(row);
     }
 
+    // At the borders of the reply's headers and of its value.
+    void check_interruptions() {
+        const query_row& row = GetParam();
+        start(0);
+        const std::size_t value = other_answer(row).size();
+        for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{7}, std::size_t{8},
+                                         std::size_t{15}, std::size_t{16}, std::size_t{17}, 15 + value}) {
+            SCOPED_TRACE(length);
+            expect_own_answers_after_interruption(row, length);
+            if (HasFailure()) {
+                return;
+            }
+        }
+        EXPECT_EQ(statuses().size(), 0U);
+    }
+
     static void check_not_registered() {
         const query_row& row = GetParam();
         const debugging on;
@@ -188,7 +263,7 @@ class every_query : public querying_client, public ::testing::WithParamInterface
 
 }  // namespace test
 
-// The seven tests of a table of rows.
+// The eight tests of a table of rows.
 #define EVERY_QUERY_OF(suite, rows)                                     \
     class suite : public test::every_query {};                          \
     TEST_P(suite, SendsItsBytesAndHandsOutTheAnswer) {                  \
@@ -208,6 +283,9 @@ class every_query : public querying_client, public ::testing::WithParamInterface
     }                                                                   \
     TEST_P(suite, ReturnsAnErrorWhenTheConnectionIsLostAndWorksAgain) { \
         check_lost_connection();                                        \
+    }                                                                   \
+    TEST_P(suite, InterruptedLeavesTheNextItsOwnAnswer) {               \
+        check_interruptions();                                          \
     }                                                                   \
     TEST_P(suite, IsUnavailableWhenNotRegistered) {                     \
         check_not_registered();                                         \

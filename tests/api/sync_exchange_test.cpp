@@ -29,10 +29,14 @@ class SyncExchange : public test::querying_client {
         row.reply = 411;
         row.good = count_of(key * 3);
         row.answer = wire().u32(key * 3);
+        row.memory_after_error = row.memory;
         return row;
     }
 
     static bytes count_of(std::uint32_t count) { return wire().u32(0).u32(0).u32(count); }
+    // What the daemon answers to count_users(key), and what the caller then has.
+    static bytes reply_to(std::uint32_t key) { return message_bytes({item_bytes(411, count_of(key * 3))}); }
+    static outcome answered(std::uint32_t key) { return {0, wire().u32(key * 3)}; }
 };
 
 TEST_F(SyncExchange, ReadsTheFirstItemOfItsReplyAndNoOther) {
@@ -143,15 +147,17 @@ TEST_F(SyncExchange, ReleasesAQueryWhenTheOtherSocketIsLost) {
 
 TEST_F(SyncExchange, GivesEachOfTwoThreadsItsOwnReply) {
     start(0);
-    auto first = begin(count_users(10));
-    auto second = begin(count_users(20));
-    for (int i = 0; i < 2; ++i) {
-        const test::received_item request = daemon.read_item(side::sync);
-        // The second query waits until the first has its reply.
-        EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
-        daemon.send_item(side::sync, 411, count_of(test::u32_at(request.value, 4) * 3));
-    }
+    test::aside<outcome> first([] { return outcome_of(count_users(10)); });
+    EXPECT_EQ(test::u32_at(daemon.read_item(side::sync).value, 4), 10U);
+    ASSERT_TRUE(first.waits_in(test::waiting_for_bytes));
+    test::aside<outcome> second([] { return outcome_of(count_users(20)); });
+    // The second query waits until the first has its reply.
+    ASSERT_TRUE(second.waits_in(test::waiting_for_a_lock));
+    EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
+    daemon.send_item(side::sync, 411, count_of(30));
     EXPECT_EQ(first.get().memory, bytes(wire().u32(30)));
+    EXPECT_EQ(test::u32_at(daemon.read_item(side::sync).value, 4), 20U);
+    daemon.send_item(side::sync, 411, count_of(60));
     EXPECT_EQ(second.get().memory, bytes(wire().u32(60)));
 }
 
@@ -180,6 +186,114 @@ TEST_F(SyncExchange, GivesManyThreadsTheirOwnReplies) {
         thread.join();
     }
     EXPECT_EQ(wrong.load(), 0U);
+}
+
+// ---- a host's signal handler ends the wait for the reply -------------------------------------------
+
+TEST_F(SyncExchange, InterruptedAtAnyByteOfItsReplyLeavesTheNextItsOwnAnswer) {
+    start(0);
+    const query_row row = count_users(7);
+    const std::size_t reply_bytes = message_bytes({item_bytes(411, test::other_answer(row))}).size();
+    for (std::size_t length = 0; length < reply_bytes; ++length) {
+        SCOPED_TRACE(length);
+        expect_own_answers_after_interruption(row, length);
+        if (HasFailure()) {
+            return;
+        }
+    }
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
+TEST_F(SyncExchange, InterruptedMayFindItsReplyBeforeTheNextIsAsked) {
+    start(0);
+    for (const std::size_t length : {std::size_t{0}, std::size_t{5}, std::size_t{8}, std::size_t{27}}) {
+        SCOPED_TRACE(length);
+        const bytes late = reply_to(10);
+        ASSERT_NO_FATAL_FAILURE(expect_interrupted(count_users(10), test::slice(late, 0, length)));
+        daemon.send(side::sync, test::slice(late, length, late.size() - length));
+        EXPECT_EQ(outcome_after(count_users(20), reply_to(20)), answered(20));
+        EXPECT_EQ(outcome_after(count_users(30), reply_to(30)), answered(30));
+        if (HasFailure()) {
+            return;
+        }
+    }
+}
+
+TEST_F(SyncExchange, InterruptedThreeTimesInARowLeavesTheFourthItsOwnAnswer) {
+    start(0);
+    for (const std::uint32_t key : {10U, 20U, 30U}) {
+        ASSERT_NO_FATAL_FAILURE(expect_interrupted(count_users(key), {}));
+    }
+    EXPECT_EQ(outcome_after(count_users(40),
+                            wire().add(reply_to(10)).add(reply_to(20)).add(reply_to(30)).add(reply_to(40))),
+              answered(40));
+    if (!HasFailure()) {
+        EXPECT_EQ(outcome_after(count_users(50), reply_to(50)), answered(50));
+    }
+}
+
+// The second is interrupted in the middle of what the first left owed, or of its own reply.
+TEST_F(SyncExchange, InterruptedWhileItReadsPastAnotherLeavesTheThirdItsOwnAnswer) {
+    start(0);
+    const bytes late = wire().add(reply_to(10)).add(reply_to(20));
+    for (const std::size_t first : {std::size_t{0}, std::size_t{5}, std::size_t{12}, std::size_t{27}}) {
+        for (const std::size_t second :
+             {first, first + 1, std::size_t{28}, std::size_t{33}, std::size_t{36}, std::size_t{55}}) {
+            SCOPED_TRACE(::testing::Message() << first << " and " << second);
+            ASSERT_NO_FATAL_FAILURE(expect_interrupted(count_users(10), test::slice(late, 0, first)));
+            ASSERT_NO_FATAL_FAILURE(
+                expect_interrupted(count_users(20), test::slice(late, first, second - first)));
+            EXPECT_EQ(outcome_after(count_users(30),
+                                    wire().add(test::slice(late, second, 56 - second)).add(reply_to(30))),
+                      answered(30));
+            if (HasFailure()) {
+                return;
+            }
+        }
+    }
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
+TEST_F(SyncExchange, InterruptedOwesNothingToTheNextConnection) {
+    start(0);
+    for (const std::size_t length : {std::size_t{0}, std::size_t{3}, std::size_t{12}}) {
+        SCOPED_TRACE(length);
+        ASSERT_NO_FATAL_FAILURE(expect_interrupted(count_users(10), test::slice(reply_to(10), 0, length)));
+        daemon.close_both();
+        EXPECT_EQ(test::statuses().wait(), 0U);
+        daemon.accept_registration();
+        EXPECT_EQ(test::statuses().wait(), 1U);
+        EXPECT_EQ(outcome_after(count_users(20), reply_to(20)), answered(20));
+        if (HasFailure()) {
+            return;
+        }
+    }
+}
+
+TEST_F(SyncExchange, InterruptedMayBeAnsweredLateByAnything) {
+    bytes past_its_end = item_bytes(411, count_of(5));
+    past_its_end[0] = 200;
+    const bytes late_replies[] = {
+        message_bytes({item_bytes(405, wire().u32(1))}),
+        message_bytes({item_bytes(302, wire().u32(0).u32(1))}),
+        message_bytes({item_bytes(411, {})}),
+        message_bytes({item_bytes(411, count_of(5)), item_bytes(411, count_of(6))}),
+        message_bytes({item_bytes(411, bytes(300000, 0xEE))}),
+        message_bytes({past_its_end}),
+        wire().u32(8).u8(1).u16(0).u8(0),
+        wire().u32(8).u8(1).u16(1).u8(0),
+    };
+    start(0);
+    for (const bytes& late : late_replies) {
+        SCOPED_TRACE(late.size());
+        ASSERT_NO_FATAL_FAILURE(expect_interrupted(count_users(10), {}));
+        EXPECT_EQ(outcome_after(count_users(20), wire().add(late).add(reply_to(20))), answered(20));
+        if (HasFailure()) {
+            return;
+        }
+        EXPECT_EQ(outcome_after(count_users(30), reply_to(30)), answered(30));
+    }
+    EXPECT_EQ(test::statuses().size(), 0U);
 }
 
 TEST_F(SyncExchange, MayBeMadeFromAHandler) {

@@ -2,35 +2,21 @@
 // handler, and the library's threads as the kernel lists them.
 #pragma once
 
-#include <sys/ioctl.h>
-
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "client/control_block.h"
 #include "support/registered_client.h"
+#include "support/silence.h"
+#include "support/sleeping_thread.h"
 
 extern "C" std::atomic<std::uint8_t> g_send_buf_chk_enabled;
 
 namespace test {
-
-// Waits up to 20 seconds for what no handler and no log line reports.
-inline bool eventually(const std::function<bool()>& holds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 inline std::string own_pid() {
     return std::to_string(getpid());
@@ -64,20 +50,23 @@ inline std::size_t library_threads() {
     return of_library_threads("Name").size();
 }
 
+// The library's thread that receives: the one beside the checker, which was started later. 0 when there is
+// none.
+inline pid_t receive_thread() {
+    pid_t first = 0;
+    for (const std::string& id : of_library_threads("Pid")) {
+        const pid_t one = std::stoi(id);
+        first = first == 0 || one < first ? one : first;
+    }
+    return first;
+}
+
 inline bytes distinct_bytes(std::size_t count, std::uint8_t first = 1) {
     bytes value(count);
     for (std::size_t i = 0; i < count; ++i) {
         value[i] = static_cast<std::uint8_t>(first + i * 7);
     }
     return value;
-}
-
-// Whether the library has taken everything that was sent to it.
-inline bool all_taken(int fd) {
-    return eventually([fd] {
-        int left = 0;
-        return ioctl(fd, TIOCOUTQ, &left) == 0 && left == 0;
-    });
 }
 
 inline event_queue<int>& entered() {

@@ -11,6 +11,7 @@
 
 #include "client/channel_support.h"
 #include "client/diagnostics.h"
+#include "support/crowd.h"
 
 using test::bytes;
 using test::side;
@@ -82,6 +83,9 @@ TEST_F(Connection, BothSocketsConnectBeforeEitherRegistersAndAsyncRegistersSecon
     daemon.accept_both();
     const test::received_item first = daemon.read_item(side::sync);
     EXPECT_EQ(first.type, 301);
+    // One thread does both, and it waits for this reply.
+    EXPECT_TRUE(
+        test::eventually([] { return test::sleeps_in(test::receive_thread(), test::waiting_for_bytes); }));
     EXPECT_TRUE(daemon.stays_silent(side::async, 0));
     daemon.send_item(side::sync, 301, wire().u32(0).u32(0).u32(0));
     EXPECT_EQ(daemon.answer_registration(side::async),
@@ -89,25 +93,8 @@ TEST_F(Connection, BothSocketsConnectBeforeEitherRegistersAndAsyncRegistersSecon
     expect_first_status_is_one();
 }
 
-// Connects to the daemon until it has no room for one more.
-std::vector<int> crowd(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    std::vector<int> connected;
-    for (;;) {
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-            EXPECT_EQ(errno, EAGAIN);
-            close(fd);
-            return connected;
-        }
-        connected.push_back(fd);
-    }
-}
-
 TEST_F(Connection, TheStateIs2WhileConnecting) {
-    const std::vector<int> others = crowd(daemon.directory().runtime() + "/.sccd_sd_");
+    const std::vector<int> others = test::crowd(daemon.directory());
     begin();
     EXPECT_TRUE(test::eventually([] { return g_scc_client_cb.state == 2U; }));
     EXPECT_EQ(g_scc_client_cb.sync_fd.load(), -1);

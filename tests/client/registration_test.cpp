@@ -1,9 +1,11 @@
 // The start and end of an application, as the daemon sees them.
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "client/channel_support.h"
+#include "support/aside.h"
 
 using test::bytes;
 using test::side;
@@ -170,7 +172,7 @@ TEST_F(Registration, UnregisteringInAnyOtherStateDoesNothing) {
         EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
     }
     _scc_client_state_set(4);
-    EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
+    test::expect_nothing_was_sent(daemon, side::sync);
     expect_registered();
 }
 
@@ -264,9 +266,14 @@ TEST_F(Registration, ALostDaemonDuringUnregistrationEndsTheRegistration) {
 
 TEST_F(Registration, ARefusalWhileTheAsyncSocketIsLostLeavesTheReceiveThreadWorking) {
     start();
+    const pid_t receiver = test::receive_thread();
+    const test::debugging on;
     std::thread aside = unregister_aside();
     EXPECT_EQ(daemon.read_item(side::sync).type, 302);
     daemon.close_side(side::async);
+    // The receive thread has seen the loss and waits for the outcome.
+    EXPECT_TRUE(test::wait_for_log("recv msg hdr error! syn:0 errno:32."));
+    EXPECT_TRUE(test::wait_until_it_sleeps_in(receiver, test::waiting_for_a_lock));
     daemon.send_item(side::sync, 302, wire().u32(0).u32(1));
     EXPECT_EQ(results().wait(), 2001U);
     aside.join();
@@ -274,6 +281,106 @@ TEST_F(Registration, ARefusalWhileTheAsyncSocketIsLostLeavesTheReceiveThreadWork
     daemon.accept_registration();
     EXPECT_EQ(test::statuses().wait(), 1U);
     expect_registered();
+}
+
+// ---- a host's signal handler ends the wait for the reply -------------------------------------------
+
+using unregistration = test::aside<std::uint32_t>;
+
+bytes unregistration_reply(std::uint32_t result) {
+    return test::message_bytes({test::item_bytes(302, wire().u32(0).u32(result))});
+}
+
+class InterruptedUnregistration : public Registration {
+  protected:
+    // Waits for the call; one that does not return fails the test and is released.
+    std::uint32_t finished(unregistration& running) {
+        if (!running.returns()) {
+            ADD_FAILURE() << "the call does not return";
+            daemon.stop_listening();
+            daemon.close_both();
+        }
+        return running.get();
+    }
+
+    // A signal ends the unregistration when these bytes of its reply have come: it stays registered.
+    void expect_interrupted(const bytes& sent) {
+        test::handle_interruptions();
+        unregistration running(scc_svr_unreg);
+        EXPECT_EQ(daemon.read_item(side::sync).type, 302);
+        daemon.send(side::sync, sent);
+        ASSERT_TRUE(test::all_taken(daemon.fd(side::sync)));
+        ASSERT_TRUE(running.waits_in(test::waiting_for_bytes));
+        running.interrupt();
+        EXPECT_EQ(finished(running), 4U);
+        EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
+        EXPECT_EQ(g_scc_client_cb.state.load(), 4U);
+    }
+
+    // The result of another unregistration once the daemon has read it and sent these bytes.
+    std::uint32_t unregistered_after(const bytes& sent) {
+        unregistration running(scc_svr_unreg);
+        EXPECT_EQ(daemon.read_item(side::sync).type, 302);
+        daemon.send(side::sync, sent);
+        return finished(running);
+    }
+
+    void expect_own_count_after(const bytes& sent) {
+        std::uint32_t count = 0;
+        unregistration running([&count] { return scc_arp_check_user_count_get(1, &count); });
+        EXPECT_EQ(daemon.read_item(side::sync).type, 304);
+        daemon.send(
+            side::sync,
+            wire().add(sent).add(test::message_bytes({test::item_bytes(411, wire().u32(0).u32(0).u32(31))})));
+        EXPECT_EQ(finished(running), 0U);
+        EXPECT_EQ(count, 31U);
+    }
+};
+
+TEST_F(InterruptedUnregistration, AtAnyByteLeavesAQueryAndTheNextTheirOwnReplies) {
+    start();
+    const bytes late = unregistration_reply(1);
+    for (std::size_t length = 0; length < late.size(); ++length) {
+        SCOPED_TRACE(length);
+        ASSERT_NO_FATAL_FAILURE(expect_interrupted(test::slice(late, 0, length)));
+        expect_own_count_after(test::slice(late, length, late.size() - length));
+        if (HasFailure()) {
+            return;
+        }
+    }
+    expect_registered();
+    EXPECT_EQ(unregistered_after(unregistration_reply(0)), 0U);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
+TEST_F(InterruptedUnregistration, IsRepeatedWithItsOwnReply) {
+    start();
+    for (const std::size_t length : {std::size_t{0}, std::size_t{5}, std::size_t{23}}) {
+        SCOPED_TRACE(length);
+        const bytes consent = unregistration_reply(0);
+        ASSERT_NO_FATAL_FAILURE(expect_interrupted(test::slice(consent, 0, length)));
+        EXPECT_EQ(unregistered_after(wire()
+                                         .add(test::slice(consent, length, consent.size() - length))
+                                         .add(unregistration_reply(1))),
+                  2001U);
+        if (HasFailure()) {
+            return;
+        }
+        expect_registered();
+    }
+    ASSERT_NO_FATAL_FAILURE(expect_interrupted({}));
+    EXPECT_EQ(unregistered_after(wire().add(unregistration_reply(1)).add(unregistration_reply(0))), 0U);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
+TEST_F(InterruptedUnregistration, OwesNothingToTheNextRegistration) {
+    start();
+    ASSERT_NO_FATAL_FAILURE(expect_interrupted({}));
+    EXPECT_EQ(unregistered_after(wire().add(unregistration_reply(0)).add(unregistration_reply(0))), 0U);
+    start();
+    expect_own_count_after({});
 }
 
 TEST_F(Registration, UnregisteringAndRegisteringAtOnceLeavesOneReceiveThread) {
@@ -291,13 +398,44 @@ TEST_F(Registration, UnregisteringAndRegisteringAtOnceLeavesOneReceiveThread) {
 
 TEST_F(Registration, ADescriptorOfZeroIsNeitherUnregisteredNorClosed) {
     start();
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    ASSERT_EQ(dup2(ends[0], 0), 0);
+    close(ends[0]);
     const int real_sync = g_scc_client_cb.sync_fd.exchange(0);
     EXPECT_EQ(scc_svr_unreg(), 0U);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
     EXPECT_EQ(g_scc_client_cb.sync_fd.load(), 0);
-    EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
-    EXPECT_NE(fcntl(0, F_GETFD), -1);
+    // What is sent now arrives first, so nothing was sent before; and the pair is whole in both directions.
+    char got = 0;
+    EXPECT_EQ(send(0, "a", 1, MSG_NOSIGNAL), 1);
+    EXPECT_EQ(recv(ends[1], &got, 1, 0), 1);
+    EXPECT_EQ(got, 'a');
+    EXPECT_EQ(send(ends[1], "b", 1, MSG_NOSIGNAL), 1);
+    EXPECT_EQ(recv(0, &got, 1, 0), 1);
+    EXPECT_EQ(got, 'b');
+    const bytes mark = test::message_bytes({test::item_bytes(60000, {})});
+    EXPECT_EQ(send(real_sync, mark.data(), mark.size(), MSG_NOSIGNAL), static_cast<ssize_t>(mark.size()));
+    EXPECT_EQ(daemon.read_item(side::sync).type, 60000);
     g_scc_client_cb.sync_fd = -1;
     close(real_sync);
+    close(ends[1]);
+}
+
+TEST_F(Registration, ADescriptorOfZeroCountsAsConnected) {
+    EXPECT_FALSE(_scc_lib_client_is_connected());
+    g_scc_client_cb.sync_fd = 0;
+    EXPECT_FALSE(_scc_lib_client_is_connected());
+    g_scc_client_cb.async_fd = 0;
+    EXPECT_TRUE(_scc_lib_client_is_connected());
+    const test::debugging on;
+    info.app_id = 7;
+    EXPECT_EQ(scc_svr_reg(&info), 0U);
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{who() + " already registered!"});
+    EXPECT_EQ(test::library_threads(), 0U);
+    g_scc_client_cb.sync_fd = -1;
+    EXPECT_FALSE(_scc_lib_client_is_connected());
+    g_scc_client_cb.async_fd = -1;
 }
 
 TEST_F(Registration, DescriptorsAbove1024Work) {

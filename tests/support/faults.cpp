@@ -26,6 +26,7 @@ constinit std::atomic<int> g_allocations{0};
 constinit std::atomic<int> g_failing_allocation{0};
 constinit std::atomic<bool> g_met{false};
 constinit std::atomic<int> g_limit{0};
+constinit std::atomic<std::size_t> g_failing_size{0};
 
 fault& of(call which) {
     return g_faults[static_cast<int>(which)];
@@ -47,8 +48,9 @@ bool fails(call which) {
     return true;
 }
 
-bool allocation_fails(call which) {
-    const bool this_one = ++g_allocations == g_failing_allocation;
+bool allocation_fails(call which, std::size_t size) {
+    const bool in_turn = ++g_allocations == g_failing_allocation;
+    const bool this_one = in_turn || (size != 0 && size == g_failing_size);
     if (this_one) {
         g_met = true;
         errno = ENOMEM;
@@ -83,6 +85,10 @@ void fail_allocation(int nth) {
     g_failing_allocation = nth;
 }
 
+void fail_allocations_of(int bytes) {
+    g_failing_size = static_cast<std::size_t>(bytes);
+}
+
 void on_call(call which, void (*act)()) {
     of(which).act = act;
 }
@@ -94,6 +100,7 @@ bool end_faults() {
         one.calls = 0;
     }
     g_failing_allocation = 0;
+    g_failing_size = 0;
     g_limit = 0;
     return g_met.exchange(false);
 }
@@ -128,11 +135,11 @@ int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
 int __real_mkdir(const char* path, mode_t mode);
 
 void* __wrap_malloc(size_t size) {
-    return test::allocation_fails(call::malloc) ? nullptr : __real_malloc(size);
+    return test::allocation_fails(call::malloc, size) ? nullptr : __real_malloc(size);
 }
 
 void* __wrap_calloc(size_t count, size_t size) {
-    return test::allocation_fails(call::calloc) ? nullptr : __real_calloc(count, size);
+    return test::allocation_fails(call::calloc, count * size) ? nullptr : __real_calloc(count, size);
 }
 
 int __wrap_socket(int domain, int type, int protocol) {

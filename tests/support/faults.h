@@ -28,6 +28,8 @@ void fail_call(call which, int nth, int error);
 void fail_calls_from(call which, int nth, int error);
 // Either memory call: the Nth allocation of the process fails.
 void fail_allocation(int nth);
+// Every allocation of exactly that many bytes fails, until the faults end.
+void fail_allocations_of(int bytes);
 // Does this inside the next call of the kind, before what the call does.
 void on_call(call which, void (*act)());
 // Ends all faults; returns whether one was met.

@@ -1,6 +1,8 @@
 #include "support/log_capture.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
@@ -23,6 +25,8 @@ store& the_store() {
     static store* one = new store;
     return *one;
 }
+
+constinit std::atomic<int> g_errno_left{0};
 
 std::string behind_prefix(const std::string& whole) {
     if (whole.empty() || whole.front() != '<') {
@@ -66,6 +70,10 @@ bool wait_for_log(const std::string& text) {
                                         [&] { return contains(the_store().lines, text); });
 }
 
+void leave_errno_in_log(int error) {
+    g_errno_left = error;
+}
+
 debugging::debugging() {
     clear_log();
     scc_lib_debug.store(1);
@@ -88,5 +96,8 @@ extern "C" int printk_syslog_ext(int level, const char* module, const char* subm
     const std::lock_guard guard(store.mutex);
     store.lines.push_back({level, module, submodule, flag, test::behind_prefix(text), text});
     store.changed.notify_all();
+    if (const int left = test::g_errno_left; left != 0) {
+        errno = left;
+    }
     return length;
 }

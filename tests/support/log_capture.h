@@ -23,6 +23,9 @@ bool logged(const std::string& text);
 // Waits up to 20 seconds for a line with exactly this text.
 bool wait_for_log(const std::string& text);
 
+// From now on writing a line leaves this number in errno, as a real log may; 0 leaves errno alone.
+void leave_errno_in_log(int error);
+
 // Switches the library's logging on while it lives.
 class debugging {
   public:

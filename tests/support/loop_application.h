@@ -14,6 +14,7 @@
 #include "agent/agent_tasks.h"
 #include "client/control_block.h"
 #include "scclib.h"
+#include "support/aside.h"
 #include "support/events.h"
 #include "support/log_capture.h"
 #include "support/loop_faults.h"
@@ -44,7 +45,13 @@ class loop_application : public ::testing::Test {
         info.option = 1;
         info.handlers.server_status = on_status;
         set_timer_seconds(0);
-        loop_ = std::thread([this] { qx_thread_master_run(master); });
+        auto id = std::make_shared<std::promise<pid_t>>();
+        std::future<pid_t> told = id->get_future();
+        loop_ = std::thread([this, id] {
+            id->set_value(gettid());
+            qx_thread_master_run(master);
+        });
+        loop_id_ = told.get();
     }
     ~loop_application() override {
         qx_thread_master_stop(master);
@@ -98,6 +105,23 @@ class loop_application : public ::testing::Test {
         return result.get();
     }
 
+    // A signal ends the system call in which the loop's thread sleeps in the middle of a task.
+    void interrupt_loop(system_calls where) {
+        handle_interruptions();
+        ASSERT_TRUE(wait_until_it_sleeps_in(loop_id_, where));
+        ASSERT_EQ(pthread_kill(loop_.native_handle(), interrupting_signal), 0);
+    }
+
+    // Waits for what runs on the loop; what does not return fails the test and is released.
+    std::uint32_t finished(std::future<std::uint32_t>& running) {
+        if (running.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
+            ADD_FAILURE() << "the call does not return";
+            daemon.stop_listening();
+            daemon.close_both();
+        }
+        return running.get();
+    }
+
     // The connection was lost: it comes back with one status 0 and one status 1.
     void expect_reconnection() {
         daemon.accept_registration();
@@ -121,6 +145,7 @@ class loop_application : public ::testing::Test {
 
   private:
     std::thread loop_;
+    pid_t loop_id_ = 0;
 };
 
 }  // namespace test
