@@ -8,7 +8,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstddef>
+#include <mutex>
 
 namespace test {
 namespace {
@@ -26,6 +28,33 @@ constinit std::atomic<int> g_allocations{0};
 constinit std::atomic<int> g_failing_allocation{0};
 constinit std::atomic<bool> g_met{false};
 constinit std::atomic<int> g_limit{0};
+
+// Never destroyed: the library's threads live as long as the process.
+struct gate {
+    std::mutex mutex;
+    std::condition_variable opened;
+    bool closed = false;
+};
+
+gate& the_gate() {
+    static auto* one = new gate;
+    return *one;
+}
+
+struct held_thread {
+    void* (*body)(void*);
+    void* argument;
+};
+
+void* run_when_released(void* held) {
+    const held_thread one = *static_cast<held_thread*>(held);
+    delete static_cast<held_thread*>(held);
+    {
+        std::unique_lock guard(the_gate().mutex);
+        the_gate().opened.wait(guard, [] { return !the_gate().closed; });
+    }
+    return one.body(one.argument);
+}
 
 fault& of(call which) {
     return g_faults[static_cast<int>(which)];
@@ -100,6 +129,17 @@ bool end_faults() {
 
 int calls(call which) {
     return of(which).calls;
+}
+
+void hold_new_threads() {
+    const std::lock_guard guard(the_gate().mutex);
+    the_gate().closed = true;
+}
+
+void release_new_threads() {
+    const std::lock_guard guard(the_gate().mutex);
+    the_gate().closed = false;
+    the_gate().opened.notify_all();
 }
 
 void limit_transfer(int bytes) {
@@ -183,8 +223,15 @@ int __wrap_close(int fd) {
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument) {
-    return test::fails(call::pthread_create) ? errno
-                                             : __real_pthread_create(thread, attributes, body, argument);
+    if (test::fails(call::pthread_create)) {
+        return errno;
+    }
+    auto* held = new test::held_thread{body, argument};
+    const int error = __real_pthread_create(thread, attributes, test::run_when_released, held);
+    if (error != 0) {
+        delete held;
+    }
+    return error;
 }
 
 int __wrap_mkdir(const char* path, mode_t mode) {

@@ -34,6 +34,9 @@ void on_call(call which, void (*act)());
 bool end_faults();
 // How often the kind was called since the last end_faults or fail_*.
 int calls(call which);
+// Threads that are created from now on run from release_new_threads on.
+void hold_new_threads();
+void release_new_threads();
 // send and recv move at most that many bytes a call; 0 for no limit.
 void limit_transfer(int bytes);
 

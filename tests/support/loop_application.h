@@ -14,21 +14,12 @@
 #include "agent/agent_tasks.h"
 #include "client/control_block.h"
 #include "scclib.h"
-#include "support/events.h"
+#include "support/handler_events.h"
 #include "support/log_capture.h"
 #include "support/loop_faults.h"
 #include "support/scripted_daemon.h"
 
 namespace test {
-
-inline event_queue<std::uint32_t>& statuses() {
-    static auto* queue = new event_queue<std::uint32_t>;
-    return *queue;
-}
-
-inline void on_status(std::uint32_t status) {
-    statuses().push(status);
-}
 
 // Masters are kept: the library's checker thread lives as long as the process and may still use one.
 inline qx_thread_master* kept_master() {
