@@ -6,6 +6,7 @@
 #include "client/channel_support.h"
 #include "client/connection.h"
 #include "client/request_channel.h"
+#include "support/one_at_a_time.h"
 
 using test::bytes;
 using test::item_bytes;
@@ -425,5 +426,75 @@ TEST_F(Receive, WithoutASocketTheReceiveIsABadDescriptor) {
     EXPECT_EQ(_scc_lib_msg_recv(&message, 0), 9U);
     EXPECT_EQ(_scc_lib_msg_recv(&message, 1), 9U);
 }
+
+// ---- handlers of two registrations
+
+// The handler of the first registration that is running when it ends, and how the daemon has it called.
+struct old_handler_row {
+    const char* name;
+    void (*install)(scc_handlers&);
+    void (*provoke)(test::scripted_daemon&);
+};
+
+const old_handler_row old_handler_rows[] = {
+    {"Status", [](scc_handlers& handlers) { handlers.server_status = [](std::uint32_t) { test::old_handler(); }; },
+     [](test::scripted_daemon&) {}},
+    {"Notification",
+     [](scc_handlers& handlers) { handlers.station_move = [](std::uint8_t) { test::old_handler(); }; },
+     [](test::scripted_daemon& daemon) { daemon.send_item(side::async, 210, wire().u32(1).u8(1)); }},
+    {"Result",
+     [](scc_handlers& handlers) {
+         handlers.addr_learning = [](std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {
+             test::old_handler();
+         };
+     },
+     [](test::scripted_daemon& daemon) {
+         ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
+         EXPECT_EQ(daemon.read_item(side::async).type, 123);
+         daemon.send_result(1, 0);
+     }},
+};
+
+class OneHandlerAtATime : public test::runtime_test,
+                          public ::testing::WithParamInterface<old_handler_row> {
+  protected:
+    // The old handler is running from here on, or has begun to act.
+    void start() {
+        info.app_id = 7;
+        GetParam().install(info.handlers);
+        ASSERT_EQ(scc_svr_reg(&info), 0U);
+        daemon.accept_registration();
+        ASSERT_TRUE(test::eventually([] { return g_scc_client_cb.state.load() == 4; }));
+        GetParam().provoke(daemon);
+    }
+};
+
+TEST_P(OneHandlerAtATime, WhenAnotherThreadRegistersAnew) {
+    start();
+    ASSERT_TRUE(test::entered().wait());
+    std::thread beside([] {
+        EXPECT_EQ(scc_svr_unreg(), 0U);
+        test::register_again();
+    });
+    daemon.answer_unregistration();
+    beside.join();
+    test::expect_second_waits_for_first(daemon);
+    stop();
+}
+
+TEST_P(OneHandlerAtATime, WhenTheHandlerItselfRegistersAnew) {
+    test::inside_old_handler() = [] {
+        EXPECT_EQ(scc_svr_unreg(), 0U);
+        test::register_again();
+    };
+    start();
+    daemon.answer_unregistration();
+    ASSERT_TRUE(test::entered().wait());
+    test::expect_second_waits_for_first(daemon);
+    stop();
+}
+
+INSTANTIATE_TEST_SUITE_P(Handlers, OneHandlerAtATime, ::testing::ValuesIn(old_handler_rows),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace
