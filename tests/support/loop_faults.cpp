@@ -18,7 +18,8 @@ struct record {
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<added_task> tasks;
-    std::map<qx_thread*, std::string> names;  // of every handle: the platform's numbers are not used again
+    std::map<qx_thread*, added_task> of_handle;  // the platform's numbers are not used again
+    std::map<std::string, event_queue<int>> results;
     std::vector<cancelled_task> cancelled;
     std::vector<std::thread::id> callers;
     std::string kept_name;
@@ -69,11 +70,27 @@ qx_thread* note(added_task task, const Add& add) {
         task.handle = add();
     }
     if (task.handle != nullptr) {
-        noted.names[task.handle] = task.name;
+        noted.of_handle[task.handle] = task;
     }
     noted.tasks.push_back(task);
     noted.changed.notify_all();
     return task.handle;
+}
+
+// In the place of the handler of each task of the library.
+int run_noted(qx_thread* task) {
+    added_task one;
+    {
+        const std::lock_guard guard(the_record().mutex);
+        one = the_record().of_handle[task];
+    }
+    const int result = one.handler(task);
+    task_results(one.name).push(result);
+    return result;
+}
+
+qx_thread_handler handler_for_loop(const added_task& task) {
+    return is_of_library(task.name) ? run_noted : task.handler;
 }
 
 template <class Function>
@@ -90,8 +107,9 @@ using add_timer = qx_thread*(qx_thread_master*, qx_thread_handler, void*, long, 
 
 qx_thread* add(adding call, const char* function, qx_thread_master* master, qx_thread_handler handler,
                void* arg, int number, const char* name) {
-    return note({call, name != nullptr ? name : "", handler, arg, number, false, nullptr, {}}, [&] {
-        return behind<add_numbered>(function)(master, handler, arg, number, name);
+    const added_task task{call, name != nullptr ? name : "", handler, arg, number, false, nullptr, {}};
+    return note(task, [&] {
+        return behind<add_numbered>(function)(master, handler_for_loop(task), arg, number, name);
     });
 }
 
@@ -142,6 +160,11 @@ void forget_added_tasks() {
     the_record().callers.clear();
 }
 
+event_queue<int>& task_results(const std::string& name) {
+    const std::lock_guard guard(the_record().mutex);
+    return the_record().results[name];
+}
+
 void keep_from_loop(const std::string& name) {
     const std::lock_guard guard(the_record().mutex);
     the_record().kept_name = name;
@@ -154,7 +177,7 @@ bool run_kept(const added_task& task, qx_thread* object) {
             return false;
         }
     }
-    task.handler(object);
+    task_results(task.name).push(task.handler(object));
     return true;
 }
 
@@ -171,12 +194,13 @@ qx_thread* qx_thread_add_event_withname(qx_thread_master* master, qx_thread_hand
 
 qx_thread* qx_thread_add_timer_withname(qx_thread_master* master, qx_thread_handler handler, void* arg,
                                         long seconds, const char* name) {
-    return test::note({adding::timer, name != nullptr ? name : "", handler, arg, seconds, false, nullptr, {}},
-                      [&] {
-                          const long wanted = test::the_record().timer_seconds;
-                          return test::behind<test::add_timer>("qx_thread_add_timer_withname")(
-                              master, handler, arg, wanted < 0 ? seconds : wanted, name);
-                      });
+    const test::added_task task{
+        adding::timer, name != nullptr ? name : "", handler, arg, seconds, false, nullptr, {}};
+    return test::note(task, [&] {
+        const long wanted = test::the_record().timer_seconds;
+        return test::behind<test::add_timer>("qx_thread_add_timer_withname")(
+            master, test::handler_for_loop(task), arg, wanted < 0 ? seconds : wanted, name);
+    });
 }
 
 qx_thread* qx_thread_add_read_high_withname(qx_thread_master* master, qx_thread_handler handler, void* arg,
@@ -193,8 +217,8 @@ void qx_thread_cancel(qx_thread* task) {
     {
         test::record& noted = test::the_record();
         const std::lock_guard guard(noted.mutex);
-        if (const auto found = noted.names.find(task); found != noted.names.end()) {
-            noted.cancelled.push_back({task, found->second, std::this_thread::get_id()});
+        if (const auto found = noted.of_handle.find(task); found != noted.of_handle.end()) {
+            noted.cancelled.push_back({task, found->second.name, std::this_thread::get_id()});
         }
         noted.callers.push_back(std::this_thread::get_id());
         if (noted.kept.erase(task) != 0) {

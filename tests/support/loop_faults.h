@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/events.h"
+
 namespace test {
 
 enum class adding { event, timer, read_high, write };
@@ -45,6 +47,8 @@ void set_timer_seconds(long seconds);
 // Every thread that has added or cancelled a task of the library.
 [[nodiscard]] std::vector<std::thread::id> threads_that_called();
 void forget_added_tasks();
+// What the library's tasks with this name have returned, in order; both ways of running them count.
+event_queue<int>& task_results(const std::string& name);
 
 // Tasks with this name are taken and never run by the loop; an empty name ends it. They are added_tasks().
 void keep_from_loop(const std::string& name);
