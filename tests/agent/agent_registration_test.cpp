@@ -78,9 +78,9 @@ class AgentRegistration : public test::loop_application {
 
     // One registration has been made, once on each socket, and the loop alone reads.
     void expect_one_registration() {
-        settle();
         ASSERT_EQ(scc_warterline_notify(1), 0U);
         ASSERT_EQ(daemon.read_item(side::sync).type, 220);
+        settle();
         ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
         ASSERT_EQ(daemon.read_item(side::async).type, 123);
         EXPECT_EQ(test::statuses().size(), 0U);
@@ -269,6 +269,7 @@ TEST_F(AgentRegistration, OnItsWayToTheFirstConnectionIsTakenForStartedInThreadM
         ASSERT_EQ(scc_agent_init(&info, master), 0U);
         expect_no_start_in_thread_mode();
     });
+    ASSERT_FALSE(::testing::Test::HasFailure());
     EXPECT_EQ(test::u32_at(daemon.accept_registration().first, 0), 7U);
     EXPECT_EQ(test::statuses().wait(), 1U);
     expect_one_registration();
@@ -284,6 +285,7 @@ TEST_F(AgentRegistration, WaitingForItsTimerIsTakenForStartedInThreadMode) {
     ASSERT_TRUE(test::wait_for_added("scc-reconnect", 1));
     settle();
     in_loop([this] { expect_no_start_in_thread_mode(); });
+    ASSERT_FALSE(::testing::Test::HasFailure());
     test::keep_from_loop("");
     daemon.listen();
     auto reconnecting = std::async(std::launch::async, [this] {
@@ -316,8 +318,8 @@ TEST_F(AgentRegistration, StartedAgainByAnotherThreadAtAnyMomentRegistersOnce) {
         beside.join();
         ASSERT_EQ(test::statuses().wait(), 1U);
         expect_one_registration();
-        ASSERT_EQ(finish(), 0U);
         ASSERT_FALSE(::testing::Test::HasFailure());
+        ASSERT_EQ(finish(), 0U);
     }
 }
 

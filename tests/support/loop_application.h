@@ -6,6 +6,7 @@
 #include <qx_thread.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <future>
 #include <thread>
@@ -38,6 +39,7 @@ class loop_application : public ::testing::Test {
         loop_ = std::thread([this] { qx_thread_master_run(master); });
     }
     ~loop_application() override {
+        release_loop();
         qx_thread_master_stop(master);
         loop_.join();
     }
@@ -56,6 +58,10 @@ class loop_application : public ::testing::Test {
         if (qx_thread_add_event_withname(master, run_work, &packaged, 0, "test") == nullptr) {
             ADD_FAILURE() << "the loop takes no task";
             return ~0U;
+        }
+        if (result.wait_for(std::chrono::seconds(60)) == std::future_status::timeout) {
+            ADD_FAILURE() << "the loop is busy for good";
+            release_loop();
         }
         return result.get();
     }
@@ -111,6 +117,12 @@ class loop_application : public ::testing::Test {
     qx_thread_master* master;
 
   private:
+    // After a failure the loop may wait for an answer of the daemon.
+    void release_loop() {
+        daemon.stop_listening();
+        daemon.close_both();
+    }
+
     std::thread loop_;
 };
 

@@ -1,6 +1,7 @@
 #include "support/loop_faults.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 
 #include <algorithm>
 #include <chrono>
@@ -218,7 +219,8 @@ void qx_thread_cancel(qx_thread* task) {
         test::record& noted = test::the_record();
         const std::lock_guard guard(noted.mutex);
         if (const auto found = noted.of_handle.find(task); found != noted.of_handle.end()) {
-            noted.cancelled.push_back({task, found->second.name, std::this_thread::get_id()});
+            noted.cancelled.push_back({task, found->second.name, std::this_thread::get_id(),
+                                       fcntl(static_cast<int>(found->second.number), F_GETFD) != -1});
         }
         noted.callers.push_back(std::this_thread::get_id());
         if (noted.kept.erase(task) != 0) {

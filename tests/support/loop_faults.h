@@ -30,6 +30,7 @@ struct cancelled_task {
     qx_thread* handle;
     std::string name;
     std::thread::id thread;
+    bool open;  // the descriptor that it watched, where it watched one
 };
 
 // The next calls of that kind return null.
