@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 
 namespace test {
@@ -28,6 +29,14 @@ constinit std::atomic<int> g_allocations{0};
 constinit std::atomic<int> g_failing_allocation{0};
 constinit std::atomic<bool> g_met{false};
 constinit std::atomic<int> g_limit{0};
+constinit std::atomic<void (*)()> g_on_state_set{nullptr};
+constinit std::atomic<void (*)()> g_on_calls_freed{nullptr};
+
+void do_once(std::atomic<void (*)()>& what) {
+    if (const auto act = what.exchange(nullptr); act != nullptr) {
+        act();
+    }
+}
 
 // Never destroyed: the library's threads live as long as the process.
 struct gate {
@@ -63,9 +72,7 @@ fault& of(call which) {
 // Whether this call has to fail; errno is then set.
 bool fails(call which) {
     fault& one = of(which);
-    if (const auto act = one.act.exchange(nullptr); act != nullptr) {
-        act();
-    }
+    do_once(one.act);
     const int number = ++one.calls;
     const int nth = one.nth;
     if (nth == 0 || (one.onwards ? number < nth : number != nth)) {
@@ -116,7 +123,17 @@ void on_call(call which, void (*act)()) {
     of(which).act = act;
 }
 
+void on_state_set(void (*act)()) {
+    g_on_state_set = act;
+}
+
+void on_calls_freed(void (*act)()) {
+    g_on_calls_freed = act;
+}
+
 bool end_faults() {
+    g_on_state_set = nullptr;
+    g_on_calls_freed = nullptr;
     for (fault& one : g_faults) {
         one.act = nullptr;
         one.nth = 0;
@@ -166,6 +183,21 @@ int __real_close(int fd);
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument);
 int __real_mkdir(const char* path, mode_t mode);
+
+void __real__scc_client_state_set(std::uint32_t state);
+
+void __wrap__scc_client_state_set(std::uint32_t state) {
+    test::do_once(test::g_on_state_set);
+    __real__scc_client_state_set(state);
+}
+
+// scc::free_pending_calls()
+void __real__ZN3scc18free_pending_callsEv();
+
+void __wrap__ZN3scc18free_pending_callsEv() {
+    test::do_once(test::g_on_calls_freed);
+    __real__ZN3scc18free_pending_callsEv();
+}
 
 void* __wrap_malloc(size_t size) {
     return test::allocation_fails(call::malloc) ? nullptr : __real_malloc(size);

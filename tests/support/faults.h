@@ -30,6 +30,9 @@ void fail_calls_from(call which, int nth, int error);
 void fail_allocation(int nth);
 // Does this inside the next call of the kind, before what the call does.
 void on_call(call which, void (*act)());
+// Does this once, before the library sets the client state, or frees the pending calls, the next time.
+void on_state_set(void (*act)());
+void on_calls_freed(void (*act)());
 // Ends all faults; returns whether one was met.
 bool end_faults();
 // How often the kind was called since the last end_faults or fail_*.
