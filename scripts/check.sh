@@ -22,6 +22,7 @@ stage_header() {
 stage_binary() {
     build release
     scripts/check_binary.sh build/release/src/libscclib.so
+    scripts/check_imports.sh build/release/src/libscclib.so
 }
 stage_abi() { scripts/check_abi.sh build/release/src/libscclib.so; }
 stage_man() { scripts/check_man_pages.sh; }

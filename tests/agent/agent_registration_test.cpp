@@ -2,6 +2,8 @@
 #include <errno.h>
 #include <unistd.h>
 
+#include <barrier>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 
@@ -9,6 +11,7 @@
 #include "client/diagnostics.h"
 #include "client/log.h"
 #include "support/loop_application.h"
+#include "support/one_at_a_time.h"
 
 using test::bytes;
 using test::side;
@@ -56,16 +59,43 @@ class AgentRegistration : public test::loop_application {
 
     static std::string identity() { return "(app id:7, pid:" + std::to_string(getpid()) + ")"; }
 
-    // What a connect task returns that runs now.
-    int connect_task_result() {
-        int outcome = -1;
-        in_loop([&] {
-            auto* record = static_cast<scc_reg_info*>(std::calloc(1, 568));
+    // Neither an application's nor the service's start in thread mode begins.
+    void expect_no_start_in_thread_mode() {
+        const std::size_t threads = test::process_threads("Name").size();
+        const test::debugging on;
+        const scc_reg_info application = test::second_registration();
+        const scc_ss_reg_info service{};
+        EXPECT_EQ(scc_svr_reg(&application), 0U);
+        EXPECT_EQ(scc_ss_reg(&service), 0U);
+        const std::string pid = std::to_string(getpid());
+        EXPECT_EQ(test::log_texts(),
+                  (std::vector<std::string>{"(app id:9, pid:" + pid + ") already registered!",
+                                            "(app id:16, pid:" + pid + ") already registered!"}));
+        EXPECT_EQ(test::process_threads("Name").size(), threads);
+        EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
+        EXPECT_EQ(g_scc_client_cb.thread_mode.load(), 0U);
+    }
+
+    // One registration has been made, once on each socket, and the loop alone reads.
+    void expect_one_registration() {
+        ASSERT_EQ(scc_warterline_notify(1), 0U);
+        ASSERT_EQ(daemon.read_item(side::sync).type, 220);
+        settle();
+        ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
+        ASSERT_EQ(daemon.read_item(side::async).type, 123);
+        EXPECT_EQ(test::statuses().size(), 0U);
+    }
+
+    // A connect task runs now; test::task_results has what it returned.
+    void connect_again() {
+        while (test::task_results("scc-connect").size() > 0) {
+            (void)test::task_results("scc-connect").wait();
+        }
+        in_loop([this] {
+            auto* record = static_cast<scc_reg_info*>(std::calloc(1, sizeof info));
             *record = info;
             EXPECT_EQ(_scc_lib_thread_event(0, record, -1), 0);
-            outcome = _scc_lib_agent_connect(nullptr);
         });
-        return outcome;
     }
 };
 
@@ -173,14 +203,17 @@ TEST_F(AgentRegistration, ReturnsTheErrorOfAConnectionThatFailed) {
     ASSERT_EQ(init(), 0U);
     ASSERT_TRUE(test::wait_for_added("scc-reconnect", 1));
     test::forget_added_tasks();
-    EXPECT_EQ(connect_task_result(), 2);  // the daemon's socket file has gone
+    connect_again();
+    EXPECT_EQ(test::task_results("scc-connect").wait(), 2);  // the daemon's socket file has gone
+    settle();
     EXPECT_EQ(state(), 1U);
     EXPECT_EQ(test::added_tasks("scc-reconnect").size(), 1U);
     daemon.listen();
-    auto refused = std::async(std::launch::async, [this] { return connect_task_result(); });
+    connect_again();
     daemon.accept_both();
     daemon.answer_registration(side::sync, 2002, 4711);
-    EXPECT_EQ(refused.get(), 2002);
+    EXPECT_EQ(test::task_results("scc-connect").wait(), 2002);
+    settle();
     EXPECT_EQ(state(), 1U);
     EXPECT_TRUE(scc::is_pending(scc::task_reconnect));
 }
@@ -229,6 +262,117 @@ TEST_F(AgentRegistration, StartedWhileItWaitsForTheTimerHasNoSecondAttemptBehind
     EXPECT_EQ(test::statuses().wait(), 1U);
     settle();
     EXPECT_EQ(state(), 4U);
+}
+
+TEST_F(AgentRegistration, OnItsWayToTheFirstConnectionIsTakenForStartedInThreadMode) {
+    in_loop([this] {
+        ASSERT_EQ(scc_agent_init(&info, master), 0U);
+        expect_no_start_in_thread_mode();
+    });
+    ASSERT_FALSE(::testing::Test::HasFailure());
+    EXPECT_EQ(test::u32_at(daemon.accept_registration().first, 0), 7U);
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    expect_one_registration();
+}
+
+TEST_F(AgentRegistration, WaitingForItsTimerIsTakenForStartedInThreadMode) {
+    start();
+    test::keep_from_loop("scc-reconnect");
+    in_loop([this] {
+        daemon.stop_listening();
+        daemon.close_both();
+    });
+    ASSERT_TRUE(test::wait_for_added("scc-reconnect", 1));
+    settle();
+    in_loop([this] { expect_no_start_in_thread_mode(); });
+    ASSERT_FALSE(::testing::Test::HasFailure());
+    test::keep_from_loop("");
+    daemon.listen();
+    auto reconnecting = std::async(std::launch::async, [this] {
+        in_loop([] {
+            const test::added_task timer = test::added_tasks("scc-reconnect").back();
+            EXPECT_TRUE(test::run_kept(timer, timer.handle));
+        });
+    });
+    expect_reconnection();
+    reconnecting.get();
+    expect_one_registration();
+}
+
+TEST_F(AgentRegistration, StartedAgainByAnotherThreadAtAnyMomentRegistersOnce) {
+    for (int round = 0; round < 300; ++round) {
+        SCOPED_TRACE(round);
+        std::barrier both(2);
+        std::thread beside([&] {
+            both.arrive_and_wait();
+            const auto moment = std::chrono::steady_clock::now() + std::chrono::microseconds(round % 100 * 4);
+            while (std::chrono::steady_clock::now() < moment) {
+            }
+            EXPECT_EQ(scc_agent_init(&info, master), 0U);
+        });
+        in_loop([&] {
+            both.arrive_and_wait();
+            EXPECT_EQ(scc_agent_init(&info, master), 0U);
+        });
+        daemon.accept_registration();
+        beside.join();
+        ASSERT_EQ(test::statuses().wait(), 1U);
+        expect_one_registration();
+        ASSERT_FALSE(::testing::Test::HasFailure());
+        ASSERT_EQ(finish(), 0U);
+    }
+}
+
+// ---- handlers of two registrations
+
+class AgentBesideOldHandler : public test::loop_application {
+  protected:
+    AgentBesideOldHandler() {
+        info.handlers.station_move = [](std::uint8_t) { test::old_handler(); };
+    }
+
+    void call_old_handler() { daemon.send_item(side::async, 210, wire().u32(1).u8(1)); }
+};
+
+TEST_F(AgentBesideOldHandler, LeavesTheNextReceiveThreadWaitingForIt) {
+    start();
+    call_old_handler();
+    ASSERT_TRUE(test::entered().wait());
+    std::thread beside([] {
+        EXPECT_EQ(scc_agent_finish(), 0U);
+        test::register_again();
+    });
+    daemon.answer_unregistration();
+    beside.join();
+    test::expect_second_waits_for_first(daemon);
+}
+
+TEST_F(AgentBesideOldHandler, ThatStartsAReceiveThreadLeavesItWaiting) {
+    test::inside_old_handler() = [] {
+        EXPECT_EQ(scc_agent_finish(), 0U);
+        test::register_again();
+    };
+    start();
+    call_old_handler();
+    daemon.answer_unregistration();
+    ASSERT_TRUE(test::entered().wait());
+    test::expect_second_waits_for_first(daemon);
+}
+
+TEST_F(AgentBesideOldHandler, OfAReceiveThreadWaitsBeforeItsStatus) {
+    ASSERT_EQ(scc_svr_reg(&info), 0U);
+    daemon.accept_registration();
+    ASSERT_EQ(test::statuses().wait(), 1U);
+    call_old_handler();
+    ASSERT_TRUE(test::entered().wait());
+    std::thread beside([this] {
+        EXPECT_EQ(scc_svr_unreg(), 0U);
+        const scc_reg_info second = test::second_registration();
+        EXPECT_EQ(scc_agent_init(&second, master), 0U);
+    });
+    daemon.answer_unregistration();
+    beside.join();
+    test::expect_second_waits_for_first(daemon);
 }
 
 TEST_F(AgentRegistration, WithoutItsPathsEndsTheAttemptAndSchedulesNothing) {

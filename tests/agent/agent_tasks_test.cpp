@@ -2,11 +2,15 @@
 // task, which only tests schedule.
 #include "agent/agent_tasks.h"
 
+#include <sys/socket.h>
+
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
 
 #include "client/descriptors.h"
+#include "client/request_channel.h"
 #include "support/loop_application.h"
 
 using test::adding;
@@ -14,9 +18,35 @@ using test::bytes;
 using test::side;
 using test::wire;
 
+extern "C" std::atomic<std::uint8_t> g_send_buf_chk_enabled;
+
 namespace {
 
-using AgentTasks = test::loop_application;
+test::event_queue<std::uint8_t>& moves() {
+    static auto* queue = new test::event_queue<std::uint8_t>;
+    return *queue;
+}
+
+class AgentTasks : public test::loop_application {
+  protected:
+    AgentTasks() {
+        info.handlers.station_move = [](std::uint8_t permitted) { moves().push(permitted); };
+    }
+
+    // The loop watches the asynchronous socket: what the daemon sends is delivered, time and again.
+    void expect_reading() {
+        for (const std::uint8_t permitted : bytes{1, 0, 1}) {
+            daemon.send_item(side::async, 210, wire().u32(1).u8(permitted));
+            ASSERT_EQ(moves().wait(), permitted) << "the loop does not read";
+        }
+    }
+};
+
+// No checker thread runs, so a batch waits until it is full.
+class AgentTasksUnflushed : public AgentTasks {
+  protected:
+    AgentTasksUnflushed() { g_send_buf_chk_enabled = 1; }
+};
 
 // A write task's argument: u32 type, u32 length, value.
 void* write_argument(const bytes& record) {
@@ -72,6 +102,7 @@ TEST_F(AgentTasks, AreScheduledUnderTheirNamesByTheCallOfTheirKind) {
         const int fd = g_scc_client_cb.async_fd.load();
         for (const task_kind_row& row : task_kind_rows) {
             static int ignored;
+            // Given back with the task: the leak sanitizer counts.
             void* const arg = row.takes_argument ? std::calloc(1, 568) : &ignored;
             EXPECT_EQ(_scc_lib_thread_event(row.kind, arg, fd), 0) << row.name;
             ASSERT_EQ(test::added_tasks(row.name).size(), 1U) << row.name;
@@ -81,7 +112,6 @@ TEST_F(AgentTasks, AreScheduledUnderTheirNamesByTheCallOfTheirKind) {
             EXPECT_EQ(added.arg, row.takes_argument ? arg : nullptr) << row.name;
             EXPECT_EQ(added.number, std::vector<long>({0, 3, fd, fd})[row.kind]) << row.name;
             EXPECT_TRUE(scc::is_pending(static_cast<scc::task_kind>(row.kind))) << row.name;
-            if (row.kind == 3) std::free(added.arg);
         }
         scc::cancel_all_tasks();
     });
@@ -204,6 +234,162 @@ TEST_F(AgentTasks, ToWriteThatFailDuringAnUnregistrationOnlySetTheStateBack) {
     settle();
     EXPECT_EQ(state(), 1U);
     EXPECT_TRUE(test::added_tasks("scc-reconnect").empty());
+}
+
+// What the loop gives to a handler on a platform whose tasks are no handles.
+qx_thread* task_object() {
+    static std::uint64_t object[8];
+    return reinterpret_cast<qx_thread*>(object);
+}
+
+bytes write_request(std::uint32_t type, const std::string& text) {
+    return wire().u32(type).u32(static_cast<std::uint32_t>(text.size())).text(text);
+}
+
+// Schedules a write task and leaves it to the test to run it.
+test::added_task kept_write(std::uint32_t type, const std::string& text) {
+    test::keep_from_loop("scc-write");
+    EXPECT_EQ(_scc_lib_thread_event(3, write_argument(write_request(type, text)), 1), 0);
+    test::keep_from_loop("");
+    return test::added_tasks("scc-write").back();
+}
+
+void expect_item(const test::received_item& item, std::uint16_t type, const std::string& text) {
+    EXPECT_EQ(item.type, type);
+    EXPECT_EQ(item.value, bytes(wire().text(text)));
+}
+
+TEST_F(AgentTasks, ToWriteThatWaitTogetherSendTheirOwnRequests) {
+    start();
+    in_loop([] {
+        std::vector<test::added_task> tasks;
+        for (const char* text : {"a", "bb", "ccc"}) {
+            tasks.push_back(kept_write(190 + static_cast<std::uint32_t>(std::strlen(text)), text));
+        }
+        for (const std::size_t next : {2U, 0U, 1U}) {
+            EXPECT_TRUE(test::run_kept(tasks[next], tasks[next].handle));
+        }
+    });
+    expect_item(daemon.read_item(side::async), 193, "ccc");
+    expect_item(daemon.read_item(side::async), 191, "a");
+    expect_item(daemon.read_item(side::async), 192, "bb");
+}
+
+TEST_F(AgentTasks, ToWriteOnTheLoopTogetherSendTheirOwnRequests) {
+    start();
+    in_loop([] {
+        const int fd = g_scc_client_cb.async_fd.load();
+        for (std::uint32_t i = 0; i < 40; ++i) {
+            EXPECT_EQ(_scc_lib_thread_event(3, write_argument(write_request(300 + i, std::string(i, 'x'))), fd),
+                      0);
+        }
+    });
+    std::vector<std::uint16_t> types;
+    for (const test::received_item& item : daemon.read_items(side::async, 40)) {
+        EXPECT_EQ(item.value.size(), item.type - 300U);
+        types.push_back(item.type);
+    }
+    std::ranges::sort(types);
+    for (std::size_t i = 0; i < 40; ++i) {
+        EXPECT_EQ(types.at(i), 300 + i);
+    }
+}
+
+// The oldest of their kind is meant.
+TEST_F(AgentTasks, ThatAreNotTheirHandleFindTheirArguments) {
+    start();
+    in_loop([] {
+        const auto first = kept_write(191, "a");
+        const auto second = kept_write(192, "bb");
+        EXPECT_TRUE(test::run_kept(first, task_object()));
+        EXPECT_TRUE(test::run_kept(second, task_object()));
+    });
+    expect_item(daemon.read_item(side::async), 191, "a");
+    expect_item(daemon.read_item(side::async), 192, "bb");
+    EXPECT_EQ(finish(), 0U);
+    test::keep_from_loop("scc-connect");
+    ASSERT_EQ(init(), 0U);
+    test::keep_from_loop("");
+    auto connecting = std::async(std::launch::async, [this] {
+        in_loop([] { EXPECT_TRUE(test::run_kept(test::added_tasks("scc-connect").back(), task_object())); });
+    });
+    EXPECT_EQ(test::u32_at(daemon.accept_registration().first, 0), 7U);
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    connecting.get();
+    expect_reading();
+}
+
+// The leak sanitizer counts.
+TEST_F(AgentTasks, ToWriteThatAreCancelledGiveTheirRequestsBackAndSendNothing) {
+    start();
+    in_loop([] {
+        const auto first = kept_write(191, "a");
+        const auto second = kept_write(192, "bb");
+        scc::cancel_all_tasks();
+        EXPECT_EQ(test::cancelled_tasks("scc-write").size(), 2U);
+        EXPECT_FALSE(test::run_kept(first, first.handle));
+        EXPECT_FALSE(test::run_kept(second, second.handle));
+    });
+    expect_working_requests();
+}
+
+TEST_F(AgentTasks, ToReadAreCancelledBeforeTheirSocketIsClosedByAWriteThatFailed) {
+    start();
+    for (int round = 0; round < 3; ++round) {
+        const int fd = g_scc_client_cb.async_fd.load();
+        const qx_thread* const reading = test::added_tasks("scc-read").back().handle;
+        in_loop([fd] {
+            EXPECT_EQ(_scc_lib_thread_event(3, write_argument(wire().u32(199).u32(8176).zeros(8176)), fd), 0);
+        });
+        EXPECT_EQ(daemon.read_item(side::async).type, 199);
+        expect_reconnection();
+        const auto cancelled = test::cancelled_tasks("scc-read");
+        ASSERT_FALSE(cancelled.empty()) << "the read task was left on the loop";
+        EXPECT_EQ(cancelled.back().handle, reading);
+        EXPECT_TRUE(cancelled.back().open) << "its socket was closed first";
+        expect_reading();
+    }
+}
+
+TEST_F(AgentTasksUnflushed, ToReadAreCancelledWhenAWriteFindsTheConnectionDead) {
+    start();
+    const int fd = g_scc_client_cb.async_fd.load();
+    ASSERT_EQ(shutdown(daemon.fd(side::async), SHUT_RD), 0);  // sends fail, and the loop sees nothing
+    in_loop([fd] {
+        const bytes half(5000, 1);
+        ASSERT_EQ(_scc_lib_msg_send_bt(0, 900, half.data(), 5000, 0), 0U);
+        EXPECT_EQ(_scc_lib_thread_event(3, write_argument(wire().u32(199).u32(5000).add(half)), fd), 0);
+    });
+    expect_reconnection();
+    const auto cancelled = test::cancelled_tasks("scc-read");
+    ASSERT_EQ(cancelled.size(), 1U) << "the read task was left on the loop";
+    EXPECT_TRUE(cancelled.front().open) << "its socket was closed first";
+    expect_reading();
+}
+
+TEST_F(AgentTasks, ToReadThatAWriteHasForgottenAreCancelledAtTheEnd) {
+    start();
+    const int fd = g_scc_client_cb.async_fd.load();
+    in_loop([fd] { EXPECT_EQ(_scc_lib_thread_event(3, write_argument(write_request(199, "abc")), fd), 0); });
+    expect_item(daemon.read_item(side::async), 199, "abc");
+    settle();
+    EXPECT_EQ(finish(), 0U);
+    const auto cancelled = test::cancelled_tasks("scc-read");
+    ASSERT_EQ(cancelled.size(), 1U) << "the read task was left on the loop";
+    EXPECT_TRUE(cancelled.front().open) << "its socket was closed first";
+    start();
+    expect_reading();
+}
+
+TEST_F(AgentTasks, ToReadThatAWriteHasForgottenGoOnReading) {
+    start();
+    const int fd = g_scc_client_cb.async_fd.load();
+    in_loop([fd] { EXPECT_EQ(_scc_lib_thread_event(3, write_argument(write_request(199, "abc")), fd), 0); });
+    expect_item(daemon.read_item(side::async), 199, "abc");
+    expect_reading();
+    daemon.close_both();
+    expect_reconnection();
+    expect_reading();
 }
 
 TEST_F(AgentTasks, EndAConnectionOnceHoweverManyNoticeItsLoss) {

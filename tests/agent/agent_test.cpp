@@ -1,5 +1,6 @@
 // The event-loop agent: its start and end, reading, and everything by which a connection is lost and comes
 // back. The loop has a thread of its own, the test's thread is the daemon.
+#include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -252,6 +253,40 @@ TEST_F(Agent, StopsReadingAfterAMalformedMessageUntilSomethingElseReconnects) {
     expect_answer(1);
 }
 
+TEST_F(Agent, DropsAMessageWhoseItemsDoNotFitAndReadsOn) {
+    const bytes messages[] = {
+        wire().u32(24).u8(1).u16(1).u8(0).u32(9).u16(0).u16(401).u32(1).u32(0),
+        wire().u32(24).u8(1).u16(2).u8(0).u32(8).u16(0).u16(401).u32(1).u32(0),
+        wire().u32(24).u8(1).u16(1).u8(0).u32(0xFFFFFFFF).u16(0).u16(401).u32(1).u32(0),
+        wire().u32(12).u8(1).u16(1).u8(0).u32(0),
+    };
+    start();
+    for (const bytes& message : messages) {
+        const test::debugging on;
+        std::uint32_t call_id = 0;
+        ASSERT_EQ(scc_addr_learning(1, 1, &call_id), 0U);
+        EXPECT_EQ(daemon.read_item(side::async).type, 123);
+        daemon.send(side::async, message);
+        expect_answer(call_id);
+        EXPECT_TRUE(test::logged("msg format error,items exceed msg. len:" + std::to_string(message.size()) + "."));
+        ASSERT_FALSE(::testing::Test::HasFailure());
+    }
+    EXPECT_EQ(state(), 4U);
+    EXPECT_EQ(answers().size(), 0U);
+    EXPECT_TRUE(test::added_tasks("scc-reconnect").empty());
+}
+
+TEST_F(Agent, StopsReadingAfterAHeaderWithoutBytesBehindIt) {
+    start();
+    const test::debugging on;
+    daemon.send(side::async, wire().u32(8).u8(1).u16(1).u8(0));
+    ASSERT_TRUE(test::wait_for_log("scc msg recv error. rv=2007, msg format error"));
+    settle();
+    EXPECT_FALSE(scc::is_pending(scc::task_read));
+    EXPECT_TRUE(test::added_tasks("scc-reconnect").empty());
+    EXPECT_EQ(state(), 4U);
+}
+
 TEST_F(Agent, ThatLosesItsDaemonDropsItsCallsAndComesBack) {
     start();
     const test::debugging on;
@@ -416,6 +451,33 @@ TEST_F(Agent, CancelsWhatIsPendingWhenASendOfAnotherThreadFails) {
     expect_reconnection();
 }
 
+// Nothing says that the loop may be called from a thread that the application does not know.
+TEST_F(Agent, LeavesItsTasksToTheLoopsThreadWhenTheCheckerFindsTheConnectionDead) {
+    start();
+    std::thread::id loop;
+    in_loop([&] { loop = std::this_thread::get_id(); });
+    for (const bool busy : {false, true}) {
+        SCOPED_TRACE(busy);
+        const test::debugging on;
+        test::forget_added_tasks();
+        const auto lose = [this] {
+            ASSERT_EQ(shutdown(daemon.fd(side::async), SHUT_RD), 0);  // sends fail, and the loop sees nothing
+            ASSERT_EQ(scc_addr_learning(5, 1, nullptr), 0U);
+            ASSERT_TRUE(test::wait_for_log(identity() + "send  message error,ret:32!"));
+        };
+        if (busy) {
+            while_the_loop_is_busy(lose);
+        } else {
+            lose();
+        }
+        expect_reconnection();
+        EXPECT_EQ(test::added_tasks("scc-reconnect").size(), 1U);
+        EXPECT_THAT(test::threads_that_called(), ::testing::Each(loop));
+        expect_working_requests();
+        expect_answer(busy ? 4 : 2);
+    }
+}
+
 TEST_F(Agent, ComesBackWhenTheCheckerFindsTheConnectionDead) {
     start();
     const test::debugging on;
@@ -423,7 +485,6 @@ TEST_F(Agent, ComesBackWhenTheCheckerFindsTheConnectionDead) {
         daemon.close_both();
         ASSERT_EQ(scc_addr_learning(5, 1, nullptr), 0U);
         EXPECT_TRUE(test::wait_for_log(identity() + "send  message error,ret:32!"));
-        EXPECT_TRUE(test::added_tasks("scc-reconnect").empty()) << "the checker has used the event library";
     });
     expect_reconnection();
     EXPECT_TRUE(test::logged("scc client start to try re-reg."));

@@ -1,10 +1,9 @@
-// What the tests of the runtime share: a batch that only the test flushes, a receive thread held inside a
-// handler, and the library's threads as the kernel lists them.
+// What the tests of the runtime share: a batch that only the test flushes and a receive thread held inside a
+// handler.
 #pragma once
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,42 +12,11 @@
 #include "support/registered_client.h"
 #include "support/silence.h"
 #include "support/sleeping_thread.h"
+#include "support/waiting.h"
 
 extern "C" std::atomic<std::uint8_t> g_send_buf_chk_enabled;
 
 namespace test {
-
-inline std::string own_pid() {
-    return std::to_string(getpid());
-}
-
-// One value out of /proc/self/task/<thread>/status for every thread with the library's name.
-inline std::vector<std::string> of_library_threads(const std::string& field) {
-    std::vector<std::string> values;
-    std::error_code gone;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", gone)) {
-        std::ifstream status(task.path() / "status");
-        std::string name;
-        std::string value;
-        for (std::string line; std::getline(status, line);) {
-            const auto behind_tab = line.find('\t') == std::string::npos ? line.size() : line.find('\t') + 1;
-            if (line.starts_with("Name:")) {
-                name = line.substr(behind_tab);
-            }
-            if (line.starts_with(field + ":")) {
-                value = line.substr(behind_tab);
-            }
-        }
-        if (name == ("scclib-" + own_pid()).substr(0, 15)) {
-            values.push_back(value);
-        }
-    }
-    return values;
-}
-
-inline std::size_t library_threads() {
-    return of_library_threads("Name").size();
-}
 
 // The library's thread that receives: the one beside the checker, which was started later. 0 when there is
 // none.
@@ -69,20 +37,9 @@ inline bytes distinct_bytes(std::size_t count, std::uint8_t first = 1) {
     return value;
 }
 
-inline event_queue<int>& entered() {
-    static auto* queue = new event_queue<int>;
-    return *queue;
-}
-
-inline event_queue<int>& released() {
-    static auto* queue = new event_queue<int>;
-    return *queue;
-}
-
 // Keeps the receive thread until the test releases it.
 inline void hold_receive_thread(std::uint8_t) {
-    entered().push(1);
-    (void)released().wait();
+    hold_here();
 }
 
 class runtime_test : public registered_client {

@@ -3,11 +3,14 @@
 
 #include <sys/socket.h>
 
+#include "client/acl_cache.h"
 #include "client/channel_support.h"
 #include "client/connection.h"
+#include "client/locks.h"
 #include "client/message_reader.h"
 #include "client/request_channel.h"
 #include "support/hidden_variable.h"
+#include "support/one_at_a_time.h"
 
 using test::bytes;
 using test::item_bytes;
@@ -430,5 +433,211 @@ TEST_F(Receive, WithoutASocketTheReceiveIsABadDescriptor) {
     EXPECT_EQ(_scc_lib_msg_recv(&message, 0), 9U);
     EXPECT_EQ(_scc_lib_msg_recv(&message, 1), 9U);
 }
+
+// ---- results that arrived together
+
+bytes result_item(std::uint32_t call_id) {
+    return item_bytes(401, wire().u32(call_id).u32(0));
+}
+
+// How the results of calls 1 to 3 arrive, always in one read.
+struct together_row {
+    const char* name;
+    bytes bytes_;
+};
+
+const together_row together_rows[] = {
+    {"OneMessage", message_bytes({result_item(1), result_item(2), result_item(3)})},
+    {"WithAnotherItemBetween",
+     message_bytes({result_item(1), item_bytes(999, wire().u32(0)), result_item(2), result_item(3)})},
+    {"OneAMessage", wire()
+                        .add(message_bytes({result_item(1)}))
+                        .add(message_bytes({result_item(2)}))
+                        .add(message_bytes({result_item(3)}))},
+};
+
+class ReceiveTogether : public test::runtime_test, public ::testing::WithParamInterface<together_row> {
+  protected:
+    void start(void (*handler)(std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t)) {
+        info.handlers.addr_learning = handler;
+        runtime_test::start();
+        for (int call = 1; call <= 3; ++call) {
+            ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
+        }
+        daemon.read_items(side::async, 3);
+    }
+
+    void send_results() { daemon.send(side::async, GetParam().bytes_); }
+
+    // The connection was lost meanwhile, and everything that belongs to it is over.
+    void expect_reconnection() {
+        EXPECT_EQ(test::statuses().wait(), 0U);
+        daemon.accept_registration();
+        EXPECT_EQ(test::statuses().wait(), 1U);
+    }
+};
+
+TEST_P(ReceiveTogether, AreDeliveredThoughTheCheckerClosesTheirConnectionMeanwhile) {
+    const test::debugging on;
+    start([](std::uint32_t, std::uint32_t call_id, std::uint32_t, std::uint8_t) {
+        if (call_id == 1) {
+            test::hold_here();
+        }
+        results().push(call_id);
+    });
+    send_results();
+    ASSERT_TRUE(test::entered().wait());
+    ASSERT_EQ(shutdown(daemon.fd(side::async), SHUT_RD), 0);  // what the checker sends now fails
+    ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
+    ASSERT_TRUE(test::eventually([] { return !_scc_lib_client_is_connected(); }));
+    test::released().push(1);
+    expect_reconnection();
+    EXPECT_EQ(results().size(), 3U);
+    for (const std::uint32_t call_id : {1U, 2U, 3U}) {
+        ASSERT_FALSE(test::logged("no such call id:" + std::to_string(call_id) + " in scc lib"));
+        EXPECT_EQ(results().wait(), call_id);
+    }
+}
+
+TEST_P(ReceiveTogether, AreUnknownOnceARequestOfAHandlerFindsTheConnectionDead) {
+    const test::debugging on;
+    start([](std::uint32_t, std::uint32_t call_id, std::uint32_t, std::uint8_t) {
+        EXPECT_EQ(scc_warterline_notify(1), 0U);
+        results().push(call_id);
+    });
+    ASSERT_EQ(shutdown(daemon.fd(side::sync), SHUT_RD), 0);
+    send_results();
+    EXPECT_EQ(results().wait(), 1U);
+    expect_reconnection();
+    EXPECT_EQ(results().size(), 0U);
+    EXPECT_TRUE(test::logged("no such call id:2 in scc lib"));
+    EXPECT_TRUE(test::logged("no such call id:3 in scc lib"));
+}
+
+TEST_P(ReceiveTogether, FindTheCallsThatTheirHandlersMakeMeanwhile) {
+    info.handlers.addr_learning = [](std::uint32_t, std::uint32_t call_id, std::uint32_t, std::uint8_t) {
+        std::uint32_t next = 0;
+        EXPECT_EQ(scc_addr_learning(1, 1, &next), 0U);
+        EXPECT_EQ(next, call_id + 1);
+        results().push(call_id);
+    };
+    runtime_test::start();
+    ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
+    EXPECT_EQ(daemon.read_item(side::async).type, 123);
+    send_results();
+    for (const std::uint32_t call_id : {1U, 2U, 3U}) {
+        EXPECT_EQ(results().wait(), call_id);
+    }
+    EXPECT_EQ(daemon.read_items(side::async, 3).size(), 3U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Results, ReceiveTogether, ::testing::ValuesIn(together_rows),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(Receive, ManyResultsOneAMessageAreDeliveredInOrder) {
+    start();
+    std::uint32_t last = 0;
+    for (const std::uint32_t count : {31U, 32U, 33U, 64U, 65U}) {
+        request(count);
+        wire messages;
+        for (std::uint32_t i = 1; i <= count; ++i) {
+            messages.add(message_bytes({result_item(last + i)}));
+        }
+        daemon.send(side::async, messages);
+        for (std::uint32_t i = 1; i <= count; ++i) {
+            ASSERT_EQ(results().wait(), (last + i) * 1000);
+        }
+        last += count;
+    }
+}
+
+// Nothing is confirmed to a cache that was emptied while the handler ran.
+TEST_F(Receive, AnAclWhoseHandlerFindsTheConnectionDeadIsNotCached) {
+    info.handlers.acl_create = [](std::uint32_t, std::uint32_t, const scc_acl_key*) {
+        EXPECT_EQ(scc_warterline_notify(1), 0U);
+    };
+    info.handlers.station_move = [](std::uint8_t) {
+        const scc::write_guard guard(scc_acl_lock);
+        results().push(static_cast<std::uint32_t>(scc::cached_acl_count()));
+    };
+    start();
+    const scc_acl_key key{1, 2, 3, 4};
+    ASSERT_EQ(scc_acl_create(&key, nullptr), 0U);
+    EXPECT_NE(daemon.read_item(side::async).type, 0);
+    ASSERT_EQ(shutdown(daemon.fd(side::sync), SHUT_RD), 0);
+    daemon.send_items(side::async, {result_item(1), item_bytes(210, wire().u32(1).u8(1))});
+    EXPECT_EQ(results().wait(), 0U);
+    EXPECT_EQ(test::statuses().wait(), 0U);
+}
+
+// ---- handlers of two registrations
+
+// The handler of the first registration that is running when it ends, and how the daemon has it called.
+struct old_handler_row {
+    const char* name;
+    void (*install)(scc_handlers&);
+    void (*provoke)(test::scripted_daemon&);
+};
+
+const old_handler_row old_handler_rows[] = {
+    {"Status", [](scc_handlers& handlers) { handlers.server_status = [](std::uint32_t) { test::old_handler(); }; },
+     [](test::scripted_daemon&) {}},
+    {"Notification",
+     [](scc_handlers& handlers) { handlers.station_move = [](std::uint8_t) { test::old_handler(); }; },
+     [](test::scripted_daemon& daemon) { daemon.send_item(side::async, 210, wire().u32(1).u8(1)); }},
+    {"Result",
+     [](scc_handlers& handlers) {
+         handlers.addr_learning = [](std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {
+             test::old_handler();
+         };
+     },
+     [](test::scripted_daemon& daemon) {
+         ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
+         EXPECT_EQ(daemon.read_item(side::async).type, 123);
+         daemon.send_result(1, 0);
+     }},
+};
+
+class OneHandlerAtATime : public test::runtime_test,
+                          public ::testing::WithParamInterface<old_handler_row> {
+  protected:
+    // The old handler is running from here on, or has begun to act.
+    void start() {
+        info.app_id = 7;
+        GetParam().install(info.handlers);
+        ASSERT_EQ(scc_svr_reg(&info), 0U);
+        daemon.accept_registration();
+        ASSERT_TRUE(test::eventually([] { return g_scc_client_cb.state.load() == 4; }));
+        GetParam().provoke(daemon);
+    }
+};
+
+TEST_P(OneHandlerAtATime, WhenAnotherThreadRegistersAnew) {
+    start();
+    ASSERT_TRUE(test::entered().wait());
+    std::thread beside([] {
+        EXPECT_EQ(scc_svr_unreg(), 0U);
+        test::register_again();
+    });
+    daemon.answer_unregistration();
+    beside.join();
+    test::expect_second_waits_for_first(daemon);
+    stop();
+}
+
+TEST_P(OneHandlerAtATime, WhenTheHandlerItselfRegistersAnew) {
+    test::inside_old_handler() = [] {
+        EXPECT_EQ(scc_svr_unreg(), 0U);
+        test::register_again();
+    };
+    start();
+    daemon.answer_unregistration();
+    ASSERT_TRUE(test::entered().wait());
+    test::expect_second_waits_for_first(daemon);
+    stop();
+}
+
+INSTANTIATE_TEST_SUITE_P(Handlers, OneHandlerAtATime, ::testing::ValuesIn(old_handler_rows),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace

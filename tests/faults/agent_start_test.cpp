@@ -7,6 +7,7 @@
 #include <string>
 
 #include "client/control_block.h"
+#include "fault_support.h"
 #include "scclib.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
@@ -46,6 +47,84 @@ TEST_F(AgentStart, WithoutAThreadForTheCheckerUndoesEverything) {
     EXPECT_EQ(g_scc_client_cb.handlers.filter_counter_reset, info.handlers.filter_counter_reset);
     EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 2004U);
     EXPECT_EQ(scc_agent_init(&info, master), 0U);
+}
+
+// A start in thread mode that lives: a second reader must not begin beside it.
+class AgentStartBesideAThread : public test::fault_test {
+  protected:
+    AgentStartBesideAThread() : master(qx_thread_master_create()) {
+        info.app_id = 7;
+        info.handlers.server_status = test::on_status;
+        test::end_faults();
+    }
+    ~AgentStartBesideAThread() override { test::release_new_threads(); }
+
+    void expect_no_agent() {
+        const int threads = test::calls(test::call::pthread_create);
+        const test::debugging on;
+        scc_reg_info agent{};
+        agent.app_id = 9;
+        EXPECT_EQ(scc_agent_init(&agent, master), 0U);
+        EXPECT_TRUE(test::logged("(app id:9, pid:" + test::own_pid() + ") already registered!"));
+        EXPECT_EQ(test::calls(test::call::pthread_create), threads);
+        EXPECT_EQ(g_scc_client_cb.thread_mode.load(), 1U);
+    }
+
+    void expect_one_registration(std::uint32_t app_id) {
+        const auto [sync, async] = daemon.accept_registration();
+        EXPECT_EQ(test::u32_at(sync, 0), app_id);
+        EXPECT_EQ(test::u32_at(async, 0), app_id);
+        EXPECT_EQ(test::statuses().wait(), 1U);
+        ASSERT_EQ(scc_warterline_notify(1), 0U);
+        EXPECT_EQ(daemon.read_item(test::side::sync).type, 220);
+    }
+
+    qx_thread_master* master;  // kept: the library may remember it
+};
+
+TEST_F(AgentStartBesideAThread, ThatHasNotRunYetChangesNothing) {
+    test::hold_new_threads();
+    ASSERT_EQ(scc_svr_reg(&info), 0U);
+    expect_no_agent();
+    ASSERT_FALSE(HasFailure());
+    test::release_new_threads();
+    expect_one_registration(7);
+    expect_working();
+}
+
+TEST_F(AgentStartBesideAThread, OfTheServiceThatHasNotRunYetChangesNothing) {
+    test::hold_new_threads();
+    scc_ss_reg_info service{};
+    service.server_status = test::on_status;
+    ASSERT_EQ(scc_ss_reg(&service), 0U);
+    expect_no_agent();
+    ASSERT_FALSE(HasFailure());
+    test::release_new_threads();
+    expect_one_registration(16);
+}
+
+TEST_F(AgentStartBesideAThread, ThatWaitsForTheDaemonChangesNothing) {
+    daemon.stop_listening();
+    ASSERT_EQ(scc_svr_reg(&info), 0U);
+    ASSERT_TRUE(test::eventually([] { return g_scc_client_cb.state.load() == 5; }));
+    expect_no_agent();
+    daemon.listen();
+    expect_one_registration(7);
+    expect_working();
+}
+
+// As a request leaves it that finds the connection dead while the registration ends, or is refused its end.
+TEST_F(AgentStartBesideAThread, WhoseStateWasSetBackChangesNothing) {
+    daemon.stop_listening();
+    ASSERT_EQ(scc_svr_reg(&info), 0U);
+    ASSERT_TRUE(test::eventually([] { return g_scc_client_cb.state.load() == 5; }));
+    _scc_client_state_set(1);
+    expect_no_agent();
+    EXPECT_EQ(scc_svr_reg(&info), 0U);
+    EXPECT_EQ(test::calls(test::call::pthread_create), 2);
+    daemon.listen();
+    expect_one_registration(7);
+    expect_working();
 }
 
 }  // namespace

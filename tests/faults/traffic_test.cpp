@@ -326,4 +326,101 @@ TEST_F(TrafficFaults, EverythingWorksOneByteAtATime) {
     EXPECT_EQ(test::statuses().size(), 0U);
 }
 
+// ---- a sender of an earlier registration
+
+// Its send, on a thread of its own as a service's answers are sent, ends when another registration is there.
+class LateSender : public TrafficFaults {
+  protected:
+    ~LateSender() override {
+        if (sender_.joinable()) {
+            test::released().push(1);
+            sender_.join();
+        }
+    }
+
+    void begin_sending() {
+        test::on_call(call::send, test::hold_here);
+        sender_ = std::thread([this] {
+            EXPECT_EQ(_scc_lib_msg_send_rt(0, 900, "x", 1, 0), 0U);
+            over_ = true;
+        });
+        ASSERT_TRUE(test::entered().wait());
+    }
+
+    // The next send of the process is the late one.
+    static void fail_sending(int error) {
+        test::fail_call(call::send, 1, error);
+        test::released().push(1);
+    }
+
+    // Until its send has failed and it is about to tell the library so, or has no more to do.
+    [[nodiscard]] bool is_at_its_recovery() {
+        return test::eventually([this] { return over_ || test::entered().size() > 0; });
+    }
+
+    void wait_for_sender() { sender_.join(); }
+
+  private:
+    std::thread sender_;
+    std::atomic<bool> over_{false};
+};
+
+TEST_F(LateSender, ThatFailsChangesNothingOfTheNextRegistration) {
+    start();
+    test::for_each_error([&](int error, bool /*lost*/) {
+        begin_sending();
+        stop();
+        start();
+        ASSERT_EQ(_scc_lib_save_call_data(77, 45, nullptr, 0), 0U);
+        fail_sending(error);
+        wait_for_sender();
+        EXPECT_TRUE(test::end_faults());
+        EXPECT_EQ(g_scc_client_cb.state.load(), 4U);
+        EXPECT_EQ(scc::pending_calls(), 1U);
+        EXPECT_EQ(scc_lib_rereg.load(), 0U);
+        EXPECT_EQ(test::statuses().size(), 0U);
+        expect_working();
+    });
+}
+
+// For as long as a lock is held here the next registration, or connection, cannot begin: then this gives up.
+void let_the_next_begin() {
+    test::entered().push(1);
+    (void)test::released().wait(std::chrono::seconds(2));
+}
+
+TEST_F(LateSender, ThatFailsWhileItsRegistrationEndsLeavesTheStateOfTheNext) {
+    start();
+    begin_sending();
+    std::thread ending([] { EXPECT_EQ(scc_svr_unreg(), 0U); });
+    EXPECT_EQ(daemon.read_item(side::sync).type, 302);
+    test::on_state_set(let_the_next_begin);
+    fail_sending(32);
+    ASSERT_TRUE(is_at_its_recovery());
+    daemon.send_item(side::sync, 302, wire().u32(0).u32(0));
+    ending.join();
+    start();
+    test::released().push(1);
+    wait_for_sender();
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(g_scc_client_cb.state.load(), 4U);
+    expect_working();
+}
+
+TEST_F(LateSender, ThatFailsBeforeItsConnectionEndsLeavesTheCallsOfTheNext) {
+    start();
+    begin_sending();
+    test::on_calls_freed(let_the_next_begin);
+    fail_sending(32);
+    ASSERT_TRUE(is_at_its_recovery());
+    reconnect();
+    ASSERT_EQ(_scc_lib_save_call_data(77, 45, nullptr, 0), 0U);
+    test::released().push(1);
+    wait_for_sender();
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(g_scc_client_cb.state.load(), 4U);
+    EXPECT_EQ(scc::pending_calls(), 1U);
+    expect_working();
+}
+
 }  // namespace

@@ -8,7 +8,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstddef>
+#include <cstdint>
+#include <mutex>
 
 namespace test {
 namespace {
@@ -27,6 +30,41 @@ constinit std::atomic<int> g_failing_allocation{0};
 constinit std::atomic<bool> g_met{false};
 constinit std::atomic<int> g_limit{0};
 constinit std::atomic<std::size_t> g_failing_size{0};
+constinit std::atomic<void (*)()> g_on_state_set{nullptr};
+constinit std::atomic<void (*)()> g_on_calls_freed{nullptr};
+
+void do_once(std::atomic<void (*)()>& what) {
+    if (const auto act = what.exchange(nullptr); act != nullptr) {
+        act();
+    }
+}
+
+// Never destroyed: the library's threads live as long as the process.
+struct gate {
+    std::mutex mutex;
+    std::condition_variable opened;
+    bool closed = false;
+};
+
+gate& the_gate() {
+    static auto* one = new gate;
+    return *one;
+}
+
+struct held_thread {
+    void* (*body)(void*);
+    void* argument;
+};
+
+void* run_when_released(void* held) {
+    const held_thread one = *static_cast<held_thread*>(held);
+    delete static_cast<held_thread*>(held);
+    {
+        std::unique_lock guard(the_gate().mutex);
+        the_gate().opened.wait(guard, [] { return !the_gate().closed; });
+    }
+    return one.body(one.argument);
+}
 
 fault& of(call which) {
     return g_faults[static_cast<int>(which)];
@@ -35,9 +73,7 @@ fault& of(call which) {
 // Whether this call has to fail; errno is then set.
 bool fails(call which) {
     fault& one = of(which);
-    if (const auto act = one.act.exchange(nullptr); act != nullptr) {
-        act();
-    }
+    do_once(one.act);
     const int number = ++one.calls;
     const int nth = one.nth;
     if (nth == 0 || (one.onwards ? number < nth : number != nth)) {
@@ -93,7 +129,17 @@ void on_call(call which, void (*act)()) {
     of(which).act = act;
 }
 
+void on_state_set(void (*act)()) {
+    g_on_state_set = act;
+}
+
+void on_calls_freed(void (*act)()) {
+    g_on_calls_freed = act;
+}
+
 bool end_faults() {
+    g_on_state_set = nullptr;
+    g_on_calls_freed = nullptr;
     for (fault& one : g_faults) {
         one.act = nullptr;
         one.nth = 0;
@@ -107,6 +153,17 @@ bool end_faults() {
 
 int calls(call which) {
     return of(which).calls;
+}
+
+void hold_new_threads() {
+    const std::lock_guard guard(the_gate().mutex);
+    the_gate().closed = true;
+}
+
+void release_new_threads() {
+    const std::lock_guard guard(the_gate().mutex);
+    the_gate().closed = false;
+    the_gate().opened.notify_all();
 }
 
 void limit_transfer(int bytes) {
@@ -133,6 +190,21 @@ int __real_close(int fd);
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument);
 int __real_mkdir(const char* path, mode_t mode);
+
+void __real__scc_client_state_set(std::uint32_t state);
+
+void __wrap__scc_client_state_set(std::uint32_t state) {
+    test::do_once(test::g_on_state_set);
+    __real__scc_client_state_set(state);
+}
+
+// scc::free_pending_calls()
+void __real__ZN3scc18free_pending_callsEv();
+
+void __wrap__ZN3scc18free_pending_callsEv() {
+    test::do_once(test::g_on_calls_freed);
+    __real__ZN3scc18free_pending_callsEv();
+}
 
 void* __wrap_malloc(size_t size) {
     return test::allocation_fails(call::malloc, size) ? nullptr : __real_malloc(size);
@@ -190,8 +262,15 @@ int __wrap_close(int fd) {
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument) {
-    return test::fails(call::pthread_create) ? errno
-                                             : __real_pthread_create(thread, attributes, body, argument);
+    if (test::fails(call::pthread_create)) {
+        return errno;
+    }
+    auto* held = new test::held_thread{body, argument};
+    const int error = __real_pthread_create(thread, attributes, test::run_when_released, held);
+    if (error != 0) {
+        delete held;
+    }
+    return error;
 }
 
 int __wrap_mkdir(const char* path, mode_t mode) {

@@ -32,10 +32,16 @@ void fail_allocation(int nth);
 void fail_allocations_of(int bytes);
 // Does this inside the next call of the kind, before what the call does.
 void on_call(call which, void (*act)());
+// Does this once, before the library sets the client state, or frees the pending calls, the next time.
+void on_state_set(void (*act)());
+void on_calls_freed(void (*act)());
 // Ends all faults; returns whether one was met.
 bool end_faults();
 // How often the kind was called since the last end_faults or fail_*.
 int calls(call which);
+// Threads that are created from now on run from release_new_threads on.
+void hold_new_threads();
+void release_new_threads();
 // send and recv move at most that many bytes a call; 0 for no limit.
 void limit_transfer(int bytes);
 

@@ -6,6 +6,7 @@
 #include <qx_thread.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <future>
 #include <thread>
@@ -16,20 +17,12 @@
 #include "scclib.h"
 #include "support/aside.h"
 #include "support/events.h"
+#include "support/handler_events.h"
 #include "support/log_capture.h"
 #include "support/loop_faults.h"
 #include "support/scripted_daemon.h"
 
 namespace test {
-
-inline event_queue<std::uint32_t>& statuses() {
-    static auto* queue = new event_queue<std::uint32_t>;
-    return *queue;
-}
-
-inline void on_status(std::uint32_t status) {
-    statuses().push(status);
-}
 
 // Masters are kept: the library's checker thread lives as long as the process and may still use one.
 inline qx_thread_master* kept_master() {
@@ -54,6 +47,7 @@ class loop_application : public ::testing::Test {
         loop_id_ = told.get();
     }
     ~loop_application() override {
+        release_loop();
         qx_thread_master_stop(master);
         loop_.join();
     }
@@ -72,6 +66,10 @@ class loop_application : public ::testing::Test {
         if (qx_thread_add_event_withname(master, run_work, &packaged, 0, "test") == nullptr) {
             ADD_FAILURE() << "the loop takes no task";
             return ~0U;
+        }
+        if (result.wait_for(std::chrono::seconds(60)) == std::future_status::timeout) {
+            ADD_FAILURE() << "the loop is busy for good";
+            release_loop();
         }
         return result.get();
     }
@@ -144,6 +142,12 @@ class loop_application : public ::testing::Test {
     qx_thread_master* master;
 
   private:
+    // After a failure the loop may wait for an answer of the daemon.
+    void release_loop() {
+        daemon.stop_listening();
+        daemon.close_both();
+    }
+
     std::thread loop_;
     pid_t loop_id_ = 0;
 };

@@ -6,20 +6,11 @@
 #include <thread>
 
 #include "scclib.h"
-#include "support/events.h"
+#include "support/handler_events.h"
 #include "support/log_capture.h"
 #include "support/scripted_daemon.h"
 
 namespace test {
-
-inline event_queue<std::uint32_t>& statuses() {
-    static auto* queue = new event_queue<std::uint32_t>;
-    return *queue;
-}
-
-inline void on_status(std::uint32_t status) {
-    statuses().push(status);
-}
 
 // Registers app id 7; handlers as the test sets them in info before start().
 class registered_client : public ::testing::Test {

@@ -2,31 +2,17 @@
 // before it does something to a thread that is blocked.
 #pragma once
 
-#include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <initializer_list>
 #include <string>
-#include <thread>
+
+#include "support/waiting.h"
 
 namespace test {
-
-// Waits up to 20 seconds for what no handler and no log line reports.
-inline bool eventually(const std::function<bool()>& holds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 using system_calls = std::initializer_list<long>;
 
@@ -64,14 +50,6 @@ inline bool sleeps_in(pid_t thread, system_calls calls) {
 
 inline bool wait_until_it_sleeps_in(pid_t thread, system_calls calls) {
     return eventually([&] { return sleeps_in(thread, calls); });
-}
-
-// Whether the peer has taken everything that was sent to it.
-inline bool all_taken(int fd) {
-    return eventually([fd] {
-        int left = 0;
-        return ioctl(fd, TIOCOUTQ, &left) == 0 && left == 0;
-    });
 }
 
 // The number of this process's threads.
