@@ -271,7 +271,7 @@ u32 _scc_lib_client_reg(int sync, const registration_identity* identity) {
     if (refusal != result::ok) {
         const u32 holder = reply_word(reply, 8);
         SCC_LOG("(app id:%d, pid:%d)reg action rejected by sccd!", identity->app_id, pid_now());
-        if (static_cast<i32>(holder) > 0) {
+        if (holder != 0) {
             SCC_LOG("app id:%d already registered by pid:%d!", identity->app_id, holder);
         }
     }

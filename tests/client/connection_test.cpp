@@ -144,17 +144,31 @@ TEST_F(Connection, ARefusalNamesTheHolderAndIsRetriedWithoutAnAsyncRegistration)
     expect_first_status_is_one();
 }
 
-TEST_F(Connection, ARefusalWithoutAHolderNamesNobody) {
+// The pid is an unsigned number on the wire; the line prints it as the others are printed.
+TEST_F(Connection, ARefusalNamesAHolderOfAnyNumber) {
     const test::debugging on;
     begin();
-    for (const std::uint32_t holder : {0U, 0x80000000U}) {
+    for (const std::uint32_t holder : {0x80000001U, 0x80000000U, 0xFFFFFFFFU, 1U}) {
         daemon.accept_both();
-        daemon.answer_registration(side::sync, 1, holder);
+        daemon.answer_registration(side::sync, 2002, holder);
         EXPECT_TRUE(closes_silently(side::async));
+        EXPECT_TRUE(test::logged(
+            "app id:7 already registered by pid:" + std::to_string(static_cast<std::int32_t>(holder)) + "!"))
+            << holder;
     }
     daemon.accept_registration();
     expect_first_status_is_one();
-    EXPECT_EQ(times_logged(who() + "reg action rejected by sccd!"), 2U);
+}
+
+TEST_F(Connection, ARefusalWithoutAHolderNamesNobody) {
+    const test::debugging on;
+    begin();
+    daemon.accept_both();
+    daemon.answer_registration(side::sync, 1, 0);
+    EXPECT_TRUE(closes_silently(side::async));
+    daemon.accept_registration();
+    expect_first_status_is_one();
+    EXPECT_EQ(times_logged(who() + "reg action rejected by sccd!"), 1U);
     EXPECT_TRUE(std::ranges::none_of(test::log_texts(), [](const std::string& text) {
         return text.find("already registered by") != std::string::npos;
     }));
