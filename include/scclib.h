@@ -238,7 +238,7 @@ struct scc_handlers {
     void (*d1x_redirect)(uint32_t result, uint32_t call_id, uint8_t value);
     /*  9: result of scc_d1x_mac_move */
     void (*d1x_mac_move)(uint32_t result, uint32_t call_id, uint8_t value);
-    /* 10: item 110, an 802.1X address moved */
+    /* 10: item 110, 802.1X addresses moved: count entries at moves */
     void (*d1x_addr_move)(uint32_t count, const struct scc_address_move *moves);
     /* 11: result of scc_webauth_set */
     void (*webauth)(uint32_t result, uint32_t call_id, const struct scc_config_record *record);
@@ -571,7 +571,7 @@ uint32_t scc_mac_query(const uint8_t *mac, uint32_t *ip);
  * call id is written once the query was sent. Message 317, 744 bytes, reply 415. */
 uint32_t scc_sp_port_addr_num(const struct scc_config_record *record, uint32_t *call_id_out);
 /* Read a NAC user; record->operation must be 2, else 22. The record is overwritten by the reply's whatever
- * its result, and left alone when no reply of that form came. Takes no call id. Message 307, 744 bytes, reply
+ * its result, and left alone when the reply holds none, as a refusal may. Takes no call id. Message 307, 744 bytes, reply
  * 401. */
 uint32_t scc_nac_user_get(struct scc_user_record *record);
 /* Set the mirror's destination port and wait. The call id is written once the query was sent. Message 316,
@@ -802,9 +802,9 @@ struct scc_ss_reg_info {
     int (*user_read)(uint32_t call_id, struct scc_ss_user *user);
     /* 20: message 153; answered by scc_ssc_nacm_user_reinstall_callback */
     int (*user_reinstall)(uint32_t call_id, uint32_t start, uint32_t ifx);
-    /* 21: message 154; no answer */
+    /* 21: message 154; no answer. users: count entries of struct scc_ss_user, which need not be aligned */
     int (*app_user_recover)(uint32_t ifx, uint32_t app, uint32_t count, const void *users);
-    /* 22: message 155; no answer */
+    /* 22: message 155; no answer. ports: count words of uint32_t, which need not be aligned */
     int (*l4port_recover)(uint32_t count, const void *ports);
     /* 23: message 158; answered by scc_ssc_nacm_app_op_with_vid_callback */
     int (*app_set_with_vid)(uint32_t call_id, uint32_t op, uint32_t ifx, uint32_t vid, uint32_t type);

@@ -1,5 +1,8 @@
 #include "sccd/control.h"
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -11,17 +14,28 @@ namespace {
 using devkit::View;
 
 constexpr std::size_t line_max_bytes = 4u * 1024 * 1024;
+constexpr mode_t owner_only = 0600;
+
+// The runtime directory is everybody's, so the socket's mode is not relied on alone.
+bool may_command(int descriptor) {
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    return ::getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
+           (peer.uid == 0 || peer.uid == ::geteuid());
+}
 
 }  // namespace
 
 ControlServer::ControlServer(Daemon& daemon, const std::string& path)
-    : daemon_(daemon), listener_(daemon.loop, path, [this](int descriptor) { accept(descriptor); }) {}
+    : daemon_(daemon),
+      listener_(daemon.loop, path, owner_only, [this](int descriptor) { accept(descriptor); }) {}
 
 void ControlServer::accept(int descriptor) {
     const u64 id = ++last_session_;
     auto session = std::make_unique<Session>();
     Session* const place = session.get();
     place->id = id;
+    place->may_command = may_command(descriptor);
     place->stream = std::make_unique<Stream>(daemon_.loop, descriptor,
                                              Stream::Events{[this, place](Stream&) { take_lines(*place); },
                                                             [this, id](Stream&) { sessions_.erase(id); }});
@@ -44,6 +58,10 @@ void ControlServer::take_lines(Session& session) {
 
 void ControlServer::take_line(Session& session, const std::string& line) {
     session.waiting = true;
+    if (!session.may_command) {
+        return reply(session.id,
+                     control_failure("only root and the user who runs the daemon may command it"));
+    }
     const Json request = Json::parse(line, nullptr, false);
     if (!request.is_object()) return reply(session.id, control_failure("not a JSON object"));
     run_control_command(daemon_, request, [this, id = session.id](const Json& answer) { reply(id, answer); });

@@ -1,5 +1,6 @@
 // The control socket: one JSON request per line, one JSON reply per line, in the order of the
-// requests. The commands are described in common/control.h.
+// requests. The commands are described in common/control.h. Only root and the daemon's own user are
+// obeyed; the requests of others are refused.
 #pragma once
 
 #include <memory>
@@ -19,6 +20,7 @@ class ControlServer {
     struct Session {
         u64 id = 0;
         std::unique_ptr<Stream> stream;
+        bool may_command = false;
         bool waiting = false;  // for an answer from elsewhere; later lines wait too
     };
 

@@ -37,7 +37,7 @@ Daemon::Daemon(const Options& options)
                        [this](const Client& client) { client_ready(client); },
                        [this](const Client& client) { client_gone(client); }});
     watch_signals();
-    listener_ = std::make_unique<Listener>(loop, options.directory + std::string(listening_socket),
+    listener_ = std::make_unique<Listener>(loop, options.directory + std::string(listening_socket), 0777,
                                            [this](int descriptor) { clients.accept(descriptor); });
     control_ = std::make_unique<ControlServer>(*this, options.directory + std::string(control_socket));
 }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -41,19 +42,26 @@ void remove_stale(const std::string& path, const sockaddr_un& address) {
     ::unlink(path.c_str());
 }
 
+// The process has one thread, so that its umask is its own.
+bool bind_with_mode(int descriptor, const sockaddr_un& address, mode_t mode) {
+    const mode_t before = ::umask(~mode & 0777);
+    const int outcome = ::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    ::umask(before);
+    return outcome == 0;
+}
+
 int open_reserve() {
     return ::open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
 
 }  // namespace
 
-Listener::Listener(EventLoop& loop, std::string path, std::function<void(int)> accepted)
+Listener::Listener(EventLoop& loop, std::string path, mode_t mode, std::function<void(int)> accepted)
     : loop_(loop), path_(std::move(path)), accepted_(std::move(accepted)) {
     const sockaddr_un address = address_of(path_);
     remove_stale(path_, address);
     descriptor_ = new_socket(path_);
-    if (::bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(descriptor_, SOMAXCONN) != 0) {
+    if (!bind_with_mode(descriptor_, address, mode) || ::listen(descriptor_, SOMAXCONN) != 0) {
         const int error = errno;
         ::close(descriptor_);
         errno = error;

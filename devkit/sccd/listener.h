@@ -2,6 +2,8 @@
 // another process still listens is an error. The file is removed when the listener ends.
 #pragma once
 
+#include <sys/types.h>
+
 #include <functional>
 #include <string>
 
@@ -11,8 +13,9 @@ namespace scc::sccd {
 
 class Listener {
   public:
-    // `accepted` takes over each connected, non-blocking descriptor. Throws std::runtime_error.
-    Listener(EventLoop& loop, std::string path, std::function<void(int descriptor)> accepted);
+    // `accepted` takes over each connected, non-blocking descriptor. The socket has the mode `mode` as soon
+    // as it is there. Throws std::runtime_error.
+    Listener(EventLoop& loop, std::string path, mode_t mode, std::function<void(int descriptor)> accepted);
     ~Listener();
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;

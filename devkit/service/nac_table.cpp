@@ -87,10 +87,6 @@ void nac_table::set_l4port(u32 port, bool add) {
     keep_or_drop(l4ports_, port, add);
 }
 
-void nac_table::recover_l4ports(const std::vector<u32>& ports) {
-    for (const u32 port : ports) l4ports_.put(port, true);
-}
-
 void nac_table::add_user(const scc_ss_user& user) {
     users_.put(read_user_entry(user).mac, user);
 }
@@ -112,10 +108,6 @@ void nac_table::begin_reinstall(u32 ifx) {
 
 void nac_table::end_reinstall(u32 ifx) {
     users_.drop_stale_if([ifx](const scc_ss_user& user) { return user.ifx == ifx; });
-}
-
-void nac_table::recover_users(const std::vector<scc_ss_user>& users) {
-    for (const scc_ss_user& user : users) add_user(user);
 }
 
 std::vector<nac_user> nac_table::users() const {

@@ -50,7 +50,6 @@ class nac_table {
     void set_app(const nac_app& app, u32 operation);
     void read_default(u32 ifx, u32 type) { default_reads_.put({ifx, 0, type}, 0); }
     void set_l4port(u32 port, bool add);
-    void recover_l4ports(const std::vector<u32>& ports);
 
     // Users are told apart by their MAC address; adding one that is there replaces its entry.
     void add_user(const scc_ss_user& user);
@@ -59,8 +58,6 @@ class nac_table {
     [[nodiscard]] u32 read_user(scc_ss_user& user) const;
     void begin_reinstall(u32 ifx);
     void end_reinstall(u32 ifx);
-    // A part of the users that the daemon holds.
-    void recover_users(const std::vector<scc_ss_user>& users);
     [[nodiscard]] std::vector<nac_user> users() const;
 
     void set_router_acl(bool open) { router_acl_.put(open); }

@@ -2,9 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <cstring>
+#include <limits>
 #include <utility>
-#include <vector>
 
 #include "service/operations.h"
 
@@ -161,29 +162,37 @@ int on_data_recover(u8 start) {
     return static_cast<int>(result.value_or(0));
 }
 
-// The lists of the recoveries are packed and need not be aligned.
-template <class Entry>
-std::vector<Entry> copy_list(u32 count, const void* entries) {
-    std::vector<Entry> copied(entries == nullptr ? 0 : count);
-    if (!copied.empty()) std::memcpy(copied.data(), entries, copied.size() * sizeof(Entry));
-    return copied;
+// The lists of the recoveries are packed and need not be aligned. Refuses a list of more entries than a
+// message has room for, whose length is 32 bits wide.
+template <class Entry, class Take>
+u32 take_list(u32 count, const void* entries, Take take) {
+    constexpr u32 room = std::numeric_limits<u32>::max() - wire::header_bytes - wire::item_header_bytes;
+    if (count > room / sizeof(Entry) || (entries == nullptr && count != 0)) {
+        return EINVAL;
+    }
+    const auto* at = static_cast<const u8*>(entries);
+    for (u32 taken = 0; taken < count; ++taken, at += sizeof(Entry)) {
+        Entry entry;
+        std::memcpy(&entry, at, sizeof entry);
+        take(entry);
+    }
+    return 0;
 }
 
 int on_users_recover(u32 ifx, u32 app, u32 count, const void* users) {
-    const auto result = active->carry_out(msg::nacm_app_user_recover,
-                                          fmt::format("recover {} users ifx {} app {}", count, ifx, app),
-                                          [&](contents& held) {
-                                              held.nac.recover_users(copy_list<scc_ss_user>(count, users));
-                                              return 0u;
-                                          });
+    const auto result = active->carry_out(
+        msg::nacm_app_user_recover, fmt::format("recover {} users ifx {} app {}", count, ifx, app),
+        [&](contents& held) {
+            return take_list<scc_ss_user>(count, users,
+                                          [&](const scc_ss_user& user) { held.nac.add_user(user); });
+        });
     return static_cast<int>(result.value_or(0));
 }
 
 int on_l4ports_recover(u32 count, const void* ports) {
     const auto result = active->carry_out(
         msg::nacm_l4port_recover, fmt::format("recover {} layer-4 ports", count), [&](contents& held) {
-            held.nac.recover_l4ports(copy_list<u32>(count, ports));
-            return 0u;
+            return take_list<u32>(count, ports, [&](u32 port) { held.nac.set_l4port(port, true); });
         });
     return static_cast<int>(result.value_or(0));
 }

@@ -109,7 +109,7 @@ uint32_t scc_nac_span_dport_set(const struct scc_config_record* record, uint32_t
 }
 
 // The reply is laid out as a call return: u32 result at 4, and the record at the odd offset 10, which is
-// copied back whatever the result.
+// copied back whatever the result. A refusal may come without it.
 uint32_t scc_nac_user_get(struct scc_user_record* record) {
     constexpr std::size_t record_offset = 10;
     if (record == nullptr || record->operation != SCC_USER_OPERATION_GET) {
@@ -127,10 +127,13 @@ uint32_t scc_nac_user_get(struct scc_user_record* record) {
     }
     u32 outcome = 0;
     scc_user_record found;
-    if (!exchange.read(4, outcome) || !exchange.read(record_offset, found)) {
+    const bool has_record = exchange.read(record_offset, found);
+    if (!exchange.read(4, outcome) || (outcome == 0 && !has_record)) {
         return result::format;
     }
-    *record = found;
+    if (has_record) {
+        *record = found;
+    }
     return outcome;
 }
 

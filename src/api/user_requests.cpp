@@ -17,10 +17,9 @@ namespace {
 
 constexpr u32 all_ones_word = 0xFFFFFFFF;
 
+// An IPv4 mask is the first word; the whole is an IPv6 mask, which is never logged.
 [[maybe_unused]] address_text mask_text(const scc_user_record& record) {
-    in6_addr mask;
-    std::memcpy(&mask, record.mask, sizeof mask);
-    return ipv6_text(mask);
+    return ipv4_text(record.mask[0]);
 }
 
 // The whole mask wins over its first word; the record is a copy of the caller's.

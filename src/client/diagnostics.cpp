@@ -4,8 +4,11 @@
 // 24 bytes are the daemon's own.
 #include "client/diagnostics.h"
 
+#include <fcntl.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -42,6 +45,24 @@ void write(u32& field, u32 value) {
 
 void set_debugging(bool on) {
     scc_lib_debug.store(on ? 1 : 0, std::memory_order_relaxed);
+}
+
+// Null for anything but a regular file: others may write into the directory, a FIFO there would wait for
+// its writer, and a link leads anywhere.
+std::FILE* open_regular(const char* path) {
+    const int descriptor = open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    if (descriptor < 0) {
+        return nullptr;
+    }
+    struct stat status;
+    std::FILE* file = nullptr;
+    if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
+        file = fdopen(descriptor, "r");
+    }
+    if (file == nullptr) {
+        close(descriptor);
+    }
+    return file;
 }
 
 // Whether the line names the process; then its number is the switch.
@@ -116,7 +137,7 @@ void _scc_lib_debug_init(const char* process_name) {
         printk_syslog_ext(5, "SCC", "INIT", 1, "sccd create tmp dir error.\n");
         return;
     }
-    std::FILE* file = std::fopen(path.text, "re");
+    std::FILE* file = open_regular(path.text);
     if (file == nullptr) {
         return;
     }

@@ -17,8 +17,7 @@ bool is_taken(u32 error) {
 
 }  // namespace
 
-exchange::exchange(channel which)
-    : which_(which), state_(state_of(which)), epoch_(epoch_of_this_thread()) {
+exchange::exchange(channel which) : which_(which), state_(state_of(which)), epoch_(epoch_of_this_thread()) {
     pthread_mutex_lock(&state_.mutex);
 }
 

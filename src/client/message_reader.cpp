@@ -159,7 +159,8 @@ received_message receive_message(channel which, u32 epoch) {
 }  // namespace scc
 
 extern "C" scc::u32 _scc_lib_msg_recv(void** out, int sync) {
-    const scc::received_message received = scc::receive_message(scc::channel_of(sync), scc::epoch_of_this_thread());
+    const scc::received_message received =
+        scc::receive_message(scc::channel_of(sync), scc::epoch_of_this_thread());
     *out = received.message;
     return received.error;
 }

@@ -12,7 +12,7 @@
 #include "msg/protocol.h"
 
 extern "C" [[nodiscard]] scc::u32 _scc_lib_msg_send_rt(scc::u16 sub_id, scc::u16 type, const void* value,
-                                                      int len, int sync);
+                                                       int len, int sync);
 
 namespace scc {
 

@@ -1,8 +1,10 @@
 #include "client/start.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include "client/connection.h"
@@ -55,11 +57,23 @@ u32 make_runtime_directory(u32 app_id, const char* function) {
     return error;
 }
 
+// TMPDIR is the administrator's and may be a link. Below it any user may have put one, which would lead the
+// change of mode elsewhere: no link is followed, and the mode is set on what was opened.
 void open_runtime_directory() {
-    path_buffer directory;
-    if (make_path(directory, runtime_directory_suffix)) {
-        // Fails where another user owns the directory, who has opened it then.
-        [[maybe_unused]] const int ignored = chmod(directory.text, 0777);
+    constexpr int parent = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    const char* root = std::getenv("TMPDIR");
+    if (root == nullptr) {
+        return;
+    }
+    const int base = open(*root == '\0' ? "/" : root, parent);
+    const int security = openat(base, "security", parent | O_NOFOLLOW);
+    const int directory = openat(security, "scc", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    // Fails where another user owns the directory, who has opened it then.
+    [[maybe_unused]] const int ignored = fchmod(directory, 0777);
+    for (const int descriptor : {base, security, directory}) {
+        if (descriptor >= 0) {
+            close(descriptor);
+        }
     }
 }
 

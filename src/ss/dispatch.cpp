@@ -7,6 +7,7 @@
 #include "client/log.h"
 #include "client/notifications.h"
 #include "client/replies.h"
+#include "client/value_lengths.h"
 #include "msg/bytes.h"
 #include "ss/id_map.h"
 #include "ss/operations.h"
@@ -38,43 +39,50 @@ enum class counted : u8 {
     total_answered,
 };
 
+using operation_function = i32 (*)(u16 scc_type, const void* value);
+
 struct operation_row {
     u16 type;
-    u32 least_bytes;
-    i32 (*run)(u16 scc_type, const void* value);
+    value_length least;
+    operation_function run;
     u32 pair;
-    counted counts = counted::received;
+    counted counts;
 };
+
+consteval operation_row route(u16 type, operation_function run, u32 pair,
+                              counted counts = counted::received) {
+    return {type, length_of(type), run, pair, counts};
+}
 
 // clang-format off
 constexpr std::array operation_table = std::to_array<operation_row>({
-    {msg::acl,                    140, _scc_ss_acl_op,              pair_acl},
-    {msg::ace,                    940, _scc_ss_ace_op,              pair_ace},
-    {msg::acl_apply,              244, _scc_ss_acl_apply_op,        pair_apply},
-    {msg::acl_resequence,          28, _scc_ss_acl_reseq_op,        pair_reseq},
-    {msg::acl_counter_reset,       36, _scc_ss_acl_counter_op,      pair_acl_stat},
-    {msg::ace_counter_reset,       36, _scc_ss_ace_counter_op,      pair_ace_stat},
-    {msg::global_eport,            12, _scc_ss_global_eport_op,     pair_global_eport},
-    {msg::svi_router_acl,           8, _scc_ss_svi_router_acl_op,   pair_svi},
-    {msg::nacm_app,                16, _scc_nacm_app_op,            pair_app},
-    {msg::nacm_def_read,           12, _scc_nacm_def_read,          pair_def_read},
-    {msg::nacm_l4port,             20, _scc_nacm_l4port_op,         pair_l4port},
-    {msg::nacm_user,               96, _scc_nacm_user_op,           pair_user},
-    {msg::nacm_user_read,          96, _scc_nacm_user_read,         pair_user_read},
-    {msg::nacm_user_reinstall,     12, _scc_nacm_user_reinstall_op, pair_user_reinstall},
-    {msg::nacm_app_user_recover,   16, _scc_nacm_app_user_recover,  pair_app_recover,    counted::both},
-    {msg::nacm_l4port_recover,      4, _scc_nacm_l4port_recover,    pair_l4port_recover, counted::both},
-    {msg::nacm_app_with_vid,       24, _scc_nacm_app_withvid_op,    pair_app_with},
-    {msg::cpp,                     12, _scc_ss_cpp_op,              pair_cpp},
-    {msg::data_recover,             9, _scc_ss_data_recover_op,     pair_recover},
-    {msg::test_cmd,                 4, _scc_ss_test_cmd_proc,       pair_test_cmd,       counted::both},
-    {msg::debug,                   36, debug_command,               pair_debug,          counted::both},
-    {msg::offline_detect_notify,   16, _scc_offline_detect_cfg_op,  pair_offline_cfg},
-    {msg::direct_vlan_notify,       8, as_operation<_scc_lib_direct_vlan_notify_proc>, pair_direct_vlan, counted::both},
-    {msg::authmode,                 8, as_operation<_scc_lib_authmode_notify_proc>,    pair_authmode,    counted::both},
-    {msg::acl_counter_get,         36, _scc_ss_acl_counter_op,      pair_acl_stat},
-    {msg::ace_counter_get,         36, _scc_ss_ace_counter_op,      pair_ace_stat},
-    {msg::info_collect,             0, as_operation<_scc_lib_info_collect_proc>,       pair_total,       counted::total_answered},
+    route(msg::acl,                   _scc_ss_acl_op,              pair_acl),
+    route(msg::ace,                   _scc_ss_ace_op,              pair_ace),
+    route(msg::acl_apply,             _scc_ss_acl_apply_op,        pair_apply),
+    route(msg::acl_resequence,        _scc_ss_acl_reseq_op,        pair_reseq),
+    route(msg::acl_counter_reset,     _scc_ss_acl_counter_op,      pair_acl_stat),
+    route(msg::ace_counter_reset,     _scc_ss_ace_counter_op,      pair_ace_stat),
+    route(msg::global_eport,          _scc_ss_global_eport_op,     pair_global_eport),
+    route(msg::svi_router_acl,        _scc_ss_svi_router_acl_op,   pair_svi),
+    route(msg::nacm_app,              _scc_nacm_app_op,            pair_app),
+    route(msg::nacm_def_read,         _scc_nacm_def_read,          pair_def_read),
+    route(msg::nacm_l4port,           _scc_nacm_l4port_op,         pair_l4port),
+    route(msg::nacm_user,             _scc_nacm_user_op,           pair_user),
+    route(msg::nacm_user_read,        _scc_nacm_user_read,         pair_user_read),
+    route(msg::nacm_user_reinstall,   _scc_nacm_user_reinstall_op, pair_user_reinstall),
+    route(msg::nacm_app_user_recover, _scc_nacm_app_user_recover,  pair_app_recover,    counted::both),
+    route(msg::nacm_l4port_recover,   _scc_nacm_l4port_recover,    pair_l4port_recover, counted::both),
+    route(msg::nacm_app_with_vid,     _scc_nacm_app_withvid_op,    pair_app_with),
+    route(msg::cpp,                   _scc_ss_cpp_op,              pair_cpp),
+    route(msg::data_recover,          _scc_ss_data_recover_op,     pair_recover),
+    route(msg::test_cmd,              _scc_ss_test_cmd_proc,       pair_test_cmd,       counted::both),
+    route(msg::debug,                 debug_command,               pair_debug,          counted::both),
+    route(msg::offline_detect_notify, _scc_offline_detect_cfg_op,  pair_offline_cfg),
+    route(msg::direct_vlan_notify,    as_operation<_scc_lib_direct_vlan_notify_proc>, pair_direct_vlan,    counted::both),
+    route(msg::authmode,              as_operation<_scc_lib_authmode_notify_proc>, pair_authmode,       counted::both),
+    route(msg::acl_counter_get,       _scc_ss_acl_counter_op,      pair_acl_stat),
+    route(msg::ace_counter_get,       _scc_ss_ace_counter_op,      pair_ace_stat),
+    route(msg::info_collect,          as_operation<_scc_lib_info_collect_proc>, pair_total,          counted::total_answered),
 });
 // clang-format on
 
@@ -97,12 +105,6 @@ void count(const operation_row& row) {
     }
 }
 
-bool is_long_enough(const operation_row& row, const item& operation) {
-    const std::size_t length = operation.value.size();
-    return length >= row.least_bytes &&
-           (row.type != msg::debug || debug_command_fits(operation.value.data(), length));
-}
-
 }  // namespace
 }  // namespace scc
 
@@ -120,7 +122,7 @@ extern "C" void _scc_ss_async_msg_proc(u32 tlv_count, const void* first) {
         const auto* row = std::ranges::lower_bound(operation_table, operation.type, {}, &operation_row::type);
         if (row == operation_table.end() || row->type != operation.type) {
             SCC_LOG("unknown scclib msg type(%d).", operation.type);
-        } else if (!is_long_enough(*row, operation)) {
+        } else if (!is_long_enough(row->least, operation.value)) {
             SCC_LOG("scclib msg type(%d) too short. len:%zu.", operation.type, operation.value.size());
         } else {
             (void)row->run(operation.sub_id, operation.value.data());

@@ -98,8 +98,8 @@ std::vector<query_row> record_rows() {
              return code;
          },
          record_bytes(asked_user()), 307, wire().u32(0xFFFFFFFF).zeros(4).add(record_bytes(asked_user())),
-         401, "SCC_LMSG_CALL_RET", wire().zeros(10).add(found_user()), found_user(),
-         wire().u32(0).u32(2005).zeros(2).add(found_user()), record_bytes(asked_user()), found_user()},
+         401, "SCC_LMSG_CALL_RET", wire().zeros(10).add(found_user()), found_user(), wire().u32(0).u32(2005),
+         record_bytes(asked_user()), record_bytes(asked_user())},
     };
 }
 
@@ -245,6 +245,29 @@ TEST_F(Query, ReturnsEveryResultOfTheDaemon) {
             exchange_item(record_rows()[2], 401, wire().u32(0).u32(result).zeros(2).add(found_user()));
         EXPECT_EQ(user.code, result);
         EXPECT_EQ(user.memory, found_user());
+    }
+}
+
+// A refusal may come without a record or with a part of one.
+TEST_F(Query, OfANacUserThatIsRefusedNeedsNoRecord) {
+    start(0);
+    const query_row row = record_rows()[2];
+    const bytes refusal = wire().u32(0).u32(2019).zeros(2).add(found_user());
+    for (std::size_t length = 0; length <= refusal.size(); ++length) {
+        const outcome out = exchange_item(row, 401, test::slice(refusal, 0, length));
+        EXPECT_EQ(out.code, length < 8 ? 2007U : 2019U) << length;
+        EXPECT_EQ(out.memory, length < refusal.size() ? record_bytes(asked_user()) : found_user()) << length;
+    }
+}
+
+TEST_F(Query, OfANacUserThatIsFoundNeedsTheWholeRecord) {
+    start(0);
+    const query_row row = record_rows()[2];
+    for (const std::size_t length : {std::size_t{8}, std::size_t{10}, std::size_t{745}}) {
+        const bytes answer = wire().zeros(10).add(found_user());
+        const outcome out = exchange_item(row, 401, test::slice(answer, 0, length));
+        EXPECT_EQ(out.code, 2007U) << length;
+        EXPECT_EQ(out.memory, record_bytes(asked_user())) << length;
     }
 }
 

@@ -70,8 +70,9 @@ struct mask_case {
     const char* log;  // null for none
 };
 
-constexpr const char* kept = "mask flag set:2001:db8::7";
-constexpr const char* guarded = "1x or ipv4 scg mask:2001:db8::7";
+// The flag 0x2 stands for an IPv4 mask, which is the first word.
+constexpr const char* kept = "mask flag set:32.1.13.184";
+constexpr const char* guarded = "1x or ipv4 scg mask:32.1.13.184";
 
 constexpr mask_case mask_cases[] = {
     {0x0, 2, mask_sent::as_it_is, nullptr},

@@ -131,6 +131,22 @@ TEST_F(Connection, ARefusalNamesTheHolderAndIsRetriedWithoutAnAsyncRegistration)
     expect_first_status_is_one();
 }
 
+// The pid is an unsigned number on the wire; the line prints it as the others are printed.
+TEST_F(Connection, ARefusalNamesAHolderOfAnyNumber) {
+    const test::debugging on;
+    begin();
+    for (const std::uint32_t holder : {0x80000001U, 0x80000000U, 0xFFFFFFFFU, 1U}) {
+        daemon.accept_both();
+        daemon.answer_registration(side::sync, 2002, holder);
+        EXPECT_TRUE(closes_silently(side::async));
+        EXPECT_TRUE(test::logged(
+            "app id:7 already registered by pid:" + std::to_string(static_cast<std::int32_t>(holder)) + "!"))
+            << holder;
+    }
+    daemon.accept_registration();
+    expect_first_status_is_one();
+}
+
 TEST_F(Connection, ARefusalWithoutAHolderNamesNobody) {
     const test::debugging on;
     begin();

@@ -2,6 +2,11 @@
 #include "client/diagnostics.h"
 
 #include <errno.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -24,9 +29,14 @@ using texts = std::vector<std::string>;
 class SwitchFile : public ::testing::Test {
   protected:
     void write(const std::string& content) {
-        std::filesystem::create_directories(directory.path() + "/security/scc");
-        std::ofstream(directory.path() + "/security/scc/scclib_dbg.txt") << content;
+        make_directory();
+        std::ofstream(file()) << content;
     }
+
+    std::string file() const { return directory.path() + "/security/scc/scclib_dbg.txt"; }
+
+    // The directory alone, for a file of another kind.
+    void make_directory() { std::filesystem::create_directories(directory.path() + "/security/scc"); }
 
     // What the flag is for this process once the file has been read, from 0 or 1 before.
     static int flag_from(std::uint8_t before, const char* process) {
@@ -139,6 +149,84 @@ TEST_F(SwitchFile, WithoutAMatchingLineOrAFileTheFlagStays) {
     expect_unchanged("dot1x");
     write("web   1\n");
     expect_unchanged("dot1x");
+}
+
+TEST_F(SwitchFile, ItsNumbersAreDecimalAlsoWithLeadingZeros) {
+    write("octal   010\none   01\nhex   0x1\nplus   +1\n");
+    expect_set_to(0, "octal");
+    expect_set_to(1, "one");
+    expect_set_to(0, "hex");
+    expect_set_to(1, "plus");
+}
+
+// With its newline it is 108 characters: the newline is a line of its own, and decides nothing.
+TEST_F(SwitchFile, ALineOfExactlyOneHundredAndSevenCharactersIsReadWhole) {
+    write("dot1x" + std::string(101, ' ') + "1\nweb   1\n");
+    expect_set_to(1, "dot1x");
+    expect_set_to(1, "web");
+    write("dot1x" + std::string(102, ' ') + "1\nweb   1\n");
+    expect_unchanged("dot1x");
+    expect_set_to(1, "web");
+}
+
+TEST_F(SwitchFile, TheLastLineNeedsNoNewline) {
+    write("web   0\ndot1x   1");
+    expect_set_to(1, "dot1x");
+}
+
+// Whoever may write into the directory may put something else there.
+TEST_F(SwitchFile, AFifoIsIgnoredWithoutWaitingForAWriter) {
+    make_directory();
+    ASSERT_EQ(mkfifo(file().c_str(), 0666), 0);
+    expect_unchanged("dot1x");
+}
+
+TEST_F(SwitchFile, AFifoThatHasAWriterIsIgnored) {
+    make_directory();
+    ASSERT_EQ(mkfifo(file().c_str(), 0666), 0);
+    const int writer = open(file().c_str(), O_RDWR | O_CLOEXEC);
+    const std::string line = "dot1x   1\ndot1x   1\n";
+    ASSERT_EQ(::write(writer, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+    EXPECT_EQ(flag_from(0, "dot1x"), 0);
+    close(writer);
+}
+
+TEST_F(SwitchFile, ADirectoryIsIgnored) {
+    std::filesystem::create_directories(file());
+    expect_unchanged("dot1x");
+}
+
+TEST_F(SwitchFile, ASocketIsIgnored) {
+    make_directory();
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    file().copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    expect_unchanged("dot1x");
+    close(listener);
+}
+
+TEST_F(SwitchFile, ALinkIsIgnored) {
+    make_directory();
+    std::ofstream(directory.path() + "/elsewhere") << "dot1x   1\n";
+    std::filesystem::create_symlink(directory.path() + "/elsewhere", file());
+    EXPECT_EQ(flag_from(0, "dot1x"), 0);
+}
+
+TEST_F(SwitchFile, NoDescriptorIsLeftOpen) {
+    const auto open_descriptors = [] {
+        const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+        return std::distance(begin(descriptors), end(descriptors));
+    };
+    const auto before = open_descriptors();
+    write("dot1x   1\n");
+    expect_set_to(1, "dot1x");
+    std::filesystem::remove(file());
+    std::filesystem::create_directory(file());
+    expect_unchanged("dot1x");
+    EXPECT_EQ(open_descriptors(), before);
 }
 
 TEST_F(SwitchFile, WithoutAProcessNameNothingHappens) {

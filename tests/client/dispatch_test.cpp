@@ -219,14 +219,15 @@ TEST_F(Dispatch, TheCapabilityWordIsReachedThroughItem406) {
     EXPECT_EQ(scc::capability_word(), 0x1112131415161718U);
 }
 
-// The least length of each type: what its process function reads.
+// The least length of each type, with empty lists: what its process function reads, and the records that
+// its handler is promised.
 struct least_length {
     std::uint16_t type;
     std::size_t bytes;
 };
 
 constexpr least_length least_lengths[] = {
-    {110, 8}, {127, 80}, {206, 36}, {209, 16}, {210, 5}, {211, 80}, {212, 88}, {213, 8},
+    {110, 8}, {127, 80}, {206, 36}, {209, 16}, {210, 5}, {211, 80}, {212, 88}, {213, 520},
     {214, 8}, {216, 12}, {217, 61}, {219, 24}, {220, 4}, {401, 8},  {406, 8},  {407, 24},
 };
 
@@ -247,7 +248,7 @@ TEST_F(Dispatch, AnItemShorterThanItsFunctionReadsIsLoggedAndSkippedAndTheWalkGo
 }
 
 TEST_F(Dispatch, AnItemOfExactlyTheLeastLengthIsProcessed) {
-    // Without handlers: those would be handed pointers to what lies behind.
+    // Without handlers: those of the test read what lies at pointers to nothing in particular.
     test::use_handlers(scc_handlers{});
     for (const least_length& row : least_lengths) {
         const test::debugging on;
@@ -275,6 +276,61 @@ TEST_F(Dispatch, AReportThatPromisesMoreThanItCarriesIsSkipped) {
                      "scclib msg type(212) too short. len:96."}));
     walk({counters(2, 2), offline(8, 8)});
     EXPECT_EQ(test::taken_calls().size(), 2U);
+}
+
+// 0x10000000 moves of 16 bytes are 0 in 32 bits.
+TEST_F(Dispatch, MovesThatAreNotAllThereReachNoHandler) {
+    const auto moves = [](std::uint32_t count, std::size_t carried) {
+        return item_bytes(110, wire().u32(0).u32(count).fill(carried, 0xEE));
+    };
+    const std::pair<std::uint32_t, std::size_t> short_ones[] = {
+        {1, 0}, {1, 15}, {2, 31}, {0x10000000, 16}, {0x10000001, 31}, {0xFFFFFFFF, 64}};
+    for (const auto& [count, carried] : short_ones) {
+        SCOPED_TRACE(count);
+        const test::debugging on;
+        walk({moves(count, carried), mode_item(7)});
+        EXPECT_EQ(test::taken_calls(), std::vector<handler_call>{mode_call(7)});
+        EXPECT_EQ(test::log_texts().front(),
+                  "scclib msg type(110) too short. len:" + std::to_string(8 + carried) + ".");
+    }
+    EXPECT_EQ(scc::read_statistics(scc::stat_addr_move).calls, 0U);
+    walk({moves(1, 16), moves(2, 32), moves(1, 17)});
+    EXPECT_EQ(test::taken_calls().size(), 3U);
+}
+
+int g_moves_without_an_entry = 0;
+
+TEST_F(Dispatch, AReportOfNoMovesIsHandedOn) {
+    scc_handlers handlers{};
+    handlers.d1x_addr_move = [](std::uint32_t count, const scc_address_move*) {
+        g_moves_without_an_entry += count == 0 ? 1 : 0;
+    };
+    test::use_handlers(handlers);
+    walk({item_bytes(110, wire().u32(0).u32(0))});
+    EXPECT_EQ(g_moves_without_an_entry, 1);
+}
+
+TEST_F(Dispatch, DirectVlansThatAreNotAllThereReachNoHandler) {
+    for (const std::size_t carried : {std::size_t{0}, std::size_t{24}, std::size_t{511}}) {
+        const test::debugging on;
+        walk({item_bytes(213, wire().zeros(8).fill(carried, 0xEE))});
+        EXPECT_TRUE(test::taken_calls().empty());
+        EXPECT_EQ(test::log_texts(),
+                  texts{"scclib msg type(213) too short. len:" + std::to_string(8 + carried) + "."});
+    }
+    walk({item_bytes(213, wire().zeros(8).fill(512, 0xEE))});
+    EXPECT_EQ(test::taken_calls().size(), 1U);
+}
+
+TEST_F(Dispatch, ItsLinesCarryTheNameOfTheMessagesFunction) {
+    const test::debugging on;
+    walk({item_bytes(215, bytes(3)), item_bytes(214, bytes(7)), item_bytes(110, wire().u32(0).u32(1))});
+    _scc_lib_async_msg_proc(0, nullptr);
+    const std::vector<test::log_line> lines = test::captured_log();
+    EXPECT_EQ(lines.size(), 4U);
+    for (const test::log_line& line : lines) {
+        EXPECT_TRUE(line.whole.starts_with("<_scc_lib_async_msg_proc line:")) << line.whole;
+    }
 }
 
 // ---- through the receive thread ----------------------------------------------------------------------

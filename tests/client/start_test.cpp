@@ -100,6 +100,61 @@ TEST_F(Start, OpensARuntimeDirectoryThatIsThereAlready) {
     EXPECT_EQ(mode_of(daemon.directory().runtime()), 0777U);
 }
 
+// Any user may put a link into the directory; a host may run as root.
+TEST_F(Start, ALinkInTheRuntimeDirectorysPlaceLeavesItsTargetAlone) {
+    const std::string victim = daemon.directory().path() + "/victim";
+    const std::string base = daemon.directory().path() + "/linked";
+    std::filesystem::create_directories(base + "/security");
+    std::filesystem::create_directory(victim);
+    ASSERT_EQ(chmod(victim.c_str(), 0700), 0);
+    std::filesystem::create_directory_symlink(victim, base + "/security/scc");
+    setenv("TMPDIR", base.c_str(), 1);
+    EXPECT_EQ(scc_svr_reg(&info), 0U);
+    EXPECT_EQ(mode_of(victim), 0700U);
+}
+
+TEST_F(Start, ALinkInItsParentsPlaceLeavesItsTargetAlone) {
+    const std::string victim = daemon.directory().path() + "/victim";
+    const std::string base = daemon.directory().path() + "/linked";
+    std::filesystem::create_directories(victim + "/scc");
+    std::filesystem::create_directory(base);
+    ASSERT_EQ(chmod((victim + "/scc").c_str(), 0700), 0);
+    std::filesystem::create_directory_symlink(victim, base + "/security");
+    setenv("TMPDIR", base.c_str(), 1);
+    EXPECT_EQ(scc_svr_reg(&info), 0U);
+    EXPECT_EQ(mode_of(victim + "/scc"), 0700U);
+}
+
+// The administrator's own choice, such as /tmp on another disk.
+TEST_F(Start, TmpdirItselfMayBeALink) {
+    const std::string target = daemon.directory().path() + "/disk";
+    const std::string base = daemon.directory().path() + "/linked";
+    std::filesystem::create_directories(target + "/security/scc");
+    ASSERT_EQ(chmod((target + "/security/scc").c_str(), 0700), 0);
+    std::filesystem::create_directory_symlink(target, base);
+    setenv("TMPDIR", base.c_str(), 1);
+    EXPECT_EQ(scc_svr_reg(&info), 0U);
+    EXPECT_EQ(mode_of(target + "/security/scc"), 0777U);
+}
+
+std::size_t open_descriptors() {
+    const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
+}
+
+TEST_F(Start, OpeningTheRuntimeDirectoryKeepsNoDescriptor) {
+    const std::string base = daemon.directory().path() + "/linked";
+    const std::size_t before = open_descriptors();
+    scc::open_runtime_directory();
+    setenv("TMPDIR", base.c_str(), 1);
+    scc::open_runtime_directory();  // there is nothing
+    std::filesystem::create_directory(base);
+    scc::open_runtime_directory();
+    std::filesystem::create_directory_symlink(daemon.directory().path(), base + "/security");
+    scc::open_runtime_directory();
+    EXPECT_EQ(open_descriptors(), before);
+}
+
 TEST_F(Start, TakesTheIdentityOver) {
     start(2);
     EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);

@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <future>
 
 #include "sccd_support.h"
@@ -367,6 +369,108 @@ TEST(SccdControl, ATraceShowsItemsOfBothDirectionsByName) {
     EXPECT_NE(answer.find("-> app=3 async 401 call-ret call=21 result=0 (8 bytes) 1500000000000000"),
               std::string::npos)
         << answer;
+}
+
+constexpr uid_t nobody = 65534;
+
+// What `act` returns, run in a child as a user who is nobody in particular.
+template <class Act>
+std::string as_nobody(Act act) {
+    int ends[2];
+    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        std::string text = "no such user";
+        if (::setresgid(nobody, nobody, nobody) == 0 && ::setresuid(nobody, nobody, nobody) == 0)
+            text = act();
+        const bool whole = ::write(ends[1], text.data(), text.size()) == static_cast<ssize_t>(text.size());
+        ::_exit(whole ? 0 : 1);
+    }
+    ::close(ends[1]);
+    std::string text;
+    char buffer[4096];
+    for (ssize_t count; (count = ::read(ends[0], buffer, sizeof buffer)) > 0;) {
+        text.append(buffer, static_cast<std::size_t>(count));
+    }
+    ::close(ends[0]);
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    return text;
+}
+
+// A directory that others may enter, as the runtime directory is.
+class SccdControlUsers : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+        ASSERT_EQ(::chmod(daemon.directory().c_str(), 0755), 0);
+    }
+
+    [[nodiscard]] std::string socket() const { return daemon.socket_directory() + "/.sccd_ctl"; }
+
+    DaemonProcess daemon;
+};
+
+TEST(SccdControl, TheSocketIsTheOwnersAloneAndTheClientsSocketEverybodys) {
+    DaemonProcess daemon;
+    struct stat status {};
+    ASSERT_EQ(::stat((daemon.socket_directory() + "/.sccd_ctl").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600u);
+    ASSERT_EQ(::stat(daemon.socket_path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0777u);
+}
+
+TEST_F(SccdControlUsers, AnotherUserIsKeptOutByTheSocketsMode) {
+    json reply = json::parse(as_nobody([] { return control({{"do", "quit"}}).dump(); }));
+    EXPECT_EQ(reply["ok"], false);
+    EXPECT_EQ(reply["error"], "no daemon at " + socket() + ": Permission denied");
+    EXPECT_EQ(control({{"do", "clients"}})["ok"], true);
+}
+
+// Whatever the mode of the file, and whoever holds the directory.
+TEST_F(SccdControlUsers, AnotherUserWhoGetsThroughIsToldSoAndCommandsNothing) {
+    ASSERT_EQ(::chmod(socket().c_str(), 0666), 0);
+    for (const char* command : {"quit", "clients", "nonsense"}) {
+        const json request = {{"do", command}};
+        const json reply = json::parse(as_nobody([&] { return control(request).dump(); }));
+        EXPECT_EQ(reply, (json{{"ok", false},
+                               {"error", "only root and the user who runs the daemon may command it"}}))
+            << command;
+    }
+    EXPECT_EQ(control({{"do", "clients"}})["ok"], true);
+}
+
+TEST_F(SccdControlUsers, AnotherUsersLinesAreAllRefused) {
+    ASSERT_EQ(::chmod(socket().c_str(), 0666), 0);
+    const std::string replies = as_nobody([&] {
+        Wire wire(socket());
+        const std::string lines = "{\"do\":\"mute\",\"type\":108}\nnot JSON\n{\"do\":\"quit\"}\n";
+        wire.send_raw(ByteString(lines.begin(), lines.end()));
+        ::shutdown(wire.descriptor(), SHUT_WR);
+        std::string text;
+        char buffer[4096];
+        for (ssize_t count; (count = ::recv(wire.descriptor(), buffer, sizeof buffer, 0)) > 0;) {
+            text.append(buffer, static_cast<std::size_t>(count));
+        }
+        return text;
+    });
+    const std::string refusal =
+        R"({"ok":false,"error":"only root and the user who runs the daemon may command it"})"
+        "\n";
+    EXPECT_EQ(replies, refusal + refusal + refusal);
+    TestClient client(daemon, 3, 77);
+    EXPECT_EQ(client.result_of(108, Value(8).u32(0, 1)), 0u);
+}
+
+TEST_F(SccdControlUsers, ADaemonOfAnotherUserObeysItsOwner) {
+    const std::string outcome = as_nobody([] {
+        if (::access(SCCD_DEV_PATH, X_OK) != 0) return std::string("out of reach");
+        const DaemonProcess own;
+        return control({{"do", "clients"}}).dump();
+    });
+    if (outcome == "out of reach") GTEST_SKIP() << "another user cannot run " << SCCD_DEV_PATH;
+    EXPECT_EQ(json::parse(outcome)["ok"], true);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <future>
 #include <memory>
+#include <random>
 #include <thread>
 
 #include "msg/protocol.h"
@@ -249,6 +250,143 @@ TEST_F(ServiceHandlers, OperationsWithArgumentsReachTheTables) {
               "router acl closed\n"
               "offline detection open interval 60 threshold 2\n"
               "authentication mode 1\n");
+}
+
+// ---- what no daemon of ours sends ----
+
+constexpr u32 hostile_words[] = {0, 1, 3, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF};
+
+// Every byte is the same in the first rounds, and has no pattern in the others.
+class hostile_bytes {
+  public:
+    explicit hostile_bytes(int round) : round_(round), random_(static_cast<unsigned>(round)) {}
+
+    template <class Record>
+    [[nodiscard]] Record record() {
+        Record made;
+        auto* bytes = reinterpret_cast<u8*>(&made);
+        for (std::size_t index = 0; index < sizeof made; ++index) bytes[index] = next();
+        return made;
+    }
+
+  private:
+    u8 next() {
+        constexpr u8 fills[] = {0x00, 0xFF, 0x80, 0x7F, 0x01};
+        return round_ < 5 ? fills[round_] : static_cast<u8>(random_());
+    }
+
+    int round_;
+    std::mt19937 random_;
+};
+
+constexpr int hostile_rounds = 60;
+
+TEST_F(ServiceHandlers, AnyContentOfARecordIsAnsweredAndHarmsNothing) {
+    start();
+    ASSERT_EQ(result_of(handlers_.acl_create, 5), 0u);
+    for (int round = 0; round < hostile_rounds; ++round) {
+        hostile_bytes bytes(round);
+        const auto answered = [&](auto* handler, auto record) {
+            record.id = 77;
+            EXPECT_EQ(answer_to(handler, record).template as<decltype(record)>().id, 77u);
+        };
+        // On an ACL of any key, and on one that is there.
+        for (const bool is_there : {false, true}) {
+            const scc_acl_key key = is_there ? key_of(5) : bytes.record<scc_acl_key>();
+            const auto with_key = [&](auto record) {
+                record.key = key;
+                return record;
+            };
+            if (!is_there) answered(handlers_.acl_create, with_key(bytes.record<scc_ss_acl_operation>()));
+            auto ace = with_key(bytes.record<scc_ss_ace_operation>());
+            answered(handlers_.add_ace, ace);
+            std::memcpy(ace.ace.match, &ace::layout_marker, sizeof ace::layout_marker);
+            ++ace.ace.ace_id;
+            answered(handlers_.add_ace, ace);
+            auto apply = with_key(bytes.record<scc_ss_apply_operation>());
+            apply.apply.key = key;
+            answered(handlers_.apply, apply);
+            answered(handlers_.resequence, with_key(bytes.record<scc_ss_resequence_operation>()));
+            answered(handlers_.acl_counter, with_key(bytes.record<scc_ss_counter_operation>()));
+            answered(handlers_.ace_counter, with_key(bytes.record<scc_ss_counter_operation>()));
+            table_.locked([](forwarding_table::contents& held) {
+                for (const auto& frame : {tcp_frame(), tcp6_frame(), arp_frame()}) {
+                    held.acls.classify(packet_of(frame), {1, 2});
+                }
+                EXPECT_FALSE(held.text().empty());
+            });
+            answered(handlers_.delete_ace, ace);
+            if (round % 2 == 0) answered(handlers_.unapply, apply);
+            if (!is_there) answered(handlers_.acl_delete, with_key(bytes.record<scc_ss_acl_operation>()));
+        }
+        answered(handlers_.svi_router_acl, bytes.record<scc_ss_svi_operation>());
+        answered(handlers_.uplink, bytes.record<scc_ss_eport_operation>());
+        answered(handlers_.cpp, bytes.record<scc_ss_cpp_operation>());
+    }
+    EXPECT_EQ(result_of(handlers_.acl_create, 6), 0u);
+}
+
+TEST_F(ServiceHandlers, AnyArgumentsOfAnOperationAreTakenAndHarmNothing) {
+    start({std::chrono::milliseconds(0), {}, {148, 149, 150, 151, 153, 158, 209}});
+    for (const u32 first : hostile_words) {
+        for (const u32 second : hostile_words) {
+            for (const u32 third : hostile_words) {
+                EXPECT_EQ(handlers_.app_set(first, second, third, first), 0);
+                EXPECT_EQ(handlers_.app_set_with_vid(first, second, third, first, second), 0);
+                EXPECT_EQ(handlers_.def_read(first, second, third), 0);
+                EXPECT_EQ(handlers_.http_l4port_set(first, second, third), 0);
+                EXPECT_EQ(handlers_.user_reinstall(first, second, third), 0);
+                EXPECT_EQ(handlers_.offline_detect_cfg(first, static_cast<u8>(second), second, third), 0);
+            }
+        }
+        handlers_.authmode(first);
+    }
+    for (int round = 0; round < hostile_rounds; ++round) {
+        hostile_bytes bytes(round);
+        const auto vlans = bytes.record<scc_vlan_record>();
+        handlers_.direct_vlan_notify(&vlans);
+        auto user = bytes.record<scc_ss_user>();
+        EXPECT_EQ(handlers_.user_op(1, 1, &user), 0);
+        EXPECT_EQ(handlers_.user_read(1, &user), 0);
+        EXPECT_FALSE(table_text().empty());
+        EXPECT_EQ(handlers_.user_op(1, 0, &user), 0);
+        EXPECT_EQ(handlers_.user_read(1, &user), 2019);
+    }
+    for (int start = 0; start < 256; ++start) EXPECT_EQ(handlers_.data_recover(static_cast<u8>(start)), 0);
+}
+
+// The entries lie one byte off, as they may in a message.
+TEST_F(ServiceHandlers, AnyContentOfARecoveryListIsTaken) {
+    start();
+    for (int round = 0; round < hostile_rounds; ++round) {
+        hostile_bytes bytes(round);
+        struct {
+            u8 before;
+            u8 list[3 * sizeof(scc_ss_user)];
+        } message = bytes.record<decltype(message)>();
+        EXPECT_EQ(handlers_.app_user_recover(hostile_words[round % 6], 5, 3, message.list), 0);
+        EXPECT_EQ(handlers_.l4port_recover(6, message.list), 0);
+        EXPECT_FALSE(table_text().empty());
+    }
+}
+
+// The length of a message is 32 bits wide.
+TEST_F(ServiceHandlers, AListThatNoMessageHasRoomForIsRefusedUnread) {
+    start();
+    const scc_ss_user users[1] = {user_of(1, 4)};
+    const u32 ports[1] = {80};
+    const std::string before = table_text();
+    for (const u32 count : {48'806'447u, 0x80000000u, 0xFFFFFFFFu}) {
+        EXPECT_EQ(handlers_.app_user_recover(4, 5, count, users), 22) << count;
+    }
+    for (const u32 count : {1'073'741'823u, 0x80000000u, 0xFFFFFFFFu}) {
+        EXPECT_EQ(handlers_.l4port_recover(count, ports), 22) << count;
+    }
+    EXPECT_EQ(handlers_.app_user_recover(4, 5, 3, nullptr), 22);
+    EXPECT_EQ(handlers_.l4port_recover(3, nullptr), 22);
+    EXPECT_EQ(table_text(), before);
+    EXPECT_EQ(handlers_.app_user_recover(4, 5, 0, nullptr), 0);
+    EXPECT_EQ(handlers_.l4port_recover(0, nullptr), 0);
 }
 
 TEST_F(ServiceHandlers, AUserReadCompletesTheEntryOrReturnsTheResult) {

@@ -80,12 +80,11 @@ TEST(ServiceNacTable, AReinstallDropsTheUsersOfItsInterfaceThatWereNotAddedAgain
     EXPECT_EQ(last_mac_bytes(table), (std::vector<u8>{2, 3}));
 }
 
-TEST(ServiceNacTable, UsersMayComeInSeveralRecoveryLists) {
+TEST(ServiceNacTable, ARecoveryKeepsTheUsersThatAreSentAgain) {
     nac_table table;
-    table.add_user(user_of(9, 4));
+    for (const u8 user : {u8{2}, u8{9}}) table.add_user(user_of(user, 4));
     table.begin_recovery();
-    table.recover_users({user_of(1, 4), user_of(2, 4)});
-    table.recover_users({user_of(3, 4)});
+    for (const u8 user : {u8{1}, u8{2}, u8{3}}) table.add_user(user_of(user, 4));
     table.end_recovery();
     EXPECT_EQ(last_mac_bytes(table), (std::vector<u8>{1, 2, 3}));
 }
@@ -155,14 +154,14 @@ TEST(ServiceNacTable, WhatIsUnsetIsGone) {
 TEST(ServiceNacTable, TheEndOfARecoveryDropsWhatWasNotSentAgain) {
     nac_table table;
     table.set_app({4, 0, 5}, 1);
-    table.recover_l4ports({80});
+    table.set_l4port(80, true);
     table.set_egress_port(7, true);
     table.set_cpu_protection(3, true);
     table.set_router_acl(true);
     table.set_offline_detection({true, 60, 0});
     table.begin_recovery();
     EXPECT_TRUE(table.detection().open);
-    table.recover_l4ports({443});
+    table.set_l4port(443, true);
     table.end_recovery();
     EXPECT_EQ(table.text(), "layer-4 ports 443\n" + nothing);
 }

@@ -1,7 +1,9 @@
 // The service as a process, registered with a daemon process, and an application's raw sockets on the other
 // side of it.
+#include <algorithm>
 #include <filesystem>
 
+#include "common/bytes.h"
 #include "sccd_support.h"
 #include "service_frames.h"
 
@@ -144,6 +146,46 @@ TEST(ServiceProcess, AnswersLaterAndRefusesAsItIsTold) {
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
     EXPECT_EQ(client.result_of(132, sccd_test::ace_request(2, 5, 10, 10, 1)), 28u);
     EXPECT_EQ(client.result_of(127, sccd_test::user_request(3, 9, 4, 1)), 0u);
+}
+
+// The operations with the least length that each of them needs.
+constexpr std::pair<u16, std::size_t> operations[] = {
+    {131, 140}, {132, 940}, {133, 244}, {138, 28}, {140, 36},  {141, 36}, {142, 12}, {143, 8},  {148, 16},
+    {149, 12},  {150, 20},  {151, 96},  {152, 96}, {153, 12},  {154, 16}, {155, 4},  {158, 24}, {163, 12},
+    {201, 9},   {205, 4},   {206, 36},  {209, 16}, {213, 520}, {214, 8},  {312, 36}, {313, 36}, {318, 0}};
+
+TEST(ServiceProcess, SurvivesAnyContentOfEveryOperation) {
+    DaemonProcess daemon;
+    ServiceProcess service({"--verbose"});
+    service.wait_until_registered();
+    const auto deliver = [](u16 type, const ByteString& value) {
+        const nlohmann::json reply = sccd_test::control(
+            {{"do", "notify"}, {"to", 16}, {"type", type}, {"sub", 1}, {"hex", devkit::hex_text(value)}});
+        ASSERT_EQ(reply["ok"], true) << reply.dump();
+    };
+    // Counts of entries that are not there, and counts whose size does not fit into 32 bits.
+    for (const u32 count : {1u, 0x20000000u, 0x40000000u, 0x40000001u, 0x80000000u, 0xFFFFFFFFu}) {
+        deliver(154, Value(16).u32(12, count).bytes());
+        deliver(154, Value(16 + 87).u32(12, count).bytes());
+        deliver(155, Value(4).u32(0, count).bytes());
+        deliver(155, Value(4 + 3).u32(0, count).bytes());
+    }
+    for (const auto& [type, least_bytes] : operations) {
+        for (const u8 fill : {u8{0x00}, u8{0x01}, u8{0x80}, u8{0xFF}}) {
+            for (const std::size_t length :
+                 {std::size_t{0}, least_bytes / 2, least_bytes, least_bytes + 100}) {
+                deliver(type, ByteString(length, fill));
+            }
+        }
+    }
+    // Shown in the text of the tables, which is printed whole.
+    deliver(214, Value(8).u32(4, 4711).bytes());
+    EXPECT_NE(service.lines_before("scc-ss-dev: 214 authentication mode 4711: 0").size(), 0u);
+    service.signal(SIGUSR2);
+    const std::vector<std::string> tables = service.lines_before("scc-ss-dev: end of tables");
+    EXPECT_EQ(std::count(tables.begin(), tables.end(), "authentication mode 4711"), 1);
+    service.signal(SIGTERM);
+    EXPECT_EQ(service.wait_for_end(), 0);
 }
 
 TEST(ServiceProcess, TheDaemonGivesUpOnASilentOperation) {

@@ -12,16 +12,17 @@ namespace {
 
 using Dispatch = test::registered_service;
 
-// The 27 types, and how much of a value each of them reads.
+// The 27 types, and how much of a value each of them needs: what is read, and the records that the handler
+// is promised; lists are empty.
 struct type_row {
     std::uint16_t type;
     std::size_t least_bytes;
 };
 
 constexpr type_row known_types[] = {
-    {131, 140}, {132, 940}, {133, 244}, {138, 28}, {140, 36}, {141, 36}, {142, 12}, {143, 8},  {148, 16},
-    {149, 12},  {150, 20},  {151, 96},  {152, 96}, {153, 12}, {154, 16}, {155, 4},  {158, 24}, {163, 12},
-    {201, 9},   {205, 4},   {206, 36},  {209, 16}, {213, 8},  {214, 8},  {312, 36}, {313, 36}, {318, 0},
+    {131, 140}, {132, 940}, {133, 244}, {138, 28}, {140, 36},  {141, 36}, {142, 12}, {143, 8},  {148, 16},
+    {149, 12},  {150, 20},  {151, 96},  {152, 96}, {153, 12},  {154, 16}, {155, 4},  {158, 24}, {163, 12},
+    {201, 9},   {205, 4},   {206, 36},  {209, 16}, {213, 520}, {214, 8},  {312, 36}, {313, 36}, {318, 0},
 };
 
 bool is_known(std::uint32_t type) {
@@ -158,6 +159,67 @@ TEST_F(Dispatch, AMessageWhoseItemIsCutAtAnyOffsetIsRefusedWhole) {
     EXPECT_EQ(daemon.read_item(side::sync).type, 204);
 }
 
+struct list_row {
+    std::uint16_t type;
+    bytes head;  // what stands before the count
+    std::size_t element_bytes;
+    int slot;
+};
+
+// A list whose entries are not all there. The counts of the last rows times the size of an entry are less
+// than the list in 32 bits.
+TEST_F(Dispatch, AListThatIsNotAllThereReachesNoHandler) {
+    start_with_all_handlers();
+    const list_row rows[] = {{154, wire().u32(5).u32(0).u32(76), 88, 21}, {155, {}, 4, 22}};
+    for (const list_row& row : rows) {
+        SCOPED_TRACE(row.type);
+        const std::uint32_t wraps = row.element_bytes == 88 ? 0x20000000U : 0x40000000U;
+        const std::pair<std::uint32_t, std::size_t> short_ones[] = {
+            {1, 0},         {1, row.element_bytes - 1},     {3, 2 * row.element_bytes + 1},
+            {wraps, 0},     {wraps + 1, row.element_bytes}, {0xFFFFFFFF, 64},
+            {0x80000000, 0}};
+        for (const auto& [count, carried] : short_ones) {
+            SCOPED_TRACE(count);
+            const test::debugging on;
+            const bytes value = wire().add(row.head).u32(count).fill(carried, 0xEE);
+            daemon.send_items(side::async,
+                              {item_bytes(row.type, value), item_bytes(163, wire().u32(1).u32(1).u32(1))});
+            called(12);  // and nothing before
+            EXPECT_TRUE(test::logged("scclib msg type(" + std::to_string(row.type) +
+                                     ") too short. len:" + std::to_string(value.size()) + "."));
+        }
+        const bytes list = test::pattern(3 * row.element_bytes, 0x31);
+        send(row.type, wire().add(row.head).u32(3).add(list));
+        EXPECT_EQ(test::slice(called(row.slot), row.type == 154 ? 12 : 4, list.size()), list);
+    }
+}
+
+TEST_F(Dispatch, ATooShortItemCountsInTheTotalAlone) {
+    start_with_all_handlers();
+    for (const auto& [type, pair] :
+         {std::pair<std::uint16_t, std::uint32_t>{154, 21}, {155, 22}, {213, 10}}) {
+        send(type, type == 213 ? bytes(519) : bytes(wire().zeros(type == 154 ? 12 : 0).u32(1)));
+        expect_nothing_more();
+        EXPECT_EQ((*ss_stat)[pair].received, 0U);
+        EXPECT_EQ((*ss_stat)[pair].answered, 0U);
+    }
+    EXPECT_EQ((*ss_stat)[0].received, 6U);
+}
+
+TEST_F(Dispatch, ItsLinesCarryTheNameOfTheMessagesFunction) {
+    const test::debugging on;
+    for (const bytes& item :
+         {item_bytes(999, bytes(3)), item_bytes(214, bytes(7)), item_bytes(155, wire().u32(1))}) {
+        _scc_ss_async_msg_proc(1, item.data());
+    }
+    _scc_ss_async_msg_proc(0, nullptr);
+    const std::vector<test::log_line> lines = test::captured_log();
+    EXPECT_EQ(lines.size(), 7U);
+    for (const test::log_line& line : lines) {
+        EXPECT_TRUE(line.whole.starts_with("<_scc_ss_async_msg_proc ")) << line.whole;
+    }
+}
+
 // The cache's display reads a mode, and for some modes three words of an ACL behind it.
 TEST_F(Dispatch, ADumpCommandCutInsideItsDataDumpsNothing) {
     start();
@@ -176,9 +238,7 @@ TEST_F(Dispatch, ADumpCommandCutInsideItsDataDumpsNothing) {
 }
 
 TEST_F(Dispatch, AValueOfExactlyTheLeastLengthRuns) {
-    info = test::all_handlers();
-    info.direct_vlan_notify = nullptr;  // would read the bytes behind
-    start();
+    start_with_all_handlers();
     for (const type_row& row : known_types) {
         SCOPED_TRACE(row.type);
         const test::debugging on;
@@ -225,7 +285,7 @@ TEST_F(Dispatch, NoItemsOrANullPointerIsLoggedAndIgnored) {
 
 TEST_F(Dispatch, VlansAndAuthenticationModeGoToTheHandlersOfTheRegistration) {
     start_with_all_handlers();
-    const bytes vlans = test::pattern(24, 0x61);
+    const bytes vlans = test::pattern(512, 0x61);
     send(213, wire().u32(0xEEEEEEEE).u32(0xEEEEEEEE).add(vlans));
     EXPECT_EQ(called(13), vlans);
     const test::debugging on;
@@ -238,7 +298,7 @@ TEST_F(Dispatch, VlansAndAuthenticationModeGoToTheHandlersOfTheRegistration) {
 TEST_F(Dispatch, VlansAndAuthenticationModeWithoutHandlersAreIgnored) {
     start();
     const test::debugging on;
-    send(213, wire().zeros(32));
+    send(213, wire().zeros(520));
     send(214, wire().u32(0).u32(3));
     expect_nothing_more();
     EXPECT_TRUE(test::logged("ignore direct vlan notify msg"));

@@ -77,7 +77,7 @@ std::vector<context_row> every_kind() {
         {150, wire().u32(1).to(20), false, 0, true},        {151, wire().u32(1).to(96), false, 1, true},
         {153, wire().u32(1).to(12), false, 0, true},        {158, wire().u32(1).to(24), false, 0, true},
         {209, wire().u32(1).to(16), false, 0, true},        {154, wire().u32(1).to(16), false, 0, false},
-        {155, wire().u32(1).to(4), false, 0, false},        {213, wire().u32(1).to(32), false, 0, false},
+        {155, wire().u32(1).to(8), false, 0, false},        {213, wire().u32(1).to(520), false, 0, false},
         {214, wire().u32(1).to(8), false, 0, false},
     };
 }

@@ -266,7 +266,7 @@ TEST_F(IdMap, TheDumpShowsEveryCounterPairAndMarksTheOpenOnes) {
     start_with_all_handlers();
     send(149, wire().u32(5).u32(1).u32(1), 21);
     called(16);
-    send(154, wire().u32(1).u32(0).u32(2).u32(1).zeros(24));
+    send(154, wire().u32(1).u32(0).u32(2).u32(1).zeros(88));
     called(21);
     _scc_ss_save_idtype(6, 1);
     scc_ss_acl_operation record{};
@@ -275,7 +275,7 @@ TEST_F(IdMap, TheDumpShowsEveryCounterPairAndMarksTheOpenOnes) {
     daemon.read_item(side::async);
     expect_nothing_more();
     // Counted behind its answer, so something else has to follow.
-    send(213, wire().zeros(32));
+    send(213, wire().zeros(520));
     called(13);
     const auto texts = dumped_lines();
     ASSERT_EQ(texts.size(), 1U + 24 + 1 + 1);

@@ -259,14 +259,15 @@ TEST_F(Nacm, AUserReadWithoutAHandlerGivesTheEntryBackAsItCame) {
 
 TEST_F(Nacm, RecoveriesHandTheirListsThroughAndAreNeverAnswered) {
     start_with_all_handlers();
-    const bytes list = pattern(24, 0x51);
+    const bytes users = pattern(3 * 88, 0x51);
+    const bytes ports = pattern(6 * 4, 0x52);
     const test::debugging on;
     for (const int result : {0, 8}) {
         script().returns = result;
-        send(154, wire().u32(0x1F).u32(0xEEEEEEEE).u32(76).u32(3).add(list));
-        EXPECT_EQ(called(21), bytes(wire().u32(76).u32(0x1F).u32(3).add(list)));
-        send(155, wire().u32(6).add(list));
-        EXPECT_EQ(called(22), bytes(wire().u32(6).add(list)));
+        send(154, wire().u32(0x1F).u32(0xEEEEEEEE).u32(76).u32(3).add(users));
+        EXPECT_EQ(called(21), bytes(wire().u32(76).u32(0x1F).u32(3).add(users)));
+        send(155, wire().u32(6).add(ports));
+        EXPECT_EQ(called(22), bytes(wire().u32(6).add(ports)));
     }
     EXPECT_TRUE(test::wait_for_log("call ssc_nacm_l4port_recover_handler failed. 8."));
     EXPECT_TRUE(test::logged("call ssc_nacm_app_user_recover_handler failed. 8."));
