@@ -183,13 +183,22 @@ TEST_F(Locks, OfTheCallsIsTakenByResultsAndByWhateverDropsCalls) {
     };
     start();
     ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
-    test::expect_waits_for(scc_call_data_lock, [this] {
-        daemon.send_result(1, 2014);
-        EXPECT_EQ(results().wait(), 2014U);
-    });
+    scc::write_guard calls(scc_call_data_lock);
+    daemon.send_result(1, 2014);
+    EXPECT_TRUE(test::eventually([] { return test::is_waited_for(scc_call_data_lock); }));
+    EXPECT_EQ(results().size(), 0U) << "the call was found without the lock";
+    calls.release();
+    EXPECT_EQ(results().wait(), 2014U);
     test::expect_waits_for(scc_call_data_lock, [] { _scc_lib_del_call_data(4000); });
     test::expect_waits_for(scc_call_data_lock, [] { _scc_lib_data_free(); });
     test::expect_waits_for(scc_call_data_lock, [] { EXPECT_EQ(scc::take_pending_call(4000), nullptr); });
+    // A few calls are handed over without the lock; many have to wait for it.
+    test::expect_waits_for(scc_call_data_lock, [] {
+        for (std::uint32_t call_id = 1; call_id <= 5000; ++call_id) {
+            EXPECT_EQ(_scc_lib_save_call_data(call_id, 45, nullptr, 0), 0U);
+        }
+    });
+    EXPECT_EQ(scc::pending_calls(), 5000U);
 }
 
 TEST_F(Locks, OfTheBatchIsTakenByRequestsBigOnesAndTheChecker) {

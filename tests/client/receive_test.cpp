@@ -3,6 +3,8 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
+
 #include "client/channel_support.h"
 #include "client/connection.h"
 #include "client/request_channel.h"
@@ -269,6 +271,25 @@ TEST_F(Receive, WithoutAPlaceForTheSocketsTheThreadStaysAndWaitsForOne) {
     EXPECT_EQ(test::statuses().wait(), 1U);
 }
 
+TEST_F(Receive, AMissingSocketIsLookedForOnceASecond) {
+    start_with_holding_handler();
+    hold();
+    const test::debugging on;
+    const std::string missing = "scc client async socket not created.";
+    const int real = g_scc_client_cb.async_fd.exchange(-1);
+    const auto before = std::chrono::steady_clock::now();
+    release();
+    EXPECT_TRUE(test::eventually([&] {
+        const auto texts = test::log_texts();
+        return std::ranges::count(texts, missing) >= 2;
+    }));
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(990));
+    g_scc_client_cb.async_fd = real;
+    hold();  // it reads on
+    release();
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
 TEST_F(Receive, AHandlerMayUnregister) {
     info.handlers.addr_learning = unregister_inside;
     runtime_test::start();
@@ -380,6 +401,27 @@ TEST_F(Receive, AHandlerMayMakeRequests) {
     EXPECT_EQ(daemon.read_items(side::async, 2).back().value, bytes(wire().u32(2).u32(1).u32(1)));
     daemon.send_result(2, 1);
     EXPECT_EQ(results().wait(), 2001U);
+}
+
+TEST_F(Receive, AHeaderWithAnItemButNoRoomForItIsRefusedOnBothSockets) {
+    start();
+    const bytes header = wire().u32(8).u8(1).u16(1).u8(0);
+    const test::debugging on;
+    void* message = nullptr;
+    daemon.send(side::sync, header);
+    EXPECT_EQ(_scc_lib_msg_recv(&message, 1), 2007U);
+    EXPECT_EQ(message, nullptr);
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{"msg format error,no tlv."});
+    daemon.send_item(side::sync, 77, {});
+    ASSERT_EQ(_scc_lib_msg_recv(&message, 1), 0U);
+    free(message);
+    test::clear_log();
+    request(1);
+    daemon.send(side::async, header);
+    daemon.send_result(1, 5);
+    EXPECT_EQ(results().wait(), 1005U);
+    EXPECT_TRUE(test::logged("msg format error,no tlv."));
+    EXPECT_FALSE(test::logged("msg format error,items exceed msg. len:8."));
 }
 
 TEST_F(Receive, TheSynchronousSocketIsReadByTheSameRules) {

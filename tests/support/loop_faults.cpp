@@ -19,6 +19,8 @@ struct record {
     std::vector<added_task> tasks;
     std::map<adding, int> refusals;
     long timer_seconds = -1;
+    std::map<qx_thread*, std::string> names;  // of the tasks that the loop took
+    std::map<std::string, std::size_t> cancelled;
 };
 
 // Never destroyed: the library's threads add tasks until the process has gone.
@@ -59,13 +61,19 @@ Function* behind(const char* name) {
     return reinterpret_cast<Function*>(found);
 }
 
+qx_thread* named_task(qx_thread* task, const char* name) {
+    const std::lock_guard guard(the_record().mutex);
+    the_record().names[task] = name != nullptr ? name : "";
+    return task;
+}
+
 using add_numbered = qx_thread*(qx_thread_master*, qx_thread_handler, void*, int, const char*);
 using add_timer = qx_thread*(qx_thread_master*, qx_thread_handler, void*, long, const char*);
 
 qx_thread* add(adding call, const char* function, qx_thread_master* master, qx_thread_handler handler,
                void* arg, int number, const char* name) {
     return note(call, handler, arg, number, name)
-               ? behind<add_numbered>(function)(master, handler, arg, number, name)
+               ? named_task(behind<add_numbered>(function)(master, handler, arg, number, name), name)
                : nullptr;
 }
 
@@ -101,6 +109,11 @@ void forget_added_tasks() {
     the_record().tasks.clear();
 }
 
+std::size_t cancelled_tasks(const std::string& name) {
+    const std::lock_guard guard(the_record().mutex);
+    return the_record().cancelled[name];
+}
+
 }  // namespace test
 
 using test::adding;
@@ -115,8 +128,9 @@ qx_thread* qx_thread_add_event_withname(qx_thread_master* master, qx_thread_hand
 qx_thread* qx_thread_add_timer_withname(qx_thread_master* master, qx_thread_handler handler, void* arg,
                                         long seconds, const char* name) {
     return test::note(adding::timer, handler, arg, seconds, name)
-               ? test::behind<test::add_timer>(__func__)(master, handler, arg, test::timer_seconds(seconds),
-                                                         name)
+               ? test::named_task(test::behind<test::add_timer>(__func__)(master, handler, arg,
+                                                                          test::timer_seconds(seconds), name),
+                                  name)
                : nullptr;
 }
 
@@ -128,5 +142,13 @@ qx_thread* qx_thread_add_read_high_withname(qx_thread_master* master, qx_thread_
 qx_thread* qx_thread_add_write_withname(qx_thread_master* master, qx_thread_handler handler, void* arg,
                                         int fd, const char* name) {
     return test::add(adding::write, __func__, master, handler, arg, fd, name);
+}
+
+void qx_thread_cancel(qx_thread* task) {
+    {
+        const std::lock_guard guard(test::the_record().mutex);
+        ++test::the_record().cancelled[test::the_record().names[task]];
+    }
+    test::behind<void(qx_thread*)>(__func__)(task);
 }
 }

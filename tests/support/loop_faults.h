@@ -1,5 +1,5 @@
 // The event loop's scheduling calls as the tests see them: loop_faults.cpp stands in front of the platform's
-// library, records each task that is added and can refuse to add one. Any thread.
+// library, records each task that is added or cancelled and can refuse to add one. Any thread.
 #pragma once
 
 #include <qx_thread.h>
@@ -31,5 +31,7 @@ void set_timer_seconds(long seconds);
 // Waits up to 20 seconds until that many tasks with this name were added.
 [[nodiscard]] bool wait_for_added(const std::string& name, std::size_t count);
 void forget_added_tasks();
+// How many tasks with this name were cancelled.
+[[nodiscard]] std::size_t cancelled_tasks(const std::string& name);
 
 }  // namespace test
