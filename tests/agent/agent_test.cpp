@@ -499,6 +499,24 @@ TEST_F(Agent, ReconnectsOnceWhenEveryThreadNoticesTheLossTogether) {
     EXPECT_EQ(state(), 4U);
 }
 
+TEST_F(Agent, LogsNothingWhileTheSwitchIsOff) {
+    test::clear_log();
+    EXPECT_EQ(scc_agent_init(nullptr, nullptr), 22U);
+    EXPECT_EQ(scc_agent_finish(), 0U);
+    EXPECT_EQ(_scc_lib_thread_event(9, nullptr, -1), -1);
+    start();
+    EXPECT_EQ(init(), 0U);
+    expect_working_requests();
+    daemon.stop_listening();
+    daemon.close_both();
+    ASSERT_TRUE(test::wait_for_added("scc-reconnect", 2));
+    daemon.listen();
+    expect_reconnection();
+    EXPECT_EQ(finish(5), 2001U);
+    EXPECT_EQ(finish(), 0U);
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{});
+}
+
 // ---- the end
 
 TEST_F(Agent, FinishedWhenNotRegisteredSaysSoAndReturnsZero) {
