@@ -106,6 +106,10 @@ TEST_F(Receive, APeerThatClosesAtAnyOffsetIsALostConnectionAndNothingOfTheMessag
         daemon.accept_registration();
         EXPECT_EQ(test::statuses().wait(), 1U);
         EXPECT_EQ(results().size(), 0U);
+        request(1);
+        const std::uint32_t call_id = g_scc_client_cb.last_call_id;
+        daemon.send_result(call_id, 5);
+        EXPECT_EQ(results().wait(), call_id * 1000 + 5) << "the next connection's first message";
     }
 }
 
