@@ -84,8 +84,9 @@ class Log : public test::runtime_test {
     }
 
     void send_everything() {
-        for (const std::uint16_t type : std::to_array<std::uint16_t>({110, 127, 206, 209, 210, 211, 212, 213, 214, 216, 217, 219, 220, 318,
-                                         319, 406, 407, 401, 999})) {
+        for (const std::uint16_t type :
+             std::to_array<std::uint16_t>({110, 127, 206, 209, 210, 211, 212, 213, 214, 216, 217, 219, 220,
+                                           318, 319, 406, 407, 401, 999})) {
             daemon.send_item(side::async, type, bytes(1000));
             daemon.send_item(side::async, type, bytes(3));
         }
@@ -119,7 +120,7 @@ class Log : public test::runtime_test {
         send_everything();
         for (std::size_t i = 1; i < sizeof(scc_handlers) / sizeof(void*); ++i) {
             if (i != result_of_mark) {
-                reinterpret_cast<void**>(&g_scc_client_cb.handlers)[i] = nullptr;
+                scc::store_handler<void*>(reinterpret_cast<void**>(&g_scc_client_cb.handlers)[i], nullptr);
             }
         }
         send_everything();
