@@ -7,6 +7,7 @@
 
 #include "client/channel_support.h"
 #include "client/connection.h"
+#include "client/diagnostics.h"
 #include "client/request_channel.h"
 
 using test::bytes;
@@ -57,6 +58,37 @@ TEST_F(Receive, AMessageOfManyItemsIsDeliveredInOrder) {
     daemon.send(side::async, two_results(2, 1));
     EXPECT_EQ(results().wait(), 2003U);
     EXPECT_EQ(results().wait(), 1004U);
+}
+
+TEST_F(Receive, AMessageOfManyResultsIsDeliveredToTheLastOne) {
+    constexpr std::uint32_t count = 100;
+    start();
+    request(count);
+    std::vector<bytes> items;
+    for (std::uint32_t call_id = 1; call_id <= count; ++call_id) {
+        items.push_back(item_bytes(401, wire().u32(call_id).u32(call_id % 7)));
+    }
+    daemon.send_items(side::async, items);
+    for (std::uint32_t call_id = 1; call_id <= count; ++call_id) {
+        ASSERT_EQ(results().wait(), call_id * 1000 + call_id % 7);
+    }
+}
+
+TEST_F(Receive, AResultIsAFailureWhicheverOfItsBytesIsSet) {
+    start();
+    scc_acl_key key = {1, 2, 3, 4};
+    std::uint32_t call_id = 0;
+    for (const std::uint32_t result : {1U, 0x100U, 0x10000U, 0x80000000U}) {
+        SCOPED_TRACE(result);
+        ASSERT_EQ(scc_acl_create(&key, &call_id), 0U);
+        daemon.send_result(call_id, result);
+        request(1);
+        daemon.send_result(++call_id, result);
+        EXPECT_EQ(results().wait(), call_id * 1000 + result);
+        EXPECT_EQ(scc_acl_cls_get(&key), 2005U);
+    }
+    EXPECT_EQ(scc::read_statistics(0).callback_failures, 4U);
+    EXPECT_EQ(scc::read_statistics(0).callback_successes, 0U);
 }
 
 TEST_F(Receive, TwoMessagesInOnePieceAreTwoMessages) {
