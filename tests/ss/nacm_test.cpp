@@ -243,11 +243,14 @@ TEST_F(Nacm, AUserReadIsAnsweredWithTheCompletedEntryUnderAFreshId) {
 TEST_F(Nacm, AUserReadWhoseHandlerFailsIsAnsweredWithZeroBytesAndTheResult) {
     info.user_read = completes_the_user;
     start();
-    script().returns = -5;
-    const test::debugging on;
-    send(152, wire().u32(0xDEAD).zeros(4).add(user_entry()), 600);
-    expect_result(0, wire().u32(1).zeros(92).u32(0xFFFFFFFB).zeros(4));
-    EXPECT_TRUE(test::logged("call ssc_nacm_user_read_handler failed. -5."));
+    std::uint32_t fresh = 0;
+    for (const int outcome : {-5, 5}) {
+        script().returns = outcome;
+        const test::debugging on;
+        send(152, wire().u32(0xDEAD).zeros(4).add(user_entry()), 600);
+        expect_result(0, wire().u32(++fresh).zeros(92).u32(static_cast<std::uint32_t>(outcome)).zeros(4));
+        EXPECT_TRUE(test::logged("call ssc_nacm_user_read_handler failed. " + std::to_string(outcome) + "."));
+    }
 }
 
 TEST_F(Nacm, AUserReadWithoutAHandlerGivesTheEntryBackAsItCame) {
