@@ -73,6 +73,8 @@ std::vector<operation_row> answered_operations() {
          "ssc_nacm_user_op_handler", 151},
         {153, wire().u32(0x4A).u32(76).u32(1), 20, wire().u32(0x4A).u32(1).u32(76),
          "call _scc_nacm_user_reinstall_op op:start ifx:76", "ssc_nacm_user_reinstall_handler", 153},
+        {153, wire().u32(0x4D).u32(76).u32(0x100), 20, wire().u32(0x4D).u32(0x100).u32(76),
+         "call _scc_nacm_user_reinstall_op op:start ifx:76", "ssc_nacm_user_reinstall_handler", 153},
         {153, wire().u32(0x4B).u32(76).u32(0), 20, wire().u32(0x4B).u32(0).u32(76),
          "call _scc_nacm_user_reinstall_op op:end ifx:76", "ssc_nacm_user_reinstall_handler", 153},
     };
