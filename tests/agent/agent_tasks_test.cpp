@@ -221,6 +221,30 @@ TEST_F(AgentTasks, ToWriteAnOversizedValueSendItAndThenStartTheConnectionOver) {
     EXPECT_FALSE(scc::is_pending(scc::task_write));
 }
 
+// What the write handler returns on the loop's thread.
+test::event_queue<int>& returned() {
+    static auto* queue = new test::event_queue<int>;
+    return *queue;
+}
+
+int write_and_tell(qx_thread* task) {
+    returned().push(_scc_lib_agent_write(task));
+    return 0;
+}
+
+TEST_F(AgentTasks, ToWriteReturnZeroWhateverBecameOfTheSend) {
+    start();
+    for (const std::uint32_t length : {3U, 8176U}) {
+        void* request = write_argument(wire().u32(199).u32(length).zeros(length));
+        in_loop([&] {
+            ASSERT_NE(qx_thread_add_event_withname(master, write_and_tell, request, 0, "test"), nullptr);
+        });
+        EXPECT_EQ(returned().wait(), 0) << length;
+        EXPECT_EQ(daemon.read_item(side::async).value.size(), length);
+    }
+    expect_reconnection();
+}
+
 TEST_F(AgentTasks, ToWriteThatFailDuringAnUnregistrationOnlySetTheStateBack) {
     start();
     test::forget_added_tasks();

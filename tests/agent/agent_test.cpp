@@ -358,6 +358,21 @@ TEST_F(Agent, IsInStateFailedBetweenTwoReconnections) {
     EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 2004U);
 }
 
+// A task that runs is no longer the loop's to cancel.
+TEST_F(Agent, CancelsNoTaskFromInsideItself) {
+    daemon.stop_listening();
+    ASSERT_EQ(init(), 0U);
+    ASSERT_TRUE(test::wait_for_added("scc-reconnect", 4));
+    EXPECT_TRUE(test::cancelled_tasks("scc-connect").empty());
+    EXPECT_TRUE(test::cancelled_tasks("scc-reconnect").empty());
+    daemon.listen();
+    expect_reconnection();
+    daemon.close_both();
+    expect_reconnection();
+    EXPECT_TRUE(test::cancelled_tasks("scc-read").empty());
+    EXPECT_TRUE(test::cancelled_tasks("scc-reconnect").empty());
+}
+
 TEST_F(Agent, SchedulesNothingWhenAReconnectionFailsWhileItUnregisters) {
     start();
     in_loop([this] {
@@ -546,12 +561,60 @@ TEST_F(Agent, ReconnectsOnceWhenEveryThreadNoticesTheLossTogether) {
     EXPECT_EQ(state(), 4U);
 }
 
+TEST_F(Agent, LogsNothingWhileTheSwitchIsOff) {
+    test::clear_log();
+    EXPECT_EQ(scc_agent_init(nullptr, nullptr), 22U);
+    EXPECT_EQ(scc_agent_finish(), 0U);
+    EXPECT_EQ(_scc_lib_thread_event(9, nullptr, -1), -1);
+    start();
+    EXPECT_EQ(init(), 0U);
+    expect_working_requests();
+    daemon.stop_listening();
+    daemon.close_both();
+    ASSERT_TRUE(test::wait_for_added("scc-reconnect", 2));
+    daemon.listen();
+    expect_reconnection();
+    EXPECT_EQ(finish(5), 2001U);
+    EXPECT_EQ(finish(), 0U);
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{});
+}
+
 // ---- the end
 
 TEST_F(Agent, FinishedWhenNotRegisteredSaysSoAndReturnsZero) {
     const test::debugging on;
     EXPECT_EQ(scc_agent_finish(), 0U);
     EXPECT_EQ(test::log_texts(), std::vector<std::string>{"(pid:0) already unregistered or not registered!"});
+}
+
+TEST_F(Agent, FinishedInAnyOtherStateSendsNothingAndChangesNothing) {
+    start();
+    ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
+    EXPECT_EQ(daemon.read_item(side::async).type, 123);
+    for (const std::uint32_t other : {1U, 2U, 3U, 5U}) {
+        SCOPED_TRACE(other);
+        const test::debugging on;
+        g_scc_client_cb.state.store(other);
+        auto result = std::async(std::launch::async, [this] { return on_loop(scc_agent_finish); });
+        if (result.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
+            daemon.close_both();  // it waits for an answer
+            FAIL() << "it unregisters";
+        }
+        EXPECT_EQ(result.get(), 0U);
+        EXPECT_TRUE(
+            test::logged("(pid:" + std::to_string(getpid()) + ") already unregistered or not registered!"));
+        EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
+        EXPECT_EQ(state(), other);
+        EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
+        EXPECT_EQ(g_scc_client_cb.option.load(), 1U);
+        EXPECT_EQ(g_scc_client_cb.last_call_id.load(), 1U);
+        EXPECT_EQ(g_scc_client_cb.handlers.server_status, test::on_status);
+        EXPECT_TRUE(scc::is_pending(scc::task_read));
+        EXPECT_TRUE(_scc_lib_client_is_connected());
+    }
+    g_scc_client_cb.state.store(4);
+    expect_answer(1);
+    expect_working_requests();
 }
 
 TEST_F(Agent, FinishesWithAllItsTasksCancelled) {

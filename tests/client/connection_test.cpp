@@ -78,6 +78,21 @@ TEST_F(Connection, TriesAgainAfterTwoSeconds) {
     expect_first_status_is_one();
 }
 
+TEST_F(Connection, TriesAgainAfterTwoSecondsWhenItIsRefusedToo) {
+    begin();
+    daemon.accept_both();
+    daemon.answer_registration(side::sync);
+    const auto before = std::chrono::steady_clock::now();
+    daemon.answer_registration(side::async, 2000);
+    daemon.accept_both();
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(1990));
+    const auto again = std::chrono::steady_clock::now();
+    daemon.answer_registration(side::sync, 2000);
+    daemon.accept_registration();
+    EXPECT_GE(std::chrono::steady_clock::now() - again, std::chrono::milliseconds(1990));
+    expect_first_status_is_one();
+}
+
 TEST_F(Connection, BothSocketsConnectBeforeEitherRegistersAndAsyncRegistersSecond) {
     begin();
     daemon.accept_both();

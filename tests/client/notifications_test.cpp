@@ -73,7 +73,7 @@ std::vector<notification_case> simple_cases() {
 // Notifications that say one of two words.
 std::vector<notification_case> two_sided_cases() {
     const auto detect = [](std::uint8_t open) -> bytes {
-        return wire().u32(70000).u8(open).zeros(3).u32(30).u32(40);
+        return wire().u32(70000).u8(open).fill(3, 0xEE).u32(30).u32(40);
     };
     const auto channel = [](std::uint32_t add) -> bytes { return wire().u32(1).add(address).u32(add); };
     const bytes violator = wire().u32(0x1f).u16(4094).add(mac).add(filled(44, 1));
@@ -96,7 +96,7 @@ std::vector<notification_case> two_sided_cases() {
          "call station move handler(permit).",
          "ignore station move notify msg"},
         {210,
-         wire().u32(1).u8(0),
+         wire().u32(1).u8(0).fill(3, 0xEE),
          {56, {"8:0"}},
          "call station move handler(deny).",
          "ignore station move notify msg"},

@@ -3,9 +3,12 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
+
 #include "client/acl_cache.h"
 #include "client/channel_support.h"
 #include "client/connection.h"
+#include "client/diagnostics.h"
 #include "client/locks.h"
 #include "client/message_reader.h"
 #include "client/request_channel.h"
@@ -62,6 +65,37 @@ TEST_F(Receive, AMessageOfManyItemsIsDeliveredInOrder) {
     EXPECT_EQ(results().wait(), 1004U);
 }
 
+TEST_F(Receive, AMessageOfManyResultsIsDeliveredToTheLastOne) {
+    constexpr std::uint32_t count = 100;
+    start();
+    request(count);
+    std::vector<bytes> items;
+    for (std::uint32_t call_id = 1; call_id <= count; ++call_id) {
+        items.push_back(item_bytes(401, wire().u32(call_id).u32(call_id % 7)));
+    }
+    daemon.send_items(side::async, items);
+    for (std::uint32_t call_id = 1; call_id <= count; ++call_id) {
+        ASSERT_EQ(results().wait(), call_id * 1000 + call_id % 7);
+    }
+}
+
+TEST_F(Receive, AResultIsAFailureWhicheverOfItsBytesIsSet) {
+    start();
+    scc_acl_key key = {1, 2, 3, 4};
+    std::uint32_t call_id = 0;
+    for (const std::uint32_t result : {1U, 0x100U, 0x10000U, 0x80000000U}) {
+        SCOPED_TRACE(result);
+        ASSERT_EQ(scc_acl_create(&key, &call_id), 0U);
+        daemon.send_result(call_id, result);
+        request(1);
+        daemon.send_result(++call_id, result);
+        EXPECT_EQ(results().wait(), call_id * 1000 + result);
+        EXPECT_EQ(scc_acl_cls_get(&key), 2005U);
+    }
+    EXPECT_EQ(scc::read_statistics(0).callback_failures, 4U);
+    EXPECT_EQ(scc::read_statistics(0).callback_successes, 0U);
+}
+
 TEST_F(Receive, TwoMessagesInOnePieceAreTwoMessages) {
     start();
     request(4);
@@ -109,6 +143,10 @@ TEST_F(Receive, APeerThatClosesAtAnyOffsetIsALostConnectionAndNothingOfTheMessag
         daemon.accept_registration();
         EXPECT_EQ(test::statuses().wait(), 1U);
         EXPECT_EQ(results().size(), 0U);
+        request(1);
+        const std::uint32_t call_id = g_scc_client_cb.last_call_id;
+        daemon.send_result(call_id, 5);
+        EXPECT_EQ(results().wait(), call_id * 1000 + 5) << "the next connection's first message";
     }
 }
 
@@ -277,6 +315,25 @@ TEST_F(Receive, WithoutAPlaceForTheSocketsTheThreadStaysAndWaitsForOne) {
     EXPECT_EQ(test::statuses().wait(), 1U);
 }
 
+TEST_F(Receive, AMissingSocketIsLookedForOnceASecond) {
+    start_with_holding_handler();
+    hold();
+    const test::debugging on;
+    const std::string missing = "scc client async socket not created.";
+    const int real = g_scc_client_cb.async_fd.exchange(-1);
+    const auto before = std::chrono::steady_clock::now();
+    release();
+    EXPECT_TRUE(test::eventually([&] {
+        const auto texts = test::log_texts();
+        return std::ranges::count(texts, missing) >= 2;
+    }));
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(990));
+    g_scc_client_cb.async_fd = real;
+    hold();  // it reads on
+    release();
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
 TEST_F(Receive, AHandlerMayUnregister) {
     info.handlers.addr_learning = unregister_inside;
     runtime_test::start();
@@ -388,6 +445,27 @@ TEST_F(Receive, AHandlerMayMakeRequests) {
     EXPECT_EQ(daemon.read_items(side::async, 2).back().value, bytes(wire().u32(2).u32(1).u32(1)));
     daemon.send_result(2, 1);
     EXPECT_EQ(results().wait(), 2001U);
+}
+
+TEST_F(Receive, AHeaderWithAnItemButNoRoomForItIsRefusedOnBothSockets) {
+    start();
+    const bytes header = wire().u32(8).u8(1).u16(1).u8(0);
+    const test::debugging on;
+    void* message = nullptr;
+    daemon.send(side::sync, header);
+    EXPECT_EQ(_scc_lib_msg_recv(&message, 1), 2007U);
+    EXPECT_EQ(message, nullptr);
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{"msg format error,no tlv."});
+    daemon.send_item(side::sync, 77, {});
+    ASSERT_EQ(_scc_lib_msg_recv(&message, 1), 0U);
+    free(message);
+    test::clear_log();
+    request(1);
+    daemon.send(side::async, header);
+    daemon.send_result(1, 5);
+    EXPECT_EQ(results().wait(), 1005U);
+    EXPECT_TRUE(test::logged("msg format error,no tlv."));
+    EXPECT_FALSE(test::logged("msg format error,items exceed msg. len:8."));
 }
 
 TEST_F(Receive, TheSynchronousSocketIsReadByTheSameRules) {

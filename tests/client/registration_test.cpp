@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include "client/channel_support.h"
+#include "client/connection.h"
+#include "client/diagnostics.h"
 #include "support/aside.h"
 
 using test::bytes;
@@ -396,46 +398,82 @@ TEST_F(Registration, UnregisteringAndRegisteringAtOnceLeavesOneReceiveThread) {
     EXPECT_EQ(test::library_threads(), 2U);
 }
 
-TEST_F(Registration, ADescriptorOfZeroIsNeitherUnregisteredNorClosed) {
+// The host's own socket pair in place of descriptor 0, which would show a message, a close and a shutdown.
+class DescriptorZero : public Registration {
+  protected:
+    DescriptorZero() {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        EXPECT_EQ(dup2(ends[0], 0), 0);
+        close(ends[0]);
+        other_ = ends[1];
+    }
+    ~DescriptorZero() override { close(other_); }
+
+    void expect_left_alone() const {
+        char byte = 0;
+        EXPECT_EQ(recv(other_, &byte, 1, MSG_DONTWAIT), -1) << "a message, or the end of it";
+        EXPECT_EQ(send(0, "x", 1, MSG_NOSIGNAL), 1);
+        EXPECT_EQ(recv(other_, &byte, 1, 0), 1);
+        EXPECT_EQ(send(other_, "y", 1, MSG_NOSIGNAL), 1);
+        EXPECT_EQ(recv(0, &byte, 1, 0), 1);
+    }
+
+  private:
+    int other_ = -1;
+};
+
+TEST_F(DescriptorZero, AsTheSyncSocketIsNeitherUnregisteredNorClosed) {
     start();
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    ASSERT_EQ(dup2(ends[0], 0), 0);
-    close(ends[0]);
     const int real_sync = g_scc_client_cb.sync_fd.exchange(0);
     EXPECT_EQ(scc_svr_unreg(), 0U);
     EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
     EXPECT_EQ(g_scc_client_cb.sync_fd.load(), 0);
-    // What is sent now arrives first, so nothing was sent before; and the pair is whole in both directions.
-    char got = 0;
-    EXPECT_EQ(send(0, "a", 1, MSG_NOSIGNAL), 1);
-    EXPECT_EQ(recv(ends[1], &got, 1, 0), 1);
-    EXPECT_EQ(got, 'a');
-    EXPECT_EQ(send(ends[1], "b", 1, MSG_NOSIGNAL), 1);
-    EXPECT_EQ(recv(0, &got, 1, 0), 1);
-    EXPECT_EQ(got, 'b');
+    EXPECT_EQ(g_scc_client_cb.async_fd.load(), -1);
+    expect_left_alone();
     const bytes mark = test::message_bytes({test::item_bytes(60000, {})});
     EXPECT_EQ(send(real_sync, mark.data(), mark.size(), MSG_NOSIGNAL), static_cast<ssize_t>(mark.size()));
-    EXPECT_EQ(daemon.read_item(side::sync).type, 60000);
+    EXPECT_EQ(daemon.read_item(side::sync).type, 60000) << "something was sent before";
     g_scc_client_cb.sync_fd = -1;
     close(real_sync);
-    close(ends[1]);
 }
 
-TEST_F(Registration, ADescriptorOfZeroCountsAsConnected) {
+TEST_F(DescriptorZero, AsTheAsyncSocketIsNotClosedEither) {
     EXPECT_FALSE(_scc_lib_client_is_connected());
     g_scc_client_cb.sync_fd = 0;
     EXPECT_FALSE(_scc_lib_client_is_connected());
     g_scc_client_cb.async_fd = 0;
     EXPECT_TRUE(_scc_lib_client_is_connected());
+    EXPECT_EQ(_scc_lib_client_close(), 0);
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), 0);
+    EXPECT_EQ(g_scc_client_cb.async_fd.load(), 0);
+    EXPECT_EQ(scc_lib_rereg.load(), 1U);
+    expect_left_alone();
+}
+
+TEST_F(DescriptorZero, OfBothSocketsIsAConnectionThatIsRegisteredAlready) {
     const test::debugging on;
     info.app_id = 7;
+    g_scc_client_cb.sync_fd = 0;
+    g_scc_client_cb.async_fd = 0;
     EXPECT_EQ(scc_svr_reg(&info), 0U);
-    EXPECT_EQ(test::log_texts(), std::vector<std::string>{who() + " already registered!"});
+    EXPECT_TRUE(test::logged(who() + " already registered!"));
     EXPECT_EQ(test::library_threads(), 0U);
-    g_scc_client_cb.sync_fd = -1;
-    EXPECT_FALSE(_scc_lib_client_is_connected());
-    g_scc_client_cb.async_fd = -1;
+    EXPECT_EQ(g_scc_client_cb.app_id.load(), 0U);
+    expect_left_alone();
+}
+
+TEST_F(Registration, BeginsWithNothingCountedBeforeTheDaemonAnswers) {
+    for (std::uint32_t index = 0; index < 13; ++index) {
+        g_scclib_stat[index] = {1, 2, 3, 4, 5};
+    }
+    info.app_id = 7;
+    ASSERT_EQ(scc_svr_reg(&info), 0U);
+    daemon.accept_both();
+    EXPECT_EQ(daemon.read_item(side::sync).type, 301);
+    for (std::uint32_t index = 0; index < 13; ++index) {
+        EXPECT_EQ(test::record_bytes(scc::read_statistics(index)), bytes(20)) << index;
+    }
 }
 
 TEST_F(Registration, DescriptorsAbove1024Work) {

@@ -3,6 +3,7 @@
 #include "client/request_channel.h"
 
 #include "client/channel_support.h"
+#include "client/pending_calls.h"
 
 using test::bytes;
 using test::distinct_bytes;
@@ -243,11 +244,14 @@ TEST_F(RequestChannel, AFailedBatchIsDroppedAndTheCallIsZeroAllTheSame) {
     start_with_holding_handler();
     hold();
     const test::debugging on;
+    ASSERT_EQ(_scc_lib_save_call_data(77, 45, nullptr, 0), 0U);
     EXPECT_EQ(batch(900, distinct_bytes(4088)), 0U);
     daemon.close_both();
+    EXPECT_EQ(scc::pending_calls(), 1U);
     EXPECT_EQ(batch(901, distinct_bytes(4088)), 0U);
     EXPECT_TRUE(test::logged("(app id:7, pid:" + test::own_pid() + ")send async message error(rv:32)!"));
     EXPECT_TRUE(test::logged("!!!!_scc_lib_msg_send_rt rv :32 !!!!."));
+    EXPECT_EQ(scc::pending_calls(), 0U);
     release();
     ASSERT_EQ(test::statuses().wait(), 0U);
     daemon.accept_registration();
@@ -257,14 +261,40 @@ TEST_F(RequestChannel, AFailedBatchIsDroppedAndTheCallIsZeroAllTheSame) {
     EXPECT_EQ(next_message(), message_bytes({item_bytes(902, {5})}));
 }
 
+TEST_F(RequestChannel, AFailedBatchOfAnUnregisteringClientIsToldInOneLineAndOnlySetsTheStateBack) {
+    start_with_holding_handler();
+    hold();
+    ASSERT_EQ(_scc_lib_save_call_data(77, 45, nullptr, 0), 0U);
+    EXPECT_EQ(batch(900, distinct_bytes(4088)), 0U);
+    daemon.close_both();
+    g_scc_client_cb.app_id = 0;
+    {
+        const test::debugging on;
+        EXPECT_EQ(batch(901, distinct_bytes(4088)), 0U);
+        EXPECT_EQ(test::log_texts(),
+                  (std::vector<std::string>{
+                      "bt send msg(len:8200, ver:1, num:2) send len:8200, uselen:8192. total len:8192.",
+                      "(app id:0, pid:" + test::own_pid() + ")send async message error(rv:32)!"}));
+    }
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_EQ(scc::pending_calls(), 1U);
+    g_scc_client_cb.app_id = 7;
+    release();
+    ASSERT_EQ(test::statuses().wait(), 0U);
+    daemon.accept_registration();
+    ASSERT_EQ(test::statuses().wait(), 1U);
+}
+
 TEST_F(RequestChannel, AFailedRealTimeSendIsZeroAndDropsThePendingCalls) {
     start_with_holding_handler();
     hold();
     const test::debugging on;
     EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
     daemon.close_both();
+    EXPECT_EQ(scc::pending_calls(), 1U);
     EXPECT_EQ(scc_warterline_notify(1), 0U);
     EXPECT_TRUE(test::logged("(app id:7, pid:" + test::own_pid() + ")send sync message error(rv:32)!"));
+    EXPECT_EQ(scc::pending_calls(), 0U);
     release();
     ASSERT_EQ(test::statuses().wait(), 0U);
     daemon.accept_registration();

@@ -1,12 +1,15 @@
 // What a start does to the process and its runtime directory before any thread runs.
 #include "client/start.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include "client/channel_support.h"
 
+using test::bytes;
 using test::side;
+using test::wire;
 
 namespace {
 
@@ -153,6 +156,16 @@ TEST_F(Start, OpeningTheRuntimeDirectoryKeepsNoDescriptor) {
     std::filesystem::create_directory_symlink(daemon.directory().path(), base + "/security");
     scc::open_runtime_directory();
     EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(Start, LeavesNothingOfALongerNameInTheControlBlock) {
+    std::memset(g_scc_client_cb.process_name, 'x', sizeof g_scc_client_cb.process_name);
+    ASSERT_GT(std::strlen(program_invocation_name), 3U);
+    std::memcpy(program_invocation_name, "app", 4);
+    start();
+    bytes expected = wire().text("app");
+    expected.resize(107);
+    EXPECT_EQ(bytes(g_scc_client_cb.process_name, g_scc_client_cb.process_name + 107), expected);
 }
 
 TEST_F(Start, TakesTheIdentityOver) {

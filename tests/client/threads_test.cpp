@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "client/channel_support.h"
+#include "client/send_checker.h"
 
 namespace {
 
@@ -87,6 +88,33 @@ TEST_F(Threads, AVanishedDaemonDoesNotKillTheHost) {
     EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
     release();
     EXPECT_EQ(test::statuses().wait(), 0U);
+}
+
+std::string detach_state() {
+    pthread_attr_t attributes;
+    int state = -1;
+    EXPECT_EQ(pthread_getattr_np(pthread_self(), &attributes), 0);
+    EXPECT_EQ(pthread_attr_getdetachstate(&attributes, &state), 0);
+    pthread_attr_destroy(&attributes);
+    return state == PTHREAD_CREATE_DETACHED ? "detached" : "to be joined";
+}
+
+TEST_F(Threads, TheReceiveThreadAndTheCheckerAreDetached) {
+    info.handlers.authmode = [](std::uint32_t) { reports().push(detach_state()); };
+    start();
+    daemon.send_item(test::side::async, 214, test::wire().u32(0).u32(1));
+    EXPECT_EQ(reports().wait(), "detached");
+    // A second checker ends at once, in the state that it has given itself.
+    ASSERT_TRUE(test::eventually([] { return g_send_buf_chk_enabled.load() == 1U; }));
+    EXPECT_EQ(scc::start_thread(
+                  [](void*) -> void* {
+                      _scc_lib_send_buf_chk_thread(nullptr);
+                      reports().push(detach_state());
+                      return nullptr;
+                  },
+                  nullptr),
+              0U);
+    EXPECT_EQ(reports().wait(), "detached");
 }
 
 TEST_F(Threads, AThreadGetsItsArgumentAndItsName) {

@@ -418,6 +418,22 @@ TEST_F(Allocation, FailsAReceivedMessageAndTheNextIsDelivered) {
     expect_working();
 }
 
+TEST_F(Allocation, FailsAMessageThatBreaksOffAndTheNextConnectionBeginsAfresh) {
+    start(0);
+    const test::debugging on;
+    const bytes message = test::message_bytes({test::item_bytes(999, bytes(600, 1))});
+    for (const std::size_t sent : {8U, 9U, 300U, 615U}) {
+        test::clear_log();
+        test::fail_call(test::call::malloc, 1, 12);
+        daemon.send(side::async, test::slice(message, 0, sent));
+        EXPECT_TRUE(test::wait_for_log("alloc memory failed."));
+        EXPECT_TRUE(test::end_faults());
+        daemon.close_both();
+        expect_reconnection();
+        expect_working();
+    }
+}
+
 test::event_queue<std::uint32_t>& acl_results() {
     static auto* queue = new test::event_queue<std::uint32_t>;
     return *queue;

@@ -171,6 +171,33 @@ TEST_F(ConnectionFaults, AThreadThatCannotBeMadeEndsTheStartWithItsError) {
     EXPECT_TRUE(test::eventually([] { return test::library_threads() == 2; }));
 }
 
+TEST_F(ConnectionFaults, AThreadThatCannotBeMadeAfterTheSocketsConnectedClosesThem) {
+    info.app_id = 7;
+    info.handlers.server_status = test::on_status;
+    test::on_call(call::pthread_create, [] {
+        test::on_call(call::pthread_create, [] {
+            EXPECT_TRUE(test::eventually([] { return g_scc_client_cb.state == 3U; }));
+            test::fail_call(call::pthread_create, 1, 11);
+        });
+    });
+    EXPECT_EQ(scc_svr_reg(&info), 11U);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), -1);
+    EXPECT_EQ(g_scc_client_cb.async_fd.load(), -1);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_EQ(g_scc_client_cb.app_id.load(), 0U);
+    EXPECT_EQ(g_scc_client_cb.handlers.server_status, nullptr);
+    EXPECT_FALSE(std::filesystem::exists(socket_file(".sccl_sd1_")));
+    EXPECT_FALSE(std::filesystem::exists(socket_file(".sccl_sd2_")));
+    daemon.accept_both();
+    EXPECT_TRUE(daemon.wait_for_close(side::sync));
+    EXPECT_TRUE(daemon.wait_for_close(side::async));
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 0; }));
+    EXPECT_EQ(test::statuses().size(), 0U);
+    start();
+    expect_working();
+}
+
 TEST_F(ConnectionFaults, ADirectoryThatCannotBeMadeEndsTheStartWithItsError) {
     const test::debugging on;
     info.app_id = 7;

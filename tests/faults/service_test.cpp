@@ -103,6 +103,38 @@ TEST_F(ServiceFaults, AThreadThatCannotBeMadeEndsTheStartWithItsError) {
     expect_working(1);
 }
 
+// The last thread of a start cannot be made, and by then its receive thread has connected both sockets.
+void fail_once_connected() {
+    EXPECT_TRUE(test::eventually([] { return g_scc_client_cb.state == 3U; }));
+    test::fail_call(call::pthread_create, 1, 11);
+}
+
+TEST_F(ServiceFaults, AThreadThatCannotBeMadeAfterTheSocketsConnectedClosesThem) {
+    const test::debugging on;
+    test::on_call(call::pthread_create, [] {
+        test::on_call(call::pthread_create, [] { test::on_call(call::pthread_create, fail_once_connected); });
+    });
+    EXPECT_EQ(scc_ss_reg(&info), 11U);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_TRUE(test::logged("(app id:16, pid:" + test::own_pid() + ")create scclib thread error!"));
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), -1);
+    EXPECT_EQ(g_scc_client_cb.async_fd.load(), -1);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_EQ(g_scc_client_cb.app_id.load(), 0U);
+    EXPECT_EQ(g_scc_client_cb.handlers.server_status, nullptr);
+    const scc::service_handlers no_handlers{};
+    EXPECT_EQ(std::memcmp(&g_scc_ss_cb, &no_handlers, sizeof no_handlers), 0);
+    for (const char* const name : {"/.sccl_sd1_", "/.sccl_sd2_"}) {
+        EXPECT_FALSE(std::filesystem::exists(daemon.directory().runtime() + name + test::own_pid()));
+    }
+    daemon.accept_both();
+    EXPECT_TRUE(daemon.wait_for_close(side::sync));
+    EXPECT_TRUE(daemon.wait_for_close(side::async));
+    EXPECT_EQ(test::service_statuses().size(), 0U);
+    start();
+    expect_working(1);
+}
+
 TEST_F(ServiceFaults, AMessageWithoutMemoryIsDroppedAndTheNextIsProcessed) {
     start();
     const test::debugging on;

@@ -6,9 +6,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
+#include "support/child_process.h"
 #include "support/temp_dir.h"
 #include "support/wire_bytes.h"
 
@@ -184,9 +187,10 @@ TEST(InstanceNumber, IsTheNumberBehindTheLastSlash) {
         const char* root;
         std::uint32_t number;
     };
-    const row rows[] = {{"/tmp/3", 3},   {"/tmp/", 0},  {"/tmp/vsd", 0}, {"/tmp/12abc", 12},
-                        {"/1/2/34", 34}, {"/", 0},      {"/007", 7},     {"/tmp/-1", 0xFFFFFFFFU},
-                        {"/tmp/3/", 0},  {"/tmp/ 5", 5}};
+    const row rows[] = {{"/tmp/3", 3},   {"/tmp/", 0},    {"/tmp/vsd", 0},  {"/tmp/12abc", 12},
+                        {"/1/2/34", 34}, {"/", 0},        {"/007", 7},      {"/tmp/-1", 0xFFFFFFFFU},
+                        {"/tmp/3/", 0},  {"/tmp/ 5", 5},  {"/tmp/010", 10}, {"/tmp/8x", 8},
+                        {"/tmp/09", 9},  {"/tmp/0x10", 0}};
     for (const row& row : rows) {
         setenv("TMPDIR", row.root, 1);
         EXPECT_EQ(_scc_vsd_id_get(), row.number) << row.root;
@@ -217,9 +221,24 @@ TEST(ProcessName, IsTheWholeFirstArgumentAndTheRestIsZeroed) {
     const std::string expected = own_name();
     ASSERT_FALSE(expected.empty());
     EXPECT_EQ(std::string(name), expected);
-    for (std::size_t i = sizeof name - 100; i < sizeof name; ++i) {
-        EXPECT_EQ(name[i], '\0');
+    for (std::size_t i = expected.size(); i < sizeof name; ++i) {
+        EXPECT_EQ(name[i], '\0') << i;
     }
+}
+
+TEST(ProcessName, LeavesNothingOfTheOtherArguments) {
+    const test::child_process child("/bin/sleep", {"60", "0"});
+    char name[64];
+    // Until the child runs its program it has the name of this one.
+    for (int tries = 0; tries < 20000; ++tries) {
+        std::memset(name, 0xEE, sizeof name);
+        ASSERT_EQ(_scc_process_name_get(child.pid(), name, sizeof name), 0U);
+        if (std::string(name) == "/bin/sleep") {
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_EQ(std::string(name, sizeof name), "/bin/sleep" + std::string(sizeof name - 10, '\0'));
 }
 
 TEST(ProcessName, IsCutToTheBuffer) {

@@ -1,4 +1,6 @@
 // The way of one message's items to the operations: order, unknown types, values that are too short.
+#include <array>
+
 #include "client/log.h"
 #include "ss/service.h"
 #include "ss/service_fixture.h"
@@ -354,6 +356,67 @@ TEST_F(Dispatch, LogsNothingWhileTheSwitchIsOff) {
     daemon.read_items(side::async, 2);  // of the user read and the data recovery
     expect_nothing_more();
     EXPECT_EQ(test::log_texts(), std::vector<std::string>{});
+}
+
+// What is sent for every type of operation, whole and cut, and what the service does of its own accord.
+class DispatchLog : public test::registered_service {
+  protected:
+    void live() {
+        const scc_address_move move{};
+        const scc_flow_user user{};
+        const scc_acl_key key = {1, 2, 3, 4};
+        EXPECT_EQ(scc_ss_reg(nullptr), 22U);
+        EXPECT_EQ(scc_ss_fetch_func(), 2004U);
+        info = test::all_handlers();
+        start();
+        EXPECT_EQ(scc_ss_reg(&info), 0U);
+        send_everything();
+        _scc_ss_handler_clear();
+        send_everything();
+        EXPECT_EQ(scc_ssc_nacm_app_op_callback(0, 99, 0, 0, 5), 0U);
+        EXPECT_EQ(scc_ss_move_addr_notify(0, &move), 22U);
+        EXPECT_EQ(scc_ss_move_addr_notify(1, &move), 0U);
+        EXPECT_EQ(scc_noflow_offline_notify(&user, 1, 2, nullptr, 0), 0U);
+        EXPECT_EQ(scc_flow_notify(&user, 1, 2), 0U);
+        EXPECT_EQ(scc_ss_ace_counter_notify(&key, 0, nullptr), 0U);
+        EXPECT_EQ(scc_ss_fetch_func(), 0U);
+        daemon.close_both();
+        daemon.accept_registration();
+        send_everything();
+    }
+
+  private:
+    void send_everything() {
+        for (const std::uint16_t type : std::to_array<std::uint16_t>(
+                 {131, 132, 133, 138, 140, 141, 142, 143, 148, 149, 150, 151, 152, 153,
+                  154, 155, 158, 163, 201, 206, 209, 213, 214, 312, 313, 318, 400, 999})) {
+            send(type, bytes(1000));
+            send(type, bytes(3));
+        }
+        send(205, wire().u32(1));
+        constexpr std::uint32_t mark = 0xFACADE;
+        send(201, wire().u32(mark).u32(9).u8(test::mark_byte));
+        while (test::u32_at(daemon.read_item(side::async).value, 0) != mark) {
+        }
+    }
+};
+
+TEST_F(DispatchLog, IsEmptyWhileTheSwitchIsOff) {
+    test::clear_log();
+    live();
+    send(205, wire().u32(0));
+    expect_nothing_more();
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{});
+}
+
+TEST_F(DispatchLog, TellsOfTheSameLifeWhileTheSwitchIsOn) {
+    const test::debugging on;
+    live();
+    EXPECT_GT(test::captured_log().size(), 300U);
+    for (const test::log_line& line : test::captured_log()) {
+        EXPECT_EQ(line.submodule, "DETAIL") << line.whole;
+        EXPECT_TRUE(line.whole.starts_with('<')) << line.whole;
+    }
 }
 
 }  // namespace

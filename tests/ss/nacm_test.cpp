@@ -68,7 +68,12 @@ std::vector<operation_row> answered_operations() {
         {151, user_value(0x49, 9), 18, wire().u32(0x49).u8(9).add(user_entry()),
          "call _scc_nacm_user_op op:add, user(ifx:76,ip:192.168.1.10,mac:001a.2b3c.4d5e)",
          "ssc_nacm_user_op_handler", 151},
+        {151, user_value(0x4C, 2), 18, wire().u32(0x4C).u8(2).add(user_entry()),
+         "call _scc_nacm_user_op op:add, user(ifx:76,ip:192.168.1.10,mac:001a.2b3c.4d5e)",
+         "ssc_nacm_user_op_handler", 151},
         {153, wire().u32(0x4A).u32(76).u32(1), 20, wire().u32(0x4A).u32(1).u32(76),
+         "call _scc_nacm_user_reinstall_op op:start ifx:76", "ssc_nacm_user_reinstall_handler", 153},
+        {153, wire().u32(0x4D).u32(76).u32(0x100), 20, wire().u32(0x4D).u32(0x100).u32(76),
          "call _scc_nacm_user_reinstall_op op:start ifx:76", "ssc_nacm_user_reinstall_handler", 153},
         {153, wire().u32(0x4B).u32(76).u32(0), 20, wire().u32(0x4B).u32(0).u32(76),
          "call _scc_nacm_user_reinstall_op op:end ifx:76", "ssc_nacm_user_reinstall_handler", 153},
@@ -240,11 +245,14 @@ TEST_F(Nacm, AUserReadIsAnsweredWithTheCompletedEntryUnderAFreshId) {
 TEST_F(Nacm, AUserReadWhoseHandlerFailsIsAnsweredWithZeroBytesAndTheResult) {
     info.user_read = completes_the_user;
     start();
-    script().returns = -5;
-    const test::debugging on;
-    send(152, wire().u32(0xDEAD).zeros(4).add(user_entry()), 600);
-    expect_result(0, wire().u32(1).zeros(92).u32(0xFFFFFFFB).zeros(4));
-    EXPECT_TRUE(test::logged("call ssc_nacm_user_read_handler failed. -5."));
+    std::uint32_t fresh = 0;
+    for (const int outcome : {-5, 5}) {
+        script().returns = outcome;
+        const test::debugging on;
+        send(152, wire().u32(0xDEAD).zeros(4).add(user_entry()), 600);
+        expect_result(0, wire().u32(++fresh).zeros(92).u32(static_cast<std::uint32_t>(outcome)).zeros(4));
+        EXPECT_TRUE(test::logged("call ssc_nacm_user_read_handler failed. " + std::to_string(outcome) + "."));
+    }
 }
 
 TEST_F(Nacm, AUserReadWithoutAHandlerGivesTheEntryBackAsItCame) {
@@ -409,6 +417,24 @@ TEST_F(Nacm, AUserOperationsOutcomeIsCountedByItsSend) {
     EXPECT_EQ(scc::read_statistics(6).callback_failures, 0U);
     EXPECT_EQ(scc::read_statistics(7).callback_failures, 0U);
     EXPECT_EQ(scc::read_statistics(6).calls, 0U);
+}
+
+TEST_F(Nacm, AUserOperationIsADeletionForAZeroByteAlone) {
+    start_with_all_handlers();
+    std::uint32_t additions = 0;
+    for (const std::uint8_t add : bytes{1, 2, 9, 128, 255}) {
+        SCOPED_TRACE(static_cast<int>(add));
+        const test::debugging on;
+        send(151, user_value(0x50, add));
+        called(18);
+        EXPECT_TRUE(test::wait_for_log("lib proc msg done.\n"));
+        EXPECT_EQ(scc_ssc_nacm_user_op_callback(0, 0x50, add, nullptr), 0U);
+        ++additions;
+        EXPECT_EQ(scc::read_statistics(6).calls, additions);
+        EXPECT_EQ(scc::read_statistics(6).callback_successes, additions);
+    }
+    EXPECT_EQ(scc::read_statistics(7).calls, 0U);
+    EXPECT_EQ(scc::read_statistics(7).callback_successes, 0U);
 }
 
 }  // namespace

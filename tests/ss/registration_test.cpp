@@ -1,5 +1,6 @@
 // The start of the security service, as the daemon and the process see it.
 #include <errno.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <thread>
 
 #include "client/control_block.h"
+#include "client/diagnostics.h"
 #include "client/log.h"
 #include "ss/service.h"
 #include "ss/service_fixture.h"
@@ -180,6 +182,86 @@ TEST_F(ServiceRegistration, RunsThreeThreadsWithNames) {
     EXPECT_TRUE(thread_appears("scc-lib-ss"));
     EXPECT_TRUE(thread_appears("scc-lib-msgq"));
     EXPECT_TRUE(thread_appears("scclib-" + pid_text()));
+}
+
+std::size_t threads_named(const std::string& wanted) {
+    std::size_t count = 0;
+    std::error_code gone;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", gone)) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm") >> std::ws, name);
+        count += name == wanted ? 1 : 0;
+    }
+    return count;
+}
+
+bool threads_become(const std::string& name, std::size_t count) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (threads_named(name) != count) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+TEST_F(ServiceRegistration, RunsOneProcessingThreadOverSeveralRegistrations) {
+    for (int round = 0; round < 3; ++round) {
+        start_with_all_handlers();
+        send(201, wire().u32(1).u32(9).u8(1));
+        EXPECT_EQ(called(24), bytes(wire().u8(1)));
+        expect_result(0, wire().u32(1).u32(0).u32(0));
+        std::thread unregistering([] { EXPECT_EQ(scc_svr_unreg(), 0U); });
+        daemon.answer_unregistration();
+        unregistering.join();
+        EXPECT_TRUE(threads_become("scc-lib-ss", 0));
+    }
+    start();
+    EXPECT_TRUE(threads_become("scc-lib-msgq", 1));
+    EXPECT_TRUE(threads_become("scc-lib-ss", 1));
+}
+
+TEST_F(ServiceRegistration, BeginsWithNothingCountedBeforeTheDaemonAnswers) {
+    start();
+    scc::count_received(0, 5);
+    scc::count_result(3);
+    std::thread unregistering([] { EXPECT_EQ(scc_svr_unreg(), 0U); });
+    daemon.answer_unregistration();
+    unregistering.join();
+    _scc_lib_func_call_succ(4);
+    ASSERT_EQ(scc_ss_reg(&info), 0U);
+    daemon.accept_both();
+    EXPECT_EQ(daemon.read_item(side::sync).type, 301);
+    for (std::uint32_t pair = 0; pair < 25; ++pair) {
+        EXPECT_EQ(scc::read_count(pair).received, 0U) << pair;
+        EXPECT_EQ(scc::read_count(pair).answered, 0U) << pair;
+    }
+    EXPECT_EQ(scc::read_statistics(4).calls, 0U);
+}
+
+std::string detach_state() {
+    pthread_attr_t attributes;
+    int state = -1;
+    EXPECT_EQ(pthread_getattr_np(pthread_self(), &attributes), 0);
+    EXPECT_EQ(pthread_attr_getdetachstate(&attributes, &state), 0);
+    pthread_attr_destroy(&attributes);
+    return state == PTHREAD_CREATE_DETACHED ? "detached" : "to be joined";
+}
+
+test::event_queue<std::string>& states() {
+    static auto* queue = new test::event_queue<std::string>;
+    return *queue;
+}
+
+TEST_F(ServiceRegistration, DetachesItsReceiveAndItsProcessingThread) {
+    info.server_status = [](std::uint32_t) { states().push(detach_state()); };
+    info.authmode = [](std::uint32_t) { states().push(detach_state()); };
+    ASSERT_EQ(scc_ss_reg(&info), 0U);
+    daemon.accept_registration();
+    EXPECT_EQ(states().wait(), "detached");
+    send(214, wire().u32(0).u32(1));
+    EXPECT_EQ(states().wait(), "detached");
 }
 
 TEST_F(ServiceRegistration, TakesTheDebugSwitchOfItsProcessName) {

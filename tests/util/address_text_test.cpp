@@ -66,10 +66,19 @@ TEST(AddressText, EachFormatterKeepsItsTextUntilItsOwnNextCall) {
     EXPECT_STREQ(ip, "1.1.1.1");
 }
 
-TEST(AddressText, AShorterTextLeavesNothingOfTheLongerOneInTheBuffer) {
-    const char* text = ip_show(network(255, 255, 255, 255));
-    ip_show(0);
-    EXPECT_EQ(std::string(text, 128), "0.0.0.0" + std::string(121, '\0'));
+TEST(AddressText, AShorterTextLeavesNothingOfALongerOneInAnyBuffer) {
+    const auto padded = [](const std::string& text) { return text + std::string(128 - text.size(), '\0'); };
+    const std::uint8_t mac[] = {1, 2, 3, 4, 5, 6};
+    ip_show(network(255, 255, 255, 255));
+    EXPECT_EQ(std::string(ip_show(0), 128), padded("0.0.0.0"));
+    mask_show(network(255, 255, 255, 255));
+    EXPECT_EQ(std::string(mask_show(0), 128), padded("0.0.0.0"));
+    ipv6_show(ipv6(full));
+    EXPECT_EQ(std::string(ipv6_show(ipv6(test::bytes(16))), 128), padded("::"));
+    ipv6_mask_show(ipv6(full));
+    EXPECT_EQ(std::string(ipv6_mask_show(ipv6(test::bytes(16))), 128), padded("::"));
+    mac_show(mac);
+    EXPECT_EQ(std::string(mac_show(nullptr), 128), padded(""));
 }
 
 TEST(AddressText, OfTheLogLivesWithItsCallerOnAnyThread) {
