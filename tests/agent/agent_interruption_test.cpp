@@ -83,8 +83,7 @@ TEST_F(AgentInterruption, OfItsEndLeavesAQueryItsOwnAnswer) {
 TEST_F(AgentInterruption, OfItsEndLeavesTheNextItsOwnReply) {
     start();
     ASSERT_NO_FATAL_FAILURE(expect_finish_interrupted({}));
-    EXPECT_EQ(
-        result_after(scc_agent_finish, 302, wire().add(reply_of(302, 0)).add(reply_of(302, 1))), 2001U);
+    EXPECT_EQ(result_after(scc_agent_finish, 302, wire().add(reply_of(302, 0)).add(reply_of(302, 1))), 2001U);
     if (HasFailure()) {
         return;
     }

@@ -90,7 +90,8 @@ TEST_F(AgentExchange, WhoseRequestWentOutInPartStartsTheConnectionOver) {
     start();
     for (const bool is_query : {true, false}) {
         for (const int error : {4, 11, no_buffers}) {
-            SCOPED_TRACE(::testing::Message() << (is_query ? "query" : "notification") << ", error " << error);
+            SCOPED_TRACE(::testing::Message()
+                         << (is_query ? "query" : "notification") << ", error " << error);
             test::limit_transfer(10);
             test::fail_call(call::send, 2, error);
             std::future<std::uint32_t> running =
