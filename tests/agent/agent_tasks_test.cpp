@@ -280,8 +280,8 @@ TEST_F(AgentTasks, ToWriteOnTheLoopTogetherSendTheirOwnRequests) {
     in_loop([] {
         const int fd = g_scc_client_cb.async_fd.load();
         for (std::uint32_t i = 0; i < 40; ++i) {
-            EXPECT_EQ(_scc_lib_thread_event(3, write_argument(write_request(300 + i, std::string(i, 'x'))), fd),
-                      0);
+            EXPECT_EQ(
+                _scc_lib_thread_event(3, write_argument(write_request(300 + i, std::string(i, 'x'))), fd), 0);
         }
     });
     std::vector<std::uint16_t> types;

@@ -268,7 +268,8 @@ TEST_F(Agent, DropsAMessageWhoseItemsDoNotFitAndReadsOn) {
         EXPECT_EQ(daemon.read_item(side::async).type, 123);
         daemon.send(side::async, message);
         expect_answer(call_id);
-        EXPECT_TRUE(test::logged("msg format error,items exceed msg. len:" + std::to_string(message.size()) + "."));
+        EXPECT_TRUE(
+            test::logged("msg format error,items exceed msg. len:" + std::to_string(message.size()) + "."));
         ASSERT_FALSE(::testing::Test::HasFailure());
     }
     EXPECT_EQ(state(), 4U);

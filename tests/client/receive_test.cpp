@@ -575,7 +575,8 @@ struct old_handler_row {
 };
 
 const old_handler_row old_handler_rows[] = {
-    {"Status", [](scc_handlers& handlers) { handlers.server_status = [](std::uint32_t) { test::old_handler(); }; },
+    {"Status",
+     [](scc_handlers& handlers) { handlers.server_status = [](std::uint32_t) { test::old_handler(); }; },
      [](test::scripted_daemon&) {}},
     {"Notification",
      [](scc_handlers& handlers) { handlers.station_move = [](std::uint8_t) { test::old_handler(); }; },
@@ -593,8 +594,7 @@ const old_handler_row old_handler_rows[] = {
      }},
 };
 
-class OneHandlerAtATime : public test::runtime_test,
-                          public ::testing::WithParamInterface<old_handler_row> {
+class OneHandlerAtATime : public test::runtime_test, public ::testing::WithParamInterface<old_handler_row> {
   protected:
     // The old handler is running from here on, or has begun to act.
     void start() {

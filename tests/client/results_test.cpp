@@ -473,7 +473,9 @@ class ResultsTogether : public Results {
     ResultsTogether() {
         scc_handlers handlers{};
         handlers.svi_router_acl = [](std::uint32_t, std::uint32_t call_id, std::uint8_t) { act_in(call_id); };
-        handlers.acl_create = [](std::uint32_t, std::uint32_t call_id, const scc_acl_key*) { act_in(call_id); };
+        handlers.acl_create = [](std::uint32_t, std::uint32_t call_id, const scc_acl_key*) {
+            act_in(call_id);
+        };
         test::use_handlers(handlers);
     }
 

@@ -182,8 +182,9 @@ std::string name_of(const ::testing::TestParamInfo<SecondStart::ParamType>& info
     return std::string(names[std::get<0>(info.param)]) + "Then" + names[std::get<1>(info.param)];
 }
 
-INSTANTIATE_TEST_SUITE_P(EachPair, SecondStart, ::testing::Combine(::testing::Range(std::size_t{0}, std::size_t{3}),
-                                                                  ::testing::Range(std::size_t{0}, std::size_t{3})),
+INSTANTIATE_TEST_SUITE_P(EachPair, SecondStart,
+                         ::testing::Combine(::testing::Range(std::size_t{0}, std::size_t{3}),
+                                            ::testing::Range(std::size_t{0}, std::size_t{3})),
                          name_of);
 
 using StartFromHandler = test::fault_test;

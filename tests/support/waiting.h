@@ -1,5 +1,5 @@
-// Patient waits for what no handler and no log line reports: threads as the kernel lists them, bytes that were
-// taken.
+// Patient waits for what no handler and no log line reports: threads as the kernel lists them, bytes that
+// were taken.
 #pragma once
 
 #include <sys/ioctl.h>
