@@ -186,6 +186,11 @@ TEST_F(Agent, ReturnsTheErrorOfADirectoryThatCannotBeMade) {
     EXPECT_TRUE(test::added_tasks("scc-connect").empty());
 }
 
+TEST_F(Agent, SettingTheConnectCallbackReturnsZero) {
+    EXPECT_EQ(scc_agent_set_connect_callback(on_connection), 0U);
+    EXPECT_EQ(scc_agent_set_connect_callback(nullptr), 0U);
+}
+
 TEST_F(Agent, CallsTheConnectCallbackAfterEachRegistration) {
     scc_agent_set_connect_callback(on_connection);
     start();

@@ -5,9 +5,10 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
+#include <sys/wait.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "client/channel_support.h"
 #include "client/diagnostics.h"
@@ -122,6 +123,100 @@ TEST_F(Connection, TheStateIs2WhileConnecting) {
     daemon.accept_registration();
     expect_first_status_is_one();
 }
+
+std::size_t lines_with(const std::string& text) {
+    const std::vector<std::string> lines = test::log_texts();
+    return static_cast<std::size_t>(std::ranges::count_if(
+        lines, [&](const std::string& line) { return line.find(text) != std::string::npos; }));
+}
+
+// The runtime directory fits into an address, the socket files of this process do not.
+TEST_F(Connection, ATooLongDirectoryIsNamedOnceAnAttempt) {
+    const std::size_t prefix = std::strlen("/security/scc/.sccl_sd1_");
+    std::string longest = daemon.directory().path() + "/";
+    longest.append(107 - prefix - longest.size() - (test::own_pid().size() - 1), 'd');
+    setenv("TMPDIR", longest.c_str(), 1);
+    const test::debugging on;
+    const auto before = std::chrono::steady_clock::now();
+    begin();
+    EXPECT_TRUE(test::eventually([] { return lines_with("too long") >= 1; }));
+    EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
+    EXPECT_TRUE(test::eventually([] { return lines_with("too long") >= 2; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(1990));
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
+// One character less, and they fit.
+TEST_F(Connection, TheLongestDirectoryThatFitsIsUsed) {
+    const std::size_t prefix = std::strlen("/security/scc/.sccl_sd1_");
+    std::string longest = daemon.directory().path() + "/";
+    longest.append(107 - prefix - longest.size() - test::own_pid().size(), 'd');
+    setenv("TMPDIR", longest.c_str(), 1);
+    const test::debugging on;
+    begin();
+    EXPECT_TRUE(test::wait_for_log("reason:No such file or directory"));
+    EXPECT_EQ(lines_with("too long"), 0U);
+    EXPECT_FALSE(test::logged("create socket error!!!"));
+    EXPECT_FALSE(test::logged("bind socket error!!!"));
+}
+
+// ---- a host that starts without its standard descriptors ------------------------------------------
+
+class ClosedDescriptors : public Connection, public ::testing::WithParamInterface<std::vector<int>> {
+  protected:
+    // What went wrong, 0 for nothing, told by a child's exit status: it may have no output.
+    enum problem { none, not_registered, low_descriptor, loss_unnoticed, not_back, low_descriptor_again };
+
+    static bool both_above_two() { return g_scc_client_cb.sync_fd > 2 && g_scc_client_cb.async_fd > 2; }
+
+    problem live_without(const std::vector<int>& closed) {
+        for (const int fd : closed) {
+            close(fd);
+        }
+        info.app_id = 7;
+        info.handlers.server_status = test::on_status;
+        if (scc_svr_reg(&info) != 0) {
+            return not_registered;
+        }
+        daemon.accept_registration();
+        if (test::statuses().wait() != 1U) {
+            return not_registered;
+        }
+        if (!both_above_two()) {
+            return low_descriptor;
+        }
+        for (int losses = 0; losses < 2; ++losses) {
+            daemon.close_both();
+            if (test::statuses().wait() != 0U) {
+                return loss_unnoticed;
+            }
+            daemon.accept_registration();
+            if (test::statuses().wait() != 1U) {
+                return not_back;
+            }
+            if (!both_above_two()) {
+                return low_descriptor_again;
+            }
+        }
+        return none;
+    }
+};
+
+TEST_P(ClosedDescriptors, AreNotTakenForTheSockets) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        _exit(live_without(GetParam()));
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), none);
+}
+
+INSTANTIATE_TEST_SUITE_P(OfTheFirstThree, ClosedDescriptors,
+                         ::testing::Values(std::vector{0}, std::vector{1}, std::vector{2}, std::vector{0, 1},
+                                           std::vector{0, 1, 2}));
 
 TEST_F(Connection, TheStateIs3WhileRegisteringAnd4Afterwards) {
     begin();

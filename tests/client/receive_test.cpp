@@ -2,6 +2,7 @@
 #include "client/receive.h"
 
 #include <sys/socket.h>
+#include <sys/syscall.h>
 
 #include <algorithm>
 
@@ -291,28 +292,55 @@ TEST_F(Receive, ANumberThatIsNoDescriptorIsABrokenConnection) {
     close(real);
 }
 
-TEST_F(Receive, WithoutAPlaceForTheSocketsTheThreadStaysAndWaitsForOne) {
+class ReceiveWithoutAPlace : public Receive {
+  protected:
+    // The receive thread pauses between two attempts, neither of which found a place for the sockets.
+    static bool pauses() {
+        return g_scc_client_cb.async_fd == -1 &&
+               test::sleeps_in(test::receive_thread(), {SYS_nanosleep, SYS_clock_nanosleep});
+    }
+
+    void expect_it_comes_back_with(test::hidden_variable& directory) {
+        EXPECT_TRUE(test::eventually(pauses));
+        EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
+        EXPECT_EQ(test::library_threads(), 2U);
+        directory.show();
+        ASSERT_EQ(test::statuses().wait(), 0U);
+        daemon.accept_registration();
+        EXPECT_EQ(test::statuses().wait(), 1U);
+        EXPECT_EQ(test::statuses().size(), 0U);
+        request(1);
+        EXPECT_EQ(daemon.read_item(side::async).type, 123);
+    }
+};
+
+TEST_F(ReceiveWithoutAPlace, ForTheSocketsComesBackWhenThereIsOneAgain) {
     start();
     request(1);
     // The batch has gone out, so the checker has nothing on which it could notice the loss first.
     EXPECT_EQ(daemon.read_item(side::async).type, 123);
+    test::hidden_variable directory("TMPDIR");
+    directory.hide();
+    daemon.close_both();
+    EXPECT_TRUE(test::eventually(pauses));
+    EXPECT_EQ(g_scc_client_cb.state.load(), 5U);
+    EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 2004U);
+    expect_it_comes_back_with(directory);
+}
+
+TEST_F(ReceiveWithoutAPlace, ForTheSocketsComesBackAlsoWhenTheCheckerEndedTheConnection) {
+    info.handlers.station_move = test::hold_receive_thread;
+    start();
+    hold();
     const test::debugging on;
     test::hidden_variable directory("TMPDIR");
     directory.hide();
     daemon.close_both();
-    EXPECT_TRUE(test::wait_for_log("scc client async socket not created."));
-    EXPECT_EQ(g_scc_client_cb.state.load(), 5U);
-    EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
-    EXPECT_EQ(g_scc_client_cb.async_fd.load(), -1);
-    EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 2004U);
-    EXPECT_EQ(test::library_threads(), 2U);
-    EXPECT_EQ(test::statuses().size(), 0U);
-    EXPECT_FALSE(test::logged("scc client start to try re-reg."));
-    directory.show();
-    scc_lib_rereg = 1;
-    EXPECT_EQ(test::statuses().wait(), 0U);
-    daemon.accept_registration();
-    EXPECT_EQ(test::statuses().wait(), 1U);
+    request(1);
+    EXPECT_TRUE(test::wait_for_log("(app id:7, pid:" + test::own_pid() + ")send  message error,ret:32!"));
+    EXPECT_TRUE(test::eventually([] { return g_scc_client_cb.async_fd == -1; }));
+    release();
+    expect_it_comes_back_with(directory);
 }
 
 TEST_F(Receive, AMissingSocketIsLookedForOnceASecond) {
