@@ -4,6 +4,7 @@
 
 #include "client/acl_cache.h"
 #include "client/channel_support.h"
+#include "client/client_data.h"
 #include "client/pending_calls.h"
 #include "client/request_channel.h"
 #include "support/lock_waits.h"
