@@ -16,6 +16,7 @@
 #include "client/diagnostics.h"
 #include "client/dispatch.h"
 #include "client/handlers.h"
+#include "client/locks.h"
 #include "client/log.h"
 #include "client/message_reader.h"
 #include "client/request_channel.h"
@@ -70,8 +71,12 @@ void tell_registered(u32 generation) {
     }
 }
 
+// Starts that overlap follow one another whole; each takes the place of the one before.
+constinit pthread_mutex_t g_start_mutex = PTHREAD_MUTEX_INITIALIZER;
+
 u32 start_agent(const scc_reg_info& info, scc_reg_info* copy, void* master) {
     constexpr const char* function = "scc_agent_init";
+    const mutex_guard guard(g_start_mutex);
     u32 generation = 0;
     if (!take_identity({info.app_id, info.option, start_kind::agent}, generation, function)) {
         std::free(copy);

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 
@@ -28,7 +29,9 @@ constinit pthread_mutex_t g_tasks_lock = PTHREAD_MUTEX_INITIALIZER;
 // All guarded by g_tasks_lock.
 constinit qx_thread_master* g_master = nullptr;
 constinit list_node g_tasks{&g_tasks, &g_tasks};  // of task_record, oldest first
-constinit bool g_handles_match = false;           // a task has been run with the handle that add returned
+// The handles that were cancelled last.
+constinit std::array<const qx_thread*, 16> g_cancelled{};
+constinit std::size_t g_cancellations = 0;
 
 struct task_row {
     qx_thread* (*add)(void* arg, int fd);
@@ -71,14 +74,12 @@ task_record* find_task(Predicate matches) {
     return nullptr;
 }
 
-// A platform may run a task with another object than the handle that it gave; the oldest task of the kind is
-// meant then. Once a handle was seen again, an unknown one belongs to a task that was cancelled.
+// A platform may run a task with another object than the handle that it gave: the oldest task of the kind is
+// meant then. A handle that was cancelled belongs to a task that the event loop was about to run, though.
 task_record* find_running(u32 kind, const qx_thread* task) {
     task_record* record =
         find_task([&](const task_record& each) { return each.kind == kind && each.handle == task; });
-    if (record != nullptr) {
-        g_handles_match = true;
-    } else if (!g_handles_match || task == nullptr) {
+    if (record == nullptr && (task == nullptr || std::ranges::find(g_cancelled, task) == g_cancelled.end())) {
         record = find_task([&](const task_record& each) { return each.kind == kind; });
     }
     return record;
@@ -93,6 +94,7 @@ void cancel_pending() {
     while (!list_empty(&g_tasks)) {
         task_record* record = record_of(g_tasks.next);
         qx_thread_cancel(record->handle);
+        g_cancelled[g_cancellations++ % g_cancelled.size()] = record->handle;
         if (record->kind == task_connect) {
             std::free(record->argument);
         }

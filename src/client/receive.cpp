@@ -100,6 +100,10 @@ void deliver_messages(receiver& self, i32 fd) {
     self.results.deliver();
 }
 
+bool has_no_socket() {
+    return g_scc_client_cb.sync_fd.load(relaxed) < 0 && g_scc_client_cb.async_fd.load(relaxed) < 0;
+}
+
 // One pass: at most one read. The result is the pass's error.
 u32 receive_once(receiver& self) {
     if (scc_lib_rereg.load(relaxed) != 0) {
@@ -112,10 +116,10 @@ u32 receive_once(receiver& self) {
         return error;
     }
     if (fd < 0 && is_current(self.generation)) {
-        // There was no place for the sockets, neither to connect nor to close them as usual.
         SCC_LOG_FROM(self.how.thread, "scc client async socket not created.");
         sleep(limits::missing_socket_seconds);
-        return result::peer_closed;
+        // Without either socket, TMPDIR had no place for them when the connection ended; it may have one now.
+        return has_no_socket() ? result::peer_closed : result::ok;
     }
     deliver_messages(self, fd);
     return result::ok;
