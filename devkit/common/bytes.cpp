@@ -17,33 +17,33 @@ int hex_digit(char letter) {
 
 }  // namespace
 
-void copy_at(Bytes& bytes, std::size_t offset, View source) {
+void copy_at(byte_buffer& bytes, std::size_t offset, byte_view source) {
     if (source.empty() || !holds(bytes, offset, source.size())) return;
     std::memmove(bytes.data() + offset, source.data(), source.size());
 }
 
-Bytes to_bytes(View view) {
-    return Bytes(view.begin(), view.end());
+byte_buffer to_bytes(byte_view view) {
+    return byte_buffer(view.begin(), view.end());
 }
 
-MacAddress mac_at(View bytes, std::size_t offset) {
-    MacAddress mac{};
-    const View source = slice(bytes, offset, mac.size());
+mac_address mac_at(byte_view bytes, std::size_t offset) {
+    mac_address mac{};
+    const byte_view source = slice(bytes, offset, mac.size());
     std::copy(source.begin(), source.end(), mac.begin());
     return mac;
 }
 
-std::string mac_text(const MacAddress& mac) {
+std::string mac_text(const mac_address& mac) {
     return fmt::format("{:02x}", fmt::join(mac, ":"));
 }
 
-std::optional<MacAddress> parse_mac(std::string_view text) {
+std::optional<mac_address> parse_mac(std::string_view text) {
     std::string digits;
     for (const char letter : text) {
         if (letter != ':' && letter != '-' && letter != '.') digits.push_back(letter);
     }
-    const std::optional<Bytes> bytes = parse_hex(digits);
-    if (!bytes || bytes->size() != MacAddress{}.size()) return std::nullopt;
+    const std::optional<byte_buffer> bytes = parse_hex(digits);
+    if (!bytes || bytes->size() != mac_address{}.size()) return std::nullopt;
     return mac_at(*bytes, 0);
 }
 
@@ -53,7 +53,7 @@ std::string ipv4_text(u32 address) {
     return fmt::format("{}", fmt::join(parts, "."));
 }
 
-std::string ipv6_text(View address) {
+std::string ipv6_text(byte_view address) {
     std::array<u8, 16> bytes{};
     std::copy_n(address.begin(), std::min(address.size(), bytes.size()), bytes.begin());
     std::array<char, INET6_ADDRSTRLEN> text{};
@@ -66,12 +66,12 @@ std::optional<u32> parse_ipv4(const std::string& text) {
     return address.s_addr;
 }
 
-std::string hex_text(View bytes) {
+std::string hex_text(byte_view bytes) {
     return fmt::format("{:02x}", fmt::join(bytes, ""));
 }
 
-std::optional<Bytes> parse_hex(std::string_view text) {
-    Bytes bytes;
+std::optional<byte_buffer> parse_hex(std::string_view text) {
+    byte_buffer bytes;
     int high = -1;
     for (const char letter : text) {
         if (letter == ' ' && high < 0) continue;

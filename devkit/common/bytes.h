@@ -16,22 +16,22 @@
 
 namespace scc::devkit {
 
-using Bytes = std::vector<u8>;
-using View = std::span<const u8>;
-using MacAddress = std::array<u8, 6>;
+using byte_buffer = std::vector<u8>;
+using byte_view = std::span<const u8>;
+using mac_address = std::array<u8, 6>;
 
-[[nodiscard]] constexpr bool holds(View bytes, std::size_t offset, std::size_t len) {
+[[nodiscard]] constexpr bool holds(byte_view bytes, std::size_t offset, std::size_t len) {
     return offset <= bytes.size() && len <= bytes.size() - offset;
 }
 
 // The bytes from `offset` on, as many as there are of `len`.
-[[nodiscard]] constexpr View slice(View bytes, std::size_t offset, std::size_t len) {
+[[nodiscard]] constexpr byte_view slice(byte_view bytes, std::size_t offset, std::size_t len) {
     if (offset >= bytes.size()) return {};
     return bytes.subspan(offset, std::min(len, bytes.size() - offset));
 }
 
 template <class Number>
-[[nodiscard]] Number read_at(View bytes, std::size_t offset) {
+[[nodiscard]] Number read_at(byte_view bytes, std::size_t offset) {
     static_assert(std::is_unsigned_v<Number>);
     Number number = 0;
     if (holds(bytes, offset, sizeof number)) std::memcpy(&number, bytes.data() + offset, sizeof number);
@@ -39,33 +39,33 @@ template <class Number>
 }
 
 template <class Number>
-void write_at(Bytes& bytes, std::size_t offset, Number number) {
+void write_at(byte_buffer& bytes, std::size_t offset, Number number) {
     static_assert(std::is_unsigned_v<Number>);
     if (holds(bytes, offset, sizeof number)) std::memcpy(bytes.data() + offset, &number, sizeof number);
 }
 
-[[nodiscard]] inline u32 u32_at(View bytes, std::size_t offset) {
+[[nodiscard]] inline u32 u32_at(byte_view bytes, std::size_t offset) {
     return read_at<u32>(bytes, offset);
 }
-[[nodiscard]] inline u64 u64_at(View bytes, std::size_t offset) {
+[[nodiscard]] inline u64 u64_at(byte_view bytes, std::size_t offset) {
     return read_at<u64>(bytes, offset);
 }
 
-void copy_at(Bytes& bytes, std::size_t offset, View source);
-[[nodiscard]] Bytes to_bytes(View view);
+void copy_at(byte_buffer& bytes, std::size_t offset, byte_view source);
+[[nodiscard]] byte_buffer to_bytes(byte_view view);
 
-[[nodiscard]] MacAddress mac_at(View bytes, std::size_t offset);
-[[nodiscard]] std::string mac_text(const MacAddress& mac);
-[[nodiscard]] std::optional<MacAddress> parse_mac(std::string_view text);
+[[nodiscard]] mac_address mac_at(byte_view bytes, std::size_t offset);
+[[nodiscard]] std::string mac_text(const mac_address& mac);
+[[nodiscard]] std::optional<mac_address> parse_mac(std::string_view text);
 
 // An IPv4 address as it lies in memory (network order), read as one word.
 [[nodiscard]] std::string ipv4_text(u32 address);
 // 16 bytes; fewer are filled with zeros.
-[[nodiscard]] std::string ipv6_text(View address);
+[[nodiscard]] std::string ipv6_text(byte_view address);
 [[nodiscard]] std::optional<u32> parse_ipv4(const std::string& text);
 
-[[nodiscard]] std::string hex_text(View bytes);
+[[nodiscard]] std::string hex_text(byte_view bytes);
 // Pairs of hexadecimal digits; blanks between pairs are allowed.
-[[nodiscard]] std::optional<Bytes> parse_hex(std::string_view text);
+[[nodiscard]] std::optional<byte_buffer> parse_hex(std::string_view text);
 
 }  // namespace scc::devkit

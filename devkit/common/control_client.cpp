@@ -16,14 +16,14 @@ namespace {
 
 using json = nlohmann::ordered_json;
 
-class Descriptor {
+class owned_descriptor {
   public:
-    explicit Descriptor(int number) : number_(number) {}
-    ~Descriptor() {
+    explicit owned_descriptor(int number) : number_(number) {}
+    ~owned_descriptor() {
         if (number_ >= 0) ::close(number_);
     }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
+    owned_descriptor(const owned_descriptor&) = delete;
+    owned_descriptor& operator=(const owned_descriptor&) = delete;
     [[nodiscard]] int number() const { return number_; }
 
   private:
@@ -71,7 +71,7 @@ json control_call(const json& request) {
     if (path.size() >= sizeof address.sun_path) return failure("the socket's path is too long");
     std::memcpy(address.sun_path, path.data(), path.size());
 
-    const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const owned_descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (socket.number() < 0) return system_failure("socket");
     if (::connect(socket.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         return system_failure("no daemon at " + path);

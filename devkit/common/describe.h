@@ -8,7 +8,7 @@
 
 namespace scc::devkit {
 
-[[nodiscard]] std::string describe(Route route, const Item& item);
-[[nodiscard]] std::string key_text(View bytes, std::size_t offset);
+[[nodiscard]] std::string describe(message_route route, const wire_item& item);
+[[nodiscard]] std::string key_text(byte_view bytes, std::size_t offset);
 
 }  // namespace scc::devkit

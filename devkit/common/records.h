@@ -77,13 +77,13 @@ inline constexpr std::size_t ipv4 = 12;  // u32
 inline constexpr u64 vlan_count = record::direct_vlan * 8;
 
 // False when there is no such VLAN. The record lies in `bytes` from `offset` on.
-[[nodiscard]] inline bool set_vlan(Bytes& bytes, std::size_t offset, u64 vlan) {
+[[nodiscard]] inline bool set_vlan(byte_buffer& bytes, std::size_t offset, u64 vlan) {
     if (vlan >= vlan_count || !holds(bytes, offset, record::direct_vlan)) return false;
     bytes[offset + vlan / 8] = static_cast<u8>(bytes[offset + vlan / 8] | 1u << (vlan % 8));
     return true;
 }
 
-[[nodiscard]] inline std::vector<u32> vlans_of(View record) {
+[[nodiscard]] inline std::vector<u32> vlans_of(byte_view record) {
     std::vector<u32> vlans;
     for (std::size_t vlan = 0; vlan < record.size() * 8; ++vlan) {
         if ((record[vlan / 8] >> (vlan % 8) & 1u) != 0) vlans.push_back(static_cast<u32>(vlan));
@@ -114,27 +114,27 @@ inline constexpr std::size_t vid = 30;  // u16 (*)
 inline constexpr std::size_t key = 32;  // ACL key (*); everything before it names the user
 }  // namespace user_acl_record
 
-struct AclKey {
+struct acl_identity {
     u32 vdev = 0;
     u32 app_type = 0;
     u32 acl_id = 0;
     u32 acl_class = 0;
 
     // The class is carried along but does not tell ACLs apart.
-    friend bool operator<(const AclKey& a, const AclKey& b) {
+    friend bool operator<(const acl_identity& a, const acl_identity& b) {
         return std::tie(a.vdev, a.app_type, a.acl_id) < std::tie(b.vdev, b.app_type, b.acl_id);
     }
-    friend bool operator==(const AclKey& a, const AclKey& b) {
+    friend bool operator==(const acl_identity& a, const acl_identity& b) {
         return std::tie(a.vdev, a.app_type, a.acl_id) == std::tie(b.vdev, b.app_type, b.acl_id);
     }
 };
 
-[[nodiscard]] inline AclKey key_at(View bytes, std::size_t offset) {
+[[nodiscard]] inline acl_identity key_at(byte_view bytes, std::size_t offset) {
     return {u32_at(bytes, offset), u32_at(bytes, offset + 4), u32_at(bytes, offset + 8),
             u32_at(bytes, offset + 12)};
 }
 
-inline void write_key(Bytes& bytes, std::size_t offset, const AclKey& key) {
+inline void write_key(byte_buffer& bytes, std::size_t offset, const acl_identity& key) {
     write_at(bytes, offset, key.vdev);
     write_at(bytes, offset + 4, key.app_type);
     write_at(bytes, offset + 8, key.acl_id);

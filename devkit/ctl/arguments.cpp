@@ -23,7 +23,7 @@ std::uint64_t largest(std::size_t width) {
     return width >= 8 ? UINT64_MAX : (1ull << (8 * width)) - 1;
 }
 
-void put_bytes(Bytes& record, std::size_t offset, const void* bytes, std::size_t len) {
+void put_bytes(byte_buffer& record, std::size_t offset, const void* bytes, std::size_t len) {
     if (offset > record.size() || len > record.size() - offset)
         throw usage_error(
             fmt::format("{} bytes at {} lie outside the record of {} bytes", len, offset, record.size()));
@@ -31,7 +31,7 @@ void put_bytes(Bytes& record, std::size_t offset, const void* bytes, std::size_t
 }
 
 // The widths that occur are those of the machine's integers, least significant byte first on this host.
-void put_number(Bytes& record, std::size_t offset, std::size_t width, std::uint64_t value) {
+void put_number(byte_buffer& record, std::size_t offset, std::size_t width, std::uint64_t value) {
     const auto narrow = [&](auto typed) {
         typed = static_cast<decltype(typed)>(value);
         put_bytes(record, offset, &typed, sizeof typed);
@@ -50,7 +50,7 @@ void put_number(Bytes& record, std::size_t offset, std::size_t width, std::uint6
     }
 }
 
-std::uint64_t get_number(const Bytes& record, std::size_t offset, std::size_t width) {
+std::uint64_t get_number(const byte_buffer& record, std::size_t offset, std::size_t width) {
     switch (width) {
         case 1:
             return devkit::read_at<std::uint8_t>(record, offset);
@@ -71,14 +71,14 @@ std::uint64_t number_of(const argument& where, std::string_view text) {
     return *value;
 }
 
-Bytes address16_of(const argument& where, const std::string& text) {
-    Bytes address(16);
+byte_buffer address16_of(const argument& where, const std::string& text) {
+    byte_buffer address(16);
     if (inet_pton(AF_INET, text.c_str(), address.data()) == 1) return address;
     if (inet_pton(AF_INET6, text.c_str(), address.data()) == 1) return address;
     throw usage_error(fmt::format("{}: '{}' is not an address", where.name, text));
 }
 
-Bytes bytes_of_file(const argument& where, const std::string& name) {
+byte_buffer bytes_of_file(const argument& where, const std::string& name) {
     std::string text;
     if (name == "-") {
         text.assign(std::istreambuf_iterator<char>(std::cin), {});
@@ -94,16 +94,16 @@ Bytes bytes_of_file(const argument& where, const std::string& name) {
     return *bytes;
 }
 
-Bytes ace_of(std::string_view text) {
+byte_buffer ace_of(std::string_view text) {
     std::string error;
     const auto ace = ace::parse_ace(text, error);
     if (!ace) throw usage_error("rule: " + error);
-    Bytes bytes(sizeof *ace);
+    byte_buffer bytes(sizeof *ace);
     std::memcpy(bytes.data(), &*ace, sizeof *ace);
     return bytes;
 }
 
-Bytes field_bytes(const argument& where, std::string_view text) {
+byte_buffer field_bytes(const argument& where, std::string_view text) {
     const std::string word(text);
     switch (where.type) {
         case value_type::mac: {
@@ -112,7 +112,7 @@ Bytes field_bytes(const argument& where, std::string_view text) {
             return {mac->begin(), mac->end()};
         }
         case value_type::ipv4: {
-            Bytes address(4);
+            byte_buffer address(4);
             if (inet_pton(AF_INET, word.c_str(), address.data()) != 1)
                 throw usage_error(fmt::format("{}: '{}' is not an IPv4 address", where.name, text));
             return address;
@@ -126,19 +126,19 @@ Bytes field_bytes(const argument& where, std::string_view text) {
         case value_type::number:
             break;
     }
-    Bytes bytes(where.width);
+    byte_buffer bytes(where.width);
     put_number(bytes, 0, where.width, number_of(where, text));
     return bytes;
 }
 
-json shown_ace(const Bytes& record) {
+json shown_ace(const byte_buffer& record) {
     scc_ace_record ace{};
     std::memcpy(&ace, record.data(), std::min(record.size(), sizeof ace));
     const auto text = ace::print_ace(ace);
     return text ? json(*text) : json();
 }
 
-std::string address16_text(const Bytes& bytes) {
+std::string address16_text(const byte_buffer& bytes) {
     char text[INET6_ADDRSTRLEN] = "";
     const bool is_ipv4 =
         bytes[0] != 0 && std::all_of(bytes.begin() + 4, bytes.end(), [](auto b) { return b == 0; });
@@ -217,8 +217,8 @@ void store(const argument& where, std::string_view text, call_values& into) {
         into.scalars.push_back(number_of(where, text));
         return;
     }
-    Bytes& record = into.records.at(static_cast<std::size_t>(where.record));
-    const Bytes bytes = field_bytes(where, text);
+    byte_buffer& record = into.records.at(static_cast<std::size_t>(where.record));
+    const byte_buffer bytes = field_bytes(where, text);
     if (record.empty()) record.resize(bytes.size());  // bytes of any number
     put_bytes(record, where.offset, bytes.data(), bytes.size());
 }
@@ -232,7 +232,7 @@ void store_initial(const argument& where, call_values& into) {
     }
 }
 
-void store_raw_field(std::string_view text, Bytes& record) {
+void store_raw_field(std::string_view text, byte_buffer& record) {
     const auto colon = text.find(':');
     const auto equals = text.find('=');
     if (colon == std::string_view::npos || equals == std::string_view::npos || equals < colon)
@@ -258,12 +258,12 @@ json shown(const argument& what, std::size_t scalar_index, const call_values& va
         return scalar_index < values.scalars.size() ? json(values.scalars[scalar_index]) : json();
     const auto index = static_cast<std::size_t>(what.record);
     if (index >= values.records.size()) return {};
-    const Bytes& record = values.records[index];
+    const byte_buffer& record = values.records[index];
     if (what.type == value_type::rule) return shown_ace(record);
     if (what.type == value_type::bytes) return hex_of(record);
     if (!devkit::holds(record, what.offset, what.width)) return {};
     const auto begin = record.begin() + static_cast<std::ptrdiff_t>(what.offset);
-    const Bytes bytes(begin, begin + static_cast<std::ptrdiff_t>(what.width));
+    const byte_buffer bytes(begin, begin + static_cast<std::ptrdiff_t>(what.width));
     switch (what.type) {
         case value_type::mac:
             return devkit::mac_text(devkit::mac_at(record, what.offset));
@@ -276,7 +276,7 @@ json shown(const argument& what, std::size_t scalar_index, const call_values& va
     }
 }
 
-std::string hex_of(const Bytes& bytes) {
+std::string hex_of(const byte_buffer& bytes) {
     return devkit::hex_text(bytes);
 }
 

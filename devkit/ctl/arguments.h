@@ -16,7 +16,7 @@
 
 namespace scc::ctl {
 
-using Bytes = std::vector<std::uint8_t>;
+using byte_buffer = std::vector<std::uint8_t>;
 using json = nlohmann::ordered_json;  // shown in the order in which it was put together
 
 // What the user typed cannot be used. Shown as a usage error.
@@ -77,7 +77,7 @@ struct argument {
 // wrote through its pointers, and more that a special call has to say.
 struct call_values {
     std::vector<std::uint64_t> scalars;
-    std::vector<Bytes> records;
+    std::vector<byte_buffer> records;
     std::vector<std::uint64_t> outs;
     json more = json::object();
 };
@@ -90,12 +90,12 @@ void store(const argument& where, std::string_view text, call_values& into);
 // Puts an argument's initial value into the call; scalars must be stored in order.
 void store_initial(const argument& where, call_values& into);
 // Puts "OFFSET:WIDTH=VALUE" into a record: a number for widths 1, 2, 4 and 8, "hex:..." for every width.
-void store_raw_field(std::string_view text, Bytes& record);
+void store_raw_field(std::string_view text, byte_buffer& record);
 
 // Reads an argument back; scalar_index counts the scalars before it. Null when the values lack it.
 [[nodiscard]] json shown(const argument& what, std::size_t scalar_index, const call_values& values);
 
-[[nodiscard]] std::string hex_of(const Bytes& bytes);
+[[nodiscard]] std::string hex_of(const byte_buffer& bytes);
 [[nodiscard]] std::string ipv4_of(std::uint32_t network_order);
 // "app-type" becomes "app_type".
 [[nodiscard]] std::string json_name(std::string_view name);

@@ -113,10 +113,10 @@ struct holder<const std::uint8_t*> {
 
 // Bytes of any number.
 template <>
-struct holder<const Bytes*> {
-    const Bytes* value;
+struct holder<const byte_buffer*> {
+    const byte_buffer* value;
     holder(call_values& values, cursor& next) : value(&values.records.at(next.record++)) {}
-    const Bytes* pass() { return value; }
+    const byte_buffer* pass() { return value; }
     void give_back(call_values&) {}
 };
 
@@ -132,10 +132,10 @@ struct holder<json*> {
 template <typename Parameter>
 void add_record_bytes(std::vector<std::size_t>& sizes) {
     if constexpr (std::is_pointer_v<Parameter>) {
-        using Target = std::remove_const_t<std::remove_pointer_t<Parameter>>;
-        if constexpr (is_record<Target>) sizes.push_back(sizeof(Target));
+        using target = std::remove_const_t<std::remove_pointer_t<Parameter>>;
+        if constexpr (is_record<target>) sizes.push_back(sizeof(target));
         if constexpr (std::is_same_v<Parameter, const std::uint8_t*>) sizes.push_back(6);
-        if constexpr (std::is_same_v<Parameter, const Bytes*>) sizes.push_back(0);
+        if constexpr (std::is_same_v<Parameter, const byte_buffer*>) sizes.push_back(0);
     }
 }
 

@@ -68,7 +68,7 @@ argument hex_option(int record, std::string_view help) {
     return number("data", 0, help).as(value_type::bytes).as(presence::required_option).at(record, 0);
 }
 
-std::uint32_t efacl_ctrl(const Bytes* data, std::uint32_t* call_id_out) {
+std::uint32_t efacl_ctrl(const byte_buffer* data, std::uint32_t* call_id_out) {
     return scc_efacl_ctrl(data->data(), static_cast<std::uint32_t>(data->size()), call_id_out);
 }
 

@@ -106,7 +106,7 @@ json outcome_json(const outcome& shown_outcome, const output_options& options) {
     for (const auto& [name, value] : shown_outcome.values.more.items()) object[name] = value;
     if (!options.raw) return object;
     json& records = object["records"] = json::array();
-    for (const Bytes& each : shown_outcome.values.records) records.push_back(hex_of(each));
+    for (const byte_buffer& each : shown_outcome.values.records) records.push_back(hex_of(each));
     return object;
 }
 

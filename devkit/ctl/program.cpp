@@ -173,7 +173,7 @@ void mark_given_addresses(const bound_command& bound, call_values& values) {
         flag_word = &each;
     }
     if (flag_word == nullptr || flags == 0) return;
-    Bytes& record = values.records.at(static_cast<std::size_t>(flag_word->record));
+    byte_buffer& record = values.records.at(static_cast<std::size_t>(flag_word->record));
     devkit::write_at(record, flag_word->offset, devkit::u32_at(record, flag_word->offset) | flags);
 }
 

@@ -33,7 +33,7 @@ arguments user_fields() {
 
 json shown_user(const scc_arp_check_entry& entry) {
     namespace user = devkit::arp_check_user;
-    const devkit::View bytes(entry.bytes, sizeof entry.bytes);
+    const devkit::byte_view bytes(entry.bytes, sizeof entry.bytes);
     return {{"ifx", devkit::u32_at(bytes, user::ifx)},
             {"vid", devkit::read_at<std::uint16_t>(bytes, user::vid)},
             {"mac", devkit::mac_text(devkit::mac_at(bytes, user::mac))},

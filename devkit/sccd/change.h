@@ -9,12 +9,12 @@
 
 namespace scc::sccd {
 
-struct Change {
+struct state_change {
     u32 result = 0;              // not 0: nothing was changed
     std::function<void()> undo;  // may be empty
 
-    static Change refused(u32 result) { return {result, {}}; }
-    static Change made(std::function<void()> undo = {}) { return {0, std::move(undo)}; }
+    static state_change refused(u32 result) { return {result, {}}; }
+    static state_change made(std::function<void()> undo = {}) { return {0, std::move(undo)}; }
 };
 
 namespace result {

@@ -11,26 +11,26 @@
 
 namespace scc::sccd {
 
-class ControlServer {
+class control_server {
   public:
-    ControlServer(Daemon& daemon, const std::string& path);
+    control_server(daemon_core& daemon, const std::string& path);
 
   private:
-    struct Session {
+    struct control_session {
         u64 id = 0;
-        std::unique_ptr<Stream> stream;
+        std::unique_ptr<socket_stream> stream;
         bool waiting = false;  // for an answer from elsewhere; later lines wait too
     };
 
     void accept(int descriptor);
-    void take_lines(Session& session);
-    void take_line(Session& session, const std::string& line);
-    void reply(u64 session, const Json& answer);
+    void take_lines(control_session& session);
+    void take_line(control_session& session, const std::string& line);
+    void reply(u64 session, const json& answer);
 
-    Daemon& daemon_;
-    std::unordered_map<u64, std::unique_ptr<Session>> sessions_;
+    daemon_core& daemon_;
+    std::unordered_map<u64, std::unique_ptr<control_session>> sessions_;
     u64 last_session_ = 0;
-    Listener listener_;
+    socket_listener listener_;
 };
 
 }  // namespace scc::sccd

@@ -8,7 +8,7 @@
 
 namespace scc::sccd {
 
-class Faults {
+class ordered_faults {
   public:
     void fail_next(u16 type, u32 result, u32 count) { failures_[type] = {result, count}; }
     void mute(u16 type, u32 count) { muted_[type] = count; }
@@ -32,12 +32,12 @@ class Faults {
     }
 
   private:
-    struct Failure {
+    struct ordered_failure {
         u32 result = 0;
         u32 left = 0;  // at least 1
     };
 
-    std::map<u16, Failure> failures_;
+    std::map<u16, ordered_failure> failures_;
     std::map<u16, u32> muted_;
 };
 

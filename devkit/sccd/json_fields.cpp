@@ -10,7 +10,7 @@
 
 namespace scc::sccd {
 
-std::string unexpected_field(std::string_view what, const Json& request,
+std::string unexpected_field(std::string_view what, const json& request,
                              const std::vector<std::string_view>& own_words,
                              const std::vector<std::string_view>& known) {
     const auto among = [](const std::vector<std::string_view>& names, const std::string& name) {
@@ -24,16 +24,16 @@ std::string unexpected_field(std::string_view what, const Json& request,
     return {};
 }
 
-const Json* JsonFields::field(std::string_view name) const {
+const json* json_fields::field(std::string_view name) const {
     const auto found = object_.find(name);
     return found == object_.end() || found->is_null() ? nullptr : &*found;
 }
 
-void JsonFields::refuse(std::string_view name, std::string_view reason) {
+void json_fields::refuse(std::string_view name, std::string_view reason) {
     if (problem_.empty()) problem_ = std::string(name) + ": " + std::string(reason);
 }
 
-std::optional<u64> JsonFields::as_number(const Json& value) {
+std::optional<u64> json_fields::as_number(const json& value) {
     if (value.is_boolean()) return value.get<bool>() ? 1 : 0;
     if (value.is_number_unsigned()) return value.get<u64>();
     if (!value.is_string()) return std::nullopt;
@@ -47,8 +47,8 @@ std::optional<u64> JsonFields::as_number(const Json& value) {
     return number;
 }
 
-u64 JsonFields::bounded(std::string_view name, u64 otherwise, u64 max) {
-    const Json* const value = field(name);
+u64 json_fields::bounded(std::string_view name, u64 otherwise, u64 max) {
+    const json* const value = field(name);
     if (value == nullptr) return otherwise;
     const std::optional<u64> found = as_number(*value);
     if (!found || *found > max) {
@@ -58,48 +58,48 @@ u64 JsonFields::bounded(std::string_view name, u64 otherwise, u64 max) {
     return *found;
 }
 
-u64 JsonFields::number(std::string_view name, u64 otherwise) {
+u64 json_fields::number(std::string_view name, u64 otherwise) {
     return bounded(name, otherwise, std::numeric_limits<u64>::max());
 }
 
-u32 JsonFields::number32(std::string_view name, u32 otherwise) {
+u32 json_fields::number32(std::string_view name, u32 otherwise) {
     return static_cast<u32>(bounded(name, otherwise, std::numeric_limits<u32>::max()));
 }
 
-u16 JsonFields::number16(std::string_view name) {
+u16 json_fields::number16(std::string_view name) {
     return static_cast<u16>(bounded(name, 0, std::numeric_limits<u16>::max()));
 }
 
-std::string JsonFields::text(std::string_view name) {
-    const Json* const value = field(name);
+std::string json_fields::text(std::string_view name) {
+    const json* const value = field(name);
     if (value == nullptr) return {};
     if (value->is_string()) return value->get<std::string>();
     refuse(name, "not a text");
     return {};
 }
 
-devkit::Bytes JsonFields::hex(std::string_view name) {
-    const std::optional<devkit::Bytes> bytes = devkit::parse_hex(text(name));
+devkit::byte_buffer json_fields::hex(std::string_view name) {
+    const std::optional<devkit::byte_buffer> bytes = devkit::parse_hex(text(name));
     if (!bytes) refuse(name, "not a row of hexadecimal bytes");
-    return bytes.value_or(devkit::Bytes{});
+    return bytes.value_or(devkit::byte_buffer{});
 }
 
-devkit::MacAddress JsonFields::mac(std::string_view name) {
+devkit::mac_address json_fields::mac(std::string_view name) {
     if (field(name) == nullptr) return {};
-    const std::optional<devkit::MacAddress> address = devkit::parse_mac(text(name));
+    const std::optional<devkit::mac_address> address = devkit::parse_mac(text(name));
     if (!address) refuse(name, "not a MAC address");
-    return address.value_or(devkit::MacAddress{});
+    return address.value_or(devkit::mac_address{});
 }
 
-u32 JsonFields::ipv4(std::string_view name) {
+u32 json_fields::ipv4(std::string_view name) {
     if (field(name) == nullptr) return 0;
     const std::optional<u32> address = devkit::parse_ipv4(text(name));
     if (!address) refuse(name, "not an IPv4 address");
     return address.value_or(0);
 }
 
-Address JsonFields::address(std::string_view name) {
-    Address address;
+ip_address json_fields::address(std::string_view name) {
+    ip_address address;
     if (field(name) == nullptr) return address;
     const std::string written = text(name);
     if (inet_pton(AF_INET, written.c_str(), address.bytes.data()) == 1) return address;
@@ -108,8 +108,8 @@ Address JsonFields::address(std::string_view name) {
     return address;
 }
 
-std::vector<Json> JsonFields::list(std::string_view name) {
-    const Json* const value = field(name);
+std::vector<json> json_fields::list(std::string_view name) {
+    const json* const value = field(name);
     if (value == nullptr) return {};
     if (!value->is_array()) {
         refuse(name, "not a list");

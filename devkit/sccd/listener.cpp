@@ -47,7 +47,7 @@ int open_reserve() {
 
 }  // namespace
 
-Listener::Listener(EventLoop& loop, std::string path, std::function<void(int)> accepted)
+socket_listener::socket_listener(event_loop& loop, std::string path, std::function<void(int)> accepted)
     : loop_(loop), path_(std::move(path)), accepted_(std::move(accepted)) {
     const sockaddr_un address = address_of(path_);
     remove_stale(path_, address);
@@ -63,14 +63,14 @@ Listener::Listener(EventLoop& loop, std::string path, std::function<void(int)> a
     watch_ = loop_.watch(descriptor_, EPOLLIN, [this](std::uint32_t) { accept_all(); });
 }
 
-Listener::~Listener() {
+socket_listener::~socket_listener() {
     loop_.unwatch(watch_, descriptor_);
     ::close(descriptor_);
     if (reserve_ >= 0) ::close(reserve_);
     ::unlink(path_.c_str());
 }
 
-void Listener::accept_all() {
+void socket_listener::accept_all() {
     while (true) {
         const int client = ::accept4(descriptor_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (client >= 0) {
@@ -85,7 +85,7 @@ void Listener::accept_all() {
 }
 
 // Without this the waiting connection would keep the loop spinning.
-void Listener::refuse_one() {
+void socket_listener::refuse_one() {
     if (reserve_ >= 0) ::close(reserve_);
     const int client = ::accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC);
     if (client >= 0) ::close(client);

@@ -9,24 +9,24 @@
 
 namespace scc::sccd {
 
-class Listener {
+class socket_listener {
   public:
     // `accepted` takes over each connected, non-blocking descriptor. Throws std::runtime_error.
-    Listener(EventLoop& loop, std::string path, std::function<void(int descriptor)> accepted);
-    ~Listener();
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
+    socket_listener(event_loop& loop, std::string path, std::function<void(int descriptor)> accepted);
+    ~socket_listener();
+    socket_listener(const socket_listener&) = delete;
+    socket_listener& operator=(const socket_listener&) = delete;
 
   private:
     void accept_all();
     void refuse_one();
 
-    EventLoop& loop_;
+    event_loop& loop_;
     std::string path_;
     std::function<void(int)> accepted_;
     int descriptor_ = -1;
     int reserve_ = -1;  // given up for a moment to turn a client away when descriptors run out
-    EventLoop::WatchId watch_ = 0;
+    event_loop::watch_id watch_ = 0;
 };
 
 }  // namespace scc::sccd

@@ -39,8 +39,8 @@ void allow_many_descriptors() {
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-int run(const scc::sccd::Options& options) {
-    scc::sccd::Daemon daemon(options);
+int run(const scc::sccd::daemon_options& options) {
+    scc::sccd::daemon_core daemon(options);
     std::puts("sccd-dev: ready");
     std::fflush(stdout);
     daemon.run();
@@ -50,7 +50,7 @@ int run(const scc::sccd::Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    scc::sccd::Options options;
+    scc::sccd::daemon_options options;
     unsigned timeout_ms = static_cast<unsigned>(options.service_timeout.count());
     CLI::App app{"Development daemon: stands in for sccd on a workstation. Needs TMPDIR."};
     app.add_flag("--trace", options.trace, "Print every message in both directions");

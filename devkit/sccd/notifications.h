@@ -6,6 +6,7 @@
 namespace scc::sccd {
 
 // Results and reports of the service. False when the item is something that any client may send.
-[[nodiscard]] bool take_report(Daemon& daemon, const Client& service, const devkit::Item& item);
+[[nodiscard]] bool take_report(daemon_core& daemon, const client_entry& service,
+                               const devkit::wire_item& item);
 
 }  // namespace scc::sccd

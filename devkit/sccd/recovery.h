@@ -11,12 +11,13 @@
 
 namespace scc::sccd {
 
-[[nodiscard]] std::vector<Operation> recovery_operations(const AclStore& acls, const UserStore& users,
-                                                         const Settings& settings);
+[[nodiscard]] std::vector<service_operation> recovery_operations(const acl_store& acls,
+                                                                 const user_store& users,
+                                                                 const daemon_settings& settings);
 
 // Single operations, the same whether they are carried out for the first time or recovered.
-[[nodiscard]] Operation nac_app_operation(const NacApp& app, u32 operation_word);
-[[nodiscard]] Operation nac_user_operation(devkit::View config_record, bool add);
-[[nodiscard]] Operation http_port_operation(u32 port, bool add);
+[[nodiscard]] service_operation nac_app_operation(const nac_application& app, u32 operation_word);
+[[nodiscard]] service_operation nac_user_operation(devkit::byte_view config_record, bool add);
+[[nodiscard]] service_operation http_port_operation(u32 port, bool add);
 
 }  // namespace scc::sccd

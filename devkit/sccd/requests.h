@@ -6,6 +6,6 @@
 
 namespace scc::sccd {
 
-void take_request(Daemon& daemon, const Client& client, const devkit::Item& item);
+void take_request(daemon_core& daemon, const client_entry& client, const devkit::wire_item& item);
 
 }  // namespace scc::sccd

@@ -27,28 +27,28 @@ bool try_later(int error) {
 
 }  // namespace
 
-Stream::Stream(EventLoop& loop, int descriptor, Events events)
+socket_stream::socket_stream(event_loop& loop, int descriptor, stream_events events)
     : loop_(loop), descriptor_(descriptor), events_(std::move(events)), watched_(EPOLLIN) {
     watch_ = loop_.watch(descriptor_, watched_, [this](std::uint32_t what) { ready(what); });
 }
 
-Stream::~Stream() {
+socket_stream::~socket_stream() {
     if (!open()) return;
     loop_.unwatch(watch_, descriptor_);
     ::close(descriptor_);
 }
 
-devkit::View Stream::input() const {
-    return devkit::View(input_).subspan(consumed_);
+devkit::byte_view socket_stream::input() const {
+    return devkit::byte_view(input_).subspan(consumed_);
 }
 
-bool Stream::peer_gone() const {
+bool socket_stream::peer_gone() const {
     if (!open()) return true;
     pollfd probe{descriptor_, POLLRDHUP, 0};
     return ::poll(&probe, 1, 0) == 1 && (probe.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
-void Stream::close() {
+void socket_stream::close() {
     if (!open()) return;
     loop_.unwatch(watch_, descriptor_);
     ::close(std::exchange(descriptor_, -1));
@@ -61,7 +61,7 @@ void Stream::close() {
     });
 }
 
-void Stream::ready(std::uint32_t events) {
+void socket_stream::ready(std::uint32_t events) {
     if ((events & EPOLLOUT) != 0) write_some();
     if (!open()) return;
     if ((events & EPOLLIN) != 0 && reading_) {
@@ -71,7 +71,7 @@ void Stream::ready(std::uint32_t events) {
     }
 }
 
-void Stream::read_some() {
+void socket_stream::read_some() {
     for (int count = 0; count < reads_per_turn && open() && reading_; ++count) {
         const std::size_t held = input_.size();
         input_.resize(held + read_bytes);
@@ -89,7 +89,7 @@ void Stream::read_some() {
     }
 }
 
-void Stream::forget_consumed() {
+void socket_stream::forget_consumed() {
     if (consumed_ == 0) return;
     input_.erase(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(consumed_));
     consumed_ = 0;
@@ -97,7 +97,7 @@ void Stream::forget_consumed() {
     if (input_.empty() && input_.capacity() > kept_input_bytes) input_.shrink_to_fit();
 }
 
-void Stream::send(devkit::Bytes bytes) {
+void socket_stream::send(devkit::byte_buffer bytes) {
     if (!open() || bytes.empty()) return;
     const bool idle = output_.empty();
     queued_bytes_ += bytes.size();
@@ -106,7 +106,7 @@ void Stream::send(devkit::Bytes bytes) {
     if (open()) watch_what_is_wanted();
 }
 
-void Stream::write_some() {
+void socket_stream::write_some() {
     while (!output_.empty()) {
         std::array<iovec, chunks_per_send> chunks{};
         std::size_t count = 0;
@@ -134,7 +134,7 @@ void Stream::write_some() {
     watch_what_is_wanted();
 }
 
-void Stream::watch_what_is_wanted() {
+void socket_stream::watch_what_is_wanted() {
     if (queued_bytes_ > queue_stop_bytes) reading_ = false;
     if (queued_bytes_ <= queue_resume_bytes) reading_ = true;
     const std::uint32_t wanted = (reading_ ? EPOLLIN : 0u) | (output_.empty() ? 0u : EPOLLOUT);

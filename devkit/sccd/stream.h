@@ -12,22 +12,22 @@
 
 namespace scc::sccd {
 
-class Stream {
+class socket_stream {
   public:
-    struct Events {
-        std::function<void(Stream&)> input;   // new bytes lie in input()
-        std::function<void(Stream&)> closed;  // at the end of the turn; may destroy the stream
+    struct stream_events {
+        std::function<void(socket_stream&)> input;   // new bytes lie in input()
+        std::function<void(socket_stream&)> closed;  // at the end of the turn; may destroy the stream
     };
 
     // Takes the descriptor over.
-    Stream(EventLoop& loop, int descriptor, Events events);
-    ~Stream();
-    Stream(const Stream&) = delete;
-    Stream& operator=(const Stream&) = delete;
+    socket_stream(event_loop& loop, int descriptor, stream_events events);
+    ~socket_stream();
+    socket_stream(const socket_stream&) = delete;
+    socket_stream& operator=(const socket_stream&) = delete;
 
-    [[nodiscard]] devkit::View input() const;
+    [[nodiscard]] devkit::byte_view input() const;
     void consume(std::size_t len) { consumed_ += len; }
-    void send(devkit::Bytes bytes);
+    void send(devkit::byte_buffer bytes);
     void close();
     [[nodiscard]] bool open() const { return descriptor_ >= 0; }
     // Whether the peer has hung up, also when its end of stream has not been read yet.
@@ -41,14 +41,14 @@ class Stream {
     void watch_what_is_wanted();
     void forget_consumed();
 
-    EventLoop& loop_;
+    event_loop& loop_;
     int descriptor_;
-    Events events_;
-    EventLoop::WatchId watch_ = 0;
+    stream_events events_;
+    event_loop::watch_id watch_ = 0;
     std::uint32_t watched_ = 0;
-    devkit::Bytes input_;
+    devkit::byte_buffer input_;
     std::size_t consumed_ = 0;
-    std::deque<devkit::Bytes> output_;
+    std::deque<devkit::byte_buffer> output_;
     std::size_t front_sent_ = 0;  // bytes of output_.front() that are out
     std::size_t queued_bytes_ = 0;
     bool reading_ = true;

@@ -10,14 +10,16 @@
 
 namespace scc::sccd {
 
-class Trace {
+class trace_log {
   public:
-    explicit Trace(bool enabled) : enabled_(enabled) {}
+    explicit trace_log(bool enabled) : enabled_(enabled) {}
 
     [[nodiscard]] bool enabled() const { return enabled_; }
     // `socket` is "sync", "async" or "new" (not registered yet).
-    void received(devkit::Route route, u32 app, std::string_view socket, const devkit::Item& item) const;
-    void sent(devkit::Route route, u32 app, std::string_view socket, const devkit::Item& item) const;
+    void received(devkit::message_route route, u32 app, std::string_view socket,
+                  const devkit::wire_item& item) const;
+    void sent(devkit::message_route route, u32 app, std::string_view socket,
+              const devkit::wire_item& item) const;
     void note(const std::string& text) const;
 
   private:

@@ -18,7 +18,7 @@ constexpr u32 direction_in = 0;
 // Sequence numbers from here on are kept by a resequence.
 constexpr u32 fixed_sn_min = 0x7FFFFFFF;
 
-View bytes_of(const scc_acl_apply_record& record) {
+byte_view bytes_of(const scc_acl_apply_record& record) {
     return {reinterpret_cast<const u8*>(&record), sizeof record};
 }
 
@@ -32,7 +32,7 @@ u32 direction_of(const scc_acl_apply_record& record) {
 
 // Everything behind the key is the place.
 bool same_place(const scc_acl_apply_record& a, const scc_acl_apply_record& b) {
-    const View place = bytes_of(a).subspan(devkit::apply_record::entity);
+    const byte_view place = bytes_of(a).subspan(devkit::apply_record::entity);
     return std::ranges::equal(place, bytes_of(b).subspan(devkit::apply_record::entity));
 }
 

@@ -50,7 +50,7 @@ std::string read_capture(const std::string& path, const std::function<void(const
     const u_char* bytes = nullptr;
     int state = 0;
     while ((state = pcap_next_ex(capture.get(), &header, &bytes)) == 1) {
-        handle({microseconds_of(header->ts), header->len, View(bytes, header->caplen)});
+        handle({microseconds_of(header->ts), header->len, byte_view(bytes, header->caplen)});
     }
     return state == PCAP_ERROR ? pcap_geterr(capture.get()) : std::string();
 }

@@ -14,7 +14,7 @@ namespace scc::service {
 struct captured_frame {
     u64 time_us = 0;
     u64 len_bytes = 0;  // on the wire; the bytes kept may be fewer
-    View bytes;         // valid during the call
+    byte_view bytes;    // valid during the call
 };
 
 // Why the file is no Ethernet capture; empty when it is one.

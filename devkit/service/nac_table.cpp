@@ -13,7 +13,7 @@
 namespace scc::service {
 namespace {
 
-View bytes_of(const scc_ss_user& user) {
+byte_view bytes_of(const scc_ss_user& user) {
     return {reinterpret_cast<const u8*>(&user), sizeof user};
 }
 
@@ -21,7 +21,7 @@ constexpr u32 operation_none = 0;
 constexpr u32 operation_delete = 3;
 
 // As many bytes as the address is long.
-ace::ip_bytes address_at(View bytes, std::size_t offset, bool is_ipv6) {
+ace::ip_bytes address_at(byte_view bytes, std::size_t offset, bool is_ipv6) {
     ace::ip_bytes address{};
     std::ranges::copy(devkit::slice(bytes, offset, is_ipv6 ? address.size() : 4), address.begin());
     return address;
@@ -58,7 +58,7 @@ void append_numbers(std::string& out, const char* title, const Entries& entries)
 
 nac_user read_user_entry(const scc_ss_user& entry) {
     namespace layout = devkit::service_user;
-    const View bytes = bytes_of(entry);
+    const byte_view bytes = bytes_of(entry);
     nac_user user;
     user.ifx = entry.ifx;
     user.vid = devkit::read_at<u16>(bytes, layout::vid);

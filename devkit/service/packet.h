@@ -9,7 +9,7 @@
 
 namespace scc::service {
 
-using devkit::View;
+using devkit::byte_view;
 
 enum class network_kind : u8 { other, ipv4, ipv6, arp };
 
@@ -35,6 +35,6 @@ struct packet {
 };
 
 // Nothing when the frame is shorter than an Ethernet header.
-[[nodiscard]] std::optional<packet> parse_packet(View frame);
+[[nodiscard]] std::optional<packet> parse_packet(byte_view frame);
 
 }  // namespace scc::service

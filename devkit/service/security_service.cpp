@@ -20,8 +20,8 @@ constinit security_service* active = nullptr;
 
 // ---- operations with a record ----
 
-template <class Operation, class Work>
-int answer_record(u32 type, Operation& operation, Work work) {
+template <class service_operation, class Work>
+int answer_record(u32 type, service_operation& operation, Work work) {
     const auto result =
         active->carry_out(type, describe(operation), [&](contents& held) { return work(held, operation); });
     if (!result) return 0;
@@ -30,11 +30,11 @@ int answer_record(u32 type, Operation& operation, Work work) {
     return 0;
 }
 
-template <u32 type, u32 op, class Operation>
-int on_record(Operation* operation) {
+template <u32 type, u32 op, class service_operation>
+int on_record(service_operation* operation) {
     operation->op = op;
     return answer_record(type, *operation,
-                         [](contents& held, Operation& record) { return perform(held, record); });
+                         [](contents& held, service_operation& record) { return perform(held, record); });
 }
 
 int on_apply(scc_ss_apply_operation* operation) {

@@ -112,17 +112,19 @@ TEST_F(ServiceCapture, AMissingFileIsReported) {
 }
 
 // The magic number, version 2.4, and a link type.
-std::string write_capture(const fs::path& path, const Frame& link_type, const Frame& packets) {
-    const Frame head = Frame{0xD4, 0xC3, 0xB2, 0xA1, 2, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF, 0, 0};
-    const Frame whole = head + link_type + packets;
+std::string write_capture(const fs::path& path, const frame_bytes& link_type, const frame_bytes& packets) {
+    const frame_bytes head =
+        frame_bytes{0xD4, 0xC3, 0xB2, 0xA1, 2, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF, 0, 0};
+    const frame_bytes whole = head + link_type + packets;
     std::ofstream(path, std::ios::binary)
         .write(reinterpret_cast<const char*>(whole.data()), static_cast<std::streamsize>(whole.size()));
     return path.string();
 }
 
-const Frame link_ethernet = {1, 0, 0, 0};
+const frame_bytes link_ethernet = {1, 0, 0, 0};
 // At second 1, 13 bytes kept of 60 on the wire.
-const Frame short_packet = Frame{1, 0, 0, 0, 0, 0, 0, 0, 13, 0, 0, 0, 60, 0, 0, 0} + Frame(13, 0);
+const frame_bytes short_packet =
+    frame_bytes{1, 0, 0, 0, 0, 0, 0, 0, 13, 0, 0, 0, 60, 0, 0, 0} + frame_bytes(13, 0);
 
 TEST_F(ServiceCapture, APacketShorterThanAnEthernetHeaderIsCountedAsUnreadable) {
     const fs::path path = fs::path(::testing::TempDir()) / "scc_service_short.pcap";
@@ -137,8 +139,8 @@ TEST_F(ServiceCapture, APacketShorterThanAnEthernetHeaderIsCountedAsUnreadable) 
 
 TEST_F(ServiceCapture, ACaptureThatBreaksOffKeepsWhatWasRead) {
     const fs::path path = fs::path(::testing::TempDir()) / "scc_service_broken.pcap";
-    const capture_report report =
-        run_capture(write_capture(path, link_ethernet, short_packet + Frame{1, 0, 0}), ingress_, table_);
+    const capture_report report = run_capture(
+        write_capture(path, link_ethernet, short_packet + frame_bytes{1, 0, 0}), ingress_, table_);
     fs::remove(path);
     EXPECT_NE(report.error, "");
     EXPECT_EQ(report.packets, 1u);

@@ -17,9 +17,9 @@ using sccd_test::Value;
 const std::string flows_pcap = std::string(TEST_DATA_DIR) + "/flows.pcap";
 constexpr std::uint32_t app = 3;
 
-class ServiceProcess {
+class service_process {
   public:
-    explicit ServiceProcess(std::vector<std::string> arguments = {}) {
+    explicit service_process(std::vector<std::string> arguments = {}) {
         int ends[2];
         EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
         std::vector<char*> words{const_cast<char*>(SERVICE_PATH)};
@@ -34,15 +34,15 @@ class ServiceProcess {
         ::close(ends[1]);
         output_ = ::fdopen(ends[0], "r");
     }
-    ~ServiceProcess() {
+    ~service_process() {
         if (pid_ > 0) {
             ::kill(pid_, SIGKILL);
             ::waitpid(pid_, nullptr, 0);
         }
         if (output_ != nullptr) std::fclose(output_);
     }
-    ServiceProcess(const ServiceProcess&) = delete;
-    ServiceProcess& operator=(const ServiceProcess&) = delete;
+    service_process(const service_process&) = delete;
+    service_process& operator=(const service_process&) = delete;
 
     // The next line; empty at the end of the output. The test's own time limit ends a wait for nothing.
     std::string line() {
@@ -88,7 +88,7 @@ Value ace_with_rule(std::uint32_t call, std::uint32_t acl, const char* text) {
 
 TEST(ServiceProcess, RegistersIsLostAndRegistersAgain) {
     DaemonProcess daemon;
-    ServiceProcess service;
+    service_process service;
     EXPECT_EQ(service.line(), "scc-ss-dev: registered");
     daemon.signal(SIGKILL);
     daemon.wait_for_end();
@@ -99,7 +99,7 @@ TEST(ServiceProcess, RegistersIsLostAndRegistersAgain) {
 
 TEST(ServiceProcess, EndsCleanlyOnTheTerminationSignal) {
     DaemonProcess daemon;
-    ServiceProcess service({"--delay", "1000"});
+    service_process service({"--delay", "1000"});
     service.wait_until_registered();
     service.signal(SIGTERM);
     EXPECT_EQ(service.wait_for_end(), 0);
@@ -109,7 +109,7 @@ TEST(ServiceProcess, RefusesACommandLineThatIsWrong) {
     const char* const not_a_capture = "--pcap=" SERVICE_PATH;
     for (const char* wrong : {"--refuse=131", "--refuse=a:b", "--vlan-ifx=4095:1", "--pcap-on=never",
                               "--pcap-on=applied", "--silent=65536", not_a_capture}) {
-        ServiceProcess service({wrong});
+        service_process service({wrong});
         const int status = service.wait_for_end();
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << wrong;
     }
@@ -117,7 +117,7 @@ TEST(ServiceProcess, RefusesACommandLineThatIsWrong) {
 
 TEST(ServiceProcess, CarriesOutWhatAnApplicationAsksFor) {
     DaemonProcess daemon;
-    ServiceProcess service;
+    service_process service;
     service.wait_until_registered();
     TestClient client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
@@ -138,7 +138,7 @@ TEST(ServiceProcess, CarriesOutWhatAnApplicationAsksFor) {
 
 TEST(ServiceProcess, AnswersLaterAndRefusesAsItIsTold) {
     DaemonProcess daemon;
-    ServiceProcess service({"--delay", "20", "--refuse", "132:28"});
+    service_process service({"--delay", "20", "--refuse", "132:28"});
     service.wait_until_registered();
     TestClient client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
@@ -148,7 +148,7 @@ TEST(ServiceProcess, AnswersLaterAndRefusesAsItIsTold) {
 
 TEST(ServiceProcess, TheDaemonGivesUpOnASilentOperation) {
     DaemonProcess daemon({"--service-timeout", "100"});
-    ServiceProcess service({"--silent", "131"});
+    service_process service({"--silent", "131"});
     service.wait_until_registered();
     TestClient client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 2020u);
@@ -160,7 +160,7 @@ TEST(ServiceProcess, AServiceThatComesLateIsGivenEverythingOnce) {
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
     EXPECT_EQ(client.result_of(133, sccd_test::apply_request(2, 5, 1, 1)), 0u);
     EXPECT_EQ(client.result_of(127, sccd_test::user_request(3, 9, 4, 1)), 0u);
-    ServiceProcess service({"--verbose"});
+    service_process service({"--verbose"});
     service.lines_before("scc-ss-dev: 201 data recovery end: 0");
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(4, 6, 1)), 0u);
     EXPECT_EQ(service.line(), "scc-ss-dev: 131 create acl 0/3/6: 0");
@@ -192,7 +192,7 @@ std::vector<TestItem> first_of_each(TestClient& client, const std::vector<std::u
 
 TEST(ServiceProcess, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
     DaemonProcess daemon;
-    ServiceProcess service({"--pcap", flows_pcap, "--pcap-on", "applied", "--pcap-after", "1"});
+    service_process service({"--pcap", flows_pcap, "--pcap-on", "applied", "--pcap-after", "1"});
     service.wait_until_registered();
     TestClient client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
@@ -223,7 +223,7 @@ TEST(ServiceProcess, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
 
 TEST(ServiceProcess, RunsTheCaptureOnItsSignal) {
     DaemonProcess daemon;
-    ServiceProcess service({"--pcap", flows_pcap});
+    service_process service({"--pcap", flows_pcap});
     service.wait_until_registered();
     service.signal(SIGUSR1);
     EXPECT_EQ(

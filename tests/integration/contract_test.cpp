@@ -19,7 +19,7 @@ namespace {
 
 using nlohmann::json;
 using sccd_test::control;
-using sccd_test::DaemonProcess;
+using sccd_test::daemon_process;
 
 constexpr std::uint32_t app_id = 7;
 
@@ -159,7 +159,7 @@ class Contract : public ::testing::TestWithParam<start> {
         daemon.wait_for_end();
     }
 
-    DaemonProcess daemon;
+    daemon_process daemon;
     application app;
     scc_reg_info info{};
 };

@@ -232,9 +232,9 @@ class service {
 };
 
 // A daemon that waits for its service longer than any test does.
-class patient_daemon : public sccd_test::DaemonProcess {
+class patient_daemon : public sccd_test::daemon_process {
   public:
-    patient_daemon() : DaemonProcess({"--service-timeout", "600000"}) {}
+    patient_daemon() : daemon_process({"--service-timeout", "600000"}) {}
 
     void kill_hard() {
         signal(SIGKILL);
