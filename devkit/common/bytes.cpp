@@ -9,16 +9,24 @@ namespace scc::devkit {
 namespace {
 
 int hex_digit(char letter) {
-    if (letter >= '0' && letter <= '9') return letter - '0';
-    if (letter >= 'a' && letter <= 'f') return letter - 'a' + 10;
-    if (letter >= 'A' && letter <= 'F') return letter - 'A' + 10;
+    if (letter >= '0' && letter <= '9') {
+        return letter - '0';
+    }
+    if (letter >= 'a' && letter <= 'f') {
+        return letter - 'a' + 10;
+    }
+    if (letter >= 'A' && letter <= 'F') {
+        return letter - 'A' + 10;
+    }
     return -1;
 }
 
 }  // namespace
 
 void copy_at(byte_buffer& bytes, std::size_t offset, byte_view source) {
-    if (source.empty() || !holds(bytes, offset, source.size())) return;
+    if (source.empty() || !holds(bytes, offset, source.size())) {
+        return;
+    }
     std::memmove(bytes.data() + offset, source.data(), source.size());
 }
 
@@ -40,10 +48,14 @@ std::string mac_text(const mac_address& mac) {
 std::optional<mac_address> parse_mac(std::string_view text) {
     std::string digits;
     for (const char letter : text) {
-        if (letter != ':' && letter != '-' && letter != '.') digits.push_back(letter);
+        if (letter != ':' && letter != '-' && letter != '.') {
+            digits.push_back(letter);
+        }
     }
     const std::optional<byte_buffer> bytes = parse_hex(digits);
-    if (!bytes || bytes->size() != mac_address{}.size()) return std::nullopt;
+    if (!bytes || bytes->size() != mac_address{}.size()) {
+        return std::nullopt;
+    }
     return mac_at(*bytes, 0);
 }
 
@@ -62,7 +74,9 @@ std::string ipv6_text(byte_view address) {
 
 std::optional<u32> parse_ipv4(const std::string& text) {
     in_addr address{};
-    if (inet_pton(AF_INET, text.c_str(), &address) != 1) return std::nullopt;
+    if (inet_pton(AF_INET, text.c_str(), &address) != 1) {
+        return std::nullopt;
+    }
     return address.s_addr;
 }
 
@@ -74,9 +88,13 @@ std::optional<byte_buffer> parse_hex(std::string_view text) {
     byte_buffer bytes;
     int high = -1;
     for (const char letter : text) {
-        if (letter == ' ' && high < 0) continue;
+        if (letter == ' ' && high < 0) {
+            continue;
+        }
         const int digit = hex_digit(letter);
-        if (digit < 0) return std::nullopt;
+        if (digit < 0) {
+            return std::nullopt;
+        }
         if (high < 0) {
             high = digit;
             continue;
@@ -84,7 +102,9 @@ std::optional<byte_buffer> parse_hex(std::string_view text) {
         bytes.push_back(static_cast<u8>(high * 16 + digit));
         high = -1;
     }
-    if (high >= 0) return std::nullopt;
+    if (high >= 0) {
+        return std::nullopt;
+    }
     return bytes;
 }
 

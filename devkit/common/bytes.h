@@ -26,7 +26,9 @@ using mac_address = std::array<u8, 6>;
 
 // The bytes from `offset` on, as many as there are of `len`.
 [[nodiscard]] constexpr byte_view slice(byte_view bytes, std::size_t offset, std::size_t len) {
-    if (offset >= bytes.size()) return {};
+    if (offset >= bytes.size()) {
+        return {};
+    }
     return bytes.subspan(offset, std::min(len, bytes.size() - offset));
 }
 
@@ -34,14 +36,18 @@ template <class Number>
 [[nodiscard]] Number read_at(byte_view bytes, std::size_t offset) {
     static_assert(std::is_unsigned_v<Number>);
     Number number = 0;
-    if (holds(bytes, offset, sizeof number)) std::memcpy(&number, bytes.data() + offset, sizeof number);
+    if (holds(bytes, offset, sizeof number)) {
+        std::memcpy(&number, bytes.data() + offset, sizeof number);
+    }
     return number;
 }
 
 template <class Number>
 void write_at(byte_buffer& bytes, std::size_t offset, Number number) {
     static_assert(std::is_unsigned_v<Number>);
-    if (holds(bytes, offset, sizeof number)) std::memcpy(bytes.data() + offset, &number, sizeof number);
+    if (holds(bytes, offset, sizeof number)) {
+        std::memcpy(bytes.data() + offset, &number, sizeof number);
+    }
 }
 
 [[nodiscard]] inline u32 u32_at(byte_view bytes, std::size_t offset) {

@@ -58,16 +58,24 @@ std::string key_text(byte_view bytes, std::size_t offset) {
 std::string describe(message_route route, const wire_item& item) {
     const message_type* row = find_message(route, item.type);
     std::string text = fmt::format("{} {}", item.type, row == nullptr ? "unknown" : row->name);
-    if (item.sub_id != 0) text += fmt::format(" scc-type={}", item.sub_id);
+    if (item.sub_id != 0) {
+        text += fmt::format(" scc-type={}", item.sub_id);
+    }
     if (row != nullptr) {
         for (const message_field& field : row->fields) {
-            if (field.name.empty() || !holds(item.value, field.offset, width(field.kind))) continue;
+            if (field.name.empty() || !holds(item.value, field.offset, width(field.kind))) {
+                continue;
+            }
             text += fmt::format(" {}={}", field.name, field_text(item.value, field));
         }
     }
     text += fmt::format(" ({} bytes)", item.value.size());
-    if (!item.value.empty()) text += fmt::format(" {}", hex_text(slice(item.value, 0, shown_bytes)));
-    if (item.value.size() > shown_bytes) text += "...";
+    if (!item.value.empty()) {
+        text += fmt::format(" {}", hex_text(slice(item.value, 0, shown_bytes)));
+    }
+    if (item.value.size() > shown_bytes) {
+        text += "...";
+    }
     return text;
 }
 

@@ -39,11 +39,19 @@ message_frame cut_items(byte_view message, u32 len) {
 }  // namespace
 
 message_frame first_frame(byte_view stream, u32 len_max) {
-    if (stream.size() < wire::header_bytes) return {};
+    if (stream.size() < wire::header_bytes) {
+        return {};
+    }
     const u32 len = u32_at(stream, 0);
-    if (len < wire::header_bytes) return troubled(frame_state::broken, len, "the length is below a header's");
-    if (len > len_max) return troubled(frame_state::broken, len, "the length is beyond every limit");
-    if (stream.size() < len) return {};
+    if (len < wire::header_bytes) {
+        return troubled(frame_state::broken, len, "the length is below a header's");
+    }
+    if (len > len_max) {
+        return troubled(frame_state::broken, len, "the length is beyond every limit");
+    }
+    if (stream.size() < len) {
+        return {};
+    }
     if (read_at<u8>(stream, version_offset) != wire::version) {
         return troubled(frame_state::refused, len, "the version is unknown");
     }
@@ -70,7 +78,9 @@ void message_builder::add(u16 sub_id, u16 type, byte_view value) {
 }
 
 bool message_builder::fits(std::size_t value_len, std::size_t message_max) const {
-    if (count_ == std::numeric_limits<u16>::max()) return false;
+    if (count_ == std::numeric_limits<u16>::max()) {
+        return false;
+    }
     return message_.size() + wire::item_header_bytes + value_len <= message_max;
 }
 

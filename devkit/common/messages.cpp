@@ -248,9 +248,15 @@ const message_type* exact(message_route route, u16 number) {
 }  // namespace
 
 const message_type* find_message(message_route route, u16 number) {
-    if (const message_type* row = exact(route, number)) return row;
-    if (route == message_route::operation) return exact(message_route::to_client, number);
-    if (route == message_route::report) return exact(message_route::request, number);
+    if (const message_type* row = exact(route, number)) {
+        return row;
+    }
+    if (route == message_route::operation) {
+        return exact(message_route::to_client, number);
+    }
+    if (route == message_route::report) {
+        return exact(message_route::request, number);
+    }
     return nullptr;
 }
 

@@ -78,7 +78,9 @@ inline constexpr u64 vlan_count = record::direct_vlan * 8;
 
 // False when there is no such VLAN. The record lies in `bytes` from `offset` on.
 [[nodiscard]] inline bool set_vlan(byte_buffer& bytes, std::size_t offset, u64 vlan) {
-    if (vlan >= vlan_count || !holds(bytes, offset, record::direct_vlan)) return false;
+    if (vlan >= vlan_count || !holds(bytes, offset, record::direct_vlan)) {
+        return false;
+    }
     bytes[offset + vlan / 8] = static_cast<u8>(bytes[offset + vlan / 8] | 1u << (vlan % 8));
     return true;
 }
@@ -86,7 +88,9 @@ inline constexpr u64 vlan_count = record::direct_vlan * 8;
 [[nodiscard]] inline std::vector<u32> vlans_of(byte_view record) {
     std::vector<u32> vlans;
     for (std::size_t vlan = 0; vlan < record.size() * 8; ++vlan) {
-        if ((record[vlan / 8] >> (vlan % 8) & 1u) != 0) vlans.push_back(static_cast<u32>(vlan));
+        if ((record[vlan / 8] >> (vlan % 8) & 1u) != 0) {
+            vlans.push_back(static_cast<u32>(vlan));
+        }
     }
     return vlans;
 }

@@ -126,23 +126,31 @@ json shown_ace(const scc_ace_record& ace) {
 std::uint32_t show_acl(const scc_acl_key* acl, json* out) {
     std::vector<scc_ace_record> aces;
     const std::uint32_t result = read_cached_aces(*acl, aces);
-    if (result != 0) return result;
+    if (result != 0) {
+        return result;
+    }
     json& list = (*out)["aces"] = json::array();
-    for (const scc_ace_record& each : aces) list.push_back(shown_ace(each));
+    for (const scc_ace_record& each : aces) {
+        list.push_back(shown_ace(each));
+    }
     return 0;
 }
 
 std::uint32_t show_ace(const scc_acl_key* acl, std::uint32_t sn, json* out) {
     scc_ace_record ace{};
     const std::uint32_t result = scc_acl_get_ace_by_sn(acl, sn, &ace);
-    if (result == 0) (*out)["ace"] = shown_ace(ace);
+    if (result == 0) {
+        (*out)["ace"] = shown_ace(ace);
+    }
     return result;
 }
 
 std::uint32_t change_vmsup(const scc_user_acl_record* record, json* out) {
     std::uint8_t reply[16] = {};
     const std::uint32_t result = scc_user_acl_change_vmsup(record, reply);
-    if (result == 0) (*out)["reply"] = hex_of({std::begin(reply), std::end(reply)});
+    if (result == 0) {
+        (*out)["reply"] = hex_of({std::begin(reply), std::end(reply)});
+    }
     return result;
 }
 
@@ -242,8 +250,9 @@ std::vector<command> counters() {
 
 std::vector<command> acl_commands() {
     std::vector<command> all;
-    for (auto part : {management(), cache_reads(), std::vector<command>{escape()}, user_acls(), counters()})
+    for (auto part : {management(), cache_reads(), std::vector<command>{escape()}, user_acls(), counters()}) {
         all.insert(all.end(), part.begin(), part.end());
+    }
     return all;
 }
 

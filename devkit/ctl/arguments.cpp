@@ -24,9 +24,10 @@ std::uint64_t largest(std::size_t width) {
 }
 
 void put_bytes(byte_buffer& record, std::size_t offset, const void* bytes, std::size_t len) {
-    if (offset > record.size() || len > record.size() - offset)
+    if (offset > record.size() || len > record.size() - offset) {
         throw usage_error(
             fmt::format("{} bytes at {} lie outside the record of {} bytes", len, offset, record.size()));
+    }
     std::memcpy(record.data() + offset, bytes, len);
 }
 
@@ -65,16 +66,21 @@ std::uint64_t get_number(const byte_buffer& record, std::size_t offset, std::siz
 
 std::uint64_t number_of(const argument& where, std::string_view text) {
     const auto value = ace::parse_number(text, where.min, where.max);
-    if (!value)
+    if (!value) {
         throw usage_error(
             fmt::format("{}: '{}' is not a number from {} to {}", where.name, text, where.min, where.max));
+    }
     return *value;
 }
 
 byte_buffer address16_of(const argument& where, const std::string& text) {
     byte_buffer address(16);
-    if (inet_pton(AF_INET, text.c_str(), address.data()) == 1) return address;
-    if (inet_pton(AF_INET6, text.c_str(), address.data()) == 1) return address;
+    if (inet_pton(AF_INET, text.c_str(), address.data()) == 1) {
+        return address;
+    }
+    if (inet_pton(AF_INET6, text.c_str(), address.data()) == 1) {
+        return address;
+    }
     throw usage_error(fmt::format("{}: '{}' is not an address", where.name, text));
 }
 
@@ -84,20 +90,26 @@ byte_buffer bytes_of_file(const argument& where, const std::string& name) {
         text.assign(std::istreambuf_iterator<char>(std::cin), {});
     } else {
         auto file = text_of_file(name);
-        if (!file) throw usage_error(fmt::format("{}: cannot read {}", where.name, name));
+        if (!file) {
+            throw usage_error(fmt::format("{}: cannot read {}", where.name, name));
+        }
         text = std::move(*file);
     }
     std::replace_if(
         text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r' || c == '\t'; }, ' ');
     const auto bytes = devkit::parse_hex(text);
-    if (!bytes) throw usage_error(fmt::format("{}: {} does not hold hexadecimal pairs", where.name, name));
+    if (!bytes) {
+        throw usage_error(fmt::format("{}: {} does not hold hexadecimal pairs", where.name, name));
+    }
     return *bytes;
 }
 
 byte_buffer ace_of(std::string_view text) {
     std::string error;
     const auto ace = ace::parse_ace(text, error);
-    if (!ace) throw usage_error("rule: " + error);
+    if (!ace) {
+        throw usage_error("rule: " + error);
+    }
     byte_buffer bytes(sizeof *ace);
     std::memcpy(bytes.data(), &*ace, sizeof *ace);
     return bytes;
@@ -108,13 +120,16 @@ byte_buffer field_bytes(const argument& where, std::string_view text) {
     switch (where.type) {
         case value_type::mac: {
             const auto mac = ace::parse_mac(text);
-            if (!mac) throw usage_error(fmt::format("{}: '{}' is not a MAC address", where.name, text));
+            if (!mac) {
+                throw usage_error(fmt::format("{}: '{}' is not a MAC address", where.name, text));
+            }
             return {mac->begin(), mac->end()};
         }
         case value_type::ipv4: {
             byte_buffer address(4);
-            if (inet_pton(AF_INET, word.c_str(), address.data()) != 1)
+            if (inet_pton(AF_INET, word.c_str(), address.data()) != 1) {
                 throw usage_error(fmt::format("{}: '{}' is not an IPv4 address", where.name, text));
+            }
             return address;
         }
         case value_type::address16:
@@ -207,8 +222,12 @@ std::optional<std::string> text_of_file(const std::string& name) {
     std::ifstream file(name);
     std::ostringstream text;
     // A directory opens, and fails only when it is read.
-    if (!file || (file.peek() != std::ifstream::traits_type::eof() && !(text << file.rdbuf()))) return {};
-    if (file.bad()) return {};
+    if (!file || (file.peek() != std::ifstream::traits_type::eof() && !(text << file.rdbuf()))) {
+        return {};
+    }
+    if (file.bad()) {
+        return {};
+    }
     return std::move(text).str();
 }
 
@@ -219,7 +238,9 @@ void store(const argument& where, std::string_view text, call_values& into) {
     }
     byte_buffer& record = into.records.at(static_cast<std::size_t>(where.record));
     const byte_buffer bytes = field_bytes(where, text);
-    if (record.empty()) record.resize(bytes.size());  // bytes of any number
+    if (record.empty()) {
+        record.resize(bytes.size());  // bytes of any number
+    }
     put_bytes(record, where.offset, bytes.data(), bytes.size());
 }
 
@@ -235,33 +256,48 @@ void store_initial(const argument& where, call_values& into) {
 void store_raw_field(std::string_view text, byte_buffer& record) {
     const auto colon = text.find(':');
     const auto equals = text.find('=');
-    if (colon == std::string_view::npos || equals == std::string_view::npos || equals < colon)
+    if (colon == std::string_view::npos || equals == std::string_view::npos || equals < colon) {
         throw usage_error(fmt::format("field: '{}' is not OFFSET:WIDTH=VALUE", text));
+    }
     const auto part = [&](std::string_view digits, std::uint64_t max) {
         const auto value = ace::parse_number(digits, 0, max);
-        if (!value) throw usage_error(fmt::format("field: '{}' in '{}' is no fitting number", digits, text));
+        if (!value) {
+            throw usage_error(fmt::format("field: '{}' in '{}' is no fitting number", digits, text));
+        }
         return *value;
     };
     const auto offset = static_cast<std::size_t>(part(text.substr(0, colon), record.size()));
     const auto width =
         static_cast<std::size_t>(part(text.substr(colon + 1, equals - colon - 1), record.size()));
     const std::string_view value = text.substr(equals + 1);
-    if (!value.starts_with("hex:")) return put_number(record, offset, width, part(value, largest(width)));
+    if (!value.starts_with("hex:")) {
+        return put_number(record, offset, width, part(value, largest(width)));
+    }
     const auto bytes = devkit::parse_hex(value.substr(4));
-    if (!bytes || bytes->size() != width)
+    if (!bytes || bytes->size() != width) {
         throw usage_error(fmt::format("field: '{}' does not hold {} bytes", text, width));
+    }
     put_bytes(record, offset, bytes->data(), bytes->size());
 }
 
 json shown(const argument& what, std::size_t scalar_index, const call_values& values) {
-    if (what.record == no_record)
+    if (what.record == no_record) {
         return scalar_index < values.scalars.size() ? json(values.scalars[scalar_index]) : json();
+    }
     const auto index = static_cast<std::size_t>(what.record);
-    if (index >= values.records.size()) return {};
+    if (index >= values.records.size()) {
+        return {};
+    }
     const byte_buffer& record = values.records[index];
-    if (what.type == value_type::rule) return shown_ace(record);
-    if (what.type == value_type::bytes) return hex_of(record);
-    if (!devkit::holds(record, what.offset, what.width)) return {};
+    if (what.type == value_type::rule) {
+        return shown_ace(record);
+    }
+    if (what.type == value_type::bytes) {
+        return hex_of(record);
+    }
+    if (!devkit::holds(record, what.offset, what.width)) {
+        return {};
+    }
     const auto begin = record.begin() + static_cast<std::ptrdiff_t>(what.offset);
     const byte_buffer bytes(begin, begin + static_cast<std::ptrdiff_t>(what.width));
     switch (what.type) {

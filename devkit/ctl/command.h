@@ -133,9 +133,15 @@ template <typename Parameter>
 void add_record_bytes(std::vector<std::size_t>& sizes) {
     if constexpr (std::is_pointer_v<Parameter>) {
         using target = std::remove_const_t<std::remove_pointer_t<Parameter>>;
-        if constexpr (is_record<target>) sizes.push_back(sizeof(target));
-        if constexpr (std::is_same_v<Parameter, const std::uint8_t*>) sizes.push_back(6);
-        if constexpr (std::is_same_v<Parameter, const byte_buffer*>) sizes.push_back(0);
+        if constexpr (is_record<target>) {
+            sizes.push_back(sizeof(target));
+        }
+        if constexpr (std::is_same_v<Parameter, const std::uint8_t*>) {
+            sizes.push_back(6);
+        }
+        if constexpr (std::is_same_v<Parameter, const byte_buffer*>) {
+            sizes.push_back(0);
+        }
     }
 }
 

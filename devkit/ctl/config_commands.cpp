@@ -232,8 +232,9 @@ std::vector<command> one_way_commands() {
 std::vector<command> config_commands() {
     std::vector<command> all;
     for (auto part :
-         {record_commands(), user_commands(), switch_commands(), channel_commands(), one_way_commands()})
+         {record_commands(), user_commands(), switch_commands(), channel_commands(), one_way_commands()}) {
         all.insert(all.end(), part.begin(), part.end());
+    }
     return all;
 }
 

@@ -58,7 +58,9 @@ class inbox {
     // Takes the oldest event; nothing when none came before the deadline.
     [[nodiscard]] std::optional<event> take(steady::time_point deadline) {
         std::unique_lock lock(mutex_);
-        if (!filled_.wait_until(lock, deadline, [this] { return !events_.empty(); })) return std::nullopt;
+        if (!filled_.wait_until(lock, deadline, [this] { return !events_.empty(); })) {
+            return std::nullopt;
+        }
         event oldest = std::move(events_.front());
         events_.pop_front();
         return oldest;

@@ -167,11 +167,16 @@ void on_dirchn(std::uint8_t add, std::uint32_t ip) {
 }
 
 std::string value_text(const json& value) {
-    if (value.is_string()) return value.get<std::string>();
-    if (!value.is_structured()) return value.dump();
+    if (value.is_string()) {
+        return value.get<std::string>();
+    }
+    if (!value.is_structured()) {
+        return value.dump();
+    }
     std::vector<std::string> parts;
-    for (const auto& [name, field] : value.items())
+    for (const auto& [name, field] : value.items()) {
         parts.push_back(value.is_array() ? value_text(field) : fmt::format("{}={}", name, value_text(field)));
+    }
     return value.is_array() ? fmt::format("[{}]", fmt::join(parts, ","))
                             : fmt::format("{{{}}}", fmt::join(parts, ","));
 }
@@ -196,8 +201,11 @@ void install_notifications(scc_handlers& handlers) {
 
 std::string notification_line(const json& notification) {
     std::string line = notification.value("notification", "");
-    for (const auto& [name, value] : notification.items())
-        if (name != "notification" && name != "type") line += fmt::format(" {}={}", name, value_text(value));
+    for (const auto& [name, value] : notification.items()) {
+        if (name != "notification" && name != "type") {
+            line += fmt::format(" {}={}", name, value_text(value));
+        }
+    }
     return line;
 }
 

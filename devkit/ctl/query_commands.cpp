@@ -44,10 +44,14 @@ std::uint32_t arp_check_users(std::uint32_t selector, std::uint32_t capacity, js
     std::vector<scc_arp_check_entry> users(std::max(capacity, 1u));
     auto count = static_cast<int>(capacity);
     const std::uint32_t result = scc_arp_check_user_data_get(selector, users.data(), &count);
-    if (result != 0) return result;
+    if (result != 0) {
+        return result;
+    }
     (*out)["count"] = count;
     json& list = (*out)["users"] = json::array();
-    for (int i = 0; i < count; ++i) list.push_back(shown_user(users[static_cast<std::size_t>(i)]));
+    for (int i = 0; i < count; ++i) {
+        list.push_back(shown_user(users[static_cast<std::size_t>(i)]));
+    }
     return 0;
 }
 

@@ -23,7 +23,9 @@ struct outcome {
     std::string problem;
 
     [[nodiscard]] int exit_status() const {
-        if (!answered) return exit_unreachable;
+        if (!answered) {
+            return exit_unreachable;
+        }
         return result == 0 ? exit_success : exit_refused;
     }
 };

@@ -32,8 +32,12 @@ json status_notification(std::uint32_t status) {
 
 // Prints one event and tells whether it counts as a notification.
 bool print_event(const event& arrived, const output_options& output) {
-    if (arrived.what == event::kind::status) print_notification(status_notification(arrived.number), output);
-    if (arrived.what == event::kind::notification) print_notification(arrived.notification, output);
+    if (arrived.what == event::kind::status) {
+        print_notification(status_notification(arrived.number), output);
+    }
+    if (arrived.what == event::kind::notification) {
+        print_notification(arrived.notification, output);
+    }
     return arrived.what == event::kind::notification;
 }
 
@@ -51,10 +55,14 @@ int run_watch(context& within, double seconds, std::uint64_t count) {
         std::uint64_t seen = 0;
         while (interrupted == 0 && (count == 0 || seen < count)) {
             const auto now = steady::now();
-            if (seconds > 0 && now >= until) return count == 0 ? exit_success : exit_unreachable;
+            if (seconds > 0 && now >= until) {
+                return count == 0 ? exit_success : exit_unreachable;
+            }
             const auto slice = now + interrupt_interval;
             const auto arrived = inbox::shared().take(seconds > 0 ? std::min(slice, until) : slice);
-            if (arrived && print_event(*arrived, within.output)) ++seen;
+            if (arrived && print_event(*arrived, within.output)) {
+                ++seen;
+            }
         }
         return exit_success;
     });
@@ -67,15 +75,18 @@ std::vector<std::string> shell_words(std::string_view line) {
     char quote = 0;
     for (const char c : line) {
         if (quote != 0) {
-            if (c == quote)
+            if (c == quote) {
                 quote = 0;
-            else
+            } else {
                 word += c;
+            }
         } else if (c == '"' || c == '\'') {
             quote = c;
             in_word = true;
         } else if (c == ' ' || c == '\t' || c == '\r') {
-            if (in_word) words.push_back(std::move(word));
+            if (in_word) {
+                words.push_back(std::move(word));
+            }
             word.clear();
             in_word = false;
         } else if (c == '#' && !in_word) {
@@ -85,8 +96,12 @@ std::vector<std::string> shell_words(std::string_view line) {
             in_word = true;
         }
     }
-    if (quote != 0) throw usage_error(fmt::format("the quote {} is not closed", quote));
-    if (in_word) words.push_back(std::move(word));
+    if (quote != 0) {
+        throw usage_error(fmt::format("the quote {} is not closed", quote));
+    }
+    if (in_word) {
+        words.push_back(std::move(word));
+    }
     return words;
 }
 
@@ -119,11 +134,19 @@ int run_shell(context& within) {
         int worst = exit_success;
         std::string line;
         while (true) {
-            if (prompts) fmt::print(stderr, "sccctl> ");
-            if (!std::getline(std::cin, line)) break;
+            if (prompts) {
+                fmt::print(stderr, "sccctl> ");
+            }
+            if (!std::getline(std::cin, line)) {
+                break;
+            }
             const auto words = words_of_line(line, within, worst);
-            if (words.empty()) continue;
-            if (words[0] == "exit" || words[0] == "quit") break;
+            if (words.empty()) {
+                continue;
+            }
+            if (words[0] == "exit" || words[0] == "quit") {
+                break;
+            }
             worst = std::max(worst, run_line(words, registered, within));
         }
         return worst;

@@ -32,11 +32,17 @@ bool sets(const client_request& request, std::size_t offset) {
 u64* own_counter(daemon_core& daemon, const client_request& request, bool of_ace, u32& result) {
     acl_entry* const acl = daemon.acls.find(devkit::key_at(request.value, key_offset));
     result = acl == nullptr ? result::no_such_acl : result::ok;
-    if (acl == nullptr) return nullptr;
-    if (!of_ace) return &acl->counter;
+    if (acl == nullptr) {
+        return nullptr;
+    }
+    if (!of_ace) {
+        return &acl->counter;
+    }
     ace_entry* const ace = acl_store::find_ace(*acl, devkit::u64_at(request.value, 24));
     // Only the service knows what an ACE number means to the hardware.
-    if (ace == nullptr && !daemon.bridge.present()) result = result::no_such_ace;
+    if (ace == nullptr && !daemon.bridge.present()) {
+        result = result::no_such_ace;
+    }
     return ace == nullptr ? nullptr : &ace->counter;
 }
 
@@ -66,7 +72,9 @@ void get_counter(daemon_core& daemon, const client_request& request, bool of_ace
 void reset_counter(daemon_core& daemon, const client_request& request, bool of_ace) {
     u32 refused = result::ok;
     u64* const own = own_counter(daemon, request, of_ace, refused);
-    if (own != nullptr) *own = 0;
+    if (own != nullptr) {
+        *own = 0;
+    }
     std::vector<service_operation> reset = forwarded(request, 40);
     devkit::write_at(reset.front().value, 32, 0u);
     daemon.carry_out(request.ticket, {refused, {}}, std::move(reset));
@@ -122,7 +130,9 @@ void user_vmsup_get(daemon_core& daemon, const client_request& request) {
 
 void filter_counter_reset(daemon_core& daemon, const client_request& request) {
     acl_entry* const acl = daemon.acls.find(devkit::key_at(request.value, key_offset));
-    if (acl != nullptr) acl->filter_counter = 0;
+    if (acl != nullptr) {
+        acl->filter_counter = 0;
+    }
     daemon.answer(request.ticket, acl == nullptr ? result::no_such_acl : result::ok);
 }
 

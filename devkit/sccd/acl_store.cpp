@@ -48,7 +48,9 @@ struct old_numbers {
 
 old_numbers numbers_of(const acl_entry& acl) {
     old_numbers old{acl.sn_start, acl.sn_increment, {}};
-    for (const auto& [sn, ace] : acl.aces) old.sn_by_serial.emplace(ace.serial, sn);
+    for (const auto& [sn, ace] : acl.aces) {
+        old.sn_by_serial.emplace(ace.serial, sn);
+    }
     return old;
 }
 
@@ -100,13 +102,17 @@ acl_entry* acl_store::find(const acl_identity& key) {
 
 ace_entry* acl_store::find_ace(acl_entry& acl, u64 number) {
     for (auto& [sn, ace] : acl.aces) {
-        if (sn == number || ace.id == number) return &ace;
+        if (sn == number || ace.id == number) {
+            return &ace;
+        }
     }
     return nullptr;
 }
 
 state_change acl_store::create(const acl_identity& key, byte_view creation) {
-    if (find(key) != nullptr) return state_change::refused(result::acl_exists);
+    if (find(key) != nullptr) {
+        return state_change::refused(result::acl_exists);
+    }
     acl_entry& acl = acls_[key];
     const u64 serial = ++last_serial_;
     acl.serial = serial;
@@ -114,13 +120,17 @@ state_change acl_store::create(const acl_identity& key, byte_view creation) {
     acl.creation = devkit::to_bytes(creation);
     return state_change::made([this, key, serial] {
         const acl_entry* const created = find(key);
-        if (created != nullptr && created->serial == serial) acls_.erase(key);
+        if (created != nullptr && created->serial == serial) {
+            acls_.erase(key);
+        }
     });
 }
 
 state_change acl_store::remove(const acl_identity& key) {
     const auto acl = acls_.find(key);
-    if (acl == acls_.end()) return state_change::refused(result::no_such_acl);
+    if (acl == acls_.end()) {
+        return state_change::refused(result::no_such_acl);
+    }
     acl_entry removed = std::move(acl->second);
     acls_.erase(acl);
     user_acl_map unbound = bindings_of(key);
@@ -134,51 +144,73 @@ state_change acl_store::remove(const acl_identity& key) {
 
 state_change acl_store::add_ace(const acl_identity& key, byte_view record) {
     acl_entry* acl = find(key);
-    if (acl == nullptr) return state_change::refused(result::no_such_acl);
+    if (acl == nullptr) {
+        return state_change::refused(result::no_such_acl);
+    }
     const u32 sn = devkit::u32_at(record, devkit::ace_record::sn);
     const u32 id = devkit::u32_at(record, devkit::ace_record::id);
-    if (find_exact(*acl, sn, id) != acl->aces.end()) return state_change::refused(result::ace_exists);
+    if (find_exact(*acl, sn, id) != acl->aces.end()) {
+        return state_change::refused(result::ace_exists);
+    }
     const u64 serial = ++last_serial_;
     acl->aces.emplace(sn, ace_entry{serial, id, 0, devkit::to_bytes(record)});
     return state_change::made([this, key, serial] {
-        if (acl_entry* changed = find(key)) erase_serial(*changed, serial);
+        if (acl_entry* changed = find(key)) {
+            erase_serial(*changed, serial);
+        }
     });
 }
 
 state_change acl_store::remove_ace(const acl_identity& key, byte_view record) {
     acl_entry* acl = find(key);
-    if (acl == nullptr) return state_change::refused(result::no_such_acl);
+    if (acl == nullptr) {
+        return state_change::refused(result::no_such_acl);
+    }
     const u32 sn = devkit::u32_at(record, devkit::ace_record::sn);
     const auto ace = find_exact(*acl, sn, devkit::u32_at(record, devkit::ace_record::id));
-    if (ace == acl->aces.end()) return state_change::refused(result::no_such_ace);
+    if (ace == acl->aces.end()) {
+        return state_change::refused(result::no_such_ace);
+    }
     ace_entry removed = std::move(ace->second);
     acl->aces.erase(ace);
     return state_change::made([this, key, sn, removed = std::move(removed)] {
-        if (acl_entry* changed = find(key)) changed->aces.emplace(sn, removed);
+        if (acl_entry* changed = find(key)) {
+            changed->aces.emplace(sn, removed);
+        }
     });
 }
 
 state_change acl_store::apply(byte_view record) {
     const acl_identity key = devkit::key_at(record, 0);
     acl_entry* acl = find(key);
-    if (acl == nullptr) return state_change::refused(result::no_such_acl);
+    if (acl == nullptr) {
+        return state_change::refused(result::no_such_acl);
+    }
     const entity_key entity = entity_of(record);
     if (!acl->applies.emplace(entity, devkit::to_bytes(record)).second) {
         return state_change::refused(result::already_applied);
     }
     return state_change::made([this, key, entity] {
-        if (acl_entry* changed = find(key)) changed->applies.erase(entity);
+        if (acl_entry* changed = find(key)) {
+            changed->applies.erase(entity);
+        }
     });
 }
 
 state_change acl_store::unapply(byte_view record) {
     const acl_identity key = devkit::key_at(record, 0);
     acl_entry* acl = find(key);
-    if (acl == nullptr) return state_change::refused(result::no_such_acl);
+    if (acl == nullptr) {
+        return state_change::refused(result::no_such_acl);
+    }
     const entity_key entity = entity_of(record);
-    if (acl->applies.erase(entity) == 0) return state_change::refused(result::not_applied);
+    if (acl->applies.erase(entity) == 0) {
+        return state_change::refused(result::not_applied);
+    }
     return state_change::made([this, key, entity, removed = devkit::to_bytes(record)] {
-        if (acl_entry* changed = find(key)) changed->applies.emplace(entity, removed);
+        if (acl_entry* changed = find(key)) {
+            changed->applies.emplace(entity, removed);
+        }
     });
 }
 
@@ -187,13 +219,17 @@ state_change acl_store::resequence(const acl_identity& key, u32 start, u32 incre
         return state_change::refused(result::invalid_argument);
     }
     acl_entry* acl = find(key);
-    if (acl == nullptr) return state_change::refused(result::no_such_acl);
+    if (acl == nullptr) {
+        return state_change::refused(result::no_such_acl);
+    }
     old_numbers old = numbers_of(*acl);
     acl->aces = renumbered(std::move(acl->aces), start, increment);
     acl->sn_start = start;
     acl->sn_increment = increment;
     return state_change::made([this, key, old = std::move(old)] {
-        if (acl_entry* changed = find(key)) put_numbers_back(*changed, old);
+        if (acl_entry* changed = find(key)) {
+            put_numbers_back(*changed, old);
+        }
     });
 }
 
@@ -220,7 +256,9 @@ void acl_store::unbind_all_users(const acl_identity& key) {
 acl_store::user_acl_map acl_store::bindings_of(const acl_identity& key) const {
     user_acl_map bindings;
     for (const auto& entry : user_acls_) {
-        if (binds(entry.second, key)) bindings.insert(entry);
+        if (binds(entry.second, key)) {
+            bindings.insert(entry);
+        }
     }
     return bindings;
 }

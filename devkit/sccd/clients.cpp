@@ -45,7 +45,9 @@ void client_sockets::accept(int descriptor) {
 void client_sockets::input(peer_socket& peer) {
     while (peer.stream->open()) {
         const message_frame frame = devkit::first_frame(peer.stream->input(), received_message_max_bytes);
-        if (frame.state == frame_state::incomplete) return;
+        if (frame.state == frame_state::incomplete) {
+            return;
+        }
         if (frame.state == frame_state::broken) {
             trace_.note(fmt::format("socket {} (app {}) is closed: {}, {}", peer.id, app_of(peer),
                                     frame.problem, frame.len));
@@ -57,7 +59,9 @@ void client_sockets::input(peer_socket& peer) {
                                     frame.problem));
         }
         for (const wire_item& item : frame.items) {
-            if (!peer.stream->open()) break;
+            if (!peer.stream->open()) {
+                break;
+            }
             take_item(peer, item);
         }
         peer.stream->consume(frame.len);
@@ -67,16 +71,24 @@ void client_sockets::input(peer_socket& peer) {
 
 void client_sockets::closed(peer_id id) {
     peer_socket* const peer = find(id);
-    if (peer == nullptr) return;
+    if (peer == nullptr) {
+        return;
+    }
     trace_.note(fmt::format("socket {} (app {}) closed", id, app_of(*peer)));
-    if (peer->client != 0) end_registration(peer->client, true);
+    if (peer->client != 0) {
+        end_registration(peer->client, true);
+    }
     peers_.erase(id);
 }
 
 void client_sockets::take_item(peer_socket& peer, const wire_item& item) {
     trace_received(peer, item);
-    if (item.type == msg::registration) return take_registration(peer, item);
-    if (item.type == msg::unregistration) return take_unregistration(peer, item);
+    if (item.type == msg::registration) {
+        return take_registration(peer, item);
+    }
+    if (item.type == msg::unregistration) {
+        return take_unregistration(peer, item);
+    }
     const client_entry* const client = registry_.find(peer.client);
     if (client == nullptr) {
         trace_.note(fmt::format("ignored: socket {} is not registered", peer.id));
@@ -86,26 +98,34 @@ void client_sockets::take_item(peer_socket& peer, const wire_item& item) {
 }
 
 void client_sockets::take_registration(peer_socket& peer, const wire_item& item) {
-    if (faults_.take_mute(item.type)) return;
+    if (faults_.take_mute(item.type)) {
+        return;
+    }
     const client_registration registration{devkit::u32_at(item.value, 0), devkit::u32_at(item.value, 4),
                                            devkit::read_at<u8>(item.value, 8),
                                            devkit::read_at<u8>(item.value, 9) == 1};
     u32 owner_pid = 0;
     u32 refused =
         item.value.size() < registration_bytes ? result::invalid_argument : refusal(registration, owner_pid);
-    if (const auto failure = faults_.take_failure(item.type)) refused = *failure;
+    if (const auto failure = faults_.take_failure(item.type)) {
+        refused = *failure;
+    }
     if (refused != result::ok) {
         send_now(peer, msg::registration, registration_reply(refused, owner_pid));
         return;
     }
     // The same socket registering once more starts its client anew.
-    if (peer.client != 0) end_registration(std::exchange(peer.client, 0), false);
+    if (peer.client != 0) {
+        end_registration(std::exchange(peer.client, 0), false);
+    }
     drop_if_outlived(registration);
     const client_entry client = registry_.bind(registration, peer.id);
     peer.client = client.id;
     peer.sync = registration.sync;
     send_now(peer, msg::registration, registration_reply(result::ok, 0));
-    if (client.complete()) hooks_.ready(client);
+    if (client.complete()) {
+        hooks_.ready(client);
+    }
 }
 
 u32 client_sockets::refusal(const client_registration& registration, u32& owner_pid) {
@@ -113,8 +133,12 @@ u32 client_sockets::refusal(const client_registration& registration, u32& owner_
         return result::registration_rejected;
     }
     const client_entry* const holder = registry_.find_app(registration.app_id);
-    if (holder == nullptr || holder->pid == registration.pid) return result::ok;
-    if (!reachable(holder->sync != 0 ? holder->sync : holder->async)) return result::ok;
+    if (holder == nullptr || holder->pid == registration.pid) {
+        return result::ok;
+    }
+    if (!reachable(holder->sync != 0 ? holder->sync : holder->async)) {
+        return result::ok;
+    }
     owner_pid = holder->pid;
     return result::already_registered;
 }
@@ -123,15 +147,21 @@ u32 client_sockets::refusal(const client_registration& registration, u32& owner_
 // whose end has not been noticed yet.
 void client_sockets::drop_if_outlived(const client_registration& registration) {
     const client_entry* const holder = registry_.find_app(registration.app_id);
-    if (holder == nullptr) return;
+    if (holder == nullptr) {
+        return;
+    }
     const peer_id same_socket = registration.sync ? holder->sync : holder->async;
     const peer_id other_socket = registration.sync ? holder->async : holder->sync;
     const bool outlived = holder->pid != registration.pid || same_socket != 0 || !reachable(other_socket);
-    if (outlived) end_registration(holder->id, true);
+    if (outlived) {
+        end_registration(holder->id, true);
+    }
 }
 
 void client_sockets::take_unregistration(peer_socket& peer, const wire_item& item) {
-    if (faults_.take_mute(item.type)) return;
+    if (faults_.take_mute(item.type)) {
+        return;
+    }
     const client_entry* const client = registry_.find(peer.client);
     const bool known = client != nullptr && client->app_id == devkit::u32_at(item.value, 0);
     const u32 outcome =
@@ -139,19 +169,27 @@ void client_sockets::take_unregistration(peer_socket& peer, const wire_item& ite
     byte_buffer value(8, 0);
     devkit::write_at(value, 4, outcome);
     send_now(peer, msg::unregistration, value);
-    if (outcome == result::ok && known) end_registration(client->id, false);
+    if (outcome == result::ok && known) {
+        end_registration(client->id, false);
+    }
 }
 
 void client_sockets::end_registration(client_id id, bool close_sockets) {
     const client_entry* const found = registry_.find(id);
-    if (found == nullptr) return;
+    if (found == nullptr) {
+        return;
+    }
     const client_entry client = *found;
     registry_.erase(id);
     for (const peer_id socket : {client.sync, client.async}) {
         peer_socket* const peer = find(socket);
-        if (peer == nullptr) continue;
+        if (peer == nullptr) {
+            continue;
+        }
         peer->client = 0;
-        if (close_sockets) peer->stream->close();
+        if (close_sockets) {
+            peer->stream->close();
+        }
     }
     trace_.note(fmt::format("app {} (pid {}) is no longer registered", client.app_id, client.pid));
     hooks_.gone(client);
@@ -165,9 +203,13 @@ void client_sockets::send_async(client_id id, u16 sub_id, u16 type, byte_view va
         return;
     }
     trace_sent(*peer, {sub_id, type, value});
-    if (!peer->batch.fits(value.size(), sent_message_max_bytes)) flush_peer(*peer);
+    if (!peer->batch.fits(value.size(), sent_message_max_bytes)) {
+        flush_peer(*peer);
+    }
     if (peer->batch.empty()) {
-        if (with_batch_.empty()) loop_.defer([this] { flush(); });
+        if (with_batch_.empty()) {
+            loop_.defer([this] { flush(); });
+        }
         with_batch_.push_back(peer->id);
     }
     peer->batch.add(sub_id, type, value);
@@ -190,12 +232,16 @@ void client_sockets::send_now(peer_socket& peer, u16 type, byte_view value) {
 
 void client_sockets::flush() {
     for (const peer_id id : std::exchange(with_batch_, {})) {
-        if (peer_socket* const peer = find(id)) flush_peer(*peer);
+        if (peer_socket* const peer = find(id)) {
+            flush_peer(*peer);
+        }
     }
 }
 
 void client_sockets::flush_peer(peer_socket& peer) {
-    if (!peer.batch.empty()) peer.stream->send(peer.batch.take());
+    if (!peer.batch.empty()) {
+        peer.stream->send(peer.batch.take());
+    }
 }
 
 client_sockets::peer_socket* client_sockets::find(peer_id id) {
@@ -214,12 +260,16 @@ u32 client_sockets::app_of(const peer_socket& peer) {
 }
 
 std::string_view client_sockets::socket_name(const peer_socket& peer) {
-    if (peer.client == 0) return "new";
+    if (peer.client == 0) {
+        return "new";
+    }
     return peer.sync ? "sync" : "async";
 }
 
 void client_sockets::trace_received(const peer_socket& peer, const wire_item& item) {
-    if (!trace_.enabled()) return;
+    if (!trace_.enabled()) {
+        return;
+    }
     const u32 app = app_of(peer);
     const message_route route =
         app == limits::service_app_id ? message_route::report : message_route::request;
@@ -227,7 +277,9 @@ void client_sockets::trace_received(const peer_socket& peer, const wire_item& it
 }
 
 void client_sockets::trace_sent(const peer_socket& peer, const wire_item& item) {
-    if (!trace_.enabled()) return;
+    if (!trace_.enabled()) {
+        return;
+    }
     const u32 app = app_of(peer);
     const message_route route =
         app == limits::service_app_id ? message_route::operation : message_route::to_client;

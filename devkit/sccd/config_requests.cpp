@@ -37,9 +37,13 @@ std::vector<service_operation> user_operations(byte_view record, bool add, const
     std::vector<service_operation> operations;
     const bool moved = add && before != nullptr &&
                        devkit::u32_at(*before, config::ifx) != devkit::u32_at(record, config::ifx);
-    if (moved) operations.push_back(nac_user_operation(*before, false));
+    if (moved) {
+        operations.push_back(nac_user_operation(*before, false));
+    }
     operations.push_back(nac_user_operation(add || before == nullptr ? record : byte_view(*before), add));
-    if (moved) operations.back().scc_type = static_cast<u16>(operations.back().scc_type + second_step);
+    if (moved) {
+        operations.back().scc_type = static_cast<u16>(operations.back().scc_type + second_step);
+    }
     return operations;
 }
 
@@ -73,7 +77,9 @@ void http_dport(daemon_core& daemon, const client_request& request) {
     const bool add = devkit::u32_at(request.value, 8) != 0;
     std::set<u32>& ports = daemon.settings.http_ports;
     const bool known = ports.contains(port);
-    if (!add && !known) return daemon.answer(request.ticket, result::no_such_http_port);
+    if (!add && !known) {
+        return daemon.answer(request.ticket, result::no_such_http_port);
+    }
     if (add) {
         ports.insert(port);
     } else {
@@ -106,7 +112,9 @@ void nac_app(daemon_core& daemon, const client_request& request) {
                               devkit::u32_at(record, config::vid)};
     const u32 word = devkit::u32_at(record, config::operation);
     // The service drops such types without a word; nobody should wait for it.
-    if (app.type >= limits::nacm_types) return daemon.answer(request.ticket, result::invalid_argument);
+    if (app.type >= limits::nacm_types) {
+        return daemon.answer(request.ticket, result::invalid_argument);
+    }
     const bool removes = word == devkit::user_operation::remove;
     state_change change =
         set_entry(daemon.settings.nac_apps, app, removes ? std::nullopt : std::optional<u32>(word));
@@ -133,7 +141,9 @@ void arp_entry(daemon_core& daemon, const client_request& request) {
 void global_eport(daemon_core& daemon, const client_request& request) {
     const u32 ifx = devkit::u32_at(request.value, 4);
     const u32 value = devkit::u32_at(request.value, 8);
-    if (ifx == 0 || ifx > limits::ifx_max) return daemon.answer(request.ticket, result::invalid_argument);
+    if (ifx == 0 || ifx > limits::ifx_max) {
+        return daemon.answer(request.ticket, result::invalid_argument);
+    }
     state_change change =
         set_entry(daemon.settings.egress_ports, ifx, value == 0 ? std::nullopt : std::optional<u32>(value));
     daemon.carry_out(request.ticket, std::move(change),
@@ -177,7 +187,9 @@ void direct_vlan(daemon_core& daemon, const client_request& request) {
 }
 
 void data_recover(daemon_core& daemon, const client_request& request) {
-    if (!daemon.bridge.present()) return;
+    if (!daemon.bridge.present()) {
+        return;
+    }
     daemon.bridge.submit(one(operation_of(msg::data_recover, msg::data_recover, request.value, 16)), {});
 }
 
@@ -217,11 +229,15 @@ void arp_check_user_data(daemon_core& daemon, const client_request& request) {
 void nac_user_get(daemon_core& daemon, const client_request& request) {
     const byte_view asked = config_of(request);
     const byte_buffer* const user = daemon.users.find_user(devkit::mac_at(asked, config::mac));
-    if (user == nullptr) return daemon.reply(request.ticket, user_reply(asked, result::not_found));
+    if (user == nullptr) {
+        return daemon.reply(request.ticket, user_reply(asked, result::not_found));
+    }
     // The caller finds its own operation word again, not that of the addition.
     byte_buffer found = *user;
     devkit::write_at(found, config::operation, devkit::user_operation::get);
-    if (!daemon.bridge.present()) return daemon.reply(request.ticket, user_reply(found, result::ok));
+    if (!daemon.bridge.present()) {
+        return daemon.reply(request.ticket, user_reply(found, result::ok));
+    }
 
     service_operation read{msg::nacm_user_read, msg::nac_user_get, byte_buffer(96, 0)};
     devkit::copy_at(read.value, 8, service_user_entry(found));

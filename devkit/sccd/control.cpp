@@ -34,7 +34,9 @@ void control_server::take_lines(control_session& session) {
         const byte_view input = session.stream->input();
         const auto end = std::find(input.begin(), input.end(), u8{'\n'});
         if (end == input.end()) {
-            if (input.size() > line_max_bytes) session.stream->close();
+            if (input.size() > line_max_bytes) {
+                session.stream->close();
+            }
             return;
         }
         const std::string line(input.begin(), end);
@@ -46,20 +48,26 @@ void control_server::take_lines(control_session& session) {
 void control_server::take_line(control_session& session, const std::string& line) {
     session.waiting = true;
     const json request = json::parse(line, nullptr, false);
-    if (!request.is_object()) return reply(session.id, control_failure("not a JSON object"));
+    if (!request.is_object()) {
+        return reply(session.id, control_failure("not a JSON object"));
+    }
     run_control_command(daemon_, request, [this, id = session.id](const json& answer) { reply(id, answer); });
 }
 
 void control_server::reply(u64 id, const json& answer) {
     const auto session = sessions_.find(id);
-    if (session == sessions_.end()) return;
+    if (session == sessions_.end()) {
+        return;
+    }
     std::string text = answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
     session->second->stream->send({text.begin(), text.end()});
     session->second->waiting = false;
     // What came in while the answer was awaited is taken at the end of the turn.
     daemon_.loop.defer([this, id] {
         const auto waiting = sessions_.find(id);
-        if (waiting != sessions_.end()) take_lines(*waiting->second);
+        if (waiting != sessions_.end()) {
+            take_lines(*waiting->second);
+        }
     });
 }
 

@@ -45,14 +45,18 @@ json nobody(u32 app_id) {
 
 // Fails the call when a field could not be read.
 bool understood(const command_call& call) {
-    if (call.fields.problem().empty()) return true;
+    if (call.fields.problem().empty()) {
+        return true;
+    }
     call.reply(control_failure(call.fields.problem()));
     return false;
 }
 
 // Sends to one application or the service, or (0) to every application; fails when nobody is there.
 void send_to(const command_call& call, u32 app_id, u16 sub_id, u16 type, byte_view value) {
-    if (!understood(call)) return;
+    if (!understood(call)) {
+        return;
+    }
     if (app_id == 0) {
         const std::vector<client_entry> applications = call.daemon.clients.registry().applications();
         for (const client_entry& client : applications) {
@@ -63,7 +67,9 @@ void send_to(const command_call& call, u32 app_id, u16 sub_id, u16 type, byte_vi
         return call.reply(answer);
     }
     const client_entry* const client = call.daemon.clients.registry().find_app(app_id);
-    if (client == nullptr || client->async == 0) return call.reply(nobody(app_id));
+    if (client == nullptr || client->async == 0) {
+        return call.reply(nobody(app_id));
+    }
     call.daemon.clients.send_async(client->id, sub_id, type, value);
     json answer = success();
     answer["sent"] = 1;
@@ -94,10 +100,14 @@ void notify(const command_call& call) {
 void notify_named(const command_call& call) {
     const std::string name = call.fields.text("name");
     const u32 to = call.fields.number32("to");
-    if (!understood(call)) return;
+    if (!understood(call)) {
+        return;
+    }
     std::string problem;
     const std::optional<notification_item> notification = named_notification(name, call.request, problem);
-    if (!notification) return call.reply(control_failure(problem));
+    if (!notification) {
+        return call.reply(control_failure(problem));
+    }
     send_to(call, to, 0, notification->type, notification->value);
 }
 
@@ -144,9 +154,13 @@ json statistics(byte_view answer) {
 void ask(const command_call& call, u16 type) {
     const u32 app_id = call.fields.number32("app");
     const u32 limit_ms = call.fields.number32("timeout_ms", probe_timeout_ms);
-    if (!understood(call)) return;
+    if (!understood(call)) {
+        return;
+    }
     const client_entry* const client = call.daemon.clients.registry().find_app(app_id);
-    if (client == nullptr || !client->complete()) return call.reply(nobody(app_id));
+    if (client == nullptr || !client->complete()) {
+        return call.reply(nobody(app_id));
+    }
     call.daemon.probe(client->id, type, std::chrono::milliseconds(limit_ms),
                       [reply = call.reply, type, app_id](std::optional<byte_view> answer) {
                           if (!answer) {
@@ -157,7 +171,9 @@ void ask(const command_call& call, u16 type) {
                           }
                           json result = success();
                           result["app"] = devkit::u32_at(*answer, 0);
-                          if (type == msg::info_collect) result["entries"] = statistics(*answer);
+                          if (type == msg::info_collect) {
+                              result["entries"] = statistics(*answer);
+                          }
                           reply(result);
                       });
 }
@@ -179,8 +195,12 @@ void fail_next(const command_call& call) {
     const u16 type = call.fields.number16("type");
     const u32 result = call.fields.number32("result");
     const u32 count = call.fields.number32("count", 1);
-    if (count == 0) call.fields.refuse("count", "must not be 0");
-    if (!understood(call)) return;
+    if (count == 0) {
+        call.fields.refuse("count", "must not be 0");
+    }
+    if (!understood(call)) {
+        return;
+    }
     call.daemon.faults.fail_next(type, result, count);
     call.reply(success());
 }
@@ -188,15 +208,21 @@ void fail_next(const command_call& call) {
 void mute(const command_call& call) {
     const u16 type = call.fields.number16("type");
     const u32 count = call.fields.number32("count", 1);
-    if (count == 0) call.fields.refuse("count", "must not be 0");
-    if (!understood(call)) return;
+    if (count == 0) {
+        call.fields.refuse("count", "must not be 0");
+    }
+    if (!understood(call)) {
+        return;
+    }
     call.daemon.faults.mute(type, count);
     call.reply(success());
 }
 
 void unmute(const command_call& call) {
     const u16 type = call.fields.number16("type");
-    if (!understood(call)) return;
+    if (!understood(call)) {
+        return;
+    }
     if (call.fields.has("type")) {
         call.daemon.faults.unmute(type);
     } else {
@@ -232,19 +258,33 @@ void set_counters(const command_call& call) {
     const u64 filter = call.fields.number("filter");
     const u64 ace_number = call.fields.number("sn");
     const u64 ace_counter = call.fields.number("ace");
-    if (!understood(call)) return;
+    if (!understood(call)) {
+        return;
+    }
     acl_entry* const acl = call.daemon.acls.find(key);
-    if (acl == nullptr) return call.reply(control_failure("no such ACL"));
+    if (acl == nullptr) {
+        return call.reply(control_failure("no such ACL"));
+    }
     ace_entry* const ace = call.fields.has("ace") ? acl_store::find_ace(*acl, ace_number) : nullptr;
-    if (call.fields.has("ace") && ace == nullptr) return call.reply(control_failure("no such ACE"));
-    if (call.fields.has("acl")) acl->counter = counter;
-    if (call.fields.has("filter")) acl->filter_counter = filter;
-    if (ace != nullptr) ace->counter = ace_counter;
+    if (call.fields.has("ace") && ace == nullptr) {
+        return call.reply(control_failure("no such ACE"));
+    }
+    if (call.fields.has("acl")) {
+        acl->counter = counter;
+    }
+    if (call.fields.has("filter")) {
+        acl->filter_counter = filter;
+    }
+    if (ace != nullptr) {
+        ace->counter = ace_counter;
+    }
     call.reply(success());
 }
 
 void counters(const command_call& call) {
-    if (call.fields.has("id")) return set_counters(call);
+    if (call.fields.has("id")) {
+        return set_counters(call);
+    }
     dump(call, "counters", dump_counters(call.daemon.acls));
 }
 
@@ -291,9 +331,13 @@ const std::array<command_row, names::commands.size()>& rows() {
 // Why the request's fields are not those of the command; empty when they are.
 std::string problem_with_fields(const command_row& row, const json& request) {
     for (const std::string_view name : row.required) {
-        if (!request.contains(name)) return fmt::format("{} is missing", name);
+        if (!request.contains(name)) {
+            return fmt::format("{} is missing", name);
+        }
     }
-    if (row.knows_its_fields) return {};
+    if (row.knows_its_fields) {
+        return {};
+    }
     word_list known = row.required;
     known.insert(known.end(), row.optional.begin(), row.optional.end());
     return unexpected_field(row.name, request, {"do"}, known);
@@ -315,7 +359,9 @@ void run_control_command(daemon_core& daemon, const json& request, const control
             fmt::format("no command '{}'; there are {}", name, fmt::join(names::commands, ", "))));
     }
     const std::string problem = problem_with_fields(*row, request);
-    if (!problem.empty()) return reply(control_failure(problem));
+    if (!problem.empty()) {
+        return reply(control_failure(problem));
+    }
     row->run({daemon, fields, request, reply});
 }
 

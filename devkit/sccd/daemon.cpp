@@ -43,7 +43,9 @@ daemon_core::daemon_core(const daemon_options& options)
 }
 
 daemon_core::~daemon_core() {
-    if (signals_ >= 0) ::close(signals_);
+    if (signals_ >= 0) {
+        ::close(signals_);
+    }
 }
 
 void daemon_core::run() {
@@ -57,26 +59,38 @@ void daemon_core::watch_signals() {
     sigaddset(&ending, SIGINT);
     ::sigprocmask(SIG_BLOCK, &ending, nullptr);
     signals_ = ::signalfd(-1, &ending, SFD_NONBLOCK | SFD_CLOEXEC);
-    if (signals_ < 0) throw std::runtime_error(std::string("signalfd: ") + std::strerror(errno));
+    if (signals_ < 0) {
+        throw std::runtime_error(std::string("signalfd: ") + std::strerror(errno));
+    }
     loop.watch(signals_, EPOLLIN, [this](std::uint32_t) { loop.stop(); });
 }
 
 void daemon_core::take_item(const client_entry& client, const wire_item& item) {
-    if (item.type == msg::is_alive || item.type == msg::info_collect) return take_probe_answer(client, item);
-    if (client.is_service() && take_report(*this, client, item)) return;
+    if (item.type == msg::is_alive || item.type == msg::info_collect) {
+        return take_probe_answer(client, item);
+    }
+    if (client.is_service() && take_report(*this, client, item)) {
+        return;
+    }
     take_request(*this, client, item);
 }
 
 void daemon_core::client_ready(const client_entry& client) {
-    if (!client.is_service()) return;
+    if (!client.is_service()) {
+        return;
+    }
     bridge.attach(client.id);
     const bool had_something =
         !acls.acls().empty() || !users.users().empty() || !settings.nothing_for_service();
-    if (had_something) recover_service();
+    if (had_something) {
+        recover_service();
+    }
 }
 
 void daemon_core::client_gone(const client_entry& client) {
-    if (client.is_service() && client.complete()) bridge.detach();
+    if (client.is_service() && client.complete()) {
+        bridge.detach();
+    }
     for (auto probe = probes_.begin(); probe != probes_.end();) {
         if (probe->client != client.id) {
             ++probe;
@@ -90,10 +104,14 @@ void daemon_core::client_gone(const client_entry& client) {
 }
 
 void daemon_core::answer(const request_ticket& ticket, u32 result) {
-    if (ticket.type->answer == answer_kind::none) return;
+    if (ticket.type->answer == answer_kind::none) {
+        return;
+    }
     byte_buffer value(ticket.type->reply_bytes, 0);
     devkit::write_at(value, ticket.type->result_offset, result);
-    if (ticket.type->answer == answer_kind::reply) return reply(ticket, value);
+    if (ticket.type->answer == answer_kind::reply) {
+        return reply(ticket, value);
+    }
     devkit::write_at(value, 0, ticket.call_id);
     clients.send_async(ticket.client, 0, ticket.type->reply_type, value);
 }
@@ -104,22 +122,32 @@ void daemon_core::reply(const request_ticket& ticket, byte_view value) {
 
 void daemon_core::carry_out(const request_ticket& ticket, state_change change,
                             std::vector<service_operation> operations, std::function<void()> succeeded) {
-    if (change.result != result::ok) return answer(ticket, change.result);
+    if (change.result != result::ok) {
+        return answer(ticket, change.result);
+    }
     if (!bridge.present()) {
         answer(ticket, result::ok);
-        if (succeeded) succeeded();
+        if (succeeded) {
+            succeeded();
+        }
         return;
     }
     bridge.submit(std::move(operations), [this, ticket, undo = std::move(change.undo),
                                           succeeded = std::move(succeeded)](const service_outcome& outcome) {
-        if (outcome.result != result::ok && undo) undo();
+        if (outcome.result != result::ok && undo) {
+            undo();
+        }
         answer(ticket, outcome.result);
-        if (outcome.result == result::ok && succeeded) succeeded();
+        if (outcome.result == result::ok && succeeded) {
+            succeeded();
+        }
     });
 }
 
 void daemon_core::fetch() {
-    if (recovery_is_coming_) return trace.note("the recovery that is fetched is on its way");
+    if (recovery_is_coming_) {
+        return trace.note("the recovery that is fetched is on its way");
+    }
     recover_service();
 }
 
@@ -136,7 +164,9 @@ void daemon_core::recover_service() {
         single.push_back(std::move(operation));
         bridge.submit(std::move(single), [this, name = row->name](const service_outcome& outcome) {
             recovery_is_coming_ = false;  // results come in the order of the operations, the start's first
-            if (outcome.result == result::ok) return;
+            if (outcome.result == result::ok) {
+                return;
+            }
             trace.note("recovery: " + std::string(name) + " failed with " + std::to_string(outcome.result));
         });
     }
@@ -144,7 +174,9 @@ void daemon_core::recover_service() {
 
 void daemon_core::notify_applications(u16 type, byte_view value, client_id except) {
     for (const client_entry& client : clients.registry().applications()) {
-        if (client.id != except) clients.send_async(client.id, 0, type, value);
+        if (client.id != except) {
+            clients.send_async(client.id, 0, type, value);
+        }
     }
 }
 
@@ -163,7 +195,9 @@ void daemon_core::take_probe_answer(const client_entry& client, const wire_item&
     const auto probe = std::find_if(probes_.begin(), probes_.end(), [&](const application_probe& waiting) {
         return waiting.client == client.id && waiting.type == item.type;
     });
-    if (probe == probes_.end()) return trace.note("an answer to nothing that was asked");
+    if (probe == probes_.end()) {
+        return trace.note("an answer to nothing that was asked");
+    }
     const application_probe answered = std::move(*probe);
     probes_.erase(probe);
     loop.cancel(answered.timer);

@@ -24,7 +24,9 @@ epoll_event event_of(std::uint32_t events, std::uint64_t id) {
 }  // namespace
 
 event_loop::event_loop() : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
-    if (epoll_ < 0) throw std::system_error(errno, std::generic_category(), "epoll_create1");
+    if (epoll_ < 0) {
+        throw std::system_error(errno, std::generic_category(), "epoll_create1");
+    }
 }
 
 event_loop::~event_loop() {
@@ -68,7 +70,9 @@ void event_loop::run() {
             const std::uint32_t what = events[static_cast<std::size_t>(index)].events;
             // A watch that ended earlier in this turn is no longer found; its event is void.
             const auto watch = watches_.find(id);
-            if (watch == watches_.end()) continue;
+            if (watch == watches_.end()) {
+                continue;
+            }
             const std::shared_ptr<ready_handler> ready = watch->second;
             (*ready)(what);
         }
@@ -78,8 +82,12 @@ void event_loop::run() {
 }
 
 int event_loop::wait_ms() const {
-    if (!deferred_.empty()) return 0;
-    if (timers_.empty()) return -1;
+    if (!deferred_.empty()) {
+        return 0;
+    }
+    if (timers_.empty()) {
+        return -1;
+    }
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first.first - clock::now());
     return static_cast<int>(std::clamp(left, std::chrono::milliseconds{0}, wait_max).count());
@@ -97,7 +105,9 @@ void event_loop::run_deferred() {
     while (!deferred_.empty()) {
         std::vector<loop_action> actions = std::move(deferred_);
         deferred_.clear();
-        for (loop_action& action : actions) action();
+        for (loop_action& action : actions) {
+            action();
+        }
     }
 }
 

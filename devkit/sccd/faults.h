@@ -18,16 +18,24 @@ class ordered_faults {
     // Each call uses one of the ordered faults up.
     [[nodiscard]] std::optional<u32> take_failure(u16 type) {
         const auto failure = failures_.find(type);
-        if (failure == failures_.end()) return std::nullopt;
+        if (failure == failures_.end()) {
+            return std::nullopt;
+        }
         const u32 result = failure->second.result;
-        if (--failure->second.left == 0) failures_.erase(failure);
+        if (--failure->second.left == 0) {
+            failures_.erase(failure);
+        }
         return result;
     }
 
     [[nodiscard]] bool take_mute(u16 type) {
         const auto muted = muted_.find(type);
-        if (muted == muted_.end()) return false;
-        if (--muted->second == 0) muted_.erase(muted);
+        if (muted == muted_.end()) {
+            return false;
+        }
+        if (--muted->second == 0) {
+            muted_.erase(muted);
+        }
         return true;
     }
 

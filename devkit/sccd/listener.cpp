@@ -17,7 +17,9 @@ namespace {
 sockaddr_un address_of(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) throw std::runtime_error(path + ": the path is too long");
+    if (path.size() >= sizeof address.sun_path) {
+        throw std::runtime_error(path + ": the path is too long");
+    }
     std::memcpy(address.sun_path, path.data(), path.size());
     return address;
 }
@@ -28,7 +30,9 @@ sockaddr_un address_of(const std::string& path) {
 
 int new_socket(const std::string& path) {
     const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (descriptor < 0) fail(path);
+    if (descriptor < 0) {
+        fail(path);
+    }
     return descriptor;
 }
 
@@ -37,7 +41,9 @@ void remove_stale(const std::string& path, const sockaddr_un& address) {
     const int result = ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     const bool alive = result == 0 || errno == EAGAIN;
     ::close(probe);
-    if (alive) throw std::runtime_error(path + ": another daemon is listening here");
+    if (alive) {
+        throw std::runtime_error(path + ": another daemon is listening here");
+    }
     ::unlink(path.c_str());
 }
 
@@ -66,7 +72,9 @@ socket_listener::socket_listener(event_loop& loop, std::string path, std::functi
 socket_listener::~socket_listener() {
     loop_.unwatch(watch_, descriptor_);
     ::close(descriptor_);
-    if (reserve_ >= 0) ::close(reserve_);
+    if (reserve_ >= 0) {
+        ::close(reserve_);
+    }
     ::unlink(path_.c_str());
 }
 
@@ -86,9 +94,13 @@ void socket_listener::accept_all() {
 
 // Without this the waiting connection would keep the loop spinning.
 void socket_listener::refuse_one() {
-    if (reserve_ >= 0) ::close(reserve_);
+    if (reserve_ >= 0) {
+        ::close(reserve_);
+    }
     const int client = ::accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (client >= 0) ::close(client);
+    if (client >= 0) {
+        ::close(client);
+    }
     reserve_ = open_reserve();
 }
 

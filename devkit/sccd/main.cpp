@@ -23,7 +23,9 @@ constexpr int exit_usage = 2;
 // Processes of every user meet in this directory.
 std::string make_directory() {
     const char* const base = std::getenv("TMPDIR");
-    if (base == nullptr || *base == '\0') throw std::runtime_error("TMPDIR is not set");
+    if (base == nullptr || *base == '\0') {
+        throw std::runtime_error("TMPDIR is not set");
+    }
     std::string directory = std::string(base) + "/security/scc";
     std::filesystem::create_directories(directory);
     if (::chmod(directory.c_str(), 0777) != 0 && ::access(directory.c_str(), W_OK) != 0) {
@@ -34,7 +36,9 @@ std::string make_directory() {
 
 void allow_many_descriptors() {
     rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return;
+    }
     limit.rlim_cur = limit.rlim_max;
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }

@@ -136,7 +136,9 @@ void put_tail(byte_buffer& value, const notification_field& field, json_fields& 
 void put_vlans(byte_buffer& value, const notification_field& field, json_fields& fields) {
     for (const json& element : fields.list(field.name)) {
         const std::optional<u64> vlan = json_fields::as_number(element);
-        if (!vlan || !devkit::set_vlan(value, field.offset, *vlan)) fields.refuse(field.name, "not a VLAN");
+        if (!vlan || !devkit::set_vlan(value, field.offset, *vlan)) {
+            fields.refuse(field.name, "not a VLAN");
+        }
     }
 }
 
@@ -144,12 +146,16 @@ void put_entries(byte_buffer& value, const notification_field& field, json_field
     const std::vector<json> list = fields.list(field.name);
     devkit::write_at(value, field.offset, static_cast<u32>(list.size()));
     for (const json& element : list) {
-        if (!element.is_object()) return fields.refuse(field.name, "not a list of objects");
+        if (!element.is_object()) {
+            return fields.refuse(field.name, "not a list of objects");
+        }
         json_fields entry(element);
         byte_buffer counter(record::ace_counter, 0);
         devkit::write_at(counter, 0, entry.number("id"));
         devkit::write_at(counter, 8, entry.number("value"));
-        if (!entry.problem().empty()) fields.refuse(field.name, entry.problem());
+        if (!entry.problem().empty()) {
+            fields.refuse(field.name, entry.problem());
+        }
         value.insert(value.end(), counter.begin(), counter.end());
     }
 }
@@ -186,14 +192,18 @@ void put(byte_buffer& value, const notification_field& field, json_fields& field
 }
 
 void add_once(std::vector<std::string_view>& names, std::string_view name) {
-    if (!name.empty() && std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+    if (!name.empty() && std::find(names.begin(), names.end(), name) == names.end()) {
+        names.push_back(name);
+    }
 }
 
 std::vector<std::string_view> field_names(const notification_row& row) {
     std::vector<std::string_view> names;
     for (const notification_field& field : row.fields) {
         if (field.kind == user) {
-            for (const std::string_view each : user_fields) add_once(names, each);
+            for (const std::string_view each : user_fields) {
+                add_once(names, each);
+            }
         } else {
             add_once(names, field.name);
         }
@@ -213,12 +223,18 @@ std::optional<notification_item> named_notification(std::string_view name, const
         return std::nullopt;
     }
     problem = unexpected_field(name, request, {"do", "name", "to"}, field_names(*row));
-    if (!problem.empty()) return std::nullopt;
+    if (!problem.empty()) {
+        return std::nullopt;
+    }
     json_fields fields(request);
     notification_item notification{row->type, byte_buffer(row->value_bytes, 0)};
-    for (const notification_field& field : row->fields) put(notification.value, field, fields);
+    for (const notification_field& field : row->fields) {
+        put(notification.value, field, fields);
+    }
     problem = fields.problem();
-    if (!problem.empty()) return std::nullopt;
+    if (!problem.empty()) {
+        return std::nullopt;
+    }
     return notification;
 }
 

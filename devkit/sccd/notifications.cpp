@@ -35,7 +35,9 @@ bool counts_fit(const wire_item& item) {
     if (item.type == msg::ace_counter_up) {
         return u64{devkit::u32_at(item.value, 20)} * record::ace_counter <= item.value.size() - 24;
     }
-    if (item.type == msg::noflow_offline_up) return devkit::u64_at(item.value, 80) <= item.value.size() - 88;
+    if (item.type == msg::noflow_offline_up) {
+        return devkit::u64_at(item.value, 80) <= item.value.size() - 88;
+    }
     return true;
 }
 
@@ -43,7 +45,9 @@ bool counts_fit(const wire_item& item) {
 
 bool take_report(daemon_core& daemon, const client_entry& service, const wire_item& item) {
     const devkit::message_type* const row = devkit::find_message(devkit::message_route::report, item.type);
-    if (row == nullptr || row->route != devkit::message_route::report) return false;
+    if (row == nullptr || row->route != devkit::message_route::report) {
+        return false;
+    }
     if (item.value.size() < row->least_bytes || !counts_fit(item)) {
         daemon.trace.note("a report of the service is too short and ignored");
         return true;
@@ -53,7 +57,9 @@ bool take_report(daemon_core& daemon, const client_entry& service, const wire_it
             daemon.bridge.take_result(item);
             break;
         case msg::fetch:
-            if (service.complete()) daemon.fetch();
+            if (service.complete()) {
+                daemon.fetch();
+            }
             break;
         case msg::move_addr_up:
             pass_on_moves(daemon, item.value);

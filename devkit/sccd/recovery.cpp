@@ -54,9 +54,15 @@ service_operation application_of(byte_view record) {
 // and those added since the resequencing must not be numbered again.
 void recover_acl(const acl_entry& acl, operation_list& operations) {
     operations.push_back({msg::acl, msg::acl, acl.creation});
-    if (acl.sn_increment != 0) operations.push_back(resequence_of(acl));
-    for (const auto& [sn, ace] : acl.aces) operations.push_back(addition_of(acl, ace));
-    for (const auto& [entity, record] : acl.applies) operations.push_back(application_of(record));
+    if (acl.sn_increment != 0) {
+        operations.push_back(resequence_of(acl));
+    }
+    for (const auto& [sn, ace] : acl.aces) {
+        operations.push_back(addition_of(acl, ace));
+    }
+    for (const auto& [entity, record] : acl.applies) {
+        operations.push_back(application_of(record));
+    }
 }
 
 service_operation two_words(u16 type, std::size_t len, u32 first, u32 second) {
@@ -76,7 +82,9 @@ void recover_settings(const daemon_settings& settings, operation_list& operation
     for (const auto& [type, enable] : settings.cpu_protection) {
         operations.push_back(two_words(msg::cpp, 12, enable, type));
     }
-    for (const auto& [app, word] : settings.nac_apps) operations.push_back(nac_app_operation(app, word));
+    for (const auto& [app, word] : settings.nac_apps) {
+        operations.push_back(nac_app_operation(app, word));
+    }
     if (settings.offline_detection) {
         operations.push_back(
             {msg::offline_detect_notify, msg::offline_detect_cfg, *settings.offline_detection});
@@ -111,7 +119,9 @@ void recover_users(const user_store& users, operation_list& operations) {
 }
 
 void recover_ports(const daemon_settings& settings, operation_list& operations) {
-    if (settings.http_ports.empty()) return;
+    if (settings.http_ports.empty()) {
+        return;
+    }
     service_operation list =
         operation(msg::nacm_l4port_recover, msg::http_dport, 4 + settings.http_ports.size() * sizeof(u32));
     devkit::write_at(list.value, 0, static_cast<u32>(settings.http_ports.size()));
@@ -154,7 +164,9 @@ std::vector<service_operation> recovery_operations(const acl_store& acls, const 
                                                    const daemon_settings& settings) {
     operation_list operations;
     operations.push_back(recovery_mark(true));
-    for (const auto& [key, acl] : acls.acls()) recover_acl(acl, operations);
+    for (const auto& [key, acl] : acls.acls()) {
+        recover_acl(acl, operations);
+    }
     recover_settings(settings, operations);
     recover_users(users, operations);
     recover_ports(settings, operations);

@@ -18,7 +18,9 @@ client_entry* client_registry::find_app(u32 app_id) {
 client_entry& client_registry::bind(const client_registration& registration, peer_id peer) {
     const auto [entry, is_new] = by_app_.try_emplace(registration.app_id);
     client_entry& client = entry->second;
-    if (is_new) client.id = ++last_id_;
+    if (is_new) {
+        client.id = ++last_id_;
+    }
     client.app_id = registration.app_id;
     client.pid = registration.pid;
     client.option = registration.option;
@@ -33,7 +35,9 @@ void client_registry::erase(client_id id) {
 std::vector<client_entry> client_registry::applications() const {
     std::vector<client_entry> found;
     for (const auto& [app_id, client] : by_app_) {
-        if (client.complete() && !client.is_service()) found.push_back(client);
+        if (client.complete() && !client.is_service()) {
+            found.push_back(client);
+        }
     }
     return found;
 }

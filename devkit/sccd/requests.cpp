@@ -81,10 +81,16 @@ void take_request(daemon_core& daemon, const client_entry& client, const wire_it
         return daemon.trace.note(fmt::format("{} is muted", type->name));
     }
     const request_ticket ticket{client.id, devkit::u32_at(item.value, 0), type};
-    if (const auto failure = daemon.faults.take_failure(item.type)) return daemon.answer(ticket, *failure);
-    if (item.value.size() < type->least_bytes) return daemon.answer(ticket, result::invalid_argument);
+    if (const auto failure = daemon.faults.take_failure(item.type)) {
+        return daemon.answer(ticket, *failure);
+    }
+    if (item.value.size() < type->least_bytes) {
+        return daemon.answer(ticket, result::invalid_argument);
+    }
     const request_row* const row = find_row(item.type);
-    if (row == nullptr) return daemon.answer(ticket, result::ok);
+    if (row == nullptr) {
+        return daemon.answer(ticket, result::ok);
+    }
     row->handle(daemon, {ticket, item.value, client});
 }
 

@@ -52,7 +52,9 @@ void service_bridge::detach() {
     service_ = 0;
     user_reads_.clear();
     awaited_.clear();
-    while (!exchanges_.empty()) finish(exchanges_.rbegin()->first, result::service_timeout, {});
+    while (!exchanges_.empty()) {
+        finish(exchanges_.rbegin()->first, result::service_timeout, {});
+    }
 }
 
 void service_bridge::submit(std::vector<service_operation> operations, completion_handler completion) {
@@ -64,7 +66,9 @@ void service_bridge::submit(std::vector<service_operation> operations, completio
         trace_.note("the service has not answered in time");
         finish(id, result::service_timeout, {});
     });
-    for (service_operation& operation : operations) send(id, exchange, operation);
+    for (service_operation& operation : operations) {
+        send(id, exchange, operation);
+    }
 }
 
 void service_bridge::send(exchange_id id, service_exchange& exchange, service_operation& operation) {
@@ -83,7 +87,9 @@ void service_bridge::send(exchange_id id, service_exchange& exchange, service_op
 }
 
 void service_bridge::post(const service_operation& operation) {
-    if (present()) clients_.send_async(service_, operation.scc_type, operation.type, operation.value);
+    if (present()) {
+        clients_.send_async(service_, operation.scc_type, operation.type, operation.value);
+    }
 }
 
 void service_bridge::take_result(const wire_item& item) {
@@ -115,30 +121,42 @@ void service_bridge::take_user_read(const wire_item& item) {
     if (result == result::ok) {
         read = std::find_if(user_reads_.begin(), user_reads_.end(),
                             [&mac](const awaited_user_read& waiting) { return waiting.mac == mac; });
-        if (read == user_reads_.end()) read = user_reads_.begin();
+        if (read == user_reads_.end()) {
+            read = user_reads_.begin();
+        }
     }
     const exchange_id id = read->exchange;
     user_reads_.erase(read);
     const auto exchange = exchanges_.find(id);
-    if (exchange == exchanges_.end()) return;
+    if (exchange == exchanges_.end()) {
+        return;
+    }
     --exchange->second.user_reads;
     settle(id, result, item.value);
 }
 
 void service_bridge::settle(exchange_id id, u32 result, byte_view value) {
     service_exchange& exchange = exchanges_[id];
-    if (exchange.result == result::ok) exchange.result = result;
-    if (exchange.scc_types.empty() && exchange.user_reads == 0) finish(id, exchange.result, value);
+    if (exchange.result == result::ok) {
+        exchange.result = result;
+    }
+    if (exchange.scc_types.empty() && exchange.user_reads == 0) {
+        finish(id, exchange.result, value);
+    }
 }
 
 void service_bridge::finish(exchange_id id, u32 result, byte_view value) {
     auto exchange = exchanges_.extract(id);
-    if (exchange.empty()) return;
+    if (exchange.empty()) {
+        return;
+    }
     loop_.cancel(exchange.mapped().timer);
     for (const u16 scc_type : exchange.mapped().scc_types) {
         awaited_.erase(match_key(exchange.mapped().call_id, scc_type));
     }
-    if (exchange.mapped().completion) exchange.mapped().completion({result, value});
+    if (exchange.mapped().completion) {
+        exchange.mapped().completion({result, value});
+    }
 }
 
 }  // namespace scc::sccd

@@ -40,7 +40,9 @@ template <class Key, class Value>
 [[nodiscard]] state_change set_entry(std::map<Key, Value>& entries, const Key& key,
                                      std::optional<Value> value) {
     std::optional<Value> before;
-    if (const auto known = entries.find(key); known != entries.end()) before = known->second;
+    if (const auto known = entries.find(key); known != entries.end()) {
+        before = known->second;
+    }
     const auto put = [&entries, key](const std::optional<Value>& wanted) {
         if (wanted) {
             entries.insert_or_assign(key, *wanted);

@@ -20,7 +20,9 @@ json dump_acls(const acl_store& store) {
         entry["sn_start"] = acl.sn_start;
         entry["sn_increment"] = acl.sn_increment;
         entry["aces"] = json::array();
-        for (const auto& [sn, ace] : acl.aces) entry["aces"].push_back({{"sn", sn}, {"id", ace.id}});
+        for (const auto& [sn, ace] : acl.aces) {
+            entry["aces"].push_back({{"sn", sn}, {"id", ace.id}});
+        }
         entry["applies"] = json::array();
         for (const auto& [entity, record] : acl.applies) {
             const byte_view bytes(record);
@@ -66,8 +68,9 @@ json dump_users(const config_records& records) {
 
 json dump_settings(const daemon_settings& settings) {
     json egress_ports = json::array();
-    for (const auto& [ifx, value] : settings.egress_ports)
+    for (const auto& [ifx, value] : settings.egress_ports) {
         egress_ports.push_back({{"ifx", ifx}, {"value", value}});
+    }
     json nac_apps = json::array();
     for (const auto& [app, word] : settings.nac_apps) {
         nac_apps.push_back({{"ifx", app.ifx}, {"type", app.type}, {"vid", app.vid}, {"op", word}});
@@ -77,7 +80,9 @@ json dump_settings(const daemon_settings& settings) {
         cpu_protection.push_back({{"type", type}, {"enable", enable}});
     }
     json router_acl;
-    if (settings.router_acl) router_acl = *settings.router_acl;
+    if (settings.router_acl) {
+        router_acl = *settings.router_acl;
+    }
     return {{"egress_ports", egress_ports},
             {"nac_apps", nac_apps},
             {"cpp", cpu_protection},

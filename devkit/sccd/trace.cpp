@@ -29,16 +29,22 @@ void write_item(std::string_view arrow, devkit::message_route route, u32 app, st
 
 void trace_log::received(devkit::message_route route, u32 app, std::string_view socket,
                          const devkit::wire_item& item) const {
-    if (enabled_) write_item("<-", route, app, socket, item);
+    if (enabled_) {
+        write_item("<-", route, app, socket, item);
+    }
 }
 
 void trace_log::sent(devkit::message_route route, u32 app, std::string_view socket,
                      const devkit::wire_item& item) const {
-    if (enabled_) write_item("->", route, app, socket, item);
+    if (enabled_) {
+        write_item("->", route, app, socket, item);
+    }
 }
 
 void trace_log::note(const std::string& text) const {
-    if (enabled_) write_line("-- " + text);
+    if (enabled_) {
+        write_line("-- " + text);
+    }
 }
 
 }  // namespace scc::sccd

@@ -27,12 +27,16 @@ state_change user_store::set(config_records& records, byte_view record) {
     const mac_address mac = devkit::mac_at(record, config::mac);
     const u32 operation = devkit::u32_at(record, config::operation);
     std::optional<byte_buffer> before;
-    if (const auto known = records.find(mac); known != records.end()) before = known->second;
+    if (const auto known = records.find(mac); known != records.end()) {
+        before = known->second;
+    }
 
     if (operation == devkit::user_operation::add) {
         records[mac] = devkit::to_bytes(record);
     } else if (operation == devkit::user_operation::remove) {
-        if (!before) return state_change::refused(result::not_found);
+        if (!before) {
+            return state_change::refused(result::not_found);
+        }
         records.erase(mac);
     } else {
         return state_change::refused(result::invalid_argument);
@@ -65,11 +69,17 @@ std::vector<byte_view> user_store::arp_check_users(u32 ifx) const {
     std::vector<byte_view> found;
     const auto collect = [&](const byte_buffer& record) {
         const bool counts = devkit::u32_at(record, config::ipv4) != 0 && on_interface(record, ifx);
-        if (counts) found.emplace_back(record);
+        if (counts) {
+            found.emplace_back(record);
+        }
     };
-    for (const auto& [mac, record] : users_) collect(record);
+    for (const auto& [mac, record] : users_) {
+        collect(record);
+    }
     for (const auto& [mac, record] : arp_entries_) {
-        if (ipv4_in(users_, mac) == 0) collect(record);
+        if (ipv4_in(users_, mac) == 0) {
+            collect(record);
+        }
     }
     return found;
 }

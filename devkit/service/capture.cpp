@@ -44,7 +44,9 @@ std::string capture_problem(const std::string& path) {
 std::string read_capture(const std::string& path, const std::function<void(const captured_frame&)>& handle) {
     std::string problem;
     const capture_file capture = open_capture(path, problem);
-    if (!capture) return problem;
+    if (!capture) {
+        return problem;
+    }
 
     pcap_pkthdr* header = nullptr;
     const u_char* bytes = nullptr;
@@ -79,8 +81,12 @@ capture_report run_capture(const std::string& path, const ingress_map& ingress, 
         const verdict verdict = table.locked([&](forwarding_table::contents& held) {
             return held.acls.classify(*packet, {where.ifx, egress_ifx});
         });
-        if (verdict.matches != 0) ++report.matched;
-        if (verdict.denied) ++report.denied;
+        if (verdict.matches != 0) {
+            ++report.matched;
+        }
+        if (verdict.denied) {
+            ++report.denied;
+        }
     });
 
     meter.finish();

@@ -20,7 +20,9 @@ class held_entries {
 
     template <class Predicate>
     void mark_stale_if(Predicate predicate) {
-        for (auto& [key, kept] : entries_) kept.stale = kept.stale || predicate(kept.value);
+        for (auto& [key, kept] : entries_) {
+            kept.stale = kept.stale || predicate(kept.value);
+        }
     }
     template <class Predicate>
     void drop_stale_if(Predicate predicate) {
@@ -36,7 +38,9 @@ class held_entries {
 
     template <class Visit>
     void for_each(Visit visit) const {
-        for (const auto& [key, kept] : entries_) visit(key, kept.value);
+        for (const auto& [key, kept] : entries_) {
+            visit(key, kept.value);
+        }
     }
 
   private:
@@ -59,7 +63,9 @@ class held_value {
     [[nodiscard]] const Value& get() const { return value_; }
     void mark_stale() { stale_ = true; }
     void drop_stale() {
-        if (stale_) put(Value{});
+        if (stale_) {
+            put(Value{});
+        }
     }
 
   private:

@@ -51,7 +51,9 @@ template <class Entries>
 void append_numbers(std::string& out, const char* title, const Entries& entries) {
     std::vector<u32> all;
     entries.for_each([&](u32 number, bool) { all.push_back(number); });
-    if (!all.empty()) fmt::format_to(std::back_inserter(out), "{} {}\n", title, fmt::join(all, " "));
+    if (!all.empty()) {
+        fmt::format_to(std::back_inserter(out), "{} {}\n", title, fmt::join(all, " "));
+    }
 }
 
 }  // namespace
@@ -66,7 +68,9 @@ nac_user read_user_entry(const scc_ss_user& entry) {
     user.is_ipv6 = (devkit::u32_at(bytes, layout::flags) & devkit::config_record::flag_ipv6) != 0;
     user.ip = address_at(bytes, user.is_ipv6 ? layout::ipv6 : layout::ipv4, user.is_ipv6);
     user.mask = address_at(bytes, layout::mask, user.is_ipv6);
-    if (user.mask == ace::ip_bytes{}) user.mask = whole_mask(user.is_ipv6);
+    if (user.mask == ace::ip_bytes{}) {
+        user.mask = whole_mask(user.is_ipv6);
+    }
     return user;
 }
 
@@ -88,7 +92,9 @@ void nac_table::set_l4port(u32 port, bool add) {
 }
 
 void nac_table::recover_l4ports(const std::vector<u32>& ports) {
-    for (const u32 port : ports) l4ports_.put(port, true);
+    for (const u32 port : ports) {
+        l4ports_.put(port, true);
+    }
 }
 
 void nac_table::add_user(const scc_ss_user& user) {
@@ -101,7 +107,9 @@ u32 nac_table::delete_user(const scc_ss_user& user) {
 
 u32 nac_table::read_user(scc_ss_user& user) const {
     const scc_ss_user* held = users_.find(read_user_entry(user).mac);
-    if (held == nullptr) return SCC_E_NO_LIST_NODE;
+    if (held == nullptr) {
+        return SCC_E_NO_LIST_NODE;
+    }
     user = *held;
     return 0;
 }
@@ -115,7 +123,9 @@ void nac_table::end_reinstall(u32 ifx) {
 }
 
 void nac_table::recover_users(const std::vector<scc_ss_user>& users) {
-    for (const scc_ss_user& user : users) add_user(user);
+    for (const scc_ss_user& user : users) {
+        add_user(user);
+    }
 }
 
 std::vector<nac_user> nac_table::users() const {
@@ -148,7 +158,9 @@ void nac_table::end_recovery() {
 std::string nac_table::text() const {
     std::string out;
     const auto sink = std::back_inserter(out);
-    for (const nac_user& user : users()) fmt::format_to(sink, "{}\n", text_of(user));
+    for (const nac_user& user : users()) {
+        fmt::format_to(sink, "{}\n", text_of(user));
+    }
     apps_.for_each([&](const nac_app& app, u32 operation) {
         fmt::format_to(sink, "app type {} ifx {} vid {} operation {}\n", app.type, app.ifx, app.vid,
                        operation);
@@ -161,7 +173,9 @@ std::string nac_table::text() const {
     append_numbers(out, "cpu protection", cpu_protection_);
     const scc_vlan_record& vlans = direct_vlans_.get();
     const auto direct = devkit::vlans_of({vlans.bytes, sizeof vlans.bytes});
-    if (!direct.empty()) fmt::format_to(sink, "direct vlans {}\n", fmt::join(direct, " "));
+    if (!direct.empty()) {
+        fmt::format_to(sink, "direct vlans {}\n", fmt::join(direct, " "));
+    }
     fmt::format_to(sink, "router acl {}\n", router_acl_.get() ? "open" : "closed");
     fmt::format_to(sink, "offline detection {} interval {} threshold {}\n",
                    detection().open ? "open" : "closed", detection().interval_seconds, detection().threshold);

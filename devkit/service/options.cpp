@@ -19,13 +19,16 @@ std::pair<u32, u32> number_pair(const std::string& text, u32 first_max, u32 seco
     const std::size_t colon = text.find(':');
     const auto number = [&](const std::string& digits, u32 max) {
         const auto parsed = ace::parse_number(digits, 0, max);
-        if (!parsed)
+        if (!parsed) {
             throw CLI::ValidationError(
                 text, fmt::format("a number up to {}, a colon and a number up to {} are needed", first_max,
                                   second_max));
+        }
         return static_cast<u32>(*parsed);
     };
-    if (colon == std::string::npos) return {number({}, 0), 0};
+    if (colon == std::string::npos) {
+        return {number({}, 0), 0};
+    }
     return {number(text.substr(0, colon), first_max), number(text.substr(colon + 1), second_max)};
 }
 
@@ -83,7 +86,9 @@ std::optional<options> parse_options(int argc, char** argv, int* exit_code) {
     }
     parsed.policy.delay = std::chrono::milliseconds(delay_ms);
     parsed.policy.silent = {silent.begin(), silent.end()};
-    if (CLI::detail::to_lower(run_on) == "applied") parsed.run_after = run_after;
+    if (CLI::detail::to_lower(run_on) == "applied") {
+        parsed.run_after = run_after;
+    }
     return parsed;
 }
 

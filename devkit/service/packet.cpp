@@ -47,7 +47,9 @@ bool is_tag(u16 ether_type) {
 }
 
 void parse_transport(byte_view bytes, packet& found) {
-    if (found.later_fragment || !ace::has_ports(found.protocol) || bytes.size() < 4) return;
+    if (found.later_fragment || !ace::has_ports(found.protocol) || bytes.size() < 4) {
+        return;
+    }
     found.has_ports = true;
     found.source_port = network_u16_at(bytes, 0);
     found.destination_port = network_u16_at(bytes, 2);
@@ -55,7 +57,9 @@ void parse_transport(byte_view bytes, packet& found) {
 
 void parse_ipv4(byte_view bytes, packet& found) {
     const std::size_t header_bytes = static_cast<std::size_t>(byte_at(bytes, 0) & 0x0F) * 4;
-    if (bytes.size() < ipv4_bytes || byte_at(bytes, 0) >> 4 != 4 || header_bytes < ipv4_bytes) return;
+    if (bytes.size() < ipv4_bytes || byte_at(bytes, 0) >> 4 != 4 || header_bytes < ipv4_bytes) {
+        return;
+    }
     found.network = network_kind::ipv4;
     found.dscp = static_cast<u8>(bytes[1] >> 2);
     found.later_fragment = (network_u16_at(bytes, 6) & 0x1FFF) != 0;
@@ -83,7 +87,9 @@ std::size_t extension_bytes(u8 protocol, byte_view bytes) {
 }
 
 void parse_ipv6(byte_view bytes, packet& found) {
-    if (bytes.size() < ipv6_bytes || bytes[0] >> 4 != 6) return;
+    if (bytes.size() < ipv6_bytes || bytes[0] >> 4 != 6) {
+        return;
+    }
     found.network = network_kind::ipv6;
     found.dscp = static_cast<u8>((network_u16_at(bytes, 0) >> 6) & 0x3F);
     found.protocol = bytes[6];
@@ -93,7 +99,9 @@ void parse_ipv6(byte_view bytes, packet& found) {
     byte_view rest = bytes.subspan(ipv6_bytes);
     while (!found.later_fragment) {
         const std::size_t length = extension_bytes(found.protocol, rest);
-        if (length == 0 || length > rest.size()) break;
+        if (length == 0 || length > rest.size()) {
+            break;
+        }
         if (found.protocol == extension_fragment) {
             found.later_fragment = (network_u16_at(rest, 2) & 0xFFF8) != 0;
         }
@@ -120,7 +128,9 @@ std::size_t parse_tags(byte_view frame, packet& found) {
     found.ether_type = network_u16_at(frame, offset - 2);
     for (int tags = 0; tags < 2 && is_tag(found.ether_type) && devkit::holds(frame, offset, tag_bytes);
          ++tags) {
-        if (tags == 0) found.vid = network_u16_at(frame, offset) & 0x0FFF;
+        if (tags == 0) {
+            found.vid = network_u16_at(frame, offset) & 0x0FFF;
+        }
         found.ether_type = network_u16_at(frame, offset + 2);
         offset += tag_bytes;
     }
@@ -130,15 +140,23 @@ std::size_t parse_tags(byte_view frame, packet& found) {
 }  // namespace
 
 std::optional<packet> parse_packet(byte_view frame) {
-    if (frame.size() < ethernet_bytes) return std::nullopt;
+    if (frame.size() < ethernet_bytes) {
+        return std::nullopt;
+    }
     packet found;
     found.destination_mac = mac_of(frame.subspan(0, 6));
     found.source_mac = mac_of(frame.subspan(6, 6));
     const std::size_t offset = parse_tags(frame, found);
     const byte_view payload = devkit::slice(frame, offset, frame.size());
-    if (found.ether_type == ether_type_ipv4) parse_ipv4(payload, found);
-    if (found.ether_type == ether_type_ipv6) parse_ipv6(payload, found);
-    if (found.ether_type == ether_type_arp) parse_arp(payload, found);
+    if (found.ether_type == ether_type_ipv4) {
+        parse_ipv4(payload, found);
+    }
+    if (found.ether_type == ether_type_ipv6) {
+        parse_ipv6(payload, found);
+    }
+    if (found.ether_type == ether_type_arp) {
+        parse_arp(payload, found);
+    }
     return found;
 }
 

@@ -34,7 +34,9 @@ void send_counters(const acl_counters& acl, report_outcome& outcome) {
     in_parts(std::span(acl.aces), [&](std::span<const scc_ace_counter> part) {
         note(outcome, scc_ss_ace_counter_notify(&acl.key, static_cast<u32>(part.size()), part.data()));
     });
-    if (acl.aces.empty()) note(outcome, scc_ss_ace_counter_notify(&acl.key, 0, nullptr));
+    if (acl.aces.empty()) {
+        note(outcome, scc_ss_ace_counter_notify(&acl.key, 0, nullptr));
+    }
 }
 
 }  // namespace
@@ -44,7 +46,9 @@ report_outcome send_report(const capture_report& report) {
     in_parts(std::span(report.moves), [&](std::span<const scc_address_move> part) {
         note(outcome, scc_ss_move_addr_notify(static_cast<int>(part.size()), part.data()));
     });
-    for (const acl_counters& acl : report.acls) send_counters(acl, outcome);
+    for (const acl_counters& acl : report.acls) {
+        send_counters(acl, outcome);
+    }
     for (const flow& flow : report.flows) {
         note(outcome, scc_flow_notify(&flow.user, flow.packets, flow.bytes));
     }

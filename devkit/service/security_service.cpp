@@ -24,7 +24,9 @@ template <class service_operation, class Work>
 int answer_record(u32 type, service_operation& operation, Work work) {
     const auto result =
         active->carry_out(type, describe(operation), [&](contents& held) { return work(held, operation); });
-    if (!result) return 0;
+    if (!result) {
+        return 0;
+    }
     operation.ret = *result;
     active->send_later([copy = operation] { copy.callback(&copy, sizeof copy); });
     return 0;
@@ -64,7 +66,9 @@ int answer_call(u32 type, const std::string& text, Work work, Reply reply) {
         work(held);
         return 0u;
     });
-    if (result) active->send_later([reply, result] { reply(*result); });
+    if (result) {
+        active->send_later([reply, result] { reply(*result); });
+    }
     return 0;
 }
 
@@ -104,11 +108,15 @@ int on_user(u32 call_id, u8 add, const scc_ss_user* user) {
     const auto result =
         active->carry_out(msg::nacm_user, fmt::format("{} {}", add != 0 ? "add" : "delete", describe(*user)),
                           [&](contents& held) {
-                              if (add == 0) return held.nac.delete_user(*user);
+                              if (add == 0) {
+                                  return held.nac.delete_user(*user);
+                              }
                               held.nac.add_user(*user);
                               return 0u;
                           });
-    if (!result) return 0;
+    if (!result) {
+        return 0;
+    }
     active->send_later([result = *result, call_id, add, copy = *user] {
         scc_ssc_nacm_user_op_callback(result, call_id, add, &copy);
     });
@@ -165,7 +173,9 @@ int on_data_recover(u8 start) {
 template <class Entry>
 std::vector<Entry> copy_list(u32 count, const void* entries) {
     std::vector<Entry> copied(entries == nullptr ? 0 : count);
-    if (!copied.empty()) std::memcpy(copied.data(), entries, copied.size() * sizeof(Entry));
+    if (!copied.empty()) {
+        std::memcpy(copied.data(), entries, copied.size() * sizeof(Entry));
+    }
     return copied;
 }
 
@@ -193,7 +203,9 @@ int on_l4ports_recover(u32 count, const void* ports) {
 // Runs on the library's receive thread without its lock, so the fetch can be asked for from here.
 void on_server_status(u32 status) {
     active->note_status(status);
-    if (status != registered) return;
+    if (status != registered) {
+        return;
+    }
     active->expect_recovery();
     active->note_fetch(scc_ss_fetch_func());
 }
@@ -256,7 +268,9 @@ const scc_ss_reg_info& security_service::handlers() {
 
 void security_service::note_applied() {
     const std::size_t applied = table_.locked([](const contents& held) { return held.acls.applied_count(); });
-    if (observer_.applied) observer_.applied(applied);
+    if (observer_.applied) {
+        observer_.applied(applied);
+    }
 }
 
 void security_service::expect_recovery() {
@@ -264,7 +278,9 @@ void security_service::expect_recovery() {
 }
 
 void security_service::note_status(u32 status) const {
-    if (observer_.status) observer_.status(status);
+    if (observer_.status) {
+        observer_.status(status);
+    }
 }
 
 void security_service::note_fetch(u32 result) const {
@@ -274,7 +290,9 @@ void security_service::note_fetch(u32 result) const {
 }
 
 void security_service::log_operation(u32 type, const std::string& text, u32 result, bool answered) const {
-    if (!observer_.log) return;
+    if (!observer_.log) {
+        return;
+    }
     observer_.log(fmt::format("{} {}: {}{}", type, text, result, answered ? "" : ", not answered"));
 }
 

@@ -111,8 +111,12 @@ TEST(ace_layout, encoding_leaves_the_librarys_bytes_alone) {
     std::memset(&record, 0xAA, sizeof record);
     encode(rule{}, record);
     const auto* bytes = reinterpret_cast<const unsigned char*>(&record);
-    for (std::size_t at = 0; at < 16; ++at) EXPECT_EQ(bytes[at], 0xAA) << at;
-    for (std::size_t at = 100; at < sizeof record; ++at) EXPECT_EQ(bytes[at], 0xAA) << at;
+    for (std::size_t at = 0; at < 16; ++at) {
+        EXPECT_EQ(bytes[at], 0xAA) << at;
+    }
+    for (std::size_t at = 100; at < sizeof record; ++at) {
+        EXPECT_EQ(bytes[at], 0xAA) << at;
+    }
 }
 
 TEST(ace_layout, a_record_of_somebody_else_holds_no_rule) {

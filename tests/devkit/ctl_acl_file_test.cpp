@@ -11,7 +11,9 @@ namespace {
 acl_file file_of(std::string_view text) {
     std::vector<file_error> errors;
     auto file = parse_acl_file(text, errors);
-    for (const file_error& each : errors) ADD_FAILURE() << each.line << ": " << each.text;
+    for (const file_error& each : errors) {
+        ADD_FAILURE() << each.line << ": " << each.text;
+    }
     return file.value_or(acl_file{});
 }
 

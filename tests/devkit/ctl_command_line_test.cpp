@@ -24,8 +24,9 @@ TEST_F(command_line, the_completion_offers_what_fits_the_place) {
     for (const std::string& expected :
          {std::string("load"), std::string("station-move"), std::string(), std::string("off on"),
           std::string("fail-next"), std::string("--type"), std::string(), std::string("class"), std::string(),
-          file("some.acl")})
+          file("some.acl")}) {
         EXPECT_EQ(bash.line(), expected);
+    }
     EXPECT_EQ(bash.finish(), 0) << bash.errors();
 }
 

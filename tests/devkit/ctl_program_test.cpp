@@ -110,7 +110,9 @@ TEST(every_command_list, names_every_row_of_the_table) {
 
 TEST(command_table, reaches_every_call_of_the_header_once_or_more) {
     std::set<std::string_view> reached;
-    for (const auto& row : scc::ctl::commands()) reached.insert(row.function);
+    for (const auto& row : scc::ctl::commands()) {
+        reached.insert(row.function);
+    }
     for (const char* name : {"scc_d1x_authen_method",
                              "scc_d1x_author_mode_set",
                              "scc_d1x_port_addr_num",
@@ -184,8 +186,9 @@ TEST(command_table, reaches_every_call_of_the_header_once_or_more) {
                              "scc_acl_reset_filter_counter",
                              "scc_acl_reset_counter",
                              "scc_ace_reset_counter",
-                             "scc_strerror"})
+                             "scc_strerror"}) {
         EXPECT_EQ(reached.erase(name), 1u) << name;
+    }
     EXPECT_TRUE(reached.empty()) << *reached.begin();
 }
 
@@ -193,15 +196,18 @@ TEST_F(sccctl, every_command_succeeds_against_a_fresh_daemon) {
     std::string lines;
     for (std::string line : every_command) {
         const auto block = line.find("BLOCK");
-        if (block != std::string::npos) line.replace(block, 5, file("block.hex", "01 02 03\n04\n"));
+        if (block != std::string::npos) {
+            line.replace(block, 5, file("block.hex", "01 02 03\n04\n"));
+        }
         lines += line + "\n";
     }
     const finished result = run({"shell", "--json"}, lines);
     EXPECT_EQ(result.status, 0) << result.errors;
     const auto answers = result.json_lines();
     ASSERT_EQ(answers.size(), std::size(every_command)) << result.errors;
-    for (std::size_t i = 0; i < answers.size(); ++i)
+    for (std::size_t i = 0; i < answers.size(); ++i) {
         EXPECT_EQ(answers[i].value("result", -1), 0) << every_command[i] << ": " << answers[i];
+    }
 }
 
 TEST_F(sccctl, a_result_carries_the_requests_fields_back) {
@@ -322,8 +328,9 @@ TEST_F(sccctl, every_notification_is_watched_and_decoded) {
     for (const std::string name : {"flow", "noflow-offline", "user-change", "port-violate", "user-roll",
                                    "direct-vlan", "d1x-addr-move", "ace-counter"}) {
         std::vector<std::string> line = {"notify", name, "--app", "5"};
-        if (name != "direct-vlan" && name != "ace-counter")
+        if (name != "direct-vlan" && name != "ace-counter") {
             line.insert(line.end(), {"ifx=7", "vid=8", "mac=00:11:22:33:44:55"});
+        }
         ASSERT_EQ(run(line).status, 0) << name;
         EXPECT_EQ(json::parse(watch.line(), nullptr, false).value("notification", ""), name);
     }
@@ -431,12 +438,14 @@ TEST_F(sccctl, twenty_acls_are_loaded_saved_and_loaded_again) {
     std::string text;
     for (int id = 1; id <= 20; ++id) {
         text += "acl " + std::to_string(id) + " type 3 class 1\n";
-        for (int sn = 10; sn <= 100; sn += 10)
+        for (int sn = 10; sn <= 100; sn += 10) {
             text +=
                 "  " + std::to_string(sn) + " permit tcp 10.0.0.0/8 any port " + std::to_string(sn) + "\n";
+        }
     }
-    for (int id = 1; id <= 20; ++id)
+    for (int id = 1; id <= 20; ++id) {
         text += "apply " + std::to_string(id) + " type 3 vdev 0 ifx " + std::to_string(id) + "\n";
+    }
 
     const finished loaded =
         run({"acl", "load", file("in.acl", text), "--progress", "--then-save", file("out.acl"), "--json"});
@@ -509,8 +518,9 @@ TEST_F(sccctl_alone, answers_locally_without_a_daemon) {
 
 TEST(command_list, gives_every_row_its_options_and_help) {
     const std::string list = scc::ctl::list_commands();
-    for (const auto& row : scc::ctl::commands())
+    for (const auto& row : scc::ctl::commands()) {
         EXPECT_NE(("\n" + list).find("\n" + std::string(row.name) + "\t"), std::string::npos) << row.name;
+    }
     EXPECT_NE(list.find("acl create\t--type --class --vdev\tcreate an ACL\n"), std::string::npos);
 }
 

@@ -25,7 +25,9 @@ wire_value counter_request(std::uint32_t call, std::uint32_t id, std::uint64_t a
 std::vector<std::uint32_t> sequence_numbers() {
     std::vector<std::uint32_t> numbers;
     const nlohmann::json acls = control({{"do", "acls"}})["acls"];
-    for (const auto& ace : acls[0]["aces"]) numbers.push_back(ace["sn"]);
+    for (const auto& ace : acls[0]["aces"]) {
+        numbers.push_back(ace["sn"]);
+    }
     return numbers;
 }
 

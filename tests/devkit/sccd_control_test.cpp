@@ -102,7 +102,9 @@ TEST(SccdControl, ARefusalSaysWhatWouldHaveBeenRight) {
         {{{"do", "alive"}, {"app", 9}}, "no application 9 is registered"},
     };
 
-    for (const auto& [request, error] : rows) EXPECT_EQ(control(request)["error"], error);
+    for (const auto& [request, error] : rows) {
+        EXPECT_EQ(control(request)["error"], error);
+    }
     EXPECT_TRUE(control({{"do", "nonsense"}})["error"].get<std::string>().starts_with(
         "no command 'nonsense'; there are clients, notify, "));
     EXPECT_TRUE(control({{"do", "notify-named"}, {"name", "x"}})["error"].get<std::string>().starts_with(
@@ -258,7 +260,9 @@ TEST(SccdControl, StatisticsComeAsThirteenEntries) {
     background_call call({{"do", "stats"}, {"app", 3}, {"timeout_ms", 20000}});
     wire_value statistics(320);
     statistics.u32(0, 3).u32(4, 13);
-    for (std::uint32_t entry = 0; entry < 13; ++entry) statistics.u32(8 + 24 * entry, entry);
+    for (std::uint32_t entry = 0; entry < 13; ++entry) {
+        statistics.u32(8 + 24 * entry, entry);
+    }
     statistics.u32(8 + 24 * 12 + 4, 1).u32(8 + 24 * 12 + 8, 2).u32(8 + 24 * 12 + 12, 3);
     statistics.u32(8 + 24 * 12 + 16, 4).u32(8 + 24 * 12 + 20, 5);
 

@@ -72,7 +72,9 @@ TEST(SccdHostile, AMessageWhoseItemsDoNotFitIsIgnoredWhole) {
         wire_socket::message({item(108, wire_value(8).u32(0, 4)), item(108, wire_value(8).u32(0, 5))});
     bytes_left_over[5] = 1;
     byte_string huge_value = wire_socket::message({item(108, wire_value(8).u32(0, 6))});
-    for (std::size_t offset = 8; offset < 12; ++offset) huge_value[offset] = 0xff;
+    for (std::size_t offset = 8; offset < 12; ++offset) {
+        huge_value[offset] = 0xff;
+    }
 
     for (const byte_string& message : {too_long_value, one_item_too_many, bytes_left_over, huge_value}) {
         client.async.send_raw(message);
@@ -85,8 +87,9 @@ TEST(SccdHostile, AMessageMayArriveByteByByte) {
     daemon_process daemon;
     test_client client(daemon, 3, 77);
 
-    for (const std::uint8_t byte : wire_socket::message({item(108, wire_value(8).u32(0, 7))}))
+    for (const std::uint8_t byte : wire_socket::message({item(108, wire_value(8).u32(0, 7))})) {
         client.async.send_raw({byte});
+    }
 
     EXPECT_EQ(client.async.receive().u32(0), 7u);
 }
@@ -108,7 +111,9 @@ TEST(SccdHostile, EveryTypeWithEveryShortLengthLeavesTheDaemonAlive) {
     test_client service(daemon, service_app, 78);
 
     for (std::uint16_t type = 100; type < 420; ++type) {
-        if (type == 301 || type == 302) continue;
+        if (type == 301 || type == 302) {
+            continue;
+        }
         for (const std::size_t len : {0u, 3u, 4u, 8u, 12u, 40u, 48u, 104u}) {
             service.sync.send(type, wire_value(len));
             client.async.send(type, wire_value(len));
@@ -124,7 +129,9 @@ TEST(SccdHostile, RandomBytesNeverEndTheDaemon) {
     for (int round = 0; round < 50; ++round) {
         wire_socket wire(daemon.socket_path());
         byte_string bytes(64 + random() % 4096);
-        for (std::uint8_t& byte : bytes) byte = static_cast<std::uint8_t>(random());
+        for (std::uint8_t& byte : bytes) {
+            byte = static_cast<std::uint8_t>(random());
+        }
         // Half of them get past the header.
         if (round % 2 == 0) {
             const byte_string front =
@@ -143,10 +150,13 @@ TEST(SccdHostile, AClientThatNeverReadsDoesNotHoldUpOthers) {
     test_client deaf(daemon, 3, 77);
     test_client other(daemon, 4, 78);
     std::vector<test_item> requests;
-    for (std::uint32_t call = 0; call < 10000; ++call)
+    for (std::uint32_t call = 0; call < 10000; ++call) {
         requests.push_back(item(108, wire_value(8).u32(0, call)));
+    }
 
-    for (int round = 0; round < 20; ++round) deaf.async.send(requests);
+    for (int round = 0; round < 20; ++round) {
+        deaf.async.send(requests);
+    }
     EXPECT_EQ(other.result_of(108, wire_value(8).u32(0, 1)), 0u);
 
     // Everything that was queued for the deaf one is still there, in order.

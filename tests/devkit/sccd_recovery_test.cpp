@@ -7,7 +7,9 @@ constexpr std::uint16_t recovery_mark = 201;
 
 // Answers an operation as a service does: recoveries and application users in their own ways.
 void serve(test_client& service, const test_item& operation) {
-    if (operation.type == 154 || operation.type == 155 || operation.type == 213) return;
+    if (operation.type == 154 || operation.type == 155 || operation.type == 213) {
+        return;
+    }
     const std::uint16_t scc_type = operation.type == recovery_mark ? std::uint16_t{0} : operation.sub_id;
     service.async.send({item(402, wire_value(12).raw(0, operation.part(0, 4)), scc_type)});
 }
@@ -18,15 +20,21 @@ std::vector<test_item> receive_recovery(test_client& service) {
     while (true) {
         operations.push_back(service.async.receive());
         const test_item& last = operations.back();
-        if (last.type == 0) return {};
+        if (last.type == 0) {
+            return {};
+        }
         serve(service, last);
-        if (last.type == recovery_mark && last.part(8, 1) == byte_string{0}) return operations;
+        if (last.type == recovery_mark && last.part(8, 1) == byte_string{0}) {
+            return operations;
+        }
     }
 }
 
 std::vector<std::uint16_t> types_of(const std::vector<test_item>& operations) {
     std::vector<std::uint16_t> types;
-    for (const test_item& operation : operations) types.push_back(operation.type);
+    for (const test_item& operation : operations) {
+        types.push_back(operation.type);
+    }
     return types;
 }
 
@@ -236,7 +244,9 @@ TEST(SccdRecovery, ManyUsersOfOnePortComeInSeveralLists) {
         requests.push_back(item(127, user_request(user, 1, 4, 1).u16(18, static_cast<std::uint16_t>(user))));
     }
     application.async.send(requests);
-    for (std::uint32_t user = 0; user < 600; ++user) ASSERT_EQ(application.async.receive().u32(4), 0u);
+    for (std::uint32_t user = 0; user < 600; ++user) {
+        ASSERT_EQ(application.async.receive().u32(4), 0u);
+    }
 
     test_client service(daemon, service_app, 78);
 

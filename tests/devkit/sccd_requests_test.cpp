@@ -48,8 +48,9 @@ TEST(SccdRequests, ManyResultsComeBackInSeveralLargeMessages) {
     daemon_process daemon;
     test_client client(daemon, 3, 77);
     std::vector<test_item> requests;
-    for (std::uint32_t call = 0; call < 1000; ++call)
+    for (std::uint32_t call = 0; call < 1000; ++call) {
         requests.push_back(item(108, wire_value(8).u32(0, call)));
+    }
 
     client.async.send(requests);
 

@@ -50,7 +50,9 @@ class wire_value {
   private:
     wire_value& put(std::size_t offset, const void* source, std::size_t len) {
         EXPECT_LE(offset + len, bytes_.size());
-        if (len != 0 && offset + len <= bytes_.size()) std::memcpy(bytes_.data() + offset, source, len);
+        if (len != 0 && offset + len <= bytes_.size()) {
+            std::memcpy(bytes_.data() + offset, source, len);
+        }
         return *this;
     }
 
@@ -67,7 +69,9 @@ struct test_item {
     [[nodiscard]] std::uint16_t u16(std::size_t offset) const { return number<std::uint16_t>(offset); }
     [[nodiscard]] std::uint64_t u64(std::size_t offset) const { return number<std::uint64_t>(offset); }
     [[nodiscard]] byte_string part(std::size_t offset, std::size_t len) const {
-        if (offset + len > value.size()) return {};
+        if (offset + len > value.size()) {
+            return {};
+        }
         const auto first = value.begin() + static_cast<std::ptrdiff_t>(offset);
         return {first, first + static_cast<std::ptrdiff_t>(len)};
     }
@@ -77,7 +81,9 @@ struct test_item {
     [[nodiscard]] Number number(std::size_t offset) const {
         Number found = 0;
         EXPECT_LE(offset + sizeof found, value.size());
-        if (offset + sizeof found <= value.size()) std::memcpy(&found, value.data() + offset, sizeof found);
+        if (offset + sizeof found <= value.size()) {
+            std::memcpy(&found, value.data() + offset, sizeof found);
+        }
         return found;
     }
 };
@@ -101,7 +107,9 @@ class wire_socket {
     wire_socket& operator=(const wire_socket&) = delete;
 
     void close() {
-        if (socket_ >= 0) ::close(std::exchange(socket_, -1));
+        if (socket_ >= 0) {
+            ::close(std::exchange(socket_, -1));
+        }
     }
 
     void send_raw(const byte_string& bytes) {
@@ -134,7 +142,9 @@ class wire_socket {
     // The next item; type 0 when the peer closed or nothing came in time.
     test_item receive() {
         while (items_.empty()) {
-            if (!receive_message()) return {};
+            if (!receive_message()) {
+                return {};
+            }
         }
         test_item next = std::move(items_.front());
         items_.pop_front();
@@ -146,7 +156,9 @@ class wire_socket {
         std::uint8_t byte = 0;
         while (readable()) {
             const ssize_t count = ::recv(socket_, &byte, 1, 0);
-            if (count <= 0) return true;
+            if (count <= 0) {
+                return true;
+            }
         }
         return false;
     }
@@ -168,9 +180,13 @@ class wire_socket {
 
     bool receive_exactly(std::uint8_t* place, std::size_t len) {
         while (len != 0) {
-            if (!readable()) return false;
+            if (!readable()) {
+                return false;
+            }
             const ssize_t count = ::recv(socket_, place, len, 0);
-            if (count <= 0) return false;
+            if (count <= 0) {
+                return false;
+            }
             place += count;
             len -= static_cast<std::size_t>(count);
         }
@@ -179,7 +195,9 @@ class wire_socket {
 
     bool receive_message() {
         std::uint8_t header[8];
-        if (!receive_exactly(header, sizeof header)) return false;
+        if (!receive_exactly(header, sizeof header)) {
+            return false;
+        }
         std::uint32_t len = 0;
         std::uint16_t count = 0;
         std::memcpy(&len, header, sizeof len);
@@ -188,9 +206,13 @@ class wire_socket {
         EXPECT_EQ(header[7], 0);
         EXPECT_GT(len, 8u);
         byte_string body(len - 8);
-        if (!receive_exactly(body.data(), body.size())) return false;
+        if (!receive_exactly(body.data(), body.size())) {
+            return false;
+        }
         std::size_t offset = 0;
-        for (std::uint16_t index = 0; index < count; ++index) offset = take_item(body, offset);
+        for (std::uint16_t index = 0; index < count; ++index) {
+            offset = take_item(body, offset);
+        }
         EXPECT_EQ(offset, body.size());
         ++messages_;
         return true;
@@ -228,7 +250,9 @@ class daemon_process {
             ::kill(pid_, SIGKILL);
             wait_for_end();
         }
-        if (output_ >= 0) ::close(output_);
+        if (output_ >= 0) {
+            ::close(output_);
+        }
         // Socket files may vanish meanwhile: their owners remove them, too.
         std::error_code ignored;
         std::filesystem::remove_all(directory_, ignored);
@@ -247,7 +271,9 @@ class daemon_process {
         int ends[2];
         ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
         std::vector<char*> words{const_cast<char*>(SCCD_DEV_PATH)};
-        for (std::string& argument : arguments_) words.push_back(argument.data());
+        for (std::string& argument : arguments_) {
+            words.push_back(argument.data());
+        }
         words.push_back(nullptr);
         pid_ = ::fork();
         if (pid_ == 0) {
@@ -256,7 +282,9 @@ class daemon_process {
             ::_exit(127);
         }
         ::close(ends[1]);
-        if (output_ >= 0) ::close(output_);
+        if (output_ >= 0) {
+            ::close(output_);
+        }
         output_ = ends[0];
         pending_.clear();
     }
@@ -266,9 +294,13 @@ class daemon_process {
         while (pending_.find('\n') == std::string::npos) {
             pollfd waiting{output_, POLLIN, 0};
             char buffer[4096];
-            if (::poll(&waiting, 1, wait_ms) != 1) return {};
+            if (::poll(&waiting, 1, wait_ms) != 1) {
+                return {};
+            }
             const ssize_t count = ::read(output_, buffer, sizeof buffer);
-            if (count <= 0) return {};
+            if (count <= 0) {
+                return {};
+            }
             pending_.append(buffer, static_cast<std::size_t>(count));
         }
         const std::size_t end = pending_.find('\n');
@@ -280,7 +312,9 @@ class daemon_process {
     // Reads output up to a line with this text in it.
     std::string read_line_with(const std::string& text) {
         for (std::string line = read_line(); !line.empty(); line = read_line()) {
-            if (line.find(text) != std::string::npos) return line;
+            if (line.find(text) != std::string::npos) {
+                return line;
+            }
         }
         return {};
     }

@@ -16,7 +16,9 @@ const std::string flows_pcap = std::string(TEST_DATA_DIR) + "/flows.pcap";
 
 const flow* flow_of(const capture_report& report, u8 last_mac_byte) {
     for (const flow& one : report.flows) {
-        if (one.user.mac[5] == last_mac_byte) return &one;
+        if (one.user.mac[5] == last_mac_byte) {
+            return &one;
+        }
     }
     return nullptr;
 }
@@ -26,7 +28,9 @@ class ServiceCapture : public ::testing::Test {
     void hold(u32 acl_id, std::initializer_list<const char*> aces, const scc_acl_apply_record& place) {
         table_.locked([&](forwarding_table::contents& held) {
             ASSERT_EQ(held.acls.create(key_of(acl_id)), 0u);
-            for (const char* text : aces) ASSERT_EQ(held.acls.add_ace(key_of(acl_id), ace_of(text)), 0u);
+            for (const char* text : aces) {
+                ASSERT_EQ(held.acls.add_ace(key_of(acl_id), ace_of(text)), 0u);
+            }
             ASSERT_EQ(held.acls.apply(place), 0u);
         });
     }
@@ -52,7 +56,9 @@ TEST_F(ServiceCapture, EveryAceCountsThePacketsOfItsFlows) {
     ASSERT_EQ(report.acls.size(), 1u);
     EXPECT_EQ(report.acls[0].key.acl_id, 5u);
     std::vector<u64> packets;
-    for (const scc_ace_counter& ace : report.acls[0].aces) packets.push_back(ace.packets);
+    for (const scc_ace_counter& ace : report.acls[0].aces) {
+        packets.push_back(ace.packets);
+    }
     EXPECT_EQ(packets, (std::vector<u64>{11, 22, 11, 11, 10, 15}));
 }
 

@@ -23,7 +23,9 @@ class service_process {
         int ends[2];
         EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
         std::vector<char*> words{const_cast<char*>(SERVICE_PATH)};
-        for (std::string& argument : arguments) words.push_back(argument.data());
+        for (std::string& argument : arguments) {
+            words.push_back(argument.data());
+        }
         words.push_back(nullptr);
         pid_ = ::fork();
         if (pid_ == 0) {
@@ -39,7 +41,9 @@ class service_process {
             ::kill(pid_, SIGKILL);
             ::waitpid(pid_, nullptr, 0);
         }
-        if (output_ != nullptr) std::fclose(output_);
+        if (output_ != nullptr) {
+            std::fclose(output_);
+        }
     }
     service_process(const service_process&) = delete;
     service_process& operator=(const service_process&) = delete;
@@ -47,9 +51,13 @@ class service_process {
     // The next line; empty at the end of the output. The test's own time limit ends a wait for nothing.
     std::string line() {
         char buffer[512];
-        if (std::fgets(buffer, sizeof buffer, output_) == nullptr) return {};
+        if (std::fgets(buffer, sizeof buffer, output_) == nullptr) {
+            return {};
+        }
         std::string text = buffer;
-        if (!text.empty() && text.back() == '\n') text.pop_back();
+        if (!text.empty() && text.back() == '\n') {
+            text.pop_back();
+        }
         return text;
     }
     // Reads lines up to this one and returns them all, itself left out.
@@ -57,7 +65,9 @@ class service_process {
         std::vector<std::string> lines;
         for (std::string next = line(); next != last; next = line()) {
             EXPECT_NE(next, "") << "the output ended before: " << last;
-            if (next.empty()) break;
+            if (next.empty()) {
+                break;
+            }
             lines.push_back(next);
         }
         return lines;
@@ -179,9 +189,13 @@ std::vector<TestItem> first_of_each(TestClient& client, const std::vector<std::u
     std::size_t missing = types.size();
     while (missing != 0) {
         const TestItem next = client.async.receive();
-        if (next.type == 0) break;
+        if (next.type == 0) {
+            break;
+        }
         for (std::size_t place = 0; place < types.size(); ++place) {
-            if (types[place] != next.type || found[place].type != 0) continue;
+            if (types[place] != next.type || found[place].type != 0) {
+                continue;
+            }
             found[place] = next;
             --missing;
         }

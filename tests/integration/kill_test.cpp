@@ -216,8 +216,12 @@ TEST_F(Kill, AllThreeKilledInEveryCombinationAnswerEachCallOnceAndComeBack) {
         app.wait_for_load();
         const std::uint32_t losses = neighbour.ledger().losses;
         const std::uint32_t app_connections = die.application ? 0 : app.ledger().connections.load();
-        if (die.daemon) daemon.kill_hard();
-        if (die.service) security.kill_hard();
+        if (die.daemon) {
+            daemon.kill_hard();
+        }
+        if (die.service) {
+            security.kill_hard();
+        }
         if (die.application) {
             app.kill_hard();
             (void)app.check();
@@ -226,12 +230,20 @@ TEST_F(Kill, AllThreeKilledInEveryCombinationAnswerEachCallOnceAndComeBack) {
             EXPECT_TRUE(wait_until([&] { return neighbour.ledger().losses == losses + 1; }));
             daemon.start();
         }
-        if (die.service) security.start();
-        if (die.application) app.start_again();
-        if (die.service || die.daemon) security.wait_for_registration();
+        if (die.service) {
+            security.start();
+        }
+        if (die.application) {
+            app.start_again();
+        }
+        if (die.service || die.daemon) {
+            security.wait_for_registration();
+        }
         neighbour.wait_for_connection(neighbour.ledger().losses + 1);
         app.wait_for_connection(app_connections + (die.daemon || die.application ? 1 : 0));
-        if (HasFailure()) return;
+        if (HasFailure()) {
+            return;
+        }
     }
     for (application* one : {&neighbour, &app}) {
         one->wait_for_load();
