@@ -6,8 +6,10 @@
 #include <string>
 #include <unordered_map>
 
-#include "sccd/daemon.h"
+#include "sccd/daemon_core.h"
 #include "sccd/json_fields.h"
+#include "sccd/listener.h"
+#include "sccd/stream.h"
 
 namespace scc::sccd {
 

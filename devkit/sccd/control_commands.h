@@ -3,7 +3,7 @@
 
 #include <functional>
 
-#include "sccd/daemon.h"
+#include "sccd/daemon_core.h"
 #include "sccd/json_fields.h"
 
 namespace scc::sccd {

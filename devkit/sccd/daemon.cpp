@@ -4,204 +4,60 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <stdexcept>
-#include <utility>
 
-#include "sccd/control.h"
 #include "sccd/notifications.h"
-#include "sccd/recovery.h"
 #include "sccd/requests.h"
 
 namespace scc::sccd {
 namespace {
 
-using devkit::answer_kind;
-using devkit::byte_buffer;
-using devkit::byte_view;
-using devkit::wire_item;
+constexpr const char* listening_socket = "/.sccd_sd_";
+constexpr const char* control_socket = "/.sccd_ctl";
 
-constexpr std::string_view listening_socket = "/.sccd_sd_";
-constexpr std::string_view control_socket = "/.sccd_ctl";
-
-}  // namespace
-
-daemon_core::daemon_core(const daemon_options& options)
-    : trace(options.trace),
-      clients(loop, trace, faults),
-      bridge(loop, clients, trace, options.service_timeout) {
-    clients.set_hooks({[this](const client_entry& client, const wire_item& item) { take_item(client, item); },
-                       [this](const client_entry& client) { client_ready(client); },
-                       [this](const client_entry& client) { client_gone(client); }});
-    watch_signals();
-    listener_ = std::make_unique<socket_listener>(loop, options.directory + std::string(listening_socket),
-                                                  [this](int descriptor) { clients.accept(descriptor); });
-    control_ = std::make_unique<control_server>(*this, options.directory + std::string(control_socket));
-}
-
-daemon_core::~daemon_core() {
-    if (signals_ >= 0) {
-        ::close(signals_);
-    }
-}
-
-void daemon_core::run() {
-    loop.run();
-}
-
-void daemon_core::watch_signals() {
+int ending_signals() {
     sigset_t ending;
     sigemptyset(&ending);
     sigaddset(&ending, SIGTERM);
     sigaddset(&ending, SIGINT);
     ::sigprocmask(SIG_BLOCK, &ending, nullptr);
-    signals_ = ::signalfd(-1, &ending, SFD_NONBLOCK | SFD_CLOEXEC);
-    if (signals_ < 0) {
+    const int descriptor = ::signalfd(-1, &ending, SFD_NONBLOCK | SFD_CLOEXEC);
+    if (descriptor < 0) {
         throw std::runtime_error(std::string("signalfd: ") + std::strerror(errno));
     }
-    loop.watch(signals_, EPOLLIN, [this](std::uint32_t) { loop.stop(); });
+    return descriptor;
 }
 
-void daemon_core::take_item(const client_entry& client, const wire_item& item) {
+}  // namespace
+
+development_daemon::development_daemon(const daemon_options& options)
+    : core_(options.trace, options.service_timeout),
+      signals_(ending_signals()),
+      listener_(core_.loop, options.directory + listening_socket,
+                [this](int descriptor) { core_.clients.accept(descriptor); }),
+      control_(core_, options.directory + control_socket) {
+    core_.clients.set_hooks(
+        {[this](const client_entry& client, const devkit::wire_item& item) { take_item(client, item); },
+         [this](const client_entry& client) { core_.client_ready(client); },
+         [this](const client_entry& client) { core_.client_gone(client); }});
+    core_.loop.watch(signals_, EPOLLIN, [this](std::uint32_t) { core_.loop.stop(); });
+}
+
+development_daemon::~development_daemon() {
+    ::close(signals_);
+}
+
+void development_daemon::take_item(const client_entry& client, const devkit::wire_item& item) {
     if (item.type == msg::is_alive || item.type == msg::info_collect) {
-        return take_probe_answer(client, item);
+        return core_.take_probe_answer(client, item);
     }
-    if (client.is_service() && take_report(*this, client, item)) {
+    if (client.is_service() && take_report(core_, client, item)) {
         return;
     }
-    take_request(*this, client, item);
-}
-
-void daemon_core::client_ready(const client_entry& client) {
-    if (!client.is_service()) {
-        return;
-    }
-    bridge.attach(client.id);
-    const bool had_something =
-        !acls.acls().empty() || !users.users().empty() || !settings.nothing_for_service();
-    if (had_something) {
-        recover_service();
-    }
-}
-
-void daemon_core::client_gone(const client_entry& client) {
-    if (client.is_service() && client.complete()) {
-        bridge.detach();
-    }
-    for (auto probe = probes_.begin(); probe != probes_.end();) {
-        if (probe->client != client.id) {
-            ++probe;
-            continue;
-        }
-        const application_probe ended = std::move(*probe);
-        probe = probes_.erase(probe);
-        loop.cancel(ended.timer);
-        ended.answered(std::nullopt);
-    }
-}
-
-void daemon_core::answer(const request_ticket& ticket, u32 result) {
-    if (ticket.type->answer == answer_kind::none) {
-        return;
-    }
-    byte_buffer value(ticket.type->reply_bytes, 0);
-    devkit::write_at(value, ticket.type->result_offset, result);
-    if (ticket.type->answer == answer_kind::reply) {
-        return reply(ticket, value);
-    }
-    devkit::write_at(value, 0, ticket.call_id);
-    clients.send_async(ticket.client, 0, ticket.type->reply_type, value);
-}
-
-void daemon_core::reply(const request_ticket& ticket, byte_view value) {
-    clients.send_sync(ticket.client, ticket.type->reply_type, value);
-}
-
-void daemon_core::carry_out(const request_ticket& ticket, state_change change,
-                            std::vector<service_operation> operations, std::function<void()> succeeded) {
-    if (change.result != result::ok) {
-        return answer(ticket, change.result);
-    }
-    if (!bridge.present()) {
-        answer(ticket, result::ok);
-        if (succeeded) {
-            succeeded();
-        }
-        return;
-    }
-    bridge.submit(std::move(operations), [this, ticket, undo = std::move(change.undo),
-                                          succeeded = std::move(succeeded)](const service_outcome& outcome) {
-        if (outcome.result != result::ok && undo) {
-            undo();
-        }
-        answer(ticket, outcome.result);
-        if (outcome.result == result::ok && succeeded) {
-            succeeded();
-        }
-    });
-}
-
-void daemon_core::fetch() {
-    if (recovery_is_coming_) {
-        return trace.note("the recovery that is fetched is on its way");
-    }
-    recover_service();
-}
-
-void daemon_core::recover_service() {
-    recovery_is_coming_ = true;
-    for (service_operation& operation : recovery_operations(acls, users, settings)) {
-        const devkit::message_type* const row =
-            devkit::find_message(devkit::message_route::operation, operation.type);
-        if (row->answer == answer_kind::none) {
-            bridge.post(operation);
-            continue;
-        }
-        std::vector<service_operation> single;
-        single.push_back(std::move(operation));
-        bridge.submit(std::move(single), [this, name = row->name](const service_outcome& outcome) {
-            recovery_is_coming_ = false;  // results come in the order of the operations, the start's first
-            if (outcome.result == result::ok) {
-                return;
-            }
-            trace.note("recovery: " + std::string(name) + " failed with " + std::to_string(outcome.result));
-        });
-    }
-}
-
-void daemon_core::notify_applications(u16 type, byte_view value, client_id except) {
-    for (const client_entry& client : clients.registry().applications()) {
-        if (client.id != except) {
-            clients.send_async(client.id, 0, type, value);
-        }
-    }
-}
-
-void daemon_core::probe(client_id client, u16 type, std::chrono::milliseconds limit,
-                        std::function<void(std::optional<byte_view>)> answered) {
-    const auto probe = probes_.insert(probes_.end(), {client, type, std::move(answered), {}});
-    probe->timer = loop.after(limit, [this, probe] {
-        const application_probe late = std::move(*probe);
-        probes_.erase(probe);
-        late.answered(std::nullopt);
-    });
-    clients.send_async(client, 0, type, {});
-}
-
-void daemon_core::take_probe_answer(const client_entry& client, const wire_item& item) {
-    const auto probe = std::find_if(probes_.begin(), probes_.end(), [&](const application_probe& waiting) {
-        return waiting.client == client.id && waiting.type == item.type;
-    });
-    if (probe == probes_.end()) {
-        return trace.note("an answer to nothing that was asked");
-    }
-    const application_probe answered = std::move(*probe);
-    probes_.erase(probe);
-    loop.cancel(answered.timer);
-    answered.answered(item.value);
+    take_request(core_, client, item);
 }
 
 }  // namespace scc::sccd

@@ -44,7 +44,7 @@ void allow_many_descriptors() {
 }
 
 int run(const scc::sccd::daemon_options& options) {
-    scc::sccd::daemon_core daemon(options);
+    scc::sccd::development_daemon daemon(options);
     std::puts("sccd-dev: ready");
     std::fflush(stdout);
     daemon.run();

@@ -1,7 +1,7 @@
 // What the security service reports, passed on to the applications.
 #pragma once
 
-#include "sccd/daemon.h"
+#include "sccd/daemon_core.h"
 
 namespace scc::sccd {
 

@@ -2,7 +2,7 @@
 // with a value of at least the length that the message list demands.
 #pragma once
 
-#include "sccd/daemon.h"
+#include "sccd/daemon_core.h"
 
 namespace scc::sccd {
 

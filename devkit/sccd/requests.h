@@ -2,7 +2,7 @@
 // answered; those that change or read the daemon's state have a row in the table of requests.cpp.
 #pragma once
 
-#include "sccd/daemon.h"
+#include "sccd/daemon_core.h"
 
 namespace scc::sccd {
 
