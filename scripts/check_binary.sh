@@ -2,6 +2,8 @@
 # The shared library as a guest sees it: its symbols, what it needs, and what it must not contain.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/common.sh
+. scripts/common.sh
 library=${1:?path of libscclib.so}
 
 fail() {
@@ -9,8 +11,8 @@ fail() {
     exit 1
 }
 
-named=$(sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map | sort)
-visible=$(nm -D --defined-only "$library" | awk '{print $3}' | sed 's/@.*//' | grep -v '^SCCLIB_1.0$' | sort)
+named=$(exported_names)
+visible=$(nm -D --defined-only "$library" | awk '{print $3}' | sed 's/@.*//' | grep -v '^SCCLIB_1.0$' | LC_ALL=C sort)
 [ "$named" = "$visible" ] || {
     diff <(echo "$named") <(echo "$visible") || true
     fail "the visible symbols are not those of src/scclib.map"

@@ -4,6 +4,8 @@
 set -euo pipefail
 export LC_ALL=C
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/common.sh
+. scripts/common.sh
 work=$(mktemp -d "${TMPDIR:-/tmp}/scclib-complete-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 
@@ -21,7 +23,7 @@ missing() {
     failed=yes
 }
 
-sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map | sort >"$work/exported"
+exported_names >"$work/exported"
 python3 scripts/make_man_pages.py include/scclib.h src/scclib.map "$work/man"
 for page in "$work"/man/man3/*.3; do basename "$page" .3; done | sort >"$work/documented"
 words --include='*.cpp' --include='*.h' --include='*.c' tests >"$work/tested"

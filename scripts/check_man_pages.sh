@@ -2,6 +2,8 @@
 # The manual: made from the header, every page without a warning, none missing, no section empty.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/common.sh
+. scripts/common.sh
 work=$(mktemp -d "${TMPDIR:-/tmp}/scclib-man-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 
@@ -27,7 +29,7 @@ mandoc -T lint -W warning "${pages[@]}" || fail "pages with warnings"
 
 while read -r name; do
     [ -s "$work/man3/$name.3" ] || fail "$name has no page"
-done < <(sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map)
+done < <(exported_names)
 
 empty=$(empty_sections "${pages[@]}")
 [ -z "$empty" ] || fail "empty sections:"$'\n'"$empty"

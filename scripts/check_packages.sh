@@ -3,6 +3,8 @@
 # They are unpacked into one empty directory, so neither root nor a chroot is needed.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/common.sh
+. scripts/common.sh
 work=$(mktemp -d "${TMPDIR:-/tmp}/scclib-packages-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 root=$work/root
@@ -61,7 +63,7 @@ done
 [ -s "$root/usr/share/bash-completion/completions/sccctl" ] || fail "there is no completion for sccctl"
 while read -r name; do
     [ -s "$root/usr/share/man/man3/$name.3.gz" ] || fail "scclib-dev has no page of $name"
-done < <(sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map)
+done < <(exported_names)
 
 depends libscclib1 libc6 "scclib-workstation (= $version) | scclib-platform"
 depends scclib-dev "libscclib1 (= $version)"

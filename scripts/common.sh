@@ -9,6 +9,9 @@ export CMAKE_COLOR_DIAGNOSTICS=OFF
 
 jobs=$(nproc)
 
+# exported_names: the names that the shared library exports, sorted in the C locale.
+exported_names() { sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map | LC_ALL=C sort; }
+
 # build PRESET [targets...]: configures once, then builds.
 build() {
     local preset=$1
