@@ -1,4 +1,4 @@
-// Writing and reading the devkit's rule in an ACE record. The byte layout stands in the header.
+// Encodes and decodes the devkit's rule in an ACE record. The header describes the byte layout.
 #include "ace_layout.h"
 
 #include <cstddef>
@@ -31,7 +31,7 @@ enum offset : std::size_t {
 static_assert(at_marker == offsetof(scc_ace_record, match));
 static_assert(at_end <= offsetof(scc_ace_record, sn), "the rule must stay clear of the library's fields");
 
-// The rule lies wholly inside the member match, so offsets of the record are turned into its own.
+// The rule lies entirely inside `match`, so record offsets are converted to offsets into it.
 template <typename Value>
 void put(scc_ace_record& record, std::size_t at, const Value& value) {
     std::memcpy(record.match + (at - at_marker), &value, sizeof value);
@@ -111,7 +111,7 @@ bool prefixes_fit(const rule& read) {
         case frame_family::any_ip:
             return read.source.prefix_bits == 0 && read.destination.prefix_bits == 0;
     }
-    return false;  // a family that no rule has
+    return false;  // unknown family
 }
 
 bool ports_fit(const rule& read) {

@@ -1,4 +1,4 @@
-// Reading and printing the text of a rule. The grammar stands in the header.
+// Parses and prints the text of a rule. The grammar is in the header.
 #include "ace_text.h"
 
 #include <arpa/inet.h>
@@ -29,7 +29,7 @@ constexpr protocol_name protocol_names[] = {
     {"icmp6", protocol_icmp6},
 };
 
-// What a parse step reports; main loops pass it up to parse_rule, which hands it to the caller.
+// Thrown by the parsing steps; parse_rule turns it into its error text.
 struct syntax_error {
     std::string text;
 };
@@ -46,7 +46,7 @@ std::vector<string_view> split_words(string_view text) {
     return words;
 }
 
-// The words of a line that are still to be read.
+// The words of a line that have not been parsed yet.
 class word_reader {
   public:
     explicit word_reader(string_view text) : words_(split_words(text)) {}
@@ -165,7 +165,7 @@ mac_match take_mac(word_reader& words, string_view what) {
     if (slash != string_view::npos) {
         const auto mask = parse_mac(word.substr(slash + 1));
         if (!mask) {
-            throw syntax_error{fmt::format("'{}' has no MAC mask behind the slash", word)};
+            throw syntax_error{fmt::format("'{}' has no MAC mask after the slash", word)};
         }
         match.mask = *mask;
     }
@@ -293,7 +293,7 @@ std::string print_protocol(const rule& from) {
 }
 
 std::string print_sides(const rule& from) {
-    // A protocol between "any" and "any" would be read back as both families, so one family says so.
+    // A protocol with "any" on both sides parses as both families, so a single family is written out.
     const bool name_family = from.protocol && from.family != frame_family::any_ip &&
                              from.source.prefix_bits == 0 && from.destination.prefix_bits == 0;
     const auto side = [&](const ip_prefix& prefix, bool is_source) {
@@ -334,7 +334,7 @@ std::optional<std::uint64_t> parse_number(string_view text, std::uint64_t min, s
 }
 
 std::optional<mac_bytes> parse_mac(string_view text) {
-    // Either "00:11:22:33:44:55" or "0011.2233.4455": only the digits differ in their places.
+    // "00:11:22:33:44:55" or "0011.2233.4455".
     const bool has_colons = text.size() == 17;
     if (!has_colons && text.size() != 14) {
         return std::nullopt;

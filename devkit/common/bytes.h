@@ -1,6 +1,6 @@
-// Reading and writing numbers in byte buffers. Every access is checked: what lies outside a buffer
-// reads as zero and is not written, so that no length sent by a stranger can lead past the end.
-// All numbers are in host byte order. Pure functions, callable from any thread.
+// Bounds-checked reads and writes of numbers in byte buffers: reading outside a buffer yields zero,
+// writing outside is ignored, so a length sent by a peer can never lead past the end. All numbers are in
+// host byte order. Pure functions; any thread.
 #pragma once
 
 #include <array>
@@ -24,7 +24,7 @@ using mac_address = std::array<u8, 6>;
     return offset <= bytes.size() && len <= bytes.size() - offset;
 }
 
-// The bytes from `offset` on, as many as there are of `len`.
+// At most `len` bytes from `offset` on.
 [[nodiscard]] constexpr byte_view slice(byte_view bytes, std::size_t offset, std::size_t len) {
     if (offset >= bytes.size()) {
         return {};
@@ -64,14 +64,14 @@ void copy_at(byte_buffer& bytes, std::size_t offset, byte_view source);
 [[nodiscard]] std::string mac_text(const mac_address& mac);
 [[nodiscard]] std::optional<mac_address> parse_mac(std::string_view text);
 
-// An IPv4 address as it lies in memory (network order), read as one word.
+// An IPv4 address in network byte order, as one word.
 [[nodiscard]] std::string ipv4_text(u32 address);
-// 16 bytes; fewer are filled with zeros.
+// 16 bytes; fewer are padded with zeros.
 [[nodiscard]] std::string ipv6_text(byte_view address);
 [[nodiscard]] std::optional<u32> parse_ipv4(const std::string& text);
 
 [[nodiscard]] std::string hex_text(byte_view bytes);
-// Pairs of hexadecimal digits; blanks between pairs are allowed.
+// Pairs of hexadecimal digits, optionally separated by blanks.
 [[nodiscard]] std::optional<byte_buffer> parse_hex(std::string_view text);
 
 }  // namespace scc::devkit

@@ -1,4 +1,4 @@
-// One item in one line of text: its name, the fields its row lists, and its first bytes.
+// One item as one line of text: its name, the fields listed in its row, and its first bytes.
 #pragma once
 
 #include <string>

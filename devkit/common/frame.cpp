@@ -31,7 +31,7 @@ message_frame cut_items(byte_view message, u32 len) {
         offset = value_offset + value_len;
     }
     if (offset != message.size()) {
-        return troubled(frame_state::refused, len, "bytes are left behind the last item");
+        return troubled(frame_state::refused, len, "bytes are left after the last item");
     }
     return frame;
 }

@@ -1,6 +1,6 @@
-// Where the fields lie in the records of the wire. The library copies most of these records unread;
-// the fields marked (*) are the ones that it inspects itself, the others are the devkit's choice and
-// bind the daemon, the software service and the command-line tool only.
+// Field offsets in the wire's records. The library copies most of these records unread. The fields that
+// it reads are marked (*); the others are the devkit's convention, shared by the daemon, the software
+// service and the command-line tool.
 #pragma once
 
 #include <tuple>
@@ -73,10 +73,10 @@ inline constexpr std::size_t mac = 6;    // 6 bytes
 inline constexpr std::size_t ipv4 = 12;  // u32
 }  // namespace arp_check_user
 
-// The 512 bytes of direct VLANs: VLAN v is the bit v % 8, from the lowest, of byte v / 8.
+// The 512 bytes of direct VLANs: VLAN v is bit v % 8 (0 is the lowest) of byte v / 8.
 inline constexpr u64 vlan_count = record::direct_vlan * 8;
 
-// False when there is no such VLAN. The record lies in `bytes` from `offset` on.
+// False if there is no such VLAN. The record starts at `offset` in `bytes`.
 [[nodiscard]] inline bool set_vlan(byte_buffer& bytes, std::size_t offset, u64 vlan) {
     if (vlan >= vlan_count || !holds(bytes, offset, record::direct_vlan)) {
         return false;
@@ -101,8 +101,8 @@ inline constexpr std::size_t sn = 220;  // u32 (*)
 inline constexpr std::size_t id = 224;  // u32 (*)
 }  // namespace ace_record
 
-// The 232-byte apply record begins with the ACL's key. The devkit takes everything behind the key
-// together as the entity that the ACL is applied on.
+// The 232-byte apply record begins with the ACL's key. The devkit takes everything after the key
+// as the entity that the ACL is applied to.
 namespace apply_record {
 inline constexpr std::size_t entity = record::acl_key;
 inline constexpr std::size_t ifx = 16;          // u32
@@ -124,7 +124,7 @@ struct acl_identity {
     u32 acl_id = 0;
     u32 acl_class = 0;
 
-    // The class is carried along but does not tell ACLs apart.
+    // The class is carried along but is not part of an ACL's identity.
     friend bool operator<(const acl_identity& a, const acl_identity& b) {
         return std::tie(a.vdev, a.app_type, a.acl_id) < std::tie(b.vdev, b.app_type, b.acl_id);
     }

@@ -1,4 +1,4 @@
-// Keeping the confirmed ACL changes and holding the library's cache against them.
+// Records confirmed ACL changes and compares the library's cache with them.
 #include "acl_book.h"
 
 #include <algorithm>
@@ -10,11 +10,11 @@
 namespace scc::ctl {
 namespace {
 
-// The cache takes a change in right after the handler returned: microseconds, unless the machine is busy.
+// The cache is updated right after the handler returns: microseconds, unless the machine is busy.
 constexpr std::chrono::seconds settle_limit{2};
 constexpr std::chrono::microseconds settle_interval{200};
 
-// Resequencing leaves numbers from here on as they are.
+// Resequencing keeps numbers from here on.
 constexpr std::uint32_t fixed_sn = 0x7FFFFFFF;
 
 bool same_application(const scc_acl_apply_record& a, const scc_acl_apply_record& b) {
@@ -141,7 +141,7 @@ std::uint32_t read_cached_aces(const scc_acl_key& key, std::vector<scc_ace_recor
         return result;
     }
     for (scc_list_head* next = aces.next; next != &aces;) {
-        auto* const ace = reinterpret_cast<scc_ace_record*>(next);  // the link opens the record
+        auto* const ace = reinterpret_cast<scc_ace_record*>(next);  // the link is the record's first member
         next = next->next;
         into.push_back(*ace);
         into.back().link = {};

@@ -1,4 +1,4 @@
-// Reading and writing the text file of ACLs.
+// Parses and prints the text file of ACLs.
 #include "acl_file.h"
 
 #include <fmt/format.h>
@@ -46,7 +46,7 @@ std::uint32_t number_of(const std::string& word, std::string_view what, std::uin
     return static_cast<std::uint32_t>(*value);
 }
 
-// The "name value" pairs behind a line's first words, each at most once.
+// The "name value" pairs after a line's first words, each at most once.
 class named_values {
   public:
     named_values(const words& line, std::size_t begin, std::initializer_list<std::string_view> known) {
@@ -226,7 +226,7 @@ std::string raw_text(const scc_ace_record& record) {
     return text;
 }
 
-// A rule is written as text only when the text holds everything that the record does.
+// A rule is written as text only if the text reproduces the whole record.
 std::string ace_text(const scc_ace_record& record) {
     const auto text = ace::print_ace(record);
     std::string error;

@@ -12,11 +12,11 @@
 namespace scc::ctl {
 namespace {
 
-// Requests under way at once: enough to fill batches, few enough to keep a failure's damage readable.
+// Outstanding requests: enough to fill batches, few enough to keep the errors of a failure readable.
 constexpr std::size_t window = 512;
 constexpr std::size_t bar_columns = 40;
 
-// One request of the file. key and ace, or application, are what it is made of.
+// One request of the file, made of key and ace, or of application.
 struct step {
     enum class kind : std::uint8_t { create, add_ace, apply };
     kind what;
@@ -70,7 +70,7 @@ void note(acl_book& book, const step& each) {
     book.applied(record);
 }
 
-// Redraws one line of a terminal; silent when standard error is none, or when it was not asked for.
+// Redraws one line of a terminal. Silent unless it was asked for and standard error is a terminal.
 class progress_bar {
   public:
     progress_bar(bool wanted, std::size_t total)
@@ -95,7 +95,7 @@ class progress_bar {
         std::fflush(stderr);
     }
 
-    // Makes room for another line; the next show draws the bar again.
+    // Erases the bar, so that another line can be printed; the next show() draws it again.
     void hide() {
         if (!drawn_ || shown_percent_ > 100) {
             return;
@@ -249,7 +249,7 @@ int load_acl_file(const std::string& name, const acl_file& file, bool progress, 
 
 int save_acl_file(const std::string& name, session& within, const output_options& output) {
     if (!within.book().settle()) {
-        print_problem("acl save", "the cache is behind; saving what it holds", output);
+        print_problem("acl save", "the cache is not up to date; saving what it holds", output);
     }
     acl_file file;
     for (const scc_acl_key& key : within.book().keys()) {

@@ -1,4 +1,4 @@
-// From the text of an argument to the bytes of a call and back.
+// Converts the text of an argument to the bytes of a call and back.
 #include "arguments.h"
 
 #include <arpa/inet.h>
@@ -31,7 +31,7 @@ void put_bytes(byte_buffer& record, std::size_t offset, const void* bytes, std::
     std::memcpy(record.data() + offset, bytes, len);
 }
 
-// The widths that occur are those of the machine's integers, least significant byte first on this host.
+// All widths are those of machine integers; the host is little-endian.
 void put_number(byte_buffer& record, std::size_t offset, std::size_t width, std::uint64_t value) {
     const auto narrow = [&](auto typed) {
         typed = static_cast<decltype(typed)>(value);
@@ -221,7 +221,7 @@ argument constant(std::string_view name, std::size_t offset, std::uint64_t value
 std::optional<std::string> text_of_file(const std::string& name) {
     std::ifstream file(name);
     std::ostringstream text;
-    // A directory opens, and fails only when it is read.
+    // A directory can be opened; only reading it fails.
     if (!file || (file.peek() != std::ifstream::traits_type::eof() && !(text << file.rdbuf()))) {
         return {};
     }

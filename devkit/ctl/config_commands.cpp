@@ -1,7 +1,7 @@
 // The rows of the configuration requests.
 //
-// The library hands most records on unread. Where their fields lie is the devkit's convention, the one
-// that the daemon and the software service go by; --field and --hex reach every other byte.
+// The library passes most records on unread. The field offsets are the convention shared with the daemon
+// and the software service; --field and --hex reach every other byte.
 #include <initializer_list>
 
 #include "command.h"

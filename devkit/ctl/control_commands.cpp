@@ -47,7 +47,7 @@ json with_timeout(json made, const context& within) {
     return made;
 }
 
-// "name=value": lists and objects as JSON, everything else as text, which the daemon reads as it needs.
+// "name=value": lists and objects as JSON, everything else as text, which the daemon converts.
 void add_pairs(json& into, const std::vector<std::string>& pairs) {
     for (const std::string& each : pairs) {
         const auto equals = each.find('=');
@@ -76,7 +76,7 @@ int notify(const control_options& options, const context& within) {
     return call(made, within);
 }
 
-// Asks the application of --app, or every client in turn; the service is not asked what it never answers.
+// Asks the application of --app, or every client in turn, except the service, which does not answer.
 int call_each(json made, bool service_too, const context& within) {
     if (within.app_given) {
         made["app"] = within.registration.app_id;
@@ -84,7 +84,7 @@ int call_each(json made, bool service_too, const context& within) {
     }
     const json reply = ask(request(control::clients));
     if (!reply.value("ok", false)) {
-        return call(request(control::clients), within);  // says why
+        return call(request(control::clients), within);  // prints the reason
     }
     int worst = exit_success;
     bool anybody = false;

@@ -1,4 +1,4 @@
-// Results and replies as text and as JSON.
+// Prints results and replies as text and as JSON.
 #include "output.h"
 
 #include <fmt/format.h>
@@ -46,7 +46,7 @@ void add_arguments(json& object, const outcome& shown_outcome) {
 void add_outs(json& object, const outcome& shown_outcome) {
     const auto& outs = shown_outcome.row->outs;
     for (std::size_t i = 0; i < outs.size() && i < shown_outcome.values.outs.size(); ++i) {
-        // What a failed call wrote is the caller's own zero, but for the call id.
+        // A failed call leaves its outputs at zero, except the call id.
         if (shown_outcome.result != 0 && outs[i].name != "call-id") {
             continue;
         }
@@ -58,7 +58,7 @@ std::string cell(const json& value) {
     return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
-// A list of objects that have the same plain fields reads best as a table.
+// A list of objects with the same plain fields is printed as a table.
 bool is_table(const json& value) {
     if (!value.is_array() || value.empty() || !value[0].is_object()) {
         return false;

@@ -1,4 +1,4 @@
-// Building the command line from the table and running what was chosen.
+// Builds the command line from the table and runs the chosen command.
 #include "program.h"
 
 #include <fmt/format.h>
@@ -14,9 +14,9 @@
 namespace scc::ctl {
 namespace {
 
-// What the user gave for one argument. A rule is many words; everything else is one.
+// The user's input for one argument. A rule is several words, everything else one.
 struct given_text {
-    CLI::Option* option = nullptr;  // null for what is never given
+    CLI::Option* option = nullptr;  // null for a fixed argument
     std::string one;
     std::vector<std::string> many;
 
@@ -26,7 +26,7 @@ struct given_text {
     }
 };
 
-// What the user gave for one row.
+// The user's input for one row.
 struct bound_command {
     const command* row = nullptr;
     CLI::App* app = nullptr;
@@ -46,7 +46,7 @@ struct own_options {
 
 struct built {
     CLI::App app{"Talk to the security-control daemon: one command for every request and query.", "sccctl"};
-    std::deque<bound_command> rows;  // addresses stay
+    std::deque<bound_command> rows;  // a deque keeps addresses valid
     own_options own;
     std::function<int()> action;
     bool list = false;
@@ -65,9 +65,9 @@ std::vector<std::string> split(std::string_view name) {
 }
 
 constexpr double seconds_max = 86400;
-constexpr double count_max = 1e15;  // every whole number up to here is a double
+constexpr double count_max = 1e15;  // a double represents every integer up to here
 
-// A number as it is written out, so that neither "nan" nor "-1" slips through as something else.
+// A number in plain digits: neither "nan" nor "-1" is accepted.
 CLI::Validator within_limits(double min, double max) {
     const auto problem = [min, max](const std::string& text) -> std::string {
         double value = 0;
@@ -98,7 +98,7 @@ CLI::App* child_or_null(CLI::App& parent, const std::string& name) {
     return found.empty() ? nullptr : found.front();
 }
 
-// The command's place: groups ("acl") are made on the way; they want one of theirs and name them all.
+// Finds or makes the subcommand, and its groups ("acl"), which require one of their own subcommands.
 CLI::App& place(CLI::App& app, std::string_view name, const std::string& help, std::string_view group) {
     CLI::App* at = &app;
     for (const std::string& word : split(name)) {
@@ -174,7 +174,7 @@ const command& row_named(std::string_view name) {
                          [&](const command& row) { return row.name == name; });
 }
 
-// The flag word tells which addresses a record carries; an explicit one is taken as it is.
+// The flag word says which addresses a record carries; an explicit one is left unchanged.
 void mark_given_addresses(const bound_command& bound, call_values& values) {
     std::uint32_t flags = 0;
     const argument* flag_word = nullptr;
@@ -198,7 +198,7 @@ void mark_given_addresses(const bound_command& bound, call_values& values) {
     devkit::write_at(record, flag_word->offset, devkit::u32_at(record, flag_word->offset) | flags);
 }
 
-// A record that must be filled: with its arguments, or with its bytes.
+// A mandatory record: filled from its arguments, or from its bytes.
 void refuse_empty_rule(const bound_command& bound) {
     if (!bound.hex.empty() || !bound.fields.empty()) {
         return;
@@ -283,7 +283,7 @@ void add_load(built& into, context& within) {
     app.callback([&] { into.action = [&] { return load(within, into.own); }; });
 }
 
-// These read the process's own cache, which a single command leaves behind empty.
+// These read the process's own cache, which is empty in a single command.
 void add_shell_only(built& into, context& within) {
     CLI::App& save = place(into.app, "acl save", "write the ACLs of this shell's cache to a file", "ACLs");
     save.add_option("file", into.own.file, "a file of ACLs")->required()->type_name("FILE");
@@ -340,10 +340,11 @@ void build(built& into, context& within) {
     add_own_commands(into, within);
     // Last, or every command would inherit it.
     into.app.footer(
-        "The options above may stand anywhere. Exit status: 0 done, 1 refused, 2 usage, 3 no daemon.");
+        "These options may be given anywhere. Exit status: 0 done, 1 refused, 2 usage, 3 no daemon.");
 }
 
-// The options of every command may stand behind it; they are moved to the front, where the parser wants them.
+// The general options may also follow the command; they are moved to the front, where the parser expects
+// them.
 std::vector<std::string> common_options_first(const std::vector<std::string>& words) {
     constexpr std::array<std::string_view, 3> with_value = {"--app", "--timeout", "--option"};
     constexpr std::array<std::string_view, 2> alone = {"--json", "--raw"};
@@ -420,7 +421,7 @@ std::string listed_options(const CLI::App& leaf) {
     return text;
 }
 
-// What may follow as a word, for the completion: a column of its own.
+// The values of a positional argument, for the completion, in a column of their own.
 std::string choices_of(std::string_view path) {
     if (path == "debug") {
         return "\ton off";
@@ -472,17 +473,17 @@ int run_command_line(const std::vector<std::string>& words, context& within) {
     built parsed;
     build(parsed, within);
     std::vector<std::string> reversed = common_options_first(help_asked(words));
-    // A line that cannot be parsed answers in the form that it asks for.
+    // The error of a line that cannot be parsed is printed in the format that the line asks for.
     output_options form = within.output;
     form.as_json = form.as_json || std::find(words.begin(), words.end(), "--json") != words.end();
-    std::reverse(reversed.begin(), reversed.end());  // as the parser takes them
+    std::reverse(reversed.begin(), reversed.end());  // the parser takes them in reverse
     try {
         parsed.app.parse(reversed);
         take_common_options(parsed, within);
         return run_chosen(parsed, within);
     } catch (const CLI::ParseError& problem) {
         if (problem.get_exit_code() == 0) {
-            return parsed.app.exit(problem);  // help was asked for
+            return parsed.app.exit(problem);  // help was requested
         }
         print_problem("usage", problem.what(), form);
         return exit_usage;

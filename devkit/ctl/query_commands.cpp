@@ -1,4 +1,4 @@
-// The rows of the synchronous queries and of what the library answers by itself.
+// The rows of the synchronous queries and of the calls that the library answers itself.
 #include <algorithm>
 
 #include "command.h"

@@ -15,7 +15,7 @@
 namespace scc::ctl {
 namespace {
 
-// The library's checker empties the send buffer at this interval at the latest; once more for its turn.
+// Twice the interval at which the library's checker flushes the send buffer.
 constexpr std::chrono::microseconds buffer_leaves{4 * limits::batch_interval_us};
 
 void on_status(std::uint32_t status) {
@@ -38,7 +38,7 @@ scc_reg_info registration(const session_options& options) {
     return info;
 }
 
-// Registering sets the umask to 0 for the library's socket files; the tool's own files keep the user's.
+// Registration sets the umask to 0 for the library's socket files; the tool's own files need the user's.
 std::uint32_t register_with_umask_kept(const scc_reg_info& info) {
     const mode_t before = umask(0);
     const std::uint32_t result = scc_svr_reg(&info);
@@ -75,7 +75,7 @@ void session::stop() {
         return;
     }
     started_ = false;
-    (void)scc_svr_unreg();  // the process ends next, and its connections with it
+    (void)scc_svr_unreg();  // the process is about to exit anyway
     book_.clear();
 }
 

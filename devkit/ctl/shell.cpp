@@ -1,4 +1,4 @@
-// The commands that last: the shell, and watching notifications.
+// The long-running commands: the shell and the watch.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -13,7 +13,7 @@
 namespace scc::ctl {
 namespace {
 
-// How often a watch looks whether it was interrupted.
+// How often a watch checks for an interrupt.
 constexpr std::chrono::milliseconds interrupt_interval{200};
 
 volatile std::sig_atomic_t interrupted = 0;
@@ -30,7 +30,7 @@ json status_notification(std::uint32_t status) {
     return {{"notification", "server-status"}, {"status", status}};
 }
 
-// Prints one event and tells whether it counts as a notification.
+// Prints one event. Returns whether it counts as a notification.
 bool print_event(const event& arrived, const output_options& output) {
     if (arrived.what == event::kind::status) {
         print_notification(status_notification(arrived.number), output);
@@ -109,13 +109,13 @@ namespace {
 
 // One line of the shell.
 int run_line(const std::vector<std::string>& words, session& registered, const context& within) {
-    context each = within;  // options of one line do not reach the next
+    context each = within;  // a line's options do not affect the next line
     each.shared = &registered;
     each.app_given = false;
     return run_command_line(words, each);
 }
 
-// The words of a line; none, with the problem printed and the status set, when it cannot be split.
+// Splits a line into words. On failure prints the problem, sets the status and returns nothing.
 std::vector<std::string> words_of_line(const std::string& line, const context& within, int& worst) {
     try {
         return shell_words(line);

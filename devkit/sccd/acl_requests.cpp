@@ -1,5 +1,5 @@
-// Requests about ACLs: what exists is checked and changed here, what the hardware must do goes to
-// the security service.
+// Requests about ACLs: checks and changes the daemon's state and passes operations for the hardware to the
+// security service.
 #include <utility>
 
 #include "sccd/request_handlers.h"
@@ -14,7 +14,7 @@ using devkit::byte_view;
 constexpr u32 operation_set = 1;
 constexpr std::size_t key_offset = 4;
 
-// The service reads the same layouts that applications send; a short tail is filled with zeros.
+// The service reads the layouts that applications send; a short value is padded with zeros.
 std::vector<service_operation> forwarded(const client_request& request, std::size_t len) {
     service_operation operation{request.ticket.type->number, request.ticket.type->number,
                                 devkit::to_bytes(devkit::slice(request.value, 0, len))};
@@ -28,7 +28,7 @@ bool sets(const client_request& request, std::size_t offset) {
     return devkit::u32_at(request.value, offset) == operation_set;
 }
 
-// A counter's place in the ACLs; null with the reason in `result`.
+// The counter that a request names. If there is none, returns null and sets `result`.
 u64* own_counter(daemon_core& daemon, const client_request& request, bool of_ace, u32& result) {
     acl_entry* const acl = daemon.acls.find(devkit::key_at(request.value, key_offset));
     result = acl == nullptr ? result::no_such_acl : result::ok;
@@ -39,7 +39,7 @@ u64* own_counter(daemon_core& daemon, const client_request& request, bool of_ace
         return &acl->counter;
     }
     ace_entry* const ace = acl_store::find_ace(*acl, devkit::u64_at(request.value, 24));
-    // Only the service knows what an ACE number means to the hardware.
+    // Only the service can map an ACE number to the hardware.
     if (ace == nullptr && !daemon.bridge.present()) {
         result = result::no_such_ace;
     }
@@ -138,7 +138,7 @@ void filter_counter_reset(daemon_core& daemon, const client_request& request) {
 
 void filter_counter_get(daemon_core& daemon, const client_request& request) {
     const acl_entry* const acl = daemon.acls.find(devkit::key_at(request.value, key_offset));
-    // The counter lies over the last word of the echoed key.
+    // The counter overlaps the last word of the echoed key.
     byte_buffer value = devkit::to_bytes(devkit::slice(request.value, 0, 20));
     value.resize(request.ticket.type->reply_bytes);
     devkit::write_at(value, 16, acl == nullptr ? u64{0} : acl->filter_counter);

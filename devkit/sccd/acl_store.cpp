@@ -12,7 +12,7 @@ using devkit::byte_view;
 
 constexpr u32 sn_beyond_resequencing = 0x7fffffff;
 
-// The ACE with this sequence number and id; the first one, in the order of the list.
+// The first ACE with this sequence number and id.
 std::multimap<u32, ace_entry>::iterator find_exact(acl_entry& acl, u32 sn, u32 id) {
     const auto [first, last] = acl.aces.equal_range(sn);
     const auto ace = std::find_if(first, last, [id](const auto& entry) { return entry.second.id == id; });
@@ -31,7 +31,7 @@ entity_key entity_of(byte_view record) {
     return identity(devkit::slice(record, devkit::apply_record::entity, record.size()));
 }
 
-// Everything before the key names the user; the class is left out of the key as everywhere.
+// Everything before the key identifies the user. The key's class is left out, as everywhere.
 entity_key user_binding(byte_view record) {
     return identity(devkit::slice(record, 0, devkit::user_acl_record::key + 12));
 }
@@ -67,7 +67,7 @@ void put_numbers_back(acl_entry& acl, const old_numbers& old) {
     acl.sn_increment = old.increment;
 }
 
-// Equal numbers stay equal; a leading 0 stays 0; numbers from 0x7FFFFFFF on stay and do not count.
+// Equal numbers stay equal; a leading 0 stays 0; numbers from 0x7FFFFFFF on stay and do not advance.
 std::multimap<u32, ace_entry> renumbered(std::multimap<u32, ace_entry> old, u32 start, u32 increment) {
     std::multimap<u32, ace_entry> aces;
     u32 next = start;
@@ -135,7 +135,7 @@ state_change acl_store::remove(const acl_identity& key) {
     acls_.erase(acl);
     user_acl_map unbound = bindings_of(key);
     unbind_all_users(key);
-    // Whatever was created under the key meanwhile is not in the hardware, where this one still is.
+    // An ACL created under this key meanwhile is not in the hardware; this one still is.
     return state_change::made([this, removed = std::move(removed), unbound = std::move(unbound)] {
         acls_.insert_or_assign(removed.key, removed);
         user_acls_.insert(unbound.begin(), unbound.end());

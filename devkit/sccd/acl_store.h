@@ -1,5 +1,5 @@
-// The ACLs that applications have created: their ACEs in order of sequence number, where they are
-// applied, to which users they are bound, and the daemon's own counters.
+// The ACLs of the applications: their ACEs in sequence order, where they are applied, the users they are
+// bound to, and the daemon's counters.
 #pragma once
 
 #include <map>
@@ -11,20 +11,20 @@
 
 namespace scc::sccd {
 
-// Opaque bytes that name something: the entity an ACL is applied on, a user and its ACL.
+// Opaque bytes that identify the entity an ACL is applied to, or a user and its ACL.
 using entity_key = std::string;
 
 struct ace_entry {
-    u64 serial = 0;  // tells ACEs apart whatever their numbers become
+    u64 serial = 0;  // identifies the ACE across renumbering
     u32 id = 0;
     u64 counter = 0;
-    devkit::byte_buffer record;  // 912 bytes; its sequence number follows every resequencing
+    devkit::byte_buffer record;  // 912 bytes; every resequencing updates its sequence number
 };
 
 struct acl_entry {
-    u64 serial = 0;  // tells an ACL from one created later under the same key
+    u64 serial = 0;  // distinguishes an ACL from a later one with the same key
     devkit::acl_identity key;
-    devkit::byte_buffer creation;        // the request that created it, with the creator's pid and name
+    devkit::byte_buffer creation;        // the creating request's value, with the creator's pid and name
     std::multimap<u32, ace_entry> aces;  // by sequence number; equal numbers in order of arrival
     std::map<entity_key, devkit::byte_buffer> applies;  // apply record by its entity
     u32 sn_start = 0;
@@ -39,13 +39,13 @@ class acl_store {
 
     // `creation` is the whole value of the request.
     state_change create(const devkit::acl_identity& key, devkit::byte_view creation);
-    // The bindings of users to it go with it.
+    // Also unbinds the ACL's users.
     state_change remove(const devkit::acl_identity& key);
     state_change add_ace(const devkit::acl_identity& key, devkit::byte_view record);
     state_change remove_ace(const devkit::acl_identity& key, devkit::byte_view record);
     state_change apply(devkit::byte_view record);
     state_change unapply(devkit::byte_view record);
-    // Both numbers must be positive as signed numbers.
+    // Both numbers must be positive as signed integers.
     state_change resequence(const devkit::acl_identity& key, u32 start, u32 increment);
 
     state_change bind_user(devkit::byte_view record);

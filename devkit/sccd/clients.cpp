@@ -114,7 +114,7 @@ void client_sockets::take_registration(peer_socket& peer, const wire_item& item)
         send_now(peer, msg::registration, registration_reply(refused, owner_pid));
         return;
     }
-    // The same socket registering once more starts its client anew.
+    // A socket that registers again starts a new registration.
     if (peer.client != 0) {
         end_registration(std::exchange(peer.client, 0), false);
     }
@@ -143,8 +143,8 @@ u32 client_sockets::refusal(const client_registration& registration, u32& owner_
     return result::already_registered;
 }
 
-// A holder whose process is gone, or that registers a socket it already has, is an old registration
-// whose end has not been noticed yet.
+// A registration is stale if its process is gone or if it registers a socket that it already has: its end
+// has not been noticed yet.
 void client_sockets::drop_if_outlived(const client_registration& registration) {
     const client_entry* const holder = registry_.find_app(registration.app_id);
     if (holder == nullptr) {

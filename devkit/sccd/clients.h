@@ -1,6 +1,6 @@
-// The clients' sockets: accepts them, cuts what they send into items, registers them (301, 302) and
-// sends items to them. Items for an asynchronous socket are collected and leave together, as one
-// message or several large ones, when the message that caused them has been worked off.
+// The clients' sockets: accepts them, splits their input into items, registers them (301, 302) and sends
+// items to them. Items for an asynchronous socket are collected while a received message is processed and
+// then sent together, in as few messages as possible.
 #pragma once
 
 #include <functional>
@@ -29,10 +29,11 @@ class client_sockets {
         : loop_(loop), trace_(trace), faults_(faults) {}
 
     void set_hooks(client_hooks hooks) { hooks_ = std::move(hooks); }
-    // Takes over a connected descriptor.
+    // Takes ownership of a connected descriptor.
     void accept(int descriptor);
 
-    // Sends to clients that are gone, or not registered on that socket, are dropped with a note.
+    // An item for a client that is gone or not registered on that socket is dropped, with a note in the
+    // trace.
     void send_async(client_id client, u16 sub_id, u16 type, devkit::byte_view value);
     void send_sync(client_id client, u16 type, devkit::byte_view value);
     void flush();
@@ -43,7 +44,7 @@ class client_sockets {
     struct peer_socket {
         peer_id id = 0;
         std::unique_ptr<socket_stream> stream;
-        client_id client = 0;  // 0 = not registered
+        client_id client = 0;  // 0: not registered
         bool sync = false;
         devkit::message_builder batch;
     };

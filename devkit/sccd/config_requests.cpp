@@ -1,4 +1,4 @@
-// Requests about users, ports and the settings of interfaces, and the queries that read them back.
+// Requests about users, ports and interface settings, and the queries that read them.
 #include <algorithm>
 #include <utility>
 
@@ -13,7 +13,7 @@ using devkit::byte_view;
 using devkit::mac_address;
 namespace config = devkit::config_record;
 
-constexpr u16 second_step = 1000;  // added to the scc-type of a second operation under one call id
+constexpr u16 second_step = 1000;  // added to the scc-type of the second operation with a call id
 constexpr u32 user_notification_bytes = 80 + record::config;
 
 byte_view config_of(const client_request& request) {
@@ -32,7 +32,7 @@ service_operation operation_of(u16 type, u16 scc_type, byte_view value, std::siz
     return operation;
 }
 
-// A user who has moved to another interface leaves the old one first.
+// A user that has moved to another interface is removed from the old one first.
 std::vector<service_operation> user_operations(byte_view record, bool add, const byte_buffer* before) {
     std::vector<service_operation> operations;
     const bool moved = add && before != nullptr &&
@@ -111,7 +111,7 @@ void nac_app(daemon_core& daemon, const client_request& request) {
     const nac_application app{devkit::u32_at(record, config::ifx), devkit::u32_at(record, config::app_type),
                               devkit::u32_at(record, config::vid)};
     const u32 word = devkit::u32_at(record, config::operation);
-    // The service drops such types without a word; nobody should wait for it.
+    // The service silently drops such types, so there is no answer to wait for.
     if (app.type >= limits::nacm_types) {
         return daemon.answer(request.ticket, result::invalid_argument);
     }
@@ -172,7 +172,7 @@ void cpp(daemon_core& daemon, const client_request& request) {
 void offline_detect_cfg(daemon_core& daemon, const client_request& request) {
     service_operation operation =
         operation_of(msg::offline_detect_notify, msg::offline_detect_cfg, request.value, 16);
-    // The service reads one byte of what applications give as a whole word.
+    // Applications send a word, of which the service reads one byte.
     devkit::write_at(operation.value, 4, devkit::u32_at(request.value, 4) != 0 ? 1u : 0u);
     state_change change = set_value(daemon.settings.offline_detection, operation.value);
     daemon.carry_out(request.ticket, std::move(change), one(std::move(operation)));
@@ -232,7 +232,7 @@ void nac_user_get(daemon_core& daemon, const client_request& request) {
     if (user == nullptr) {
         return daemon.reply(request.ticket, user_reply(asked, result::not_found));
     }
-    // The caller finds its own operation word again, not that of the addition.
+    // The reply carries the caller's operation word, not that of the addition.
     byte_buffer found = *user;
     devkit::write_at(found, config::operation, devkit::user_operation::get);
     if (!daemon.bridge.present()) {

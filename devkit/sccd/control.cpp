@@ -62,7 +62,7 @@ void control_server::reply(u64 id, const json& answer) {
     std::string text = answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
     session->second->stream->send({text.begin(), text.end()});
     session->second->waiting = false;
-    // What came in while the answer was awaited is taken at the end of the turn.
+    // Input that arrived while the answer was awaited is processed at the end of the turn.
     daemon_.loop.defer([this, id] {
         const auto waiting = sessions_.find(id);
         if (waiting != sessions_.end()) {

@@ -1,5 +1,5 @@
 // The control socket: one JSON request per line, one JSON reply per line, in the order of the
-// requests. The commands are described in common/control.h.
+// requests. common/control.h describes the commands.
 #pragma once
 
 #include <memory>
@@ -21,7 +21,7 @@ class control_server {
     struct control_session {
         u64 id = 0;
         std::unique_ptr<socket_stream> stream;
-        bool waiting = false;  // for an answer from elsewhere; later lines wait too
+        bool waiting = false;  // for an answer; later lines wait until then
     };
 
     void accept(int descriptor);

@@ -29,7 +29,7 @@ struct command_call {
     const control_reply& reply;
 };
 
-// What the entries of an application's call statistics count.
+// The names of the entries of an application's call statistics.
 constexpr std::array<std::string_view, 13> statistics_names = {
     "acl-create",     "acl-delete",    "ace-add",         "ace-delete", "acl-apply",
     "acl-unapply",    "nac-user-add",  "nac-user-delete", "user-added", "user-deleted",
@@ -43,7 +43,7 @@ json nobody(u32 app_id) {
     return control_failure(fmt::format("no application {} is registered", app_id));
 }
 
-// Fails the call when a field could not be read.
+// Fails the call if a field could not be read.
 bool understood(const command_call& call) {
     if (call.fields.problem().empty()) {
         return true;
@@ -52,7 +52,7 @@ bool understood(const command_call& call) {
     return false;
 }
 
-// Sends to one application or the service, or (0) to every application; fails when nobody is there.
+// Sends to one client, or to every application if app_id is 0. Fails if that client is not registered.
 void send_to(const command_call& call, u32 app_id, u16 sub_id, u16 type, byte_view value) {
     if (!understood(call)) {
         return;
@@ -300,7 +300,7 @@ struct command_row {
     void (*run)(const command_call&) = nullptr;
     word_list required{};
     word_list optional{};
-    bool knows_its_fields = false;  // the command itself refuses fields that it does not know
+    bool knows_its_fields = false;  // the command itself refuses unknown fields
 };
 
 namespace names = devkit::control;
@@ -328,7 +328,7 @@ const std::array<command_row, names::commands.size()>& rows() {
     return table;
 }
 
-// Why the request's fields are not those of the command; empty when they are.
+// What is wrong with the request's fields; empty if nothing is.
 std::string problem_with_fields(const command_row& row, const json& request) {
     for (const std::string_view name : row.required) {
         if (!request.contains(name)) {

@@ -12,7 +12,7 @@ using control_reply = std::function<void(const json&)>;
 
 [[nodiscard]] json control_failure(const std::string& error);
 
-// Calls `reply` exactly once, at once or when an application has answered.
+// Calls `reply` exactly once, immediately or when an application has answered.
 void run_control_command(daemon_core& daemon, const json& request, const control_reply& reply);
 
 }  // namespace scc::sccd

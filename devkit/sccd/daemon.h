@@ -1,4 +1,4 @@
-// The daemon as a process: its two listening sockets, its signals, and which part takes which item. One
+// The daemon as a process: its listening sockets, its signals and the dispatch of received items. One
 // thread.
 #pragma once
 
@@ -19,7 +19,7 @@ struct daemon_options {
 
 class development_daemon {
   public:
-    // Takes the sockets into use; throws std::runtime_error.
+    // Creates the sockets. Throws std::runtime_error.
     explicit development_daemon(const daemon_options& options);
     ~development_daemon();
     development_daemon(const development_daemon&) = delete;
@@ -32,7 +32,7 @@ class development_daemon {
     void take_item(const client_entry& client, const devkit::wire_item& item);
 
     daemon_core core_;
-    int signals_;  // before the sockets: a signal that comes once they exist must remove them again
+    int signals_;  // blocked before the sockets exist, so that a signal never leaves them on the disk
     socket_listener listener_;
     control_server control_;
 };

@@ -86,7 +86,7 @@ void daemon_core::carry_out(const request_ticket& ticket, state_change change,
 
 void daemon_core::fetch() {
     if (recovery_is_coming_) {
-        return trace.note("the recovery that is fetched is on its way");
+        return trace.note("the requested recovery is already under way");
     }
     recover_service();
 }
@@ -103,7 +103,7 @@ void daemon_core::recover_service() {
         std::vector<service_operation> single;
         single.push_back(std::move(operation));
         bridge.submit(std::move(single), [this, name = row->name](const service_outcome& outcome) {
-            recovery_is_coming_ = false;  // results come in the order of the operations, the start's first
+            recovery_is_coming_ = false;  // results arrive in order, the start's first
             if (outcome.result == result::ok) {
                 return;
             }
@@ -136,7 +136,7 @@ void daemon_core::take_probe_answer(const client_entry& client, const wire_item&
         return waiting.client == client.id && waiting.type == item.type;
     });
     if (probe == probes_.end()) {
-        return trace.note("an answer to nothing that was asked");
+        return trace.note("an answer without a question");
     }
     const application_probe answered = std::move(*probe);
     probes_.erase(probe);

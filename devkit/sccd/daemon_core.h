@@ -1,6 +1,5 @@
-// The daemon's state and what every command works with: answering a request, having the service carry a
-// change out, asking an application. It knows neither the requests nor the control commands, which are
-// built on it. One thread.
+// The daemon's state, and what its requests and control commands are built on: answering a request, having
+// the service carry out a change, probing an application. One thread.
 #pragma once
 
 #include <chrono>
@@ -17,18 +16,18 @@
 
 namespace scc::sccd {
 
-// What is kept of a request that is answered later, when its value is gone.
+// What is needed to answer a request after its value is gone.
 struct request_ticket {
     client_id client = 0;
     u32 call_id = 0;
     const devkit::message_type* type = nullptr;
 };
 
-// A question put to an application: alive (319) or its statistics (318).
+// A pending question to an application: whether it is alive (319), or its statistics (318).
 struct application_probe {
     client_id client = 0;
     u16 type = 0;
-    std::function<void(std::optional<devkit::byte_view> answer)> answered;  // nullopt: none came
+    std::function<void(std::optional<devkit::byte_view> answer)> answered;  // nullopt if there was no answer
     event_loop::timer_id timer;
 };
 
@@ -36,20 +35,20 @@ class daemon_core {
   public:
     daemon_core(bool tracing, std::chrono::milliseconds service_timeout);
 
-    // The answer of a request without content of its own: a 401 result, or the reply of its type
-    // that says `result` and nothing else.
+    // Sends the answer of a request that returns a result only: a 401 item, or the reply of its type
+    // with `result` and zeros.
     void answer(const request_ticket& ticket, u32 result);
-    // The synchronous reply of the request's reply type.
+    // Sends the synchronous reply of the request's type.
     void reply(const request_ticket& ticket, devkit::byte_view value);
-    // Makes the service carry a change out and answers when it has; without a service at once.
+    // Has the service carry out a change and answers when it has; without a service, immediately.
     void carry_out(const request_ticket& ticket, state_change change,
                    std::vector<service_operation> operations, std::function<void()> succeeded = {});
-    // Sends everything that the service had been given.
+    // Sends the service everything that it must hold.
     void recover_service();
-    // The service asks for that. A recovery that it has not begun yet is what it asks for: a service that
-    // returns is given its state at once, so that no later operation finds it without, and asks as well.
+    // The service requests a recovery. One that has been sent and not been answered yet serves the request: a
+    // returning service gets its state at once, before any later operation, and still requests it.
     void fetch();
-    // An item for every registered application but one (0 = for all of them).
+    // Sends an item to every registered application except `except` (0: no exception).
     void notify_applications(u16 type, devkit::byte_view value, client_id except = 0);
 
     void probe(client_id client, u16 type, std::chrono::milliseconds limit,
@@ -58,7 +57,7 @@ class daemon_core {
 
     // Both sockets of a client are registered.
     void client_ready(const client_entry& client);
-    // A registration has ended: nothing that was asked of it will be answered.
+    // A registration has ended: its pending probes fail, and a lost service's operations with them.
     void client_gone(const client_entry& client);
 
     event_loop loop;
@@ -71,7 +70,7 @@ class daemon_core {
     service_bridge bridge;
 
   private:
-    bool recovery_is_coming_ = false;  // sent, and its start is not answered yet
+    bool recovery_is_coming_ = false;  // sent, but its start has not been answered
     std::list<application_probe> probes_;
 };
 

@@ -65,10 +65,10 @@ void event_loop::run() {
     while (running_) {
         const int count = ::epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), wait_ms());
         for (int index = 0; index < count && running_; ++index) {
-            // Copied out: the kernel's record is packed, and find() takes a reference.
+            // A copy, since the kernel's record is packed and find() takes a reference.
             const watch_id id = events[static_cast<std::size_t>(index)].data.u64;
             const std::uint32_t what = events[static_cast<std::size_t>(index)].events;
-            // A watch that ended earlier in this turn is no longer found; its event is void.
+            // A watch that ended earlier in this turn is not found; its event is ignored.
             const auto watch = watches_.find(id);
             if (watch == watches_.end()) {
                 continue;

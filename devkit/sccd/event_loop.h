@@ -1,5 +1,5 @@
-// One epoll loop for the whole daemon: watched descriptors, timers and work put off to the end of a
-// turn. Everything runs on the thread that calls run(); nothing here may be called from another.
+// The daemon's epoll loop: watched descriptors, timers, and actions deferred to the end of a turn.
+// Everything runs on the thread that calls run(); no other thread may call in.
 #pragma once
 
 #include <chrono>
@@ -26,7 +26,7 @@ class event_loop {
     event_loop(const event_loop&) = delete;
     event_loop& operator=(const event_loop&) = delete;
 
-    // Calls `ready` with the epoll events of `descriptor` until unwatch(); the descriptor stays the caller's.
+    // Calls `ready` with the epoll events of `descriptor` until unwatch(). The caller keeps the descriptor.
     watch_id watch(int descriptor, std::uint32_t events, ready_handler ready);
     void change(watch_id watch, int descriptor, std::uint32_t events);
     void unwatch(watch_id watch, int descriptor);
@@ -34,7 +34,7 @@ class event_loop {
     timer_id after(std::chrono::milliseconds delay, loop_action action);
     void cancel(const timer_id& timer) { timers_.erase(timer); }
 
-    // Runs `action` once everything of the current turn is done.
+    // Runs `action` at the end of the current turn.
     void defer(loop_action action) { deferred_.push_back(std::move(action)); }
 
     void run();

@@ -1,4 +1,4 @@
-// Faults on order: the next requests of a type refused with a given result, or never answered.
+// Injected faults: the next requests of a type are refused with a given result, or never answered.
 #pragma once
 
 #include <map>
@@ -15,7 +15,7 @@ class ordered_faults {
     void unmute(u16 type) { muted_.erase(type); }
     void unmute_all() { muted_.clear(); }
 
-    // Each call uses one of the ordered faults up.
+    // Each call consumes one injected fault.
     [[nodiscard]] std::optional<u32> take_failure(u16 type) {
         const auto failure = failures_.find(type);
         if (failure == failures_.end()) {

@@ -1,6 +1,5 @@
-// Reading the fields of a control request. A field may be missing; one of the wrong kind is remembered
-// as a problem, and one that nobody reads is found by unexpected_field, so that a request is either
-// understood whole or refused.
+// Reads the fields of a control request. A field may be missing; one of the wrong kind is recorded as a
+// problem. unexpected_field finds fields that nobody reads, so a request is understood completely or refused.
 #pragma once
 
 #include <array>
@@ -14,15 +13,15 @@
 
 namespace scc::sccd {
 
-using json = nlohmann::ordered_json;  // replies show their fields in the order in which they were put in
+using json = nlohmann::ordered_json;  // keeps the order of insertion
 
-// An IPv4 address stands in the first 4 bytes.
+// IPv4 in the first 4 bytes.
 struct ip_address {
     std::array<u8, 16> bytes{};
     bool is_ipv6 = false;
 };
 
-// What is wrong when `request` holds a field of none of these names; empty when it holds no such field.
+// The error text if `request` has a field with none of these names; empty otherwise.
 [[nodiscard]] std::string unexpected_field(std::string_view what, const json& request,
                                            const std::vector<std::string_view>& own_words,
                                            const std::vector<std::string_view>& known);
@@ -41,14 +40,14 @@ class json_fields {
     [[nodiscard]] devkit::mac_address mac(std::string_view name);
     [[nodiscard]] u32 ipv4(std::string_view name);
     [[nodiscard]] ip_address address(std::string_view name);
-    // The elements of a list; none when the field is missing.
+    // The elements of a list; empty if the field is missing.
     [[nodiscard]] std::vector<json> list(std::string_view name);
     [[nodiscard]] bool has(std::string_view name) const { return object_.contains(std::string(name)); }
 
     [[nodiscard]] const std::string& problem() const { return problem_; }
     void refuse(std::string_view name, std::string_view reason);
 
-    // Nothing when `value` is not a number in any of the accepted forms.
+    // Empty if `value` is not a number in one of the accepted forms.
     [[nodiscard]] static std::optional<u64> as_number(const json& value);
 
   private:

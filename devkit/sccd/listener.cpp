@@ -92,7 +92,7 @@ void socket_listener::accept_all() {
     }
 }
 
-// Without this the waiting connection would keep the loop spinning.
+// A connection that stays in the queue would keep the loop spinning.
 void socket_listener::refuse_one() {
     if (reserve_ >= 0) {
         ::close(reserve_);

@@ -1,5 +1,5 @@
-// A listening Unix socket at a path of its own. A stale socket file is replaced; a path on which
-// another process still listens is an error. The file is removed when the listener ends.
+// A listening Unix socket. A stale socket file is replaced; if another process still listens on the path,
+// that is an error. The destructor removes the file.
 #pragma once
 
 #include <functional>
@@ -11,7 +11,7 @@ namespace scc::sccd {
 
 class socket_listener {
   public:
-    // `accepted` takes over each connected, non-blocking descriptor. Throws std::runtime_error.
+    // `accepted` takes ownership of each connected, non-blocking descriptor. Throws std::runtime_error.
     socket_listener(event_loop& loop, std::string path, std::function<void(int descriptor)> accepted);
     ~socket_listener();
     socket_listener(const socket_listener&) = delete;
@@ -25,7 +25,7 @@ class socket_listener {
     std::string path_;
     std::function<void(int)> accepted_;
     int descriptor_ = -1;
-    int reserve_ = -1;  // given up for a moment to turn a client away when descriptors run out
+    int reserve_ = -1;  // closed for a moment, to accept and refuse a client when descriptors run out
     event_loop::watch_id watch_ = 0;
 };
 

@@ -20,7 +20,7 @@ namespace {
 
 constexpr int exit_usage = 2;
 
-// Processes of every user meet in this directory.
+// Processes of all users create sockets in this directory.
 std::string make_directory() {
     const char* const base = std::getenv("TMPDIR");
     if (base == nullptr || *base == '\0') {

@@ -1,4 +1,4 @@
-// One table: a notification's name and type, the length of its value, and where each of its fields lies.
+// A table of the notifications: name, type, length of the value, and offset of each field.
 #include "sccd/named_notifications.h"
 
 #include <fmt/format.h>
@@ -17,19 +17,19 @@ using devkit::byte_buffer;
 namespace control = devkit::control;
 
 enum class value_kind : u8 {
-    none,      // behind the last field
-    one,       // always the word 1: how many entries follow
+    none,      // after the last field
+    one,       // always the word 1, the number of entries that follow
     flag8,     // 0 or 1 in a byte
     flag32,    // 0 or 1 in a word
-    number16,  // in host order, as the others
+    number16,  // in host byte order, like the others
     number32,
     number64,
     mac,
     ipv4,
     user,     // the fields of a user, as a 56-byte record
-    tail,     // bytes behind the value; their number is the u64 at the offset
+    tail,     // bytes after the value; the u64 at the offset is their number
     vlans,    // a list of VLAN ids, as bits
-    entries,  // a list of ACE counters behind the value; their number is the u32 at the offset
+    entries,  // a list of ACE counters after the value; the u32 at the offset is their number
 };
 
 struct notification_field {
@@ -110,7 +110,7 @@ static_assert(std::equal(table.begin(), table.end(), control::notifications.begi
 
 constexpr std::array<std::string_view, 5> user_fields = {"mac", "ip", "mask", "ifx", "vid"};
 
-// An IPv4 address in the first 4 bytes, or an IPv6 address. True when it is IPv6.
+// An IPv4 address in the first 4 bytes, or an IPv6 address. Returns whether it is IPv6.
 bool put_address(byte_buffer& value, std::size_t offset, std::string_view name, json_fields& fields) {
     const ip_address address = fields.address(name);
     devkit::copy_at(value, offset, devkit::slice(address.bytes, 0, address.is_ipv6 ? 16 : 4));

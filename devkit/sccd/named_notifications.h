@@ -1,4 +1,4 @@
-// Notifications made from the named fields of a control request. Pure.
+// Builds notifications from the named fields of a control request. Pure.
 #pragma once
 
 #include <optional>
@@ -14,8 +14,8 @@ struct notification_item {
     devkit::byte_buffer value;
 };
 
-// Empty for an unknown name or a field that the notification does not have or that cannot be read;
-// `problem` then says what is wrong. Fields that are missing are zero.
+// On an unknown name, an unknown field or one that cannot be read, returns nothing and sets `problem`.
+// Missing fields are zero.
 [[nodiscard]] std::optional<notification_item> named_notification(std::string_view name, const json& request,
                                                                   std::string& problem);
 

@@ -11,7 +11,7 @@ using devkit::wire_item;
 
 constexpr std::size_t moved_first = 8;
 
-// The report's layout is also the notification's; only the service's call id goes.
+// A report and its notification have the same layout; only the service's call id is cleared.
 void pass_on(daemon_core& daemon, u16 type, byte_view value) {
     byte_buffer notification = devkit::to_bytes(value);
     devkit::write_at(notification, 0, 0u);
@@ -19,8 +19,8 @@ void pass_on(daemon_core& daemon, u16 type, byte_view value) {
 }
 
 void pass_on_moves(daemon_core& daemon, byte_view value) {
-    const std::size_t room = (value.size() - moved_first) / record::address_move;
-    const std::size_t count = std::min<std::size_t>(devkit::u32_at(value, 4), room);
+    const std::size_t fitting = (value.size() - moved_first) / record::address_move;
+    const std::size_t count = std::min<std::size_t>(devkit::u32_at(value, 4), fitting);
     for (std::size_t index = 0; index < count; ++index) {
         byte_buffer notification(moved_first, 0);
         devkit::write_at(notification, 4, 1u);

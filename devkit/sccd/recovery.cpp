@@ -50,8 +50,8 @@ service_operation application_of(byte_view record) {
     return apply;
 }
 
-// The numbering is told while the ACL is still empty: the ACEs carry the numbers that they have now,
-// and those added since the resequencing must not be numbered again.
+// The numbering is sent while the ACL is still empty: the ACEs carry their current numbers, and those added
+// since the resequencing must not be renumbered.
 void recover_acl(const acl_entry& acl, operation_list& operations) {
     operations.push_back({msg::acl, msg::acl, acl.creation});
     if (acl.sn_increment != 0) {
@@ -94,7 +94,7 @@ void recover_settings(const daemon_settings& settings, operation_list& operation
     }
 }
 
-// One list for each application type and interface, cut where it grows long.
+// One list per application type and interface, split if it is long.
 void recover_users(const user_store& users, operation_list& operations) {
     std::map<std::pair<u32, u32>, std::vector<byte_view>> groups;
     for (const auto& [mac, record] : users.users()) {

@@ -1,5 +1,5 @@
-// What a security service is told when it returns: everything it had been given, between the start
-// and the end of a data recovery, as the same operations that gave it the first time.
+// The operations that restore a security service's state: everything that it was given before, between the
+// start and the end of a data recovery.
 #pragma once
 
 #include <vector>
@@ -15,7 +15,7 @@ namespace scc::sccd {
                                                                  const user_store& users,
                                                                  const daemon_settings& settings);
 
-// Single operations, the same whether they are carried out for the first time or recovered.
+// Single operations, the same for the first time and for a recovery.
 [[nodiscard]] service_operation nac_app_operation(const nac_application& app, u32 operation_word);
 [[nodiscard]] service_operation nac_user_operation(devkit::byte_view config_record, bool add);
 [[nodiscard]] service_operation http_port_operation(u32 port, bool add);

@@ -1,5 +1,5 @@
-// Who is registered: which process holds which app id, on which two sockets. One app id belongs to
-// one process; a process that registers again has lost its old connection and replaces it.
+// The registrations: which process holds which app id, on which two sockets. An app id belongs to one
+// process; a process that registers again has lost its old connection and replaces it.
 #pragma once
 
 #include <map>
@@ -24,7 +24,7 @@ struct client_entry {
     u32 app_id = 0;
     u32 pid = 0;
     u8 option = 0;
-    peer_id sync = 0;  // 0 = not registered on this socket yet
+    peer_id sync = 0;  // 0: not registered on this socket yet
     peer_id async = 0;
 
     [[nodiscard]] bool complete() const { return sync != 0 && async != 0; }
@@ -35,11 +35,12 @@ class client_registry {
   public:
     [[nodiscard]] client_entry* find(client_id id);
     [[nodiscard]] client_entry* find_app(u32 app_id);
-    // Binds a socket to its registration, which begins with the first of the two sockets.
+    // Binds a socket to its registration, which the first of the two sockets creates.
     client_entry& bind(const client_registration& registration, peer_id peer);
     void erase(client_id id);
     [[nodiscard]] const std::map<u32, client_entry>& by_app() const { return by_app_; }
-    [[nodiscard]] std::vector<client_entry> applications() const;  // complete ones, without the service
+    // Complete registrations, without the service.
+    [[nodiscard]] std::vector<client_entry> applications() const;
 
   private:
     std::map<u32, client_entry> by_app_;

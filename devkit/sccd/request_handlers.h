@@ -1,5 +1,5 @@
-// The handlers of single request types, named by the table in requests.cpp. A handler is only called
-// with a value of at least the length that the message list demands.
+// The handlers of the request types, listed in the table of requests.cpp. The value is at least as long as
+// the table of message types demands.
 #pragma once
 
 #include "sccd/daemon_core.h"

@@ -19,7 +19,7 @@ struct request_row {
     void (*handle)(daemon_core&, const client_request&) = nullptr;
 };
 
-// Types without a row are settings that nothing depends on: they are accepted.
+// Types without a row are settings that the daemon does not use; they are accepted.
 constexpr std::array table{
     request_row{msg::http_dport, handlers::http_dport},
     request_row{msg::arpcheck, handlers::arpcheck},

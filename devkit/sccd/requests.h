@@ -1,5 +1,5 @@
-// What applications ask for: configuration, ACLs, users, queries. Every type of the message list is
-// answered; those that change or read the daemon's state have a row in the table of requests.cpp.
+// Requests of the applications: configuration, ACLs, users, queries. Every known type is answered; those
+// that read or change the daemon's state have a row in the table of requests.cpp.
 #pragma once
 
 #include "sccd/daemon_core.h"

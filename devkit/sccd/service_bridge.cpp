@@ -19,7 +19,7 @@ using devkit::wire_item;
 constexpr std::size_t user_read_bytes = 104;
 constexpr std::size_t user_read_mac = 16;
 constexpr std::size_t user_read_result = 96;
-// A counter result ends with the counter and the result; every other result has it in its second word.
+// A counter result ends with the counter and the result code; all others have the code in the second word.
 constexpr std::size_t counter_result = 40;
 constexpr std::size_t counter_result_bytes = 44;
 constexpr std::size_t plain_result = 4;
@@ -30,9 +30,9 @@ answer_kind answer_of(u16 type) {
     return row == nullptr ? answer_kind::none : row->answer;
 }
 
-// A service outlives its daemon and may still answer what that one asked for, or keep its scc-types for good.
-// The call ids of a daemon's life therefore begin where the microseconds stand: no daemon gives a million a
-// second, so those of the life before are behind.
+// A service may outlive the daemon and answer its predecessor's operations, or keep their scc-types forever.
+// Call ids therefore start at the clock's microseconds: no daemon uses a million a second, so they are
+// greater than the predecessor's.
 u32 call_id_of_this_moment() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     return static_cast<u32>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
@@ -77,7 +77,7 @@ void service_bridge::send(exchange_id id, service_exchange& exchange, service_op
         user_reads_.push_back({id, devkit::mac_at(operation.value, user_read_mac)});
         ++exchange.user_reads;
     } else {
-        // A data recovery is answered under scc-type 0, whatever it was given.
+        // A data recovery is answered with scc-type 0, whatever was sent.
         const u16 awaited = answer == answer_kind::untyped ? u16{0} : operation.scc_type;
         awaited_[match_key(exchange.call_id, awaited)] = {id, answer};
         exchange.scc_types.push_back(awaited);
@@ -113,7 +113,7 @@ void service_bridge::take_result(const wire_item& item) {
     settle(id, devkit::u32_at(item.value, counter ? counter_result : plain_result), item.value);
 }
 
-// A successful read carries its user, a failed one carries nothing and belongs to the oldest.
+// A successful read names its user; a failed one does not and is matched to the oldest.
 void service_bridge::take_user_read(const wire_item& item) {
     const u32 result = devkit::u32_at(item.value, user_read_result);
     const devkit::mac_address mac = devkit::mac_at(item.value, user_read_mac);

@@ -1,7 +1,7 @@
-// The way to the security service and back. Operations go out on its asynchronous socket under call
-// ids of the daemon's own; the service's results are matched by call id and scc-type, so several
-// operations can be under way under one call id. One exchange is one or more operations with one
-// completion: it gets the first failure among them, 2020 when the service stays silent or dies.
+// Sends operations to the security service and matches its results. Operations have call ids of the
+// daemon's own; results are matched by call id and scc-type, so several operations can share a call id. An
+// exchange is one or more operations with one completion, which gets the first failure among them, or 2020
+// if the service does not answer or is lost.
 #pragma once
 
 #include <chrono>
@@ -16,7 +16,7 @@
 
 namespace scc::sccd {
 
-// The first word of `value` is where the call id goes, for operations that have one.
+// If the operation has a call id, it is written to the first word of `value`.
 struct service_operation {
     u16 type = 0;
     u16 scc_type = 0;
@@ -25,7 +25,7 @@ struct service_operation {
 
 struct service_outcome {
     u32 result = 0;
-    devkit::byte_view value;  // the service's result item; empty when there was none
+    devkit::byte_view value;  // the service's result item; empty if there is none
 };
 
 class service_bridge {
@@ -37,11 +37,10 @@ class service_bridge {
 
     [[nodiscard]] bool present() const { return service_ != 0; }
     void attach(client_id service) { service_ = service; }
-    // Completes everything outstanding with 2020, the youngest first, so that changes are taken back
-    // in the reverse order of their making.
+    // Completes everything outstanding with 2020, newest first, so that changes are undone in reverse order.
     void detach();
 
-    // The operations must differ in scc-type. Needs a present service.
+    // The operations must differ in scc-type. A service must be present.
     void submit(std::vector<service_operation> operations, completion_handler completion);
     // For operations that are never answered.
     void post(const service_operation& operation);
@@ -68,7 +67,7 @@ class service_bridge {
     };
 
     struct awaited_user_read {
-        exchange_id exchange = 0;  // may have timed out meanwhile
+        exchange_id exchange = 0;  // may have timed out
         devkit::mac_address mac{};
     };
 

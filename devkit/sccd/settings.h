@@ -1,5 +1,5 @@
-// Settings other than ACLs and users that the security service carries out and must be given again
-// when it returns, and the interfaces on which the ARP check is on.
+// Settings other than ACLs and users: those that a returning security service must get again, and the
+// interfaces on which the ARP check is on.
 #pragma once
 
 #include <map>
@@ -15,7 +15,7 @@ namespace scc::sccd {
 struct nac_application {
     u32 ifx = 0;
     u32 type = 0;
-    u32 vid = 0;  // 0 = for the whole interface
+    u32 vid = 0;  // 0: the whole interface
 
     friend bool operator<(const nac_application& a, const nac_application& b) {
         return std::tie(a.ifx, a.type, a.vid) < std::tie(b.ifx, b.type, b.vid);
@@ -35,7 +35,7 @@ struct daemon_settings {
     [[nodiscard]] bool nothing_for_service() const;
 };
 
-// Sets or (nullopt) removes one entry, and knows how to take that back.
+// Sets an entry, or removes it if `value` is empty.
 template <class Key, class Value>
 [[nodiscard]] state_change set_entry(std::map<Key, Value>& entries, const Key& key,
                                      std::optional<Value> value) {

@@ -61,7 +61,7 @@ void socket_stream::close() {
     output_.clear();
     queued_bytes_ = 0;
     loop_.defer([this] {
-        // The callback may destroy this stream, and with it the callback's own place.
+        // The callback may destroy this stream, and itself with it.
         const auto closed = std::move(events_.closed);
         closed(*this);
     });
@@ -109,7 +109,7 @@ void socket_stream::forget_consumed() {
     }
     input_.erase(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(consumed_));
     consumed_ = 0;
-    // One very long message should not hold its memory for good.
+    // Frees the memory of an exceptionally long message.
     if (input_.empty() && input_.capacity() > kept_input_bytes) {
         input_.shrink_to_fit();
     }

@@ -1,5 +1,5 @@
-// What the daemon says on its standard output: with tracing on, one line per item in both
-// directions and one per event worth telling. Lines are written whole and at once.
+// The daemon's trace on standard output: one line per item in either direction, and notes about other
+// events. Each line is one write.
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
-// The NAC users and ARP entries that applications have given, by MAC address, and what is derived
-// from them: the users of the ARP check, the address behind a MAC, the users of a port.
+// The NAC users and ARP entries of the applications, by MAC address, and what is derived from them: the
+// users of the ARP check, the IP address of a MAC address, the users of a port.
 #pragma once
 
 #include <map>
@@ -15,15 +15,15 @@ using config_records = std::map<devkit::mac_address, devkit::byte_buffer>;
 
 class user_store {
   public:
-    // Adding a known MAC replaces its record; removing an unknown one is refused with ENOENT.
+    // Adding a known MAC address replaces its record; removing an unknown one fails with ENOENT.
     state_change set_user(devkit::byte_view record) { return set(users_, record); }
     state_change set_arp_entry(devkit::byte_view record) { return set(arp_entries_, record); }
 
     [[nodiscard]] const devkit::byte_buffer* find_user(const devkit::mac_address& mac) const;
-    // 0 when nothing with an IPv4 address is known under this MAC.
+    // 0 if no IPv4 address is known for this MAC address.
     [[nodiscard]] u32 ipv4_of(const devkit::mac_address& mac) const;
     [[nodiscard]] u32 users_on(u32 ifx) const;
-    // The records of users and ARP entries with an IPv4 address, on one interface or (0) on all.
+    // The records of users and ARP entries with an IPv4 address, on one interface, or on all if ifx is 0.
     [[nodiscard]] std::vector<devkit::byte_view> arp_check_users(u32 ifx) const;
     [[nodiscard]] const config_records& users() const { return users_; }
     [[nodiscard]] const config_records& arp_entries() const { return arp_entries_; }
@@ -35,7 +35,7 @@ class user_store {
     config_records arp_entries_;
 };
 
-// The service's 88-byte user entry made from a configuration record.
+// The service's 88-byte user entry for a configuration record.
 [[nodiscard]] devkit::byte_buffer service_user_entry(devkit::byte_view config_record);
 // The 48-byte entry of an ARP-check user.
 [[nodiscard]] devkit::byte_buffer arp_check_entry(devkit::byte_view config_record);

@@ -15,7 +15,7 @@ namespace scc::service {
 namespace {
 
 constexpr u32 direction_in = 0;
-// Sequence numbers from here on are kept by a resequence.
+// A resequence keeps sequence numbers from here on.
 constexpr u32 fixed_sn_min = 0x7FFFFFFF;
 
 byte_view bytes_of(const scc_acl_apply_record& record) {
@@ -30,7 +30,7 @@ u32 direction_of(const scc_acl_apply_record& record) {
     return devkit::u32_at(bytes_of(record), devkit::apply_record::direction);
 }
 
-// Everything behind the key is the place.
+// Everything after the key identifies where the ACL is applied.
 bool same_place(const scc_acl_apply_record& a, const scc_acl_apply_record& b) {
     const byte_view place = bytes_of(a).subspan(devkit::apply_record::entity);
     return std::ranges::equal(place, bytes_of(b).subspan(devkit::apply_record::entity));

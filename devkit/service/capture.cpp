@@ -16,7 +16,7 @@ struct capture_closer {
 
 using capture_file = std::unique_ptr<pcap_t, capture_closer>;
 
-// Null, with the problem set, when the file is no Ethernet capture.
+// If the file is not an Ethernet capture, returns null and sets the problem.
 capture_file open_capture(const std::string& path, std::string& problem) {
     std::array<char, PCAP_ERRBUF_SIZE> error{};
     capture_file capture(pcap_open_offline(path.c_str(), error.data()));

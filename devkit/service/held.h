@@ -1,5 +1,5 @@
-// Entries that survive a recovery only when they are given again: marked stale at its start, fresh again
-// when they are put, dropped at its end. Not thread-safe.
+// Entries that survive a recovery only if they are given again: marked stale at its start, fresh again
+// when put, dropped at its end. Not thread-safe.
 #pragma once
 
 #include <map>
@@ -52,7 +52,7 @@ class held_entries {
     std::map<Key, entry> entries_;
 };
 
-// The same for a setting of which there is one: it falls back to its default.
+// The same for a single setting, which falls back to its default.
 template <class Value>
 class held_value {
   public:

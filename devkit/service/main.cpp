@@ -20,7 +20,7 @@
 namespace scc::service {
 namespace {
 
-// One line at a time, also when several threads print.
+// Several threads print; each line is one write.
 void say(const std::string& line) {
     const std::string whole = fmt::format("scc-ss-dev: {}\n", line);
     std::fwrite(whole.data(), 1, whole.size(), stdout);
@@ -79,7 +79,7 @@ class program {
     }
 
   private:
-    // False when the program is to end.
+    // Returns false to end the program.
     bool wait() {
         std::array<pollfd, 2> sources{{{signals_, POLLIN, 0}, {wake_, POLLIN, 0}}};
         if (poll(sources.data(), sources.size(), -1) < 0) {
@@ -130,7 +130,7 @@ class program {
                             : fmt::format(" ({})", scc_strerror(static_cast<i32>(outcome.last_error)))));
     }
 
-    // On a library thread, with its lock held: the capture is left to the main thread.
+    // Runs on a library thread with its lock held, so the capture is left to the main thread.
     void note_applied(std::size_t applied) {
         if (options_.run_after == 0 || applied < options_.run_after || capture_was_run_.exchange(true)) {
             return;
@@ -158,7 +158,7 @@ int main(int argc, char** argv) {
     if (!options) {
         return exit_code;
     }
-    // The library's threads call into it until the process is gone, so it is never destroyed.
+    // The library's threads call into it until the process exits, so it is never destroyed.
     static scc::service::program* const program = new scc::service::program(std::move(*options));
     return program->run();
 }

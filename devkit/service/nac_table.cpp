@@ -20,7 +20,7 @@ byte_view bytes_of(const scc_ss_user& user) {
 constexpr u32 operation_none = 0;
 constexpr u32 operation_delete = 3;
 
-// As many bytes as the address is long.
+// The prefix of the array that the address occupies.
 ace::ip_bytes address_at(byte_view bytes, std::size_t offset, bool is_ipv6) {
     ace::ip_bytes address{};
     std::ranges::copy(devkit::slice(bytes, offset, is_ipv6 ? address.size() : 4), address.begin());

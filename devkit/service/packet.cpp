@@ -69,7 +69,7 @@ void parse_ipv4(byte_view bytes, packet& found) {
     parse_transport(devkit::slice(bytes, header_bytes, bytes.size()), found);
 }
 
-// The length of an extension header, or 0 for a header that is none.
+// The length of an extension header, or 0 for any other header.
 std::size_t extension_bytes(u8 protocol, byte_view bytes) {
     const std::size_t length = byte_at(bytes, 1);
     switch (protocol) {
@@ -122,7 +122,7 @@ void parse_arp(byte_view bytes, packet& found) {
     copy_address(found.destination_ip, bytes.subspan(24, 4));
 }
 
-// Reads up to two tags and returns where the payload begins. The outer one tells the VLAN.
+// Reads up to two VLAN tags, of which the outer one counts. Returns the offset of the payload.
 std::size_t parse_tags(byte_view frame, packet& found) {
     std::size_t offset = ethernet_bytes;
     found.ether_type = network_u16_at(frame, offset - 2);

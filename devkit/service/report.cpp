@@ -20,7 +20,7 @@ void note(report_outcome& outcome, u32 result) {
     outcome.last_error = result;
 }
 
-// Calls send(part) for parts of at most entries_per_notification entries; not at all for none.
+// Calls send(part) with at most entries_per_notification entries at a time.
 template <class Entry, class Send>
 void in_parts(std::span<const Entry> entries, Send send) {
     while (!entries.empty()) {

@@ -13,9 +13,9 @@ namespace {
 
 using contents = forwarding_table::contents;
 
-constexpr u32 registered = 1;  // the status of the server-status handler
+constexpr u32 registered = 1;  // passed to the server-status handler
 
-// The library's handlers carry no context. Set once, before the registration that starts its threads.
+// The library's handlers have no context argument. Set once, before registering starts its threads.
 constinit security_service* active = nullptr;
 
 // ---- operations with a record ----
@@ -59,7 +59,7 @@ int on_ace_counter(scc_ss_counter_operation* operation) {
 
 // ---- operations with arguments ----
 
-// reply(result) is one of the library's reply functions with its arguments.
+// reply(result) calls one of the library's reply functions.
 template <class Work, class Reply>
 int answer_call(u32 type, const std::string& text, Work work, Reply reply) {
     const auto result = active->carry_out(type, text, [&](contents& held) {
@@ -200,7 +200,7 @@ int on_l4ports_recover(u32 count, const void* ports) {
 
 // ---- notifications ----
 
-// Runs on the library's receive thread without its lock, so the fetch can be asked for from here.
+// Runs on the library's receive thread without its lock, so it may request the fetch.
 void on_server_status(u32 status) {
     active->note_status(status);
     if (status != registered) {

@@ -8,11 +8,11 @@
 namespace scc::service {
 namespace {
 
-using sccd_test::ByteString;
-using sccd_test::DaemonProcess;
-using sccd_test::TestClient;
-using sccd_test::TestItem;
-using sccd_test::Value;
+using sccd_test::byte_string;
+using sccd_test::daemon_process;
+using sccd_test::test_client;
+using sccd_test::test_item;
+using sccd_test::wire_value;
 
 const std::string flows_pcap = std::string(TEST_DATA_DIR) + "/flows.pcap";
 constexpr std::uint32_t app = 3;
@@ -86,18 +86,18 @@ class service_process {
     std::FILE* output_ = nullptr;
 };
 
-Value ace_with_rule(std::uint32_t call, std::uint32_t acl, const char* text) {
+wire_value ace_with_rule(std::uint32_t call, std::uint32_t acl, const char* text) {
     const scc_ace_record record = testing::ace_of(text);
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(&record);
-    return Value(944)
+    return wire_value(944)
         .u32(0, call)
         .key(4, app, acl)
-        .raw(24, ByteString(bytes, bytes + sizeof record))
+        .raw(24, byte_string(bytes, bytes + sizeof record))
         .u32(936, 1);
 }
 
 TEST(ServiceProcess, RegistersIsLostAndRegistersAgain) {
-    DaemonProcess daemon;
+    daemon_process daemon;
     service_process service;
     EXPECT_EQ(service.line(), "scc-ss-dev: registered");
     daemon.signal(SIGKILL);
@@ -108,7 +108,7 @@ TEST(ServiceProcess, RegistersIsLostAndRegistersAgain) {
 }
 
 TEST(ServiceProcess, EndsCleanlyOnTheTerminationSignal) {
-    DaemonProcess daemon;
+    daemon_process daemon;
     service_process service({"--delay", "1000"});
     service.wait_until_registered();
     service.signal(SIGTERM);
@@ -126,10 +126,10 @@ TEST(ServiceProcess, RefusesACommandLineThatIsWrong) {
 }
 
 TEST(ServiceProcess, CarriesOutWhatAnApplicationAsksFor) {
-    DaemonProcess daemon;
+    daemon_process daemon;
     service_process service;
     service.wait_until_registered();
-    TestClient client(daemon, app, 100);
+    test_client client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
     EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, "10 permit tcp any any port 80 id 7")), 0u);
     EXPECT_EQ(client.result_of(133, sccd_test::apply_request(3, 5, 1, 1)), 0u);
@@ -147,26 +147,26 @@ TEST(ServiceProcess, CarriesOutWhatAnApplicationAsksFor) {
 }
 
 TEST(ServiceProcess, AnswersLaterAndRefusesAsItIsTold) {
-    DaemonProcess daemon;
+    daemon_process daemon;
     service_process service({"--delay", "20", "--refuse", "132:28"});
     service.wait_until_registered();
-    TestClient client(daemon, app, 100);
+    test_client client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
     EXPECT_EQ(client.result_of(132, sccd_test::ace_request(2, 5, 10, 10, 1)), 28u);
     EXPECT_EQ(client.result_of(127, sccd_test::user_request(3, 9, 4, 1)), 0u);
 }
 
 TEST(ServiceProcess, TheDaemonGivesUpOnASilentOperation) {
-    DaemonProcess daemon({"--service-timeout", "100"});
+    daemon_process daemon({"--service-timeout", "100"});
     service_process service({"--silent", "131"});
     service.wait_until_registered();
-    TestClient client(daemon, app, 100);
+    test_client client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 2020u);
 }
 
 TEST(ServiceProcess, AServiceThatComesLateIsGivenEverythingOnce) {
-    DaemonProcess daemon;
-    TestClient client(daemon, app, 100);
+    daemon_process daemon;
+    test_client client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
     EXPECT_EQ(client.result_of(133, sccd_test::apply_request(2, 5, 1, 1)), 0u);
     EXPECT_EQ(client.result_of(127, sccd_test::user_request(3, 9, 4, 1)), 0u);
@@ -184,11 +184,11 @@ TEST(ServiceProcess, AServiceThatComesLateIsGivenEverythingOnce) {
 }
 
 // Receives until there is an item of each of these types and returns the first of each, in their order.
-std::vector<TestItem> first_of_each(TestClient& client, const std::vector<std::uint16_t>& types) {
-    std::vector<TestItem> found(types.size());
+std::vector<test_item> first_of_each(test_client& client, const std::vector<std::uint16_t>& types) {
+    std::vector<test_item> found(types.size());
     std::size_t missing = types.size();
     while (missing != 0) {
-        const TestItem next = client.async.receive();
+        const test_item next = client.async.receive();
         if (next.type == 0) {
             break;
         }
@@ -205,10 +205,10 @@ std::vector<TestItem> first_of_each(TestClient& client, const std::vector<std::u
 }
 
 TEST(ServiceProcess, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
-    DaemonProcess daemon;
+    daemon_process daemon;
     service_process service({"--pcap", flows_pcap, "--pcap-on", "applied", "--pcap-after", "1"});
     service.wait_until_registered();
-    TestClient client(daemon, app, 100);
+    test_client client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
     EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, "10 permit tcp any any port 80 id 7")), 0u);
     client.async.send(133, sccd_test::apply_request(3, 5, 1, 1));
@@ -218,25 +218,25 @@ TEST(ServiceProcess, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
     EXPECT_EQ(service.line(), "scc-ss-dev: reported: 10 sent, 0 failed");
 
     // The result may come behind the first notifications.
-    const std::vector<TestItem> items = first_of_each(client, {401, 110, 407, 211});
-    const TestItem& result = items[0];
-    const TestItem& moved = items[1];
-    const TestItem& counters = items[2];
-    const TestItem& flow = items[3];
-    EXPECT_EQ(result.part(0, 8), (ByteString{3, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(moved.part(8, 16), (ByteString{1, 0, 0, 0, 20, 0, 10, 0, 20, 0, 0x02, 0, 0, 0, 0, 0x08}));
-    EXPECT_EQ(counters.part(4, 16), (ByteString{0, 0, 0, 0, 3, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0}));
+    const std::vector<test_item> items = first_of_each(client, {401, 110, 407, 211});
+    const test_item& result = items[0];
+    const test_item& moved = items[1];
+    const test_item& counters = items[2];
+    const test_item& flow = items[3];
+    EXPECT_EQ(result.part(0, 8), (byte_string{3, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(moved.part(8, 16), (byte_string{1, 0, 0, 0, 20, 0, 10, 0, 20, 0, 0x02, 0, 0, 0, 0, 0x08}));
+    EXPECT_EQ(counters.part(4, 16), (byte_string{0, 0, 0, 0, 3, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0}));
     EXPECT_EQ(counters.u32(20), 1u);
     EXPECT_EQ(counters.u64(24), 7u);
     EXPECT_EQ(counters.u64(32), 22u);
-    EXPECT_EQ(flow.part(16, 4), (ByteString{192, 0, 2, 1}));
-    EXPECT_EQ(flow.part(54, 6), (ByteString{0x02, 0, 0, 0, 0, 0x01}));
+    EXPECT_EQ(flow.part(16, 4), (byte_string{192, 0, 2, 1}));
+    EXPECT_EQ(flow.part(54, 6), (byte_string{0x02, 0, 0, 0, 0, 0x01}));
     EXPECT_EQ(flow.u64(64), 11u);
     EXPECT_EQ(flow.u64(72), 638u);
 }
 
 TEST(ServiceProcess, RunsTheCaptureOnItsSignal) {
-    DaemonProcess daemon;
+    daemon_process daemon;
     service_process service({"--pcap", flows_pcap});
     service.wait_until_registered();
     service.signal(SIGUSR1);

@@ -295,7 +295,8 @@ TEST_P(ContractWithATrace, WaitsForAnAppIdThatAnotherProcessHolds) {
         pause();
         _exit(0);
     }
-    auto client = std::make_unique<sccd_test::TestClient>(daemon, app_id, static_cast<std::uint32_t>(holder));
+    auto client =
+        std::make_unique<sccd_test::test_client>(daemon, app_id, static_cast<std::uint32_t>(holder));
     ASSERT_EQ(app.enter(info), 0U);
     const std::string refusal = daemon.read_line_with("owner=" + std::to_string(holder));
     EXPECT_NE(refusal.find("registration-reply"), std::string::npos);
