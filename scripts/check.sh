@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Every check beside the tests. Without arguments all stages in order; with arguments those named.
+# Runs the given check stages, or all of them in order.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/common.sh
@@ -10,7 +10,7 @@ stage_format() { scripts/format.sh; }
 stage_gcc() { build release; }
 stage_clang() { build clang; }
 stage_header() {
-    # The public header alone, as C11 and as C++17, by both compilers.
+    # The public header on its own, as C11 and as C++17, with both compilers.
     local compiler
     for compiler in gcc clang; do
         echo '#include "scclib.h"' | "$compiler" -std=c11 -Wall -Wextra -Wpedantic -Werror -Iinclude -x c -fsyntax-only -
@@ -56,9 +56,9 @@ stages=("$@")
 [ ${#stages[@]} -gt 0 ] || stages=(scripts format gcc clang header binary abi man install packages complete tidy asan tsan fuzz)
 for stage in "${stages[@]}"; do
     start=$SECONDS
-    # A stage whose script is not there is a mistake in this list, not a success.
+    # An unknown stage is an error, not a success.
     declare -F "stage_$stage" >/dev/null || { echo "unknown stage $stage" >&2; exit 2; }
-    # Not as a condition: bash would then go on behind a failed command of the stage.
+    # Not in a condition, where bash would continue after a failed command of the stage.
     set +e
     (
         set -e

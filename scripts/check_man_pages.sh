@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The manual: made from the header, every page without a warning, none missing, no section empty.
+# Generates the manual and checks it: no warnings, no missing pages, no empty sections.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/common.sh
@@ -12,7 +12,7 @@ fail() {
     exit 1
 }
 
-# A heading with nothing but another heading, a macro without text or the end behind it.
+# Headings followed by nothing but another heading, a macro without text, or the end of the file.
 empty_sections() {
     awk '
         FNR == 1 { if (title != "") print last ": " title; title = "" }
