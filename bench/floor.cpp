@@ -62,7 +62,7 @@ struct connection {
     }
 };
 
-void receive_results(int fd, std::uint64_t requests, window& room) {
+void receive_results(int fd, std::uint64_t requests, window& in_flight) {
     std::vector<u8> body(1U << 20U);
     for (std::uint64_t got = 0; got < requests;) {
         u8 header[8];
@@ -70,13 +70,13 @@ void receive_results(int fd, std::uint64_t requests, window& room) {
         receive_exactly(fd, body.data(), load<u32>(header) - 8);
         const u16 items = load<u16>(header, 5);
         got += items;
-        room.answered(items);
+        in_flight.answered(items);
     }
 }
 
 }  // namespace
 
-void window::wait_for_room(std::uint64_t sent) {
+void window::wait_for_space(std::uint64_t sent) {
     for (;;) {
         const auto bell = std::atomic_ref(bell_).load();
         if (sent < count() + width_) {
@@ -106,15 +106,15 @@ std::uint64_t window::count() const {
 
 double floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding) {
     const connection link;
-    window room(outstanding);
-    std::thread receiving([&] { receive_results(link.async, requests, room); });
+    window in_flight(outstanding);
+    std::thread receiving([&] { receive_results(link.async, requests, in_flight); });
     const u32 entry = value_bytes + 8;
     const u32 per_batch = wire::batch_capacity_bytes / entry;
     std::vector<u8> batch(8 + std::size_t{per_batch} * entry, 0);
     const double began = now_s();
     for (std::uint64_t sent = 0; sent < requests;) {
         const auto now = static_cast<u32>(std::min<std::uint64_t>(per_batch, requests - sent));
-        room.wait_for_room(sent + now - 1);
+        in_flight.wait_for_space(sent + now - 1);
         store<u32>(batch.data(), 0, 8 + now * entry);
         store<u8>(batch.data(), 4, 1);
         store<u16>(batch.data(), 5, static_cast<u16>(now));

@@ -1,25 +1,25 @@
-// The floor: a bare client that moves the same bytes in the same batches, with two threads, no locks, no
-// pending calls and no handlers.
+// The floor: a minimal client that moves the same bytes in the same batches, with two threads and without
+// locks, pending calls or handlers.
 #pragma once
 
 #include <cstdint>
 
 namespace bench {
 
-// Requests a second, values of value_bytes, at most that many outstanding.
+// Requests per second, with values of value_bytes and a limited number outstanding.
 double floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding);
 
 // Seconds of the median round trip of a 168-byte message and its 52-byte reply.
 double floor_round_trip(int rounds);
 
-// Seconds of the median way of one result: asked for on one socket, received by the other socket's thread.
+// Median latency of one result, in seconds: requested on one socket, received by the other socket's thread.
 double floor_one_result(int rounds);
 
-// Lets a sender run that many ahead of what has been answered.
+// Limits how far a sender may run ahead of the answers.
 class window {
   public:
     explicit window(std::uint64_t width) : width_(width) {}
-    void wait_for_room(std::uint64_t sent);
+    void wait_for_space(std::uint64_t sent);
     void wait_for_all(std::uint64_t sent);
     void answered(std::uint64_t count);
     std::uint64_t count() const;

@@ -1,5 +1,5 @@
-// The floor of an idle client: a thread that does nothing but wait 5 ms at a time, as long as the argument
-// says in seconds. Prints its processor time as a share of one core, in percent.
+// The floor of an idle client: a thread that waits for 5 ms at a time, for the seconds given as the argument.
+// Prints its processor time in percent of one core.
 #include <sys/select.h>
 
 #include <cstdio>

@@ -1,5 +1,5 @@
-// What grows with what is held: pending calls, the ACL cache, the id/type map. In memory, without sockets,
-// on the library's own functions.
+// How costs grow with the number of entries: pending calls, the ACL cache, the id/type map. In memory,
+// without sockets, on the library's internal functions.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -34,7 +34,7 @@ std::vector<u32> ids(std::size_t count, int how) {
     return out;
 }
 
-// A result to its (missing) handler, then the same call again, so that as many stay pending.
+// Delivers a result (its handler is missing), then repeats the call, so that the number pending is constant.
 void deliver_result(benchmark::State& state) {
     _scc_lib_data_init();
     const auto pending = static_cast<std::size_t>(state.range(0));
@@ -82,7 +82,7 @@ void look_up_acl(benchmark::State& state) {
 }
 BENCHMARK(look_up_acl)->Arg(10)->Arg(32768);
 
-// The same through the interface, locks included, and with a look at the ACL that was found.
+// The same through the interface, locks included, reading the ACL that was found.
 void read_acl_class(benchmark::State& state) {
     _scc_lib_data_init();
     g_scc_client_cb.state.store(state_registered);
@@ -122,7 +122,7 @@ BENCHMARK(add_ace)
     ->Args({10000, descending})
     ->Args({10000, shuffled});
 
-// Per ACE that is read back: linear when it does not change with the number of ACEs.
+// Per ACE read back: constant if the whole is linear.
 void read_back(benchmark::State& state) {
     _scc_lib_data_init();
     g_scc_client_cb.state.store(state_registered);
@@ -170,7 +170,7 @@ BENCHMARK(id_map)->Arg(1000)->Arg(1000000);
 
 }  // namespace
 
-// What the allocator gives back to the system and takes anew says nothing about the library.
+// Keeps the allocator from returning memory to the system, which is not the library's cost.
 int main(int argc, char** argv) {
     mallopt(M_TRIM_THRESHOLD, 1 << 30);
     benchmark::Initialize(&argc, argv);

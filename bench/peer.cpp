@@ -25,12 +25,12 @@ namespace {
 
 using namespace scc;
 
-// Collects what arrives on one socket and hands out whole messages.
+// Buffers the input of one socket and returns whole messages.
 class reader {
   public:
     explicit reader(int fd) : fd_(fd), buffer_(1U << 20U) {}
 
-    // Reads once; the client's end is the end of the process.
+    // Reads once; exits when the client has closed the socket.
     void fill() {
         if (begin_ > 0) {
             std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
@@ -64,7 +64,7 @@ class reader {
     std::size_t end_ = 0;
 };
 
-// Results on their way out, as items of one message or messages of one item.
+// Pending output: results as items of one message, or as messages of one item.
 class results {
   public:
     explicit results(bool together) : together_(together) {}
@@ -133,7 +133,7 @@ struct server {
     reader sync_in{sync};
     reader async_in{async};
     std::deque<u32> held;
-    u32 owed = 0;  // single results that were asked for before there was one
+    u32 owed = 0;  // single results requested before there was one
     std::mt19937 random{1};
 
     u32 take_next() {
@@ -290,7 +290,7 @@ development_daemon::development_daemon() {
         _exit(1);
     }
     close(ready[1]);
-    char first_line[1];  // it says that it is ready, and nothing else
+    char first_line[1];  // the daemon prints its ready line, and nothing else
     if (read(ready[0], first_line, sizeof first_line) != sizeof first_line) {
         std::fprintf(stderr, "sccd-dev does not start\n");
         std::exit(1);

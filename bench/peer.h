@@ -1,5 +1,5 @@
-// The daemon's side of a benchmark, in a process of its own: registers whoever comes and answers requests
-// with results at once, as plainly as it can be done.
+// The daemon's side of a benchmark, in its own process: accepts every registration and answers requests
+// immediately, with as little work as possible.
 #pragma once
 
 #include <sys/types.h>
@@ -12,8 +12,8 @@ enum class answers {
     one_a_message,        // each result is a message of its own
     batch_together,       // the results of one received message are one message
     everything_together,  // the results of everything that has arrived are one message
-    // Nothing, until the water line is notified: 0 lets the next one of `order` go, 1 all of them, 500 a
-    // message, and 2 all of them, each a message of its own.
+    // Nothing until a water-line notification: 0 releases the next result in `order`, 1 all of them, 500 per
+    // message, 2 all of them, one per message.
     hold,
 };
 
@@ -25,7 +25,7 @@ struct peer_options {
     int processor = -1;  // pins the process
 };
 
-// Listens in $TMPDIR, forks, serves until the client has gone.
+// Listens in $TMPDIR, forks, and serves until the client closes its sockets.
 class peer {
   public:
     explicit peer(const peer_options& options);
@@ -37,7 +37,7 @@ class peer {
     pid_t child_ = -1;
 };
 
-// The development daemon instead, from the same build; its answers go through all of its own work.
+// The development daemon of the same build; its answers include all of its own work.
 class development_daemon {
   public:
     development_daemon();

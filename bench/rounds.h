@@ -1,5 +1,5 @@
-// Interleaved rounds and their medians. A measurement runs in a process of its own, since the library's
-// state is the process's, and hands one number back.
+// Interleaved rounds and their medians. Each measurement runs in its own process, since the library's state
+// is per process, and returns one number.
 #pragma once
 
 #include <functional>
@@ -8,7 +8,7 @@
 
 namespace bench {
 
-// Runs the function in a child process; its number, or a failure that ends the program.
+// Runs the function in a child process and returns its number. Exits on failure.
 double in_child(const std::function<double()>& measure);
 
 struct contender {
@@ -16,7 +16,7 @@ struct contender {
     std::function<double()> measure;
 };
 
-// The median of each contender over the rounds, which take turns.
+// The median of each contender over the rounds, in which they take turns.
 std::vector<double> medians(const std::vector<contender>& contenders, int rounds);
 
 double now_s();

@@ -1,5 +1,5 @@
-// Operations through the service side: receive thread, queue, dispatch, handler, answer; beside a floor that
-// receives the same messages and sends the same answers with one bare thread.
+// Operations through the service side (receive thread, queue, dispatch, handler, answer), compared with a
+// floor: one thread that receives the same messages and sends the same answers.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -78,7 +78,7 @@ void answer_registration(int fd) {
     send_all(fd, reply, sizeof reply);
 }
 
-// Sends every operation and counts the answers: the daemon's part of both contenders. Operations a second.
+// The daemon's side of both contenders: sends every operation and counts the answers. Operations per second.
 double drive(int listener, u32 per_message) {
     const int sync = accept(listener, nullptr, nullptr);
     const int async = accept(listener, nullptr, nullptr);
@@ -145,7 +145,7 @@ void register_on(int fd) {
     (void)receive_message(fd);
 }
 
-// One thread that reads operations and sends their answers, gathered up to a batch's 8192 bytes.
+// One thread that reads operations and sends their answers in batches of up to 8192 bytes.
 void serve_bare() {
     const int sync = connect_to_daemon();
     const int async = connect_to_daemon();

@@ -1,4 +1,4 @@
-// Blocking loops over a stream socket; the other end's absence is the end of the process.
+// Blocking loops over a stream socket. They exit when the peer has closed it.
 #pragma once
 
 #include <cstddef>

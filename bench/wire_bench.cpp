@@ -1,5 +1,5 @@
-// Requests, results and synchronous round trips through the library, each beside the raw-socket floor that
-// moves the same bytes in the same batches in the same run.
+// Requests, results and synchronous round trips through the library, each compared with a raw-socket floor
+// that moves the same bytes in the same batches in the same run.
 #include <malloc.h>
 #include <unistd.h>
 
@@ -22,9 +22,9 @@ using bench::answers;
 using bench::order;
 
 std::binary_semaphore g_registered{0};
-bench::window* g_room = nullptr;
+bench::window* g_in_flight = nullptr;
 
-// Results are told to the sender in groups, as the floor tells them a message at a time. Receive thread.
+// Reports results to the sender in groups, as the floor reports them per message. Receive thread.
 std::uint64_t g_untold = 0;
 std::uint64_t g_left = 0;
 
@@ -36,7 +36,7 @@ void seen_result() {
     constexpr std::uint64_t group = 32;
     ++g_untold;
     if (--g_left == 0 || g_untold == group) {
-        g_room->answered(g_untold);
+        g_in_flight->answered(g_untold);
         g_untold = 0;
     }
 }
@@ -82,15 +82,15 @@ void start_library(std::uint8_t option = 0) {
 }
 
 double library_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding) {
-    static bench::window room(outstanding);
-    g_room = &room;
+    static bench::window in_flight(outstanding);
+    g_in_flight = &in_flight;
     start_library();
     static scc_config_record record{};
     expect_results(requests);
     const double began = bench::now_s();
     for (std::uint64_t sent = 0; sent < requests; ++sent) {
         if (sent % 8 == 0) {
-            room.wait_for_room(sent + 7);
+            in_flight.wait_for_space(sent + 7);
         }
         if (value_bytes == 744) {
             scc_d1x_port_open(&record, nullptr);
@@ -98,50 +98,50 @@ double library_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint
             scc_addr_learning(1, 1, nullptr);
         }
     }
-    room.wait_for_all(requests);
+    in_flight.wait_for_all(requests);
     return static_cast<double>(requests) / (bench::now_s() - began);
 }
 
-// Seconds for an ACL of that many ACEs, added in ascending order and confirmed, but for the last few: the
-// batch that is not full waits for the checker's next pass, whose 5 ms say nothing about the cost.
-double fill_acl(std::uint32_t acl_id, std::uint32_t aces, bench::window& room) {
+// Seconds to add and confirm that many ACEs of an ACL in ascending order, except the last few: an incomplete
+// batch waits up to 5 ms for the checker, which is not part of the cost.
+double fill_acl(std::uint32_t acl_id, std::uint32_t aces, bench::window& in_flight) {
     const scc_acl_key key{0, 3, acl_id, 0};
     static scc_ace_record ace{};
-    const std::uint64_t before = room.count();
+    const std::uint64_t before = in_flight.count();
     expect_results(aces + 1);
     const double began = bench::now_s();
     scc_acl_create(&key, nullptr);
     for (std::uint32_t i = 1; i <= aces; ++i) {
-        room.wait_for_room(before + i);
+        in_flight.wait_for_space(before + i);
         ace.sn = i;
         ace.ace_id = i;
         scc_acl_add_ace(&key, &ace, nullptr);
     }
-    constexpr std::uint32_t last_few = 40;  // a batch's, and what seen_result has not told yet
-    room.wait_for_all(before + aces + 1 - last_few);
+    constexpr std::uint32_t last_few = 40;  // a batch's, and those that seen_result has not reported
+    in_flight.wait_for_all(before + aces + 1 - last_few);
     const double seconds = bench::now_s() - began;
-    room.wait_for_all(before + aces + 1);
+    in_flight.wait_for_all(before + aces + 1);
     return seconds;
 }
 
 enum class memory { fresh, used_before };
 
-// In a fresh process most of what the cache costs is the kernel's zeroing of new pages. A process that has
-// run for a while has had the memory for something else.
+// In a fresh process, most of the cache's cost is the kernel's zeroing of new pages. A process that has run
+// for a while already owns the memory.
 double library_aces(std::uint32_t aces, std::uint8_t option, memory heap) {
-    static bench::window room(4096);
-    g_room = &room;
+    static bench::window in_flight(4096);
+    g_in_flight = &in_flight;
     start_library(option);
     if (heap == memory::used_before) {
         mallopt(M_TRIM_THRESHOLD, 1 << 30);
-        fill_acl(1, aces, room);
+        fill_acl(1, aces, in_flight);
         const scc_acl_key key{0, 3, 1, 0};
         expect_results(1);
-        const std::uint64_t before = room.count();
+        const std::uint64_t before = in_flight.count();
         scc_acl_delete(&key, nullptr);
-        room.wait_for_all(before + 1);
+        in_flight.wait_for_all(before + 1);
     }
-    return fill_acl(2, aces, room);
+    return fill_acl(2, aces, in_flight);
 }
 
 double library_round_trip(int rounds) {
@@ -160,7 +160,7 @@ double library_round_trip(int rounds) {
     return times[times.size() / 2];
 }
 
-// The peer holds results until it is told otherwise (bench::answers::hold).
+// The peer holds results until they are released (bench::answers::hold).
 enum class release : int { next = 0, all_together = 1, all_alone = 2 };
 
 void release_results(release which) {
@@ -174,25 +174,25 @@ void hold_requests(std::uint64_t pending) {
     usleep(300000);  // the peer has them all
 }
 
-// Seconds a result with that many pending when the first of all arrives.
+// Seconds per result, with that many pending when the first arrives.
 double library_delivery(std::uint64_t pending, release how) {
-    static bench::window room(pending + 1);
-    g_room = &room;
+    static bench::window in_flight(pending + 1);
+    g_in_flight = &in_flight;
     start_library();
     expect_results(pending);
     hold_requests(pending);
     const double began = bench::now_s();
     release_results(how);
-    room.wait_for_all(pending);
+    in_flight.wait_for_all(pending);
     return (bench::now_s() - began) / static_cast<double>(pending);
 }
 
 std::binary_semaphore g_arrived{0};
 
-// Seconds of the median way of one result with that many pending, asked for on the synchronous socket.
+// Median latency of one result with that many pending, in seconds; requested on the synchronous socket.
 double library_one_result(std::uint64_t pending, int rounds) {
-    static bench::window room(pending + 1);
-    g_room = &room;
+    static bench::window in_flight(pending + 1);
+    g_in_flight = &in_flight;
     g_on_scalar = [] { g_arrived.release(); };
     start_library();
     hold_requests(pending);
@@ -305,7 +305,7 @@ constexpr struct {
     const char* name;
 } orders[] = {{order::ascending, "ascending"}, {order::descending, "descending"}, {order::random, "random"}};
 
-// The way of one result, with few and with many pending.
+// The latency of one result, with few and with many pending.
 void one_result(int rounds) {
     const auto way = [](std::uint64_t pending, order held) {
         return with_peer(
@@ -328,7 +328,7 @@ void one_result(int rounds) {
     }
 }
 
-// A stream of results, each a message of its own or many together, until none of so many is pending.
+// A stream of results, one or many per message, until none is pending.
 void streams(int rounds) {
     const auto stream = [](std::uint64_t pending, release how, order held) {
         return with_peer(
@@ -369,7 +369,7 @@ constexpr part parts[] = {
 
 }  // namespace
 
-// wire_bench [rounds [part...]]: all parts unless some are named.
+// wire_bench [rounds [part...]]: all parts by default.
 int main(int argc, char** argv) {
     const int rounds = argc > 1 ? std::atoi(argv[1]) : 7;
     const std::vector<std::string_view> wanted(argv + std::min(argc, 2), argv + argc);

@@ -1,4 +1,4 @@
-# What is installed: the library for authors of applications; the devkit as a component of its own.
+# Installs the library for authors of applications, and the devkit as a separate component.
 add_custom_target(installed DEPENDS scclib scclib_static)
 install(TARGETS scclib EXPORT scclibTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime
         NAMELINK_COMPONENT development)
@@ -13,7 +13,7 @@ if(NOT SCC_PLATFORM_DIR)
           DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT workstation)
 endif()
 
-# Written while installing, since the prefix may be chosen as late as that.
+# Written at install time, since the prefix may be chosen then.
 install(CODE "
   set(CMAKE_INSTALL_LIBDIR \"${CMAKE_INSTALL_LIBDIR}\")
   set(CMAKE_INSTALL_INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
@@ -30,7 +30,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/scclibConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/scclibConfig.cmake ${PROJECT_BINARY_DIR}/scclibConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/scclib COMPONENT development)
 
-# The manual's pages of functions are made from the header's comments.
+# The man pages of the functions are generated from the header's comments.
 find_package(Python3 COMPONENTS Interpreter)
 if(Python3_FOUND)
   set(man_maker ${PROJECT_SOURCE_DIR}/scripts/make_man_pages.py)
@@ -49,8 +49,8 @@ if(Python3_FOUND)
           DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
 endif()
 
-# The devkit: every program that this configuration builds, with its page and its completion.
-foreach(program sccd-dev scc-ss-dev sccctl sccd-top)
+# The devkit: every program that this configuration builds, with its man page and its completion.
+foreach(program sccd-dev scc-ss-dev sccctl)
   if(TARGET ${program})
     add_dependencies(installed ${program})
     install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT devkit)

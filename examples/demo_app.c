@@ -1,4 +1,4 @@
-/* The demo's application: what a security application does in its life, told line by line.
+/* The demo's application: the life of a security application, printed line by line.
  *
  * It registers with the ACL cache on, creates ACLs, sends configuration requests of both families, waits
  * for notifications, sends a burst in which the daemon is killed, waits until it is registered again,
@@ -14,7 +14,7 @@
 
 enum { app_id = 5, acls = 3, aces = 4, patience_s = 30 };
 
-/* What the handlers have seen; the lock guards it, the condition says that it changed. */
+/* What the handlers have seen: guarded by the lock, changes signalled by the condition. */
 static struct {
     pthread_mutex_t lock;
     pthread_cond_t changed;
@@ -107,7 +107,7 @@ static struct timespec deadline(void) {
     return at;
 }
 
-/* Waits until a counter has come that far. */
+/* Waits until a counter reaches a value. */
 static void wait_for_count(const uint64_t* counter, uint64_t wanted, const char* what) {
     struct timespec until = deadline();
     pthread_mutex_lock(&g_seen.lock);
@@ -146,7 +146,7 @@ static uint64_t results_so_far(void) {
     return count;
 }
 
-/* Waits for the results of a step and tells how it went. */
+/* Waits for the results of a step and prints them. */
 static void finish_step(const char* what, uint64_t before, uint64_t asked, double began) {
     wait_for_count(&g_seen.results, before + asked, what);
     printf("%-48s %5" PRIu64 " asked, %5" PRIu64 " answered, last result %u, %.1f ms\n", what, asked,
@@ -171,7 +171,7 @@ static void make_acls(void) {
     finish_step("create 3 ACLs with 4 ACEs each", before, acls * (1 + aces), began);
 }
 
-/* The cache takes a change behind its result's handler, so the last one may be a moment later. */
+/* The cache is updated after a result's handler returns, so the last change may come a moment later. */
 static void read_back(void) {
     struct scc_acl_key key = {0, 3, 101, 0};
     struct scc_list_head list;

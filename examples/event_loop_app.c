@@ -1,10 +1,10 @@
-/* An application with an event loop of its own: the library's connection, its reading and its recovery are
- * tasks on that loop, beside the application's timer and pipe.
+/* An application with its own event loop: the library connects, reads and recovers in tasks on that loop,
+ * next to the application's timer and pipe.
  *
  *   event_loop_app [results [app id]]
  *
- * Asks for something once a second, prints what comes back, and ends after so many results (3; 0 for no end)
- * or at an interrupt or termination signal. Run two daemons' lives through it: it tells of each. */
+ * Sends a request once a second, prints its result, and ends after that many results (3; 0 means never)
+ * or at SIGINT or SIGTERM. Restart the daemon while it runs: it prints each loss and registration. */
 #include <qx_thread.h>
 #include <scclib.h>
 #include <signal.h>
@@ -20,7 +20,7 @@ static unsigned long g_results_wanted = 3;
 static unsigned long g_results_seen;
 static uint32_t g_next_interface = 1;
 
-/* ---- what the library tells, on this loop's thread */
+/* ---- the library's handlers, on this loop's thread */
 
 static void on_status(uint32_t status) {
     printf("daemon: %s\n", status == 1 ? "registered" : "lost");
@@ -60,7 +60,7 @@ static int on_timer(struct qx_thread* task) {
     return 0;
 }
 
-/* A task runs once: it is added again for the next time. */
+/* A task runs once and has to be added again. */
 static void request_later(void) {
     if (qx_thread_add_timer_withname(g_master, on_timer, NULL, request_interval_seconds, "app-request") ==
         NULL) {
@@ -78,7 +78,7 @@ static int on_signal_byte(struct qx_thread* task) {
     return 0;
 }
 
-/* A signal handler may do little: it writes the number to the pipe, and the loop reads it. */
+/* Only async-signal-safe calls are allowed here, so the number goes to the loop through the pipe. */
 static void on_signal(int number) {
     unsigned char byte = (unsigned char)number;
     ssize_t ignored = write(g_signal_pipe[1], &byte, 1);

@@ -1,4 +1,4 @@
-/* What the library offers without a daemon: addresses as text, paths, identity and the timing probes. */
+/* The functions that need no daemon: addresses as text, paths, identity and the timing probes. */
 #include <arpa/inet.h>
 #include <scclib.h>
 #include <stdio.h>
@@ -6,7 +6,7 @@
 #include <string.h>
 #include <unistd.h>
 
-/* Each function has a buffer of its own, so one line may show an address and a mask, but not two masks. */
+/* Each function has its own buffer, so one line may show an address and a mask, but not two masks. */
 static void show_addresses(void) {
     const uint32_t address = htonl(ip_set(192, 168, 1, 10));
     const uint32_t mask = htonl(ip_set(255, 255, 255, 0));
@@ -20,7 +20,7 @@ static void show_addresses(void) {
     printf("IPv6 %s, mask %s\n", ipv6_show(address6), ipv6_mask_show(mask6));
 }
 
-/* The runtime directory of this instance, made if it is not there. */
+/* Creates this instance's runtime directory if it does not exist. */
 static void show_paths(void) {
     char path[108];
     if (scc_make_path(path, "/security/scc", sizeof path, 1) == 0) {
@@ -49,7 +49,7 @@ static void show_identity(void) {
     printf("binding owners %s\n", owners);
 }
 
-/* A service that kept nothing of an operation but its code finds the function that answers it. */
+/* A service that stored only the code of an operation looks up the function that answers it. */
 static void show_callbacks(void) {
     printf("operations with a callback:");
     for (uint32_t op = SCC_SS_OP_CREATE; op <= SCC_SS_OP_CPP; ++op) {

@@ -1,5 +1,6 @@
-// Bytes from a hostile daemon: a whole message as the receive path takes it from a socket, then through the
-// application's and the service's dispatchers, with calls of every kind pending and no handlers but one.
+// Fuzzes messages of a hostile daemon: a whole message, as the receive path reads it from a socket, goes
+// through the application's and the service's dispatchers. Calls of every kind are pending; one handler is
+// set.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -23,7 +24,7 @@ using namespace scc;
 
 namespace {
 
-// A handler that reads everything it was promised.
+// A handler that reads everything that its arguments promise.
 std::uint64_t g_sum = 0;
 
 void add_bytes(const void* bytes, std::size_t count) {

@@ -1,4 +1,4 @@
-// Bytes from a hostile daemon as replies of the synchronous queries: the first byte chooses the query.
+// Fuzzes the replies of synchronous queries. The first byte selects the query.
 #include <sys/socket.h>
 #include <unistd.h>
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The processor time of an idle registered client, as a share of one core over 20 seconds, beside a bare
-# thread that waits as its checker does, in the same seconds.
+# Measures the processor time of an idle registered client over 20 seconds, as a share of one core, and at the
+# same time that of a thread that only waits as the client's checker does.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 work=$(mktemp -d /tmp/sccb-XXXXXX)

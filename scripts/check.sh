@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Every check beside the tests. Without arguments all stages in order; with arguments those named.
+# Runs the given check stages, or all of them in order.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/common.sh
@@ -10,7 +10,7 @@ stage_format() { scripts/format.sh; }
 stage_gcc() { build release; }
 stage_clang() { build clang; }
 stage_header() {
-    # The public header alone, as C11 and as C++17, by both compilers.
+    # The public header on its own, as C11 and as C++17, with both compilers.
     local compiler
     for compiler in gcc clang; do
         echo '#include "scclib.h"' | "$compiler" -std=c11 -Wall -Wextra -Wpedantic -Werror -Iinclude -x c -fsyntax-only -
@@ -35,14 +35,18 @@ stage_packages() {
     scripts/check_packages.sh
 }
 stage_complete() { scripts/check_complete.sh; }
-# tidy_sources PATTERN...: as many files at once as there are processors.
+# tidy_sources PATTERN...: checks as many files at once as there are processors.
+tidy_options=()
 tidy_sources() {
     build debug
-    git ls-files "$@" | xargs -P "$jobs" -n 4 clang-tidy -p build/debug --quiet 2>/dev/null
+    git ls-files "$@" | xargs -P "$jobs" -n 4 clang-tidy -p build/debug --quiet "${tidy_options[@]}" 2>/dev/null
 }
-stage_tidy() { tidy_sources 'src/*.cpp' 'platform/*.cpp'; }
-# The tools take five times as long, so this one is not among the stages that always run.
-stage_tidy_tools() { tidy_sources 'devkit/*.cpp'; }
+stage_tidy() { tidy_sources 'src/*.cpp' 'platform/*.cpp' 'devkit/*.cpp'; }
+# All checks on the tools, whose own .clang-tidy leaves out those that take minutes in third-party headers.
+stage_tidy_tools() {
+    tidy_options=(--config-file=.clang-tidy)
+    tidy_sources 'devkit/*.cpp'
+}
 stage_asan() {
     build asan
     ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1 run_tests asan
@@ -57,9 +61,9 @@ stages=("$@")
 [ ${#stages[@]} -gt 0 ] || stages=(scripts format gcc clang header binary abi man install packages complete tidy asan tsan fuzz)
 for stage in "${stages[@]}"; do
     start=$SECONDS
-    # A stage whose script is not there is a mistake in this list, not a success.
+    # An unknown stage is an error, not a success.
     declare -F "stage_$stage" >/dev/null || { echo "unknown stage $stage" >&2; exit 2; }
-    # Not as a condition: bash would then go on behind a failed command of the stage.
+    # Not in a condition, where bash would continue after a failed command of the stage.
     set +e
     (
         set -e

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # check_abi.sh LIBRARY [--renew]: compares the binary interface with the recorded one, abi/scclib.abi.
-# The released library has no debug information, so a copy that has is built beside it in build/abi.
+# The release build has no debug information, so a copy that has it is built in build/abi.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/common.sh
@@ -16,7 +16,7 @@ fail() {
     exit 1
 }
 
-# Directories must not be told: the record is the same in every checkout.
+# The record must not contain directories: it is the same in every checkout.
 build_copy() {
     local flags="-ffile-prefix-map=$PWD=."
     cmake -S . -B build/abi -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_FLAGS="$flags" \
@@ -29,19 +29,19 @@ visible() { nm -D --defined-only "$1" | awk '{print $2, $3}' | sort; }
 [ -f "$library" ] || fail "there is no $library"
 build_copy >"$work/log" 2>&1 || {
     cat "$work/log" >&2
-    fail "the copy with debug information cannot be built"
+    fail "cannot build the copy with debug information"
 }
 copy=build/abi/src/libscclib.so
 [ "$(visible "$library")" = "$(visible "$copy")" ] || {
     diff <(visible "$library") <(visible "$copy") >&2 || true
-    fail "$library and $copy show different symbols; one of them is not up to date"
+    fail "$library and $copy have different symbols; one of them is out of date"
 }
 abidw --headers-dir include --exported-interfaces-only --no-show-locs --no-corpus-path --no-comp-dir-path \
     --type-id-style hash --out-file "$work/scclib.abi" "$copy"
-# Compilers and their cache tell the sources' directory in more than one way.
+# The compilers and ccache record the sources' directory in different forms.
 sed -i "s#path='[^']*/\(src\|include\)/#path='\1/#" "$work/scclib.abi"
 if grep -nF "$PWD" "$work/scclib.abi" >&2; then
-    fail "a path of this checkout got into the record"
+    fail "the record contains a path of this checkout"
 fi
 
 if [ "$renew" = --renew ]; then
@@ -55,10 +55,10 @@ abidiff --harmless "$recorded" "$work/scclib.abi" >"$work/changes" 2>&1 || {
     cat "$work/changes" >&2
     cat >&2 <<TEXT
 
-check_abi: the binary interface has changed as listed above. Programs that are linked with the library, and
-the switch's own processes, depend on it. If the change is wanted, record the new interface with
+check_abi: the binary interface has changed as listed above. Programs linked with the library and the
+switch's own processes depend on it. If the change is intended, record the new interface with
     scripts/check_abi.sh $library --renew
-and commit $recorded with the change; a removed or changed function needs a new soname, too.
+and commit $recorded with the change. A removed or changed function also needs a new soname.
 TEXT
     exit 1
 }

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# The shared library as a guest sees it: its symbols, what it needs, and what it must not contain.
+# Checks the shared library's symbols, its dependencies, and that it contains nothing a guest must not use.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/common.sh
+. scripts/common.sh
 library=${1:?path of libscclib.so}
 
 fail() {
@@ -9,8 +11,8 @@ fail() {
     exit 1
 }
 
-named=$(sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map | sort)
-visible=$(nm -D --defined-only "$library" | awk '{print $3}' | sed 's/@.*//' | grep -v '^SCCLIB_1.0$' | sort)
+named=$(exported_names)
+visible=$(nm -D --defined-only "$library" | awk '{print $3}' | sed 's/@.*//' | grep -v '^SCCLIB_1.0$' | LC_ALL=C sort)
 [ "$named" = "$visible" ] || {
     diff <(echo "$named") <(echo "$visible") || true
     fail "the visible symbols are not those of src/scclib.map"
@@ -28,10 +30,10 @@ readelf -d "$library" | grep -q 'SONAME.*libscclib.so.1\]' || fail "has another 
 if readelf -S "$library" | grep -qE '\.ctors|\.eh_frame_hdr_never'; then
     fail "has constructors"
 fi
-# The C run-time's frame_dummy is the only entry that a library without static constructors has.
+# Without static constructors, the only entry is the C run-time's frame_dummy.
 array=$(readelf -SW "$library" | awk '$0 ~ /\.init_array/ {for (i = 1; i <= NF; i++) if ($i == "INIT_ARRAY") print $(i + 3)}')
 [ "$((16#${array:-0}))" -le 8 ] || fail "has static constructors"
 if nm -D --undefined-only "$library" | grep -qE ' (_Zn|_Zd|__cxa_throw|__gxx_personality|abort$|exit$|printf$|puts$|signal|sigaction)'; then
-    fail "uses what a guest must not"
+    fail "uses functions that a guest must not"
 fi
 echo "symbols: $(wc -w <<<"$named")"

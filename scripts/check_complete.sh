@@ -1,16 +1,18 @@
 #!/usr/bin/env bash
-# Nothing is exported that has no man page, no test, or no place where its use can be seen: an example,
-# a command of sccctl, or the devkit's service.
+# Checks that every exported name has a man page, a test, and a use in an example, a command of sccctl, or
+# the devkit's service.
 set -euo pipefail
 export LC_ALL=C
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/common.sh
+. scripts/common.sh
 work=$(mktemp -d "${TMPDIR:-/tmp}/scclib-complete-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 
-# The words of some files, once: a name counts only where it stands whole.
+# The identifiers of some files: a name counts only as a whole word.
 words() { grep -rhowE '_?[A-Za-z][A-Za-z0-9_]+' "$@" | sort -u; }
 
-# missing WHAT: prints the names of standard input, if any, and remembers that there were some.
+# missing WHAT: reports the names on standard input, if any, and sets `failed`.
 failed=
 missing() {
     local names
@@ -21,7 +23,7 @@ missing() {
     failed=yes
 }
 
-sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map | sort >"$work/exported"
+exported_names >"$work/exported"
 python3 scripts/make_man_pages.py include/scclib.h src/scclib.map "$work/man"
 for page in "$work"/man/man3/*.3; do basename "$page" .3; done | sort >"$work/documented"
 words --include='*.cpp' --include='*.h' --include='*.c' tests >"$work/tested"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs into an empty prefix and builds a program against it, by pkg-config and by CMake.
+# Installs into an empty prefix and builds a program against it, with pkg-config and with CMake.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 build=${1:?build directory}
@@ -26,7 +26,7 @@ cmake -S "$work/project" -B "$work/project/build" -DCMAKE_PREFIX_PATH="$work/roo
 cmake --build "$work/project/build" >/dev/null
 
 for program in "$work/by-pkg-config" "$work/project/build/first"; do
-    # Without a runtime directory it says so and ends: it runs, and the library is found.
+    # The error of a missing runtime directory shows that the program runs and finds the library.
     output=$(env -u TMPDIR LD_LIBRARY_PATH="$libdir" "$program" 2>&1 || true)
     grep -q 'cannot start: Input/output error' <<<"$output" || {
         echo "check_install: $program printed: $output" >&2

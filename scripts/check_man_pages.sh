@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# The manual: made from the header, every page without a warning, none missing, no section empty.
+# Generates the manual and checks it: no warnings, no missing pages, no empty sections.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/common.sh
+. scripts/common.sh
 work=$(mktemp -d "${TMPDIR:-/tmp}/scclib-man-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 
@@ -10,7 +12,7 @@ fail() {
     exit 1
 }
 
-# A heading with nothing but another heading, a macro without text or the end behind it.
+# Headings followed by nothing but another heading, a macro without text, or the end of the file.
 empty_sections() {
     awk '
         FNR == 1 { if (title != "") print last ": " title; title = "" }
@@ -27,7 +29,7 @@ mandoc -T lint -W warning "${pages[@]}" || fail "pages with warnings"
 
 while read -r name; do
     [ -s "$work/man3/$name.3" ] || fail "$name has no page"
-done < <(sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map)
+done < <(exported_names)
 
 empty=$(empty_sections "${pages[@]}")
 [ -z "$empty" ] || fail "empty sections:"$'\n'"$empty"

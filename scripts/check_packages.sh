@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# The Debian packages: what they hold, what they depend on, and that programs can be built against them.
-# They are unpacked into one empty directory, so neither root nor a chroot is needed.
+# Checks the contents and dependencies of the Debian packages, and that programs can be built against them.
+# They are unpacked into an empty directory, so neither root nor a chroot is needed.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/common.sh
+. scripts/common.sh
 work=$(mktemp -d "${TMPDIR:-/tmp}/scclib-packages-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 root=$work/root
@@ -14,21 +16,21 @@ fail() {
 
 field() { dpkg-deb --field "$work/debs/$1"_*.deb "$2"; }
 
-# files_of PACKAGE: its files without directories, man pages of functions and the copyright file.
+# files_of PACKAGE: its files, except man pages of functions and the copyright file.
 files_of() {
     dpkg-deb --contents "$work/debs/$1"_*.deb | awk '!/^d/ {print $6}' | sed 's#^\./##' |
         grep -vE '/man3/|/share/doc/' | LC_ALL=C sort
 }
 
-# expect PACKAGE FILES...: exactly these.
+# expect PACKAGE FILES...: checks that it contains exactly these files.
 expect() {
     local package=$1
     shift
-    diff <(printf '%s\n' "$@" | LC_ALL=C sort) <(files_of "$package") >&2 || fail "$package holds other files"
+    diff <(printf '%s\n' "$@" | LC_ALL=C sort) <(files_of "$package") >&2 || fail "$package contains other files"
     [ -s "$root/usr/share/doc/$package/copyright" ] || fail "$package has no copyright file"
 }
 
-# depends PACKAGE WORDS...: each is among its dependencies.
+# depends PACKAGE WORDS...: checks that each is among its dependencies.
 depends() {
     local package=$1 text
     shift
@@ -40,7 +42,7 @@ depends() {
 
 scripts/package.sh "$work/debs" >"$work/log" 2>&1 || {
     cat "$work/log" >&2
-    fail "the packages cannot be made"
+    fail "cannot build the packages"
 }
 mkdir "$root"
 for package in "$work"/debs/*.deb; do dpkg-deb --extract "$package" "$root"; done
@@ -61,14 +63,14 @@ done
 [ -s "$root/usr/share/bash-completion/completions/sccctl" ] || fail "there is no completion for sccctl"
 while read -r name; do
     [ -s "$root/usr/share/man/man3/$name.3.gz" ] || fail "scclib-dev has no page of $name"
-done < <(sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map)
+done < <(exported_names)
 
 depends libscclib1 libc6 "scclib-workstation (= $version) | scclib-platform"
 depends scclib-dev "libscclib1 (= $version)"
 depends scclib-devkit libc6 libstdc++6 libpcap "libscclib1 (= $version)"
 depends scclib-workstation libc6 libevent
 
-# A program of each kind, by pkg-config and by CMake.
+# A program of each kind, with pkg-config and with CMake.
 libdir=$root/usr/lib
 programs=(first_app)
 [ ! -f examples/event_loop_app.c ] || programs+=(event_loop_app)
@@ -96,7 +98,7 @@ build_project() {
 }
 build_project >"$work/log" 2>&1 || {
     cat "$work/log" >&2
-    fail "nothing can be built by CMake against the packages"
+    fail "cannot build against the packages with CMake"
 }
 
 for program in "${programs[@]}"; do

@@ -1,7 +1,7 @@
-# Shared by ./run and the scripts: building a preset and running its tests.
+# Shared by ./run and the scripts: builds presets and runs their tests.
 # shellcheck shell=bash
 
-# A build directory of another checkout may have compiled the same file already.
+# Lets builds in different checkouts share the cache.
 export CCACHE_NOHASHDIR=true
 export CCACHE_BASEDIR=$PWD
 export CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
@@ -9,7 +9,10 @@ export CMAKE_COLOR_DIAGNOSTICS=OFF
 
 jobs=$(nproc)
 
-# build PRESET [targets...]: configures once, then builds.
+# exported_names: the names that the shared library exports, sorted in the C locale.
+exported_names() { sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map | LC_ALL=C sort; }
+
+# build PRESET [targets...]: configures the preset if necessary, then builds.
 build() {
     local preset=$1
     shift
@@ -24,8 +27,8 @@ build() {
     cmake --build "build/$preset" --parallel "$jobs" ${1:+--target "$@"} -- --quiet
 }
 
-# run_tests PRESET [ctest arguments...]: all cases at once; waits of the protocol overlap. A case that
-# fails beside others is run once more by itself, and reported either way.
+# run_tests PRESET [ctest arguments...]: runs more cases at once than there are processors, since most of
+# them wait. A case that fails is run once more on its own, and reported in any case.
 run_tests() {
     local preset=$1
     shift
@@ -35,7 +38,7 @@ run_tests() {
         return 0
     fi
     grep -vE '^Test project|Start +[0-9]+:|Passed +[0-9]' "build/$preset/test.log" | tail -n 400
-    echo "Some cases failed; each is run once more by itself."
+    echo "Some cases failed; running each once more on its own."
     ctest --test-dir "build/$preset" --output-on-failure --rerun-failed --parallel 1 2>&1 |
         tee -a "build/$preset/test.log"
 }

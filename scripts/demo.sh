@@ -17,7 +17,7 @@ mkdir -p "$TMPDIR"
 running=()
 
 finish() {
-    exec 2>/dev/null  # the shell is not to tell that it killed what was left
+    exec 2>/dev/null  # suppresses the shell's messages about killed processes
     local pid
     for pid in "${running[@]}"; do kill -9 "$pid" 2>/dev/null || true; done
     wait 2>/dev/null || true
@@ -51,7 +51,7 @@ start_daemon() {
     wait_for "$work/sccd.log" "sccd-dev: ready"
 }
 
-# The shell is not to tell that a process was killed: it is told in the transcript.
+# Suppresses the shell's message about a killed process; the transcript mentions it.
 kill_hard() {
     {
         kill -9 "$1"
@@ -107,7 +107,7 @@ acl show 17 --type 3
 counter acl 17 --type 3
 acl save saved.txt
 COMMANDS
-    # A fresh daemon: the shell's registration loads the file itself, so that the cache can answer.
+    # A fresh daemon, since only a registration that loads the file itself has the ACLs in its cache.
     kill_hard "$daemon"
     start_daemon
     (cd "$work" && "$ctl" shell <commands.txt >shell.log 2>&1) || fail "the shell failed"
@@ -129,12 +129,12 @@ start_service() {
     wait_for "$work/service.log" "scc-ss-dev: registered"
 }
 
-# The number behind "counter" in what sccctl answers.
+# The value of "counter" in the output of sccctl.
 counter_of() {
     "$ctl" --json counter "$@" --type 3 | grep -oE '"counter": ?[0-9]+' | grep -oE '[0-9]+$'
 }
 
-# A line an ACE of the rules file: what the hardware counted for it, asked through the library.
+# Prints the packet counters of every ACL and ACE in the rules file, queried through the library.
 show_counters() {
     local first rest acl=0
     printf '  %-4s %-4s %-18s %8s\n' ACL ACE rule packets
@@ -147,7 +147,7 @@ show_counters() {
     done <"$work/rules.txt"
 }
 
-# Sends the service's capture through its table once more, and waits until it is counted.
+# Makes the service run its capture again, and waits until the packets are counted.
 run_capture() {
     local until=$((SECONDS + 20))
     kill -USR1 "$security"
@@ -157,7 +157,7 @@ run_capture() {
     done
 }
 
-whole_road() {
+everything_together() {
     heading "3. Daemon, service and application"
     start_daemon
     start_service
@@ -181,11 +181,11 @@ RULES
     done
     run_capture
     wait "$watcher" || fail "the capture's reports did not arrive"
-    echo "-- a capture runs through the service; what an application hears of it:"
+    echo "-- a capture runs through the service; the application's notifications:"
     scripts/demo_reports.py "$work/watch.log"
     echo "-- what the service counted:"
     show_counters
-    echo "-- the service is killed; the one that comes back has the ACLs again, and counts from 0:"
+    echo "-- the service is killed; its successor gets the ACLs again and counts from 0:"
     kill_hard "$security"
     start_service
     show_counters
@@ -204,5 +204,5 @@ RULES
 
 one_application
 many_acls
-whole_road
+everything_together
 heading "done"

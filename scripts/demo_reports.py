@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Prints the notifications that `sccctl --json watch` wrote, a table row each."""
+"""Prints the notifications written by `sccctl --json watch` as a table."""
 import json
 import sys
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# fuzz.sh [SECONDS] [SEED]: runs each fuzzer for some seconds (60) from its corpus; a finding fails.
-# With a seed each run tries the same, which is what a check wants.
+# fuzz.sh [SECONDS] [SEED]: runs each fuzzer for some seconds (60) on its corpus; fails on a finding.
+# A seed makes runs reproducible.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/common.sh
@@ -8,7 +8,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 seconds=${1:-60}
 seed=${2:-0}
 build fuzz message_fuzz reply_fuzz
-# A header may announce up to 4 GiB; larger pieces than this are refused, as a small switch would.
+# A header may announce up to 4 GiB; allocations above this limit fail, as on a small switch.
 export ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=64
 work=$(mktemp -d /tmp/scclib-fuzz-XXXXXX)
 trap 'rm -rf "$work"' EXIT

@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """Make a deterministic Ethernet capture for scc-ss-dev --pcap.
 
-The packets go round the flows below, one packet of each in turn, a fixed time apart, so that the numbers
-of packets of each flow follow from --packets alone; the script prints them. One more host sends on
-VLAN 10 during the first half and on VLAN 20 during the second, and one host stops half-way.
+The packets cycle through the flows below at fixed intervals, so that the number of packets per flow depends
+only on --packets; the script prints the numbers. One host moves from VLAN 10 to VLAN 20 after the first half,
+and one host stops there.
 
   flow         VLAN  source                                destination
   web          10    02:00:00:00:00:01 192.0.2.1:40001     198.51.100.1:80    TCP

@@ -1,19 +1,19 @@
 #!/usr/bin/env python3
-"""Makes the manual of the library from the comments of its header.
+"""Generates the library's manual from the comments of its header.
 
 usage: make_man_pages.py HEADER EXPORTS DIRECTORY
 
 HEADER is scclib.h, EXPORTS the linker's version script. DIRECTORY gets man3/NAME.3 for every exported
-name, man7/scclib.7 and man7/scclib-handlers.7. The header's comments have a form that this program relies
-on: a section begins with a comment of dashes, a function's comment stands right before it, "Returns" begins
-the sentence of the return values, whose items are separated by semicolons, and "Handler:" names the
-handlers that get a request's result.
+name, man7/scclib.7 and man7/scclib-handlers.7. This program relies on the form of the header's comments: a
+section begins with a comment of dashes; a function's comment directly precedes it; "Returns" begins the
+sentence of the return values, which are separated by semicolons; "Handler:" names the handlers that get a
+request's result.
 """
 import pathlib
 import re
 import sys
 
-sys.dont_write_bytecode = True  # the build must leave nothing in the source tree
+sys.dont_write_bytecode = True  # the build must not write to the source tree
 from roff_page import Page, broken_prototype, capital, wrapped  # noqa: E402
 
 ERRNO_NAMES = {"0": "Success", "2": "ENOENT", "5": "EIO", "12": "ENOMEM", "20": "ENOTDIR", "22": "EINVAL", "28": "ENOSPC",
@@ -27,15 +27,15 @@ LOCKED = (
 )
 SYNCHRONOUS = (
     "May be called from any thread and from every handler of an application; a handler that waits for an "
-    "answer delays the handlers behind it. It holds the library's lock until the answer has come. The security "
+    "answer delays the following handlers. It holds the library's lock until the answer has arrived. The security "
     "service must not call it from a handler that runs with the library's lock held; scclib-handlers(7) names "
     "them."
 )
 LOCAL = ANY_THREAD[:-1] + " and from every handler. It takes no lock of the library and needs no registration."
 CACHE = (
     "May be called from any thread and from every handler of an application. It takes the library's lock, so "
-    "it waits for a synchronous query of another thread. The cache takes a change in behind the handler of its "
-    "result: that handler itself does not see it yet."
+    "it waits for a synchronous query of another thread. The cache is updated after the handler of the result "
+    "has returned, so that handler does not see the change yet."
 )
 LOOP = (
     "Call it on the thread of the event loop. All handlers run on that thread, one at a time and without a lock "
@@ -46,7 +46,7 @@ BUFFER = (
     "be called from handlers when no other thread calls it."
 )
 
-# What the pages say of threads, by function; everything else by section.
+# The thread contracts by function, and by section for all others.
 THREADS_OF = {
     "scc_svr_reg": ANY_THREAD + " Handlers run on the library's receive thread, one at a time and without a lock of "
     "the library.",
@@ -92,7 +92,7 @@ QUERIES = {
 
 
 class Function:
-    """A function or variable of the header with everything its page needs."""
+    """A function or variable of the header, with the contents of its page."""
 
     def __init__(self, name, prototype, comment, section):
         self.name = name
@@ -118,7 +118,7 @@ def fail(text):
 
 
 def split_returns(comment):
-    """Takes the sentences that begin with "Returns" out of a comment's paragraphs."""
+    """Separates the sentences that begin with "Returns" from a comment's paragraphs."""
     paragraphs, returns = [], []
     for paragraph in comment:
         kept = []
@@ -153,7 +153,7 @@ def paragraphs_of(raw):
 
 
 class Header:
-    """The header, taken apart."""
+    """The parsed header."""
 
     def __init__(self, text):
         self.head = paragraphs_of(text[: text.index("*/") + 2])
@@ -165,7 +165,7 @@ class Header:
         self.read(body)
 
     def head_part(self, title):
-        """The list items behind a paragraph of the head comment that begins so."""
+        """The list items after the paragraph of the head comment that begins with `title`."""
         index = next((i for i, p in enumerate(self.head) if p.startswith(title)), None)
         if index is None:
             fail(f"the head comment has no paragraph {title!r}")
@@ -210,7 +210,7 @@ class Header:
                 comment = []
             elif token.endswith(";") or token.endswith("*/"):
                 self.read_declaration(token, comment, section)
-                # A comment belongs to the declarations right below it.
+                # A comment belongs to the declarations directly below it.
                 if body[at : at + 2] == "\n\n":
                     comment = []
 
@@ -265,7 +265,7 @@ WIDTHS = {
 
 
 def describe_parameter(header, function, parameter):
-    """The common text of a parameter's name, or the record that it points to, or its width."""
+    """The common description of the parameter's name, else that of its record, else its width."""
     name = parameter_name(parameter)
     struct = re.search(r"struct (scc_\w+) \*", parameter)
     if name.startswith("unused_"):
@@ -364,7 +364,7 @@ class Manual:
                 fail(f"the comment of {function.name} does not say what it returns")
             returns = "Returns " + self.header.result_list(f"Result codes of every {title}")
             if title == "asynchronous":
-                page.text("These codes tell whether the request was accepted; its own result is the handler's.")
+                page.text("These codes say whether the request was accepted; its result is passed to the handler.")
         if not function.prototype.startswith("uint32_t") or not re.search(r"; |SCC_E_", returns):
             page.text(returns)
             return
@@ -382,7 +382,7 @@ class Manual:
 
     @staticmethod
     def in_family(function):
-        """Whether the notes of the section speak of this function."""
+        """Whether the notes of the section apply to this function."""
         if function.section == "configuration requests":
             return bool(function.handlers)
         if function.section == "synchronous queries":
@@ -442,7 +442,7 @@ class Manual:
 
     def codes(self, page):
         page.heading('"RESULT CODES"')
-        page.text("Beside 0, errno numbers and 32 (the daemon closed the connection):")
+        page.text("In addition to 0, errno numbers and 32 (the daemon closed the connection):")
         for name, number, text in self.header.codes:
             page.item(f"{name} ({number})", capital(text) + ".")
 
@@ -486,7 +486,7 @@ class Manual:
         page.lines.append(".B #include <scclib.h>")
         page.heading("DESCRIPTION")
         page.text("An application gives its handlers to scc_svr_reg or scc_agent_init, the security service its own to "
-                  "scc_ss_reg. The tables are read once; unused places are null.")
+                  "scc_ss_reg. The tables are read once; unused slots are null.")
         page.heading('"HANDLERS OF AN APPLICATION"')
         for paragraph in self.header.structs["scc_handlers"][0]:
             page.text(paragraph)
@@ -501,7 +501,7 @@ class Manual:
         page.heading('"OPERATION RECORDS"')
         for paragraph in self.header.operation_notes:
             page.text(paragraph)
-        page.text("Every operation record begins so:")
+        page.text("Every operation record begins with:")
         page.code(self.header.operation_head)
         page.text("The records themselves are shown in scclib(7).")
         page.heading('"SEE ALSO"')

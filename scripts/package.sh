@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# package.sh [DIRECTORY]: makes the Debian packages in DIRECTORY (build/packages). Needs no root.
+# package.sh [DIRECTORY]: builds the Debian packages in DIRECTORY (build/packages). Does not need root.
 #
 #   libscclib1          the shared library
 #   scclib-dev          header, static library, man pages, pkg-config and CMake files
@@ -19,11 +19,11 @@ trap 'rm -rf "$work"' EXIT
 version=$(sed -n 's/^project(scclib VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 architecture=$(dpkg --print-architecture)
 maintainer="scclib maintainers <maintainers@localhost>"
-# The same commit gives the same packages.
+# Reproducible: the same commit gives the same packages.
 SOURCE_DATE_EPOCH=$(git log -1 --format=%ct 2>/dev/null || stat -c %Y CMakeLists.txt)
 export SOURCE_DATE_EPOCH
 
-# stage PACKAGE COMPONENT: the component's files as they will lie on the disk.
+# stage PACKAGE COMPONENT: installs the component into the package's tree.
 stage() {
     local root=$work/$1
     DESTDIR=$root cmake --install "$tree" --prefix /usr --component "$2" --strip >/dev/null
@@ -45,7 +45,7 @@ needed() {
     mkdir -p "$work/depends/debian"
     printf 'Source: scclib\nPackage: %s\n' "$1" >"$work/depends/debian/control"
     echo "libscclib 1 libscclib1 (= $version)" >"$work/depends/debian/shlibs.local"
-    # The platform's libraries have no version in their names and are depended on by hand.
+    # The platform's libraries are not versioned; their dependency is added explicitly.
     (cd "$work/depends" && dpkg-shlibdeps -O --ignore-missing-info -l"$libraries/libscclib1" \
         -l"$libraries/scclib-workstation" "${binaries[@]}" 2>"$work/depends/log") | sed -n 's/^shlibs:Depends=//p'
 }
@@ -80,7 +80,7 @@ stage scclib-dev development
 stage scclib-devkit devkit
 stage scclib-workstation workstation
 
-# dpkg-shlibdeps takes one directory an option; they are found below this one by the package's name.
+# dpkg-shlibdeps takes one directory per option; this one has a link for each package.
 libraries=$work/libraries
 mkdir "$libraries"
 for package in libscclib1 scclib-workstation; do

@@ -2,7 +2,7 @@
 import re
 import textwrap
 
-# The day on which the manual's form was last changed; a page must not depend on the day it is made.
+# The date of the last change to the manual's form, fixed so that builds are reproducible.
 REVISED = "2026-11-21"
 RELEASE = "scclib 1"
 MANUAL = "scclib manual"
@@ -81,7 +81,7 @@ class Page:
 
 
 def broken_prototype(prototype):
-    """A prototype on lines that a terminal holds, broken behind commas only."""
+    """A prototype wrapped for a terminal, broken only after commas."""
     lines = [""]
     for part in re.split(r"(?<=,) ", prototype):
         if lines[-1] and len(lines[-1]) + len(part) > 72:

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are missing; prints the one command to type where it may not.
+# Installs missing Debian packages, or prints the command to do so if it lacks the rights.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 

@@ -1,4 +1,4 @@
-// Writing and reading the devkit's rule in an ACE record. The byte layout stands in the header.
+// Encodes and decodes the devkit's rule in an ACE record. The header describes the byte layout.
 #include "ace_layout.h"
 
 #include <cstddef>
@@ -31,7 +31,7 @@ enum offset : std::size_t {
 static_assert(at_marker == offsetof(scc_ace_record, match));
 static_assert(at_end <= offsetof(scc_ace_record, sn), "the rule must stay clear of the library's fields");
 
-// The rule lies wholly inside the member match, so offsets of the record are turned into its own.
+// The rule lies entirely inside `match`, so record offsets are converted to offsets into it.
 template <typename Value>
 void put(scc_ace_record& record, std::size_t at, const Value& value) {
     std::memcpy(record.match + (at - at_marker), &value, sizeof value);
@@ -67,23 +67,37 @@ void put_mac(scc_ace_record& record, std::size_t at, const std::optional<mac_mat
 }
 
 std::optional<mac_match> get_mac(const scc_ace_record& record, std::size_t at, bool present) {
-    if (!present) return std::nullopt;
+    if (!present) {
+        return std::nullopt;
+    }
     return mac_match{get<mac_bytes>(record, at), get<mac_bytes>(record, at + 6)};
 }
 
 template <typename Value>
 std::optional<Value> get_optional(const scc_ace_record& record, std::size_t at, bool present) {
-    if (!present) return std::nullopt;
+    if (!present) {
+        return std::nullopt;
+    }
     return get<Value>(record, at);
 }
 
 std::uint16_t fields_of(const rule& from) {
     unsigned fields = 0;
-    if (from.source_mac) fields |= field_source_mac;
-    if (from.destination_mac) fields |= field_destination_mac;
-    if (from.vlan) fields |= field_vlan;
-    if (from.ethertype) fields |= field_ethertype;
-    if (from.dscp) fields |= field_dscp;
+    if (from.source_mac) {
+        fields |= field_source_mac;
+    }
+    if (from.destination_mac) {
+        fields |= field_destination_mac;
+    }
+    if (from.vlan) {
+        fields |= field_vlan;
+    }
+    if (from.ethertype) {
+        fields |= field_ethertype;
+    }
+    if (from.dscp) {
+        fields |= field_dscp;
+    }
     return static_cast<std::uint16_t>(fields);
 }
 
@@ -97,22 +111,34 @@ bool prefixes_fit(const rule& read) {
         case frame_family::any_ip:
             return read.source.prefix_bits == 0 && read.destination.prefix_bits == 0;
     }
-    return false;  // a family that no rule has
+    return false;  // unknown family
 }
 
 bool ports_fit(const rule& read) {
-    if (read.source_port.first > read.source_port.last) return false;
-    if (read.destination_port.first > read.destination_port.last) return false;
+    if (read.source_port.first > read.source_port.last) {
+        return false;
+    }
+    if (read.destination_port.first > read.destination_port.last) {
+        return false;
+    }
     const bool asks = !read.source_port.any() || !read.destination_port.any();
     return !asks || (read.protocol && has_ports(*read.protocol));
 }
 
 bool fields_fit(const rule& read) {
     const bool is_ip = read.family != frame_family::every_frame;
-    if (!is_ip && (read.protocol || read.dscp)) return false;
-    if (is_ip && read.ethertype) return false;
-    if (read.family == frame_family::any_ip && !read.protocol) return false;
-    if (read.vlan && (*read.vlan < vlan_min || *read.vlan > vlan_max)) return false;
+    if (!is_ip && (read.protocol || read.dscp)) {
+        return false;
+    }
+    if (is_ip && read.ethertype) {
+        return false;
+    }
+    if (read.family == frame_family::any_ip && !read.protocol) {
+        return false;
+    }
+    if (read.vlan && (*read.vlan < vlan_min || *read.vlan > vlan_max)) {
+        return false;
+    }
     return !read.dscp || *read.dscp <= dscp_max;
 }
 
@@ -144,9 +170,13 @@ void encode(const rule& from, scc_ace_record& record) {
 }
 
 std::optional<rule> decode(const scc_ace_record& record) {
-    if (get<std::uint32_t>(record, at_marker) != layout_marker) return std::nullopt;
+    if (get<std::uint32_t>(record, at_marker) != layout_marker) {
+        return std::nullopt;
+    }
     const auto action = get<std::uint8_t>(record, at_action);
-    if (action > 1) return std::nullopt;
+    if (action > 1) {
+        return std::nullopt;
+    }
     const unsigned fields = get<std::uint16_t>(record, at_fields);
 
     rule read;
@@ -165,7 +195,9 @@ std::optional<rule> decode(const scc_ace_record& record) {
     read.ethertype = get_optional<std::uint16_t>(record, at_ethertype, (fields & field_ethertype) != 0);
     read.dscp = get_optional<std::uint8_t>(record, at_dscp, (fields & field_dscp) != 0);
 
-    if (!prefixes_fit(read) || !ports_fit(read) || !fields_fit(read)) return std::nullopt;
+    if (!prefixes_fit(read) || !ports_fit(read) || !fields_fit(read)) {
+        return std::nullopt;
+    }
     return read;
 }
 

@@ -1,16 +1,16 @@
 // The devkit's own rule inside the opaque bytes of a 912-byte ACE record.
 //
-// The library and the daemon carry these bytes without looking at them. sccctl writes them from a rule's
-// text, the software service reads them when it classifies packets. Numbers are in host byte order,
-// addresses as they travel in packets. Offsets are those of the record:
+// The library and the daemon copy these bytes unread. sccctl encodes them from a rule's text; the
+// software service decodes them to classify packets. Numbers are in host byte order, addresses in
+// network byte order. Offsets are relative to the record:
 //
-//     0  the library's link            16  (not ours)
-//    16  u32 marker                        without it the record holds no rule of ours
+//     0  the library's link            16  (unused here)
+//    16  u32 marker                        a record without it holds no such rule
 //    20  u8  action                        0 deny, 1 permit
 //    21  u8  family                        frame_family
-//    22  u8  1 when a protocol is asked for
+//    22  u8  1 if the protocol must match
 //    23  u8  protocol                      the number of the IP header
-//    24  u16 fields                        field_*: which of the optional fields below count
+//    24  u16 fields                        field_*: which of the optional fields below apply
 //    26  u16 vlan                          1 to 4094
 //    28  u16 ethertype
 //    30  u8  dscp                          0 to 63
@@ -30,7 +30,7 @@
 //    94  its mask                      6
 //   220  u32 sequence number, 224 u32 ACE id (the library's own fields)
 //
-// Nothing here keeps state; every function may be called from any thread.
+// Stateless; any thread may call every function.
 #pragma once
 
 #include <array>
@@ -63,10 +63,10 @@ inline constexpr std::uint8_t protocol_sctp = 132;
 
 enum class rule_action : std::uint8_t { deny = 0, permit = 1 };
 
-// What a frame must carry for the rule to be looked at.
+// The frames that a rule applies to.
 enum class frame_family : std::uint8_t {
-    every_frame = 0,  // whatever it carries: no addresses, protocol or ports in the rule
-    any_ip = 1,       // IPv4 or IPv6, with the rule's protocol and without addresses
+    every_frame = 0,  // any payload; the rule has no addresses, protocol or ports
+    any_ip = 1,       // IPv4 or IPv6; the rule has a protocol and no addresses
     ipv4 = 4,
     ipv6 = 6,
 };
@@ -74,7 +74,7 @@ enum class frame_family : std::uint8_t {
 using ip_bytes = std::array<std::uint8_t, 16>;
 using mac_bytes = std::array<std::uint8_t, 6>;
 
-// An address matches when its first prefix_bits bits are those of bytes. Bits behind the prefix are 0.
+// An address matches when its first prefix_bits bits are those of bytes. The remaining bits are 0.
 struct ip_prefix {
     ip_bytes bytes{};
     std::uint8_t prefix_bits = 0;
@@ -112,14 +112,14 @@ struct rule {
     auto operator<=>(const rule&) const = default;
 };
 
-// Tell whether packets of this protocol have ports.
+// Whether packets of this protocol have ports.
 [[nodiscard]] bool has_ports(std::uint8_t protocol);
 
-// Write the rule's bytes (16 to 99); link, sequence number, ACE id and the rest stay as they are.
+// Writes the rule's bytes (16 to 99); the rest of the record is unchanged.
 void encode(const rule& from, scc_ace_record& record);
 
-// Read the rule of a record. Empty when the record holds none of ours or one that no rule could have
-// written: such an ACE matches nothing.
+// Reads the rule of a record. Empty if the record holds no rule, or bytes that encode() never writes; such
+// an ACE matches nothing.
 [[nodiscard]] std::optional<rule> decode(const scc_ace_record& record);
 
 }  // namespace scc::ace

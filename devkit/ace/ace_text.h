@@ -15,7 +15,7 @@
 // them. MAC addresses are six pairs with colons or three groups with dots. Numbers may be hexadecimal
 // with 0x. What print_* writes, parse_* reads back to the same rule.
 //
-// No state; every function may be called from any thread.
+// Stateless; any thread may call every function.
 #pragma once
 
 #include <cstdint>
@@ -27,22 +27,22 @@
 
 namespace scc::ace {
 
-// Read a number, decimal or with 0x, that must lie within [min, max].
+// Parses a number, decimal or with 0x, within [min, max].
 [[nodiscard]] std::optional<std::uint64_t> parse_number(std::string_view text, std::uint64_t min,
                                                         std::uint64_t max);
 
 [[nodiscard]] std::optional<mac_bytes> parse_mac(std::string_view text);
 [[nodiscard]] std::string print_mac(const mac_bytes& mac);
 
-// Read a rule without sequence number and id. On failure error says what is wrong.
+// Parses a rule without sequence number and id. On failure `error` says what is wrong.
 [[nodiscard]] std::optional<rule> parse_rule(std::string_view text, std::string& error);
 [[nodiscard]] std::string print_rule(const rule& from);
 
-// Read a whole ACE; without "id" the id is the sequence number, without a sequence number that is 0.
+// Parses a whole ACE. The sequence number defaults to 0, the id to the sequence number.
 [[nodiscard]] std::optional<scc_ace_record> parse_ace(std::string_view text, std::string& error);
 
-// Print a whole ACE: "SN RULE", and "id N" when it differs from the sequence number. Empty when the
-// record holds no rule of the devkit's.
+// Prints a whole ACE: "SN RULE", and "id N" if it differs from the sequence number. Empty if the record
+// holds none of the devkit's rules.
 [[nodiscard]] std::optional<std::string> print_ace(const scc_ace_record& record);
 
 }  // namespace scc::ace

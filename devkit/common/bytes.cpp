@@ -9,41 +9,53 @@ namespace scc::devkit {
 namespace {
 
 int hex_digit(char letter) {
-    if (letter >= '0' && letter <= '9') return letter - '0';
-    if (letter >= 'a' && letter <= 'f') return letter - 'a' + 10;
-    if (letter >= 'A' && letter <= 'F') return letter - 'A' + 10;
+    if (letter >= '0' && letter <= '9') {
+        return letter - '0';
+    }
+    if (letter >= 'a' && letter <= 'f') {
+        return letter - 'a' + 10;
+    }
+    if (letter >= 'A' && letter <= 'F') {
+        return letter - 'A' + 10;
+    }
     return -1;
 }
 
 }  // namespace
 
-void copy_at(Bytes& bytes, std::size_t offset, View source) {
-    if (source.empty() || !holds(bytes, offset, source.size())) return;
+void copy_at(byte_buffer& bytes, std::size_t offset, byte_view source) {
+    if (source.empty() || !holds(bytes, offset, source.size())) {
+        return;
+    }
     std::memmove(bytes.data() + offset, source.data(), source.size());
 }
 
-Bytes to_bytes(View view) {
-    return Bytes(view.begin(), view.end());
+byte_buffer to_bytes(byte_view view) {
+    return byte_buffer(view.begin(), view.end());
 }
 
-MacAddress mac_at(View bytes, std::size_t offset) {
-    MacAddress mac{};
-    const View source = slice(bytes, offset, mac.size());
+mac_address mac_at(byte_view bytes, std::size_t offset) {
+    mac_address mac{};
+    const byte_view source = slice(bytes, offset, mac.size());
     std::copy(source.begin(), source.end(), mac.begin());
     return mac;
 }
 
-std::string mac_text(const MacAddress& mac) {
+std::string mac_text(const mac_address& mac) {
     return fmt::format("{:02x}", fmt::join(mac, ":"));
 }
 
-std::optional<MacAddress> parse_mac(std::string_view text) {
+std::optional<mac_address> parse_mac(std::string_view text) {
     std::string digits;
     for (const char letter : text) {
-        if (letter != ':' && letter != '-' && letter != '.') digits.push_back(letter);
+        if (letter != ':' && letter != '-' && letter != '.') {
+            digits.push_back(letter);
+        }
     }
-    const std::optional<Bytes> bytes = parse_hex(digits);
-    if (!bytes || bytes->size() != MacAddress{}.size()) return std::nullopt;
+    const std::optional<byte_buffer> bytes = parse_hex(digits);
+    if (!bytes || bytes->size() != mac_address{}.size()) {
+        return std::nullopt;
+    }
     return mac_at(*bytes, 0);
 }
 
@@ -53,7 +65,7 @@ std::string ipv4_text(u32 address) {
     return fmt::format("{}", fmt::join(parts, "."));
 }
 
-std::string ipv6_text(View address) {
+std::string ipv6_text(byte_view address) {
     std::array<u8, 16> bytes{};
     std::copy_n(address.begin(), std::min(address.size(), bytes.size()), bytes.begin());
     std::array<char, INET6_ADDRSTRLEN> text{};
@@ -62,21 +74,27 @@ std::string ipv6_text(View address) {
 
 std::optional<u32> parse_ipv4(const std::string& text) {
     in_addr address{};
-    if (inet_pton(AF_INET, text.c_str(), &address) != 1) return std::nullopt;
+    if (inet_pton(AF_INET, text.c_str(), &address) != 1) {
+        return std::nullopt;
+    }
     return address.s_addr;
 }
 
-std::string hex_text(View bytes) {
+std::string hex_text(byte_view bytes) {
     return fmt::format("{:02x}", fmt::join(bytes, ""));
 }
 
-std::optional<Bytes> parse_hex(std::string_view text) {
-    Bytes bytes;
+std::optional<byte_buffer> parse_hex(std::string_view text) {
+    byte_buffer bytes;
     int high = -1;
     for (const char letter : text) {
-        if (letter == ' ' && high < 0) continue;
+        if (letter == ' ' && high < 0) {
+            continue;
+        }
         const int digit = hex_digit(letter);
-        if (digit < 0) return std::nullopt;
+        if (digit < 0) {
+            return std::nullopt;
+        }
         if (high < 0) {
             high = digit;
             continue;
@@ -84,7 +102,9 @@ std::optional<Bytes> parse_hex(std::string_view text) {
         bytes.push_back(static_cast<u8>(high * 16 + digit));
         high = -1;
     }
-    if (high >= 0) return std::nullopt;
+    if (high >= 0) {
+        return std::nullopt;
+    }
     return bytes;
 }
 

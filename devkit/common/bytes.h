@@ -1,6 +1,6 @@
-// Reading and writing numbers in byte buffers. Every access is checked: what lies outside a buffer
-// reads as zero and is not written, so that no length sent by a stranger can lead past the end.
-// All numbers are in host byte order. Pure functions, callable from any thread.
+// Bounds-checked reads and writes of numbers in byte buffers: reading outside a buffer yields zero,
+// writing outside is ignored, so a length sent by a peer can never lead past the end. All numbers are in
+// host byte order. Pure functions; any thread.
 #pragma once
 
 #include <array>
@@ -16,56 +16,62 @@
 
 namespace scc::devkit {
 
-using Bytes = std::vector<u8>;
-using View = std::span<const u8>;
-using MacAddress = std::array<u8, 6>;
+using byte_buffer = std::vector<u8>;
+using byte_view = std::span<const u8>;
+using mac_address = std::array<u8, 6>;
 
-[[nodiscard]] constexpr bool holds(View bytes, std::size_t offset, std::size_t len) {
+[[nodiscard]] constexpr bool holds(byte_view bytes, std::size_t offset, std::size_t len) {
     return offset <= bytes.size() && len <= bytes.size() - offset;
 }
 
-// The bytes from `offset` on, as many as there are of `len`.
-[[nodiscard]] constexpr View slice(View bytes, std::size_t offset, std::size_t len) {
-    if (offset >= bytes.size()) return {};
+// At most `len` bytes from `offset` on.
+[[nodiscard]] constexpr byte_view slice(byte_view bytes, std::size_t offset, std::size_t len) {
+    if (offset >= bytes.size()) {
+        return {};
+    }
     return bytes.subspan(offset, std::min(len, bytes.size() - offset));
 }
 
 template <class Number>
-[[nodiscard]] Number read_at(View bytes, std::size_t offset) {
+[[nodiscard]] Number read_at(byte_view bytes, std::size_t offset) {
     static_assert(std::is_unsigned_v<Number>);
     Number number = 0;
-    if (holds(bytes, offset, sizeof number)) std::memcpy(&number, bytes.data() + offset, sizeof number);
+    if (holds(bytes, offset, sizeof number)) {
+        std::memcpy(&number, bytes.data() + offset, sizeof number);
+    }
     return number;
 }
 
 template <class Number>
-void write_at(Bytes& bytes, std::size_t offset, Number number) {
+void write_at(byte_buffer& bytes, std::size_t offset, Number number) {
     static_assert(std::is_unsigned_v<Number>);
-    if (holds(bytes, offset, sizeof number)) std::memcpy(bytes.data() + offset, &number, sizeof number);
+    if (holds(bytes, offset, sizeof number)) {
+        std::memcpy(bytes.data() + offset, &number, sizeof number);
+    }
 }
 
-[[nodiscard]] inline u32 u32_at(View bytes, std::size_t offset) {
+[[nodiscard]] inline u32 u32_at(byte_view bytes, std::size_t offset) {
     return read_at<u32>(bytes, offset);
 }
-[[nodiscard]] inline u64 u64_at(View bytes, std::size_t offset) {
+[[nodiscard]] inline u64 u64_at(byte_view bytes, std::size_t offset) {
     return read_at<u64>(bytes, offset);
 }
 
-void copy_at(Bytes& bytes, std::size_t offset, View source);
-[[nodiscard]] Bytes to_bytes(View view);
+void copy_at(byte_buffer& bytes, std::size_t offset, byte_view source);
+[[nodiscard]] byte_buffer to_bytes(byte_view view);
 
-[[nodiscard]] MacAddress mac_at(View bytes, std::size_t offset);
-[[nodiscard]] std::string mac_text(const MacAddress& mac);
-[[nodiscard]] std::optional<MacAddress> parse_mac(std::string_view text);
+[[nodiscard]] mac_address mac_at(byte_view bytes, std::size_t offset);
+[[nodiscard]] std::string mac_text(const mac_address& mac);
+[[nodiscard]] std::optional<mac_address> parse_mac(std::string_view text);
 
-// An IPv4 address as it lies in memory (network order), read as one word.
+// An IPv4 address in network byte order, as one word.
 [[nodiscard]] std::string ipv4_text(u32 address);
-// 16 bytes; fewer are filled with zeros.
-[[nodiscard]] std::string ipv6_text(View address);
+// 16 bytes; fewer are padded with zeros.
+[[nodiscard]] std::string ipv6_text(byte_view address);
 [[nodiscard]] std::optional<u32> parse_ipv4(const std::string& text);
 
-[[nodiscard]] std::string hex_text(View bytes);
-// Pairs of hexadecimal digits; blanks between pairs are allowed.
-[[nodiscard]] std::optional<Bytes> parse_hex(std::string_view text);
+[[nodiscard]] std::string hex_text(byte_view bytes);
+// Pairs of hexadecimal digits, optionally separated by blanks.
+[[nodiscard]] std::optional<byte_buffer> parse_hex(std::string_view text);
 
 }  // namespace scc::devkit

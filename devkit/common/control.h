@@ -3,7 +3,7 @@
 //
 // Each request is one JSON object on a line with its name in "do"; each reply is one JSON object on a
 // line: {"ok":true,...} or {"ok":false,"error":"..."}. Numbers may be written as JSON numbers or as
-// text ("0x10"). "to" and "app" are app ids; "to" 0 (the default) means every application.
+// text ("0x10"). "to" and "app" are app ids; 0, the default of "to", means every application.
 //
 //   clients                                     "clients": [{"app","pid","option","sync","async"}]
 //   notify            type, to, hex, [sub]      one item with these value bytes; 16 reaches the service
@@ -21,11 +21,11 @@
 //   counters          [vdev,type,id with acl, filter, sn and ace]   reads, or sets one ACL's counters
 //   quit
 //
-// A field that a command does not have is refused. A refusal because nobody answered has
+// A field that the command does not take is refused. A failure for lack of an answer has
 // "unreachable":true.
 //
-// Names and fields of notify-named; every field may be left out. "user" stands for mac, ip, mask, ifx
-// and vid, and the addresses may be IPv6.
+// Names and fields of notify-named; every field is optional. "user" stands for mac, ip, mask, ifx and
+// vid; the addresses may be IPv6.
 //
 //   d1x-addr-move     mac, ifx, vid, vid_before, vid_after
 //   user-change       user, add
@@ -38,7 +38,7 @@
 //   dirchn            add, ip
 //   port-violate      ifx, vid, mac, add
 //   user-roll         ifx, vid, mac, roll_type
-//   water-line        start                     the library drops it whatever its handler
+//   water-line        start                     the library drops it, with or without a handler
 //   ace-counter       vdev, type, id, class, entries: [{"id","value"}]
 #pragma once
 

@@ -1,4 +1,4 @@
-// One item in one line of text: its name, the fields its row lists, and its first bytes.
+// One item as one line of text: its name, the fields listed in its row, and its first bytes.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 
 namespace scc::devkit {
 
-[[nodiscard]] std::string describe(Route route, const Item& item);
-[[nodiscard]] std::string key_text(View bytes, std::size_t offset);
+[[nodiscard]] std::string describe(message_route route, const wire_item& item);
+[[nodiscard]] std::string key_text(byte_view bytes, std::size_t offset);
 
 }  // namespace scc::devkit

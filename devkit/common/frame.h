@@ -1,10 +1,10 @@
-// Messages of the wire: cutting a received byte stream into messages, and putting messages together.
+// Wire messages: splits a received byte stream into messages, and builds messages.
 //
 //   message := header item*
 //   header  := u32 len (whole message)  u8 ver (1)  u16 num (items)  u8 zero          8 bytes
 //   item    := u32 len (of the value)   u16 sub_id  u16 type         value[len]       8 + len bytes
 //
-// Nothing here trusts a length. Pure; callable from any thread.
+// No received length is trusted. Pure; any thread.
 #pragma once
 
 #include <string_view>
@@ -14,47 +14,47 @@
 
 namespace scc::devkit {
 
-struct Item {
+struct wire_item {
     u16 sub_id = 0;
     u16 type = 0;
-    View value;  // lies in the buffer that was cut
+    byte_view value;  // points into the stream it was read from
 };
 
-enum class FrameState : u8 {
+enum class frame_state : u8 {
     incomplete,  // more bytes are needed
     complete,    // `items` holds the message
-    refused,     // the message is not well formed; its `len` bytes can be skipped
-    broken,      // the length itself cannot be believed: the stream is lost
+    refused,     // malformed; its `len` bytes can be skipped
+    broken,      // the length itself is invalid: the stream cannot be resynchronised
 };
 
-struct Frame {
-    FrameState state = FrameState::incomplete;
+struct message_frame {
+    frame_state state = frame_state::incomplete;
     u32 len = 0;
-    std::vector<Item> items;
+    std::vector<wire_item> items;
     std::string_view problem;  // why a frame is refused or broken
 };
 
-// Looks at the first message in `stream`; a message longer than `len_max` breaks the stream.
-[[nodiscard]] Frame first_frame(View stream, u32 len_max);
+// Reads the first message of `stream`; one longer than `len_max` breaks the stream.
+[[nodiscard]] message_frame first_frame(byte_view stream, u32 len_max);
 
 // Collects items into one message.
-class MessageBuilder {
+class message_builder {
   public:
-    MessageBuilder() { clear(); }
+    message_builder() { clear(); }
 
-    void add(u16 sub_id, u16 type, View value);
+    void add(u16 sub_id, u16 type, byte_view value);
     [[nodiscard]] bool empty() const { return count_ == 0; }
-    // Whether an item of this value length still fits into a message of `message_max` bytes.
+    // Whether an item with a value of this length still fits into a message of `message_max` bytes.
     [[nodiscard]] bool fits(std::size_t value_len, std::size_t message_max) const;
-    [[nodiscard]] Bytes take();
+    [[nodiscard]] byte_buffer take();
 
   private:
     void clear();
 
-    Bytes message_;
+    byte_buffer message_;
     u16 count_ = 0;
 };
 
-[[nodiscard]] Bytes single_item_message(u16 sub_id, u16 type, View value);
+[[nodiscard]] byte_buffer single_item_message(u16 sub_id, u16 type, byte_view value);
 
 }  // namespace scc::devkit

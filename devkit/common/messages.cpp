@@ -6,70 +6,71 @@
 namespace scc::devkit {
 namespace {
 
-using Fields = std::array<Field, fields_max>;
-using enum FieldKind;
+using field_list = std::array<message_field, fields_max>;
+using enum field_kind;
 
 constexpr u32 config_bytes = record::config + 8;
 
-constexpr Fields config_fields{
+constexpr field_list config_fields{
     {{"call", 0}, {"ifx", 8}, {"vid", 12}, {"mac", 16, mac}, {"app_type", 24}, {"op", 32}}};
-constexpr Fields user_fields{
+constexpr field_list user_fields{
     {{"call", 0}, {"ifx", 8}, {"mac", 16, mac}, {"app_type", 24}, {"op", 32}, {"ip", 44, ipv4}}};
-constexpr Fields acl_fields{{{"call", 0}, {"key", 4, key}, {"op", 136}}};
-constexpr Fields ace_fields{{{"call", 0}, {"key", 4, key}, {"sn", 244}, {"ace", 248}, {"op", 936}}};
-constexpr Fields apply_fields{
+constexpr field_list acl_fields{{{"call", 0}, {"key", 4, key}, {"op", 136}}};
+constexpr field_list ace_fields{{{"call", 0}, {"key", 4, key}, {"sn", 244}, {"ace", 248}, {"op", 936}}};
+constexpr field_list apply_fields{
     {{"call", 0}, {"key", 8, key}, {"ifx", 24}, {"direction", 28}, {"apply_type", 216}, {"op", 240}}};
-constexpr Fields resequence_fields{{{"call", 0}, {"key", 4, key}, {"start", 20}, {"increment", 24}}};
-constexpr Fields user_acl_fields{
+constexpr field_list resequence_fields{{{"call", 0}, {"key", 4, key}, {"start", 20}, {"increment", 24}}};
+constexpr field_list user_acl_fields{
     {{"call", 0}, {"ifx", 8}, {"mac", 32, mac}, {"vid", 38, number16}, {"key", 40, key}, {"op", 216}}};
-constexpr Fields filter_fields{{{"call", 0}, {"key", 4, key}, {"query", 20}}};
-constexpr Fields acl_counter_fields{{{"call", 0}, {"key", 4, key}, {"query", 32}}};
-constexpr Fields ace_counter_fields{{{"call", 0}, {"key", 4, key}, {"ace", 24, number64}, {"query", 32}}};
-constexpr Fields eport_fields{{{"call", 0}, {"ifx", 4}, {"value", 8}}};
-constexpr Fields value_fields{{{"call", 0}, {"value", 4}}};
-constexpr Fields cpp_fields{{{"call", 0}, {"enable", 4}, {"type", 8}}};
-constexpr Fields offline_fields{{{"call", 0}, {"open", 4, number8}, {"interval", 8}, {"threshold", 12}}};
-constexpr Fields three_words{{{"call", 0}, {"first", 4}, {"second", 8}}};
-constexpr Fields call_only{{{"call", 0}}};
-constexpr Fields flow_fields{{{"ip", 16, ipv4},
-                              {"ifx", 48},
-                              {"vid", 52, number16},
-                              {"mac", 54, mac},
-                              {"first", 64, number64},
-                              {"second", 72, number64}}};
-constexpr Fields direct_vlan_fields{{{"call", 0}, {"value", 4}}};
-constexpr Fields move_fields{{{"count", 4}, {"ifx", 8}, {"vid", 12, number16}, {"mac", 18, mac}}};
-constexpr Fields report_fields{{{"key", 4, key}, {"count", 20}}};
-constexpr Fields recover_fields{{{"call", 0}, {"app", 4}, {"start", 8, number8}}};
-constexpr Fields debug_fields{{{"switch", 24}, {"command", 32}, {"mode", 36}}};
-constexpr Fields collect_fields{{{"app", 0}, {"entries", 4}}};
-constexpr Fields result_fields{{{"call", 0}, {"result", 4}}};
+constexpr field_list filter_fields{{{"call", 0}, {"key", 4, key}, {"query", 20}}};
+constexpr field_list acl_counter_fields{{{"call", 0}, {"key", 4, key}, {"query", 32}}};
+constexpr field_list ace_counter_fields{{{"call", 0}, {"key", 4, key}, {"ace", 24, number64}, {"query", 32}}};
+constexpr field_list eport_fields{{{"call", 0}, {"ifx", 4}, {"value", 8}}};
+constexpr field_list value_fields{{{"call", 0}, {"value", 4}}};
+constexpr field_list cpp_fields{{{"call", 0}, {"enable", 4}, {"type", 8}}};
+constexpr field_list offline_fields{{{"call", 0}, {"open", 4, number8}, {"interval", 8}, {"threshold", 12}}};
+constexpr field_list three_words{{{"call", 0}, {"first", 4}, {"second", 8}}};
+constexpr field_list call_only{{{"call", 0}}};
+constexpr field_list flow_fields{{{"ip", 16, ipv4},
+                                  {"ifx", 48},
+                                  {"vid", 52, number16},
+                                  {"mac", 54, mac},
+                                  {"first", 64, number64},
+                                  {"second", 72, number64}}};
+constexpr field_list direct_vlan_fields{{{"call", 0}, {"value", 4}}};
+constexpr field_list move_fields{{{"count", 4}, {"ifx", 8}, {"vid", 12, number16}, {"mac", 18, mac}}};
+constexpr field_list report_fields{{{"key", 4, key}, {"count", 20}}};
+constexpr field_list recover_fields{{{"call", 0}, {"app", 4}, {"start", 8, number8}}};
+constexpr field_list debug_fields{{{"switch", 24}, {"command", 32}, {"mode", 36}}};
+constexpr field_list collect_fields{{{"app", 0}, {"entries", 4}}};
+constexpr field_list result_fields{{{"call", 0}, {"result", 4}}};
 
-constexpr MessageType request(u16 number, std::string_view name, u32 least, const Fields& fields) {
-    return {Route::request, number, name, least, Answer::result, msg::call_ret, 8, 4, fields};
+constexpr message_type request(u16 number, std::string_view name, u32 least, const field_list& fields) {
+    return {message_route::request, number, name, least, answer_kind::result, msg::call_ret, 8, 4, fields};
 }
 
-constexpr MessageType config(u16 number, std::string_view name) {
+constexpr message_type config(u16 number, std::string_view name) {
     return request(number, name, config_bytes, config_fields);
 }
 
-constexpr MessageType query(u16 number, std::string_view name, u32 least, u16 reply, u32 reply_bytes,
-                            u32 result_offset, const Fields& fields) {
-    return {Route::request, number, name, least, Answer::reply, reply, reply_bytes, result_offset, fields};
+constexpr message_type query(u16 number, std::string_view name, u32 least, u16 reply, u32 reply_bytes,
+                             u32 result_offset, const field_list& fields) {
+    return {message_route::request, number, name, least, answer_kind::reply, reply, reply_bytes,
+            result_offset,          fields};
 }
 
-constexpr MessageType one_way(Route route, u16 number, std::string_view name, u32 least,
-                              const Fields& fields) {
-    return {route, number, name, least, Answer::none, 0, 0, no_result_offset, fields};
+constexpr message_type one_way(message_route route, u16 number, std::string_view name, u32 least,
+                               const field_list& fields) {
+    return {route, number, name, least, answer_kind::none, 0, 0, no_result_offset, fields};
 }
 
-constexpr MessageType to_client(u16 number, std::string_view name, u32 least, const Fields& fields) {
-    return one_way(Route::to_client, number, name, least, fields);
+constexpr message_type to_client(u16 number, std::string_view name, u32 least, const field_list& fields) {
+    return one_way(message_route::to_client, number, name, least, fields);
 }
 
-constexpr MessageType operation(u16 number, std::string_view name, u32 least, Answer answer,
-                                const Fields& fields) {
-    return {Route::operation, number, name, least, answer, 0, 0, no_result_offset, fields};
+constexpr message_type operation(u16 number, std::string_view name, u32 least, answer_kind answer,
+                                 const field_list& fields) {
+    return {message_route::operation, number, name, least, answer, 0, 0, no_result_offset, fields};
 }
 
 constexpr std::array table{
@@ -123,9 +124,9 @@ constexpr std::array table{
     request(msg::direct_vlan, "direct-vlan-set", 520, direct_vlan_fields),
     request(msg::arp_dyn_entry, "arp-dyn-entry", config_bytes, user_fields),
     config(msg::port_violate, "port-violate-set"),
-    one_way(Route::request, msg::data_recover, "data-recover", 16, recover_fields),
-    one_way(Route::request, msg::test_cmd, "test-cmd", 4, {{{"command", 0}}}),
-    one_way(Route::request, msg::water_line, "water-line", 4, {{{"start", 0}}}),
+    one_way(message_route::request, msg::data_recover, "data-recover", 16, recover_fields),
+    one_way(message_route::request, msg::test_cmd, "test-cmd", 4, {{{"command", 0}}}),
+    one_way(message_route::request, msg::water_line, "water-line", 4, {{{"start", 0}}}),
     query(msg::registration, "registration", 12, msg::registration, 12, 4,
           {{{"app", 0}, {"pid", 4}, {"option", 8, number8}, {"sync", 9, number8}}}),
     query(msg::unregistration, "unregistration", 4, msg::unregistration, 8, 4, {{{"app", 0}}}),
@@ -144,8 +145,8 @@ constexpr std::array table{
     query(msg::mac_query, "mac-query", 10, msg::mac_query_ret, 152, 12, {{{"call", 0}, {"mac", 4, mac}}}),
     query(msg::span_dest_port, "span-dest-port", config_bytes, msg::span_dest_port_ret, 8, 0, config_fields),
     query(msg::port_addr_num, "port-addr-num", config_bytes, msg::port_addr_num_ret, 8, 0, config_fields),
-    one_way(Route::request, msg::info_collect, "info-collect", 8, collect_fields),
-    one_way(Route::request, msg::is_alive, "is-alive", 4, {{{"app", 0}}}),
+    one_way(message_route::request, msg::info_collect, "info-collect", 8, collect_fields),
+    one_way(message_route::request, msg::is_alive, "is-alive", 4, {{{"app", 0}}}),
 
     to_client(msg::d1x_addr_move, "d1x-addr-move", 24, move_fields),
     to_client(msg::nac_user, "user-change", 80,
@@ -182,77 +183,84 @@ constexpr std::array table{
     to_client(msg::span_dest_port_ret, "span-dest-port-ret", 4, {{{"result", 0}}}),
     to_client(msg::port_addr_num_ret, "port-addr-num-ret", 4, {{{"result", 0}, {"count", 4}}}),
 
-    operation(msg::acl, "ss-acl", 140, Answer::result, acl_fields),
-    operation(msg::ace, "ss-ace", 944, Answer::result, ace_fields),
-    operation(msg::acl_apply, "ss-acl-apply", 248, Answer::result, apply_fields),
-    operation(msg::acl_resequence, "ss-acl-resequence", 28, Answer::result, resequence_fields),
-    operation(msg::acl_counter_reset, "ss-acl-counter-reset", 40, Answer::counter, acl_counter_fields),
-    operation(msg::ace_counter_reset, "ss-ace-counter-reset", 40, Answer::counter, ace_counter_fields),
-    operation(msg::global_eport, "ss-global-eport", 16, Answer::result, eport_fields),
-    operation(msg::svi_router_acl, "ss-svi-router-acl", 8, Answer::result, value_fields),
-    operation(msg::nacm_app, "nacm-app", 16, Answer::result,
+    operation(msg::acl, "ss-acl", 140, answer_kind::result, acl_fields),
+    operation(msg::ace, "ss-ace", 944, answer_kind::result, ace_fields),
+    operation(msg::acl_apply, "ss-acl-apply", 248, answer_kind::result, apply_fields),
+    operation(msg::acl_resequence, "ss-acl-resequence", 28, answer_kind::result, resequence_fields),
+    operation(msg::acl_counter_reset, "ss-acl-counter-reset", 40, answer_kind::counter, acl_counter_fields),
+    operation(msg::ace_counter_reset, "ss-ace-counter-reset", 40, answer_kind::counter, ace_counter_fields),
+    operation(msg::global_eport, "ss-global-eport", 16, answer_kind::result, eport_fields),
+    operation(msg::svi_router_acl, "ss-svi-router-acl", 8, answer_kind::result, value_fields),
+    operation(msg::nacm_app, "nacm-app", 16, answer_kind::result,
               {{{"call", 0}, {"ifx", 4}, {"op", 8}, {"type", 12}}}),
-    operation(msg::nacm_def_read, "nacm-def-read", 12, Answer::result,
+    operation(msg::nacm_def_read, "nacm-def-read", 12, answer_kind::result,
               {{{"call", 0}, {"ifx", 4}, {"type", 8}}}),
-    operation(msg::nacm_l4port, "nacm-l4port", 24, Answer::result,
+    operation(msg::nacm_l4port, "nacm-l4port", 24, answer_kind::result,
               {{{"call", 0}, {"port", 8, number64}, {"add", 16}}}),
-    operation(msg::nacm_user, "nacm-user", 96, Answer::result,
+    operation(msg::nacm_user, "nacm-user", 96, answer_kind::result,
               {{{"call", 0}, {"add", 4, number8}, {"ifx", 8}, {"mac", 16, mac}, {"ip", 32, ipv4}}}),
-    operation(msg::nacm_user_read, "nacm-user-read", 96, Answer::user_read,
+    operation(msg::nacm_user_read, "nacm-user-read", 96, answer_kind::user_read,
               {{{"ifx", 8}, {"mac", 16, mac}, {"ip", 32, ipv4}}}),
-    operation(msg::nacm_user_reinstall, "nacm-user-reinstall", 12, Answer::result,
+    operation(msg::nacm_user_reinstall, "nacm-user-reinstall", 12, answer_kind::result,
               {{{"call", 0}, {"ifx", 4}, {"start", 8}}}),
-    operation(msg::nacm_app_user_recover, "nacm-app-user-recover", 16, Answer::none,
+    operation(msg::nacm_app_user_recover, "nacm-app-user-recover", 16, answer_kind::none,
               {{{"application", 0}, {"ifx", 8}, {"users", 12}}}),
-    operation(msg::nacm_l4port_recover, "nacm-l4port-recover", 4, Answer::none, {{{"ports", 0}}}),
-    operation(msg::nacm_app_with_vid, "nacm-app-with-vid", 24, Answer::result,
+    operation(msg::nacm_l4port_recover, "nacm-l4port-recover", 4, answer_kind::none, {{{"ports", 0}}}),
+    operation(msg::nacm_app_with_vid, "nacm-app-with-vid", 24, answer_kind::result,
               {{{"call", 0}, {"ifx", 4}, {"op", 8}, {"type", 12}, {"vid", 20}}}),
-    operation(msg::cpp, "ss-cpp", 12, Answer::result, cpp_fields),
-    operation(msg::data_recover, "ss-data-recover", 16, Answer::untyped, recover_fields),
-    operation(msg::test_cmd, "ss-test-cmd", 4, Answer::none, {{{"command", 0}}}),
-    operation(msg::debug, "ss-debug", 36, Answer::none, debug_fields),
-    operation(msg::offline_detect_notify, "ss-offline-detect", 16, Answer::result, offline_fields),
-    operation(msg::direct_vlan_notify, "ss-direct-vlan", 520, Answer::none, direct_vlan_fields),
-    operation(msg::authmode, "ss-authmode", 8, Answer::none, {{{"mode", 4}}}),
-    operation(msg::acl_counter_get, "ss-acl-counter-get", 40, Answer::counter, acl_counter_fields),
-    operation(msg::ace_counter_get, "ss-ace-counter-get", 40, Answer::counter, ace_counter_fields),
+    operation(msg::cpp, "ss-cpp", 12, answer_kind::result, cpp_fields),
+    operation(msg::data_recover, "ss-data-recover", 16, answer_kind::untyped, recover_fields),
+    operation(msg::test_cmd, "ss-test-cmd", 4, answer_kind::none, {{{"command", 0}}}),
+    operation(msg::debug, "ss-debug", 36, answer_kind::none, debug_fields),
+    operation(msg::offline_detect_notify, "ss-offline-detect", 16, answer_kind::result, offline_fields),
+    operation(msg::direct_vlan_notify, "ss-direct-vlan", 520, answer_kind::none, direct_vlan_fields),
+    operation(msg::authmode, "ss-authmode", 8, answer_kind::none, {{{"mode", 4}}}),
+    operation(msg::acl_counter_get, "ss-acl-counter-get", 40, answer_kind::counter, acl_counter_fields),
+    operation(msg::ace_counter_get, "ss-ace-counter-get", 40, answer_kind::counter, ace_counter_fields),
 
-    one_way(Route::report, msg::move_addr_up, "move-addr-up", 8, move_fields),
-    one_way(Route::report, msg::noflow_offline_up, "noflow-offline-up", 88, flow_fields),
-    one_way(Route::report, msg::fetch, "fetch", 8, call_only),
-    one_way(Route::report, msg::ace_counter_up, "ace-counter-up", 24, report_fields),
-    one_way(Route::report, msg::flow_up, "flow-up", 80, flow_fields),
-    one_way(Route::report, msg::service_ret, "service-ret", 8, {{{"call", 0}, {"result", 4}, {"type", 8}}}),
+    one_way(message_route::report, msg::move_addr_up, "move-addr-up", 8, move_fields),
+    one_way(message_route::report, msg::noflow_offline_up, "noflow-offline-up", 88, flow_fields),
+    one_way(message_route::report, msg::fetch, "fetch", 8, call_only),
+    one_way(message_route::report, msg::ace_counter_up, "ace-counter-up", 24, report_fields),
+    one_way(message_route::report, msg::flow_up, "flow-up", 80, flow_fields),
+    one_way(message_route::report, msg::service_ret, "service-ret", 8,
+            {{{"call", 0}, {"result", 4}, {"type", 8}}}),
 };
 
-constexpr auto place(const MessageType& row) {
+constexpr auto place(const message_type& row) {
     return std::pair{row.route, row.number};
 }
 
 constexpr bool ordered() {
-    return std::adjacent_find(table.begin(), table.end(), [](const MessageType& a, const MessageType& b) {
+    return std::adjacent_find(table.begin(), table.end(), [](const message_type& a, const message_type& b) {
                return !(place(a) < place(b));
            }) == table.end();
 }
 static_assert(ordered(), "rows are sorted by route and number, each once");
 
-const MessageType* exact(Route route, u16 number) {
+const message_type* exact(message_route route, u16 number) {
     const std::pair wanted{route, number};
     const auto row = std::lower_bound(table.begin(), table.end(), wanted,
-                                      [](const MessageType& a, const auto& b) { return place(a) < b; });
+                                      [](const message_type& a, const auto& b) { return place(a) < b; });
     return row != table.end() && place(*row) == wanted ? &*row : nullptr;
 }
 
 }  // namespace
 
-const MessageType* find_message(Route route, u16 number) {
-    if (const MessageType* row = exact(route, number)) return row;
-    if (route == Route::operation) return exact(Route::to_client, number);
-    if (route == Route::report) return exact(Route::request, number);
+const message_type* find_message(message_route route, u16 number) {
+    if (const message_type* row = exact(route, number)) {
+        return row;
+    }
+    if (route == message_route::operation) {
+        return exact(message_route::to_client, number);
+    }
+    if (route == message_route::report) {
+        return exact(message_route::request, number);
+    }
     return nullptr;
 }
 
-std::span<const MessageType> message_types() {
+std::span<const message_type> message_types() {
     return table;
 }
 

@@ -1,6 +1,6 @@
-// Where the fields lie in the records of the wire. The library copies most of these records unread;
-// the fields marked (*) are the ones that it inspects itself, the others are the devkit's choice and
-// bind the daemon, the software service and the command-line tool only.
+// Field offsets in the wire's records. The library copies most of these records unread. The fields that
+// it reads are marked (*); the others are the devkit's convention, shared by the daemon, the software
+// service and the command-line tool.
 #pragma once
 
 #include <tuple>
@@ -73,20 +73,24 @@ inline constexpr std::size_t mac = 6;    // 6 bytes
 inline constexpr std::size_t ipv4 = 12;  // u32
 }  // namespace arp_check_user
 
-// The 512 bytes of direct VLANs: VLAN v is the bit v % 8, from the lowest, of byte v / 8.
+// The 512 bytes of direct VLANs: VLAN v is bit v % 8 (0 is the lowest) of byte v / 8.
 inline constexpr u64 vlan_count = record::direct_vlan * 8;
 
-// False when there is no such VLAN. The record lies in `bytes` from `offset` on.
-[[nodiscard]] inline bool set_vlan(Bytes& bytes, std::size_t offset, u64 vlan) {
-    if (vlan >= vlan_count || !holds(bytes, offset, record::direct_vlan)) return false;
+// False if there is no such VLAN. The record starts at `offset` in `bytes`.
+[[nodiscard]] inline bool set_vlan(byte_buffer& bytes, std::size_t offset, u64 vlan) {
+    if (vlan >= vlan_count || !holds(bytes, offset, record::direct_vlan)) {
+        return false;
+    }
     bytes[offset + vlan / 8] = static_cast<u8>(bytes[offset + vlan / 8] | 1u << (vlan % 8));
     return true;
 }
 
-[[nodiscard]] inline std::vector<u32> vlans_of(View record) {
+[[nodiscard]] inline std::vector<u32> vlans_of(byte_view record) {
     std::vector<u32> vlans;
     for (std::size_t vlan = 0; vlan < record.size() * 8; ++vlan) {
-        if ((record[vlan / 8] >> (vlan % 8) & 1u) != 0) vlans.push_back(static_cast<u32>(vlan));
+        if ((record[vlan / 8] >> (vlan % 8) & 1u) != 0) {
+            vlans.push_back(static_cast<u32>(vlan));
+        }
     }
     return vlans;
 }
@@ -97,8 +101,8 @@ inline constexpr std::size_t sn = 220;  // u32 (*)
 inline constexpr std::size_t id = 224;  // u32 (*)
 }  // namespace ace_record
 
-// The 232-byte apply record begins with the ACL's key. The devkit takes everything behind the key
-// together as the entity that the ACL is applied on.
+// The 232-byte apply record begins with the ACL's key. The devkit takes everything after the key
+// as the entity that the ACL is applied to.
 namespace apply_record {
 inline constexpr std::size_t entity = record::acl_key;
 inline constexpr std::size_t ifx = 16;          // u32
@@ -114,27 +118,27 @@ inline constexpr std::size_t vid = 30;  // u16 (*)
 inline constexpr std::size_t key = 32;  // ACL key (*); everything before it names the user
 }  // namespace user_acl_record
 
-struct AclKey {
+struct acl_identity {
     u32 vdev = 0;
     u32 app_type = 0;
     u32 acl_id = 0;
     u32 acl_class = 0;
 
-    // The class is carried along but does not tell ACLs apart.
-    friend bool operator<(const AclKey& a, const AclKey& b) {
+    // The class is carried along but is not part of an ACL's identity.
+    friend bool operator<(const acl_identity& a, const acl_identity& b) {
         return std::tie(a.vdev, a.app_type, a.acl_id) < std::tie(b.vdev, b.app_type, b.acl_id);
     }
-    friend bool operator==(const AclKey& a, const AclKey& b) {
+    friend bool operator==(const acl_identity& a, const acl_identity& b) {
         return std::tie(a.vdev, a.app_type, a.acl_id) == std::tie(b.vdev, b.app_type, b.acl_id);
     }
 };
 
-[[nodiscard]] inline AclKey key_at(View bytes, std::size_t offset) {
+[[nodiscard]] inline acl_identity key_at(byte_view bytes, std::size_t offset) {
     return {u32_at(bytes, offset), u32_at(bytes, offset + 4), u32_at(bytes, offset + 8),
             u32_at(bytes, offset + 12)};
 }
 
-inline void write_key(Bytes& bytes, std::size_t offset, const AclKey& key) {
+inline void write_key(byte_buffer& bytes, std::size_t offset, const acl_identity& key) {
     write_at(bytes, offset, key.vdev);
     write_at(bytes, offset + 4, key.app_type);
     write_at(bytes, offset + 8, key.acl_id);

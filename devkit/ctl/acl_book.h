@@ -1,9 +1,8 @@
-// The ACL changes that the daemon confirmed to this process.
+// The ACL changes that the daemon has confirmed to this process.
 //
-// The library's cache can tell what an ACL holds, but not which ACLs there are, nor where they are
-// applied; and it takes a confirmed change in only after the result's handler has returned. The book
-// knows the ACLs, and what the cache must come to hold before it is worth reading.
-// Used by the main thread alone.
+// The library's cache knows what an ACL holds, but neither which ACLs exist nor where they are applied,
+// and it is updated only after the result's handler has returned. The book lists the ACLs, and knows what
+// the cache must contain before it is read. Main thread only.
 #pragma once
 
 #include <compare>
@@ -17,7 +16,7 @@
 
 namespace scc::ctl {
 
-// Finds an ACL as the library does: the class takes no part.
+// Identifies an ACL as the library does, without the class.
 struct acl_name {
     std::uint32_t vdev_id = 0;
     std::uint32_t app_type = 0;
@@ -38,7 +37,7 @@ class acl_book {
     void unapplied(const scc_acl_apply_record& record);
     void clear();
 
-    // Waits until the library's cache holds every confirmed change; false when it never did.
+    // Waits until the library's cache holds every confirmed change. Returns false on a time-out.
     [[nodiscard]] bool settle();
 
     [[nodiscard]] std::vector<scc_acl_key> keys() const;
@@ -53,7 +52,7 @@ class acl_book {
     [[nodiscard]] bool cache_agrees(const scc_acl_key& key) const;
 
     std::map<acl_name, acl> acls_;
-    std::map<acl_name, scc_acl_key> changed_;  // since the last settling
+    std::map<acl_name, scc_acl_key> changed_;  // since the last settle()
     std::vector<scc_acl_apply_record> applications_;
 };
 

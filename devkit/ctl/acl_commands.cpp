@@ -13,7 +13,7 @@ namespace {
 using h = scc_handlers;
 using arguments = std::vector<argument>;
 
-// The key as it lies in record number `record` at `offset`.
+// The key's fields at `offset` of record number `record`.
 arguments key_fields(int record, std::size_t offset, std::uint64_t acl_id_max = limits::acl_id_max) {
     return {
         number("acl", 4, "ACL id").within(1, acl_id_max).at(record, offset + offsetof(scc_acl_key, acl_id)),
@@ -89,7 +89,7 @@ scc_acl_key key_of(const call_values& values) {
     return record_of<scc_acl_key>(values, 0);
 }
 
-// What a confirmed change means to the book.
+// How a confirmed change is entered in the book.
 void on_created(acl_book& book, const call_values& values) {
     book.created(key_of(values));
 }
@@ -126,23 +126,31 @@ json shown_ace(const scc_ace_record& ace) {
 std::uint32_t show_acl(const scc_acl_key* acl, json* out) {
     std::vector<scc_ace_record> aces;
     const std::uint32_t result = read_cached_aces(*acl, aces);
-    if (result != 0) return result;
+    if (result != 0) {
+        return result;
+    }
     json& list = (*out)["aces"] = json::array();
-    for (const scc_ace_record& each : aces) list.push_back(shown_ace(each));
+    for (const scc_ace_record& each : aces) {
+        list.push_back(shown_ace(each));
+    }
     return 0;
 }
 
 std::uint32_t show_ace(const scc_acl_key* acl, std::uint32_t sn, json* out) {
     scc_ace_record ace{};
     const std::uint32_t result = scc_acl_get_ace_by_sn(acl, sn, &ace);
-    if (result == 0) (*out)["ace"] = shown_ace(ace);
+    if (result == 0) {
+        (*out)["ace"] = shown_ace(ace);
+    }
     return result;
 }
 
 std::uint32_t change_vmsup(const scc_user_acl_record* record, json* out) {
     std::uint8_t reply[16] = {};
     const std::uint32_t result = scc_user_acl_change_vmsup(record, reply);
-    if (result == 0) (*out)["reply"] = hex_of({std::begin(reply), std::end(reply)});
+    if (result == 0) {
+        (*out)["reply"] = hex_of({std::begin(reply), std::end(reply)});
+    }
     return result;
 }
 
@@ -175,7 +183,7 @@ std::vector<command> management() {
     };
 }
 
-// The cache belongs to the process, so these find something in `shell` and behind `acl load` only.
+// The cache belongs to the process, so these find something only in `shell` and after `acl load`.
 std::vector<command> cache_reads() {
     return {
         query<show_acl>("acl show", "scc_acl_get_ace", "show an ACL's ACEs from this process's cache", "101",
@@ -190,10 +198,10 @@ std::vector<command> cache_reads() {
 
 command escape() {
     const arguments before = {number("value", 4, "the setting itself")};
-    const arguments behind = {number("flag", 1, "1 set, 0 clear")};
+    const arguments after = {number("flag", 1, "1 set, 0 clear")};
     return request<scc_nac_esc_set, &h::nac_esc>("nac-esc-set", "scc_nac_esc_set",
                                                  "configure the NAC escape ACL", "1 101 1",
-                                                 with(with(before, key()), behind));
+                                                 with(with(before, key()), after));
 }
 
 std::vector<command> user_acls() {
@@ -242,8 +250,9 @@ std::vector<command> counters() {
 
 std::vector<command> acl_commands() {
     std::vector<command> all;
-    for (auto part : {management(), cache_reads(), std::vector<command>{escape()}, user_acls(), counters()})
+    for (auto part : {management(), cache_reads(), std::vector<command>{escape()}, user_acls(), counters()}) {
         all.insert(all.end(), part.begin(), part.end());
+    }
     return all;
 }
 

@@ -1,4 +1,4 @@
-// The text file of ACLs: docs/acl-file.md describes it for its authors.
+// The text file of ACLs; docs/acl-file.md is its manual.
 //
 //   file  := line*                       "#" begins a comment, empty lines are skipped
 //   line  := "acl" ID ["type" N] ["class" N] ["vdev" N]       begins an ACL
@@ -6,8 +6,8 @@
 //          | SN "raw" HEX ["id" N]                            an ACE byte by byte, from record offset 16 on
 //          | "apply" ID ["type" N] ["vdev" N] "ifx" N ["direction" "in"|"out"] ["apply-type" N]
 //
-// An apply line without "type" and "vdev" takes them from the file's only ACL of that id. An ACE without
-// a sequence number gets the next multiple of 10. No state; any thread.
+// An apply line without "type" and "vdev" takes them from the file's only ACL with that id. An ACE without
+// a sequence number gets the next multiple of 10. Stateless; any thread.
 #pragma once
 
 #include <optional>
@@ -39,7 +39,7 @@ struct acl_file {
     std::vector<file_acl> acls;
     std::vector<file_application> applications;
 
-    // Requests that loading it takes.
+    // The number of requests that loading it takes.
     [[nodiscard]] std::size_t size() const;
 };
 
@@ -48,9 +48,9 @@ struct file_error {
     std::string text;
 };
 
-// Reads a file's text. On failure every faulty line is in errors.
+// Parses a file's text. On failure `errors` lists every faulty line.
 [[nodiscard]] std::optional<acl_file> parse_acl_file(std::string_view text, std::vector<file_error>& errors);
-// Writes a text that parse_acl_file reads back to the same ACLs.
+// Prints a text that parse_acl_file turns back into the same ACLs.
 [[nodiscard]] std::string print_acl_file(const acl_file& from);
 
 }  // namespace scc::ctl

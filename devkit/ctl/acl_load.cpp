@@ -12,11 +12,11 @@
 namespace scc::ctl {
 namespace {
 
-// Requests under way at once: enough to fill batches, few enough to keep a failure's damage readable.
+// Outstanding requests: enough to fill batches, few enough to keep the errors of a failure readable.
 constexpr std::size_t window = 512;
 constexpr std::size_t bar_columns = 40;
 
-// One request of the file. key and ace, or application, are what it is made of.
+// One request of the file, made of key and ace, or of application.
 struct step {
     enum class kind : std::uint8_t { create, add_ace, apply };
     kind what;
@@ -31,11 +31,13 @@ std::vector<step> steps_of(const acl_file& file) {
     steps.reserve(file.size());
     for (const file_acl& acl : file.acls) {
         steps.push_back({step::kind::create, acl.line, &acl.key, nullptr, nullptr});
-        for (const file_ace& ace : acl.aces)
+        for (const file_ace& ace : acl.aces) {
             steps.push_back({step::kind::add_ace, ace.line, &acl.key, &ace.record, nullptr});
+        }
     }
-    for (const file_application& each : file.applications)
+    for (const file_application& each : file.applications) {
         steps.push_back({step::kind::apply, each.line, &each.record.key, nullptr, &each.record});
+    }
     return steps;
 }
 
@@ -62,24 +64,30 @@ void note(acl_book& book, const step& each) {
             break;
     }
     scc_acl_apply_record record = *each.application;
-    if (record.apply_type == 0) record.apply_type = record.key.app_type;
+    if (record.apply_type == 0) {
+        record.apply_type = record.key.app_type;
+    }
     book.applied(record);
 }
 
-// Redraws one line of a terminal; silent when standard error is none, or when it was not asked for.
+// Redraws one line of a terminal. Silent unless it was asked for and standard error is a terminal.
 class progress_bar {
   public:
     progress_bar(bool wanted, std::size_t total)
         : drawn_(wanted && isatty(STDERR_FILENO) == 1), total_(total) {}
     ~progress_bar() {
-        if (drawn_) std::fputc('\n', stderr);
+        if (drawn_) {
+            std::fputc('\n', stderr);
+        }
     }
     progress_bar(const progress_bar&) = delete;
     progress_bar& operator=(const progress_bar&) = delete;
 
     void show(std::size_t done) {
         const std::size_t percent = total_ == 0 ? 100 : 100 * done / total_;
-        if (!drawn_ || percent == shown_percent_) return;
+        if (!drawn_ || percent == shown_percent_) {
+            return;
+        }
         shown_percent_ = percent;
         const std::size_t filled = bar_columns * percent / 100;
         fmt::print(stderr, "\r[{:#<{}}{:.<{}}] {:3}% {}/{}", "", filled, "", bar_columns - filled, percent,
@@ -87,9 +95,11 @@ class progress_bar {
         std::fflush(stderr);
     }
 
-    // Makes room for another line; the next show draws the bar again.
+    // Erases the bar, so that another line can be printed; the next show() draws it again.
     void hide() {
-        if (!drawn_ || shown_percent_ > 100) return;
+        if (!drawn_ || shown_percent_ > 100) {
+            return;
+        }
         fmt::print(stderr, "\r\033[K");
         std::fflush(stderr);
         shown_percent_ = 101;
@@ -114,10 +124,15 @@ class loader {
     int run() {
         for (const step& each : steps_) {
             begin(each);
-            if (under_way_.size() >= window && !finish_one()) return exit_unreachable;
+            if (under_way_.size() >= window && !finish_one()) {
+                return exit_unreachable;
+            }
         }
-        while (!under_way_.empty())
-            if (!finish_one()) return exit_unreachable;
+        while (!under_way_.empty()) {
+            if (!finish_one()) {
+                return exit_unreachable;
+            }
+        }
         return failed_ == 0 ? exit_success : exit_refused;
     }
 
@@ -133,10 +148,11 @@ class loader {
     void begin(const step& each) {
         std::uint32_t call_id = 0;
         const std::uint32_t result = send(each, &call_id);
-        if (result == 0)
+        if (result == 0) {
             under_way_.emplace(call_id, &each);
-        else
+        } else {
             finished(each, result);
+        }
     }
 
     bool finish_one() {
@@ -146,7 +162,9 @@ class loader {
             return false;
         }
         const auto found = under_way_.extract(arrived->call_id);
-        if (found) finished(*found.mapped(), arrived->number);
+        if (found) {
+            finished(*found.mapped(), arrived->number);
+        }
         return true;
     }
 
@@ -175,12 +193,18 @@ class loader {
 };
 
 std::uint32_t add_cached_acl(scc_acl_key key, acl_file& into) {
-    if (const std::uint32_t result = scc_acl_cls_get(&key); result != 0) return result;
+    if (const std::uint32_t result = scc_acl_cls_get(&key); result != 0) {
+        return result;
+    }
     std::vector<scc_ace_record> aces;
-    if (const std::uint32_t result = read_cached_aces(key, aces); result != 0) return result;
+    if (const std::uint32_t result = read_cached_aces(key, aces); result != 0) {
+        return result;
+    }
     file_acl acl;
     acl.key = key;
-    for (const scc_ace_record& each : aces) acl.aces.push_back({0, each});
+    for (const scc_ace_record& each : aces) {
+        acl.aces.push_back({0, each});
+    }
     into.acls.push_back(std::move(acl));
     return 0;
 }
@@ -195,8 +219,9 @@ std::optional<acl_file> read_acl_file(const std::string& name, const output_opti
     }
     std::vector<file_error> errors;
     auto file = parse_acl_file(*text, errors);
-    for (const file_error& each : errors)
+    for (const file_error& each : errors) {
         print_problem(fmt::format("{}:{}", name, each.line), each.text, output);
+    }
     return file;
 }
 
@@ -209,7 +234,9 @@ int load_acl_file(const std::string& name, const acl_file& file, bool progress, 
         status = all.run();
         summary = all.summary();
     }  // the bar's line ends before the summary begins
-    if (status == exit_unreachable) return status;
+    if (status == exit_unreachable) {
+        return status;
+    }
     if (output.as_json) {
         print(summary, output);
     } else {
@@ -221,17 +248,21 @@ int load_acl_file(const std::string& name, const acl_file& file, bool progress, 
 }
 
 int save_acl_file(const std::string& name, session& within, const output_options& output) {
-    if (!within.book().settle())
-        print_problem("acl save", "the cache is behind; saving what it holds", output);
+    if (!within.book().settle()) {
+        print_problem("acl save", "the cache is not up to date; saving what it holds", output);
+    }
     acl_file file;
     for (const scc_acl_key& key : within.book().keys()) {
         const std::uint32_t result = add_cached_acl(key, file);
-        if (result == 0) continue;
+        if (result == 0) {
+            continue;
+        }
         print_problem("acl save", scc_strerror(static_cast<std::int32_t>(result)), output);
         return exit_refused;
     }
-    for (const scc_acl_apply_record& each : within.book().applications())
+    for (const scc_acl_apply_record& each : within.book().applications()) {
         file.applications.push_back({0, each});
+    }
     std::ofstream stream(name);
     stream << print_acl_file(file) << std::flush;
     if (!stream) {

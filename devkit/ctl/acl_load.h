@@ -1,4 +1,4 @@
-// Loading a file of ACLs through one registration, and saving what the cache then holds.
+// Loads a file of ACLs through one registration, and saves what the cache then holds.
 #pragma once
 
 #include <string>
@@ -9,11 +9,11 @@
 
 namespace scc::ctl {
 
-// Reads the file's ACLs. Faulty lines are printed as "FILE:LINE: text"; then the result is empty.
+// Reads the file's ACLs. If lines are faulty, prints each as "FILE:LINE: text" and returns nothing.
 [[nodiscard]] std::optional<acl_file> read_acl_file(const std::string& name, const output_options& output);
 
-// Creates, fills and applies everything in the file, many requests under way at once. Requests that the
-// daemon refuses are printed with their lines; the others take place. Returns an exit status.
+// Creates, fills and applies everything in the file, with many requests outstanding at once. Prints the
+// requests that the daemon refuses with their lines; the others take effect. Returns an exit status.
 [[nodiscard]] int load_acl_file(const std::string& name, const acl_file& file, bool progress, session& within,
                                 const output_options& output);
 

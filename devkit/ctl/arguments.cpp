@@ -1,4 +1,4 @@
-// From the text of an argument to the bytes of a call and back.
+// Converts the text of an argument to the bytes of a call and back.
 #include "arguments.h"
 
 #include <arpa/inet.h>
@@ -23,15 +23,16 @@ std::uint64_t largest(std::size_t width) {
     return width >= 8 ? UINT64_MAX : (1ull << (8 * width)) - 1;
 }
 
-void put_bytes(Bytes& record, std::size_t offset, const void* bytes, std::size_t len) {
-    if (offset > record.size() || len > record.size() - offset)
+void put_bytes(byte_buffer& record, std::size_t offset, const void* bytes, std::size_t len) {
+    if (offset > record.size() || len > record.size() - offset) {
         throw usage_error(
             fmt::format("{} bytes at {} lie outside the record of {} bytes", len, offset, record.size()));
+    }
     std::memcpy(record.data() + offset, bytes, len);
 }
 
-// The widths that occur are those of the machine's integers, least significant byte first on this host.
-void put_number(Bytes& record, std::size_t offset, std::size_t width, std::uint64_t value) {
+// All widths are those of machine integers; the host is little-endian.
+void put_number(byte_buffer& record, std::size_t offset, std::size_t width, std::uint64_t value) {
     const auto narrow = [&](auto typed) {
         typed = static_cast<decltype(typed)>(value);
         put_bytes(record, offset, &typed, sizeof typed);
@@ -50,7 +51,7 @@ void put_number(Bytes& record, std::size_t offset, std::size_t width, std::uint6
     }
 }
 
-std::uint64_t get_number(const Bytes& record, std::size_t offset, std::size_t width) {
+std::uint64_t get_number(const byte_buffer& record, std::size_t offset, std::size_t width) {
     switch (width) {
         case 1:
             return devkit::read_at<std::uint8_t>(record, offset);
@@ -65,56 +66,70 @@ std::uint64_t get_number(const Bytes& record, std::size_t offset, std::size_t wi
 
 std::uint64_t number_of(const argument& where, std::string_view text) {
     const auto value = ace::parse_number(text, where.min, where.max);
-    if (!value)
+    if (!value) {
         throw usage_error(
             fmt::format("{}: '{}' is not a number from {} to {}", where.name, text, where.min, where.max));
+    }
     return *value;
 }
 
-Bytes address16_of(const argument& where, const std::string& text) {
-    Bytes address(16);
-    if (inet_pton(AF_INET, text.c_str(), address.data()) == 1) return address;
-    if (inet_pton(AF_INET6, text.c_str(), address.data()) == 1) return address;
+byte_buffer address16_of(const argument& where, const std::string& text) {
+    byte_buffer address(16);
+    if (inet_pton(AF_INET, text.c_str(), address.data()) == 1) {
+        return address;
+    }
+    if (inet_pton(AF_INET6, text.c_str(), address.data()) == 1) {
+        return address;
+    }
     throw usage_error(fmt::format("{}: '{}' is not an address", where.name, text));
 }
 
-Bytes bytes_of_file(const argument& where, const std::string& name) {
+byte_buffer bytes_of_file(const argument& where, const std::string& name) {
     std::string text;
     if (name == "-") {
         text.assign(std::istreambuf_iterator<char>(std::cin), {});
     } else {
         auto file = text_of_file(name);
-        if (!file) throw usage_error(fmt::format("{}: cannot read {}", where.name, name));
+        if (!file) {
+            throw usage_error(fmt::format("{}: cannot read {}", where.name, name));
+        }
         text = std::move(*file);
     }
     std::replace_if(
         text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r' || c == '\t'; }, ' ');
     const auto bytes = devkit::parse_hex(text);
-    if (!bytes) throw usage_error(fmt::format("{}: {} does not hold hexadecimal pairs", where.name, name));
+    if (!bytes) {
+        throw usage_error(fmt::format("{}: {} does not hold hexadecimal pairs", where.name, name));
+    }
     return *bytes;
 }
 
-Bytes ace_of(std::string_view text) {
+byte_buffer ace_of(std::string_view text) {
     std::string error;
     const auto ace = ace::parse_ace(text, error);
-    if (!ace) throw usage_error("rule: " + error);
-    Bytes bytes(sizeof *ace);
+    if (!ace) {
+        throw usage_error("rule: " + error);
+    }
+    byte_buffer bytes(sizeof *ace);
     std::memcpy(bytes.data(), &*ace, sizeof *ace);
     return bytes;
 }
 
-Bytes field_bytes(const argument& where, std::string_view text) {
+byte_buffer field_bytes(const argument& where, std::string_view text) {
     const std::string word(text);
     switch (where.type) {
         case value_type::mac: {
             const auto mac = ace::parse_mac(text);
-            if (!mac) throw usage_error(fmt::format("{}: '{}' is not a MAC address", where.name, text));
+            if (!mac) {
+                throw usage_error(fmt::format("{}: '{}' is not a MAC address", where.name, text));
+            }
             return {mac->begin(), mac->end()};
         }
         case value_type::ipv4: {
-            Bytes address(4);
-            if (inet_pton(AF_INET, word.c_str(), address.data()) != 1)
+            byte_buffer address(4);
+            if (inet_pton(AF_INET, word.c_str(), address.data()) != 1) {
                 throw usage_error(fmt::format("{}: '{}' is not an IPv4 address", where.name, text));
+            }
             return address;
         }
         case value_type::address16:
@@ -126,19 +141,19 @@ Bytes field_bytes(const argument& where, std::string_view text) {
         case value_type::number:
             break;
     }
-    Bytes bytes(where.width);
+    byte_buffer bytes(where.width);
     put_number(bytes, 0, where.width, number_of(where, text));
     return bytes;
 }
 
-json shown_ace(const Bytes& record) {
+json shown_ace(const byte_buffer& record) {
     scc_ace_record ace{};
     std::memcpy(&ace, record.data(), std::min(record.size(), sizeof ace));
     const auto text = ace::print_ace(ace);
     return text ? json(*text) : json();
 }
 
-std::string address16_text(const Bytes& bytes) {
+std::string address16_text(const byte_buffer& bytes) {
     char text[INET6_ADDRSTRLEN] = "";
     const bool is_ipv4 =
         bytes[0] != 0 && std::all_of(bytes.begin() + 4, bytes.end(), [](auto b) { return b == 0; });
@@ -206,9 +221,13 @@ argument constant(std::string_view name, std::size_t offset, std::uint64_t value
 std::optional<std::string> text_of_file(const std::string& name) {
     std::ifstream file(name);
     std::ostringstream text;
-    // A directory opens, and fails only when it is read.
-    if (!file || (file.peek() != std::ifstream::traits_type::eof() && !(text << file.rdbuf()))) return {};
-    if (file.bad()) return {};
+    // A directory can be opened; only reading it fails.
+    if (!file || (file.peek() != std::ifstream::traits_type::eof() && !(text << file.rdbuf()))) {
+        return {};
+    }
+    if (file.bad()) {
+        return {};
+    }
     return std::move(text).str();
 }
 
@@ -217,9 +236,11 @@ void store(const argument& where, std::string_view text, call_values& into) {
         into.scalars.push_back(number_of(where, text));
         return;
     }
-    Bytes& record = into.records.at(static_cast<std::size_t>(where.record));
-    const Bytes bytes = field_bytes(where, text);
-    if (record.empty()) record.resize(bytes.size());  // bytes of any number
+    byte_buffer& record = into.records.at(static_cast<std::size_t>(where.record));
+    const byte_buffer bytes = field_bytes(where, text);
+    if (record.empty()) {
+        record.resize(bytes.size());  // bytes of any number
+    }
     put_bytes(record, where.offset, bytes.data(), bytes.size());
 }
 
@@ -232,38 +253,53 @@ void store_initial(const argument& where, call_values& into) {
     }
 }
 
-void store_raw_field(std::string_view text, Bytes& record) {
+void store_raw_field(std::string_view text, byte_buffer& record) {
     const auto colon = text.find(':');
     const auto equals = text.find('=');
-    if (colon == std::string_view::npos || equals == std::string_view::npos || equals < colon)
+    if (colon == std::string_view::npos || equals == std::string_view::npos || equals < colon) {
         throw usage_error(fmt::format("field: '{}' is not OFFSET:WIDTH=VALUE", text));
+    }
     const auto part = [&](std::string_view digits, std::uint64_t max) {
         const auto value = ace::parse_number(digits, 0, max);
-        if (!value) throw usage_error(fmt::format("field: '{}' in '{}' is no fitting number", digits, text));
+        if (!value) {
+            throw usage_error(fmt::format("field: '{}' in '{}' is no fitting number", digits, text));
+        }
         return *value;
     };
     const auto offset = static_cast<std::size_t>(part(text.substr(0, colon), record.size()));
     const auto width =
         static_cast<std::size_t>(part(text.substr(colon + 1, equals - colon - 1), record.size()));
     const std::string_view value = text.substr(equals + 1);
-    if (!value.starts_with("hex:")) return put_number(record, offset, width, part(value, largest(width)));
+    if (!value.starts_with("hex:")) {
+        return put_number(record, offset, width, part(value, largest(width)));
+    }
     const auto bytes = devkit::parse_hex(value.substr(4));
-    if (!bytes || bytes->size() != width)
+    if (!bytes || bytes->size() != width) {
         throw usage_error(fmt::format("field: '{}' does not hold {} bytes", text, width));
+    }
     put_bytes(record, offset, bytes->data(), bytes->size());
 }
 
 json shown(const argument& what, std::size_t scalar_index, const call_values& values) {
-    if (what.record == no_record)
+    if (what.record == no_record) {
         return scalar_index < values.scalars.size() ? json(values.scalars[scalar_index]) : json();
+    }
     const auto index = static_cast<std::size_t>(what.record);
-    if (index >= values.records.size()) return {};
-    const Bytes& record = values.records[index];
-    if (what.type == value_type::rule) return shown_ace(record);
-    if (what.type == value_type::bytes) return hex_of(record);
-    if (!devkit::holds(record, what.offset, what.width)) return {};
+    if (index >= values.records.size()) {
+        return {};
+    }
+    const byte_buffer& record = values.records[index];
+    if (what.type == value_type::rule) {
+        return shown_ace(record);
+    }
+    if (what.type == value_type::bytes) {
+        return hex_of(record);
+    }
+    if (!devkit::holds(record, what.offset, what.width)) {
+        return {};
+    }
     const auto begin = record.begin() + static_cast<std::ptrdiff_t>(what.offset);
-    const Bytes bytes(begin, begin + static_cast<std::ptrdiff_t>(what.width));
+    const byte_buffer bytes(begin, begin + static_cast<std::ptrdiff_t>(what.width));
     switch (what.type) {
         case value_type::mac:
             return devkit::mac_text(devkit::mac_at(record, what.offset));
@@ -276,7 +312,7 @@ json shown(const argument& what, std::size_t scalar_index, const call_values& va
     }
 }
 
-std::string hex_of(const Bytes& bytes) {
+std::string hex_of(const byte_buffer& bytes) {
     return devkit::hex_text(bytes);
 }
 

@@ -1,8 +1,8 @@
-// What a command takes: numbers, addresses and record fields, and how their text becomes bytes.
+// A command's arguments: numbers, addresses and record fields, and the conversion of their text to bytes.
 //
-// An argument is either a scalar of the library's function or a field of one of its records. Where it is
-// a field, its record's number (counted over the function's record parameters), offset and width say
-// where the bytes go; the same entry reads them back when a result is shown.
+// An argument is either a scalar parameter of the library's function or a field of one of its records. A
+// field has a record number (counting the function's record parameters), an offset and a width; results
+// are read back by the same entry.
 #pragma once
 
 #include <cstddef>
@@ -16,10 +16,10 @@
 
 namespace scc::ctl {
 
-using Bytes = std::vector<std::uint8_t>;
-using json = nlohmann::ordered_json;  // shown in the order in which it was put together
+using byte_buffer = std::vector<std::uint8_t>;
+using json = nlohmann::ordered_json;  // keeps the order of insertion
 
-// What the user typed cannot be used. Shown as a usage error.
+// The user's input is invalid. Shown as a usage error.
 struct usage_error : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -34,11 +34,11 @@ enum class value_type : std::uint8_t {
 };
 
 enum class presence : std::uint8_t {
-    positional,           // must be given, by place
-    optional_positional,  // may be given, by place
-    option,               // may be given, as --name
+    positional,           // mandatory, by position
+    optional_positional,  // optional, by position
+    option,               // optional, as --name
     required_option,
-    fixed,  // never given: always the initial value
+    fixed,  // not settable: always the initial value
 };
 
 inline constexpr int no_record = -1;
@@ -54,9 +54,9 @@ struct argument {
     std::uint64_t initial = 0;
     int record = no_record;
     std::size_t offset = 0;
-    std::uint32_t flags = 0;  // bits of the record's flag word that giving it sets
+    std::uint32_t flags = 0;  // bits that it sets in the record's flag word
 
-    // Changes in place, so that a table's row reads as one sentence.
+    // Chainable modifiers, so that a row of a table reads as one sentence.
     [[nodiscard]] argument within(std::uint64_t low, std::uint64_t high) const;
     [[nodiscard]] argument as(value_type other) const;
     [[nodiscard]] argument as(presence other) const;
@@ -65,37 +65,37 @@ struct argument {
     [[nodiscard]] argument flagging(std::uint32_t bits) const;
 };
 
-// A number of width bytes, a scalar that must be given until a row says otherwise.
+// A number of `width` bytes; by default a mandatory scalar.
 [[nodiscard]] argument number(std::string_view name, std::size_t width, std::string_view help);
-// A field of a record, which may be given as an option.
+// A field of a record; by default an option.
 [[nodiscard]] argument field(std::string_view name, std::size_t offset, std::size_t width,
                              std::string_view help);
-// A field that the command itself decides.
+// A field that the command itself sets.
 [[nodiscard]] argument constant(std::string_view name, std::size_t offset, std::uint64_t value);
 
-// The values of one call, in the order of the function's parameters: its scalars, its records, what it
-// wrote through its pointers, and more that a special call has to say.
+// The values of one call, in the order of the function's parameters: scalars, records, values written
+// through pointers, and additional output of special calls.
 struct call_values {
     std::vector<std::uint64_t> scalars;
-    std::vector<Bytes> records;
+    std::vector<byte_buffer> records;
     std::vector<std::uint64_t> outs;
     json more = json::object();
 };
 
-// Nothing when the file cannot be read.
+// Empty if the file cannot be read.
 [[nodiscard]] std::optional<std::string> text_of_file(const std::string& name);
 
-// Puts an argument's text into the call. Throws usage_error.
+// Stores an argument's text in the call. Throws usage_error.
 void store(const argument& where, std::string_view text, call_values& into);
-// Puts an argument's initial value into the call; scalars must be stored in order.
+// Stores an argument's initial value in the call. Scalars must be stored in order.
 void store_initial(const argument& where, call_values& into);
-// Puts "OFFSET:WIDTH=VALUE" into a record: a number for widths 1, 2, 4 and 8, "hex:..." for every width.
-void store_raw_field(std::string_view text, Bytes& record);
+// Stores "OFFSET:WIDTH=VALUE" in a record: a number for widths 1, 2, 4 and 8, "hex:..." for any width.
+void store_raw_field(std::string_view text, byte_buffer& record);
 
-// Reads an argument back; scalar_index counts the scalars before it. Null when the values lack it.
+// Reads an argument back; scalar_index counts the scalars before it. Null if it is missing.
 [[nodiscard]] json shown(const argument& what, std::size_t scalar_index, const call_values& values);
 
-[[nodiscard]] std::string hex_of(const Bytes& bytes);
+[[nodiscard]] std::string hex_of(const byte_buffer& bytes);
 [[nodiscard]] std::string ipv4_of(std::uint32_t network_order);
 // "app-type" becomes "app_type".
 [[nodiscard]] std::string json_name(std::string_view name);

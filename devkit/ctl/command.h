@@ -1,8 +1,8 @@
-// The row of the command table: a name, the library's function, its arguments and its result's handler.
+// A row of the command table: name, library function, arguments, and the handler of the result.
 //
 // request<>, query<> and local<> make rows. From the function's and the handler's own types they derive
-// how the arguments are passed and how the result comes back, so a row states only what the types do not
-// know: names, ranges and help.
+// how arguments are passed and results are returned, so a row states only what the types cannot express:
+// names, ranges and help.
 #pragma once
 
 #include <cstdint>
@@ -23,13 +23,13 @@ namespace scc::ctl {
 class acl_book;
 
 enum class call_kind : std::uint8_t {
-    request,  // asynchronous: the result reaches a handler under the call's id
-    one_way,  // sent without an answer
+    request,  // asynchronous: the result reaches a handler with the call's id
+    one_way,  // not answered
     query,    // the daemon answers before the call returns
     local,    // needs no registration
 };
 
-// What a call wrote through one of its pointers.
+// A value that a call writes through one of its pointers.
 struct out_value {
     std::string_view name;
     value_type type = value_type::number;
@@ -39,18 +39,18 @@ struct command {
     std::string_view name;      // "acl create": the words that the user types
     std::string_view function;  // the library's function
     std::string_view help;
-    std::string_view example;  // the words behind "sccctl NAME"
+    std::string_view example;  // the arguments after "sccctl NAME"
     call_kind kind = call_kind::request;
     std::vector<argument> arguments;
     std::vector<out_value> outs;
     std::vector<std::size_t> record_bytes;  // of each record parameter
     std::uint32_t (*call)(call_values&) = nullptr;
     std::vector<void (*)(scc_handlers&)> install;                // the handlers of the result
-    void (*confirmed)(acl_book&, const call_values&) = nullptr;  // an ACL change that took place
+    void (*confirmed)(acl_book&, const call_values&) = nullptr;  // for a confirmed ACL change
 
-    std::string_view reset_row;  // the row that runs instead with --reset
+    std::string_view reset_row;  // the row that --reset runs instead
 
-    // The number of the record that --field and --hex reach, or no_record.
+    // The number of the record that --field and --hex write to, or no_record.
     [[nodiscard]] int open_record() const;
 };
 
@@ -70,7 +70,7 @@ struct cursor {
 template <typename T>
 inline constexpr bool is_record = std::is_class_v<T>&& std::is_trivially_copyable_v<T>;
 
-// Holds one parameter while the function runs.
+// Holds one parameter during the call.
 template <typename Parameter, typename = void>
 struct holder;
 
@@ -111,16 +111,16 @@ struct holder<const std::uint8_t*> {
     void give_back(call_values&) {}
 };
 
-// Bytes of any number.
+// Bytes of any length.
 template <>
-struct holder<const Bytes*> {
-    const Bytes* value;
+struct holder<const byte_buffer*> {
+    const byte_buffer* value;
     holder(call_values& values, cursor& next) : value(&values.records.at(next.record++)) {}
-    const Bytes* pass() { return value; }
+    const byte_buffer* pass() { return value; }
     void give_back(call_values&) {}
 };
 
-// What a special call has to say.
+// Additional output of a special call.
 template <>
 struct holder<json*> {
     json value = json::object();
@@ -132,10 +132,16 @@ struct holder<json*> {
 template <typename Parameter>
 void add_record_bytes(std::vector<std::size_t>& sizes) {
     if constexpr (std::is_pointer_v<Parameter>) {
-        using Target = std::remove_const_t<std::remove_pointer_t<Parameter>>;
-        if constexpr (is_record<Target>) sizes.push_back(sizeof(Target));
-        if constexpr (std::is_same_v<Parameter, const std::uint8_t*>) sizes.push_back(6);
-        if constexpr (std::is_same_v<Parameter, const Bytes*>) sizes.push_back(0);
+        using target = std::remove_const_t<std::remove_pointer_t<Parameter>>;
+        if constexpr (is_record<target>) {
+            sizes.push_back(sizeof(target));
+        }
+        if constexpr (std::is_same_v<Parameter, const std::uint8_t*>) {
+            sizes.push_back(6);
+        }
+        if constexpr (std::is_same_v<Parameter, const byte_buffer*>) {
+            sizes.push_back(0);
+        }
     }
 }
 
@@ -190,7 +196,7 @@ struct result_handler<Slot, void (*scc_handlers::*)(std::uint32_t, std::uint32_t
     static void install(scc_handlers& handlers) { handlers.*Slot = &deliver; }
 };
 
-// The one handler whose bytes have no fixed number.
+// The one handler with data of variable length.
 template <auto Slot>
 struct result_handler<Slot,
                       void (*scc_handlers::*)(std::uint32_t, std::uint32_t, const void*, std::int32_t)> {

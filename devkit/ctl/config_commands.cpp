@@ -1,7 +1,7 @@
 // The rows of the configuration requests.
 //
-// The library hands most records on unread. Where their fields lie is the devkit's convention, the one
-// that the daemon and the software service go by; --field and --hex reach every other byte.
+// The library passes most records on unread. The field offsets are the convention shared with the daemon
+// and the software service; --field and --hex reach every other byte.
 #include <initializer_list>
 
 #include "command.h"
@@ -68,7 +68,7 @@ argument hex_option(int record, std::string_view help) {
     return number("data", 0, help).as(value_type::bytes).as(presence::required_option).at(record, 0);
 }
 
-std::uint32_t efacl_ctrl(const Bytes* data, std::uint32_t* call_id_out) {
+std::uint32_t efacl_ctrl(const byte_buffer* data, std::uint32_t* call_id_out) {
     return scc_efacl_ctrl(data->data(), static_cast<std::uint32_t>(data->size()), call_id_out);
 }
 
@@ -232,8 +232,9 @@ std::vector<command> one_way_commands() {
 std::vector<command> config_commands() {
     std::vector<command> all;
     for (auto part :
-         {record_commands(), user_commands(), switch_commands(), channel_commands(), one_way_commands()})
+         {record_commands(), user_commands(), switch_commands(), channel_commands(), one_way_commands()}) {
         all.insert(all.end(), part.begin(), part.end());
+    }
     return all;
 }
 

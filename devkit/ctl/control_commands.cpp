@@ -31,7 +31,9 @@ int call(const json& request, const context& within) {
         print_problem(request.at("do").get<std::string>(), error, within.output);
         return reply.value("unreachable", false) ? exit_unreachable : exit_refused;
     }
-    if (!within.output.as_json) reply.erase("ok");
+    if (!within.output.as_json) {
+        reply.erase("ok");
+    }
     print(!within.output.as_json && reply.empty() ? json("ok") : reply, within.output);
     return exit_success;
 }
@@ -45,16 +47,21 @@ json with_timeout(json made, const context& within) {
     return made;
 }
 
-// "name=value": lists and objects as JSON, everything else as text, which the daemon reads as it needs.
+// "name=value": lists and objects as JSON, everything else as text, which the daemon converts.
 void add_pairs(json& into, const std::vector<std::string>& pairs) {
     for (const std::string& each : pairs) {
         const auto equals = each.find('=');
-        if (equals == std::string::npos || equals == 0)
+        if (equals == std::string::npos || equals == 0) {
             throw usage_error(fmt::format("'{}' is not NAME=VALUE", each));
+        }
         const std::string text = each.substr(equals + 1);
         json value = text;
-        if (text.starts_with('[') || text.starts_with('{')) value = json::parse(text, nullptr, false);
-        if (value.is_discarded()) throw usage_error(fmt::format("'{}' is not JSON", text));
+        if (text.starts_with('[') || text.starts_with('{')) {
+            value = json::parse(text, nullptr, false);
+        }
+        if (value.is_discarded()) {
+            throw usage_error(fmt::format("'{}' is not JSON", text));
+        }
         into[each.substr(0, equals)] = std::move(value);
     }
 }
@@ -69,23 +76,29 @@ int notify(const control_options& options, const context& within) {
     return call(made, within);
 }
 
-// Asks the application of --app, or every client in turn; the service is not asked what it never answers.
+// Asks the application of --app, or every client in turn, except the service, which does not answer.
 int call_each(json made, bool service_too, const context& within) {
     if (within.app_given) {
         made["app"] = within.registration.app_id;
         return call(made, within);
     }
     const json reply = ask(request(control::clients));
-    if (!reply.value("ok", false)) return call(request(control::clients), within);  // says why
+    if (!reply.value("ok", false)) {
+        return call(request(control::clients), within);  // prints the reason
+    }
     int worst = exit_success;
     bool anybody = false;
     for (const json& client : reply.value("clients", json::array())) {
-        if (client.at("app") == limits::service_app_id && !service_too) continue;
+        if (client.at("app") == limits::service_app_id && !service_too) {
+            continue;
+        }
         anybody = true;
         made["app"] = client.at("app");
         worst = std::max(worst, call(made, within));
     }
-    if (!anybody && !within.output.as_json) print(json("nobody is registered"), within.output);
+    if (!anybody && !within.output.as_json) {
+        print(json("nobody is registered"), within.output);
+    }
     return worst;
 }
 

@@ -1,6 +1,6 @@
-// What the library's receive thread hands to the tool: results, notifications and the daemon's status.
+// Passes results, notifications and the daemon's status from the library's receive thread to the tool.
 //
-// Handlers put, the one main thread takes. Putting never blocks on the taker.
+// Handlers put, the main thread takes. Putting never waits for the main thread.
 #pragma once
 
 #include <chrono>
@@ -28,7 +28,7 @@ struct event {
 
 class inbox {
   public:
-    // One a process, since handlers have no argument of their own. It is never destroyed: the library's
+    // One per process, since handlers have no context argument. It is never destroyed: the library's
     // threads outlive main.
     static inbox& shared() {
         static inbox& only = *new inbox;
@@ -55,10 +55,12 @@ class inbox {
         put(std::move(made));
     }
 
-    // Takes the oldest event; nothing when none came before the deadline.
+    // Takes the oldest event. Empty if none arrived before the deadline.
     [[nodiscard]] std::optional<event> take(steady::time_point deadline) {
         std::unique_lock lock(mutex_);
-        if (!filled_.wait_until(lock, deadline, [this] { return !events_.empty(); })) return std::nullopt;
+        if (!filled_.wait_until(lock, deadline, [this] { return !events_.empty(); })) {
+            return std::nullopt;
+        }
         event oldest = std::move(events_.front());
         events_.pop_front();
         return oldest;

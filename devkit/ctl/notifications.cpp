@@ -1,5 +1,5 @@
-// Decoding notifications on the library's receive thread. One table: the handler's place, the
-// notification's name, its type and its fields' names; the handler's type says how to read the fields.
+// Decodes notifications on the library's receive thread. A table lists the handler's slot, the
+// notification's name, type and field names; the types of the fields follow from the handler's type.
 #include "notifications.h"
 
 #include <arpa/inet.h>
@@ -18,7 +18,7 @@
 namespace scc::ctl {
 namespace {
 
-// Lists longer than any message holds are cut.
+// Lists longer than a message can hold are truncated.
 constexpr std::uint32_t entries_max = 8192 / record::ace_counter;
 
 std::string mac_of(const std::uint8_t* mac) {
@@ -63,7 +63,7 @@ requires std::is_integral_v<Number> json shown(Number number) {
     return number;
 }
 
-// Records lie in the message without regard to their alignment, so each is copied before it is read.
+// Records in a message may be unaligned, so each is copied before it is read.
 template <typename Record>
 Record entry_of(const Record* list, std::size_t index) {
     Record copy;
@@ -150,7 +150,7 @@ void on_noflow(const scc_flow_user* user, std::uint64_t flow, std::uint64_t time
     put(std::move(notification));
 }
 
-// The user is the daemon's 56-byte record, of the same shape as in flow reports.
+// The user is a 56-byte record with the layout of flow reports.
 int on_user_change(std::uint8_t add, const void* user, const void*) {
     json notification = named("user-change", msg::nac_user);
     notification["add"] = add;
@@ -167,11 +167,16 @@ void on_dirchn(std::uint8_t add, std::uint32_t ip) {
 }
 
 std::string value_text(const json& value) {
-    if (value.is_string()) return value.get<std::string>();
-    if (!value.is_structured()) return value.dump();
+    if (value.is_string()) {
+        return value.get<std::string>();
+    }
+    if (!value.is_structured()) {
+        return value.dump();
+    }
     std::vector<std::string> parts;
-    for (const auto& [name, field] : value.items())
+    for (const auto& [name, field] : value.items()) {
         parts.push_back(value.is_array() ? value_text(field) : fmt::format("{}={}", name, value_text(field)));
+    }
     return value.is_array() ? fmt::format("[{}]", fmt::join(parts, ","))
                             : fmt::format("{{{}}}", fmt::join(parts, ","));
 }
@@ -196,8 +201,11 @@ void install_notifications(scc_handlers& handlers) {
 
 std::string notification_line(const json& notification) {
     std::string line = notification.value("notification", "");
-    for (const auto& [name, value] : notification.items())
-        if (name != "notification" && name != "type") line += fmt::format(" {}={}", name, value_text(value));
+    for (const auto& [name, value] : notification.items()) {
+        if (name != "notification" && name != "type") {
+            line += fmt::format(" {}={}", name, value_text(value));
+        }
+    }
     return line;
 }
 

@@ -6,11 +6,11 @@
 
 namespace scc::ctl {
 
-// Sets every notification handler. Each object has "notification" (its name), "type" (the message type)
+// Sets every notification handler. Each object has "notification" (the name), "type" (the message type)
 // and the notification's fields.
 void install_notifications(scc_handlers& handlers);
 
-// One line for people.
+// One line of text.
 [[nodiscard]] std::string notification_line(const json& notification);
 
 }  // namespace scc::ctl

@@ -1,4 +1,4 @@
-// Results and replies as text and as JSON.
+// Prints results and replies as text and as JSON.
 #include "output.h"
 
 #include <fmt/format.h>
@@ -23,7 +23,9 @@ std::string one_line(const json& value) {
 }
 
 json out_json(const out_value& out, std::uint64_t value) {
-    if (out.type == value_type::ipv4) return ipv4_of(static_cast<std::uint32_t>(value));
+    if (out.type == value_type::ipv4) {
+        return ipv4_of(static_cast<std::uint32_t>(value));
+    }
     return value;
 }
 
@@ -31,8 +33,12 @@ void add_arguments(json& object, const outcome& shown_outcome) {
     std::size_t scalars = 0;
     for (const argument& each : shown_outcome.row->arguments) {
         json value = shown(each, scalars, shown_outcome.values);
-        if (each.record == no_record) ++scalars;
-        if (each.given == presence::fixed || value.is_null()) continue;
+        if (each.record == no_record) {
+            ++scalars;
+        }
+        if (each.given == presence::fixed || value.is_null()) {
+            continue;
+        }
         object[json_name(each.name)] = std::move(value);
     }
 }
@@ -40,8 +46,10 @@ void add_arguments(json& object, const outcome& shown_outcome) {
 void add_outs(json& object, const outcome& shown_outcome) {
     const auto& outs = shown_outcome.row->outs;
     for (std::size_t i = 0; i < outs.size() && i < shown_outcome.values.outs.size(); ++i) {
-        // What a failed call wrote is the caller's own zero, but for the call id.
-        if (shown_outcome.result != 0 && outs[i].name != "call-id") continue;
+        // A failed call leaves its outputs at zero, except the call id.
+        if (shown_outcome.result != 0 && outs[i].name != "call-id") {
+            continue;
+        }
         object[json_name(outs[i].name)] = out_json(outs[i], shown_outcome.values.outs[i]);
     }
 }
@@ -50,11 +58,15 @@ std::string cell(const json& value) {
     return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
-// A list of objects that have the same plain fields reads best as a table.
+// A list of objects with the same plain fields is printed as a table.
 bool is_table(const json& value) {
-    if (!value.is_array() || value.empty() || !value[0].is_object()) return false;
+    if (!value.is_array() || value.empty() || !value[0].is_object()) {
+        return false;
+    }
     return std::all_of(value.begin(), value.end(), [&](const json& row) {
-        if (!row.is_object() || row.size() != value[0].size()) return false;
+        if (!row.is_object() || row.size() != value[0].size()) {
+            return false;
+        }
         return std::all_of(row.begin(), row.end(),
                            [](const json& field) { return !field.is_structured(); }) &&
                std::equal(row.items().begin(), row.items().end(), value[0].items().begin(),
@@ -64,30 +76,42 @@ bool is_table(const json& value) {
 
 void add_table(std::string& text, const json& rows, std::size_t depth) {
     std::vector<std::vector<std::string>> lines(1);
-    for (const auto& [name, field] : rows[0].items()) lines[0].push_back(name);
+    for (const auto& [name, field] : rows[0].items()) {
+        lines[0].push_back(name);
+    }
     for (const json& row : rows) {
         lines.emplace_back();
-        for (const json& field : row) lines.back().push_back(cell(field));
+        for (const json& field : row) {
+            lines.back().push_back(cell(field));
+        }
     }
     std::vector<std::size_t> widths(lines[0].size());
-    for (const auto& line : lines)
-        for (std::size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], line[i].size());
+    for (const auto& line : lines) {
+        for (std::size_t i = 0; i < line.size(); ++i) {
+            widths[i] = std::max(widths[i], line[i].size());
+        }
+    }
     for (const auto& line : lines) {
         text.append(1, '\n').append(2 * depth, ' ');
-        for (std::size_t i = 0; i + 1 < line.size(); ++i) text += fmt::format("{:<{}}  ", line[i], widths[i]);
+        for (std::size_t i = 0; i + 1 < line.size(); ++i) {
+            text += fmt::format("{:<{}}  ", line[i], widths[i]);
+        }
         text += line.back();
     }
 }
 
 void indent(std::string& text, const json& value, std::size_t depth) {
-    if (is_table(value)) return add_table(text, value, depth);
+    if (is_table(value)) {
+        return add_table(text, value, depth);
+    }
     const std::string margin(2 * depth, ' ');
     for (const auto& [name, field] : value.items()) {
         text += fmt::format("\n{}{}", margin, value.is_array() ? "-" : name);
-        if (field.is_structured() && !field.empty())
+        if (field.is_structured() && !field.empty()) {
             indent(text, field, depth + 1);
-        else
+        } else {
             text.append(1, ' ').append(cell(field));
+        }
     }
 }
 
@@ -103,26 +127,39 @@ json outcome_json(const outcome& shown_outcome, const output_options& options) {
     object["text"] = scc_strerror(static_cast<std::int32_t>(shown_outcome.result));
     add_arguments(object, shown_outcome);
     add_outs(object, shown_outcome);
-    for (const auto& [name, value] : shown_outcome.values.more.items()) object[name] = value;
-    if (!options.raw) return object;
+    for (const auto& [name, value] : shown_outcome.values.more.items()) {
+        object[name] = value;
+    }
+    if (!options.raw) {
+        return object;
+    }
     json& records = object["records"] = json::array();
-    for (const Bytes& each : shown_outcome.values.records) records.push_back(hex_of(each));
+    for (const byte_buffer& each : shown_outcome.values.records) {
+        records.push_back(hex_of(each));
+    }
     return object;
 }
 
 std::string outcome_text(const outcome& shown_outcome, const output_options& options) {
     json object = outcome_json(shown_outcome, options);
     std::string text = fmt::format("{}: {}", shown_outcome.row->name, object["text"].get<std::string>());
-    for (const auto* known : {"command", "function", "result", "text"}) object.erase(known);
+    for (const auto* known : {"command", "function", "result", "text"}) {
+        object.erase(known);
+    }
     indent(text, object, 1);
     return text;
 }
 
 void print(const outcome& shown_outcome, const output_options& options) {
-    if (options.as_json) return write(stdout, one_line(outcome_json(shown_outcome, options)));
-    if (!shown_outcome.answered)
+    if (options.as_json) {
+        return write(stdout, one_line(outcome_json(shown_outcome, options)));
+    }
+    if (!shown_outcome.answered) {
         return print_problem(shown_outcome.row->name, shown_outcome.problem, options);
-    if (shown_outcome.result == 0) return write(stdout, outcome_text(shown_outcome, options));
+    }
+    if (shown_outcome.result == 0) {
+        return write(stdout, outcome_text(shown_outcome, options));
+    }
     print_problem(shown_outcome.row->name,
                   fmt::format("{} ({})", scc_strerror(static_cast<std::int32_t>(shown_outcome.result)),
                               shown_outcome.result),
@@ -130,15 +167,21 @@ void print(const outcome& shown_outcome, const output_options& options) {
 }
 
 void print(const json& value, const output_options& options) {
-    if (options.as_json) return write(stdout, one_line(value));
-    if (!value.is_structured()) return write(stdout, cell(value));
+    if (options.as_json) {
+        return write(stdout, one_line(value));
+    }
+    if (!value.is_structured()) {
+        return write(stdout, cell(value));
+    }
     std::string text;
     indent(text, value, 0);
     write(stdout, text.empty() ? text : text.substr(1));
 }
 
 void print_problem(std::string_view command, std::string_view problem, const output_options& options) {
-    if (options.as_json) return write(stdout, one_line({{"command", command}, {"error", problem}}));
+    if (options.as_json) {
+        return write(stdout, one_line({{"command", command}, {"error", problem}}));
+    }
     write(stderr, fmt::format("sccctl: {}: {}", command, problem));
 }
 

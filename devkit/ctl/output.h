@@ -1,4 +1,4 @@
-// What the user sees: results and replies, as text or as one JSON object a line.
+// Prints results and replies, as text or as one JSON object per line.
 #pragma once
 
 #include <string>
@@ -15,9 +15,9 @@ struct output_options {
 [[nodiscard]] json outcome_json(const outcome& shown, const output_options& options);
 [[nodiscard]] std::string outcome_text(const outcome& shown, const output_options& options);
 
-// Writes the outcome: text and JSON to standard output, a failure's text to standard error.
+// Prints the outcome to standard output; in text form, a failure goes to standard error.
 void print(const outcome& shown, const output_options& options);
-// Writes any JSON value, one line as JSON, else indented names and values.
+// Prints any JSON value: as one line of JSON, or as indented names and values.
 void print(const json& value, const output_options& options);
 void print_problem(std::string_view command, std::string_view problem, const output_options& options);
 

@@ -1,4 +1,4 @@
-// Building the command line from the table and running what was chosen.
+// Builds the command line from the table and runs the chosen command.
 #include "program.h"
 
 #include <fmt/format.h>
@@ -14,9 +14,9 @@
 namespace scc::ctl {
 namespace {
 
-// What the user gave for one argument. A rule is many words; everything else is one.
+// The user's input for one argument. A rule is several words, everything else one.
 struct given_text {
-    CLI::Option* option = nullptr;  // null for what is never given
+    CLI::Option* option = nullptr;  // null for a fixed argument
     std::string one;
     std::vector<std::string> many;
 
@@ -26,7 +26,7 @@ struct given_text {
     }
 };
 
-// What the user gave for one row.
+// The user's input for one row.
 struct bound_command {
     const command* row = nullptr;
     CLI::App* app = nullptr;
@@ -46,7 +46,7 @@ struct own_options {
 
 struct built {
     CLI::App app{"Talk to the security-control daemon: one command for every request and query.", "sccctl"};
-    std::deque<bound_command> rows;  // addresses stay
+    std::deque<bound_command> rows;  // a deque keeps addresses valid
     own_options own;
     std::function<int()> action;
     bool list = false;
@@ -65,13 +65,15 @@ std::vector<std::string> split(std::string_view name) {
 }
 
 constexpr double seconds_max = 86400;
-constexpr double count_max = 1e15;  // every whole number up to here is a double
+constexpr double count_max = 1e15;  // a double represents every integer up to here
 
-// A number as it is written out, so that neither "nan" nor "-1" slips through as something else.
+// A number in plain digits: neither "nan" nor "-1" is accepted.
 CLI::Validator within_limits(double min, double max) {
     const auto problem = [min, max](const std::string& text) -> std::string {
         double value = 0;
-        if (CLI::detail::lexical_cast(text, value) && value >= min && value <= max) return {};
+        if (CLI::detail::lexical_cast(text, value) && value >= min && value <= max) {
+            return {};
+        }
         return fmt::format("'{}' is not a number from {} to {:.0f}", text, min, max);
     };
     return CLI::Validator(problem, fmt::format("in [{} - {:.0f}]", min, max), "limits");
@@ -96,7 +98,7 @@ CLI::App* child_or_null(CLI::App& parent, const std::string& name) {
     return found.empty() ? nullptr : found.front();
 }
 
-// The command's place: groups ("acl") are made on the way; they want one of theirs and name them all.
+// Finds or makes the subcommand, and its groups ("acl"), which require one of their own subcommands.
 CLI::App& place(CLI::App& app, std::string_view name, const std::string& help, std::string_view group) {
     CLI::App* at = &app;
     for (const std::string& word : split(name)) {
@@ -112,9 +114,13 @@ CLI::App& place(CLI::App& app, std::string_view name, const std::string& help, s
 }
 
 std::string range_text(const argument& each) {
-    if (each.type != value_type::number) return {};
+    if (each.type != value_type::number) {
+        return {};
+    }
     std::string text = fmt::format(" [{}..{}]", each.min, each.max);
-    if (each.initial != 0) text += fmt::format(", {} unless given", each.initial);
+    if (each.initial != 0) {
+        text += fmt::format(", {} unless given", each.initial);
+    }
     return text;
 }
 
@@ -124,14 +130,17 @@ bool is_positional(const argument& each) {
 
 void add_argument(bound_command& bound, std::size_t index) {
     const argument& each = bound.row->arguments[index];
-    if (each.given == presence::fixed) return;
+    if (each.given == presence::fixed) {
+        return;
+    }
     const std::string name = (is_positional(each) ? "" : "--") + std::string(each.name);
     const std::string help = std::string(each.help) + range_text(each);
     given_text& into = bound.texts[index];
-    if (each.type == value_type::rule)
+    if (each.type == value_type::rule) {
         into.option = bound.app->add_option(name, into.many, help)->expected(0, -1);
-    else
+    } else {
         into.option = bound.app->add_option(name, into.one, help);
+    }
     into.option->type_name(each.type == value_type::number ? "N" : "TEXT");
     into.option->required(each.given == presence::positional || each.given == presence::required_option);
 }
@@ -141,7 +150,9 @@ void add_row(built& into, const command& row) {
     bound.row = &row;
     bound.app = &place(into.app, row.name, std::string(row.help), group_of(row));
     bound.texts.resize(row.arguments.size());
-    for (std::size_t i = 0; i < row.arguments.size(); ++i) add_argument(bound, i);
+    for (std::size_t i = 0; i < row.arguments.size(); ++i) {
+        add_argument(bound, i);
+    }
     if (row.open_record() != no_record) {
         bound.app->add_option("--hex", bound.hex,
                               "the record's bytes: a file of hexadecimal pairs, - for input");
@@ -151,7 +162,9 @@ void add_row(built& into, const command& row) {
             ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
             ->allow_extra_args(false);
     }
-    if (!row.reset_row.empty()) bound.app->add_flag("--reset", bound.reset, "reset the counter instead");
+    if (!row.reset_row.empty()) {
+        bound.app->add_flag("--reset", bound.reset, "reset the counter instead");
+    }
     bound.app->footer(fmt::format("Calls {}.\nExample: sccctl {}{}{}", row.function, row.name,
                                   row.example.empty() ? "" : " ", row.example));
 }
@@ -161,28 +174,39 @@ const command& row_named(std::string_view name) {
                          [&](const command& row) { return row.name == name; });
 }
 
-// The flag word tells which addresses a record carries; an explicit one is taken as it is.
+// The flag word says which addresses a record carries; an explicit one is left unchanged.
 void mark_given_addresses(const bound_command& bound, call_values& values) {
     std::uint32_t flags = 0;
     const argument* flag_word = nullptr;
     for (std::size_t i = 0; i < bound.texts.size(); ++i) {
         const argument& each = bound.row->arguments[i];
-        if (bound.texts[i].given()) flags |= each.flags;
-        if (each.name != "flags") continue;
-        if (bound.texts[i].given()) return;
+        if (bound.texts[i].given()) {
+            flags |= each.flags;
+        }
+        if (each.name != "flags") {
+            continue;
+        }
+        if (bound.texts[i].given()) {
+            return;
+        }
         flag_word = &each;
     }
-    if (flag_word == nullptr || flags == 0) return;
-    Bytes& record = values.records.at(static_cast<std::size_t>(flag_word->record));
+    if (flag_word == nullptr || flags == 0) {
+        return;
+    }
+    byte_buffer& record = values.records.at(static_cast<std::size_t>(flag_word->record));
     devkit::write_at(record, flag_word->offset, devkit::u32_at(record, flag_word->offset) | flags);
 }
 
-// A record that must be filled: with its arguments, or with its bytes.
+// A mandatory record: filled from its arguments, or from its bytes.
 void refuse_empty_rule(const bound_command& bound) {
-    if (!bound.hex.empty() || !bound.fields.empty()) return;
+    if (!bound.hex.empty() || !bound.fields.empty()) {
+        return;
+    }
     for (std::size_t i = 0; i < bound.texts.size(); ++i) {
-        if (bound.row->arguments[i].type == value_type::rule && !bound.texts[i].given())
+        if (bound.row->arguments[i].type == value_type::rule && !bound.texts[i].given()) {
             throw usage_error("a rule, --hex or --field must say what the ACE holds");
+        }
     }
 }
 
@@ -190,21 +214,25 @@ call_values values_of(const bound_command& bound) {
     const command& row = *bound.row;
     refuse_empty_rule(bound);
     call_values values;
-    for (const std::size_t bytes : row.record_bytes) values.records.emplace_back(bytes);
+    for (const std::size_t bytes : row.record_bytes) {
+        values.records.emplace_back(bytes);
+    }
     const int open = row.open_record();
     if (!bound.hex.empty()) {
         const argument whole = number("hex", 0, "").as(value_type::bytes).at(open, 0);
         store(whole, bound.hex, values);
     }
     for (std::size_t i = 0; i < row.arguments.size(); ++i) {
-        if (bound.texts[i].given())
+        if (bound.texts[i].given()) {
             store(row.arguments[i], bound.texts[i].text(), values);
-        else
+        } else {
             store_initial(row.arguments[i], values);
+        }
     }
     mark_given_addresses(bound, values);
-    for (const std::string& each : bound.fields)
+    for (const std::string& each : bound.fields) {
         store_raw_field(each, values.records[static_cast<std::size_t>(open)]);
+    }
     return values;
 }
 
@@ -216,25 +244,32 @@ int run_row(const bound_command& bound, context& within) {
         print(came, within.output);
         return came.exit_status();
     };
-    if (row.kind == call_kind::local) return finish(nullptr);
+    if (row.kind == call_kind::local) {
+        return finish(nullptr);
+    }
     return with_session(within, row.name, [&](session& registered) { return finish(&registered); });
 }
 
 int load(context& within, const own_options& own) {
     const auto file = read_acl_file(own.file, within.output);
-    if (!file) return exit_usage;
+    if (!file) {
+        return exit_usage;
+    }
     return with_session(within, "acl load", [&](session& registered) {
         const int status = load_acl_file(own.file, *file, own.progress, registered, within.output);
-        if (status == exit_unreachable || own.save_to.empty()) return status;
+        if (status == exit_unreachable || own.save_to.empty()) {
+            return status;
+        }
         return std::max(status, save_acl_file(own.save_to, registered, within.output));
     });
 }
 
 int list_acls(context& within) {
     json list = json::array();
-    for (const scc_acl_key& key : within.shared->book().keys())
+    for (const scc_acl_key& key : within.shared->book().keys()) {
         list.push_back(
             {{"acl", key.acl_id}, {"type", key.app_type}, {"class", key.acl_class}, {"vdev", key.vdev_id}});
+    }
     print({{"acls", list}}, within.output);
     return exit_success;
 }
@@ -248,7 +283,7 @@ void add_load(built& into, context& within) {
     app.callback([&] { into.action = [&] { return load(within, into.own); }; });
 }
 
-// These read the process's own cache, which a single command leaves behind empty.
+// These read the process's own cache, which is empty in a single command.
 void add_shell_only(built& into, context& within) {
     CLI::App& save = place(into.app, "acl save", "write the ACLs of this shell's cache to a file", "ACLs");
     save.add_option("file", into.own.file, "a file of ACLs")->required()->type_name("FILE");
@@ -299,14 +334,17 @@ void add_common_options(built& into, context& within) {
 void build(built& into, context& within) {
     into.app.require_subcommand(0, 1);
     add_common_options(into, within);
-    for (const command& row : commands()) add_row(into, row);
+    for (const command& row : commands()) {
+        add_row(into, row);
+    }
     add_own_commands(into, within);
     // Last, or every command would inherit it.
     into.app.footer(
-        "The options above may stand anywhere. Exit status: 0 done, 1 refused, 2 usage, 3 no daemon.");
+        "These options may be given anywhere. Exit status: 0 done, 1 refused, 2 usage, 3 no daemon.");
 }
 
-// The options of every command may stand behind it; they are moved to the front, where the parser wants them.
+// The general options may also follow the command; they are moved to the front, where the parser expects
+// them.
 std::vector<std::string> common_options_first(const std::vector<std::string>& words) {
     constexpr std::array<std::string_view, 3> with_value = {"--app", "--timeout", "--option"};
     constexpr std::array<std::string_view, 2> alone = {"--json", "--raw"};
@@ -317,7 +355,9 @@ std::vector<std::string> common_options_first(const std::vector<std::string>& wo
         const bool takes = std::find(with_value.begin(), with_value.end(), name) != with_value.end();
         const bool flag = std::find(alone.begin(), alone.end(), name) != alone.end();
         (takes || flag ? front : rest).push_back(words[i]);
-        if (takes && name == words[i] && i + 1 < words.size()) front.push_back(words[++i]);
+        if (takes && name == words[i] && i + 1 < words.size()) {
+            front.push_back(words[++i]);
+        }
     }
     front.insert(front.end(), rest.begin(), rest.end());
     return front;
@@ -325,7 +365,9 @@ std::vector<std::string> common_options_first(const std::vector<std::string>& wo
 
 // "help acl create" is "acl create --help".
 std::vector<std::string> help_asked(std::vector<std::string> words) {
-    if (words.empty() || words[0] != "help") return words;
+    if (words.empty() || words[0] != "help") {
+        return words;
+    }
     std::rotate(words.begin(), words.begin() + 1, words.end());
     words.back() = "--help";
     return words;
@@ -334,10 +376,14 @@ std::vector<std::string> help_asked(std::vector<std::string> words) {
 // A shell's lines share one registration, which their options cannot change; the commands of the
 // development daemon take --app and --timeout as their own.
 void refuse_registration_options(const built& parsed, const context& within) {
-    if (within.shared == nullptr || parsed.action) return;
-    for (const auto* name : {"--app", "--timeout", "--option"})
-        if (parsed.app.get_option(name)->count() != 0)
+    if (within.shared == nullptr || parsed.action) {
+        return;
+    }
+    for (const auto* name : {"--app", "--timeout", "--option"}) {
+        if (parsed.app.get_option(name)->count() != 0) {
             throw usage_error(fmt::format("{} belongs to the shell itself, not to a line of it", name));
+        }
+    }
 }
 
 int run_chosen(built& parsed, context& within) {
@@ -346,9 +392,14 @@ int run_chosen(built& parsed, context& within) {
         return exit_success;
     }
     refuse_registration_options(parsed, within);
-    if (parsed.action) return parsed.action();
-    for (const bound_command& each : parsed.rows)
-        if (each.app->parsed()) return run_row(each, within);
+    if (parsed.action) {
+        return parsed.action();
+    }
+    for (const bound_command& each : parsed.rows) {
+        if (each.app->parsed()) {
+            return run_row(each, within);
+        }
+    }
     fmt::print(stderr, "{}", parsed.app.help());
     return exit_usage;
 }
@@ -362,27 +413,37 @@ void take_common_options(const built& parsed, context& within) {
 
 std::string listed_options(const CLI::App& leaf) {
     std::string text;
-    for (const CLI::Option* each : leaf.get_options())
-        if (each->get_name().starts_with("--") && each->get_name() != "--help")
+    for (const CLI::Option* each : leaf.get_options()) {
+        if (each->get_name().starts_with("--") && each->get_name() != "--help") {
             text += (text.empty() ? "" : " ") + each->get_name();
+        }
+    }
     return text;
 }
 
-// What may follow as a word, for the completion: a column of its own.
+// The values of a positional argument, for the completion, in a column of their own.
 std::string choices_of(std::string_view path) {
-    if (path == "debug") return "\ton off";
-    if (path == "notify") return fmt::format("\t{}", fmt::join(devkit::control::notifications, " "));
-    if (path == "daemon") return fmt::format("\t{}", fmt::join(devkit::control::commands, " "));
+    if (path == "debug") {
+        return "\ton off";
+    }
+    if (path == "notify") {
+        return fmt::format("\t{}", fmt::join(devkit::control::notifications, " "));
+    }
+    if (path == "daemon") {
+        return fmt::format("\t{}", fmt::join(devkit::control::commands, " "));
+    }
     return {};
 }
 
 void list_below(const CLI::App& app, const std::string& path, std::string& text) {
     const auto children = app.get_subcommands([](const CLI::App*) { return true; });
-    for (const CLI::App* each : children)
+    for (const CLI::App* each : children) {
         list_below(*each, path.empty() ? each->get_name() : path + " " + each->get_name(), text);
-    if (children.empty())
+    }
+    if (children.empty()) {
         text +=
             fmt::format("{}\t{}\t{}{}\n", path, listed_options(app), app.get_description(), choices_of(path));
+    }
 }
 
 }  // namespace
@@ -390,8 +451,9 @@ void list_below(const CLI::App& app, const std::string& path, std::string& text)
 const std::vector<command>& commands() {
     static const std::vector<command> all = [] {
         std::vector<command> rows;
-        for (auto part : {config_commands(), acl_commands(), query_commands()})
+        for (auto part : {config_commands(), acl_commands(), query_commands()}) {
             rows.insert(rows.end(), part.begin(), part.end());
+        }
         return rows;
     }();
     return all;
@@ -399,8 +461,11 @@ const std::vector<command>& commands() {
 
 int command::open_record() const {
     constexpr std::size_t smallest_open = sizeof(scc_acl_key) + 1;  // keys and MAC addresses have no gaps
-    for (std::size_t i = record_bytes.size(); i-- > 0;)
-        if (record_bytes[i] >= smallest_open) return static_cast<int>(i);
+    for (std::size_t i = record_bytes.size(); i-- > 0;) {
+        if (record_bytes[i] >= smallest_open) {
+            return static_cast<int>(i);
+        }
+    }
     return no_record;
 }
 
@@ -408,16 +473,18 @@ int run_command_line(const std::vector<std::string>& words, context& within) {
     built parsed;
     build(parsed, within);
     std::vector<std::string> reversed = common_options_first(help_asked(words));
-    // A line that cannot be parsed answers in the form that it asks for.
+    // The error of a line that cannot be parsed is printed in the format that the line asks for.
     output_options form = within.output;
     form.as_json = form.as_json || std::find(words.begin(), words.end(), "--json") != words.end();
-    std::reverse(reversed.begin(), reversed.end());  // as the parser takes them
+    std::reverse(reversed.begin(), reversed.end());  // the parser takes them in reverse
     try {
         parsed.app.parse(reversed);
         take_common_options(parsed, within);
         return run_chosen(parsed, within);
     } catch (const CLI::ParseError& problem) {
-        if (problem.get_exit_code() == 0) return parsed.app.exit(problem);  // help was asked for
+        if (problem.get_exit_code() == 0) {
+            return parsed.app.exit(problem);  // help was requested
+        }
         print_problem("usage", problem.what(), form);
         return exit_usage;
     } catch (const usage_error& problem) {
@@ -427,7 +494,9 @@ int run_command_line(const std::vector<std::string>& words, context& within) {
 }
 
 int with_session(context& within, std::string_view command, const std::function<int(session&)>& action) {
-    if (within.shared != nullptr) return action(*within.shared);
+    if (within.shared != nullptr) {
+        return action(*within.shared);
+    }
     session own(within.registration);
     if (!own.start()) {
         print_problem(command, own.problem(), within.output);

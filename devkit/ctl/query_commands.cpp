@@ -1,4 +1,4 @@
-// The rows of the synchronous queries and of what the library answers by itself.
+// The rows of the synchronous queries and of the calls that the library answers itself.
 #include <algorithm>
 
 #include "command.h"
@@ -33,7 +33,7 @@ arguments user_fields() {
 
 json shown_user(const scc_arp_check_entry& entry) {
     namespace user = devkit::arp_check_user;
-    const devkit::View bytes(entry.bytes, sizeof entry.bytes);
+    const devkit::byte_view bytes(entry.bytes, sizeof entry.bytes);
     return {{"ifx", devkit::u32_at(bytes, user::ifx)},
             {"vid", devkit::read_at<std::uint16_t>(bytes, user::vid)},
             {"mac", devkit::mac_text(devkit::mac_at(bytes, user::mac))},
@@ -44,10 +44,14 @@ std::uint32_t arp_check_users(std::uint32_t selector, std::uint32_t capacity, js
     std::vector<scc_arp_check_entry> users(std::max(capacity, 1u));
     auto count = static_cast<int>(capacity);
     const std::uint32_t result = scc_arp_check_user_data_get(selector, users.data(), &count);
-    if (result != 0) return result;
+    if (result != 0) {
+        return result;
+    }
     (*out)["count"] = count;
     json& list = (*out)["users"] = json::array();
-    for (int i = 0; i < count; ++i) list.push_back(shown_user(users[static_cast<std::size_t>(i)]));
+    for (int i = 0; i < count; ++i) {
+        list.push_back(shown_user(users[static_cast<std::size_t>(i)]));
+    }
     return 0;
 }
 

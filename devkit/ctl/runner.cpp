@@ -1,4 +1,4 @@
-// One call of the library and its outcome.
+// Runs one call of the library.
 #include "runner.h"
 
 namespace scc::ctl {
@@ -13,24 +13,33 @@ outcome await_result(outcome begun, session& within) {
         return begun;
     }
     begun.result = arrived->number;
-    // The handler's fields replace the call's: they show that the request itself came back.
+    // The handler's fields replace the call's, to show that the request's own values came back.
     begun.values.scalars = std::move(arrived->values.scalars);
     begun.values.records = std::move(arrived->values.records);
-    if (begun.result == 0 && begun.row->confirmed != nullptr)
+    if (begun.result == 0 && begun.row->confirmed != nullptr) {
         begun.row->confirmed(within.book(), begun.values);
+    }
     return begun;
 }
 
 }  // namespace
 
 outcome run(const command& row, call_values values, session* within) {
-    if (row.kind == call_kind::query && within != nullptr) (void)within->book().settle();
+    if (row.kind == call_kind::query && within != nullptr) {
+        (void)within->book().settle();
+    }
     outcome begun{.row = &row, .answered = true, .result = 0, .values = std::move(values), .problem = {}};
     begun.result = row.call(begun.values);
-    // Without a session there is nobody to wait with: the call is a local one.
-    if (begun.result != 0 || within == nullptr) return begun;
-    if (row.kind == call_kind::request) return await_result(std::move(begun), *within);
-    if (row.kind == call_kind::one_way) within->linger();
+    // A call without a session is a local one.
+    if (begun.result != 0 || within == nullptr) {
+        return begun;
+    }
+    if (row.kind == call_kind::request) {
+        return await_result(std::move(begun), *within);
+    }
+    if (row.kind == call_kind::one_way) {
+        within->linger();
+    }
     return begun;
 }
 

@@ -1,4 +1,4 @@
-// Running one row of the table: the call, the wait for its result, and what came of it.
+// Runs one row of the table: makes the call and waits for its result.
 #pragma once
 
 #include <cstdint>
@@ -12,23 +12,25 @@ namespace scc::ctl {
 // The tool's exit statuses.
 inline constexpr int exit_success = 0;
 inline constexpr int exit_refused = 1;      // the result was not 0
-inline constexpr int exit_usage = 2;        // the command line cannot be understood
-inline constexpr int exit_unreachable = 3;  // no daemon, or no answer in time
+inline constexpr int exit_usage = 2;        // invalid command line
+inline constexpr int exit_unreachable = 3;  // no daemon, or no answer before the time-out
 
 struct outcome {
     const command* row = nullptr;
-    bool answered = true;  // false: problem says why there is no result
+    bool answered = true;  // if false, `problem` says why there is no result
     std::uint32_t result = 0;
     call_values values;
     std::string problem;
 
     [[nodiscard]] int exit_status() const {
-        if (!answered) return exit_unreachable;
+        if (!answered) {
+            return exit_unreachable;
+        }
         return result == 0 ? exit_success : exit_refused;
     }
 };
 
-// Runs a row. The session must be started, unless the row is local; then it may be null.
+// Runs a row. The session must have been started; for a local row it may be null.
 [[nodiscard]] outcome run(const command& row, call_values values, session* within);
 
 }  // namespace scc::ctl

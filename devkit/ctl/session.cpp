@@ -15,7 +15,7 @@
 namespace scc::ctl {
 namespace {
 
-// The library's checker empties the send buffer at this interval at the latest; once more for its turn.
+// Twice the interval at which the library's checker flushes the send buffer.
 constexpr std::chrono::microseconds buffer_leaves{4 * limits::batch_interval_us};
 
 void on_status(std::uint32_t status) {
@@ -27,13 +27,18 @@ scc_reg_info registration(const session_options& options) {
     info.app_id = options.app_id;
     info.option = options.option;
     info.handlers.server_status = &on_status;
-    for (const command& each : commands())
-        for (const auto install : each.install) install(info.handlers);
-    if (options.notifications) install_notifications(info.handlers);
+    for (const command& each : commands()) {
+        for (const auto install : each.install) {
+            install(info.handlers);
+        }
+    }
+    if (options.notifications) {
+        install_notifications(info.handlers);
+    }
     return info;
 }
 
-// Registering sets the umask to 0 for the library's socket files; the tool's own files keep the user's.
+// Registration sets the umask to 0 for the library's socket files; the tool's own files need the user's.
 std::uint32_t register_with_umask_kept(const scc_reg_info& info) {
     const mode_t before = umask(0);
     const std::uint32_t result = scc_svr_reg(&info);
@@ -44,45 +49,68 @@ std::uint32_t register_with_umask_kept(const scc_reg_info& info) {
 }  // namespace
 
 bool session::start() {
-    if (std::getenv("TMPDIR") == nullptr) return fail("TMPDIR is not set: it names the daemon's directory");
+    if (std::getenv("TMPDIR") == nullptr) {
+        return fail("TMPDIR is not set: it names the daemon's directory");
+    }
     inbox::shared().clear();
     const scc_reg_info info = registration(options_);
     const std::uint32_t result = register_with_umask_kept(info);
-    if (result != 0) return fail(scc_strerror(static_cast<std::int32_t>(result)));
+    if (result != 0) {
+        return fail(scc_strerror(static_cast<std::int32_t>(result)));
+    }
     started_ = true;
     const auto until = deadline();
-    while (const auto arrived = inbox::shared().take(until))
-        if (arrived->what == event::kind::status && arrived->number == 1) return true;
+    while (const auto arrived = inbox::shared().take(until)) {
+        if (arrived->what == event::kind::status && arrived->number == 1) {
+            return true;
+        }
+    }
     return fail(fmt::format("not registered as app {} after {:.1f} s: no daemon in {}, or the id is taken",
                             options_.app_id, std::chrono::duration<double>(options_.timeout).count(),
                             std::getenv("TMPDIR")));
 }
 
 void session::stop() {
-    if (!started_) return;
+    if (!started_) {
+        return;
+    }
     started_ = false;
-    (void)scc_svr_unreg();  // the process ends next, and its connections with it
+    (void)scc_svr_unreg();  // the process is about to exit anyway
     book_.clear();
 }
 
 std::optional<event> session::wait_result(std::uint32_t call_id) {
-    if (auto found = early_.extract(call_id)) return std::move(found.mapped());
+    if (auto found = early_.extract(call_id)) {
+        return std::move(found.mapped());
+    }
     const auto until = deadline();
     while (auto arrived = wait_event(until)) {
-        if (arrived->what == event::kind::status && arrived->number == 0) return std::nullopt;
-        if (arrived->what != event::kind::result) continue;
-        if (arrived->call_id == call_id) return arrived;
+        if (arrived->what == event::kind::status && arrived->number == 0) {
+            return std::nullopt;
+        }
+        if (arrived->what != event::kind::result) {
+            continue;
+        }
+        if (arrived->call_id == call_id) {
+            return arrived;
+        }
         early_.insert_or_assign(arrived->call_id, std::move(*arrived));
     }
     return std::nullopt;
 }
 
 std::optional<event> session::wait_any_result() {
-    if (!early_.empty()) return std::move(early_.extract(early_.begin()).mapped());
+    if (!early_.empty()) {
+        return std::move(early_.extract(early_.begin()).mapped());
+    }
     const auto until = deadline();
     while (auto arrived = wait_event(until)) {
-        if (arrived->what == event::kind::status && arrived->number == 0) return std::nullopt;
-        if (arrived->what == event::kind::result) return arrived;
+        if (arrived->what == event::kind::status && arrived->number == 0) {
+            return std::nullopt;
+        }
+        if (arrived->what == event::kind::result) {
+            return arrived;
+        }
     }
     return std::nullopt;
 }

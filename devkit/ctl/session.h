@@ -1,6 +1,6 @@
-// One registration with the daemon, and waiting for what it sends.
+// One registration with the daemon, and the waits for its events.
 //
-// Used by the main thread alone; what arrives on the library's thread comes through the inbox.
+// Main thread only; events of the library's thread arrive through the inbox.
 #pragma once
 
 #include <chrono>
@@ -19,7 +19,7 @@ inline constexpr std::chrono::milliseconds default_timeout{5000};
 
 struct session_options {
     std::uint32_t app_id = default_app_id;
-    std::uint8_t option = 1;  // 1 keeps the ACL cache and lets it be read
+    std::uint8_t option = 1;  // 1 keeps an ACL cache that can be read
     std::chrono::milliseconds timeout = default_timeout;
     bool notifications = false;
 };
@@ -31,17 +31,17 @@ class session {
     session(const session&) = delete;
     session& operator=(const session&) = delete;
 
-    // Registers, and waits until the daemon has accepted. On failure problem() says why.
+    // Registers and waits for the daemon to accept. On failure problem() says why.
     [[nodiscard]] bool start();
     void stop();
 
-    // Waits for the result of a request. Nothing on a time-out or a lost connection.
+    // Waits for the result of a request. Empty on a time-out or a lost connection.
     [[nodiscard]] std::optional<event> wait_result(std::uint32_t call_id);
     // Waits for the next result of any request.
     [[nodiscard]] std::optional<event> wait_any_result();
-    // Waits for anything; results of forgotten requests included.
+    // Waits for any event, including results nobody waits for.
     [[nodiscard]] std::optional<event> wait_event(steady::time_point deadline);
-    // Lets requests without an answer leave the send buffer.
+    // Waits until unanswered requests have left the send buffer.
     void linger() const;
 
     [[nodiscard]] const std::string& problem() const { return problem_; }
@@ -56,7 +56,7 @@ class session {
     session_options options_;
     bool started_ = false;
     std::string problem_;
-    std::map<std::uint32_t, event> early_;  // results that arrived before they were waited for
+    std::map<std::uint32_t, event> early_;  // results that arrived before anyone waited for them
     acl_book book_;
 };
 

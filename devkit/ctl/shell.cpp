@@ -1,4 +1,4 @@
-// The commands that last: the shell, and watching notifications.
+// The long-running commands: the shell and the watch.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -13,7 +13,7 @@
 namespace scc::ctl {
 namespace {
 
-// How often a watch looks whether it was interrupted.
+// How often a watch checks for an interrupt.
 constexpr std::chrono::milliseconds interrupt_interval{200};
 
 volatile std::sig_atomic_t interrupted = 0;
@@ -30,10 +30,14 @@ json status_notification(std::uint32_t status) {
     return {{"notification", "server-status"}, {"status", status}};
 }
 
-// Prints one event and tells whether it counts as a notification.
+// Prints one event. Returns whether it counts as a notification.
 bool print_event(const event& arrived, const output_options& output) {
-    if (arrived.what == event::kind::status) print_notification(status_notification(arrived.number), output);
-    if (arrived.what == event::kind::notification) print_notification(arrived.notification, output);
+    if (arrived.what == event::kind::status) {
+        print_notification(status_notification(arrived.number), output);
+    }
+    if (arrived.what == event::kind::notification) {
+        print_notification(arrived.notification, output);
+    }
     return arrived.what == event::kind::notification;
 }
 
@@ -51,10 +55,14 @@ int run_watch(context& within, double seconds, std::uint64_t count) {
         std::uint64_t seen = 0;
         while (interrupted == 0 && (count == 0 || seen < count)) {
             const auto now = steady::now();
-            if (seconds > 0 && now >= until) return count == 0 ? exit_success : exit_unreachable;
+            if (seconds > 0 && now >= until) {
+                return count == 0 ? exit_success : exit_unreachable;
+            }
             const auto slice = now + interrupt_interval;
             const auto arrived = inbox::shared().take(seconds > 0 ? std::min(slice, until) : slice);
-            if (arrived && print_event(*arrived, within.output)) ++seen;
+            if (arrived && print_event(*arrived, within.output)) {
+                ++seen;
+            }
         }
         return exit_success;
     });
@@ -67,15 +75,18 @@ std::vector<std::string> shell_words(std::string_view line) {
     char quote = 0;
     for (const char c : line) {
         if (quote != 0) {
-            if (c == quote)
+            if (c == quote) {
                 quote = 0;
-            else
+            } else {
                 word += c;
+            }
         } else if (c == '"' || c == '\'') {
             quote = c;
             in_word = true;
         } else if (c == ' ' || c == '\t' || c == '\r') {
-            if (in_word) words.push_back(std::move(word));
+            if (in_word) {
+                words.push_back(std::move(word));
+            }
             word.clear();
             in_word = false;
         } else if (c == '#' && !in_word) {
@@ -85,8 +96,12 @@ std::vector<std::string> shell_words(std::string_view line) {
             in_word = true;
         }
     }
-    if (quote != 0) throw usage_error(fmt::format("the quote {} is not closed", quote));
-    if (in_word) words.push_back(std::move(word));
+    if (quote != 0) {
+        throw usage_error(fmt::format("the quote {} is not closed", quote));
+    }
+    if (in_word) {
+        words.push_back(std::move(word));
+    }
     return words;
 }
 
@@ -94,13 +109,13 @@ namespace {
 
 // One line of the shell.
 int run_line(const std::vector<std::string>& words, session& registered, const context& within) {
-    context each = within;  // options of one line do not reach the next
+    context each = within;  // a line's options do not affect the next line
     each.shared = &registered;
     each.app_given = false;
     return run_command_line(words, each);
 }
 
-// The words of a line; none, with the problem printed and the status set, when it cannot be split.
+// Splits a line into words. On failure prints the problem, sets the status and returns nothing.
 std::vector<std::string> words_of_line(const std::string& line, const context& within, int& worst) {
     try {
         return shell_words(line);
@@ -119,11 +134,19 @@ int run_shell(context& within) {
         int worst = exit_success;
         std::string line;
         while (true) {
-            if (prompts) fmt::print(stderr, "sccctl> ");
-            if (!std::getline(std::cin, line)) break;
+            if (prompts) {
+                fmt::print(stderr, "sccctl> ");
+            }
+            if (!std::getline(std::cin, line)) {
+                break;
+            }
             const auto words = words_of_line(line, within, worst);
-            if (words.empty()) continue;
-            if (words[0] == "exit" || words[0] == "quit") break;
+            if (words.empty()) {
+                continue;
+            }
+            if (words[0] == "exit" || words[0] == "quit") {
+                break;
+            }
             worst = std::max(worst, run_line(words, registered, within));
         }
         return worst;

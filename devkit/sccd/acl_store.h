@@ -1,5 +1,5 @@
-// The ACLs that applications have created: their ACEs in order of sequence number, where they are
-// applied, to which users they are bound, and the daemon's own counters.
+// The ACLs of the applications: their ACEs in sequence order, where they are applied, the users they are
+// bound to, and the daemon's counters.
 #pragma once
 
 #include <map>
@@ -11,61 +11,61 @@
 
 namespace scc::sccd {
 
-// Opaque bytes that name something: the entity an ACL is applied on, a user and its ACL.
-using Identity = std::string;
+// Opaque bytes that identify the entity an ACL is applied to, or a user and its ACL.
+using entity_key = std::string;
 
-struct Ace {
-    u64 serial = 0;  // tells ACEs apart whatever their numbers become
+struct ace_entry {
+    u64 serial = 0;  // identifies the ACE across renumbering
     u32 id = 0;
     u64 counter = 0;
-    devkit::Bytes record;  // 912 bytes; its sequence number follows every resequencing
+    devkit::byte_buffer record;  // 912 bytes; every resequencing updates its sequence number
 };
 
-struct Acl {
-    u64 serial = 0;  // tells an ACL from one created later under the same key
-    devkit::AclKey key;
-    devkit::Bytes creation;        // the request that created it, with the creator's pid and name
-    std::multimap<u32, Ace> aces;  // by sequence number; equal numbers in order of arrival
-    std::map<Identity, devkit::Bytes> applies;  // apply record by its entity
+struct acl_entry {
+    u64 serial = 0;  // distinguishes an ACL from a later one with the same key
+    devkit::acl_identity key;
+    devkit::byte_buffer creation;        // the creating request's value, with the creator's pid and name
+    std::multimap<u32, ace_entry> aces;  // by sequence number; equal numbers in order of arrival
+    std::map<entity_key, devkit::byte_buffer> applies;  // apply record by its entity
     u32 sn_start = 0;
     u32 sn_increment = 0;
     u64 counter = 0;
     u64 filter_counter = 0;
 };
 
-class AclStore {
+class acl_store {
   public:
-    using Acls = std::map<devkit::AclKey, Acl>;
+    using acl_map = std::map<devkit::acl_identity, acl_entry>;
 
     // `creation` is the whole value of the request.
-    Change create(const devkit::AclKey& key, devkit::View creation);
-    // The bindings of users to it go with it.
-    Change remove(const devkit::AclKey& key);
-    Change add_ace(const devkit::AclKey& key, devkit::View record);
-    Change remove_ace(const devkit::AclKey& key, devkit::View record);
-    Change apply(devkit::View record);
-    Change unapply(devkit::View record);
-    // Both numbers must be positive as signed numbers.
-    Change resequence(const devkit::AclKey& key, u32 start, u32 increment);
+    state_change create(const devkit::acl_identity& key, devkit::byte_view creation);
+    // Also unbinds the ACL's users.
+    state_change remove(const devkit::acl_identity& key);
+    state_change add_ace(const devkit::acl_identity& key, devkit::byte_view record);
+    state_change remove_ace(const devkit::acl_identity& key, devkit::byte_view record);
+    state_change apply(devkit::byte_view record);
+    state_change unapply(devkit::byte_view record);
+    // Both numbers must be positive as signed integers.
+    state_change resequence(const devkit::acl_identity& key, u32 start, u32 increment);
 
-    Change bind_user(devkit::View record);
-    Change unbind_user(devkit::View record);
-    void unbind_all_users(const devkit::AclKey& key);
+    state_change bind_user(devkit::byte_view record);
+    state_change unbind_user(devkit::byte_view record);
+    void unbind_all_users(const devkit::acl_identity& key);
 
-    [[nodiscard]] const Acl* find(const devkit::AclKey& key) const;
-    [[nodiscard]] Acl* find(const devkit::AclKey& key);
+    [[nodiscard]] const acl_entry* find(const devkit::acl_identity& key) const;
+    [[nodiscard]] acl_entry* find(const devkit::acl_identity& key);
     // The first ACE whose sequence number or id is `number`; null if there is none.
-    [[nodiscard]] static Ace* find_ace(Acl& acl, u64 number);
-    [[nodiscard]] const Acls& acls() const { return acls_; }
+    [[nodiscard]] static ace_entry* find_ace(acl_entry& acl, u64 number);
+    [[nodiscard]] const acl_map& acls() const { return acls_; }
     [[nodiscard]] std::size_t bound_users() const { return user_acls_.size(); }
 
   private:
-    using UserAcls = std::map<Identity, devkit::Bytes>;  // user ACL record by user and key
+    using user_acl_map = std::map<entity_key, devkit::byte_buffer>;  // user ACL record by user and key
 
-    [[nodiscard]] UserAcls bindings_of(const devkit::AclKey& key) const;
+    [[nodiscard]] user_acl_map bindings_of(const devkit::acl_identity& key) const;
 
-    Acls acls_;
-    UserAcls user_acls_;
+    acl_map acls_;
+    user_acl_map user_acls_;
     u64 last_serial_ = 0;
 };
 

@@ -1,5 +1,5 @@
-// A change of the daemon's state is made at once, so that the requests behind it in the same message
-// already see it, and taken back if the security service then fails to carry it out.
+// A change of the daemon's state takes effect immediately, so that the following requests of the same
+// message see it. It is undone if the security service fails to carry it out.
 #pragma once
 
 #include <functional>
@@ -9,12 +9,12 @@
 
 namespace scc::sccd {
 
-struct Change {
-    u32 result = 0;              // not 0: nothing was changed
+struct state_change {
+    u32 result = 0;              // if not 0, nothing was changed
     std::function<void()> undo;  // may be empty
 
-    static Change refused(u32 result) { return {result, {}}; }
-    static Change made(std::function<void()> undo = {}) { return {0, std::move(undo)}; }
+    static state_change refused(u32 result) { return {result, {}}; }
+    static state_change made(std::function<void()> undo = {}) { return {0, std::move(undo)}; }
 };
 
 namespace result {

@@ -1,6 +1,6 @@
-// The clients' sockets: accepts them, cuts what they send into items, registers them (301, 302) and
-// sends items to them. Items for an asynchronous socket are collected and leave together, as one
-// message or several large ones, when the message that caused them has been worked off.
+// The clients' sockets: accepts them, splits their input into items, registers them (301, 302) and sends
+// items to them. Items for an asynchronous socket are collected while a received message is processed and
+// then sent together, in as few messages as possible.
 #pragma once
 
 #include <functional>
@@ -17,62 +17,63 @@
 
 namespace scc::sccd {
 
-class Clients {
+class client_sockets {
   public:
-    struct Hooks {
-        std::function<void(const Client&, const devkit::Item&)> item;  // anything but 301 and 302
-        std::function<void(const Client&)> ready;                      // both sockets are registered
-        std::function<void(const Client&)> gone;                       // a registration has ended
+    struct client_hooks {
+        std::function<void(const client_entry&, const devkit::wire_item&)> item;  // anything but 301 and 302
+        std::function<void(const client_entry&)> ready;  // both sockets are registered
+        std::function<void(const client_entry&)> gone;   // a registration has ended
     };
 
-    Clients(EventLoop& loop, const Trace& trace, Faults& faults)
+    client_sockets(event_loop& loop, const trace_log& trace, ordered_faults& faults)
         : loop_(loop), trace_(trace), faults_(faults) {}
 
-    void set_hooks(Hooks hooks) { hooks_ = std::move(hooks); }
-    // Takes over a connected descriptor.
+    void set_hooks(client_hooks hooks) { hooks_ = std::move(hooks); }
+    // Takes ownership of a connected descriptor.
     void accept(int descriptor);
 
-    // Sends to clients that are gone, or not registered on that socket, are dropped with a note.
-    void send_async(ClientId client, u16 sub_id, u16 type, devkit::View value);
-    void send_sync(ClientId client, u16 type, devkit::View value);
+    // An item for a client that is gone or not registered on that socket is dropped, with a note in the
+    // trace.
+    void send_async(client_id client, u16 sub_id, u16 type, devkit::byte_view value);
+    void send_sync(client_id client, u16 type, devkit::byte_view value);
     void flush();
 
-    [[nodiscard]] Registry& registry() { return registry_; }
+    [[nodiscard]] client_registry& registry() { return registry_; }
 
   private:
-    struct Peer {
-        PeerId id = 0;
-        std::unique_ptr<Stream> stream;
-        ClientId client = 0;  // 0 = not registered
+    struct peer_socket {
+        peer_id id = 0;
+        std::unique_ptr<socket_stream> stream;
+        client_id client = 0;  // 0: not registered
         bool sync = false;
-        devkit::MessageBuilder batch;
+        devkit::message_builder batch;
     };
 
-    void input(Peer& peer);
-    void closed(PeerId id);
-    void take_item(Peer& peer, const devkit::Item& item);
-    void take_registration(Peer& peer, const devkit::Item& item);
-    void take_unregistration(Peer& peer, const devkit::Item& item);
-    [[nodiscard]] u32 refusal(const Registration& registration, u32& owner_pid);
-    void drop_if_outlived(const Registration& registration);
-    void end_registration(ClientId client, bool close_sockets);
-    void send_now(Peer& peer, u16 type, devkit::View value);
-    void flush_peer(Peer& peer);
-    [[nodiscard]] Peer* find(PeerId id);
-    [[nodiscard]] bool reachable(PeerId id);
-    void trace_received(const Peer& peer, const devkit::Item& item);
-    void trace_sent(const Peer& peer, const devkit::Item& item);
-    [[nodiscard]] u32 app_of(const Peer& peer);
-    [[nodiscard]] static std::string_view socket_name(const Peer& peer);
+    void input(peer_socket& peer);
+    void closed(peer_id id);
+    void take_item(peer_socket& peer, const devkit::wire_item& item);
+    void take_registration(peer_socket& peer, const devkit::wire_item& item);
+    void take_unregistration(peer_socket& peer, const devkit::wire_item& item);
+    [[nodiscard]] u32 refusal(const client_registration& registration, u32& owner_pid);
+    void drop_if_outlived(const client_registration& registration);
+    void end_registration(client_id client, bool close_sockets);
+    void send_now(peer_socket& peer, u16 type, devkit::byte_view value);
+    void flush_peer(peer_socket& peer);
+    [[nodiscard]] peer_socket* find(peer_id id);
+    [[nodiscard]] bool reachable(peer_id id);
+    void trace_received(const peer_socket& peer, const devkit::wire_item& item);
+    void trace_sent(const peer_socket& peer, const devkit::wire_item& item);
+    [[nodiscard]] u32 app_of(const peer_socket& peer);
+    [[nodiscard]] static std::string_view socket_name(const peer_socket& peer);
 
-    EventLoop& loop_;
-    const Trace& trace_;
-    Faults& faults_;
-    Hooks hooks_;
-    Registry registry_;
-    std::unordered_map<PeerId, std::unique_ptr<Peer>> peers_;
-    PeerId last_peer_id_ = 0;
-    std::vector<PeerId> with_batch_;
+    event_loop& loop_;
+    const trace_log& trace_;
+    ordered_faults& faults_;
+    client_hooks hooks_;
+    client_registry registry_;
+    std::unordered_map<peer_id, std::unique_ptr<peer_socket>> peers_;
+    peer_id last_peer_id_ = 0;
+    std::vector<peer_id> with_batch_;
 };
 
 }  // namespace scc::sccd

@@ -1,38 +1,40 @@
 // The control socket: one JSON request per line, one JSON reply per line, in the order of the
-// requests. The commands are described in common/control.h. Only root and the daemon's own user are
-// obeyed; the requests of others are refused.
+// requests. common/control.h describes the commands. Only root and the daemon's own user are obeyed; the
+// requests of others are refused.
 #pragma once
 
 #include <memory>
 #include <string>
 #include <unordered_map>
 
-#include "sccd/daemon.h"
+#include "sccd/daemon_core.h"
 #include "sccd/json_fields.h"
+#include "sccd/listener.h"
+#include "sccd/stream.h"
 
 namespace scc::sccd {
 
-class ControlServer {
+class control_server {
   public:
-    ControlServer(Daemon& daemon, const std::string& path);
+    control_server(daemon_core& daemon, const std::string& path);
 
   private:
-    struct Session {
+    struct control_session {
         u64 id = 0;
-        std::unique_ptr<Stream> stream;
+        std::unique_ptr<socket_stream> stream;
         bool may_command = false;
-        bool waiting = false;  // for an answer from elsewhere; later lines wait too
+        bool waiting = false;  // for an answer; later lines wait until then
     };
 
     void accept(int descriptor);
-    void take_lines(Session& session);
-    void take_line(Session& session, const std::string& line);
-    void reply(u64 session, const Json& answer);
+    void take_lines(control_session& session);
+    void take_line(control_session& session, const std::string& line);
+    void reply(u64 session, const json& answer);
 
-    Daemon& daemon_;
-    std::unordered_map<u64, std::unique_ptr<Session>> sessions_;
+    daemon_core& daemon_;
+    std::unordered_map<u64, std::unique_ptr<control_session>> sessions_;
     u64 last_session_ = 0;
-    Listener listener_;
+    socket_listener listener_;
 };
 
 }  // namespace scc::sccd

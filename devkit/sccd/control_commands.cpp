@@ -13,8 +13,8 @@
 namespace scc::sccd {
 namespace {
 
-using devkit::Bytes;
-using devkit::View;
+using devkit::byte_buffer;
+using devkit::byte_view;
 
 constexpr u32 probe_timeout_ms = 5000;
 constexpr std::size_t debug_bytes = 52;
@@ -22,56 +22,62 @@ constexpr u32 debug_switch = 1;
 constexpr u32 debug_show_command = 3;
 constexpr std::size_t statistics_entry_bytes = 24;
 
-struct Call {
-    Daemon& daemon;
-    JsonFields& fields;
-    const Json& request;
-    const ControlReply& reply;
+struct command_call {
+    daemon_core& daemon;
+    json_fields& fields;
+    const json& request;
+    const control_reply& reply;
 };
 
-// What the entries of an application's call statistics count.
+// The names of the entries of an application's call statistics.
 constexpr std::array<std::string_view, 13> statistics_names = {
     "acl-create",     "acl-delete",    "ace-add",         "ace-delete", "acl-apply",
     "acl-unapply",    "nac-user-add",  "nac-user-delete", "user-added", "user-deleted",
     "noflow-offline", "d1x-addr-move", "data-recover"};
 
-Json success() {
+json success() {
     return {{"ok", true}};
 }
 
-Json nobody(u32 app_id) {
+json nobody(u32 app_id) {
     return control_failure(fmt::format("no application {} is registered", app_id));
 }
 
-// Fails the call when a field could not be read.
-bool understood(const Call& call) {
-    if (call.fields.problem().empty()) return true;
+// Fails the call if a field could not be read.
+bool understood(const command_call& call) {
+    if (call.fields.problem().empty()) {
+        return true;
+    }
     call.reply(control_failure(call.fields.problem()));
     return false;
 }
 
-// Sends to one application or the service, or (0) to every application; fails when nobody is there.
-void send_to(const Call& call, u32 app_id, u16 sub_id, u16 type, View value) {
-    if (!understood(call)) return;
+// Sends to one client, or to every application if app_id is 0. Fails if that client is not registered.
+void send_to(const command_call& call, u32 app_id, u16 sub_id, u16 type, byte_view value) {
+    if (!understood(call)) {
+        return;
+    }
     if (app_id == 0) {
-        const std::vector<Client> applications = call.daemon.clients.registry().applications();
-        for (const Client& client : applications) {
+        const std::vector<client_entry> applications = call.daemon.clients.registry().applications();
+        for (const client_entry& client : applications) {
             call.daemon.clients.send_async(client.id, sub_id, type, value);
         }
-        Json answer = success();
+        json answer = success();
         answer["sent"] = applications.size();
         return call.reply(answer);
     }
-    const Client* const client = call.daemon.clients.registry().find_app(app_id);
-    if (client == nullptr || client->async == 0) return call.reply(nobody(app_id));
+    const client_entry* const client = call.daemon.clients.registry().find_app(app_id);
+    if (client == nullptr || client->async == 0) {
+        return call.reply(nobody(app_id));
+    }
     call.daemon.clients.send_async(client->id, sub_id, type, value);
-    Json answer = success();
+    json answer = success();
     answer["sent"] = 1;
     call.reply(answer);
 }
 
-void clients(const Call& call) {
-    Json list = Json::array();
+void clients(const command_call& call) {
+    json list = json::array();
     for (const auto& [app_id, client] : call.daemon.clients.registry().by_app()) {
         list.push_back({{"app", app_id},
                         {"pid", client.pid},
@@ -79,37 +85,41 @@ void clients(const Call& call) {
                         {"sync", client.sync != 0},
                         {"async", client.async != 0}});
     }
-    Json answer = success();
+    json answer = success();
     answer["clients"] = list;
     call.reply(answer);
 }
 
-void notify(const Call& call) {
-    const Bytes value = call.fields.hex("hex");
+void notify(const command_call& call) {
+    const byte_buffer value = call.fields.hex("hex");
     const u16 type = call.fields.number16("type");
     const u16 sub_id = call.fields.number16("sub");
     send_to(call, call.fields.number32("to"), sub_id, type, value);
 }
 
-void notify_named(const Call& call) {
+void notify_named(const command_call& call) {
     const std::string name = call.fields.text("name");
     const u32 to = call.fields.number32("to");
-    if (!understood(call)) return;
+    if (!understood(call)) {
+        return;
+    }
     std::string problem;
-    const std::optional<Notification> notification = named_notification(name, call.request, problem);
-    if (!notification) return call.reply(control_failure(problem));
+    const std::optional<notification_item> notification = named_notification(name, call.request, problem);
+    if (!notification) {
+        return call.reply(control_failure(problem));
+    }
     send_to(call, to, 0, notification->type, notification->value);
 }
 
-void debug(const Call& call) {
-    Bytes value(debug_bytes, 0);
+void debug(const command_call& call) {
+    byte_buffer value(debug_bytes, 0);
     devkit::write_at(value, 24, call.fields.flag("open") ? 1u : 0u);
     devkit::write_at(value, 32, debug_switch);
     send_to(call, call.fields.number32("app"), 0, msg::debug, value);
 }
 
-void debug_show(const Call& call) {
-    Bytes value(debug_bytes, 0);
+void debug_show(const command_call& call) {
+    byte_buffer value(debug_bytes, 0);
     devkit::write_at(value, 32, debug_show_command);
     devkit::write_at(value, 36, call.fields.number32("mode"));
     devkit::write_at(value, 40, call.fields.number32("vdev"));
@@ -118,14 +128,14 @@ void debug_show(const Call& call) {
     send_to(call, call.fields.number32("app"), 0, msg::debug, value);
 }
 
-void debug_dump_service(const Call& call) {
-    Bytes value(debug_bytes, 0);
+void debug_dump_service(const command_call& call) {
+    byte_buffer value(debug_bytes, 0);
     devkit::write_at(value, 32, debug_show_command);
     send_to(call, limits::service_app_id, 0, msg::debug, value);
 }
 
-Json statistics(View answer) {
-    Json entries = Json::array();
+json statistics(byte_view answer) {
+    json entries = json::array();
     const u32 count = devkit::u32_at(answer, 4);
     for (std::size_t offset = 8; offset + statistics_entry_bytes <= answer.size() && entries.size() < count;
          offset += statistics_entry_bytes) {
@@ -141,62 +151,78 @@ Json statistics(View answer) {
     return entries;
 }
 
-void ask(const Call& call, u16 type) {
+void ask(const command_call& call, u16 type) {
     const u32 app_id = call.fields.number32("app");
     const u32 limit_ms = call.fields.number32("timeout_ms", probe_timeout_ms);
-    if (!understood(call)) return;
-    const Client* const client = call.daemon.clients.registry().find_app(app_id);
-    if (client == nullptr || !client->complete()) return call.reply(nobody(app_id));
+    if (!understood(call)) {
+        return;
+    }
+    const client_entry* const client = call.daemon.clients.registry().find_app(app_id);
+    if (client == nullptr || !client->complete()) {
+        return call.reply(nobody(app_id));
+    }
     call.daemon.probe(client->id, type, std::chrono::milliseconds(limit_ms),
-                      [reply = call.reply, type, app_id](std::optional<View> answer) {
+                      [reply = call.reply, type, app_id](std::optional<byte_view> answer) {
                           if (!answer) {
-                              Json failure =
+                              json failure =
                                   control_failure(fmt::format("application {} has not answered", app_id));
                               failure["unreachable"] = true;
                               return reply(failure);
                           }
-                          Json result = success();
+                          json result = success();
                           result["app"] = devkit::u32_at(*answer, 0);
-                          if (type == msg::info_collect) result["entries"] = statistics(*answer);
+                          if (type == msg::info_collect) {
+                              result["entries"] = statistics(*answer);
+                          }
                           reply(result);
                       });
 }
 
-void alive(const Call& call) {
+void alive(const command_call& call) {
     ask(call, msg::is_alive);
 }
-void stats(const Call& call) {
+void stats(const command_call& call) {
     ask(call, msg::info_collect);
 }
 
-void capability(const Call& call) {
-    Bytes value(8, 0);
+void capability(const command_call& call) {
+    byte_buffer value(8, 0);
     devkit::write_at(value, 0, call.fields.number("word"));
     send_to(call, call.fields.number32("to"), 0, msg::dev_cap, value);
 }
 
-void fail_next(const Call& call) {
+void fail_next(const command_call& call) {
     const u16 type = call.fields.number16("type");
     const u32 result = call.fields.number32("result");
     const u32 count = call.fields.number32("count", 1);
-    if (count == 0) call.fields.refuse("count", "must not be 0");
-    if (!understood(call)) return;
+    if (count == 0) {
+        call.fields.refuse("count", "must not be 0");
+    }
+    if (!understood(call)) {
+        return;
+    }
     call.daemon.faults.fail_next(type, result, count);
     call.reply(success());
 }
 
-void mute(const Call& call) {
+void mute(const command_call& call) {
     const u16 type = call.fields.number16("type");
     const u32 count = call.fields.number32("count", 1);
-    if (count == 0) call.fields.refuse("count", "must not be 0");
-    if (!understood(call)) return;
+    if (count == 0) {
+        call.fields.refuse("count", "must not be 0");
+    }
+    if (!understood(call)) {
+        return;
+    }
     call.daemon.faults.mute(type, count);
     call.reply(success());
 }
 
-void unmute(const Call& call) {
+void unmute(const command_call& call) {
     const u16 type = call.fields.number16("type");
-    if (!understood(call)) return;
+    if (!understood(call)) {
+        return;
+    }
     if (call.fields.has("type")) {
         call.daemon.faults.unmute(type);
     } else {
@@ -205,68 +231,82 @@ void unmute(const Call& call) {
     call.reply(success());
 }
 
-void dump(const Call& call, std::string_view name, Json content) {
-    Json answer = success();
+void dump(const command_call& call, std::string_view name, json content) {
+    json answer = success();
     answer[std::string(name)] = std::move(content);
     call.reply(answer);
 }
 
-void acls(const Call& call) {
+void acls(const command_call& call) {
     dump(call, "acls", dump_acls(call.daemon.acls));
 }
-void settings(const Call& call) {
+void settings(const command_call& call) {
     dump(call, "settings", dump_settings(call.daemon.settings));
 }
 
-void users(const Call& call) {
-    Json answer = success();
+void users(const command_call& call) {
+    json answer = success();
     answer["users"] = dump_users(call.daemon.users.users());
     answer["arp_entries"] = dump_users(call.daemon.users.arp_entries());
     call.reply(answer);
 }
 
-void set_counters(const Call& call) {
-    const devkit::AclKey key{call.fields.number32("vdev"), call.fields.number32("type"),
-                             call.fields.number32("id"), 0};
+void set_counters(const command_call& call) {
+    const devkit::acl_identity key{call.fields.number32("vdev"), call.fields.number32("type"),
+                                   call.fields.number32("id"), 0};
     const u64 counter = call.fields.number("acl");
     const u64 filter = call.fields.number("filter");
     const u64 ace_number = call.fields.number("sn");
     const u64 ace_counter = call.fields.number("ace");
-    if (!understood(call)) return;
-    Acl* const acl = call.daemon.acls.find(key);
-    if (acl == nullptr) return call.reply(control_failure("no such ACL"));
-    Ace* const ace = call.fields.has("ace") ? AclStore::find_ace(*acl, ace_number) : nullptr;
-    if (call.fields.has("ace") && ace == nullptr) return call.reply(control_failure("no such ACE"));
-    if (call.fields.has("acl")) acl->counter = counter;
-    if (call.fields.has("filter")) acl->filter_counter = filter;
-    if (ace != nullptr) ace->counter = ace_counter;
+    if (!understood(call)) {
+        return;
+    }
+    acl_entry* const acl = call.daemon.acls.find(key);
+    if (acl == nullptr) {
+        return call.reply(control_failure("no such ACL"));
+    }
+    ace_entry* const ace = call.fields.has("ace") ? acl_store::find_ace(*acl, ace_number) : nullptr;
+    if (call.fields.has("ace") && ace == nullptr) {
+        return call.reply(control_failure("no such ACE"));
+    }
+    if (call.fields.has("acl")) {
+        acl->counter = counter;
+    }
+    if (call.fields.has("filter")) {
+        acl->filter_counter = filter;
+    }
+    if (ace != nullptr) {
+        ace->counter = ace_counter;
+    }
     call.reply(success());
 }
 
-void counters(const Call& call) {
-    if (call.fields.has("id")) return set_counters(call);
+void counters(const command_call& call) {
+    if (call.fields.has("id")) {
+        return set_counters(call);
+    }
     dump(call, "counters", dump_counters(call.daemon.acls));
 }
 
-void quit(const Call& call) {
+void quit(const command_call& call) {
     call.reply(success());
     call.daemon.loop.stop();
 }
 
-using Words = std::vector<std::string_view>;
+using word_list = std::vector<std::string_view>;
 
-struct Row {
+struct command_row {
     std::string_view name;
-    void (*run)(const Call&) = nullptr;
-    Words required{};
-    Words optional{};
-    bool knows_its_fields = false;  // the command itself refuses fields that it does not know
+    void (*run)(const command_call&) = nullptr;
+    word_list required{};
+    word_list optional{};
+    bool knows_its_fields = false;  // the command itself refuses unknown fields
 };
 
 namespace names = devkit::control;
 
-const std::array<Row, names::commands.size()>& rows() {
-    static const std::array<Row, names::commands.size()> table{{
+const std::array<command_row, names::commands.size()>& rows() {
+    static const std::array<command_row, names::commands.size()> table{{
         {names::clients, clients},
         {names::notify, notify, {"type"}, {"to", "hex", "sub"}},
         {names::notify_named, notify_named, {"name"}, {"to"}, true},
@@ -288,34 +328,40 @@ const std::array<Row, names::commands.size()>& rows() {
     return table;
 }
 
-// Why the request's fields are not those of the command; empty when they are.
-std::string problem_with_fields(const Row& row, const Json& request) {
+// What is wrong with the request's fields; empty if nothing is.
+std::string problem_with_fields(const command_row& row, const json& request) {
     for (const std::string_view name : row.required) {
-        if (!request.contains(name)) return fmt::format("{} is missing", name);
+        if (!request.contains(name)) {
+            return fmt::format("{} is missing", name);
+        }
     }
-    if (row.knows_its_fields) return {};
-    Words known = row.required;
+    if (row.knows_its_fields) {
+        return {};
+    }
+    word_list known = row.required;
     known.insert(known.end(), row.optional.begin(), row.optional.end());
     return unexpected_field(row.name, request, {"do"}, known);
 }
 
 }  // namespace
 
-Json control_failure(const std::string& error) {
+json control_failure(const std::string& error) {
     return {{"ok", false}, {"error", error}};
 }
 
-void run_control_command(Daemon& daemon, const Json& request, const ControlReply& reply) {
-    JsonFields fields(request);
+void run_control_command(daemon_core& daemon, const json& request, const control_reply& reply) {
+    json_fields fields(request);
     const std::string name = fields.text("do");
-    const auto row =
-        std::find_if(rows().begin(), rows().end(), [&name](const Row& each) { return each.name == name; });
+    const auto row = std::find_if(rows().begin(), rows().end(),
+                                  [&name](const command_row& each) { return each.name == name; });
     if (row == rows().end()) {
         return reply(control_failure(
             fmt::format("no command '{}'; there are {}", name, fmt::join(names::commands, ", "))));
     }
     const std::string problem = problem_with_fields(*row, request);
-    if (!problem.empty()) return reply(control_failure(problem));
+    if (!problem.empty()) {
+        return reply(control_failure(problem));
+    }
     row->run({daemon, fields, request, reply});
 }
 

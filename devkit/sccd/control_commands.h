@@ -3,16 +3,16 @@
 
 #include <functional>
 
-#include "sccd/daemon.h"
+#include "sccd/daemon_core.h"
 #include "sccd/json_fields.h"
 
 namespace scc::sccd {
 
-using ControlReply = std::function<void(const Json&)>;
+using control_reply = std::function<void(const json&)>;
 
-[[nodiscard]] Json control_failure(const std::string& error);
+[[nodiscard]] json control_failure(const std::string& error);
 
-// Calls `reply` exactly once, at once or when an application has answered.
-void run_control_command(Daemon& daemon, const Json& request, const ControlReply& reply);
+// Calls `reply` exactly once, immediately or when an application has answered.
+void run_control_command(daemon_core& daemon, const json& request, const control_reply& reply);
 
 }  // namespace scc::sccd

@@ -1,95 +1,40 @@
-// The daemon's parts put together, and what they all use to answer a request. One thread.
+// The daemon as a process: its listening sockets, its signals and the dispatch of received items. One
+// thread.
 #pragma once
 
 #include <chrono>
-#include <functional>
-#include <list>
-#include <memory>
-#include <optional>
 #include <string>
 
-#include "sccd/acl_store.h"
-#include "sccd/clients.h"
-#include "sccd/faults.h"
+#include "sccd/control.h"
+#include "sccd/daemon_core.h"
 #include "sccd/listener.h"
-#include "sccd/service_bridge.h"
-#include "sccd/settings.h"
-#include "sccd/user_store.h"
 
 namespace scc::sccd {
 
-class ControlServer;
-
-struct Options {
+struct daemon_options {
     std::string directory;  // holds the sockets
     bool trace = false;
     std::chrono::milliseconds service_timeout{5000};
 };
 
-// What is kept of a request that is answered later, when its value is gone.
-struct Ticket {
-    ClientId client = 0;
-    u32 call_id = 0;
-    const devkit::MessageType* type = nullptr;
-};
-
-// A question put to an application: alive (319) or its statistics (318).
-struct Probe {
-    ClientId client = 0;
-    u16 type = 0;
-    std::function<void(std::optional<devkit::View> answer)> answered;  // nullopt: none came
-    EventLoop::TimerId timer;
-};
-
-class Daemon {
+class development_daemon {
   public:
-    // Takes the sockets into use; throws std::runtime_error.
-    explicit Daemon(const Options& options);
-    ~Daemon();
+    // Creates the sockets. Throws std::runtime_error.
+    explicit development_daemon(const daemon_options& options);
+    ~development_daemon();
+    development_daemon(const development_daemon&) = delete;
+    development_daemon& operator=(const development_daemon&) = delete;
 
-    // Until SIGTERM, SIGINT or a control command ends it.
-    void run();
-
-    // The answer of a request without content of its own: a 401 result, or the reply of its type
-    // that says `result` and nothing else.
-    void answer(const Ticket& ticket, u32 result);
-    // The synchronous reply of the request's reply type.
-    void reply(const Ticket& ticket, devkit::View value);
-    // Makes the service carry a change out and answers when it has; without a service at once.
-    void carry_out(const Ticket& ticket, Change change, std::vector<Operation> operations,
-                   std::function<void()> succeeded = {});
-    // Sends everything that the service had been given.
-    void recover_service();
-    // The service asks for that. A recovery that it has not begun yet is what it asks for: a service that
-    // returns is given its state at once, so that no later operation finds it without, and asks as well.
-    void fetch();
-    // An item for every registered application but one (0 = for all of them).
-    void notify_applications(u16 type, devkit::View value, ClientId except = 0);
-
-    void probe(ClientId client, u16 type, std::chrono::milliseconds limit,
-               std::function<void(std::optional<devkit::View>)> answered);
-    void take_probe_answer(const Client& client, const devkit::Item& item);
-
-    EventLoop loop;
-    Trace trace;
-    Faults faults;
-    AclStore acls;
-    UserStore users;
-    Settings settings;
-    Clients clients;
-    ServiceBridge bridge;
+    // Returns after SIGTERM, SIGINT or the control command that ends the daemon.
+    void run() { core_.loop.run(); }
 
   private:
-    void take_item(const Client& client, const devkit::Item& item);
-    void client_ready(const Client& client);
-    void client_gone(const Client& client);
-    void watch_signals();
+    void take_item(const client_entry& client, const devkit::wire_item& item);
 
-    bool recovery_is_coming_ = false;  // sent, and its start is not answered yet
-    std::list<Probe> probes_;
-    int signals_ = -1;
-    std::unique_ptr<Listener> listener_;
-    std::unique_ptr<ControlServer> control_;
+    daemon_core core_;
+    int signals_;  // blocked before the sockets exist, so that a signal never leaves them on the disk
+    socket_listener listener_;
+    control_server control_;
 };
 
 }  // namespace scc::sccd

@@ -23,53 +23,57 @@ epoll_event event_of(std::uint32_t events, std::uint64_t id) {
 
 }  // namespace
 
-EventLoop::EventLoop() : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
-    if (epoll_ < 0) throw std::system_error(errno, std::generic_category(), "epoll_create1");
+event_loop::event_loop() : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
+    if (epoll_ < 0) {
+        throw std::system_error(errno, std::generic_category(), "epoll_create1");
+    }
 }
 
-EventLoop::~EventLoop() {
+event_loop::~event_loop() {
     ::close(epoll_);
 }
 
-EventLoop::WatchId EventLoop::watch(int descriptor, std::uint32_t events, Ready ready) {
-    const WatchId id = ++last_id_;
+event_loop::watch_id event_loop::watch(int descriptor, std::uint32_t events, ready_handler ready) {
+    const watch_id id = ++last_id_;
     epoll_event event = event_of(events, id);
     if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) != 0) {
         throw std::system_error(errno, std::generic_category(), "epoll_ctl");
     }
-    watches_.emplace(id, std::make_shared<Ready>(std::move(ready)));
+    watches_.emplace(id, std::make_shared<ready_handler>(std::move(ready)));
     return id;
 }
 
-void EventLoop::change(WatchId watch, int descriptor, std::uint32_t events) {
+void event_loop::change(watch_id watch, int descriptor, std::uint32_t events) {
     epoll_event event = event_of(events, watch);
     ::epoll_ctl(epoll_, EPOLL_CTL_MOD, descriptor, &event);
 }
 
-void EventLoop::unwatch(WatchId watch, int descriptor) {
+void event_loop::unwatch(watch_id watch, int descriptor) {
     watches_.erase(watch);
     ::epoll_ctl(epoll_, EPOLL_CTL_DEL, descriptor, nullptr);
 }
 
-EventLoop::TimerId EventLoop::after(std::chrono::milliseconds delay, Action action) {
-    const TimerId timer{Clock::now() + delay, ++last_id_};
+event_loop::timer_id event_loop::after(std::chrono::milliseconds delay, loop_action action) {
+    const timer_id timer{clock::now() + delay, ++last_id_};
     timers_.emplace(timer, std::move(action));
     return timer;
 }
 
-void EventLoop::run() {
+void event_loop::run() {
     running_ = true;
     std::array<epoll_event, events_max> events{};
     while (running_) {
         const int count = ::epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), wait_ms());
         for (int index = 0; index < count && running_; ++index) {
-            // Copied out: the kernel's record is packed, and find() takes a reference.
-            const WatchId id = events[static_cast<std::size_t>(index)].data.u64;
+            // A copy, since the kernel's record is packed and find() takes a reference.
+            const watch_id id = events[static_cast<std::size_t>(index)].data.u64;
             const std::uint32_t what = events[static_cast<std::size_t>(index)].events;
-            // A watch that ended earlier in this turn is no longer found; its event is void.
+            // A watch that ended earlier in this turn is not found; its event is ignored.
             const auto watch = watches_.find(id);
-            if (watch == watches_.end()) continue;
-            const std::shared_ptr<Ready> ready = watch->second;
+            if (watch == watches_.end()) {
+                continue;
+            }
+            const std::shared_ptr<ready_handler> ready = watch->second;
             (*ready)(what);
         }
         run_timers();
@@ -77,27 +81,33 @@ void EventLoop::run() {
     }
 }
 
-int EventLoop::wait_ms() const {
-    if (!deferred_.empty()) return 0;
-    if (timers_.empty()) return -1;
+int event_loop::wait_ms() const {
+    if (!deferred_.empty()) {
+        return 0;
+    }
+    if (timers_.empty()) {
+        return -1;
+    }
     const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first.first - Clock::now());
+        std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first.first - clock::now());
     return static_cast<int>(std::clamp(left, std::chrono::milliseconds{0}, wait_max).count());
 }
 
-void EventLoop::run_timers() {
-    const Clock::time_point now = Clock::now();
+void event_loop::run_timers() {
+    const clock::time_point now = clock::now();
     while (!timers_.empty() && timers_.begin()->first.first <= now) {
         auto timer = timers_.extract(timers_.begin());
         timer.mapped()();
     }
 }
 
-void EventLoop::run_deferred() {
+void event_loop::run_deferred() {
     while (!deferred_.empty()) {
-        std::vector<Action> actions = std::move(deferred_);
+        std::vector<loop_action> actions = std::move(deferred_);
         deferred_.clear();
-        for (Action& action : actions) action();
+        for (loop_action& action : actions) {
+            action();
+        }
     }
 }
 

@@ -1,5 +1,5 @@
-// One epoll loop for the whole daemon: watched descriptors, timers and work put off to the end of a
-// turn. Everything runs on the thread that calls run(); nothing here may be called from another.
+// The daemon's epoll loop: watched descriptors, timers, and actions deferred to the end of a turn.
+// Everything runs on the thread that calls run(); no other thread may call in.
 #pragma once
 
 #include <chrono>
@@ -13,29 +13,29 @@
 
 namespace scc::sccd {
 
-class EventLoop {
+class event_loop {
   public:
-    using Clock = std::chrono::steady_clock;
-    using Ready = std::function<void(std::uint32_t events)>;
-    using Action = std::function<void()>;
-    using WatchId = std::uint64_t;
-    using TimerId = std::pair<Clock::time_point, std::uint64_t>;
+    using clock = std::chrono::steady_clock;
+    using ready_handler = std::function<void(std::uint32_t events)>;
+    using loop_action = std::function<void()>;
+    using watch_id = std::uint64_t;
+    using timer_id = std::pair<clock::time_point, std::uint64_t>;
 
-    EventLoop();
-    ~EventLoop();
-    EventLoop(const EventLoop&) = delete;
-    EventLoop& operator=(const EventLoop&) = delete;
+    event_loop();
+    ~event_loop();
+    event_loop(const event_loop&) = delete;
+    event_loop& operator=(const event_loop&) = delete;
 
-    // Calls `ready` with the epoll events of `descriptor` until unwatch(); the descriptor stays the caller's.
-    WatchId watch(int descriptor, std::uint32_t events, Ready ready);
-    void change(WatchId watch, int descriptor, std::uint32_t events);
-    void unwatch(WatchId watch, int descriptor);
+    // Calls `ready` with the epoll events of `descriptor` until unwatch(). The caller keeps the descriptor.
+    watch_id watch(int descriptor, std::uint32_t events, ready_handler ready);
+    void change(watch_id watch, int descriptor, std::uint32_t events);
+    void unwatch(watch_id watch, int descriptor);
 
-    TimerId after(std::chrono::milliseconds delay, Action action);
-    void cancel(const TimerId& timer) { timers_.erase(timer); }
+    timer_id after(std::chrono::milliseconds delay, loop_action action);
+    void cancel(const timer_id& timer) { timers_.erase(timer); }
 
-    // Runs `action` once everything of the current turn is done.
-    void defer(Action action) { deferred_.push_back(std::move(action)); }
+    // Runs `action` at the end of the current turn.
+    void defer(loop_action action) { deferred_.push_back(std::move(action)); }
 
     void run();
     void stop() { running_ = false; }
@@ -48,9 +48,9 @@ class EventLoop {
     int epoll_;
     bool running_ = false;
     std::uint64_t last_id_ = 0;
-    std::unordered_map<WatchId, std::shared_ptr<Ready>> watches_;
-    std::map<TimerId, Action> timers_;
-    std::vector<Action> deferred_;
+    std::unordered_map<watch_id, std::shared_ptr<ready_handler>> watches_;
+    std::map<timer_id, loop_action> timers_;
+    std::vector<loop_action> deferred_;
 };
 
 }  // namespace scc::sccd

@@ -10,46 +10,62 @@
 
 namespace scc::sccd {
 
-std::string unexpected_field(std::string_view what, const Json& request,
+std::string unexpected_field(std::string_view what, const json& request,
                              const std::vector<std::string_view>& own_words,
                              const std::vector<std::string_view>& known) {
     const auto among = [](const std::vector<std::string_view>& names, const std::string& name) {
         return std::find(names.begin(), names.end(), name) != names.end();
     };
     for (const auto& [name, value] : request.items()) {
-        if (among(own_words, name) || among(known, name)) continue;
-        if (known.empty()) return fmt::format("no field '{}'; {} takes none", name, what);
+        if (among(own_words, name) || among(known, name)) {
+            continue;
+        }
+        if (known.empty()) {
+            return fmt::format("no field '{}'; {} takes none", name, what);
+        }
         return fmt::format("no field '{}'; {} takes {}", name, what, fmt::join(known, ", "));
     }
     return {};
 }
 
-const Json* JsonFields::field(std::string_view name) const {
+const json* json_fields::field(std::string_view name) const {
     const auto found = object_.find(name);
     return found == object_.end() || found->is_null() ? nullptr : &*found;
 }
 
-void JsonFields::refuse(std::string_view name, std::string_view reason) {
-    if (problem_.empty()) problem_ = std::string(name) + ": " + std::string(reason);
+void json_fields::refuse(std::string_view name, std::string_view reason) {
+    if (problem_.empty()) {
+        problem_ = std::string(name) + ": " + std::string(reason);
+    }
 }
 
-std::optional<u64> JsonFields::as_number(const Json& value) {
-    if (value.is_boolean()) return value.get<bool>() ? 1 : 0;
-    if (value.is_number_unsigned()) return value.get<u64>();
-    if (!value.is_string()) return std::nullopt;
+std::optional<u64> json_fields::as_number(const json& value) {
+    if (value.is_boolean()) {
+        return value.get<bool>() ? 1 : 0;
+    }
+    if (value.is_number_unsigned()) {
+        return value.get<u64>();
+    }
+    if (!value.is_string()) {
+        return std::nullopt;
+    }
     const std::string& text = value.get_ref<const std::string&>();
     const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
     const char* const first = text.data() + (hexadecimal ? 2 : 0);
     const char* const last = text.data() + text.size();
     u64 number = 0;
     const auto [end, error] = std::from_chars(first, last, number, hexadecimal ? 16 : 10);
-    if (error != std::errc{} || end != last || first == last) return std::nullopt;
+    if (error != std::errc{} || end != last || first == last) {
+        return std::nullopt;
+    }
     return number;
 }
 
-u64 JsonFields::bounded(std::string_view name, u64 otherwise, u64 max) {
-    const Json* const value = field(name);
-    if (value == nullptr) return otherwise;
+u64 json_fields::bounded(std::string_view name, u64 otherwise, u64 max) {
+    const json* const value = field(name);
+    if (value == nullptr) {
+        return otherwise;
+    }
     const std::optional<u64> found = as_number(*value);
     if (!found || *found > max) {
         refuse(name, "not a number that fits");
@@ -58,59 +74,81 @@ u64 JsonFields::bounded(std::string_view name, u64 otherwise, u64 max) {
     return *found;
 }
 
-u64 JsonFields::number(std::string_view name, u64 otherwise) {
+u64 json_fields::number(std::string_view name, u64 otherwise) {
     return bounded(name, otherwise, std::numeric_limits<u64>::max());
 }
 
-u32 JsonFields::number32(std::string_view name, u32 otherwise) {
+u32 json_fields::number32(std::string_view name, u32 otherwise) {
     return static_cast<u32>(bounded(name, otherwise, std::numeric_limits<u32>::max()));
 }
 
-u16 JsonFields::number16(std::string_view name) {
+u16 json_fields::number16(std::string_view name) {
     return static_cast<u16>(bounded(name, 0, std::numeric_limits<u16>::max()));
 }
 
-std::string JsonFields::text(std::string_view name) {
-    const Json* const value = field(name);
-    if (value == nullptr) return {};
-    if (value->is_string()) return value->get<std::string>();
+std::string json_fields::text(std::string_view name) {
+    const json* const value = field(name);
+    if (value == nullptr) {
+        return {};
+    }
+    if (value->is_string()) {
+        return value->get<std::string>();
+    }
     refuse(name, "not a text");
     return {};
 }
 
-devkit::Bytes JsonFields::hex(std::string_view name) {
-    const std::optional<devkit::Bytes> bytes = devkit::parse_hex(text(name));
-    if (!bytes) refuse(name, "not a row of hexadecimal bytes");
-    return bytes.value_or(devkit::Bytes{});
+devkit::byte_buffer json_fields::hex(std::string_view name) {
+    const std::optional<devkit::byte_buffer> bytes = devkit::parse_hex(text(name));
+    if (!bytes) {
+        refuse(name, "not a row of hexadecimal bytes");
+    }
+    return bytes.value_or(devkit::byte_buffer{});
 }
 
-devkit::MacAddress JsonFields::mac(std::string_view name) {
-    if (field(name) == nullptr) return {};
-    const std::optional<devkit::MacAddress> address = devkit::parse_mac(text(name));
-    if (!address) refuse(name, "not a MAC address");
-    return address.value_or(devkit::MacAddress{});
+devkit::mac_address json_fields::mac(std::string_view name) {
+    if (field(name) == nullptr) {
+        return {};
+    }
+    const std::optional<devkit::mac_address> address = devkit::parse_mac(text(name));
+    if (!address) {
+        refuse(name, "not a MAC address");
+    }
+    return address.value_or(devkit::mac_address{});
 }
 
-u32 JsonFields::ipv4(std::string_view name) {
-    if (field(name) == nullptr) return 0;
+u32 json_fields::ipv4(std::string_view name) {
+    if (field(name) == nullptr) {
+        return 0;
+    }
     const std::optional<u32> address = devkit::parse_ipv4(text(name));
-    if (!address) refuse(name, "not an IPv4 address");
+    if (!address) {
+        refuse(name, "not an IPv4 address");
+    }
     return address.value_or(0);
 }
 
-Address JsonFields::address(std::string_view name) {
-    Address address;
-    if (field(name) == nullptr) return address;
+ip_address json_fields::address(std::string_view name) {
+    ip_address address;
+    if (field(name) == nullptr) {
+        return address;
+    }
     const std::string written = text(name);
-    if (inet_pton(AF_INET, written.c_str(), address.bytes.data()) == 1) return address;
+    if (inet_pton(AF_INET, written.c_str(), address.bytes.data()) == 1) {
+        return address;
+    }
     address.is_ipv6 = inet_pton(AF_INET6, written.c_str(), address.bytes.data()) == 1;
-    if (!address.is_ipv6) refuse(name, "not an IPv4 or IPv6 address");
+    if (!address.is_ipv6) {
+        refuse(name, "not an IPv4 or IPv6 address");
+    }
     return address;
 }
 
-std::vector<Json> JsonFields::list(std::string_view name) {
-    const Json* const value = field(name);
-    if (value == nullptr) return {};
+std::vector<json> json_fields::list(std::string_view name) {
+    const json* const value = field(name);
+    if (value == nullptr) {
+        return {};
+    }
     if (!value->is_array()) {
         refuse(name, "not a list");
         return {};

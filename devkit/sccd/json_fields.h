@@ -1,6 +1,5 @@
-// Reading the fields of a control request. A field may be missing; one of the wrong kind is remembered
-// as a problem, and one that nobody reads is found by unexpected_field, so that a request is either
-// understood whole or refused.
+// Reads the fields of a control request. A field may be missing; one of the wrong kind is recorded as a
+// problem. unexpected_field finds fields that nobody reads, so a request is understood completely or refused.
 #pragma once
 
 #include <array>
@@ -14,22 +13,22 @@
 
 namespace scc::sccd {
 
-using Json = nlohmann::ordered_json;  // replies show their fields in the order in which they were put in
+using json = nlohmann::ordered_json;  // keeps the order of insertion
 
-// An IPv4 address stands in the first 4 bytes.
-struct Address {
+// IPv4 in the first 4 bytes.
+struct ip_address {
     std::array<u8, 16> bytes{};
     bool is_ipv6 = false;
 };
 
-// What is wrong when `request` holds a field of none of these names; empty when it holds no such field.
-[[nodiscard]] std::string unexpected_field(std::string_view what, const Json& request,
+// The error text if `request` has a field with none of these names; empty otherwise.
+[[nodiscard]] std::string unexpected_field(std::string_view what, const json& request,
                                            const std::vector<std::string_view>& own_words,
                                            const std::vector<std::string_view>& known);
 
-class JsonFields {
+class json_fields {
   public:
-    explicit JsonFields(const Json& object) : object_(object) {}
+    explicit json_fields(const json& object) : object_(object) {}
 
     // JSON numbers, booleans and text such as "10" or "0x0a".
     [[nodiscard]] u64 number(std::string_view name, u64 otherwise = 0);
@@ -37,25 +36,25 @@ class JsonFields {
     [[nodiscard]] u16 number16(std::string_view name);
     [[nodiscard]] bool flag(std::string_view name) { return number(name) != 0; }
     [[nodiscard]] std::string text(std::string_view name);
-    [[nodiscard]] devkit::Bytes hex(std::string_view name);
-    [[nodiscard]] devkit::MacAddress mac(std::string_view name);
+    [[nodiscard]] devkit::byte_buffer hex(std::string_view name);
+    [[nodiscard]] devkit::mac_address mac(std::string_view name);
     [[nodiscard]] u32 ipv4(std::string_view name);
-    [[nodiscard]] Address address(std::string_view name);
-    // The elements of a list; none when the field is missing.
-    [[nodiscard]] std::vector<Json> list(std::string_view name);
+    [[nodiscard]] ip_address address(std::string_view name);
+    // The elements of a list; empty if the field is missing.
+    [[nodiscard]] std::vector<json> list(std::string_view name);
     [[nodiscard]] bool has(std::string_view name) const { return object_.contains(std::string(name)); }
 
     [[nodiscard]] const std::string& problem() const { return problem_; }
     void refuse(std::string_view name, std::string_view reason);
 
-    // Nothing when `value` is not a number in any of the accepted forms.
-    [[nodiscard]] static std::optional<u64> as_number(const Json& value);
+    // Empty if `value` is not a number in one of the accepted forms.
+    [[nodiscard]] static std::optional<u64> as_number(const json& value);
 
   private:
-    [[nodiscard]] const Json* field(std::string_view name) const;
+    [[nodiscard]] const json* field(std::string_view name) const;
     [[nodiscard]] u64 bounded(std::string_view name, u64 otherwise, u64 max);
 
-    const Json& object_;
+    const json& object_;
     std::string problem_;
 };
 

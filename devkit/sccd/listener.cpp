@@ -18,7 +18,9 @@ namespace {
 sockaddr_un address_of(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) throw std::runtime_error(path + ": the path is too long");
+    if (path.size() >= sizeof address.sun_path) {
+        throw std::runtime_error(path + ": the path is too long");
+    }
     std::memcpy(address.sun_path, path.data(), path.size());
     return address;
 }
@@ -29,7 +31,9 @@ sockaddr_un address_of(const std::string& path) {
 
 int new_socket(const std::string& path) {
     const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (descriptor < 0) fail(path);
+    if (descriptor < 0) {
+        fail(path);
+    }
     return descriptor;
 }
 
@@ -38,7 +42,9 @@ void remove_stale(const std::string& path, const sockaddr_un& address) {
     const int result = ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     const bool alive = result == 0 || errno == EAGAIN;
     ::close(probe);
-    if (alive) throw std::runtime_error(path + ": another daemon is listening here");
+    if (alive) {
+        throw std::runtime_error(path + ": another daemon is listening here");
+    }
     ::unlink(path.c_str());
 }
 
@@ -56,7 +62,8 @@ int open_reserve() {
 
 }  // namespace
 
-Listener::Listener(EventLoop& loop, std::string path, mode_t mode, std::function<void(int)> accepted)
+socket_listener::socket_listener(event_loop& loop, std::string path, mode_t mode,
+                                 std::function<void(int)> accepted)
     : loop_(loop), path_(std::move(path)), accepted_(std::move(accepted)) {
     const sockaddr_un address = address_of(path_);
     remove_stale(path_, address);
@@ -71,14 +78,16 @@ Listener::Listener(EventLoop& loop, std::string path, mode_t mode, std::function
     watch_ = loop_.watch(descriptor_, EPOLLIN, [this](std::uint32_t) { accept_all(); });
 }
 
-Listener::~Listener() {
+socket_listener::~socket_listener() {
     loop_.unwatch(watch_, descriptor_);
     ::close(descriptor_);
-    if (reserve_ >= 0) ::close(reserve_);
+    if (reserve_ >= 0) {
+        ::close(reserve_);
+    }
     ::unlink(path_.c_str());
 }
 
-void Listener::accept_all() {
+void socket_listener::accept_all() {
     while (true) {
         const int client = ::accept4(descriptor_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (client >= 0) {
@@ -92,11 +101,15 @@ void Listener::accept_all() {
     }
 }
 
-// Without this the waiting connection would keep the loop spinning.
-void Listener::refuse_one() {
-    if (reserve_ >= 0) ::close(reserve_);
+// A connection that stays in the queue would keep the loop spinning.
+void socket_listener::refuse_one() {
+    if (reserve_ >= 0) {
+        ::close(reserve_);
+    }
     const int client = ::accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (client >= 0) ::close(client);
+    if (client >= 0) {
+        ::close(client);
+    }
     reserve_ = open_reserve();
 }
 

@@ -1,5 +1,5 @@
-// A listening Unix socket at a path of its own. A stale socket file is replaced; a path on which
-// another process still listens is an error. The file is removed when the listener ends.
+// A listening Unix socket. A stale socket file is replaced; if another process still listens on the path,
+// that is an error. The destructor removes the file.
 #pragma once
 
 #include <sys/types.h>
@@ -11,25 +11,26 @@
 
 namespace scc::sccd {
 
-class Listener {
+class socket_listener {
   public:
-    // `accepted` takes over each connected, non-blocking descriptor. The socket has the mode `mode` as soon
-    // as it is there. Throws std::runtime_error.
-    Listener(EventLoop& loop, std::string path, mode_t mode, std::function<void(int descriptor)> accepted);
-    ~Listener();
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
+    // `accepted` takes ownership of each connected, non-blocking descriptor. The socket has the mode `mode`
+    // from the moment it exists. Throws std::runtime_error.
+    socket_listener(event_loop& loop, std::string path, mode_t mode,
+                    std::function<void(int descriptor)> accepted);
+    ~socket_listener();
+    socket_listener(const socket_listener&) = delete;
+    socket_listener& operator=(const socket_listener&) = delete;
 
   private:
     void accept_all();
     void refuse_one();
 
-    EventLoop& loop_;
+    event_loop& loop_;
     std::string path_;
     std::function<void(int)> accepted_;
     int descriptor_ = -1;
-    int reserve_ = -1;  // given up for a moment to turn a client away when descriptors run out
-    EventLoop::WatchId watch_ = 0;
+    int reserve_ = -1;  // closed for a moment, to accept and refuse a client when descriptors run out
+    event_loop::watch_id watch_ = 0;
 };
 
 }  // namespace scc::sccd

@@ -20,10 +20,12 @@ namespace {
 
 constexpr int exit_usage = 2;
 
-// Processes of every user meet in this directory.
+// Processes of all users create sockets in this directory.
 std::string make_directory() {
     const char* const base = std::getenv("TMPDIR");
-    if (base == nullptr || *base == '\0') throw std::runtime_error("TMPDIR is not set");
+    if (base == nullptr || *base == '\0') {
+        throw std::runtime_error("TMPDIR is not set");
+    }
     std::string directory = std::string(base) + "/security/scc";
     std::filesystem::create_directories(directory);
     if (::chmod(directory.c_str(), 0777) != 0 && ::access(directory.c_str(), W_OK) != 0) {
@@ -34,13 +36,15 @@ std::string make_directory() {
 
 void allow_many_descriptors() {
     rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return;
+    }
     limit.rlim_cur = limit.rlim_max;
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-int run(const scc::sccd::Options& options) {
-    scc::sccd::Daemon daemon(options);
+int run(const scc::sccd::daemon_options& options) {
+    scc::sccd::development_daemon daemon(options);
     std::puts("sccd-dev: ready");
     std::fflush(stdout);
     daemon.run();
@@ -50,7 +54,7 @@ int run(const scc::sccd::Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    scc::sccd::Options options;
+    scc::sccd::daemon_options options;
     unsigned timeout_ms = static_cast<unsigned>(options.service_timeout.count());
     CLI::App app{"Development daemon: stands in for sccd on a workstation. Needs TMPDIR."};
     app.add_flag("--trace", options.trace, "Print every message in both directions");

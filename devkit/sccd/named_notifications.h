@@ -1,4 +1,4 @@
-// Notifications made from the named fields of a control request. Pure.
+// Builds notifications from the named fields of a control request. Pure.
 #pragma once
 
 #include <optional>
@@ -9,14 +9,14 @@
 
 namespace scc::sccd {
 
-struct Notification {
+struct notification_item {
     u16 type = 0;
-    devkit::Bytes value;
+    devkit::byte_buffer value;
 };
 
-// Empty for an unknown name or a field that the notification does not have or that cannot be read;
-// `problem` then says what is wrong. Fields that are missing are zero.
-[[nodiscard]] std::optional<Notification> named_notification(std::string_view name, const Json& request,
-                                                             std::string& problem);
+// On an unknown name, an unknown field or one that cannot be read, returns nothing and sets `problem`.
+// Missing fields are zero.
+[[nodiscard]] std::optional<notification_item> named_notification(std::string_view name, const json& request,
+                                                                  std::string& problem);
 
 }  // namespace scc::sccd

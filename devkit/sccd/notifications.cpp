@@ -5,45 +5,49 @@
 namespace scc::sccd {
 namespace {
 
-using devkit::Bytes;
-using devkit::Item;
-using devkit::View;
+using devkit::byte_buffer;
+using devkit::byte_view;
+using devkit::wire_item;
 
 constexpr std::size_t moved_first = 8;
 
-// The report's layout is also the notification's; only the service's call id goes.
-void pass_on(Daemon& daemon, u16 type, View value) {
-    Bytes notification = devkit::to_bytes(value);
+// A report and its notification have the same layout; only the service's call id is cleared.
+void pass_on(daemon_core& daemon, u16 type, byte_view value) {
+    byte_buffer notification = devkit::to_bytes(value);
     devkit::write_at(notification, 0, 0u);
     daemon.notify_applications(type, notification);
 }
 
-void pass_on_moves(Daemon& daemon, View value) {
-    const std::size_t room = (value.size() - moved_first) / record::address_move;
-    const std::size_t count = std::min<std::size_t>(devkit::u32_at(value, 4), room);
+void pass_on_moves(daemon_core& daemon, byte_view value) {
+    const std::size_t fitting = (value.size() - moved_first) / record::address_move;
+    const std::size_t count = std::min<std::size_t>(devkit::u32_at(value, 4), fitting);
     for (std::size_t index = 0; index < count; ++index) {
-        Bytes notification(moved_first, 0);
+        byte_buffer notification(moved_first, 0);
         devkit::write_at(notification, 4, 1u);
-        const View entry =
+        const byte_view entry =
             devkit::slice(value, moved_first + index * record::address_move, record::address_move);
         notification.insert(notification.end(), entry.begin(), entry.end());
         daemon.notify_applications(msg::d1x_addr_move, notification);
     }
 }
 
-bool counts_fit(const Item& item) {
+bool counts_fit(const wire_item& item) {
     if (item.type == msg::ace_counter_up) {
         return u64{devkit::u32_at(item.value, 20)} * record::ace_counter <= item.value.size() - 24;
     }
-    if (item.type == msg::noflow_offline_up) return devkit::u64_at(item.value, 80) <= item.value.size() - 88;
+    if (item.type == msg::noflow_offline_up) {
+        return devkit::u64_at(item.value, 80) <= item.value.size() - 88;
+    }
     return true;
 }
 
 }  // namespace
 
-bool take_report(Daemon& daemon, const Client& service, const Item& item) {
-    const devkit::MessageType* const row = devkit::find_message(devkit::Route::report, item.type);
-    if (row == nullptr || row->route != devkit::Route::report) return false;
+bool take_report(daemon_core& daemon, const client_entry& service, const wire_item& item) {
+    const devkit::message_type* const row = devkit::find_message(devkit::message_route::report, item.type);
+    if (row == nullptr || row->route != devkit::message_route::report) {
+        return false;
+    }
     if (item.value.size() < row->least_bytes || !counts_fit(item)) {
         daemon.trace.note("a report of the service is too short and ignored");
         return true;
@@ -53,7 +57,9 @@ bool take_report(Daemon& daemon, const Client& service, const Item& item) {
             daemon.bridge.take_result(item);
             break;
         case msg::fetch:
-            if (service.complete()) daemon.fetch();
+            if (service.complete()) {
+                daemon.fetch();
+            }
             break;
         case msg::move_addr_up:
             pass_on_moves(daemon, item.value);

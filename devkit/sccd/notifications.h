@@ -1,11 +1,12 @@
-// What the security service reports, passed on to the applications.
+// Passes the security service's reports on to the applications.
 #pragma once
 
-#include "sccd/daemon.h"
+#include "sccd/daemon_core.h"
 
 namespace scc::sccd {
 
-// Results and reports of the service. False when the item is something that any client may send.
-[[nodiscard]] bool take_report(Daemon& daemon, const Client& service, const devkit::Item& item);
+// Takes a result or report of the service. Returns false for an item that any client may send.
+[[nodiscard]] bool take_report(daemon_core& daemon, const client_entry& service,
+                               const devkit::wire_item& item);
 
 }  // namespace scc::sccd

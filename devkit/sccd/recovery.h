@@ -1,5 +1,5 @@
-// What a security service is told when it returns: everything it had been given, between the start
-// and the end of a data recovery, as the same operations that gave it the first time.
+// The operations that restore a security service's state: everything that it was given before, between the
+// start and the end of a data recovery.
 #pragma once
 
 #include <vector>
@@ -11,12 +11,13 @@
 
 namespace scc::sccd {
 
-[[nodiscard]] std::vector<Operation> recovery_operations(const AclStore& acls, const UserStore& users,
-                                                         const Settings& settings);
+[[nodiscard]] std::vector<service_operation> recovery_operations(const acl_store& acls,
+                                                                 const user_store& users,
+                                                                 const daemon_settings& settings);
 
-// Single operations, the same whether they are carried out for the first time or recovered.
-[[nodiscard]] Operation nac_app_operation(const NacApp& app, u32 operation_word);
-[[nodiscard]] Operation nac_user_operation(devkit::View config_record, bool add);
-[[nodiscard]] Operation http_port_operation(u32 port, bool add);
+// Single operations, the same for the first time and for a recovery.
+[[nodiscard]] service_operation nac_app_operation(const nac_application& app, u32 operation_word);
+[[nodiscard]] service_operation nac_user_operation(devkit::byte_view config_record, bool add);
+[[nodiscard]] service_operation http_port_operation(u32 port, bool add);
 
 }  // namespace scc::sccd

@@ -4,21 +4,23 @@
 
 namespace scc::sccd {
 
-Client* Registry::find(ClientId id) {
+client_entry* client_registry::find(client_id id) {
     const auto client = std::find_if(by_app_.begin(), by_app_.end(),
                                      [id](const auto& entry) { return entry.second.id == id; });
     return client == by_app_.end() ? nullptr : &client->second;
 }
 
-Client* Registry::find_app(u32 app_id) {
+client_entry* client_registry::find_app(u32 app_id) {
     const auto client = by_app_.find(app_id);
     return client == by_app_.end() ? nullptr : &client->second;
 }
 
-Client& Registry::bind(const Registration& registration, PeerId peer) {
+client_entry& client_registry::bind(const client_registration& registration, peer_id peer) {
     const auto [entry, is_new] = by_app_.try_emplace(registration.app_id);
-    Client& client = entry->second;
-    if (is_new) client.id = ++last_id_;
+    client_entry& client = entry->second;
+    if (is_new) {
+        client.id = ++last_id_;
+    }
     client.app_id = registration.app_id;
     client.pid = registration.pid;
     client.option = registration.option;
@@ -26,14 +28,16 @@ Client& Registry::bind(const Registration& registration, PeerId peer) {
     return client;
 }
 
-void Registry::erase(ClientId id) {
+void client_registry::erase(client_id id) {
     std::erase_if(by_app_, [id](const auto& entry) { return entry.second.id == id; });
 }
 
-std::vector<Client> Registry::applications() const {
-    std::vector<Client> found;
+std::vector<client_entry> client_registry::applications() const {
+    std::vector<client_entry> found;
     for (const auto& [app_id, client] : by_app_) {
-        if (client.complete() && !client.is_service()) found.push_back(client);
+        if (client.complete() && !client.is_service()) {
+            found.push_back(client);
+        }
     }
     return found;
 }

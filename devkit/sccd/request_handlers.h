@@ -1,55 +1,55 @@
-// The handlers of single request types, named by the table in requests.cpp. A handler is only called
-// with a value of at least the length that the message list demands.
+// The handlers of the request types, listed in the table of requests.cpp. The value is at least as long as
+// the table of message types demands.
 #pragma once
 
-#include "sccd/daemon.h"
+#include "sccd/daemon_core.h"
 
 namespace scc::sccd {
 
-struct Request {
-    Ticket ticket;
-    devkit::View value;
-    const Client& client;
+struct client_request {
+    request_ticket ticket;
+    devkit::byte_view value;
+    const client_entry& client;
 };
 
 namespace handlers {
 
 // acl_requests.cpp
-void acl(Daemon& daemon, const Request& request);
-void ace(Daemon& daemon, const Request& request);
-void acl_apply(Daemon& daemon, const Request& request);
-void acl_resequence(Daemon& daemon, const Request& request);
-void user_acl(Daemon& daemon, const Request& request);
-void user_acl_delete_vmsup(Daemon& daemon, const Request& request);
-void user_vmsup_get(Daemon& daemon, const Request& request);
-void filter_counter_reset(Daemon& daemon, const Request& request);
-void acl_counter_reset(Daemon& daemon, const Request& request);
-void ace_counter_reset(Daemon& daemon, const Request& request);
-void filter_counter_get(Daemon& daemon, const Request& request);
-void acl_counter_get(Daemon& daemon, const Request& request);
-void ace_counter_get(Daemon& daemon, const Request& request);
+void acl(daemon_core& daemon, const client_request& request);
+void ace(daemon_core& daemon, const client_request& request);
+void acl_apply(daemon_core& daemon, const client_request& request);
+void acl_resequence(daemon_core& daemon, const client_request& request);
+void user_acl(daemon_core& daemon, const client_request& request);
+void user_acl_delete_vmsup(daemon_core& daemon, const client_request& request);
+void user_vmsup_get(daemon_core& daemon, const client_request& request);
+void filter_counter_reset(daemon_core& daemon, const client_request& request);
+void acl_counter_reset(daemon_core& daemon, const client_request& request);
+void ace_counter_reset(daemon_core& daemon, const client_request& request);
+void filter_counter_get(daemon_core& daemon, const client_request& request);
+void acl_counter_get(daemon_core& daemon, const client_request& request);
+void ace_counter_get(daemon_core& daemon, const client_request& request);
 
 // config_requests.cpp
-void http_dport(Daemon& daemon, const Request& request);
-void arpcheck(Daemon& daemon, const Request& request);
-void nac_app(Daemon& daemon, const Request& request);
-void nac_user(Daemon& daemon, const Request& request);
-void arp_entry(Daemon& daemon, const Request& request);
-void global_eport(Daemon& daemon, const Request& request);
-void svi_router_acl(Daemon& daemon, const Request& request);
-void efacl_ctrl(Daemon& daemon, const Request& request);
-void cpp(Daemon& daemon, const Request& request);
-void offline_detect_cfg(Daemon& daemon, const Request& request);
-void direct_vlan(Daemon& daemon, const Request& request);
-void data_recover(Daemon& daemon, const Request& request);
-void test_cmd(Daemon& daemon, const Request& request);
-void water_line(Daemon& daemon, const Request& request);
-void arp_check_status(Daemon& daemon, const Request& request);
-void arp_check_user_count(Daemon& daemon, const Request& request);
-void arp_check_user_data(Daemon& daemon, const Request& request);
-void nac_user_get(Daemon& daemon, const Request& request);
-void mac_query(Daemon& daemon, const Request& request);
-void port_addr_num(Daemon& daemon, const Request& request);
+void http_dport(daemon_core& daemon, const client_request& request);
+void arpcheck(daemon_core& daemon, const client_request& request);
+void nac_app(daemon_core& daemon, const client_request& request);
+void nac_user(daemon_core& daemon, const client_request& request);
+void arp_entry(daemon_core& daemon, const client_request& request);
+void global_eport(daemon_core& daemon, const client_request& request);
+void svi_router_acl(daemon_core& daemon, const client_request& request);
+void efacl_ctrl(daemon_core& daemon, const client_request& request);
+void cpp(daemon_core& daemon, const client_request& request);
+void offline_detect_cfg(daemon_core& daemon, const client_request& request);
+void direct_vlan(daemon_core& daemon, const client_request& request);
+void data_recover(daemon_core& daemon, const client_request& request);
+void test_cmd(daemon_core& daemon, const client_request& request);
+void water_line(daemon_core& daemon, const client_request& request);
+void arp_check_status(daemon_core& daemon, const client_request& request);
+void arp_check_user_count(daemon_core& daemon, const client_request& request);
+void arp_check_user_data(daemon_core& daemon, const client_request& request);
+void nac_user_get(daemon_core& daemon, const client_request& request);
+void mac_query(daemon_core& daemon, const client_request& request);
+void port_addr_num(daemon_core& daemon, const client_request& request);
 
 }  // namespace handlers
 }  // namespace scc::sccd

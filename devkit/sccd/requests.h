@@ -1,11 +1,11 @@
-// What applications ask for: configuration, ACLs, users, queries. Every type of the message list is
-// answered; those that change or read the daemon's state have a row in the table of requests.cpp.
+// Requests of the applications: configuration, ACLs, users, queries. Every known type is answered; those
+// that read or change the daemon's state have a row in the table of requests.cpp.
 #pragma once
 
-#include "sccd/daemon.h"
+#include "sccd/daemon_core.h"
 
 namespace scc::sccd {
 
-void take_request(Daemon& daemon, const Client& client, const devkit::Item& item);
+void take_request(daemon_core& daemon, const client_entry& client, const devkit::wire_item& item);
 
 }  // namespace scc::sccd

@@ -2,7 +2,7 @@
 
 namespace scc::sccd {
 
-bool Settings::nothing_for_service() const {
+bool daemon_settings::nothing_for_service() const {
     return egress_ports.empty() && !router_acl && cpu_protection.empty() && nac_apps.empty() &&
            http_ports.empty() && !offline_detection && !direct_vlan;
 }

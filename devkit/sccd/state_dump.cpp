@@ -3,27 +3,29 @@
 namespace scc::sccd {
 namespace {
 
-using devkit::View;
+using devkit::byte_view;
 
-Json key_fields(const devkit::AclKey& key) {
+json key_fields(const devkit::acl_identity& key) {
     return {{"vdev", key.vdev}, {"type", key.app_type}, {"id", key.acl_id}, {"class", key.acl_class}};
 }
 
 }  // namespace
 
-Json dump_acls(const AclStore& store) {
-    Json list = Json::array();
+json dump_acls(const acl_store& store) {
+    json list = json::array();
     for (const auto& [key, acl] : store.acls()) {
-        Json entry = key_fields(acl.key);
+        json entry = key_fields(acl.key);
         entry["pid"] = devkit::u32_at(acl.creation, 20);
         entry["app"] = devkit::u32_at(acl.creation, 24);
         entry["sn_start"] = acl.sn_start;
         entry["sn_increment"] = acl.sn_increment;
-        entry["aces"] = Json::array();
-        for (const auto& [sn, ace] : acl.aces) entry["aces"].push_back({{"sn", sn}, {"id", ace.id}});
-        entry["applies"] = Json::array();
+        entry["aces"] = json::array();
+        for (const auto& [sn, ace] : acl.aces) {
+            entry["aces"].push_back({{"sn", sn}, {"id", ace.id}});
+        }
+        entry["applies"] = json::array();
         for (const auto& [entity, record] : acl.applies) {
-            const View bytes(record);
+            const byte_view bytes(record);
             entry["applies"].push_back(
                 {{"ifx", devkit::u32_at(bytes, devkit::apply_record::ifx)},
                  {"direction", devkit::u32_at(bytes, devkit::apply_record::direction)},
@@ -34,13 +36,13 @@ Json dump_acls(const AclStore& store) {
     return list;
 }
 
-Json dump_counters(const AclStore& store) {
-    Json list = Json::array();
+json dump_counters(const acl_store& store) {
+    json list = json::array();
     for (const auto& [key, acl] : store.acls()) {
-        Json entry = key_fields(acl.key);
+        json entry = key_fields(acl.key);
         entry["acl"] = acl.counter;
         entry["filter"] = acl.filter_counter;
-        entry["aces"] = Json::array();
+        entry["aces"] = json::array();
         for (const auto& [sn, ace] : acl.aces) {
             entry["aces"].push_back({{"sn", sn}, {"id", ace.id}, {"ace", ace.counter}});
         }
@@ -49,9 +51,9 @@ Json dump_counters(const AclStore& store) {
     return list;
 }
 
-Json dump_users(const ConfigRecords& records) {
+json dump_users(const config_records& records) {
     namespace config = devkit::config_record;
-    Json list = Json::array();
+    json list = json::array();
     for (const auto& [mac, bytes] : records) {
         const bool is_ipv6 = (devkit::u32_at(bytes, config::flags) & config::flag_ipv6) != 0;
         list.push_back({{"mac", devkit::mac_text(mac)},
@@ -64,20 +66,23 @@ Json dump_users(const ConfigRecords& records) {
     return list;
 }
 
-Json dump_settings(const Settings& settings) {
-    Json egress_ports = Json::array();
-    for (const auto& [ifx, value] : settings.egress_ports)
+json dump_settings(const daemon_settings& settings) {
+    json egress_ports = json::array();
+    for (const auto& [ifx, value] : settings.egress_ports) {
         egress_ports.push_back({{"ifx", ifx}, {"value", value}});
-    Json nac_apps = Json::array();
+    }
+    json nac_apps = json::array();
     for (const auto& [app, word] : settings.nac_apps) {
         nac_apps.push_back({{"ifx", app.ifx}, {"type", app.type}, {"vid", app.vid}, {"op", word}});
     }
-    Json cpu_protection = Json::array();
+    json cpu_protection = json::array();
     for (const auto& [type, enable] : settings.cpu_protection) {
         cpu_protection.push_back({{"type", type}, {"enable", enable}});
     }
-    Json router_acl;
-    if (settings.router_acl) router_acl = *settings.router_acl;
+    json router_acl;
+    if (settings.router_acl) {
+        router_acl = *settings.router_acl;
+    }
     return {{"egress_ports", egress_ports},
             {"nac_apps", nac_apps},
             {"cpp", cpu_protection},

@@ -8,9 +8,9 @@
 
 namespace scc::sccd {
 
-[[nodiscard]] Json dump_acls(const AclStore& acls);
-[[nodiscard]] Json dump_counters(const AclStore& acls);
-[[nodiscard]] Json dump_users(const ConfigRecords& records);
-[[nodiscard]] Json dump_settings(const Settings& settings);
+[[nodiscard]] json dump_acls(const acl_store& acls);
+[[nodiscard]] json dump_counters(const acl_store& acls);
+[[nodiscard]] json dump_users(const config_records& records);
+[[nodiscard]] json dump_settings(const daemon_settings& settings);
 
 }  // namespace scc::sccd

@@ -1,7 +1,7 @@
-// One connected, non-blocking Unix socket with its input buffer and its output queue. Used for the
-// clients' sockets and for the control socket alike. Output is never refused: what the peer does not
-// take yet is queued. A peer whose queue has grown past a limit is not read until it has taken half
-// of it, so that one who only asks and never listens cannot make the queue grow without end.
+// A connected, non-blocking Unix socket with an input buffer and an output queue, for clients and control
+// sessions. Output is never refused: what the peer does not accept is queued. A peer whose queue exceeds a
+// limit is not read until it has taken half of it, so a peer that never reads cannot grow the queue
+// without bound.
 #pragma once
 
 #include <deque>
@@ -12,25 +12,25 @@
 
 namespace scc::sccd {
 
-class Stream {
+class socket_stream {
   public:
-    struct Events {
-        std::function<void(Stream&)> input;   // new bytes lie in input()
-        std::function<void(Stream&)> closed;  // at the end of the turn; may destroy the stream
+    struct stream_events {
+        std::function<void(socket_stream&)> input;   // input() has new bytes
+        std::function<void(socket_stream&)> closed;  // at the end of the turn; may destroy the stream
     };
 
-    // Takes the descriptor over.
-    Stream(EventLoop& loop, int descriptor, Events events);
-    ~Stream();
-    Stream(const Stream&) = delete;
-    Stream& operator=(const Stream&) = delete;
+    // Takes ownership of the descriptor.
+    socket_stream(event_loop& loop, int descriptor, stream_events events);
+    ~socket_stream();
+    socket_stream(const socket_stream&) = delete;
+    socket_stream& operator=(const socket_stream&) = delete;
 
-    [[nodiscard]] devkit::View input() const;
+    [[nodiscard]] devkit::byte_view input() const;
     void consume(std::size_t len) { consumed_ += len; }
-    void send(devkit::Bytes bytes);
+    void send(devkit::byte_buffer bytes);
     void close();
     [[nodiscard]] bool open() const { return descriptor_ >= 0; }
-    // Whether the peer has hung up, also when its end of stream has not been read yet.
+    // Whether the peer has closed the connection, even if its end of stream has not been read yet.
     [[nodiscard]] bool peer_gone() const;
     [[nodiscard]] std::size_t queued_bytes() const { return queued_bytes_; }
 
@@ -41,15 +41,15 @@ class Stream {
     void watch_what_is_wanted();
     void forget_consumed();
 
-    EventLoop& loop_;
+    event_loop& loop_;
     int descriptor_;
-    Events events_;
-    EventLoop::WatchId watch_ = 0;
+    stream_events events_;
+    event_loop::watch_id watch_ = 0;
     std::uint32_t watched_ = 0;
-    devkit::Bytes input_;
+    devkit::byte_buffer input_;
     std::size_t consumed_ = 0;
-    std::deque<devkit::Bytes> output_;
-    std::size_t front_sent_ = 0;  // bytes of output_.front() that are out
+    std::deque<devkit::byte_buffer> output_;
+    std::size_t front_sent_ = 0;  // bytes of output_.front() already sent
     std::size_t queued_bytes_ = 0;
     bool reading_ = true;
 };

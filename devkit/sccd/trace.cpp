@@ -20,23 +20,31 @@ void write_line(const std::string& text) {
     std::fwrite(line.data(), 1, line.size(), stdout);
 }
 
-void write_item(std::string_view arrow, devkit::Route route, u32 app, std::string_view socket,
-                const devkit::Item& item) {
+void write_item(std::string_view arrow, devkit::message_route route, u32 app, std::string_view socket,
+                const devkit::wire_item& item) {
     write_line(fmt::format("{} app={} {} {}", arrow, app, socket, devkit::describe(route, item)));
 }
 
 }  // namespace
 
-void Trace::received(devkit::Route route, u32 app, std::string_view socket, const devkit::Item& item) const {
-    if (enabled_) write_item("<-", route, app, socket, item);
+void trace_log::received(devkit::message_route route, u32 app, std::string_view socket,
+                         const devkit::wire_item& item) const {
+    if (enabled_) {
+        write_item("<-", route, app, socket, item);
+    }
 }
 
-void Trace::sent(devkit::Route route, u32 app, std::string_view socket, const devkit::Item& item) const {
-    if (enabled_) write_item("->", route, app, socket, item);
+void trace_log::sent(devkit::message_route route, u32 app, std::string_view socket,
+                     const devkit::wire_item& item) const {
+    if (enabled_) {
+        write_item("->", route, app, socket, item);
+    }
 }
 
-void Trace::note(const std::string& text) const {
-    if (enabled_) write_line("-- " + text);
+void trace_log::note(const std::string& text) const {
+    if (enabled_) {
+        write_line("-- " + text);
+    }
 }
 
 }  // namespace scc::sccd

@@ -1,5 +1,5 @@
-// What the daemon says on its standard output: with tracing on, one line per item in both
-// directions and one per event worth telling. Lines are written whole and at once.
+// The daemon's trace on standard output: one line per item in either direction, and notes about other
+// events. Each line is one write.
 #pragma once
 
 #include <string>
@@ -10,14 +10,16 @@
 
 namespace scc::sccd {
 
-class Trace {
+class trace_log {
   public:
-    explicit Trace(bool enabled) : enabled_(enabled) {}
+    explicit trace_log(bool enabled) : enabled_(enabled) {}
 
     [[nodiscard]] bool enabled() const { return enabled_; }
     // `socket` is "sync", "async" or "new" (not registered yet).
-    void received(devkit::Route route, u32 app, std::string_view socket, const devkit::Item& item) const;
-    void sent(devkit::Route route, u32 app, std::string_view socket, const devkit::Item& item) const;
+    void received(devkit::message_route route, u32 app, std::string_view socket,
+                  const devkit::wire_item& item) const;
+    void sent(devkit::message_route route, u32 app, std::string_view socket,
+              const devkit::wire_item& item) const;
     void note(const std::string& text) const;
 
   private:

@@ -1,5 +1,5 @@
-// The NAC users and ARP entries that applications have given, by MAC address, and what is derived
-// from them: the users of the ARP check, the address behind a MAC, the users of a port.
+// The NAC users and ARP entries of the applications, by MAC address, and what is derived from them: the
+// users of the ARP check, the IP address of a MAC address, the users of a port.
 #pragma once
 
 #include <map>
@@ -11,35 +11,35 @@
 
 namespace scc::sccd {
 
-using ConfigRecords = std::map<devkit::MacAddress, devkit::Bytes>;
+using config_records = std::map<devkit::mac_address, devkit::byte_buffer>;
 
-class UserStore {
+class user_store {
   public:
-    // Adding a known MAC replaces its record; removing an unknown one is refused with ENOENT.
-    Change set_user(devkit::View record) { return set(users_, record); }
-    Change set_arp_entry(devkit::View record) { return set(arp_entries_, record); }
+    // Adding a known MAC address replaces its record; removing an unknown one fails with ENOENT.
+    state_change set_user(devkit::byte_view record) { return set(users_, record); }
+    state_change set_arp_entry(devkit::byte_view record) { return set(arp_entries_, record); }
 
-    [[nodiscard]] const devkit::Bytes* find_user(const devkit::MacAddress& mac) const;
-    // 0 when nothing with an IPv4 address is known under this MAC.
-    [[nodiscard]] u32 ipv4_of(const devkit::MacAddress& mac) const;
+    [[nodiscard]] const devkit::byte_buffer* find_user(const devkit::mac_address& mac) const;
+    // 0 if no IPv4 address is known for this MAC address.
+    [[nodiscard]] u32 ipv4_of(const devkit::mac_address& mac) const;
     [[nodiscard]] u32 users_on(u32 ifx) const;
-    // The records of users and ARP entries with an IPv4 address, on one interface or (0) on all.
-    [[nodiscard]] std::vector<devkit::View> arp_check_users(u32 ifx) const;
-    [[nodiscard]] const ConfigRecords& users() const { return users_; }
-    [[nodiscard]] const ConfigRecords& arp_entries() const { return arp_entries_; }
+    // The records of users and ARP entries with an IPv4 address, on one interface, or on all if ifx is 0.
+    [[nodiscard]] std::vector<devkit::byte_view> arp_check_users(u32 ifx) const;
+    [[nodiscard]] const config_records& users() const { return users_; }
+    [[nodiscard]] const config_records& arp_entries() const { return arp_entries_; }
 
   private:
-    static Change set(ConfigRecords& records, devkit::View record);
+    static state_change set(config_records& records, devkit::byte_view record);
 
-    ConfigRecords users_;
-    ConfigRecords arp_entries_;
+    config_records users_;
+    config_records arp_entries_;
 };
 
-// The service's 88-byte user entry made from a configuration record.
-[[nodiscard]] devkit::Bytes service_user_entry(devkit::View config_record);
+// The service's 88-byte user entry for a configuration record.
+[[nodiscard]] devkit::byte_buffer service_user_entry(devkit::byte_view config_record);
 // The 48-byte entry of an ARP-check user.
-[[nodiscard]] devkit::Bytes arp_check_entry(devkit::View config_record);
+[[nodiscard]] devkit::byte_buffer arp_check_entry(devkit::byte_view config_record);
 // The 56-byte user record of notifications.
-[[nodiscard]] devkit::Bytes flow_user_record(devkit::View config_record);
+[[nodiscard]] devkit::byte_buffer flow_user_record(devkit::byte_view config_record);
 
 }  // namespace scc::sccd

@@ -15,10 +15,10 @@ namespace scc::service {
 namespace {
 
 constexpr u32 direction_in = 0;
-// Sequence numbers from here on are kept by a resequence.
+// A resequence keeps sequence numbers from here on.
 constexpr u32 fixed_sn_min = 0x7FFFFFFF;
 
-View bytes_of(const scc_acl_apply_record& record) {
+byte_view bytes_of(const scc_acl_apply_record& record) {
     return {reinterpret_cast<const u8*>(&record), sizeof record};
 }
 
@@ -30,16 +30,18 @@ u32 direction_of(const scc_acl_apply_record& record) {
     return devkit::u32_at(bytes_of(record), devkit::apply_record::direction);
 }
 
-// Everything behind the key is the place.
+// Everything after the key identifies where the ACL is applied.
 bool same_place(const scc_acl_apply_record& a, const scc_acl_apply_record& b) {
-    const View place = bytes_of(a).subspan(devkit::apply_record::entity);
+    const byte_view place = bytes_of(a).subspan(devkit::apply_record::entity);
     return std::ranges::equal(place, bytes_of(b).subspan(devkit::apply_record::entity));
 }
 
 // Interface 0 stands for every interface.
 bool lies_on(const scc_acl_apply_record& record, const packet_path& path) {
     const u32 ifx = ifx_of(record);
-    if (direction_of(record) == direction_in) return ifx == 0 || ifx == path.ingress_ifx;
+    if (direction_of(record) == direction_in) {
+        return ifx == 0 || ifx == path.ingress_ifx;
+    }
     return path.egress_ifx != 0 && (ifx == 0 || ifx == path.egress_ifx);
 }
 
@@ -56,8 +58,12 @@ bool acl_table::acl_entry::is_applied() const {
 
 void acl_table::acl_entry::mark_stale() {
     stale = true;
-    for (auto& [sn, ace] : aces) ace.stale = true;
-    for (application& entry : applications) entry.stale = true;
+    for (auto& [sn, ace] : aces) {
+        ace.stale = true;
+    }
+    for (application& entry : applications) {
+        entry.stale = true;
+    }
 }
 
 void acl_table::acl_entry::drop_stale() {
@@ -90,7 +96,9 @@ acl_table::application* acl_table::find_application(acl_entry& acl, const scc_ac
 
 u32 acl_table::create(const scc_acl_key& key) {
     acl_entry& acl = acls_.try_emplace(acl_name(key), acl_entry{key, {}, {}, 0, true}).first->second;
-    if (!acl.stale) return SCC_E_ACL_EXISTS;
+    if (!acl.stale) {
+        return SCC_E_ACL_EXISTS;
+    }
     acl.key = key;
     acl.stale = false;
     return 0;
@@ -98,18 +106,28 @@ u32 acl_table::create(const scc_acl_key& key) {
 
 u32 acl_table::remove(const scc_acl_key& key) {
     const acl_entry* acl = find(key);
-    if (acl == nullptr) return SCC_E_NO_ACL;
-    if (acl->is_applied()) return SCC_E_STILL_APPLIED;
+    if (acl == nullptr) {
+        return SCC_E_NO_ACL;
+    }
+    if (acl->is_applied()) {
+        return SCC_E_STILL_APPLIED;
+    }
     acls_.erase(acl_name(key));
     return 0;
 }
 
 u32 acl_table::add_ace(const scc_acl_key& key, const scc_ace_record& record) {
     acl_entry* acl = find(key);
-    if (acl == nullptr) return SCC_E_NO_ACL;
+    if (acl == nullptr) {
+        return SCC_E_NO_ACL;
+    }
     auto ace = find_ace(acl->aces, record);
-    if (ace != acl->aces.end() && !ace->second.stale) return SCC_E_ACE_EXISTS;
-    if (ace == acl->aces.end()) ace = acl->aces.emplace(record.sn, ace_entry{});
+    if (ace != acl->aces.end() && !ace->second.stale) {
+        return SCC_E_ACE_EXISTS;
+    }
+    if (ace == acl->aces.end()) {
+        ace = acl->aces.emplace(record.sn, ace_entry{});
+    }
     ace->second.record = record;
     ace->second.rule = ace::decode(record);
     ace->second.stale = false;
@@ -118,39 +136,55 @@ u32 acl_table::add_ace(const scc_acl_key& key, const scc_ace_record& record) {
 
 u32 acl_table::delete_ace(const scc_acl_key& key, const scc_ace_record& record) {
     acl_entry* acl = find(key);
-    if (acl == nullptr) return SCC_E_NO_ACL;
+    if (acl == nullptr) {
+        return SCC_E_NO_ACL;
+    }
     const auto ace = find_ace(acl->aces, record);
-    if (ace == acl->aces.end() || ace->second.stale) return SCC_E_NO_ACE;
+    if (ace == acl->aces.end() || ace->second.stale) {
+        return SCC_E_NO_ACE;
+    }
     acl->aces.erase(ace);
     return 0;
 }
 
 u32 acl_table::apply(const scc_acl_apply_record& record) {
     acl_entry* acl = find(record.key);
-    if (acl == nullptr) return SCC_E_NO_ACL;
+    if (acl == nullptr) {
+        return SCC_E_NO_ACL;
+    }
     application* entry = find_application(*acl, record);
     if (entry == nullptr) {
         acl->applications.push_back({record, false});
         return 0;
     }
-    if (!entry->stale) return SCC_E_APPLIED_ALREADY;
+    if (!entry->stale) {
+        return SCC_E_APPLIED_ALREADY;
+    }
     *entry = {record, false};
     return 0;
 }
 
 u32 acl_table::unapply(const scc_acl_apply_record& record) {
     acl_entry* acl = find(record.key);
-    if (acl == nullptr) return SCC_E_NO_ACL;
+    if (acl == nullptr) {
+        return SCC_E_NO_ACL;
+    }
     const application* entry = find_application(*acl, record);
-    if (entry == nullptr || entry->stale) return SCC_E_NOT_APPLIED;
+    if (entry == nullptr || entry->stale) {
+        return SCC_E_NOT_APPLIED;
+    }
     acl->applications.erase(acl->applications.begin() + (entry - acl->applications.data()));
     return 0;
 }
 
 u32 acl_table::resequence(const scc_acl_key& key, u32 sn_start, u32 sn_inc) {
-    if (!is_positive(sn_start) || !is_positive(sn_inc)) return EINVAL;
+    if (!is_positive(sn_start) || !is_positive(sn_inc)) {
+        return EINVAL;
+    }
     acl_entry* acl = find(key);
-    if (acl == nullptr) return SCC_E_NO_ACL;
+    if (acl == nullptr) {
+        return SCC_E_NO_ACL;
+    }
     ace_list renumbered;
     u32 next = sn_start;
     u32 number_before = 0;
@@ -174,14 +208,18 @@ u32 acl_table::resequence(const scc_acl_key& key, u32 sn_start, u32 sn_inc) {
 
 u32 acl_table::read_counter(const scc_acl_key& key, u64& counter) const {
     const acl_entry* acl = find(key);
-    if (acl == nullptr) return SCC_E_NO_ACL;
+    if (acl == nullptr) {
+        return SCC_E_NO_ACL;
+    }
     counter = acl->packets;
     return 0;
 }
 
 u32 acl_table::reset_counter(const scc_acl_key& key) {
     acl_entry* acl = find(key);
-    if (acl == nullptr) return SCC_E_NO_ACL;
+    if (acl == nullptr) {
+        return SCC_E_NO_ACL;
+    }
     acl->packets = 0;
     return 0;
 }
@@ -190,46 +228,70 @@ std::vector<u64*> acl_table::ace_counters(acl_entry& acl, u64 number) {
     std::vector<u64*> by_id;
     std::vector<u64*> by_sn;
     for (auto& [sn, ace] : acl.aces) {
-        if (ace.stale) continue;
-        if (ace.record.ace_id == number) by_id.push_back(&ace.packets);
-        if (sn == number) by_sn.push_back(&ace.packets);
+        if (ace.stale) {
+            continue;
+        }
+        if (ace.record.ace_id == number) {
+            by_id.push_back(&ace.packets);
+        }
+        if (sn == number) {
+            by_sn.push_back(&ace.packets);
+        }
     }
     return by_id.empty() ? by_sn : by_id;
 }
 
 u32 acl_table::read_ace_counter(const scc_acl_key& key, u64 number, u64& counter) {
     acl_entry* acl = find(key);
-    if (acl == nullptr) return SCC_E_NO_ACL;
+    if (acl == nullptr) {
+        return SCC_E_NO_ACL;
+    }
     const std::vector<u64*> counters = ace_counters(*acl, number);
-    if (counters.empty()) return SCC_E_NO_ACE;
+    if (counters.empty()) {
+        return SCC_E_NO_ACE;
+    }
     counter = 0;
-    for (const u64* packets : counters) counter += *packets;
+    for (const u64* packets : counters) {
+        counter += *packets;
+    }
     return 0;
 }
 
 u32 acl_table::reset_ace_counter(const scc_acl_key& key, u64 number) {
     acl_entry* acl = find(key);
-    if (acl == nullptr) return SCC_E_NO_ACL;
+    if (acl == nullptr) {
+        return SCC_E_NO_ACL;
+    }
     const std::vector<u64*> counters = ace_counters(*acl, number);
-    if (counters.empty()) return SCC_E_NO_ACE;
-    for (u64* packets : counters) *packets = 0;
+    if (counters.empty()) {
+        return SCC_E_NO_ACE;
+    }
+    for (u64* packets : counters) {
+        *packets = 0;
+    }
     return 0;
 }
 
 void acl_table::begin_recovery() {
-    for (auto& [name, acl] : acls_) acl.mark_stale();
+    for (auto& [name, acl] : acls_) {
+        acl.mark_stale();
+    }
 }
 
 void acl_table::end_recovery() {
     std::erase_if(acls_, [](const auto& acl) { return acl.second.stale; });
-    for (auto& [name, acl] : acls_) acl.drop_stale();
+    for (auto& [name, acl] : acls_) {
+        acl.drop_stale();
+    }
 }
 
 bool acl_table::count_first_match(acl_entry& acl, const packet& packet, verdict& result) {
     const auto found = std::find_if(acl.aces.begin(), acl.aces.end(), [&](const auto& ace) {
         return ace.second.rule && matches(*ace.second.rule, packet);
     });
-    if (found == acl.aces.end()) return false;
+    if (found == acl.aces.end()) {
+        return false;
+    }
     ++found->second.packets;
     ++acl.packets;
     ++result.matches;
@@ -241,7 +303,9 @@ verdict acl_table::classify(const packet& packet, const packet_path& path) {
     verdict result;
     for (auto& [name, acl] : acls_) {
         for (const application& entry : acl.applications) {
-            if (lies_on(entry.record, path) && !count_first_match(acl, packet, result)) break;
+            if (lies_on(entry.record, path) && !count_first_match(acl, packet, result)) {
+                break;
+            }
         }
     }
     return result;
@@ -250,9 +314,13 @@ verdict acl_table::classify(const packet& packet, const packet_path& path) {
 std::vector<acl_counters> acl_table::applied_counters() const {
     std::vector<acl_counters> all;
     for (const auto& [name, acl] : acls_) {
-        if (acl.applications.empty()) continue;
+        if (acl.applications.empty()) {
+            continue;
+        }
         acl_counters counters{acl.key, {}};
-        for (const auto& [sn, ace] : acl.aces) counters.aces.push_back({ace.record.ace_id, ace.packets});
+        for (const auto& [sn, ace] : acl.aces) {
+            counters.aces.push_back({ace.record.ace_id, ace.packets});
+        }
         all.push_back(std::move(counters));
     }
     return all;
@@ -283,7 +351,9 @@ void acl_table::append_text(std::string& out, const acl_entry& acl) {
 
 std::string acl_table::text() const {
     std::string out;
-    for (const auto& [name, acl] : acls_) append_text(out, acl);
+    for (const auto& [name, acl] : acls_) {
+        append_text(out, acl);
+    }
     return out;
 }
 

@@ -1,10 +1,10 @@
-// The ACLs that the hardware would hold: their ACEs ordered by sequence number, where they are applied,
-// and what they counted.
+// The ACLs that the hardware would hold: their ACEs in sequence order, where they are applied, and their
+// counters.
 //
-// During a data recovery (begin_recovery to end_recovery) everything held so far counts as cleared: it
-// can be created again without a duplicate being found, and until then no operation finds it. Packets
-// are still classified by it, so that a recovery does not open a gap. What is sent again keeps its
-// counters; what is not goes away at the end.
+// During a data recovery (begin_recovery to end_recovery) all existing entries count as cleared: no
+// operation finds them, and creating them again is no duplicate. Packets are still matched against them,
+// so that a recovery opens no gap. Entries that are sent again keep their counters; the others are removed
+// at the end.
 //
 // Not thread-safe: forwarding_table guards it.
 #pragma once
@@ -18,7 +18,7 @@
 
 namespace scc::service {
 
-// What tells ACLs apart; the class does not.
+// Identifies an ACL; the class is not part of it.
 struct acl_name {
     u32 vdev_id = 0;
     u32 app_type = 0;
@@ -29,13 +29,13 @@ struct acl_name {
     auto operator<=>(const acl_name&) const = default;
 };
 
-// The interfaces that a packet comes in by and, where its destination has been seen, goes out by.
+// The interfaces by which a packet enters and, if its destination has been seen, leaves.
 struct packet_path {
     u32 ingress_ifx = 0;
-    u32 egress_ifx = 0;  // 0 = not known
+    u32 egress_ifx = 0;  // 0: unknown
 };
 
-// How many places of a packet's path had an ACL with a matching ACE, and whether one of those denied it.
+// How many ACLs on the packet's path had a matching ACE, and whether one of them denied it.
 struct verdict {
     u32 matches = 0;
     bool denied = false;
@@ -51,27 +51,27 @@ class acl_table {
     [[nodiscard]] u32 create(const scc_acl_key& key);
     // An ACL that is still applied is refused with SCC_E_STILL_APPLIED.
     [[nodiscard]] u32 remove(const scc_acl_key& key);
-    // ACEs may share a sequence number; with the ACE id it names the ACE.
+    // ACEs may share a sequence number; sequence number and ACE id together identify an ACE.
     [[nodiscard]] u32 add_ace(const scc_acl_key& key, const scc_ace_record& record);
     [[nodiscard]] u32 delete_ace(const scc_acl_key& key, const scc_ace_record& record);
-    // Everything behind the record's key is the place.
+    // Everything after the record's key identifies where the ACL is applied.
     [[nodiscard]] u32 apply(const scc_acl_apply_record& record);
     [[nodiscard]] u32 unapply(const scc_acl_apply_record& record);
-    // Numbers as the applications' caches do: equal numbers stay equal, a leading 0 and numbers from
+    // Renumbers as the applications' caches do: equal numbers stay equal; a leading 0 and numbers from
     // 0x7FFFFFFF on stay.
     [[nodiscard]] u32 resequence(const scc_acl_key& key, u32 sn_start, u32 sn_inc);
 
     [[nodiscard]] u32 read_counter(const scc_acl_key& key, u64& counter) const;
     [[nodiscard]] u32 reset_counter(const scc_acl_key& key);
-    // The number is the ACE's id or, when no ACE has that id, its sequence number. ACEs that share it are
-    // counted together.
+    // The number is an ACE id or, if no ACE has that id, a sequence number. The counters of ACEs that share
+    // it are added.
     [[nodiscard]] u32 read_ace_counter(const scc_acl_key& key, u64 number, u64& counter);
     [[nodiscard]] u32 reset_ace_counter(const scc_acl_key& key, u64 number);
 
     void begin_recovery();
     void end_recovery();
 
-    // Counts the packet in every ACL on its path, at the first ACE that matches.
+    // Counts the packet in every ACL on its path, at the first matching ACE.
     verdict classify(const packet& packet, const packet_path& path);
     // The counters of every applied ACL, ACEs in sequence order.
     [[nodiscard]] std::vector<acl_counters> applied_counters() const;
@@ -82,7 +82,7 @@ class acl_table {
   private:
     struct ace_entry {
         scc_ace_record record{};
-        std::optional<ace::rule> rule;  // empty when the record holds none of the devkit's: never matches
+        std::optional<ace::rule> rule;  // empty if the record holds no rule; such an ACE never matches
         u64 packets = 0;
         bool stale = false;
     };
@@ -90,7 +90,7 @@ class acl_table {
         scc_acl_apply_record record{};
         bool stale = false;
     };
-    // Ordered by sequence number; ACEs of one number in the order of their addition.
+    // By sequence number; ACEs with the same number in the order of their addition.
     using ace_list = std::multimap<u32, ace_entry>;
     struct acl_entry {
         scc_acl_key key{};

@@ -16,7 +16,7 @@ struct capture_closer {
 
 using capture_file = std::unique_ptr<pcap_t, capture_closer>;
 
-// Null, with the problem set, when the file is no Ethernet capture.
+// If the file is not an Ethernet capture, returns null and sets the problem.
 capture_file open_capture(const std::string& path, std::string& problem) {
     std::array<char, PCAP_ERRBUF_SIZE> error{};
     capture_file capture(pcap_open_offline(path.c_str(), error.data()));
@@ -44,13 +44,15 @@ std::string capture_problem(const std::string& path) {
 std::string read_capture(const std::string& path, const std::function<void(const captured_frame&)>& handle) {
     std::string problem;
     const capture_file capture = open_capture(path, problem);
-    if (!capture) return problem;
+    if (!capture) {
+        return problem;
+    }
 
     pcap_pkthdr* header = nullptr;
     const u_char* bytes = nullptr;
     int state = 0;
     while ((state = pcap_next_ex(capture.get(), &header, &bytes)) == 1) {
-        handle({microseconds_of(header->ts), header->len, View(bytes, header->caplen)});
+        handle({microseconds_of(header->ts), header->len, byte_view(bytes, header->caplen)});
     }
     return state == PCAP_ERROR ? pcap_geterr(capture.get()) : std::string();
 }
@@ -79,8 +81,12 @@ capture_report run_capture(const std::string& path, const ingress_map& ingress, 
         const verdict verdict = table.locked([&](forwarding_table::contents& held) {
             return held.acls.classify(*packet, {where.ifx, egress_ifx});
         });
-        if (verdict.matches != 0) ++report.matched;
-        if (verdict.denied) ++report.denied;
+        if (verdict.matches != 0) {
+            ++report.matched;
+        }
+        if (verdict.denied) {
+            ++report.denied;
+        }
     });
 
     meter.finish();

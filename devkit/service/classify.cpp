@@ -32,21 +32,29 @@ bool address_matches(const ace::ip_prefix& prefix, const ace::ip_bytes& address)
         return false;
     }
     const unsigned rest_bits = prefix.prefix_bits % 8u;
-    if (rest_bits == 0 || whole_bytes == address.size()) return true;
+    if (rest_bits == 0 || whole_bytes == address.size()) {
+        return true;
+    }
     const unsigned mask = 0xFFu << (8u - rest_bits) & 0xFFu;
     return (address[whole_bytes] & mask) == (prefix.bytes[whole_bytes] & mask);
 }
 
 bool mac_matches(const std::optional<ace::mac_match>& wanted, const ace::mac_bytes& mac) {
-    if (!wanted) return true;
+    if (!wanted) {
+        return true;
+    }
     for (std::size_t i = 0; i < mac.size(); ++i) {
-        if (((mac[i] ^ wanted->bytes[i]) & wanted->mask[i]) != 0) return false;
+        if (((mac[i] ^ wanted->bytes[i]) & wanted->mask[i]) != 0) {
+            return false;
+        }
     }
     return true;
 }
 
 bool ports_match(const ace::rule& rule, const packet& packet) {
-    if (rule.source_port.any() && rule.destination_port.any()) return true;
+    if (rule.source_port.any() && rule.destination_port.any()) {
+        return true;
+    }
     const auto within = [](const ace::port_range& range, u16 port) {
         return range.first <= port && port <= range.last;
     };
@@ -62,9 +70,15 @@ bool equals_if_asked(const std::optional<Number>& wanted, Number found) {
 }  // namespace
 
 bool matches(const ace::rule& rule, const packet& packet) {
-    if (!family_matches(rule, packet)) return false;
-    if (rule.protocol && !(is_ip(packet) && *rule.protocol == packet.protocol)) return false;
-    if (rule.dscp && !(is_ip(packet) && *rule.dscp == packet.dscp)) return false;
+    if (!family_matches(rule, packet)) {
+        return false;
+    }
+    if (rule.protocol && !(is_ip(packet) && *rule.protocol == packet.protocol)) {
+        return false;
+    }
+    if (rule.dscp && !(is_ip(packet) && *rule.dscp == packet.dscp)) {
+        return false;
+    }
     return equals_if_asked(rule.vlan, packet.vid) && equals_if_asked(rule.ethertype, packet.ether_type) &&
            mac_matches(rule.source_mac, packet.source_mac) &&
            mac_matches(rule.destination_mac, packet.destination_mac) &&

@@ -5,7 +5,9 @@
 namespace scc::service {
 
 void delayed_answers::start() {
-    if (delay_.count() > 0) thread_ = std::thread([this] { run(); });
+    if (delay_.count() > 0) {
+        thread_ = std::thread([this] { run(); });
+    }
 }
 
 void delayed_answers::stop() {
@@ -14,7 +16,9 @@ void delayed_answers::stop() {
         ending_ = true;
     }
     changed_.notify_one();
-    if (thread_.joinable()) thread_.join();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
 }
 
 void delayed_answers::send(std::function<void()> answer) {

@@ -1,4 +1,4 @@
-// Sends answers: at once on the caller's thread, or a fixed time later on a thread of its own, in the
+// Sends answers immediately on the caller's thread, or after a fixed delay on a thread of its own, in the
 // order in which they were given. The thread runs from start() to stop().
 #pragma once
 
@@ -18,9 +18,9 @@ class delayed_answers {
     delayed_answers(const delayed_answers&) = delete;
     delayed_answers& operator=(const delayed_answers&) = delete;
 
-    // A delay of 0 needs no thread.
+    // Starts no thread if the delay is 0.
     void start();
-    // Answers that are still waiting, and those sent from now on, are dropped.
+    // Drops the waiting answers and all later ones.
     void stop();
     void send(std::function<void()> answer);
 

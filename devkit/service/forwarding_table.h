@@ -1,5 +1,5 @@
-// The service's whole state behind one mutex. The library's threads carry operations out in it, the main
-// thread classifies packets against it and prints it.
+// The service's state, guarded by one mutex. The library's threads carry out operations on it; the main
+// thread classifies packets with it and prints it.
 #pragma once
 
 #include <mutex>
@@ -17,7 +17,7 @@ class forwarding_table {
         acl_table acls;
         nac_table nac;
 
-        // Both ends of a data recovery.
+        // The start and the end of a data recovery.
         void begin_recovery() {
             acls.begin_recovery();
             nac.begin_recovery();
@@ -29,8 +29,7 @@ class forwarding_table {
         [[nodiscard]] std::string text() const { return acls.text() + nac.text(); }
     };
 
-    // Runs work(contents) with the mutex held and hands its result on. The work must not block and must
-    // not keep a reference.
+    // Returns work(contents), called with the mutex held. The work must not block or keep a reference.
     template <class Work>
     auto locked(Work&& work) {
         const std::lock_guard guard(mutex_);

@@ -1,5 +1,5 @@
-// Entries that survive a recovery only when they are given again: marked stale at its start, fresh again
-// when they are put, dropped at its end. Not thread-safe.
+// Entries that survive a recovery only if they are given again: marked stale at its start, fresh again
+// when put, dropped at its end. Not thread-safe.
 #pragma once
 
 #include <map>
@@ -20,7 +20,9 @@ class held_entries {
 
     template <class Predicate>
     void mark_stale_if(Predicate predicate) {
-        for (auto& [key, kept] : entries_) kept.stale = kept.stale || predicate(kept.value);
+        for (auto& [key, kept] : entries_) {
+            kept.stale = kept.stale || predicate(kept.value);
+        }
     }
     template <class Predicate>
     void drop_stale_if(Predicate predicate) {
@@ -36,7 +38,9 @@ class held_entries {
 
     template <class Visit>
     void for_each(Visit visit) const {
-        for (const auto& [key, kept] : entries_) visit(key, kept.value);
+        for (const auto& [key, kept] : entries_) {
+            visit(key, kept.value);
+        }
     }
 
   private:
@@ -48,7 +52,7 @@ class held_entries {
     std::map<Key, entry> entries_;
 };
 
-// The same for a setting of which there is one: it falls back to its default.
+// The same for a single setting, which falls back to its default.
 template <class Value>
 class held_value {
   public:
@@ -59,7 +63,9 @@ class held_value {
     [[nodiscard]] const Value& get() const { return value_; }
     void mark_stale() { stale_ = true; }
     void drop_stale() {
-        if (stale_) put(Value{});
+        if (stale_) {
+            put(Value{});
+        }
     }
 
   private:

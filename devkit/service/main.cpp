@@ -20,7 +20,7 @@
 namespace scc::service {
 namespace {
 
-// One line at a time, also when several threads print.
+// Several threads print; each line is one write.
 void say(const std::string& line) {
     const std::string whole = fmt::format("scc-ss-dev: {}\n", line);
     std::fwrite(whole.data(), 1, whole.size(), stdout);
@@ -36,8 +36,12 @@ int fail(const std::string& what, u32 error) {
 int open_signals() {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int signal : {SIGTERM, SIGINT, SIGUSR1, SIGUSR2}) sigaddset(&signals, signal);
-    if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) return -1;
+    for (const int signal : {SIGTERM, SIGINT, SIGUSR1, SIGUSR2}) {
+        sigaddset(&signals, signal);
+    }
+    if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) {
+        return -1;
+    }
     return signalfd(-1, &signals, SFD_CLOEXEC);
 }
 
@@ -58,33 +62,49 @@ class program {
         }
         signals_ = open_signals();
         wake_ = eventfd(0, EFD_CLOEXEC);
-        if (signals_ < 0 || wake_ < 0) return fail("signals", static_cast<u32>(errno));
+        if (signals_ < 0 || wake_ < 0) {
+            return fail("signals", static_cast<u32>(errno));
+        }
         service_.start_answers();
         service_.activate();
         const u32 result = scc_ss_reg(&security_service::handlers());
-        if (result != 0) return fail("registration", result);
-        while (wait()) continue;
+        if (result != 0) {
+            return fail("registration", result);
+        }
+        while (wait()) {
+            continue;
+        }
         service_.stop_answers();
         return EXIT_SUCCESS;
     }
 
   private:
-    // False when the program is to end.
+    // Returns false to end the program.
     bool wait() {
         std::array<pollfd, 2> sources{{{signals_, POLLIN, 0}, {wake_, POLLIN, 0}}};
-        if (poll(sources.data(), sources.size(), -1) < 0) return errno == EINTR;
+        if (poll(sources.data(), sources.size(), -1) < 0) {
+            return errno == EINTR;
+        }
         if ((sources[1].revents & POLLIN) != 0) {
             u64 wakes = 0;
-            if (read(wake_, &wakes, sizeof wakes) == sizeof wakes) run_capture_file();
+            if (read(wake_, &wakes, sizeof wakes) == sizeof wakes) {
+                run_capture_file();
+            }
         }
         return (sources[0].revents & POLLIN) == 0 || obey_signal();
     }
 
     bool obey_signal() {
         signalfd_siginfo signal{};
-        if (read(signals_, &signal, sizeof signal) != sizeof signal) return false;
-        if (signal.ssi_signo == SIGUSR1) run_capture_file();
-        if (signal.ssi_signo == SIGUSR2) print_tables();
+        if (read(signals_, &signal, sizeof signal) != sizeof signal) {
+            return false;
+        }
+        if (signal.ssi_signo == SIGUSR1) {
+            run_capture_file();
+        }
+        if (signal.ssi_signo == SIGUSR2) {
+            print_tables();
+        }
         return signal.ssi_signo == SIGUSR1 || signal.ssi_signo == SIGUSR2;
     }
 
@@ -95,9 +115,13 @@ class program {
     }
 
     void run_capture_file() {
-        if (options_.capture_path.empty()) return say("no capture");
+        if (options_.capture_path.empty()) {
+            return say("no capture");
+        }
         const capture_report report = run_capture(options_.capture_path, options_.ingress, table_);
-        if (!report.error.empty()) say(report.error);
+        if (!report.error.empty()) {
+            say(report.error);
+        }
         say("capture: " + summary_of(report));
         const report_outcome outcome = send_report(report);
         say(fmt::format("reported: {} sent, {} failed{}", outcome.sent, outcome.failed,
@@ -106,12 +130,15 @@ class program {
                             : fmt::format(" ({})", scc_strerror(static_cast<i32>(outcome.last_error)))));
     }
 
-    // On a library thread, with its lock held: the capture is left to the main thread.
+    // Runs on a library thread with its lock held, so the capture is left to the main thread.
     void note_applied(std::size_t applied) {
-        if (options_.run_after == 0 || applied < options_.run_after || capture_was_run_.exchange(true))
+        if (options_.run_after == 0 || applied < options_.run_after || capture_was_run_.exchange(true)) {
             return;
+        }
         const u64 one = 1;
-        if (write(wake_, &one, sizeof one) != sizeof one) say(std::strerror(errno));
+        if (write(wake_, &one, sizeof one) != sizeof one) {
+            say(std::strerror(errno));
+        }
     }
 
     const options options_;
@@ -128,8 +155,10 @@ class program {
 int main(int argc, char** argv) {
     int exit_code = EXIT_SUCCESS;
     std::optional<scc::service::options> options = scc::service::parse_options(argc, argv, &exit_code);
-    if (!options) return exit_code;
-    // The library's threads call into it until the process is gone, so it is never destroyed.
+    if (!options) {
+        return exit_code;
+    }
+    // The library's threads call into it until the process exits, so it is never destroyed.
     static scc::service::program* const program = new scc::service::program(std::move(*options));
     return program->run();
 }

@@ -13,15 +13,15 @@
 namespace scc::service {
 namespace {
 
-View bytes_of(const scc_ss_user& user) {
+byte_view bytes_of(const scc_ss_user& user) {
     return {reinterpret_cast<const u8*>(&user), sizeof user};
 }
 
 constexpr u32 operation_none = 0;
 constexpr u32 operation_delete = 3;
 
-// As many bytes as the address is long.
-ace::ip_bytes address_at(View bytes, std::size_t offset, bool is_ipv6) {
+// The prefix of the array that the address occupies.
+ace::ip_bytes address_at(byte_view bytes, std::size_t offset, bool is_ipv6) {
     ace::ip_bytes address{};
     std::ranges::copy(devkit::slice(bytes, offset, is_ipv6 ? address.size() : 4), address.begin());
     return address;
@@ -51,14 +51,16 @@ template <class Entries>
 void append_numbers(std::string& out, const char* title, const Entries& entries) {
     std::vector<u32> all;
     entries.for_each([&](u32 number, bool) { all.push_back(number); });
-    if (!all.empty()) fmt::format_to(std::back_inserter(out), "{} {}\n", title, fmt::join(all, " "));
+    if (!all.empty()) {
+        fmt::format_to(std::back_inserter(out), "{} {}\n", title, fmt::join(all, " "));
+    }
 }
 
 }  // namespace
 
 nac_user read_user_entry(const scc_ss_user& entry) {
     namespace layout = devkit::service_user;
-    const View bytes = bytes_of(entry);
+    const byte_view bytes = bytes_of(entry);
     nac_user user;
     user.ifx = entry.ifx;
     user.vid = devkit::read_at<u16>(bytes, layout::vid);
@@ -66,7 +68,9 @@ nac_user read_user_entry(const scc_ss_user& entry) {
     user.is_ipv6 = (devkit::u32_at(bytes, layout::flags) & devkit::config_record::flag_ipv6) != 0;
     user.ip = address_at(bytes, user.is_ipv6 ? layout::ipv6 : layout::ipv4, user.is_ipv6);
     user.mask = address_at(bytes, layout::mask, user.is_ipv6);
-    if (user.mask == ace::ip_bytes{}) user.mask = whole_mask(user.is_ipv6);
+    if (user.mask == ace::ip_bytes{}) {
+        user.mask = whole_mask(user.is_ipv6);
+    }
     return user;
 }
 
@@ -97,7 +101,9 @@ u32 nac_table::delete_user(const scc_ss_user& user) {
 
 u32 nac_table::read_user(scc_ss_user& user) const {
     const scc_ss_user* held = users_.find(read_user_entry(user).mac);
-    if (held == nullptr) return SCC_E_NO_LIST_NODE;
+    if (held == nullptr) {
+        return SCC_E_NO_LIST_NODE;
+    }
     user = *held;
     return 0;
 }
@@ -140,7 +146,9 @@ void nac_table::end_recovery() {
 std::string nac_table::text() const {
     std::string out;
     const auto sink = std::back_inserter(out);
-    for (const nac_user& user : users()) fmt::format_to(sink, "{}\n", text_of(user));
+    for (const nac_user& user : users()) {
+        fmt::format_to(sink, "{}\n", text_of(user));
+    }
     apps_.for_each([&](const nac_app& app, u32 operation) {
         fmt::format_to(sink, "app type {} ifx {} vid {} operation {}\n", app.type, app.ifx, app.vid,
                        operation);
@@ -153,7 +161,9 @@ std::string nac_table::text() const {
     append_numbers(out, "cpu protection", cpu_protection_);
     const scc_vlan_record& vlans = direct_vlans_.get();
     const auto direct = devkit::vlans_of({vlans.bytes, sizeof vlans.bytes});
-    if (!direct.empty()) fmt::format_to(sink, "direct vlans {}\n", fmt::join(direct, " "));
+    if (!direct.empty()) {
+        fmt::format_to(sink, "direct vlans {}\n", fmt::join(direct, " "));
+    }
     fmt::format_to(sink, "router acl {}\n", router_acl_.get() ? "open" : "closed");
     fmt::format_to(sink, "offline detection {} interval {} threshold {}\n",
                    detection().open ? "open" : "closed", detection().interval_seconds, detection().threshold);

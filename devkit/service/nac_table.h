@@ -1,7 +1,7 @@
-// Everything of the hardware that is not an ACL: NAC users and application settings, layer-4 ports, egress
-// ports, CPU protection, routed-VLAN ACLs and offline detection.
+// The hardware's state other than ACLs: NAC users and application settings, layer-4 ports, egress ports,
+// CPU protection, routed-VLAN ACLs and offline detection.
 //
-// Between begin_recovery and end_recovery the daemon gives everything again; what it does not give is
+// Between begin_recovery and end_recovery the daemon sends everything again; what it does not send is
 // dropped at the end. begin_reinstall and end_reinstall do the same for the users of one interface.
 //
 // Not thread-safe: forwarding_table guards it.
@@ -16,21 +16,21 @@
 
 namespace scc::service {
 
-// A user entry with its fields taken out.
+// A user entry, decoded.
 struct nac_user {
     u32 ifx = 0;
     u16 vid = 0;
     ace::mac_bytes mac{};
     bool is_ipv6 = false;
     ace::ip_bytes ip{};    // IPv4 in the first 4 bytes
-    ace::ip_bytes mask{};  // alike; all ones when the entry has none
+    ace::ip_bytes mask{};  // likewise; all ones if the entry has none
 };
 
 [[nodiscard]] nac_user read_user_entry(const scc_ss_user& entry);
-// One line for people.
+// One line of text.
 [[nodiscard]] std::string text_of(const nac_user& user);
 
-// A NAC application's setting on an interface; VLAN 0 stands for a setting without VLAN.
+// A NAC application's setting on an interface; VLAN 0 means a setting without a VLAN.
 struct nac_app {
     u32 ifx = 0;
     u32 vid = 0;
@@ -41,20 +41,20 @@ struct nac_app {
 struct offline_detection {
     bool open = false;
     u32 interval_seconds = 0;
-    u32 threshold = 0;  // kept and shown; any packet counts as traffic
+    u32 threshold = 0;  // stored and shown only: any packet counts as traffic
 };
 
 class nac_table {
   public:
-    // Operations 0 and 3 take the setting away, any other is kept as the setting's value.
+    // Operations 0 and 3 remove the setting; any other is stored as its value.
     void set_app(const nac_app& app, u32 operation);
     void read_default(u32 ifx, u32 type) { default_reads_.put({ifx, 0, type}, 0); }
     void set_l4port(u32 port, bool add);
 
-    // Users are told apart by their MAC address; adding one that is there replaces its entry.
+    // Users are identified by their MAC address; adding an existing user replaces its entry.
     void add_user(const scc_ss_user& user);
     [[nodiscard]] u32 delete_user(const scc_ss_user& user);
-    // Completes the entry of this MAC address.
+    // Fills in the entry with this MAC address.
     [[nodiscard]] u32 read_user(scc_ss_user& user) const;
     void begin_reinstall(u32 ifx);
     void end_reinstall(u32 ifx);
@@ -85,7 +85,7 @@ class nac_table {
     held_value<bool> router_acl_;
     held_value<offline_detection> offline_detection_;
     held_value<scc_vlan_record> direct_vlans_;
-    u32 auth_mode_ = 0;  // a notification; no recovery gives it again
+    u32 auth_mode_ = 0;  // set by a notification, which no recovery repeats
 };
 
 }  // namespace scc::service

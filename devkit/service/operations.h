@@ -1,6 +1,6 @@
-// What each operation that comes with a record does to the tables, and how it reads in the log. One
-// overload of each for every record of the public header; `op` tells the two operations of a record
-// apart. Callers hold the table's mutex.
+// Carries out the operations that come with a record, and describes them for the log. One overload for
+// each record of the public header; `op` distinguishes the two operations of a record. Callers hold the
+// table's mutex.
 #pragma once
 
 #include <string>
@@ -17,7 +17,7 @@ namespace scc::service {
 [[nodiscard]] u32 perform(forwarding_table::contents& held, scc_ss_svi_operation& operation);
 [[nodiscard]] u32 perform(forwarding_table::contents& held, scc_ss_eport_operation& operation);
 [[nodiscard]] u32 perform(forwarding_table::contents& held, scc_ss_cpp_operation& operation);
-// The two kinds of counter share one record, so each has a name.
+// Both counter operations use the same record.
 [[nodiscard]] u32 perform_acl_counter(forwarding_table::contents& held, scc_ss_counter_operation& operation);
 [[nodiscard]] u32 perform_ace_counter(forwarding_table::contents& held, scc_ss_counter_operation& operation);
 

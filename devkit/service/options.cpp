@@ -19,13 +19,16 @@ std::pair<u32, u32> number_pair(const std::string& text, u32 first_max, u32 seco
     const std::size_t colon = text.find(':');
     const auto number = [&](const std::string& digits, u32 max) {
         const auto parsed = ace::parse_number(digits, 0, max);
-        if (!parsed)
+        if (!parsed) {
             throw CLI::ValidationError(
                 text, fmt::format("a number up to {}, a colon and a number up to {} are needed", first_max,
                                   second_max));
+        }
         return static_cast<u32>(*parsed);
     };
-    if (colon == std::string::npos) return {number({}, 0), 0};
+    if (colon == std::string::npos) {
+        return {number({}, 0), 0};
+    }
     return {number(text.substr(0, colon), first_max), number(text.substr(colon + 1), second_max)};
 }
 
@@ -44,7 +47,7 @@ std::optional<options> parse_options(int argc, char** argv, int* exit_code) {
     constexpr u32 number_max = 0xFFFFFFFF;
     constexpr u32 type_max = 0xFFFF;
     constexpr u32 delay_ms_max = 3'600'000;
-    app.add_option("--delay", delay_ms, "Answer this many milliseconds later, from another thread")
+    app.add_option("--delay", delay_ms, "Delay every answer by this many milliseconds")
         ->check(CLI::Range(0u, delay_ms_max));
     app.add_option("--refuse", refusals, "Answer operations of this message type with this result")
         ->type_name("TYPE:RESULT");
@@ -58,11 +61,11 @@ std::optional<options> parse_options(int argc, char** argv, int* exit_code) {
     app.add_option("--pcap-on", run_on, "signal: run the capture on SIGUSR1 alone; applied: also by itself")
         ->check(CLI::IsMember({"signal", "applied"}, CLI::ignore_case))
         ->needs(capture);
-    app.add_option("--pcap-after", run_after, "With --pcap-on applied: when so many ACLs are applied")
+    app.add_option("--pcap-after", run_after, "With --pcap-on applied: once this many ACLs are applied")
         ->check(CLI::Range(1u, number_max))
         ->capture_default_str()
         ->needs(capture);
-    app.add_option("--pcap-ifx", parsed.ingress.default_ifx, "Interface on which the packets came in")
+    app.add_option("--pcap-ifx", parsed.ingress.default_ifx, "Interface by which the packets entered")
         ->capture_default_str();
     app.add_option("--vlan-ifx", vlans, "Interface of the packets of a VLAN (0: untagged)")
         ->type_name("VLAN:IFX");
@@ -83,7 +86,9 @@ std::optional<options> parse_options(int argc, char** argv, int* exit_code) {
     }
     parsed.policy.delay = std::chrono::milliseconds(delay_ms);
     parsed.policy.silent = {silent.begin(), silent.end()};
-    if (CLI::detail::to_lower(run_on) == "applied") parsed.run_after = run_after;
+    if (CLI::detail::to_lower(run_on) == "applied") {
+        parsed.run_after = run_after;
+    }
     return parsed;
 }
 

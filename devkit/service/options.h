@@ -13,11 +13,11 @@ struct options {
     answer_policy policy;
     bool verbose = false;
     std::string capture_path;   // empty: none
-    std::size_t run_after = 0;  // applied ACLs that start the capture; 0 = the signal alone
+    std::size_t run_after = 0;  // applied ACLs that start the capture; 0: only the signal does
     ingress_map ingress;
 };
 
-// Nothing when the process is to end with *exit_code: help was asked for, or the line is wrong.
+// Returns nothing, and sets *exit_code, if the process should exit: after --help or an invalid command line.
 [[nodiscard]] std::optional<options> parse_options(int argc, char** argv, int* exit_code);
 
 }  // namespace scc::service

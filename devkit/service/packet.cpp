@@ -24,19 +24,19 @@ constexpr std::size_t ipv4_bytes = 20;
 constexpr std::size_t ipv6_bytes = 40;
 constexpr std::size_t arp_bytes = 28;
 
-u8 byte_at(View bytes, std::size_t offset) {
+u8 byte_at(byte_view bytes, std::size_t offset) {
     return offset < bytes.size() ? bytes[offset] : u8{0};
 }
 
-u16 network_u16_at(View bytes, std::size_t offset) {
+u16 network_u16_at(byte_view bytes, std::size_t offset) {
     return static_cast<u16>(byte_at(bytes, offset) << 8 | byte_at(bytes, offset + 1));
 }
 
-void copy_address(ace::ip_bytes& address, View source) {
+void copy_address(ace::ip_bytes& address, byte_view source) {
     std::copy_n(source.begin(), std::min(source.size(), address.size()), address.begin());
 }
 
-ace::mac_bytes mac_of(View source) {
+ace::mac_bytes mac_of(byte_view source) {
     ace::mac_bytes mac{};
     std::copy_n(source.begin(), std::min(source.size(), mac.size()), mac.begin());
     return mac;
@@ -46,16 +46,20 @@ bool is_tag(u16 ether_type) {
     return ether_type == tag_customer || ether_type == tag_service || ether_type == tag_service_old;
 }
 
-void parse_transport(View bytes, packet& found) {
-    if (found.later_fragment || !ace::has_ports(found.protocol) || bytes.size() < 4) return;
+void parse_transport(byte_view bytes, packet& found) {
+    if (found.later_fragment || !ace::has_ports(found.protocol) || bytes.size() < 4) {
+        return;
+    }
     found.has_ports = true;
     found.source_port = network_u16_at(bytes, 0);
     found.destination_port = network_u16_at(bytes, 2);
 }
 
-void parse_ipv4(View bytes, packet& found) {
+void parse_ipv4(byte_view bytes, packet& found) {
     const std::size_t header_bytes = static_cast<std::size_t>(byte_at(bytes, 0) & 0x0F) * 4;
-    if (bytes.size() < ipv4_bytes || byte_at(bytes, 0) >> 4 != 4 || header_bytes < ipv4_bytes) return;
+    if (bytes.size() < ipv4_bytes || byte_at(bytes, 0) >> 4 != 4 || header_bytes < ipv4_bytes) {
+        return;
+    }
     found.network = network_kind::ipv4;
     found.dscp = static_cast<u8>(bytes[1] >> 2);
     found.later_fragment = (network_u16_at(bytes, 6) & 0x1FFF) != 0;
@@ -65,8 +69,8 @@ void parse_ipv4(View bytes, packet& found) {
     parse_transport(devkit::slice(bytes, header_bytes, bytes.size()), found);
 }
 
-// The length of an extension header, or 0 for a header that is none.
-std::size_t extension_bytes(u8 protocol, View bytes) {
+// The length of an extension header, or 0 for any other header.
+std::size_t extension_bytes(u8 protocol, byte_view bytes) {
     const std::size_t length = byte_at(bytes, 1);
     switch (protocol) {
         case extension_hop_by_hop:
@@ -82,18 +86,22 @@ std::size_t extension_bytes(u8 protocol, View bytes) {
     }
 }
 
-void parse_ipv6(View bytes, packet& found) {
-    if (bytes.size() < ipv6_bytes || bytes[0] >> 4 != 6) return;
+void parse_ipv6(byte_view bytes, packet& found) {
+    if (bytes.size() < ipv6_bytes || bytes[0] >> 4 != 6) {
+        return;
+    }
     found.network = network_kind::ipv6;
     found.dscp = static_cast<u8>((network_u16_at(bytes, 0) >> 6) & 0x3F);
     found.protocol = bytes[6];
     copy_address(found.source_ip, bytes.subspan(8, 16));
     copy_address(found.destination_ip, bytes.subspan(24, 16));
 
-    View rest = bytes.subspan(ipv6_bytes);
+    byte_view rest = bytes.subspan(ipv6_bytes);
     while (!found.later_fragment) {
         const std::size_t length = extension_bytes(found.protocol, rest);
-        if (length == 0 || length > rest.size()) break;
+        if (length == 0 || length > rest.size()) {
+            break;
+        }
         if (found.protocol == extension_fragment) {
             found.later_fragment = (network_u16_at(rest, 2) & 0xFFF8) != 0;
         }
@@ -103,7 +111,7 @@ void parse_ipv6(View bytes, packet& found) {
     parse_transport(rest, found);
 }
 
-void parse_arp(View bytes, packet& found) {
+void parse_arp(byte_view bytes, packet& found) {
     constexpr u16 hardware_ethernet = 1;
     if (bytes.size() < arp_bytes || network_u16_at(bytes, 0) != hardware_ethernet ||
         network_u16_at(bytes, 2) != ether_type_ipv4) {
@@ -114,13 +122,15 @@ void parse_arp(View bytes, packet& found) {
     copy_address(found.destination_ip, bytes.subspan(24, 4));
 }
 
-// Reads up to two tags and returns where the payload begins. The outer one tells the VLAN.
-std::size_t parse_tags(View frame, packet& found) {
+// Reads up to two VLAN tags, of which the outer one counts. Returns the offset of the payload.
+std::size_t parse_tags(byte_view frame, packet& found) {
     std::size_t offset = ethernet_bytes;
     found.ether_type = network_u16_at(frame, offset - 2);
     for (int tags = 0; tags < 2 && is_tag(found.ether_type) && devkit::holds(frame, offset, tag_bytes);
          ++tags) {
-        if (tags == 0) found.vid = network_u16_at(frame, offset) & 0x0FFF;
+        if (tags == 0) {
+            found.vid = network_u16_at(frame, offset) & 0x0FFF;
+        }
         found.ether_type = network_u16_at(frame, offset + 2);
         offset += tag_bytes;
     }
@@ -129,16 +139,24 @@ std::size_t parse_tags(View frame, packet& found) {
 
 }  // namespace
 
-std::optional<packet> parse_packet(View frame) {
-    if (frame.size() < ethernet_bytes) return std::nullopt;
+std::optional<packet> parse_packet(byte_view frame) {
+    if (frame.size() < ethernet_bytes) {
+        return std::nullopt;
+    }
     packet found;
     found.destination_mac = mac_of(frame.subspan(0, 6));
     found.source_mac = mac_of(frame.subspan(6, 6));
     const std::size_t offset = parse_tags(frame, found);
-    const View payload = devkit::slice(frame, offset, frame.size());
-    if (found.ether_type == ether_type_ipv4) parse_ipv4(payload, found);
-    if (found.ether_type == ether_type_ipv6) parse_ipv6(payload, found);
-    if (found.ether_type == ether_type_arp) parse_arp(payload, found);
+    const byte_view payload = devkit::slice(frame, offset, frame.size());
+    if (found.ether_type == ether_type_ipv4) {
+        parse_ipv4(payload, found);
+    }
+    if (found.ether_type == ether_type_ipv6) {
+        parse_ipv6(payload, found);
+    }
+    if (found.ether_type == ether_type_arp) {
+        parse_arp(payload, found);
+    }
     return found;
 }
 

@@ -20,7 +20,7 @@ void note(report_outcome& outcome, u32 result) {
     outcome.last_error = result;
 }
 
-// Calls send(part) for parts of at most entries_per_notification entries; not at all for none.
+// Calls send(part) with at most entries_per_notification entries at a time.
 template <class Entry, class Send>
 void in_parts(std::span<const Entry> entries, Send send) {
     while (!entries.empty()) {
@@ -34,7 +34,9 @@ void send_counters(const acl_counters& acl, report_outcome& outcome) {
     in_parts(std::span(acl.aces), [&](std::span<const scc_ace_counter> part) {
         note(outcome, scc_ss_ace_counter_notify(&acl.key, static_cast<u32>(part.size()), part.data()));
     });
-    if (acl.aces.empty()) note(outcome, scc_ss_ace_counter_notify(&acl.key, 0, nullptr));
+    if (acl.aces.empty()) {
+        note(outcome, scc_ss_ace_counter_notify(&acl.key, 0, nullptr));
+    }
 }
 
 }  // namespace
@@ -44,7 +46,9 @@ report_outcome send_report(const capture_report& report) {
     in_parts(std::span(report.moves), [&](std::span<const scc_address_move> part) {
         note(outcome, scc_ss_move_addr_notify(static_cast<int>(part.size()), part.data()));
     });
-    for (const acl_counters& acl : report.acls) send_counters(acl, outcome);
+    for (const acl_counters& acl : report.acls) {
+        send_counters(acl, outcome);
+    }
     for (const flow& flow : report.flows) {
         note(outcome, scc_flow_notify(&flow.user, flow.packets, flow.bytes));
     }

@@ -1,4 +1,4 @@
-// Telling the daemon what a capture has shown. Called without the library's lock; any thread.
+// Reports the results of a capture to the daemon. Call without the library's lock; any thread.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace scc::service {
 
-// What became of the notifications of one report.
+// How the notifications of one report were sent.
 struct report_outcome {
     u64 sent = 0;
     u64 failed = 0;
@@ -15,7 +15,7 @@ struct report_outcome {
 };
 
 // Sends, in this order, moved addresses, ACE counters of each applied ACL, flows and silent users. Long
-// lists are cut into several notifications, each of which fits one message.
+// lists are split into several notifications, each of which fits into one message.
 report_outcome send_report(const capture_report& report);
 
 [[nodiscard]] std::string summary_of(const capture_report& report);

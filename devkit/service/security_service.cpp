@@ -14,28 +14,30 @@ namespace {
 
 using contents = forwarding_table::contents;
 
-constexpr u32 registered = 1;  // the status of the server-status handler
+constexpr u32 registered = 1;  // passed to the server-status handler
 
-// The library's handlers carry no context. Set once, before the registration that starts its threads.
+// The library's handlers have no context argument. Set once, before registering starts its threads.
 constinit security_service* active = nullptr;
 
 // ---- operations with a record ----
 
-template <class Operation, class Work>
-int answer_record(u32 type, Operation& operation, Work work) {
+template <class service_operation, class Work>
+int answer_record(u32 type, service_operation& operation, Work work) {
     const auto result =
         active->carry_out(type, describe(operation), [&](contents& held) { return work(held, operation); });
-    if (!result) return 0;
+    if (!result) {
+        return 0;
+    }
     operation.ret = *result;
     active->send_later([copy = operation] { copy.callback(&copy, sizeof copy); });
     return 0;
 }
 
-template <u32 type, u32 op, class Operation>
-int on_record(Operation* operation) {
+template <u32 type, u32 op, class service_operation>
+int on_record(service_operation* operation) {
     operation->op = op;
     return answer_record(type, *operation,
-                         [](contents& held, Operation& record) { return perform(held, record); });
+                         [](contents& held, service_operation& record) { return perform(held, record); });
 }
 
 int on_apply(scc_ss_apply_operation* operation) {
@@ -58,14 +60,16 @@ int on_ace_counter(scc_ss_counter_operation* operation) {
 
 // ---- operations with arguments ----
 
-// reply(result) is one of the library's reply functions with its arguments.
+// reply(result) calls one of the library's reply functions.
 template <class Work, class Reply>
 int answer_call(u32 type, const std::string& text, Work work, Reply reply) {
     const auto result = active->carry_out(type, text, [&](contents& held) {
         work(held);
         return 0u;
     });
-    if (result) active->send_later([reply, result] { reply(*result); });
+    if (result) {
+        active->send_later([reply, result] { reply(*result); });
+    }
     return 0;
 }
 
@@ -105,11 +109,15 @@ int on_user(u32 call_id, u8 add, const scc_ss_user* user) {
     const auto result =
         active->carry_out(msg::nacm_user, fmt::format("{} {}", add != 0 ? "add" : "delete", describe(*user)),
                           [&](contents& held) {
-                              if (add == 0) return held.nac.delete_user(*user);
+                              if (add == 0) {
+                                  return held.nac.delete_user(*user);
+                              }
                               held.nac.add_user(*user);
                               return 0u;
                           });
-    if (!result) return 0;
+    if (!result) {
+        return 0;
+    }
     active->send_later([result = *result, call_id, add, copy = *user] {
         scc_ssc_nacm_user_op_callback(result, call_id, add, &copy);
     });
@@ -199,10 +207,12 @@ int on_l4ports_recover(u32 count, const void* ports) {
 
 // ---- notifications ----
 
-// Runs on the library's receive thread without its lock, so the fetch can be asked for from here.
+// Runs on the library's receive thread without its lock, so it may request the fetch.
 void on_server_status(u32 status) {
     active->note_status(status);
-    if (status != registered) return;
+    if (status != registered) {
+        return;
+    }
     active->expect_recovery();
     active->note_fetch(scc_ss_fetch_func());
 }
@@ -265,7 +275,9 @@ const scc_ss_reg_info& security_service::handlers() {
 
 void security_service::note_applied() {
     const std::size_t applied = table_.locked([](const contents& held) { return held.acls.applied_count(); });
-    if (observer_.applied) observer_.applied(applied);
+    if (observer_.applied) {
+        observer_.applied(applied);
+    }
 }
 
 void security_service::expect_recovery() {
@@ -273,7 +285,9 @@ void security_service::expect_recovery() {
 }
 
 void security_service::note_status(u32 status) const {
-    if (observer_.status) observer_.status(status);
+    if (observer_.status) {
+        observer_.status(status);
+    }
 }
 
 void security_service::note_fetch(u32 result) const {
@@ -283,7 +297,9 @@ void security_service::note_fetch(u32 result) const {
 }
 
 void security_service::log_operation(u32 type, const std::string& text, u32 result, bool answered) const {
-    if (!observer_.log) return;
+    if (!observer_.log) {
+        return;
+    }
     observer_.log(fmt::format("{} {}: {}{}", type, text, result, answered ? "" : ", not answered"));
 }
 

@@ -1,10 +1,9 @@
 // The 26 handlers that the library calls, over the forwarding table.
 //
-// Each operation is carried out in the table inside its handler; its answer goes out from there, or after
-// the configured delay from another thread. Handlers with a record, data recovery and the user read run
-// with the library's lock held: nothing of the library is called inside them but the record's callback.
-// Data recovery and the user read are answered by the library when the handler returns, so that neither a
-// delay nor silence applies to them.
+// Each operation is carried out inside its handler and answered there, or after the configured delay from
+// another thread. Handlers with a record, data recovery and the user read run with the library's lock held:
+// they call nothing of the library but the record's callback. The library itself answers data recovery and
+// the user read when the handler returns, so neither delay nor silence applies to them.
 #pragma once
 
 #include <chrono>
@@ -19,32 +18,32 @@
 
 namespace scc::service {
 
-// How operations are answered, for tests of the other side; by message type.
+// How operations are answered, by message type, to test applications against a faulty service.
 struct answer_policy {
     std::chrono::milliseconds delay{0};
-    std::map<u32, u32> refusals;  // result by type; the operation is then not carried out
+    std::map<u32, u32> refusals;  // result by type; such an operation is not carried out
     std::set<u32> silent;         // carried out and never answered
 };
 
 class security_service {
   public:
     struct observer {
-        // One line for each operation; may be empty. Called on the library's threads.
+        // Gets one line for each operation; may be empty. Called on the library's threads.
         std::function<void(const std::string&)> log;
-        // 1 when registered, 0 when the daemon is lost. Called on the library's receive thread.
+        // Gets 1 on registration, 0 when the daemon is lost. Called on the library's receive thread.
         std::function<void(u32)> status;
-        // How many ACLs are applied, after each operation that applies one.
+        // Gets the number of applied ACLs after each operation that applies one.
         std::function<void(std::size_t)> applied;
     };
 
     security_service(forwarding_table& table, answer_policy policy, observer watcher);
 
-    // Makes this the instance behind handlers(). It must outlive the library's threads, which run until
-    // the process ends.
+    // Makes this the instance that handlers() calls. It must outlive the library's threads, which run until
+    // the process exits.
     void activate();
     [[nodiscard]] static const scc_ss_reg_info& handlers();
 
-    // Carries an operation out unless it is refused, and logs it. Nothing when it is not to be answered.
+    // Carries out an operation unless it is refused, and logs it. Returns nothing if it stays unanswered.
     template <class Work>
     [[nodiscard]] std::optional<u32> carry_out(u32 type, const std::string& text, Work&& work) {
         const auto refusal = policy_.refusals.find(type);
@@ -59,8 +58,8 @@ class security_service {
     void stop_answers() { answers_.stop(); }
     void send_later(std::function<void()> answer) { answers_.send(std::move(answer)); }
     void note_applied();
-    // From the registration on, what is held is an earlier daemon's: this one's operations may come before
-    // the recovery that is asked for, and must not find it.
+    // After a registration the tables hold an earlier daemon's state. The new daemon's operations may arrive
+    // before the requested recovery and must not find it.
     void expect_recovery();
     void note_status(u32 status) const;
     void note_fetch(u32 result) const;

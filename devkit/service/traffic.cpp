@@ -55,14 +55,20 @@ traffic_meter::traffic_meter(const std::vector<nac_user>& users, const offline_d
 void traffic_meter::count(const packet& packet, const station& where, u64 time_us, u64 len_bytes) {
     if (!first_us_) {
         first_us_ = time_us;
-        for (metered_user& user : users_) user.last_us = time_us;
+        for (metered_user& user : users_) {
+            user.last_us = time_us;
+        }
     }
     last_us_ = std::max(last_us_, time_us);
-    if (is_group_address(packet.source_mac)) return;
+    if (is_group_address(packet.source_mac)) {
+        return;
+    }
 
     note_station(packet.source_mac, where);
     metered_user* user = user_of(packet, where, time_us);
-    if (user == nullptr) return;
+    if (user == nullptr) {
+        return;
+    }
     note_silence(*user, time_us);
     user->last_us = std::max(user->last_us, time_us);
     ++user->counted.packets;
@@ -71,14 +77,18 @@ void traffic_meter::count(const packet& packet, const station& where, u64 time_u
 }
 
 void traffic_meter::finish() {
-    for (const metered_user& user : users_) note_silence(user, last_us_);
+    for (const metered_user& user : users_) {
+        note_silence(user, last_us_);
+    }
     std::stable_sort(silences_.begin(), silences_.end(),
                      [](const silence& a, const silence& b) { return a.time_us < b.time_us; });
 }
 
 void traffic_meter::note_station(const ace::mac_bytes& mac, const station& where) {
     const auto [known, is_new] = stations_.try_emplace(mac, where);
-    if (is_new || known->second == where) return;
+    if (is_new || known->second == where) {
+        return;
+    }
     scc_address_move move{where.ifx, where.vid, known->second.vid, where.vid, {}};
     std::memcpy(move.mac, mac.data(), sizeof move.mac);
     moves_.push_back(move);
@@ -88,27 +98,37 @@ void traffic_meter::note_station(const ace::mac_bytes& mac, const station& where
 traffic_meter::metered_user* traffic_meter::user_of(const packet& packet, const station& where, u64 time_us) {
     const source from(packet.source_mac, users_are_given_ ? no_address : packet.source_ip);
     const auto known = places_.find(from);
-    if (known != places_.end()) return &users_[known->second];
-    if (users_are_given_) return nullptr;
+    if (known != places_.end()) {
+        return &users_[known->second];
+    }
+    if (users_are_given_) {
+        return nullptr;
+    }
     places_.emplace(from, users_.size());
     users_.push_back({{flow_user_of(user_seen_in(packet, where)), 0, 0}, time_us});
     return &users_.back();
 }
 
 void traffic_meter::note_silence(const metered_user& user, u64 until_us) {
-    if (interval_us_ == 0 || until_us < user.last_us + interval_us_) return;
+    if (interval_us_ == 0 || until_us < user.last_us + interval_us_) {
+        return;
+    }
     silences_.push_back({user.counted.user, user.counted.packets, user.last_us + interval_us_});
 }
 
 std::optional<station> traffic_meter::last_seen(const ace::mac_bytes& mac) const {
     const auto known = stations_.find(mac);
-    if (known == stations_.end()) return std::nullopt;
+    if (known == stations_.end()) {
+        return std::nullopt;
+    }
     return known->second;
 }
 
 std::vector<flow> traffic_meter::flows() const {
     std::vector<flow> all;
-    for (const metered_user& user : users_) all.push_back(user.counted);
+    for (const metered_user& user : users_) {
+        all.push_back(user.counted);
+    }
     return all;
 }
 

@@ -1,5 +1,5 @@
-// What the packets of a capture say about users: how much each one sent, where it moved, when it fell
-// silent. Pure bookkeeping in capture time; one thread.
+// Per-user statistics of a capture: traffic, moves between VLANs and interfaces, and silence. All times are
+// the capture's. Not thread-safe.
 #pragma once
 
 #include <map>
@@ -25,7 +25,7 @@ struct flow {
     u64 bytes = 0;
 };
 
-// A user without a packet for the interval of offline detection; the time is when the interval ran out.
+// A user without a packet for the interval of offline detection, and the time when the interval expired.
 struct silence {
     scc_flow_user user{};
     u64 packets = 0;
@@ -34,12 +34,12 @@ struct silence {
 
 class traffic_meter {
   public:
-    // Without users each pair of a source MAC address and a source IP address is a user.
+    // If there are no users, each pair of source MAC address and source IP address counts as one.
     traffic_meter(const std::vector<nac_user>& users, const offline_detection& detection);
 
-    // Packets come in the order of their times, which are in microseconds.
+    // Packets must be in chronological order.
     void count(const packet& packet, const station& where, u64 time_us, u64 len_bytes);
-    // The capture is over: judges the users that stayed silent up to its end.
+    // Ends the capture: finds the users that were silent until its end.
     void finish();
 
     // Where a MAC address was seen last.
@@ -47,7 +47,7 @@ class traffic_meter {
 
     [[nodiscard]] std::vector<flow> flows() const;
     [[nodiscard]] const std::vector<scc_address_move>& moves() const { return moves_; }
-    // In the order of their times.
+    // In chronological order.
     [[nodiscard]] const std::vector<silence>& silences() const { return silences_; }
 
   private:
@@ -62,9 +62,9 @@ class traffic_meter {
     void note_silence(const metered_user& user, u64 until_us);
 
     bool users_are_given_;
-    u64 interval_us_;  // 0: no offline detection
+    u64 interval_us_;  // 0: offline detection is off
     std::vector<metered_user> users_;
-    std::map<source, std::size_t> places_;  // in users_; the address of given users is not looked at
+    std::map<source, std::size_t> places_;  // indices into users_; the address of given users is ignored
     std::map<ace::mac_bytes, station> stations_;
     std::vector<scc_address_move> moves_;
     std::vector<silence> silences_;

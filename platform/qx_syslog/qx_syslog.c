@@ -8,7 +8,7 @@
 
 enum { line_bytes = 1024 };
 
-/* One write a line, so that the lines of two threads do not mix. */
+/* One write per line, so that the lines of two threads do not mix. */
 static void write_to_stderr(const char* module, const char* submodule, const char* text) {
     char line[line_bytes + 64];
     size_t length = strlen(text);

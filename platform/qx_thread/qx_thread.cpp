@@ -1,9 +1,8 @@
 // The workstation's event loop: each task is one libevent event that fires once.
 //
-// A handle is the task's number, which is never used again, and not its address: a caller may keep a handle
-// for longer than the task lives and cancel it then, and must not meet a newer task. A task is in the table
-// until its handler has returned or it is cancelled. Its memory is freed by libevent's finaliser, once no
-// callback of it can be running.
+// A handle is the task's number, which is never reused, and not its address: a caller may cancel a handle
+// after the task is gone, and must not hit a newer task. A task is in the table until its handler has
+// returned or it is cancelled. libevent's finaliser frees it, when none of its callbacks can be running.
 #include "qx_thread.h"
 
 #include <event2/event.h>
@@ -18,14 +17,14 @@
 
 struct qx_thread_master {
     event_base* base;
-    event* wake;  // activated by a stop: a loop that is only about to wait must not
+    event* wake;  // activated by a stop, since the loop may be about to wait
     std::atomic<bool> stopping;
 };
 
 namespace {
 
 struct task {
-    task* next;  // in its bucket; g_tasks_mutex
+    task* next;  // in its bucket; guarded by g_tasks_mutex
     std::uintptr_t number;
     qx_thread_master* master;
     event* trigger;
@@ -34,11 +33,11 @@ struct task {
     int fd;
     int value;
     const char* name;
-    bool started;    // g_tasks_mutex
-    bool cancelled;  // g_tasks_mutex
+    bool started;    // guarded by g_tasks_mutex
+    bool cancelled;  // guarded by g_tasks_mutex
 };
 
-// Numbers follow each other, so the buckets fill evenly.
+// Numbers are consecutive, so the buckets fill evenly.
 constexpr std::size_t buckets = 1024;
 
 // Guards the table and the flags of the tasks.
@@ -64,7 +63,7 @@ qx_thread* handle_of(const task* one) {
     return reinterpret_cast<qx_thread*>(one->number);
 }
 
-// The place of the pointer to the task, or of the null at the bucket's end.
+// The pointer to the task, or the null at the end of its bucket.
 task** place_of(std::uintptr_t number) {
     task** place = &g_tasks[number % buckets];
     while (*place != nullptr && (*place)->number != number) {
@@ -93,8 +92,8 @@ void on_wake(evutil_socket_t /*fd*/, short /*what*/, void* argument) {
     }
 }
 
-// Looks for readable sockets behind every ordinary task, so that tasks which add themselves again keep
-// nobody out and a high-priority read overtakes all that wait.
+// Polls readable sockets after every ordinary task, so that tasks that add themselves again starve nobody
+// and a high-priority read overtakes all waiting tasks.
 event_base* new_base() {
     event_config* config = event_config_new();
     event_base* base = nullptr;
@@ -131,7 +130,7 @@ void free_task(event* /*trigger*/, void* one) {
     std::free(one);
 }
 
-// Under the guard.
+// Call with the guard held.
 void cancel_task(task* one) {
     remove(one);
     one->cancelled = true;
@@ -183,8 +182,8 @@ qx_thread* give_up(task* one) {
     return nullptr;
 }
 
-// Makes the event and starts it; the task is freed when that fails. Under the guard, so that the handler
-// cannot run before the task is in the table.
+// Makes and starts the event; frees the task on failure. Call with the guard held, so that the handler cannot
+// run before the task is in the table.
 qx_thread* start(task* one, short what, int priority, const timeval* timeout) {
     if (!make_trigger(one, what, priority)) {
         return give_up(one);
@@ -197,7 +196,7 @@ qx_thread* start(task* one, short what, int priority, const timeval* timeout) {
     return handle_of(one);
 }
 
-// A task that is ready from the beginning: such tasks run in the order in which they were added.
+// A task that is ready immediately; such tasks run in the order of addition.
 qx_thread* start_ready(task* one) {
     if (!make_trigger(one, 0, normal_priority)) {
         return give_up(one);

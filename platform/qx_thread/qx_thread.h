@@ -1,9 +1,9 @@
 /* The platform's event loop, as a workstation has it (on libevent).
  *
- * A master runs tasks on the thread that runs it. A task runs once, then it is gone: a handler that wants
- * to run again adds itself again. Tasks may be added and cancelled from any thread. A handle is valid until
- * its handler returns or it was cancelled; cancelling a handle that is not valid any more does nothing, and
- * no later task gets the same handle. Handles are never dereferenced. */
+ * A master runs tasks on the thread that calls qx_thread_master_run. A task runs once: a handler that wants
+ * to run again adds a new one. Tasks may be added and cancelled from any thread. A handle is valid until its
+ * handler returns or it is cancelled. Cancelling an invalid handle does nothing, and no later task gets the
+ * same handle. Handles are never dereferenced. */
 #ifndef QX_THREAD_H
 #define QX_THREAD_H
 
@@ -17,7 +17,7 @@ struct qx_thread;
 /* The return value is ignored. */
 typedef int (*qx_thread_handler)(struct qx_thread* task);
 
-/* Make a master; null when there is no memory. */
+/* Make a master; null if there is no memory. */
 struct qx_thread_master* qx_thread_master_create(void);
 /* Free a master that is not running, with all its tasks. Null is ignored. */
 void qx_thread_master_free(struct qx_thread_master* master);
@@ -26,7 +26,7 @@ int qx_thread_master_run(struct qx_thread_master* master);
 /* Make qx_thread_master_run return after the handler that is running. Any thread. */
 void qx_thread_master_stop(struct qx_thread_master* master);
 
-/* Add a task; null when it could not be added. name must outlive the task and may be null. */
+/* Add a task; null if it could not be added. name must outlive the task and may be null. */
 
 /* Run as soon as possible, in the order of adding; value is kept with the task. */
 struct qx_thread* qx_thread_add_event_withname(struct qx_thread_master* master, qx_thread_handler handler,
@@ -40,11 +40,11 @@ struct qx_thread* qx_thread_add_read_high_withname(struct qx_thread_master* mast
 /* Run when fd is writable. */
 struct qx_thread* qx_thread_add_write_withname(struct qx_thread_master* master, qx_thread_handler handler,
                                                void* arg, int fd, const char* name);
-/* Take a task back. It does not run afterwards, unless it is running on the loop's thread just now. Does
- * not wait. Any thread, and from handlers. Null is ignored. */
+/* Cancel a task. It does not run any more, unless it is running on the loop's thread right now. Does not
+ * wait. Any thread, and from handlers. Null is ignored. */
 void qx_thread_cancel(struct qx_thread* task);
 
-/* What a handler reads of its task; null, -1 or 0 for a handle that is not valid any more. */
+/* A handler's access to its task; null, -1 or 0 for an invalid handle. */
 void* qx_thread_arg(const struct qx_thread* task);
 int qx_thread_fd(const struct qx_thread* task);
 int qx_thread_value(const struct qx_thread* task);

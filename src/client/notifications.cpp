@@ -12,7 +12,7 @@ using namespace scc;
 namespace scc {
 namespace {
 
-using H = scc_handlers;
+using handlers = scc_handlers;
 
 // Calls the handler with the arguments of the row; false when there is none.
 template <auto Member, class... Arguments>
@@ -51,14 +51,14 @@ constexpr std::size_t roll_at = 8;
 
 // The log is written in front of the call, as its text says; a handler that goes away in between is not
 // called any more.
-#define SCC_NOTIFY(member, arguments, called, ignored)                  \
-    do {                                                                \
-        if (!is_wanted<&H::member>()) {                                 \
-            SCC_LOG ignored;                                            \
-            return;                                                     \
-        }                                                               \
-        SCC_LOG called;                                                 \
-        (void)call_handler<&H::member, SCC_ARGUMENTS arguments>(value); \
+#define SCC_NOTIFY(member, arguments, called, ignored)                         \
+    do {                                                                       \
+        if (!is_wanted<&handlers::member>()) {                                 \
+            SCC_LOG ignored;                                                   \
+            return;                                                            \
+        }                                                                      \
+        SCC_LOG called;                                                        \
+        (void)call_handler<&handlers::member, SCC_ARGUMENTS arguments>(value); \
     } while (false)
 #define SCC_ARGUMENTS(...) __VA_ARGS__
 
@@ -113,7 +113,7 @@ void _scc_lib_noflow_offline_notify_proc(const void* value) {
 
 // No line when it is called.
 void _scc_lib_direct_vlan_notify_proc(const void* value) {
-    if (!call_handler<&H::direct_vlan_notify, pointer_at<8>>(value)) {
+    if (!call_handler<&handlers::direct_vlan_notify, pointer_at<8>>(value)) {
         SCC_LOG("ignore direct vlan notify msg");
     }
 }

@@ -103,7 +103,7 @@ u32 reply(u32 pair, u32 result_code, u32 call_id, u32 type_word) {
 }  // namespace
 }  // namespace scc
 
-using H = service_handlers;
+using handlers = service_handlers;
 
 extern "C" {
 
@@ -111,17 +111,18 @@ i32 _scc_nacm_app_op(u16 scc_type, const void* value) {
     if (!save_application(__func__, scc_type, value)) {
         return static_cast<i32>(result::invalid);
     }
-    return call_or_answer<&H::app_set>(__func__, "ssc_nacm_app_set_handler", word(value, 0), word(value, 12),
-                                       word(value, 8), word(value, 4), word(value, 12));
+    return call_or_answer<&handlers::app_set>(__func__, "ssc_nacm_app_set_handler", word(value, 0),
+                                              word(value, 12), word(value, 8), word(value, 4),
+                                              word(value, 12));
 }
 
 i32 _scc_nacm_app_withvid_op(u16 scc_type, const void* value) {
     if (!save_application(__func__, scc_type, value)) {
         return static_cast<i32>(result::invalid);
     }
-    return call_or_answer<&H::app_set_with_vid>(__func__, "ssc_nacm_app_set_with_vid_handler", word(value, 0),
-                                                word(value, 12), word(value, 8), word(value, 4),
-                                                word(value, 20), word(value, 12));
+    return call_or_answer<&handlers::app_set_with_vid>(__func__, "ssc_nacm_app_set_with_vid_handler",
+                                                       word(value, 0), word(value, 12), word(value, 8),
+                                                       word(value, 4), word(value, 20), word(value, 12));
 }
 
 i32 _scc_nacm_def_read(u16 scc_type, const void* value) {
@@ -132,8 +133,8 @@ i32 _scc_nacm_def_read(u16 scc_type, const void* value) {
         _scc_ss_save_idtype(word(value, 0), scc_type);
         SCC_LOG("call _scc_nacm_def_read ifx:%d, type:%d", ifx, type);
     }
-    return call_or_answer<&H::def_read>(__func__, "ssc_nacm_def_read_handler", word(value, 0),
-                                        msg::nacm_def_read, ifx, type);
+    return call_or_answer<&handlers::def_read>(__func__, "ssc_nacm_def_read_handler", word(value, 0),
+                                               msg::nacm_def_read, ifx, type);
 }
 
 i32 _scc_nacm_l4port_op(u16 scc_type, const void* value) {
@@ -143,8 +144,8 @@ i32 _scc_nacm_l4port_op(u16 scc_type, const void* value) {
         _scc_ss_save_idtype(word(value, 0), scc_type);
         SCC_LOG("call _scc_nacm_l4port_op op:%s, port:%lu", add != 0 ? "add" : "del", load<u64>(value, 8));
     }
-    return call_or_answer<&H::http_l4port_set>(__func__, "ssc_nacm_http_l4port_set_handler", word(value, 0),
-                                               msg::nacm_l4port, add, word(value, 8));
+    return call_or_answer<&handlers::http_l4port_set>(__func__, "ssc_nacm_http_l4port_set_handler",
+                                                      word(value, 0), msg::nacm_l4port, add, word(value, 8));
 }
 
 i32 _scc_nacm_user_op(u16 scc_type, const void* value) {
@@ -157,8 +158,8 @@ i32 _scc_nacm_user_op(u16 scc_type, const void* value) {
                 ipv4_text(user.ip).text, mac_text(user.mac).text);
     }
     _scc_lib_func_call_succ(add != 0 ? stat_nac_user_add : stat_nac_user_delete);
-    return call_or_answer<&H::user_op>(__func__, "ssc_nacm_user_op_handler", word(value, 0), msg::nacm_user,
-                                       add, &user);
+    return call_or_answer<&handlers::user_op>(__func__, "ssc_nacm_user_op_handler", word(value, 0),
+                                              msg::nacm_user, add, &user);
 }
 
 i32 _scc_nacm_user_reinstall_op(u16 scc_type, const void* value) {
@@ -169,8 +170,8 @@ i32 _scc_nacm_user_reinstall_op(u16 scc_type, const void* value) {
         _scc_ss_save_idtype(word(value, 0), scc_type);
         SCC_LOG("call _scc_nacm_user_reinstall_op op:%s ifx:%d", start != 0 ? "start" : "end", ifx);
     }
-    return call_or_answer<&H::user_reinstall>(__func__, "ssc_nacm_user_reinstall_handler", word(value, 0),
-                                              msg::nacm_user_reinstall, start, ifx);
+    return call_or_answer<&handlers::user_reinstall>(__func__, "ssc_nacm_user_reinstall_handler",
+                                                     word(value, 0), msg::nacm_user_reinstall, start, ifx);
 }
 
 // Reply, 104 bytes: u32 call id, the user at 8 when the result is 0, u32 result at 96. The id is a fresh
@@ -210,8 +211,9 @@ i32 _scc_nacm_app_user_recover(u16 /*scc_type*/, const void* value) {
         const write_guard guard(scc_lib_lock);
         SCC_LOG("call ssc_nacm_app_user_recover_handler ifx:%d, app:%x, usernum:%d", ifx, app, count);
     }
-    return call_recovery<&H::app_user_recover>(__func__, "ssc_nacm_app_user_recover_handler", ifx, app, count,
-                                               static_cast<const void*>(static_cast<const u8*>(value) + 16));
+    return call_recovery<&handlers::app_user_recover>(
+        __func__, "ssc_nacm_app_user_recover_handler", ifx, app, count,
+        static_cast<const void*>(static_cast<const u8*>(value) + 16));
 }
 
 i32 _scc_nacm_l4port_recover(u16 /*scc_type*/, const void* value) {
@@ -220,8 +222,9 @@ i32 _scc_nacm_l4port_recover(u16 /*scc_type*/, const void* value) {
         const write_guard guard(scc_lib_lock);
         SCC_LOG("call ssc_nacm_l4port_recover_handler l4port:%d", count);
     }
-    return call_recovery<&H::l4port_recover>(__func__, "ssc_nacm_l4port_recover_handler", count,
-                                             static_cast<const void*>(static_cast<const u8*>(value) + 4));
+    return call_recovery<&handlers::l4port_recover>(
+        __func__, "ssc_nacm_l4port_recover_handler", count,
+        static_cast<const void*>(static_cast<const u8*>(value) + 4));
 }
 
 uint32_t scc_ssc_nacm_app_op_callback(uint32_t result, uint32_t call_id, uint32_t /*op*/, uint32_t /*ifx*/,

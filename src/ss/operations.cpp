@@ -83,7 +83,7 @@ i32 run(const char* function, const member<Record>& family, const branch& chosen
     return outcome;
 }
 
-using H = service_handlers;
+using handlers = service_handlers;
 
 constexpr member<scc_ss_acl_operation> acl_member{
     _scc_ss_acl_op_ret_callback, true, true,
@@ -179,64 +179,65 @@ extern "C" {
 
 i32 _scc_ss_acl_op(u16 scc_type, const void* value) {
     if (load<u32>(value, 136) == 1) {
-        return run<&H::acl_create>(__func__, acl_member,
-                                   {SCC_SS_OP_CREATE, "create", "ss_acl_create_handler"}, scc_type, value);
+        return run<&handlers::acl_create>(
+            __func__, acl_member, {SCC_SS_OP_CREATE, "create", "ss_acl_create_handler"}, scc_type, value);
     }
-    return run<&H::acl_delete>(__func__, acl_member, {SCC_SS_OP_DELETE, "delete", "ss_acl_delete_handler"},
-                               scc_type, value);
+    return run<&handlers::acl_delete>(__func__, acl_member,
+                                      {SCC_SS_OP_DELETE, "delete", "ss_acl_delete_handler"}, scc_type, value);
 }
 
 i32 _scc_ss_ace_op(u16 scc_type, const void* value) {
     if (load<u32>(value, 936) == 1) {
-        return run<&H::add_ace>(__func__, ace_member, {SCC_SS_OP_ADD_ACE, "add", "ss_acl_add_ace_handler"},
-                                scc_type, value);
+        return run<&handlers::add_ace>(__func__, ace_member,
+                                       {SCC_SS_OP_ADD_ACE, "add", "ss_acl_add_ace_handler"}, scc_type, value);
     }
-    return run<&H::delete_ace>(__func__, ace_member, {SCC_SS_OP_DELETE_ACE, "del", "ss_acl_del_ace_handler"},
-                               scc_type, value);
+    return run<&handlers::delete_ace>(
+        __func__, ace_member, {SCC_SS_OP_DELETE_ACE, "del", "ss_acl_del_ace_handler"}, scc_type, value);
 }
 
 i32 _scc_ss_acl_apply_op(u16 scc_type, const void* value) {
     if (load<u32>(value, 240) == 1) {
-        return run<&H::apply>(__func__, apply_member, {SCC_SS_OP_APPLY, "apply", "ss_acl_apply_handler"},
-                              scc_type, value);
+        return run<&handlers::apply>(__func__, apply_member,
+                                     {SCC_SS_OP_APPLY, "apply", "ss_acl_apply_handler"}, scc_type, value);
     }
-    return run<&H::unapply>(__func__, apply_member, {SCC_SS_OP_UNAPPLY, "unapply", "ss_acl_unapply_handler"},
-                            scc_type, value);
+    return run<&handlers::unapply>(__func__, apply_member,
+                                   {SCC_SS_OP_UNAPPLY, "unapply", "ss_acl_unapply_handler"}, scc_type, value);
 }
 
 i32 _scc_ss_acl_reseq_op(u16 scc_type, const void* value) {
-    return run<&H::resequence>(__func__, reseq_member, {SCC_SS_OP_RESEQUENCE, "", "ss_acl_reseq_handler"},
-                               scc_type, value);
+    return run<&handlers::resequence>(__func__, reseq_member,
+                                      {SCC_SS_OP_RESEQUENCE, "", "ss_acl_reseq_handler"}, scc_type, value);
 }
 
 i32 _scc_ss_svi_router_acl_op(u16 scc_type, const void* value) {
-    return run<&H::svi_router_acl>(
+    return run<&handlers::svi_router_acl>(
         __func__, svi_member,
         {SCC_SS_OP_SVI_ROUTER_ACL, choose(value, 4, "open", "close"), "ss_svi_router_acl_handler"}, scc_type,
         value);
 }
 
 i32 _scc_ss_acl_counter_op(u16 scc_type, const void* value) {
-    return run<&H::acl_counter>(
+    return run<&handlers::acl_counter>(
         __func__, acl_counter_member,
         {SCC_SS_OP_COUNTER, choose(value, 32, "query", "set"), "ss_acl_counter_handler"}, scc_type, value);
 }
 
 i32 _scc_ss_ace_counter_op(u16 scc_type, const void* value) {
-    return run<&H::ace_counter>(
+    return run<&handlers::ace_counter>(
         __func__, ace_counter_member,
         {SCC_SS_OP_COUNTER, choose(value, 32, "query", "set"), "ss_ace_counter_handler"}, scc_type, value);
 }
 
 i32 _scc_ss_global_eport_op(u16 scc_type, const void* value) {
-    return run<&H::uplink>(__func__, eport_member,
-                           {SCC_SS_OP_GLOBAL_EPORT, choose(value, 8, "set", "unset"), "ss_uplink_handler"},
-                           scc_type, value);
+    return run<&handlers::uplink>(
+        __func__, eport_member,
+        {SCC_SS_OP_GLOBAL_EPORT, choose(value, 8, "set", "unset"), "ss_uplink_handler"}, scc_type, value);
 }
 
 i32 _scc_ss_cpp_op(u16 scc_type, const void* value) {
-    return run<&H::cpp>(__func__, cpp_member,
-                        {SCC_SS_OP_CPP, choose(value, 4, "set", "unset"), "ss_cpp_handler"}, scc_type, value);
+    return run<&handlers::cpp>(__func__, cpp_member,
+                               {SCC_SS_OP_CPP, choose(value, 4, "set", "unset"), "ss_cpp_handler"}, scc_type,
+                               value);
 }
 
 // Answered at once, whatever happened; nothing is saved in the id/type map.

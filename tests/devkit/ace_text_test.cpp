@@ -31,13 +31,13 @@ scc_ace_record ace_of(const std::string& text) {
     return ace.value_or(scc_ace_record{});
 }
 
-class canonical_rule : public testing::TestWithParam<const char*> {};
+class AceTextCanonicalRule : public testing::TestWithParam<const char*> {};
 
-TEST_P(canonical_rule, prints_as_it_was_read) {
+TEST_P(AceTextCanonicalRule, PrintsAsItWasRead) {
     EXPECT_EQ(read_and_print(GetParam()), GetParam());
 }
 
-TEST_P(canonical_rule, comes_back_from_the_record_unchanged) {
+TEST_P(AceTextCanonicalRule, ComesBackFromTheRecordUnchanged) {
     std::string error;
     const auto rule = parse_rule(GetParam(), error);
     ASSERT_TRUE(rule) << error;
@@ -49,7 +49,7 @@ TEST_P(canonical_rule, comes_back_from_the_record_unchanged) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    rules, canonical_rule,
+    rules, AceTextCanonicalRule,
     testing::Values(
         "permit ip any any", "deny ip 10.0.0.0/8 any", "permit ip host 10.1.1.1 192.168.0.0/16",
         "deny tcp any host 10.1.1.1 port 80", "permit udp any port 1024-65535 10.0.0.0/24 port 53",
@@ -60,38 +60,38 @@ INSTANTIATE_TEST_SUITE_P(
         "permit ether dst-mac 01:00:00:00:00:00/01:00:00:00:00:00",
         "permit ip any any src-mac 00:11:22:33:44:55 dst-mac aa:bb:cc:dd:ee:ff vlan 4094 dscp 46"));
 
-TEST(ace_text, a_bare_address_is_a_host) {
+TEST(AceText, ABareAddressIsAHost) {
     EXPECT_EQ(read_and_print("permit ip 10.1.1.1 any"), "permit ip host 10.1.1.1 any");
 }
 
-TEST(ace_text, bits_behind_the_prefix_are_cleared) {
+TEST(AceText, BitsAfterThePrefixAreCleared) {
     EXPECT_EQ(read_and_print("permit ip 10.255.3.4/9 any"), "permit ip 10.128.0.0/9 any");
     EXPECT_EQ(read_and_print("permit ipv6 2001:db8::ffff/32 any"), "permit ipv6 2001:db8::/32 any");
 }
 
-TEST(ace_text, a_mac_address_may_be_dotted) {
+TEST(AceText, AMacAddressMayBeDotted) {
     EXPECT_EQ(read_and_print("deny ether src-mac 0011.2233.44ff"), "deny ether src-mac 00:11:22:33:44:ff");
 }
 
-TEST(ace_text, numbers_may_be_hexadecimal) {
+TEST(AceText, NumbersMayBeHexadecimal) {
     EXPECT_EQ(read_and_print("permit 0x2F any any vlan 0x10"), "permit 47 any any vlan 16");
 }
 
-TEST(ace_text, an_ace_without_id_has_its_sequence_number_as_id) {
+TEST(AceText, AnAceWithoutIdHasItsSequenceNumberAsId) {
     const scc_ace_record ace = ace_of("10 permit ip any any");
     EXPECT_EQ(ace.sn, 10u);
     EXPECT_EQ(ace.ace_id, 10u);
     EXPECT_EQ(print_ace(ace), "10 permit ip any any");
 }
 
-TEST(ace_text, an_ace_may_have_an_id_of_its_own) {
+TEST(AceText, AnAceMayHaveAnIdOfItsOwn) {
     const scc_ace_record ace = ace_of("10 deny tcp any any port 22 id 7");
     EXPECT_EQ(ace.sn, 10u);
     EXPECT_EQ(ace.ace_id, 7u);
     EXPECT_EQ(print_ace(ace), "10 deny tcp any any port 22 id 7");
 }
 
-TEST(ace_text, the_rules_bytes_lie_where_the_layout_says) {
+TEST(AceText, TheRulesBytesLieWhereTheLayoutSays) {
     const scc_ace_record ace =
         ace_of("20 permit tcp 10.0.0.0/8 port 1-2 host 10.1.1.9 port 80 vlan 5 dscp 46 id 3");
     const unsigned char expected[84] = {
@@ -106,16 +106,20 @@ TEST(ace_text, the_rules_bytes_lie_where_the_layout_says) {
     EXPECT_EQ(std::memcmp(reinterpret_cast<const unsigned char*>(&ace) + 220, numbers, sizeof numbers), 0);
 }
 
-TEST(ace_layout, encoding_leaves_the_librarys_bytes_alone) {
+TEST(AceLayout, EncodingLeavesTheLibrarysBytesAlone) {
     scc_ace_record record;
     std::memset(&record, 0xAA, sizeof record);
     encode(rule{}, record);
     const auto* bytes = reinterpret_cast<const unsigned char*>(&record);
-    for (std::size_t at = 0; at < 16; ++at) EXPECT_EQ(bytes[at], 0xAA) << at;
-    for (std::size_t at = 100; at < sizeof record; ++at) EXPECT_EQ(bytes[at], 0xAA) << at;
+    for (std::size_t at = 0; at < 16; ++at) {
+        EXPECT_EQ(bytes[at], 0xAA) << at;
+    }
+    for (std::size_t at = 100; at < sizeof record; ++at) {
+        EXPECT_EQ(bytes[at], 0xAA) << at;
+    }
 }
 
-TEST(ace_layout, a_record_of_somebody_else_holds_no_rule) {
+TEST(AceLayout, ARecordOfSomebodyElseHoldsNoRule) {
     scc_ace_record record{};
     EXPECT_FALSE(decode(record));
     std::memset(record.match, 0xFF, sizeof record.match);
@@ -123,22 +127,22 @@ TEST(ace_layout, a_record_of_somebody_else_holds_no_rule) {
     EXPECT_FALSE(print_ace(record));
 }
 
-class broken_byte : public testing::TestWithParam<std::tuple<std::size_t, int>> {};
+class AceTextBrokenByte : public testing::TestWithParam<std::tuple<std::size_t, int>> {};
 
-TEST_P(broken_byte, makes_the_record_hold_no_rule) {
+TEST_P(AceTextBrokenByte, MakesTheRecordHoldNoRule) {
     scc_ace_record record = ace_of("permit ip 10.0.0.0/8 any");
     const auto [offset, value] = GetParam();
     reinterpret_cast<unsigned char*>(&record)[offset] = static_cast<unsigned char>(value);
     EXPECT_FALSE(decode(record));
 }
 
-INSTANTIATE_TEST_SUITE_P(bytes, broken_byte,
+INSTANTIATE_TEST_SUITE_P(bytes, AceTextBrokenByte,
                          testing::Values(std::tuple{std::size_t{16}, 0}, std::tuple{std::size_t{20}, 2},
                                          std::tuple{std::size_t{21}, 5}, std::tuple{std::size_t{21}, 0},
                                          std::tuple{std::size_t{24}, 0x08}, std::tuple{std::size_t{24}, 0x04},
                                          std::tuple{std::size_t{64}, 33}, std::tuple{std::size_t{68}, 1}));
 
-TEST(ace_text, what_is_wrong_is_named) {
+TEST(AceText, WhatIsWrongIsNamed) {
     EXPECT_EQ(error_of(""), "action is missing");
     EXPECT_EQ(error_of("10"), "action is missing");
     EXPECT_EQ(error_of("allow ip any any"), "'allow' is neither permit nor deny");

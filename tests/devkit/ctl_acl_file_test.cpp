@@ -11,7 +11,9 @@ namespace {
 acl_file file_of(std::string_view text) {
     std::vector<file_error> errors;
     auto file = parse_acl_file(text, errors);
-    for (const file_error& each : errors) ADD_FAILURE() << each.line << ": " << each.text;
+    for (const file_error& each : errors) {
+        ADD_FAILURE() << each.line << ": " << each.text;
+    }
     return file.value_or(acl_file{});
 }
 
@@ -32,7 +34,7 @@ constexpr std::string_view campus =
     " permit ip any any\n"
     " deny ip any any\n";
 
-TEST(acl_file, reads_acls_aces_and_applications) {
+TEST(CtlAclFile, ReadsAclsAcesAndApplications) {
     const acl_file file = file_of(campus);
     ASSERT_EQ(file.acls.size(), 2u);
     EXPECT_EQ(file.acls[0].key.acl_id, 101u);
@@ -47,14 +49,14 @@ TEST(acl_file, reads_acls_aces_and_applications) {
     EXPECT_EQ(file.size(), 7u);
 }
 
-TEST(acl_file, aces_without_a_number_get_multiples_of_ten) {
+TEST(CtlAclFile, AcesWithoutANumberGetMultiplesOfTen) {
     const acl_file file = file_of("acl 1\n 15 permit ip any any\n deny ip any any\n permit ether\n");
     ASSERT_EQ(file.acls[0].aces.size(), 3u);
     EXPECT_EQ(file.acls[0].aces[1].record.sn, 20u);
     EXPECT_EQ(file.acls[0].aces[2].record.sn, 30u);
 }
 
-TEST(acl_file, every_faulty_line_is_reported_with_its_number) {
+TEST(CtlAclFile, EveryFaultyLineIsReportedWithItsNumber) {
     const auto errors = errors_of(
         "10 permit ip any any\n"
         "acl 0\n"
@@ -91,7 +93,7 @@ TEST(acl_file, every_faulty_line_is_reported_with_its_number) {
     }
 }
 
-TEST(acl_file, an_ambiguous_application_needs_its_type) {
+TEST(CtlAclFile, AnAmbiguousApplicationNeedsItsType) {
     const auto errors = errors_of("acl 1 type 1\nacl 1 type 2\napply 1 ifx 3\n");
     ASSERT_EQ(errors.size(), 1u);
     EXPECT_EQ(errors[0].text, "more than one ACL 1: 'type' must say which");
@@ -100,7 +102,7 @@ TEST(acl_file, an_ambiguous_application_needs_its_type) {
         2u);
 }
 
-TEST(acl_file, prints_what_it_reads) {
+TEST(CtlAclFile, PrintsWhatItReads) {
     constexpr std::string_view text =
         "acl 101 type 3 class 1\n"
         "  10 permit ip 10.0.0.0/8 any\n"
@@ -111,7 +113,7 @@ TEST(acl_file, prints_what_it_reads) {
     EXPECT_EQ(print_acl_file(file_of(text)), text);
 }
 
-TEST(acl_file, a_record_that_is_no_rule_is_written_raw_and_comes_back) {
+TEST(CtlAclFile, ARecordThatIsNoRuleIsWrittenRawAndComesBack) {
     acl_file file = file_of("acl 1\n 7 raw 0102ff id 9\n");
     ASSERT_EQ(file.acls[0].aces.size(), 1u);
     const scc_ace_record& ace = file.acls[0].aces[0].record;
@@ -122,7 +124,7 @@ TEST(acl_file, a_record_that_is_no_rule_is_written_raw_and_comes_back) {
     EXPECT_EQ(print_acl_file(file), "acl 1 type 1 class 0\n  7 raw 0102ff id 9\n");
 }
 
-TEST(acl_file, a_rule_with_more_bytes_than_its_text_is_written_raw) {
+TEST(CtlAclFile, ARuleWithMoreBytesThanItsTextIsWrittenRaw) {
     acl_file file = file_of("acl 1\n 7 permit ether\n");
     file.acls[0].aces[0].record.action[683] = 0x5A;
     const std::string text = print_acl_file(file);

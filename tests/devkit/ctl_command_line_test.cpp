@@ -5,10 +5,10 @@
 namespace ctl_test {
 namespace {
 
-class command_line : public with_daemon {};
-class command_line_alone : public without_daemon {};
+class CtlCommandLine : public with_daemon {};
+class CtlCommandLineAlone : public without_daemon {};
 
-TEST_F(command_line, the_completion_offers_what_fits_the_place) {
+TEST_F(CtlCommandLine, TheCompletionOffersWhatFitsThePlace) {
     const std::string completed =
         ". " TEST_DATA_DIR
         "/../../../devkit/ctl/sccctl.bash-completion"
@@ -24,12 +24,13 @@ TEST_F(command_line, the_completion_offers_what_fits_the_place) {
     for (const std::string& expected :
          {std::string("load"), std::string("station-move"), std::string(), std::string("off on"),
           std::string("fail-next"), std::string("--type"), std::string(), std::string("class"), std::string(),
-          file("some.acl")})
+          file("some.acl")}) {
         EXPECT_EQ(bash.line(), expected);
+    }
     EXPECT_EQ(bash.finish(), 0) << bash.errors();
 }
 
-TEST_F(command_line, a_shell_goes_on_after_a_bad_line_and_ends_with_the_worst_status) {
+TEST_F(CtlCommandLine, AShellGoesOnAfterABadLineAndEndsWithTheWorstStatus) {
     const finished result = run({"shell"},
                                 "strerror 5 # a comment\n"
                                 "no-such-command\n"
@@ -42,7 +43,7 @@ TEST_F(command_line, a_shell_goes_on_after_a_bad_line_and_ends_with_the_worst_st
     EXPECT_EQ(result.output.find("code 6"), std::string::npos);
 }
 
-TEST_F(command_line, a_shells_lines_cannot_change_its_registration) {
+TEST_F(CtlCommandLine, AShellsLinesCannotChangeItsRegistration) {
     const finished result = run({"shell", "--json"},
                                 "acl create 7 --app 3\n"
                                 "clients --app 3\n"
@@ -56,7 +57,7 @@ TEST_F(command_line, a_shells_lines_cannot_change_its_registration) {
     EXPECT_EQ(run({"daemon", "acls", "--json"}).json_lines().at(0)["acls"].size(), 0u);
 }
 
-TEST_F(command_line_alone, answers_a_line_it_cannot_parse_in_the_form_asked_for) {
+TEST_F(CtlCommandLineAlone, AnswersALineItCannotParseInTheFormAskedFor) {
     for (const std::vector<std::string>& line : {std::vector<std::string>{"foo", "--json"},
                                                  {"acl", "create", "--json"},
                                                  {"--json", "acl", "create", "x"}}) {
@@ -71,9 +72,9 @@ TEST_F(command_line_alone, answers_a_line_it_cannot_parse_in_the_form_asked_for)
     EXPECT_NE(help.output.find("Usage: sccctl acl create"), std::string::npos);
 }
 
-class bad_usage : public without_daemon, public testing::WithParamInterface<std::vector<std::string>> {};
+class CtlBadUsage : public without_daemon, public testing::WithParamInterface<std::vector<std::string>> {};
 
-TEST_P(bad_usage, has_exit_status_two) {
+TEST_P(CtlBadUsage, HasExitStatusTwo) {
     const finished result = run(GetParam());
     EXPECT_EQ(result.status, 2);
     EXPECT_NE(result.errors + result.output, "");
@@ -81,7 +82,7 @@ TEST_P(bad_usage, has_exit_status_two) {
 
 using words = std::vector<std::string>;
 INSTANTIATE_TEST_SUITE_P(
-    lines, bad_usage,
+    lines, CtlBadUsage,
     testing::Values(words{}, words{"no-such-command"}, words{"acl"}, words{"addr-learning"},
                     words{"addr-learning", "3"}, words{"addr-learning", "3", "256"},
                     words{"addr-learning", "x", "1"}, words{"addr-learning", "3", "1", "2"},
@@ -100,7 +101,7 @@ INSTANTIATE_TEST_SUITE_P(
                     words{"watch", "--count", "-1"}, words{"clients", "--timeout", "nan"},
                     words{"strerror", "5", "--timeout", "0"}));
 
-TEST(shell_words, split_at_blanks_join_in_quotes_and_end_at_comments) {
+TEST(CtlShellWords, SplitAtBlanksJoinInQuotesAndEndAtComments) {
     using scc::ctl::shell_words;
     EXPECT_EQ(shell_words("a  b\tc"), (words{"a", "b", "c"}));
     EXPECT_EQ(shell_words("a 'b c' \"d'e\" ''"), (words{"a", "b c", "d'e", ""}));

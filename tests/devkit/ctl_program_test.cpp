@@ -11,8 +11,8 @@ namespace {
 
 using nlohmann::json;
 
-class sccctl : public with_daemon {};
-class sccctl_alone : public without_daemon {};
+class CtlProgram : public with_daemon {};
+class CtlProgramAlone : public without_daemon {};
 
 // Every row of the table, in an order in which a fresh daemon accepts all of them.
 constexpr const char* every_command[] = {
@@ -98,7 +98,7 @@ constexpr const char* every_command[] = {
     "strerror 2005",
 };
 
-TEST(every_command_list, names_every_row_of_the_table) {
+TEST(CtlEveryCommandList, NamesEveryRowOfTheTable) {
     for (const auto& row : scc::ctl::commands()) {
         const std::string name(row.name);
         EXPECT_TRUE(std::any_of(
@@ -108,9 +108,11 @@ TEST(every_command_list, names_every_row_of_the_table) {
     }
 }
 
-TEST(command_table, reaches_every_call_of_the_header_once_or_more) {
+TEST(CtlCommandTable, ReachesEveryCallOfTheHeaderOnceOrMore) {
     std::set<std::string_view> reached;
-    for (const auto& row : scc::ctl::commands()) reached.insert(row.function);
+    for (const auto& row : scc::ctl::commands()) {
+        reached.insert(row.function);
+    }
     for (const char* name : {"scc_d1x_authen_method",
                              "scc_d1x_author_mode_set",
                              "scc_d1x_port_addr_num",
@@ -184,27 +186,31 @@ TEST(command_table, reaches_every_call_of_the_header_once_or_more) {
                              "scc_acl_reset_filter_counter",
                              "scc_acl_reset_counter",
                              "scc_ace_reset_counter",
-                             "scc_strerror"})
+                             "scc_strerror"}) {
         EXPECT_EQ(reached.erase(name), 1u) << name;
+    }
     EXPECT_TRUE(reached.empty()) << *reached.begin();
 }
 
-TEST_F(sccctl, every_command_succeeds_against_a_fresh_daemon) {
+TEST_F(CtlProgram, EveryCommandSucceedsAgainstAFreshDaemon) {
     std::string lines;
     for (std::string line : every_command) {
         const auto block = line.find("BLOCK");
-        if (block != std::string::npos) line.replace(block, 5, file("block.hex", "01 02 03\n04\n"));
+        if (block != std::string::npos) {
+            line.replace(block, 5, file("block.hex", "01 02 03\n04\n"));
+        }
         lines += line + "\n";
     }
     const finished result = run({"shell", "--json"}, lines);
     EXPECT_EQ(result.status, 0) << result.errors;
     const auto answers = result.json_lines();
     ASSERT_EQ(answers.size(), std::size(every_command)) << result.errors;
-    for (std::size_t i = 0; i < answers.size(); ++i)
+    for (std::size_t i = 0; i < answers.size(); ++i) {
         EXPECT_EQ(answers[i].value("result", -1), 0) << every_command[i] << ": " << answers[i];
+    }
 }
 
-TEST_F(sccctl, a_result_carries_the_requests_fields_back) {
+TEST_F(CtlProgram, AResultCarriesTheRequestsFieldsBack) {
     const finished result = run({"dirchn-host-set", "1", "0x20", "3", "4", "255", "--json"});
     EXPECT_EQ(result.status, 0);
     const auto lines = result.json_lines();
@@ -222,7 +228,7 @@ TEST_F(sccctl, a_result_carries_the_requests_fields_back) {
     EXPECT_EQ(lines[0], expected);
 }
 
-TEST_F(sccctl, raw_output_shows_each_byte_of_a_record) {
+TEST_F(CtlProgram, RawOutputShowsEachByteOfARecord) {
     const auto lines =
         run({"arpcheck", "--json", "--raw", "--ifx", "0x01020304", "--field", "734:2=hex:abcd"}).json_lines();
     ASSERT_EQ(lines.size(), 1u);
@@ -233,7 +239,7 @@ TEST_F(sccctl, raw_output_shows_each_byte_of_a_record) {
     EXPECT_TRUE(record.ends_with("00abcd")) << record.substr(record.size() - 6);
 }
 
-TEST_F(sccctl, a_record_may_come_from_a_file) {
+TEST_F(CtlProgram, ARecordMayComeFromAFile) {
     const std::string name = file("record.hex", "09 00 00 00\n0a\n");
     const auto lines = run({"arpcheck", "--hex", name, "--vid", "11", "--json"}).json_lines();
     ASSERT_EQ(lines.size(), 1u);
@@ -241,7 +247,7 @@ TEST_F(sccctl, a_record_may_come_from_a_file) {
     EXPECT_EQ(lines[0]["vid"], 11);
 }
 
-TEST_F(sccctl, text_output_names_the_call_and_its_fields) {
+TEST_F(CtlProgram, TextOutputNamesTheCallAndItsFields) {
     const finished result = run({"addr-learning", "3", "1"});
     EXPECT_EQ(result.status, 0);
     EXPECT_TRUE(result.output.starts_with("addr-learning: ")) << result.output;
@@ -249,7 +255,7 @@ TEST_F(sccctl, text_output_names_the_call_and_its_fields) {
     EXPECT_EQ(result.errors, "");
 }
 
-TEST_F(sccctl, a_refused_request_has_exit_status_one_and_its_text) {
+TEST_F(CtlProgram, ARefusedRequestHasExitStatusOneAndItsText) {
     ASSERT_EQ(run({"daemon", "fail-next", "type=123", "result=2012"}).status, 0);
     const finished text = run({"addr-learning", "3", "1"});
     EXPECT_EQ(text.status, 1);
@@ -265,21 +271,21 @@ TEST_F(sccctl, a_refused_request_has_exit_status_one_and_its_text) {
     EXPECT_EQ(lines[0]["result"], 2012);
 }
 
-TEST_F(sccctl, a_refused_query_shows_no_value) {
+TEST_F(CtlProgram, ARefusedQueryShowsNoValue) {
     const auto lines = run({"counter", "acl", "77", "--json"}).json_lines();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0]["result"], 2005);
     EXPECT_FALSE(lines[0].contains("counter"));
 }
 
-TEST_F(sccctl, an_answer_that_never_comes_has_exit_status_three) {
+TEST_F(CtlProgram, AnAnswerThatNeverComesHasExitStatusThree) {
     ASSERT_EQ(run({"daemon", "mute", "type=123"}).status, 0);
     const finished result = run({"addr-learning", "3", "1", "--timeout", "0.3"});
     EXPECT_EQ(result.status, 3);
     EXPECT_EQ(result.errors, "sccctl: addr-learning: no answer within 0.3 s\n");
 }
 
-TEST_F(sccctl, a_taken_app_id_has_exit_status_three) {
+TEST_F(CtlProgram, ATakenAppIdHasExitStatusThree) {
     process holder(SCCCTL_PATH, {"watch", "--app", "4"}, directory());
     ASSERT_EQ(holder.line(), "server-status status=1");
     const finished result = run({"addr-learning", "3", "1", "--app", "4", "--timeout", "0.3"});
@@ -287,17 +293,17 @@ TEST_F(sccctl, a_taken_app_id_has_exit_status_three) {
     EXPECT_NE(result.errors.find("the id is taken"), std::string::npos);
 }
 
-TEST_F(sccctl, an_empty_cache_says_that_there_is_no_such_acl) {
+TEST_F(CtlProgram, AnEmptyCacheSaysThatThereIsNoSuchAcl) {
     const finished result = run({"acl", "show", "101"});
     EXPECT_EQ(result.status, 1);
     EXPECT_NE(result.errors.find("(2005)"), std::string::npos);
 }
 
-TEST_F(sccctl, a_registration_without_the_cache_cannot_read_it) {
+TEST_F(CtlProgram, ARegistrationWithoutTheCacheCannotReadIt) {
     EXPECT_EQ(run({"acl", "show", "101", "--option", "0", "--json"}).json_lines().at(0)["result"], 2013);
 }
 
-TEST_F(sccctl, every_notification_is_watched_and_decoded) {
+TEST_F(CtlProgram, EveryNotificationIsWatchedAndDecoded) {
     process watch(SCCCTL_PATH, {"watch", "--json", "--app", "5", "--count", "12"}, directory());
     EXPECT_EQ(json::parse(watch.line()), (json{{"notification", "server-status"}, {"status", 1}}));
     const std::vector<std::pair<std::vector<std::string>, json>> all = {
@@ -322,15 +328,16 @@ TEST_F(sccctl, every_notification_is_watched_and_decoded) {
     for (const std::string name : {"flow", "noflow-offline", "user-change", "port-violate", "user-roll",
                                    "direct-vlan", "d1x-addr-move", "ace-counter"}) {
         std::vector<std::string> line = {"notify", name, "--app", "5"};
-        if (name != "direct-vlan" && name != "ace-counter")
+        if (name != "direct-vlan" && name != "ace-counter") {
             line.insert(line.end(), {"ifx=7", "vid=8", "mac=00:11:22:33:44:55"});
+        }
         ASSERT_EQ(run(line).status, 0) << name;
         EXPECT_EQ(json::parse(watch.line(), nullptr, false).value("notification", ""), name);
     }
     EXPECT_EQ(watch.finish(), 0);
 }
 
-TEST_F(sccctl, a_users_notification_shows_the_user) {
+TEST_F(CtlProgram, AUsersNotificationShowsTheUser) {
     process watch(SCCCTL_PATH, {"watch", "--json", "--count", "1"}, directory());
     watch.line();
     ASSERT_EQ(run({"notify", "flow", "ifx=7", "vid=8", "mac=00:11:22:33:44:55", "ip=10.0.0.2",
@@ -348,7 +355,7 @@ TEST_F(sccctl, a_users_notification_shows_the_user) {
     EXPECT_EQ(watch.finish(), 0);
 }
 
-TEST_F(sccctl, watched_vlans_are_a_list_and_records_stand_in_braces) {
+TEST_F(CtlProgram, WatchedVlansAreAListAndRecordsStandInBraces) {
     process watch(SCCCTL_PATH, {"watch", "--count", "4"}, directory());
     ASSERT_EQ(watch.line(), "server-status status=1");
     ASSERT_EQ(run({"notify", "direct-vlan", "vlans=[5, 4094]"}).status, 0);
@@ -364,7 +371,7 @@ TEST_F(sccctl, watched_vlans_are_a_list_and_records_stand_in_braces) {
     EXPECT_EQ(watch.finish(), 0);
 }
 
-TEST_F(sccctl, a_mistyped_notification_is_refused_with_what_it_takes) {
+TEST_F(CtlProgram, AMistypedNotificationIsRefusedWithWhatItTakes) {
     const finished field = run({"notify", "station-move", "permitt=1"});
     EXPECT_EQ(field.status, 1);
     EXPECT_EQ(field.errors, "sccctl: notify-named: no field 'permitt'; station-move takes permit\n");
@@ -372,7 +379,7 @@ TEST_F(sccctl, a_mistyped_notification_is_refused_with_what_it_takes) {
     EXPECT_EQ(run({"daemon", "mute"}).errors, "sccctl: mute: type is missing\n");
 }
 
-TEST_F(sccctl, a_users_addresses_are_marked_in_its_flags) {
+TEST_F(CtlProgram, AUsersAddressesAreMarkedInItsFlags) {
     const std::vector<std::string> user = {"nac-user", "add", "--mac", "00:11:22:33:44:55", "--json"};
     const auto flags = [&](const std::vector<std::string>& addresses) {
         std::vector<std::string> line = user;
@@ -389,7 +396,7 @@ TEST_F(sccctl, a_users_addresses_are_marked_in_its_flags) {
               "2001:db8::7");
 }
 
-TEST_F(sccctl, a_watch_reports_that_the_daemon_went_away) {
+TEST_F(CtlProgram, AWatchReportsThatTheDaemonWentAway) {
     process watch(SCCCTL_PATH, {"watch"}, directory());
     ASSERT_EQ(watch.line(), "server-status status=1");
     daemon().signal(SIGKILL);
@@ -398,18 +405,18 @@ TEST_F(sccctl, a_watch_reports_that_the_daemon_went_away) {
     EXPECT_EQ(watch.finish(), 0);
 }
 
-TEST_F(sccctl, a_watch_without_its_notifications_runs_into_its_time) {
+TEST_F(CtlProgram, AWatchWithoutItsNotificationsRunsIntoItsTime) {
     EXPECT_EQ(run({"watch", "--count", "1", "--seconds", "0.2"}).status, 3);
     EXPECT_EQ(run({"watch", "--seconds", "0.2"}).status, 0);
 }
 
-TEST_F(sccctl, a_daemon_without_clients_says_so) {
+TEST_F(CtlProgram, ADaemonWithoutClientsSaysSo) {
     EXPECT_EQ(run({"alive"}).output, "nobody is registered\n");
     EXPECT_EQ(run({"alive", "--json"}).output, "");
     EXPECT_EQ(run({"stats"}).status, 0);
 }
 
-TEST_F(sccctl, clients_statistics_liveness_and_debugging_go_through_the_daemon) {
+TEST_F(CtlProgram, ClientsStatisticsLivenessAndDebuggingGoThroughTheDaemon) {
     process watch(SCCCTL_PATH, {"watch", "--app", "6"}, directory());
     ASSERT_EQ(watch.line(), "server-status status=1");
     const json clients = run({"clients", "--json"}).json_lines().at(0);
@@ -427,16 +434,18 @@ TEST_F(sccctl, clients_statistics_liveness_and_debugging_go_through_the_daemon) 
     EXPECT_EQ(unknown.errors, "sccctl: stats: no application 7 is registered\n");
 }
 
-TEST_F(sccctl, twenty_acls_are_loaded_saved_and_loaded_again) {
+TEST_F(CtlProgram, TwentyAclsAreLoadedSavedAndLoadedAgain) {
     std::string text;
     for (int id = 1; id <= 20; ++id) {
         text += "acl " + std::to_string(id) + " type 3 class 1\n";
-        for (int sn = 10; sn <= 100; sn += 10)
+        for (int sn = 10; sn <= 100; sn += 10) {
             text +=
                 "  " + std::to_string(sn) + " permit tcp 10.0.0.0/8 any port " + std::to_string(sn) + "\n";
+        }
     }
-    for (int id = 1; id <= 20; ++id)
+    for (int id = 1; id <= 20; ++id) {
         text += "apply " + std::to_string(id) + " type 3 vdev 0 ifx " + std::to_string(id) + "\n";
+    }
 
     const finished loaded =
         run({"acl", "load", file("in.acl", text), "--progress", "--then-save", file("out.acl"), "--json"});
@@ -446,7 +455,7 @@ TEST_F(sccctl, twenty_acls_are_loaded_saved_and_loaded_again) {
     EXPECT_EQ(text_of("out.acl"), text);
 }
 
-TEST_F(sccctl, a_refused_line_of_a_file_is_named_and_the_others_take_place) {
+TEST_F(CtlProgram, ARefusedLineOfAFileIsNamedAndTheOthersTakePlace) {
     const std::string name = file("in.acl", "acl 1\n 10 permit ether\napply 1 ifx 2\nacl 2\n");
     ASSERT_EQ(run({"daemon", "fail-next", "type=132", "result=2011"}).status, 0);
     const finished result = run({"acl", "load", name});
@@ -455,7 +464,7 @@ TEST_F(sccctl, a_refused_line_of_a_file_is_named_and_the_others_take_place) {
     EXPECT_EQ(result.output, name + ": 3 of 4 requests done\n");
 }
 
-TEST_F(sccctl, a_faulty_file_is_not_sent_at_all) {
+TEST_F(CtlProgram, AFaultyFileIsNotSentAtAll) {
     const std::string name = file("in.acl", "acl 1\n 10 permit nothing\n");
     const finished result = run({"acl", "load", name});
     EXPECT_EQ(result.status, 2);
@@ -463,7 +472,7 @@ TEST_F(sccctl, a_faulty_file_is_not_sent_at_all) {
     EXPECT_EQ(run({"daemon", "acls", "--json"}).json_lines().at(0)["acls"].size(), 0u);
 }
 
-TEST_F(sccctl, a_shell_reads_its_own_changes_back) {
+TEST_F(CtlProgram, AShellReadsItsOwnChangesBack) {
     const auto lines = shell(
         "acl create 7 --class 2\n"
         "acl add-ace 7 10 permit tcp any any port 80\n"
@@ -489,7 +498,7 @@ TEST_F(sccctl, a_shell_reads_its_own_changes_back) {
               "apply 7 type 1 vdev 0 ifx 3\n");
 }
 
-TEST_F(sccctl_alone, has_exit_status_three_without_a_daemon) {
+TEST_F(CtlProgramAlone, HasExitStatusThreeWithoutADaemon) {
     const finished request = run({"addr-learning", "3", "1", "--timeout", "0.2"});
     EXPECT_EQ(request.status, 3);
     EXPECT_NE(request.errors.find("not registered as app 19 after 0.2 s"), std::string::npos)
@@ -501,16 +510,17 @@ TEST_F(sccctl_alone, has_exit_status_three_without_a_daemon) {
     EXPECT_EQ(run({"alive"}).status, 3);
 }
 
-TEST_F(sccctl_alone, answers_locally_without_a_daemon) {
+TEST_F(CtlProgramAlone, AnswersLocallyWithoutADaemon) {
     EXPECT_EQ(run({"get-nac-max-user", "1", "--json"}).json_lines().at(0)["a"], 4096);
     EXPECT_EQ(run({"bind-user-name-get", "0x3E", "--json"}).json_lines().at(0)["names"],
               "AAA ip-auth-mode/address-bind/DHCP snooping/port-security/web-authen");
 }
 
-TEST(command_list, gives_every_row_its_options_and_help) {
+TEST(CtlCommandList, GivesEveryRowItsOptionsAndHelp) {
     const std::string list = scc::ctl::list_commands();
-    for (const auto& row : scc::ctl::commands())
+    for (const auto& row : scc::ctl::commands()) {
         EXPECT_NE(("\n" + list).find("\n" + std::string(row.name) + "\t"), std::string::npos) << row.name;
+    }
     EXPECT_NE(list.find("acl create\t--type --class --vdev\tcreate an ACL\n"), std::string::npos);
 }
 

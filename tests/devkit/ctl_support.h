@@ -29,10 +29,13 @@ class process {
     process(const std::string& program, const std::vector<std::string>& arguments,
             const std::string& tmpdir) {
         int in[2], out[2], error[2];
-        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(error, O_CLOEXEC) != 0)
+        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(error, O_CLOEXEC) != 0) {
             std::abort();
+        }
         std::vector<const char*> argv{program.c_str()};
-        for (const std::string& each : arguments) argv.push_back(each.c_str());
+        for (const std::string& each : arguments) {
+            argv.push_back(each.c_str());
+        }
         argv.push_back(nullptr);
         pid_ = fork();
         if (pid_ == 0) {
@@ -55,8 +58,11 @@ class process {
             kill(pid_, SIGKILL);
             waitpid(pid_, nullptr, 0);
         }
-        for (const int each : {in_, out_, error_})
-            if (each >= 0) close(each);
+        for (const int each : {in_, out_, error_}) {
+            if (each >= 0) {
+                close(each);
+            }
+        }
     }
     process(const process&) = delete;
     process& operator=(const process&) = delete;
@@ -68,8 +74,11 @@ class process {
 
     // The next line of standard output, without its end; empty at the end or when nothing came in time.
     std::string line() {
-        while (output_.find('\n') == std::string::npos)
-            if (!fill()) return {};
+        while (output_.find('\n') == std::string::npos) {
+            if (!fill()) {
+                return {};
+            }
+        }
         std::string first = output_.substr(0, output_.find('\n'));
         output_.erase(0, first.size() + 1);
         return first;
@@ -77,8 +86,12 @@ class process {
 
     // Reads everything and waits for the end. The exit status, or -1 when it was killed or hangs.
     int finish() {
-        while (fill()) continue;
-        if (hangs_) return -1;
+        while (fill()) {
+            continue;
+        }
+        if (hangs_) {
+            return -1;
+        }
         int status = 0;
         waitpid(std::exchange(pid_, -1), &status, 0);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -92,23 +105,30 @@ class process {
     // Waits for bytes of either stream; false when both have ended.
     bool fill() {
         pollfd each[2] = {{out_, POLLIN, 0}, {error_, POLLIN, 0}};
-        if (out_ < 0 && error_ < 0) return false;
+        if (out_ < 0 && error_ < 0) {
+            return false;
+        }
         if (poll(each, 2, wait_ms) <= 0) {
             ADD_FAILURE() << "nothing within " << wait_ms << " ms";
             hangs_ = true;
             return false;
         }
-        if (each[0].revents != 0) take(out_, output_);
-        if (each[1].revents != 0) take(error_, errors_);
+        if (each[0].revents != 0) {
+            take(out_, output_);
+        }
+        if (each[1].revents != 0) {
+            take(error_, errors_);
+        }
         return true;
     }
     static void take(int& from, std::string& into) {
         char bytes[4096];
         const ssize_t count = read(from, bytes, sizeof bytes);
-        if (count > 0)
+        if (count > 0) {
             into.append(bytes, static_cast<std::size_t>(count));
-        else
+        } else {
             close(std::exchange(from, -1));
+        }
     }
 
     pid_t pid_ = -1;

@@ -6,28 +6,34 @@ namespace {
 constexpr std::uint32_t create = 1;
 constexpr std::uint32_t remove = 0;
 
-Value resequence(std::uint32_t call, std::uint32_t id, std::uint32_t start, std::uint32_t increment) {
-    return Value(28).u32(0, call).key(4, 3, id).u32(20, start).u32(24, increment);
+wire_value resequence(std::uint32_t call, std::uint32_t id, std::uint32_t start, std::uint32_t increment) {
+    return wire_value(28).u32(0, call).key(4, 3, id).u32(20, start).u32(24, increment);
 }
 
-Value user_acl(std::uint32_t call, std::uint32_t id, std::uint8_t user, std::uint32_t operation) {
-    return Value(224).u32(0, call).raw(8 + 24, {2, 0, 0, 0, 0, user}).key(8 + 32, 3, id).u32(216, operation);
+wire_value user_acl(std::uint32_t call, std::uint32_t id, std::uint8_t user, std::uint32_t operation) {
+    return wire_value(224)
+        .u32(0, call)
+        .raw(8 + 24, {2, 0, 0, 0, 0, user})
+        .key(8 + 32, 3, id)
+        .u32(216, operation);
 }
 
-Value counter_request(std::uint32_t call, std::uint32_t id, std::uint64_t ace, std::uint32_t query) {
-    return Value(40).u32(0, call).key(4, 3, id).u64(24, ace).u32(32, query);
+wire_value counter_request(std::uint32_t call, std::uint32_t id, std::uint64_t ace, std::uint32_t query) {
+    return wire_value(40).u32(0, call).key(4, 3, id).u64(24, ace).u32(32, query);
 }
 
 std::vector<std::uint32_t> sequence_numbers() {
     std::vector<std::uint32_t> numbers;
     const nlohmann::json acls = control({{"do", "acls"}})["acls"];
-    for (const auto& ace : acls[0]["aces"]) numbers.push_back(ace["sn"]);
+    for (const auto& ace : acls[0]["aces"]) {
+        numbers.push_back(ace["sn"]);
+    }
     return numbers;
 }
 
 TEST(SccdAcl, AnAclIsCreatedOnceAndDeletedOnce) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
     EXPECT_EQ(client.result_of(131, acl_request(1, 5, remove)), 2005u);
     EXPECT_EQ(client.result_of(131, acl_request(2, 5, create)), 0u);
@@ -37,16 +43,16 @@ TEST(SccdAcl, AnAclIsCreatedOnceAndDeletedOnce) {
 }
 
 TEST(SccdAcl, TheClassDoesNotTellAclsApart) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
     EXPECT_EQ(client.result_of(131, acl_request(1, 5, create)), 0u);
 
     EXPECT_EQ(client.result_of(131, acl_request(2, 5, create).u32(16, 9)), 2010u);
 }
 
 TEST(SccdAcl, AnAceNeedsItsAclAndIsAddedOnceUnderItsNumberAndId) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
     EXPECT_EQ(client.result_of(132, ace_request(1, 5, 10, 1, create)), 2005u);
     EXPECT_EQ(client.result_of(131, acl_request(2, 5, create)), 0u);
@@ -60,8 +66,8 @@ TEST(SccdAcl, AnAceNeedsItsAclAndIsAddedOnceUnderItsNumberAndId) {
 }
 
 TEST(SccdAcl, AnAclIsAppliedOnceOnEachEntity) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
     EXPECT_EQ(client.result_of(133, apply_request(1, 5, 2, create)), 2005u);
     EXPECT_EQ(client.result_of(133, apply_request(2, 5, 2, remove)), 2005u);
@@ -75,8 +81,8 @@ TEST(SccdAcl, AnAclIsAppliedOnceOnEachEntity) {
 }
 
 TEST(SccdAcl, ResequencingKeepsEqualNumbersEqualAndLeavesTheLargestAlone) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
     EXPECT_EQ(client.result_of(131, acl_request(1, 5, create)), 0u);
     EXPECT_EQ(client.result_of(132, ace_request(2, 5, 5, 1, create)), 0u);
     EXPECT_EQ(client.result_of(132, ace_request(3, 5, 5, 2, create)), 0u);
@@ -90,8 +96,8 @@ TEST(SccdAcl, ResequencingKeepsEqualNumbersEqualAndLeavesTheLargestAlone) {
 }
 
 TEST(SccdAcl, ResequencingKeepsALeadingZero) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
     EXPECT_EQ(client.result_of(131, acl_request(1, 5, create)), 0u);
     EXPECT_EQ(client.result_of(132, ace_request(2, 5, 0, 1, create)), 0u);
     EXPECT_EQ(client.result_of(132, ace_request(3, 5, 8, 2, create)), 0u);
@@ -102,8 +108,8 @@ TEST(SccdAcl, ResequencingKeepsALeadingZero) {
 }
 
 TEST(SccdAcl, ResequencingNeedsTheAclAndPositiveNumbers) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
     EXPECT_EQ(client.result_of(138, resequence(1, 5, 10, 10)), 2005u);
     EXPECT_EQ(client.result_of(131, acl_request(2, 5, create)), 0u);
@@ -112,8 +118,8 @@ TEST(SccdAcl, ResequencingNeedsTheAclAndPositiveNumbers) {
 }
 
 TEST(SccdAcl, AnAclIsBoundToAUserOnce) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
     EXPECT_EQ(client.result_of(134, user_acl(1, 5, 1, create)), 2005u);
     EXPECT_EQ(client.result_of(131, acl_request(2, 5, create)), 0u);
@@ -122,13 +128,13 @@ TEST(SccdAcl, AnAclIsBoundToAUserOnce) {
     EXPECT_EQ(client.result_of(134, user_acl(5, 5, 2, create)), 0u);
     EXPECT_EQ(client.result_of(134, user_acl(6, 5, 1, remove)), 0u);
     EXPECT_EQ(client.result_of(134, user_acl(7, 5, 1, remove)), 2008u);
-    EXPECT_EQ(client.result_of(137, Value(232).u32(0, 8).key(216, 3, 5)), 0u);
+    EXPECT_EQ(client.result_of(137, wire_value(232).u32(0, 8).key(216, 3, 5)), 0u);
     EXPECT_EQ(client.result_of(134, user_acl(9, 5, 2, remove)), 2008u);
 }
 
 TEST(SccdAcl, ABindingGoesWithItsAcl) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
     EXPECT_EQ(client.result_of(131, acl_request(1, 5, create)), 0u);
     EXPECT_EQ(client.result_of(131, acl_request(2, 6, create)), 0u);
     EXPECT_EQ(client.result_of(134, user_acl(3, 5, 1, create)), 0u);
@@ -142,8 +148,8 @@ TEST(SccdAcl, ABindingGoesWithItsAcl) {
 }
 
 TEST(SccdAcl, CountersAreReadAndResetWithoutAService) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
     EXPECT_EQ(client.result_of(131, acl_request(1, 5, create)), 0u);
     EXPECT_EQ(client.result_of(132, ace_request(2, 5, 10, 4, create)), 0u);
     ASSERT_EQ(control({{"do", "counters"},
@@ -155,9 +161,9 @@ TEST(SccdAcl, CountersAreReadAndResetWithoutAService) {
                        {"ace", 90}})["ok"],
               true);
 
-    const TestItem filter = client.query(311, Value(24).key(4, 3, 5).u32(20, 1));
-    const TestItem acl = client.query(312, counter_request(0, 5, 0, 1));
-    const TestItem ace = client.query(313, counter_request(0, 5, 10, 1));
+    const test_item filter = client.query(311, wire_value(24).key(4, 3, 5).u32(20, 1));
+    const test_item acl = client.query(312, counter_request(0, 5, 0, 1));
+    const test_item ace = client.query(313, counter_request(0, 5, 10, 1));
 
     EXPECT_EQ(filter.type, 409);
     EXPECT_EQ(filter.u64(16), 80u);
@@ -170,22 +176,22 @@ TEST(SccdAcl, CountersAreReadAndResetWithoutAService) {
     EXPECT_EQ(ace.u64(24), 10u);
     EXPECT_EQ(ace.u64(32), 90u);
     EXPECT_EQ(ace.u32(40), 0u);
-    EXPECT_EQ(client.result_of(139, Value(24).u32(0, 6).key(4, 3, 5)), 0u);
+    EXPECT_EQ(client.result_of(139, wire_value(24).u32(0, 6).key(4, 3, 5)), 0u);
     EXPECT_EQ(client.result_of(140, counter_request(7, 5, 0, 0)), 0u);
     EXPECT_EQ(client.result_of(141, counter_request(8, 5, 4, 0)), 0u);
-    EXPECT_EQ(client.query(311, Value(24).key(4, 3, 5).u32(20, 1)).u64(16), 0u);
+    EXPECT_EQ(client.query(311, wire_value(24).key(4, 3, 5).u32(20, 1)).u64(16), 0u);
     EXPECT_EQ(client.query(312, counter_request(0, 5, 0, 1)).u64(32), 0u);
     EXPECT_EQ(client.query(313, counter_request(0, 5, 10, 1)).u64(32), 0u);
 }
 
 TEST(SccdAcl, CountersOfUnknownAclsAndAcesAreRefused) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
-    EXPECT_EQ(client.query(311, Value(24).key(4, 3, 5).u32(20, 1)).u32(24), 2005u);
+    EXPECT_EQ(client.query(311, wire_value(24).key(4, 3, 5).u32(20, 1)).u32(24), 2005u);
     EXPECT_EQ(client.query(312, counter_request(0, 5, 0, 1)).u32(40), 2005u);
     EXPECT_EQ(client.query(313, counter_request(0, 5, 10, 1)).u32(40), 2005u);
-    EXPECT_EQ(client.result_of(139, Value(24).u32(0, 6).key(4, 3, 5)), 2005u);
+    EXPECT_EQ(client.result_of(139, wire_value(24).u32(0, 6).key(4, 3, 5)), 2005u);
     EXPECT_EQ(client.result_of(140, counter_request(7, 5, 0, 0)), 2005u);
     EXPECT_EQ(client.result_of(131, acl_request(1, 5, create)), 0u);
     EXPECT_EQ(client.query(313, counter_request(0, 5, 10, 1)).u32(40), 2006u);
@@ -193,12 +199,12 @@ TEST(SccdAcl, CountersOfUnknownAclsAndAcesAreRefused) {
 }
 
 TEST(SccdAcl, AnEgressPortMustBeAnInterface) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
-    EXPECT_EQ(client.result_of(142, Value(16).u32(0, 1).u32(4, 0).u32(8, 1)), 22u);
-    EXPECT_EQ(client.result_of(142, Value(16).u32(0, 2).u32(4, 65536).u32(8, 1)), 22u);
-    EXPECT_EQ(client.result_of(142, Value(16).u32(0, 3).u32(4, 65535).u32(8, 1)), 0u);
+    EXPECT_EQ(client.result_of(142, wire_value(16).u32(0, 1).u32(4, 0).u32(8, 1)), 22u);
+    EXPECT_EQ(client.result_of(142, wire_value(16).u32(0, 2).u32(4, 65536).u32(8, 1)), 22u);
+    EXPECT_EQ(client.result_of(142, wire_value(16).u32(0, 3).u32(4, 65535).u32(8, 1)), 0u);
 }
 
 }  // namespace

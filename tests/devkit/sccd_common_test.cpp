@@ -14,78 +14,79 @@ namespace {
 constexpr u32 len_max = 1000;
 
 TEST(DevkitFrame, AStreamIsCutAtTheLengthOfItsFirstMessage) {
-    const Bytes stream{20, 0, 0, 0, 1, 1, 0, 0, 4, 0, 0, 0, 7, 0, 0x91, 0x01, 1, 2, 3, 4, 99, 99};
+    const byte_buffer stream{20, 0, 0, 0, 1, 1, 0, 0, 4, 0, 0, 0, 7, 0, 0x91, 0x01, 1, 2, 3, 4, 99, 99};
 
-    const Frame frame = first_frame(stream, len_max);
+    const message_frame frame = first_frame(stream, len_max);
 
-    EXPECT_EQ(frame.state, FrameState::complete);
+    EXPECT_EQ(frame.state, frame_state::complete);
     EXPECT_EQ(frame.len, 20u);
     ASSERT_EQ(frame.items.size(), 1u);
     EXPECT_EQ(frame.items[0].sub_id, 7);
     EXPECT_EQ(frame.items[0].type, 401);
-    EXPECT_EQ(to_bytes(frame.items[0].value), (Bytes{1, 2, 3, 4}));
+    EXPECT_EQ(to_bytes(frame.items[0].value), (byte_buffer{1, 2, 3, 4}));
 }
 
 TEST(DevkitFrame, EveryProperPrefixOfAMessageIsIncomplete) {
-    const Bytes message{20, 0, 0, 0, 1, 1, 0, 0, 4, 0, 0, 0, 7, 0, 0x91, 0x01, 1, 2, 3, 4};
+    const byte_buffer message{20, 0, 0, 0, 1, 1, 0, 0, 4, 0, 0, 0, 7, 0, 0x91, 0x01, 1, 2, 3, 4};
 
     for (std::size_t len = 0; len < message.size(); ++len) {
-        EXPECT_EQ(first_frame(View(message).first(len), len_max).state, FrameState::incomplete) << len;
+        EXPECT_EQ(first_frame(byte_view(message).first(len), len_max).state, frame_state::incomplete) << len;
     }
 }
 
 TEST(DevkitFrame, LengthsThatCannotBeBelievedBreakTheStream) {
-    EXPECT_EQ(first_frame(Bytes{7, 0, 0, 0, 1, 1, 0, 0}, len_max).state, FrameState::broken);
-    EXPECT_EQ(first_frame(Bytes{0xe9, 3, 0, 0, 1, 1, 0, 0}, len_max).state, FrameState::broken);
-    EXPECT_EQ(first_frame(Bytes{0xe8, 3, 0, 0, 1, 1, 0, 0}, len_max).state, FrameState::incomplete);
+    EXPECT_EQ(first_frame(byte_buffer{7, 0, 0, 0, 1, 1, 0, 0}, len_max).state, frame_state::broken);
+    EXPECT_EQ(first_frame(byte_buffer{0xe9, 3, 0, 0, 1, 1, 0, 0}, len_max).state, frame_state::broken);
+    EXPECT_EQ(first_frame(byte_buffer{0xe8, 3, 0, 0, 1, 1, 0, 0}, len_max).state, frame_state::incomplete);
 }
 
 TEST(DevkitFrame, ABuiltMessageHasHeaderAndItemsBackToBack) {
-    MessageBuilder builder;
-    builder.add(0, 108, Bytes{1, 2});
-    builder.add(5, 402, Bytes{});
+    message_builder builder;
+    builder.add(0, 108, byte_buffer{1, 2});
+    builder.add(5, 402, byte_buffer{});
 
-    EXPECT_EQ(builder.take(),
-              (Bytes{26, 0, 0, 0, 1, 2, 0, 0, 2, 0, 0, 0, 0, 0, 108, 0, 1, 2, 0, 0, 0, 0, 5, 0, 0x92, 0x01}));
+    EXPECT_EQ(builder.take(), (byte_buffer{26, 0,   0, 0, 1, 2, 0, 0, 2, 0, 0, 0,    0,
+                                           0,  108, 0, 1, 2, 0, 0, 0, 0, 5, 0, 0x92, 0x01}));
     EXPECT_TRUE(builder.empty());
 }
 
 TEST(DevkitFrame, AnItemFitsUpToExactlyTheMessageLimit) {
-    MessageBuilder builder;
-    builder.add(0, 108, Bytes(4, 0));
+    message_builder builder;
+    builder.add(0, 108, byte_buffer(4, 0));
 
     EXPECT_TRUE(builder.fits(2, 8 + 12 + 10));
     EXPECT_FALSE(builder.fits(3, 8 + 12 + 10));
 }
 
 TEST(DevkitMessages, NoTwoTypesOfARouteShareAName) {
-    std::map<Route, std::set<std::string>> names;
+    std::map<message_route, std::set<std::string>> names;
 
-    for (const MessageType& type : message_types()) {
+    for (const message_type& type : message_types()) {
         EXPECT_TRUE(names[type.route].insert(std::string(type.name)).second) << type.name;
     }
 }
 
 TEST(DevkitMessages, TheServiceUnderstandsWhatEveryClientDoes) {
-    ASSERT_NE(find_message(Route::operation, 301), nullptr);
-    EXPECT_EQ(find_message(Route::operation, 301)->name, "registration-reply");
-    EXPECT_EQ(find_message(Route::report, 319)->name, "is-alive");
-    EXPECT_EQ(find_message(Route::operation, 131)->name, "ss-acl");
-    EXPECT_EQ(find_message(Route::request, 402), nullptr);
+    ASSERT_NE(find_message(message_route::operation, 301), nullptr);
+    EXPECT_EQ(find_message(message_route::operation, 301)->name, "registration-reply");
+    EXPECT_EQ(find_message(message_route::report, 319)->name, "is-alive");
+    EXPECT_EQ(find_message(message_route::operation, 131)->name, "ss-acl");
+    EXPECT_EQ(find_message(message_route::request, 402), nullptr);
 }
 
 TEST(DevkitDescribe, FieldsBeyondTheValueAreLeftOut) {
-    const Bytes value{9, 0, 0, 0, 1, 2};
+    const byte_buffer value{9, 0, 0, 0, 1, 2};
 
-    EXPECT_EQ(describe(Route::to_client, {0, 401, value}), "401 call-ret call=9 (6 bytes) 090000000102");
-    EXPECT_EQ(describe(Route::to_client, {3, 999, {}}), "999 unknown scc-type=3 (0 bytes)");
+    EXPECT_EQ(describe(message_route::to_client, {0, 401, value}),
+              "401 call-ret call=9 (6 bytes) 090000000102");
+    EXPECT_EQ(describe(message_route::to_client, {3, 999, {}}), "999 unknown scc-type=3 (0 bytes)");
 }
 
 TEST(DevkitBytes, AddressesAndHexadecimalTextAreReadStrictly) {
-    EXPECT_EQ(parse_mac("02:00:00:00:00:ff"), (MacAddress{2, 0, 0, 0, 0, 0xff}));
-    EXPECT_EQ(parse_mac("0200.0000.00ff"), (MacAddress{2, 0, 0, 0, 0, 0xff}));
+    EXPECT_EQ(parse_mac("02:00:00:00:00:ff"), (mac_address{2, 0, 0, 0, 0, 0xff}));
+    EXPECT_EQ(parse_mac("0200.0000.00ff"), (mac_address{2, 0, 0, 0, 0, 0xff}));
     EXPECT_EQ(parse_mac("02:00:00:00:00"), std::nullopt);
-    EXPECT_EQ(parse_hex("01 fF"), (Bytes{1, 0xff}));
+    EXPECT_EQ(parse_hex("01 fF"), (byte_buffer{1, 0xff}));
     EXPECT_EQ(parse_hex("0 1"), std::nullopt);
     EXPECT_EQ(parse_hex("012"), std::nullopt);
     EXPECT_EQ(parse_ipv4("10.0.0.256"), std::nullopt);
@@ -93,14 +94,14 @@ TEST(DevkitBytes, AddressesAndHexadecimalTextAreReadStrictly) {
 }
 
 TEST(DevkitBytes, NothingOutsideABufferIsReadOrWritten) {
-    Bytes bytes{1, 2, 3, 4};
+    byte_buffer bytes{1, 2, 3, 4};
 
     EXPECT_EQ(u32_at(bytes, 1), 0u);
     EXPECT_EQ(u64_at(bytes, static_cast<std::size_t>(-1)), 0u);
     write_at(bytes, 2, u32{0xffffffff});
-    copy_at(bytes, 3, Bytes{9, 9});
+    copy_at(bytes, 3, byte_buffer{9, 9});
 
-    EXPECT_EQ(bytes, (Bytes{1, 2, 3, 4}));
+    EXPECT_EQ(bytes, (byte_buffer{1, 2, 3, 4}));
     EXPECT_EQ(slice(bytes, 3, 10).size(), 1u);
     EXPECT_EQ(slice(bytes, 5, 1).size(), 0u);
 }

@@ -10,9 +10,9 @@ namespace {
 using nlohmann::json;
 
 // Runs one control call while the test answers as an application.
-class CallInBackground {
+class background_call {
   public:
-    explicit CallInBackground(const json& request)
+    explicit background_call(const json& request)
         : reply_(std::async(std::launch::async, [request] { return control(request); })) {}
 
     json wait() { return reply_.get(); }
@@ -22,9 +22,9 @@ class CallInBackground {
 };
 
 TEST(SccdControl, ClientsAreListedWithPidAndOption) {
-    DaemonProcess daemon;
-    TestClient application(daemon, 3, 77);
-    TestClient service(daemon, service_app, 78);
+    daemon_process daemon;
+    test_client application(daemon, 3, 77);
+    test_client service(daemon, service_app, 78);
 
     const json clients = control({{"do", "clients"}})["clients"];
 
@@ -34,26 +34,26 @@ TEST(SccdControl, ClientsAreListedWithPidAndOption) {
 }
 
 TEST(SccdControl, ItemsOfAnyTypeAreSentToOneOrToAllApplications) {
-    DaemonProcess daemon;
-    TestClient first(daemon, 3, 77);
-    TestClient second(daemon, 4, 78);
-    TestClient service(daemon, service_app, 79);
+    daemon_process daemon;
+    test_client first(daemon, 3, 77);
+    test_client second(daemon, 4, 78);
+    test_client service(daemon, service_app, 79);
 
     EXPECT_EQ(control({{"do", "notify"}, {"type", 999}, {"hex", "01 02ff"}})["sent"], 2);
     EXPECT_EQ(control({{"do", "notify"}, {"type", 998}, {"to", 4}, {"hex", ""}})["sent"], 1);
     EXPECT_EQ(control({{"do", "notify"}, {"type", 997}, {"to", 16}, {"sub", 7}, {"hex", "00"}})["sent"], 1);
 
-    EXPECT_EQ(first.async.receive().value, (ByteString{1, 2, 0xff}));
+    EXPECT_EQ(first.async.receive().value, (byte_string{1, 2, 0xff}));
     EXPECT_EQ(second.async.receive().type, 999);
     EXPECT_EQ(second.async.receive().type, 998);
-    const TestItem to_service = service.async.receive();
+    const test_item to_service = service.async.receive();
     EXPECT_EQ(to_service.type, 997);
     EXPECT_EQ(to_service.sub_id, 7);
 }
 
 TEST(SccdControl, RequestsThatCannotBeReadAreRefusedAndSendNothing) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
     const json requests[] = {
         {{"do", "nonsense"}},
         json::object(),
@@ -87,11 +87,11 @@ TEST(SccdControl, RequestsThatCannotBeReadAreRefusedAndSendNothing) {
         EXPECT_EQ(reply["ok"], false) << request.dump();
         EXPECT_TRUE(reply["error"].is_string()) << request.dump();
     }
-    EXPECT_EQ(client.result_of(108, Value(8).u32(0, 1)), 0u);
+    EXPECT_EQ(client.result_of(108, wire_value(8).u32(0, 1)), 0u);
 }
 
 TEST(SccdControl, ARefusalSaysWhatWouldHaveBeenRight) {
-    DaemonProcess daemon;
+    daemon_process daemon;
     const std::pair<json, std::string> rows[] = {
         {{{"do", "fail-next"}, {"type", 108}, {"result", 5}, {"cuont", 2}},
          "no field 'cuont'; fail-next takes type, result, count"},
@@ -104,24 +104,26 @@ TEST(SccdControl, ARefusalSaysWhatWouldHaveBeenRight) {
         {{{"do", "alive"}, {"app", 9}}, "no application 9 is registered"},
     };
 
-    for (const auto& [request, error] : rows) EXPECT_EQ(control(request)["error"], error);
+    for (const auto& [request, error] : rows) {
+        EXPECT_EQ(control(request)["error"], error);
+    }
     EXPECT_TRUE(control({{"do", "nonsense"}})["error"].get<std::string>().starts_with(
         "no command 'nonsense'; there are clients, notify, "));
     EXPECT_TRUE(control({{"do", "notify-named"}, {"name", "x"}})["error"].get<std::string>().starts_with(
         "no notification 'x'; there are d1x-addr-move, "));
 }
 
-struct Named {
+struct named_case {
     json request;
     std::uint16_t type;
-    Value value;
+    wire_value value;
 };
 
-const ByteString mac{0x02, 0, 0, 0, 0, 9};
+const byte_string mac{0x02, 0, 0, 0, 0, 9};
 
 // The 56-byte user record of the fields below, at an offset of the value.
-Value with_user(std::size_t len, std::size_t offset) {
-    return Value(len)
+wire_value with_user(std::size_t len, std::size_t offset) {
+    return wire_value(len)
         .raw(offset + 8, {10, 0, 0, 9})
         .raw(offset + 24, {255, 0, 0, 0})
         .u32(offset + 40, 4)
@@ -137,9 +139,9 @@ json with_user(json fields) {
 }
 
 TEST(SccdControl, EveryNamedNotificationHasTheLayoutThatTheLibraryReads) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
-    const Named rows[] = {
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
+    const named_case rows[] = {
         {{{"name", "d1x-addr-move"},
           {"ifx", 4},
           {"vid", 20},
@@ -147,17 +149,17 @@ TEST(SccdControl, EveryNamedNotificationHasTheLayoutThatTheLibraryReads) {
           {"vid_before", 7},
           {"vid_after", 8}},
          110,
-         Value(24).u32(4, 1).u32(8, 4).u16(12, 20).u16(14, 7).u16(16, 8).raw(18, mac)},
+         wire_value(24).u32(4, 1).u32(8, 4).u16(12, 20).u16(14, 7).u16(16, 8).raw(18, mac)},
         {with_user({{"name", "user-change"}, {"add", true}}), 127, with_user(816, 24).raw(4, mac).u8(16, 1)},
         {{{"name", "offline-detect"}, {"first", 9}, {"open", true}, {"interval", 30}, {"threshold", "0x28"}},
          209,
-         Value(16).u32(0, 9).u8(4, 1).u32(8, 30).u32(12, 40)},
-        {{{"name", "station-move"}, {"permit", true}}, 210, Value(8).u8(4, 1)},
+         wire_value(16).u32(0, 9).u8(4, 1).u32(8, 30).u32(12, 40)},
+        {{{"name", "station-move"}, {"permit", true}}, 210, wire_value(8).u8(4, 1)},
         {with_user({{"name", "flow"}, {"first", 5}, {"second", 6}}), 211,
          with_user(80, 8).u64(64, 5).u64(72, 6)},
         {{{"name", "flow"}, {"ip", "2001:db8::1"}, {"mask", "ffff::"}},
          211,
-         Value(80)
+         wire_value(80)
              .raw(16, {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})
              .raw(32, {0xff, 0xff})
              .u32(60, 3)},
@@ -165,41 +167,41 @@ TEST(SccdControl, EveryNamedNotificationHasTheLayoutThatTheLibraryReads) {
          with_user(90, 8).u64(64, 5).u64(72, 6).u64(80, 2).raw(88, {0xaa, 0xbb})},
         {{{"name", "direct-vlan"}, {"value", 1}, {"vlans", {1, 4095}}},
          213,
-         Value(520).u32(4, 1).u8(8, 2).u8(519, 0x80)},
-        {{{"name", "authmode"}, {"mode", 2}}, 214, Value(8).u32(4, 2)},
+         wire_value(520).u32(4, 1).u8(8, 2).u8(519, 0x80)},
+        {{{"name", "authmode"}, {"mode", 2}}, 214, wire_value(8).u32(4, 2)},
         {{{"name", "dirchn"}, {"ip", "1.2.3.4"}, {"add", true}},
          216,
-         Value(12).raw(4, {1, 2, 3, 4}).u32(8, 1)},
+         wire_value(12).raw(4, {1, 2, 3, 4}).u32(8, 1)},
         {{{"name", "port-violate"}, {"add", true}, {"ifx", 4}, {"vid", 20}, {"mac", "02:00:00:00:00:09"}},
          217,
-         Value(64).u32(4, 4).u16(8, 20).raw(10, mac).u8(60, 1)},
+         wire_value(64).u32(4, 4).u16(8, 20).raw(10, mac).u8(60, 1)},
         {{{"name", "user-roll"}, {"roll_type", 3}, {"ifx", 4}, {"vid", 20}, {"mac", "02:00:00:00:00:09"}},
          219,
-         Value(24).u32(8, 4).u16(12, 20).raw(14, mac).u32(20, 3)},
-        {{{"name", "water-line"}, {"start", true}}, 220, Value(4).u32(0, 1)},
+         wire_value(24).u32(8, 4).u16(12, 20).raw(14, mac).u32(20, 3)},
+        {{{"name", "water-line"}, {"start", true}}, 220, wire_value(4).u32(0, 1)},
         {{{"name", "ace-counter"},
           {"type", 3},
           {"id", 5},
           {"class", 1},
           {"entries", {{{"id", 7}, {"value", 100}}, {{"id", 8}, {"value", 200}}}}},
          407,
-         Value(56).key(4, 3, 5).u32(20, 2).u64(24, 7).u64(32, 100).u64(40, 8).u64(48, 200)},
+         wire_value(56).key(4, 3, 5).u32(20, 2).u64(24, 7).u64(32, 100).u64(40, 8).u64(48, 200)},
     };
 
-    for (const Named& row : rows) {
+    for (const named_case& row : rows) {
         json request = row.request;
         request["do"] = "notify-named";
         ASSERT_EQ(control(request)["ok"], true) << request.dump();
-        const TestItem notification = client.async.receive();
+        const test_item notification = client.async.receive();
         EXPECT_EQ(notification.type, row.type);
         EXPECT_EQ(notification.value, row.value.bytes()) << request["name"];
     }
 }
 
 TEST(SccdControl, DebugCommandsReachApplicationsAndTheService) {
-    DaemonProcess daemon;
-    TestClient application(daemon, 3, 77);
-    TestClient service(daemon, service_app, 78);
+    daemon_process daemon;
+    test_client application(daemon, 3, 77);
+    test_client service(daemon, service_app, 78);
 
     EXPECT_EQ(control({{"do", "debug"}, {"app", 3}, {"open", true}})["ok"], true);
     EXPECT_EQ(control({{"do", "debug"}, {"app", 3}, {"open", false}})["ok"], true);
@@ -208,32 +210,32 @@ TEST(SccdControl, DebugCommandsReachApplicationsAndTheService) {
         true);
     EXPECT_EQ(control({{"do", "debug-dump-service"}})["ok"], true);
 
-    EXPECT_EQ(application.async.receive().value, Value(52).u32(24, 1).u32(32, 1).bytes());
-    EXPECT_EQ(application.async.receive().value, Value(52).u32(32, 1).bytes());
-    const TestItem show = application.async.receive();
+    EXPECT_EQ(application.async.receive().value, wire_value(52).u32(24, 1).u32(32, 1).bytes());
+    EXPECT_EQ(application.async.receive().value, wire_value(52).u32(32, 1).bytes());
+    const test_item show = application.async.receive();
     EXPECT_EQ(show.type, 206);
-    EXPECT_EQ(show.value, Value(52).u32(32, 3).u32(36, 2).u32(44, 3).u32(48, 5).bytes());
+    EXPECT_EQ(show.value, wire_value(52).u32(32, 3).u32(36, 2).u32(44, 3).u32(48, 5).bytes());
     EXPECT_EQ(service.async.receive().u32(32), 3u);
 }
 
 TEST(SccdControl, TheCapabilityWordIsEightBytes) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
     EXPECT_EQ(control({{"do", "capability"}, {"word", "0x8000000000000020"}, {"to", 3}})["ok"], true);
 
-    const TestItem capability = client.async.receive();
+    const test_item capability = client.async.receive();
     EXPECT_EQ(capability.type, 406);
-    EXPECT_EQ(capability.value, (ByteString{0x20, 0, 0, 0, 0, 0, 0, 0x80}));
+    EXPECT_EQ(capability.value, (byte_string{0x20, 0, 0, 0, 0, 0, 0, 0x80}));
 }
 
 TEST(SccdControl, AliveRepliesWhenTheApplicationHasAnswered) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
-    CallInBackground call({{"do", "alive"}, {"app", 3}, {"timeout_ms", 20000}});
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
+    background_call call({{"do", "alive"}, {"app", 3}, {"timeout_ms", 20000}});
 
     EXPECT_EQ(client.async.receive().type, 319);
-    client.sync.send(319, Value(4).u32(0, 3));
+    client.sync.send(319, wire_value(4).u32(0, 3));
 
     const json reply = call.wait();
     EXPECT_EQ(reply["ok"], true);
@@ -241,13 +243,13 @@ TEST(SccdControl, AliveRepliesWhenTheApplicationHasAnswered) {
 }
 
 TEST(SccdControl, AnApplicationThatDoesNotAnswerOrDiesIsNotAlive) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
     EXPECT_EQ(control({{"do", "alive"}, {"app", 3}, {"timeout_ms", 20}}),
               (json{{"ok", false}, {"error", "application 3 has not answered"}, {"unreachable", true}}));
     EXPECT_EQ(client.async.receive().type, 319);
-    CallInBackground call({{"do", "alive"}, {"app", 3}, {"timeout_ms", 20000}});
+    background_call call({{"do", "alive"}, {"app", 3}, {"timeout_ms", 20000}});
     EXPECT_EQ(client.async.receive().type, 319);
     client.async.close();
 
@@ -255,12 +257,14 @@ TEST(SccdControl, AnApplicationThatDoesNotAnswerOrDiesIsNotAlive) {
 }
 
 TEST(SccdControl, StatisticsComeAsThirteenEntries) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
-    CallInBackground call({{"do", "stats"}, {"app", 3}, {"timeout_ms", 20000}});
-    Value statistics(320);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
+    background_call call({{"do", "stats"}, {"app", 3}, {"timeout_ms", 20000}});
+    wire_value statistics(320);
     statistics.u32(0, 3).u32(4, 13);
-    for (std::uint32_t entry = 0; entry < 13; ++entry) statistics.u32(8 + 24 * entry, entry);
+    for (std::uint32_t entry = 0; entry < 13; ++entry) {
+        statistics.u32(8 + 24 * entry, entry);
+    }
     statistics.u32(8 + 24 * 12 + 4, 1).u32(8 + 24 * 12 + 8, 2).u32(8 + 24 * 12 + 12, 3);
     statistics.u32(8 + 24 * 12 + 16, 4).u32(8 + 24 * 12 + 20, 5);
 
@@ -279,7 +283,7 @@ TEST(SccdControl, StatisticsComeAsThirteenEntries) {
 }
 
 TEST(SccdControl, QuitEndsTheDaemonAndRemovesItsSockets) {
-    DaemonProcess daemon;
+    daemon_process daemon;
 
     EXPECT_EQ(control({{"do", "quit"}})["ok"], true);
 
@@ -289,14 +293,14 @@ TEST(SccdControl, QuitEndsTheDaemonAndRemovesItsSockets) {
 }
 
 TEST(SccdControl, AclsUsersAndSettingsAreShown) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
     EXPECT_EQ(client.result_of(131, acl_request(1, 5, 1)), 0u);
     EXPECT_EQ(client.result_of(132, ace_request(2, 5, 10, 4, 1)), 0u);
     EXPECT_EQ(client.result_of(133, apply_request(3, 5, 2, 1)), 0u);
     EXPECT_EQ(client.result_of(127, user_request(4, 9, 4, 1)), 0u);
     EXPECT_EQ(client.result_of(165, user_request(5, 8, 4, 1)), 0u);
-    EXPECT_EQ(client.result_of(143, Value(8).u32(0, 6).u32(4, 1)), 0u);
+    EXPECT_EQ(client.result_of(143, wire_value(8).u32(0, 6).u32(4, 1)), 0u);
 
     const json acl = control({{"do", "acls"}})["acls"][0];
     const json users = control({{"do", "users"}});
@@ -313,51 +317,51 @@ TEST(SccdControl, AclsUsersAndSettingsAreShown) {
 }
 
 TEST(SccdControl, TheServicesReportsReachTheApplications) {
-    DaemonProcess daemon;
-    TestClient first(daemon, 3, 77);
-    TestClient second(daemon, 4, 78);
-    TestClient service(daemon, service_app, 79);
+    daemon_process daemon;
+    test_client first(daemon, 3, 77);
+    test_client second(daemon, 4, 78);
+    test_client service(daemon, service_app, 79);
 
-    service.sync.send(202, Value(40).u32(0, 9).u32(4, 2).u32(8, 4).u32(24, 5));
+    service.sync.send(202, wire_value(40).u32(0, 9).u32(4, 2).u32(8, 4).u32(24, 5));
     service.sync.send(203, with_user(90, 8).u32(0, 10).u64(80, 2).raw(88, {0xaa, 0xbb}));
     service.sync.send(208, with_user(80, 8).u32(0, 11).u64(64, 5).u64(72, 6));
-    service.sync.send(207, Value(40).u32(0, 12).key(4, 3, 5).u32(20, 1).u64(24, 7).u64(32, 100));
+    service.sync.send(207, wire_value(40).u32(0, 12).key(4, 3, 5).u32(20, 1).u64(24, 7).u64(32, 100));
 
-    for (TestClient* client : {&first, &second}) {
-        const TestItem moved = client->async.receive();
+    for (test_client* client : {&first, &second}) {
+        const test_item moved = client->async.receive();
         EXPECT_EQ(moved.type, 110);
-        EXPECT_EQ(moved.value, Value(24).u32(4, 1).u32(8, 4).bytes());
-        EXPECT_EQ(client->async.receive().value, Value(24).u32(4, 1).u32(8, 5).bytes());
-        const TestItem offline = client->async.receive();
+        EXPECT_EQ(moved.value, wire_value(24).u32(4, 1).u32(8, 4).bytes());
+        EXPECT_EQ(client->async.receive().value, wire_value(24).u32(4, 1).u32(8, 5).bytes());
+        const test_item offline = client->async.receive();
         EXPECT_EQ(offline.type, 212);
         EXPECT_EQ(offline.value, with_user(90, 8).u64(80, 2).raw(88, {0xaa, 0xbb}).bytes());
-        const TestItem flow = client->async.receive();
+        const test_item flow = client->async.receive();
         EXPECT_EQ(flow.type, 211);
         EXPECT_EQ(flow.value, with_user(80, 8).u64(64, 5).u64(72, 6).bytes());
-        const TestItem counters = client->async.receive();
+        const test_item counters = client->async.receive();
         EXPECT_EQ(counters.type, 407);
-        EXPECT_EQ(counters.value, Value(40).key(4, 3, 5).u32(20, 1).u64(24, 7).u64(32, 100).bytes());
+        EXPECT_EQ(counters.value, wire_value(40).key(4, 3, 5).u32(20, 1).u64(24, 7).u64(32, 100).bytes());
     }
 }
 
 TEST(SccdControl, ReportsWhoseCountsDoNotFitAreIgnored) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
-    TestClient service(daemon, service_app, 79);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
+    test_client service(daemon, service_app, 79);
 
-    service.sync.send({item(202, Value(24).u32(4, 0xffffffff).u32(8, 6)), item(203, Value(88).u64(80, 1)),
-                       item(207, Value(40).u32(20, 2)), item(207, Value(24).u32(20, 0x10000000)),
-                       item(208, Value(80).u64(64, 3))});
+    service.sync.send({item(202, wire_value(24).u32(4, 0xffffffff).u32(8, 6)),
+                       item(203, wire_value(88).u64(80, 1)), item(207, wire_value(40).u32(20, 2)),
+                       item(207, wire_value(24).u32(20, 0x10000000)), item(208, wire_value(80).u64(64, 3))});
 
-    const TestItem moved = client.async.receive();
+    const test_item moved = client.async.receive();
     EXPECT_EQ(moved.type, 110);
     EXPECT_EQ(moved.u32(8), 6u);
     EXPECT_EQ(client.async.receive().type, 211);
 }
 
 TEST(SccdControl, ATraceShowsItemsOfBothDirectionsByName) {
-    DaemonProcess daemon({"--trace"});
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon({"--trace"});
+    test_client client(daemon, 3, 77);
 
     EXPECT_EQ(client.result_of(131, acl_request(21, 5, 1)), 0u);
 

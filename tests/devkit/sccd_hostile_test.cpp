@@ -5,33 +5,33 @@
 namespace sccd_test {
 namespace {
 
-ByteString header(std::uint32_t len, std::uint8_t version, std::uint16_t count) {
-    return Value(8).u32(0, len).u8(4, version).u16(5, count).bytes();
+byte_string header(std::uint32_t len, std::uint8_t version, std::uint16_t count) {
+    return wire_value(8).u32(0, len).u8(4, version).u16(5, count).bytes();
 }
 
 TEST(SccdHostile, ALengthBelowAHeaderEndsTheConnection) {
-    DaemonProcess daemon;
-    Wire wire(daemon.socket_path());
+    daemon_process daemon;
+    wire_socket wire(daemon.socket_path());
 
     wire.send_raw(header(7, 1, 1));
 
     EXPECT_TRUE(wire.ends());
-    TestClient client(daemon, 3, 77);
+    test_client client(daemon, 3, 77);
 }
 
 TEST(SccdHostile, ALengthBeyondSixteenMebibytesEndsTheConnection) {
-    DaemonProcess daemon;
-    Wire wire(daemon.socket_path());
+    daemon_process daemon;
+    wire_socket wire(daemon.socket_path());
 
     wire.send_raw(header(16u * 1024 * 1024 + 1, 1, 1));
 
     EXPECT_TRUE(wire.ends());
-    TestClient client(daemon, 3, 77);
+    test_client client(daemon, 3, 77);
 }
 
 TEST(SccdHostile, AHostileClientLosesItsRegistrationToo) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
     client.async.send_raw(header(0, 1, 1));
 
@@ -40,76 +40,83 @@ TEST(SccdHostile, AHostileClientLosesItsRegistrationToo) {
 }
 
 TEST(SccdHostile, MessagesWithoutItemsAreIgnored) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
     client.async.send_raw(header(8, 1, 0));
-    client.async.send_raw(Wire::message({}));
+    client.async.send_raw(wire_socket::message({}));
 
-    EXPECT_EQ(client.result_of(108, Value(8).u32(0, 1)), 0u);
+    EXPECT_EQ(client.result_of(108, wire_value(8).u32(0, 1)), 0u);
 }
 
 TEST(SccdHostile, AMessageOfAnotherVersionIsIgnored) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
-    ByteString message = Wire::message({item(108, Value(8).u32(0, 1))});
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
+    byte_string message = wire_socket::message({item(108, wire_value(8).u32(0, 1))});
     message[4] = 2;
 
     client.async.send_raw(message);
 
-    EXPECT_EQ(client.result_of(108, Value(8).u32(0, 2)), 0u);
+    EXPECT_EQ(client.result_of(108, wire_value(8).u32(0, 2)), 0u);
 }
 
 TEST(SccdHostile, AMessageWhoseItemsDoNotFitIsIgnoredWhole) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
-    ByteString too_long_value = Wire::message({item(108, Value(8).u32(0, 1)), item(108, Value(8).u32(0, 2))});
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
+    byte_string too_long_value =
+        wire_socket::message({item(108, wire_value(8).u32(0, 1)), item(108, wire_value(8).u32(0, 2))});
     too_long_value[8 + 16] = 9;
-    ByteString one_item_too_many = Wire::message({item(108, Value(8).u32(0, 3))});
+    byte_string one_item_too_many = wire_socket::message({item(108, wire_value(8).u32(0, 3))});
     one_item_too_many[5] = 2;
-    ByteString bytes_left_over =
-        Wire::message({item(108, Value(8).u32(0, 4)), item(108, Value(8).u32(0, 5))});
+    byte_string bytes_left_over =
+        wire_socket::message({item(108, wire_value(8).u32(0, 4)), item(108, wire_value(8).u32(0, 5))});
     bytes_left_over[5] = 1;
-    ByteString huge_value = Wire::message({item(108, Value(8).u32(0, 6))});
-    for (std::size_t offset = 8; offset < 12; ++offset) huge_value[offset] = 0xff;
+    byte_string huge_value = wire_socket::message({item(108, wire_value(8).u32(0, 6))});
+    for (std::size_t offset = 8; offset < 12; ++offset) {
+        huge_value[offset] = 0xff;
+    }
 
-    for (const ByteString& message : {too_long_value, one_item_too_many, bytes_left_over, huge_value}) {
+    for (const byte_string& message : {too_long_value, one_item_too_many, bytes_left_over, huge_value}) {
         client.async.send_raw(message);
     }
 
-    EXPECT_EQ(client.result_of(108, Value(8).u32(0, 7)), 0u);
+    EXPECT_EQ(client.result_of(108, wire_value(8).u32(0, 7)), 0u);
 }
 
 TEST(SccdHostile, AMessageMayArriveByteByByte) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
-    for (const std::uint8_t byte : Wire::message({item(108, Value(8).u32(0, 7))}))
+    for (const std::uint8_t byte : wire_socket::message({item(108, wire_value(8).u32(0, 7))})) {
         client.async.send_raw({byte});
+    }
 
     EXPECT_EQ(client.async.receive().u32(0), 7u);
 }
 
 TEST(SccdHostile, UnknownTypesAndReportsOfApplicationsAreIgnored) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
-    client.async.send({item(0, Value(8)), item(65535, Value(8)), item(402, Value(12)), item(204, Value(8)),
-                       item(202, Value(24).u32(4, 1)), item(318, Value(8)), item(319, Value(4))});
+    client.async.send({item(0, wire_value(8)), item(65535, wire_value(8)), item(402, wire_value(12)),
+                       item(204, wire_value(8)), item(202, wire_value(24).u32(4, 1)),
+                       item(318, wire_value(8)), item(319, wire_value(4))});
 
-    EXPECT_EQ(client.result_of(108, Value(8).u32(0, 1)), 0u);
+    EXPECT_EQ(client.result_of(108, wire_value(8).u32(0, 1)), 0u);
 }
 
 TEST(SccdHostile, EveryTypeWithEveryShortLengthLeavesTheDaemonAlive) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
-    TestClient service(daemon, service_app, 78);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
+    test_client service(daemon, service_app, 78);
 
     for (std::uint16_t type = 100; type < 420; ++type) {
-        if (type == 301 || type == 302) continue;
+        if (type == 301 || type == 302) {
+            continue;
+        }
         for (const std::size_t len : {0u, 3u, 4u, 8u, 12u, 40u, 48u, 104u}) {
-            service.sync.send(type, Value(len));
-            client.async.send(type, Value(len));
+            service.sync.send(type, wire_value(len));
+            client.async.send(type, wire_value(len));
         }
     }
 
@@ -117,34 +124,40 @@ TEST(SccdHostile, EveryTypeWithEveryShortLengthLeavesTheDaemonAlive) {
 }
 
 TEST(SccdHostile, RandomBytesNeverEndTheDaemon) {
-    DaemonProcess daemon;
+    daemon_process daemon;
     std::mt19937 random(4711);
     for (int round = 0; round < 50; ++round) {
-        Wire wire(daemon.socket_path());
-        ByteString bytes(64 + random() % 4096);
-        for (std::uint8_t& byte : bytes) byte = static_cast<std::uint8_t>(random());
+        wire_socket wire(daemon.socket_path());
+        byte_string bytes(64 + random() % 4096);
+        for (std::uint8_t& byte : bytes) {
+            byte = static_cast<std::uint8_t>(random());
+        }
         // Half of them get past the header.
         if (round % 2 == 0) {
-            const ByteString front =
+            const byte_string front =
                 header(static_cast<std::uint32_t>(bytes.size()), 1, static_cast<std::uint16_t>(random() % 8));
             std::copy(front.begin(), front.end(), bytes.begin());
         }
         ::send(wire.descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     }
 
-    TestClient client(daemon, 3, 77);
-    EXPECT_EQ(client.result_of(108, Value(8).u32(0, 1)), 0u);
+    test_client client(daemon, 3, 77);
+    EXPECT_EQ(client.result_of(108, wire_value(8).u32(0, 1)), 0u);
 }
 
 TEST(SccdHostile, AClientThatNeverReadsDoesNotHoldUpOthers) {
-    DaemonProcess daemon;
-    TestClient deaf(daemon, 3, 77);
-    TestClient other(daemon, 4, 78);
-    std::vector<TestItem> requests;
-    for (std::uint32_t call = 0; call < 10000; ++call) requests.push_back(item(108, Value(8).u32(0, call)));
+    daemon_process daemon;
+    test_client deaf(daemon, 3, 77);
+    test_client other(daemon, 4, 78);
+    std::vector<test_item> requests;
+    for (std::uint32_t call = 0; call < 10000; ++call) {
+        requests.push_back(item(108, wire_value(8).u32(0, call)));
+    }
 
-    for (int round = 0; round < 20; ++round) deaf.async.send(requests);
-    EXPECT_EQ(other.result_of(108, Value(8).u32(0, 1)), 0u);
+    for (int round = 0; round < 20; ++round) {
+        deaf.async.send(requests);
+    }
+    EXPECT_EQ(other.result_of(108, wire_value(8).u32(0, 1)), 0u);
 
     // Everything that was queued for the deaf one is still there, in order.
     std::uint32_t expected = 0;
@@ -155,11 +168,11 @@ TEST(SccdHostile, AClientThatNeverReadsDoesNotHoldUpOthers) {
 }
 
 TEST(SccdHostile, AControlLineThatIsNotAnObjectIsRefused) {
-    DaemonProcess daemon;
-    Wire wire(daemon.socket_directory() + "/.sccd_ctl");
+    daemon_process daemon;
+    wire_socket wire(daemon.socket_directory() + "/.sccd_ctl");
     const std::string lines = "\n[1,2]\n{\"do\":5}\n{\"do\":\"clients\"}\n";
 
-    wire.send_raw(ByteString(lines.begin(), lines.end()));
+    wire.send_raw(byte_string(lines.begin(), lines.end()));
 
     std::string replies;
     char letter = 0;

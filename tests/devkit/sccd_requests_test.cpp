@@ -3,13 +3,13 @@
 namespace sccd_test {
 namespace {
 
-struct Shape {
+struct request_shape {
     std::uint16_t type;
     std::size_t len;
 };
 
 // Every asynchronous request that is accepted as it stands, with the length that the library sends.
-constexpr Shape accepted_requests[] = {
+constexpr request_shape accepted_requests[] = {
     {101, 744}, {102, 744}, {103, 744}, {104, 744}, {105, 744}, {106, 744}, {107, 744}, {108, 8},
     {109, 8},   {111, 744}, {113, 24},  {114, 12},  {115, 20},  {116, 744}, {118, 744}, {119, 744},
     {120, 744}, {121, 744}, {122, 744}, {123, 12},  {124, 28},  {125, 744}, {126, 744}, {128, 16},
@@ -18,25 +18,25 @@ constexpr Shape accepted_requests[] = {
 };
 
 TEST(SccdRequests, EveryConfigurationRequestIsAnsweredUnderItsCallId) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
     std::uint32_t call = 100;
 
-    for (const Shape& shape : accepted_requests) {
+    for (const request_shape& shape : accepted_requests) {
         ++call;
-        EXPECT_EQ(client.result_of(shape.type, Value(shape.len).u32(0, call)), 0u) << shape.type;
+        EXPECT_EQ(client.result_of(shape.type, wire_value(shape.len).u32(0, call)), 0u) << shape.type;
     }
 }
 
 TEST(SccdRequests, ResultsOfOneMessageComeBackAsOneMessageInOrder) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
-    client.async.send(
-        {item(108, Value(8).u32(0, 11)), item(109, Value(8).u32(0, 12)), item(104, Value(744).u32(0, 13))});
+    client.async.send({item(108, wire_value(8).u32(0, 11)), item(109, wire_value(8).u32(0, 12)),
+                       item(104, wire_value(744).u32(0, 13))});
 
     for (std::uint32_t call = 11; call <= 13; ++call) {
-        const TestItem answer = client.async.receive();
+        const test_item answer = client.async.receive();
         EXPECT_EQ(answer.type, 401);
         EXPECT_EQ(answer.message, 1);
         EXPECT_EQ(answer.u32(0), call);
@@ -45,14 +45,16 @@ TEST(SccdRequests, ResultsOfOneMessageComeBackAsOneMessageInOrder) {
 }
 
 TEST(SccdRequests, ManyResultsComeBackInSeveralLargeMessages) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
-    std::vector<TestItem> requests;
-    for (std::uint32_t call = 0; call < 1000; ++call) requests.push_back(item(108, Value(8).u32(0, call)));
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
+    std::vector<test_item> requests;
+    for (std::uint32_t call = 0; call < 1000; ++call) {
+        requests.push_back(item(108, wire_value(8).u32(0, call)));
+    }
 
     client.async.send(requests);
 
-    TestItem answer;
+    test_item answer;
     for (std::uint32_t call = 0; call < 1000; ++call) {
         answer = client.async.receive();
         ASSERT_EQ(answer.u32(0), call);
@@ -62,85 +64,87 @@ TEST(SccdRequests, ManyResultsComeBackInSeveralLargeMessages) {
 }
 
 TEST(SccdRequests, OneWayRequestsAreNotAnswered) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
-    client.sync.send(220, Value(4).u32(0, 1));
-    client.async.send({item(205, Value(4)), item(201, Value(16).u32(4, 3)), item(108, Value(8).u32(0, 9))});
+    client.sync.send(220, wire_value(4).u32(0, 1));
+    client.async.send(
+        {item(205, wire_value(4)), item(201, wire_value(16).u32(4, 3)), item(108, wire_value(8).u32(0, 9))});
 
     EXPECT_EQ(client.async.receive().u32(0), 9u);
-    EXPECT_EQ(client.query(303, Value(0)).type, 405);
+    EXPECT_EQ(client.query(303, wire_value(0)).type, 405);
 }
 
 TEST(SccdRequests, AWaterLineReachesTheOtherApplications) {
-    DaemonProcess daemon;
-    TestClient sender(daemon, 3, 77);
-    TestClient other(daemon, 4, 78);
+    daemon_process daemon;
+    test_client sender(daemon, 3, 77);
+    test_client other(daemon, 4, 78);
 
-    sender.sync.send(220, Value(4).u32(0, 1));
+    sender.sync.send(220, wire_value(4).u32(0, 1));
 
-    const TestItem notification = other.async.receive();
+    const test_item notification = other.async.receive();
     EXPECT_EQ(notification.type, 220);
-    EXPECT_EQ(notification.value, (ByteString{1, 0, 0, 0}));
+    EXPECT_EQ(notification.value, (byte_string{1, 0, 0, 0}));
 }
 
 TEST(SccdRequests, AShortRequestIsInvalidAndOneWithoutACallIdIsIgnored) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
-    client.async.send({item(104, Value(3)), item(104, Value(743).u32(0, 7)), item(131, Value(4).u32(0, 8))});
+    client.async.send(
+        {item(104, wire_value(3)), item(104, wire_value(743).u32(0, 7)), item(131, wire_value(4).u32(0, 8))});
 
-    const TestItem first = client.async.receive();
-    const TestItem second = client.async.receive();
+    const test_item first = client.async.receive();
+    const test_item second = client.async.receive();
     EXPECT_EQ(first.u32(0), 7u);
     EXPECT_EQ(first.u32(4), 22u);
     EXPECT_EQ(second.u32(0), 8u);
     EXPECT_EQ(second.u32(4), 22u);
-    EXPECT_EQ(client.query(315, Value(3)).u32(12), 22u);
+    EXPECT_EQ(client.query(315, wire_value(3)).u32(12), 22u);
 }
 
 TEST(SccdRequests, AControlBlockMustFitIntoItsItem) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
-    EXPECT_EQ(client.result_of(157, Value(18).u32(0, 1).u32(4, 10)), 0u);
-    EXPECT_EQ(client.result_of(157, Value(18).u32(0, 2).u32(4, 11)), 22u);
-    EXPECT_EQ(client.result_of(157, Value(8).u32(0, 3)), 22u);
+    EXPECT_EQ(client.result_of(157, wire_value(18).u32(0, 1).u32(4, 10)), 0u);
+    EXPECT_EQ(client.result_of(157, wire_value(18).u32(0, 2).u32(4, 11)), 22u);
+    EXPECT_EQ(client.result_of(157, wire_value(8).u32(0, 3)), 22u);
 }
 
 TEST(SccdRequests, AnHttpPortThatWasNeverAddedCannotBeDeleted) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
-    EXPECT_EQ(client.result_of(112, Value(12).u32(0, 1).u16(4, 8080)), 2014u);
-    EXPECT_EQ(client.result_of(112, Value(12).u32(0, 2).u16(4, 8080).u32(8, 1)), 0u);
-    EXPECT_EQ(client.result_of(112, Value(12).u32(0, 3).u16(4, 8080)), 0u);
-    EXPECT_EQ(client.result_of(112, Value(12).u32(0, 4).u16(4, 8080)), 2014u);
+    EXPECT_EQ(client.result_of(112, wire_value(12).u32(0, 1).u16(4, 8080)), 2014u);
+    EXPECT_EQ(client.result_of(112, wire_value(12).u32(0, 2).u16(4, 8080).u32(8, 1)), 0u);
+    EXPECT_EQ(client.result_of(112, wire_value(12).u32(0, 3).u16(4, 8080)), 0u);
+    EXPECT_EQ(client.result_of(112, wire_value(12).u32(0, 4).u16(4, 8080)), 2014u);
 }
 
 TEST(SccdRequests, AUserIsAddedReadBackAndDeleted) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
-    const Value question = Value(744).u32(0, 0xffffffff).raw(16, {0x02, 0, 0, 0, 0, 9}).u32(32, 2);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
+    const wire_value question = wire_value(744).u32(0, 0xffffffff).raw(16, {0x02, 0, 0, 0, 0, 9}).u32(32, 2);
 
     EXPECT_EQ(client.result_of(127, user_request(1, 9, 4, 1)), 0u);
-    const TestItem found = client.query(307, question);
+    const test_item found = client.query(307, question);
     EXPECT_EQ(client.result_of(127, user_request(2, 9, 4, 3)), 0u);
-    const TestItem missing = client.query(307, question);
+    const test_item missing = client.query(307, question);
 
     EXPECT_EQ(found.type, 401);
     ASSERT_EQ(found.value.size(), 746u);
     EXPECT_EQ(found.u32(4), 0u);
     EXPECT_EQ(found.u32(10), 4u);
     EXPECT_EQ(found.u32(10 + 24), 2u);
-    EXPECT_EQ(found.part(10 + 36, 4), (ByteString{10, 0, 0, 9}));
+    EXPECT_EQ(found.part(10 + 36, 4), (byte_string{10, 0, 0, 9}));
     EXPECT_EQ(missing.u32(4), 2u);
     EXPECT_EQ(missing.part(10, 736), item(0, question).part(8, 736));
 }
 
 TEST(SccdRequests, DeletingAnUnknownUserOrArpEntryFindsNothing) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
     EXPECT_EQ(client.result_of(127, user_request(1, 9, 4, 3)), 2u);
     EXPECT_EQ(client.result_of(165, user_request(2, 9, 4, 3)), 2u);
@@ -149,62 +153,62 @@ TEST(SccdRequests, DeletingAnUnknownUserOrArpEntryFindsNothing) {
 }
 
 TEST(SccdRequests, AMacQueryFindsUsersAndArpEntries) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
     EXPECT_EQ(client.result_of(127, user_request(1, 8, 4, 1)), 0u);
     EXPECT_EQ(client.result_of(165, user_request(2, 9, 4, 1)), 0u);
 
-    const TestItem user = client.query(315, Value(152).u32(0, 5).raw(4, {0x02, 0, 0, 0, 0, 8}));
-    const TestItem arp_entry = client.query(315, Value(152).u32(0, 6).raw(4, {0x02, 0, 0, 0, 0, 9}));
-    const TestItem unknown = client.query(315, Value(152).u32(0, 7).raw(4, {0x02, 0, 0, 0, 0, 1}));
+    const test_item user = client.query(315, wire_value(152).u32(0, 5).raw(4, {0x02, 0, 0, 0, 0, 8}));
+    const test_item arp_entry = client.query(315, wire_value(152).u32(0, 6).raw(4, {0x02, 0, 0, 0, 0, 9}));
+    const test_item unknown = client.query(315, wire_value(152).u32(0, 7).raw(4, {0x02, 0, 0, 0, 0, 1}));
 
     EXPECT_EQ(user.type, 413);
     EXPECT_EQ(user.u32(12), 0u);
-    EXPECT_EQ(user.part(32, 4), (ByteString{10, 0, 0, 8}));
-    EXPECT_EQ(arp_entry.part(32, 4), (ByteString{10, 0, 0, 9}));
+    EXPECT_EQ(user.part(32, 4), (byte_string{10, 0, 0, 8}));
+    EXPECT_EQ(arp_entry.part(32, 4), (byte_string{10, 0, 0, 9}));
     EXPECT_EQ(unknown.u32(12), 2u);
 }
 
 TEST(SccdRequests, TheArpCheckIsOnWhileAnInterfaceHasIt) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
-    EXPECT_EQ(client.query(303, Value(0)).u32(0), 0u);
-    EXPECT_EQ(client.result_of(122, Value(744).u32(0, 1).u32(8, 4).u32(32, 1)), 0u);
-    EXPECT_EQ(client.query(303, Value(0)).u32(0), 1u);
-    EXPECT_EQ(client.result_of(122, Value(744).u32(0, 2).u32(8, 4).u32(32, 3)), 0u);
-    EXPECT_EQ(client.query(303, Value(0)).u32(0), 0u);
+    EXPECT_EQ(client.query(303, wire_value(0)).u32(0), 0u);
+    EXPECT_EQ(client.result_of(122, wire_value(744).u32(0, 1).u32(8, 4).u32(32, 1)), 0u);
+    EXPECT_EQ(client.query(303, wire_value(0)).u32(0), 1u);
+    EXPECT_EQ(client.result_of(122, wire_value(744).u32(0, 2).u32(8, 4).u32(32, 3)), 0u);
+    EXPECT_EQ(client.query(303, wire_value(0)).u32(0), 0u);
 }
 
 TEST(SccdRequests, ArpCheckUsersAreCountedAndListedUpToTheCapacity) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
     EXPECT_EQ(client.result_of(127, user_request(1, 1, 4, 1)), 0u);
     EXPECT_EQ(client.result_of(127, user_request(2, 2, 5, 1)), 0u);
     EXPECT_EQ(client.result_of(168, user_request(3, 3, 4, 1)), 0u);
 
-    const TestItem all = client.query(304, Value(12));
-    const TestItem on_port = client.query(304, Value(12).u32(4, 4));
-    const TestItem list = client.query(305, Value(12).u32(4, 0).u32(8, 2));
+    const test_item all = client.query(304, wire_value(12));
+    const test_item on_port = client.query(304, wire_value(12).u32(4, 4));
+    const test_item list = client.query(305, wire_value(12).u32(4, 0).u32(8, 2));
 
-    EXPECT_EQ(all.value, (ByteString{0, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0}));
+    EXPECT_EQ(all.value, (byte_string{0, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0}));
     EXPECT_EQ(all.type, 411);
     EXPECT_EQ(on_port.u32(8), 2u);
     EXPECT_EQ(list.type, 410);
     EXPECT_EQ(list.u32(0), 0u);
     EXPECT_EQ(list.u32(8), 2u);
     ASSERT_EQ(list.value.size(), 12u + 2 * 48);
-    EXPECT_EQ(list.part(12 + 6, 6), (ByteString{0x02, 0, 0, 0, 0, 1}));
-    EXPECT_EQ(list.part(12 + 12, 4), (ByteString{10, 0, 0, 1}));
+    EXPECT_EQ(list.part(12 + 6, 6), (byte_string{0x02, 0, 0, 0, 0, 1}));
+    EXPECT_EQ(list.part(12 + 12, 4), (byte_string{10, 0, 0, 1}));
 }
 
 TEST(SccdRequests, SynchronousSettingsAreAcceptedWithTheirOwnReplies) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
     EXPECT_EQ(client.result_of(127, user_request(1, 1, 4, 1)), 0u);
 
-    const TestItem number = client.query(317, Value(744).u32(0, 5).u32(8, 4));
-    const TestItem span = client.query(316, Value(744).u32(0, 6));
+    const test_item number = client.query(317, wire_value(744).u32(0, 5).u32(8, 4));
+    const test_item span = client.query(316, wire_value(744).u32(0, 6));
 
     EXPECT_EQ(number.type, 415);
     EXPECT_EQ(number.u32(0), 0u);
@@ -214,70 +218,70 @@ TEST(SccdRequests, SynchronousSettingsAreAcceptedWithTheirOwnReplies) {
 }
 
 TEST(SccdRequests, AVlanChangeReturnsTheKeyOfTheUsersAcl) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
 
-    const TestItem reply = client.query(314, Value(232).key(8 + 32, 3, 5));
+    const test_item reply = client.query(314, wire_value(232).key(8 + 32, 3, 5));
 
     EXPECT_EQ(reply.type, 136);
-    EXPECT_EQ(reply.value, (ByteString{0, 0, 0, 0, 3, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0}));
+    EXPECT_EQ(reply.value, (byte_string{0, 0, 0, 0, 3, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0}));
 }
 
 TEST(SccdRequests, OtherApplicationsLearnOfAddedAndDeletedUsers) {
-    DaemonProcess daemon;
-    TestClient sender(daemon, 3, 77);
-    TestClient other(daemon, 4, 78);
+    daemon_process daemon;
+    test_client sender(daemon, 3, 77);
+    test_client other(daemon, 4, 78);
 
     EXPECT_EQ(sender.result_of(127, user_request(1, 9, 4, 1)), 0u);
-    const TestItem added = other.async.receive();
+    const test_item added = other.async.receive();
     EXPECT_EQ(sender.result_of(127, user_request(2, 9, 4, 3)), 0u);
-    const TestItem deleted = other.async.receive();
+    const test_item deleted = other.async.receive();
 
     EXPECT_EQ(added.type, 127);
-    EXPECT_EQ(added.part(4, 6), (ByteString{0x02, 0, 0, 0, 0, 9}));
-    EXPECT_EQ(added.part(16, 1), ByteString{1});
-    EXPECT_EQ(added.part(32, 4), (ByteString{10, 0, 0, 9}));
+    EXPECT_EQ(added.part(4, 6), (byte_string{0x02, 0, 0, 0, 0, 9}));
+    EXPECT_EQ(added.part(16, 1), byte_string{1});
+    EXPECT_EQ(added.part(32, 4), (byte_string{10, 0, 0, 9}));
     EXPECT_EQ(added.u32(24 + 40), 4u);
     EXPECT_EQ(added.part(80, 736), item(0, user_request(1, 9, 4, 1)).part(8, 736));
     EXPECT_EQ(deleted.type, 127);
-    EXPECT_EQ(deleted.part(16, 1), ByteString{0});
+    EXPECT_EQ(deleted.part(16, 1), byte_string{0});
     sender.settle();
 }
 
 TEST(SccdRequests, OrderedFailuresRefuseTheNextRequestsOfTheirType) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
     ASSERT_EQ(control({{"do", "fail-next"}, {"type", 131}, {"result", 12}, {"count", 2}})["ok"], true);
     ASSERT_EQ(control({{"do", "fail-next"}, {"type", 315}, {"result", 2019}})["ok"], true);
 
     EXPECT_EQ(client.result_of(131, acl_request(1, 1, 1)), 12u);
     EXPECT_EQ(client.result_of(131, acl_request(2, 1, 1)), 12u);
     EXPECT_EQ(client.result_of(131, acl_request(3, 1, 1)), 0u);
-    EXPECT_EQ(client.query(315, Value(152)).u32(12), 2019u);
-    EXPECT_EQ(client.query(315, Value(152)).u32(12), 2u);
+    EXPECT_EQ(client.query(315, wire_value(152)).u32(12), 2019u);
+    EXPECT_EQ(client.query(315, wire_value(152)).u32(12), 2u);
 }
 
 TEST(SccdRequests, AMutedTypeIsNotAnsweredOnceAndUnmutingLiftsIt) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
     ASSERT_EQ(control({{"do", "mute"}, {"type", 108}})["ok"], true);
     ASSERT_EQ(control({{"do", "mute"}, {"type", 109}})["ok"], true);
     ASSERT_EQ(control({{"do", "unmute"}, {"type", 109}})["ok"], true);
 
-    client.async.send(
-        {item(108, Value(8).u32(0, 1)), item(109, Value(8).u32(0, 2)), item(108, Value(8).u32(0, 3))});
+    client.async.send({item(108, wire_value(8).u32(0, 1)), item(109, wire_value(8).u32(0, 2)),
+                       item(108, wire_value(8).u32(0, 3))});
 
     EXPECT_EQ(client.async.receive().u32(0), 2u);
     EXPECT_EQ(client.async.receive().u32(0), 3u);
 }
 
 TEST(SccdRequests, AnUnregistrationCanBeRefusedOnOrder) {
-    DaemonProcess daemon;
-    TestClient client(daemon, 3, 77);
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
     ASSERT_EQ(control({{"do", "fail-next"}, {"type", 302}, {"result", 5}})["ok"], true);
 
-    EXPECT_EQ(client.query(302, Value(4).u32(0, 3)).u32(4), 5u);
-    EXPECT_EQ(client.result_of(108, Value(8).u32(0, 1)), 0u);
+    EXPECT_EQ(client.query(302, wire_value(4).u32(0, 3)).u32(4), 5u);
+    EXPECT_EQ(client.result_of(108, wire_value(8).u32(0, 1)), 0u);
 }
 
 }  // namespace

@@ -12,15 +12,21 @@ class ServiceAclTable : public ::testing::Test {
   protected:
     void create_with(u32 acl_id, std::initializer_list<const char*> aces) {
         ASSERT_EQ(table_.create(key_of(acl_id)), 0u);
-        for (const char* text : aces) ASSERT_EQ(table_.add_ace(key_of(acl_id), ace_of(text)), 0u) << text;
+        for (const char* text : aces) {
+            ASSERT_EQ(table_.add_ace(key_of(acl_id), ace_of(text)), 0u) << text;
+        }
     }
 
     // Sequence numbers or ACE ids in the order of the table, as ACE counter reports see them.
     std::vector<u64> ids_of(u32 acl_id) {
         for (const acl_counters& acl : table_.applied_counters()) {
-            if (acl.key.acl_id != acl_id) continue;
+            if (acl.key.acl_id != acl_id) {
+                continue;
+            }
             std::vector<u64> ids;
-            for (const scc_ace_counter& ace : acl.aces) ids.push_back(ace.ace);
+            for (const scc_ace_counter& ace : acl.aces) {
+                ids.push_back(ace.ace);
+            }
             return ids;
         }
         return {};

@@ -16,7 +16,9 @@ const std::string flows_pcap = std::string(TEST_DATA_DIR) + "/flows.pcap";
 
 const flow* flow_of(const capture_report& report, u8 last_mac_byte) {
     for (const flow& one : report.flows) {
-        if (one.user.mac[5] == last_mac_byte) return &one;
+        if (one.user.mac[5] == last_mac_byte) {
+            return &one;
+        }
     }
     return nullptr;
 }
@@ -26,7 +28,9 @@ class ServiceCapture : public ::testing::Test {
     void hold(u32 acl_id, std::initializer_list<const char*> aces, const scc_acl_apply_record& place) {
         table_.locked([&](forwarding_table::contents& held) {
             ASSERT_EQ(held.acls.create(key_of(acl_id)), 0u);
-            for (const char* text : aces) ASSERT_EQ(held.acls.add_ace(key_of(acl_id), ace_of(text)), 0u);
+            for (const char* text : aces) {
+                ASSERT_EQ(held.acls.add_ace(key_of(acl_id), ace_of(text)), 0u);
+            }
             ASSERT_EQ(held.acls.apply(place), 0u);
         });
     }
@@ -52,7 +56,9 @@ TEST_F(ServiceCapture, EveryAceCountsThePacketsOfItsFlows) {
     ASSERT_EQ(report.acls.size(), 1u);
     EXPECT_EQ(report.acls[0].key.acl_id, 5u);
     std::vector<u64> packets;
-    for (const scc_ace_counter& ace : report.acls[0].aces) packets.push_back(ace.packets);
+    for (const scc_ace_counter& ace : report.acls[0].aces) {
+        packets.push_back(ace.packets);
+    }
     EXPECT_EQ(packets, (std::vector<u64>{11, 22, 11, 11, 10, 15}));
 }
 
@@ -112,17 +118,19 @@ TEST_F(ServiceCapture, AMissingFileIsReported) {
 }
 
 // The magic number, version 2.4, and a link type.
-std::string write_capture(const fs::path& path, const Frame& link_type, const Frame& packets) {
-    const Frame head = Frame{0xD4, 0xC3, 0xB2, 0xA1, 2, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF, 0, 0};
-    const Frame whole = head + link_type + packets;
+std::string write_capture(const fs::path& path, const frame_bytes& link_type, const frame_bytes& packets) {
+    const frame_bytes head =
+        frame_bytes{0xD4, 0xC3, 0xB2, 0xA1, 2, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF, 0, 0};
+    const frame_bytes whole = head + link_type + packets;
     std::ofstream(path, std::ios::binary)
         .write(reinterpret_cast<const char*>(whole.data()), static_cast<std::streamsize>(whole.size()));
     return path.string();
 }
 
-const Frame link_ethernet = {1, 0, 0, 0};
+const frame_bytes link_ethernet = {1, 0, 0, 0};
 // At second 1, 13 bytes kept of 60 on the wire.
-const Frame short_packet = Frame{1, 0, 0, 0, 0, 0, 0, 0, 13, 0, 0, 0, 60, 0, 0, 0} + Frame(13, 0);
+const frame_bytes short_packet =
+    frame_bytes{1, 0, 0, 0, 0, 0, 0, 0, 13, 0, 0, 0, 60, 0, 0, 0} + frame_bytes(13, 0);
 
 TEST_F(ServiceCapture, APacketShorterThanAnEthernetHeaderIsCountedAsUnreadable) {
     const fs::path path = fs::path(::testing::TempDir()) / "scc_service_short.pcap";
@@ -137,8 +145,8 @@ TEST_F(ServiceCapture, APacketShorterThanAnEthernetHeaderIsCountedAsUnreadable) 
 
 TEST_F(ServiceCapture, ACaptureThatBreaksOffKeepsWhatWasRead) {
     const fs::path path = fs::path(::testing::TempDir()) / "scc_service_broken.pcap";
-    const capture_report report =
-        run_capture(write_capture(path, link_ethernet, short_packet + Frame{1, 0, 0}), ingress_, table_);
+    const capture_report report = run_capture(
+        write_capture(path, link_ethernet, short_packet + frame_bytes{1, 0, 0}), ingress_, table_);
     fs::remove(path);
     EXPECT_NE(report.error, "");
     EXPECT_EQ(report.packets, 1u);

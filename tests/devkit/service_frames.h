@@ -14,56 +14,56 @@
 
 namespace scc::service::testing {
 
-using Frame = std::vector<u8>;
+using frame_bytes = std::vector<u8>;
 
-inline Frame operator+(Frame frame, const Frame& more) {
+inline frame_bytes operator+(frame_bytes frame, const frame_bytes& more) {
     frame.insert(frame.end(), more.begin(), more.end());
     return frame;
 }
 
 // 02:00:00:00:00:01 to 02:00:00:00:00:fe.
-inline const Frame addresses = {0x02, 0, 0, 0, 0, 0xFE, 0x02, 0, 0, 0, 0, 0x01};
-inline const Frame vlan_10 = {0x81, 0x00, 0x00, 0x0A};
-inline const Frame vlan_20 = {0x81, 0x00, 0x00, 0x14};
-inline const Frame is_ipv4 = {0x08, 0x00};
-inline const Frame is_ipv6 = {0x86, 0xDD};
-inline const Frame is_arp = {0x08, 0x06};
+inline const frame_bytes addresses = {0x02, 0, 0, 0, 0, 0xFE, 0x02, 0, 0, 0, 0, 0x01};
+inline const frame_bytes vlan_10 = {0x81, 0x00, 0x00, 0x0A};
+inline const frame_bytes vlan_20 = {0x81, 0x00, 0x00, 0x14};
+inline const frame_bytes is_ipv4 = {0x08, 0x00};
+inline const frame_bytes is_ipv6 = {0x86, 0xDD};
+inline const frame_bytes is_arp = {0x08, 0x06};
 
 // From 192.0.2.1 to 198.51.100.1; the DSCP is 46.
-inline Frame ipv4_header(u8 protocol, std::initializer_list<u8> fragment = {0x00, 0x00}) {
-    return Frame{0x45, 0xB8, 0x00, 0x28, 0x00, 0x01} + Frame(fragment) + Frame{0x40, protocol, 0x00, 0x00} +
-           Frame{192, 0, 2, 1, 198, 51, 100, 1};
+inline frame_bytes ipv4_header(u8 protocol, std::initializer_list<u8> fragment = {0x00, 0x00}) {
+    return frame_bytes{0x45, 0xB8, 0x00, 0x28, 0x00, 0x01} + frame_bytes(fragment) +
+           frame_bytes{0x40, protocol, 0x00, 0x00} + frame_bytes{192, 0, 2, 1, 198, 51, 100, 1};
 }
 
 // From 2001:db8::5 to 2001:db8::80; the DSCP is 46.
-inline Frame ipv6_header(u8 next_header) {
-    return Frame{0x6B, 0x80, 0x00, 0x00, 0x00, 0x14, next_header, 0x40} +
-           Frame{0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x05} +
-           Frame{0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x80};
+inline frame_bytes ipv6_header(u8 next_header) {
+    return frame_bytes{0x6B, 0x80, 0x00, 0x00, 0x00, 0x14, next_header, 0x40} +
+           frame_bytes{0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x05} +
+           frame_bytes{0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x80};
 }
 
 // Port 40001 to port 80, and so many more bytes.
-inline const Frame ports = {0x9C, 0x41, 0x00, 0x50};
-inline const Frame rest_of_tcp = Frame(16, 0);
+inline const frame_bytes ports = {0x9C, 0x41, 0x00, 0x50};
+inline const frame_bytes rest_of_tcp = frame_bytes(16, 0);
 
-inline Frame tcp_frame() {
+inline frame_bytes tcp_frame() {
     return addresses + vlan_10 + is_ipv4 + ipv4_header(6) + ports + rest_of_tcp;
 }
-inline Frame udp_frame() {
-    return addresses + is_ipv4 + ipv4_header(17) + ports + Frame{0, 8, 0, 0};
+inline frame_bytes udp_frame() {
+    return addresses + is_ipv4 + ipv4_header(17) + ports + frame_bytes{0, 8, 0, 0};
 }
-inline Frame icmp_frame() {
-    return addresses + is_ipv4 + ipv4_header(1) + Frame{8, 0, 0, 0, 0, 4, 0, 1};
+inline frame_bytes icmp_frame() {
+    return addresses + is_ipv4 + ipv4_header(1) + frame_bytes{8, 0, 0, 0, 0, 4, 0, 1};
 }
-inline Frame tcp6_frame() {
+inline frame_bytes tcp6_frame() {
     return addresses + is_ipv6 + ipv6_header(6) + ports + rest_of_tcp;
 }
-inline Frame arp_frame() {
-    return addresses + is_arp + Frame{0, 1, 8, 0, 6, 4, 0, 1, 0x02, 0, 0, 0, 0, 0x01, 192, 0, 2, 1} +
-           Frame{0, 0, 0, 0, 0, 0, 192, 0, 2, 254};
+inline frame_bytes arp_frame() {
+    return addresses + is_arp + frame_bytes{0, 1, 8, 0, 6, 4, 0, 1, 0x02, 0, 0, 0, 0, 0x01, 192, 0, 2, 1} +
+           frame_bytes{0, 0, 0, 0, 0, 0, 192, 0, 2, 254};
 }
 
-inline packet packet_of(const Frame& frame) {
+inline packet packet_of(const frame_bytes& frame) {
     const std::optional<packet> found = parse_packet(frame);
     EXPECT_TRUE(found.has_value());
     return found.value_or(packet{});

@@ -23,7 +23,9 @@ struct answer {
     [[nodiscard]] Record as() const {
         Record copy{};
         EXPECT_EQ(record.size(), sizeof copy);
-        if (record.size() == sizeof copy) std::memcpy(&copy, record.data(), sizeof copy);
+        if (record.size() == sizeof copy) {
+            std::memcpy(&copy, record.data(), sizeof copy);
+        }
         return copy;
     }
 };
@@ -56,7 +58,9 @@ class ServiceHandlers : public ::testing::Test {
         record.callback = take_answer;
         EXPECT_EQ(handler(&record), 0);
         // A service that answers later must not need the caller's record any more.
-        if (service_delays_) std::memset(static_cast<void*>(&record), 0xEE, sizeof record);
+        if (service_delays_) {
+            std::memset(static_cast<void*>(&record), 0xEE, sizeof record);
+        }
         return promise.get_future().get();
     }
 
@@ -82,7 +86,9 @@ class ServiceHandlers : public ::testing::Test {
 TEST_F(ServiceHandlers, EveryHandlerIsThere) {
     const auto* words = reinterpret_cast<void* const*>(&handlers_);
     static_assert(sizeof handlers_ == 26 * sizeof(void*));
-    for (int slot = 0; slot < 26; ++slot) EXPECT_NE(words[slot], nullptr) << slot;
+    for (int slot = 0; slot < 26; ++slot) {
+        EXPECT_NE(words[slot], nullptr) << slot;
+    }
 }
 
 TEST_F(ServiceHandlers, ACreateIsAnsweredFromItsHandlerWithItsOwnRecord) {

@@ -10,7 +10,9 @@ using namespace testing;
 
 std::vector<u8> last_mac_bytes(const nac_table& table) {
     std::vector<u8> bytes;
-    for (const nac_user& user : table.users()) bytes.push_back(user.mac[5]);
+    for (const nac_user& user : table.users()) {
+        bytes.push_back(user.mac[5]);
+    }
     return bytes;
 }
 
@@ -72,7 +74,9 @@ TEST(ServiceNacTable, ReadingCompletesTheEntryOfAMacAddress) {
 
 TEST(ServiceNacTable, AReinstallDropsTheUsersOfItsInterfaceThatWereNotAddedAgain) {
     nac_table table;
-    for (const u8 user : {u8{1}, u8{2}}) table.add_user(user_of(user, 4));
+    for (const u8 user : {u8{1}, u8{2}}) {
+        table.add_user(user_of(user, 4));
+    }
     table.add_user(user_of(3, 5));
     table.begin_reinstall(4);
     table.add_user(user_of(2, 4));

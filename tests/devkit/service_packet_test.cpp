@@ -23,7 +23,7 @@ TEST(ServicePacket, ATaggedTcpPacketTellsItsVlanAddressesAndPorts) {
 }
 
 TEST(ServicePacket, TheOuterOfTwoTagsIsTheVlan) {
-    const Frame service_tag = {0x88, 0xA8, 0xE0, 0x64};
+    const frame_bytes service_tag = {0x88, 0xA8, 0xE0, 0x64};
     const packet found = packet_of(addresses + service_tag + vlan_10 + is_ipv4 + ipv4_header(17) + ports);
     EXPECT_EQ(found.vid, 100);
     EXPECT_EQ(found.ether_type, 0x0800);
@@ -31,9 +31,9 @@ TEST(ServicePacket, TheOuterOfTwoTagsIsTheVlan) {
 }
 
 TEST(ServicePacket, Ipv4OptionsStandBeforeThePorts) {
-    Frame header = ipv4_header(17);
+    frame_bytes header = ipv4_header(17);
     header[0] = 0x46;
-    const packet found = packet_of(addresses + is_ipv4 + header + Frame{1, 1, 1, 0} + ports);
+    const packet found = packet_of(addresses + is_ipv4 + header + frame_bytes{1, 1, 1, 0} + ports);
     EXPECT_EQ(found.source_port, 40001);
     EXPECT_EQ(found.destination_port, 80);
 }
@@ -69,8 +69,8 @@ TEST(ServicePacket, AnIpv6PacketTellsItsAddressesAndPorts) {
 }
 
 TEST(ServicePacket, TheProtocolOfIpv6StandsBehindItsExtensionHeaders) {
-    const Frame hop_by_hop = {60, 0, 1, 4, 0, 0, 0, 0};
-    const Frame destination_options = {17, 1, 1, 12, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    const frame_bytes hop_by_hop = {60, 0, 1, 4, 0, 0, 0, 0};
+    const frame_bytes destination_options = {17, 1, 1, 12, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
     const packet found =
         packet_of(addresses + is_ipv6 + ipv6_header(0) + hop_by_hop + destination_options + ports);
     EXPECT_EQ(found.protocol, 17);
@@ -78,7 +78,7 @@ TEST(ServicePacket, TheProtocolOfIpv6StandsBehindItsExtensionHeaders) {
 }
 
 TEST(ServicePacket, ALaterFragmentOfIpv6TellsItsProtocolWithoutPorts) {
-    const Frame fragment = {17, 0, 0x00, 0x08, 0, 0, 0, 1};
+    const frame_bytes fragment = {17, 0, 0x00, 0x08, 0, 0, 0, 1};
     const packet found = packet_of(addresses + is_ipv6 + ipv6_header(44) + fragment + ports);
     EXPECT_EQ(found.protocol, 17);
     EXPECT_TRUE(found.later_fragment);
@@ -86,7 +86,7 @@ TEST(ServicePacket, ALaterFragmentOfIpv6TellsItsProtocolWithoutPorts) {
 }
 
 TEST(ServicePacket, AnExtensionHeaderThatEndsEarlyEndsTheWalk) {
-    const Frame too_long = {17, 9, 0, 0, 0, 0, 0, 0};
+    const frame_bytes too_long = {17, 9, 0, 0, 0, 0, 0, 0};
     const packet found = packet_of(addresses + is_ipv6 + ipv6_header(0) + too_long);
     EXPECT_EQ(found.protocol, 0);
     EXPECT_FALSE(found.has_ports);
@@ -100,7 +100,7 @@ TEST(ServicePacket, AnArpPacketTellsSenderAndTarget) {
 }
 
 TEST(ServicePacket, ANetworkHeaderThatEndsEarlyLeavesTheAddressesOut) {
-    Frame frame = tcp_frame();
+    frame_bytes frame = tcp_frame();
     frame.resize(37);
     const packet found = packet_of(frame);
     EXPECT_EQ(found.vid, 10);
@@ -109,7 +109,7 @@ TEST(ServicePacket, ANetworkHeaderThatEndsEarlyLeavesTheAddressesOut) {
 }
 
 TEST(ServicePacket, ATransportHeaderThatEndsEarlyHasNoPorts) {
-    Frame frame = tcp_frame();
+    frame_bytes frame = tcp_frame();
     frame.resize(41);
     const packet found = packet_of(frame);
     EXPECT_EQ(found.network, network_kind::ipv4);
@@ -117,16 +117,16 @@ TEST(ServicePacket, ATransportHeaderThatEndsEarlyHasNoPorts) {
 }
 
 TEST(ServicePacket, EveryShorterPieceOfAFrameIsReadWithoutHarm) {
-    for (const Frame& whole : {tcp_frame(), tcp6_frame(), arp_frame()}) {
+    for (const frame_bytes& whole : {tcp_frame(), tcp6_frame(), arp_frame()}) {
         for (std::size_t len = 14; len < whole.size(); ++len) {
-            const Frame piece(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(len));
+            const frame_bytes piece(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(len));
             EXPECT_TRUE(parse_packet(piece).has_value()) << len;
         }
     }
 }
 
 TEST(ServicePacket, LessThanAnEthernetHeaderIsNoPacket) {
-    EXPECT_FALSE(parse_packet(Frame(13, 0)).has_value());
+    EXPECT_FALSE(parse_packet(frame_bytes(13, 0)).has_value());
 }
 
 }  // namespace

@@ -10,22 +10,24 @@
 namespace scc::service {
 namespace {
 
-using sccd_test::ByteString;
-using sccd_test::DaemonProcess;
-using sccd_test::TestClient;
-using sccd_test::TestItem;
-using sccd_test::Value;
+using sccd_test::byte_string;
+using sccd_test::daemon_process;
+using sccd_test::test_client;
+using sccd_test::test_item;
+using sccd_test::wire_value;
 
 const std::string flows_pcap = std::string(TEST_DATA_DIR) + "/flows.pcap";
 constexpr std::uint32_t app = 3;
 
-class ServiceProcess {
+class service_process {
   public:
-    explicit ServiceProcess(std::vector<std::string> arguments = {}) {
+    explicit service_process(std::vector<std::string> arguments = {}) {
         int ends[2];
         EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
         std::vector<char*> words{const_cast<char*>(SERVICE_PATH)};
-        for (std::string& argument : arguments) words.push_back(argument.data());
+        for (std::string& argument : arguments) {
+            words.push_back(argument.data());
+        }
         words.push_back(nullptr);
         pid_ = ::fork();
         if (pid_ == 0) {
@@ -36,22 +38,28 @@ class ServiceProcess {
         ::close(ends[1]);
         output_ = ::fdopen(ends[0], "r");
     }
-    ~ServiceProcess() {
+    ~service_process() {
         if (pid_ > 0) {
             ::kill(pid_, SIGKILL);
             ::waitpid(pid_, nullptr, 0);
         }
-        if (output_ != nullptr) std::fclose(output_);
+        if (output_ != nullptr) {
+            std::fclose(output_);
+        }
     }
-    ServiceProcess(const ServiceProcess&) = delete;
-    ServiceProcess& operator=(const ServiceProcess&) = delete;
+    service_process(const service_process&) = delete;
+    service_process& operator=(const service_process&) = delete;
 
     // The next line; empty at the end of the output. The test's own time limit ends a wait for nothing.
     std::string line() {
         char buffer[512];
-        if (std::fgets(buffer, sizeof buffer, output_) == nullptr) return {};
+        if (std::fgets(buffer, sizeof buffer, output_) == nullptr) {
+            return {};
+        }
         std::string text = buffer;
-        if (!text.empty() && text.back() == '\n') text.pop_back();
+        if (!text.empty() && text.back() == '\n') {
+            text.pop_back();
+        }
         return text;
     }
     // Reads lines up to this one and returns them all, itself left out.
@@ -59,7 +67,9 @@ class ServiceProcess {
         std::vector<std::string> lines;
         for (std::string next = line(); next != last; next = line()) {
             EXPECT_NE(next, "") << "the output ended before: " << last;
-            if (next.empty()) break;
+            if (next.empty()) {
+                break;
+            }
             lines.push_back(next);
         }
         return lines;
@@ -78,19 +88,19 @@ class ServiceProcess {
     std::FILE* output_ = nullptr;
 };
 
-Value ace_with_rule(std::uint32_t call, std::uint32_t acl, const char* text) {
+wire_value ace_with_rule(std::uint32_t call, std::uint32_t acl, const char* text) {
     const scc_ace_record record = testing::ace_of(text);
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(&record);
-    return Value(944)
+    return wire_value(944)
         .u32(0, call)
         .key(4, app, acl)
-        .raw(24, ByteString(bytes, bytes + sizeof record))
+        .raw(24, byte_string(bytes, bytes + sizeof record))
         .u32(936, 1);
 }
 
 TEST(ServiceProcess, RegistersIsLostAndRegistersAgain) {
-    DaemonProcess daemon;
-    ServiceProcess service;
+    daemon_process daemon;
+    service_process service;
     EXPECT_EQ(service.line(), "scc-ss-dev: registered");
     daemon.signal(SIGKILL);
     daemon.wait_for_end();
@@ -100,8 +110,8 @@ TEST(ServiceProcess, RegistersIsLostAndRegistersAgain) {
 }
 
 TEST(ServiceProcess, EndsCleanlyOnTheTerminationSignal) {
-    DaemonProcess daemon;
-    ServiceProcess service({"--delay", "1000"});
+    daemon_process daemon;
+    service_process service({"--delay", "1000"});
     service.wait_until_registered();
     service.signal(SIGTERM);
     EXPECT_EQ(service.wait_for_end(), 0);
@@ -111,17 +121,17 @@ TEST(ServiceProcess, RefusesACommandLineThatIsWrong) {
     const char* const not_a_capture = "--pcap=" SERVICE_PATH;
     for (const char* wrong : {"--refuse=131", "--refuse=a:b", "--vlan-ifx=4095:1", "--pcap-on=never",
                               "--pcap-on=applied", "--silent=65536", not_a_capture}) {
-        ServiceProcess service({wrong});
+        service_process service({wrong});
         const int status = service.wait_for_end();
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << wrong;
     }
 }
 
 TEST(ServiceProcess, CarriesOutWhatAnApplicationAsksFor) {
-    DaemonProcess daemon;
-    ServiceProcess service;
+    daemon_process daemon;
+    service_process service;
     service.wait_until_registered();
-    TestClient client(daemon, app, 100);
+    test_client client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
     EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, "10 permit tcp any any port 80 id 7")), 0u);
     EXPECT_EQ(client.result_of(133, sccd_test::apply_request(3, 5, 1, 1)), 0u);
@@ -139,10 +149,10 @@ TEST(ServiceProcess, CarriesOutWhatAnApplicationAsksFor) {
 }
 
 TEST(ServiceProcess, AnswersLaterAndRefusesAsItIsTold) {
-    DaemonProcess daemon;
-    ServiceProcess service({"--delay", "20", "--refuse", "132:28"});
+    daemon_process daemon;
+    service_process service({"--delay", "20", "--refuse", "132:28"});
     service.wait_until_registered();
-    TestClient client(daemon, app, 100);
+    test_client client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
     EXPECT_EQ(client.result_of(132, sccd_test::ace_request(2, 5, 10, 10, 1)), 28u);
     EXPECT_EQ(client.result_of(127, sccd_test::user_request(3, 9, 4, 1)), 0u);
@@ -189,20 +199,20 @@ TEST(ServiceProcess, SurvivesAnyContentOfEveryOperation) {
 }
 
 TEST(ServiceProcess, TheDaemonGivesUpOnASilentOperation) {
-    DaemonProcess daemon({"--service-timeout", "100"});
-    ServiceProcess service({"--silent", "131"});
+    daemon_process daemon({"--service-timeout", "100"});
+    service_process service({"--silent", "131"});
     service.wait_until_registered();
-    TestClient client(daemon, app, 100);
+    test_client client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 2020u);
 }
 
 TEST(ServiceProcess, AServiceThatComesLateIsGivenEverythingOnce) {
-    DaemonProcess daemon;
-    TestClient client(daemon, app, 100);
+    daemon_process daemon;
+    test_client client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
     EXPECT_EQ(client.result_of(133, sccd_test::apply_request(2, 5, 1, 1)), 0u);
     EXPECT_EQ(client.result_of(127, sccd_test::user_request(3, 9, 4, 1)), 0u);
-    ServiceProcess service({"--verbose"});
+    service_process service({"--verbose"});
     service.lines_before("scc-ss-dev: 201 data recovery end: 0");
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(4, 6, 1)), 0u);
     EXPECT_EQ(service.line(), "scc-ss-dev: 131 create acl 0/3/6: 0");
@@ -216,14 +226,18 @@ TEST(ServiceProcess, AServiceThatComesLateIsGivenEverythingOnce) {
 }
 
 // Receives until there is an item of each of these types and returns the first of each, in their order.
-std::vector<TestItem> first_of_each(TestClient& client, const std::vector<std::uint16_t>& types) {
-    std::vector<TestItem> found(types.size());
+std::vector<test_item> first_of_each(test_client& client, const std::vector<std::uint16_t>& types) {
+    std::vector<test_item> found(types.size());
     std::size_t missing = types.size();
     while (missing != 0) {
-        const TestItem next = client.async.receive();
-        if (next.type == 0) break;
+        const test_item next = client.async.receive();
+        if (next.type == 0) {
+            break;
+        }
         for (std::size_t place = 0; place < types.size(); ++place) {
-            if (types[place] != next.type || found[place].type != 0) continue;
+            if (types[place] != next.type || found[place].type != 0) {
+                continue;
+            }
             found[place] = next;
             --missing;
         }
@@ -233,10 +247,10 @@ std::vector<TestItem> first_of_each(TestClient& client, const std::vector<std::u
 }
 
 TEST(ServiceProcess, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
-    DaemonProcess daemon;
-    ServiceProcess service({"--pcap", flows_pcap, "--pcap-on", "applied", "--pcap-after", "1"});
+    daemon_process daemon;
+    service_process service({"--pcap", flows_pcap, "--pcap-on", "applied", "--pcap-after", "1"});
     service.wait_until_registered();
-    TestClient client(daemon, app, 100);
+    test_client client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
     EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, "10 permit tcp any any port 80 id 7")), 0u);
     client.async.send(133, sccd_test::apply_request(3, 5, 1, 1));
@@ -246,26 +260,26 @@ TEST(ServiceProcess, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
     EXPECT_EQ(service.line(), "scc-ss-dev: reported: 10 sent, 0 failed");
 
     // The result may come behind the first notifications.
-    const std::vector<TestItem> items = first_of_each(client, {401, 110, 407, 211});
-    const TestItem& result = items[0];
-    const TestItem& moved = items[1];
-    const TestItem& counters = items[2];
-    const TestItem& flow = items[3];
-    EXPECT_EQ(result.part(0, 8), (ByteString{3, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(moved.part(8, 16), (ByteString{1, 0, 0, 0, 20, 0, 10, 0, 20, 0, 0x02, 0, 0, 0, 0, 0x08}));
-    EXPECT_EQ(counters.part(4, 16), (ByteString{0, 0, 0, 0, 3, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0}));
+    const std::vector<test_item> items = first_of_each(client, {401, 110, 407, 211});
+    const test_item& result = items[0];
+    const test_item& moved = items[1];
+    const test_item& counters = items[2];
+    const test_item& flow = items[3];
+    EXPECT_EQ(result.part(0, 8), (byte_string{3, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(moved.part(8, 16), (byte_string{1, 0, 0, 0, 20, 0, 10, 0, 20, 0, 0x02, 0, 0, 0, 0, 0x08}));
+    EXPECT_EQ(counters.part(4, 16), (byte_string{0, 0, 0, 0, 3, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0}));
     EXPECT_EQ(counters.u32(20), 1u);
     EXPECT_EQ(counters.u64(24), 7u);
     EXPECT_EQ(counters.u64(32), 22u);
-    EXPECT_EQ(flow.part(16, 4), (ByteString{192, 0, 2, 1}));
-    EXPECT_EQ(flow.part(54, 6), (ByteString{0x02, 0, 0, 0, 0, 0x01}));
+    EXPECT_EQ(flow.part(16, 4), (byte_string{192, 0, 2, 1}));
+    EXPECT_EQ(flow.part(54, 6), (byte_string{0x02, 0, 0, 0, 0, 0x01}));
     EXPECT_EQ(flow.u64(64), 11u);
     EXPECT_EQ(flow.u64(72), 638u);
 }
 
 TEST(ServiceProcess, RunsTheCaptureOnItsSignal) {
-    DaemonProcess daemon;
-    ServiceProcess service({"--pcap", flows_pcap});
+    daemon_process daemon;
+    service_process service({"--pcap", flows_pcap});
     service.wait_until_registered();
     service.signal(SIGUSR1);
     EXPECT_EQ(

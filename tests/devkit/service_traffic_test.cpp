@@ -37,9 +37,9 @@ TEST(ServiceTraffic, AFlowNamesItsUser) {
     const scc_flow_user user = meter.flows().at(0).user;
     EXPECT_EQ(user.ifx, 6u);
     EXPECT_EQ(user.vid, 10);
-    EXPECT_EQ(Frame(user.mac, user.mac + 6), (Frame{0x02, 0, 0, 0, 0, 1}));
-    EXPECT_EQ(Frame(user.address, user.address + 5), (Frame{192, 0, 2, 1, 0}));
-    EXPECT_EQ(Frame(user.mask, user.mask + 5), (Frame{255, 255, 255, 255, 0}));
+    EXPECT_EQ(frame_bytes(user.mac, user.mac + 6), (frame_bytes{0x02, 0, 0, 0, 0, 1}));
+    EXPECT_EQ(frame_bytes(user.address, user.address + 5), (frame_bytes{192, 0, 2, 1, 0}));
+    EXPECT_EQ(frame_bytes(user.mask, user.mask + 5), (frame_bytes{255, 255, 255, 255, 0}));
     EXPECT_EQ(user.family, 1u);
 }
 
@@ -71,7 +71,7 @@ TEST(ServiceTraffic, AnAddressThatChangesItsVlanHasMoved) {
     EXPECT_EQ(move.vid, 20);
     EXPECT_EQ(move.vid_before, 10);
     EXPECT_EQ(move.vid_after, 20);
-    EXPECT_EQ(Frame(move.mac, move.mac + 6), (Frame{0x02, 0, 0, 0, 0, 1}));
+    EXPECT_EQ(frame_bytes(move.mac, move.mac + 6), (frame_bytes{0x02, 0, 0, 0, 0, 1}));
 }
 
 TEST(ServiceTraffic, AnAddressThatChangesItsInterfaceAloneHasMoved) {

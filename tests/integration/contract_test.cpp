@@ -19,7 +19,7 @@ namespace {
 
 using nlohmann::json;
 using sccd_test::control;
-using sccd_test::DaemonProcess;
+using sccd_test::daemon_process;
 
 constexpr std::uint32_t app_id = 7;
 
@@ -159,7 +159,7 @@ class Contract : public ::testing::TestWithParam<start> {
         daemon.wait_for_end();
     }
 
-    DaemonProcess daemon;
+    daemon_process daemon;
     application app;
     scc_reg_info info{};
 };
@@ -295,7 +295,8 @@ TEST_P(ContractWithATrace, WaitsForAnAppIdThatAnotherProcessHolds) {
         pause();
         _exit(0);
     }
-    auto client = std::make_unique<sccd_test::TestClient>(daemon, app_id, static_cast<std::uint32_t>(holder));
+    auto client =
+        std::make_unique<sccd_test::test_client>(daemon, app_id, static_cast<std::uint32_t>(holder));
     ASSERT_EQ(app.enter(info), 0U);
     const std::string refusal = daemon.read_line_with("owner=" + std::to_string(holder));
     EXPECT_NE(refusal.find("registration-reply"), std::string::npos);

@@ -127,7 +127,9 @@ class application {
             } else if (call.answers != 0) {
                 ++half_noted;
             }
-            if (!failed_before && ::testing::Test::HasFailure()) break;  // one fault, not a million
+            if (!failed_before && ::testing::Test::HasFailure()) {
+                break;  // one fault, not a million
+            }
         }
         // A kill can fall between the answer and the note that the request was accepted: one a thread.
         EXPECT_LE(half_noted, killed_ ? 2u : 0u) << "answers to calls that were never accepted";
@@ -156,7 +158,9 @@ class application {
         EXPECT_EQ(call.answers_while_lost, 0) << "call " << id << " was answered behind status 0";
         if (call.answers == 0) {
             ++sum.dropped;
-            if (call.kind == call_kind::user) sum.open_users.insert(call.number);
+            if (call.kind == call_kind::user) {
+                sum.open_users.insert(call.number);
+            }
             const bool lost = killed_ || call.connection_before < ledger().connections;
             EXPECT_TRUE(lost) << "call " << id << " was never answered";
             return;
@@ -169,9 +173,15 @@ class application {
         EXPECT_TRUE(call.result == 0 || call.result == service_timeout)
             << "call " << id << " of kind " << static_cast<int>(call.kind.load()) << " got " << call.result;
         sum.timed_out += call.result == service_timeout;
-        if (call.kind != call_kind::user) return;
-        if (call.result != 0) sum.no_users.insert(call.number);
-        if (call.result == 0 && call.answered_on == ledger().connections) sum.users.insert(call.number);
+        if (call.kind != call_kind::user) {
+            return;
+        }
+        if (call.result != 0) {
+            sum.no_users.insert(call.number);
+        }
+        if (call.result == 0 && call.answered_on == ledger().connections) {
+            sum.users.insert(call.number);
+        }
     }
 
     std::string directory_;
@@ -232,9 +242,9 @@ class service {
 };
 
 // A daemon that waits for its service longer than any test does.
-class patient_daemon : public sccd_test::DaemonProcess {
+class patient_daemon : public sccd_test::daemon_process {
   public:
-    patient_daemon() : DaemonProcess({"--service-timeout", "600000"}) {}
+    patient_daemon() : daemon_process({"--service-timeout", "600000"}) {}
 
     void kill_hard() {
         signal(SIGKILL);
@@ -246,8 +256,9 @@ class patient_daemon : public sccd_test::DaemonProcess {
 inline pid_t registered_pid(std::uint32_t app_id) {
     const nlohmann::json answer = sccd_test::control({{"do", "clients"}});
     for (const auto& client : answer["clients"]) {
-        if (client["app"] == app_id && client["sync"] == true && client["async"] == true)
+        if (client["app"] == app_id && client["sync"] == true && client["async"] == true) {
             return client["pid"];
+        }
     }
     return 0;
 }

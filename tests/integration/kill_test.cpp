@@ -9,8 +9,8 @@
 namespace kill_test {
 namespace {
 
-using sccd_test::TestClient;
-using sccd_test::Value;
+using sccd_test::test_client;
+using sccd_test::wire_value;
 
 const std::vector<std::string> with_delay = {"--delay", "150"};
 
@@ -85,28 +85,28 @@ TEST_F(Kill, AServiceKilledUnderLoadLeavesNoCallUnanswered) {
 
 // ---- what a service that returns is given ----
 
-Value ace_with_rule(std::uint32_t call, std::uint32_t acl, const char* text) {
+wire_value ace_with_rule(std::uint32_t call, std::uint32_t acl, const char* text) {
     const scc_ace_record record = scc::service::testing::ace_of(text);
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(&record);
-    return Value(944)
+    return wire_value(944)
         .u32(0, call)
         .key(4, 3, acl)
-        .raw(24, sccd_test::ByteString(bytes, bytes + sizeof record))
+        .raw(24, sccd_test::byte_string(bytes, bytes + sizeof record))
         .u32(936, 1);
 }
 
-void fill(TestClient& client) {
+void fill(test_client& client) {
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
     EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, "10 permit tcp any any port 80 id 7")), 0u);
     EXPECT_EQ(client.result_of(132, ace_with_rule(3, 5, "20 deny udp any any id 8")), 0u);
     EXPECT_EQ(client.result_of(133, sccd_test::apply_request(4, 5, 1, 1)), 0u);
     EXPECT_EQ(client.result_of(127, sccd_test::user_request(5, 9, 14, 1)), 0u);
-    EXPECT_EQ(client.result_of(112, Value(12).u32(0, 6).u16(4, 80).u32(8, 1)), 0u);
-    EXPECT_EQ(client.result_of(112, Value(12).u32(0, 7).u16(4, 8080).u32(8, 1)), 0u);
+    EXPECT_EQ(client.result_of(112, wire_value(12).u32(0, 6).u16(4, 80).u32(8, 1)), 0u);
+    EXPECT_EQ(client.result_of(112, wire_value(12).u32(0, 7).u16(4, 8080).u32(8, 1)), 0u);
 }
 
-std::uint64_t ace_counter(TestClient& client, std::uint64_t ace) {
-    const auto reply = client.query(313, Value(40).key(4, 3, 5).u64(24, ace).u32(32, 1));
+std::uint64_t ace_counter(test_client& client, std::uint64_t ace) {
+    const auto reply = client.query(313, wire_value(40).key(4, 3, 5).u64(24, ace).u32(32, 1));
     EXPECT_EQ(reply.u32(40), 0u);
     return reply.u64(32);
 }
@@ -131,13 +131,13 @@ bool has_line(const std::vector<std::string>& lines, const std::string& text) {
 TEST_F(Kill, AServiceThatReturnsUnderLoadIsGivenItsStateAndCountsAgain) {
     security.start_with({"--verbose", "--pcap", std::string(TEST_DATA_DIR) + "/flows.pcap"});
     security.wait_for_registration();
-    fill(*std::make_unique<TestClient>(daemon, 3, 100));
+    fill(*std::make_unique<test_client>(daemon, 3, 100));
     application app(daemon.directory(), 7);
     app.start();
     app.wait_for_connection(1);
     run_capture(security);
     app.wait_for_load(300, 0);
-    TestClient client(daemon, 3, 101);
+    test_client client(daemon, 3, 101);
     EXPECT_EQ(ace_counter(client, 7), 22u);
 
     security.kill_hard();
@@ -216,8 +216,12 @@ TEST_F(Kill, AllThreeKilledInEveryCombinationAnswerEachCallOnceAndComeBack) {
         app.wait_for_load();
         const std::uint32_t losses = neighbour.ledger().losses;
         const std::uint32_t app_connections = die.application ? 0 : app.ledger().connections.load();
-        if (die.daemon) daemon.kill_hard();
-        if (die.service) security.kill_hard();
+        if (die.daemon) {
+            daemon.kill_hard();
+        }
+        if (die.service) {
+            security.kill_hard();
+        }
         if (die.application) {
             app.kill_hard();
             (void)app.check();
@@ -226,12 +230,20 @@ TEST_F(Kill, AllThreeKilledInEveryCombinationAnswerEachCallOnceAndComeBack) {
             EXPECT_TRUE(wait_until([&] { return neighbour.ledger().losses == losses + 1; }));
             daemon.start();
         }
-        if (die.service) security.start();
-        if (die.application) app.start_again();
-        if (die.service || die.daemon) security.wait_for_registration();
+        if (die.service) {
+            security.start();
+        }
+        if (die.application) {
+            app.start_again();
+        }
+        if (die.service || die.daemon) {
+            security.wait_for_registration();
+        }
         neighbour.wait_for_connection(neighbour.ledger().losses + 1);
         app.wait_for_connection(app_connections + (die.daemon || die.application ? 1 : 0));
-        if (HasFailure()) return;
+        if (HasFailure()) {
+            return;
+        }
     }
     for (application* one : {&neighbour, &app}) {
         one->wait_for_load();

@@ -49,7 +49,7 @@ struct call_ledger {
     call_entry calls[calls_max];
 };
 
-// The ledger in a file, made when it is not there. The pages that nobody touches take no room.
+// The ledger in a file, made when it is not there. Untouched pages take no space.
 class mapped_ledger {
   public:
     explicit mapped_ledger(const std::string& path) {

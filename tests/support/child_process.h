@@ -62,7 +62,7 @@ class child_process {
     }
     [[nodiscard]] bool runs() const { return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0; }
 
-    // The place behind the first line with this text at `from` or behind; fails the test without one.
+    // The position after the first line with this text at or after `from`. Fails the test if there is none.
     std::size_t wait_for_line(const std::string& text, std::size_t from = 0) {
         std::unique_lock guard(mutex_);
         const auto until = std::chrono::steady_clock::now() + patience;

@@ -1,5 +1,5 @@
 // Makes one call of a kind fail: the Nth from now on, with an error number. Calls of the whole process are
-// counted, so a test switches a fault on right before the act and off behind it.
+// counted, so a test switches a fault on right before the act and off after it.
 #pragma once
 
 namespace test {

@@ -11,7 +11,7 @@ struct log_line {
     std::string module;
     std::string submodule;
     int flag;
-    std::string text;  // behind the prefix "<function line:N> ", where the line has one
+    std::string text;  // after the prefix "<function line:N> ", where the line has one
     std::string whole;
 };
 

@@ -40,7 +40,7 @@ int black_height(const rb_node* node, const rb_node* parent) {
     return left + (is_red(node) ? 0 : 1);
 }
 
-class Tree : public ::testing::Test {
+class RbTree : public ::testing::Test {
   protected:
     void insert(keyed& entry) {
         rb_node** link = &root.node;
@@ -96,7 +96,7 @@ std::vector<int> ascending(int count) {
     return keys;
 }
 
-TEST_F(Tree, ANodeIsParentAndColourThenRightThenLeft) {
+TEST_F(RbTree, ANodeIsParentAndColourThenRightThenLeft) {
     EXPECT_EQ(sizeof(rb_node), 24U);
     EXPECT_EQ(offsetof(rb_node, parent_colour), 0U);
     EXPECT_EQ(offsetof(rb_node, right), 8U);
@@ -104,7 +104,7 @@ TEST_F(Tree, ANodeIsParentAndColourThenRightThenLeft) {
     EXPECT_EQ(sizeof(rb_root), 8U);
 }
 
-TEST_F(Tree, LinkingMakesARedLeafBelowItsParent) {
+TEST_F(RbTree, LinkingMakesARedLeafBelowItsParent) {
     keyed top{{}, 1};
     keyed leaf{{7, &top.node, &top.node}, 2};
     scc_rb_link_node(&top.node, nullptr, &root.node);
@@ -116,7 +116,7 @@ TEST_F(Tree, LinkingMakesARedLeafBelowItsParent) {
     EXPECT_EQ(leaf.node.right, nullptr);
 }
 
-TEST_F(Tree, SettingTheParentKeepsTheLowBitsAndSettingTheColourKeepsTheParent) {
+TEST_F(RbTree, SettingTheParentKeepsTheLowBitsAndSettingTheColourKeepsTheParent) {
     keyed above{{}, 0};
     const auto address = reinterpret_cast<std::uintptr_t>(&above.node);
     for (const std::uintptr_t low : {0U, 1U, 2U, 3U}) {
@@ -131,13 +131,13 @@ TEST_F(Tree, SettingTheParentKeepsTheLowBitsAndSettingTheColourKeepsTheParent) {
     }
 }
 
-TEST_F(Tree, NothingHasNoFirstAndNoNext) {
+TEST_F(RbTree, NothingHasNoFirstAndNoNext) {
     EXPECT_EQ(scc_rb_first(&root), nullptr);
     EXPECT_EQ(scc_rb_first(nullptr), nullptr);
     EXPECT_EQ(scc_rb_next(nullptr), nullptr);
 }
 
-TEST_F(Tree, AnUnlinkedNodeHasNoNext) {
+TEST_F(RbTree, AnUnlinkedNodeHasNoNext) {
     keyed other{{}, 1};
     rb_node node{0, &other.node, &other.node};
     for (const std::uintptr_t colour : {0U, 1U}) {
@@ -146,7 +146,7 @@ TEST_F(Tree, AnUnlinkedNodeHasNoNext) {
     }
 }
 
-TEST_F(Tree, TheLastNodeHasNoNext) {
+TEST_F(RbTree, TheLastNodeHasNoNext) {
     std::vector<keyed> entries(9);
     for (int i = 0; i < 9; ++i) {
         entries[static_cast<std::size_t>(i)].key = i;
@@ -156,7 +156,7 @@ TEST_F(Tree, TheLastNodeHasNoNext) {
     EXPECT_EQ(scc_rb_first(&root), &entries[0].node);
 }
 
-TEST_F(Tree, HoldsAscendingKeysErasedFromEitherEnd) {
+TEST_F(RbTree, HoldsAscendingKeysErasedFromEitherEnd) {
     const std::vector<int> up = ascending(200);
     std::vector<int> down = up;
     std::reverse(down.begin(), down.end());
@@ -166,7 +166,7 @@ TEST_F(Tree, HoldsAscendingKeysErasedFromEitherEnd) {
     run(down, down);
 }
 
-TEST_F(Tree, HoldsEveryOrderOfSixKeysErasedInEveryRotation) {
+TEST_F(RbTree, HoldsEveryOrderOfSixKeysErasedInEveryRotation) {
     std::vector<int> order = ascending(6);
     do {
         std::vector<int> erased = ascending(6);
@@ -177,7 +177,7 @@ TEST_F(Tree, HoldsEveryOrderOfSixKeysErasedInEveryRotation) {
     } while (!HasFatalFailure() && std::next_permutation(order.begin(), order.end()));
 }
 
-TEST_F(Tree, FollowsASetThroughRandomInsertionsAndErasures) {
+TEST_F(RbTree, FollowsASetThroughRandomInsertionsAndErasures) {
     std::mt19937 random(11);
     std::vector<keyed> entries(400);
     std::set<int> model;
@@ -198,7 +198,7 @@ TEST_F(Tree, FollowsASetThroughRandomInsertionsAndErasures) {
     expect(model);
 }
 
-TEST_F(Tree, KeepsEqualKeysInTheOrderOfInsertionWhenTheSearchGoesRight) {
+TEST_F(RbTree, KeepsEqualKeysInTheOrderOfInsertionWhenTheSearchGoesRight) {
     std::vector<keyed> entries(100);
     for (keyed& entry : entries) {
         entry.key = 5;
