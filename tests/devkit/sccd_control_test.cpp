@@ -413,11 +413,11 @@ class SccdControlUsers : public ::testing::Test {
 
     [[nodiscard]] std::string socket() const { return daemon.socket_directory() + "/.sccd_ctl"; }
 
-    DaemonProcess daemon;
+    daemon_process daemon;
 };
 
 TEST(SccdControl, TheSocketIsTheOwnersAloneAndTheClientsSocketEverybodys) {
-    DaemonProcess daemon;
+    daemon_process daemon;
     struct stat status {};
     ASSERT_EQ(::stat((daemon.socket_directory() + "/.sccd_ctl").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0600u);
@@ -448,9 +448,9 @@ TEST_F(SccdControlUsers, AnotherUserWhoGetsThroughIsToldSoAndCommandsNothing) {
 TEST_F(SccdControlUsers, AnotherUsersLinesAreAllRefused) {
     ASSERT_EQ(::chmod(socket().c_str(), 0666), 0);
     const std::string replies = as_nobody([&] {
-        Wire wire(socket());
+        wire_socket wire(socket());
         const std::string lines = "{\"do\":\"mute\",\"type\":108}\nnot JSON\n{\"do\":\"quit\"}\n";
-        wire.send_raw(ByteString(lines.begin(), lines.end()));
+        wire.send_raw(byte_string(lines.begin(), lines.end()));
         ::shutdown(wire.descriptor(), SHUT_WR);
         std::string text;
         char buffer[4096];
@@ -463,14 +463,14 @@ TEST_F(SccdControlUsers, AnotherUsersLinesAreAllRefused) {
         R"({"ok":false,"error":"only root and the user who runs the daemon may command it"})"
         "\n";
     EXPECT_EQ(replies, refusal + refusal + refusal);
-    TestClient client(daemon, 3, 77);
-    EXPECT_EQ(client.result_of(108, Value(8).u32(0, 1)), 0u);
+    test_client client(daemon, 3, 77);
+    EXPECT_EQ(client.result_of(108, wire_value(8).u32(0, 1)), 0u);
 }
 
 TEST_F(SccdControlUsers, ADaemonOfAnotherUserObeysItsOwner) {
     const std::string outcome = as_nobody([] {
         if (::access(SCCD_DEV_PATH, X_OK) != 0) return std::string("out of reach");
-        const DaemonProcess own;
+        const daemon_process own;
         return control({{"do", "clients"}}).dump();
     });
     if (outcome == "out of reach") GTEST_SKIP() << "another user cannot run " << SCCD_DEV_PATH;

@@ -165,31 +165,31 @@ constexpr std::pair<u16, std::size_t> operations[] = {
     {201, 9},   {205, 4},   {206, 36},  {209, 16}, {213, 520}, {214, 8},  {312, 36}, {313, 36}, {318, 0}};
 
 TEST(ServiceProcess, SurvivesAnyContentOfEveryOperation) {
-    DaemonProcess daemon;
+    daemon_process daemon;
     ServiceProcess service({"--verbose"});
     service.wait_until_registered();
-    const auto deliver = [](u16 type, const ByteString& value) {
+    const auto deliver = [](u16 type, const byte_string& value) {
         const nlohmann::json reply = sccd_test::control(
             {{"do", "notify"}, {"to", 16}, {"type", type}, {"sub", 1}, {"hex", devkit::hex_text(value)}});
         ASSERT_EQ(reply["ok"], true) << reply.dump();
     };
     // Counts of entries that are not there, and counts whose size does not fit into 32 bits.
     for (const u32 count : {1u, 0x20000000u, 0x40000000u, 0x40000001u, 0x80000000u, 0xFFFFFFFFu}) {
-        deliver(154, Value(16).u32(12, count).bytes());
-        deliver(154, Value(16 + 87).u32(12, count).bytes());
-        deliver(155, Value(4).u32(0, count).bytes());
-        deliver(155, Value(4 + 3).u32(0, count).bytes());
+        deliver(154, wire_value(16).u32(12, count).bytes());
+        deliver(154, wire_value(16 + 87).u32(12, count).bytes());
+        deliver(155, wire_value(4).u32(0, count).bytes());
+        deliver(155, wire_value(4 + 3).u32(0, count).bytes());
     }
     for (const auto& [type, least_bytes] : operations) {
         for (const u8 fill : {u8{0x00}, u8{0x01}, u8{0x80}, u8{0xFF}}) {
             for (const std::size_t length :
                  {std::size_t{0}, least_bytes / 2, least_bytes, least_bytes + 100}) {
-                deliver(type, ByteString(length, fill));
+                deliver(type, byte_string(length, fill));
             }
         }
     }
     // Shown in the text of the tables, which is printed whole.
-    deliver(214, Value(8).u32(4, 4711).bytes());
+    deliver(214, wire_value(8).u32(4, 4711).bytes());
     EXPECT_NE(service.lines_before("scc-ss-dev: 214 authentication mode 4711: 0").size(), 0u);
     service.signal(SIGUSR2);
     const std::vector<std::string> tables = service.lines_before("scc-ss-dev: end of tables");
