@@ -98,7 +98,7 @@ wire_value ace_with_rule(std::uint32_t call, std::uint32_t acl, const char* text
         .u32(936, 1);
 }
 
-TEST(ServiceProcess, RegistersIsLostAndRegistersAgain) {
+TEST(service_process, RegistersIsLostAndRegistersAgain) {
     daemon_process daemon;
     service_process service;
     EXPECT_EQ(service.line(), "scc-ss-dev: registered");
@@ -109,7 +109,7 @@ TEST(ServiceProcess, RegistersIsLostAndRegistersAgain) {
     EXPECT_EQ(service.line(), "scc-ss-dev: registered");
 }
 
-TEST(ServiceProcess, EndsCleanlyOnTheTerminationSignal) {
+TEST(service_process, EndsCleanlyOnTheTerminationSignal) {
     daemon_process daemon;
     service_process service({"--delay", "1000"});
     service.wait_until_registered();
@@ -117,7 +117,7 @@ TEST(ServiceProcess, EndsCleanlyOnTheTerminationSignal) {
     EXPECT_EQ(service.wait_for_end(), 0);
 }
 
-TEST(ServiceProcess, RefusesACommandLineThatIsWrong) {
+TEST(service_process, RefusesACommandLineThatIsWrong) {
     const char* const not_a_capture = "--pcap=" SERVICE_PATH;
     for (const char* wrong : {"--refuse=131", "--refuse=a:b", "--vlan-ifx=4095:1", "--pcap-on=never",
                               "--pcap-on=applied", "--silent=65536", not_a_capture}) {
@@ -127,7 +127,7 @@ TEST(ServiceProcess, RefusesACommandLineThatIsWrong) {
     }
 }
 
-TEST(ServiceProcess, CarriesOutWhatAnApplicationAsksFor) {
+TEST(service_process, CarriesOutWhatAnApplicationAsksFor) {
     daemon_process daemon;
     service_process service;
     service.wait_until_registered();
@@ -148,7 +148,7 @@ TEST(ServiceProcess, CarriesOutWhatAnApplicationAsksFor) {
     EXPECT_EQ(lines, held);
 }
 
-TEST(ServiceProcess, AnswersLaterAndRefusesAsItIsTold) {
+TEST(service_process, AnswersLaterAndRefusesAsItIsTold) {
     daemon_process daemon;
     service_process service({"--delay", "20", "--refuse", "132:28"});
     service.wait_until_registered();
@@ -164,9 +164,9 @@ constexpr std::pair<u16, std::size_t> operations[] = {
     {149, 12},  {150, 20},  {151, 96},  {152, 96}, {153, 12},  {154, 16}, {155, 4},  {158, 24}, {163, 12},
     {201, 9},   {205, 4},   {206, 36},  {209, 16}, {213, 520}, {214, 8},  {312, 36}, {313, 36}, {318, 0}};
 
-TEST(ServiceProcess, SurvivesAnyContentOfEveryOperation) {
+TEST(service_process, SurvivesAnyContentOfEveryOperation) {
     daemon_process daemon;
-    ServiceProcess service({"--verbose"});
+    service_process service({"--verbose"});
     service.wait_until_registered();
     const auto deliver = [](u16 type, const byte_string& value) {
         const nlohmann::json reply = sccd_test::control(
@@ -198,7 +198,7 @@ TEST(ServiceProcess, SurvivesAnyContentOfEveryOperation) {
     EXPECT_EQ(service.wait_for_end(), 0);
 }
 
-TEST(ServiceProcess, TheDaemonGivesUpOnASilentOperation) {
+TEST(service_process, TheDaemonGivesUpOnASilentOperation) {
     daemon_process daemon({"--service-timeout", "100"});
     service_process service({"--silent", "131"});
     service.wait_until_registered();
@@ -206,7 +206,7 @@ TEST(ServiceProcess, TheDaemonGivesUpOnASilentOperation) {
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 2020u);
 }
 
-TEST(ServiceProcess, AServiceThatComesLateIsGivenEverythingOnce) {
+TEST(service_process, AServiceThatComesLateIsGivenEverythingOnce) {
     daemon_process daemon;
     test_client client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
@@ -246,7 +246,7 @@ std::vector<test_item> first_of_each(test_client& client, const std::vector<std:
     return found;
 }
 
-TEST(ServiceProcess, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
+TEST(service_process, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
     daemon_process daemon;
     service_process service({"--pcap", flows_pcap, "--pcap-on", "applied", "--pcap-after", "1"});
     service.wait_until_registered();
@@ -277,7 +277,7 @@ TEST(ServiceProcess, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
     EXPECT_EQ(flow.u64(72), 638u);
 }
 
-TEST(ServiceProcess, RunsTheCaptureOnItsSignal) {
+TEST(service_process, RunsTheCaptureOnItsSignal) {
     daemon_process daemon;
     service_process service({"--pcap", flows_pcap});
     service.wait_until_registered();
