@@ -127,7 +127,7 @@ u32 receive_once(receiver& self) {
 
 // What follows an error; false when the thread has to leave.
 bool recover(u32 error, u32 generation) {
-    if (!survives_unregistration(generation)) {
+    if (!survives_unregistration(generation) || app_id_now() == 0) {
         return false;
     }
     if (!_scc_connect_should_reset(error)) {
