@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 namespace test {
@@ -10,20 +11,20 @@ namespace test {
 class hidden_variable {
   public:
     explicit hidden_variable(const char* name)
-        : first_(*name), text_(new std::string(std::string(name) + "=" + getenv(name))) {
-        putenv(text_->data());
+        : first_(*name), text_(strdup((std::string(name) + "=" + getenv(name)).c_str())) {
+        putenv(text_);
     }
     // The environment keeps the text.
     ~hidden_variable() { show(); }
     hidden_variable(const hidden_variable&) = delete;
     hidden_variable& operator=(const hidden_variable&) = delete;
 
-    void hide() { __atomic_store_n(text_->data(), '-', __ATOMIC_RELAXED); }
-    void show() { __atomic_store_n(text_->data(), first_, __ATOMIC_RELAXED); }
+    void hide() { __atomic_store_n(text_, '-', __ATOMIC_RELAXED); }
+    void show() { __atomic_store_n(text_, first_, __ATOMIC_RELAXED); }
 
   private:
     char first_;
-    std::string* text_;
+    char* text_;
 };
 
 }  // namespace test
