@@ -315,11 +315,11 @@ class ReceiveWithoutAPlace : public Receive {
 };
 
 TEST_F(ReceiveWithoutAPlace, ForTheSocketsComesBackWhenThereIsOneAgain) {
+    test::hidden_variable directory("TMPDIR");
     start();
     request(1);
     // The batch has gone out, so the checker has nothing on which it could notice the loss first.
     EXPECT_EQ(daemon.read_item(side::async).type, 123);
-    test::hidden_variable directory("TMPDIR");
     directory.hide();
     daemon.close_both();
     EXPECT_TRUE(test::eventually(pauses));
@@ -329,11 +329,11 @@ TEST_F(ReceiveWithoutAPlace, ForTheSocketsComesBackWhenThereIsOneAgain) {
 }
 
 TEST_F(ReceiveWithoutAPlace, ForTheSocketsComesBackAlsoWhenTheCheckerEndedTheConnection) {
+    test::hidden_variable directory("TMPDIR");
     info.handlers.station_move = test::hold_receive_thread;
     start();
     hold();
     const test::debugging on;
-    test::hidden_variable directory("TMPDIR");
     directory.hide();
     daemon.close_both();
     request(1);

@@ -1,5 +1,6 @@
 // An environment variable that the test can take away and give back while other threads look for it: the
-// list of variables stays as it is, only the first letter of the name changes.
+// list of variables stays as it is, only the first letter of the name changes. To be made before those
+// threads.
 #pragma once
 
 #include <cstdlib>
