@@ -183,7 +183,13 @@ REAL(int, bind, int fd, const sockaddr* address, socklen_t length) {
 }
 
 REAL(int, listen, int fd, int backlog) {
-    return is_fake(fd) ? 0 : __real_listen(fd, backlog);
+    if (!is_fake(fd)) {
+        return __real_listen(fd, backlog);
+    }
+    if (g_hooks.listening != nullptr) {
+        g_hooks.listening(fd);
+    }
+    return 0;
 }
 
 REAL(int, connect, int fd, const sockaddr* address, socklen_t length) {
@@ -357,6 +363,10 @@ REAL(void*, malloc, size_t bytes) {
         return nullptr;
     }
     return __real_malloc(bytes);
+}
+
+REAL(size_t, fwrite, const void* bytes, size_t size, size_t count, FILE* to) {
+    return t_in_use && to == stdout ? count : __real_fwrite(bytes, size, count, to);
 }
 
 REAL(unsigned, sleep, unsigned seconds) {

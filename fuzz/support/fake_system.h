@@ -28,13 +28,15 @@ struct system_hooks {
     int (*nothing_to_receive)(int fd) = nullptr;  // may deliver; else an errno value, 0 for the end
     int (*before_send)(int fd) = nullptr;         // 0 or an errno value
     void (*sent)(int fd, std::span<const u8>) = nullptr;
-    void (*waiting)() = nullptr;                      // in poll and sleep
+    void (*waiting)() = nullptr;  // in poll and sleep
+    void (*listening)(int fd) = nullptr;
     int (*accepting)(int listener) = nullptr;         // a descriptor, or -1 for none
     int (*events)(void* events, int most) = nullptr;  // epoll_wait
     void (*thread)(void* (*body)(void*), void* argument) = nullptr;
 };
 
 // The fake system is in use by this thread while one lives; its end demands that everything was closed.
+// Standard output is dropped meanwhile.
 class system_in_use {
   public:
     explicit system_in_use(const system_hooks& hooks);

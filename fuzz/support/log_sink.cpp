@@ -20,7 +20,7 @@ int printk_syslog_ext(int /*level*/, const char* /*module*/, const char* /*submo
 
 const char* __asan_default_options();
 const char* __asan_default_options() {
-    return "allocator_may_return_null=1:detect_stack_use_after_return=0";
+    return "allocator_may_return_null=1:detect_stack_use_after_return=0:quarantine_size_mb=16:malloc_context_size=8";
 }
 
 const char* __ubsan_default_options();
