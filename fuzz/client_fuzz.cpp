@@ -141,6 +141,9 @@ int on_connect(int fd) {
         return ECONNREFUSED;
     }
     const bool is_first = now.sync.fd < 0 || !socket_of(now.sync.fd).open;
+    if (is_first) {
+        forget_connection();
+    }
     (is_first ? now.sync : now.async) = {fd, {}, 0};
     return 0;
 }
@@ -218,7 +221,8 @@ u16 reply_to(u16 request) {
 // The library waits for an answer on this socket.
 int nothing_to_receive(int fd) {
     world& now = *g_world;
-    if (now.finishing && now.disturbed) {
+    if (now.from.empty() && (now.disturbed || (fd == now.async.fd && is_registered()))) {
+        now.disturbed = true;
         hang_up(fd);  // what was promised is never completed
         return 0;
     }
@@ -371,6 +375,14 @@ void unregister() {
     now.told_connected = false;
 }
 
+// What is left on the synchronous socket would be taken for the replies to come.
+void forget_replies() {
+    const int fd = g_world->sync.fd;
+    if (fd >= 0) {
+        socket_of(fd).read = socket_of(fd).incoming.size();
+    }
+}
+
 void start() {
     world& now = *g_world;
     if (!_scc_lib_client_is_connected() && g_scc_client_cb.state.load() == state_idle) {
@@ -476,6 +488,7 @@ void waiting() {
         return;
     }
     now.finishing = true;
+    forget_replies();
     FUZZ_EXPECT(++now.steps_after_end < 100);
     unregister();
 }
@@ -540,9 +553,11 @@ void run_loop() {
     // A loss that was not noticed yet, then the timer, then the registration.
     for (int step = 0; step < 100 && run_task(); ++step) {
     }
+    forget_replies();
     unregister();
     for (int step = 0; step < 100 && run_task(); ++step) {
     }
+    forget_replies();
     unregister();
     FUZZ_EXPECT(now.tasks.empty());
 }

@@ -129,19 +129,20 @@ void set_result_handlers(scc_handlers& to) {
     RESULT(d1x_port_addr_num)
     RESULT(d1x_port_open)
     RESULT(d1x_pt_ctrl)
-    RESULT(d1x_cos) RESULT(d1x_dscp) RESULT(d1x_redirect) RESULT(d1x_mac_move) RESULT(webauth) RESULT(
-        http_dport) RESULT(dirchn_host) RESULT(dirchn_server) RESULT(dirchn_site) RESULT(dirchn_arp)
-        RESULT(port_security) RESULT(reserved_kind_17) RESULT(global_ip_mac) RESULT(ip_source_guard) RESULT(
-            bind_except_port) RESULT(dhcp_trust_port) RESULT(arpcheck) RESULT(addr_learning) RESULT(nac_esc)
-            RESULT(nac_esc_eport) RESULT(nac_app) RESULT(nac_user) RESULT(ndsnp_default_bind)
-                RESULT(reserved_kind_29) RESULT(nac_neighbour) RESULT(acl_create) RESULT(acl_delete)
-                    RESULT(acl_add_ace) RESULT(acl_delete_ace) RESULT(acl_apply) RESULT(acl_unapply)
-                        RESULT(user_acl_apply) RESULT(user_acl_unapply) RESULT(user_acl_delete_vmsup)
-                            RESULT(acl_resequence) RESULT(filter_counter_reset) RESULT(acl_counter_reset)
-                                RESULT(ace_counter_reset) RESULT(global_eport) RESULT(svi_router_acl)
-                                    RESULT(dhcp_snooping) RESULT(dhcp_snooping_second) RESULT(nd_snooping)
-                                        RESULT(cpp) RESULT(arpcheck_trust) RESULT(arp_entry)
-                                            RESULT(offline_detect_cfg) RESULT(direct_vlan)
+    RESULT(d1x_cos)
+    RESULT(d1x_dscp)
+    RESULT(d1x_redirect) RESULT(d1x_mac_move) RESULT(webauth) RESULT(http_dport) RESULT(dirchn_host) RESULT(
+        dirchn_server) RESULT(dirchn_site) RESULT(dirchn_arp) RESULT(port_security) RESULT(reserved_kind_17)
+        RESULT(global_ip_mac) RESULT(ip_source_guard) RESULT(bind_except_port) RESULT(dhcp_trust_port)
+            RESULT(arpcheck) RESULT(addr_learning) RESULT(nac_esc) RESULT(nac_esc_eport) RESULT(nac_app)
+                RESULT(nac_user) RESULT(ndsnp_default_bind) RESULT(reserved_kind_29) RESULT(nac_neighbour)
+                    RESULT(acl_create) RESULT(acl_delete) RESULT(acl_add_ace) RESULT(acl_delete_ace)
+                        RESULT(acl_apply) RESULT(acl_unapply) RESULT(user_acl_apply) RESULT(user_acl_unapply)
+                            RESULT(user_acl_delete_vmsup) RESULT(acl_resequence) RESULT(filter_counter_reset)
+                                RESULT(acl_counter_reset) RESULT(ace_counter_reset) RESULT(global_eport)
+                                    RESULT(svi_router_acl) RESULT(dhcp_snooping) RESULT(dhcp_snooping_second)
+                                        RESULT(nd_snooping) RESULT(cpp) RESULT(arpcheck_trust)
+                                            RESULT(arp_entry) RESULT(offline_detect_cfg) RESULT(direct_vlan)
                                                 RESULT(arp_dyn_entry) RESULT(port_violate)
 #undef RESULT
                                                     to.efacl_ctrl = [](u32 result, u32 call_id,
@@ -290,12 +291,7 @@ const request g_requests[] = {
     CONFIG(ip_source_guard, scc_ip_source_guard_status),
     CONFIG(bind_except_port, scc_bind_except_port),
     CONFIG(dhcp_trust_port, scc_dhcp_trust_port),
-    request{POSITION(dhcp_snooping),
-            [](u8 seed, u32* id) {
-                auto record = pattern<scc_config_record>(seed);
-                record.form = 9;
-                return scc_dhcp_snooping_set(&record, id);
-            }},
+    CONFIG(dhcp_snooping, scc_dhcp_snooping_set),
     CONFIG(nd_snooping, scc_nd_snooping_set),
     CONFIG(arpcheck, scc_arpcheck),
     CONFIG(arpcheck_trust, scc_arpcheck_trust),
@@ -480,6 +476,9 @@ u32 request_kinds() {
 u32 make_request(u32 which, u8 seed, u32* call_id, u32& position) {
     const request& row = g_requests[which % std::size(g_requests)];
     position = row.position;
+    if (position == POSITION(dhcp_snooping) && pattern<scc_config_record>(seed).form == 10) {
+        position = POSITION(dhcp_snooping_second);
+    }
     return row.make(seed, call_id);
 }
 
