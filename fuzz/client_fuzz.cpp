@@ -357,14 +357,14 @@ void check_pass() {
 
 void unregister() {
     world& now = *g_world;
-    const bool was_registered = is_registered();
-    if (was_registered && !now.disturbed && now.how != mode::service) {
+    if (is_registered() && !now.disturbed && now.how != mode::service) {
         flush_waiting_batch();
         if (!now.disturbed) {
             FUZZ_EXPECT(std::includes(now.on_the_wire.begin(), now.on_the_wire.end(), now.accepted.begin(),
                                       now.accepted.end()));
         }
     }
+    const bool was_registered = is_registered();
     const u32 error = now.how == mode::loop ? scc_agent_finish() : scc_svr_unreg();
     if (error != 0 || !was_registered) {
         return;

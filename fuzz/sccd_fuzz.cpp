@@ -259,7 +259,7 @@ occurrence send_line(input& from) {
 // Bytes of the input many times over, for what grows with the depth or the length of a line.
 occurrence send_repeated(input& from) {
     peer* const at = choose_peer(from);
-    const std::size_t times = from.byte() * std::size_t{64};
+    const std::size_t times = from.byte() * std::size_t{16};
     const auto unit = from.bytes(from.byte() % 32u);
     if (at == nullptr) {
         return {};
@@ -327,13 +327,27 @@ occurrence act_once(input& from) {
     }
 }
 
+// A socket that was not read to its end stays readable.
+occurrence what_is_left() {
+    for (const peer& each : g_world->peers) {
+        const fake_socket& at = socket_of(each.fd);
+        if (at.open && at.read < at.incoming.size() && (epoll_events_of(each.fd) & EPOLLIN) != 0) {
+            return readable(each);
+        }
+    }
+    return {};
+}
+
 int on_wait(void* to, int /*most*/) {
     world& now = *g_world;
-    if (now.from.empty()) {
+    occurrence happened = what_is_left();
+    if (happened.fd < 0 && now.from.empty()) {
         now.daemon->loop.stop();
         return 0;
     }
-    const occurrence happened = act_once(now.from);
+    if (happened.fd < 0) {
+        happened = act_once(now.from);
+    }
     if (happened.fd < 0 || !socket_of(happened.fd).open) {
         return 0;
     }

@@ -11,6 +11,21 @@ namespace {
 using devkit::View;
 
 constexpr std::size_t line_max_bytes = 4u * 1024 * 1024;
+constexpr int depth_max = 16;
+
+// Null for a line that is no JSON, or that is nested so deeply that copying it, which takes stack for each
+// level, could end the daemon. No command nests more than three levels.
+Json parse_line(const std::string& line) {
+    bool too_deep = false;
+    Json parsed = Json::parse(
+        line,
+        [&too_deep](int depth, Json::parse_event_t, const Json&) {
+            too_deep = too_deep || depth > depth_max;
+            return !too_deep;
+        },
+        false);
+    return too_deep ? Json() : parsed;
+}
 
 }  // namespace
 
@@ -44,7 +59,7 @@ void ControlServer::take_lines(Session& session) {
 
 void ControlServer::take_line(Session& session, const std::string& line) {
     session.waiting = true;
-    const Json request = Json::parse(line, nullptr, false);
+    const Json request = parse_line(line);
     if (!request.is_object()) return reply(session.id, control_failure("not a JSON object"));
     run_control_command(daemon_, request, [this, id = session.id](const Json& answer) { reply(id, answer); });
 }
