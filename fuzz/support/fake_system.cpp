@@ -204,6 +204,20 @@ REAL(int, setsockopt, int fd, int level, int option, const void* value, socklen_
     return is_fake(fd) ? 0 : __real_setsockopt(fd, level, option, value, length);
 }
 
+// The peer of a fake socket is this process.
+REAL(int, getsockopt, int fd, int level, int option, void* value, socklen_t* length) {
+    if (!is_fake(fd)) {
+        return __real_getsockopt(fd, level, option, value, length);
+    }
+    const ucred peer{1, geteuid(), 0};
+    if (level != SOL_SOCKET || option != SO_PEERCRED || *length < sizeof peer) {
+        return fail(EINVAL);
+    }
+    std::memcpy(value, &peer, sizeof peer);
+    *length = sizeof peer;
+    return 0;
+}
+
 REAL(int, accept4, int fd, sockaddr* address, socklen_t* length, int flags) {
     if (!is_fake(fd)) {
         return __real_accept4(fd, address, length, flags);

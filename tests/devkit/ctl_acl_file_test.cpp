@@ -32,6 +32,13 @@ constexpr std::string_view campus =
     " permit ip any any\n"
     " deny ip any any\n";
 
+TEST(acl_file, an_application_has_the_class_of_its_acl_in_either_form) {
+    const acl_file file = file_of("acl 7 type 3 class 2\napply 7 ifx 4\napply 7 type 3 ifx 5\n");
+    ASSERT_EQ(file.applications.size(), 2u);
+    EXPECT_EQ(file.applications[0].record.key.acl_class, 2u);
+    EXPECT_EQ(file.applications[1].record.key.acl_class, 2u);
+}
+
 TEST(acl_file, reads_acls_aces_and_applications) {
     const acl_file file = file_of(campus);
     ASSERT_EQ(file.acls.size(), 2u);
