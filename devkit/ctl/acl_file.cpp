@@ -103,6 +103,7 @@ scc_ace_record raw_ace(const words& line) {
 std::uint32_t next_sn(const file_acl& within) {
     std::uint32_t highest = 0;
     for (const file_ace& each : within.aces) highest = std::max(highest, each.record.sn);
+    if (highest > UINT32_MAX - sn_step) throw line_error("no sequence number is left: give one");
     return highest / sn_step * sn_step + sn_step;
 }
 

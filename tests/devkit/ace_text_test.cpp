@@ -123,6 +123,19 @@ TEST(ace_layout, a_record_of_somebody_else_holds_no_rule) {
     EXPECT_FALSE(print_ace(record));
 }
 
+// Another program may write records, too, and clear nothing.
+TEST(ace_layout, bits_that_the_rule_does_not_look_at_are_not_read) {
+    rule written = *decode(ace_of("permit ip 10.0.0.0/8 any src-mac 01:00:00:00:00:00/01:00:00:00:00:00"));
+    const rule clean = written;
+    written.source.bytes.fill(0xFF);
+    written.source.bytes[0] = 10;
+    written.destination.bytes.fill(0xFF);
+    written.source_mac->bytes.fill(0xFF);
+    scc_ace_record record{};
+    encode(written, record);
+    EXPECT_EQ(decode(record), clean);
+}
+
 class broken_byte : public testing::TestWithParam<std::tuple<std::size_t, int>> {};
 
 TEST_P(broken_byte, makes_the_record_hold_no_rule) {

@@ -39,6 +39,13 @@ TEST(acl_file, an_application_has_the_class_of_its_acl_in_either_form) {
     EXPECT_EQ(file.applications[1].record.key.acl_class, 2u);
 }
 
+TEST(acl_file, an_ace_without_a_number_is_refused_when_none_is_left) {
+    const auto errors = errors_of("acl 7\n4294967295 permit ip any any\npermit ip any any\n");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].line, 3u);
+    EXPECT_EQ(errors[0].text, "no sequence number is left: give one");
+}
+
 TEST(acl_file, reads_acls_aces_and_applications) {
     const acl_file file = file_of(campus);
     ASSERT_EQ(file.acls.size(), 2u);
