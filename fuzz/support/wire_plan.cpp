@@ -7,6 +7,7 @@ namespace scc::fuzz {
 namespace {
 
 constexpr std::size_t header_size = 8;
+constexpr std::size_t tail_bytes = 16;
 
 template <class T>
 void put(std::vector<u8>& at, T value) {
@@ -83,12 +84,17 @@ void append_planned_item(input& from, std::span<const planned_type> types, std::
         row.type = from.word();
     }
     const u32 length = planned_length(from, row.least_bytes);
-    const auto given = from.bytes(std::min<u32>(from.byte(), length));
+    const u8 given = from.byte();
+    const auto head = from.bytes(std::min<u32>(given >= 0xC0 ? given - 0xC0u : given, length));
     put<u32>(stream, length);
     put<u16>(stream, choice);  // the sub id
     put<u16>(stream, row.type);
-    stream.insert(stream.end(), given.begin(), given.end());
-    stream.resize(stream.size() + length - given.size());
+    stream.insert(stream.end(), head.begin(), head.end());
+    stream.resize(stream.size() + length - head.size());
+    if (given >= 0xC0) {
+        const auto tail = from.bytes(std::min<std::size_t>(tail_bytes, length - head.size()));
+        std::copy(tail.begin(), tail.end(), stream.end() - static_cast<std::ptrdiff_t>(tail.size()));
+    }
 }
 
 void append_planned_message(input& from, std::span<const planned_type> types, std::vector<u8>& stream) {
