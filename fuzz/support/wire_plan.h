@@ -8,7 +8,8 @@
 //     type:   a row of the table, or from 0xF0 on any type (u16)
 //     length: below 0x80 that many bytes; then the row's least length and up to 63 more; then down to 62
 //             less; 0xFF any length (u16)
-//     given:  how many bytes of the value follow; the others are 0. From 0xC0 on so many more than that, and then
+//     given:  how many bytes of the value follow; the others are 0. From 0xC0 on so many more than that, and
+//     then
 //             the value's last 16, where records have their operation
 #pragma once
 
