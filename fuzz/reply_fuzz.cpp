@@ -1,93 +1,96 @@
-// Fuzzes the replies of synchronous queries. The first byte selects the query.
-#include <sys/socket.h>
-#include <unistd.h>
+// A hostile daemon's replies: to the registration on either socket, to the unregistration, and to every
+// synchronous query.
+//
+//   input := settings which seed longest rest
+//     settings: bit 0 the log is on; bit 1 the rest is the stream itself, otherwise it is the value of one
+//               item of the reply's type; bit 2 of one of another type; bits 3 and 4 how the stream ends: the
+//               peer hung up, or nothing came and the wait was interrupted or timed out
+#include <cerrno>
+#include <vector>
 
-#include <cstddef>
-#include <cstdint>
-
-#include "client/client_data.h"
+#include "client/connection.h"
 #include "client/control_block.h"
-#include "client/request_channel.h"
-#include "scclib.h"
+#include "client/log.h"
+#include "client/pending_calls.h"
+#include "support/application.h"
+#include "support/fail.h"
+#include "support/fake_system.h"
+#include "support/library.h"
 
 using namespace scc;
+using namespace scc::fuzz;
 
 namespace {
 
-void ask(unsigned which) {
-    scc_acl_key key{0, 3, 1, 0};
-    scc_config_record record{};
-    scc_user_record user{};
-    user.operation = SCC_USER_OPERATION_GET;
-    scc_user_acl_record binding{};
-    u8 out[16];
-    u8 mac[6] = {};
-    u8 flag = 0;
-    u32 word = 0;
-    u64 counter = 0;
-    scc_arp_check_entry entries[4];
-    int count = 4;
-    switch (which % 11) {
+int g_ending = 0;
+
+int nothing_to_receive(int /*fd*/) {
+    return g_ending;
+}
+
+u32 exchange(u32 which, u8 seed, u32 exchanges) {
+    constexpr registration_identity identity{7, 1};
+    switch (which % exchanges) {
         case 0:
-            (void)scc_mac_query(mac, &word);
-            break;
+            return _scc_lib_client_reg(1, &identity);
         case 1:
-            (void)scc_sp_port_addr_num(&record, nullptr);
-            break;
+            return _scc_lib_client_reg(0, &identity);
         case 2:
-            (void)scc_nac_user_get(&user);
-            break;
-        case 3:
-            (void)scc_nac_span_dport_set(&record, nullptr);
-            break;
-        case 4:
-            (void)scc_is_arp_check_enabled(&flag);
-            break;
-        case 5:
-            (void)scc_arp_check_user_count_get(1, &word);
-            break;
-        case 6:
-            (void)scc_arp_check_user_data_get(1, entries, &count);
-            break;
-        case 7:
-            (void)scc_user_acl_change_vmsup(&binding, out);
-            break;
-        case 8:
-            (void)scc_acl_get_filter_counter(&key, &counter);
-            break;
-        case 9:
-            (void)scc_acl_get_counter(&key, &counter);
-            break;
+            return _scc_client_unreg(g_scc_client_cb.sync_fd.load(), 7, 1);
         default:
-            (void)scc_ace_get_counter(&key, 1, &counter);
-            break;
+            return make_query(which % exchanges - 3, seed);
+    }
+}
+
+u16 type_of_reply(u32 which, u32 exchanges) {
+    switch (which % exchanges) {
+        case 0:
+        case 1:
+            return msg::registration;
+        case 2:
+            return msg::unregistration;
+        default:
+            return reply_type_of(which % exchanges - 3);
     }
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size < 1 || size > 60000) {
-        return 0;
+extern "C" int LLVMFuzzerTestOneInput(const u8* data, std::size_t size) {
+    static const bool ready = prepare_library();
+    (void)ready;
+    input from(data, size);
+    const u8 settings = from.byte();
+    const u32 which = from.byte();
+    const u8 seed = from.byte();
+    const std::size_t longest = from.byte();
+    const u32 exchanges = query_kinds() + 3;
+
+    constexpr int endings[] = {0, EINTR, EAGAIN, ECONNRESET};
+    g_ending = endings[settings >> 3 & 3u];
+    system_hooks hooks;
+    hooks.nothing_to_receive = nothing_to_receive;
+    const system_in_use system(hooks);
+    const int async_fd = open_fake_socket();
+    const int sync_fd = open_fake_socket();
+    set_application_events({});
+    register_by_hand(async_fd, sync_fd, 1);
+    scc_lib_debug.store(settings & 1u);
+
+    static std::vector<u8> stream;
+    stream.clear();
+    if ((settings & 2u) != 0) {
+        const auto rest = from.rest();
+        stream.assign(rest.begin(), rest.end());
+    } else {
+        const u16 type = (settings & 4u) != 0 ? from.word() : type_of_reply(which, exchanges);
+        append_message(stream, seed, type, from.rest());
     }
-    static bool ready = false;
-    if (!ready) {
-        ready = true;
-        _scc_lib_data_init();
-    }
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
-        return 0;
-    }
-    (void)!write(ends[1], data + 1, size - 1);
-    shutdown(ends[1], SHUT_WR);
-    g_scc_client_cb.app_id.store(5);
-    g_scc_client_cb.thread_mode.store(1);
-    g_scc_client_cb.state.store(state_registered);
-    g_scc_client_cb.sync_fd.store(ends[0]);
-    ask(data[0]);
-    g_scc_client_cb.sync_fd.store(-1);
-    close(ends[0]);
-    close(ends[1]);
+    const int fd = which % exchanges == 1 ? async_fd : sync_fd;
+    deliver(fd, stream);
+    limit_transfers(longest);
+    (void)exchange(which, seed, exchanges);
+    FUZZ_EXPECT(pending_calls() == 0);
+    unregister_by_hand();
     return 0;
 }

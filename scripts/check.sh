@@ -55,7 +55,7 @@ stage_tsan() {
     build tsan
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_tests tsan
 }
-stage_fuzz() { scripts/fuzz.sh 5 1; }
+stage_fuzz() { scripts/fuzz.sh --seed 1 --jobs $((jobs * 2)) 5; }
 
 stages=("$@")
 [ ${#stages[@]} -gt 0 ] || stages=(scripts format gcc clang header binary abi man install packages complete tidy asan tsan fuzz)

@@ -1,23 +1,93 @@
 #!/usr/bin/env bash
-# fuzz.sh [SECONDS] [SEED]: runs each fuzzer for some seconds (60) on its corpus; fails on a finding.
-# A seed makes runs reproducible.
+# fuzz.sh [--replay] [--seed N] [--jobs N] [--keep DIRECTORY] [SECONDS] [TARGET...]: runs each fuzzer for so many
+# seconds (60) from its corpus, after it has repeated the corpus, and prints what each did. A find fails; its input is
+# kept, and the command that repeats it is printed.
+#   --replay  the corpora alone
+#   --seed    with a seed each run tries the same, as far as the time lets it
+#   --jobs    so many fuzzers at once (one)
+#   --keep    the growing corpora, kept from run to run
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/common.sh
 . scripts/common.sh
-seconds=${1:-60}
-seed=${2:-0}
-build fuzz message_fuzz reply_fuzz
-# A header may announce up to 4 GiB; allocations above this limit fail, as on a small switch.
-export ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=64
-work=$(mktemp -d /tmp/scclib-fuzz-XXXXXX)
-trap 'rm -rf "$work"' EXIT
-for fuzzer in message_fuzz reply_fuzz; do
-    mkdir "$work/$fuzzer"
-    "build/fuzz/fuzz/$fuzzer" -max_total_time="$seconds" -seed="$seed" -max_len=4096 -malloc_limit_mb=0 -print_final_stats=1 \
-        -artifact_prefix="$work/" "$work/$fuzzer" "fuzz/corpus/$fuzzer" >"$work/log" 2>&1 || {
-        tail -n 60 "$work/log"
-        exit 1
-    }
-    grep -E 'stat::number_of_executed_units|cov:' "$work/log" | tail -n 2
+seed=0
+at_once=1
+replay=
+keep=
+while [ $# -gt 0 ]; do
+    case "$1" in
+        --replay) replay=1 ;;
+        --seed) seed=$2 && shift ;;
+        --jobs) at_once=$2 && shift ;;
+        --keep) keep=$2 && shift ;;
+        *) break ;;
+    esac
+    shift
 done
+seconds=60
+if [[ ${1:-} =~ ^[0-9]+$ ]]; then
+    seconds=$1
+    shift
+fi
+all=(stream_fuzz item_fuzz operation_fuzz reply_fuzz client_fuzz sccd_fuzz acl_text_fuzz packet_fuzz capture_fuzz)
+targets=("$@")
+[ ${#targets[@]} -gt 0 ] || targets=("${all[@]}")
+for target in "${targets[@]}"; do
+    [[ " ${all[*]} " = *" $target "* ]] || { echo "unknown fuzzer $target; there are ${all[*]}" >&2; exit 2; }
+done
+build fuzz "${targets[@]}"
+
+work=$(mktemp -d /tmp/scclib-fuzz-XXXXXX)
+finds=build/fuzz/finds
+mkdir -p "$finds"
+trap 'rm -rf "$work"' EXIT
+
+dictionary_of() {
+    case "$1" in
+        acl_text_fuzz) echo fuzz/dictionaries/acl_text.dict ;;
+        sccd_fuzz) echo fuzz/dictionaries/control.dict ;;
+        packet_fuzz | capture_fuzz) echo fuzz/dictionaries/packet.dict ;;
+        *) echo fuzz/dictionaries/wire.dict ;;
+    esac
+}
+
+# run_one TARGET: its log is $work/TARGET.log, its status $work/TARGET.status.
+run_one() {
+    local target=$1 grown=${keep:-$work}/$1 log=$work/$1.log status=0
+    local options=(-max_len=2048 -timeout=20 "-artifact_prefix=$finds/$target-" -print_final_stats=1)
+    mkdir -p "$grown" "fuzz/corpus/$target"
+    "build/fuzz/fuzz/$target" "${options[@]}" -runs=0 "fuzz/corpus/$target" >"$log" 2>&1 || status=$?
+    if [ "$status" -eq 0 ] && [ -z "$replay" ]; then
+        "build/fuzz/fuzz/$target" "${options[@]}" -max_total_time="$seconds" -seed="$seed" \
+            "-dict=$(dictionary_of "$target")" "$grown" "fuzz/corpus/$target" >"$log" 2>&1 || status=$?
+    fi
+    echo "$status" >"$work/$target.status"
+}
+
+for target in "${targets[@]}"; do
+    while [ "$(jobs -rp | wc -l)" -ge "$at_once" ]; do
+        wait -n
+    done
+    run_one "$target" &
+done
+wait
+
+statistic() { sed -n "s/^stat::$2: *//p" "$work/$1.log" | tail -n 1; }
+last_of() { sed -n "s/.* $2: \([0-9]*\).*/\1/p" "$work/$1.log" | tail -n 1; }
+
+failed=0
+printf '%-16s %14s %12s %8s %8s\n' target executions "a second" corpus edges
+for target in "${targets[@]}"; do
+    printf '%-16s %14s %12s %8s %8s\n' "$target" "$(statistic "$target" number_of_executed_units)" \
+        "$(statistic "$target" average_exec_per_sec)" "$(last_of "$target" corp)" "$(last_of "$target" cov)"
+    [ "$(cat "$work/$target.status")" -eq 0 ] || failed=1
+done
+[ "$failed" -ne 0 ] || exit 0
+for target in "${targets[@]}"; do
+    [ "$(cat "$work/$target.status")" -ne 0 ] || continue
+    echo "$target found something:"
+    grep -vE '^#[0-9]+|NEW_FUNC' "$work/$target.log" | tail -n 60
+    input=$(sed -n 's/.*Test unit written to //p' "$work/$target.log" | tail -n 1)
+    echo "repeat it with: build/fuzz/fuzz/$target ${input:-fuzz/corpus/$target/*}"
+done
+exit 1

@@ -142,6 +142,16 @@ bool fields_fit(const rule& read) {
     return !read.dscp || *read.dscp <= dscp_max;
 }
 
+// Bits that the rule does not look at are 0 in a rule, whatever another writer left in the record.
+void clear_ignored_bits(ip_prefix& prefix) {
+    for (std::size_t bit = prefix.prefix_bits; bit < prefix.bytes.size() * 8; ++bit)
+        prefix.bytes[bit / 8] &= static_cast<std::uint8_t>(~(0x80u >> (bit % 8)));
+}
+
+void clear_ignored_bits(std::optional<mac_match>& mac) {
+    for (std::size_t i = 0; mac && i < mac->bytes.size(); ++i) mac->bytes[i] &= mac->mask[i];
+}
+
 }  // namespace
 
 bool has_ports(std::uint8_t protocol) {
@@ -198,6 +208,10 @@ std::optional<rule> decode(const scc_ace_record& record) {
     if (!prefixes_fit(read) || !ports_fit(read) || !fields_fit(read)) {
         return std::nullopt;
     }
+    clear_ignored_bits(read.source);
+    clear_ignored_bits(read.destination);
+    clear_ignored_bits(read.source_mac);
+    clear_ignored_bits(read.destination_mac);
     return read;
 }
 

@@ -118,6 +118,9 @@ std::uint32_t next_sn(const file_acl& within) {
     for (const file_ace& each : within.aces) {
         highest = std::max(highest, each.record.sn);
     }
+    if (highest > UINT32_MAX - sn_step) {
+        throw line_error("no sequence number is left: give one");
+    }
     return highest / sn_step * sn_step + sn_step;
 }
 
@@ -151,6 +154,13 @@ const scc_acl_key& applied_key(const acl_file& file, std::uint32_t acl_id) {
     return *found;
 }
 
+// The line does not tell the class; an ACL of the file has one.
+scc_acl_key with_its_class(const acl_file& file, const scc_acl_key& key) {
+    const auto known = std::find_if(file.acls.begin(), file.acls.end(),
+                                    [&](const file_acl& each) { return name_of(each.key) == name_of(key); });
+    return known == file.acls.end() ? key : known->key;
+}
+
 std::uint32_t direction_of(const std::string& word) {
     if (word == "in") {
         return 0;
@@ -179,8 +189,8 @@ scc_acl_apply_record apply_line(const words& line, const acl_file& so_far) {
     }
     scc_acl_apply_record record{};
     if (values.has("type") || values.has("vdev")) {
-        record.key = {values.number("vdev", 0, 0, UINT32_MAX),
-                      values.number("type", 1, 1, limits::app_type_max), acl_id, 0};
+        record.key = with_its_class(so_far, {values.number("vdev", 0, 0, UINT32_MAX),
+                                             values.number("type", 1, 1, limits::app_type_max), acl_id, 0});
     } else {
         record.key = applied_key(so_far, acl_id);
     }

@@ -15,6 +15,7 @@ using devkit::byte_view;
 
 constexpr std::size_t line_max_bytes = 4u * 1024 * 1024;
 constexpr mode_t owner_only = 0600;
+constexpr int depth_max = 16;
 
 // The runtime directory is everybody's, so the socket's mode is not relied on alone.
 bool may_command(int descriptor) {
@@ -22,6 +23,20 @@ bool may_command(int descriptor) {
     socklen_t length = sizeof peer;
     return ::getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
            (peer.uid == 0 || peer.uid == ::geteuid());
+}
+
+// Null for a line that is no JSON, or that is nested so deeply that copying it, which takes stack for each
+// level, could end the daemon. No command nests more than three levels.
+json parse_line(const std::string& line) {
+    bool too_deep = false;
+    json parsed = json::parse(
+        line,
+        [&too_deep](int depth, json::parse_event_t, const json&) {
+            too_deep = too_deep || depth > depth_max;
+            return !too_deep;
+        },
+        false);
+    return too_deep ? json() : parsed;
 }
 
 }  // namespace
@@ -65,7 +80,7 @@ void control_server::take_line(control_session& session, const std::string& line
         return reply(session.id,
                      control_failure("only root and the user who runs the daemon may command it"));
     }
-    const json request = json::parse(line, nullptr, false);
+    const json request = parse_line(line);
     if (!request.is_object()) {
         return reply(session.id, control_failure("not a JSON object"));
     }

@@ -127,6 +127,19 @@ TEST(AceLayout, ARecordOfSomebodyElseHoldsNoRule) {
     EXPECT_FALSE(print_ace(record));
 }
 
+// Another program may write records, too, and clear nothing.
+TEST(AceLayout, BitsThatTheRuleIgnoresAreNotRead) {
+    rule written = *decode(ace_of("permit ip 10.0.0.0/8 any src-mac 01:00:00:00:00:00/01:00:00:00:00:00"));
+    const rule clean = written;
+    written.source.bytes.fill(0xFF);
+    written.source.bytes[0] = 10;
+    written.destination.bytes.fill(0xFF);
+    written.source_mac->bytes.fill(0xFF);
+    scc_ace_record record{};
+    encode(written, record);
+    EXPECT_EQ(decode(record), clean);
+}
+
 class AceTextBrokenByte : public testing::TestWithParam<std::tuple<std::size_t, int>> {};
 
 TEST_P(AceTextBrokenByte, MakesTheRecordHoldNoRule) {

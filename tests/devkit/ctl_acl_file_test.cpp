@@ -34,6 +34,20 @@ constexpr std::string_view campus =
     " permit ip any any\n"
     " deny ip any any\n";
 
+TEST(CtlAclFile, AnApplicationHasTheClassOfItsAclInEitherForm) {
+    const acl_file file = file_of("acl 7 type 3 class 2\napply 7 ifx 4\napply 7 type 3 ifx 5\n");
+    ASSERT_EQ(file.applications.size(), 2u);
+    EXPECT_EQ(file.applications[0].record.key.acl_class, 2u);
+    EXPECT_EQ(file.applications[1].record.key.acl_class, 2u);
+}
+
+TEST(CtlAclFile, AnAceWithoutANumberIsRefusedWhenNoneIsLeft) {
+    const auto errors = errors_of("acl 7\n4294967295 permit ip any any\npermit ip any any\n");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].line, 3u);
+    EXPECT_EQ(errors[0].text, "no sequence number is left: give one");
+}
+
 TEST(CtlAclFile, ReadsAclsAcesAndApplications) {
     const acl_file file = file_of(campus);
     ASSERT_EQ(file.acls.size(), 2u);

@@ -186,5 +186,21 @@ TEST(SccdHostile, AControlLineThatIsNotAnObjectIsRefused) {
     EXPECT_TRUE(replies.ends_with("\n{\"ok\":true,\"clients\":[]}\n")) << replies;
 }
 
+// Each level of a list would take stack when the request's field is copied.
+TEST(SccdHostile, AControlLineThatIsNestedTooDeeplyIsRefused) {
+    DaemonProcess daemon;
+    constexpr std::size_t levels = 500'000;
+    for (const std::string field : {R"("direct-vlan","vlans":)", R"("ace-counter","entries":)"}) {
+        Wire wire(std::string(std::getenv("TMPDIR")) + "/security/scc/.sccd_ctl");
+        const std::string line = R"({"do":"notify-named","name":)" + field + std::string(levels, '[') +
+                                 std::string(levels, ']') + "}\n";
+
+        wire.send_raw({line.begin(), line.end()});
+
+        EXPECT_EQ(wire.receive_text(), R"({"ok":false,"error":"not a JSON object"})");
+        EXPECT_EQ(control({{"do", "clients"}})["ok"], true);
+    }
+}
+
 }  // namespace
 }  // namespace sccd_test

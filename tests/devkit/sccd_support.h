@@ -163,6 +163,15 @@ class wire_socket {
         return false;
     }
 
+    // A line of the control socket, without its end; what came of it when it is not whole.
+    std::string receive_text() {
+        std::string line;
+        for (char byte = 0; readable() && ::recv(socket_, &byte, 1, 0) == 1 && byte != '\n';) {
+            line += byte;
+        }
+        return line;
+    }
+
     [[nodiscard]] int descriptor() const { return socket_; }
 
   private:
