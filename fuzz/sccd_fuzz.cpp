@@ -48,7 +48,7 @@ struct world {
     explicit world(input& all) : from(all) {}
 
     input& from;
-    sccd::Daemon* daemon = nullptr;
+    sccd::development_daemon* daemon = nullptr;
     std::array<int, 2> listeners{-1, -1};
     std::vector<peer> peers;
     int accepting = -1;
@@ -61,8 +61,8 @@ world* g_world = nullptr;
 const std::vector<planned_type>& sent_items() {
     static const std::vector<planned_type> items = [] {
         std::vector<planned_type> made = {{msg::registration, 12}, {msg::unregistration, 4}};
-        for (const devkit::MessageType& row : devkit::message_types()) {
-            if (row.route == devkit::Route::request || row.route == devkit::Route::report) {
+        for (const devkit::message_type& row : devkit::message_types()) {
+            if (row.route == devkit::message_route::request || row.route == devkit::message_route::report) {
                 made.push_back({row.number, row.least_bytes});
             }
         }
@@ -345,7 +345,7 @@ int on_wait(void* to, int /*most*/) {
     world& now = *g_world;
     occurrence happened = what_is_left();
     if (happened.fd < 0 && now.from.empty()) {
-        now.daemon->loop.stop();
+        now.daemon->stop();
         return 0;
     }
     if (happened.fd < 0) {
@@ -382,11 +382,11 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* data, std::size_t size) {
     if ((settings & 4u) != 0) {
         limit_transfers(499);
     }
-    sccd::Options options;
+    sccd::daemon_options options;
     options.directory = "/tmp/security/scc";
     options.trace = (settings & 1u) != 0;
     options.service_timeout = std::chrono::milliseconds((settings & 2u) != 0 ? 0 : 3'600'000);
-    sccd::Daemon daemon(options);
+    sccd::development_daemon daemon(options);
     now.daemon = &daemon;
     daemon.run();
     return 0;

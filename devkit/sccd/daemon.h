@@ -27,6 +27,8 @@ class development_daemon {
 
     // Returns after SIGTERM, SIGINT or the control command that ends the daemon.
     void run() { core_.loop.run(); }
+    // Makes run return. From a handler of the loop.
+    void stop() { core_.loop.stop(); }
 
   private:
     void take_item(const client_entry& client, const devkit::wire_item& item);

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "client/acl_cache.h"
+#include "client/client_data.h"
 #include "client/control_block.h"
 #include "client/descriptors.h"
 #include "client/handlers.h"
