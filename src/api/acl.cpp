@@ -1,4 +1,5 @@
-// ACL management: requests to the daemon, and reads from the cache. Any thread.
+// ACL management: requests to the daemon, and reads of the cache. Any thread; both take scc_lib_lock, and
+// reads take scc_acl_lock inside it.
 //
 //   131, 140 bytes: call id, key at 4, pid at 20, app id at 24, process name at 28 (108), operation at 136
 //   132, 944 bytes: call id, key at 4, ACE at 24 (912), operation at 936
@@ -10,7 +11,6 @@
 #include <optional>
 
 #include "api/request.h"
-#include "client/kinds.h"
 
 using namespace scc;
 
@@ -68,7 +68,7 @@ u32 ace_request(const request_row& row, const scc_acl_key* key, const scc_ace_re
     return call.finish(bytes_of(saved), {sent.bytes});
 }
 
-// An apply type of 0 is replaced in the caller's own record, also when the call fails afterwards.
+// An apply type of 0 is replaced in the caller's own record, even when the call then fails.
 u32 apply_request(const request_row& row, scc_acl_apply_record* record, u32 operation, u32* call_id_out) {
     if (record == nullptr) {
         SCC_LOG_FROM(row.function, "scclib param invalid.");
@@ -93,13 +93,13 @@ u32 apply_request(const request_row& row, scc_acl_apply_record* record, u32 oper
     return call.finish(bytes_of(*record), {sent.bytes});
 }
 
-// A read of one cached ACL: the locks in their order, and the tests that every read makes.
+// A read of one cached ACL: the locks, and the checks that every read makes.
 class cache_read {
   public:
     explicit cache_read(const scc_acl_key& key, const char* function = __builtin_FUNCTION())
         : key_(key), function_(function) {}
 
-    // The cache's lock is taken only where the cache is looked at.
+    // Takes scc_acl_lock only if the cache may be read.
     [[nodiscard]] u32 find(cached_acl*& acl) {
         if (!call_.is_registered(function_)) {
             return result::unavailable;
@@ -118,8 +118,8 @@ class cache_read {
     }
 
   private:
-    locked_call call_;                  // taken first,
-    std::optional<write_guard> guard_;  // given back first
+    locked_call call_;  // locked first, unlocked last
+    std::optional<write_guard> guard_;
     const scc_acl_key& key_;
     const char* function_;
 };

@@ -9,14 +9,14 @@ using namespace scc;
 namespace scc {
 namespace {
 
-constexpr u64 no_user_counter_bit = 0x20;
+constexpr u64 no_user_counter_bit = 0x20;  // set: the device does not count
 
 struct owner_name {
     u32 bit;
     const char* name;
 };
 
-// The order of the names is that of the text, not of the bits.
+// In the order of the text, not of the bits.
 constexpr std::array<owner_name, 6> owner_names = {{
     {0x02, "AAA ip-auth-mode"},
     {0x10, "address-bind"},
@@ -31,21 +31,21 @@ constexpr std::array<owner_name, 6> owner_names = {{
 
 extern "C" {
 
-// Appends a name, behind a slash if text stands there already. Returns the new length, or all ones when
-// the name does not fit; the slash then stays.
+// Appends a name, after a slash if need_separator. Returns the new length, or all ones when the name does
+// not fit; the slash then stays.
 u32 _app_string_add(char* buf, const char* name, bool need_separator, int size) {
     const std::size_t before = std::strlen(buf);
-    const auto room = static_cast<std::size_t>(size);
+    const auto capacity = static_cast<std::size_t>(size);
     std::size_t length = before;
     if (need_separator) {
-        if (length + 1 >= room) {
+        if (length + 1 >= capacity) {
             return result::all_ones;
         }
         buf[length++] = '/';
         buf[length] = '\0';
     }
     const std::size_t name_length = std::strlen(name);
-    if (before + name_length + 1 >= room) {
+    if (before + name_length + 1 >= capacity) {
         return result::all_ones;
     }
     std::memcpy(buf + length, name, name_length + 1);
@@ -83,7 +83,6 @@ uint32_t scc_get_nac_max_user(int kind, uint64_t* a, uint64_t* b, uint64_t* c) {
     return result::ok;
 }
 
-// A set bit means that the device does not count.
 uint32_t scc_nac_user_counter_support(uint8_t* supported) {
     if (supported == nullptr) {
         SCC_LOG("scclib param invalid.");

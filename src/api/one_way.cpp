@@ -1,4 +1,4 @@
-// Messages without a call id and without a result. Any thread.
+// Messages that have no call id and get no result. Any thread; each takes scc_lib_lock.
 #include "api/request.h"
 
 using namespace scc;

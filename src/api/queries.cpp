@@ -1,4 +1,4 @@
-// Synchronous queries. Any thread; each blocks until the daemon has answered.
+// Synchronous queries. Any thread; each holds scc_lib_lock until the daemon has answered.
 #include <algorithm>
 #include <cstring>
 
@@ -35,8 +35,8 @@ u32 refuse_null(const char* function = __builtin_FUNCTION()) {
     return result::invalid;
 }
 
-// A record that is sent with a call id of its own and answered at once; nothing is saved. The call id is
-// handed out as soon as the query has gone, whatever the reply will be.
+// Sends a record under a call id of its own; nothing is saved. The call id is handed out once the query is
+// sent, whatever the reply.
 u32 record_query(const exchange_row& row, const scc_config_record* record, u32* call_id_out,
                  const char* function = __builtin_FUNCTION()) {
     if (record == nullptr) {
@@ -82,12 +82,12 @@ uint32_t scc_mac_query(const uint8_t* mac, uint32_t* ip) {
     payload<152> sent(_scc_lib_call_id_get());
     std::memcpy(sent.bytes.data() + 4, mac, 6);
     sync_exchange exchange;
-    if (const u32 error = exchange.run(mac_query, sent.bytes); error != result::ok) {
+    if (const u32 error = exchange.query(mac_query, sent.bytes); error != result::ok) {
         return error;
     }
     u32 outcome = 0;
     u32 address = 0;
-    // A refusal may come without an address; one that has it is logged with it.
+    // A refusal need not carry an address; one that does is logged with it.
     const bool has_address = exchange.read(32, address);
     if (!exchange.read(12, outcome) || (outcome == 0 && !has_address)) {
         return result::format;
@@ -108,8 +108,8 @@ uint32_t scc_nac_span_dport_set(const struct scc_config_record* record, uint32_t
     return record_query(span_dest_port, record, call_id_out);
 }
 
-// The reply is laid out as a call return: u32 result at 4, and the record at the odd offset 10, which is
-// copied back whatever the result. A refusal may come without it.
+// The reply is laid out as a call return: u32 result at 4, the record at the odd offset 10. The record is
+// copied back whatever the result; a refusal need not carry one.
 uint32_t scc_nac_user_get(struct scc_user_record* record) {
     constexpr std::size_t record_offset = 10;
     if (record == nullptr || record->operation != SCC_USER_OPERATION_GET) {
@@ -122,7 +122,7 @@ uint32_t scc_nac_user_get(struct scc_user_record* record) {
     payload<record_payload_bytes> sent(no_call_id);
     sent.put(record_payload_offset, *record);
     sync_exchange exchange;
-    if (const u32 error = exchange.run(nac_user_get, sent.bytes); error != result::ok) {
+    if (const u32 error = exchange.query(nac_user_get, sent.bytes); error != result::ok) {
         return error;
     }
     u32 outcome = 0;
@@ -146,7 +146,7 @@ uint32_t scc_is_arp_check_enabled(uint8_t* enabled) {
         return result::unavailable;
     }
     sync_exchange exchange;
-    if (const u32 error = exchange.run(arp_check_status, {}); error != result::ok) {
+    if (const u32 error = exchange.query(arp_check_status, {}); error != result::ok) {
         return error;
     }
     u32 status = 0;
@@ -168,7 +168,7 @@ uint32_t scc_arp_check_user_count_get(uint32_t key, uint32_t* count) {
     payload<12> sent(0);
     sent.put(4, key);
     sync_exchange exchange;
-    if (const u32 error = exchange.run(arp_check_count, sent.bytes); error != result::ok) {
+    if (const u32 error = exchange.query(arp_check_count, sent.bytes); error != result::ok) {
         return error;
     }
     u32 outcome = 0;
@@ -195,7 +195,7 @@ uint32_t scc_arp_check_user_data_get(uint32_t selector, void* buf, int* count) {
     payload<12> sent(0);
     sent.put(4, selector).put(8, *count);
     sync_exchange exchange;
-    if (const u32 error = exchange.run(arp_check_data, sent.bytes); error != result::ok) {
+    if (const u32 error = exchange.query(arp_check_data, sent.bytes); error != result::ok) {
         return error;
     }
     u32 outcome = 0;

@@ -22,7 +22,7 @@ bool request::begin() {
 }
 
 u32 request::send(const value_parts& payload) {
-    // The connection ended behind the state test, and its calls were dropped: so is this one.
+    // The connection was lost after the state check and its calls were dropped: drop this one too.
     if (epoch_of_this_thread() != connection_epoch()) {
         _scc_lib_del_call_data(call_id_);
     }

@@ -1,8 +1,9 @@
-// The engine of asynchronous requests.
+// The engine of asynchronous requests, for the exported calls of this folder. Any thread; a request holds
+// scc_lib_lock.
 //
-// A request is a row (message type, request kind, what is counted), the data that its result will need,
-// and its payload. Payloads begin with the call id. Scalar requests derive both from their arguments:
-// saved data are the arguments packed in their own widths, the payload is the same in 4-byte slots.
+// A request is a row (message type, request kind, statistics), the data saved for its result, and its
+// payload, which begins with the call id. A scalar request derives both from its arguments: they are saved
+// packed, and sent in slots of at least 4 bytes.
 #pragma once
 
 #include <array>
@@ -11,6 +12,7 @@
 #include "client/acl_cache.h"
 #include "client/control_block.h"
 #include "client/diagnostics.h"
+#include "client/kinds.h"
 #include "client/locks.h"
 #include "client/log.h"
 #include "client/pending_calls.h"
@@ -21,9 +23,7 @@
 
 namespace scc {
 
-inline constexpr u32 not_counted = stat_entries;
-
-// A row is made in the exported call that it stands for, whose name the request's log lines carry.
+// Constructed in the exported call, whose name the request's log lines carry.
 struct request_row {
     constexpr request_row(u16 message_type, u32 request_kind, u32 counted_at = not_counted,
                           const char* call = __builtin_FUNCTION())
@@ -35,7 +35,7 @@ struct request_row {
     const char* function;
 };
 
-// The library's lock for the length of a call, which belongs to one connection throughout.
+// Holds scc_lib_lock for a call, and ties the call to one connection.
 class locked_call {
   public:
     locked_call() : guard_(scc_lib_lock) {}
@@ -49,18 +49,18 @@ class locked_call {
     connection_scope scope_;
 };
 
-// A request whose arguments have been checked, from the lock to the call id that is handed out.
+// A request whose arguments have been checked.
 class request {
   public:
     request(const request_row& row, u32* call_id_out) : row_(row), call_id_out_(call_id_out) {}
 
-    // Takes the call id; false when the application is not registered.
+    // Takes a call id; false when the application is not registered.
     [[nodiscard]] bool begin();
     [[nodiscard]] u32 call_id() const { return call_id_; }
-    // Saves the data and sends the payload.
+    // Saves the data, sends the payload and hands out the call id.
     [[nodiscard]] u32 finish(std::span<const u8> saved, const value_parts& payload);
-    // The row may be chosen late.
-    void become(const request_row& row) { row_ = row; }
+    // For a request whose row depends on the record's form.
+    void set_row(const request_row& row) { row_ = row; }
 
   private:
     [[nodiscard]] u32 send(const value_parts& payload);
@@ -71,7 +71,7 @@ class request {
     locked_call call_;
 };
 
-// A zeroed payload that begins with the call id.
+// The call id, then zeros.
 template <std::size_t Size>
 struct payload {
     std::array<u8, Size> bytes{};
@@ -85,12 +85,12 @@ struct payload {
     }
 };
 
-// An int argument whose result handler gets the low byte.
+// An int argument: sent whole, its low byte saved for the result.
 struct low_byte {
     int value;
 };
 
-// Four zero bytes of the payload that are not saved.
+// Four zero bytes, not saved.
 struct unset_slot {};
 
 namespace request_detail {
@@ -138,10 +138,10 @@ template <class... Fields>
     return call.finish(saved, {sent.bytes});
 }
 
-// What stands in front of a record in its payload: the call id and 4 zero bytes.
+// Precedes a record in its payload: the call id and 4 zero bytes.
 using record_head = payload<8>;
 
-// A request that carries the caller's 736-byte record behind a gap of 4 zero bytes.
+// Sends and saves the caller's 736-byte record.
 [[nodiscard]] u32 record_request(const request_row& row, const scc_config_record* record, u32* call_id_out);
 
 }  // namespace scc

@@ -15,7 +15,7 @@ u32 sync_exchange::send(const exchange_row& row, std::span<const u8> payload) {
 u32 sync_exchange::receive(const exchange_row& row) {
     const u32 error = exchange_.receive();
     if (error != result::ok) {
-        // The receive thread watches the other socket only, so it is told of this one's end.
+        // The receive thread watches only the other socket, so it must be told that this one failed.
         if (_scc_connect_should_reset(error)) {
             report_broken(exchange_.epoch());
         }
@@ -28,7 +28,7 @@ u32 sync_exchange::receive(const exchange_row& row) {
     return result::ok;
 }
 
-u32 sync_exchange::run(const exchange_row& row, std::span<const u8> payload) {
+u32 sync_exchange::query(const exchange_row& row, std::span<const u8> payload) {
     const u32 error = send(row, payload);
     return error != result::ok ? error : receive(row);
 }

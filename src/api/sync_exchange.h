@@ -1,5 +1,5 @@
-// The engine of synchronous queries: one request and one reply on the synchronous socket, under the
-// library's lock. A reply too short for a field that the call reads is malformed; nothing behind it is read.
+// The engine of synchronous queries: one request and one reply on the synchronous socket. Any thread, with
+// scc_lib_lock held (locked_call). A reply too short for a field that the call reads is malformed.
 #pragma once
 
 #include <span>
@@ -12,21 +12,21 @@ namespace scc {
 struct exchange_row {
     u16 request_type;
     u16 reply_type;
-    const char* reply_name;  // in the log of a reply of another type
+    const char* reply_name;  // for the log line of an unexpected reply
 };
 
 class sync_exchange {
   public:
-    // Made in the exported call whose name its log lines carry.
+    // Constructed in the exported call, whose name the log lines carry.
     explicit sync_exchange(const char* function = __builtin_FUNCTION())
         : function_(function), exchange_(channel::sync) {}
 
-    // The error of the send as it was: no reply comes then.
+    // On an error no reply will come.
     [[nodiscard]] u32 send(const exchange_row& row, std::span<const u8> payload);
     [[nodiscard]] u32 receive(const exchange_row& row);
-    [[nodiscard]] u32 run(const exchange_row& row, std::span<const u8> payload);
+    [[nodiscard]] u32 query(const exchange_row& row, std::span<const u8> payload);
 
-    // Reads a field of the reply's first item; false when it is not there.
+    // Reads a field of the reply's first item; false when the item is too short.
     template <class T>
     [[nodiscard]] bool read(std::size_t offset, T& out) const {
         if (offset + sizeof(T) > value().size()) {
@@ -37,7 +37,7 @@ class sync_exchange {
     }
 
     [[nodiscard]] std::span<const u8> value() const { return exchange_.value(); }
-    // Whether a whole reply came, of whatever type.
+    // Whether a complete reply arrived, of any type.
     [[nodiscard]] bool has_reply() const { return exchange_.has_reply(); }
 
   private:

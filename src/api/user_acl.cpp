@@ -1,15 +1,14 @@
-// ACLs bound to users, and the counters of ACLs, filters and ACEs. Any thread.
+// ACLs bound to users, and the counters of ACLs, filters and ACEs. Any thread; all take scc_lib_lock.
 //
 //   134, 224 bytes: call id, user ACL record at 8 (208), operation at 216
 //   137, 232 bytes: call id, key at 216;  314, 232 bytes: user ACL record at 8
 //   139/311, 24 bytes: call id, key at 4, choice at 20
 //   140/312, 40 bytes: call id, key at 4, choice at 32
 //   141/313, 40 bytes: call id, key at 4, u64 ACE at 24, choice at 32
-// The choice tells a read (1) from a reset (0).
+// The choice is 1 to read, 0 to reset.
 #include <cstring>
 
 #include "api/sync_exchange.h"
-#include "client/kinds.h"
 #include "util/address_text.h"
 
 using namespace scc;
@@ -41,7 +40,7 @@ u32 user_acl_request(const request_row& row, const scc_user_acl_record& record, 
     return call.finish(bytes_of(record), {sent.bytes});
 }
 
-// Where a counter's messages differ.
+// What differs between the counters' messages; name is the exported call's.
 struct counter_row {
     exchange_row exchange;
     std::size_t choice_offset;
@@ -64,14 +63,14 @@ constexpr counter_row acl_counter{{msg::acl_counter_get, msg::acl_counter_ret, "
 constexpr counter_row ace_counter{
     {msg::ace_counter_get, msg::ace_counter, "SCC_LMSG_ACE_COUNTER_RET"}, 32, 32, 40, "scc_ace_get_counter"};
 
-// The counter is read when the result is 0; otherwise the caller's is left alone.
+// Leaves counter unchanged unless the result is 0.
 u32 read_counter(const counter_row& row, std::span<const u8> sent, u64& counter) {
     locked_call call;
     if (!call.is_registered(row.name)) {
         return result::unavailable;
     }
     sync_exchange exchange(row.name);
-    if (const u32 error = exchange.run(row.exchange, sent); error != result::ok) {
+    if (const u32 error = exchange.query(row.exchange, sent); error != result::ok) {
         return error;
     }
     u32 outcome = 0;
@@ -139,7 +138,7 @@ uint32_t scc_user_acl_unapply(const struct scc_user_acl_record* record, uint32_t
                             "scclib scc_user_acl_unapply is called.", call_id_out);
 }
 
-// Checks of its own: the acl id has no upper bound here.
+// Has checks of its own, without an upper bound of the ACL id.
 uint32_t scc_user_acl_delete_vmsup(const struct scc_acl_key* key, uint32_t* call_id_out) {
     if (key == nullptr) {
         SCC_LOG("scclib param invalid.");
@@ -162,7 +161,7 @@ uint32_t scc_user_acl_delete_vmsup(const struct scc_acl_key* key, uint32_t* call
     return call.finish(bytes_of(*key), {sent.bytes});
 }
 
-// Neither a key check nor a result code in the reply.
+// The key is not checked, and the reply has no result code.
 uint32_t scc_user_acl_change_vmsup(const struct scc_user_acl_record* record, uint8_t* out) {
     constexpr std::size_t answer_bytes = 16;
     if (record == nullptr || out == nullptr) {

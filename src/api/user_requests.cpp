@@ -1,4 +1,4 @@
-// NAC users and ARP entries: record requests whose mask is adjusted in what is sent. Any thread.
+// NAC users and ARP entries: record requests that send an adjusted mask. Any thread.
 #include <cstring>
 
 #include "api/request.h"
@@ -17,12 +17,12 @@ namespace {
 
 constexpr u32 all_ones_word = 0xFFFFFFFF;
 
-// An IPv4 mask is the first word; the whole is an IPv6 mask, which is never logged.
+// An IPv4 mask is the first word. The whole is an IPv6 mask, which is never logged.
 [[maybe_unused]] address_text mask_text(const scc_user_record& record) {
     return ipv4_text(record.mask[0]);
 }
 
-// The whole mask wins over its first word; the record is a copy of the caller's.
+// SCC_USER_MASK_WHOLE takes precedence. The record is a copy of the caller's.
 void adjust_mask(scc_user_record& record, const char* function) {
     if ((record.flags & SCC_USER_MASK_WHOLE) != 0) {
         std::memset(record.mask, 0xFF, sizeof record.mask);
@@ -66,14 +66,14 @@ u32 user_request(request_row row, const scc_user_record* record, bool counted, u
 extern "C" {
 
 uint32_t scc_nac_user_set(const struct scc_user_record* record, uint32_t* call_id_out) {
-    return user_request({msg::nac_user, 27}, record, true, call_id_out);
+    return user_request({msg::nac_user, kind::nac_user}, record, true, call_id_out);
 }
 
 uint32_t scc_arp_entry_set(const struct scc_user_record* record, uint32_t* call_id_out) {
-    return user_request({msg::arp_entry, 56}, record, false, call_id_out);
+    return user_request({msg::arp_entry, kind::arp_entry}, record, false, call_id_out);
 }
 
 uint32_t scc_arp_dyn_entry_set(const struct scc_user_record* record, uint32_t* call_id_out) {
-    return user_request({msg::arp_dyn_entry, 59}, record, false, call_id_out);
+    return user_request({msg::arp_dyn_entry, kind::arp_dyn_entry}, record, false, call_id_out);
 }
 }

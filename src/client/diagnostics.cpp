@@ -95,13 +95,17 @@ bool debug_command_fits(const u8* value, u64 length) {
     if (length < command_data_offset) {
         return false;
     }
-    if (load<u32>(value, command_offset) != command_show_acls) {
+    if (!shows_acls(value)) {
         return true;
     }
     constexpr u64 mode_end = command_data_offset + 4;
     constexpr u64 key_end = command_data_offset + 16;
     const u32 mode = length < mode_end ? 0 : load<u32>(value, command_data_offset);
     return length >= (mode == 1 || mode == 3 ? mode_end : key_end);
+}
+
+bool shows_acls(const void* value) {
+    return load<u32>(value, command_offset) == command_show_acls;
 }
 
 void reset_service_statistics() {

@@ -27,6 +27,8 @@ enum statistics_index : u32 {
     stat_entries = 13,
 };
 
+inline constexpr u32 not_counted = stat_entries;
+
 struct call_statistics {
     u32 calls;
     u32 callback_successes;
@@ -40,6 +42,8 @@ struct call_statistics {
 
 // Whether the value of a debug command holds everything that the command reads.
 [[nodiscard]] bool debug_command_fits(const u8* value, u64 length);
+// Whether a debug command displays the ACLs.
+[[nodiscard]] bool shows_acls(const void* value);
 
 }  // namespace scc
 

@@ -1,24 +1,74 @@
-// The request kinds that are saved with pending calls: what a result belongs to.
+// The request kind that is saved with a pending call; it selects the handler of the result. The names are
+// those of the handlers in scc_handlers.
 #pragma once
 
 #include "msg/protocol.h"
 
 namespace scc::kind {
 
-inline constexpr u32 acl_create = 31;
-inline constexpr u32 acl_delete = 32;
-inline constexpr u32 acl_add_ace = 33;
-inline constexpr u32 acl_delete_ace = 34;
-inline constexpr u32 acl_apply = 35;
-inline constexpr u32 acl_unapply = 36;
-inline constexpr u32 user_acl_apply = 37;
-inline constexpr u32 user_acl_unapply = 38;
-inline constexpr u32 user_acl_delete_vmsup = 39;
-inline constexpr u32 acl_resequence = 40;
-inline constexpr u32 filter_counter_reset = 41;
-inline constexpr u32 acl_counter_reset = 42;
-inline constexpr u32 ace_counter_reset = 43;
-inline constexpr u32 nac_user = 27;
-inline constexpr u32 last = 60;
+// Reserved kinds have a handler, but no request; unused kinds have neither.
+enum : u32 {
+    d1x_authen_method = 1,
+    d1x_author_mode = 2,
+    d1x_port_addr_num = 3,
+    d1x_port_open = 4,
+    d1x_pt_ctrl = 5,
+    d1x_cos = 6,
+    d1x_dscp = 7,
+    d1x_redirect = 8,
+    d1x_mac_move = 9,
+    webauth = 10,
+    http_dport = 11,
+    dirchn_host = 12,
+    dirchn_server = 13,
+    dirchn_site = 14,
+    dirchn_arp = 15,
+    port_security = 16,
+    reserved_kind_17 = 17,
+    global_ip_mac = 18,
+    ip_source_guard = 19,
+    bind_except_port = 20,
+    dhcp_trust_port = 21,
+    arpcheck = 22,
+    addr_learning = 23,
+    nac_esc = 24,
+    nac_esc_eport = 25,
+    nac_app = 26,
+    nac_user = 27,
+    ndsnp_default_bind = 28,
+    reserved_kind_29 = 29,
+    nac_neighbour = 30,
+    acl_create = 31,
+    acl_delete = 32,
+    acl_add_ace = 33,
+    acl_delete_ace = 34,
+    acl_apply = 35,
+    acl_unapply = 36,
+    user_acl_apply = 37,
+    user_acl_unapply = 38,
+    user_acl_delete_vmsup = 39,
+    acl_resequence = 40,
+    filter_counter_reset = 41,
+    acl_counter_reset = 42,
+    ace_counter_reset = 43,
+    global_eport = 44,
+    svi_router_acl = 45,
+    unused_46 = 46,
+    unused_47 = 47,
+    unused_48 = 48,
+    unused_49 = 49,
+    efacl_ctrl = 50,
+    dhcp_snooping = 51,
+    dhcp_snooping_second = 52,
+    nd_snooping = 53,
+    cpp = 54,
+    arpcheck_trust = 55,
+    arp_entry = 56,
+    offline_detect_cfg = 57,
+    direct_vlan = 58,
+    arp_dyn_entry = 59,
+    port_violate = 60,
+    last = port_violate,
+};
 
 }  // namespace scc::kind

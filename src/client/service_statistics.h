@@ -1,5 +1,5 @@
-// The block of the service's counters, {received, answered} for each kind of operation: owned here since
-// every registration with the daemon resets it; counted by src/ss. Null until a service has registered.
+// The block of the service's counters, {received, answered} for each operation. src/ss counts in it, and
+// every registration with the daemon resets it. Null until a service has registered.
 #pragma once
 
 #include <array>

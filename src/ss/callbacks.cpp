@@ -1,8 +1,8 @@
 // See callbacks.h.
 //
 //   plain result, 12 bytes: u32 call id, u32 result, u32 type word
-//   counter result, 48 bytes: u32 call id, 16 key at 4, u64 ACE at 24, u64 counter at 32, u32 result at 40;
-//   an ACL counter's leaves key and ACE zero
+//   counter result, 48 bytes: u32 call id, 16 key at 4, u64 ACE at 24, u64 counter at 32, u32 result at 40
+// An ACL's counter result has neither key nor ACE: both are zero.
 #include "ss/callbacks.h"
 
 #include <array>
@@ -21,7 +21,7 @@ using namespace scc;
 namespace scc {
 namespace {
 
-// Where every operation record has the fields of its head.
+// The head that all operation records share.
 constexpr std::size_t ret_offset = offsetof(scc_ss_acl_operation, ret);
 constexpr std::size_t op_offset = offsetof(scc_ss_acl_operation, op);
 static_assert(offsetof(scc_ss_acl_operation, id) == 0 && ret_offset == 16 && op_offset == 20);
@@ -43,39 +43,30 @@ u32 send_result(u16 scc_type, const Result& result, int sync) {
                                 sync);
 }
 
+// An operation code is also the position of its counter.
+static_assert(SCC_SS_OP_CREATE == stat_acl_create && SCC_SS_OP_DELETE == stat_acl_delete);
+static_assert(SCC_SS_OP_ADD_ACE == stat_ace_add && SCC_SS_OP_DELETE_ACE == stat_ace_delete);
+static_assert(SCC_SS_OP_APPLY == stat_acl_apply && SCC_SS_OP_UNAPPLY == stat_acl_unapply);
+
 struct callback_row {
     u32 type_word;
     u32 pair;
-    u32 first_counted_op;  // and the one behind it; stat_entries for none
-    const char* log;       // the text's head, up to the scc-type
-    const char* log_tail;  // behind the result
-    const char* sender;    // in the log of a failed send
+    u32 first_counted_op;  // and the next; or not_counted
+    const char* name;      // begins the log line
+    const char* op_label;  // precedes the operation code in the log line
+    const char* log_end;
+    const char* sender;  // in the log of a failed send
 };
 
-constexpr u32 not_counted = stat_entries;
-
 // clang-format off
-constexpr callback_row acl_row      {msg::acl,            pair_acl,          stat_acl_create, "_scc_ss_acl_op_ret_callback",            "lib op type:%d",  "_scc_lib_msg_send"};
-constexpr callback_row ace_row      {msg::ace,            pair_ace,          stat_ace_add,    "_scc_ss_ace_op_ret_callback",            "lib op type:%d.", "_scc_lib_msg_send"};
-constexpr callback_row apply_row    {msg::acl_apply,      pair_apply,        stat_acl_apply,  "_scc_ss_acl_apply_ret_callback",         "op:%d",           "_scc_lib_msg_send"};
-constexpr callback_row reseq_row    {msg::acl_resequence, pair_reseq,        not_counted,     "_scc_ss_acl_reseq_op_ret_callback",      "op:%d",           "_scc_lib_msg_send"};
-constexpr callback_row svi_row      {msg::svi_router_acl, pair_svi,          not_counted,     "_scc_ss_svi_router_acl_op_ret_callback", "op:%d",           "_scc_lib_msg_send"};
-constexpr callback_row eport_row    {msg::global_eport,   pair_global_eport, not_counted,     "_scc_ss_global_eport_ret_callback",      "op:%d",           "_scc_lib_ss_msg_send"};
-constexpr callback_row cpp_row      {msg::cpp,            pair_cpp,          not_counted,     "_scc_ss_cpp_ret_callback",               "op:%d",           "_scc_lib_ss_msg_send"};
+constexpr callback_row acl_row      {msg::acl,            pair_acl,          stat_acl_create, "_scc_ss_acl_op_ret_callback",            "lib op type", "",  "_scc_lib_msg_send"};
+constexpr callback_row ace_row      {msg::ace,            pair_ace,          stat_ace_add,    "_scc_ss_ace_op_ret_callback",            "lib op type", ".", "_scc_lib_msg_send"};
+constexpr callback_row apply_row    {msg::acl_apply,      pair_apply,        stat_acl_apply,  "_scc_ss_acl_apply_ret_callback",         "op",          "",  "_scc_lib_msg_send"};
+constexpr callback_row reseq_row    {msg::acl_resequence, pair_reseq,        not_counted,     "_scc_ss_acl_reseq_op_ret_callback",      "op",          "",  "_scc_lib_msg_send"};
+constexpr callback_row svi_row      {msg::svi_router_acl, pair_svi,          not_counted,     "_scc_ss_svi_router_acl_op_ret_callback", "op",          "",  "_scc_lib_msg_send"};
+constexpr callback_row eport_row    {msg::global_eport,   pair_global_eport, not_counted,     "_scc_ss_global_eport_ret_callback",      "op",          "",  "_scc_lib_ss_msg_send"};
+constexpr callback_row cpp_row      {msg::cpp,            pair_cpp,          not_counted,     "_scc_ss_cpp_ret_callback",               "op",          "",  "_scc_lib_ss_msg_send"};
 // clang-format on
-
-void log_result(const char* function, const callback_row& row, u16 scc_type, u32 call_id, u32 ret, u32 op) {
-    if (row.log_tail == acl_row.log_tail) {
-        SCC_LOG_FROM(function, "%s send scc_type:%d, type:%d, call_id:%d, ret:%d, lib op type:%d", row.log,
-                     scc_type, msg::service_ret, call_id, ret, op);
-    } else if (row.log_tail == ace_row.log_tail) {
-        SCC_LOG_FROM(function, "%s send scc_type:%d, type:%d, call_id:%d, ret:%d, lib op type:%d.", row.log,
-                     scc_type, msg::service_ret, call_id, ret, op);
-    } else {
-        SCC_LOG_FROM(function, "%s send scc_type:%d, type:%d, call_id:%d, ret:%d, op:%d", row.log, scc_type,
-                     msg::service_ret, call_id, ret, op);
-    }
-}
 
 void return_result(const char* function, const callback_row& row, const void* record) {
     if (record == nullptr) {
@@ -85,7 +76,8 @@ void return_result(const char* function, const callback_row& row, const void* re
     const u32 ret = load<u32>(record, ret_offset);
     const u32 op = load<u32>(record, op_offset);
     const u16 scc_type = _scc_ss_get_type(call_id);
-    log_result(function, row, scc_type, call_id, ret, op);
+    SCC_LOG_FROM(function, "%s send scc_type:%d, type:%d, call_id:%d, ret:%d, %s:%d%s", row.name, scc_type,
+                 msg::service_ret, call_id, ret, row.op_label, op, row.log_end);
     count_result(row.pair);
     const u32 error = send_result(scc_type, make_plain(call_id, ret, row.type_word), 0);
     if (error != result::ok) {
@@ -96,7 +88,7 @@ void return_result(const char* function, const callback_row& row, const void* re
     }
 }
 
-// Only a query's counter, and only by the choice of exactly 1, goes up the synchronous socket.
+// Only a choice of exactly 1 makes a query, which is answered on the synchronous socket.
 bool is_query(const scc_ss_counter_operation& record) {
     return record.sync == 1;
 }
@@ -175,7 +167,7 @@ void _scc_ss_ace_counter_op_ret_callback(const void* record, u32 /*size*/) {
     }
 }
 
-// No map entry was saved for it, so its scc-type is 0; receivers must not read the type word.
+// Nothing was saved in the id/type map, so the scc-type is 0. Receivers must not read the type word.
 void _scc_ss_data_recover_callback(u32 result_code, u32 call_id) {
     SCC_LOG("_scc_ss_data_recover_callback send type:%d, call_id:%d, ret:%d", msg::service_ret, call_id,
             result_code);

@@ -1,5 +1,5 @@
-// Results of the service's operations on their way to the daemon: message 402. Any thread; no lock, since
-// they run inside handlers with and without scc_lib_lock.
+// The callbacks that send the results of the service's operations to the daemon, message 402. Any thread,
+// with or without scc_lib_lock held, so they do not take it; they take the id/type map's scc_ss_lock.
 #pragma once
 
 #include "msg/protocol.h"

@@ -1,5 +1,5 @@
-// Routes the operations of one message, in the order of the wire, each to its function. Runs on the
-// processing thread.
+// Calls the function of each operation in a message, in wire order. Runs on the processing thread; the
+// functions take the locks.
 #include <algorithm>
 #include <array>
 
@@ -8,7 +8,6 @@
 #include "client/notifications.h"
 #include "client/replies.h"
 #include "client/value_lengths.h"
-#include "msg/bytes.h"
 #include "ss/id_map.h"
 #include "ss/operations.h"
 #include "ss/service.h"
@@ -19,9 +18,8 @@ namespace scc {
 namespace {
 
 i32 debug_command(u16 /*scc_type*/, const void* value) {
-    constexpr u32 show_acls = 3;
     _scc_lib_dbg_proc(value);
-    if (load<u32>(value, 32) == show_acls) {
+    if (shows_acls(value)) {
         _scc_ss_retlist_dump();
     }
     return 0;
@@ -34,8 +32,8 @@ i32 as_operation(u16 /*scc_type*/, const void* value) {
 }
 
 enum class counted : u8 {
-    received,  // the answer is counted by its callback
-    both,      // no answer follows
+    received,  // the callback counts the answer
+    both,      // there is no answer
     total_answered,
 };
 
@@ -44,14 +42,14 @@ using operation_function = i32 (*)(u16 scc_type, const void* value);
 struct operation_row {
     u16 type;
     value_length least;
-    operation_function run;
+    operation_function function;
     u32 pair;
     counted counts;
 };
 
-consteval operation_row route(u16 type, operation_function run, u32 pair,
+consteval operation_row route(u16 type, operation_function function, u32 pair,
                               counted counts = counted::received) {
-    return {type, length_of(type), run, pair, counts};
+    return {type, length_of(type), function, pair, counts};
 }
 
 // clang-format off
@@ -125,7 +123,7 @@ extern "C" void _scc_ss_async_msg_proc(u32 tlv_count, const void* first) {
         } else if (!is_long_enough(row->least, operation.value)) {
             SCC_LOG("scclib msg type(%d) too short. len:%zu.", operation.type, operation.value.size());
         } else {
-            (void)row->run(operation.sub_id, operation.value.data());
+            (void)row->function(operation.sub_id, operation.value.data());
             count(*row);
         }
     }

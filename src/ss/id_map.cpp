@@ -1,6 +1,5 @@
 #include "ss/id_map.h"
 
-#include <array>
 #include <cstdlib>
 
 #include "client/locks.h"
@@ -12,40 +11,11 @@ using namespace scc;
 namespace scc {
 namespace {
 
-constexpr std::array<const char*, operation_counts + 1> counter_names = {
-    "total",
-    "recover",
-    "debug",
-    "acl",
-    "ace",
-    "apply",
-    "reseq",
-    "svi",
-    "acl_stat",
-    "ace_stat",
-    "direct-vlan",
-    "authmode",
-    "gbl_eport",
-    "cpp",
-    "offline_cfg",
-    "app",
-    "def_read",
-    "l4port",
-    "user",
-    "user_read",
-    "user_reinstall",
-    "app_recover",
-    "l4port_recover",
-    "app_with",
-    "test_cmd",
-    "sslib_max",
-};
-
 scc_ss_id_node* id_node(rb_node* node) {
     return reinterpret_cast<scc_ss_id_node*>(node);
 }
 
-// Ids wrap around, so their order is that of the signed difference.
+// Ids wrap around, so they are ordered by signed difference.
 i32 difference(u32 id, const scc_ss_id_node* node) {
     return static_cast<i32>(id - node->id);
 }
@@ -168,14 +138,14 @@ u16 _scc_ss_get_type(u32 id) {
     return scc_type;
 }
 
-// Written whatever the debug switch says: it is forced on meanwhile and put back as it was.
+// Logs even when the debug switch is off: sets it, and restores it at the end.
 void _scc_ss_retlist_dump() {
     const u8 before = scc_lib_debug.exchange(1, std::memory_order_relaxed);
     const operation_count total = read_count(pair_total);
     SCC_LOG("ss-stat: recv_cnt(%d) callback_cnt(%d).", total.received, total.answered);
     for (u32 pair = 1; pair < operation_counts; ++pair) {
         const operation_count count = read_count(pair);
-        SCC_LOG("fun(%-15s) : rcv(%d), cb(%d). %s", counter_names[pair], count.received, count.answered,
+        SCC_LOG("fun(%-15s) : rcv(%d), cb(%d). %s", counter_name(pair), count.received, count.answered,
                 count.received != count.answered ? "*" : " ");
     }
     SCC_LOG("dump ss list.");

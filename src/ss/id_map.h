@@ -1,6 +1,6 @@
-// The id/type map: for each call id of the daemon, the scc-types of its requests that await a result, the
-// oldest first. Shared by all operations, guarded by scc_ss_lock, which is taken inside scc_lib_lock where
-// both are held. It survives a reconnection; the service's registration empties it.
+// The id/type map: for each call id of the daemon, the scc-types of the requests that await a result, oldest
+// first. Operations save, result callbacks take. Any thread; guarded by scc_ss_lock, which is taken after
+// scc_lib_lock where both are held. It survives a reconnection; the service's registration empties it.
 #pragma once
 
 #include <pthread.h>
@@ -16,7 +16,7 @@ struct scc_ss_type_node {
     u16 scc_type;
 };
 
-// Exists only while its list holds a type.
+// Exists only while its list is not empty.
 struct scc_ss_id_node {
     rb_node link;
     list_node types;
@@ -34,7 +34,7 @@ extern scc::rb_root g_ss_id_map_root;
 void _scc_ss_save_idtype(scc::u32 id, scc::u16 scc_type);
 [[nodiscard]] scc::u16 _scc_ss_get_type(scc::u32 id);
 [[nodiscard]] scc::scc_ss_id_node* _scc_ss_find_idtype(scc::u32 id);
-// False when the id is there already.
+// False when the map already has the id.
 [[nodiscard]] bool _scc_ss_add_idtype(scc::scc_ss_id_node* node);
 void _scc_ss_retlist_dump();
 }

@@ -1,6 +1,6 @@
-// NAC management: scalar operations to handlers without scc_lib_lock, so that a handler may answer from
-// within the call, and the reply entry points, which take the lock themselves. The user read alone is
-// answered here, under the lock.
+// NAC management: the operations and the calls that answer them. Operations run on the processing thread and
+// call handlers without scc_lib_lock, because the answering calls take it; any thread may answer. The user
+// read is answered here, with the lock held.
 #include <array>
 
 #include "client/control_block.h"
@@ -41,13 +41,7 @@ constinit const std::array<const char*, limits::nacm_types> g_scc_nacm_type_str 
 namespace scc {
 namespace {
 
-u32 word(const void* value, std::size_t offset) {
-    return load<u32>(value, offset);
-}
-
-// These log in the name of the operation's function.
-
-// Calls the handler of an operation that was saved in the map, or answers success in its place.
+// Calls the handler of an operation saved in the map, or reports success if there is none. Logs as function.
 template <auto Slot, class... Arguments>
 i32 call_or_answer(const char* function, const char* name, u32 id, u32 type_word, Arguments... arguments) {
     const auto handler = load_handler(g_scc_ss_cb.*Slot);
@@ -63,7 +57,7 @@ i32 call_or_answer(const char* function, const char* name, u32 id, u32 type_word
     return outcome;
 }
 
-// Calls the handler of a recovery list, which is never answered.
+// Calls the handler of a recovery list, which is never answered. Logs as function.
 template <auto Slot, class... Arguments>
 i32 call_recovery(const char* function, const char* name, Arguments... arguments) {
     const auto handler = load_handler(g_scc_ss_cb.*Slot);
@@ -78,21 +72,20 @@ i32 call_recovery(const char* function, const char* name, Arguments... arguments
     return outcome;
 }
 
-// False, in silence, for an application type that does not exist.
+// False, without a log line, for an application type that does not exist.
 bool save_application(const char* function, u16 scc_type, const void* value) {
     const write_guard guard(scc_lib_lock);
-    const u32 type = word(value, 12);
+    const u32 type = load<u32>(value, 12);
     if (type >= limits::nacm_types) {
         return false;
     }
-    _scc_ss_save_idtype(word(value, 0), scc_type);
-    SCC_LOG_FROM(function, "call _scc_nacm_app_op ifx:%d, op:%d, type:%s", word(value, 4), word(value, 8),
-                 g_scc_nacm_type_str[type]);
+    _scc_ss_save_idtype(load<u32>(value), scc_type);
+    SCC_LOG_FROM(function, "call _scc_nacm_app_op ifx:%d, op:%d, type:%s", load<u32>(value, 4),
+                 load<u32>(value, 8), g_scc_nacm_type_str[type]);
     return true;
 }
 
-// Where the user entry of the messages 151 and 152 lies.
-constexpr std::size_t user_offset = 8;
+constexpr std::size_t user_offset = 8;  // in messages 151 and 152
 
 u32 reply(u32 pair, u32 result_code, u32 call_id, u32 type_word) {
     const write_guard guard(scc_lib_lock);
@@ -111,41 +104,42 @@ i32 _scc_nacm_app_op(u16 scc_type, const void* value) {
     if (!save_application(__func__, scc_type, value)) {
         return static_cast<i32>(result::invalid);
     }
-    return call_or_answer<&handlers::app_set>(__func__, "ssc_nacm_app_set_handler", word(value, 0),
-                                              word(value, 12), word(value, 8), word(value, 4),
-                                              word(value, 12));
+    return call_or_answer<&handlers::app_set>(__func__, "ssc_nacm_app_set_handler", load<u32>(value),
+                                              load<u32>(value, 12), load<u32>(value, 8), load<u32>(value, 4),
+                                              load<u32>(value, 12));
 }
 
 i32 _scc_nacm_app_withvid_op(u16 scc_type, const void* value) {
     if (!save_application(__func__, scc_type, value)) {
         return static_cast<i32>(result::invalid);
     }
-    return call_or_answer<&handlers::app_set_with_vid>(__func__, "ssc_nacm_app_set_with_vid_handler",
-                                                       word(value, 0), word(value, 12), word(value, 8),
-                                                       word(value, 4), word(value, 20), word(value, 12));
+    return call_or_answer<&handlers::app_set_with_vid>(
+        __func__, "ssc_nacm_app_set_with_vid_handler", load<u32>(value), load<u32>(value, 12),
+        load<u32>(value, 8), load<u32>(value, 4), load<u32>(value, 20), load<u32>(value, 12));
 }
 
 i32 _scc_nacm_def_read(u16 scc_type, const void* value) {
-    const u32 ifx = word(value, 4);
-    const u32 type = word(value, 8);
+    const u32 ifx = load<u32>(value, 4);
+    const u32 type = load<u32>(value, 8);
     {
         const write_guard guard(scc_lib_lock);
-        _scc_ss_save_idtype(word(value, 0), scc_type);
+        _scc_ss_save_idtype(load<u32>(value), scc_type);
         SCC_LOG("call _scc_nacm_def_read ifx:%d, type:%d", ifx, type);
     }
-    return call_or_answer<&handlers::def_read>(__func__, "ssc_nacm_def_read_handler", word(value, 0),
+    return call_or_answer<&handlers::def_read>(__func__, "ssc_nacm_def_read_handler", load<u32>(value),
                                                msg::nacm_def_read, ifx, type);
 }
 
 i32 _scc_nacm_l4port_op(u16 scc_type, const void* value) {
-    const u32 add = word(value, 16);
+    const u32 add = load<u32>(value, 16);
     {
         const write_guard guard(scc_lib_lock);
-        _scc_ss_save_idtype(word(value, 0), scc_type);
+        _scc_ss_save_idtype(load<u32>(value), scc_type);
         SCC_LOG("call _scc_nacm_l4port_op op:%s, port:%lu", add != 0 ? "add" : "del", load<u64>(value, 8));
     }
     return call_or_answer<&handlers::http_l4port_set>(__func__, "ssc_nacm_http_l4port_set_handler",
-                                                      word(value, 0), msg::nacm_l4port, add, word(value, 8));
+                                                      load<u32>(value), msg::nacm_l4port, add,
+                                                      load<u32>(value, 8));
 }
 
 i32 _scc_nacm_user_op(u16 scc_type, const void* value) {
@@ -153,29 +147,29 @@ i32 _scc_nacm_user_op(u16 scc_type, const void* value) {
     const auto user = load<scc_ss_user>(value, user_offset);
     {
         const write_guard guard(scc_lib_lock);
-        _scc_ss_save_idtype(word(value, 0), scc_type);
+        _scc_ss_save_idtype(load<u32>(value), scc_type);
         SCC_LOG("call _scc_nacm_user_op op:%s, user(ifx:%d,ip:%s,mac:%s)", add != 0 ? "add" : "del", user.ifx,
                 ipv4_text(user.ip).text, mac_text(user.mac).text);
     }
     _scc_lib_func_call_succ(add != 0 ? stat_nac_user_add : stat_nac_user_delete);
-    return call_or_answer<&handlers::user_op>(__func__, "ssc_nacm_user_op_handler", word(value, 0),
+    return call_or_answer<&handlers::user_op>(__func__, "ssc_nacm_user_op_handler", load<u32>(value),
                                               msg::nacm_user, add, &user);
 }
 
 i32 _scc_nacm_user_reinstall_op(u16 scc_type, const void* value) {
-    const u32 ifx = word(value, 4);
-    const u32 start = word(value, 8);
+    const u32 ifx = load<u32>(value, 4);
+    const u32 start = load<u32>(value, 8);
     {
         const write_guard guard(scc_lib_lock);
-        _scc_ss_save_idtype(word(value, 0), scc_type);
+        _scc_ss_save_idtype(load<u32>(value), scc_type);
         SCC_LOG("call _scc_nacm_user_reinstall_op op:%s ifx:%d", start != 0 ? "start" : "end", ifx);
     }
     return call_or_answer<&handlers::user_reinstall>(__func__, "ssc_nacm_user_reinstall_handler",
-                                                     word(value, 0), msg::nacm_user_reinstall, start, ifx);
+                                                     load<u32>(value), msg::nacm_user_reinstall, start, ifx);
 }
 
-// Reply, 104 bytes: u32 call id, the user at 8 when the result is 0, u32 result at 96. The id is a fresh
-// one; the message's own first word is not used, and nothing is saved.
+// Reply, 104 bytes: u32 call id, the user at 8 when the result is 0, u32 result at 96. The call id is new:
+// that of the message is not used, and nothing is saved in the map.
 i32 _scc_nacm_user_read(u16 /*scc_type*/, const void* value) {
     const write_guard guard(scc_lib_lock);
     const u32 id = _scc_lib_call_id_get();
@@ -204,9 +198,9 @@ i32 _scc_nacm_user_read(u16 /*scc_type*/, const void* value) {
 }
 
 i32 _scc_nacm_app_user_recover(u16 /*scc_type*/, const void* value) {
-    const u32 app = word(value, 0);
-    const u32 ifx = word(value, 8);
-    const u32 count = word(value, 12);
+    const u32 app = load<u32>(value);
+    const u32 ifx = load<u32>(value, 8);
+    const u32 count = load<u32>(value, 12);
     {
         const write_guard guard(scc_lib_lock);
         SCC_LOG("call ssc_nacm_app_user_recover_handler ifx:%d, app:%x, usernum:%d", ifx, app, count);
@@ -217,7 +211,7 @@ i32 _scc_nacm_app_user_recover(u16 /*scc_type*/, const void* value) {
 }
 
 i32 _scc_nacm_l4port_recover(u16 /*scc_type*/, const void* value) {
-    const u32 count = word(value, 0);
+    const u32 count = load<u32>(value);
     {
         const write_guard guard(scc_lib_lock);
         SCC_LOG("call ssc_nacm_l4port_recover_handler l4port:%d", count);
@@ -247,7 +241,7 @@ uint32_t scc_ssc_nacm_http_l4port_set_callback(uint32_t result, uint32_t call_id
     return reply(pair_l4port, result, call_id, msg::nacm_l4port);
 }
 
-// Counted by whether the answer could be sent, whatever the result: deliberate.
+// Counts whether the answer was sent, not the result: deliberate.
 uint32_t scc_ssc_nacm_user_op_callback(uint32_t result, uint32_t call_id, uint8_t add,
                                        const struct scc_ss_user* /*user*/) {
     const u32 error = reply(pair_user, result, call_id, msg::nacm_user);

@@ -1,5 +1,5 @@
-// Hardware events on their way up: one message each, in real time on the synchronous socket, with a fresh
-// call id. Any thread of the service.
+// Reports of hardware events: one message each, sent at once on the synchronous socket with a new call id.
+// Any thread of the service; each takes scc_lib_lock.
 //
 //   202: u32 call id, u32 count, entries of 16 bytes
 //   203: u32 call id, user at 8 (56), u64 flow at 64, u64 time at 72, u64 extra length at 80, extra at 88
@@ -30,9 +30,7 @@ static_assert(sizeof(scc_ace_counter) == record::ace_counter);
 namespace scc {
 namespace {
 
-constexpr u32 not_counted = stat_entries;
-
-// The lock, the state and the connection of one report.
+// One report's message. Holds scc_lib_lock while it lives.
 class report {
   public:
     report() : guard_(scc_lib_lock) {}
@@ -40,7 +38,7 @@ class report {
     report& operator=(const report&) = delete;
     ~report() { _scc_msg_free(&message_); }
 
-    // Allocates the zeroed message and puts a fresh call id at its front. 0, 2004 or 12.
+    // Allocates a zeroed message that begins with a new call id. Returns 0, 2004 or 12.
     [[nodiscard]] u32 begin(u64 bytes) {
         if (client_state_now() != state_registered) {
             SCC_LOG("scclib no registered or scc svr no available.");

@@ -1,5 +1,5 @@
-// The operation functions of the service side: one a message type. They run on the processing thread; the
-// result is the handler's and is not used by the dispatcher.
+// The service's operations, one function per message type. The dispatcher calls them on the processing
+// thread, with no lock held, and ignores their result.
 #pragma once
 
 #include "msg/protocol.h"

@@ -1,5 +1,5 @@
-// The processing thread: takes messages from the queue in the order of their arrival and dispatches them.
-// It never receives, and the receive thread never dispatches, so a slow handler does not stop receiving.
+// The processing thread: takes messages from the queue in order of arrival and dispatches them. Only the
+// receive thread receives, so a slow handler does not hold it up.
 #include <atomic>
 #include <cstdlib>
 
@@ -18,7 +18,7 @@ using namespace scc;
 namespace scc {
 namespace {
 
-// One a process, also when a start failed behind it and was repeated.
+// One thread per process, even when a start fails after creating it and is repeated.
 constinit std::atomic<bool> g_processing{false};
 
 constexpr const char* function = "_scc_lib_msgq_proc_thread";

@@ -1,4 +1,5 @@
-// The start of the security service, and its receive thread.
+// The registration of the security service, and its receive thread. Any thread may register; scc_lib_lock is
+// held meanwhile.
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -31,16 +32,8 @@ constinit service_handlers g_scc_ss_cb{};
 namespace scc {
 namespace {
 
-// Copies each handler to its slot: the record's order is the service's, the table's the dispatcher's.
-#define SCC_FOR_EACH_SLOT(action)                                                                          \
-    action(acl_create) action(acl_delete) action(add_ace) action(delete_ace) action(apply) action(unapply) \
-        action(resequence) action(svi_router_acl) action(acl_counter) action(ace_counter) action(uplink)   \
-            action(cpp) action(app_set) action(app_set_with_vid) action(def_read) action(http_l4port_set)  \
-                action(user_op) action(user_read) action(user_reinstall) action(app_user_recover)          \
-                    action(l4port_recover) action(data_recover) action(offline_detect_cfg)
-
 void install(const scc_ss_reg_info& info) {
-#define SCC_INSTALL(slot) store_handler(g_scc_ss_cb.slot, info.slot);
+#define SCC_INSTALL(slot) store_handler(g_scc_ss_cb.slot, info.slot)
     SCC_FOR_EACH_SLOT(SCC_INSTALL)
 #undef SCC_INSTALL
     store_handler(g_scc_client_cb.handlers.server_status, info.server_status);
@@ -71,7 +64,7 @@ bool allocate_statistics() {
 u32 start_threads(u32 generation) {
     struct thread_row {
         thread_body body;
-        const char* name;  // in the log of a failure
+        const char* name;  // in the log of a failed start
     };
     constexpr thread_row rows[] = {
         {_scc_lib_msgq_proc_thread, " msgq"}, {_scc_ss_lib_thread, ""}, {_scc_lib_send_buf_chk_thread, ""}};

@@ -1,6 +1,7 @@
-// The service's handler table and counters, and the parts of the service side that call one another.
+// The service's handler table and counters, for the files of this folder.
 //
-// Handlers are installed by scc_ss_reg under scc_lib_lock and read by the processing thread.
+// Handlers are written with scc_lib_lock held and read by the processing thread without it, each through
+// store_handler and load_handler. Any thread may count.
 #pragma once
 
 #include <cstddef>
@@ -11,34 +12,22 @@
 
 namespace scc {
 
-// The handlers in the order that the dispatcher's slots have; the registration record has another. The
-// application handler with a VLAN stands beside the other application handler here.
+// The handlers that the dispatcher calls, in the order of their slots. The registration record has another
+// order: its app_set_with_vid is slot 23.
+// clang-format off
+#define SCC_FOR_EACH_SLOT(action)                                                                                    \
+    /*  0 */ action(acl_create);     action(acl_delete);       action(add_ace);            action(delete_ace);       \
+    /*  4 */ action(apply);          action(unapply);          action(resequence);         action(svi_router_acl);   \
+    /*  8 */ action(acl_counter);    action(ace_counter);      action(uplink);             action(cpp);              \
+    /* 12 */ action(app_set);        action(app_set_with_vid); action(def_read);           action(http_l4port_set);  \
+    /* 16 */ action(user_op);        action(user_read);        action(user_reinstall);     action(app_user_recover); \
+    /* 20 */ action(l4port_recover); action(data_recover);     action(offline_detect_cfg);
+// clang-format on
+
 struct service_handlers {
-#define SCC_SLOT(member) decltype(scc_ss_reg_info::member) member
-    SCC_SLOT(acl_create);          // 0
-    SCC_SLOT(acl_delete);          // 1
-    SCC_SLOT(add_ace);             // 2
-    SCC_SLOT(delete_ace);          // 3
-    SCC_SLOT(apply);               // 4
-    SCC_SLOT(unapply);             // 5
-    SCC_SLOT(resequence);          // 6
-    SCC_SLOT(svi_router_acl);      // 7
-    SCC_SLOT(acl_counter);         // 8
-    SCC_SLOT(ace_counter);         // 9
-    SCC_SLOT(uplink);              // 10
-    SCC_SLOT(cpp);                 // 11
-    SCC_SLOT(app_set);             // 12
-    SCC_SLOT(app_set_with_vid);    // 13
-    SCC_SLOT(def_read);            // 14
-    SCC_SLOT(http_l4port_set);     // 15
-    SCC_SLOT(user_op);             // 16
-    SCC_SLOT(user_read);           // 17
-    SCC_SLOT(user_reinstall);      // 18
-    SCC_SLOT(app_user_recover);    // 19
-    SCC_SLOT(l4port_recover);      // 20
-    SCC_SLOT(data_recover);        // 21
-    SCC_SLOT(offline_detect_cfg);  // 22
-#undef SCC_SLOT
+#define SCC_DECLARE_SLOT(slot) decltype(scc_ss_reg_info::slot) slot
+    SCC_FOR_EACH_SLOT(SCC_DECLARE_SLOT)
+#undef SCC_DECLARE_SLOT
 };
 
 static_assert(sizeof(service_handlers) == 23 * sizeof(void*));
@@ -48,7 +37,7 @@ static_assert(offsetof(service_handlers, offline_detect_cfg) == 22 * sizeof(void
 static_assert(offsetof(scc_ss_reg_info, app_set_with_vid) == 23 * sizeof(void*));
 static_assert(offsetof(scc_ss_reg_info, direct_vlan_notify) == 13 * sizeof(void*));
 
-// The counters' places, which are also the order of their names.
+// The counters' positions in service_statistics.
 enum counter_pair : u32 {
     pair_total = 0,
     pair_recover = 1,
@@ -79,9 +68,10 @@ enum counter_pair : u32 {
 
 void count_received(u32 pair, u32 number = 1);
 void count_answered(u32 pair);
-// The pair's and the total's.
+// An answer, of the pair and of the total.
 void count_result(u32 pair);
 [[nodiscard]] operation_count read_count(u32 pair);
+[[nodiscard]] const char* counter_name(u32 pair);
 
 }  // namespace scc
 
