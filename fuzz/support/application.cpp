@@ -161,11 +161,11 @@ void set_notification_handlers(scc_handlers& to) {
         }
     };
     to.d1x_addr_move = [](u32 count, const scc_address_move* moves) {
-        read_all(moves, moves_are_measured ? std::size_t{count} * sizeof *moves : 0);
+        read_all(moves, std::size_t{count} * sizeof *moves);
         notified<POSITION(d1x_addr_move)>();
     };
     to.direct_vlan_notify = [](const scc_vlan_record* vlans) {
-        read_all(vlans, vlans_are_measured ? sizeof *vlans : 0);
+        read_all(vlans, sizeof *vlans);
         notified<POSITION(direct_vlan_notify)>();
     };
     to.noflow_offline = [](const scc_flow_user* user, u64, u64, const void* extra, u32 extra_bytes) {

@@ -20,10 +20,4 @@ inline void read_all(const void* bytes, std::size_t count) {
     (void)static_cast<const volatile std::uint8_t*>(bytes)[count - 1];
 }
 
-// Notifications whose values the library does not measure against what their handlers are promised: the
-// number of moves (item 110) and the record of direct VLANs (item 213). Until it does, the fuzzers' handlers
-// read of those what the library does look at. Set these to true with the change that measures them.
-inline constexpr bool moves_are_measured = true;
-inline constexpr bool vlans_are_measured = true;
-
 }  // namespace scc::fuzz
