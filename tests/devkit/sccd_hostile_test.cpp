@@ -188,10 +188,10 @@ TEST(SccdHostile, AControlLineThatIsNotAnObjectIsRefused) {
 
 // Each level of a list would take stack when the request's field is copied.
 TEST(SccdHostile, AControlLineThatIsNestedTooDeeplyIsRefused) {
-    DaemonProcess daemon;
+    daemon_process daemon;
     constexpr std::size_t levels = 500'000;
     for (const std::string field : {R"("direct-vlan","vlans":)", R"("ace-counter","entries":)"}) {
-        Wire wire(std::string(std::getenv("TMPDIR")) + "/security/scc/.sccd_ctl");
+        wire_socket wire(std::string(std::getenv("TMPDIR")) + "/security/scc/.sccd_ctl");
         const std::string line = R"({"do":"notify-named","name":)" + field + std::string(levels, '[') +
                                  std::string(levels, ']') + "}\n";
 
