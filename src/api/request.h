@@ -21,8 +21,6 @@
 
 namespace scc {
 
-inline constexpr u32 not_counted = stat_entries;
-
 // A row is made in the exported call that it stands for, whose name the request's log lines carry.
 struct request_row {
     constexpr request_row(u16 message_type, u32 request_kind, u32 counted_at = not_counted,

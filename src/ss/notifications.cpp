@@ -30,8 +30,6 @@ static_assert(sizeof(scc_ace_counter) == record::ace_counter);
 namespace scc {
 namespace {
 
-constexpr u32 not_counted = stat_entries;
-
 // The lock, the state and the connection of one report.
 class report {
   public:
