@@ -42,33 +42,20 @@ cached_ace* first_where(cached_acl& acl, Condition holds) {
     return found;
 }
 
-rb_node* rightmost(rb_node* node) {
-    while (node != nullptr && node->right != nullptr) {
-        node = node->right;
-    }
-    return node;
-}
-
 // At the end when successor is null.
 void insert_before(cached_acl& acl, cached_ace* ace, cached_ace* successor) {
+    list_add_tail(&ace->record.link, successor == nullptr ? &acl.aces : &successor->record.link);
     rb_node* parent = nullptr;
-    rb_node** link = &acl.places.node;
-    if (successor == nullptr) {
-        if (!list_empty(&acl.aces)) {
-            parent = &ace_of_link(acl.aces.prev)->place;
-            link = &parent->right;
-        }
-        list_add_tail(&ace->record.link, &acl.aces);
-    } else {
-        list_add_tail(&ace->record.link, &successor->record.link);
+    rb_node** child = &acl.places.node;
+    if (successor != nullptr && successor->place.left == nullptr) {
         parent = &successor->place;
-        link = &parent->left;
-        if (*link != nullptr) {
-            parent = rightmost(*link);
-            link = &parent->right;
-        }
+        child = &parent->left;
+    } else if (ace->record.link.prev != &acl.aces) {
+        // The predecessor is the rightmost below the successor's left child.
+        parent = &ace_of_link(ace->record.link.prev)->place;
+        child = &parent->right;
     }
-    scc_rb_link_node(&ace->place, parent, link);
+    scc_rb_link_node(&ace->place, parent, child);
     scc_rb_insert_color(&ace->place, &acl.places);
     ++acl.ace_count;
 }

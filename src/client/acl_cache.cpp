@@ -154,34 +154,34 @@ namespace {
 
 // The changes, with scc_acl_lock held. Each logs in the name of its function with C linkage.
 
-void add_acl(const scc_acl_key& key) {
+void add_acl(const scc_acl_key* key) {
     constexpr const char* function = "_scc_lib_acl_add";
-    if (_scc_acl_get(&key) != nullptr) {
+    if (_scc_acl_get(key) != nullptr) {
         SCC_LOG_FROM(function, "acl already exist!!!");
         return;
     }
     auto* acl = static_cast<cached_acl*>(std::malloc(sizeof(cached_acl)));
-    if (acl == nullptr || !cache().index.insert(identity_of(key), acl)) {
+    if (acl == nullptr || !cache().index.insert(identity_of(*key), acl)) {
         SCC_LOG_FROM(function, "alloc memory failed!!!");
         std::free(acl);
         return;
     }
     std::memset(acl, 0, sizeof *acl);
-    acl->key = key;
+    acl->key = *key;
     INIT_LIST_HEAD(&acl->aces);
-    list_add_tail(&acl->bucket_link, &cache().buckets[_acl_hash_idx_get(&key)]);
+    list_add_tail(&acl->bucket_link, &cache().buckets[_acl_hash_idx_get(key)]);
     ++cache().count;
 }
 
-void delete_acl(const scc_acl_key& key) {
-    if (cached_acl* acl = find_acl(key, "_scc_lib_acl_del"); acl != nullptr) {
+void delete_acl(const scc_acl_key* key) {
+    if (cached_acl* acl = find_acl(*key, "_scc_lib_acl_del"); acl != nullptr) {
         free_acl(acl);
     }
 }
 
-void add_ace(const scc_acl_key& key, const scc_ace_record* ace) {
+void add_ace(const scc_acl_key* key, const scc_ace_record* ace) {
     constexpr const char* function = "_scc_lib_ace_add";
-    cached_acl* acl = find_acl(key, function);
+    cached_acl* acl = find_acl(*key, function);
     if (acl == nullptr) {
         return;
     }
@@ -194,9 +194,9 @@ void add_ace(const scc_acl_key& key, const scc_ace_record* ace) {
     insert_in_order(*acl, copy);
 }
 
-void delete_ace(const scc_acl_key& key, const scc_ace_record* ace) {
+void delete_ace(const scc_acl_key* key, const scc_ace_record* ace) {
     constexpr const char* function = "_scc_lib_ace_del";
-    cached_acl* acl = find_acl(key, function);
+    cached_acl* acl = find_acl(*key, function);
     if (acl == nullptr) {
         return;
     }
@@ -251,16 +251,26 @@ void update(const pending_call& call) {
     const auto* ace = reinterpret_cast<const scc_ace_record*>(data + sizeof key);
     switch (call.kind) {
         case kind::acl_create:
-            return add_acl(key);
+            return add_acl(&key);
         case kind::acl_delete:
-            return delete_acl(key);
+            return delete_acl(&key);
         case kind::acl_add_ace:
-            return add_ace(key, ace);
+            return add_ace(&key, ace);
         case kind::acl_delete_ace:
-            return delete_ace(key, ace);
+            return delete_ace(&key, ace);
         default:
             return resequence(&key, load<u32>(data, 16), load<u32>(data, 20));
     }
+}
+
+template <class... Records>
+void change_cache(const char* function, void (*change)(const Records*...), const Records*... records) {
+    if ((... || (records == nullptr))) {
+        SCC_LOG_FROM(function, "invalid input param!!!");
+        return;
+    }
+    const write_guard guard(scc_acl_lock);
+    change(records...);
 }
 
 }  // namespace
@@ -329,39 +339,19 @@ cached_acl* _scc_acl_get(const scc_acl_key* key) {
 }
 
 void _scc_lib_acl_add(const scc_acl_key* key) {
-    if (key == nullptr) {
-        SCC_LOG("invalid input param!!!");
-        return;
-    }
-    const write_guard guard(scc_acl_lock);
-    add_acl(*key);
+    change_cache(__func__, add_acl, key);
 }
 
 void _scc_lib_acl_del(const scc_acl_key* key) {
-    if (key == nullptr) {
-        SCC_LOG("invalid input param!!!");
-        return;
-    }
-    const write_guard guard(scc_acl_lock);
-    delete_acl(*key);
+    change_cache(__func__, delete_acl, key);
 }
 
 void _scc_lib_ace_add(const scc_acl_key* key, const scc_ace_record* ace) {
-    if (key == nullptr || ace == nullptr) {
-        SCC_LOG("invalid input param!!!");
-        return;
-    }
-    const write_guard guard(scc_acl_lock);
-    add_ace(*key, ace);
+    change_cache(__func__, add_ace, key, ace);
 }
 
 void _scc_lib_ace_del(const scc_acl_key* key, const scc_ace_record* ace) {
-    if (key == nullptr || ace == nullptr) {
-        SCC_LOG("invalid input param!!!");
-        return;
-    }
-    const write_guard guard(scc_acl_lock);
-    delete_ace(*key, ace);
+    change_cache(__func__, delete_ace, key, ace);
 }
 
 void _scc_lib_acl_reseq(const scc_acl_key* key, u32 sn_start, u32 sn_inc) {

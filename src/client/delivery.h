@@ -63,11 +63,9 @@ using whole_record = pointer_at<0>;
 template <std::size_t Offset, std::size_t CountOffset>
 struct list_at : pointer_at<Offset> {};
 
-// For log lines.
 template <std::size_t Offset>
-struct mac_at {
+struct mac_at : pointer_at<Offset> {
     static constexpr std::size_t end = Offset + 6;
-    static const u8* read(std::span<const u8> from) { return from.data() + Offset; }
 };
 
 struct length_of_data {

@@ -54,12 +54,6 @@ constexpr std::array item_table = std::to_array<item_row>({
 // clang-format on
 
 static_assert(item_table.size() == 18);
-static_assert(
-    demands_extent_of<notification::d1x_addr_move, notification::user_change, notification::offline_detect,
-                      notification::station_move, notification::flow, notification::noflow_offline,
-                      notification::direct_vlan, notification::authmode, notification::dirchn,
-                      notification::port_violation, notification::user_roll, notification::water_line,
-                      notification::ace_counters>(item_table));
 static_assert(std::ranges::is_sorted(item_table, {}, &item_row::type) &&
               std::ranges::adjacent_find(item_table, {}, &item_row::type) == item_table.end());
 

@@ -26,7 +26,8 @@ template <class Row, class LogCall, class LogIgnored>
 void notify(const void* item_value, LogCall log_call, LogIgnored log_ignored,
             const char* function = __builtin_FUNCTION()) {
     const std::span value{static_cast<const u8*>(item_value), length_of(Row::type).fixed_bytes};
-    const u32 statistics = Row::counted::index(value);
+    static_assert(length_of(Row::type) == needed_by<Row>().least);
+    const u32 statistics = Row::statistics::index(value);
     if (statistics != not_counted) {
         _scc_lib_func_call_succ(statistics);
     }
@@ -37,18 +38,12 @@ void notify(const void* item_value, LogCall log_call, LogIgnored log_ignored,
     }
     // Log before the call, and do not call a handler that was cleared meanwhile.
     Row::logged::pass_to(log_call, value, function);
-    const auto handler = load_handler(slot);
-    if (handler == nullptr) {
-        return;
+    if (const auto handler = load_handler(slot); handler != nullptr) {
+        const bool succeeded = call_handler<Row>(handler, value);
+        if (statistics != not_counted) {
+            count_callback(statistics, succeeded);
+        }
     }
-    const bool succeeded = call_handler<Row>(handler, value);
-    if (statistics != not_counted) {
-        count_callback(statistics, succeeded);
-    }
-}
-
-const char* choose(bool first, const char* yes, const char* no) {
-    return first ? yes : no;
 }
 
 }  // namespace
@@ -67,21 +62,21 @@ void _scc_lib_d1x_addr_move_notify_proc(const void* value) {
 void _scc_lib_user_chg_notify_proc(const void* value) {
     const auto log_call = [](const char* function, u8 add, const u8* mac, u32 ip) {
         SCC_LOG_FROM(function, "user(mac:%s, ip:%s) %s.", mac_text(mac).text, ipv4_text(ip).text,
-                     choose(add != 0, "add", "del"));
+                     add != 0 ? "add" : "del");
     };
     notify<notification::user_change>(value, log_call, SCC_LINE("ignore user cfg notify msg"));
 }
 
 void _scc_lib_offline_detect_cfg_notify_proc(const void* value) {
     const auto log_call = [](const char* function, u8 open) {
-        SCC_LOG_FROM(function, "call offline detect cfg handler(%s).", choose(open != 0, "open", "close"));
+        SCC_LOG_FROM(function, "call offline detect cfg handler(%s).", open != 0 ? "open" : "close");
     };
     notify<notification::offline_detect>(value, log_call, SCC_LINE("ignore offline detect cfg notify msg"));
 }
 
 void _scc_lib_station_move_notify_proc(const void* value) {
     const auto log_call = [](const char* function, u8 permit) {
-        SCC_LOG_FROM(function, "call station move handler(%s).", choose(permit != 0, "permit", "deny"));
+        SCC_LOG_FROM(function, "call station move handler(%s).", permit != 0 ? "permit" : "deny");
     };
     notify<notification::station_move>(value, log_call, SCC_LINE("ignore station move notify msg"));
 }
@@ -109,15 +104,15 @@ void _scc_lib_authmode_notify_proc(const void* value) {
 
 void _scc_lib_dirchn_notify_proc(const void* value) {
     const auto log_call = [](const char* function, u32 add, u32 ip) {
-        SCC_LOG_FROM(function, "%s dirchn(ip:%s).", choose(add != 0, "add", "del"), ipv4_text(ip).text);
+        SCC_LOG_FROM(function, "%s dirchn(ip:%s).", add != 0 ? "add" : "del", ipv4_text(ip).text);
     };
     notify<notification::dirchn>(value, log_call, SCC_LINE("ignore dirchn notify msg"));
 }
 
 void _scc_lib_sp_violate_notify_proc(const void* value) {
     const auto log_call = [](const char* function, u8 add, u32 ifx, u16 vid, const u8* mac) {
-        SCC_LOG_FROM(function, "%s ps violate(ifx:0x%x vid:%d mac:%s).", choose(add != 0, "add", "del"), ifx,
-                     vid, mac_text(mac).text);
+        SCC_LOG_FROM(function, "%s ps violate(ifx:0x%x vid:%d mac:%s).", add != 0 ? "add" : "del", ifx, vid,
+                     mac_text(mac).text);
     };
     notify<notification::port_violation>(value, log_call, SCC_LINE("ignore ps violate notify msg"));
 }
@@ -136,10 +131,10 @@ void _scc_lib_user_roll_notify_proc(const void* value) {
 
 void _scc_lib_water_line_notify_proc(const void* value) {
     const auto log_call = [](const char* function, u32 start) {
-        SCC_LOG_FROM(function, "call waterline handler(%s).", choose(start != 0, "start", "end"));
+        SCC_LOG_FROM(function, "call waterline handler(%s).", start != 0 ? "start" : "end");
     };
     const auto log_ignored = [](const char* function, u32 start) {
-        SCC_LOG_FROM(function, "ignore waterline notify(%s).", choose(start != 0, "start", "end"));
+        SCC_LOG_FROM(function, "ignore waterline notify(%s).", start != 0 ? "start" : "end");
     };
     notify<notification::water_line>(value, log_call, log_ignored);
 }

@@ -28,37 +28,35 @@ struct value_length_row {
     value_length least;
 };
 
-// What one field of a notification needs, including the record that a pointer leads to. Records without a
-// type count nothing, lists of them bytes.
+// What a field of a notification needs, including the record that a pointer leads to. Untyped records count
+// nothing, lists of them bytes.
 template <class Field, class Parameter>
 inline constexpr value_length extent{Field::end};
-template <std::size_t Offset, class Record>
-inline constexpr value_length extent<pointer_at<Offset>, const Record*>{Offset + sizeof(Record)};
-template <std::size_t Offset>
-inline constexpr value_length extent<pointer_at<Offset>, const void*>{Offset};
-template <std::size_t Offset, std::size_t CountOffset, class Record>
-inline constexpr value_length extent<list_at<Offset, CountOffset>, const Record*>{Offset, CountOffset,
-                                                                                  sizeof(Record)};
-template <std::size_t Offset, std::size_t CountOffset>
-inline constexpr value_length extent<list_at<Offset, CountOffset>, const void*>{Offset, CountOffset, 1};
+template <std::size_t At, class Record>
+inline constexpr value_length extent<pointer_at<At>, const Record*>{At + sizeof(Record)};
+template <std::size_t At>
+inline constexpr value_length extent<pointer_at<At>, const void*>{At};
+template <std::size_t At, std::size_t Count, class Record>
+inline constexpr value_length extent<list_at<At, Count>, const Record*>{At, Count, sizeof(Record)};
+template <std::size_t At, std::size_t Count>
+inline constexpr value_length extent<list_at<At, Count>, const void*>{At, Count, 1};
 
-template <class Logged, class... Arguments, class Return, class... Parameters>
-consteval value_length extent_of(fields<Arguments...> /*arguments*/, Return (* /*handler*/)(Parameters...)) {
+template <class Logged, class... Fields, class Return, class... Parameters>
+consteval value_length total_extent(fields<Fields...> /*arguments*/, Return (* /*handler*/)(Parameters...)) {
     constexpr value_length least{
-        std::max({static_cast<u32>(Logged::end), extent<Arguments, Parameters>.fixed_bytes...}),
-        std::max({u32{0}, extent<Arguments, Parameters>.count_offset...}),
-        std::max({u32{0}, extent<Arguments, Parameters>.entry_bytes...})};
-    static_assert(((extent<Arguments, Parameters>.entry_bytes == 0 ||
-                    extent<Arguments, Parameters>.fixed_bytes == least.fixed_bytes) &&
-                   ...),
+        std::max({u32{Logged::end}, extent<Fields, Parameters>.fixed_bytes...}),
+        std::max({u32{0}, extent<Fields, Parameters>.count_offset...}),
+        std::max({u32{0}, extent<Fields, Parameters>.entry_bytes...}),
+    };
+    static_assert(((extent<Fields, Parameters>.entry_bytes == 0 || Fields::end == least.fixed_bytes) && ...),
                   "a list begins at the end of the fixed bytes");
     return least;
 }
 
 template <class Row>
 consteval value_length_row needed_by() {
-    return {Row::type,
-            extent_of<typename Row::logged>(typename Row::arguments{}, handler_of<Row::handler>{nullptr})};
+    const handler_of<Row::handler> handler = nullptr;
+    return {Row::type, total_extent<typename Row::logged>(typename Row::arguments{}, handler)};
 }
 
 // clang-format off
@@ -115,16 +113,6 @@ static_assert(std::ranges::all_of(value_lengths, [](const value_length_row& row)
 // For the rows of the dispatchers; a type that is not in the list does not compile.
 [[nodiscard]] consteval value_length length_of(u16 type) {
     return std::ranges::find(value_lengths, type, &value_length_row::type)->least;
-}
-
-// Whether a dispatcher's rows demand what the fields of the notifications need.
-template <class... Notifications>
-[[nodiscard]] consteval bool demands_extent_of(const auto& table) {
-    const auto demands = [&](const value_length_row& needed) {
-        return std::ranges::any_of(
-            table, [&](const auto& row) { return row.type == needed.type && row.least == needed.least; });
-    };
-    return (demands(needed_by<Notifications>()) && ...);
 }
 
 // In 64 bits: a count of the peer's times the size of an entry does not wrap.

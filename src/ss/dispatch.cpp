@@ -87,8 +87,6 @@ constexpr std::array operation_table = std::to_array<operation_row>({
 // clang-format on
 
 static_assert(operation_table.size() == 27);
-static_assert(demands_extent_of<notification::offline_detect, notification::direct_vlan,
-                                notification::authmode>(operation_table));
 static_assert(std::ranges::is_sorted(operation_table, {}, &operation_row::type) &&
               std::ranges::adjacent_find(operation_table, {}, &operation_row::type) == operation_table.end());
 
