@@ -265,7 +265,8 @@ void update(const pending_call& call) {
 
 template <class... Records>
 void change_cache(const char* function, void (*change)(const Records*...), const Records*... records) {
-    if ((... || (records == nullptr))) {
+    const bool is_complete = (... && (records != nullptr));
+    if (!is_complete) {
         SCC_LOG_FROM(function, "invalid input param!!!");
         return;
     }
