@@ -87,22 +87,14 @@ struct fields {
     }
 };
 
-template <class Handler, class... Leading>
-struct signature;
-
-template <class Return, class... Parameters>
-struct signature<Return (*)(Parameters...)> {
-    template <class... Fields>
-    static consteval bool matches(fields<Fields...> /*arguments*/) {
-        if constexpr (sizeof...(Fields) == sizeof...(Parameters)) {
-            return (Fields::template fits<Parameters> && ...);
-        }
-        return false;
+// Whether the handler takes exactly these arguments.
+template <class... Fields, class Return, class... Parameters>
+consteval bool fit(fields<Fields...> /*arguments*/, Return (* /*handler*/)(Parameters...)) {
+    if constexpr (sizeof...(Fields) == sizeof...(Parameters)) {
+        return (Fields::template fits<Parameters> && ...);
     }
-};
-
-template <class Return, class... Parameters>
-struct signature<Return (*)(u32, u32, Parameters...), u32, u32> : signature<Return (*)(Parameters...)> {};
+    return false;
+}
 
 template <auto Handler>
 using handler_of = std::remove_reference_t<decltype(g_scc_client_cb.handlers.*Handler)>;

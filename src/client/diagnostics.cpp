@@ -55,10 +55,8 @@ std::FILE* open_regular(const char* path) {
         return nullptr;
     }
     struct stat status;
-    std::FILE* file = nullptr;
-    if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
-        file = fdopen(descriptor, "r");
-    }
+    const bool is_regular = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+    std::FILE* file = is_regular ? fdopen(descriptor, "r") : nullptr;
     if (file == nullptr) {
         close(descriptor);
     }

@@ -19,7 +19,7 @@ struct counted {
 template <u16 Type, auto Handler, class Arguments, class Logged = fields<>,
           class Counted = counted<not_counted>>
 struct row {
-    static_assert(signature<handler_of<Handler>>::matches(Arguments{}));
+    static_assert(fit(Arguments{}, handler_of<Handler>{}));
     static constexpr u16 type = Type;
     static constexpr auto handler = Handler;
     using arguments = Arguments;

@@ -25,7 +25,8 @@ using deliver_function = void (*)(u32 result, u32 call_id, std::span<const u8> s
 template <auto Handler, class... Arguments>
 void deliver(u32 result, u32 call_id, std::span<const u8> saved) {
     using arguments = fields<Arguments...>;
-    static_assert(signature<handler_of<Handler>, u32, u32>::matches(arguments{}));
+    // Each handler takes the two numbers of item 401 first.
+    static_assert(fit(fields<u32_at<4>, u32_at<0>, Arguments...>{}, handler_of<Handler>{}));
     const auto handler = load_handler(g_scc_client_cb.handlers.*Handler);
     if (handler != nullptr && saved.size() >= arguments::end) {
         arguments::pass_to(handler, saved, result, call_id);

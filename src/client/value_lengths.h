@@ -55,8 +55,8 @@ consteval value_length total_extent(fields<Fields...> /*arguments*/, Return (* /
 
 template <class Row>
 consteval value_length_row needed_by() {
-    const handler_of<Row::handler> handler = nullptr;
-    return {Row::type, total_extent<typename Row::logged>(typename Row::arguments{}, handler)};
+    constexpr auto arguments = typename Row::arguments{};
+    return {Row::type, total_extent<typename Row::logged>(arguments, handler_of<Row::handler>{})};
 }
 
 // clang-format off
