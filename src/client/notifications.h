@@ -7,12 +7,15 @@
 
 namespace scc::notification {
 
-// The entry of the statistics that a notification is counted in: IfZero when the byte at Offset is 0.
-template <u32 Index, std::size_t Offset = 0, u32 IfZero = Index>
+// The entry of the statistics that a notification is counted in.
+template <u32 Index>
 struct counted {
-    static u32 index(std::span<const u8> value) {
-        return Index == IfZero || value[Offset] != 0 ? Index : IfZero;
-    }
+    static u32 index(std::span<const u8> /*value*/) { return Index; }
+};
+
+template <std::size_t Offset, u32 NotZero, u32 Zero>
+struct counted_by_byte {
+    static u32 index(std::span<const u8> value) { return value[Offset] != 0 ? NotZero : Zero; }
 };
 
 // Arguments are the fields that the handler gets, Logged those that the log lines print.
@@ -35,7 +38,7 @@ using d1x_addr_move = row<msg::d1x_addr_move, &handlers::d1x_addr_move,
 // The one handler whose return value counts.
 using user_change = row<msg::nac_user, &handlers::user_change,
     fields<u8_at<16>, pointer_at<24>, pointer_at<80>>, fields<u8_at<16>, mac_at<4>, u32_at<32>>,
-    counted<stat_user_added, 16, stat_user_deleted>>;
+    counted_by_byte<16, stat_user_added, stat_user_deleted>>;
 using offline_detect = row<msg::offline_detect_notify, &handlers::offline_detect_notify,
     fields<u32_at<0>, u8_at<4>, u32_at<8>, u32_at<12>>, fields<u8_at<4>>>;
 using station_move = row<msg::station_move, &handlers::station_move, fields<u8_at<4>>, fields<u8_at<4>>>;
