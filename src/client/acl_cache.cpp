@@ -1,5 +1,5 @@
-// See acl_cache.h. The 512 buckets and their chains are what the dumps show; an index beside them finds
-// an ACL, and a tree in each ACL finds the place of an ACE, at a cost that does not grow with the cache.
+// See acl_cache.h. The 512 buckets and their chains are what the debug display shows; an ACL is found through
+// an index, at a cost that does not grow with the cache.
 #include "client/acl_cache.h"
 
 #include <array>
@@ -23,11 +23,10 @@ constinit pthread_rwlock_t scc_acl_lock = PTHREAD_RWLOCK_INITIALIZER;
 namespace scc {
 namespace {
 
-constexpr u32 unnumbered_from = 0x7FFFFFFF;  // these keep their number in a resequence
 constexpr std::size_t first_index_slots = 256;
 constexpr i32 saved_ace_bytes = sizeof(scc_acl_key) + sizeof(scc_ace_record);
 
-// What identifies an ACL: its class is left out.
+// The key without the class.
 struct acl_identity {
     u32 vdev_id;
     u32 app_type;
@@ -55,12 +54,10 @@ struct acl_cache {
 
 }  // namespace
 
-// The device capability word and the cache behind it. The word is a relaxed atomic, the cache
-// scc_acl_lock's.
 struct client_data {
-    std::atomic<u64> capability;
-    acl_cache cache;
-    std::atomic<u32> revision;  // written under scc_acl_lock
+    std::atomic<u64> capability;  // relaxed
+    acl_cache cache;              // scc_acl_lock
+    std::atomic<u32> revision;    // written under scc_acl_lock
 };
 
 }  // namespace scc
@@ -76,96 +73,15 @@ acl_cache& cache() {
     return g_scc_client_data.cache;
 }
 
-void free_ace(cached_acl& acl, cached_ace* ace) {
-    list_del(&ace->record.link);
-    scc_rb_erase(&ace->place, &acl.places);
-    --acl.ace_count;
-    std::free(ace);
-}
-
 void free_acl(cached_acl* acl) {
-    while (!list_empty(&acl->aces)) {
-        cached_ace* ace = ace_of_link(acl->aces.next);  // NOLINT(clang-analyzer-unix.Malloc)
-        list_del(&ace->record.link);
-        std::free(ace);
-    }
+    free_aces(*acl);
     list_del(&acl->bucket_link);
     cache().index.erase(identity_of(acl->key));
     --cache().count;
     std::free(acl);
 }
 
-cached_ace* ace_of_place(rb_node* node) {
-    return reinterpret_cast<cached_ace*>(node);
-}
-
-// The first ACE whose number is greater than sn (or, with or_equal, not less); null for the end.
-cached_ace* first_behind(cached_acl& acl, u32 sn, bool or_equal) {
-    const auto is_behind = [&](const cached_ace* ace) {
-        return or_equal ? ace->record.sn >= sn : ace->record.sn > sn;
-    };
-    // Most ACLs are written from the front: nothing is behind when the last one is not.
-    if (acl.out_of_order == 0 && !list_empty(&acl.aces) && !is_behind(ace_of_link(acl.aces.prev))) {
-        return nullptr;
-    }
-    if (acl.out_of_order != 0) {
-        for (list_node* link = acl.aces.next; link != &acl.aces; link = link->next) {
-            if (is_behind(ace_of_link(link))) {
-                return ace_of_link(link);
-            }
-        }
-        return nullptr;
-    }
-    cached_ace* found = nullptr;
-    for (rb_node* node = acl.places.node; node != nullptr;) {
-        const bool behind = is_behind(ace_of_place(node));
-        found = behind ? ace_of_place(node) : found;
-        node = behind ? node->left : node->right;
-    }
-    return found;
-}
-
-rb_node* rightmost(rb_node* node) {
-    while (node != nullptr && node->right != nullptr) {
-        node = node->right;
-    }
-    return node;
-}
-
-// Puts the ACE into list and tree in front of successor, or at the end when that is null.
-void insert_before(cached_acl& acl, cached_ace* ace, cached_ace* successor) {
-    rb_node* parent = nullptr;
-    rb_node** link = &acl.places.node;
-    if (successor == nullptr) {
-        if (!list_empty(&acl.aces)) {
-            parent = &ace_of_link(acl.aces.prev)->place;
-            link = &parent->right;
-        }
-        list_add_tail(&ace->record.link, &acl.aces);
-    } else {
-        list_add_tail(&ace->record.link, &successor->record.link);
-        parent = &successor->place;
-        link = &parent->left;
-        if (*link != nullptr) {
-            parent = rightmost(*link);
-            link = &parent->right;
-        }
-    }
-    scc_rb_link_node(&ace->place, parent, link);
-    scc_rb_insert_color(&ace->place, &acl.places);
-    ++acl.ace_count;
-}
-
-// Behind those with the same number.
-void insert_in_order(cached_acl& acl, cached_ace* ace) {
-    insert_before(acl, ace, first_behind(acl, ace->record.sn, false));
-    list_node* next = ace->record.link.next;
-    if (next != &acl.aces && ace_of_link(next)->record.sn < ace->record.sn) {
-        acl.out_of_order = 1;
-    }
-}
-
-// The ACL that a change is meant for; null, and said so, when there is none. scc_acl_lock held.
+// Logs when there is no such ACL. scc_acl_lock held.
 cached_acl* find_acl(const scc_acl_key& key, const char* function) {
     cached_acl* acl = _scc_acl_get(&key);
     if (acl == nullptr) {
@@ -174,32 +90,7 @@ cached_acl* find_acl(const scc_acl_key& key, const char* function) {
     return acl;
 }
 
-void renumber(cached_acl& acl, u32 sn_start, u32 sn_inc) {
-    u32 next = sn_start;
-    u32 previous_old = 0;
-    u32 previous_new = 0;
-    u32 last = 0;
-    acl.out_of_order = 0;
-    for (list_node* link = acl.aces.next; link != &acl.aces; link = link->next) {
-        u32& sn = ace_of_link(link)->record.sn;
-        if (sn < unnumbered_from) {
-            if (sn != previous_old) {
-                previous_old = sn;
-                previous_new = next;
-                next += sn_inc;
-            }
-            // A leading 0 equals the number that the walk starts from, and stays 0: deliberate.
-            sn = previous_new;
-        }
-        if (sn < last) {
-            acl.out_of_order = 1;
-        }
-        last = sn;
-    }
-}
-
-// How much of a call's saved data its replay reads: the key, and what follows it.
-// What a call of this kind has saved at least when it changes the cache.
+// How much saved data a cache change of this kind reads.
 std::size_t bytes_needed(u32 call_kind) {
     switch (call_kind) {
         case kind::acl_create:
@@ -259,52 +150,38 @@ list_node* acl_bucket(u32 i) {
     return &cache().buckets[i];
 }
 
-cached_ace* find_ace(cached_acl& acl, u32 sn) {
-    cached_ace* ace = first_behind(acl, sn, true);
-    if (acl.out_of_order != 0) {
-        // Out of order a greater number may stand in front: look at each.
-        for (list_node* link = acl.aces.next; link != &acl.aces; link = link->next) {
-            if (ace_of_link(link)->record.sn == sn) {
-                return ace_of_link(link);
-            }
-        }
-        return nullptr;
-    }
-    return ace != nullptr && ace->record.sn == sn ? ace : nullptr;
-}
-
 namespace {
 
-// What the functions with C linkage do with scc_acl_lock held; each logs in the name of its function.
+// The changes, with scc_acl_lock held. Each logs in the name of its function with C linkage.
 
-void add_acl(const scc_acl_key& key) {
+void add_acl(const scc_acl_key* key) {
     constexpr const char* function = "_scc_lib_acl_add";
-    if (_scc_acl_get(&key) != nullptr) {
+    if (_scc_acl_get(key) != nullptr) {
         SCC_LOG_FROM(function, "acl already exist!!!");
         return;
     }
     auto* acl = static_cast<cached_acl*>(std::malloc(sizeof(cached_acl)));
-    if (acl == nullptr || !cache().index.insert(identity_of(key), acl)) {
+    if (acl == nullptr || !cache().index.insert(identity_of(*key), acl)) {
         SCC_LOG_FROM(function, "alloc memory failed!!!");
         std::free(acl);
         return;
     }
     std::memset(acl, 0, sizeof *acl);
-    acl->key = key;
+    acl->key = *key;
     INIT_LIST_HEAD(&acl->aces);
-    list_add_tail(&acl->bucket_link, &cache().buckets[_acl_hash_idx_get(&key)]);
+    list_add_tail(&acl->bucket_link, &cache().buckets[_acl_hash_idx_get(key)]);
     ++cache().count;
 }
 
-void delete_acl(const scc_acl_key& key) {
-    if (cached_acl* acl = find_acl(key, "_scc_lib_acl_del"); acl != nullptr) {
+void delete_acl(const scc_acl_key* key) {
+    if (cached_acl* acl = find_acl(*key, "_scc_lib_acl_del"); acl != nullptr) {
         free_acl(acl);
     }
 }
 
-void add_ace(const scc_acl_key& key, const scc_ace_record* ace) {
+void add_ace(const scc_acl_key* key, const scc_ace_record* ace) {
     constexpr const char* function = "_scc_lib_ace_add";
-    cached_acl* acl = find_acl(key, function);
+    cached_acl* acl = find_acl(*key, function);
     if (acl == nullptr) {
         return;
     }
@@ -317,13 +194,13 @@ void add_ace(const scc_acl_key& key, const scc_ace_record* ace) {
     insert_in_order(*acl, copy);
 }
 
-void delete_ace(const scc_acl_key& key, const scc_ace_record* ace) {
+void delete_ace(const scc_acl_key* key, const scc_ace_record* ace) {
     constexpr const char* function = "_scc_lib_ace_del";
-    cached_acl* acl = find_acl(key, function);
+    cached_acl* acl = find_acl(*key, function);
     if (acl == nullptr) {
         return;
     }
-    // The caller's record may lie unaligned in saved data.
+    // The record may be unaligned in saved data.
     const u32 sn = load<u32>(ace, offsetof(scc_ace_record, sn));
     const u32 ace_id = load<u32>(ace, offsetof(scc_ace_record, ace_id));
     cached_ace* first = find_ace(*acl, sn);
@@ -374,16 +251,27 @@ void update(const pending_call& call) {
     const auto* ace = reinterpret_cast<const scc_ace_record*>(data + sizeof key);
     switch (call.kind) {
         case kind::acl_create:
-            return add_acl(key);
+            return add_acl(&key);
         case kind::acl_delete:
-            return delete_acl(key);
+            return delete_acl(&key);
         case kind::acl_add_ace:
-            return add_ace(key, ace);
+            return add_ace(&key, ace);
         case kind::acl_delete_ace:
-            return delete_ace(key, ace);
+            return delete_ace(&key, ace);
         default:
             return resequence(&key, load<u32>(data, 16), load<u32>(data, 20));
     }
+}
+
+template <class... Records>
+void change_cache(const char* function, void (*change)(const Records*...), const Records*... records) {
+    const bool is_complete = (... && (records != nullptr));
+    if (!is_complete) {
+        SCC_LOG_FROM(function, "invalid input param!!!");
+        return;
+    }
+    const write_guard guard(scc_acl_lock);
+    change(records...);
 }
 
 }  // namespace
@@ -438,7 +326,7 @@ u32 _scc_lib_acl_info_check(const scc_acl_key* key) {
     return result::ok;
 }
 
-// Folds the sum of the key's first 12 bytes; the class is left out.
+// Folds the sum of the key's first 12 bytes, without the class.
 u32 _acl_hash_idx_get(const scc_acl_key* key) {
     u64 sum = 0;
     for (std::size_t i = 0; i < offsetof(scc_acl_key, acl_class); ++i) {
@@ -452,39 +340,19 @@ cached_acl* _scc_acl_get(const scc_acl_key* key) {
 }
 
 void _scc_lib_acl_add(const scc_acl_key* key) {
-    if (key == nullptr) {
-        SCC_LOG("invalid input param!!!");
-        return;
-    }
-    const write_guard guard(scc_acl_lock);
-    add_acl(*key);
+    change_cache(__func__, add_acl, key);
 }
 
 void _scc_lib_acl_del(const scc_acl_key* key) {
-    if (key == nullptr) {
-        SCC_LOG("invalid input param!!!");
-        return;
-    }
-    const write_guard guard(scc_acl_lock);
-    delete_acl(*key);
+    change_cache(__func__, delete_acl, key);
 }
 
 void _scc_lib_ace_add(const scc_acl_key* key, const scc_ace_record* ace) {
-    if (key == nullptr || ace == nullptr) {
-        SCC_LOG("invalid input param!!!");
-        return;
-    }
-    const write_guard guard(scc_acl_lock);
-    add_ace(*key, ace);
+    change_cache(__func__, add_ace, key, ace);
 }
 
 void _scc_lib_ace_del(const scc_acl_key* key, const scc_ace_record* ace) {
-    if (key == nullptr || ace == nullptr) {
-        SCC_LOG("invalid input param!!!");
-        return;
-    }
-    const write_guard guard(scc_acl_lock);
-    delete_ace(*key, ace);
+    change_cache(__func__, delete_ace, key, ace);
 }
 
 void _scc_lib_acl_reseq(const scc_acl_key* key, u32 sn_start, u32 sn_inc) {

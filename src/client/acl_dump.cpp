@@ -1,6 +1,6 @@
-// The debug display of the ACL cache. Always written, whatever the debug switch says, without the usual
-// line prefix; its texts, blanks and lengths of lines are what the switch's tools read. The totals have a
-// blank line behind them in the display of all ACLs and nowhere else: deliberate.
+// The debug display of the ACL cache, written whatever the debug switch says and without the usual line
+// prefix. The switch's tools read it: texts, blanks and the lengths of lines are fixed. Deliberately, only
+// the display of all ACLs has a blank line after each total.
 #include "client/acl_cache.h"
 #include "client/log.h"
 #include "msg/bytes.h"
@@ -46,7 +46,7 @@ void show_everything() {
     SCC_SHOW("=========================end=============================");
 }
 
-// The second line of dashes is one longer than the header's: deliberate.
+// Deliberately, the second line of dashes is one longer than the first.
 void show_counts() {
     SCC_SHOW("================== scclib acl summary info ===================");
     SCC_SHOW("Total acl num:%lu", cached_acl_count());

@@ -1,7 +1,7 @@
-// From bytes to handler arguments: what the tables of results and notifications are made of.
+// From bytes to handler arguments, for the tables of results and notifications.
 //
-// A row names the handler and, for each of its arguments, where it lies in the bytes. The handler's own
-// type is checked against the row at compile time.
+// A row names a handler and, for each argument, the field of the bytes that it is taken from. The handler's
+// type is checked against the fields at compile time.
 #pragma once
 
 #include <algorithm>
@@ -12,16 +12,10 @@
 
 namespace scc {
 
-// The bytes that a handler's arguments are taken from.
-struct source {
-    const u8* bytes;
-    u32 length;
-};
-
 template <class T, std::size_t Offset>
 struct integer_at {
     static constexpr std::size_t end = Offset + sizeof(T);
-    static T read(const source& from) { return load<T>(from.bytes, Offset); }
+    static T read(std::span<const u8> from) { return load<T>(from.data(), Offset); }
     template <class Parameter>
     static constexpr bool fits = std::is_same_v<T, Parameter>;
 };
@@ -39,58 +33,70 @@ using u64_at = integer_at<u64, Offset>;
 template <std::size_t Offset>
 struct flag_at {
     static constexpr std::size_t end = Offset + sizeof(u32);
-    static u8 read(const source& from) { return load<u32>(from.bytes, Offset) != 0 ? 1 : 0; }
+    static u8 read(std::span<const u8> from) { return load<u32>(from.data(), Offset) != 0 ? 1 : 0; }
     template <class Parameter>
     static constexpr bool fits = std::is_same_v<u8, Parameter>;
 };
 
-// A pointer into the bytes, of whatever type the handler takes.
-struct pointer_value {
-    const u8* at;
-    template <class T>
-    operator const T*() const  // NOLINT(google-explicit-constructor)
+// Converts to a pointer to the record that the handler takes.
+struct record_pointer {
+    const u8* bytes;
+    template <class Record>
+    operator const Record*() const  // NOLINT(google-explicit-constructor)
     {
-        return reinterpret_cast<const T*>(at);
+        return reinterpret_cast<const Record*>(bytes);
     }
 };
 
 template <std::size_t Offset>
 struct pointer_at {
     static constexpr std::size_t end = Offset;
-    static pointer_value read(const source& from) { return {from.bytes + Offset}; }
+    static record_pointer read(std::span<const u8> from) { return {from.data() + Offset}; }
     template <class Parameter>
     static constexpr bool fits =
         std::is_pointer_v<Parameter>&& std::is_const_v<std::remove_pointer_t<Parameter>>;
 };
 
-using whole = pointer_at<0>;
+using whole_record = pointer_at<0>;
 
-// The number of bytes, as it was saved.
+// A pointer to the first of the records that the u32 at CountOffset counts.
+template <std::size_t Offset, std::size_t CountOffset>
+struct list_at : pointer_at<Offset> {};
+
+template <std::size_t Offset>
+struct mac_at : pointer_at<Offset> {
+    static constexpr std::size_t end = Offset + 6;
+};
+
 struct length_of_data {
     static constexpr std::size_t end = 0;
-    static i32 read(const source& from) { return static_cast<i32>(from.length); }
+    static i32 read(std::span<const u8> from) { return static_cast<i32>(from.size()); }
     template <class Parameter>
     static constexpr bool fits = std::is_same_v<i32, Parameter>;
 };
 
-template <class... Arguments>
-inline constexpr std::size_t bytes_read = std::max({std::size_t{0}, Arguments::end...});
+template <class... Fields>
+struct fields {
+    // Without the records that pointers lead to.
+    static constexpr std::size_t end = std::max({std::size_t{0}, Fields::end...});
 
-template <class Handler, class... Leading>
-struct signature;
-
-template <class Return, class... Parameters>
-struct signature<Return (*)(Parameters...)> {
-    template <class... Arguments>
-    static constexpr bool matches = (Arguments::template fits<Parameters> && ...);
-    template <class... Arguments>
-    static constexpr bool same_count = sizeof...(Arguments) == sizeof...(Parameters);
+    template <class Function, class... Leading>
+    static auto pass_to(const Function& function, [[maybe_unused]] std::span<const u8> from,
+                        Leading... leading) {
+        return function(leading..., Fields::read(from)...);
+    }
 };
 
-template <class Return, class... Parameters>
-struct signature<Return (*)(u32, u32, Parameters...), u32, u32> : signature<Return (*)(Parameters...)> {};
+// Whether the handler takes exactly these arguments.
+template <class... Fields, class Return, class... Parameters>
+consteval bool fit(fields<Fields...> /*arguments*/, Return (* /*handler*/)(Parameters...)) {
+    if constexpr (sizeof...(Fields) == sizeof...(Parameters)) {
+        return (Fields::template fits<Parameters> && ...);
+    }
+    return false;
+}
 
-template <auto Member>
-using handler_of = std::remove_reference_t<decltype(g_scc_client_cb.handlers.*Member)>;
+template <auto Handler>
+using handler_of = std::remove_reference_t<decltype(g_scc_client_cb.handlers.*Handler)>;
 
 }  // namespace scc

@@ -47,25 +47,23 @@ void set_debugging(bool on) {
     scc_lib_debug.store(on ? 1 : 0, std::memory_order_relaxed);
 }
 
-// Null for anything but a regular file: others may write into the directory, a FIFO there would wait for
-// its writer, and a link leads anywhere.
+// Null for anything but a regular file. The directory may be writable for others: a FIFO there would block
+// until somebody writes, and a link could lead anywhere.
 std::FILE* open_regular(const char* path) {
     const int descriptor = open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
     if (descriptor < 0) {
         return nullptr;
     }
     struct stat status;
-    std::FILE* file = nullptr;
-    if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
-        file = fdopen(descriptor, "r");
-    }
+    const bool is_regular = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+    std::FILE* file = is_regular ? fdopen(descriptor, "r") : nullptr;
     if (file == nullptr) {
         close(descriptor);
     }
     return file;
 }
 
-// Whether the line names the process; then its number is the switch.
+// Whether the line names the process; if so, sets value to its number.
 bool line_decides(const char* line, const char* process_name, int& value) {
     char name[32];
     return std::strlen(line) > shortest_line && std::sscanf(line, "%31s   %d", name, &value) == 2 &&
@@ -90,7 +88,7 @@ call_statistics read_statistics(u32 index) {
             read(entry.callback_failures), read(entry.call_failures)};
 }
 
-// The display of ACLs reads a mode and, for a single ACL, three more words.
+// The display of ACLs reads a mode and, for a single ACL, three more u32.
 bool debug_command_fits(const u8* value, u64 length) {
     if (length < command_data_offset) {
         return false;
@@ -137,7 +135,7 @@ void _scc_lib_debug_init(const char* process_name) {
     }
     path_buffer path;
     if (!make_path(path, debug_file_suffix, path_base::persistent)) {
-        // Not through the gate: without this variable nobody could ever open it.
+        // Bypass the debug switch, which is off until the file has been read.
         printk_syslog_ext(5, "SCC", "INIT", 1, "sccd create tmp dir error.\n");
         return;
     }
@@ -156,7 +154,7 @@ void _scc_lib_debug_init(const char* process_name) {
     std::fclose(file);
 }
 
-// Opening logs behind the switch and closing before it, so that both lines are written.
+// Logs after switching on and before switching off, so that both lines are written.
 void _scc_lib_dbg_proc(const void* value) {
     if (value == nullptr) {
         return;

@@ -9,7 +9,7 @@
 
 namespace scc {
 
-// What is counted; the index is also the entry's number in the collected reply.
+// What is counted. The index is also the entry's number in the statistics reply.
 enum statistics_index : u32 {
     stat_acl_create = 0,
     stat_acl_delete = 1,
@@ -26,6 +26,7 @@ enum statistics_index : u32 {
     stat_data_recover = 12,
     stat_entries = 13,
 };
+inline constexpr u32 not_counted = stat_entries;
 
 inline constexpr u32 not_counted = stat_entries;
 
@@ -37,7 +38,7 @@ struct call_statistics {
     u32 call_failures;
 };
 
-// A consistent enough copy for the collected reply.
+// Copies one entry for the statistics reply. Another thread may count meanwhile.
 [[nodiscard]] call_statistics read_statistics(u32 index);
 
 // Whether the value of a debug command holds everything that the command reads.

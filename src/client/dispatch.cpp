@@ -1,5 +1,5 @@
-// See dispatch.h. Runs on the thread that receives; stateless, no lock. The items are known to fit in the
-// message (items_fit); how long each value must be stands in value_lengths.h.
+// See dispatch.h. Runs on the thread that receives; stateless, no lock. The caller has checked that the items
+// fit in the message (items_fit); value_lengths.h says how long each value must be.
 #include "client/dispatch.h"
 
 #include <algorithm>
@@ -57,15 +57,15 @@ static_assert(item_table.size() == 18);
 static_assert(std::ranges::is_sorted(item_table, {}, &item_row::type) &&
               std::ranges::adjacent_find(item_table, {}, &item_row::type) == item_table.end());
 
-// Logs in the name of the function that walks the message.
-constexpr const char* walker = "_scc_lib_async_msg_proc";
+constexpr const char* function = "_scc_lib_async_msg_proc";
 
 void process(const item& received) {
     const auto* row = std::ranges::lower_bound(item_table, received.type, {}, &item_row::type);
     if (row == item_table.end() || row->type != received.type) {
-        SCC_LOG_FROM(walker, "unknown scclib msg type(%d).", received.type);
+        SCC_LOG_FROM(function, "unknown scclib msg type(%d).", received.type);
     } else if (!is_long_enough(row->least, received.value)) {
-        SCC_LOG_FROM(walker, "scclib msg type(%d) too short. len:%zu.", received.type, received.value.size());
+        SCC_LOG_FROM(function, "scclib msg type(%d) too short. len:%zu.", received.type,
+                     received.value.size());
     } else {
         row->process(received.value.data());
     }
@@ -74,7 +74,7 @@ void process(const item& received) {
 }  // namespace
 
 void dispatch_items(u16 count, const void* first, result_run& results) {
-    // A handler may end the registration, and begin another: what is left of the message is not for that one.
+    // A handler may end the registration and begin another, which must not get the rest of the message.
     const u32 generation = current_generation();
     item_reader reader(count, first);
     item received;

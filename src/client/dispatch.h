@@ -8,8 +8,8 @@ extern "C" void _scc_lib_async_msg_proc(scc::u32 count, const void* first);
 
 namespace scc {
 
-// The same, but for results at the end of the message: they wait in the run for those of the next message,
-// or for the caller to deliver them.
+// The same, but leaves results at the end of the message in `results`, for the caller to deliver or for those
+// of the next message to join.
 void dispatch_items(u16 count, const void* first, result_run& results);
 
 }  // namespace scc

@@ -1,4 +1,4 @@
-// See handlers.h. Written under scc_lib_lock; the threads that deliver read single pointers without it.
+// See handlers.h. Called with scc_lib_lock held; the threads that deliver read single pointers without it.
 #include "client/handlers.h"
 
 #include <cstddef>
@@ -34,7 +34,7 @@ const any_handler* slots(const scc_handlers& handlers) {
 
 extern "C" {
 
-// The water-line handler is not copied: every water-line notification is ignored, deliberately.
+// Deliberately leaves out the water-line handler: every water-line notification is ignored.
 void _scc_lib_handler_set(const scc_reg_info* info) {
     for (std::size_t i = 0; i < positions; ++i) {
         if (i != water_line_position) {
@@ -43,7 +43,7 @@ void _scc_lib_handler_set(const scc_reg_info* info) {
     }
 }
 
-// The filter counter's handler stays, as does the water line's that was never set: deliberate.
+// Deliberately keeps the filter counter's handler, and the water line's, which was never set.
 void _scc_lib_handler_clear() {
     for (std::size_t i = 0; i < positions; ++i) {
         if (i != filter_counter_position && i != water_line_position) {

@@ -1,4 +1,4 @@
-// The application's handler table: copying it in at registration, and clearing it.
+// Copies the application's handlers into the control block at registration, and clears them.
 #pragma once
 
 #include "scclib.h"

@@ -1,7 +1,7 @@
-// See replies.h. The answers go out in real time on the synchronous socket.
+// See replies.h. The replies are sent at once, on the synchronous socket.
 //
 // Statistics reply (item 318): u32 app id, u32 entries, then 24 bytes an entry: u32 index, calls, call
-// successes, callback successes, call failures, callback failures. In memory the columns stand otherwise.
+// successes, callback successes, call failures, callback failures. call_statistics has another order.
 #include "client/replies.h"
 
 #include "client/acl_cache.h"

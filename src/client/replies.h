@@ -1,4 +1,4 @@
-// What the daemon asks of the library itself: liveness, statistics, the device's capability word.
+// The items that the library itself handles: liveness, statistics, the device's capability word.
 #pragma once
 
 extern "C" {

@@ -1,5 +1,5 @@
 // Item 401: u32 call id at 0, u32 result at 4. Runs on the thread that receives, takes scc_call_data_lock
-// only to find the call, and holds no lock while a handler runs.
+// only to find the calls, and holds no lock while a handler runs.
 #include "client/results.h"
 
 #include <array>
@@ -20,24 +20,22 @@ namespace {
 
 constexpr const char* function = "_scc_lib_call_ret_proc";
 
-using deliver_fn = void (*)(u32 result, u32 call_id, const source& saved);
+using deliver_function = void (*)(u32 result, u32 call_id, std::span<const u8> saved);
 
-template <auto Member, class... Arguments>
-void deliver(u32 result, u32 call_id, const source& saved) {
-    using handler_type = handler_of<Member>;
-    static_assert(signature<handler_type, u32, u32>::template same_count<Arguments...>);
-    static_assert(signature<handler_type, u32, u32>::template matches<Arguments...>);
-    const handler_type handler = load_handler(g_scc_client_cb.handlers.*Member);
-    if (handler != nullptr && saved.length >= bytes_read<Arguments...>) {
-        handler(result, call_id, Arguments::read(saved)...);
+template <auto Handler, class... Arguments>
+void deliver(u32 result, u32 call_id, std::span<const u8> saved) {
+    using arguments = fields<Arguments...>;
+    // Each handler takes the two numbers of item 401 first.
+    static_assert(fit(fields<u32_at<4>, u32_at<0>, Arguments...>{}, handler_of<Handler>{}));
+    const auto handler = load_handler(g_scc_client_cb.handlers.*Handler);
+    if (handler != nullptr && saved.size() >= arguments::end) {
+        arguments::pass_to(handler, saved, result, call_id);
     }
 }
 
-constexpr u32 not_counted = stat_entries;
-
 struct result_row {
     u32 kind;
-    deliver_fn deliver;
+    deliver_function deliver;
     u32 statistics = not_counted;
 };
 
@@ -45,66 +43,63 @@ using handlers = scc_handlers;
 
 // clang-format off
 constexpr std::array result_table = std::to_array<result_row>({
-    { 1, deliver<&handlers::d1x_authen_method, whole>},
-    { 2, deliver<&handlers::d1x_author_mode, whole>},
-    { 3, deliver<&handlers::d1x_port_addr_num, whole>},
-    { 4, deliver<&handlers::d1x_port_open, whole>},
-    { 5, deliver<&handlers::d1x_pt_ctrl, whole>},
-    { 6, deliver<&handlers::d1x_cos, whole>},
-    { 7, deliver<&handlers::d1x_dscp, whole>},
+    { 1, deliver<&handlers::d1x_authen_method, whole_record>},
+    { 2, deliver<&handlers::d1x_author_mode, whole_record>},
+    { 3, deliver<&handlers::d1x_port_addr_num, whole_record>},
+    { 4, deliver<&handlers::d1x_port_open, whole_record>},
+    { 5, deliver<&handlers::d1x_pt_ctrl, whole_record>},
+    { 6, deliver<&handlers::d1x_cos, whole_record>},
+    { 7, deliver<&handlers::d1x_dscp, whole_record>},
     { 8, deliver<&handlers::d1x_redirect, u8_at<0>>},
     { 9, deliver<&handlers::d1x_mac_move, u8_at<0>>},
-    {10, deliver<&handlers::webauth, whole>},
+    {10, deliver<&handlers::webauth, whole_record>},
     {11, deliver<&handlers::http_dport, u16_at<0>, u8_at<2>>},
     {12, deliver<&handlers::dirchn_host, u32_at<0>, u32_at<4>, u8_at<8>, u32_at<9>, u8_at<13>>},
     {13, deliver<&handlers::dirchn_server, u32_at<0>, u8_at<4>>},
     {14, deliver<&handlers::dirchn_site, u32_at<0>, u32_at<4>, u8_at<8>, u8_at<9>>},
     {15, deliver<&handlers::dirchn_arp, u32_at<0>, u32_at<4>, u8_at<9>>},
-    {16, deliver<&handlers::port_security, whole>},
-    {17, deliver<&handlers::reserved_kind_17, whole>},
-    {18, deliver<&handlers::global_ip_mac, whole>},
-    {19, deliver<&handlers::ip_source_guard, whole>},
-    {20, deliver<&handlers::bind_except_port, whole>},
-    {21, deliver<&handlers::dhcp_trust_port, whole>},
-    {22, deliver<&handlers::arpcheck, whole>},
+    {16, deliver<&handlers::port_security, whole_record>},
+    {17, deliver<&handlers::reserved_kind_17, whole_record>},
+    {18, deliver<&handlers::global_ip_mac, whole_record>},
+    {19, deliver<&handlers::ip_source_guard, whole_record>},
+    {20, deliver<&handlers::bind_except_port, whole_record>},
+    {21, deliver<&handlers::dhcp_trust_port, whole_record>},
+    {22, deliver<&handlers::arpcheck, whole_record>},
     {23, deliver<&handlers::addr_learning, u32_at<0>, u8_at<4>>},
     {24, deliver<&handlers::nac_esc, u32_at<0>, pointer_at<4>, u8_at<20>>},
-    {25, deliver<&handlers::nac_esc_eport, whole>},
-    {26, deliver<&handlers::nac_app, whole>},
-    {27, deliver<&handlers::nac_user, whole>},
+    {25, deliver<&handlers::nac_esc_eport, whole_record>},
+    {26, deliver<&handlers::nac_app, whole_record>},
+    {27, deliver<&handlers::nac_user, whole_record>},
     {28, deliver<&handlers::ndsnp_default_bind, u32_at<0>, u32_at<4>, u8_at<8>>},
-    {29, deliver<&handlers::reserved_kind_29, whole>},
-    {30, deliver<&handlers::nac_neighbour, whole, u8_at<912>>},
-    {31, deliver<&handlers::acl_create, whole>, stat_acl_create},
-    {32, deliver<&handlers::acl_delete, whole>, stat_acl_delete},
-    {33, deliver<&handlers::acl_add_ace, whole, pointer_at<16>>, stat_ace_add},
-    {34, deliver<&handlers::acl_delete_ace, whole, pointer_at<16>>, stat_ace_delete},
-    {35, deliver<&handlers::acl_apply, whole>, stat_acl_apply},
-    {36, deliver<&handlers::acl_unapply, whole>, stat_acl_unapply},
-    {37, deliver<&handlers::user_acl_apply, whole>},
-    {38, deliver<&handlers::user_acl_unapply, whole>},
-    {39, deliver<&handlers::user_acl_delete_vmsup, whole>},
-    {40, deliver<&handlers::acl_resequence, whole, u32_at<16>, u32_at<20>>},
-    {41, deliver<&handlers::filter_counter_reset, whole>},
-    {42, deliver<&handlers::acl_counter_reset, whole>},
-    {43, deliver<&handlers::ace_counter_reset, whole, u64_at<16>>},
+    {29, deliver<&handlers::reserved_kind_29, whole_record>},
+    {30, deliver<&handlers::nac_neighbour, whole_record, u8_at<912>>},
+    {31, deliver<&handlers::acl_create, whole_record>, stat_acl_create},
+    {32, deliver<&handlers::acl_delete, whole_record>, stat_acl_delete},
+    {33, deliver<&handlers::acl_add_ace, whole_record, pointer_at<16>>, stat_ace_add},
+    {34, deliver<&handlers::acl_delete_ace, whole_record, pointer_at<16>>, stat_ace_delete},
+    {35, deliver<&handlers::acl_apply, whole_record>, stat_acl_apply},
+    {36, deliver<&handlers::acl_unapply, whole_record>, stat_acl_unapply},
+    {37, deliver<&handlers::user_acl_apply, whole_record>},
+    {38, deliver<&handlers::user_acl_unapply, whole_record>},
+    {39, deliver<&handlers::user_acl_delete_vmsup, whole_record>},
+    {40, deliver<&handlers::acl_resequence, whole_record, u32_at<16>, u32_at<20>>},
+    {41, deliver<&handlers::filter_counter_reset, whole_record>},
+    {42, deliver<&handlers::acl_counter_reset, whole_record>},
+    {43, deliver<&handlers::ace_counter_reset, whole_record, u64_at<16>>},
     {44, deliver<&handlers::global_eport, u32_at<0>, u8_at<4>>},
     {45, deliver<&handlers::svi_router_acl, u8_at<0>>},
-    {46, nullptr},
-    {47, nullptr},
-    {48, nullptr},
-    {49, nullptr},
-    {50, deliver<&handlers::efacl_ctrl, whole, length_of_data>},
-    {51, deliver<&handlers::dhcp_snooping, whole>},
-    {52, deliver<&handlers::dhcp_snooping_second, whole>},
-    {53, deliver<&handlers::nd_snooping, whole>},
+    {46, nullptr}, {47, nullptr}, {48, nullptr}, {49, nullptr},
+    {50, deliver<&handlers::efacl_ctrl, whole_record, length_of_data>},
+    {51, deliver<&handlers::dhcp_snooping, whole_record>},
+    {52, deliver<&handlers::dhcp_snooping_second, whole_record>},
+    {53, deliver<&handlers::nd_snooping, whole_record>},
     {54, deliver<&handlers::cpp, u32_at<0>, u8_at<4>>},
-    {55, deliver<&handlers::arpcheck_trust, whole>},
-    {56, deliver<&handlers::arp_entry, whole>},
+    {55, deliver<&handlers::arpcheck_trust, whole_record>},
+    {56, deliver<&handlers::arp_entry, whole_record>},
     {57, deliver<&handlers::offline_detect_cfg, u8_at<4>, u32_at<8>, u32_at<12>>},
     {58, deliver<&handlers::direct_vlan, u8_at<4>, pointer_at<8>>},
-    {59, deliver<&handlers::arp_dyn_entry, whole>},
-    {60, deliver<&handlers::port_violate, whole>},
+    {59, deliver<&handlers::arp_dyn_entry, whole_record>},
+    {60, deliver<&handlers::port_violate, whole_record>},
 });
 // clang-format on
 
@@ -119,13 +114,13 @@ consteval bool rows_are_complete_and_ordered() {
 
 static_assert(rows_are_complete_and_ordered());
 
-// NAC users are counted by the saved operation: 1 added, 3 deleted, anything else not at all.
-u32 statistics_of_user(const source& saved) {
+// The saved operation decides: 1 added, 3 deleted, anything else is not counted.
+u32 statistics_of_user(std::span<const u8> saved) {
     constexpr std::size_t operation_offset = offsetof(scc_user_record, operation);
-    if (saved.length < operation_offset + sizeof(u32)) {
+    if (saved.size() < operation_offset + sizeof(u32)) {
         return not_counted;
     }
-    switch (load<u32>(saved.bytes, operation_offset)) {
+    switch (load<u32>(saved.data(), operation_offset)) {
         case SCC_USER_OPERATION_ADD:
             return stat_nac_user_add;
         case SCC_USER_OPERATION_DELETE:
@@ -142,7 +137,7 @@ void deliver_result(u32 result, const pending_call& call) {
         SCC_LOG_FROM(function, "unknown scclib call ret id(%d).", call.kind);
         return;
     }
-    const source saved{call.data(), static_cast<u32>(call.data_bytes)};
+    const std::span saved{call.data(), static_cast<u32>(call.data_bytes)};
     const u32 statistics = call.kind == kind::nac_user ? statistics_of_user(saved) : row.statistics;
     if (statistics != not_counted) {
         count_callback(statistics, result == 0);
@@ -154,8 +149,8 @@ bool is_caching() {
     return g_scc_client_cb.option.load(relaxed) != 0;
 }
 
-// The handler first, then the cache, which may keep the call's block: then it is no longer the caller's.
-// When the data was dropped while the handler ran, the confirmed change is not the cache's any more.
+// Calls the handler, then updates the cache, unless it was emptied while the handler ran. Sets `call` to null
+// when the cache has taken ownership of its block.
 void complete(pending_call*& call, u32 result) {
     const u32 revision = acl_cache_revision();
     deliver_result(result, *call);
@@ -164,7 +159,7 @@ void complete(pending_call*& call, u32 result) {
     }
 }
 
-// What the cache reads was written by another thread; it is fetched while the calls before it are delivered.
+// The saved data was written by another thread: fetch it while earlier calls are delivered.
 void prefetch_for_cache(const pending_call* call) {
     constexpr std::size_t key_and_numbers = 320;
     if (call != nullptr && is_caching()) {
@@ -193,7 +188,7 @@ void result_run::deliver() {
     calls_in_hand calls({call_ids_.data(), count_});
     for (std::size_t i = 0; i < count_; ++i) {
         prefetch_for_cache(calls.peek(i + 2));
-        // Call ids start again with a registration: an ended one's would find another's calls.
+        // Call ids restart with each registration: those of an ended one could match other calls.
         done[i] = is_current(generation_) ? calls.take(i) : nullptr;
         if (done[i] == nullptr) {
             SCC_LOG_FROM(function, "no such call id:%d in scc lib", call_ids_[i]);
@@ -208,7 +203,7 @@ void result_run::deliver() {
 }  // namespace scc
 
 extern "C" void _scc_lib_call_ret_proc(const void* value) {
-    result_run run;
-    run.add(static_cast<const u8*>(value));
-    run.deliver();
+    result_run results;
+    results.add(static_cast<const u8*>(value));
+    results.deliver();
 }

@@ -13,14 +13,12 @@ namespace scc {
 
 inline constexpr std::size_t result_bytes = 8;
 
-// Results that arrived together, with nothing else between them, delivered in their order. Their calls are
-// found under one lock, and seen as if each were looked up when its turn comes. Those of a registration that
-// ended meanwhile are dropped.
+// Consecutive results, delivered in order. Their calls are looked up under one lock, with the same outcome as
+// one lookup before each delivery. Results of a registration that has ended are dropped.
 class result_run {
   public:
-    // Takes a result's value; delivers when that many have come.
+    // Copies the value of item 401. Delivers when the run is full.
     void add(const u8* value);
-    // Delivers what has been added.
     void deliver();
 
   private:
@@ -28,7 +26,7 @@ class result_run {
     std::array<u32, longest> call_ids_;
     std::array<u32, longest> results_;
     std::size_t count_ = 0;
-    u32 generation_ = 0;  // of the registration that they belong to
+    u32 generation_ = 0;  // the registration that the results belong to
 };
 
 }  // namespace scc

@@ -1,12 +1,13 @@
-// How long the value of each received item must be: the one list for applications and the service. What a
-// value announces itself, a list with its count, must be there before its function runs: handlers are
-// promised whole records and lists.
+// How long the value of each received item must be: the one list for applications and the service. A list
+// that a value announces with its count must be there before the item's function runs: handlers are promised
+// whole records and lists.
 #pragma once
 
 #include <algorithm>
 #include <array>
 
 #include "client/diagnostics.h"
+#include "client/notifications.h"
 #include "msg/bytes.h"
 
 namespace scc {
@@ -18,6 +19,8 @@ struct value_length {
     u32 entry_bytes = 0;  // 0: no list
     // For the one type whose content decides.
     bool (*fits)(const u8* value, u64 length) = nullptr;
+
+    bool operator==(const value_length&) const = default;
 };
 
 struct value_length_row {
@@ -25,10 +28,41 @@ struct value_length_row {
     value_length least;
 };
 
+// What a field of a notification needs, including the record that a pointer leads to. Untyped records count
+// nothing, lists of them bytes.
+template <class Field, class Parameter>
+inline constexpr value_length extent{Field::end};
+template <std::size_t At, class Record>
+inline constexpr value_length extent<pointer_at<At>, const Record*>{At + sizeof(Record)};
+template <std::size_t At>
+inline constexpr value_length extent<pointer_at<At>, const void*>{At};
+template <std::size_t At, std::size_t Count, class Record>
+inline constexpr value_length extent<list_at<At, Count>, const Record*>{At, Count, sizeof(Record)};
+template <std::size_t At, std::size_t Count>
+inline constexpr value_length extent<list_at<At, Count>, const void*>{At, Count, 1};
+
+template <class Logged, class... Fields, class Return, class... Parameters>
+consteval value_length total_extent(fields<Fields...> /*arguments*/, Return (* /*handler*/)(Parameters...)) {
+    constexpr value_length least{
+        std::max({u32{Logged::end}, extent<Fields, Parameters>.fixed_bytes...}),
+        std::max({u32{0}, extent<Fields, Parameters>.count_offset...}),
+        std::max({u32{0}, extent<Fields, Parameters>.entry_bytes...}),
+    };
+    static_assert(((extent<Fields, Parameters>.entry_bytes == 0 || Fields::end == least.fixed_bytes) && ...),
+                  "a list begins at the end of the fixed bytes");
+    return least;
+}
+
+template <class Row>
+consteval value_length_row needed_by() {
+    constexpr auto arguments = typename Row::arguments{};
+    return {Row::type, total_extent<typename Row::logged>(arguments, handler_of<Row::handler>{})};
+}
+
 // clang-format off
 inline constexpr std::array value_lengths = std::to_array<value_length_row>({
-    {msg::d1x_addr_move,         {8, 4, record::address_move}},
-    {msg::nac_user,              {80}},
+    needed_by<notification::d1x_addr_move>(),
+    needed_by<notification::user_change>(),
     {msg::acl,                   {140}},
     {msg::ace,                   {940}},
     {msg::acl_apply,             {244}},
@@ -50,23 +84,23 @@ inline constexpr std::array value_lengths = std::to_array<value_length_row>({
     {msg::data_recover,          {9}},
     {msg::test_cmd,              {4}},
     {msg::debug,                 {36, 0, 0, debug_command_fits}},
-    {msg::offline_detect_notify, {16}},
-    {msg::station_move,          {5}},
-    {msg::flow,                  {80}},
-    {msg::noflow_offline,        {88, 80, 1}},
-    {msg::direct_vlan_notify,    {8 + record::direct_vlan}},
-    {msg::authmode,              {8}},
-    {msg::dirchn,                {12}},
-    {msg::port_violate_notify,   {61}},
-    {msg::user_roll,             {24}},
-    {msg::water_line,            {4}},
+    needed_by<notification::offline_detect>(),
+    needed_by<notification::station_move>(),
+    needed_by<notification::flow>(),
+    needed_by<notification::noflow_offline>(),
+    needed_by<notification::direct_vlan>(),
+    needed_by<notification::authmode>(),
+    needed_by<notification::dirchn>(),
+    needed_by<notification::port_violation>(),
+    needed_by<notification::user_roll>(),
+    needed_by<notification::water_line>(),
     {msg::acl_counter_get,       {36}},
     {msg::ace_counter_get,       {36}},
     {msg::info_collect,          {0}},
     {msg::is_alive,              {0}},
     {msg::call_ret,              {8}},
     {msg::dev_cap,               {8}},
-    {msg::ace_counter,           {24, 20, record::ace_counter}},
+    needed_by<notification::ace_counters>(),
 });
 // clang-format on
 
