@@ -48,8 +48,8 @@
  * SCC_E_UNAVAILABLE when not registered; SCC_E_FORMAT for a reply of another type or one that is too
  * short; 12 out of memory; 32 when the daemon closed the connection; 4 when a signal handler installed
  * without SA_RESTART interrupted the wait (the reply is discarded by the next query, which still gets its
- * own); 11 when the daemon did not read the request for 3 seconds; another error of sending or receiving;
- * any code that the daemon puts into its reply.
+ * own); 11 when the request could not be sent for 3 seconds because the daemon does not read; another error
+ * of sending or receiving; any code that the daemon puts into its reply.
  *
  * Threads
  * - local: may be called from any thread and from every handler. It takes no lock of the library and needs no
@@ -715,8 +715,8 @@ uint32_t scc_user_acl_delete_vmsup(const struct scc_acl_key *key, uint32_t *call
 /* Change a VLAN binding and wait: 16 bytes of the reply are copied to out, which is left alone otherwise. The
  * key is not checked. Message 314, 232 bytes, reply 136, which carries no result code. Returns 0; 22 for a
  * null pointer; SCC_E_UNAVAILABLE; SCC_E_FORMAT; 12 out of memory; 32 when the daemon closed the connection;
- * 4 when a signal handler interrupted the wait; 11 when the daemon did not read the request for 3 seconds;
- * another error of sending or receiving. Threads: query. */
+ * 4 when a signal handler interrupted the wait; 11 when the request could not be sent for 3 seconds; another
+ * error of sending or receiving. Threads: query. */
 uint32_t scc_user_acl_change_vmsup(const struct scc_user_acl_record *record, uint8_t *out);
 /* Read an ACL's filter counter; *counter is set to 0 first (not for 22) and written when the result is 0.
  * Message 311, 24 bytes, reply 409. Threads: query. */
