@@ -482,7 +482,7 @@ class Manual:
 
 
 def exported(text):
-    return re.findall(r"^    ([A-Za-z_]\w*);$", text.split("local:")[0], re.M)
+    return re.findall(r"^    ([A-Za-z_]\w*);$", text, re.M)
 
 
 def main():
