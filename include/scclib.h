@@ -453,8 +453,9 @@ uint32_t scc_svr_unreg(void);
  * and handlers run on its thread.
  *
  * master is a struct qx_thread_master and must live as long as the process. The runtime directory's mode
- * is left as it is. Reconnects by a timer of 3 (seconds on a workstation). A second call before the first
- * one's registration has succeeded takes its place.
+ * is left as it is. Reconnects by a timer of 3 (seconds on a workstation). A second call takes
+ * the place of the first one before its first attempt to register, after that attempt has failed, and directly
+ * after a loss of the daemon; otherwise it changes nothing.
  * Sends message 301 on both sockets. Handlers: server_status.
  * Returns 0 when started, and when already started; 22 for a null master, a null record or an app id outside
  * 1 to 19; 5 when TMPDIR is unset or too long; 12 out of memory; the error of creating the directory or a
