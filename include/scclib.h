@@ -71,6 +71,7 @@
  *   at a time and without a lock of the library.
  * - buffer: not thread-safe: the text lies in a static buffer that the next call of the same function
  *   overwrites, on whatever thread. It may be called from a handler while no other thread calls it.
+ * - variable: plain memory, read and written without a lock; the host may do so at any time.
  *
  * Environment
  * - TMPDIR: the base of the runtime directory $TMPDIR/security/scc, which holds the daemon's socket and two
@@ -250,7 +251,11 @@ struct scc_user_roll {
 
 /* 70 handlers; a null pointer means that the call is not wanted. Results get the operation's result
  * code and the request's call id first, then the fields of the request. "result of" names the request,
- * "item" the notification's message type. Only user_change's return value is used. */
+ * "item" the notification's message type. Only user_change's return value is used.
+ *
+ * Handlers run on the library's receive thread, or on the event loop's thread after scc_agent_init, one at a
+ * time and without a library lock: they may call every function of this header, scc_svr_unreg included. Records
+ * and pointers are valid until the handler returns. */
 struct scc_handlers {
     /*  0: 0 when the daemon is lost, 1 when the application is registered (again) */
     void (*server_status)(uint32_t status);
@@ -453,9 +458,9 @@ uint32_t scc_svr_unreg(void);
  * and handlers run on its thread.
  *
  * master is a struct qx_thread_master and must live as long as the process. The runtime directory's mode
- * is left as it is. Reconnects by a timer of 3 (seconds on a workstation). A second call takes
- * the place of the first one before its first attempt to register, after that attempt has failed, and directly
- * after a loss of the daemon; otherwise it changes nothing.
+ * is left as it is. Reconnects by a timer of 3 (seconds on a workstation). A second call takes the place of the
+ * first one before its first attempt to register, after that attempt has failed, and directly after a loss of
+ * the daemon; otherwise it changes nothing.
  * Sends message 301 on both sockets. Handlers: server_status.
  * Returns 0 when started, and when already started; 22 for a null master, a null record or an app id outside
  * 1 to 19; 5 when TMPDIR is unset or too long; 12 out of memory; the error of creating the directory or a

@@ -340,7 +340,7 @@ class Manual:
 
     def threads(self, function):
         if function.is_variable:
-            return "Plain memory, read and written without a lock; the host may do so at any time."
+            return capital(self.header.contracts["variable"])
         return self.header.threads_of(function)
 
     @staticmethod
@@ -453,9 +453,6 @@ class Manual:
         page.heading('"HANDLERS OF AN APPLICATION"')
         for paragraph in self.header.structs["scc_handlers"][0]:
             page.text(paragraph)
-        page.text("They run on the library's receive thread, or on the event loop's thread after scc_agent_init, one at a "
-                  "time and without a library lock: they may call every function of the library, scc_svr_unreg included. "
-                  "Records and pointers are valid until the handler returns.")
         self.rows(page, self.table)
         page.heading('"HANDLERS OF THE SECURITY SERVICE"')
         for paragraph in self.header.structs["scc_ss_reg_info"][0]:
