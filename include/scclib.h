@@ -13,21 +13,32 @@
  * - Records are copied; no pointer of the caller is kept. Records handed to handlers are valid until
  *   the handler returns and belong to the library.
  * - Handlers run on the library's receive thread (or on the event loop after scc_agent_init), one at a
- *   time and without a library lock: they may call every function of this header.
+ *   time, also across registrations, and without a library lock: they may call every function of this
+ *   header.
+ * - While a handler runs, nothing is read from the daemon. A handler that sends many requests can therefore
+ *   stall: the daemon waits until its results are read, and the handler waits until the daemon reads its
+ *   requests. Each call then blocks until sending has timed out: 3 seconds, or about 67 while the library's
+ *   own thread is trying to send the waiting requests (21 times 3 seconds, with pauses of 0.2 seconds), and
+ *   those requests are lost. Send long series of requests from another thread, and bound the number of requests
+ *   whose results are outstanding.
  * - An asynchronous request returns 0 when it was accepted. A send that fails is not reported: the
- *   request is lost with the connection, and the server_status handler says so (0 lost, 1 regained).
+ *   request is lost. If the connection is lost as well, the server_status handler gets 0, and 1 once the
+ *   application is registered again.
+ * - The pointers that handlers of notifications get lead into the received message. Those of d1x_addr_move,
+ *   flow, noflow_offline, port_violate_notify, user_roll and ace_counters may be unaligned, where an item whose
+ *   length is not a multiple of 8 precedes: copy what they point to with memcpy().
  * - A child of fork() has no registration of its own and must not use the parent's.
  *
  * Arguments that mean the same in every function
- * - call_id_out: gets the request's call id, which the handler is called with; null when it is not wanted.
- *   Written once the request was handed to the connection, also when that failed.
+ * - call_id_out: gets the request's call id, which the handler is called with; may be null. Written once the
+ *   request was handed to the connection, also when that failed.
  * - key: the ACL's key. Null, an acl_id outside 1 to 32768 or an app_type outside 1 to 58 is 22,
  *   before anything else.
  * - ifx: an interface index, host byte order.
  * - enable: not 0 switches on, 0 off; the whole byte is sent and handed back.
- * - flag: the daemon's; one byte, sent and handed back as it is.
+ * - flag: one byte whose meaning is the daemon's; sent and handed back unchanged.
  * - call_id: the call id that the operation came with.
- * - result: 0 for success, or the result code that the daemon shall get.
+ * - result: 0 for success, or the result code for the daemon.
  *
  * Result codes of every asynchronous request: 0 when it was accepted; 22 for an argument out of range or
  * a null record (checked before any lock, also when not registered); SCC_E_UNAVAILABLE when not
@@ -35,14 +46,38 @@
  *
  * Result codes of every synchronous query: 0; 22 for an argument out of range or a null pointer;
  * SCC_E_UNAVAILABLE when not registered; SCC_E_FORMAT for a reply of another type or one that is too
- * short; 12 out of memory; 32 when the daemon closed the connection; the error of receiving; any code that
- * the daemon puts into its reply.
+ * short; 12 out of memory; 32 when the daemon closed the connection; 4 when a signal handler installed
+ * without SA_RESTART interrupted the wait (the reply is discarded by the next query, which still gets its
+ * own); 11 when the request could not be sent for 3 seconds because the daemon does not read; another error
+ * of sending or receiving; any code that the daemon puts into its reply.
+ *
+ * Threads
+ * - local: may be called from any thread and from every handler. It takes no lock of the library and needs no
+ *   registration.
+ * - request: may be called from any thread and from every handler of an application. It takes the library's
+ *   lock, so it waits for a synchronous query of another thread. The security service must not call it from a
+ *   handler that runs with the library's lock held; struct scc_ss_reg_info names them.
+ * - query: may be called from any thread and from every handler of an application; a handler that waits for
+ *   an answer delays the handlers after it. It holds the library's lock until the answer has arrived. The
+ *   security service must not call it from a handler that runs with the library's lock held; struct
+ *   scc_ss_reg_info names them.
+ * - cache: may be called from any thread and from every handler of an application. It takes the library's
+ *   lock, so it waits for a synchronous query of another thread. The cache is updated after the handler of the
+ *   result has returned, so that handler does not see the change yet. The security service must not call it
+ *   from a handler that runs with the library's lock held; struct scc_ss_reg_info names them.
+ * - service: may be called from any thread, and from those handlers of the service that run without the
+ *   library's lock; struct scc_ss_reg_info names them. It takes that lock.
+ * - loop: must be called on the event loop's thread, also from a handler. All handlers run on that thread, one
+ *   at a time and without a lock of the library.
+ * - buffer: not thread-safe: the text lies in a static buffer that the next call of the same function
+ *   overwrites, on whatever thread. It may be called from a handler while no other thread calls it.
+ * - variable: plain memory, read and written without a lock; the host may do so at any time.
  *
  * Environment
  * - TMPDIR: the base of the runtime directory $TMPDIR/security/scc, which holds the daemon's socket and two
  *   sockets of each registered process. Its last component is the instance number.
  * - DATA_QXOS_DIR: the base of the debug switch file $DATA_QXOS_DIR/security/scc/scclib_dbg.txt, read at
- *   registration: a line with a process's name, as it was started, and 1 switches its log lines on.
+ *   registration: a line with a process's name, as it was started, and 1 enables its log.
  */
 #ifndef SCCLIB_H
 #define SCCLIB_H
@@ -62,16 +97,16 @@ extern "C" {
 #define SCC_E_REGISTER_REJECTED 2000u    /* the daemon refused the registration */
 #define SCC_E_UNREGISTER_REJECTED 2001u  /* the daemon refused the unregistration */
 #define SCC_E_REGISTERED_ALREADY 2002u   /* the process is registered already */
-#define SCC_E_UNREGISTERED_ALREADY 2003u /* the process is not registered any more */
-#define SCC_E_UNAVAILABLE 2004u          /* not registered, or the daemon is away */
+#define SCC_E_UNREGISTERED_ALREADY 2003u /* the process is no longer registered */
+#define SCC_E_UNAVAILABLE 2004u          /* not registered, or the daemon is not there */
 #define SCC_E_NO_ACL 2005u               /* no such ACL */
 #define SCC_E_NO_ACE 2006u               /* no such ACE */
-#define SCC_E_FORMAT 2007u               /* a message or reply that is malformed */
+#define SCC_E_FORMAT 2007u               /* a malformed message or reply */
 #define SCC_E_NOT_APPLIED 2008u          /* the ACL is not applied there */
 #define SCC_E_APPLIED_ALREADY 2009u      /* the ACL is already applied there */
 #define SCC_E_ACL_EXISTS 2010u           /* the ACL exists already */
 #define SCC_E_ACE_EXISTS 2011u           /* the ACE exists already */
-#define SCC_E_STILL_APPLIED 2012u        /* the ACL is not unapplied */
+#define SCC_E_STILL_APPLIED 2012u        /* the ACL is still applied */
 #define SCC_E_NO_DATA_QUERY 2013u        /* the registration option is not 1 */
 #define SCC_E_NO_HTTP_PORT 2014u         /* no such HTTP port */
 #define SCC_E_NO_DIRECT_HOST 2015u       /* no such direct-channel host */
@@ -216,7 +251,11 @@ struct scc_user_roll {
 
 /* 70 handlers; a null pointer means that the call is not wanted. Results get the operation's result
  * code and the request's call id first, then the fields of the request. "result of" names the request,
- * "item" the notification's message type. Return values are ignored but for user_change. */
+ * "item" the notification's message type. Only user_change's return value is used.
+ *
+ * Handlers run on the library's receive thread, or on the event loop's thread after scc_agent_init, one at a
+ * time and without a library lock: they may call every function of this header, scc_svr_unreg included. Records
+ * and pointers are valid until the handler returns. */
 struct scc_handlers {
     /*  0: 0 when the daemon is lost, 1 when the application is registered (again) */
     void (*server_status)(uint32_t status);
@@ -238,7 +277,7 @@ struct scc_handlers {
     void (*d1x_redirect)(uint32_t result, uint32_t call_id, uint8_t value);
     /*  9: result of scc_d1x_mac_move */
     void (*d1x_mac_move)(uint32_t result, uint32_t call_id, uint8_t value);
-    /* 10: item 110, 802.1X addresses moved: count entries at moves */
+    /* 10: item 110, 802.1X addresses moved; moves has count entries */
     void (*d1x_addr_move)(uint32_t count, const struct scc_address_move *moves);
     /* 11: result of scc_webauth_set */
     void (*webauth)(uint32_t result, uint32_t call_id, const struct scc_config_record *record);
@@ -256,7 +295,7 @@ struct scc_handlers {
     void (*dirchn_arp)(uint32_t result, uint32_t call_id, uint32_t first, uint32_t second, uint8_t third);
     /* 17: result of scc_sp_port_secuity */
     void (*port_security)(uint32_t result, uint32_t call_id, const struct scc_config_record *record);
-    /* 18: of request kind 17, which no request saves; kept for its place */
+    /* 18: never called: no request has kind 17; keeps its position */
     void (*reserved_kind_17)(uint32_t result, uint32_t call_id, const struct scc_config_record *record);
     /* 19: result of scc_global_ip_mac */
     void (*global_ip_mac)(uint32_t result, uint32_t call_id, const struct scc_config_record *record);
@@ -282,7 +321,7 @@ struct scc_handlers {
     /* 29: result of scc_ndsnp_default_bind_set */
     void (*ndsnp_default_bind)(uint32_t result, uint32_t call_id, uint32_t first, uint32_t second,
                                uint8_t third);
-    /* 30: of request kind 29, which no request saves; kept for its place */
+    /* 30: never called: no request has kind 29; keeps its position */
     void (*reserved_kind_29)(uint32_t result, uint32_t call_id, const struct scc_config_record *record);
     /* 31: result of scc_nac_nbr_set */
     void (*nac_neighbour)(uint32_t result, uint32_t call_id, const struct scc_neighbour_record *record,
@@ -354,8 +393,9 @@ struct scc_handlers {
     void (*offline_detect_notify)(uint32_t first, uint8_t open, uint32_t interval, uint32_t threshold);
     /* 62: result of scc_direct_vlan_set; value is the low byte of the first argument */
     void (*direct_vlan)(uint32_t result, uint32_t call_id, uint8_t value, const struct scc_vlan_record *vlans);
-    /* 63: item 127, a user was added (not 0) or deleted; both pointers lead into the daemon's record, the
-     *     bytes from offset 24 and from 80. Not 0 is counted as a failure of the application. */
+    /* 63: item 127, a user was added (not 0) or deleted; user and detail point to the bytes at the offsets 24
+     *     and 80 of the item. An item may end at offset 80: then there are no bytes at detail. A return value
+     *     other than 0 is counted as a failure of the application. */
     int (*user_change)(uint8_t add, const void *user, const void *detail);
     /* 64: item 216, a direct-channel address was added (1) or deleted (0); ip in network order */
     void (*dirchn)(uint8_t add, uint32_t ip);
@@ -363,7 +403,7 @@ struct scc_handlers {
     void (*port_violate_notify)(uint8_t add, const struct scc_port_violation *violation);
     /* 66: item 219, a user roams */
     void (*user_roll)(const struct scc_user_roll *roll);
-    /* 67: item 220; never called: the library does not install it, and ignores the notification */
+    /* 67: item 220; never called: the library does not install it and ignores the notification */
     void (*water_line)(uint8_t start);
     /* 68: result of scc_arp_dyn_entry_set */
     void (*arp_dyn_entry)(uint32_t result, uint32_t call_id, const struct scc_user_record *record);
@@ -383,64 +423,83 @@ struct scc_reg_info {
 /*
  * Start the library for this process and register with the daemon.
  *
- * Two threads are started. Registration itself completes on the receive thread, which tries every
- * 2 seconds for as long as it takes, now and after every loss of the daemon; the server_status handler
- * gets 1 each time it has succeeded and 0 when a connection was lost. Pending requests, the ACL cache
- * and the statistics are dropped at each loss. Sets the process's umask to 0.
+ * Two threads are started. The receive thread registers, trying every 2 seconds until it succeeds, now and
+ * after every loss of the daemon; the server_status handler gets 1 each time it has succeeded and 0 when a
+ * connection was lost. Pending requests and the ACL cache are dropped at each loss; the statistics begin at 0
+ * with each registration. Sets the process's umask to 0.
  *
  * Sends message 301 on both sockets. Handlers: server_status.
  * Returns 0 when started, and when already started; 22 for a null record or an app id outside 1 to 19;
  * 5 when TMPDIR is unset or too long; the error of creating the directory or a thread.
+ * Threads: may be called from any thread and from every handler of an application. Handlers run on the
+ * library's receive thread, one at a time and without a lock of the library. After an unregistration, nothing
+ * is delivered to the new registration before a handler of the earlier one that is still running has returned.
  */
 uint32_t scc_svr_reg(const struct scc_reg_info *info);
 
 /*
  * Unregister and stop. Does nothing and returns 0 when not registered at the moment.
  *
- * After 0 no handler is called any more but for one that is running. May be called from a handler.
+ * After 0 nothing more is delivered: no handler is called for a result or notification whose delivery had not
+ * begun. A handler that is running, or that the receive thread was just about to call, may still run to its
+ * end; a later registration delivers nothing before it has returned. When a handler unregisters, no other
+ * handler is called after it.
+ *
  * Sends message 302 on the synchronous socket and waits for the reply.
- * Returns 0; SCC_E_UNREGISTER_REJECTED when the daemon refused (the library then stays registered);
- * the error of the exchange.
+ * Returns 0; SCC_E_UNREGISTER_REJECTED when the daemon refused; the error of the exchange, such as 4 when a
+ * signal handler interrupted it. After an error the application is registered as before.
+ * Threads: may be called from any thread and from every handler of an application. It takes the library's
+ * lock, so it waits for a synchronous query of another thread.
  */
 uint32_t scc_svr_unreg(void);
 
 /*
  * Register from an event loop of the platform: connecting, reading and recovery are tasks on master,
- * and handlers run on its thread. Call it on that thread.
+ * and handlers run on its thread.
  *
- * master is a struct qx_thread_master, kept for the life of the process. The runtime directory's mode
- * is left as it is. Reconnects by a timer of 3 (seconds on a workstation).
+ * master is a struct qx_thread_master and must live as long as the process. The runtime directory's mode
+ * is left as it is. Reconnects by a timer of 3 (seconds on a workstation). A second call takes the place of the
+ * first one before its first attempt to register, after that attempt has failed, and directly after a loss of
+ * the daemon; otherwise it changes nothing.
  * Sends message 301 on both sockets. Handlers: server_status.
  * Returns 0 when started, and when already started; 22 for a null master, a null record or an app id outside
  * 1 to 19; 5 when TMPDIR is unset or too long; 12 out of memory; the error of creating the directory or a
  * thread.
+ * Threads: loop.
  */
 uint32_t scc_agent_init(const struct scc_reg_info *info, void *master);
 
 /*
- * Unregister and cancel the tasks of scc_agent_init. Call it on the event loop's thread.
- * Does nothing and returns 0 when not registered at the moment. Sends message 302 on the synchronous socket
- * and waits for the reply.
- * Returns 0; SCC_E_UNREGISTER_REJECTED when the daemon refused (the library then stays registered);
- * the error of the exchange.
+ * Unregister and cancel the tasks of scc_agent_init.
+ * Does nothing and returns 0 when not registered at the moment. After 0 no handler is called any more; when a
+ * handler calls it, none is called after that one. Sends message 302 on the synchronous socket and waits for
+ * the reply.
+ * Returns 0; SCC_E_UNREGISTER_REJECTED when the daemon refused; the error of the exchange, such as 4 when a
+ * signal handler interrupted it. After an error the application is registered as before.
+ * Threads: loop.
  */
 uint32_t scc_agent_finish(void);
 
 /*
- * Set the function that is called after every successful registration by the event loop; null for none.
- * May be called at any time, on any thread; the function is called on the event loop's thread. Returns 0.
+ * Set the function that is called after every successful registration by the event loop; null for none. It may
+ * be set before scc_agent_init and changed at any time.
+ * Returns 0, always.
+ * Threads: may be called from any thread and from every handler. The function that was set is called on the
+ * event loop's thread.
  */
 uint32_t scc_agent_set_connect_callback(void (*callback)(void));
 
 /* ---- configuration requests ------------------------------------------------------------------- */
 
-/* A request is sent on the asynchronous socket within 5 milliseconds, or at once when 8,192 bytes wait. Its
- * arguments are copied before it returns and handed back to the handler with the result. Arguments whose
- * meaning is not told here are the application's and the daemon's: they are sent, in host byte order and
- * 4 bytes each, and handed back as they are.
+/* A request is sent on the asynchronous socket within 5 milliseconds, or at once when 8,192 bytes are waiting.
+ * Its arguments are copied before it returns and passed to the handler with the result. Arguments whose meaning
+ * is not described here belong to the application and the daemon: they are sent unchanged, in host byte order
+ * and 4 bytes each, and passed to the handler unchanged.
  *
- * "Message" names the message's type, "kind" the request's kind with which its result is found, and the
- * bytes are those of the message's value. */
+ * "Message" is the message's type, "kind" the request's kind, which selects the handler of its result; the
+ * bytes are those of the message's value.
+ *
+ * Threads: request. */
 
 /* Set the 802.1X authentication method. Message 101, kind 1, 744 bytes. Handler: d1x_authen_method. */
 uint32_t scc_d1x_authen_method(const struct scc_config_record *record, uint32_t *call_id_out);
@@ -554,15 +613,19 @@ uint32_t scc_warterline_notify(int start);
 uint32_t scc_test_cmd_set(uint32_t command);
 /* Write the names of the binding owners in mask, joined by a slash, into buf of size bytes, in this order:
  * 0x2 AAA ip-auth-mode, 0x10 address-bind, 0x80 VRB, 0x20 DHCP snooping, 0x4 port-security, 0x8 web-authen.
- * Stops at a name that does not fit with one byte to spare for its slash; a slash in front of that name
+ * Stops at a name that does not fit with one byte to spare for its slash; a slash before that name
  * stays. The text always ends with a null byte. Does nothing when buf is null or size below 1. Local: no
- * message. Returns nothing. */
+ * message. Returns nothing. Threads: local. */
 void scc_bind_user_name_get(int mask, char *buf, int size);
 
 /* ---- synchronous queries ---------------------------------------------------------------------- */
 
 /* A query blocks until the daemon has answered on the synchronous socket. It holds the library's lock for that
- * time, so queries and requests of other threads wait for it. No handler is involved. */
+ * time, so queries and requests of other threads wait for it. No handler is involved. A query that a signal
+ * interrupted, or that could not be sent, has no effect on the answers of later ones; one that was sent in part
+ * ends the connection.
+ *
+ * Threads: query. */
 
 /* Look up the IPv4 address (network order) of the MAC address at mac (6 bytes). *ip is written when the
  * result is 0. Message 315, 152 bytes, reply 413. */
@@ -571,8 +634,8 @@ uint32_t scc_mac_query(const uint8_t *mac, uint32_t *ip);
  * call id is written once the query was sent. Message 317, 744 bytes, reply 415. */
 uint32_t scc_sp_port_addr_num(const struct scc_config_record *record, uint32_t *call_id_out);
 /* Read a NAC user; record->operation must be 2, else 22. The record is overwritten by the reply's whatever
- * its result, and left alone when the reply holds none, as a refusal may. Takes no call id. Message 307, 744 bytes, reply
- * 401. */
+ * its result, and left alone when the reply holds none, as a refusal may. Takes no call id. Message 307, 744
+ * bytes, reply 401. */
 uint32_t scc_nac_user_get(struct scc_user_record *record);
 /* Set the mirror's destination port and wait. The call id is written once the query was sent. Message 316,
  * 744 bytes, reply 414. */
@@ -588,18 +651,21 @@ uint32_t scc_arp_check_user_count_get(uint32_t key, uint32_t *count);
  * reply holds fewer entries than it says (SCC_E_FORMAT); a negative *count takes none. selector passes
  * unchanged. Message 305, 12 bytes, reply 410. */
 uint32_t scc_arp_check_user_data_get(uint32_t selector, void *buf, int *count);
-/* Tell the most users of a NAC kind: for kinds 1 and 4 to 7 *a becomes 4096, *b and *c 3000; for every
- * other kind all three become 128. Null pointers are skipped. Local: no message. Returns 0 always. */
+/* Get the greatest number of users of a NAC kind: for kinds 1 and 4 to 7 *a becomes 4096, *b and *c 3000; for
+ * every other kind all three become 128. Null pointers are skipped. Local: no message. Returns 0, always.
+ * Threads: local. */
 uint32_t scc_get_nac_max_user(int kind, uint64_t *a, uint64_t *b, uint64_t *c);
-/* Tell whether the device counts per NAC user: 1 yes, 0 no. Local: no message, from the device's capability
- * word. Returns 0; 22 for a null pointer; SCC_E_UNAVAILABLE. */
+/* Get whether the device counts per NAC user: 1 yes, 0 no. Local: no message, from the device's capability
+ * word. Returns 0; 22 for a null pointer; SCC_E_UNAVAILABLE. Threads: request. */
 uint32_t scc_nac_user_counter_support(uint8_t *supported);
 
 /* ---- ACL management --------------------------------------------------------------------------- */
 
-/* Changes that the daemon has confirmed enter the process's ACL cache, behind the result's handler, when the
- * registration option is not 0. Calls that read the cache send nothing and need the option 1; the cache is
- * emptied when the daemon is lost. */
+/* Changes that the daemon has confirmed enter the process's ACL cache after the result's handler has returned,
+ * provided that the registration option is not 0. Calls that read the cache send nothing and need the option 1;
+ * the cache is emptied when the daemon is lost.
+ *
+ * Threads: request. */
 
 /* Create an ACL. Message 131, kind 31, 140 bytes. Handler: acl_create. */
 uint32_t scc_acl_create(const struct scc_acl_key *key, uint32_t *call_id_out);
@@ -615,7 +681,7 @@ uint32_t scc_acl_delete_ace(const struct scc_acl_key *key, const struct scc_ace_
 /* Apply an ACL. An apply type of 0 becomes the key's app type, in the caller's record and also when the call
  * then fails; outside 1 to 58 it is 22. Message 133, kind 35, 248 bytes. Handler: acl_apply. */
 uint32_t scc_acl_apply(struct scc_acl_apply_record *record, uint32_t *call_id_out);
-/* Undo an application, with the rules of scc_acl_apply. Message 133, kind 36, 248 bytes. Handler:
+/* Unapply an ACL, with the rules of scc_acl_apply. Message 133, kind 36, 248 bytes. Handler:
  * acl_unapply. */
 uint32_t scc_acl_unapply(struct scc_acl_apply_record *record, uint32_t *call_id_out);
 /* Renumber the ACEs; both numbers at least 1 as signed, else 22. Message 138, kind 40, 28 bytes. Handler:
@@ -626,19 +692,22 @@ uint32_t scc_acl_reseqence(const struct scc_acl_key *key, uint32_t sn_start, uin
  * bytes, no result. Returns 0 when it was accepted; SCC_E_UNAVAILABLE; 12 out of memory. */
 uint32_t scc_data_recover(int argument);
 /* Read an ACL's class from the cache into key->acl_class. The key's class takes no part in finding the ACL.
- * Returns 0; 22 for an invalid key; SCC_E_UNAVAILABLE; SCC_E_NO_DATA_QUERY; SCC_E_NO_ACL. */
+ * Returns 0; 22 for an invalid key; SCC_E_UNAVAILABLE; SCC_E_NO_DATA_QUERY; SCC_E_NO_ACL.
+ * Threads: cache. */
 uint32_t scc_acl_cls_get(struct scc_acl_key *key);
 /* Copy an ACL's ACEs from the cache, in sequence order, to a list: each a struct scc_ace_record of its own,
  * linked through its link, which the caller frees with free(). The head is initialised here. Returns 0; 22
  * for an invalid key or a null head; SCC_E_UNAVAILABLE; SCC_E_NO_DATA_QUERY; SCC_E_NO_ACL; 12 out of
- * memory, with an empty list. */
+ * memory, with an empty list. Threads: cache. */
 uint32_t scc_acl_get_ace(const struct scc_acl_key *key, struct scc_list_head *aces);
-/* Copy the first cached ACE with the sequence number sn into *ace, whose link is not to be followed.
+/* Copy the first cached ACE with the sequence number sn into *ace, whose link must not be used.
  * Returns 0; 22 for an invalid key or a null ace; SCC_E_UNAVAILABLE; SCC_E_NO_DATA_QUERY; SCC_E_NO_ACL;
- * SCC_E_NO_ACE. */
+ * SCC_E_NO_ACE. Threads: cache. */
 uint32_t scc_acl_get_ace_by_sn(const struct scc_acl_key *key, uint32_t sn, struct scc_ace_record *ace);
 
 /* ---- user ACLs and counters ------------------------------------------------------------------- */
+
+/* Threads: request. */
 
 /* Bind the ACL of record->key to a user; 22 for an invalid key. Message 134, kind 37, 224 bytes. Handler:
  * user_acl_apply. */
@@ -652,15 +721,17 @@ uint32_t scc_user_acl_delete_vmsup(const struct scc_acl_key *key, uint32_t *call
 /* Change a VLAN binding and wait: 16 bytes of the reply are copied to out, which is left alone otherwise. The
  * key is not checked. Message 314, 232 bytes, reply 136, which carries no result code. Returns 0; 22 for a
  * null pointer; SCC_E_UNAVAILABLE; SCC_E_FORMAT; 12 out of memory; 32 when the daemon closed the connection;
- * the error of receiving. */
+ * 4 when a signal handler interrupted the wait; 11 when the request could not be sent for 3 seconds; another
+ * error of sending or receiving. Threads: query. */
 uint32_t scc_user_acl_change_vmsup(const struct scc_user_acl_record *record, uint8_t *out);
 /* Read an ACL's filter counter; *counter is set to 0 first (not for 22) and written when the result is 0.
- * Message 311, 24 bytes, reply 409. */
+ * Message 311, 24 bytes, reply 409. Threads: query. */
 uint32_t scc_acl_get_filter_counter(const struct scc_acl_key *key, uint64_t *counter);
-/* Read an ACL's counter; *counter is written when the result is 0. Message 312, 40 bytes, reply 408. */
+/* Read an ACL's counter; *counter is written when the result is 0. Message 312, 40 bytes, reply 408.
+ * Threads: query. */
 uint32_t scc_acl_get_counter(const struct scc_acl_key *key, uint64_t *counter);
 /* Read the counter of the ACE with the number ace; *counter is written when the result is 0. Message 313,
- * 40 bytes, reply 407. */
+ * 40 bytes, reply 407. Threads: query. */
 uint32_t scc_ace_get_counter(const struct scc_acl_key *key, uint64_t ace, uint64_t *counter);
 /* Reset an ACL's filter counter. Message 139, kind 41, 24 bytes. Handler: filter_counter_reset. */
 uint32_t scc_acl_reset_filter_counter(const struct scc_acl_key *key, uint32_t *call_id_out);
@@ -672,9 +743,9 @@ uint32_t scc_ace_reset_counter(const struct scc_acl_key *key, uint64_t ace, uint
 
 /* ---- the security service --------------------------------------------------------------------- */
 
-/* An operation record lives for the call of its handler. A service that answers later keeps a copy and
- * calls callback with it, once, from any thread. The service fills in ret, and op as SCC_SS_OP_* (the
- * outcome is counted by it). When the handler returns, the library itself has sent nothing. */
+/* An operation record is valid until its handler returns. A service that answers later keeps a copy and
+ * calls callback with it, once, from any thread. The service fills in ret, and op as SCC_SS_OP_*, which
+ * selects the counter of the outcome. The library itself sends nothing when the handler returns. */
 
 #define SCC_SS_OP_CREATE 0u
 #define SCC_SS_OP_DELETE 1u
@@ -771,9 +842,9 @@ struct scc_ss_user {
 
 /* What the service registers with: 26 handlers. A handler that is missing is answered with success.
  * Handlers return 0 when they accepted the operation. server_status runs on the receive thread, all others
- * on the processing thread, one at a time; those that take a record, data_recover and user_read with the
- * library's lock held, so they must not call other functions of this header than the record's callback.
- * What a pointer argument points to lives for the call. */
+ * on the processing thread, one at a time. Those that take a record, data_recover and user_read run with the
+ * library's lock held: of this header they may call the record's callback and the functions that take no
+ * lock, nothing else. Pointers are valid until the handler returns. */
 struct scc_ss_reg_info {
     void (*server_status)(uint32_t status);                                    /*  0 */
     int (*acl_create)(struct scc_ss_acl_operation *operation);                 /*  1: message 131 */
@@ -821,15 +892,19 @@ struct scc_ss_reg_info {
  * Sends message 301 on both sockets. Handlers: server_status.
  * Returns 0 when started, and when already started; 22 for a null record; 5 when TMPDIR is unset or too
  * long; 12 out of memory; the error of creating the directory or a thread.
+ * Threads: may be called from any thread. server_status runs on the receive thread, the other handlers on the
+ * processing thread, one at a time.
  */
 uint32_t scc_ss_reg(const struct scc_ss_reg_info *info);
 /* Ask the daemon to send everything that the hardware must hold. Message 204, 8 bytes, no reply. Returns 0
- * when it was handed to the connection; SCC_E_UNAVAILABLE; 12 out of memory. */
+ * when it was handed to the connection; SCC_E_UNAVAILABLE; 12 out of memory. Threads: service. */
 uint32_t scc_ss_fetch_func(void);
 
 /* An answer may be given from the operation's handler or later, on any thread. Each sends message 402 with the
- * operation's type, the call id and the result. Values called "unused" are the service's own and are not sent.
- * An answer that is given while the daemon is away is lost. */
+ * operation's type, the call id and the result. Arguments called "unused" are not sent. An answer that is given
+ * while the daemon is lost is dropped.
+ *
+ * Threads: service. */
 
 /* Answer message 148, the app_set handler; type is the application's type. Returns 0 when it was handed to
  * the connection; 12 out of memory. */
@@ -859,14 +934,16 @@ uint32_t scc_ssc_nacm_user_reinstall_callback(uint32_t result, uint32_t call_id,
  * out of memory. */
 uint32_t scc_offline_detect_cfg_ret_callback(uint32_t result, uint32_t call_id, uint32_t unused_open,
                                              uint32_t unused_interval, uint32_t unused_threshold);
-/* Tell the callback of an operation code (SCC_SS_OP_*), for a service that did not keep the record's own.
+/* Get the callback of an operation code (SCC_SS_OP_*), for a service that did not keep the record's own.
  * Code 10 has the callback of the ACL counter, as 9 has; those of the egress port and of the ACE counter
  * are reached through the record alone. Local: no message. Returns the function for 0 to 7 and 9 to 11;
- * null for every other code. */
+ * null for every other code. Threads: local. */
 scc_ss_ret_callback scc_ssc_appmng_get_callback(uint32_t op);
 
 /* A report is sent at once on the synchronous socket under a call id of its own and is not answered. Nothing
- * is queued or retried: a report is lost when the connection is down. Records are copied. */
+ * is queued or retried: a report is lost when the connection is down. Records are copied.
+ *
+ * Threads: service. */
 
 /* Report addresses that moved: count (at least 1) entries at moves. Message 202, 8 + 16 * count bytes.
  * Returns 0 when it was handed to the connection; 22 for null or a count below 1; SCC_E_UNAVAILABLE; 12 out
@@ -888,8 +965,10 @@ uint32_t scc_ss_ace_counter_notify(const struct scc_acl_key *key, uint32_t count
 
 /* ---- texts, paths, identity ------------------------------------------------------------------- */
 
-/* Tell the text of any result code: the system's for an errno number, the library's own for 2000 to 2020,
- * "unknown errno" for a negative number and for one above. Returns the text; never null, not to be freed. */
+/* Threads: local. */
+
+/* Get the text of any result code: the system's for an errno number, the library's own for 2000 to 2020,
+ * "unknown errno" for every other number. Returns the text, which must not be freed; never null. */
 const char *scc_strerror(int32_t errnum);
 /* Join the value of TMPDIR (base 1) or DATA_QXOS_DIR (base 2) and suffix in dst of size bytes, ending null
  * byte included. Returns 1; 0, with dst untouched, for a null pointer, another base, a variable that is not
@@ -897,13 +976,13 @@ const char *scc_strerror(int32_t errnum);
 int scc_make_path(char *dst, const char *suffix, int size, int base);
 /* Create every directory of an absolute path, or of one that begins with "./", with mode 0777 less the
  * umask; those that exist are left. At most 107 characters are used. Directories made before a failure
- * stay. Returns 0; 22 for null; 20 for another path; 2 when the working directory cannot be told; 28 for a
- * relative path that is too long; the error of mkdir. */
+ * stay. Returns 0; 22 for null; 20 for another path; 2 when the working directory cannot be determined; 28 for
+ * a relative path that is too long; the error of mkdir. */
 uint32_t _scc_dir_create(const char *path);
-/* Tell the instance number, the last component of TMPDIR, which must hold a slash when it is set. Returns
+/* Get the instance number, the last component of TMPDIR, which must hold a slash when it is set. Returns
  * the number that the component begins with; 0 when TMPDIR is unset or there is none. */
 uint32_t _scc_vsd_id_get(void);
-/* Tell the instance number, the last component of TMPDIR. Returns the number that the component begins
+/* Get the instance number, the last component of TMPDIR. Returns the number that the component begins
  * with; 0 when TMPDIR is unset, holds no slash or there is none. */
 uint32_t _scc_lib_vsd_id_get(void);
 /* Read the first argument of the command line of process pid into buf of size bytes, cut to fit; the rest
@@ -917,27 +996,32 @@ uint32_t _get_get_avail_svrid(void);
 uint32_t _scc_get_cur_svrid(void);
 
 /* Each function that shows an address has one static buffer, shared by all threads: its text is valid until
- * its next call, from whatever thread. Two threads must not call the same one at a time. */
+ * its next call, on whatever thread. Two threads must not call the same one at a time.
+ *
+ * Threads: buffer. */
 
-/* Show the IPv4 address ip (network order) as four decimal numbers. Returns the text, not to be freed. */
+/* Show the IPv4 address ip (network order) as four decimal numbers. Returns the text, which must not be
+ * freed. */
 const char *ip_show(uint32_t ip);
-/* Show the IPv4 mask (network order) as four decimal numbers. Returns the text, not to be freed. */
+/* Show the IPv4 mask (network order) as four decimal numbers. Returns the text, which must not be freed. */
 const char *mask_show(uint32_t mask);
-/* Show the IPv6 address (network order). Returns the text, not to be freed. */
+/* Show the IPv6 address (network order). Returns the text, which must not be freed. */
 const char *ipv6_show(struct in6_addr address);
-/* Show the IPv6 mask (network order) as an address. Returns the text, not to be freed. */
+/* Show the IPv6 mask (network order) as an address. Returns the text, which must not be freed. */
 const char *ipv6_mask_show(struct in6_addr mask);
 /* Show the MAC address of 6 bytes at mac as three dotted groups of four hexadecimal digits. Returns the
- * text, not to be freed. */
+ * text, which must not be freed. */
 const char *mac_show(const uint8_t *mac);
-/* Make an IPv4 address in host order of four numbers, the most significant first. Returns the address; 0
- * when a number is outside 0 to 255. */
+/* Make an IPv4 address in host order from four numbers, the most significant first. Returns the address; 0
+ * when a number is outside 0 to 255. Threads: local. */
 uint32_t ip_set(int a, int b, int c, int d);
-/* Count the leading one bits of the IPv4 mask (network order); one bits behind a 0 are not counted. Returns
- * 0 to 32. */
+/* Count the leading one bits of the IPv4 mask (network order); one bits after a 0 are not counted. Returns
+ * 0 to 32. Threads: local. */
 int mask_count(uint32_t mask);
 
 /* ---- timing probes ---------------------------------------------------------------------------- */
+
+/* Threads: local. Two threads should not measure under one index at a time. */
 
 #define SCC_PERF_ENTRIES 53
 
@@ -955,11 +1039,11 @@ struct scc_perf_entry {
 extern uint8_t g_scc_perf_debug;                          /* switches the probes on; set by the host */
 extern struct scc_perf_entry g_scc_perf[SCC_PERF_ENTRIES]; /* the timing probes; read by the host */
 
-/* Begin a measurement: keep the time in the entry index, 0 to 52, which is not checked. Does nothing while
+/* Begin a measurement: keep the time in the entry index, 0 to 52. Does nothing for another index, or while
  * g_scc_perf_debug is 0. Returns nothing. */
 void scc_time_elapse_start(uint32_t index);
-/* End a measurement: add the time since its begin to the entry index, 0 to 52, which is not checked. Does
- * nothing while g_scc_perf_debug is 0. Returns nothing. */
+/* End a measurement: add the time since it began to the entry index, 0 to 52. Does nothing for another index,
+ * or while g_scc_perf_debug is 0. Returns nothing. */
 void scc_time_elapse_end(uint32_t index);
 
 #pragma GCC visibility pop

@@ -7,7 +7,9 @@ HEADER is scclib.h, EXPORTS the linker's version script. DIRECTORY gets man3/NAM
 name, man7/scclib.7 and man7/scclib-handlers.7. This program relies on the form of the header's comments: a
 section begins with a comment of dashes; a function's comment directly precedes it; "Returns" begins the
 sentence of the return values, which are separated by semicolons; "Handler:" names the handlers that get a
-request's result.
+request's result; "Threads:" begins a comment's last part, which says who may call the function. That part
+stands in the comment of the function, or of its section for all others, and may begin with the name of one
+of the contracts in the list "Threads" of the head comment.
 """
 import pathlib
 import re
@@ -19,71 +21,6 @@ from roff_page import Page, broken_prototype, capital, wrapped  # noqa: E402
 ERRNO_NAMES = {"0": "Success", "2": "ENOENT", "5": "EIO", "12": "ENOMEM", "20": "ENOTDIR", "22": "EINVAL", "28": "ENOSPC",
                "32": "EPIPE"}  # fmt: skip
 
-ANY_THREAD = "May be called from any thread."
-LOCKED = (
-    "May be called from any thread and from every handler of an application. It takes the library's lock, so "
-    "it waits for a synchronous query of another thread. The security service must not call it from a handler "
-    "that runs with the library's lock held; scclib-handlers(7) names them."
-)
-SYNCHRONOUS = (
-    "May be called from any thread and from every handler of an application; a handler that waits for an "
-    "answer delays the following handlers. It holds the library's lock until the answer has arrived. The security "
-    "service must not call it from a handler that runs with the library's lock held; scclib-handlers(7) names "
-    "them."
-)
-LOCAL = ANY_THREAD[:-1] + " and from every handler. It takes no lock of the library and needs no registration."
-CACHE = (
-    "May be called from any thread and from every handler of an application. It takes the library's lock, so "
-    "it waits for a synchronous query of another thread. The cache is updated after the handler of the result "
-    "has returned, so that handler does not see the change yet."
-)
-LOOP = (
-    "Call it on the thread of the event loop. All handlers run on that thread, one at a time and without a lock "
-    "of the library."
-)
-BUFFER = (
-    "Not thread-safe: the text lies in a static buffer that the next call overwrites, from whatever thread. May "
-    "be called from handlers when no other thread calls it."
-)
-
-# The thread contracts by function, and by section for all others.
-THREADS_OF = {
-    "scc_svr_reg": ANY_THREAD + " Handlers run on the library's receive thread, one at a time and without a lock of "
-    "the library.",
-    "scc_svr_unreg": "May be called from any thread and from every handler of an application.",
-    "scc_agent_init": LOOP,
-    "scc_agent_finish": LOOP + " May be called from a handler.",
-    "scc_agent_set_connect_callback": "May be called from any thread and from handlers. The function set runs on "
-    "the thread of the event loop.",
-    "scc_bind_user_name_get": LOCAL,
-    "scc_get_nac_max_user": LOCAL,
-    "scc_nac_user_counter_support": LOCKED,
-    "scc_acl_cls_get": CACHE,
-    "scc_acl_get_ace": CACHE,
-    "scc_acl_get_ace_by_sn": CACHE,
-    "scc_user_acl_change_vmsup": SYNCHRONOUS,
-    "scc_acl_get_filter_counter": SYNCHRONOUS,
-    "scc_acl_get_counter": SYNCHRONOUS,
-    "scc_ace_get_counter": SYNCHRONOUS,
-    "scc_ss_reg": ANY_THREAD + " Handlers run on the library's processing thread, one at a time.",
-    "scc_ssc_appmng_get_callback": LOCAL,
-    "ip_set": LOCAL,
-    "mask_count": LOCAL,
-    "scc_time_elapse_start": LOCAL + " Two threads should not measure under one index at a time.",
-    "scc_time_elapse_end": LOCAL + " Two threads should not measure under one index at a time.",
-    "_scc_svrid_inc": LOCAL,
-}
-THREADS_OF_SECTION = {
-    "configuration requests": LOCKED,
-    "synchronous queries": SYNCHRONOUS,
-    "ACL management": LOCKED,
-    "user ACLs and counters": LOCKED,
-    "the security service": "May be called from any thread, and from those handlers of the service that run "
-    "without the library's lock; scclib-handlers(7) names them. It takes that lock.",
-    "texts, paths, identity": LOCAL,
-    "addresses as text": BUFFER,
-    "timing probes": LOCAL,
-}
 QUERIES = {
     "scc_mac_query", "scc_sp_port_addr_num", "scc_nac_user_get", "scc_nac_span_dport_set",
     "scc_is_arp_check_enabled", "scc_arp_check_user_count_get", "scc_arp_check_user_data_get",
@@ -98,6 +35,7 @@ class Function:
         self.name = name
         self.prototype = prototype
         self.section = section
+        comment, self.threads = split_threads(comment)
         self.paragraphs, self.returns = split_returns(comment)
         inside = prototype[prototype.index("(") + 1 : prototype.rindex(")")] if "(" in prototype else ""
         self.parameters = [] if "(*" in inside else [p.strip() for p in inside.split(",") if p.strip() not in ("", "void")]
@@ -115,6 +53,18 @@ class Function:
 
 def fail(text):
     sys.exit(f"make_man_pages: {text}")
+
+
+def split_threads(comment):
+    """Separates the part that begins with "Threads:"."""
+    kept = []
+    for index, paragraph in enumerate(comment):
+        words, mark, threads = paragraph.partition("Threads: ")
+        if words.strip():
+            kept.append(words.strip())
+        if mark:
+            return kept, " ".join([threads] + comment[index + 1 :])
+    return kept, ""
 
 
 def split_returns(comment):
@@ -158,9 +108,9 @@ class Header:
     def __init__(self, text):
         self.head = paragraphs_of(text[: text.index("*/") + 2])
         self.functions, self.structs, self.codes, self.sections = {}, {}, [], {}
-        self.arguments = dict(
-            match.groups() for match in (re.match(r"- ([a-z_]+): (.*)", p) for p in self.head_part("Arguments that")) if match
-        )
+        self.section_threads = {}
+        self.arguments = self.definitions("Arguments that")
+        self.contracts = self.definitions("Threads")
         body = text[text.index('extern "C" {') :].split("pragma GCC visibility pop")[0]
         self.read(body)
 
@@ -175,6 +125,21 @@ class Header:
                 break
             items.append(paragraph)
         return items
+
+    def definitions(self, title):
+        """The list items "- name: words" after that paragraph, by name."""
+        found = (re.match(r"- ([a-z_]+): (.*)", paragraph) for paragraph in self.head_part(title))
+        return dict(match.groups() for match in found if match)
+
+    def threads_of(self, function):
+        """Who may call a function: its own comment's words or its section's, with the named contract in full."""
+        words = function.threads or self.section_threads.get(function.section)
+        if not words:
+            fail(f"nothing says which threads may call {function.name}")
+        name, _, rest = words.partition(".")
+        if name in self.contracts:
+            words = self.contracts[name] + rest
+        return capital(words.replace("struct scc_ss_reg_info", "scclib-handlers(7)"))
 
     def result_list(self, title):
         text = next(p for p in self.head if p.startswith(title))
@@ -200,7 +165,8 @@ class Header:
                         section = "addresses as text"
                     elif "answer may be given" in comment[0] or comment[0].startswith("A report"):
                         section = "the security service"
-                    self.sections[section] = comment
+                    self.sections[section], threads = split_threads(comment)
+                    self.section_threads[section] = threads or self.section_threads.get(section)
                     comment = []
             elif token.startswith("#define"):
                 self.read_define(token)
@@ -373,12 +339,9 @@ class Manual:
             page.item(tag, capital(", ".join(part for part in (meaning, words) if part)) + ".")
 
     def threads(self, function):
-        text = THREADS_OF.get(function.name) or THREADS_OF_SECTION.get(function.section)
         if function.is_variable:
-            return "Plain memory, read and written without a lock; the host may do so at any time."
-        if text is None:
-            fail(f"nothing is known of the threads of {function.name}")
-        return text
+            return capital(self.header.contracts["variable"])
+        return self.header.threads_of(function)
 
     @staticmethod
     def in_family(function):
@@ -428,7 +391,7 @@ class Manual:
         environment = self.header.head_part("Environment")
         if paragraph in environment or paragraph == "Environment":
             return
-        if paragraph == "Conventions" or paragraph.startswith("Arguments that"):
+        if paragraph in ("Conventions", "Threads") or paragraph.startswith("Arguments that"):
             page.subheading(paragraph)
         elif paragraph.startswith("- ") and re.match(r"- [a-z_]+: ", paragraph):
             name, words = paragraph[2:].split(": ", 1)
@@ -490,9 +453,6 @@ class Manual:
         page.heading('"HANDLERS OF AN APPLICATION"')
         for paragraph in self.header.structs["scc_handlers"][0]:
             page.text(paragraph)
-        page.text("They run on the library's receive thread, or on the event loop's thread after scc_agent_init, one at a "
-                  "time and without a library lock: they may call every function of the library, scc_svr_unreg included. "
-                  "Records and pointers are valid until the handler returns.")
         self.rows(page, self.table)
         page.heading('"HANDLERS OF THE SECURITY SERVICE"')
         for paragraph in self.header.structs["scc_ss_reg_info"][0]:
@@ -519,7 +479,7 @@ class Manual:
 
 
 def exported(text):
-    return re.findall(r"^    ([A-Za-z_]\w*);$", text.split("local:")[0], re.M)
+    return re.findall(r"^    ([A-Za-z_]\w*);$", text, re.M)
 
 
 def main():
@@ -529,7 +489,7 @@ def main():
     header = Header(text)
     head = re.search(r"#define SCC_SS_OPERATION_HEAD(.*?[^\\])\n", text, re.S).group(1)
     header.operation_head = "\n".join(line.rstrip(" \\").strip() for line in head.split("\n") if line.strip(" \\"))
-    notes = re.search(r"/\* (An operation record lives.*?) \*/", text, re.S).group(1)
+    notes = re.search(r"/\* (An operation record .*?) \*/", text, re.S).group(1)
     header.operation_notes = paragraphs_of(notes)
     manual = Manual(header, pathlib.Path(sys.argv[3]))
     names = exported(pathlib.Path(sys.argv[2]).read_text(encoding="utf-8"))

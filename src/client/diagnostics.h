@@ -28,8 +28,6 @@ enum statistics_index : u32 {
 };
 inline constexpr u32 not_counted = stat_entries;
 
-inline constexpr u32 not_counted = stat_entries;
-
 struct call_statistics {
     u32 calls;
     u32 callback_successes;
