@@ -26,14 +26,21 @@ using clock = std::chrono::steady_clock;
 constexpr int shaken_wait_ms = 150;
 constexpr int shaken_waits_ms = 500;
 
+// Some calls try until they succeed; a fault that lasts is then over after this.
+constexpr int lasting_fault_ms = 1500;
+
 struct running_call {
     std::atomic<const char*> name{nullptr};
     std::atomic<clock::rep> since{0};
 };
 
+constexpr std::uint32_t nothing_yet = 2;
+
 struct reports {
     std::mutex mutex;
-    std::uint32_t status = 0;
+    std::uint32_t status = nothing_yet;
+    bool may_begin_lost = false;
+    std::string history;  // of statuses, with a line between two registrations
     unsigned notifications = 0;
     std::map<std::uint32_t, unsigned> results;
     std::set<std::uint32_t> calls;
@@ -45,6 +52,8 @@ struct life {
     std::atomic<bool> failed{false};
     int spent_ms = 0;  // of shaken_waits_ms
     running_call current;
+    std::set<std::string> complaints;
+    std::mutex complaining;
     reports seen;
 };
 
@@ -60,7 +69,11 @@ void watch_calls() {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         const char* name = self().current.name;
         const clock::time_point since{clock::duration{self().current.since.load()}};
-        if (name != nullptr && clock::now() - since > std::chrono::seconds(call_bound_seconds)) {
+        const auto lasted = clock::now() - since;
+        if (name != nullptr && lasted > std::chrono::milliseconds(lasting_fault_ms)) {
+            end_lasting_fault();
+        }
+        if (name != nullptr && lasted > std::chrono::seconds(call_bound_seconds)) {
             complain(std::string("hangs: ") + name + " has not returned");
         } else if (clock::now() - born > std::chrono::seconds(run_bound_seconds)) {
             complain("hangs: the run does not end");
@@ -101,6 +114,10 @@ struct reporter<Member, void (*)(std::uint32_t, std::uint32_t, Arguments...)> {
 
 void complain(const std::string& what) {
     self().failed = true;
+    const std::lock_guard guard(self().complaining);
+    if (!self().complaints.insert(what).second) {
+        return;
+    }
     std::printf("failure %s\n", what.c_str());
     std::fflush(stdout);
 }
@@ -187,10 +204,19 @@ bool wait_for(const char* what, const std::function<bool()>& condition) {
 
 void on_status(std::uint32_t status) {
     const std::lock_guard guard(self().seen.mutex);
-    if (status > 1 || status == self().seen.status) {
-        complain("server_status(" + std::to_string(status) + ") follows itself");
+    const std::uint32_t before = self().seen.status;
+    const bool first_is_loss = before == nothing_yet && status == 0 && !self().seen.may_begin_lost;
+    if (status > 1 || status == before || first_is_loss) {
+        complain("server_status(" + std::to_string(status) + ") follows " +
+                 (before == nothing_yet ? "the start" : std::to_string(before)) + " after " +
+                 self().seen.history);
     }
+    self().seen.history += std::to_string(status);
     self().seen.status = status;
+}
+
+void expect_loss_first() {
+    self().seen.may_begin_lost = true;
 }
 
 bool is_registered() {
@@ -200,7 +226,8 @@ bool is_registered() {
 
 void forget_registration() {
     const std::lock_guard guard(self().seen.mutex);
-    self().seen.status = 0;
+    self().seen.status = nothing_yet;
+    self().seen.history += "|";
     self().seen.results.clear();
     self().seen.calls.clear();
 }
@@ -281,8 +308,8 @@ void set_handlers(scc_handlers& handlers) {
 }  // namespace sweep
 
 // In place of the platform's: what is logged is made, and thrown away.
-extern "C" int printk_syslog_ext(int /*level*/, const char* /*module*/, const char* /*submodule*/, int /*flag*/,
-                                 const char* format, ...) {
+extern "C" int printk_syslog_ext(int /*level*/, const char* /*module*/, const char* /*submodule*/,
+                                 int /*flag*/, const char* format, ...) {
     char text[1024];
     va_list arguments;
     va_start(arguments, format);

@@ -43,6 +43,8 @@ bool wait_at_most(int milliseconds, const std::function<bool()>& condition);
 
 // For server_status: one 0 for each loss, one 1 for each registration, never twice the same.
 void on_status(std::uint32_t status);
+// An event loop's first attempt that fails is reported as a loss.
+void expect_loss_first();
 [[nodiscard]] bool is_registered();
 // After the registration has ended: the next status must be 1, and call ids begin again.
 void forget_registration();

@@ -169,6 +169,11 @@ void end_faults() {
     the_record().active = false;
 }
 
+void end_lasting_fault() {
+    const std::lock_guard guard(the_record().mutex);
+    the_record().armed = the_record().armed && !the_record().wanted.onwards;
+}
+
 bool is_met() {
     return the_record().met;
 }
@@ -283,19 +288,21 @@ FAILS_WITH_MINUS_ONE(int, unlink, (const char* path), (path))
 FAILS_WITH_MINUS_ONE(int, unlinkat, (int directory, const char* path, int flags), (directory, path, flags))
 FAILS_WITH_MINUS_ONE(int, rename, (const char* from, const char* to), (from, to))
 FAILS_WITH_MINUS_ONE(ssize_t, read, (int fd, void* bytes, size_t length), (fd, bytes, length))
-FAILS_WITH_MINUS_ONE(int, prctl, (int option, unsigned long a, unsigned long b, unsigned long c, unsigned long d),
+FAILS_WITH_MINUS_ONE(int, prctl,
+                     (int option, unsigned long a, unsigned long b, unsigned long c, unsigned long d),
                      (option, a, b, c, d))
-FAILS_WITH_MINUS_ONE(int, sysinfo, (struct sysinfo* out), (out))
+FAILS_WITH_MINUS_ONE(int, sysinfo, (struct sysinfo * out), (out))
 FAILS_WITH_NULL(char*, getcwd, (char* out, size_t size), (out, size))
 FAILS_WITH_NULL(char*, fgets, (char* out, int size, FILE* stream), (out, size, stream))
 FAILS_WITH_NULL(qx_thread*, qx_thread_add_event_withname,
-                (qx_thread_master* master, qx_thread_handler handler, void* arg, int value, const char* name),
+                (qx_thread_master * master, qx_thread_handler handler, void* arg, int value,
+                 const char* name),
                 (master, handler, arg, value, name))
 FAILS_WITH_NULL(qx_thread*, qx_thread_add_read_high_withname,
-                (qx_thread_master* master, qx_thread_handler handler, void* arg, int fd, const char* name),
+                (qx_thread_master * master, qx_thread_handler handler, void* arg, int fd, const char* name),
                 (master, handler, arg, fd, name))
 FAILS_WITH_NULL(qx_thread*, qx_thread_add_write_withname,
-                (qx_thread_master* master, qx_thread_handler handler, void* arg, int fd, const char* name),
+                (qx_thread_master * master, qx_thread_handler handler, void* arg, int fd, const char* name),
                 (master, handler, arg, fd, name))
 
 // The loop's timers count whole seconds, so theirs run at once.

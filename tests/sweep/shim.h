@@ -20,8 +20,8 @@ namespace sweep {
 inline constexpr int time_factor = 50;
 
 enum class effect {
-    error,     // the call fails with the error number
-    end,       // recv: the peer has closed
+    error,      // the call fails with the error number
+    end,        // recv: the peer has closed
     shortened,  // send and recv: one byte is moved
     torn        // send and recv: half of it is moved, and the next call of the site fails
 };
@@ -52,6 +52,8 @@ void arm(const fault& wanted);
 // Calls are counted, and the fault can be met, from here to end_faults.
 void begin_faults();
 void end_faults();
+// Ends the fault when it is one that strikes again and again.
+void end_lasting_fault();
 [[nodiscard]] bool is_met();
 
 [[nodiscard]] std::vector<site_calls> counted_calls();
