@@ -327,9 +327,15 @@ int sweep_setsockopt(int fd, int level, int name, const void* value, socklen_t l
     return setsockopt(fd, level, name, value, length);
 }
 
+// Whoever is told that its peer has gone finds it gone in what follows, too.
 ssize_t sweep_send(int fd, const void* bytes, size_t length, int flags) {
     ssize_t result = 0;
     const ssize_t moved = sweep::transfer_length(sweep::pass(NAME, CALLER), length, result);
+    if (moved < 0 && (errno == EPIPE || errno == ECONNRESET || errno == ENOTCONN || errno == EBADF)) {
+        const int error = errno;
+        shutdown(fd, SHUT_RDWR);
+        errno = error;
+    }
     return moved < 0 ? result : send(fd, bytes, static_cast<size_t>(moved), flags);
 }
 
