@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# coverage.sh [--least-lines PERCENT] [--least-branches PERCENT] [ctest arguments...]: runs the tests against a library
-# that counts what is executed, prints lines and branches for each file of src/ and writes what was not reached to
+# coverage.sh [--least-lines PERCENT] [--least-branches PERCENT] [ctest arguments...]: runs the tests and a sample of the
+# fault sweep against a library that counts what is executed, prints lines and branches for each file of src/ and writes what was not reached to
 # build/coverage/html and build/coverage/missed.txt. Fails below the least.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -32,9 +32,15 @@ export LLVM_PROFILE_FILE=$profiles/%c%m.profraw
 build coverage
 rm -rf "$profiles" && mkdir -p "$profiles"
 run_tests coverage "$@"
+if [ $# -eq 0 ]; then
+    "$tree/tests/sweep/fault_sweep" --jobs "$((jobs * 3))" --sample 400 >"$tree/faults.log" || {
+        grep -v '^[a-z-]* *[a-z_]* *[0-9]* *[0-9]* *0$' "$tree/faults.log"
+        exit 1
+    }
+fi
 
 "$profdata" merge --sparse -o "$tree/tests.profdata" "$profiles"/*.profraw
-mapfile -t binaries < <(find "$tree/src" "$tree/tests" -maxdepth 2 -type f \( -name 'libscclib.so.*' -o -name '*_tests' \) | sort)
+mapfile -t binaries < <(find "$tree/src" "$tree/tests" -maxdepth 2 -type f \( -name 'libscclib.so.*' -o -name '*_tests' -o -name fault_sweep \) | sort)
 objects=("${binaries[0]}")
 for binary in "${binaries[@]:1}"; do
     # Those without the library in them have nothing to report.
@@ -45,7 +51,6 @@ done
 common=(-instr-profile "$tree/tests.profdata" "${objects[@]}" -ignore-filename-regex='/(tests|include|usr)/')
 rm -rf "$tree/html"
 "$cov" show "${common[@]}" -format=html -output-dir "$tree/html" -show-branches=count -show-line-counts >/dev/null
-"$cov" export "${common[@]}" -format=lcov >"$tree/tests.lcov"
-"$cov" export "${common[@]}" -summary-only >"$tree/summary.json"
-python3 scripts/coverage_table.py "$tree/summary.json" "$tree/tests.lcov" "$tree/missed.txt" "$least_lines" "$least_branches"
+"$cov" export "${common[@]}" >"$tree/coverage.json"
+python3 scripts/coverage_table.py "$tree/coverage.json" "$tree/missed.txt" "$least_lines" "$least_branches"
 echo "report: $tree/html/index.html, what was missed: $tree/missed.txt"

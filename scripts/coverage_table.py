@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""coverage_table.py SUMMARY LCOV MISSED LEAST_LINES LEAST_BRANCHES: prints llvm-cov's figures for each file of src/,
+"""coverage_table.py COVERAGE MISSED LEAST_LINES LEAST_BRANCHES: prints llvm-cov's figures for each file of src/,
 writes the lines and branches that no test has reached to MISSED, and fails below the least percentages.
 """
 
@@ -26,29 +26,47 @@ def print_table(files):
     return {kind: percent(covered, count) for kind, (count, covered) in total.items()}
 
 
-def write_missed(lcov, missed):
-    """Lines that were never run; branches of which one way was never taken."""
-    name = ""
-    for line in lcov:
-        kind, _, rest = line.strip().partition(":")
-        if kind == "SF":
-            name = os.path.relpath(rest)
-        elif kind == "DA" and rest.split(",")[1] == "0":
-            missed.write(f"{name}:{rest.split(',')[0]}: line\n")
-        elif kind == "BRDA":
-            number, _, branch, taken = rest.split(",")
-            if taken in ("0", "-"):
-                missed.write(f"{name}:{number}: branch, never {'true' if int(branch) % 2 == 0 else 'false'}\n")
+def unreached_lines(segments):
+    """Lines that a region begins on whose count is 0, and those up to the next region."""
+    lines = set()
+    for (line, _, count, has_count, _, is_gap), following in zip(segments, segments[1:]):
+        if has_count and count == 0 and not is_gap:
+            lines.update(range(line, max(following[0], line + 1)))
+    return lines
+
+
+def one_sided_branches(branches):
+    """Conditions that only ever went one way, in whatever instantiation."""
+    taken = {}
+    for line, column, _, _, true_count, false_count, *_ in branches:
+        both = taken.setdefault((line, column), [0, 0])
+        both[0] += true_count
+        both[1] += false_count
+    for (line, column), (true_count, false_count) in sorted(taken.items()):
+        if true_count == 0 or false_count == 0:
+            never = "never evaluated" if true_count + false_count == 0 else "never true" if true_count == 0 else "never false"
+            yield line, column, never
+
+
+def write_missed(files, missed):
+    for entry in sorted(files, key=lambda one: one["filename"]):
+        name = os.path.relpath(entry["filename"])
+        if not name.startswith("src/"):
+            continue
+        for line in sorted(unreached_lines(entry["segments"])):
+            missed.write(f"{name}:{line}: not reached\n")
+        for line, column, never in one_sided_branches(entry["branches"]):
+            missed.write(f"{name}:{line}:{column}: {never}\n")
 
 
 def main():
-    summary_path, lcov_path, missed_path, least_lines, least_branches = sys.argv[1:]
-    with open(summary_path, encoding="utf-8") as file:
+    path, missed_path, least_lines, least_branches = sys.argv[1:]
+    with open(path, encoding="utf-8") as file:
         data = json.load(file)["data"][0]
     files = [(os.path.relpath(entry["filename"]), entry["summary"]) for entry in data["files"]]
     reached = print_table([entry for entry in files if entry[0].startswith("src/")])
-    with open(lcov_path, encoding="utf-8") as lcov, open(missed_path, "w", encoding="utf-8") as missed:
-        write_missed(lcov, missed)
+    with open(missed_path, "w", encoding="utf-8") as missed:
+        write_missed(data["files"], missed)
     print(f"lines {reached['lines']:.2f} % (least {least_lines}), branches {reached['branches']:.2f} % (least {least_branches})")
     if reached["lines"] < float(least_lines) or reached["branches"] < float(least_branches):
         sys.exit("coverage: less than the least")

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# faults.sh [N]: lets every allocation and system call of the library fail, or a sample of N such faults.
+# faults.sh [N [fault_sweep arguments...]]: lets every allocation and system call of the library fail, or a sample of N
+# such faults; 0 for all.
 # SCC_FAULTS_PRESET chooses the build: debug, or asan for the address and undefined-behaviour sanitizers.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -20,4 +21,4 @@ unknown=$(nm -u "$sweep/libscclib_swept.a" | awk '$1 == "U" {print $2}' |
 }
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=0}
-"$sweep/fault_sweep" --jobs "$((jobs * 3))" ${1:+--sample "$1"}
+"$sweep/fault_sweep" --jobs "$((jobs * 3))" --sample "${1:-0}" "${@:2}"
