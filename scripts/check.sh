@@ -55,7 +55,7 @@ stage_tsan() {
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_tests tsan
 }
 stage_fuzz() { scripts/fuzz.sh 5 1; }
-stage_faults() { scripts/faults.sh 400; }
+stage_faults() { scripts/faults.sh 800; }
 stage_coverage() { scripts/coverage.sh; }
 
 stages=("$@")

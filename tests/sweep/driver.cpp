@@ -446,12 +446,12 @@ std::map<std::string, first_run> list_calls(const options& wanted, const std::ve
     return out;
 }
 
-// Takes a fault of each site in turn, so that a sample is spread over all of them.
-std::vector<planned> choose(std::map<std::pair<std::string, std::uintptr_t>, std::vector<planned>> by_site,
+// Takes a fault of each site and effect in turn, so that a sample is spread over all of them.
+std::vector<planned> choose(std::map<std::pair<std::string, std::uintptr_t>, std::vector<planned>> by_kind,
                             const options& wanted) {
     std::mt19937 random(wanted.seed);
     std::vector<std::vector<planned>*> groups;
-    for (auto& [site, faults] : by_site) {
+    for (auto& [kind, faults] : by_kind) {
         std::shuffle(faults.begin(), faults.end(), random);
         groups.push_back(&faults);
     }
@@ -533,7 +533,7 @@ int sweep_all(const options& wanted) {
     const std::map<std::string, first_run> first = list_calls(wanted, which, root, healthy);
 
     std::map<std::pair<std::string, std::string>, cell> table;
-    std::map<std::pair<std::string, std::uintptr_t>, std::vector<planned>> by_site;
+    std::map<std::pair<std::string, std::uintptr_t>, std::vector<planned>> by_kind;
     std::set<std::uintptr_t> sites;
     for (const auto& [scenario_name, found] : first) {
         for (const site_calls& site : found.sites) {
@@ -551,13 +551,14 @@ int sweep_all(const options& wanted) {
                 if (is_open(known, one, names[site.site])) {
                     ++left_out;
                 } else {
-                    by_site[{where->name, site.site}].push_back({where, one});
+                    by_kind[{effect_text(one) + (one.onwards ? ":onwards" : ""), site.site}].push_back(
+                        {where, one});
                 }
             }
             table[{where->name, site.call}].sites.insert(site.site);
         }
     }
-    const std::vector<planned> plan = choose(std::move(by_site), wanted);
+    const std::vector<planned> plan = choose(std::move(by_kind), wanted);
     for (const planned& one : plan) {
         ++table[{one.where->name, one.what.call}].planned;
     }
