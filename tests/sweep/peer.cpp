@@ -78,6 +78,8 @@ void peer::restart() {
         restarting_ = true;
     }
     (void)!::write(wake_[1], "r", 1);
+    std::unique_lock guard(mutex_);
+    restarted_.wait(guard, [this] { return !restarting_; });
 }
 
 unsigned peer::arrived(std::uint16_t type) {
@@ -134,7 +136,7 @@ void peer::obey() {
     {
         const std::lock_guard guard(mutex_);
         messages.swap(waiting_);
-        std::swap(restarting, restarting_);
+        restarting = restarting_;
     }
     for (const std::vector<bytes>& items : messages) {
         if (connection* to = asynchronous(); to != nullptr) {
@@ -145,6 +147,9 @@ void peer::obey() {
         close_all();
         std::this_thread::sleep_for(down);
         listen();
+        const std::lock_guard guard(mutex_);
+        restarting_ = false;
+        restarted_.notify_all();
     }
 }
 
@@ -163,7 +168,7 @@ void peer::run() {
         }
         for (std::size_t i = connections_.size(); i-- > 0;) {
             const bool silent =
-                !connections_[i].registered &&
+                watched[i + 2].revents == 0 && !connections_[i].registered &&
                 std::chrono::steady_clock::now() - connections_[i].accepted > registration_patience;
             if ((watched[i + 2].revents != 0 && !read(connections_[i])) || silent) {
                 close(connections_[i].fd);

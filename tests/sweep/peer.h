@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -26,7 +27,7 @@ class peer {
 
     // Sends the items as one message on the asynchronous connection; nothing when there is none.
     void send(std::vector<test::bytes> items);
-    // Ends all connections and refuses new ones for a while.
+    // Ends all connections and refuses new ones for a while; returns when it listens again.
     void restart();
     void stop();
 
@@ -64,6 +65,7 @@ class peer {
     std::mutex mutex_;
     std::vector<std::vector<test::bytes>> waiting_;
     bool restarting_ = false;
+    std::condition_variable restarted_;
     bool stopping_ = false;
     std::map<std::uint16_t, unsigned> arrived_;
     std::map<std::uint32_t, unsigned> service_results_;
