@@ -41,6 +41,7 @@ struct reports {
     std::uint32_t status = nothing_yet;
     bool may_begin_lost = false;
     std::string history;  // of statuses, with a line between two registrations
+    unsigned losses = 0;
     unsigned notifications = 0;
     std::map<std::uint32_t, unsigned> results;
     std::set<std::uint32_t> calls;
@@ -212,6 +213,7 @@ void on_status(std::uint32_t status) {
                  self().seen.history);
     }
     self().seen.history += std::to_string(status);
+    self().seen.losses += status == 0 ? 1 : 0;
     self().seen.status = status;
 }
 
@@ -222,6 +224,11 @@ void expect_loss_first() {
 bool is_registered() {
     const std::lock_guard guard(self().seen.mutex);
     return self().seen.status == 1;
+}
+
+unsigned losses() {
+    const std::lock_guard guard(self().seen.mutex);
+    return self().seen.losses;
 }
 
 void forget_registration() {

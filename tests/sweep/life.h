@@ -14,9 +14,9 @@
 namespace sweep {
 
 // How long a call of the library may take, a proof may wait, and a whole run may last.
-inline constexpr int call_bound_seconds = 8;
-inline constexpr int proof_bound_seconds = 10;
-inline constexpr int run_bound_seconds = 60;
+inline constexpr int call_bound_seconds = 15;
+inline constexpr int proof_bound_seconds = 20;
+inline constexpr int run_bound_seconds = 120;
 
 // A finding: printed, and the run has failed.
 void complain(const std::string& what);
@@ -46,6 +46,8 @@ void on_status(std::uint32_t status);
 // An event loop's first attempt that fails is reported as a loss.
 void expect_loss_first();
 [[nodiscard]] bool is_registered();
+// How often the daemon was lost.
+[[nodiscard]] unsigned losses();
 // After the registration has ended: the next status must be 1, and call ids begin again.
 void forget_registration();
 

@@ -386,8 +386,9 @@ void restart_daemon() {
     if (!g_restarting) {
         return;
     }
+    const unsigned before = losses();
     the_daemon().restart();
-    wait_for("loss of the daemon", [] { return !is_registered(); });
+    wait_for("loss of the daemon", [before] { return losses() > before; });
     wait_for("registration with the new daemon", is_registered);
 }
 
@@ -825,19 +826,19 @@ std::string names_of(const char* directory) {
 
 void check_nothing_is_left(const scenario& one, unsigned descriptors, int blocks_left) {
     const unsigned threads = 2 + one.threads_left;  // this one and the one that watches calls
-    if (!wait_at_most(5000, [&] { return entries_of("/proc/self/task") == threads; })) {
+    if (!wait_at_most(15000, [&] { return entries_of("/proc/self/task") == threads; })) {
         complain(std::to_string(entries_of("/proc/self/task")) + " threads, expected " +
                  std::to_string(threads));
     }
-    if (!wait_at_most(5000, [&] { return entries_of("/proc/self/fd") == descriptors; })) {
+    if (!wait_at_most(15000, [&] { return entries_of("/proc/self/fd") == descriptors; })) {
         complain(std::to_string(entries_of("/proc/self/fd")) + " descriptors, expected " +
                  std::to_string(descriptors) + ":" + names_of("/proc/self/fd"));
     }
-    if (!wait_at_most(5000, [] { return open_streams() == 0; })) {
+    if (!wait_at_most(15000, [] { return open_streams() == 0; })) {
         complain("a stream is left open");
     }
     if (blocks_left >= 0 &&
-        !wait_at_most(5000, [&] { return block_count() <= static_cast<unsigned>(blocks_left); })) {
+        !wait_at_most(15000, [&] { return block_count() <= static_cast<unsigned>(blocks_left); })) {
         complain(std::to_string(block_count()) + " blocks of memory are left, expected " +
                  std::to_string(blocks_left));
         for (const live_blocks& left : blocks()) {
