@@ -23,6 +23,10 @@ stage_binary() {
     build release
     scripts/check_binary.sh build/release/src/libscclib.so
     scripts/check_imports.sh build/release/src/libscclib.so
+    local binaries
+    mapfile -t binaries < <(find build/release/src build/release/platform build/release/devkit -type f \
+        \( -name 'lib*.so' -o -name 'lib*.so.*' -o -name sccd-dev -o -name scc-ss-dev -o -name sccctl \))
+    scripts/check_hardening.sh "${binaries[@]}"
 }
 stage_abi() { scripts/check_abi.sh build/release/src/libscclib.so; }
 stage_man() { scripts/check_man_pages.sh; }
@@ -56,9 +60,11 @@ stage_tsan() {
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_tests tsan
 }
 stage_fuzz() { scripts/fuzz.sh --seed 1 --jobs $((jobs * 2)) 5; }
+stage_faults() { scripts/faults.sh 800; }
+stage_coverage() { scripts/coverage.sh; }
 
 stages=("$@")
-[ ${#stages[@]} -gt 0 ] || stages=(scripts format gcc clang header binary abi man install packages complete tidy asan tsan fuzz)
+[ ${#stages[@]} -gt 0 ] || stages=(scripts format gcc clang header binary abi man install packages complete tidy faults asan tsan fuzz)
 for stage in "${stages[@]}"; do
     start=$SECONDS
     # An unknown stage is an error, not a success.

@@ -70,6 +70,9 @@ depends scclib-dev "libscclib1 (= $version)"
 depends scclib-devkit libc6 libstdc++6 libpcap "libscclib1 (= $version)"
 depends scclib-workstation libc6 libevent
 
+mapfile -t binaries < <(find "$root/usr" -type f \( -path '*/bin/*' -o -name 'lib*.so*' \))
+scripts/check_hardening.sh "${binaries[@]}"
+
 # A program of each kind, with pkg-config and with CMake.
 libdir=$root/usr/lib
 programs=(first_app)

@@ -1,0 +1,71 @@
+// The library's calls of the system, counted and made to fail. A copy of the static library has every such
+// call renamed to one of the functions in shim.cpp, so that only the library's own calls come here: those of
+// the driver and of its daemon go straight to the system. Any thread.
+//
+// A call site is the place in the code that makes the call; a fault names the site and which of its calls
+// fails. Sites of one thread are counted apart from those of another, so a fault means the same call in
+// every run although the threads race.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace sweep {
+
+// The waits of the protocol (2 seconds, 3 seconds, 20 times 200 ms) are that much shorter, and never below
+// a millisecond.
+inline constexpr int time_factor = 50;
+
+enum class effect {
+    error,      // the call fails with the error number
+    end,        // recv: the peer has closed
+    shortened,  // send and recv: one byte is moved
+    torn        // send and recv: half of it is moved, and the next call of the site fails
+};
+
+struct fault {
+    std::string call;
+    std::uintptr_t site = 0;  // offset of the return address in the program
+    unsigned nth = 0;         // of the site's calls, from 1
+    effect what = effect::error;
+    int error = 0;
+    bool onwards = false;  // every call from the nth on
+};
+
+struct site_calls {
+    std::string call;
+    std::uintptr_t site;
+    unsigned calls;
+};
+
+struct live_blocks {
+    std::string call;
+    std::uintptr_t site;
+    unsigned blocks;
+};
+
+// Before the first thread starts.
+void arm(const fault& wanted);
+// Calls are counted, and the fault can be met, from here to end_faults.
+void begin_faults();
+void end_faults();
+// Ends the fault when it is one that strikes again and again.
+void end_lasting_fault();
+[[nodiscard]] bool is_met();
+
+[[nodiscard]] std::vector<site_calls> counted_calls();
+// What the library has allocated and not freed.
+[[nodiscard]] std::vector<live_blocks> blocks();
+[[nodiscard]] unsigned block_count();
+// Streams that the library has opened and not closed.
+[[nodiscard]] int open_streams();
+// Frees what the library handed out to its caller.
+void free_block(void* block);
+
+// Frees of what the library did not allocate, or had freed.
+[[nodiscard]] unsigned strange_frees();
+
+}  // namespace sweep
