@@ -29,7 +29,7 @@ constinit pthread_mutex_t g_tasks_lock = PTHREAD_MUTEX_INITIALIZER;
 // All guarded by g_tasks_lock.
 constinit qx_thread_master* g_master = nullptr;
 constinit list_node g_tasks{&g_tasks, &g_tasks};  // of task_record, oldest first
-// The handles that were cancelled last.
+// The most recently cancelled handles.
 constinit std::array<const qx_thread*, 16> g_cancelled{};
 constinit std::size_t g_cancellations = 0;
 
@@ -58,7 +58,7 @@ constexpr std::array<task_row, task_kinds> task_table = {{
      "Failed to add qx_thread for scc_lib_write"},
 }};
 
-// All of these are called with g_tasks_lock held.
+// From here to is_wanted, g_tasks_lock is held.
 
 task_record* record_of(list_node* link) {
     return reinterpret_cast<task_record*>(link);
@@ -74,8 +74,8 @@ task_record* find_task(Predicate matches) {
     return nullptr;
 }
 
-// A platform may run a task with another object than the handle that it gave: the oldest task of the kind is
-// meant then. A handle that was cancelled belongs to a task that the event loop was about to run, though.
+// A platform may run a task with another object than the handle that it returned; the oldest task of the
+// kind is then meant. A cancelled handle, though, is that of a task that the event loop was about to run.
 task_record* find_running(u32 kind, const qx_thread* task) {
     task_record* record =
         find_task([&](const task_record& each) { return each.kind == kind && each.handle == task; });
@@ -116,12 +116,12 @@ bool add_task(u32 kind, void* arg, int fd) {
     return true;
 }
 
-// An unregistration clears the app id before it cancels, and closes after that.
+// An unregistration clears the app id, then cancels, then closes.
 bool is_wanted(u32 epoch) {
     return epoch == connection_epoch() && app_id_now() != 0;
 }
 
-// False when it has to be tried again.
+// False when the caller must try again.
 bool try_schedule(task_kind kind, u32 epoch) {
     const mutex_guard guard(g_tasks_lock);
     return !is_wanted(epoch) || add_task(kind, nullptr, g_scc_client_cb.async_fd.load(relaxed));

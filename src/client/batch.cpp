@@ -1,7 +1,7 @@
 // See batch.h.
 //
-// The batch is one message, built in place: header, then one item a request, up to 8192 bytes of items.
-// scc_send_buf_lock guards it and every write on the asynchronous socket from here and the checker.
+// The batch is one message, built in place: header, then one item per request.
+// scc_send_buf_lock guards it, and every write to the asynchronous socket from here.
 #include "client/batch.h"
 
 #include <time.h>
@@ -56,7 +56,7 @@ std::span<const u8> batch_message() {
     return {g_scc_msg_send_q->message, wire::header_bytes + g_scc_msg_send_q->used};
 }
 
-// A start that had no memory for the block leaves it to the next request. Before a start there is no batch.
+// When a start had no memory for the block, the next request allocates it. Before a start there is none.
 bool has_block() {
     if (g_scc_msg_send_q == nullptr && g_started) {
         g_scc_msg_send_q = static_cast<batch*>(std::calloc(1, sizeof(batch)));
@@ -91,16 +91,16 @@ void log_flush(const char* function, const char* who) {
                  wire::header_bytes + waiting.used, waiting.used, waiting.capacity);
 }
 
-// The requests of a connection that has gone are dropped, as their calls were.
+// The requests of a lost connection are dropped, as their calls were.
 void drop_batch_of_lost_connection(u32 epoch) {
     if (g_scc_msg_send_q->count != 0 && g_scc_msg_send_q->epoch != epoch) {
         _scc_lib_send_buff_init();
     }
 }
 
-// Appends, and flushes as often as it takes. Once a request did not fit, every flush outside the registered
-// state is followed by the same request again, until a send fails or the state is registered: deliberate,
-// and over in a moment since only a change of state leads there.
+// Appends, and flushes as often as needed. A request that did not fit is appended and sent again after every
+// flush outside the registered state, until a send fails or the state is registered: deliberate, and brief,
+// since only a change of state leads there.
 send_outcome append_and_flush(u16 sub_id, u16 type, const value_parts& value, int sync) {
     const u32 entry = static_cast<u32>(value.size()) + wire::item_header_bytes;
     batch& waiting = *g_scc_msg_send_q;
@@ -139,7 +139,7 @@ u32 send_oversized(u16 sub_id, u16 type, const value_parts& value, int sync) {
     if (outcome.built && outcome.error != result::ok) {
         recover_from_failed_send(outcome, epoch, "_scc_lib_msg_send_rt");
     }
-    return result::invalid;  // whether or not the send succeeded
+    return result::invalid;  // Report 22 whether or not the send succeeded.
 }
 
 u32 send_by_batch(u16 sub_id, u16 type, const value_parts& value, int sync) {
@@ -155,7 +155,7 @@ u32 send_by_batch(u16 sub_id, u16 type, const value_parts& value, int sync) {
             return result::no_memory;
         }
         if (epoch != connection_epoch()) {
-            return result::ok;  // lost with its connection; what waits may be the next one's
+            return result::ok;  // lost with its connection; the batch may be the next one's
         }
         drop_batch_of_lost_connection(epoch);
         g_scc_msg_send_q->epoch = epoch;
@@ -175,10 +175,9 @@ void sleep_us(long microseconds) {
     nanosleep(&pause, nullptr);
 }
 
-// Sends the batch with the checker's patience. What is sent again after a time-out is what has not gone out:
-// a batch that began once more in its middle would put the daemon's stream out of step. The error that ends
-// the connection, or 0.
-u32 send_patiently(u32 epoch) {
+// Sends the batch with the checker's retries. After a time-out only the unsent rest is sent again: bytes sent
+// twice would put the daemon's stream out of step. Returns the error that ends the connection, or 0.
+u32 send_with_retries(u32 epoch) {
     std::span<const u8> rest = batch_message();
     for (u32 retries = 1;; ++retries) {
         std::size_t sent = 0;
@@ -207,7 +206,7 @@ u32 send_patiently(u32 epoch) {
     }
 }
 
-// The error that ends the connection that epoch then names, or 0.
+// Returns the error that ends the connection, which epoch then names, or 0.
 u32 flush(u32& epoch) {
     const write_guard guard(scc_send_buf_lock);
     if (g_scc_msg_send_q == nullptr || g_scc_msg_send_q->count == 0) {
@@ -217,7 +216,7 @@ u32 flush(u32& epoch) {
     u32 error = result::ok;
     if (epoch == connection_epoch()) {
         log_flush(checker_function, "thread");
-        error = send_patiently(epoch);
+        error = send_with_retries(epoch);
     }
     _scc_lib_send_buff_init();
     return error;
@@ -239,9 +238,8 @@ bool prepare_batch() {
     return true;
 }
 
-// In thread mode, closing makes the receive thread register again. An event loop would not notice a
-// descriptor that was closed under it, and its tasks are not this thread's to cancel: it finds the end of
-// its sockets when it reads.
+// In thread mode, closing makes the receive thread register again. An event loop would not notice a closed
+// descriptor, and this thread must not cancel its tasks: after a shutdown its read task finds end-of-file.
 void flush_waiting_batch() {
     u32 epoch = any_epoch;
     if (flush(epoch) == result::ok) {

@@ -64,7 +64,7 @@ bool lend(int fd) {
     return true;
 }
 
-// Releases a blocked borrower, then closes, at once or with the last borrower.
+// Wakes a blocked borrower, then closes at once or leaves that to the last borrower.
 int close_or_doom(int fd) {
     shutdown(fd, SHUT_RDWR);
     if (loan* entry = find_loan(fd); entry != nullptr) {
@@ -76,7 +76,7 @@ int close_or_doom(int fd) {
 
 constexpr const char* close_function = "_scc_lib_client_close";
 
-// A descriptor of 0 is never closed: it is taken for the host's own.
+// Descriptor 0 is never closed: it is assumed to be the host's.
 bool close_slot(channel which, const char* text) {
     std::atomic<i32>& slot = slot_of(which);
     const int fd = slot.load(relaxed);
@@ -168,7 +168,7 @@ borrowed_descriptor::~borrowed_descriptor() {
     }
     const mutex_guard guard(g_connection_mutex);
     for (loan& entry : g_loans) {
-        // A number cannot be handed out again while it is lent, so there is one loan of it.
+        // The kernel cannot reuse a number that is still open, so there is one loan of it.
         if (entry.users > 0 && entry.fd == fd_) {
             if (--entry.users == 0 && entry.doomed) {
                 close(entry.fd);
@@ -188,7 +188,7 @@ bool claim_start(start_kind kind, u32& generation) {
     if (something_lives(kind)) {
         return false;
     }
-    // What an attempt that this start replaces has opened, and what it would still send, is not for this one.
+    // Close what an attempt that this start replaces has opened, and drop what it would still send.
     (void)end_epoch();
     generation = locked::begin_generation(kind);
     return true;
@@ -240,8 +240,8 @@ bool reset_connection(u32 generation) {
     }
     _scc_client_state_set(state_failed);
     (void)close_both();
-    // Last: a request that saved its call under the old epoch either sees the new one, and drops its call,
-    // or saved it before this.
+    // Last: a request of the old epoch either saved its call before this, or sees the new epoch and drops
+    // its call.
     _scc_lib_data_free();
     return true;
 }

@@ -10,7 +10,7 @@
 namespace scc {
 namespace {
 
-// Whether the daemon's answer was taken out of the stream, if only to be refused.
+// Whether a reply was read from the stream, even if it was refused.
 bool is_taken(u32 error) {
     return error == result::ok || error == result::format || error == result::no_memory;
 }

@@ -1,5 +1,5 @@
-// Registrations and their threads. Each start of the library begins a generation; a thread carries the number
-// of its own and finds out, under the lock under which it would act, that a later one has begun. So
+// Registrations and their threads. Each start of the library begins a generation. A thread carries the number
+// of its own and checks, under the lock that it needs to act, whether a later one has begun. So
 // scc_svr_unreg followed at once by scc_svr_reg leaves one working thread.
 //
 // Handlers run one at a time, also across registrations: a thread delivers within a delivery_turn, which
@@ -23,8 +23,8 @@ enum class start_kind : u8 { none, thread, agent };
 [[nodiscard]] u32 begin_generation(start_kind kind = start_kind::thread);
 // Ends the current registration for good: its threads leave.
 void end_generation();
-// What kept the registration alive has gone: its receive thread leaves in state 1, and another start may
-// follow. An event loop's start that schedules nothing any more is given up in the state that it has.
+// What kept the registration alive ends, so another start may follow: a receive thread leaves, and sets
+// state 1; an event loop's start that schedules nothing more is given up, with its state unchanged.
 void leave_generation(u32 generation);
 void give_start_up(u32 generation);
 
@@ -39,14 +39,14 @@ void notify_status(u32 status, u32 generation);
 // While an unregistration is under way the app id is 0 but the registration has not ended yet.
 // False when another one is under way or the client is not registered.
 [[nodiscard]] bool begin_unregistration(u32& app_id);
-// The daemon has not agreed: registered as before.
+// The daemon did not agree: registered as before.
 void take_unregistration_back(u32 app_id);
 void end_unregistration();
-// Waits for the outcome; true when the registration is still there.
+// Waits for the outcome of an unregistration; true when the registration still exists.
 [[nodiscard]] bool survives_unregistration(u32 generation);
 
-// One thread's turn to call handlers of a registration. A handler that runs an event loop, or that registers
-// anew, is inside its own turn already and goes on.
+// One thread's turn to call handlers of a registration. A turn inside another (a handler runs an event loop,
+// or registers anew) does not wait.
 class delivery_turn {
   public:
     explicit delivery_turn(u32 generation);

@@ -1,7 +1,7 @@
-// The library's read-write locks, each always taken for writing, and their scoped guard.
-// scc_lib_lock is taken first. Behind it one of the others at a time, with two exceptions: an oversized
-// value is sent under scc_send_buf_lock, and its failure drops the pending calls and the cache; and the
-// mutex of descriptors.cpp is held while the data of a broken connection is dropped.
+// The library's read-write locks, each always taken for writing, and the scoped guards.
+// scc_lib_lock is taken first, then one of the others at a time. Two exceptions: an oversized value is sent
+// under scc_send_buf_lock, and a failure drops the pending calls and the cache there; the data of a broken
+// connection is dropped under g_connection_mutex.
 #pragma once
 
 #include <pthread.h>
@@ -17,8 +17,9 @@ namespace scc {
 
 class write_guard {
   public:
-    // A thread that holds the lock already (a handler that the library calls under it, and that calls the
-    // library) goes on under its own hold, and does not give it back early.
+    // Handlers that run under scc_lib_lock must not call the library. One that does gets EDEADLK from the C
+    // library; rather than hang or kill the host, the guard goes on under the existing hold and leaves the
+    // unlocking to its owner.
     explicit write_guard(pthread_rwlock_t& lock)
         : lock_(pthread_rwlock_wrlock(&lock) == 0 ? &lock : nullptr) {}
     ~write_guard() { release(); }

@@ -24,9 +24,8 @@ constexpr u32 long_queue_messages = 1024;
 constinit u32 g_waiting = 0;
 constinit bool g_was_long = false;
 
-// The first caller makes the condition and the list; later ones find a processing thread that may be
-// waiting on them, so they are left alone. A start without memory for the batch makes neither, and its
-// threads run all the same: they come here, too.
+// Once only, since a processing thread may already wait on the condition. The threads call it too: they run
+// even when a start had no memory for the batch and so skipped init_message_queue.
 void make_queue_once() {
     if (g_scc_lib_msg_q.next != nullptr) {
         return;
@@ -80,9 +79,8 @@ scc_lib_msg_node* dequeue_message() {
     return node;
 }
 
-// Small blocks that one thread allocates and another frees stay in the allocator's own lists. The free of a
-// large one makes it join them and shrink the heap of the thread that calls; the trim gives back what lies
-// in between.
+// Small blocks that another thread freed stay in malloc's lists. Freeing a large block makes malloc coalesce
+// and trim the heap of the calling thread; malloc_trim returns the free pages in between.
 void give_queue_memory_back() {
     constexpr std::size_t large_block_bytes = 96 * 1024;  // large for a free, small enough not to be mapped
     {

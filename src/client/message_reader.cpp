@@ -26,7 +26,7 @@ constinit std::array<channel_state, 2> g_channels{{
     {PTHREAD_MUTEX_INITIALIZER, {}, any_epoch, 0},
 }};
 
-// Reads until done has reached length, and counts what came also when it breaks off.
+// Reads until done reaches length; done also counts the bytes before an error.
 u32 receive_counted(int fd, u8* bytes, std::size_t& done, std::size_t length) {
     while (done < length) {
         const ssize_t got = recv(fd, bytes + done, length - done, 0);
@@ -106,16 +106,16 @@ u32 message_reader::read_past_body(int fd) {
 }
 
 received_message message_reader::finish() {
-    u8* whole = message_;
+    u8* message = message_;
     message_ = nullptr;
     filled_ = 0;
     const std::size_t length = load<u32>(header_);
-    if (!items_fit({whole, length})) {
+    if (!items_fit({message, length})) {
         SCC_LOG_FROM(function, "msg format error,items exceed msg. len:%zu.", length);
-        std::free(whole);
+        std::free(message);
         return {result::format, nullptr, true};
     }
-    return {result::ok, whole, false};
+    return {result::ok, message, false};
 }
 
 received_message message_reader::receive(channel which, u32 epoch) {
@@ -124,7 +124,7 @@ received_message message_reader::receive(channel which, u32 epoch) {
         begin_connection(borrowed.epoch());
     }
     const received_message received = read_message(which, borrowed.fd());
-    // Of a stream that has ended nothing more is expected.
+    // The stream has ended: the rest of a partial message will not come.
     if (borrowed.fd() >= 0 && _scc_connect_should_reset(received.error)) {
         begin_connection(epoch_);
     }

@@ -1,8 +1,8 @@
-// One message at a time out of a socket, reading not a byte further: replies on the synchronous socket, and
-// what an event loop or a registration reads on the asynchronous one.
+// Reads one message at a time from a socket and not a byte more: replies on the synchronous socket, and what
+// an event loop or a registration reads on the asynchronous one.
 //
-// A read that is interrupted keeps its place, so the next one goes on with the same message and the stream
-// stays in step. The bytes belong to one connection; the next connection begins anew.
+// An interrupted read keeps its position, so the next one continues the same message and the stream stays in
+// step. The bytes belong to one connection; the next connection starts afresh.
 #pragma once
 
 #include <pthread.h>
@@ -19,10 +19,10 @@ namespace scc {
 struct received_message {
     u32 error;      // 0, 2007, 12, 32 or the error of receiving
     void* message;  // whole, to be freed by the caller; null on error
-    bool dropped;   // 2007 for items that exceed the message: it was read past, the next one can be read
+    bool dropped;   // 2007 for items that exceed the message: it was read whole, the next one can be read
 };
 
-// What a channel's reader keeps between two reads. One thread reads a channel at a time, and holds its lock.
+// A channel's reader. Its caller holds the channel's lock.
 class message_reader {
   public:
     // Reads the next message, or the rest of the one that an interrupted read has begun.
@@ -40,7 +40,7 @@ class message_reader {
     u8 header_[wire::header_bytes] = {};
     std::size_t filled_ = 0;  // bytes of the message that have been read, header included
     u8* message_ = nullptr;   // null until there is a header, and without memory
-    bool unwanted_ = false;   // there was no memory: the body is read past
+    bool unwanted_ = false;   // there was no memory: the body is skipped
 };
 
 // The state of one socket's conversation with the daemon.

@@ -1,8 +1,8 @@
-// See pending_calls.h. A requesting thread and the receive thread meet in two rings, so that neither waits
-// for the other: a saved call goes to the index through one, by the hand of whoever looks a call up next,
-// and the block of a delivered call comes back through the other for a request of the same size. The
-// requesting thread then allocates nothing and the receive thread frees nothing, which is most of what an
-// allocator shared by two threads costs. The checker frees what came back once requests pause.
+// See pending_calls.h. Two rings connect the requesting and the receive thread, so that neither waits for the
+// other. A saved call passes through one; the next lookup moves it to the index. The block of a delivered
+// call returns through the other, for a request of the same size. So the requesting thread allocates nothing
+// and the receive thread frees nothing, which saves most of the cost of an allocator shared by two threads.
+// The checker frees the returned blocks once requests pause.
 #include "client/pending_calls.h"
 
 #include <algorithm>
@@ -42,13 +42,13 @@ constinit bucket_table<hash_of, first_buckets> g_scc_lib_call_lst{};
 namespace scc {
 namespace {
 
-// Saved and not yet in the index. Given to under scc_lib_lock, taken from under scc_call_data_lock.
+// Saved and not yet in the index. Pushed under scc_lib_lock, popped under scc_call_data_lock.
 constinit handoff_ring<pending_call*, incoming_calls_max> g_incoming{};
-// Blocks of delivered calls. Given to under scc_call_data_lock, taken from under scc_lib_lock.
+// Blocks of delivered calls. Pushed under scc_call_data_lock, popped under scc_lib_lock.
 constinit handoff_ring<pending_call*, spare_blocks_max> g_spare{};
 
-// The calls in hand. The ids and the size are guarded by scc_call_data_lock; a call changes hands by the
-// exchange of its slot, which needs no lock.
+// The calls in hand. scc_call_data_lock guards the ids and the size; a call is taken by an atomic exchange of
+// its slot, without the lock.
 struct hand {
     std::array<std::atomic<pending_call*>, calls_in_hand::most> calls;
     std::array<u32, calls_in_hand::most> ids;
@@ -57,7 +57,7 @@ struct hand {
 
 constinit hand g_hand{};
 
-// Spins briefly: hold times are shorter than a sleep.
+// Spin briefly: hold times are shorter than a sleep.
 class brief_guard {
   public:
     brief_guard() {
@@ -83,7 +83,7 @@ std::size_t data_bytes_of(i32 len) {
     return len > 0 ? static_cast<std::size_t>(len) : 0;
 }
 
-// A block that came back, when it is of this size; others make room for those that will be.
+// A returned block of this size, or null. A block of another size is freed, so the ring adapts.
 pending_call* take_spare(std::size_t data_bytes) {
     constexpr std::size_t ahead = 1;
     constexpr std::size_t most = 1024;
@@ -110,7 +110,7 @@ void fill(pending_call& call, u32 call_id, u32 kind, const void* data, i32 len) 
     }
 }
 
-// Moves what was saved into the index. scc_call_data_lock held.
+// Moves the saved calls to the index. scc_call_data_lock held.
 void index_incoming() {
     constexpr std::size_t ahead = 8;
     for (pending_call* call = nullptr; g_incoming.pop(call);) {
@@ -201,7 +201,7 @@ calls_in_hand::calls_in_hand(std::span<const u32> ids) : ids_(ids), holds_(false
     }
     holds_ = true;
     index_incoming();
-    // A million calls lie all over the memory: their cache misses overlap this way.
+    // Many pending calls are spread over memory; prefetching overlaps their cache misses.
     for (const u32 id : ids) {
         g_scc_lib_call_lst.prefetch_bucket(id);
     }
@@ -224,7 +224,7 @@ calls_in_hand::~calls_in_hand() {
 
 pending_call* calls_in_hand::take(std::size_t i) {
     pending_call* call = holds_ ? g_hand.calls[i].exchange(nullptr) : nullptr;
-    // A handler before this one may have made the call.
+    // The handler of an earlier result may have made the call.
     return call != nullptr ? call : take_pending_call(ids_[i]);
 }
 
@@ -281,11 +281,11 @@ void grow_pending_index() {
 }
 
 void free_idle_blocks() {
-    static constinit std::size_t taken_before = 0;  // the checker's
+    static constinit std::size_t taken_before = 0;  // only the checker calls this
     const std::size_t taken = g_spare.taken();
     const bool paused = taken == taken_before;
     taken_before = taken;
-    // A caller may hold the lock for as long as the daemon takes to answer; the next pass will do.
+    // A query holds the lock until the daemon answers; a later pass will do.
     if (!paused || g_spare.empty() || pthread_rwlock_trywrlock(&scc_lib_lock) != 0) {
         return;
     }

@@ -28,7 +28,7 @@ void write_item_header(void* at, u32 length, u16 sub_id, u16 type) {
 
 u32 send_counted(int fd, std::span<const u8> bytes, std::size_t& sent) {
     for (sent = 0; sent < bytes.size();) {
-        // A daemon that vanished must not kill its client with the broken-pipe signal.
+        // A daemon that vanished must not kill its client with SIGPIPE.
         const ssize_t count = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
         if (count < 0) {
             return static_cast<u32>(errno);
