@@ -32,7 +32,11 @@ struct batch {
     u8 reserve[8];
 };
 
-static_assert(sizeof(batch) == wire::batch_block_bytes);
+static_assert(sizeof(batch) == wire::batch_capacity_bytes + 32);
+static_assert(wire::batch_capacity_bytes > wire::header_bytes + wire::item_header_bytes);
+static_assert(wire::oversized_value_bytes - 1 + wire::item_header_bytes <= wire::batch_capacity_bytes,
+              "the largest batched value fits into an empty batch");
+static_assert(wire::batch_capacity_bytes / wire::item_header_bytes <= UINT16_MAX, "u16 counts the items");
 
 }  // namespace
 }  // namespace scc

@@ -137,10 +137,6 @@ bool has_result(const exchange& reply) {
     return reply.value().size() >= 8;
 }
 
-void sleep_before_retry() {
-    sleep(limits::retry_seconds);
-}
-
 }  // namespace
 
 registration_identity identity_of_control_block() {
@@ -185,7 +181,7 @@ bool register_until_done(u32 generation) {
         if (!reset_connection(generation) || app_id_now() == 0) {
             return false;
         }
-        sleep_before_retry();
+        sleep(limits::retry_seconds);
     }
     scc_lib_rereg.store(0, relaxed);
     if (!set_state_of(generation, state_registered)) {

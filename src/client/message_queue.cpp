@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "client/locks.h"
+#include "client/tuning.h"
 
 using namespace scc;
 
@@ -17,8 +18,6 @@ constinit list_node g_scc_lib_msg_q{};
 
 namespace scc {
 namespace {
-
-constexpr u32 long_queue_messages = 1024;
 
 // g_scc_lib_msg_mutex guards both.
 constinit u32 g_waiting = 0;
@@ -56,7 +55,7 @@ bool enqueue_message(i32 fd, void* message) {
     const mutex_guard guard(g_scc_lib_msg_mutex);
     make_queue_once();
     list_add_tail(&node->link, &g_scc_lib_msg_q);
-    g_was_long |= ++g_waiting == long_queue_messages;
+    g_was_long |= ++g_waiting == tuning::long_queue_messages;
     pthread_cond_signal(&g_scc_lib_msg_cond);
     return true;
 }
@@ -82,7 +81,6 @@ scc_lib_msg_node* dequeue_message() {
 // Small blocks that another thread freed stay in malloc's lists. Freeing a large block makes malloc coalesce
 // and trim the heap of the calling thread; malloc_trim returns the free pages in between.
 void give_queue_memory_back() {
-    constexpr std::size_t large_block_bytes = 96 * 1024;  // large for a free, small enough not to be mapped
     {
         const mutex_guard guard(g_scc_lib_msg_mutex);
         if (!g_was_long || g_waiting != 0) {
@@ -90,7 +88,8 @@ void give_queue_memory_back() {
         }
         g_was_long = false;
     }
-    void* volatile block = std::malloc(large_block_bytes);  // volatile, or the compiler leaves both out
+    void* volatile block =
+        std::malloc(tuning::coalescing_block_bytes);  // volatile, or the compiler leaves both out
     std::free(block);
 #ifdef __GLIBC__
     malloc_trim(0);

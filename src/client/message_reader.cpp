@@ -1,11 +1,8 @@
 // See message_reader.h.
 #include "client/message_reader.h"
 
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -26,25 +23,6 @@ constinit std::array<channel_state, 2> g_channels{{
     {PTHREAD_MUTEX_INITIALIZER, {}, any_epoch, 0},
 }};
 
-// Reads until done reaches length; done also counts the bytes before an error.
-u32 receive_counted(int fd, u8* bytes, std::size_t& done, std::size_t length) {
-    while (done < length) {
-        const ssize_t got = recv(fd, bytes + done, length - done, 0);
-        if (got == 0) {
-            return result::peer_closed;
-        }
-        if (got < 0) {
-            return static_cast<u32>(errno);
-        }
-        done += static_cast<std::size_t>(got);
-    }
-    return result::ok;
-}
-
-received_message refusal(u32 error) {
-    return {error, nullptr, false};
-}
-
 }  // namespace
 
 channel_state& state_of(channel which) {
@@ -60,7 +38,7 @@ void message_reader::begin_connection(u32 epoch) {
 }
 
 u32 message_reader::read_header(int fd, int sync) {
-    const u32 error = receive_counted(fd, header_, filled_, sizeof header_);
+    const u32 error = receive_counted(fd, header_, filled_);
     if (error != result::ok) {
         SCC_LOG_FROM(function, "recv msg hdr error! syn:%d errno:%d.", sync, error);
         return error;
@@ -82,7 +60,7 @@ u32 message_reader::read_header(int fd, int sync) {
 }
 
 u32 message_reader::read_body(int fd) {
-    const u32 error = receive_counted(fd, message_, filled_, load<u32>(header_));
+    const u32 error = receive_counted(fd, {message_, load<u32>(header_)}, filled_);
     if (error != result::ok) {
         SCC_LOG_FROM(function, "recv msg body error! errno:%d.", error);
     }
@@ -94,7 +72,7 @@ u32 message_reader::read_past_body(int fd) {
     u8 scrap[512];
     while (filled_ < length) {
         std::size_t done = 0;
-        const u32 error = receive_counted(fd, scrap, done, std::min(length - filled_, sizeof scrap));
+        const u32 error = receive_counted(fd, {scrap, std::min(length - filled_, sizeof scrap)}, done);
         filled_ += done;
         if (error != result::ok) {
             return error;
@@ -135,7 +113,7 @@ received_message message_reader::read_message(channel which, int fd) {
     // The rest of a message that an earlier read had no memory for.
     if (unwanted_) {
         if (const u32 error = read_past_body(fd); error != result::ok) {
-            return refusal(error);
+            return {error, nullptr, false};
         }
     }
     if (message_ == nullptr) {
@@ -144,11 +122,11 @@ received_message message_reader::read_message(channel which, int fd) {
             (void)read_past_body(fd);
         }
         if (error != result::ok) {
-            return refusal(error);
+            return {error, nullptr, false};
         }
     }
     const u32 error = read_body(fd);
-    return error != result::ok ? refusal(error) : finish();
+    return error != result::ok ? received_message{error, nullptr, false} : finish();
 }
 
 received_message receive_message(channel which, u32 epoch) {

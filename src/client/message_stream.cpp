@@ -12,11 +12,8 @@
 #include "msg/result_codes.h"
 
 namespace scc {
-namespace {
 
 constexpr const char* function = "_scc_lib_msg_recv";
-
-}  // namespace
 
 message_stream::~message_stream() {
     std::free(message_);

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 
+#include "client/tuning.h"
 #include "msg/protocol.h"
 
 namespace scc {
@@ -35,7 +36,7 @@ class message_stream {
     [[nodiscard]] u32 begin_message();
     [[nodiscard]] u32 finish_message(void** message);
 
-    u8 buffer_[16384];
+    u8 buffer_[tuning::receive_buffer_bytes];
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
     u8* message_ = nullptr;  // being completed

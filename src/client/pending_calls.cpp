@@ -13,6 +13,7 @@
 
 #include "client/control_block.h"
 #include "client/log.h"
+#include "client/tuning.h"
 #include "msg/result_codes.h"
 #include "util/bucket_table.h"
 #include "util/handoff_ring.h"
@@ -23,10 +24,6 @@ using namespace scc;
 namespace scc {
 namespace {
 
-constexpr std::size_t first_buckets = 1024;
-constexpr std::size_t incoming_calls_max = 1024;
-constexpr std::size_t spare_blocks_max = 8192;
-
 u64 hash_of(const list_node* node) {
     return reinterpret_cast<const pending_call*>(node)->call_id;
 }
@@ -36,16 +33,16 @@ u64 hash_of(const list_node* node) {
 
 extern "C" {
 constinit pthread_rwlock_t scc_call_data_lock = PTHREAD_RWLOCK_INITIALIZER;
-constinit bucket_table<hash_of, first_buckets> g_scc_lib_call_lst{};
+constinit bucket_table<hash_of, tuning::first_call_buckets> g_scc_lib_call_lst{};
 }
 
 namespace scc {
 namespace {
 
 // Saved and not yet in the index. Pushed under scc_lib_lock, popped under scc_call_data_lock.
-constinit handoff_ring<pending_call*, incoming_calls_max> g_incoming{};
+constinit handoff_ring<pending_call*, tuning::saved_calls_max> g_incoming{};
 // Blocks of delivered calls. Pushed under scc_call_data_lock, popped under scc_lib_lock.
-constinit handoff_ring<pending_call*, spare_blocks_max> g_spare{};
+constinit handoff_ring<pending_call*, tuning::spare_blocks_max> g_spare{};
 
 // The calls in hand. scc_call_data_lock guards the ids and the size; a call is taken by an atomic exchange of
 // its slot, without the lock.
@@ -61,8 +58,7 @@ constinit hand g_hand{};
 class brief_guard {
   public:
     brief_guard() {
-        constexpr int spins = 200;
-        for (int i = 0; i < spins; ++i) {
+        for (int i = 0; i < tuning::lock_spins; ++i) {
             if (pthread_rwlock_trywrlock(&scc_call_data_lock) == 0) {
                 return;
             }
@@ -85,14 +81,13 @@ std::size_t data_bytes_of(i32 len) {
 
 // A returned block of this size, or null. A block of another size is freed, so the ring adapts.
 pending_call* take_spare(std::size_t data_bytes) {
-    constexpr std::size_t ahead = 1;
-    constexpr std::size_t most = 1024;
     pending_call* block = nullptr;
     if (!g_spare.pop(block)) {
         return nullptr;
     }
-    if (pending_call* later = nullptr; g_spare.peek(ahead, later)) {
-        prefetch_for_writing(later, std::min(pending_call::head_bytes + data_bytes, most));
+    if (pending_call* later = nullptr; g_spare.peek(tuning::spare_blocks_ahead, later)) {
+        prefetch_for_writing(
+            later, std::min(pending_call::head_bytes + data_bytes, tuning::spare_prefetch_max_bytes));
     }
     if (data_bytes_of(block->data_bytes) != data_bytes) {
         std::free(block);
@@ -112,9 +107,8 @@ void fill(pending_call& call, u32 call_id, u32 kind, const void* data, i32 len) 
 
 // Moves the saved calls to the index. scc_call_data_lock held.
 void index_incoming() {
-    constexpr std::size_t ahead = 8;
     for (pending_call* call = nullptr; g_incoming.pop(call);) {
-        if (pending_call* later = nullptr; g_incoming.peek(ahead, later)) {
+        if (pending_call* later = nullptr; g_incoming.peek(tuning::saved_calls_ahead, later)) {
             prefetch_for_writing(later, pending_call::head_bytes);
         }
         g_scc_lib_call_lst.insert(&call->link);

@@ -6,6 +6,7 @@
 #include <span>
 
 #include "client/locks.h"
+#include "client/tuning.h"
 #include "msg/protocol.h"
 #include "util/list.h"
 
@@ -37,7 +38,7 @@ void release_pending_calls(std::span<pending_call* const> calls);
 // still pending: dropping or deleting pending calls includes it.
 class calls_in_hand {
   public:
-    static constexpr std::size_t most = 32;
+    static constexpr std::size_t most = tuning::calls_in_hand_max;
 
     // Looks up the calls of these ids, no more than `most`, in order.
     explicit calls_in_hand(std::span<const u32> ids);

@@ -28,11 +28,9 @@ inline constexpr u8 version = 1;
 
 // A message built item by item stays within one Ethernet payload.
 inline constexpr u32 built_message_max_bytes = 1499;
-inline constexpr u32 batch_capacity_bytes = 8192;
-// The batch's head (count, capacity, used, padding) and message lie in one block of 8224 bytes.
-inline constexpr u32 batch_block_bytes = 8224;
+inline constexpr u32 batch_capacity_bytes = 8192;  // of items
 // A value of this size and above never enters a batch.
-inline constexpr u32 oversized_value_bytes = 8176;
+inline constexpr u32 oversized_value_bytes = batch_capacity_bytes - header_bytes - item_header_bytes;
 
 }  // namespace wire
 
