@@ -72,9 +72,9 @@ void announce_registration(u32 generation) {
 }
 
 // Serialises overlapping starts; each replaces the one before.
-constinit pthread_mutex_t g_start_mutex = PTHREAD_MUTEX_INITIALIZER;
+constinit mutex g_start_mutex SCC_ACQUIRED_BEFORE(g_connection_mutex);
 
-u32 start_agent(const scc_reg_info& info, scc_reg_info* copy, void* master) {
+u32 start_agent(const scc_reg_info& info, scc_reg_info* copy, void* master) SCC_EXCLUDES(g_start_mutex) {
     constexpr const char* function = "scc_agent_init";
     const mutex_guard guard(g_start_mutex);
     u32 generation = 0;

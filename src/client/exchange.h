@@ -33,6 +33,9 @@ class exchange {
     [[nodiscard]] u32 epoch() const { return epoch_; }
 
   private:
+    // The constructor took the lock, which the analysis of another member function does not see.
+    void has_lock() const SCC_ASSERT_HELD(state_.lock) {}
+
     channel which_;
     channel_state& state_;
     u32 epoch_;

@@ -10,22 +10,29 @@
 
 using namespace scc;
 
+namespace scc {
+namespace {
+
+constexpr named_mutex queue_lock{g_scc_lib_msg_mutex};
+
+}  // namespace
+}  // namespace scc
+
 extern "C" {
 constinit pthread_mutex_t g_scc_lib_msg_mutex = PTHREAD_MUTEX_INITIALIZER;
 constinit pthread_cond_t g_scc_lib_msg_cond = PTHREAD_COND_INITIALIZER;
-constinit list_node g_scc_lib_msg_q{};
+constinit list_node g_scc_lib_msg_q SCC_GUARDED_BY(queue_lock){};
 }
 
 namespace scc {
 namespace {
 
-// g_scc_lib_msg_mutex guards both.
-constinit u32 g_waiting = 0;
-constinit bool g_was_long = false;
+constinit u32 g_waiting SCC_GUARDED_BY(queue_lock) = 0;
+constinit bool g_was_long SCC_GUARDED_BY(queue_lock) = false;
 
 // Once only, since a processing thread may already wait on the condition. The threads call it too: they run
 // even when a start had no memory for the batch and so skipped init_message_queue.
-void make_queue_once() {
+void make_queue_once() SCC_REQUIRES(queue_lock) {
     if (g_scc_lib_msg_q.next != nullptr) {
         return;
     }
@@ -41,7 +48,7 @@ void make_queue_once() {
 }  // namespace
 
 void init_message_queue() {
-    const mutex_guard guard(g_scc_lib_msg_mutex);
+    const mutex_guard guard(queue_lock);
     make_queue_once();
 }
 
@@ -52,7 +59,7 @@ bool enqueue_message(i32 fd, void* message) {
     }
     node->fd = fd;
     node->message = message;
-    const mutex_guard guard(g_scc_lib_msg_mutex);
+    const mutex_guard guard(queue_lock);
     make_queue_once();
     list_add_tail(&node->link, &g_scc_lib_msg_q);
     g_was_long |= ++g_waiting == tuning::long_queue_messages;
@@ -61,7 +68,7 @@ bool enqueue_message(i32 fd, void* message) {
 }
 
 scc_lib_msg_node* dequeue_message() {
-    const mutex_guard guard(g_scc_lib_msg_mutex);
+    const mutex_guard guard(queue_lock);
     make_queue_once();
     timespec deadline{};
     clock_gettime(CLOCK_MONOTONIC, &deadline);
@@ -82,7 +89,7 @@ scc_lib_msg_node* dequeue_message() {
 // and trim the heap of the calling thread; malloc_trim returns the free pages in between.
 void give_queue_memory_back() {
     {
-        const mutex_guard guard(g_scc_lib_msg_mutex);
+        const mutex_guard guard(queue_lock);
         if (!g_was_long || g_waiting != 0) {
             return;
         }

@@ -18,10 +18,7 @@ namespace {
 
 constexpr const char* function = "_scc_lib_msg_recv";
 
-constinit std::array<channel_state, 2> g_channels{{
-    {PTHREAD_MUTEX_INITIALIZER, {}, any_epoch, 0},
-    {PTHREAD_MUTEX_INITIALIZER, {}, any_epoch, 0},
-}};
+constinit std::array<channel_state, 2> g_channels{};
 
 }  // namespace
 
@@ -130,8 +127,9 @@ received_message message_reader::read_message(channel which, int fd) {
 }
 
 received_message receive_message(channel which, u32 epoch) {
-    const mutex_guard guard(state_of(which).mutex);
-    return state_of(which).reader.receive(which, epoch);
+    channel_state& state = state_of(which);
+    const mutex_guard guard(state.lock);
+    return state.reader.receive(which, epoch);
 }
 
 }  // namespace scc

@@ -5,11 +5,10 @@
 // step. The bytes belong to one connection; the next connection starts afresh.
 #pragma once
 
-#include <pthread.h>
-
 #include <cstddef>
 
 #include "client/descriptors.h"
+#include "client/locks.h"
 #include "msg/protocol.h"
 
 extern "C" [[nodiscard]] scc::u32 _scc_lib_msg_recv(void** out, int sync);
@@ -45,10 +44,10 @@ class message_reader {
 
 // The state of one socket's conversation with the daemon.
 struct channel_state {
-    pthread_mutex_t mutex;  // held while reading, and over a whole exchange
-    message_reader reader;
-    u32 owed_epoch;  // the connection that the replies are owed on
-    u32 owed;        // replies that earlier exchanges have asked for and not read
+    mutex lock;  // held while reading, and over a whole exchange
+    message_reader reader SCC_GUARDED_BY(lock);
+    u32 owed_epoch SCC_GUARDED_BY(lock) = any_epoch;  // the connection that the replies are owed on
+    u32 owed SCC_GUARDED_BY(lock) = 0;  // replies that earlier exchanges have asked for and not read
 };
 
 [[nodiscard]] channel_state& state_of(channel which);

@@ -24,6 +24,8 @@ using namespace scc;
 namespace scc {
 namespace {
 
+constexpr named_lock calls_lock{scc_call_data_lock};
+
 u64 hash_of(const list_node* node) {
     return reinterpret_cast<const pending_call*>(node)->call_id;
 }
@@ -33,7 +35,7 @@ u64 hash_of(const list_node* node) {
 
 extern "C" {
 constinit pthread_rwlock_t scc_call_data_lock = PTHREAD_RWLOCK_INITIALIZER;
-constinit bucket_table<hash_of, tuning::first_call_buckets> g_scc_lib_call_lst{};
+constinit bucket_table<hash_of, tuning::first_call_buckets> g_scc_lib_call_lst SCC_GUARDED_BY(calls_lock){};
 }
 
 namespace scc {
@@ -48,16 +50,16 @@ constinit handoff_ring<pending_call*, tuning::spare_blocks_max> g_spare{};
 // its slot, without the lock.
 struct hand {
     std::array<std::atomic<pending_call*>, calls_in_hand::most> calls;
-    std::array<u32, calls_in_hand::most> ids;
-    std::size_t size;
+    std::array<u32, calls_in_hand::most> ids SCC_GUARDED_BY(calls_lock);
+    std::size_t size SCC_GUARDED_BY(calls_lock);
 };
 
 constinit hand g_hand{};
 
 // Spin briefly: hold times are shorter than a sleep.
-class brief_guard {
+class SCC_SCOPED_CAPABILITY brief_guard {
   public:
-    brief_guard() {
+    brief_guard() SCC_ACQUIRE(calls_lock) {
         for (int i = 0; i < tuning::lock_spins; ++i) {
             if (pthread_rwlock_trywrlock(&scc_call_data_lock) == 0) {
                 return;
@@ -68,7 +70,7 @@ class brief_guard {
         }
         pthread_rwlock_wrlock(&scc_call_data_lock);
     }
-    ~brief_guard() {
+    ~brief_guard() SCC_RELEASE() {
         pthread_rwlock_unlock(&scc_call_data_lock);
     }
     brief_guard(const brief_guard&) = delete;
@@ -105,8 +107,8 @@ void fill(pending_call& call, u32 call_id, u32 kind, const void* data, i32 len) 
     }
 }
 
-// Moves the saved calls to the index. scc_call_data_lock held.
-void index_incoming() {
+// Moves the saved calls to the index.
+void index_incoming() SCC_REQUIRES(calls_lock) {
     for (pending_call* call = nullptr; g_incoming.pop(call);) {
         if (pending_call* later = nullptr; g_incoming.peek(tuning::saved_calls_ahead, later)) {
             prefetch_for_writing(later, pending_call::head_bytes);
@@ -154,8 +156,7 @@ namespace scc {
 
 namespace {
 
-// scc_call_data_lock held.
-pending_call* unlink_call(u32 call_id) {
+pending_call* unlink_call(u32 call_id) SCC_REQUIRES(calls_lock) {
     list_node* node = g_scc_lib_call_lst.find(call_id, [call_id](const list_node* candidate) {
         return reinterpret_cast<const pending_call*>(candidate)->call_id == call_id;
     });
@@ -165,8 +166,8 @@ pending_call* unlink_call(u32 call_id) {
     return reinterpret_cast<pending_call*>(node);
 }
 
-// The oldest call of this id in hand, which is older than those of the index. scc_call_data_lock held.
-pending_call* take_from_hand(u32 call_id) {
+// The oldest call of this id in hand, which is older than those of the index.
+pending_call* take_from_hand(u32 call_id) SCC_REQUIRES(calls_lock) {
     for (std::size_t i = 0; i < g_hand.size; ++i) {
         if (g_hand.ids[i] == call_id) {
             if (pending_call* call = g_hand.calls[i].exchange(nullptr); call != nullptr) {
@@ -244,7 +245,7 @@ void release_pending_calls(std::span<pending_call* const> calls) {
 }
 
 std::size_t pending_calls() {
-    const write_guard guard(scc_call_data_lock);
+    const named_lock_guard guard(calls_lock);
     index_incoming();
     std::size_t count = g_scc_lib_call_lst.size();
     for (std::size_t i = 0; i < g_hand.size; ++i) {
@@ -254,7 +255,7 @@ std::size_t pending_calls() {
 }
 
 void free_pending_calls() {
-    const write_guard guard(scc_call_data_lock);
+    const named_lock_guard guard(calls_lock);
     for (std::size_t i = 0; i < g_hand.size; ++i) {
         std::free(g_hand.calls[i].exchange(nullptr));
     }
@@ -264,12 +265,12 @@ void free_pending_calls() {
 
 void init_pending_calls() {
     free_pending_calls();
-    const write_guard guard(scc_call_data_lock);
+    const named_lock_guard guard(calls_lock);
     g_scc_lib_call_lst.reset();
 }
 
 void grow_pending_index() {
-    const write_guard guard(scc_call_data_lock);
+    const named_lock_guard guard(calls_lock);
     index_incoming();
     g_scc_lib_call_lst.grow_if_crowded();
 }
