@@ -1,6 +1,6 @@
-// The event-loop agent: the connection of an application as tasks on its own event loop. Handlers run on
-// the loop's thread and take no library lock; the checker thread, and requests from other threads, meet
-// them in the recovery, which the connection's epoch lets through once.
+// The event-loop agent: an application's connection as tasks on its own event loop. Handlers run on the
+// loop's thread under no library lock. The checker thread and requests of other threads may start a recovery
+// at the same time; the connection's epoch admits one.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -41,10 +41,11 @@ void call_connect_callback() {
     }
 }
 
-// Ends the named connection, drops its calls and starts over; whoever comes second finds it gone and does
-// nothing. After the end, no request can save a call for it any more. Logs in the name of function.
+// Ends the named connection, drops its calls and schedules the reconnection; does nothing when the
+// connection has ended already. Logs in the name of function.
 void recover(u32 epoch, const char* function) {
     u32 disconnected = any_epoch;
+    // After this, no request can save a call.
     if (end_connection(epoch, disconnected)) {
         _scc_lib_data_free();
         SCC_LOG_FROM(function, "scc client start to try re-reg.");
@@ -54,7 +55,6 @@ void recover(u32 epoch, const char* function) {
 
 constexpr agent_hooks hooks{recover, cancel_all_tasks};
 
-// What the read and the write task do with an error.
 void handle_task_error(u32 error, u32 epoch, const char* function) {
     if (app_id_now() == 0) {
         set_idle_of(epoch);
@@ -63,18 +63,18 @@ void handle_task_error(u32 error, u32 epoch, const char* function) {
     }
 }
 
-// What both ways to register end with: status and callback, unless the registration has ended meanwhile.
-void tell_registered(u32 generation) {
+// The status handler may end the registration; then there is no callback.
+void announce_registration(u32 generation) {
     notify_status(1, generation);
     if (is_current(generation)) {
         call_connect_callback();
     }
 }
 
-// Starts that overlap follow one another whole; each takes the place of the one before.
-constinit pthread_mutex_t g_start_mutex = PTHREAD_MUTEX_INITIALIZER;
+// Serialises overlapping starts; each replaces the one before.
+constinit mutex g_start_mutex SCC_ACQUIRED_BEFORE(g_connection_mutex);
 
-u32 start_agent(const scc_reg_info& info, scc_reg_info* copy, void* master) {
+u32 start_agent(const scc_reg_info& info, scc_reg_info* copy, void* master) SCC_EXCLUDES(g_start_mutex) {
     constexpr const char* function = "scc_agent_init";
     const mutex_guard guard(g_start_mutex);
     u32 generation = 0;
@@ -82,7 +82,7 @@ u32 start_agent(const scc_reg_info& info, scc_reg_info* copy, void* master) {
         std::free(copy);
         return result::ok;
     }
-    cancel_all_tasks();  // of an earlier start, which may wait for its reconnect timer
+    cancel_all_tasks();  // an earlier start may wait for its reconnect timer
     _scc_lib_handler_set(&info);
     _scc_lib_data_init();
     set_master(master);
@@ -161,7 +161,7 @@ int _scc_lib_agent_connect(struct qx_thread* task) {
     }
     SCC_LOG("(app id:%d, pid:%d)register to sccd success!", app_id_now(), pid_now());
     schedule_read(epoch);
-    tell_registered(self.generation);
+    announce_registration(self.generation);
     return 0;
 }
 
@@ -212,10 +212,10 @@ int _scc_lib_agent_read(struct qx_thread* task) {
         std::free(received.message);
     }
     if (received.error == result::ok || received.dropped) {
-        schedule_read(self.epoch);  // unless a handler ended the registration, or found the connection dead
+        schedule_read(self.epoch);  // does nothing if a handler ended the registration or the connection
         return 0;
     }
-    // An error that does not end the connection ends the reading all the same, until something reconnects.
+    // After any error, even one that leaves the connection alive, reading stops until a reconnection.
     SCC_LOG("scc msg recv error. rv=%d, %s", received.error, scc_strerror(static_cast<i32>(received.error)));
     handle_task_error(received.error, self.epoch, __func__);
     return static_cast<int>(received.error);

@@ -25,13 +25,13 @@ struct task_record {
     void* argument;
 };
 
-constinit pthread_mutex_t g_tasks_lock = PTHREAD_MUTEX_INITIALIZER;
-// All guarded by g_tasks_lock.
-constinit qx_thread_master* g_master = nullptr;
-constinit list_node g_tasks{&g_tasks, &g_tasks};  // of task_record, oldest first
-// The handles that were cancelled last.
-constinit std::array<const qx_thread*, 16> g_cancelled{};
-constinit std::size_t g_cancellations = 0;
+constinit mutex g_tasks_lock SCC_ACQUIRED_BEFORE(g_connection_mutex);
+constinit qx_thread_master* g_master SCC_GUARDED_BY(g_tasks_lock) = nullptr;
+// Of task_record, oldest first.
+constinit list_node g_tasks SCC_GUARDED_BY(g_tasks_lock){&g_tasks, &g_tasks};
+// The most recently cancelled handles.
+constinit std::array<const qx_thread*, 16> g_cancelled SCC_GUARDED_BY(g_tasks_lock){};
+constinit std::size_t g_cancellations SCC_GUARDED_BY(g_tasks_lock) = 0;
 
 struct task_row {
     qx_thread* (*add)(void* arg, int fd);
@@ -39,33 +39,31 @@ struct task_row {
 };
 
 constexpr std::array<task_row, task_kinds> task_table = {{
-    {[](void* arg, int) {
+    {[](void* arg, int) SCC_REQUIRES(g_tasks_lock) {
          return qx_thread_add_event_withname(g_master, _scc_lib_agent_connect, arg, 0, "scc-connect");
      },
      "Failed to add qx_thread for scc_lib_connect"},
-    {[](void*, int) {
+    {[](void*, int) SCC_REQUIRES(g_tasks_lock) {
          return qx_thread_add_timer_withname(g_master, _scc_lib_agent_reconnect, nullptr,
                                              limits::reconnect_timer, "scc-reconnect");
      },
      "Failed to add qx_thread for scc_lib_reconnect"},
-    {[](void*, int fd) {
+    {[](void*, int fd) SCC_REQUIRES(g_tasks_lock) {
          return qx_thread_add_read_high_withname(g_master, _scc_lib_agent_read, nullptr, fd, "scc-read");
      },
      "Failed to add qx_thread for scc_lib_read"},
-    {[](void* arg, int fd) {
+    {[](void* arg, int fd) SCC_REQUIRES(g_tasks_lock) {
          return qx_thread_add_write_withname(g_master, _scc_lib_agent_write, arg, fd, "scc-write");
      },
      "Failed to add qx_thread for scc_lib_write"},
 }};
-
-// All of these are called with g_tasks_lock held.
 
 task_record* record_of(list_node* link) {
     return reinterpret_cast<task_record*>(link);
 }
 
 template <class Predicate>
-task_record* find_task(Predicate matches) {
+task_record* find_task(Predicate matches) SCC_REQUIRES(g_tasks_lock) {
     for (list_node* link = g_tasks.next; link != &g_tasks; link = link->next) {
         if (matches(*record_of(link))) {
             return record_of(link);
@@ -74,9 +72,9 @@ task_record* find_task(Predicate matches) {
     return nullptr;
 }
 
-// A platform may run a task with another object than the handle that it gave: the oldest task of the kind is
-// meant then. A handle that was cancelled belongs to a task that the event loop was about to run, though.
-task_record* find_running(u32 kind, const qx_thread* task) {
+// A platform may run a task with another object than the handle that it returned; the oldest task of the
+// kind is then meant. A cancelled handle, though, is that of a task that the event loop was about to run.
+task_record* find_running(u32 kind, const qx_thread* task) SCC_REQUIRES(g_tasks_lock) {
     task_record* record =
         find_task([&](const task_record& each) { return each.kind == kind && each.handle == task; });
     if (record == nullptr && (task == nullptr || std::ranges::find(g_cancelled, task) == g_cancelled.end())) {
@@ -85,12 +83,12 @@ task_record* find_running(u32 kind, const qx_thread* task) {
     return record;
 }
 
-void forget(task_record* record) {
+void forget(task_record* record) SCC_REQUIRES(g_tasks_lock) {
     list_del(&record->link);
     std::free(record);
 }
 
-void cancel_pending() {
+void cancel_pending() SCC_REQUIRES(g_tasks_lock) {
     while (!list_empty(&g_tasks)) {
         task_record* record = record_of(g_tasks.next);
         qx_thread_cancel(record->handle);
@@ -102,7 +100,7 @@ void cancel_pending() {
     }
 }
 
-bool add_task(u32 kind, void* arg, int fd) {
+bool add_task(u32 kind, void* arg, int fd) SCC_REQUIRES(g_tasks_lock) {
     auto* record = static_cast<task_record*>(std::malloc(sizeof(task_record)));
     qx_thread* task = record == nullptr ? nullptr : task_table[kind].add(arg, fd);
     if (task == nullptr) {
@@ -116,12 +114,12 @@ bool add_task(u32 kind, void* arg, int fd) {
     return true;
 }
 
-// An unregistration clears the app id before it cancels, and closes after that.
-bool is_wanted(u32 epoch) {
+// An unregistration clears the app id, then cancels, then closes.
+bool is_wanted(u32 epoch) SCC_REQUIRES(g_tasks_lock) {
     return epoch == connection_epoch() && app_id_now() != 0;
 }
 
-// False when it has to be tried again.
+// False when the caller must try again.
 bool try_schedule(task_kind kind, u32 epoch) {
     const mutex_guard guard(g_tasks_lock);
     return !is_wanted(epoch) || add_task(kind, nullptr, g_scc_client_cb.async_fd.load(relaxed));

@@ -1,11 +1,10 @@
 // The agent's tasks on the application's event loop: scheduling, taking and cancelling them.
 //
-// The library keeps a record of each pending task, with its argument, and one lock guards them; it is held
-// from before a task is added until its record is stored: a task that runs at once on the loop's thread,
-// while another thread adds it, finds its record. The loop's thread and requests of other threads may both
-// end a connection: the one that comes first does it under that lock, whole, so that nobody cancels the
-// reconnection of somebody else or adds a read task on a descriptor that was closed meanwhile. The lock of
-// the descriptors is taken inside it.
+// The library keeps a record of each pending task, with its argument. One lock guards the records; it is held
+// from before a task is added until its record is stored, so a task that runs at once on the loop's thread
+// finds its record. The loop's thread and requests of other threads may both end a connection: the first does
+// it entirely under that lock, so no thread cancels another's reconnection or adds a read task on a closed
+// descriptor. g_connection_mutex is taken inside it.
 #pragma once
 
 #include <qx_thread.h>
@@ -17,8 +16,8 @@ namespace scc {
 
 enum task_kind : u32 { task_connect = 0, task_reconnect = 1, task_read = 2, task_write = 3, task_kinds = 4 };
 
-// The argument of a write task: u32 message type, u32 value length, the value. Freed by the task when it
-// runs; cancelled, it stays with whoever has scheduled it.
+// The argument of a write task: u32 message type, u32 value length, the value. The task frees it when it
+// runs; after a cancellation the scheduling caller still owns it.
 struct write_request {
     u32 type;
     u32 value_bytes;
@@ -28,7 +27,7 @@ struct write_request {
 
 void set_master(void* master);
 
-// A task that runs: its argument is its own to free.
+// A running task, which owns its argument.
 struct running_task {
     bool found;      // false when it was cancelled while the event loop was about to run it
     void* argument;  // null for the kinds without one
@@ -36,21 +35,21 @@ struct running_task {
     u32 epoch;       // of the connection then
 };
 
-// For a task's first act: takes its record, so that no recovery cancels it any more. A null task stands for
-// whichever one of the kind is pending, if any.
+// Each task calls this first: without a record, no recovery can cancel it. A null task means any pending one
+// of the kind.
 [[nodiscard]] running_task take_task(task_kind kind, const qx_thread* task);
 [[nodiscard]] bool is_pending(task_kind kind);
-// Cancels what is pending; a connect task that never ran gives its record back.
+// Cancels all pending tasks and frees the argument of a connect task that never ran.
 void cancel_all_tasks();
-// Cancels what is pending, closes the named connection and sets the state, once. False when it has gone
-// already or the application unregisters; otherwise after is the epoch that the closing began.
+// Cancels all pending tasks, closes the named connection and sets the state, once. False when it has ended
+// already or the application unregisters; otherwise after is the epoch that follows the connection.
 [[nodiscard]] bool end_connection(u32 epoch, u32& after, u32 next_state = state_idle);
 
-// These schedule again every 2 seconds until it has succeeded. The loop is blocked for that time.
+// These retry every 2 seconds until scheduling succeeds, and block the loop meanwhile.
 // The connect task, which frees the record.
 void schedule_connect(void* record);
-// The reconnect timer, or reading the asynchronous socket: unless the connection (for the timer: the
-// disconnected period after it) is not the named one any more, or the application unregisters.
+// The reconnect timer, or the read task of the asynchronous socket, unless the named connection (for the
+// timer: the disconnected period after it) has ended or the application unregisters.
 void schedule_reconnect(u32 epoch);
 void schedule_read(u32 epoch);
 

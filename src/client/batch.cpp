@@ -1,7 +1,7 @@
 // See batch.h.
 //
-// The batch is one message, built in place: header, then one item a request, up to 8192 bytes of items.
-// scc_send_buf_lock guards it and every write on the asynchronous socket from here and the checker.
+// The batch is one message, built in place: header, then one item per request.
+// scc_send_buf_lock guards it, and every write to the asynchronous socket from here.
 #include "client/batch.h"
 
 #include <time.h>
@@ -32,32 +32,36 @@ struct batch {
     u8 reserve[8];
 };
 
-static_assert(sizeof(batch) == wire::batch_block_bytes);
+static_assert(sizeof(batch) == wire::batch_capacity_bytes + 32);
+static_assert(wire::batch_capacity_bytes > wire::header_bytes + wire::item_header_bytes);
+static_assert(wire::oversized_value_bytes - 1 + wire::item_header_bytes <= wire::batch_capacity_bytes,
+              "the largest batched value fits into an empty batch");
+static_assert(wire::batch_capacity_bytes / wire::item_header_bytes <= UINT16_MAX, "u16 counts the items");
+
+constexpr named_lock batch_lock SCC_ACQUIRED_BEFORE(g_connection_mutex){scc_send_buf_lock};
 
 }  // namespace
 }  // namespace scc
 
 extern "C" {
 constinit pthread_rwlock_t scc_send_buf_lock = PTHREAD_RWLOCK_INITIALIZER;
-constinit batch* g_scc_msg_send_q = nullptr;
+constinit batch* g_scc_msg_send_q SCC_GUARDED_BY(batch_lock) = nullptr;
 }
 
 namespace scc {
 namespace {
 
-constinit bool g_started = false;  // scc_send_buf_lock
+constinit bool g_started SCC_GUARDED_BY(batch_lock) = false;
 
 constexpr const char* send_function = "_scc_lib_msg_send_bt";
 constexpr const char* checker_function = "_scc_lib_send_buf_chk_thread";
 
-// All of these are called with scc_send_buf_lock held.
-
-std::span<const u8> batch_message() {
+std::span<const u8> batch_message() SCC_REQUIRES(batch_lock) {
     return {g_scc_msg_send_q->message, wire::header_bytes + g_scc_msg_send_q->used};
 }
 
-// A start that had no memory for the block leaves it to the next request. Before a start there is no batch.
-bool has_block() {
+// When a start had no memory for the block, the next request allocates it. Before a start there is none.
+bool has_block() SCC_REQUIRES(batch_lock) {
     if (g_scc_msg_send_q == nullptr && g_started) {
         g_scc_msg_send_q = static_cast<batch*>(std::calloc(1, sizeof(batch)));
         if (g_scc_msg_send_q == nullptr) {
@@ -69,7 +73,7 @@ bool has_block() {
     return g_scc_msg_send_q != nullptr;
 }
 
-void append(u16 sub_id, u16 type, const value_parts& value) {
+void append(u16 sub_id, u16 type, const value_parts& value) SCC_REQUIRES(batch_lock) {
     batch& waiting = *g_scc_msg_send_q;
     const auto length = static_cast<u32>(value.size());
     u8* at = waiting.message + wire::header_bytes + waiting.used;
@@ -80,28 +84,29 @@ void append(u16 sub_id, u16 type, const value_parts& value) {
     write_header(waiting.message, static_cast<u16>(waiting.count), wire::header_bytes + waiting.used);
 }
 
-bool may_wait() {
+bool may_wait() SCC_REQUIRES(batch_lock) {
     return client_state_now() == state_registered && g_scc_msg_send_q->used < g_scc_msg_send_q->capacity;
 }
 
-void log_flush(const char* function, const char* who) {
+void log_flush(const char* function, const char* who) SCC_REQUIRES(batch_lock) {
     const batch& waiting = *g_scc_msg_send_q;
     SCC_LOG_FROM(function, "%s msg(len:%d, ver:%d, num:%u) send len:%d, uselen:%d. total len:%d.", who,
                  load<u32>(waiting.message), waiting.message[4], load<u16>(waiting.message, 5),
                  wire::header_bytes + waiting.used, waiting.used, waiting.capacity);
 }
 
-// The requests of a connection that has gone are dropped, as their calls were.
-void drop_batch_of_lost_connection(u32 epoch) {
+// The requests of a lost connection are dropped, as their calls were.
+void drop_batch_of_lost_connection(u32 epoch) SCC_REQUIRES(batch_lock) {
     if (g_scc_msg_send_q->count != 0 && g_scc_msg_send_q->epoch != epoch) {
         _scc_lib_send_buff_init();
     }
 }
 
-// Appends, and flushes as often as it takes. Once a request did not fit, every flush outside the registered
-// state is followed by the same request again, until a send fails or the state is registered: deliberate,
-// and over in a moment since only a change of state leads there.
-send_outcome append_and_flush(u16 sub_id, u16 type, const value_parts& value, int sync) {
+// Appends, and flushes as often as needed. A request that did not fit is appended and sent again after every
+// flush outside the registered state, until a send fails or the state is registered: deliberate, and brief,
+// since only a change of state leads there.
+send_outcome append_and_flush(u16 sub_id, u16 type, const value_parts& value, int sync)
+    SCC_REQUIRES(batch_lock) {
     const u32 entry = static_cast<u32>(value.size()) + wire::item_header_bytes;
     batch& waiting = *g_scc_msg_send_q;
     const bool overflow = waiting.capacity - waiting.used < entry;
@@ -134,12 +139,12 @@ send_outcome append_and_flush(u16 sub_id, u16 type, const value_parts& value, in
 u32 send_oversized(u16 sub_id, u16 type, const value_parts& value, int sync) {
     SCC_LOG_FROM(send_function, "msg is larger than sendbuf. val_size:%d.", static_cast<int>(value.size()));
     const u32 epoch = epoch_of_this_thread();
-    const write_guard guard(scc_send_buf_lock);
+    const named_lock_guard guard(batch_lock);
     const send_outcome outcome = send_one_item(channel_of(sync), epoch, sub_id, type, value);
     if (outcome.built && outcome.error != result::ok) {
         recover_from_failed_send(outcome, epoch, "_scc_lib_msg_send_rt");
     }
-    return result::invalid;  // whether or not the send succeeded
+    return result::invalid;  // Report 22 whether or not the send succeeded.
 }
 
 u32 send_by_batch(u16 sub_id, u16 type, const value_parts& value, int sync) {
@@ -149,13 +154,13 @@ u32 send_by_batch(u16 sub_id, u16 type, const value_parts& value, int sync) {
     const u32 epoch = epoch_of_this_thread();
     send_outcome outcome;
     {
-        const write_guard guard(scc_send_buf_lock);
+        const named_lock_guard guard(batch_lock);
         if (!has_block()) {
             SCC_LOG_FROM(send_function, "(app id:%d, pid:%d)alloc memory error!", app_id_now(), pid_now());
             return result::no_memory;
         }
         if (epoch != connection_epoch()) {
-            return result::ok;  // lost with its connection; what waits may be the next one's
+            return result::ok;  // lost with its connection; the batch may be the next one's
         }
         drop_batch_of_lost_connection(epoch);
         g_scc_msg_send_q->epoch = epoch;
@@ -175,10 +180,9 @@ void sleep_us(long microseconds) {
     nanosleep(&pause, nullptr);
 }
 
-// Sends the batch with the checker's patience. What is sent again after a time-out is what has not gone out:
-// a batch that began once more in its middle would put the daemon's stream out of step. The error that ends
-// the connection, or 0.
-u32 send_patiently(u32 epoch) {
+// Sends the batch with the checker's retries. After a time-out only the unsent rest is sent again: bytes sent
+// twice would put the daemon's stream out of step. Returns the error that ends the connection, or 0.
+u32 send_with_retries(u32 epoch) SCC_REQUIRES(batch_lock) {
     std::span<const u8> rest = batch_message();
     for (u32 retries = 1;; ++retries) {
         std::size_t sent = 0;
@@ -207,9 +211,9 @@ u32 send_patiently(u32 epoch) {
     }
 }
 
-// The error that ends the connection that epoch then names, or 0.
+// Returns the error that ends the connection, which epoch then names, or 0.
 u32 flush(u32& epoch) {
-    const write_guard guard(scc_send_buf_lock);
+    const named_lock_guard guard(batch_lock);
     if (g_scc_msg_send_q == nullptr || g_scc_msg_send_q->count == 0) {
         return result::ok;
     }
@@ -217,7 +221,7 @@ u32 flush(u32& epoch) {
     u32 error = result::ok;
     if (epoch == connection_epoch()) {
         log_flush(checker_function, "thread");
-        error = send_patiently(epoch);
+        error = send_with_retries(epoch);
     }
     _scc_lib_send_buff_init();
     return error;
@@ -230,7 +234,7 @@ u32 send_in_batch(u16 sub_id, u16 type, const value_parts& value) {
 }
 
 bool prepare_batch() {
-    const write_guard guard(scc_send_buf_lock);
+    const named_lock_guard guard(batch_lock);
     g_started = true;
     if (!has_block()) {
         return false;
@@ -239,9 +243,8 @@ bool prepare_batch() {
     return true;
 }
 
-// In thread mode, closing makes the receive thread register again. An event loop would not notice a
-// descriptor that was closed under it, and its tasks are not this thread's to cancel: it finds the end of
-// its sockets when it reads.
+// In thread mode, closing makes the receive thread register again. An event loop would not notice a closed
+// descriptor, and this thread must not cancel its tasks: after a shutdown its read task finds end-of-file.
 void flush_waiting_batch() {
     u32 epoch = any_epoch;
     if (flush(epoch) == result::ok) {
@@ -258,7 +261,8 @@ void flush_waiting_batch() {
 
 extern "C" {
 
-void _scc_lib_send_buff_init() {
+// Its caller holds scc_send_buf_lock, for which the header has no capability.
+void _scc_lib_send_buff_init() SCC_NO_THREAD_SAFETY_ANALYSIS {
     g_scc_msg_send_q->count = 0;
     g_scc_msg_send_q->used = 0;
     write_header(g_scc_msg_send_q->message, 0, wire::header_bytes);

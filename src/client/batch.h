@@ -13,13 +13,13 @@ void _scc_lib_send_buff_init();
 
 namespace scc {
 
-// A request of an application, by way of the batch. The results are those of _scc_lib_msg_send_bt.
+// Sends an application's request through the batch. The results are those of _scc_lib_msg_send_bt.
 [[nodiscard]] u32 send_in_batch(u16 sub_id, u16 type, const value_parts& value);
 
-// Makes the batch's block, which is never freed, or empties it. False without memory.
+// Allocates the batch's block, which is never freed, or empties it. False without memory.
 [[nodiscard]] bool prepare_batch();
 
-// The checker's part: sends the batch, if there is one.
+// For the checker: sends the batch unless it is empty.
 void flush_waiting_batch();
 
 }  // namespace scc

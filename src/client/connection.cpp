@@ -39,7 +39,7 @@ static_assert(sizeof(sockaddr_un::sun_path) == limits::path_bytes);
 constexpr const char* connect_function = "_scc_lib_client_connect";
 constexpr const char* register_function = "_scc_lib_svr_rereg";
 
-// Logs why, closes, and returns the negative error number.
+// Logs the reason, closes, and returns the negative error number.
 int give_up(int fd, const char* text) {
     const int error = errno;
     SCC_LOG_FROM(connect_function, "%s", text);
@@ -54,7 +54,7 @@ socklen_t address_length(const sockaddr_un& address) {
     return static_cast<socklen_t>(std::strlen(address.sun_path) + offsetof(sockaddr_un, sun_path));
 }
 
-// The client's own address, whose stale file of an earlier process is removed.
+// The client's own address; removes the stale file of an earlier process.
 bool own_address(const char* prefix, sockaddr_un& address) {
     address.sun_family = AF_UNIX;
     const int length = std::snprintf(address.sun_path, sizeof address.sun_path, "%s%d", prefix, pid_now());
@@ -96,8 +96,8 @@ bool make_prefixes(socket_prefixes& out, const char* function) {
     return false;
 }
 
-// A host that runs without standard streams must not find a socket of the library in their place, and
-// descriptor 0 is never closed.
+// In a host without standard streams no socket may take one of their numbers; and descriptor 0 is never
+// closed.
 int open_socket() {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0 || fd > STDERR_FILENO) {
@@ -128,17 +128,13 @@ u32 register_both(const registration_identity& identity) {
     return error != result::ok ? error : _scc_lib_client_reg(0, &identity);
 }
 
-// A word of the reply's value, 0 where it is too short for it: a refusal may leave the holder's pid out.
+// A word of the reply's value, or 0 past its end: a refusal may omit the holder's pid.
 u32 reply_word(const exchange& reply, std::size_t offset) {
     return offset + sizeof(u32) <= reply.value().size() ? load<u32>(reply.value().data(), offset) : 0;
 }
 
 bool has_result(const exchange& reply) {
     return reply.value().size() >= 8;
-}
-
-void sleep_before_retry() {
-    sleep(limits::retry_seconds);
 }
 
 }  // namespace
@@ -185,7 +181,7 @@ bool register_until_done(u32 generation) {
         if (!reset_connection(generation) || app_id_now() == 0) {
             return false;
         }
-        sleep_before_retry();
+        sleep(limits::retry_seconds);
     }
     scc_lib_rereg.store(0, relaxed);
     if (!set_state_of(generation, state_registered)) {
@@ -288,7 +284,7 @@ u32 _scc_lib_client_reg(int sync, const registration_identity* identity) {
     return refusal;
 }
 
-// A daemon that has gone has unregistered everybody: a dead connection is its agreement.
+// A daemon that has ended has unregistered all clients: a dead connection counts as its agreement.
 u32 _scc_client_unreg(int /*fd*/, u32 app_id, int sync) {
     exchange talk(channel_of(sync));
     const send_outcome sent = talk.send(msg::unregistration, bytes_of(app_id));

@@ -6,7 +6,7 @@
 
 namespace scc {
 
-// What a registration sends of the application; the record of scc_agent_init begins with it, too.
+// The application's part of a registration request.
 struct registration_identity {
     u32 app_id;
     u8 option;
@@ -14,7 +14,7 @@ struct registration_identity {
 
 [[nodiscard]] registration_identity identity_of_control_block();
 
-// Connects what is not connected and registers on both sockets, states 2, 3 on the way. 0, a positive
+// Connects what is not connected and registers on both sockets, through states 2 and 3. 0, a positive
 // error number or the daemon's refusal; on failure nothing is closed yet. Logs in the name of function.
 [[nodiscard]] u32 connect_and_register(const registration_identity& identity, u32 generation,
                                        const char* function);
@@ -25,7 +25,7 @@ struct registration_identity {
 // Connects and registers until it has succeeded (true) or the registration ended.
 [[nodiscard]] bool register_until_done(u32 generation);
 
-// The unregistration of the exported call that function names, under whatever lock it needs: afterwards the
+// Unregisters for the exported call that function names, which holds the lock that it needs. Afterwards the
 // library is unregistered, or registered as before. 0, 2001 or the exchange's error.
 [[nodiscard]] u32 unregister_client(const char* function);
 

@@ -5,7 +5,7 @@
 namespace scc {
 namespace {
 
-// Four bytes of the initial TLS block, so that no call into the dynamic linker is needed.
+// Initial-exec: an access needs no call into the dynamic linker.
 [[gnu::tls_model("initial-exec")]] thread_local constinit u32 t_epoch = any_epoch;
 
 }  // namespace

@@ -5,8 +5,8 @@
 
 namespace scc {
 
-// While one lives, the thread's sends and receives belong to the connection that stood when it was made:
-// a request that was accepted on one connection never goes out on the next, before its registration.
+// During its lifetime the thread's sends and receives belong to the named connection, by default the one at
+// its construction: a request accepted on one connection never goes out on the next, before its registration.
 class connection_scope {
   public:
     connection_scope();
@@ -19,7 +19,7 @@ class connection_scope {
     u32 before_;
 };
 
-// The epoch of the thread's scope, or of the connection as it stands.
+// The epoch of the thread's scope, or without one of the current connection.
 [[nodiscard]] u32 epoch_of_this_thread();
 
 }  // namespace scc

@@ -1,8 +1,8 @@
 // The client control block: what the process is registered as, its connection, state and handlers.
 //
 // The fields are shared between API callers, the receive thread and the checker without a lock; each is a
-// relaxed atomic of its own width. Registration and unregistration write them under scc_lib_lock. The
-// descriptors are written by descriptors.cpp alone.
+// relaxed atomic of its own width. In thread mode, registration and unregistration write them under
+// scc_lib_lock. Only descriptors.cpp writes the descriptors.
 #pragma once
 
 #include <atomic>
@@ -26,7 +26,7 @@ struct client_control_block {
     std::atomic<u32> last_call_id;
     std::atomic<u32> app_id;
     std::atomic<u32> pid;
-    char process_name[record::process_name_field];  // scc_lib_lock
+    char process_name[record::process_name_field];  // written by a start, only when it differs
     std::atomic<u8> option;
     std::atomic<u32> state;
     std::atomic<u8> thread_mode;
@@ -39,7 +39,7 @@ inline constexpr std::memory_order relaxed = std::memory_order_relaxed;
 
 extern "C" {
 extern scc::client_control_block g_scc_client_cb;
-extern std::atomic<scc::u8> scc_lib_rereg;  // 1: the receive thread takes the connection for broken
+extern std::atomic<scc::u8> scc_lib_rereg;  // 1: the receive thread treats the connection as broken
 
 void _scc_client_state_set(scc::u32 state);
 [[nodiscard]] bool _scc_lib_client_is_connected();

@@ -1,4 +1,5 @@
-// The data that a start prepares. In a file of its own, since it knows every holder of data.
+// Apart from client_data.cpp, which the connection uses: this file needs the batch, which needs the
+// connection.
 #include "client/acl_cache.h"
 #include "client/batch.h"
 #include "client/client_data.h"

@@ -25,15 +25,15 @@ struct loan {
     bool doomed = false;  // closed by the last borrower
 };
 
-// Guarded by g_connection_mutex; the epoch is also read without it.
-constinit std::array<loan, 32> g_loans{};
+constinit std::array<loan, 32> g_loans SCC_GUARDED_BY(g_connection_mutex){};
+// Written under g_connection_mutex, and read without it.
 constinit std::atomic<u32> g_epoch{1};
 
 std::atomic<i32>& slot_of(channel which) {
     return which == channel::sync ? g_scc_client_cb.sync_fd : g_scc_client_cb.async_fd;
 }
 
-loan* find_loan(int fd) {
+loan* find_loan(int fd) SCC_REQUIRES(g_connection_mutex) {
     for (loan& entry : g_loans) {
         if (entry.users > 0 && !entry.doomed && entry.fd == fd) {
             return &entry;
@@ -42,7 +42,7 @@ loan* find_loan(int fd) {
     return nullptr;
 }
 
-loan* free_loan() {
+loan* free_loan() SCC_REQUIRES(g_connection_mutex) {
     for (loan& entry : g_loans) {
         if (entry.users == 0) {
             return &entry;
@@ -51,7 +51,7 @@ loan* free_loan() {
     return nullptr;
 }
 
-bool lend(int fd) {
+bool lend(int fd) SCC_REQUIRES(g_connection_mutex) {
     loan* entry = find_loan(fd);
     if (entry == nullptr) {
         entry = free_loan();
@@ -64,8 +64,8 @@ bool lend(int fd) {
     return true;
 }
 
-// Releases a blocked borrower, then closes, at once or with the last borrower.
-int close_or_doom(int fd) {
+// Wakes a blocked borrower, then closes at once or leaves that to the last borrower.
+int close_or_doom(int fd) SCC_REQUIRES(g_connection_mutex) {
     shutdown(fd, SHUT_RDWR);
     if (loan* entry = find_loan(fd); entry != nullptr) {
         entry->doomed = true;
@@ -76,8 +76,8 @@ int close_or_doom(int fd) {
 
 constexpr const char* close_function = "_scc_lib_client_close";
 
-// A descriptor of 0 is never closed: it is taken for the host's own.
-bool close_slot(channel which, const char* text) {
+// Descriptor 0 is never closed: it is assumed to be the host's.
+bool close_slot(channel which, const char* text) SCC_REQUIRES(g_connection_mutex) {
     std::atomic<i32>& slot = slot_of(which);
     const int fd = slot.load(relaxed);
     if (fd <= 0) {
@@ -107,16 +107,14 @@ bool remove_socket_file(const char* suffix) {
     return true;
 }
 
-// These are called with g_connection_mutex held.
-
-bool end_epoch() {
+bool end_epoch() SCC_REQUIRES(g_connection_mutex) {
     g_epoch.fetch_add(1, std::memory_order_release);
     const bool sync_closed = close_slot(channel::sync, "close sync socket failed!!!");
     const bool async_closed = close_slot(channel::async, "close async socket failed!!!");
     return sync_closed && async_closed;
 }
 
-int close_both() {
+int close_both() SCC_REQUIRES(g_connection_mutex) {
     if (!end_epoch()) {
         return -1;
     }
@@ -127,7 +125,7 @@ int close_both() {
     return 0;
 }
 
-void shut_down_both() {
+void shut_down_both() SCC_REQUIRES(g_connection_mutex) {
     for (const channel which : {channel::sync, channel::async}) {
         const int fd = slot_of(which).load(relaxed);
         if (fd > 0) {
@@ -136,7 +134,7 @@ void shut_down_both() {
     }
 }
 
-bool something_lives(start_kind kind) {
+bool something_lives(start_kind kind) SCC_REQUIRES(g_connection_mutex) {
     const start_kind living = locked::living_start();
     const bool replaces = living == start_kind::agent && kind == start_kind::agent;
     return _scc_lib_client_is_connected() || client_state_now() != state_idle || locked::is_unregistering() ||
@@ -168,7 +166,7 @@ borrowed_descriptor::~borrowed_descriptor() {
     }
     const mutex_guard guard(g_connection_mutex);
     for (loan& entry : g_loans) {
-        // A number cannot be handed out again while it is lent, so there is one loan of it.
+        // The kernel cannot reuse a number that is still open, so there is one loan of it.
         if (entry.users > 0 && entry.fd == fd_) {
             if (--entry.users == 0 && entry.doomed) {
                 close(entry.fd);
@@ -188,7 +186,7 @@ bool claim_start(start_kind kind, u32& generation) {
     if (something_lives(kind)) {
         return false;
     }
-    // What an attempt that this start replaces has opened, and what it would still send, is not for this one.
+    // Close what an attempt that this start replaces has opened, and drop what it would still send.
     (void)end_epoch();
     generation = locked::begin_generation(kind);
     return true;
@@ -240,8 +238,8 @@ bool reset_connection(u32 generation) {
     }
     _scc_client_state_set(state_failed);
     (void)close_both();
-    // Last: a request that saved its call under the old epoch either sees the new one, and drops its call,
-    // or saved it before this.
+    // Last: a request of the old epoch either saved its call before this, or sees the new epoch and drops
+    // its call.
     _scc_lib_data_free();
     return true;
 }

@@ -10,7 +10,7 @@
 namespace scc {
 namespace {
 
-// Whether the daemon's answer was taken out of the stream, if only to be refused.
+// Whether a reply was read from the stream, even if it was refused.
 bool is_taken(u32 error) {
     return error == result::ok || error == result::format || error == result::no_memory;
 }
@@ -18,15 +18,16 @@ bool is_taken(u32 error) {
 }  // namespace
 
 exchange::exchange(channel which) : which_(which), state_(state_of(which)), epoch_(epoch_of_this_thread()) {
-    pthread_mutex_lock(&state_.mutex);
+    pthread_mutex_lock(&state_.lock.handle);
 }
 
 exchange::~exchange() {
-    pthread_mutex_unlock(&state_.mutex);
+    pthread_mutex_unlock(&state_.lock.handle);
     _scc_msg_free(&reply_);
 }
 
 send_outcome exchange::send(u16 type, std::span<const u8> value) {
+    has_lock();
     const send_outcome outcome = send_one_item(which_, epoch_, 0, type, {value});
     if (outcome.error == result::ok) {
         if (state_.owed_epoch != epoch_) {
@@ -39,6 +40,7 @@ send_outcome exchange::send(u16 type, std::span<const u8> value) {
 }
 
 u32 exchange::receive() {
+    has_lock();
     for (;;) {
         const received_message received = state_.reader.receive(which_, epoch_);
         if (!is_taken(received.error)) {

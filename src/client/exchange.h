@@ -1,8 +1,8 @@
 // A request and its reply: queries, registration and unregistration.
 //
-// The daemon answers each request once, in order. An exchange that breaks off between the two, because a
-// signal handler of the host interrupted it, leaves its reply owed; the next one reads past what is owed
-// before it takes its own, so that a reply never answers another question.
+// The daemon answers each request once, in order. An exchange that a signal handler of the host interrupts
+// between the two leaves its reply owed; the next one skips the owed replies, so a reply never answers
+// another request.
 #pragma once
 
 #include <span>
@@ -13,7 +13,7 @@
 
 namespace scc {
 
-// One exchange at a time on a channel: an exchange holds the channel's lock while it lives.
+// Holds the channel's lock for its lifetime: one exchange at a time on a channel.
 class exchange {
   public:
     explicit exchange(channel which);
@@ -21,7 +21,7 @@ class exchange {
     exchange(const exchange&) = delete;
     exchange& operator=(const exchange&) = delete;
 
-    // The outcome as it was, where a request would hide it. When it is not 0, no reply will come.
+    // The outcome, which a request hides from its caller. When it is not 0, no reply will come.
     [[nodiscard]] send_outcome send(u16 type, std::span<const u8> value);
     // The reply to what was sent, which the exchange owns; error 0, 2007, 12, 32 or that of receiving.
     [[nodiscard]] u32 receive();
@@ -33,6 +33,9 @@ class exchange {
     [[nodiscard]] u32 epoch() const { return epoch_; }
 
   private:
+    // The constructor took the lock, which the analysis of another member function does not see.
+    void has_lock() const SCC_ASSERT_HELD(state_.lock) {}
+
     channel which_;
     channel_state& state_;
     u32 epoch_;

@@ -8,17 +8,17 @@
 
 namespace scc {
 
-constinit pthread_mutex_t g_connection_mutex = PTHREAD_MUTEX_INITIALIZER;
+constinit mutex g_connection_mutex;
 
 namespace {
 
-// Guarded by g_connection_mutex; the generation is also read without it.
+// Written under g_connection_mutex, and read without it.
 constinit std::atomic<u32> g_generation{0};
-constinit start_kind g_living_start = start_kind::none;
-constinit bool g_unregistering = false;
-// The turns that are taken, all of one generation.
-constinit u32 g_turns = 0;
-constinit u32 g_turns_generation = 0;
+constinit start_kind g_living_start SCC_GUARDED_BY(g_connection_mutex) = start_kind::none;
+constinit bool g_unregistering SCC_GUARDED_BY(g_connection_mutex) = false;
+// The turns under way, all of one generation.
+constinit u32 g_turns SCC_GUARDED_BY(g_connection_mutex) = 0;
+constinit u32 g_turns_generation SCC_GUARDED_BY(g_connection_mutex) = 0;
 
 // Signalled when a turn, an unregistration or a generation ends.
 constinit pthread_cond_t g_lifetime_changed = PTHREAD_COND_INITIALIZER;
@@ -105,7 +105,7 @@ bool begin_unregistration(u32& app_id) {
     if (g_unregistering || client_state_now() != state_registered) {
         return false;
     }
-    // The flag before the id: the receive thread waits for the outcome from the moment the id is 0.
+    // The flag before the id: once the id is 0, the receive thread waits for the outcome.
     g_unregistering = true;
     app_id = app_id_now();
     g_scc_client_cb.app_id.store(0, relaxed);
@@ -115,7 +115,7 @@ bool begin_unregistration(u32& app_id) {
 void take_unregistration_back(u32 app_id) {
     const mutex_guard guard(g_connection_mutex);
     g_scc_client_cb.app_id.store(app_id, relaxed);
-    // A send that failed on the way has set the state back; the connection is still there.
+    // A failed send may have reset the state although the connection still stands.
     if (client_state_now() == state_idle && _scc_lib_client_is_connected()) {
         _scc_client_state_set(state_registered);
     }
@@ -132,7 +132,7 @@ void end_unregistration() {
 bool survives_unregistration(u32 generation) {
     const mutex_guard guard(g_connection_mutex);
     while (g_unregistering && is_current(generation)) {
-        pthread_cond_wait(&g_lifetime_changed, &g_connection_mutex);
+        pthread_cond_wait(&g_lifetime_changed, &g_connection_mutex.handle);
     }
     return is_current(generation);
 }
@@ -144,7 +144,7 @@ delivery_turn::delivery_turn(u32 generation) : granted_(false) {
     }
     const mutex_guard guard(g_connection_mutex);
     while (g_turns != 0 && g_turns_generation != generation && is_current(generation)) {
-        pthread_cond_wait(&g_lifetime_changed, &g_connection_mutex);
+        pthread_cond_wait(&g_lifetime_changed, &g_connection_mutex.handle);
     }
     if (is_current(generation)) {
         g_turns_generation = generation;

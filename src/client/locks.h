@@ -1,11 +1,15 @@
-// The library's read-write locks, each always taken for writing, and their scoped guard.
-// scc_lib_lock is taken first. Behind it one of the others at a time, with two exceptions: an oversized
-// value is sent under scc_send_buf_lock, and its failure drops the pending calls and the cache; and the
-// mutex of descriptors.cpp is held while the data of a broken connection is dropped.
+// The library's read-write locks, each always taken for writing, and the scoped guards.
+// scc_lib_lock is taken first, then one of the others at a time. Two exceptions: an oversized value is sent
+// under scc_send_buf_lock, and a failure drops the pending calls and the cache there; the data of a broken
+// connection is dropped under g_connection_mutex.
 #pragma once
 
 #include <pthread.h>
 
+#include "util/thread_annotations.h"
+
+// Debuggers and tests know these by name and type. A pthread type is no capability for clang's analysis, so
+// write_guard is not annotated; a named_lock stands for such a lock where the analysis covers it.
 extern "C" {
 extern pthread_rwlock_t scc_lib_lock;        // registration, every API call, synchronous exchanges
 extern pthread_rwlock_t scc_call_data_lock;  // pending calls
@@ -17,8 +21,9 @@ namespace scc {
 
 class write_guard {
   public:
-    // A thread that holds the lock already (a handler that the library calls under it, and that calls the
-    // library) goes on under its own hold, and does not give it back early.
+    // A handler that runs under scc_lib_lock must not call what takes it (docs/service-authors.md). If one
+    // does, the C library returns EDEADLK; rather than harm the host, the guard goes on under the existing
+    // hold and leaves the unlocking to its owner.
     explicit write_guard(pthread_rwlock_t& lock)
         : lock_(pthread_rwlock_wrlock(&lock) == 0 ? &lock : nullptr) {}
     ~write_guard() { release(); }
@@ -36,15 +41,43 @@ class write_guard {
     pthread_rwlock_t* lock_;
 };
 
-class mutex_guard {
+struct SCC_CAPABILITY("mutex") mutex {
+    pthread_mutex_t handle = PTHREAD_MUTEX_INITIALIZER;
+};
+
+struct SCC_CAPABILITY("mutex") named_mutex {
+    pthread_mutex_t& handle;
+};
+
+struct SCC_CAPABILITY("lock") named_lock {
+    pthread_rwlock_t& handle;
+};
+
+class SCC_SCOPED_CAPABILITY named_lock_guard {
   public:
-    explicit mutex_guard(pthread_mutex_t& mutex) : mutex_(&mutex) { pthread_mutex_lock(mutex_); }
-    ~mutex_guard() { pthread_mutex_unlock(mutex_); }
+    explicit named_lock_guard(const named_lock& lock) SCC_ACQUIRE(lock) : guard_(lock.handle) {}
+    ~named_lock_guard() SCC_RELEASE() { guard_.release(); }
+    named_lock_guard(const named_lock_guard&) = delete;
+    named_lock_guard& operator=(const named_lock_guard&) = delete;
+
+  private:
+    write_guard guard_;
+};
+
+class SCC_SCOPED_CAPABILITY mutex_guard {
+  public:
+    explicit mutex_guard(mutex& lock) SCC_ACQUIRE(lock) : handle_(lock.handle) {
+        pthread_mutex_lock(&handle_);
+    }
+    explicit mutex_guard(const named_mutex& lock) SCC_ACQUIRE(lock) : handle_(lock.handle) {
+        pthread_mutex_lock(&handle_);
+    }
+    ~mutex_guard() SCC_RELEASE() { pthread_mutex_unlock(&handle_); }
     mutex_guard(const mutex_guard&) = delete;
     mutex_guard& operator=(const mutex_guard&) = delete;
 
   private:
-    pthread_mutex_t* mutex_;
+    pthread_mutex_t& handle_;
 };
 
 }  // namespace scc

@@ -1,5 +1,5 @@
-// The one way in which the library logs. A line is written only while scc_lib_debug is set; its arguments
-// are not evaluated otherwise.
+// SCC_LOG and SCC_LOG_FROM write only while scc_lib_debug is set and do not evaluate their arguments
+// otherwise. SCC_LOG_RAW always writes: for dumps, and for lines that must not depend on the debug switch.
 #pragma once
 
 #include <qx_syslog.h>
@@ -24,7 +24,7 @@ inline constexpr int log_flag = 2;
 #define SCC_LOG_RAW(submodule, format, ...) \
     printk_syslog_ext(scc::log_level, "SCCLIB", submodule, scc::log_flag, format __VA_OPT__(, ) __VA_ARGS__)
 
-// A line that names the function it stands for, where that is not the one it is written in.
+// Logs in the name of a function other than the enclosing one.
 #define SCC_LOG_FROM(function, format, ...)                              \
     do {                                                                 \
         if (scc::is_debugging()) {                                       \

@@ -6,28 +6,33 @@
 #include <ctime>
 
 #include "client/locks.h"
+#include "client/tuning.h"
 
 using namespace scc;
+
+namespace scc {
+namespace {
+
+constexpr named_mutex queue_lock{g_scc_lib_msg_mutex};
+
+}  // namespace
+}  // namespace scc
 
 extern "C" {
 constinit pthread_mutex_t g_scc_lib_msg_mutex = PTHREAD_MUTEX_INITIALIZER;
 constinit pthread_cond_t g_scc_lib_msg_cond = PTHREAD_COND_INITIALIZER;
-constinit list_node g_scc_lib_msg_q{};
+constinit list_node g_scc_lib_msg_q SCC_GUARDED_BY(queue_lock){};
 }
 
 namespace scc {
 namespace {
 
-constexpr u32 long_queue_messages = 1024;
+constinit u32 g_waiting SCC_GUARDED_BY(queue_lock) = 0;
+constinit bool g_was_long SCC_GUARDED_BY(queue_lock) = false;
 
-// g_scc_lib_msg_mutex guards both.
-constinit u32 g_waiting = 0;
-constinit bool g_was_long = false;
-
-// The first caller makes the condition and the list; later ones find a processing thread that may be
-// waiting on them, so they are left alone. A start without memory for the batch makes neither, and its
-// threads run all the same: they come here, too.
-void make_queue_once() {
+// Once only, since a processing thread may already wait on the condition. The threads call it too: they run
+// even when a start had no memory for the batch and so skipped init_message_queue.
+void make_queue_once() SCC_REQUIRES(queue_lock) {
     if (g_scc_lib_msg_q.next != nullptr) {
         return;
     }
@@ -43,7 +48,7 @@ void make_queue_once() {
 }  // namespace
 
 void init_message_queue() {
-    const mutex_guard guard(g_scc_lib_msg_mutex);
+    const mutex_guard guard(queue_lock);
     make_queue_once();
 }
 
@@ -54,16 +59,16 @@ bool enqueue_message(i32 fd, void* message) {
     }
     node->fd = fd;
     node->message = message;
-    const mutex_guard guard(g_scc_lib_msg_mutex);
+    const mutex_guard guard(queue_lock);
     make_queue_once();
     list_add_tail(&node->link, &g_scc_lib_msg_q);
-    g_was_long |= ++g_waiting == long_queue_messages;
+    g_was_long |= ++g_waiting == tuning::long_queue_messages;
     pthread_cond_signal(&g_scc_lib_msg_cond);
     return true;
 }
 
 scc_lib_msg_node* dequeue_message() {
-    const mutex_guard guard(g_scc_lib_msg_mutex);
+    const mutex_guard guard(queue_lock);
     make_queue_once();
     timespec deadline{};
     clock_gettime(CLOCK_MONOTONIC, &deadline);
@@ -80,19 +85,18 @@ scc_lib_msg_node* dequeue_message() {
     return node;
 }
 
-// Small blocks that one thread allocates and another frees stay in the allocator's own lists. The free of a
-// large one makes it join them and shrink the heap of the thread that calls; the trim gives back what lies
-// in between.
+// Small blocks that another thread freed stay in malloc's lists. Freeing a large block makes malloc coalesce
+// and trim the heap of the calling thread; malloc_trim returns the free pages in between.
 void give_queue_memory_back() {
-    constexpr std::size_t large_block_bytes = 96 * 1024;  // large for a free, small enough not to be mapped
     {
-        const mutex_guard guard(g_scc_lib_msg_mutex);
+        const mutex_guard guard(queue_lock);
         if (!g_was_long || g_waiting != 0) {
             return;
         }
         g_was_long = false;
     }
-    void* volatile block = std::malloc(large_block_bytes);  // volatile, or the compiler leaves both out
+    void* volatile block =
+        std::malloc(tuning::coalescing_block_bytes);  // volatile, or the compiler leaves both out
     std::free(block);
 #ifdef __GLIBC__
     malloc_trim(0);

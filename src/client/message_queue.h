@@ -1,5 +1,5 @@
 // The queue of received messages between the security service's receive and processing threads: first in,
-// first out. The queue owns its entries; whoever takes one frees it.
+// first out. The queue owns its entries; the caller of dequeue_message frees what it gets.
 #pragma once
 
 #include <pthread.h>
@@ -13,7 +13,7 @@ namespace scc {
 
 struct scc_lib_msg_node {
     list_node link;
-    i32 fd;         // the socket that it was read from
+    i32 fd;         // the socket it was read from
     void* message;  // whole, as _scc_lib_msg_recv returns it
 };
 
@@ -22,14 +22,14 @@ void init_message_queue();
 [[nodiscard]] bool enqueue_message(i32 fd, void* message);
 // Waits once, up to 3 seconds by the monotonic clock; null when nothing came.
 [[nodiscard]] scc_lib_msg_node* dequeue_message();
-// For the thread that enqueues, when nothing comes: what a queue that was long has used goes back to the
-// system once it is empty.
+// For the enqueuing thread when it is idle: returns the memory of a queue that was long, and is empty now, to
+// the system.
 void give_queue_memory_back();
 
 }  // namespace scc
 
 extern "C" {
 extern pthread_mutex_t g_scc_lib_msg_mutex;  // guards the queue alone
-extern pthread_cond_t g_scc_lib_msg_cond;    // signalled once a message
+extern pthread_cond_t g_scc_lib_msg_cond;    // signalled once per message
 extern scc::list_node g_scc_lib_msg_q;
 }

@@ -1,11 +1,8 @@
 // See message_reader.h.
 #include "client/message_reader.h"
 
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -21,29 +18,7 @@ namespace {
 
 constexpr const char* function = "_scc_lib_msg_recv";
 
-constinit std::array<channel_state, 2> g_channels{{
-    {PTHREAD_MUTEX_INITIALIZER, {}, any_epoch, 0},
-    {PTHREAD_MUTEX_INITIALIZER, {}, any_epoch, 0},
-}};
-
-// Reads until done has reached length, and counts what came also when it breaks off.
-u32 receive_counted(int fd, u8* bytes, std::size_t& done, std::size_t length) {
-    while (done < length) {
-        const ssize_t got = recv(fd, bytes + done, length - done, 0);
-        if (got == 0) {
-            return result::peer_closed;
-        }
-        if (got < 0) {
-            return static_cast<u32>(errno);
-        }
-        done += static_cast<std::size_t>(got);
-    }
-    return result::ok;
-}
-
-received_message refusal(u32 error) {
-    return {error, nullptr, false};
-}
+constinit std::array<channel_state, 2> g_channels{};
 
 }  // namespace
 
@@ -60,7 +35,7 @@ void message_reader::begin_connection(u32 epoch) {
 }
 
 u32 message_reader::read_header(int fd, int sync) {
-    const u32 error = receive_counted(fd, header_, filled_, sizeof header_);
+    const u32 error = receive_counted(fd, header_, filled_);
     if (error != result::ok) {
         SCC_LOG_FROM(function, "recv msg hdr error! syn:%d errno:%d.", sync, error);
         return error;
@@ -82,7 +57,7 @@ u32 message_reader::read_header(int fd, int sync) {
 }
 
 u32 message_reader::read_body(int fd) {
-    const u32 error = receive_counted(fd, message_, filled_, load<u32>(header_));
+    const u32 error = receive_counted(fd, {message_, load<u32>(header_)}, filled_);
     if (error != result::ok) {
         SCC_LOG_FROM(function, "recv msg body error! errno:%d.", error);
     }
@@ -94,7 +69,7 @@ u32 message_reader::read_past_body(int fd) {
     u8 scrap[512];
     while (filled_ < length) {
         std::size_t done = 0;
-        const u32 error = receive_counted(fd, scrap, done, std::min(length - filled_, sizeof scrap));
+        const u32 error = receive_counted(fd, {scrap, std::min(length - filled_, sizeof scrap)}, done);
         filled_ += done;
         if (error != result::ok) {
             return error;
@@ -106,16 +81,16 @@ u32 message_reader::read_past_body(int fd) {
 }
 
 received_message message_reader::finish() {
-    u8* whole = message_;
+    u8* message = message_;
     message_ = nullptr;
     filled_ = 0;
     const std::size_t length = load<u32>(header_);
-    if (!items_fit({whole, length})) {
+    if (!items_fit({message, length})) {
         SCC_LOG_FROM(function, "msg format error,items exceed msg. len:%zu.", length);
-        std::free(whole);
+        std::free(message);
         return {result::format, nullptr, true};
     }
-    return {result::ok, whole, false};
+    return {result::ok, message, false};
 }
 
 received_message message_reader::receive(channel which, u32 epoch) {
@@ -124,7 +99,7 @@ received_message message_reader::receive(channel which, u32 epoch) {
         begin_connection(borrowed.epoch());
     }
     const received_message received = read_message(which, borrowed.fd());
-    // Of a stream that has ended nothing more is expected.
+    // The stream has ended: the rest of a partial message will not come.
     if (borrowed.fd() >= 0 && _scc_connect_should_reset(received.error)) {
         begin_connection(epoch_);
     }
@@ -135,7 +110,7 @@ received_message message_reader::read_message(channel which, int fd) {
     // The rest of a message that an earlier read had no memory for.
     if (unwanted_) {
         if (const u32 error = read_past_body(fd); error != result::ok) {
-            return refusal(error);
+            return {error, nullptr, false};
         }
     }
     if (message_ == nullptr) {
@@ -144,16 +119,17 @@ received_message message_reader::read_message(channel which, int fd) {
             (void)read_past_body(fd);
         }
         if (error != result::ok) {
-            return refusal(error);
+            return {error, nullptr, false};
         }
     }
     const u32 error = read_body(fd);
-    return error != result::ok ? refusal(error) : finish();
+    return error != result::ok ? received_message{error, nullptr, false} : finish();
 }
 
 received_message receive_message(channel which, u32 epoch) {
-    const mutex_guard guard(state_of(which).mutex);
-    return state_of(which).reader.receive(which, epoch);
+    channel_state& state = state_of(which);
+    const mutex_guard guard(state.lock);
+    return state.reader.receive(which, epoch);
 }
 
 }  // namespace scc

@@ -1,15 +1,14 @@
-// One message at a time out of a socket, reading not a byte further: replies on the synchronous socket, and
-// what an event loop or a registration reads on the asynchronous one.
+// Reads one message at a time from a socket and not a byte more: replies on the synchronous socket, and what
+// an event loop or a registration reads on the asynchronous one.
 //
-// A read that is interrupted keeps its place, so the next one goes on with the same message and the stream
-// stays in step. The bytes belong to one connection; the next connection begins anew.
+// An interrupted read keeps its position, so the next one continues the same message and the stream stays in
+// step. The bytes belong to one connection; the next connection starts afresh.
 #pragma once
-
-#include <pthread.h>
 
 #include <cstddef>
 
 #include "client/descriptors.h"
+#include "client/locks.h"
 #include "msg/protocol.h"
 
 extern "C" [[nodiscard]] scc::u32 _scc_lib_msg_recv(void** out, int sync);
@@ -19,10 +18,10 @@ namespace scc {
 struct received_message {
     u32 error;      // 0, 2007, 12, 32 or the error of receiving
     void* message;  // whole, to be freed by the caller; null on error
-    bool dropped;   // 2007 for items that exceed the message: it was read past, the next one can be read
+    bool dropped;   // 2007 for items that exceed the message: it was read whole, the next one can be read
 };
 
-// What a channel's reader keeps between two reads. One thread reads a channel at a time, and holds its lock.
+// A channel's reader. Its caller holds the channel's lock.
 class message_reader {
   public:
     // Reads the next message, or the rest of the one that an interrupted read has begun.
@@ -40,15 +39,15 @@ class message_reader {
     u8 header_[wire::header_bytes] = {};
     std::size_t filled_ = 0;  // bytes of the message that have been read, header included
     u8* message_ = nullptr;   // null until there is a header, and without memory
-    bool unwanted_ = false;   // there was no memory: the body is read past
+    bool unwanted_ = false;   // there was no memory: the body is skipped
 };
 
 // The state of one socket's conversation with the daemon.
 struct channel_state {
-    pthread_mutex_t mutex;  // held while reading, and over a whole exchange
-    message_reader reader;
-    u32 owed_epoch;  // the connection that the replies are owed on
-    u32 owed;        // replies that earlier exchanges have asked for and not read
+    mutex lock;  // held while reading, and over a whole exchange
+    message_reader reader SCC_GUARDED_BY(lock);
+    u32 owed_epoch SCC_GUARDED_BY(lock) = any_epoch;  // the connection that the replies are owed on
+    u32 owed SCC_GUARDED_BY(lock) = 0;  // replies that earlier exchanges have asked for and not read
 };
 
 [[nodiscard]] channel_state& state_of(channel which);

@@ -12,11 +12,8 @@
 #include "msg/result_codes.h"
 
 namespace scc {
-namespace {
 
 constexpr const char* function = "_scc_lib_msg_recv";
-
-}  // namespace
 
 message_stream::~message_stream() {
     std::free(message_);
@@ -61,14 +58,14 @@ u32 message_stream::begin_message() {
 }
 
 u32 message_stream::finish_message(void** message) {
-    u8* whole = message_;
+    u8* complete = message_;
     message_ = nullptr;
-    if (!items_fit({whole, length_})) {
+    if (!items_fit({complete, length_})) {
         SCC_LOG_FROM(function, "msg format error,items exceed msg. len:%zu.", length_);
-        std::free(whole);
+        std::free(complete);
         return result::format;
     }
-    *message = whole;
+    *message = complete;
     return result::ok;
 }
 
@@ -93,11 +90,11 @@ u32 message_stream::fill(int fd) {
     std::memmove(buffer_, buffer_ + begin_, buffered());
     end_ = buffered();
     begin_ = 0;
-    // The rest of a long message goes straight to its place.
+    // The rest of a long message is read straight into its block.
     const bool direct = message_ != nullptr && length_ - filled_ > sizeof buffer_;
     u8* at = direct ? message_ + filled_ : buffer_ + end_;
-    const std::size_t room = direct ? length_ - filled_ : sizeof buffer_ - end_;
-    const ssize_t got = recv(fd, at, room, 0);
+    const std::size_t space = direct ? length_ - filled_ : sizeof buffer_ - end_;
+    const ssize_t got = recv(fd, at, space, 0);
     if (got > 0) {
         (direct ? filled_ : end_) += static_cast<std::size_t>(got);
         return result::ok;

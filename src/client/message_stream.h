@@ -1,11 +1,12 @@
-// Whole messages out of the bytes of the asynchronous socket, for the receive threads.
+// Splits the bytes of the asynchronous socket into messages, for the receive threads.
 //
-// Many small messages arrive in one read. A message that is larger than what was read is completed in its
-// own memory. Used by one thread; belongs to one connection, so a new one starts with reset().
+// One read may bring many small messages; a message larger than one read is completed in its own memory.
+// Used by one thread, for one connection at a time: the next one starts with reset().
 #pragma once
 
 #include <cstddef>
 
+#include "client/tuning.h"
 #include "msg/protocol.h"
 
 namespace scc {
@@ -21,8 +22,8 @@ class message_stream {
     void reset();
 
     // The next whole message, which the caller frees; null when more bytes are needed. 2007 for a header
-    // without items (its 8 bytes are read past) and for items that do not fit; 12 when there is no memory
-    // (the message is read past).
+    // without items (its 8 bytes are skipped) and for items that do not fit; 12 when there is no memory
+    // (the message is skipped).
     [[nodiscard]] u32 next(void** message);
 
     // One read of a socket that is readable. 0, 32 when the peer closed, or the error.
@@ -35,7 +36,7 @@ class message_stream {
     [[nodiscard]] u32 begin_message();
     [[nodiscard]] u32 finish_message(void** message);
 
-    u8 buffer_[16384];
+    u8 buffer_[tuning::receive_buffer_bytes];
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
     u8* message_ = nullptr;  // being completed

@@ -1,8 +1,8 @@
-// See pending_calls.h. A requesting thread and the receive thread meet in two rings, so that neither waits
-// for the other: a saved call goes to the index through one, by the hand of whoever looks a call up next,
-// and the block of a delivered call comes back through the other for a request of the same size. The
-// requesting thread then allocates nothing and the receive thread frees nothing, which is most of what an
-// allocator shared by two threads costs. The checker frees what came back once requests pause.
+// See pending_calls.h. Two rings connect the requesting and the receive thread, so that neither waits for the
+// other. A saved call passes through one; the next lookup moves it to the index. The block of a delivered
+// call returns through the other, for a request of the same size. So the requesting thread allocates nothing
+// and the receive thread frees nothing, which saves most of the cost of an allocator shared by two threads.
+// The checker frees the returned blocks once requests pause.
 #include "client/pending_calls.h"
 
 #include <algorithm>
@@ -13,6 +13,7 @@
 
 #include "client/control_block.h"
 #include "client/log.h"
+#include "client/tuning.h"
 #include "msg/result_codes.h"
 #include "util/bucket_table.h"
 #include "util/handoff_ring.h"
@@ -23,9 +24,7 @@ using namespace scc;
 namespace scc {
 namespace {
 
-constexpr std::size_t first_buckets = 1024;
-constexpr std::size_t incoming_calls_max = 1024;
-constexpr std::size_t spare_blocks_max = 8192;
+constexpr named_lock calls_lock{scc_call_data_lock};
 
 u64 hash_of(const list_node* node) {
     return reinterpret_cast<const pending_call*>(node)->call_id;
@@ -36,33 +35,32 @@ u64 hash_of(const list_node* node) {
 
 extern "C" {
 constinit pthread_rwlock_t scc_call_data_lock = PTHREAD_RWLOCK_INITIALIZER;
-constinit bucket_table<hash_of, first_buckets> g_scc_lib_call_lst{};
+constinit bucket_table<hash_of, tuning::first_call_buckets> g_scc_lib_call_lst SCC_GUARDED_BY(calls_lock){};
 }
 
 namespace scc {
 namespace {
 
-// Saved and not yet in the index. Given to under scc_lib_lock, taken from under scc_call_data_lock.
-constinit handoff_ring<pending_call*, incoming_calls_max> g_incoming{};
-// Blocks of delivered calls. Given to under scc_call_data_lock, taken from under scc_lib_lock.
-constinit handoff_ring<pending_call*, spare_blocks_max> g_spare{};
+// Saved and not yet in the index. Pushed under scc_lib_lock, popped under scc_call_data_lock.
+constinit handoff_ring<pending_call*, tuning::saved_calls_max> g_incoming{};
+// Blocks of delivered calls. Pushed under scc_call_data_lock, popped under scc_lib_lock.
+constinit handoff_ring<pending_call*, tuning::spare_blocks_max> g_spare{};
 
-// The calls in hand. The ids and the size are guarded by scc_call_data_lock; a call changes hands by the
-// exchange of its slot, which needs no lock.
+// The calls in hand. scc_call_data_lock guards the ids and the size; a call is taken by an atomic exchange of
+// its slot, without the lock.
 struct hand {
     std::array<std::atomic<pending_call*>, calls_in_hand::most> calls;
-    std::array<u32, calls_in_hand::most> ids;
-    std::size_t size;
+    std::array<u32, calls_in_hand::most> ids SCC_GUARDED_BY(calls_lock);
+    std::size_t size SCC_GUARDED_BY(calls_lock);
 };
 
 constinit hand g_hand{};
 
-// Spins briefly: hold times are shorter than a sleep.
-class brief_guard {
+// Spin briefly: hold times are shorter than a sleep.
+class SCC_SCOPED_CAPABILITY brief_guard {
   public:
-    brief_guard() {
-        constexpr int spins = 200;
-        for (int i = 0; i < spins; ++i) {
+    brief_guard() SCC_ACQUIRE(calls_lock) {
+        for (int i = 0; i < tuning::lock_spins; ++i) {
             if (pthread_rwlock_trywrlock(&scc_call_data_lock) == 0) {
                 return;
             }
@@ -72,7 +70,7 @@ class brief_guard {
         }
         pthread_rwlock_wrlock(&scc_call_data_lock);
     }
-    ~brief_guard() {
+    ~brief_guard() SCC_RELEASE() {
         pthread_rwlock_unlock(&scc_call_data_lock);
     }
     brief_guard(const brief_guard&) = delete;
@@ -83,16 +81,15 @@ std::size_t data_bytes_of(i32 len) {
     return len > 0 ? static_cast<std::size_t>(len) : 0;
 }
 
-// A block that came back, when it is of this size; others make room for those that will be.
+// A returned block of this size, or null. A block of another size is freed, so the ring adapts.
 pending_call* take_spare(std::size_t data_bytes) {
-    constexpr std::size_t ahead = 1;
-    constexpr std::size_t most = 1024;
     pending_call* block = nullptr;
     if (!g_spare.pop(block)) {
         return nullptr;
     }
-    if (pending_call* later = nullptr; g_spare.peek(ahead, later)) {
-        prefetch_for_writing(later, std::min(pending_call::head_bytes + data_bytes, most));
+    if (pending_call* later = nullptr; g_spare.peek(tuning::spare_blocks_ahead, later)) {
+        prefetch_for_writing(
+            later, std::min(pending_call::head_bytes + data_bytes, tuning::spare_prefetch_max_bytes));
     }
     if (data_bytes_of(block->data_bytes) != data_bytes) {
         std::free(block);
@@ -110,11 +107,10 @@ void fill(pending_call& call, u32 call_id, u32 kind, const void* data, i32 len) 
     }
 }
 
-// Moves what was saved into the index. scc_call_data_lock held.
-void index_incoming() {
-    constexpr std::size_t ahead = 8;
+// Moves the saved calls to the index.
+void index_incoming() SCC_REQUIRES(calls_lock) {
     for (pending_call* call = nullptr; g_incoming.pop(call);) {
-        if (pending_call* later = nullptr; g_incoming.peek(ahead, later)) {
+        if (pending_call* later = nullptr; g_incoming.peek(tuning::saved_calls_ahead, later)) {
             prefetch_for_writing(later, pending_call::head_bytes);
         }
         g_scc_lib_call_lst.insert(&call->link);
@@ -160,8 +156,7 @@ namespace scc {
 
 namespace {
 
-// scc_call_data_lock held.
-pending_call* unlink_call(u32 call_id) {
+pending_call* unlink_call(u32 call_id) SCC_REQUIRES(calls_lock) {
     list_node* node = g_scc_lib_call_lst.find(call_id, [call_id](const list_node* candidate) {
         return reinterpret_cast<const pending_call*>(candidate)->call_id == call_id;
     });
@@ -171,8 +166,8 @@ pending_call* unlink_call(u32 call_id) {
     return reinterpret_cast<pending_call*>(node);
 }
 
-// The oldest call of this id in hand, which is older than those of the index. scc_call_data_lock held.
-pending_call* take_from_hand(u32 call_id) {
+// The oldest call of this id in hand, which is older than those of the index.
+pending_call* take_from_hand(u32 call_id) SCC_REQUIRES(calls_lock) {
     for (std::size_t i = 0; i < g_hand.size; ++i) {
         if (g_hand.ids[i] == call_id) {
             if (pending_call* call = g_hand.calls[i].exchange(nullptr); call != nullptr) {
@@ -201,7 +196,7 @@ calls_in_hand::calls_in_hand(std::span<const u32> ids) : ids_(ids), holds_(false
     }
     holds_ = true;
     index_incoming();
-    // A million calls lie all over the memory: their cache misses overlap this way.
+    // Many pending calls are spread over memory; prefetching overlaps their cache misses.
     for (const u32 id : ids) {
         g_scc_lib_call_lst.prefetch_bucket(id);
     }
@@ -224,7 +219,7 @@ calls_in_hand::~calls_in_hand() {
 
 pending_call* calls_in_hand::take(std::size_t i) {
     pending_call* call = holds_ ? g_hand.calls[i].exchange(nullptr) : nullptr;
-    // A handler before this one may have made the call.
+    // The handler of an earlier result may have made the call.
     return call != nullptr ? call : take_pending_call(ids_[i]);
 }
 
@@ -250,7 +245,7 @@ void release_pending_calls(std::span<pending_call* const> calls) {
 }
 
 std::size_t pending_calls() {
-    const write_guard guard(scc_call_data_lock);
+    const named_lock_guard guard(calls_lock);
     index_incoming();
     std::size_t count = g_scc_lib_call_lst.size();
     for (std::size_t i = 0; i < g_hand.size; ++i) {
@@ -260,7 +255,7 @@ std::size_t pending_calls() {
 }
 
 void free_pending_calls() {
-    const write_guard guard(scc_call_data_lock);
+    const named_lock_guard guard(calls_lock);
     for (std::size_t i = 0; i < g_hand.size; ++i) {
         std::free(g_hand.calls[i].exchange(nullptr));
     }
@@ -270,22 +265,22 @@ void free_pending_calls() {
 
 void init_pending_calls() {
     free_pending_calls();
-    const write_guard guard(scc_call_data_lock);
+    const named_lock_guard guard(calls_lock);
     g_scc_lib_call_lst.reset();
 }
 
 void grow_pending_index() {
-    const write_guard guard(scc_call_data_lock);
+    const named_lock_guard guard(calls_lock);
     index_incoming();
     g_scc_lib_call_lst.grow_if_crowded();
 }
 
 void free_idle_blocks() {
-    static constinit std::size_t taken_before = 0;  // the checker's
+    static constinit std::size_t taken_before = 0;  // only the checker calls this
     const std::size_t taken = g_spare.taken();
     const bool paused = taken == taken_before;
     taken_before = taken;
-    // A caller may hold the lock for as long as the daemon takes to answer; the next pass will do.
+    // A query holds the lock until the daemon answers; a later pass will do.
     if (!paused || g_spare.empty() || pthread_rwlock_trywrlock(&scc_lib_lock) != 0) {
         return;
     }

@@ -1,17 +1,18 @@
-// The calls whose results are awaited. scc_call_data_lock guards them, and is never held across a send;
-// saving a call does not take it as a rule, only scc_lib_lock, which every request holds.
+// The calls whose results are awaited. scc_call_data_lock guards them, and is never held across a send.
+// Saving a call needs only scc_lib_lock, which every request holds, unless the ring of saved calls is full.
 #pragma once
 
 #include <cstddef>
 #include <span>
 
 #include "client/locks.h"
+#include "client/tuning.h"
 #include "msg/protocol.h"
 #include "util/list.h"
 
 namespace scc {
 
-// One heap block: this head and data_bytes of the caller's request behind it.
+// One heap block: this head, followed by data_bytes of the caller's request.
 struct pending_call {
     list_node link;
     u32 call_id;
@@ -33,13 +34,13 @@ void release_pending_call(pending_call* call);
 // The same for many, under one lock. Null entries are skipped.
 void release_pending_calls(std::span<pending_call* const> calls);
 
-// The calls of results that arrived together, found under one lock. Until its turn comes, a call in hand is
-// still a pending one: who drops or deletes pending calls takes it back.
+// The calls of results that arrived together, found under one lock. Until it is taken, a call in hand is
+// still pending: dropping or deleting pending calls includes it.
 class calls_in_hand {
   public:
-    static constexpr std::size_t most = 32;
+    static constexpr std::size_t most = tuning::calls_in_hand_max;
 
-    // Looks up the calls of these ids, at most that many, in order.
+    // Looks up the calls of these ids, no more than `most`, in order.
     explicit calls_in_hand(std::span<const u32> ids);
     ~calls_in_hand();
     calls_in_hand(const calls_in_hand&) = delete;
@@ -47,18 +48,18 @@ class calls_in_hand {
 
     // Takes the call of the i-th id, which then is the caller's; null when there is none. Once for each i.
     [[nodiscard]] pending_call* take(std::size_t i);
-    // The call that take(i) may give, for fetching its data ahead; not to be looked into.
+    // The call that take(i) may return, for a prefetch only: it may be freed at any time.
     [[nodiscard]] const pending_call* peek(std::size_t i) const;
 
   private:
     std::span<const u32> ids_;
-    bool holds_;  // false when another run holds the hand
+    bool holds_;  // false when another object holds the calls in hand
 };
 [[nodiscard]] std::size_t pending_calls();
 void free_pending_calls();
 void init_pending_calls();
-// For the checker thread, so that a request allocates its own block at most: grows the index with the
-// calls, and gives kept blocks back once none was used since the last time.
+// For the checker thread, so that a request allocates at most its own block: the first grows the index, the
+// second frees the spare blocks if none was used since its last call.
 void grow_pending_index();
 void free_idle_blocks();
 

@@ -21,7 +21,7 @@
 namespace scc {
 namespace {
 
-// Waits up to a second for the socket. 0 ready; 11 nothing came; otherwise the error.
+// Waits up to a second for the socket. 0 when it is readable, 11 on time-out, otherwise the error.
 u32 wait_readable(int fd, const char* function) {
     pollfd watched{fd, POLLIN, 0};
     const int ready = poll(&watched, 1, limits::receive_wait_ms);
@@ -40,7 +40,7 @@ u32 wait_readable(int fd, const char* function) {
     return error;
 }
 
-// The bytes of one registration's connections, each with its own.
+// What the receive thread of one registration keeps between passes.
 struct receiver {
     u32 generation;
     const delivery& how;
@@ -50,8 +50,8 @@ struct receiver {
 };
 
 // Waits for bytes of this registration's connection and reads them; fd is -1 when there is no socket.
-// Another registration may follow at any moment: its bytes are not for this thread, so the connection is
-// fixed before the registration is looked at.
+// Another registration may follow at any moment, and its bytes are not for this thread: the connection is
+// chosen before the registration is checked.
 u32 read_bytes(receiver& self, i32& fd) {
     const u32 epoch = connection_epoch();
     if (!is_current(self.generation)) {
@@ -76,10 +76,10 @@ u32 read_bytes(receiver& self, i32& fd) {
     return error == result::ok ? self.stream.fill(fd) : error;
 }
 
-// Delivers the whole messages that have arrived, whatever has become of the connection since: their results
-// belong to calls until those are dropped. Call ids start again with a registration, though, so what is left
-// of an ended one is for nobody. A message that is refused has been read past; the next one is not left for
-// another read, which may meet the connection's end.
+// Delivers the whole messages that have arrived, even if the connection has ended since: their calls may
+// still be pending. Call ids restart with a registration, though, so the messages of an ended one are
+// dropped. The stream is already past a refused message; the next one must not wait for another read, which
+// may find the connection's end.
 void deliver_messages(receiver& self, i32 fd) {
     const delivery_turn turn(self.generation);
     for (;;) {
@@ -104,7 +104,7 @@ bool has_no_socket() {
     return g_scc_client_cb.sync_fd.load(relaxed) < 0 && g_scc_client_cb.async_fd.load(relaxed) < 0;
 }
 
-// One pass: at most one read. The result is the pass's error.
+// One pass of the loop, with at most one read.
 u32 receive_once(receiver& self) {
     if (scc_lib_rereg.load(relaxed) != 0) {
         SCC_LOG_FROM(self.how.thread, "appid %d ready to rereg.", app_id_now());
@@ -118,14 +118,14 @@ u32 receive_once(receiver& self) {
     if (fd < 0 && is_current(self.generation)) {
         SCC_LOG_FROM(self.how.thread, "scc client async socket not created.");
         sleep(limits::missing_socket_seconds);
-        // Without either socket, TMPDIR had no place for them when the connection ended; it may have one now.
+        // Without either socket, TMPDIR was unusable when the connection ended; it may be usable now.
         return has_no_socket() ? result::peer_closed : result::ok;
     }
     deliver_messages(self, fd);
     return result::ok;
 }
 
-// What follows an error; false when the thread has to leave.
+// False when the thread must end.
 bool recover(u32 error, u32 generation) {
     if (!survives_unregistration(generation) || app_id_now() == 0) {
         return false;

@@ -1,4 +1,4 @@
-// The receive thread: one loop with two ways to deliver, to handlers or to the service's queue.
+// The receive thread: one loop, which delivers to handlers or to the service's queue.
 #pragma once
 
 #include "client/results.h"
@@ -6,11 +6,11 @@
 
 namespace scc {
 
-// Takes over a whole received message. Results may wait in the run until all that has arrived was delivered.
+// Takes ownership of a received message. Results may wait in the run until everything received is delivered.
 using deliver_message = void (*)(i32 fd, void* message, result_run& results);
 
 struct delivery {
-    const char* thread;  // the thread's function, in whose name it logs
+    const char* thread;  // the thread's function, named in its log lines
     deliver_message message;
     void (*idle)();  // called when nothing came for a while; null for nothing to do
 };
@@ -18,7 +18,7 @@ struct delivery {
 // Registers, then receives until the registration has ended.
 void run_receive_loop(u32 generation, const delivery& how);
 
-// An application's way: the dispatcher, then the message is freed.
+// For applications: dispatches the items, then frees the message.
 void dispatch_and_free(i32 fd, void* message, result_run& results);
 
 }  // namespace scc

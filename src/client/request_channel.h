@@ -1,5 +1,5 @@
-// The way out for requests, answers and reports: in real time on the synchronous socket, by way of the batch
-// on the asynchronous one.
+// Sends requests, answers and reports: in real time on the synchronous socket, through the batch on the
+// asynchronous one.
 #pragma once
 
 #include "client/batch.h"

@@ -94,5 +94,5 @@ extern "C" u32 _scc_lib_msg_send_rt(u16 sub_id, u16 type, const void* value, int
     if (outcome.built && outcome.error != result::ok) {
         recover_from_failed_send(outcome, epoch, __func__);
     }
-    return outcome.told();
+    return outcome.reported();
 }

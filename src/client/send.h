@@ -1,4 +1,4 @@
-// Messages in real time, and what follows a send that failed.
+// Real-time sending, and recovery from a failed send.
 //
 // A failed send is not reported to the caller: the request is lost with the connection, the call returns 0,
 // and the server-status handler tells the application. Only an allocation failure (12) and a value that is
@@ -16,7 +16,7 @@ extern "C" [[nodiscard]] scc::u32 _scc_lib_msg_send_rt(scc::u16 sub_id, scc::u16
 
 namespace scc {
 
-// A value that is gathered from two places: what the library writes, then the caller's record.
+// A value in two parts: what the library writes, then the caller's record.
 struct value_parts {
     std::span<const u8> head;
     std::span<const u8> tail{};
@@ -25,29 +25,28 @@ struct value_parts {
     void copy_to(u8* at) const;
 };
 
-// A value as the functions with C linkage get it; a negative length is none.
+// For the functions with C linkage; a negative length is an empty value.
 [[nodiscard]] value_parts value_of(const void* value, int len);
 
-// What became of a message.
 struct send_outcome {
     u32 error = 0;         // 0, 12 without memory, or the error of sending
     bool built = true;     // false without memory: nothing was tried
-    bool in_part = false;  // a part went out: the daemon's stream is out of step
+    bool in_part = false;  // only a part went out: the daemon's stream is out of step
 
-    // What a request tells its caller.
-    [[nodiscard]] u32 told() const { return built ? 0 : error; }
+    // What a request returns to its caller.
+    [[nodiscard]] u32 reported() const { return built ? 0 : error; }
 };
 
-// Sends all of it, on the connection that the epoch names.
+// Sends all bytes, on the connection that the epoch names.
 [[nodiscard]] send_outcome send_bytes(channel which, u32 epoch, std::span<const u8> bytes);
 // Builds a message of one item and sends it. Logs a failure in the name of _scc_lib_msg_send_rt.
 [[nodiscard]] send_outcome send_one_item(channel which, u32 epoch, u16 sub_id, u16 type,
                                          const value_parts& value);
-// What a request does after its send failed; function names the path in the log. No lock of the send path
-// may be held but scc_send_buf_lock.
+// What a request does after its send failed. Logs in the name of function. Of the locks only scc_lib_lock
+// and scc_send_buf_lock may be held.
 void recover_from_failed_send(const send_outcome& outcome, u32 epoch, const char* function);
 
-// The event loop's part, filled in when its first agent starts.
+// The event loop's part, set by the first agent's start.
 struct agent_hooks {
     // Ends the connection that the epoch names and starts the reconnection.
     void (*recover)(u32 epoch, const char* function);

@@ -10,14 +10,12 @@
 #include "client/pending_calls.h"
 #include "client/request_channel.h"
 #include "client/threads.h"
+#include "client/tuning.h"
 
 using namespace scc;
 
 namespace scc {
 namespace {
-
-// How often idle blocks of delivered calls are given back.
-constexpr u32 passes_between_maintenance = 20;
 
 bool wait_one_interval() {
     timeval interval{0, limits::batch_interval_us};
@@ -46,7 +44,7 @@ void* _scc_lib_send_buf_chk_thread(void* /*argument*/) {
         }
         flush_waiting_batch();
         grow_pending_index();
-        if (pass % passes_between_maintenance == 0) {
+        if (pass % tuning::passes_between_maintenance == 0) {
             free_idle_blocks();
         }
     }

@@ -24,7 +24,7 @@ void log_already_registered(const start_identity& identity, const char* function
                  static_cast<int>(getpid()));
 }
 
-// The name is the process's, the same at every start: it is not written again while others may read it.
+// The process name is the same at every start; it is not rewritten while others may read it.
 void take_process_name() {
     char name[record::process_name_field] = {};
     (void)_scc_process_name_get(getpid(), name, limits::process_name_bytes);
@@ -57,8 +57,8 @@ u32 make_runtime_directory(u32 app_id, const char* function) {
     return error;
 }
 
-// TMPDIR is the administrator's and may be a link. Below it any user may have put one, which would lead the
-// change of mode elsewhere: no link is followed, and the mode is set on what was opened.
+// TMPDIR is the administrator's and may be a link. Below it any user may have planted one to divert the
+// change of mode: no link is followed, and the mode is set on what was opened.
 void open_runtime_directory() {
     constexpr int parent = O_PATH | O_DIRECTORY | O_CLOEXEC;
     const char* root = std::getenv("TMPDIR");
@@ -68,7 +68,7 @@ void open_runtime_directory() {
     const int base = open(*root == '\0' ? "/" : root, parent);
     const int security = openat(base, "security", parent | O_NOFOLLOW);
     const int directory = openat(security, "scc", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    // Fails where another user owns the directory, who has opened it then.
+    // Fails when another user owns the directory; that user's process has opened it then.
     [[maybe_unused]] const int ignored = fchmod(directory, 0777);
     for (const int descriptor : {base, security, directory}) {
         if (descriptor >= 0) {
@@ -93,7 +93,7 @@ bool take_identity(const start_identity& identity, u32& generation, const char* 
 }
 
 void undo_start(void (*clear_handlers)()) {
-    // The threads of the start leave; until all is undone, no other one may begin.
+    // The threads of this start end; no other start may begin until all is undone.
     const u32 undoing = begin_generation(start_kind::thread);
     (void)_scc_lib_client_close();
     g_scc_client_cb.app_id.store(0, relaxed);

@@ -11,7 +11,7 @@ using thread_body = void* (*)(void*);
 // threads. 0 or an error number.
 [[nodiscard]] u32 start_thread(thread_body body, void* argument);
 
-// For a thread's first act: detaches it and names it.
+// Each thread calls this, or the next, first: detaches and names it.
 void detach_and_name(const char* name);
 // The name of the application side's threads: "scclib-" and the pid.
 void detach_and_name_with_pid();

@@ -54,7 +54,7 @@ class item_reader {
     const u8* at_;
 };
 
-// Whether the message's items fill no more than the message: hostile lengths never lead past it.
+// Whether the items stay within the message, whatever lengths a hostile peer wrote.
 [[nodiscard]] inline bool items_fit(std::span<const u8> message) {
     u64 offset = wire::header_bytes;
     for (u16 left = load<u16>(message.data(), 5); left != 0; --left) {

@@ -28,7 +28,7 @@ void write_item_header(void* at, u32 length, u16 sub_id, u16 type) {
 
 u32 send_counted(int fd, std::span<const u8> bytes, std::size_t& sent) {
     for (sent = 0; sent < bytes.size();) {
-        // A daemon that vanished must not kill its client with the broken-pipe signal.
+        // A daemon that vanished must not kill its client with SIGPIPE.
         const ssize_t count = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
         if (count < 0) {
             return static_cast<u32>(errno);
@@ -38,25 +38,20 @@ u32 send_counted(int fd, std::span<const u8> bytes, std::size_t& sent) {
     return result::ok;
 }
 
-namespace {
-
-u32 receive_exactly(int fd, void* bytes, std::size_t length) {
-    auto* at = static_cast<u8*>(bytes);
-    while (length > 0) {
-        const ssize_t got = recv(fd, at, length, 0);
-        if (got == 0) {
+u32 receive_counted(int fd, std::span<u8> bytes, std::size_t& received) {
+    while (received < bytes.size()) {
+        const ssize_t count = recv(fd, bytes.data() + received, bytes.size() - received, 0);
+        if (count == 0) {
             return result::peer_closed;
         }
-        if (got < 0) {
+        if (count < 0) {
             return static_cast<u32>(errno);
         }
-        at += got;
-        length -= static_cast<std::size_t>(got);
+        received += static_cast<std::size_t>(count);
     }
     return result::ok;
 }
 
-}  // namespace
 }  // namespace scc
 
 using namespace scc;
@@ -119,15 +114,19 @@ u32 _scc_msg_send(int fd, const void* bytes, int length) {
 }
 
 u32 _scc_msg_hdr_recv(int fd, void* header) {
-    return header == nullptr ? result::ok : receive_exactly(fd, header, wire::header_bytes);
+    std::size_t received = 0;
+    return header == nullptr ? result::ok
+                             : receive_counted(fd, {static_cast<u8*>(header), wire::header_bytes}, received);
 }
 
 u32 _scc_msg_body_recv(int fd, void* bytes, long length) {
     if (bytes == nullptr || length < 1) {
         return result::ok;
     }
-    std::memset(bytes, 0, static_cast<std::size_t>(length));
-    return receive_exactly(fd, bytes, static_cast<std::size_t>(length));
+    const std::span<u8> all{static_cast<u8*>(bytes), static_cast<std::size_t>(length)};
+    std::memset(bytes, 0, all.size());
+    std::size_t received = 0;
+    return receive_counted(fd, all, received);
 }
 
 bool _scc_connect_should_reset(u32 error) {

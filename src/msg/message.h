@@ -25,9 +25,10 @@ namespace scc {
 
 // Writes the 8 bytes of a message header; what follows them stays as it is.
 void write_header(void* message, u16 count, u32 length);
-// Sends all of it; sent is how much went out, also when the rest did not. 0 or the error.
+// Sends all bytes; sent is the number that went out, even on failure. 0 or the error.
 [[nodiscard]] u32 send_counted(int fd, std::span<const u8> bytes, std::size_t& sent);
-// Writes an item header.
+// Receives until all bytes from `received` on are there, and counts also those before an error.
+[[nodiscard]] u32 receive_counted(int fd, std::span<u8> bytes, std::size_t& received);
 void write_item_header(void* at, u32 length, u16 sub_id, u16 type);
 
 }  // namespace scc

@@ -23,7 +23,7 @@ bool make_path(path_buffer& out, const char* suffix, path_base base) {
 
 namespace {
 
-// Resolves "./x" against the working directory; absolute paths are copied, cut to the buffer.
+// Resolves "./x" against the working directory; absolute paths are copied, truncated to the buffer.
 u32 absolute_path(const char* path, path_buffer& out) {
     if (std::strlen(path) > 2 && path[0] == '.' && path[1] == '/') {
         if (getcwd(out.text, sizeof out.text) == nullptr) {
@@ -33,7 +33,7 @@ u32 absolute_path(const char* path, path_buffer& out) {
         if (std::strlen(path) >= sizeof out.text - directory) {
             return result::no_space;
         }
-        const char* rest = path + 1;  // from the slash behind the dot
+        const char* rest = path + 1;  // from the slash after the dot
         std::memcpy(out.text + directory, rest, std::strlen(rest) + 1);
         return result::ok;
     }
@@ -44,7 +44,7 @@ u32 absolute_path(const char* path, path_buffer& out) {
     return result::ok;
 }
 
-u32 number_behind(const char* slash) {
+u32 number_after(const char* slash) {
     return static_cast<u32>(std::strtol(slash + 1, nullptr, 10));
 }
 
@@ -74,7 +74,7 @@ int scc_make_path(char* dst, const char* suffix, int size, int base) {
     if (root_length + suffix_length >= static_cast<std::size_t>(size)) {
         return 0;
     }
-    // NOLINTNEXTLINE(bugprone-not-null-terminated-result): the suffix brings the terminator
+    // NOLINTNEXTLINE(bugprone-not-null-terminated-result): the suffix is copied with its NUL
     std::memcpy(dst, root, root_length);
     std::memcpy(dst + root_length, suffix, suffix_length + 1);
     return 1;
@@ -88,7 +88,7 @@ u32 _scc_dir_create(const char* path) {
     if (const u32 error = absolute_path(path, work); error != result::ok) {
         return error;
     }
-    // The prefix ends with a slash at each mkdir; the longest work text and that slash need one more byte.
+    // Each mkdir sees the prefix with a trailing slash: the longest path needs one more byte.
     char prefix[limits::path_bytes + 1] = "/";
     std::size_t length = 1;
     char* rest = nullptr;
@@ -111,16 +111,15 @@ u32 _scc_vsd_id_get(void) {
     if (root == nullptr) {
         return 0;
     }
-    // Without a slash the whole text is read, as if one stood before it: the caller promises a slash,
-    // and _scc_lib_vsd_id_get is the one that tests for it.
+    // Callers promise a slash; without one the whole text is read. _scc_lib_vsd_id_get checks for it.
     const char* slash = std::strrchr(root, '/');
-    return slash == nullptr ? static_cast<u32>(std::strtol(root, nullptr, 10)) : number_behind(slash);
+    return slash == nullptr ? static_cast<u32>(std::strtol(root, nullptr, 10)) : number_after(slash);
 }
 
 u32 _scc_lib_vsd_id_get(void) {
     const char* root = std::getenv("TMPDIR");
     const char* slash = root == nullptr ? nullptr : std::strrchr(root, '/');
-    return slash == nullptr ? 0 : number_behind(slash);
+    return slash == nullptr ? 0 : number_after(slash);
 }
 
 u32 _scc_process_name_get(int pid, char* buf, int size) {
@@ -137,7 +136,7 @@ u32 _scc_process_name_get(int pid, char* buf, int size) {
     if (std::fgets(buf, size, file) == nullptr) {
         buf[0] = '\0';  // a process without arguments, such as a kernel thread
     }
-    // The line runs on through the arguments behind the first one's NUL; they are nobody's business.
+    // fgets has also read what follows the first argument's NUL: other arguments may be private.
     const std::size_t length = std::strlen(buf);
     std::memset(buf + length, 0, static_cast<std::size_t>(size) - length);
     std::fclose(file);

@@ -1,4 +1,4 @@
-// Where the rendezvous files lie: everything below $TMPDIR/security/scc.
+// Paths of the sockets and the debug file, all in $TMPDIR/security/scc.
 #pragma once
 
 #include "msg/protocol.h"

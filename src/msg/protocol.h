@@ -1,4 +1,4 @@
-// The numbers of the wire: message types, item and record sizes, limits and time-outs.
+// The numbers of the wire format: message types, item and record sizes, limits and time-outs.
 //
 // This is the one header of the library that the development daemon shares: both ends of a
 // connection take their numbers from here. All integers travel in host byte order, since both
@@ -26,13 +26,11 @@ inline constexpr u32 header_bytes = 8;
 inline constexpr u32 item_header_bytes = 8;
 inline constexpr u8 version = 1;
 
-// A message that is put together item by item stays within one Ethernet payload.
+// A message built item by item stays within one Ethernet payload.
 inline constexpr u32 built_message_max_bytes = 1499;
-inline constexpr u32 batch_capacity_bytes = 8192;
-// The batch's head (count, capacity, used, padding) and message lie in one block of 8224 bytes.
-inline constexpr u32 batch_block_bytes = 8224;
+inline constexpr u32 batch_capacity_bytes = 8192;  // of items
 // A value of this size and above never enters a batch.
-inline constexpr u32 oversized_value_bytes = 8176;
+inline constexpr u32 oversized_value_bytes = batch_capacity_bytes - header_bytes - item_header_bytes;
 
 }  // namespace wire
 

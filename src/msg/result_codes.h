@@ -1,4 +1,4 @@
-// The result codes as the library itself produces them; scclib.h has them all.
+// The result codes that the library itself produces; scclib.h lists all.
 #pragma once
 
 #include "msg/protocol.h"

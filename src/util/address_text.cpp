@@ -34,7 +34,7 @@ address_text mac_text(const u8* mac) {
 
 namespace {
 
-// One buffer a formatter, as its users expect: the text lasts until the formatter's next call.
+// One buffer per formatter: a text stays valid until the formatter's next call.
 struct static_text {
     char text[128];
 };

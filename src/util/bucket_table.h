@@ -1,8 +1,8 @@
-// A hash table of intrusive list nodes that grows with what it holds, so that finding one entry costs the
-// same however many there are. Entries with equal keys keep their order: the oldest is found first.
+// A hash table of intrusive list nodes. It grows with its contents, so a lookup costs the same however many
+// entries there are. Entries with equal keys keep their order: the oldest is found first.
 //
-// The owner locks it. insert never allocates; grow_if_crowded does, at a moment that the owner chooses,
-// and a failed allocation leaves the table as it is, only more crowded.
+// The owner locks it. insert never allocates; grow_if_crowded does, when the owner chooses, and if that
+// fails the table stays as it is, only more crowded.
 #pragma once
 
 #include <cstdlib>
@@ -18,7 +18,7 @@ class bucket_table {
   public:
     constexpr bucket_table() = default;
 
-    // Must run before the first use; drops nothing, so the table has to be empty.
+    // Must run before the first use. The table must be empty: entries are not unlinked.
     void reset() {
         if (heads_ != first_) {
             std::free(heads_);
@@ -58,7 +58,7 @@ class bucket_table {
         return nullptr;
     }
 
-    // For a caller that looks up many: the two memory accesses of a lookup, started ahead.
+    // The two memory accesses of a lookup, started ahead by a caller with many lookups.
     void prefetch_bucket(u64 hash) const {
         if (heads_ != nullptr) {
             __builtin_prefetch(&heads_[hash & mask_], 1);
@@ -70,7 +70,7 @@ class bucket_table {
         }
     }
 
-    // Unlinks every entry and hands it to release, then gives the grown table back.
+    // Unlinks every entry and passes it to release, then frees the grown table.
     template <class Release>
     void clear(Release release) {
         if (heads_ == nullptr) {

@@ -1,5 +1,5 @@
-// A bounded queue from one thread to another that needs no lock between the two. Several threads may take
-// turns at either end when a lock of theirs orders them. Statically initialised; holds plain values.
+// A bounded lock-free queue from one producer to one consumer. Several threads may share an end if a lock of
+// their own serialises them. Statically initialised; holds plain values.
 #pragma once
 
 #include <atomic>
@@ -17,7 +17,7 @@ class handoff_ring {
   public:
     constexpr handoff_ring() = default;
 
-    // The giving end. False when the ring is full.
+    // Producer. False when the ring is full.
     [[nodiscard]] bool push(T value) {
         const std::size_t at = given_.load(std::memory_order_relaxed);
         if (at - taken_seen_ == Size) {
@@ -31,7 +31,7 @@ class handoff_ring {
         return true;
     }
 
-    // The taking end. False when the ring is empty.
+    // Consumer. False when the ring is empty.
     [[nodiscard]] bool pop(T& value) {
         const std::size_t at = taken_.load(std::memory_order_relaxed);
         if (!holds(at)) {
@@ -42,7 +42,7 @@ class handoff_ring {
         return true;
     }
 
-    // The taking end: looks at what pop will give after as many others. False when that has not come yet.
+    // Consumer: the value that pop returns after `ahead` others. False when it has not arrived yet.
     [[nodiscard]] bool peek(std::size_t ahead, T& value) {
         const std::size_t at = taken_.load(std::memory_order_relaxed) + ahead;
         if (!holds(at)) {
@@ -52,12 +52,12 @@ class handoff_ring {
         return true;
     }
 
-    // Either end.
+    // Both ends.
     [[nodiscard]] bool empty() const {
         return given_.load(std::memory_order_acquire) == taken_.load(std::memory_order_acquire);
     }
 
-    // Either end: how many values have been taken so far.
+    // Both ends: the number of values taken so far.
     [[nodiscard]] std::size_t taken() const { return taken_.load(std::memory_order_relaxed); }
 
   private:
@@ -69,7 +69,7 @@ class handoff_ring {
         return static_cast<std::ptrdiff_t>(given_seen_ - at) > 0;
     }
 
-    // What one end writes stands apart from what the other writes, each with its copy of the other's count.
+    // The ends write different cache lines; each keeps a copy of the other's count.
     alignas(cache_line_bytes) std::atomic<std::size_t> given_{0};
     std::size_t taken_seen_ = 0;
     alignas(cache_line_bytes) std::atomic<std::size_t> taken_{0};

@@ -1,6 +1,6 @@
-// An index from keys to values at a cost that does not grow with what it holds: open addressing, so that a
-// lookup touches one place of a compact table and nothing of the values. The owner locks it. It allocates
-// when it grows; without memory it fills up first, and then refuses.
+// A hash index with open addressing: a lookup costs the same however many entries there are, stays in a
+// compact table and never touches the values. The owner locks it. It allocates when it grows; without memory
+// it fills up, then refuses.
 #pragma once
 
 #include <cstdlib>
@@ -15,7 +15,7 @@ class key_index {
   public:
     constexpr key_index() = default;
 
-    // Forgets all entries and gives the grown table back. Must run before the first use.
+    // Forgets all entries and frees the grown table. Must run before the first use.
     void reset() {
         if (slots_ != first_) {
             std::free(slots_);
@@ -33,7 +33,7 @@ class key_index {
         return slots_ == nullptr ? nullptr : slots_[place_of(key)].value;
     }
 
-    // The key must be new, the value not null. False when there is no room and no memory for more.
+    // The key must be new, the value not null. False when the table is full and cannot grow.
     [[nodiscard]] bool insert(const Key& key, Value* value) {
         if ((count_ + 1) * 2 > mask_ + 1 && !grow() && count_ == mask_) {
             return false;
@@ -43,7 +43,7 @@ class key_index {
         return true;
     }
 
-    // Does nothing when there is none. Entries behind the gap move up to where a lookup finds them.
+    // Does nothing when there is none. Entries after the gap move into it where a lookup would stop there.
     void erase(const Key& key) {
         std::size_t gap = place_of(key);
         if (slots_[gap].value == nullptr) {
@@ -68,7 +68,7 @@ class key_index {
 
     [[nodiscard]] std::size_t next(std::size_t at) const { return (at + 1) & mask_; }
 
-    // Where the key is, or the free slot where it belongs; one is always free.
+    // The key's slot, or the free one where it belongs; one slot is always free.
     [[nodiscard]] std::size_t place_of(const Key& key) const {
         std::size_t at = HashOf(key) & mask_;
         while (slots_[at].value != nullptr && !(slots_[at].key == key)) {

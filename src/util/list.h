@@ -1,5 +1,5 @@
-// The intrusive doubly linked list. A head is a node that points to itself when empty; order is from
-// head.next forwards. The owner of a list locks it.
+// The intrusive doubly linked list. A head is a node that points to itself when empty; the first
+// entry is head.next. The owner of a list locks it.
 #pragma once
 
 #include <cstdint>

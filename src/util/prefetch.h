@@ -1,5 +1,4 @@
-// Fetching ahead what another thread wrote last, so that its way from there is not waited for. A hint that
-// reads nothing.
+// Hides the latency of lines last written by another core. A hint, which cannot fault.
 #pragma once
 
 #include <cstddef>

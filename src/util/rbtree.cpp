@@ -1,5 +1,5 @@
-// Red-black insertion and removal after Cormen et al., with the two sides of each case told once: `side`
-// names a child by a member pointer, `other` its mirror.
+// Red-black insertion and removal after Cormen et al. Mirrored cases are written once: `side` is a member
+// pointer to one child, `other` to its mirror.
 #include "util/rbtree.h"
 
 using namespace scc;
@@ -27,7 +27,7 @@ void replace_in_parent(rb_node* old, rb_node* fresh, rb_node* parent, rb_root* r
     }
 }
 
-// Turns the tree at pivot so that pivot goes down to `side` and its other child takes its place.
+// Rotates pivot down to `side`; its other child takes its place.
 void rotate(rb_node* pivot, child side, rb_root* root) {
     const child other = mirror(side);
     rb_node* rising = pivot->*other;
@@ -42,7 +42,7 @@ void rotate(rb_node* pivot, child side, rb_root* root) {
     scc_rb_set_parent(pivot, rising);
 }
 
-// Restores the black height after a black node was taken from below parent; node stands in its place.
+// Restores the black height after the removal of a black child of parent; node took its place.
 void rebalance_after_erase(rb_node* node, rb_node* parent, rb_root* root) {
     while (node != root->node && !is_red(node)) {
         const child side = parent->left == node ? &rb_node::left : &rb_node::right;
@@ -140,7 +140,7 @@ void scc_rb_erase(rb_node* node, rb_root* root) {
     }
     replace_in_parent(removed, orphan, parent, root);
     if (removed != node) {
-        // The successor takes the place and colour of the node that goes.
+        // The successor takes the place and colour of the removed node.
         if (parent == node) {
             parent = removed;
         }

@@ -1,4 +1,4 @@
-// The red-black tree. It knows no keys: the caller searches from the root with its own comparison and
+// A red-black tree. It knows no keys: the caller searches from the root with its own comparison and
 // links the new node at the empty child where the search ended. The owner of a tree locks it.
 #pragma once
 
