@@ -99,9 +99,7 @@ scc_ss_reg_info all_handlers() {
     info.ace_counter = on_operation<scc_ss_counter_operation>;
     info.uplink = on_operation<scc_ss_eport_operation>;
     info.cpp = on_operation<scc_ss_cpp_operation>;
-    info.direct_vlan_notify = [](const scc_vlan_record* vlans) {
-        read_all(vlans, sizeof *vlans);
-    };
+    info.direct_vlan_notify = [](const scc_vlan_record* vlans) { read_all(vlans, sizeof *vlans); };
     info.authmode = [](u32) {};
     info.app_set = [](u32 id, u32 op, u32 ifx, u32 type) {
         FUZZ_EXPECT(type < limits::nacm_types);
