@@ -5,6 +5,7 @@
 
 #include <array>
 
+#include "client/acl_cache.h"
 #include "client/channel_support.h"
 #include "client/handler_recorder.h"
 #include "client/request_channel.h"
@@ -15,6 +16,7 @@ using test::wire;
 
 namespace {
 
+constexpr scc_acl_key absent_acl = {1, 1, 9, 0};
 constexpr int result_of_mark = 24;  // the handler of scc_addr_learning
 
 class Log : public test::runtime_test {
@@ -149,6 +151,60 @@ TEST_F(Log, TellsOfTheSameLifeWhileTheSwitchIsOn) {
         EXPECT_EQ(line.submodule, "DETAIL") << line.whole;
         EXPECT_EQ(line.flag, 2) << line.whole;
         EXPECT_TRUE(line.whole.starts_with('<')) << line.whole;
+    }
+}
+
+struct named_line {
+    const char* text;      // a part of it
+    const char* function;  // in the line's prefix
+};
+
+const named_line named_lines[] = {
+    {"input param is null!.", "scc_svr_reg"},
+    {"app id is invalid in register param!", "scc_svr_reg"},
+    {") already registered!", "scc_svr_reg"},
+    {") already unregistered or not registered!", "scc_svr_unreg"},
+    {")connect to sccd success!", "_scc_lib_svr_rereg"},
+    {")register to sccd success!", "_scc_lib_svr_rereg"},
+    {"scc client start to try re-reg.", "_scc_lib_svr_rereg"},
+    {"connect to sccd failed!!!", "_scc_lib_client_connect"},
+    {"reason:", "_scc_lib_client_connect"},
+    {")reg action rejected by sccd!", "_scc_lib_client_reg"},
+    {"already registered by pid:4711!", "_scc_lib_client_reg"},
+    {"msg is larger than sendbuf.", "_scc_lib_msg_send_bt"},
+    {"thread msg(len:", "_scc_lib_send_buf_chk_thread"},
+    {"recv msg hdr error!", "_scc_lib_msg_recv"},
+    {"msg format error,no tlv.", "_scc_lib_msg_recv"},
+    {"msg format error,items exceed msg.", "_scc_lib_msg_recv"},
+    {"unknown scclib msg type(", "_scc_lib_async_msg_proc"},
+    {"too short. len:", "_scc_lib_async_msg_proc"},
+    {"no such call id:", "_scc_lib_call_ret_proc"},
+    {"specific acl not found!!!", "_scc_lib_acl_del"},
+    {"no such acl in scclib.", "scc_acl_cls_get"},
+    {"send alive back.", "_scc_lib_is_alive_proc"},
+    {"send libinfo collect(", "_scc_lib_info_collect_proc"},
+    {")unreg action rejected by sccd!", "_scc_client_unreg"},
+    {")unregistered error!", "scc_svr_unreg"},
+    {") unregister to sccd success!", "scc_svr_unreg"},
+};
+
+std::string function_of(const test::log_line& line) {
+    return line.whole.substr(1, line.whole.find_first_of(" >", 1) - 1);
+}
+
+TEST_F(Log, NamesTheFunctionThatEachLineStandsFor) {
+    const test::debugging on;
+    _scc_lib_acl_del(&absent_acl);
+    live();
+    for (const named_line& row : named_lines) {
+        std::size_t seen = 0;
+        for (const test::log_line& line : test::captured_log()) {
+            if (line.text.find(row.text) != std::string::npos) {
+                EXPECT_EQ(function_of(line), row.function) << line.whole;
+                ++seen;
+            }
+        }
+        EXPECT_GT(seen, 0U) << row.text;
     }
 }
 
