@@ -142,14 +142,17 @@ bool fields_fit(const rule& read) {
     return !read.dscp || *read.dscp <= dscp_max;
 }
 
-// Bits that the rule does not look at are 0 in a rule, whatever another writer left in the record.
+// Bits that the rule ignores are 0 in a rule, whatever another writer left in the record.
 void clear_ignored_bits(ip_prefix& prefix) {
-    for (std::size_t bit = prefix.prefix_bits; bit < prefix.bytes.size() * 8; ++bit)
+    for (std::size_t bit = prefix.prefix_bits; bit < prefix.bytes.size() * 8; ++bit) {
         prefix.bytes[bit / 8] &= static_cast<std::uint8_t>(~(0x80u >> (bit % 8)));
+    }
 }
 
 void clear_ignored_bits(std::optional<mac_match>& mac) {
-    for (std::size_t i = 0; mac && i < mac->bytes.size(); ++i) mac->bytes[i] &= mac->mask[i];
+    for (std::size_t i = 0; mac && i < mac->bytes.size(); ++i) {
+        mac->bytes[i] &= mac->mask[i];
+    }
 }
 
 }  // namespace

@@ -71,8 +71,9 @@ class program {
         if (result != 0) {
             return fail("registration", result);
         }
-        while (wait()) {
-            continue;
+        bool waiting = true;
+        while (waiting) {
+            waiting = wait();
         }
         service_.stop_answers();
         return EXIT_SUCCESS;

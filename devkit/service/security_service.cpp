@@ -21,8 +21,8 @@ constinit security_service* active = nullptr;
 
 // ---- operations with a record ----
 
-template <class service_operation, class Work>
-int answer_record(u32 type, service_operation& operation, Work work) {
+template <class Operation, class Work>
+int answer_record(u32 type, Operation& operation, Work work) {
     const auto result =
         active->carry_out(type, describe(operation), [&](contents& held) { return work(held, operation); });
     if (!result) {
@@ -33,11 +33,11 @@ int answer_record(u32 type, service_operation& operation, Work work) {
     return 0;
 }
 
-template <u32 type, u32 op, class service_operation>
-int on_record(service_operation* operation) {
-    operation->op = op;
-    return answer_record(type, *operation,
-                         [](contents& held, service_operation& record) { return perform(held, record); });
+template <u32 Type, u32 Op, class Operation>
+int on_record(Operation* operation) {
+    operation->op = Op;
+    return answer_record(Type, *operation,
+                         [](contents& held, Operation& record) { return perform(held, record); });
 }
 
 int on_apply(scc_ss_apply_operation* operation) {
