@@ -211,7 +211,7 @@ int _scc_lib_agent_read(struct qx_thread* task) {
         }
         std::free(received.message);
     }
-    if (received.error == result::ok || received.dropped) {
+    if (received.end == message_end::whole || received.end == message_end::dropped) {
         schedule_read(self.epoch);  // does nothing if a handler ended the registration or the connection
         return 0;
     }

@@ -8,14 +8,6 @@
 #include "msg/result_codes.h"
 
 namespace scc {
-namespace {
-
-// Whether a reply was read from the stream, even if it was refused.
-bool is_taken(u32 error) {
-    return error == result::ok || error == result::format || error == result::no_memory;
-}
-
-}  // namespace
 
 exchange::exchange(channel which) : which_(which), state_(state_of(which)), epoch_(epoch_of_this_thread()) {
     pthread_mutex_lock(&state_.lock.handle);
@@ -43,7 +35,7 @@ u32 exchange::receive() {
     has_lock();
     for (;;) {
         const received_message received = state_.reader.receive(which_, epoch_);
-        if (!is_taken(received.error)) {
+        if (received.end == message_end::not_reached) {
             return received.error;
         }
         if (--state_.owed != 0) {

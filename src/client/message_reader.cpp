@@ -88,9 +88,9 @@ received_message message_reader::finish() {
     if (!items_fit({message, length})) {
         SCC_LOG_FROM(function, "msg format error,items exceed msg. len:%zu.", length);
         std::free(message);
-        return {result::format, nullptr, true};
+        return {result::format, nullptr, message_end::dropped};
     }
-    return {result::ok, message, false};
+    return {result::ok, message, message_end::whole};
 }
 
 received_message message_reader::receive(channel which, u32 epoch) {
@@ -110,20 +110,22 @@ received_message message_reader::read_message(channel which, int fd) {
     // The rest of a message that an earlier read had no memory for.
     if (unwanted_) {
         if (const u32 error = read_past_body(fd); error != result::ok) {
-            return {error, nullptr, false};
+            return {error, nullptr, message_end::not_reached};
         }
     }
     if (message_ == nullptr) {
         const u32 error = read_header(fd, static_cast<int>(which));
         if (unwanted_) {
             (void)read_past_body(fd);
+            return {error, nullptr, message_end::refused};
         }
         if (error != result::ok) {
-            return {error, nullptr, false};
+            return {error, nullptr,
+                    error == result::format ? message_end::refused : message_end::not_reached};
         }
     }
     const u32 error = read_body(fd);
-    return error != result::ok ? received_message{error, nullptr, false} : finish();
+    return error == result::ok ? finish() : received_message{error, nullptr, message_end::not_reached};
 }
 
 received_message receive_message(channel which, u32 epoch) {

@@ -15,10 +15,17 @@ extern "C" [[nodiscard]] scc::u32 _scc_lib_msg_recv(void** out, int sync);
 
 namespace scc {
 
+enum class message_end : u8 {
+    not_reached,  // receiving failed; the rest, or the message, is still to come
+    refused,      // 2007 for a header without items, or 12 for want of memory: read past
+    dropped,      // 2007 for items that exceed the message, which was read whole
+    whole,
+};
+
 struct received_message {
     u32 error;      // 0, 2007, 12, 32 or the error of receiving
-    void* message;  // whole, to be freed by the caller; null on error
-    bool dropped;   // 2007 for items that exceed the message: it was read whole, the next one can be read
+    void* message;  // to be freed by the caller; null on error
+    message_end end;
 };
 
 // A channel's reader. Its caller holds the channel's lock.
