@@ -84,8 +84,12 @@ void append(u16 sub_id, u16 type, const value_parts& value) SCC_REQUIRES(batch_l
     write_header(waiting.message, static_cast<u16>(waiting.count), wire::header_bytes + waiting.used);
 }
 
+// On a connection that the checker has shut down nothing waits: an event loop that no longer reads would
+// not notice its end, so the request's own send has to fail.
 bool may_wait() SCC_REQUIRES(batch_lock) {
-    return client_state_now() == state_registered && g_scc_msg_send_q->used < g_scc_msg_send_q->capacity;
+    const batch& waiting = *g_scc_msg_send_q;
+    return client_state_now() == state_registered && waiting.used < waiting.capacity &&
+           !is_shut_down(waiting.epoch);
 }
 
 void log_flush(const char* function, const char* who) SCC_REQUIRES(batch_lock) {

@@ -28,6 +28,7 @@ struct loan {
 constinit std::array<loan, 32> g_loans SCC_GUARDED_BY(g_connection_mutex){};
 // Written under g_connection_mutex, and read without it.
 constinit std::atomic<u32> g_epoch{1};
+constinit std::atomic<u32> g_shut_down_epoch{any_epoch};
 
 std::atomic<i32>& slot_of(channel which) {
     return which == channel::sync ? g_scc_client_cb.sync_fd : g_scc_client_cb.async_fd;
@@ -255,8 +256,13 @@ void report_broken(u32 epoch) {
 void shut_down_connection(u32 epoch) {
     const mutex_guard guard(g_connection_mutex);
     if (g_epoch.load(relaxed) == epoch) {
+        g_shut_down_epoch.store(epoch, relaxed);
         shut_down_both();
     }
+}
+
+bool is_shut_down(u32 epoch) {
+    return g_shut_down_epoch.load(relaxed) == epoch;
 }
 
 void drop_data_of(u32 epoch) {

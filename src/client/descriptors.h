@@ -62,6 +62,7 @@ bool end_connection_of(u32 epoch, u32 next_state) SCC_EXCLUDES(g_connection_mute
 void report_broken(u32 epoch) SCC_EXCLUDES(g_connection_mutex);
 // Shuts down both sockets of the named connection: their readers get end-of-file.
 void shut_down_connection(u32 epoch) SCC_EXCLUDES(g_connection_mutex);
+[[nodiscard]] bool is_shut_down(u32 epoch);
 // Drops the data of the named connection, unless it has ended, which drops its data.
 void drop_data_of(u32 epoch) SCC_EXCLUDES(g_connection_mutex);
 // State 1 during an unregistration whose send failed, unless the named connection has ended.

@@ -513,6 +513,23 @@ TEST_F(Agent, ComesBackWhenTheCheckerFindsTheConnectionDead) {
     expect_working_requests();
 }
 
+// An error that did not end the connection has ended the reading: no task finds the sockets' end.
+TEST_F(Agent, ThatDoesNotReadComesBackWithTheNextRequest) {
+    test::keep_from_loop("scc-read");
+    start();
+    test::keep_from_loop("");
+    const test::debugging on;
+    daemon.close_both();
+    ASSERT_EQ(scc_addr_learning(5, 1, nullptr), 0U);
+    EXPECT_TRUE(test::wait_for_log(identity() + "send  message error,ret:32!"));
+    EXPECT_TRUE(test::added_tasks("scc-reconnect").empty()) << "the checker has used the event library";
+    EXPECT_TRUE(test::eventually([] {
+        return scc_addr_learning(5, 1, nullptr) != 0U || !test::added_tasks("scc-reconnect").empty();
+    }));
+    expect_reconnection();
+    expect_working_requests();
+}
+
 TEST_F(Agent, DropsItsCallsWhenTheCheckerFindsTheConnectionDead) {
     start();
     const test::debugging on;
