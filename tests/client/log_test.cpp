@@ -167,8 +167,6 @@ const named_line named_lines[] = {
     {")connect to sccd success!", "_scc_lib_svr_rereg"},
     {")register to sccd success!", "_scc_lib_svr_rereg"},
     {"scc client start to try re-reg.", "_scc_lib_svr_rereg"},
-    {"connect to sccd failed!!!", "_scc_lib_client_connect"},
-    {"reason:", "_scc_lib_client_connect"},
     {")reg action rejected by sccd!", "_scc_lib_client_reg"},
     {"already registered by pid:4711!", "_scc_lib_client_reg"},
     {"msg is larger than sendbuf.", "_scc_lib_msg_send_bt"},
