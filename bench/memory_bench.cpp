@@ -75,7 +75,7 @@ void look_up_acl(benchmark::State& state) {
     for (auto _ : state) {
         id = id % held + 1;
         const scc_acl_key key{0, 3, id, 0};
-        const write_guard guard(scc_acl_lock);
+        const write_guard guard(acl_lock);
         benchmark::DoNotOptimize(_scc_acl_get(&key));
     }
     _scc_lib_data_free();

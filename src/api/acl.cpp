@@ -100,7 +100,7 @@ class cache_read {
         : key_(key), function_(function) {}
 
     // Takes scc_acl_lock only if the cache may be read.
-    [[nodiscard]] u32 find(cached_acl*& acl) {
+    [[nodiscard]] u32 find(cached_acl*& acl) SCC_ASSERT_HELD(acl_lock) SCC_NO_THREAD_SAFETY_ANALYSIS {
         if (!call_.is_registered(function_)) {
             return result::unavailable;
         }
@@ -108,7 +108,7 @@ class cache_read {
             SCC_LOG_FROM(function_, "client don't support data query.");
             return result::no_data_query;
         }
-        guard_.emplace(scc_acl_lock);
+        guard_.emplace(acl_lock);
         acl = _scc_acl_get(&key_);
         if (acl == nullptr) {
             SCC_LOG_FROM(function_, "no such acl in scclib.");

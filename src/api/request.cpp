@@ -2,17 +2,6 @@
 
 namespace scc {
 
-bool locked_call::is_registered(const char* function, int line) {
-    if (client_state_now() == state_registered) {
-        return true;
-    }
-    if (is_debugging()) {
-        SCC_LOG_RAW("DETAIL", "<%-23s line:%-4d> scclib no registered or scc svr no available.", function,
-                    line);
-    }
-    return false;
-}
-
 bool request::begin() {
     if (!call_.is_registered(row_.function)) {
         return false;
@@ -40,6 +29,7 @@ u32 request::send(const value_parts& payload) {
 }
 
 u32 request::finish(std::span<const u8> saved, const value_parts& payload) {
+    call_.holds_lock();
     const u32 error =
         _scc_lib_save_call_data(call_id_, row_.kind, saved.data(), static_cast<int>(saved.size()));
     return error != result::ok ? error : send(payload);

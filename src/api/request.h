@@ -13,7 +13,7 @@
 #include "client/control_block.h"
 #include "client/diagnostics.h"
 #include "client/kinds.h"
-#include "client/locks.h"
+#include "client/locked_call.h"
 #include "client/log.h"
 #include "client/pending_calls.h"
 #include "client/request_channel.h"
@@ -33,20 +33,6 @@ struct request_row {
     u32 kind;
     u32 statistics;
     const char* function;
-};
-
-// Holds scc_lib_lock for a call, and ties the call to one connection.
-class locked_call {
-  public:
-    locked_call() : guard_(scc_lib_lock) {}
-
-    // Logs when the application is not registered.
-    [[nodiscard]] bool is_registered(const char* function = __builtin_FUNCTION(),
-                                     int line = __builtin_LINE());
-
-  private:
-    write_guard guard_;
-    connection_scope scope_;
 };
 
 // A request whose arguments have been checked.

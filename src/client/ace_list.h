@@ -1,5 +1,5 @@
 // The ACEs of a cached ACL: a list in ascending order of their numbers, and a tree over it that finds a
-// position in logarithmic time. All under scc_acl_lock.
+// position in logarithmic time.
 #pragma once
 
 #include <cstddef>
@@ -45,12 +45,12 @@ static_assert(offsetof(scc_ace_record, ace_id) == 224);
 }
 
 // The first ACE with this number, in list order; null when there is none.
-[[nodiscard]] cached_ace* find_ace(cached_acl& acl, u32 sn);
+[[nodiscard]] cached_ace* find_ace(cached_acl& acl, u32 sn) SCC_REQUIRES(acl_lock);
 // Takes ownership. Inserts after the ACEs with the same number.
-void insert_in_order(cached_acl& acl, cached_ace* ace);
-void free_ace(cached_acl& acl, cached_ace* ace);
-void free_aces(cached_acl& acl);
+void insert_in_order(cached_acl& acl, cached_ace* ace) SCC_REQUIRES(acl_lock);
+void free_ace(cached_acl& acl, cached_ace* ace) SCC_REQUIRES(acl_lock);
+void free_aces(cached_acl& acl) SCC_REQUIRES(acl_lock);
 // Equal numbers in a row stay equal; those from 0x7FFFFFFF are kept.
-void renumber(cached_acl& acl, u32 sn_start, u32 sn_inc);
+void renumber(cached_acl& acl, u32 sn_start, u32 sn_inc) SCC_REQUIRES(acl_lock);
 
 }  // namespace scc

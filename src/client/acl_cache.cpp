@@ -10,6 +10,7 @@
 
 #include "client/kinds.h"
 #include "client/log.h"
+#include "client/tuning.h"
 #include "msg/bytes.h"
 #include "msg/result_codes.h"
 #include "util/key_index.h"
@@ -23,7 +24,6 @@ constinit pthread_rwlock_t scc_acl_lock = PTHREAD_RWLOCK_INITIALIZER;
 namespace scc {
 namespace {
 
-constexpr std::size_t first_index_slots = 256;
 constexpr i32 saved_ace_bytes = sizeof(scc_acl_key) + sizeof(scc_ace_record);
 
 // The key without the class.
@@ -49,15 +49,15 @@ struct acl_cache {
     std::array<list_node, acl_buckets> buckets;
     u64 count;
     bool ready;
-    key_index<acl_identity, cached_acl, mixed, first_index_slots> index;
+    key_index<acl_identity, cached_acl, mixed, tuning::first_acl_slots> index;
 };
 
 }  // namespace
 
 struct client_data {
-    std::atomic<u64> capability;  // relaxed
-    acl_cache cache;              // scc_acl_lock
-    std::atomic<u32> revision;    // written under scc_acl_lock
+    std::atomic<u64> capability;
+    acl_cache cache SCC_GUARDED_BY(acl_lock);
+    std::atomic<u32> revision;  // written under scc_acl_lock
 };
 
 }  // namespace scc
@@ -69,11 +69,11 @@ constinit client_data g_scc_client_data{};
 namespace scc {
 namespace {
 
-acl_cache& cache() {
+acl_cache& cache() SCC_REQUIRES(acl_lock) {
     return g_scc_client_data.cache;
 }
 
-void free_acl(cached_acl* acl) {
+void free_acl(cached_acl* acl) SCC_REQUIRES(acl_lock) {
     free_aces(*acl);
     list_del(&acl->bucket_link);
     cache().index.erase(identity_of(acl->key));
@@ -81,8 +81,8 @@ void free_acl(cached_acl* acl) {
     std::free(acl);
 }
 
-// Logs when there is no such ACL. scc_acl_lock held.
-cached_acl* find_acl(const scc_acl_key& key, const char* function) {
+// Logs when there is no such ACL.
+cached_acl* find_acl(const scc_acl_key& key, const char* function) SCC_REQUIRES(acl_lock) {
     cached_acl* acl = _scc_acl_get(&key);
     if (acl == nullptr) {
         SCC_LOG_FROM(function, "specific acl not found!!!");
@@ -125,7 +125,7 @@ void init_acl_cache() {
 
 void free_acl_cache() {
     {
-        const write_guard guard(scc_acl_lock);
+        const write_guard guard(acl_lock);
         prepare_acl_buckets();
         for (list_node& head : cache().buckets) {
             while (!list_empty(&head)) {
@@ -152,9 +152,9 @@ list_node* acl_bucket(u32 i) {
 
 namespace {
 
-// The changes, with scc_acl_lock held. Each logs in the name of its function with C linkage.
+// The changes. Each logs in the name of its function with C linkage.
 
-void add_acl(const scc_acl_key* key) {
+void add_acl(const scc_acl_key* key) SCC_REQUIRES(acl_lock) {
     constexpr const char* function = "_scc_lib_acl_add";
     if (_scc_acl_get(key) != nullptr) {
         SCC_LOG_FROM(function, "acl already exist!!!");
@@ -173,13 +173,13 @@ void add_acl(const scc_acl_key* key) {
     ++cache().count;
 }
 
-void delete_acl(const scc_acl_key* key) {
+void delete_acl(const scc_acl_key* key) SCC_REQUIRES(acl_lock) {
     if (cached_acl* acl = find_acl(*key, "_scc_lib_acl_del"); acl != nullptr) {
         free_acl(acl);
     }
 }
 
-void add_ace(const scc_acl_key* key, const scc_ace_record* ace) {
+void add_ace(const scc_acl_key* key, const scc_ace_record* ace) SCC_REQUIRES(acl_lock) {
     constexpr const char* function = "_scc_lib_ace_add";
     cached_acl* acl = find_acl(*key, function);
     if (acl == nullptr) {
@@ -194,7 +194,7 @@ void add_ace(const scc_acl_key* key, const scc_ace_record* ace) {
     insert_in_order(*acl, copy);
 }
 
-void delete_ace(const scc_acl_key* key, const scc_ace_record* ace) {
+void delete_ace(const scc_acl_key* key, const scc_ace_record* ace) SCC_REQUIRES(acl_lock) {
     constexpr const char* function = "_scc_lib_ace_del";
     cached_acl* acl = find_acl(*key, function);
     if (acl == nullptr) {
@@ -219,7 +219,7 @@ void delete_ace(const scc_acl_key* key, const scc_ace_record* ace) {
     SCC_LOG_FROM(function, "no such ace!!!");
 }
 
-void resequence(const scc_acl_key* key, u32 sn_start, u32 sn_inc) {
+void resequence(const scc_acl_key* key, u32 sn_start, u32 sn_inc) SCC_REQUIRES(acl_lock) {
     constexpr const char* function = "_scc_lib_acl_reseq";
     if (key == nullptr || static_cast<i32>(sn_start) < 1 || static_cast<i32>(sn_inc) < 1) {
         SCC_LOG_FROM(function, "scclib param invalid. acl_info:%p, sn_start:%d, sn_inc:%d.",
@@ -245,7 +245,7 @@ bool is_cache_change(const pending_call& call) {
     return false;
 }
 
-void update(const pending_call& call) {
+void update(const pending_call& call) SCC_REQUIRES(acl_lock) {
     const u8* data = call.data();
     const auto key = load<scc_acl_key>(data);
     const auto* ace = reinterpret_cast<const scc_ace_record*>(data + sizeof key);
@@ -270,7 +270,7 @@ void change_cache(const char* function, void (*change)(const Records*...), const
         SCC_LOG_FROM(function, "invalid input param!!!");
         return;
     }
-    const write_guard guard(scc_acl_lock);
+    const write_guard guard(acl_lock);
     change(records...);
 }
 
@@ -280,7 +280,7 @@ bool take_into_cache(pending_call* call, u32 revision) {
     if (!is_cache_change(*call)) {
         return false;
     }
-    const write_guard guard(scc_acl_lock);
+    const write_guard guard(acl_lock);
     if (revision != acl_cache_revision()) {
         return false;
     }
@@ -356,13 +356,13 @@ void _scc_lib_ace_del(const scc_acl_key* key, const scc_ace_record* ace) {
 }
 
 void _scc_lib_acl_reseq(const scc_acl_key* key, u32 sn_start, u32 sn_inc) {
-    const write_guard guard(scc_acl_lock);
+    const write_guard guard(acl_lock);
     resequence(key, sn_start, sn_inc);
 }
 
 void _scc_lib_acl_update(const pending_call* call) {
     if (call != nullptr && is_cache_change(*call)) {
-        const write_guard guard(scc_acl_lock);
+        const write_guard guard(acl_lock);
         update(*call);
     }
 }

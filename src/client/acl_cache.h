@@ -10,11 +10,11 @@ namespace scc {
 inline constexpr u32 acl_buckets = 512;
 
 void init_acl_cache();
-// Initialises the buckets at the first call. scc_acl_lock held.
-void prepare_acl_buckets();
+// Initialises the buckets at the first call.
+void prepare_acl_buckets() SCC_REQUIRES(acl_lock);
 void free_acl_cache();
-[[nodiscard]] u64 cached_acl_count();        // scc_acl_lock held
-[[nodiscard]] list_node* acl_bucket(u32 i);  // scc_acl_lock held
+[[nodiscard]] u64 cached_acl_count() SCC_REQUIRES(acl_lock);
+[[nodiscard]] list_node* acl_bucket(u32 i) SCC_REQUIRES(acl_lock);
 
 // Increases each time the cache is emptied.
 [[nodiscard]] u32 acl_cache_revision();
@@ -30,7 +30,7 @@ void set_capability_word(u64 word);
 extern "C" {
 [[nodiscard]] scc::u32 _scc_lib_acl_info_check(const scc_acl_key* key);
 [[nodiscard]] scc::u32 _acl_hash_idx_get(const scc_acl_key* key);
-[[nodiscard]] scc::cached_acl* _scc_acl_get(const scc_acl_key* key);
+[[nodiscard]] scc::cached_acl* _scc_acl_get(const scc_acl_key* key) SCC_REQUIRES(scc::acl_lock);
 void _scc_lib_acl_add(const scc_acl_key* key);
 void _scc_lib_acl_del(const scc_acl_key* key);
 void _scc_lib_ace_add(const scc_acl_key* key, const scc_ace_record* ace);

@@ -27,7 +27,7 @@ void show_acl(u64 number, u32 bucket, const cached_acl& acl) {
              acl.key.acl_id, acl.key.acl_class, acl.ace_count);
 }
 
-void show_everything() {
+void show_everything() SCC_REQUIRES(acl_lock) {
     SCC_SHOW("================== scclib all acl info ===================");
     SCC_SHOW("Total acl num:%lu\n", cached_acl_count());
     SCC_SHOW("%s", acl_columns);
@@ -47,7 +47,7 @@ void show_everything() {
 }
 
 // Deliberately, the second line of dashes is one longer than the first.
-void show_counts() {
+void show_counts() SCC_REQUIRES(acl_lock) {
     SCC_SHOW("================== scclib acl summary info ===================");
     SCC_SHOW("Total acl num:%lu", cached_acl_count());
     SCC_SHOW("hash-id acl-num   ace-num   ");
@@ -69,7 +69,7 @@ void show_counts() {
     SCC_SHOW("==========================end============================");
 }
 
-void show_one(u32 vdev_id, u32 app_type, u32 acl_id) {
+void show_one(u32 vdev_id, u32 app_type, u32 acl_id) SCC_REQUIRES(acl_lock) {
     SCC_SHOW("================= scclib specific acl info ================");
     SCC_SHOW("Total acl num:%lu", cached_acl_count());
     SCC_SHOW("%s", acl_columns);
@@ -97,7 +97,7 @@ extern "C" {
 // Request: u32 mode; then for one ACL u32 vdev id, u32 app type, u32 acl id.
 void _scc_lib_dbg_acl_show(const void* request) {
     const u32 mode = load<u32>(request);
-    const write_guard guard(scc_acl_lock);
+    const write_guard guard(acl_lock);
     prepare_acl_buckets();
     if (mode == show_all) {
         show_everything();

@@ -38,8 +38,6 @@ static_assert(wire::oversized_value_bytes - 1 + wire::item_header_bytes <= wire:
               "the largest batched value fits into an empty batch");
 static_assert(wire::batch_capacity_bytes / wire::item_header_bytes <= UINT16_MAX, "u16 counts the items");
 
-constexpr named_lock batch_lock SCC_ACQUIRED_BEFORE(g_connection_mutex){scc_send_buf_lock};
-
 }  // namespace
 }  // namespace scc
 
@@ -143,7 +141,7 @@ send_outcome append_and_flush(u16 sub_id, u16 type, const value_parts& value, in
 u32 send_oversized(u16 sub_id, u16 type, const value_parts& value, int sync) {
     SCC_LOG_FROM(send_function, "msg is larger than sendbuf. val_size:%d.", static_cast<int>(value.size()));
     const u32 epoch = epoch_of_this_thread();
-    const named_lock_guard guard(batch_lock);
+    const write_guard guard(batch_lock);
     const send_outcome outcome = send_one_item(channel_of(sync), epoch, sub_id, type, value);
     if (outcome.built && outcome.error != result::ok) {
         recover_from_failed_send(outcome, epoch, "_scc_lib_msg_send_rt");
@@ -158,7 +156,7 @@ u32 send_by_batch(u16 sub_id, u16 type, const value_parts& value, int sync) {
     const u32 epoch = epoch_of_this_thread();
     send_outcome outcome;
     {
-        const named_lock_guard guard(batch_lock);
+        const write_guard guard(batch_lock);
         if (!has_block()) {
             SCC_LOG_FROM(send_function, "(app id:%d, pid:%d)alloc memory error!", app_id_now(), pid_now());
             return result::no_memory;
@@ -217,7 +215,7 @@ u32 send_with_retries(u32 epoch) SCC_REQUIRES(batch_lock) {
 
 // Returns the error that ends the connection, which epoch then names, or 0.
 u32 flush(u32& epoch) {
-    const named_lock_guard guard(batch_lock);
+    const write_guard guard(batch_lock);
     if (g_scc_msg_send_q == nullptr || g_scc_msg_send_q->count == 0) {
         return result::ok;
     }
@@ -238,7 +236,7 @@ u32 send_in_batch(u16 sub_id, u16 type, const value_parts& value) {
 }
 
 bool prepare_batch() {
-    const named_lock_guard guard(batch_lock);
+    const write_guard guard(batch_lock);
     g_started = true;
     if (!has_block()) {
         return false;

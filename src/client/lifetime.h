@@ -11,10 +11,6 @@
 
 namespace scc {
 
-// Guards the lifetime of registrations here and the descriptors in descriptors.h. Nothing blocks under it
-// but dropping a connection's data, which takes scc_call_data_lock and scc_acl_lock in turn.
-extern mutex g_connection_mutex;
-
 // What keeps a start alive: a receive thread, or the tasks of an event loop.
 enum class start_kind : u8 { none, thread, agent };
 

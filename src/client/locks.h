@@ -1,15 +1,15 @@
-// The library's read-write locks, each always taken for writing, and the scoped guards.
-// scc_lib_lock is taken first, then one of the others at a time. Two exceptions: an oversized value is sent
-// under scc_send_buf_lock, and a failure drops the pending calls and the cache there; the data of a broken
-// connection is dropped under g_connection_mutex.
+// The library's locks and their scoped guards. The read-write locks are always taken for writing.
+//
+// The order stands on the declarations below and clang checks it: scc_lib_lock first, then scc_send_buf_lock,
+// then g_connection_mutex. scc_call_data_lock, scc_acl_lock and the service's scc_ss_lock come last; no two
+// of these three are held together.
 #pragma once
 
 #include <pthread.h>
 
 #include "util/thread_annotations.h"
 
-// Debuggers and tests know these by name and type. A pthread type is no capability for clang's analysis, so
-// write_guard is not annotated; a named_lock stands for such a lock where the analysis covers it.
+// Debuggers and tests know these by name and type.
 extern "C" {
 extern pthread_rwlock_t scc_lib_lock;        // registration, every API call, synchronous exchanges
 extern pthread_rwlock_t scc_call_data_lock;  // pending calls
@@ -19,32 +19,11 @@ extern pthread_rwlock_t scc_acl_lock;        // the ACL cache
 
 namespace scc {
 
-class write_guard {
-  public:
-    // A handler that runs under scc_lib_lock must not call what takes it (docs/service-authors.md). If one
-    // does, the C library returns EDEADLK; rather than harm the host, the guard goes on under the existing
-    // hold and leaves the unlocking to its owner.
-    explicit write_guard(pthread_rwlock_t& lock)
-        : lock_(pthread_rwlock_wrlock(&lock) == 0 ? &lock : nullptr) {}
-    ~write_guard() { release(); }
-    write_guard(const write_guard&) = delete;
-    write_guard& operator=(const write_guard&) = delete;
-
-    void release() {
-        if (lock_ != nullptr) {
-            pthread_rwlock_unlock(lock_);
-            lock_ = nullptr;
-        }
-    }
-
-  private:
-    pthread_rwlock_t* lock_;
-};
-
 struct SCC_CAPABILITY("mutex") mutex {
     pthread_mutex_t handle = PTHREAD_MUTEX_INITIALIZER;
 };
 
+// A pthread type is no capability for clang's analysis, so these stand for the locks that have names.
 struct SCC_CAPABILITY("mutex") named_mutex {
     pthread_mutex_t& handle;
 };
@@ -53,15 +32,45 @@ struct SCC_CAPABILITY("lock") named_lock {
     pthread_rwlock_t& handle;
 };
 
-class SCC_SCOPED_CAPABILITY named_lock_guard {
+inline constexpr named_lock acl_lock{scc_acl_lock};
+inline constexpr named_lock calls_lock{scc_call_data_lock};
+// Guards the lifetime of registrations (lifetime.h) and the descriptors (descriptors.h). Nothing blocks under
+// it but dropping a connection's data, which takes calls_lock and acl_lock in turn.
+extern mutex g_connection_mutex SCC_ACQUIRED_BEFORE(calls_lock, acl_lock);
+inline constexpr named_lock batch_lock SCC_ACQUIRED_BEFORE(g_connection_mutex){scc_send_buf_lock};
+inline constexpr named_lock lib_lock SCC_ACQUIRED_BEFORE(batch_lock){scc_lib_lock};
+
+[[nodiscard]] inline bool try_lock(const named_lock& lock)
+    SCC_TRY_ACQUIRE(true, lock) SCC_NO_THREAD_SAFETY_ANALYSIS {
+    return pthread_rwlock_trywrlock(&lock.handle) == 0;
+}
+
+inline void unlock(const named_lock& lock) SCC_RELEASE(lock) SCC_NO_THREAD_SAFETY_ANALYSIS {
+    pthread_rwlock_unlock(&lock.handle);
+}
+
+class SCC_SCOPED_CAPABILITY write_guard {
   public:
-    explicit named_lock_guard(const named_lock& lock) SCC_ACQUIRE(lock) : guard_(lock.handle) {}
-    ~named_lock_guard() SCC_RELEASE() { guard_.release(); }
-    named_lock_guard(const named_lock_guard&) = delete;
-    named_lock_guard& operator=(const named_lock_guard&) = delete;
+    // A handler that runs under scc_lib_lock must not call what takes it (docs/service-authors.md). If one
+    // does, the C library returns EDEADLK; rather than harm the host, the guard goes on under the existing
+    // hold and leaves the unlocking to its owner.
+    explicit write_guard(const named_lock& lock) SCC_ACQUIRE(lock)
+        : lock_(pthread_rwlock_wrlock(&lock.handle) == 0 ? &lock.handle : nullptr) {}
+    ~write_guard() SCC_RELEASE() { release_lock(); }
+    write_guard(const write_guard&) = delete;
+    write_guard& operator=(const write_guard&) = delete;
+
+    void release() SCC_RELEASE() { release_lock(); }
 
   private:
-    write_guard guard_;
+    void release_lock() {
+        if (lock_ != nullptr) {
+            pthread_rwlock_unlock(lock_);
+            lock_ = nullptr;
+        }
+    }
+
+    pthread_rwlock_t* lock_;
 };
 
 class SCC_SCOPED_CAPABILITY mutex_guard {

@@ -24,8 +24,6 @@ using namespace scc;
 namespace scc {
 namespace {
 
-constexpr named_lock calls_lock{scc_call_data_lock};
-
 u64 hash_of(const list_node* node) {
     return reinterpret_cast<const pending_call*>(node)->call_id;
 }
@@ -61,7 +59,7 @@ class SCC_SCOPED_CAPABILITY brief_guard {
   public:
     brief_guard() SCC_ACQUIRE(calls_lock) {
         for (int i = 0; i < tuning::lock_spins; ++i) {
-            if (pthread_rwlock_trywrlock(&scc_call_data_lock) == 0) {
+            if (try_lock(calls_lock)) {
                 return;
             }
 #if defined(__x86_64__) || defined(__i386__)
@@ -71,7 +69,7 @@ class SCC_SCOPED_CAPABILITY brief_guard {
         pthread_rwlock_wrlock(&scc_call_data_lock);
     }
     ~brief_guard() SCC_RELEASE() {
-        pthread_rwlock_unlock(&scc_call_data_lock);
+        unlock(calls_lock);
     }
     brief_guard(const brief_guard&) = delete;
     brief_guard& operator=(const brief_guard&) = delete;
@@ -82,7 +80,7 @@ std::size_t data_bytes_of(i32 len) {
 }
 
 // A returned block of this size, or null. A block of another size is freed, so the ring adapts.
-pending_call* take_spare(std::size_t data_bytes) {
+pending_call* take_spare(std::size_t data_bytes) SCC_REQUIRES(lib_lock) {
     pending_call* block = nullptr;
     if (!g_spare.pop(block)) {
         return nullptr;
@@ -245,7 +243,7 @@ void release_pending_calls(std::span<pending_call* const> calls) {
 }
 
 std::size_t pending_calls() {
-    const named_lock_guard guard(calls_lock);
+    const write_guard guard(calls_lock);
     index_incoming();
     std::size_t count = g_scc_lib_call_lst.size();
     for (std::size_t i = 0; i < g_hand.size; ++i) {
@@ -255,7 +253,7 @@ std::size_t pending_calls() {
 }
 
 void free_pending_calls() {
-    const named_lock_guard guard(calls_lock);
+    const write_guard guard(calls_lock);
     for (std::size_t i = 0; i < g_hand.size; ++i) {
         std::free(g_hand.calls[i].exchange(nullptr));
     }
@@ -265,12 +263,12 @@ void free_pending_calls() {
 
 void init_pending_calls() {
     free_pending_calls();
-    const named_lock_guard guard(calls_lock);
+    const write_guard guard(calls_lock);
     g_scc_lib_call_lst.reset();
 }
 
 void grow_pending_index() {
-    const named_lock_guard guard(calls_lock);
+    const write_guard guard(calls_lock);
     index_incoming();
     g_scc_lib_call_lst.grow_if_crowded();
 }
@@ -281,13 +279,13 @@ void free_idle_blocks() {
     const bool paused = taken == taken_before;
     taken_before = taken;
     // A query holds the lock until the daemon answers; a later pass will do.
-    if (!paused || g_spare.empty() || pthread_rwlock_trywrlock(&scc_lib_lock) != 0) {
+    if (!paused || g_spare.empty() || !try_lock(lib_lock)) {
         return;
     }
     for (pending_call* block = nullptr; g_spare.pop(block);) {
         std::free(block);
     }
-    pthread_rwlock_unlock(&scc_lib_lock);
+    unlock(lib_lock);
 }
 
 }  // namespace scc

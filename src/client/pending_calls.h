@@ -66,9 +66,9 @@ void free_idle_blocks();
 }  // namespace scc
 
 extern "C" {
-// The caller of these two holds scc_lib_lock.
-[[nodiscard]] scc::u32 _scc_lib_call_id_get();
-[[nodiscard]] scc::u32 _scc_lib_save_call_data(scc::u32 call_id, scc::u32 kind, const void* data, int len);
+[[nodiscard]] scc::u32 _scc_lib_call_id_get() SCC_REQUIRES(scc::lib_lock);
+[[nodiscard]] scc::u32 _scc_lib_save_call_data(scc::u32 call_id, scc::u32 kind, const void* data, int len)
+    SCC_REQUIRES(scc::lib_lock);
 
 void _scc_lib_del_call_data(scc::u32 call_id);
 }

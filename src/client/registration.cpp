@@ -46,7 +46,7 @@ uint32_t scc_svr_reg(const struct scc_reg_info* info) {
         return result::invalid;
     }
     umask(0);
-    const write_guard guard(scc_lib_lock);
+    const write_guard guard(lib_lock);
     const start_identity identity{info->app_id, info->option, start_kind::thread};
     if (is_already_started(identity, __func__)) {
         return result::ok;
@@ -65,7 +65,7 @@ uint32_t scc_svr_reg(const struct scc_reg_info* info) {
 }
 
 uint32_t scc_svr_unreg(void) {
-    const write_guard guard(scc_lib_lock);
+    const write_guard guard(lib_lock);
     return unregister_client(__func__);
 }
 }

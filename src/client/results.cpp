@@ -11,6 +11,7 @@
 #include "client/lifetime.h"
 #include "client/log.h"
 #include "client/pending_calls.h"
+#include "client/tuning.h"
 #include "util/prefetch.h"
 
 using namespace scc;
@@ -43,63 +44,63 @@ using handlers = scc_handlers;
 
 // clang-format off
 constexpr std::array result_table = std::to_array<result_row>({
-    { 1, deliver<&handlers::d1x_authen_method, whole_record>},
-    { 2, deliver<&handlers::d1x_author_mode, whole_record>},
-    { 3, deliver<&handlers::d1x_port_addr_num, whole_record>},
-    { 4, deliver<&handlers::d1x_port_open, whole_record>},
-    { 5, deliver<&handlers::d1x_pt_ctrl, whole_record>},
-    { 6, deliver<&handlers::d1x_cos, whole_record>},
-    { 7, deliver<&handlers::d1x_dscp, whole_record>},
-    { 8, deliver<&handlers::d1x_redirect, u8_at<0>>},
-    { 9, deliver<&handlers::d1x_mac_move, u8_at<0>>},
-    {10, deliver<&handlers::webauth, whole_record>},
-    {11, deliver<&handlers::http_dport, u16_at<0>, u8_at<2>>},
-    {12, deliver<&handlers::dirchn_host, u32_at<0>, u32_at<4>, u8_at<8>, u32_at<9>, u8_at<13>>},
-    {13, deliver<&handlers::dirchn_server, u32_at<0>, u8_at<4>>},
-    {14, deliver<&handlers::dirchn_site, u32_at<0>, u32_at<4>, u8_at<8>, u8_at<9>>},
-    {15, deliver<&handlers::dirchn_arp, u32_at<0>, u32_at<4>, u8_at<9>>},
-    {16, deliver<&handlers::port_security, whole_record>},
-    {17, deliver<&handlers::reserved_kind_17, whole_record>},
-    {18, deliver<&handlers::global_ip_mac, whole_record>},
-    {19, deliver<&handlers::ip_source_guard, whole_record>},
-    {20, deliver<&handlers::bind_except_port, whole_record>},
-    {21, deliver<&handlers::dhcp_trust_port, whole_record>},
-    {22, deliver<&handlers::arpcheck, whole_record>},
-    {23, deliver<&handlers::addr_learning, u32_at<0>, u8_at<4>>},
-    {24, deliver<&handlers::nac_esc, u32_at<0>, pointer_at<4>, u8_at<20>>},
-    {25, deliver<&handlers::nac_esc_eport, whole_record>},
-    {26, deliver<&handlers::nac_app, whole_record>},
-    {27, deliver<&handlers::nac_user, whole_record>},
-    {28, deliver<&handlers::ndsnp_default_bind, u32_at<0>, u32_at<4>, u8_at<8>>},
-    {29, deliver<&handlers::reserved_kind_29, whole_record>},
-    {30, deliver<&handlers::nac_neighbour, whole_record, u8_at<912>>},
-    {31, deliver<&handlers::acl_create, whole_record>, stat_acl_create},
-    {32, deliver<&handlers::acl_delete, whole_record>, stat_acl_delete},
-    {33, deliver<&handlers::acl_add_ace, whole_record, pointer_at<16>>, stat_ace_add},
-    {34, deliver<&handlers::acl_delete_ace, whole_record, pointer_at<16>>, stat_ace_delete},
-    {35, deliver<&handlers::acl_apply, whole_record>, stat_acl_apply},
-    {36, deliver<&handlers::acl_unapply, whole_record>, stat_acl_unapply},
-    {37, deliver<&handlers::user_acl_apply, whole_record>},
-    {38, deliver<&handlers::user_acl_unapply, whole_record>},
-    {39, deliver<&handlers::user_acl_delete_vmsup, whole_record>},
-    {40, deliver<&handlers::acl_resequence, whole_record, u32_at<16>, u32_at<20>>},
-    {41, deliver<&handlers::filter_counter_reset, whole_record>},
-    {42, deliver<&handlers::acl_counter_reset, whole_record>},
-    {43, deliver<&handlers::ace_counter_reset, whole_record, u64_at<16>>},
-    {44, deliver<&handlers::global_eport, u32_at<0>, u8_at<4>>},
-    {45, deliver<&handlers::svi_router_acl, u8_at<0>>},
-    {46, nullptr}, {47, nullptr}, {48, nullptr}, {49, nullptr},
-    {50, deliver<&handlers::efacl_ctrl, whole_record, length_of_data>},
-    {51, deliver<&handlers::dhcp_snooping, whole_record>},
-    {52, deliver<&handlers::dhcp_snooping_second, whole_record>},
-    {53, deliver<&handlers::nd_snooping, whole_record>},
-    {54, deliver<&handlers::cpp, u32_at<0>, u8_at<4>>},
-    {55, deliver<&handlers::arpcheck_trust, whole_record>},
-    {56, deliver<&handlers::arp_entry, whole_record>},
-    {57, deliver<&handlers::offline_detect_cfg, u8_at<4>, u32_at<8>, u32_at<12>>},
-    {58, deliver<&handlers::direct_vlan, u8_at<4>, pointer_at<8>>},
-    {59, deliver<&handlers::arp_dyn_entry, whole_record>},
-    {60, deliver<&handlers::port_violate, whole_record>},
+    {kind::d1x_authen_method, deliver<&handlers::d1x_authen_method, whole_record>},
+    {kind::d1x_author_mode, deliver<&handlers::d1x_author_mode, whole_record>},
+    {kind::d1x_port_addr_num, deliver<&handlers::d1x_port_addr_num, whole_record>},
+    {kind::d1x_port_open, deliver<&handlers::d1x_port_open, whole_record>},
+    {kind::d1x_pt_ctrl, deliver<&handlers::d1x_pt_ctrl, whole_record>},
+    {kind::d1x_cos, deliver<&handlers::d1x_cos, whole_record>},
+    {kind::d1x_dscp, deliver<&handlers::d1x_dscp, whole_record>},
+    {kind::d1x_redirect, deliver<&handlers::d1x_redirect, u8_at<0>>},
+    {kind::d1x_mac_move, deliver<&handlers::d1x_mac_move, u8_at<0>>},
+    {kind::webauth, deliver<&handlers::webauth, whole_record>},
+    {kind::http_dport, deliver<&handlers::http_dport, u16_at<0>, u8_at<2>>},
+    {kind::dirchn_host, deliver<&handlers::dirchn_host, u32_at<0>, u32_at<4>, u8_at<8>, u32_at<9>, u8_at<13>>},
+    {kind::dirchn_server, deliver<&handlers::dirchn_server, u32_at<0>, u8_at<4>>},
+    {kind::dirchn_site, deliver<&handlers::dirchn_site, u32_at<0>, u32_at<4>, u8_at<8>, u8_at<9>>},
+    {kind::dirchn_arp, deliver<&handlers::dirchn_arp, u32_at<0>, u32_at<4>, u8_at<9>>},
+    {kind::port_security, deliver<&handlers::port_security, whole_record>},
+    {kind::reserved_kind_17, deliver<&handlers::reserved_kind_17, whole_record>},
+    {kind::global_ip_mac, deliver<&handlers::global_ip_mac, whole_record>},
+    {kind::ip_source_guard, deliver<&handlers::ip_source_guard, whole_record>},
+    {kind::bind_except_port, deliver<&handlers::bind_except_port, whole_record>},
+    {kind::dhcp_trust_port, deliver<&handlers::dhcp_trust_port, whole_record>},
+    {kind::arpcheck, deliver<&handlers::arpcheck, whole_record>},
+    {kind::addr_learning, deliver<&handlers::addr_learning, u32_at<0>, u8_at<4>>},
+    {kind::nac_esc, deliver<&handlers::nac_esc, u32_at<0>, pointer_at<4>, u8_at<20>>},
+    {kind::nac_esc_eport, deliver<&handlers::nac_esc_eport, whole_record>},
+    {kind::nac_app, deliver<&handlers::nac_app, whole_record>},
+    {kind::nac_user, deliver<&handlers::nac_user, whole_record>},
+    {kind::ndsnp_default_bind, deliver<&handlers::ndsnp_default_bind, u32_at<0>, u32_at<4>, u8_at<8>>},
+    {kind::reserved_kind_29, deliver<&handlers::reserved_kind_29, whole_record>},
+    {kind::nac_neighbour, deliver<&handlers::nac_neighbour, whole_record, u8_at<912>>},
+    {kind::acl_create, deliver<&handlers::acl_create, whole_record>, stat_acl_create},
+    {kind::acl_delete, deliver<&handlers::acl_delete, whole_record>, stat_acl_delete},
+    {kind::acl_add_ace, deliver<&handlers::acl_add_ace, whole_record, pointer_at<16>>, stat_ace_add},
+    {kind::acl_delete_ace, deliver<&handlers::acl_delete_ace, whole_record, pointer_at<16>>, stat_ace_delete},
+    {kind::acl_apply, deliver<&handlers::acl_apply, whole_record>, stat_acl_apply},
+    {kind::acl_unapply, deliver<&handlers::acl_unapply, whole_record>, stat_acl_unapply},
+    {kind::user_acl_apply, deliver<&handlers::user_acl_apply, whole_record>},
+    {kind::user_acl_unapply, deliver<&handlers::user_acl_unapply, whole_record>},
+    {kind::user_acl_delete_vmsup, deliver<&handlers::user_acl_delete_vmsup, whole_record>},
+    {kind::acl_resequence, deliver<&handlers::acl_resequence, whole_record, u32_at<16>, u32_at<20>>},
+    {kind::filter_counter_reset, deliver<&handlers::filter_counter_reset, whole_record>},
+    {kind::acl_counter_reset, deliver<&handlers::acl_counter_reset, whole_record>},
+    {kind::ace_counter_reset, deliver<&handlers::ace_counter_reset, whole_record, u64_at<16>>},
+    {kind::global_eport, deliver<&handlers::global_eport, u32_at<0>, u8_at<4>>},
+    {kind::svi_router_acl, deliver<&handlers::svi_router_acl, u8_at<0>>},
+    {kind::unused_46, nullptr}, {kind::unused_47, nullptr}, {kind::unused_48, nullptr}, {kind::unused_49, nullptr},
+    {kind::efacl_ctrl, deliver<&handlers::efacl_ctrl, whole_record, length_of_data>},
+    {kind::dhcp_snooping, deliver<&handlers::dhcp_snooping, whole_record>},
+    {kind::dhcp_snooping_second, deliver<&handlers::dhcp_snooping_second, whole_record>},
+    {kind::nd_snooping, deliver<&handlers::nd_snooping, whole_record>},
+    {kind::cpp, deliver<&handlers::cpp, u32_at<0>, u8_at<4>>},
+    {kind::arpcheck_trust, deliver<&handlers::arpcheck_trust, whole_record>},
+    {kind::arp_entry, deliver<&handlers::arp_entry, whole_record>},
+    {kind::offline_detect_cfg, deliver<&handlers::offline_detect_cfg, u8_at<4>, u32_at<8>, u32_at<12>>},
+    {kind::direct_vlan, deliver<&handlers::direct_vlan, u8_at<4>, pointer_at<8>>},
+    {kind::arp_dyn_entry, deliver<&handlers::arp_dyn_entry, whole_record>},
+    {kind::port_violate, deliver<&handlers::port_violate, whole_record>},
 });
 // clang-format on
 
@@ -161,9 +162,8 @@ void complete(pending_call*& call, u32 result) {
 
 // The saved data was written by another thread: fetch it while earlier calls are delivered.
 void prefetch_for_cache(const pending_call* call) {
-    constexpr std::size_t key_and_numbers = 320;
     if (call != nullptr && is_caching()) {
-        prefetch_for_writing(call->data(), key_and_numbers);
+        prefetch_for_writing(call->data(), tuning::cached_prefetch_bytes);
     }
 }
 
@@ -187,7 +187,7 @@ void result_run::deliver() {
     std::array<pending_call*, longest> done{};
     calls_in_hand calls({call_ids_.data(), count_});
     for (std::size_t i = 0; i < count_; ++i) {
-        prefetch_for_cache(calls.peek(i + 2));
+        prefetch_for_cache(calls.peek(i + tuning::cached_calls_ahead));
         // Call ids restart with each registration: those of an ended one could match other calls.
         done[i] = is_current(generation_) ? calls.take(i) : nullptr;
         if (done[i] == nullptr) {

@@ -22,6 +22,12 @@ inline constexpr std::size_t saved_calls_ahead = 8;
 // A request does more with its block, so the next block is enough, and of a long one its beginning.
 inline constexpr std::size_t spare_blocks_ahead = 1;
 inline constexpr std::size_t spare_prefetch_max_bytes = 1024;
+// A cached ACE is linked by its number, which lies in the first 320 bytes of the saved call: they are fetched
+// while the handlers of two earlier results run.
+inline constexpr std::size_t cached_prefetch_bytes = 320;
+inline constexpr std::size_t cached_calls_ahead = 2;
+// The index of cached ACLs before it grows: in the binary, as that of pending calls.
+inline constexpr std::size_t first_acl_slots = 256;
 // One read of the asynchronous socket: several hundred results, the messages of a busy daemon.
 inline constexpr std::size_t receive_buffer_bytes = 16384;
 // Spare blocks are freed when none was used for 20 flush intervals, which is a pause, not a gap in a burst.

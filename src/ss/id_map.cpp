@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 
-#include "client/locks.h"
 #include "client/log.h"
 #include "ss/service.h"
 
@@ -20,12 +19,12 @@ i32 difference(u32 id, const scc_ss_id_node* node) {
     return static_cast<i32>(id - node->id);
 }
 
-void remove_node(scc_ss_id_node* node) {
+void remove_node(scc_ss_id_node* node) SCC_REQUIRES(id_map_lock) {
     scc_rb_erase(&node->link, &g_ss_id_map_root);
     std::free(node);
 }
 
-scc_ss_id_node* make_node(u32 id) {
+scc_ss_id_node* make_node(u32 id) SCC_REQUIRES(id_map_lock) {
     auto* node = static_cast<scc_ss_id_node*>(std::malloc(sizeof(scc_ss_id_node)));
     if (node == nullptr) {
         return nullptr;
@@ -46,7 +45,7 @@ scc_ss_type_node* first_type(const scc_ss_id_node* node) {
 }  // namespace
 
 void empty_id_map() {
-    const write_guard guard(scc_ss_lock);
+    const write_guard guard(id_map_lock);
     while (rb_node* first = scc_rb_first(&g_ss_id_map_root)) {
         scc_ss_id_node* node = id_node(first);
         while (!list_empty(&node->types)) {
@@ -94,7 +93,7 @@ bool _scc_ss_add_idtype(scc_ss_id_node* node) {
 }
 
 void _scc_ss_save_idtype(u32 id, u16 scc_type) {
-    const write_guard guard(scc_ss_lock);
+    const write_guard guard(id_map_lock);
     scc_ss_id_node* node = _scc_ss_find_idtype(id);
     if (node == nullptr) {
         node = make_node(id);
@@ -117,7 +116,7 @@ void _scc_ss_save_idtype(u32 id, u16 scc_type) {
 }
 
 u16 _scc_ss_get_type(u32 id) {
-    const write_guard guard(scc_ss_lock);
+    const write_guard guard(id_map_lock);
     scc_ss_id_node* node = _scc_ss_find_idtype(id);
     if (node == nullptr) {
         SCC_LOG("no idtype_node.");
@@ -150,7 +149,7 @@ void _scc_ss_retlist_dump() {
     }
     SCC_LOG("dump ss list.");
     {
-        const write_guard guard(scc_ss_lock);
+        const write_guard guard(id_map_lock);
         for (rb_node* node = scc_rb_first(&g_ss_id_map_root); node != nullptr; node = scc_rb_next(node)) {
             SCC_LOG("[id:%d] ", id_node(node)->id);
         }

@@ -3,8 +3,7 @@
 // scc_lib_lock where both are held. It survives a reconnection; the service's registration empties it.
 #pragma once
 
-#include <pthread.h>
-
+#include "client/locks.h"
 #include "msg/protocol.h"
 #include "util/list.h"
 #include "util/rbtree.h"
@@ -29,12 +28,19 @@ void empty_id_map();
 
 extern "C" {
 extern pthread_rwlock_t scc_ss_lock;
-extern scc::rb_root g_ss_id_map_root;
+}
+
+namespace scc {
+inline constexpr named_lock id_map_lock{scc_ss_lock};
+}
+
+extern "C" {
+extern scc::rb_root g_ss_id_map_root SCC_GUARDED_BY(scc::id_map_lock);
 
 void _scc_ss_save_idtype(scc::u32 id, scc::u16 scc_type);
 [[nodiscard]] scc::u16 _scc_ss_get_type(scc::u32 id);
-[[nodiscard]] scc::scc_ss_id_node* _scc_ss_find_idtype(scc::u32 id);
+[[nodiscard]] scc::scc_ss_id_node* _scc_ss_find_idtype(scc::u32 id) SCC_REQUIRES(scc::id_map_lock);
 // False when the map already has the id.
-[[nodiscard]] bool _scc_ss_add_idtype(scc::scc_ss_id_node* node);
+[[nodiscard]] bool _scc_ss_add_idtype(scc::scc_ss_id_node* node) SCC_REQUIRES(scc::id_map_lock);
 void _scc_ss_retlist_dump();
 }

@@ -74,7 +74,7 @@ i32 call_recovery(const char* function, const char* name, Arguments... arguments
 
 // False, without a log line, for an application type that does not exist.
 bool save_application(const char* function, u16 scc_type, const void* value) {
-    const write_guard guard(scc_lib_lock);
+    const write_guard guard(lib_lock);
     const u32 type = load<u32>(value, 12);
     if (type >= limits::nacm_types) {
         return false;
@@ -88,7 +88,7 @@ bool save_application(const char* function, u16 scc_type, const void* value) {
 constexpr std::size_t user_offset = 8;  // in messages 151 and 152
 
 u32 reply(u32 pair, u32 result_code, u32 call_id, u32 type_word) {
-    const write_guard guard(scc_lib_lock);
+    const write_guard guard(lib_lock);
     count_result(pair);
     return _scc_nacm_callback_send(result_code, call_id, type_word);
 }
@@ -122,7 +122,7 @@ i32 _scc_nacm_def_read(u16 scc_type, const void* value) {
     const u32 ifx = load<u32>(value, 4);
     const u32 type = load<u32>(value, 8);
     {
-        const write_guard guard(scc_lib_lock);
+        const write_guard guard(lib_lock);
         _scc_ss_save_idtype(load<u32>(value), scc_type);
         SCC_LOG("call _scc_nacm_def_read ifx:%d, type:%d", ifx, type);
     }
@@ -133,7 +133,7 @@ i32 _scc_nacm_def_read(u16 scc_type, const void* value) {
 i32 _scc_nacm_l4port_op(u16 scc_type, const void* value) {
     const u32 add = load<u32>(value, 16);
     {
-        const write_guard guard(scc_lib_lock);
+        const write_guard guard(lib_lock);
         _scc_ss_save_idtype(load<u32>(value), scc_type);
         SCC_LOG("call _scc_nacm_l4port_op op:%s, port:%lu", add != 0 ? "add" : "del", load<u64>(value, 8));
     }
@@ -146,7 +146,7 @@ i32 _scc_nacm_user_op(u16 scc_type, const void* value) {
     const u8 add = load<u8>(value, 4);
     const auto user = load<scc_ss_user>(value, user_offset);
     {
-        const write_guard guard(scc_lib_lock);
+        const write_guard guard(lib_lock);
         _scc_ss_save_idtype(load<u32>(value), scc_type);
         SCC_LOG("call _scc_nacm_user_op op:%s, user(ifx:%d,ip:%s,mac:%s)", add != 0 ? "add" : "del", user.ifx,
                 ipv4_text(user.ip).text, mac_text(user.mac).text);
@@ -160,7 +160,7 @@ i32 _scc_nacm_user_reinstall_op(u16 scc_type, const void* value) {
     const u32 ifx = load<u32>(value, 4);
     const u32 start = load<u32>(value, 8);
     {
-        const write_guard guard(scc_lib_lock);
+        const write_guard guard(lib_lock);
         _scc_ss_save_idtype(load<u32>(value), scc_type);
         SCC_LOG("call _scc_nacm_user_reinstall_op op:%s ifx:%d", start != 0 ? "start" : "end", ifx);
     }
@@ -171,7 +171,7 @@ i32 _scc_nacm_user_reinstall_op(u16 scc_type, const void* value) {
 // Reply, 104 bytes: u32 call id, the user at 8 when the result is 0, u32 result at 96. The call id is new:
 // that of the message is not used, and nothing is saved in the map.
 i32 _scc_nacm_user_read(u16 /*scc_type*/, const void* value) {
-    const write_guard guard(scc_lib_lock);
+    const write_guard guard(lib_lock);
     const u32 id = _scc_lib_call_id_get();
     auto user = load<scc_ss_user>(value, user_offset);
     SCC_LOG("call _scc_nacm_user_read user(ifx:%d,ip:%s,mac:%s)", user.ifx, ipv4_text(user.ip).text,
@@ -202,7 +202,7 @@ i32 _scc_nacm_app_user_recover(u16 /*scc_type*/, const void* value) {
     const u32 ifx = load<u32>(value, 8);
     const u32 count = load<u32>(value, 12);
     {
-        const write_guard guard(scc_lib_lock);
+        const write_guard guard(lib_lock);
         SCC_LOG("call ssc_nacm_app_user_recover_handler ifx:%d, app:%x, usernum:%d", ifx, app, count);
     }
     return call_recovery<&handlers::app_user_recover>(
@@ -213,7 +213,7 @@ i32 _scc_nacm_app_user_recover(u16 /*scc_type*/, const void* value) {
 i32 _scc_nacm_l4port_recover(u16 /*scc_type*/, const void* value) {
     const u32 count = load<u32>(value);
     {
-        const write_guard guard(scc_lib_lock);
+        const write_guard guard(lib_lock);
         SCC_LOG("call ssc_nacm_l4port_recover_handler l4port:%d", count);
     }
     return call_recovery<&handlers::l4port_recover>(

@@ -11,7 +11,7 @@
 #include "client/acl_cache.h"
 #include "client/control_block.h"
 #include "client/diagnostics.h"
-#include "client/locks.h"
+#include "client/locked_call.h"
 #include "client/log.h"
 #include "client/pending_calls.h"
 #include "client/request_channel.h"
@@ -33,15 +33,14 @@ namespace {
 // One report's message. Holds scc_lib_lock while it lives.
 class report {
   public:
-    report() : guard_(scc_lib_lock) {}
+    report() = default;
     report(const report&) = delete;
     report& operator=(const report&) = delete;
     ~report() { _scc_msg_free(&message_); }
 
     // Allocates a zeroed message that begins with a new call id. Returns 0, 2004 or 12.
     [[nodiscard]] u32 begin(u64 bytes) {
-        if (client_state_now() != state_registered) {
-            SCC_LOG("scclib no registered or scc svr no available.");
+        if (!call_.is_registered()) {
             return result::unavailable;
         }
         constexpr u64 longest = 0x7FFFFFFF - wire::header_bytes - wire::item_header_bytes;
@@ -68,8 +67,7 @@ class report {
     }
 
   private:
-    write_guard guard_;
-    connection_scope scope_;
+    locked_call call_;
     void* message_ = nullptr;
     int bytes_ = 0;
 };
@@ -145,10 +143,8 @@ uint32_t scc_flow_notify(const struct scc_flow_user* user, uint64_t first, uint6
     if (user == nullptr) {
         return refuse();
     }
-    const write_guard guard(scc_lib_lock);
-    const connection_scope scope;
-    if (client_state_now() != state_registered) {
-        SCC_LOG("scclib no registered or scc svr no available.");
+    const locked_call call;
+    if (!call.is_registered()) {
         return result::unavailable;
     }
     std::array<u8, 80> message{};

@@ -52,7 +52,7 @@ struct message_kind {
 template <auto Slot, class Record>
 i32 perform(const char* function, const message_kind<Record>& kind, const requested_operation& requested,
             u16 scc_type, const void* value) {
-    const write_guard guard(scc_lib_lock);
+    const write_guard guard(lib_lock);
     const auto* bytes = static_cast<const u8*>(value);
     kind.log(function, bytes, requested.verb);
     const u32 id = load<u32>(bytes);
@@ -248,7 +248,7 @@ i32 _scc_ss_cpp_op(u16 scc_type, const void* value) {
 
 // Always answered at once; nothing is saved in the id/type map.
 i32 _scc_ss_data_recover_op(u16 /*scc_type*/, const void* value) {
-    const write_guard guard(scc_lib_lock);
+    const write_guard guard(lib_lock);
     const u8 start = load<u8>(value, 8);
     SCC_LOG("call _scc_ss_data_recover_op (appid:%d, oper:%s)", load<u32>(value, 4),
             start == 1 ? "start" : "end");
@@ -270,7 +270,7 @@ i32 _scc_offline_detect_cfg_op(u16 scc_type, const void* value) {
     const u32 interval = load<u32>(value, 8);
     const u32 threshold = load<u32>(value, 12);
     {
-        const write_guard guard(scc_lib_lock);
+        const write_guard guard(lib_lock);
         SCC_LOG("call _scc_offline_detect_cfg_op (%s,inter:%u, th:%u)", open != 0 ? "open" : "close",
                 interval, threshold);
         _scc_ss_save_idtype(id, scc_type);

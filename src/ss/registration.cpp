@@ -8,7 +8,7 @@
 #include "client/client_data.h"
 #include "client/connection.h"
 #include "client/control_block.h"
-#include "client/locks.h"
+#include "client/locked_call.h"
 #include "client/log.h"
 #include "client/message_queue.h"
 #include "client/pending_calls.h"
@@ -106,7 +106,7 @@ uint32_t scc_ss_reg(const struct scc_ss_reg_info* info) {
         return result::invalid;
     }
     umask(0);
-    const write_guard guard(scc_lib_lock);
+    const write_guard guard(lib_lock);
     constexpr start_identity identity{limits::service_app_id, 0, start_kind::thread};
     if (is_already_started(identity, __func__)) {
         return result::ok;
@@ -130,10 +130,8 @@ uint32_t scc_ss_reg(const struct scc_ss_reg_info* info) {
 }
 
 uint32_t scc_ss_fetch_func(void) {
-    const write_guard guard(scc_lib_lock);
-    const connection_scope scope;
-    if (client_state_now() != state_registered) {
-        SCC_LOG("scclib no registered or scc svr no available.");
+    const locked_call call;
+    if (!call.is_registered()) {
         return result::unavailable;
     }
     const u32 request[] = {_scc_lib_call_id_get(), g_scc_client_cb.app_id.load(relaxed)};

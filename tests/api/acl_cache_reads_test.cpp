@@ -152,7 +152,7 @@ TEST_F(AclCacheRead, IsNotSupportedWithOptionTwoThoughTheCacheIsFilled) {
     start(2);
     create();
     expect_refused(key, 2013, "client don't support data query.");
-    const scc::write_guard guard(scc_acl_lock);
+    const scc::write_guard guard(scc::acl_lock);
     EXPECT_NE(_scc_acl_get(&key), nullptr);
 }
 
@@ -199,7 +199,7 @@ TEST_F(AclCacheRead, GivesBothLocksBackOnEveryWayOut) {
 
 TEST_F(AclCacheRead, WaitsForTheCacheOnlyWhereItLooksIntoIt) {
     const auto refused_at_once = [](std::uint32_t code) {
-        scc::write_guard held(scc_acl_lock);
+        scc::write_guard held(scc::acl_lock);
         auto reading = std::async(std::launch::async, [] {
             scc_acl_key asked = key;
             return scc_acl_cls_get(&asked);

@@ -40,7 +40,7 @@ class AclCache : public ::testing::Test {
     ~AclCache() override { _scc_lib_data_free(); }
 
     static std::uint64_t held() {
-        const scc::write_guard guard(scc_acl_lock);
+        const scc::write_guard guard(scc::acl_lock);
         return scc::cached_acl_count();
     }
 
@@ -55,7 +55,7 @@ class AclCache : public ::testing::Test {
 
     // What is cached under a key, in list order, read forwards and checked backwards.
     static view look(const scc_acl_key& key) {
-        const scc::write_guard guard(scc_acl_lock);
+        const scc::write_guard guard(scc::acl_lock);
         view seen;
         scc::cached_acl* acl = _scc_acl_get(&key);
         EXPECT_NE(acl, nullptr);
@@ -79,13 +79,13 @@ class AclCache : public ::testing::Test {
     }
 
     static bool is_held(const scc_acl_key& key) {
-        const scc::write_guard guard(scc_acl_lock);
+        const scc::write_guard guard(scc::acl_lock);
         return _scc_acl_get(&key) != nullptr;
     }
 
     // The ACLs of a bucket in chain order, by acl id.
     static numbers chain(std::uint32_t bucket) {
-        const scc::write_guard guard(scc_acl_lock);
+        const scc::write_guard guard(scc::acl_lock);
         numbers ids;
         scc::list_node* head = scc::acl_bucket(bucket);
         for (scc::list_node* node = head->next; node != head; node = node->next) {
@@ -256,7 +256,7 @@ TEST_F(AclCache, TheRecordIsCopiedBehindItsLink) {
     _scc_lib_acl_add(&key);
     const scc_ace_record ace = ace_of(9, 33);
     _scc_lib_ace_add(&key, &ace);
-    const scc::write_guard guard(scc_acl_lock);
+    const scc::write_guard guard(scc::acl_lock);
     scc::cached_ace* kept = scc::find_ace(*_scc_acl_get(&key), 9);
     ASSERT_NE(kept, nullptr);
     EXPECT_EQ(test::slice(test::record_bytes(kept->record), 16, 896),
@@ -378,7 +378,7 @@ TEST_F(Resequence, ALargeStartLeavesTheListUnsortedAndLaterCallsWalkItInOrder) {
     _scc_lib_ace_del(&key, &target);
     EXPECT_EQ(test::log_texts(), texts{"delete specific ace done."});
     EXPECT_EQ(look(key).sns, (numbers{0x7FFFFFFD, 0x7FFFFFFE, 0xFFFFFFFD, 0x7FFFFFFF, 0xFFFFFFFF}));
-    const scc::write_guard guard(scc_acl_lock);
+    const scc::write_guard guard(scc::acl_lock);
     scc::cached_acl* acl = _scc_acl_get(&key);
     EXPECT_EQ(scc::find_ace(*acl, 0x7FFFFFFF)->record.ace_id, 4U);
     EXPECT_EQ(scc::find_ace(*acl, 0x7FFFFFFC), nullptr);

@@ -67,8 +67,8 @@ TEST_F(Locks, OfASenderThatWaitsHoldUpNeitherResultsNorAReconnection) {
     info.handlers.authmode = [](std::uint32_t mode) { results().push(mode); };
     start();
     ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
-    const scc::write_guard request(scc_lib_lock);
-    const scc::write_guard sending(scc_send_buf_lock);
+    const scc::write_guard request(scc::lib_lock);
+    const scc::write_guard sending(scc::batch_lock);
     daemon.send_result(1, 2014);
     EXPECT_EQ(results().wait(), 2014U);
     reconnect();
@@ -169,7 +169,7 @@ TEST_F(Locks, OfTheLibraryIsTakenByQueriesAndByTheUnregistration) {
 
 TEST_F(Locks, OfTheLibraryIsKeptByARequestUntilItsValueIsInTheBatch) {
     start();
-    scc::write_guard sending(scc_send_buf_lock);
+    scc::write_guard sending(scc::batch_lock);
     std::thread aside([] { EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 0U); });
     EXPECT_TRUE(test::eventually([] { return test::is_waited_for(scc_send_buf_lock); }));
     EXPECT_FALSE(is_free(scc_lib_lock));
@@ -184,7 +184,7 @@ TEST_F(Locks, OfTheCallsIsTakenByResultsAndByWhateverDropsCalls) {
     };
     start();
     ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
-    scc::write_guard calls(scc_call_data_lock);
+    scc::write_guard calls(scc::calls_lock);
     daemon.send_result(1, 2014);
     EXPECT_TRUE(test::eventually([] { return test::is_waited_for(scc_call_data_lock); }));
     EXPECT_EQ(results().size(), 0U) << "the call was found without the lock";

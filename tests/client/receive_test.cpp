@@ -663,7 +663,7 @@ TEST_F(Receive, AnAclWhoseHandlerFindsTheConnectionDeadIsNotCached) {
         EXPECT_EQ(scc_warterline_notify(1), 0U);
     };
     info.handlers.station_move = [](std::uint8_t) {
-        const scc::write_guard guard(scc_acl_lock);
+        const scc::write_guard guard(scc::acl_lock);
         results().push(static_cast<std::uint32_t>(scc::cached_acl_count()));
     };
     start();

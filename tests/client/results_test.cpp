@@ -127,7 +127,7 @@ class Results : public ::testing::Test {
     }
 
     static std::size_t held_acls() {
-        const scc::write_guard guard(scc_acl_lock);
+        const scc::write_guard guard(scc::acl_lock);
         return scc::cached_acl_count();
     }
 
@@ -387,7 +387,7 @@ test::event_queue<std::size_t>& counts_seen() {
 // Inside a handler: takes both locks, and makes a call of its own.
 void look_around(std::uint32_t /*result*/, std::uint32_t call_id, const scc_acl_key* /*key*/) {
     {
-        const scc::write_guard guard(scc_acl_lock);
+        const scc::write_guard guard(scc::acl_lock);
         counts_seen().push(scc::cached_acl_count());
     }
     counts_seen().push(scc::pending_calls());

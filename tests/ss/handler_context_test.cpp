@@ -38,7 +38,7 @@ void look_around() {
         found.calls += scc::read_statistics(code).calls;
     }
     {
-        const scc::write_guard guard(scc_ss_lock);
+        const scc::write_guard guard(scc::id_map_lock);
         found.saved = g_ss_id_map_root.node != nullptr;
     }
     findings().push(found);
@@ -114,7 +114,7 @@ class HandlerContext : public test::registered_service {
 
     // Nothing is counted or outstanding, and no handler is running.
     static void start_from_nothing() {
-        const scc::write_guard guard(scc_lib_lock);
+        const scc::write_guard guard(scc::lib_lock);
         scc::empty_id_map();
         _scc_lib_func_stat_reset();
     }
