@@ -1,4 +1,4 @@
-// What a registration by the event loop takes over, leaves behind and returns, and the order of its acts.
+// What a registration by the event loop takes over, leaves and returns, and the order of its acts.
 #include <errno.h>
 #include <unistd.h>
 
@@ -182,7 +182,7 @@ TEST_F(AgentRegistration, InAnyStateButIdleOrWithAConnectionIsTakenForStarted) {
     });
 }
 
-TEST_F(AgentRegistration, LeavesPosition42BehindAndNeverInstallsPosition67) {
+TEST_F(AgentRegistration, KeepsPosition42AndNeverInstallsPosition67) {
     info.handlers.filter_counter_reset = [](std::uint32_t, std::uint32_t, const scc_acl_key*) {};
     info.handlers.water_line = [](std::uint8_t) {};
     start();
@@ -241,7 +241,7 @@ TEST_F(AgentRegistration, CancelsWhatIsPendingWhenAReconnectionFails) {
     close(ends[1]);
 }
 
-TEST_F(AgentRegistration, StartedWhileItWaitsForTheTimerHasNoSecondAttemptBehindIt) {
+TEST_F(AgentRegistration, StartedWhileItWaitsForTheTimerMakesNoSecondAttempt) {
     start();
     in_loop([this] {
         test::set_timer_seconds(1000);

@@ -282,7 +282,7 @@ TEST_F(Agent, DropsAMessageWhoseItemsDoNotFitAndReadsOn) {
     EXPECT_TRUE(test::added_tasks("scc-reconnect").empty());
 }
 
-TEST_F(Agent, StopsReadingAfterAHeaderWithoutBytesBehindIt) {
+TEST_F(Agent, StopsReadingAfterAHeaderAlone) {
     start();
     const test::debugging on;
     daemon.send(side::async, wire().u32(8).u8(1).u16(1).u8(0));

@@ -72,17 +72,17 @@ using numbers = std::vector<std::pair<std::uint32_t, std::uint32_t>>;
 
 class AclCacheRead : public test::recording_client {
   protected:
-    // The result of the last call, and of one behind it: the first has then been taken in. The second is a
+    // The result of the last call, and of one after it: the first has then been taken in. The second is a
     // failure, after whose handler the receive thread looks at no cache and logs nothing.
     void confirm(std::uint32_t code, std::uint32_t id, std::uint32_t result = 0) {
         ASSERT_EQ(code, 0U);
-        std::uint32_t behind = 0;
-        ASSERT_EQ(scc_addr_learning(1, 1, &behind), 0U);
+        std::uint32_t later = 0;
+        ASSERT_EQ(scc_addr_learning(1, 1, &later), 0U);
         daemon.read_items(side::async, 2);
         daemon.send_result(id, result);
-        daemon.send_result(behind, 2010);
+        daemon.send_result(later, 2010);
         ASSERT_EQ(test::results().wait()->call_id, id);
-        ASSERT_EQ(test::results().wait()->call_id, behind);
+        ASSERT_EQ(test::results().wait()->call_id, later);
     }
 
     void create(const scc_acl_key& which = key, std::uint32_t result = 0) {

@@ -21,7 +21,7 @@ struct extreme_row {
     std::uint16_t type;
     std::uint32_t kind;
     std::size_t position;
-    bytes payload;    // behind the call id
+    bytes payload;    // after the call id
     bytes saved;      // when the call id is not part of it
     bytes arguments;  // of the handler
     bool saves_its_payload = false;

@@ -12,7 +12,7 @@ namespace {
 
 // ---- names of binding owners ---------------------------------------------------------------------
 
-// The text for a buffer of that many bytes; nothing behind them may change.
+// The text for a buffer of that many bytes; nothing after them may change.
 std::string owners(int mask, int size) {
     char buffer[160];
     std::memset(buffer, 'z', sizeof buffer);
@@ -50,8 +50,8 @@ struct size_range {
     const char* text;
 };
 
-// A name of n characters behind a text of m is refused when m + n + 1 reaches the size; the slash in front
-// of it stays, where it has room.
+// A name of n characters after a text of m is refused when m + n + 1 reaches the size; the slash before
+// it stays if there is room.
 constexpr size_range all_owners[] = {
     {1, 17, ""},
     {18, 29, "AAA ip-auth-mode/"},
@@ -149,7 +149,7 @@ TEST(NacUserLimits, AreWrittenWhereThereIsAPointer) {
 
 class NacUserCounters : public test::recording_client {
   protected:
-    // A result behind it tells that the capability word was taken in.
+    // A later result tells that the capability word was taken in.
     void tell_capabilities(std::uint64_t word) {
         std::uint32_t id = 0;
         ASSERT_EQ(scc_addr_learning(1, 1, &id), 0U);

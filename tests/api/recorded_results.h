@@ -1,5 +1,5 @@
 // Every result handler of an application, each reporting its place in the handler table and the bytes of
-// its arguments behind result and call id.
+// its arguments after result and call id.
 #pragma once
 
 #include <tuple>

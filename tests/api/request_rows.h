@@ -22,9 +22,9 @@ struct request_row {
     std::uint16_t type = 0;
     std::uint32_t kind = 0;
     std::size_t position = 0;  // of the handler that gets the result
-    bytes payload;             // behind the call id
+    bytes payload;             // after the call id
     bytes saved;               // when the call id is 1
-    bytes arguments;           // of the handler, behind result and call id, when the call id is 1
+    bytes arguments;           // of the handler, after result and call id, when the call id is 1
     int statistics = counted_nowhere;
 };
 

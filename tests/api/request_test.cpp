@@ -113,7 +113,7 @@ TEST_F(Request, TakesTheNextCallIdEachTime) {
     }
 }
 
-TEST_F(Request, TakesCallIdZeroBehindTheHighest) {
+TEST_F(Request, TakesCallIdZeroAfterTheHighest) {
     start();
     g_scc_client_cb.last_call_id.store(0xFFFFFFFE);
     for (const std::uint32_t expected : {0xFFFFFFFFU, 0U, 1U}) {
@@ -126,7 +126,7 @@ TEST_F(Request, TakesCallIdZeroBehindTheHighest) {
     }
 }
 
-TEST_F(Request, GoesOnCountingCallIdsAfterALostConnectionAndStartsAgainAfterAnUnregistration) {
+TEST_F(Request, KeepsCountingCallIdsAfterALossAndRestartsAfterUnregistering) {
     start();
     ASSERT_EQ(scc_svi_router_acl_set(1, nullptr), 0U);
     daemon.read_item(side::async);

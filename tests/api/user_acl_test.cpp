@@ -346,7 +346,7 @@ TEST_F(UserAclQuery, OfABindingLogsWhyItsReplyDidNotCome) {
     EXPECT_TRUE(test::logged("SCC_LMSG_ACL_USER_VMSUP_RET recv msg failed. errno:32."));
 }
 
-TEST_F(UserAclQuery, ClearsAFilterCounterBehindTheArgumentCheckAndBeforeTheStateTest) {
+TEST_F(UserAclQuery, ClearsAFilterCounterAfterTheArgumentCheckAndBeforeTheStateTest) {
     std::uint64_t counter = untouched;
     const scc_acl_key wrong{1, 1, 0, 1};
     EXPECT_EQ(scc_acl_get_filter_counter(&wrong, &counter), 22U);

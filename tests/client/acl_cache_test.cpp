@@ -252,7 +252,7 @@ TEST_F(AclCache, EqualNumbersAndEqualAceIdsAreNotRefused) {
     EXPECT_EQ(look(key).ids, (numbers{7, 7, 7}));
 }
 
-TEST_F(AclCache, TheRecordIsCopiedBehindItsLink) {
+TEST_F(AclCache, TheRecordIsCopiedAfterItsLink) {
     _scc_lib_acl_add(&key);
     const scc_ace_record ace = ace_of(9, 33);
     _scc_lib_ace_add(&key, &ace);
@@ -361,7 +361,7 @@ TEST_F(Resequence, StartAndIncrementBelowOneAreRefused) {
     EXPECT_EQ(refused(&key, 1, 0xFFFFFFFFU), text(&key, 1, -1));
 }
 
-// A large start puts small numbers behind larger ones: the list is then no longer ascending, and whatever
+// A large start puts small numbers after larger ones: the list is then no longer ascending, and whatever
 // follows is done in list order.
 TEST_F(Resequence, ALargeStartLeavesTheListUnsortedAndLaterCallsWalkItInOrder) {
     EXPECT_EQ(renumbered({1, 2, 3, 0x7FFFFFFF}, 0x7FFFFFFE, 0x7FFFFFFF),
@@ -372,7 +372,7 @@ TEST_F(Resequence, ALargeStartLeavesTheListUnsortedAndLaterCallsWalkItInOrder) {
     add_aces(key, {{0xFFFFFFFF, 10}});
     EXPECT_EQ(look(key).sns,
               (numbers{0x7FFFFFFD, 0x7FFFFFFE, 0xFFFFFFFD, 0x7FFFFFFC, 0x7FFFFFFF, 0xFFFFFFFF}));
-    // Deleted though a greater number stands in front of it.
+    // Deleted though a greater number comes before it.
     const scc_ace_record target = ace_of(0x7FFFFFFC, 3);
     const test::debugging on;
     _scc_lib_ace_del(&key, &target);
@@ -397,7 +397,7 @@ TEST_F(Resequence, InALongUnsortedListANewAceStillStandsInFrontOfTheFirstThatIsG
     EXPECT_EQ(look(key).sns, expected);
 }
 
-TEST_F(Resequence, AZeroBehindOtherNumbersIsRenumberedLikeAny) {
+TEST_F(Resequence, AZeroAfterOtherNumbersIsRenumberedLikeAny) {
     // The third number wraps to 0.
     EXPECT_EQ(renumbered({1, 2, 3}, 0x7FFFFFFE, 0x40000001), (numbers{0x7FFFFFFE, 0xBFFFFFFF, 0}));
     _scc_lib_acl_reseq(&key, 10, 10);
@@ -511,7 +511,7 @@ TEST_F(AclCache, TenThousandAcesInRandomOrderStandAsInAMultimapAndLeaveAsFromOne
     for (std::uint32_t id = 0; id < 10000; ++id) {
         const auto sn = static_cast<std::uint32_t>(random() % 4000);
         add_aces(key, {{sn, id}});
-        model.emplace(sn, id);  // behind its equals
+        model.emplace(sn, id);  // after its equals
     }
     const auto expect_equal = [&] {
         numbers sns;

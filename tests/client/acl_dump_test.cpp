@@ -53,7 +53,7 @@ class AclDump : public ::testing::Test {
     static void fill() {
         add_acl({0, 58, 32768, 0}, 12);      // bucket 186
         add_acl({1, 2, 3, 4}, 2);            // bucket 6
-        add_acl({2, 1, 3, 0xFFFFFFFFU}, 0);  // bucket 6, behind it
+        add_acl({2, 1, 3, 0xFFFFFFFFU}, 0);  // bucket 6, after it
         add_acl({0xFF, 0xFF, 3, 1000}, 1);   // bucket 0
     }
 
@@ -154,7 +154,7 @@ TEST_F(AclDump, IsWrittenWhetherTheSwitchIsOnOrOff) {
     EXPECT_EQ(off.size(), 11U);
 }
 
-TEST_F(AclDump, OnlyTheDisplayOfAllAclsHasABlankLineBehindItsTotals) {
+TEST_F(AclDump, OnlyTheDisplayOfAllAclsHasABlankLineAfterItsTotals) {
     const auto with_blank_line = [](const bytes& request) {
         texts found;
         for (const std::string& line : show(request)) {

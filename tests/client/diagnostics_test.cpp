@@ -291,7 +291,7 @@ bytes command(std::uint32_t number, std::uint32_t value) {
     return wire().fill(24, 0xEE).u32(value).fill(4, 0xEE).u32(number);
 }
 
-TEST(DebugCommand, OpeningLogsBehindTheSwitch) {
+TEST(DebugCommand, OpeningLogsAfterTheSwitch) {
     test::clear_log();
     _scc_lib_dbg_proc(command(1, 1).data());
     EXPECT_EQ(scc_lib_debug.load(), 1);

@@ -26,7 +26,7 @@ std::atomic<std::uint32_t> g_made{0};
 std::atomic<std::uint32_t> g_answered{0};
 std::atomic<std::uint8_t> g_answers[requests + 1];
 
-// The first result waits at the gate, and everything behind it.
+// The first result waits at the gate, and everything after it.
 void on_record(std::uint32_t result, std::uint32_t call_id, const scc_config_record*) {
     if (g_answered.load() == 0) {
         g_gate.acquire();

@@ -2,7 +2,7 @@
 // handler's own type, so that a wrong position, width, order or pointer shows as a different text.
 //
 // An argument reads as its width in bits and its value ("32:7", "8:255", "i32:5"), a pointer as the bytes
-// it leads to ("@0102..."): as many as its record has, or 8 behind a pointer to nothing in particular.
+// it leads to ("@0102..."): as many as its record has, or 8 for a pointer to nothing in particular.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -171,7 +171,7 @@ inline void use_handlers(const scc_handlers& handlers) {
     _scc_lib_handler_set(&info);
 }
 
-// The calls so far, in order; none are left behind.
+// The calls so far, in order; none are left.
 inline std::vector<handler_call> taken_calls() {
     std::vector<handler_call> calls;
     while (handler_calls().size() > 0) {

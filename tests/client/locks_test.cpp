@@ -88,7 +88,7 @@ TEST_F(Locks, TheLibrarysIsHeldFromTheBeginningToTheEndOfAnUnregistration) {
     EXPECT_EQ(free_locks(), 4U);
 }
 
-TEST_F(Locks, AreAllFreeBehindARegistrationHoweverItEnded) {
+TEST_F(Locks, AreAllFreeAfterARegistrationHoweverItEnded) {
     EXPECT_EQ(scc_svr_reg(nullptr), 22U);
     EXPECT_EQ(free_locks(), 4U);
     info.app_id = 7;

@@ -191,7 +191,7 @@ TEST(Notifications, NothingIsLoggedWhileDebuggingIsOff) {
     EXPECT_TRUE(test::captured_log().empty());
 }
 
-TEST(Notifications, AddressMovesAndNoFlowAreCountedAsCallsAlwaysAndAsCallbacksBehindTheHandler) {
+TEST(Notifications, AddressMovesAndNoFlowCountCallsAlwaysAndCallbacksWithAHandler) {
     const bytes move = wire().zeros(4).u32(1).zeros(16);
     const bytes offline = wire().zeros(96);
     receive(110, move);

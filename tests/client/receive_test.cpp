@@ -133,7 +133,7 @@ TEST_F(Receive, AMessageMayBeCutAtEveryOffset) {
     }
 }
 
-TEST_F(Receive, APeerThatClosesAtAnyOffsetIsALostConnectionAndNothingOfTheMessageIsDelivered) {
+TEST_F(Receive, APeerThatClosesAtAnyOffsetLosesTheMessageAndTheConnection) {
     start();
     for (const std::size_t cut : {1U, 7U, 8U, 9U, 39U}) {
         SCOPED_TRACE(cut);
@@ -151,7 +151,7 @@ TEST_F(Receive, APeerThatClosesAtAnyOffsetIsALostConnectionAndNothingOfTheMessag
     }
 }
 
-TEST_F(Receive, AHeaderWithoutItemsIsRefusedNothingBehindItIsReadAndTheNextMessageIsDelivered) {
+TEST_F(Receive, AHeaderWithoutItemsIsRefusedAndTheNextMessageIsDelivered) {
     const bytes headers[] = {
         wire().u32(40).u8(1).u16(0).u8(0), wire().u32(8).u8(1).u16(1).u8(0),
         wire().u32(7).u8(1).u16(1).u8(0),  wire().u32(0).u8(1).u16(1).u8(0),
@@ -202,7 +202,7 @@ TEST_F(Receive, AMessageWhoseItemsDoNotFitIsRefusedWholeAndTheNextIsDelivered) {
     EXPECT_EQ(test::statuses().size(), 0U);
 }
 
-TEST_F(Receive, BytesBehindTheLastItemAreIgnored) {
+TEST_F(Receive, BytesAfterTheLastItemAreIgnored) {
     start();
     request(2);
     daemon.send(side::async,

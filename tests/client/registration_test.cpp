@@ -138,7 +138,7 @@ TEST_F(Registration, AConnectedClientIsRegisteredAlreadyWhateverItsState) {
     expect_registered();
 }
 
-TEST_F(Registration, UnregisteringLeavesNothingBehind) {
+TEST_F(Registration, UnregisteringLeavesNothing) {
     info.handlers.addr_learning = [](std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {};
     start(3);
     EXPECT_TRUE(std::filesystem::exists(socket_file(".sccl_sd1_")));

@@ -185,7 +185,7 @@ TEST_F(RequestChannel, OutsideTheRegisteredStateEveryRequestIsSentAtOnceWithWhat
     }
 }
 
-TEST_F(RequestChannel, OutsideTheRegisteredStateARequestThatDidNotFitIsSentUntilTheStateReturns) {
+TEST_F(RequestChannel, OutsideTheRegisteredStateAnOverflowIsSentUntilTheStateReturns) {
     start();
     EXPECT_EQ(batch(900, distinct_bytes(5000)), 0U);
     _scc_client_state_set(3);
@@ -261,7 +261,7 @@ TEST_F(RequestChannel, AFailedBatchIsDroppedAndTheCallIsZeroAllTheSame) {
     EXPECT_EQ(next_message(), message_bytes({item_bytes(902, {5})}));
 }
 
-TEST_F(RequestChannel, AFailedBatchOfAnUnregisteringClientIsToldInOneLineAndOnlySetsTheStateBack) {
+TEST_F(RequestChannel, AFailedBatchWhileUnregisteringLogsOneLineAndResetsTheState) {
     start_with_holding_handler();
     hold();
     ASSERT_EQ(_scc_lib_save_call_data(77, 45, nullptr, 0), 0U);

@@ -219,7 +219,7 @@ TEST_F(Results, AFailureOfAnUnknownKindDoesNotReachTheCache) {
     EXPECT_EQ(test::log_texts(), std::vector<std::string>{"unknown scclib call ret id(47)."});
 }
 
-TEST_F(Results, ASuccessOfEachKindThatChangesNoAclIsUnknownToTheCacheUnderAnyOptionButZero) {
+TEST_F(Results, TheCacheLogsEachSuccessThatChangesNoAclUnlessTheOptionIsZero) {
     for (const result_case& row : all_cases()) {
         if ((row.kind >= 31 && row.kind <= 34) || row.kind == 40) {
             continue;

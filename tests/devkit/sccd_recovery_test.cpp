@@ -209,7 +209,7 @@ TEST(SccdRecovery, WhatWasTakenBackDoesNotReturn) {
               (std::vector<std::uint16_t>{201, 143, 163, 209, 213, 154, 201}));
 }
 
-TEST(SccdRecovery, RequestsDuringARecoveryComeBehindIt) {
+TEST(SccdRecovery, RequestsDuringARecoveryComeAfterIt) {
     daemon_process daemon;
     test_client application(daemon, 3, 77);
     fill(application);

@@ -89,7 +89,7 @@ inline scc_acl_key key_of(u32 acl_id) {
 
 enum class direction : u8 { in = 0, out = 1 };
 
-// Interface and direction stand in the first bytes behind the key.
+// Interface and direction stand in the first bytes following the key.
 inline scc_acl_apply_record application_of(u32 acl_id, u8 ifx, direction way = direction::in) {
     scc_acl_apply_record record{};
     record.key = key_of(acl_id);

@@ -68,7 +68,7 @@ TEST(ServicePacket, AnIpv6PacketTellsItsAddressesAndPorts) {
     EXPECT_EQ(found.destination_port, 80);
 }
 
-TEST(ServicePacket, TheProtocolOfIpv6StandsBehindItsExtensionHeaders) {
+TEST(ServicePacket, TheProtocolOfIpv6StandsAfterItsExtensionHeaders) {
     const frame_bytes hop_by_hop = {60, 0, 1, 4, 0, 0, 0, 0};
     const frame_bytes destination_options = {17, 1, 1, 12, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
     const packet found =

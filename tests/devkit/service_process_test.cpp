@@ -98,7 +98,7 @@ wire_value ace_with_rule(std::uint32_t call, std::uint32_t acl, const char* text
         .u32(936, 1);
 }
 
-TEST(service_process, RegistersIsLostAndRegistersAgain) {
+TEST(ServiceProcess, RegistersIsLostAndRegistersAgain) {
     daemon_process daemon;
     service_process service;
     EXPECT_EQ(service.line(), "scc-ss-dev: registered");
@@ -109,7 +109,7 @@ TEST(service_process, RegistersIsLostAndRegistersAgain) {
     EXPECT_EQ(service.line(), "scc-ss-dev: registered");
 }
 
-TEST(service_process, EndsCleanlyOnTheTerminationSignal) {
+TEST(ServiceProcess, EndsCleanlyOnTheTerminationSignal) {
     daemon_process daemon;
     service_process service({"--delay", "1000"});
     service.wait_until_registered();
@@ -117,7 +117,7 @@ TEST(service_process, EndsCleanlyOnTheTerminationSignal) {
     EXPECT_EQ(service.wait_for_end(), 0);
 }
 
-TEST(service_process, RefusesACommandLineThatIsWrong) {
+TEST(ServiceProcess, RefusesACommandLineThatIsWrong) {
     const char* const not_a_capture = "--pcap=" SERVICE_PATH;
     for (const char* wrong : {"--refuse=131", "--refuse=a:b", "--vlan-ifx=4095:1", "--pcap-on=never",
                               "--pcap-on=applied", "--silent=65536", not_a_capture}) {
@@ -127,7 +127,7 @@ TEST(service_process, RefusesACommandLineThatIsWrong) {
     }
 }
 
-TEST(service_process, CarriesOutWhatAnApplicationAsksFor) {
+TEST(ServiceProcess, CarriesOutWhatAnApplicationAsksFor) {
     daemon_process daemon;
     service_process service;
     service.wait_until_registered();
@@ -148,7 +148,7 @@ TEST(service_process, CarriesOutWhatAnApplicationAsksFor) {
     EXPECT_EQ(lines, held);
 }
 
-TEST(service_process, AnswersLaterAndRefusesAsItIsTold) {
+TEST(ServiceProcess, AnswersLaterAndRefusesAsItIsTold) {
     daemon_process daemon;
     service_process service({"--delay", "20", "--refuse", "132:28"});
     service.wait_until_registered();
@@ -164,7 +164,7 @@ constexpr std::pair<u16, std::size_t> operations[] = {
     {149, 12},  {150, 20},  {151, 96},  {152, 96}, {153, 12},  {154, 16}, {155, 4},  {158, 24}, {163, 12},
     {201, 9},   {205, 4},   {206, 36},  {209, 16}, {213, 520}, {214, 8},  {312, 36}, {313, 36}, {318, 0}};
 
-TEST(service_process, SurvivesAnyContentOfEveryOperation) {
+TEST(ServiceProcess, SurvivesAnyContentOfEveryOperation) {
     daemon_process daemon;
     service_process service({"--verbose"});
     service.wait_until_registered();
@@ -198,7 +198,7 @@ TEST(service_process, SurvivesAnyContentOfEveryOperation) {
     EXPECT_EQ(service.wait_for_end(), 0);
 }
 
-TEST(service_process, TheDaemonGivesUpOnASilentOperation) {
+TEST(ServiceProcess, TheDaemonGivesUpOnASilentOperation) {
     daemon_process daemon({"--service-timeout", "100"});
     service_process service({"--silent", "131"});
     service.wait_until_registered();
@@ -206,7 +206,7 @@ TEST(service_process, TheDaemonGivesUpOnASilentOperation) {
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 2020u);
 }
 
-TEST(service_process, AServiceThatComesLateIsGivenEverythingOnce) {
+TEST(ServiceProcess, AServiceThatComesLateIsGivenEverythingOnce) {
     daemon_process daemon;
     test_client client(daemon, app, 100);
     EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
@@ -246,7 +246,7 @@ std::vector<test_item> first_of_each(test_client& client, const std::vector<std:
     return found;
 }
 
-TEST(service_process, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
+TEST(ServiceProcess, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
     daemon_process daemon;
     service_process service({"--pcap", flows_pcap, "--pcap-on", "applied", "--pcap-after", "1"});
     service.wait_until_registered();
@@ -259,7 +259,7 @@ TEST(service_process, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
         "scc-ss-dev: capture: 80 packets, 0 unreadable, 22 matched, 0 denied, 8 flows, 1 moves, 0 silent");
     EXPECT_EQ(service.line(), "scc-ss-dev: reported: 10 sent, 0 failed");
 
-    // The result may come behind the first notifications.
+    // The result may come after the first notifications.
     const std::vector<test_item> items = first_of_each(client, {401, 110, 407, 211});
     const test_item& result = items[0];
     const test_item& moved = items[1];
@@ -277,7 +277,7 @@ TEST(service_process, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
     EXPECT_EQ(flow.u64(72), 638u);
 }
 
-TEST(service_process, RunsTheCaptureOnItsSignal) {
+TEST(ServiceProcess, RunsTheCaptureOnItsSignal) {
     daemon_process daemon;
     service_process service({"--pcap", flows_pcap});
     service.wait_until_registered();

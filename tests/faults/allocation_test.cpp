@@ -217,7 +217,7 @@ TEST_F(Allocation, FailsASavedCallWhichIsLoggedAndNotKept) {
     EXPECT_EQ(scc::pending_calls(), 0U);
 }
 
-TEST_F(Allocation, FailsTheBatchAndWhatIsMadeBehindItStaysAsItWas) {
+TEST_F(Allocation, FailsTheBatchAndWhatIsMadeAfterItStaysAsItWas) {
     const test::debugging on;
     _scc_lib_func_call_succ(3);
     test::fail_allocation(1);

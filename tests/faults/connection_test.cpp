@@ -99,7 +99,7 @@ TEST_P(AttemptFaults, GiveTheAttemptUpAndTheNextSucceeds) {
     EXPECT_EQ(open_descriptors(), before);
     EXPECT_FALSE(std::filesystem::exists(socket_file(".sccl_sd1_")));
     EXPECT_FALSE(std::filesystem::exists(socket_file(".sccl_sd2_")));
-    // What the failed attempt had connected waits in front of the next one's.
+    // What the failed attempt had connected is accepted before the next one's.
     daemon.stop_listening();
     daemon.listen();
     daemon.accept_registration();

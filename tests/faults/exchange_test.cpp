@@ -122,7 +122,7 @@ TEST_F(Exchange, OfADaemonThatStallsReturnsTheTimeOutAndGoesOnWhenItReadsAgain) 
     expect_working();
 }
 
-TEST_F(Exchange, OfAnUnregistrationWithADaemonThatStallsReturnsTheTimeOutAndStaysRegistered) {
+TEST_F(Exchange, UnregisteringFromAStalledDaemonTimesOutAndStaysRegistered) {
     start();
     const int filling = fill_the_sync_socket();
     asking running(scc_svr_unreg);
@@ -156,7 +156,7 @@ TEST_F(Exchange, WhoseSendFailsReturnsTheErrorWithoutWaitingForAReply) {
     expect_working();
 }
 
-TEST_F(Exchange, WhoseSendFindsTheConnectionDeadReturnsTheErrorAndTheConnectionComesBack) {
+TEST_F(Exchange, WhoseSendFindsADeadConnectionReturnsTheErrorAndRecovers) {
     start();
     for (const int error : test::reset_errors) {
         SCOPED_TRACE(error);
@@ -301,7 +301,7 @@ TEST_F(Exchange, WithoutMemoryWhileAReplyIsOwedLeavesTheNextItsOwnAnswer) {
     EXPECT_EQ(test::statuses().size(), 0U);
 }
 
-TEST_F(Exchange, InterruptedWhileItReadsPastAReplyWithoutMemoryLeavesTheNextItsOwnAnswer) {
+TEST_F(Exchange, InterruptedPastAReplyWithoutMemoryLeavesTheNextItsAnswer) {
     start();
     const bytes late = count_reply(8);
     for (const std::size_t length : {std::size_t{8}, std::size_t{9}, std::size_t{27}}) {

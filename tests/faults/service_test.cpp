@@ -334,7 +334,7 @@ class LoopStartFaults : public ::testing::Test {
     test::scripted_daemon daemon;
 };
 
-TEST_F(LoopStartFaults, AreReturnedAndLeaveNothingBehind) {
+TEST_F(LoopStartFaults, AreReturnedAndLeaveNothing) {
     test::fail_allocation(1);
     expect_failed_start(12);
     test::fail_call(call::mkdir, 3, 28);

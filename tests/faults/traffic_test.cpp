@@ -100,7 +100,7 @@ TEST_F(BatchFaults, AFullBatchIsZeroAndDroppedWhateverItsError) {
     });
 }
 
-TEST_F(BatchFaults, ARequestBehindAFailedFlushIsDroppedWithIt) {
+TEST_F(BatchFaults, ARequestAfterAFailedFlushIsDroppedWithIt) {
     start();
     const bytes large(5000, 1);
     ASSERT_EQ(_scc_lib_msg_send_bt(0, 900, large.data(), 5000, 0), 0U);
@@ -153,7 +153,7 @@ TEST_F(BatchFaults, ATimedOutFlushIsSentAgainWhole) {
     EXPECT_EQ(test::statuses().size(), 0U);
 }
 
-TEST_F(BatchFaults, AFlushIsGivenUpAfterTwentyRetriesOf200MillisecondsAndTheConnectionStays) {
+TEST_F(BatchFaults, AFlushIsGivenUpAfterTwentyRetriesAndTheConnectionStays) {
     start();
     const test::debugging on;
     ASSERT_EQ(scc_svi_router_acl_set(3, nullptr), 0U);
@@ -184,7 +184,7 @@ TEST_F(BatchFaults, AFlushIsGivenUpAfterTwentyRetriesOf200MillisecondsAndTheConn
     expect_recovered_and_working(false);
 }
 
-// Requests wait meanwhile, in front of the lock: nothing may get between the pieces of a message.
+// Requests wait for the lock meanwhile: nothing may get between the pieces of a message.
 TEST_F(BatchFaults, AFlushThatIsSentAgainKeepsTheSendersLock) {
     start();
     const test::debugging on;
@@ -261,7 +261,7 @@ TEST_F(TrafficFaults, AWaitThatFailsBringsANewConnectionOrIsMadeAgain) {
     });
 }
 
-// A result that says whether the wait behind it has failed already.
+// A result that says whether the wait after it has failed already.
 void on_svi_and_wait(std::uint32_t result, std::uint32_t, std::uint8_t) {
     test::results().push(test::logged("select error! errno:4.") ? 1 : result);
 }

@@ -314,7 +314,7 @@ TEST_P(Contract, RegistersOnceHoweverOftenItIsStarted) {
     expect_working_request();
 }
 
-TEST_P(Contract, LeavesNoClientAndNoSocketFileBehind) {
+TEST_P(Contract, LeavesNoClientAndNoSocketFile) {
     enter();
     expect_working_request();
     EXPECT_EQ(app.leave(), 0U);

@@ -155,7 +155,7 @@ class application {
     void check_accepted(std::uint32_t id, const call_entry& call, tally& sum) const {
         ++sum.accepted;
         EXPECT_LE(call.answers, 1) << "call " << id << " was answered more than once";
-        EXPECT_EQ(call.answers_while_lost, 0) << "call " << id << " was answered behind status 0";
+        EXPECT_EQ(call.answers_while_lost, 0) << "call " << id << " was answered after status 0";
         if (call.answers == 0) {
             ++sum.dropped;
             if (call.kind == call_kind::user) {
@@ -169,7 +169,7 @@ class application {
         EXPECT_EQ(call.answered_number, call.number) << "call " << id << " got another call's answer";
         EXPECT_GE(call.answered_on, call.connection_before) << "call " << id;
         // The state may be registered a moment before status 1 is told.
-        EXPECT_LE(call.answered_on, call.connection_behind + 1) << "call " << id;
+        EXPECT_LE(call.answered_on, call.connection_before + 1) << "call " << id;
         EXPECT_TRUE(call.result == 0 || call.result == service_timeout)
             << "call " << id << " of kind " << static_cast<int>(call.kind.load()) << " got " << call.result;
         sum.timed_out += call.result == service_timeout;

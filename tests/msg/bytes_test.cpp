@@ -60,7 +60,7 @@ bytes altered(bytes message, std::uint16_t count, std::uint32_t first_length) {
 TEST(ItemsFit, WhenTheyFillTheMessageOrLess) {
     const bytes message = message_bytes({item_bytes(1, bytes(5)), item_bytes(2, bytes(3))});
     EXPECT_TRUE(scc::items_fit(message));
-    EXPECT_TRUE(scc::items_fit(altered(message, 1, 5))) << "bytes behind the last item are not read";
+    EXPECT_TRUE(scc::items_fit(altered(message, 1, 5))) << "bytes after the last item are not read";
     EXPECT_TRUE(scc::items_fit(altered(message, 0, 5)));
     EXPECT_TRUE(scc::items_fit(wire().u32(8).u8(1).u16(0).u8(0).get()));
 }
@@ -69,7 +69,7 @@ TEST(ItemsFit, NotWhenOneLeadsPastTheMessage) {
     const bytes message = message_bytes({item_bytes(1, bytes(5)), item_bytes(2, bytes(3))});
     EXPECT_FALSE(scc::items_fit(altered(message, 3, 5))) << "an item more than there are";
     EXPECT_FALSE(scc::items_fit(altered(message, 0xFFFF, 5)));
-    EXPECT_FALSE(scc::items_fit(altered(message, 2, 9))) << "the second header ends a byte behind";
+    EXPECT_FALSE(scc::items_fit(altered(message, 2, 9))) << "the second header ends a byte too late";
     EXPECT_TRUE(scc::items_fit(altered(message, 1, 16)));
     EXPECT_FALSE(scc::items_fit(altered(message, 1, 17))) << "one byte past the end";
     for (const std::uint32_t hostile : {0xFFFFFFFFU, 0xFFFFFFF8U, 0xFFFFFFF0U, 0x80000000U}) {

@@ -143,7 +143,7 @@ TEST_F(DirCreate, APathBelowTheWorkingDirectoryIsMadeThere) {
     EXPECT_EQ(_scc_dir_create("./r/s"), 0U);
 }
 
-TEST_F(DirCreate, ARelativePathMustFitBehindTheWorkingDirectory) {
+TEST_F(DirCreate, ARelativePathMustFitAfterTheWorkingDirectory) {
     const std::string here = enter_directory_of_length(60);
     // 108 - 60 = 48 characters do not fit, 47 do.
     EXPECT_EQ(_scc_dir_create(("./" + std::string(46, 'n')).c_str()), 28U);
@@ -174,7 +174,7 @@ TEST_F(DirCreate, AnAbsolutePathIsCutTo107Characters) {
 TEST_F(DirCreate, PassesTheErrorOfTheSystemOnAndKeepsWhatWasMade) {
     fs::create_directory(in("/made"));
     std::ofstream(in("/made/file")) << "in the way";
-    // A file in the way of a last component is an existing name, in the middle it is no directory.
+    // A file in place of a last component is an existing name, in the middle it is no directory.
     EXPECT_EQ(_scc_dir_create(in("/made/file/below").c_str()), static_cast<std::uint32_t>(ENOTDIR));
     EXPECT_EQ(_scc_dir_create("/proc/self/nothing/below"), static_cast<std::uint32_t>(ENOENT));
     EXPECT_TRUE(fs::is_directory(in("/made")));
@@ -182,7 +182,7 @@ TEST_F(DirCreate, PassesTheErrorOfTheSystemOnAndKeepsWhatWasMade) {
 
 // ---- the instance number ------------------------------------------------------------------------------
 
-TEST(InstanceNumber, IsTheNumberBehindTheLastSlash) {
+TEST(InstanceNumber, IsTheNumberAfterTheLastSlash) {
     struct row {
         const char* root;
         std::uint32_t number;

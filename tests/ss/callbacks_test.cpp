@@ -170,7 +170,7 @@ TEST_F(Callbacks, ResultsFromInsideTheHandlerKeepTheOrderOfTheOperationsUnderLoa
     }
 }
 
-TEST_F(Callbacks, EachOfManyOperationsIsAnsweredOnceWithItsOwnTypeThoughSeveralThreadsAnswer) {
+TEST_F(Callbacks, SeveralThreadsAnswerEachOperationOnceWithItsOwnType) {
     start_with_all_handlers();
     constexpr std::uint32_t count = 2000;
     std::vector<scc_ss_svi_operation> records;

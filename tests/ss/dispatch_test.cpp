@@ -222,7 +222,7 @@ TEST_F(Dispatch, ItsLinesCarryTheNameOfTheMessagesFunction) {
     }
 }
 
-// The cache's display reads a mode, and for some modes three words of an ACL behind it.
+// The cache's display reads a mode, and for some modes three words of an ACL after it.
 TEST_F(Dispatch, ADumpCommandCutInsideItsDataDumpsNothing) {
     start();
     test::clear_log();

@@ -274,7 +274,7 @@ TEST_F(IdMap, TheDumpShowsEveryCounterPairAndMarksTheOpenOnes) {
     _scc_ss_acl_op_ret_callback(&record, sizeof record);
     daemon.read_item(side::async);
     expect_nothing_more();
-    // Counted behind its answer, so something else has to follow.
+    // Counted after its answer, so something else has to follow.
     send(213, wire().zeros(520));
     called(13);
     const auto texts = dumped_lines();

@@ -40,7 +40,7 @@ bytes id_then_pattern(std::size_t size, std::uint32_t id) {
     return with_u32(pattern(size, 0x11), 0, id);
 }
 
-// Bytes 4 to 19 of a value: the key, behind the flag and three zeros.
+// Bytes 4 to 19 of a value: the key, after the flag and three zeros.
 wire key_tail(const bytes& value) {
     wire tail;
     tail.zeros(3).add(slice(value, 4, 16));

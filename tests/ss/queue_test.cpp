@@ -106,7 +106,7 @@ TEST_F(ServiceQueue, ASlowHandlerDoesNotStopReceivingAndTheOrderStays) {
 }
 
 // What the process occupies, not what it uses: a burst must not make the service larger for good.
-// A sanitizer's allocator keeps freed memory on purpose, so that only the way of the messages is seen there.
+// A sanitizer's allocator keeps freed memory on purpose, so only the messages are checked there.
 TEST_F(ServiceQueue, GivesTheMemoryOf100000WaitingMessagesBack) {
     mallopt(M_TRIM_THRESHOLD, 128 * 1024);  // as it is before the test's own large blocks raise it
     info.svi_router_acl = waits_at_the_gate;
@@ -168,7 +168,7 @@ TEST_F(ServiceQueue, ARefusedMessageDoesNotKeepTheNextOneBack) {
 }
 
 // What came in one read with a refused message is not for the next read, which may find the daemon gone.
-TEST_F(ServiceQueue, MessagesThatArriveTogetherWithRefusedOnesAreProcessedThoughTheDaemonLeaves) {
+TEST_F(ServiceQueue, MessagesBesideRefusedOnesAreProcessedThoughTheDaemonLeaves) {
     info.svi_router_acl = waits_at_the_gate;
     info.def_read = notes_its_id;
     start();
@@ -188,7 +188,8 @@ TEST_F(ServiceQueue, MessagesThatArriveTogetherWithRefusedOnesAreProcessedThough
     }
 }
 
-// The processing thread outlives a service whose start failed behind it, and then serves an application.
+// The processing thread outlives a service whose start failed after it had begun, and then serves an
+// application.
 TEST_F(ServiceQueue, MessagesOfAnotherAppIdGoToTheApplicationsDispatcher) {
     start_with_all_handlers();
     send(319, wire().zeros(4));

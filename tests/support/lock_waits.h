@@ -1,4 +1,4 @@
-// Proves that an act takes a lock: while the test holds the lock the act sleeps in front of it, and it ends
+// Proves that an act takes a lock: while the test holds the lock the act waits for it, and it ends
 // once the lock is given back. The kernel names the futex that each thread sleeps on, and the futexes of a
 // lock lie inside the lock.
 #pragma once

@@ -95,7 +95,7 @@ qx_thread_handler handler_for_loop(const added_task& task) {
 }
 
 template <class Function>
-Function* behind(const char* name) {
+Function* real_function(const char* name) {
     void* found = dlsym(RTLD_NEXT, name);
     if (found == nullptr) {
         std::abort();
@@ -110,7 +110,7 @@ qx_thread* add(adding call, const char* function, qx_thread_master* master, qx_t
                void* arg, int number, const char* name) {
     const added_task task{call, name != nullptr ? name : "", handler, arg, number, false, nullptr, {}};
     return note(task, [&] {
-        return behind<add_numbered>(function)(master, handler_for_loop(task), arg, number, name);
+        return real_function<add_numbered>(function)(master, handler_for_loop(task), arg, number, name);
     });
 }
 
@@ -199,7 +199,7 @@ qx_thread* qx_thread_add_timer_withname(qx_thread_master* master, qx_thread_hand
         adding::timer, name != nullptr ? name : "", handler, arg, seconds, false, nullptr, {}};
     return test::note(task, [&] {
         const long wanted = test::the_record().timer_seconds;
-        return test::behind<test::add_timer>("qx_thread_add_timer_withname")(
+        return test::real_function<test::add_timer>("qx_thread_add_timer_withname")(
             master, test::handler_for_loop(task), arg, wanted < 0 ? seconds : wanted, name);
     });
 }
@@ -227,6 +227,6 @@ void qx_thread_cancel(qx_thread* task) {
             return;
         }
     }
-    test::behind<void(qx_thread*)>("qx_thread_cancel")(task);
+    test::real_function<void(qx_thread*)>("qx_thread_cancel")(task);
 }
 }

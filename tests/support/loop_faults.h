@@ -1,6 +1,6 @@
-// The event loop's scheduling calls as the tests see them: loop_faults.cpp stands in front of the platform's
-// library, records each task that is added and each that is cancelled, and can refuse to add one, or keep it
-// from the loop so that the test runs it. Any thread.
+// The event loop's scheduling calls as the tests see them: loop_faults.cpp stands between the library and the
+// platform's library, records each task that is added and each that is cancelled, and can refuse to add one,
+// or keep it from the loop so that the test runs it. Any thread.
 #pragma once
 
 #include <qx_thread.h>

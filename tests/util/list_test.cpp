@@ -59,7 +59,7 @@ TEST_F(List, ANodeIsNextThenPrevAndAnEmptyHeadPointsToItself) {
     expect({});
 }
 
-TEST_F(List, AddingInsertsBehindTheHead) {
+TEST_F(List, AddingInsertsAfterTheHead) {
     scc::list_add(&one.link, &head);
     scc::list_add(&two.link, &head);
     scc::list_add(&three.link, &head);
