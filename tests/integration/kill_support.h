@@ -169,7 +169,7 @@ class application {
         EXPECT_EQ(call.answered_number, call.number) << "call " << id << " got another call's answer";
         EXPECT_GE(call.answered_on, call.connection_before) << "call " << id;
         // The state may be registered a moment before status 1 is told.
-        EXPECT_LE(call.answered_on, call.connection_before + 1) << "call " << id;
+        EXPECT_LE(call.answered_on, call.connection_after + 1) << "call " << id;
         EXPECT_TRUE(call.result == 0 || call.result == service_timeout)
             << "call " << id << " of kind " << static_cast<int>(call.kind.load()) << " got " << call.result;
         sum.timed_out += call.result == service_timeout;

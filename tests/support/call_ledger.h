@@ -23,7 +23,7 @@ struct call_entry {
     std::atomic<std::uint8_t> answers;
     std::atomic<std::uint8_t> answers_while_lost;
     std::atomic<std::uint16_t> connection_before;  // at the request's begin
-    std::atomic<std::uint16_t> connection_before;  // at its return
+    std::atomic<std::uint16_t> connection_after;   // at its return
     std::atomic<std::uint16_t> answered_on;
     std::atomic<std::uint32_t> number;           // what the request was about
     std::atomic<std::uint32_t> answered_number;  // what its answer was about

@@ -120,7 +120,7 @@ void request(call_kind kind, std::uint32_t number, const Request& make) {
     const std::uint32_t before = g_ledger->connections;
     std::uint32_t call_id = 0;
     const std::uint32_t result = make(number, &call_id);
-    const std::uint32_t connections_before = g_ledger->connections;
+    const std::uint32_t after = g_ledger->connections;
     if (result == SCC_E_UNAVAILABLE) {
         return nap();
     }
@@ -132,7 +132,7 @@ void request(call_kind kind, std::uint32_t number, const Request& make) {
     call.kind = kind;
     call.number = number;
     call.connection_before = static_cast<std::uint16_t>(before);
-    call.connection_before = static_cast<std::uint16_t>(connections_before);
+    call.connection_after = static_cast<std::uint16_t>(after);
     call.accepted = 1;
     ++outstanding_of(kind);
     publish_outstanding();
