@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Checks that every exported name has a man page, a test, and a use in an example, a command of sccctl, or
-# the devkit's service.
+# the devkit's service; and that the tests that SECURITY.md names exist.
 set -euo pipefail
 export LC_ALL=C
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -32,5 +32,11 @@ words examples/*.c devkit/ctl/*.cpp devkit/service/*.cpp >"$work/shown"
 missing "no man page" < <(comm -23 "$work/exported" "$work/documented")
 missing "in no test" < <(comm -23 "$work/exported" "$work/tested")
 missing "in no example, no command of sccctl and not in the devkit's service" < <(comm -23 "$work/exported" "$work/shown")
+# SECURITY.md proves its claims by tests: Suite.Name.
+grep -oE '`[A-Z][A-Za-z0-9]+\.[A-Z][A-Za-z0-9]+`' SECURITY.md | tr -d '`' | sort -u >"$work/claimed"
+grep -rhoE '^TEST(_F|_P)?\([A-Za-z0-9_]+, *[A-Za-z0-9_]+\)' tests --include='*.cpp' |
+    sed -E 's/^TEST(_F|_P)?\(([^,]+), *([^)]+)\)/\2.\3/' | sort -u >"$work/cases"
+[ -s "$work/claimed" ] || missing "names no test" < <(echo SECURITY.md)
+missing "named by SECURITY.md, but no test" < <(comm -23 "$work/claimed" "$work/cases")
 [ -z "$failed" ] || exit 1
 echo "exported names with page, test and use: $(wc -l <"$work/exported")"
