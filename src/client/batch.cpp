@@ -263,8 +263,7 @@ void flush_waiting_batch() {
 
 extern "C" {
 
-// Its caller holds scc_send_buf_lock, for which the header has no capability.
-void _scc_lib_send_buff_init() SCC_NO_THREAD_SAFETY_ANALYSIS {
+void _scc_lib_send_buff_init() {
     g_scc_msg_send_q->count = 0;
     g_scc_msg_send_q->used = 0;
     write_header(g_scc_msg_send_q->message, 0, wire::header_bytes);

@@ -2,11 +2,12 @@
 // does not fit, when it is full, at once while the client is not registered, and every 5 milliseconds.
 #pragma once
 
+#include "client/locks.h"
 #include "client/send.h"
 #include "msg/protocol.h"
 
 extern "C" {
-void _scc_lib_send_buff_init();
+void _scc_lib_send_buff_init() SCC_REQUIRES(scc::batch_lock);
 [[nodiscard]] scc::u32 _scc_lib_msg_send_bt(scc::u16 sub_id, scc::u16 type, const void* value, int len,
                                             int sync);
 }
