@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "client/control_block.h"
+#include "client/pending_calls.h"
 #include "sweep/life.h"
 #include "sweep/shim.h"
 
@@ -840,7 +841,8 @@ void check_nothing_is_left(const scenario& one, unsigned descriptors, int blocks
     if (blocks_left >= 0 &&
         !wait_at_most(15000, [&] { return block_count() <= static_cast<unsigned>(blocks_left); })) {
         complain(std::to_string(block_count()) + " blocks of memory are left, expected " +
-                 std::to_string(blocks_left));
+                 std::to_string(blocks_left) + "; " + std::to_string(scc::pending_calls()) +
+                 " calls are pending");
         for (const live_blocks& left : blocks()) {
             std::printf("left %s %zx %u\n", left.call.c_str(), left.site, left.blocks);
         }
