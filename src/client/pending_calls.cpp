@@ -209,10 +209,17 @@ calls_in_hand::calls_in_hand(std::span<const u32> ids) : ids_(ids), holds_(false
 }
 
 calls_in_hand::~calls_in_hand() {
-    if (holds_) {
-        const brief_guard guard;
-        g_hand.size = 0;
+    if (!holds_) {
+        return;
     }
+    const brief_guard guard;
+    // Calls are left when the registration ended meanwhile; they are freed with its data.
+    for (std::size_t i = 0; i < g_hand.size; ++i) {
+        if (pending_call* call = g_hand.calls[i].exchange(nullptr); call != nullptr) {
+            g_scc_lib_call_lst.insert(&call->link);
+        }
+    }
+    g_hand.size = 0;
 }
 
 pending_call* calls_in_hand::take(std::size_t i) {

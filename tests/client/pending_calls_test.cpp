@@ -177,6 +177,19 @@ TEST_F(PendingCalls, AThreadThatSavesAndOneThatTakesMissNothing) {
     EXPECT_EQ(scc::pending_calls(), 0U);
 }
 
+TEST_F(PendingCalls, ACallInHandThatNobodyTookIsPendingAgain) {
+    ASSERT_EQ(save(1, 4, {1}), 0U);
+    ASSERT_EQ(save(2, 5, {2}), 0U);
+    {
+        const std::uint32_t ids[] = {1, 2};
+        scc::calls_in_hand calls(ids);
+        scc::release_pending_call(calls.take(0));
+        EXPECT_EQ(scc::pending_calls(), 1U);
+    }
+    EXPECT_EQ(scc::pending_calls(), 1U);
+    EXPECT_EQ(kind_of(2), 5U);
+}
+
 TEST_F(PendingCalls, CallIdsCountUpAndWrap) {
     EXPECT_EQ(_scc_lib_call_id_get(), 1U);
     EXPECT_EQ(_scc_lib_call_id_get(), 2U);
