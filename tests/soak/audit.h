@@ -1,0 +1,44 @@
+// Judges the calls of one life of a client from its ledger, while they are made and at the end.
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "soak/report.h"
+#include "support/call_ledger.h"
+
+namespace soak {
+
+class auditor {
+  public:
+    auditor(test::call_ledger& ledger, group_report& report, std::string client)
+        : ledger_(ledger), report_(report), client_(std::move(client)) {}
+
+    // Judges what is decided by now and empties its entries.
+    void advance();
+    // Whether every call is answered, or may have gone with its connection.
+    [[nodiscard]] bool is_complete() const;
+    // Judges everything. The client is dead, or nothing of it is outstanding.
+    void finish(bool killed);
+
+  private:
+    [[nodiscard]] bool is_decided(std::uint32_t id, const test::call_entry& call) const;
+    [[nodiscard]] bool is_far_behind(std::uint32_t id, std::uint32_t calls) const;
+    void judge(std::uint32_t id, const test::call_entry& call, bool ended);
+    void take_counts();
+    void fault(std::atomic<std::uint32_t>& count, std::uint32_t by, const std::string& text);
+
+    struct seen_counts {
+        std::uint32_t queries = 0, notifications = 0, cache_reads = 0, losses = 0;
+        std::uint32_t out_of_order = 0, late_answers = 0, wrong_queries = 0, strange_notifications = 0,
+                      cache_faults = 0, strange_returns = 0;
+    };
+
+    test::call_ledger& ledger_;
+    group_report& report_;
+    std::string client_;
+    seen_counts seen_;
+    std::uint32_t judged_ = 0;
+};
+
+}  // namespace soak
