@@ -61,6 +61,7 @@ stage_tsan() {
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_tests tsan
 }
 stage_fuzz() { scripts/fuzz.sh --seed 1 --jobs $((jobs * 2)) 5; }
+stage_soak() { scripts/soak.sh 0.5; }
 stage_faults() { scripts/faults.sh 800; }
 stage_coverage() { scripts/coverage.sh; }
 

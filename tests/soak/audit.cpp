@@ -1,5 +1,6 @@
 #include "soak/audit.h"
 
+#include <cerrno>
 #include <utility>
 
 #include "support/call_verdict.h"
@@ -16,6 +17,8 @@ using test::call_ledger;
 constexpr std::uint32_t skip_after = 512;
 // A process can be killed between an answer and the note that the request was accepted, once a thread.
 constexpr std::uint32_t half_noted_max = 4;
+// So many calls that were dropped are remembered; more would say no more.
+constexpr std::size_t dropped_max = 8;
 
 // Daemon and service may have lost what an earlier request has made, or hold what an earlier life has left.
 bool is_expected(call_kind kind, std::uint32_t result) {
@@ -29,7 +32,7 @@ bool is_expected(call_kind kind, std::uint32_t result) {
         case call_kind::egress_port:
             return result == SCC_E_SERVICE_TIMEOUT;
         case call_kind::user:
-            return result == SCC_E_SERVICE_TIMEOUT || result == SCC_E_NO_LIST_NODE;
+            return result == SCC_E_SERVICE_TIMEOUT || result == SCC_E_NO_LIST_NODE || result == ENOENT;
         default:
             return result == SCC_E_SERVICE_TIMEOUT || result == SCC_E_NO_ACL || result == SCC_E_NO_ACE ||
                    result == SCC_E_ACL_EXISTS || result == SCC_E_ACE_EXISTS;
@@ -56,9 +59,12 @@ void auditor::judge(std::uint32_t id, const call_entry& call, bool ended) {
     const test::call_verdict verdict = test::judge(id, call, ledger_, ended);
     if (verdict.answered) {
         ++report_.answers;
-        report_.timed_out += call.result == SCC_E_SERVICE_TIMEOUT ? 1 : 0;
+        report_.timed_out += call.result == SCC_E_SERVICE_TIMEOUT ? 1U : 0U;
     } else if (verdict.fault == call_fault::none) {
         ++report_.dropped;
+        if (call.straddles == 0 && dropped_.size() < dropped_max) {
+            dropped_.push_back(id);
+        }
     }
     if (verdict.fault == call_fault::lost) {
         fault(report_.lost, 1, verdict.text);
@@ -80,7 +86,7 @@ bool auditor::is_decided(std::uint32_t id, const call_entry& call) const {
         return true;
     }
     if (call.straddles != 0) {
-        return call.connection_behind + 1 < ledger_.connections || is_far_behind(id, ledger_.size() / 2);
+        return call.connection_behind + 1U < ledger_.connections || is_far_behind(id, ledger_.size() / 2);
     }
     return call.connection_behind < ledger_.connections;
 }
@@ -106,14 +112,18 @@ void auditor::advance() {
     take_counts();
 }
 
-bool auditor::is_complete() const {
-    for (std::uint32_t id = ledger_.audited; id <= ledger_.last_call_id; ++id) {
+std::optional<std::uint32_t> auditor::first_open(std::uint32_t up_to) const {
+    for (std::uint32_t id = ledger_.audited; id <= up_to; ++id) {
         const call_entry& call = ledger_.of(id);
         if (call.accepted != 0 && call.straddles == 0 && !is_decided(id, call)) {
-            return false;
+            return id;
         }
     }
-    return true;
+    return std::nullopt;
+}
+
+void auditor::give_up(std::uint32_t id) {
+    judge(id, ledger_.of(id), false);
 }
 
 void auditor::finish(bool killed) {

@@ -1,8 +1,10 @@
 // Judges the calls of one life of a client from its ledger, while they are made and at the end.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "soak/report.h"
 #include "support/call_ledger.h"
@@ -16,8 +18,12 @@ class auditor {
 
     // Judges what is decided by now and empties its entries.
     void advance();
-    // Whether every call is answered, or may have gone with its connection.
-    [[nodiscard]] bool is_complete() const;
+    // The first call up to this one that is neither answered nor may have gone with its connection.
+    [[nodiscard]] std::optional<std::uint32_t> first_open(std::uint32_t up_to) const;
+    // Notes that such a call will not be answered any more.
+    void give_up(std::uint32_t id);
+    // Some calls that were dropped since the last question: nobody may answer them any more.
+    std::vector<std::uint32_t> take_dropped() { return std::exchange(dropped_, {}); }
     // Judges everything. The client is dead, or nothing of it is outstanding.
     void finish(bool killed);
 
@@ -39,6 +45,7 @@ class auditor {
     std::string client_;
     seen_counts seen_;
     std::uint32_t judged_ = 0;
+    std::vector<std::uint32_t> dropped_;
 };
 
 }  // namespace soak

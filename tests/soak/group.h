@@ -98,7 +98,10 @@ class client_member : public member {
     [[nodiscard]] auditor& audit() { return *audit_; }
     // Remembers how far its work is; it works again when each kind of it has got on.
     void mark();
+    // The newest call at the mark.
+    [[nodiscard]] std::uint32_t marked_call() const { return marked_call_; }
     [[nodiscard]] bool has_worked(std::uint32_t notification) const;
+    [[nodiscard]] std::string state() const;
 
   private:
     std::uint32_t app_id_;
@@ -110,6 +113,7 @@ class client_member : public member {
     std::unique_ptr<test::mapped_ledger> ledger_;
     std::optional<auditor> audit_;
     std::vector<std::uint32_t> mark_;
+    std::uint32_t marked_call_ = 0;
 };
 
 }  // namespace soak

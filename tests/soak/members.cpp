@@ -64,6 +64,7 @@ void client_member::kill_hard() {
 
 void client_member::mark() {
     mark_ = work_of(ledger());
+    marked_call_ = ledger().last_call_id;
 }
 
 bool client_member::has_worked(std::uint32_t notification) const {
@@ -74,6 +75,19 @@ bool client_member::has_worked(std::uint32_t notification) const {
         }
     }
     return ledger().last_notification == notification;
+}
+
+std::string client_member::state() const {
+    std::string text = "connected " + std::to_string(ledger().connected) + ", connection " +
+                       std::to_string(ledger().connections) + ", calls " + std::to_string(ledger().last_call_id) +
+                       ", judged below " + std::to_string(ledger().audited) + ", outstanding " +
+                       std::to_string(ledger().outstanding) + ", notification " +
+                       std::to_string(ledger().last_notification) + ", answered of each kind and queries";
+    const std::vector<std::uint32_t> now = work_of(ledger());
+    for (std::size_t index = 0; index < now.size(); ++index) {
+        text += " +" + std::to_string(now[index] - mark_[index]);
+    }
+    return text;
 }
 
 }  // namespace soak

@@ -41,7 +41,7 @@ struct group_report {
     std::atomic<std::uint32_t> wrong;  // another's answer, a strange result, notification or cache
     drift drifts[targets];
     std::atomic<std::uint32_t> faults;
-    char texts[texts_max][400];
+    char texts[texts_max][1600];
 
     void tell_fault(const std::string& text) {
         const std::uint32_t index = faults++;

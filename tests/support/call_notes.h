@@ -124,7 +124,7 @@ class call_notes {
                 --ledger_.resting;
             }
             rests = false;
-            if (ledger_.last_call_id - ledger_.audited > ledger_.size() - slack) {
+            if (!ledger_.has_room_for(ledger_.last_call_id + slack)) {
                 nap();
                 continue;
             }
