@@ -1,4 +1,5 @@
-// What the ACL cache of a client must hold by the results that it was given. Used on the library's thread alone.
+// What the ACL cache of a client must hold by the results that it was given. Used on the library's thread
+// alone.
 #pragma once
 
 #include <scclib.h>

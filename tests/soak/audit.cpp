@@ -74,13 +74,14 @@ void auditor::judge(std::uint32_t id, const call_entry& call, bool ended) {
         fault(report_.wrong, 1, verdict.text);
     } else if (verdict.answered && !is_expected(call.kind, call.result)) {
         fault(report_.wrong, 1,
-              "call " + std::to_string(id) + " of kind " + std::to_string(static_cast<int>(call.kind.load())) +
-                  " got " + std::to_string(call.result));
+              "call " + std::to_string(id) + " of kind " +
+                  std::to_string(static_cast<int>(call.kind.load())) + " got " + std::to_string(call.result));
     }
 }
 
-// Whether nothing can become of the call any more. One that straddles a loss was made on the old connection or
-// on the new one: it is given up once a later connection, or half a window of later calls, has passed it by.
+// Whether nothing can become of the call any more. One that straddles a loss was made on the old connection
+// or on the new one: it is given up once a later connection, or half a window of later calls, has passed it
+// by.
 bool auditor::is_decided(std::uint32_t id, const call_entry& call) const {
     if (call.answers != 0) {
         return true;
@@ -163,13 +164,15 @@ void auditor::take_counts() {
     };
     check(report_.out_of_order, seen_.out_of_order, ledger_.out_of_order,
           "an answer overtook an earlier request's");
-    check(report_.twice, seen_.late_answers, ledger_.late_answers, "a call was answered after it was decided");
+    check(report_.twice, seen_.late_answers, ledger_.late_answers,
+          "a call was answered after it was decided");
     check(report_.wrong, seen_.wrong_queries, ledger_.wrong_queries,
           "a query got another answer than its own: result " + std::to_string(ledger_.last_wrong_query));
     check(report_.wrong, seen_.strange_notifications, ledger_.strange_notifications,
           "a notification was repeated, overtaken or lost");
     check(report_.wrong, seen_.cache_faults, ledger_.cache_faults, "the ACL cache differs from the results");
-    check(report_.wrong, seen_.strange_returns, ledger_.strange_returns, "a request returned an unknown code");
+    check(report_.wrong, seen_.strange_returns, ledger_.strange_returns,
+          "a request returned an unknown code");
 }
 
 }  // namespace soak

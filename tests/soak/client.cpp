@@ -1,9 +1,9 @@
 // A client of the soak: soak_client APP_ID LIFE LEDGER thread|loop OPTION.
 //
-// One thread adds and deletes users, which the security service carries out and of which the other clients are
-// told; one sets egress ports, which it does, too, and what the daemon answers by itself; one creates and deletes
-// ACLs with their ACEs; one asks synchronous questions. Every request carries a number that its answer must
-// bring back. With option 1, the ACL cache is compared with the results so far.
+// One thread adds and deletes users, which the security service carries out and of which the other clients
+// are told; one sets egress ports, which it does, too, and what the daemon answers by itself; one creates and
+// deletes ACLs with their ACEs; one asks synchronous questions. Every request carries a number that its
+// answer must bring back. With option 1, the ACL cache is compared with the results so far.
 #include <scclib.h>
 
 #include <cerrno>
@@ -37,9 +37,9 @@ call_notes* g_notes = nullptr;
 std::uint32_t g_app_id = 0;
 std::uint32_t g_life = 0;
 
-void pause_load() {
-    usleep(4000);
-}
+constexpr std::uint32_t pause_us = 4000;
+// Each user is told to every other client; a client that is stopped finds them all when it goes on.
+constexpr std::uint32_t pause_between_users_us = 16'000;
 
 // ---- numbers in records ----
 
@@ -158,8 +158,8 @@ std::uint32_t set_user(std::uint32_t number, std::uint32_t* call_id) {
     const std::uint32_t user = number / 2 % users;
     const std::uint32_t ifx = user % 8 + 1;
     std::memcpy(record.head, &ifx, sizeof ifx);
-    const std::uint8_t mac[6] = {0x02, static_cast<std::uint8_t>(g_app_id), 0, 0, 0,
-                                 static_cast<std::uint8_t>(user)};
+    const std::uint8_t mac[6] = {0x02, static_cast<std::uint8_t>(g_app_id), 0, 0,
+                                 0,    static_cast<std::uint8_t>(user)};
     std::memcpy(record.head + mac_offset, mac, sizeof mac);
     record.entry_type = 5;
     record.operation = number % 2 == 0 ? SCC_USER_OPERATION_ADD : SCC_USER_OPERATION_DELETE;
@@ -170,7 +170,8 @@ std::uint32_t set_user(std::uint32_t number, std::uint32_t* call_id) {
 
 // Makes a few requests whenever not too many are outstanding.
 template <class Outstanding, class Request>
-void keep_requesting(std::int32_t at_once, const Outstanding& outstanding, const Request& request) {
+void keep_requesting(std::int32_t at_once, std::uint32_t pause, const Outstanding& outstanding,
+                     const Request& request) {
     std::uint32_t number = 0;
     g_notes->obey([&] {
         for (std::uint32_t count = 0; count < requests_between_naps; ++count) {
@@ -178,13 +179,13 @@ void keep_requesting(std::int32_t at_once, const Outstanding& outstanding, const
                 request(++number);
             }
         }
-        pause_load();
+        usleep(pause);
     });
 }
 
 void change_users() {
     keep_requesting(
-        users_at_once, [] { return g_notes->outstanding(call_kind::user); },
+        users_at_once, pause_between_users_us, [] { return g_notes->outstanding(call_kind::user); },
         [](std::uint32_t number) { g_notes->request(call_kind::user, number, set_user); });
 }
 
@@ -217,7 +218,7 @@ void change_setting(std::uint32_t number) {
 
 void change_settings() {
     keep_requesting(
-        settings_at_once,
+        settings_at_once, pause_us,
         [] {
             return g_notes->outstanding(call_kind::egress_port) +
                    g_notes->outstanding(call_kind::addr_learning) +
@@ -256,9 +257,10 @@ void make_and_delete_acl(std::uint32_t number) {
 
 void change_acls() {
     keep_requesting(
-        1,
+        1, pause_us,
         [] {
-            return g_notes->outstanding(call_kind::acl_create) + g_notes->outstanding(call_kind::acl_add_ace) +
+            return g_notes->outstanding(call_kind::acl_create) +
+                   g_notes->outstanding(call_kind::acl_add_ace) +
                    g_notes->outstanding(call_kind::acl_resequence) +
                    g_notes->outstanding(call_kind::acl_delete);
         },
@@ -309,7 +311,7 @@ void ask() {
         ask_for_binding(++number);
         ask_for_counter();
         ask_for_count();
-        pause_load();
+        usleep(pause_us);
     });
 }
 

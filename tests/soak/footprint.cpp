@@ -87,8 +87,9 @@ std::string footprint_watch::take(drift& drifts) {
     }
     const int growth = newest_->resident_kib - *warm_kib_;
     raise(drifts.memory_kib, growth);
-    return growth <= memory_growth_max_kib ? ""
-                                           : "has grown by " + std::to_string(growth) + " KiB since it was warm";
+    return growth <= memory_growth_max_kib
+               ? ""
+               : "has grown by " + std::to_string(growth) + " KiB since it was warm";
 }
 
 }  // namespace soak

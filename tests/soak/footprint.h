@@ -12,18 +12,18 @@
 namespace soak {
 
 struct footprint {
-    int descriptors = 0;    // entries of /proc/PID/fd
-    int threads = 0;        // entries of /proc/PID/task
-    int resident_kib = 0;   // Rss of /proc/PID/smaps_rollup
+    int descriptors = 0;   // entries of /proc/PID/fd
+    int threads = 0;       // entries of /proc/PID/task
+    int resident_kib = 0;  // Rss of /proc/PID/smaps_rollup
 };
 
 std::optional<footprint> footprint_of(pid_t pid);
 
 inline constexpr int memory_growth_max_kib = 1024;
 
-// One life of a process. It is looked at when all clients of its group work, so that it has the connections that
-// it had then before. The least numbers of descriptors and threads that were seen must come back each time;
-// memory may grow while the process is young.
+// One life of a process. It is looked at when all clients of its group work, so that it has the connections
+// that it had then before. The least numbers of descriptors and threads that were seen must come back each
+// time; memory may grow while the process is young.
 class footprint_watch {
   public:
     using clock = std::chrono::steady_clock;

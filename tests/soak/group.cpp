@@ -1,13 +1,11 @@
 // What a group does: rounds of kills, and what must hold after each.
 #include "soak/group.h"
 
-#include <sys/prctl.h>
-
 #include <algorithm>
-#include <filesystem>
 #include <stdexcept>
 
 #include "common/control_client.h"
+#include "support/temp_dir.h"
 
 namespace soak {
 namespace {
@@ -32,29 +30,6 @@ std::string result_of(std::uint32_t call_id) {
 
 struct told_to_end {};
 struct fault_found {};
-
-class temporary_directory {
-  public:
-    temporary_directory() {
-        char name[] = "/tmp/scc-soak.XXXXXX";
-        if (mkdtemp(name) == nullptr) {
-            throw std::runtime_error("no directory below /tmp");
-        }
-        path_ = name;
-        setenv("TMPDIR", name, 1);
-        setenv("DATA_QXOS_DIR", name, 1);
-    }
-    ~temporary_directory() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    temporary_directory(const temporary_directory&) = delete;
-    temporary_directory& operator=(const temporary_directory&) = delete;
-    [[nodiscard]] const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
 
 class group {
   public:
@@ -95,7 +70,7 @@ class group {
     group_report& report_;
     std::uint32_t index_;
     std::mt19937_64 random_;
-    temporary_directory directory_;
+    test::temp_dir directory_{"scc-soak"};
     daemon_member daemon_;
     service_member service_;
     std::vector<std::unique_ptr<client_member>> clients_;
@@ -187,8 +162,9 @@ void group::pause(std::uint32_t longest_ms) {
 
 void group::start() {
     daemon_.start();
-    wait_until("the daemon is ready",
-               [&] { return daemon_.process().line_after("sccd-dev: ready", 0, milliseconds(0)).has_value(); });
+    wait_until("the daemon is ready", [&] {
+        return daemon_.process().line_after("sccd-dev: ready", 0, milliseconds(0)).has_value();
+    });
     service_.start();
     for (const auto& client : clients_) {
         client->start();
@@ -213,8 +189,8 @@ bool group::everybody_is_registered() const {
 
 void group::notify_all() {
     ++notification_;
-    const auto answer =
-        scc::devkit::control_call({{"do", "notify-named"}, {"name", "authmode"}, {"to", 0}, {"mode", notification_}});
+    const auto answer = scc::devkit::control_call(
+        {{"do", "notify-named"}, {"name", "authmode"}, {"to", 0}, {"mode", notification_}});
     if (!answer.contains("sent") || answer["sent"] != clients_.size()) {
         fail("a notification did not go to every client: " + answer.dump());
     }
@@ -227,9 +203,8 @@ void group::wait_until_all_work() {
                            [](const auto& client) { return client->ledger().connected == 1; });
     };
     // The daemon is asked only now and then.
-    wait_until("service and clients are registered", [&] {
-        return all_connected() && ++wakes_ % 5 == 0 && everybody_is_registered();
-    });
+    wait_until("service and clients are registered",
+               [&] { return all_connected() && ++wakes_ % 5 == 0 && everybody_is_registered(); });
     for (const auto& client : clients_) {
         client->mark();
         answer_dropped_calls(*client);

@@ -1,5 +1,5 @@
-// One group of the soak: a daemon, a service and clients below a directory of their own, of which some are killed
-// or stopped again and again. A group is a process; its programs end with it.
+// One group of the soak: a daemon, a service and clients below a directory of their own, of which some are
+// killed or stopped again and again. A group is a process; its programs end with it.
 #pragma once
 
 #include <chrono>
@@ -82,7 +82,8 @@ class daemon_member : public member {
 
 class service_member : public member {
   public:
-    explicit service_member(std::chrono::milliseconds warm_up) : member(target::service, "service", warm_up) {}
+    explicit service_member(std::chrono::milliseconds warm_up)
+        : member(target::service, "service", warm_up) {}
     void start() override;
 };
 

@@ -43,8 +43,7 @@ client_member::client_member(std::uint32_t app_id, bool on_loop, std::uint32_t o
 
 void client_member::start() {
     ++life_;
-    const std::string path =
-        directory_ + "/ledger." + std::to_string(app_id_) + "." + std::to_string(life_);
+    const std::string path = directory_ + "/ledger." + std::to_string(app_id_) + "." + std::to_string(life_);
     ledger_ = std::make_unique<test::mapped_ledger>(path);
     if (!ledger_->is_there()) {
         throw std::runtime_error(path + ": cannot be mapped");
@@ -79,8 +78,9 @@ bool client_member::has_worked(std::uint32_t notification) const {
 
 std::string client_member::state() const {
     std::string text = "connected " + std::to_string(ledger().connected) + ", connection " +
-                       std::to_string(ledger().connections) + ", calls " + std::to_string(ledger().last_call_id) +
-                       ", judged below " + std::to_string(ledger().audited) + ", outstanding " +
+                       std::to_string(ledger().connections) + ", calls " +
+                       std::to_string(ledger().last_call_id) + ", judged below " +
+                       std::to_string(ledger().audited) + ", outstanding " +
                        std::to_string(ledger().outstanding) + ", notification " +
                        std::to_string(ledger().last_notification) + ", answered of each kind and queries";
     const std::vector<std::uint32_t> now = work_of(ledger());

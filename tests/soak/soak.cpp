@@ -1,7 +1,7 @@
-// soak MINUTES [--seed N] [--kills N] [--groups N]: runs groups of daemon, service and clients side by side, each
-// group a process of its own, until the time is over or so many processes were killed. Prints a line of progress
-// every few seconds and a table at the end. Exit status 0; 1 after a fault; 128 and the signal's number when it was
-// interrupted.
+// soak MINUTES [--seed N] [--kills N] [--groups N]: runs groups of daemon, service and clients side by side,
+// each group a process of its own, until the time is over or so many processes were killed. Prints a line of
+// progress every few seconds and a table at the end. Exit status 0; 1 after a fault; 128 and the signal's
+// number when it was interrupted.
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -30,10 +30,16 @@ constexpr milliseconds longest_warm_up{60'000};
 constexpr int exit_usage = 2;
 constexpr int exit_signal = 128;
 
-volatile std::sig_atomic_t g_signal = 0;
+volatile std::sig_atomic_t g_signal = 0;  // of the driver
+shared_state* g_state = nullptr;
 
 void note_signal(int number) {
     g_signal = number;
+}
+
+// In a group, whose driver has died.
+void end_group(int /*number*/) {
+    g_state->end = ending::interrupted;
 }
 
 struct options {
@@ -107,15 +113,16 @@ std::uint32_t sum_of(const shared_state& state, counts_by_target counts) {
 }
 
 void print_progress(const shared_state& state, double seconds) {
-    std::printf("soak: %5.0f s  %u kills  %u stops  %llu requests  %llu dropped  %llu lost  %llu twice  "
-                "%llu out of order  %llu wrong\n",
-                seconds, sum_of(state, &group_report::kills), sum_of(state, &group_report::stops),
-                static_cast<unsigned long long>(sum_of(state, &group_report::requests)),
-                static_cast<unsigned long long>(sum_of(state, &group_report::dropped)),
-                static_cast<unsigned long long>(sum_of(state, &group_report::lost)),
-                static_cast<unsigned long long>(sum_of(state, &group_report::twice)),
-                static_cast<unsigned long long>(sum_of(state, &group_report::out_of_order)),
-                static_cast<unsigned long long>(sum_of(state, &group_report::wrong)));
+    std::printf(
+        "soak: %5.0f s  %u kills  %u stops  %llu requests  %llu dropped  %llu lost  %llu twice  "
+        "%llu out of order  %llu wrong\n",
+        seconds, sum_of(state, &group_report::kills), sum_of(state, &group_report::stops),
+        static_cast<unsigned long long>(sum_of(state, &group_report::requests)),
+        static_cast<unsigned long long>(sum_of(state, &group_report::dropped)),
+        static_cast<unsigned long long>(sum_of(state, &group_report::lost)),
+        static_cast<unsigned long long>(sum_of(state, &group_report::twice)),
+        static_cast<unsigned long long>(sum_of(state, &group_report::out_of_order)),
+        static_cast<unsigned long long>(sum_of(state, &group_report::wrong)));
     std::fflush(stdout);
 }
 
@@ -163,13 +170,15 @@ void print_summary(const shared_state& state, const options& chosen, double seco
     print_row("wrong (answer of another, result, notification, cache)", sum_of(state, &group_report::wrong));
     print_row("queries with their own answer", sum_of(state, &group_report::queries));
     print_row("notifications", sum_of(state, &group_report::notifications));
-    print_row("reads of the ACL cache that agree with the results", sum_of(state, &group_report::cache_reads));
+    print_row("reads of the ACL cache that agree with the results",
+              sum_of(state, &group_report::cache_reads));
     print_row("connections lost and made again", sum_of(state, &group_report::reconnections));
     print_drifts(state);
-    std::printf("\n  Looked at after each recovery, when all of a group work: entries of /proc/PID/fd and "
-                "/proc/PID/task\n  compared with the least of that life; Rss of /proc/PID/smaps_rollup compared "
-                "with what it was\n  after %lld s of life (at most %+d KiB).\n",
-                static_cast<long long>(warm_up.count() / 1000), memory_growth_max_kib);
+    std::printf(
+        "\n  Looked at after each recovery, when all of a group work: entries of /proc/PID/fd and "
+        "/proc/PID/task\n  compared with the least of that life; Rss of /proc/PID/smaps_rollup compared "
+        "with what it was\n  after %lld s of life (at most %+d KiB).\n",
+        static_cast<long long>(warm_up.count() / 1000), memory_growth_max_kib);
     std::printf("  %.0f s, %u groups, seed %llu\n", seconds, chosen.groups,
                 static_cast<unsigned long long>(chosen.seed));
 }
@@ -181,8 +190,12 @@ void print_faults(const shared_state& state, const options& chosen) {
             std::printf("soak: FAULT: %s\n", report.texts[index]);
         }
     }
-    std::printf("soak: to repeat: ./run soak %g --seed %llu --groups %u\n", chosen.minutes,
+    std::printf("soak: to repeat: ./run soak %g --seed %llu --groups %u", chosen.minutes,
                 static_cast<unsigned long long>(chosen.seed), chosen.groups);
+    if (chosen.kills != 0) {
+        std::printf(" --kills %u", chosen.kills);
+    }
+    std::printf("\n");
 }
 
 // ---- the groups ----
@@ -194,9 +207,9 @@ pid_t start_group(const group_plan& plan, shared_state& state) {
     const pid_t pid = fork();
     if (pid == 0) {
         setpgid(0, 0);
-        std::signal(SIGINT, SIG_DFL);
-        std::signal(SIGTERM, SIG_DFL);
-        if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != driver) {
+        std::signal(SIGTERM, end_group);
+        std::signal(SIGPIPE, SIG_DFL);
+        if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || getppid() != driver) {
             _exit(1);
         }
         const bool good = run_group(plan, state);
@@ -247,19 +260,21 @@ bool supervise(std::vector<pid_t>& groups, shared_state& state, const options& c
 }
 
 int run(const options& chosen) {
-    void* const place = mmap(nullptr, sizeof(shared_state), PROT_READ | PROT_WRITE,
-                             MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    void* const place =
+        mmap(nullptr, sizeof(shared_state), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (place == MAP_FAILED) {
         std::perror("soak");
         return 1;
     }
-    auto& state = *static_cast<shared_state*>(place);
+    shared_state& state = *(g_state = static_cast<shared_state*>(place));
+    std::signal(SIGPIPE, SIG_IGN);
     struct sigaction action {};
     action.sa_handler = note_signal;
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
         sigaction(number, &action, nullptr);
     }
-    const auto warm_up = std::min(longest_warm_up, milliseconds(static_cast<long>(chosen.minutes * 60'000 / 3)));
+    const auto warm_up =
+        std::min(longest_warm_up, milliseconds(static_cast<long>(chosen.minutes * 60'000 / 3)));
     std::printf("soak: %g minutes, seed %llu, %u groups\n", chosen.minutes,
                 static_cast<unsigned long long>(chosen.seed), chosen.groups);
     const auto start = clock::now();

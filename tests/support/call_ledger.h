@@ -30,7 +30,8 @@ enum class call_kind : std::uint8_t {
 };
 inline constexpr std::size_t call_kinds = 8;
 
-// The daemon answers these by itself, in the order of the requests; the security service carries out all others.
+// The daemon answers these by itself, in the order of the requests; the security service carries out all
+// others.
 constexpr bool is_answered_at_once(call_kind kind) {
     return kind == call_kind::addr_learning || kind == call_kind::port_open;
 }
@@ -41,7 +42,7 @@ struct call_entry {
     std::atomic<call_kind> kind;
     std::atomic<std::uint8_t> answers;
     std::atomic<std::uint8_t> answers_while_lost;
-    std::atomic<std::uint8_t> straddles;  // a loss was told while the request was made
+    std::atomic<std::uint8_t> straddles;           // a loss was told while the request was made
     std::atomic<std::uint16_t> connection_before;  // at the request's begin
     std::atomic<std::uint16_t> connection_behind;  // at its return
     std::atomic<std::uint16_t> answered_on;
@@ -67,16 +68,16 @@ struct call_ledger {
     std::atomic<std::uint32_t> last_call_id;
     std::atomic<std::uint32_t> strange_returns;  // neither accepted nor refused for want of a connection
     std::atomic<std::uint32_t> answered_of[call_kinds];
-    std::atomic<std::uint32_t> out_of_order;   // answers that overtook an earlier request's
-    std::atomic<std::uint32_t> late_answers;   // to calls that had been judged
-    std::atomic<std::uint32_t> wrong_queries;  // with another query's answer or an unexpected result
+    std::atomic<std::uint32_t> out_of_order;      // answers that overtook an earlier request's
+    std::atomic<std::uint32_t> late_answers;      // to calls that had been judged
+    std::atomic<std::uint32_t> wrong_queries;     // with another query's answer or an unexpected result
     std::atomic<std::uint32_t> last_wrong_query;  // its result
     std::atomic<std::uint32_t> notifications;
     std::atomic<std::uint32_t> last_notification;      // the number that the newest one carried
     std::atomic<std::uint32_t> strange_notifications;  // repeated, overtaken or missing on one connection
     std::atomic<std::uint32_t> cache_reads;
     std::atomic<std::uint32_t> cache_faults;
-    std::atomic<std::uint32_t> window;  // 0: calls_max
+    std::atomic<std::uint32_t> window;   // 0: calls_max
     std::atomic<std::uint32_t> audited;  // calls below it are judged and their entries empty
     call_entry calls[calls_max];
 

@@ -17,8 +17,8 @@ struct call_verdict {
     std::string text;  // of the fault
 };
 
-// An accepted call has been answered exactly once, on the connection that it was made on, or dropped with that
-// connection. `ended` tells that no answer can come any more because the application is dead.
+// An accepted call has been answered exactly once, on the connection that it was made on, or dropped with
+// that connection. `ended` tells that no answer can come any more because the application is dead.
 inline call_verdict judge(std::uint32_t id, const call_entry& call, const call_ledger& ledger, bool ended) {
     const std::string name =
         "call " + std::to_string(id) + " of kind " + std::to_string(static_cast<int>(call.kind.load()));
