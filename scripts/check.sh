@@ -66,7 +66,7 @@ stage_faults() { scripts/faults.sh 800; }
 stage_coverage() { scripts/coverage.sh; }
 
 stages=("$@")
-[ ${#stages[@]} -gt 0 ] || stages=(scripts format gcc clang header binary abi man install packages complete tidy asan tsan fuzz)
+[ ${#stages[@]} -gt 0 ] || stages=(scripts format gcc clang header binary abi man install packages complete tidy soak asan tsan fuzz)
 for stage in "${stages[@]}"; do
     start=$SECONDS
     # An unknown stage is an error, not a success.

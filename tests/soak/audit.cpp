@@ -55,6 +55,9 @@ void auditor::fault(std::atomic<std::uint32_t>& count, std::uint32_t by, const s
 
 void auditor::judge(std::uint32_t id, const call_entry& call, bool ended) {
     ++judged_;
+    if (call.straddles != 0 && call.kind == call_kind::user) {
+        straddling_users_.insert(call.number);
+    }
     ++report_.requests;
     const test::call_verdict verdict = test::judge(id, call, ledger_, ended);
     if (verdict.answered) {
@@ -121,6 +124,16 @@ std::optional<std::uint32_t> auditor::first_open(std::uint32_t up_to) const {
         }
     }
     return std::nullopt;
+}
+
+bool auditor::has_straddling_user(std::uint32_t number) const {
+    for (std::uint32_t id = ledger_.audited; id <= ledger_.last_call_id; ++id) {
+        const call_entry& call = ledger_.of(id);
+        if (call.straddles != 0 && call.kind == call_kind::user && call.number == number) {
+            return true;
+        }
+    }
+    return straddling_users_.contains(number);
 }
 
 void auditor::give_up(std::uint32_t id) {

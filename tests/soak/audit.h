@@ -2,6 +2,7 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,6 +23,8 @@ class auditor {
     [[nodiscard]] std::optional<std::uint32_t> first_open(std::uint32_t up_to) const;
     // Notes that such a call will not be answered any more.
     void give_up(std::uint32_t id);
+    // Whether the user request with this number was made while a connection was lost.
+    [[nodiscard]] bool has_straddling_user(std::uint32_t number) const;
     // Some calls that were dropped since the last question: nobody may answer them any more.
     std::vector<std::uint32_t> take_dropped() { return std::exchange(dropped_, {}); }
     // Judges everything. The client is dead, or nothing of it is outstanding.
@@ -46,6 +49,7 @@ class auditor {
     seen_counts seen_;
     std::uint32_t judged_ = 0;
     std::vector<std::uint32_t> dropped_;
+    std::set<std::uint32_t> straddling_users_;  // of the calls that were judged
 };
 
 }  // namespace soak

@@ -47,6 +47,7 @@ constexpr std::uint32_t pause_between_users_us = 16'000;
 struct user_number {
     std::uint32_t life;
     std::uint32_t number;
+    std::uint32_t connection;
 };
 constexpr std::size_t user_number_offset = sizeof(scc_user_record) - sizeof(user_number);
 
@@ -134,20 +135,40 @@ void on_authmode(std::uint32_t mode) {
     ++ledger.notifications;
 }
 
-// Another client has added or deleted a user: additions come in the order in which it made them.
+void note_stale_user(std::uint32_t app_id, const user_number& sign) {
+    test::call_ledger& ledger = g_notes->ledger();
+    test::stale_user& entry =
+        ledger.stale_users[ledger.stale_user_count % test::call_ledger::stale_users_max];
+    entry.app_id = app_id;
+    entry.life = sign.life;
+    entry.number = sign.number;
+    ++ledger.stale_user_count;
+}
+
+// Another client has added or deleted a user: additions come in the order in which it made them. A daemon
+// that dies ends the connections of all, so none of them sends under one connection to two daemons.
 int on_user_change(std::uint8_t add, const void* /*user*/, const void* detail) {
-    static std::map<std::uint8_t, user_number> newest;
+    struct sighting {
+        user_number sign;
+        std::uint32_t own_connection;
+    };
+    static std::map<std::uint8_t, sighting> newest;
     test::call_ledger& ledger = g_notes->ledger();
     ++ledger.notifications;
     if (add == 0) {
         return 0;
     }
     const user_number sign = number_of(detail);
-    user_number& before = newest[static_cast<const std::uint8_t*>(detail)[mac_offset + 1]];
-    if (std::pair(sign.life, sign.number) <= std::pair(before.life, before.number)) {
+    const std::uint8_t app_id = static_cast<const std::uint8_t*>(detail)[mac_offset + 1];
+    sighting& before = newest[app_id];
+    if (std::pair(sign.life, sign.number) <= std::pair(before.sign.life, before.sign.number)) {
         ++ledger.strange_notifications;
     }
-    before = sign;
+    if (sign.life == before.sign.life && sign.connection == before.sign.connection &&
+        before.own_connection != ledger.connections) {
+        note_stale_user(app_id, sign);
+    }
+    before = {sign, ledger.connections};
     return 0;
 }
 
@@ -163,7 +184,7 @@ std::uint32_t set_user(std::uint32_t number, std::uint32_t* call_id) {
     std::memcpy(record.head + mac_offset, mac, sizeof mac);
     record.entry_type = 5;
     record.operation = number % 2 == 0 ? SCC_USER_OPERATION_ADD : SCC_USER_OPERATION_DELETE;
-    const user_number sign{g_life, number};
+    const user_number sign{g_life, number, g_notes->ledger().connections};
     std::memcpy(reinterpret_cast<std::uint8_t*>(&record) + user_number_offset, &sign, sizeof sign);
     return scc_nac_user_set(&record, call_id);
 }
@@ -227,10 +248,15 @@ void change_settings() {
         change_setting);
 }
 
-// All of it is on its way at once.
-void make_and_delete_acl(std::uint32_t number) {
+// Deletes the ACL that this slot had and makes another; all of it is on its way at once. So at every moment
+// some ACLs are cached.
+void replace_acl(std::uint32_t number) {
     const std::uint32_t slot = number % acls;
     const auto key = [slot](std::uint32_t serial) { return acl_key(slot, serial); };
+    g_notes->request(call_kind::acl_delete, number, [&](std::uint32_t serial, std::uint32_t* call_id) {
+        const scc_acl_key named = key(serial);
+        return scc_acl_delete(&named, call_id);
+    });
     g_notes->request(call_kind::acl_create, number, [&](std::uint32_t serial, std::uint32_t* call_id) {
         const scc_acl_key named = key(serial);
         return scc_acl_create(&named, call_id);
@@ -249,10 +275,6 @@ void make_and_delete_acl(std::uint32_t number) {
         const scc_acl_key named = key(serial);
         return scc_acl_reseqence(&named, 5, 5, call_id);
     });
-    g_notes->request(call_kind::acl_delete, number, [&](std::uint32_t serial, std::uint32_t* call_id) {
-        const scc_acl_key named = key(serial);
-        return scc_acl_delete(&named, call_id);
-    });
 }
 
 void change_acls() {
@@ -264,7 +286,7 @@ void change_acls() {
                    g_notes->outstanding(call_kind::acl_resequence) +
                    g_notes->outstanding(call_kind::acl_delete);
         },
-        make_and_delete_acl);
+        replace_acl);
 }
 
 // ---- queries ----

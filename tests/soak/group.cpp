@@ -2,9 +2,10 @@
 #include "soak/group.h"
 
 #include <algorithm>
+#include <map>
 #include <stdexcept>
 
-#include "common/control_client.h"
+#include "soak/orders.h"
 #include "support/temp_dir.h"
 
 namespace soak {
@@ -13,23 +14,32 @@ namespace {
 using clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// A recovery takes some seconds; whoever has not come back by then never will.
+// A recovery takes some seconds. Whoever has not come back by then never will, if the others have got on
+// well; on a machine that is too busy for anybody the wait is longer.
 constexpr milliseconds patience{60'000};
+constexpr milliseconds longest_patience{300'000};
+constexpr std::uint64_t answers_of_patience = 5000;
 constexpr std::uint32_t clients_of_a_group = 4;
 constexpr std::uint32_t first_app_id = 5;
 constexpr std::uint32_t service_app_id = 16;
-constexpr std::uint16_t result_type = 401;
-
-// The value of a result of success, in hexadecimal: the call id, then 0.
-std::string result_of(std::uint32_t call_id) {
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&call_id);
-    char hex[17];
-    std::snprintf(hex, sizeof hex, "%02x%02x%02x%02x00000000", bytes[0], bytes[1], bytes[2], bytes[3]);
-    return hex;
-}
-
 struct told_to_end {};
 struct fault_found {};
+
+// When a wait is over.
+class deadline {
+  public:
+    explicit deadline(const group_report& report) : report_(report), answers_(report.answers) {}
+    [[nodiscard]] bool is_over() const {
+        const auto waited = clock::now() - start_;
+        return waited > longest_patience ||
+               (waited > patience && report_.answers - answers_ > answers_of_patience);
+    }
+
+  private:
+    const group_report& report_;
+    std::uint64_t answers_;
+    clock::time_point start_ = clock::now();
+};
 
 class group {
   public:
@@ -43,6 +53,7 @@ class group {
         bool kills;
     };
 
+    void start_daemon();
     void start();
     void finish();
     void round();
@@ -53,7 +64,7 @@ class group {
     void wait_until_all_work();
     void look_at_everybody();
     [[nodiscard]] bool everybody_is_registered() const;
-    void notify_all();
+    void check_stale_users(client_member& witness);
     void answer_dropped_calls(client_member& client);
     void wait_for_answers(client_member& client, std::uint32_t up_to);
 
@@ -137,11 +148,11 @@ void group::look_after() {
 }
 
 void group::wait_until(const std::string& what, const std::function<bool()>& holds) {
-    const auto until = clock::now() + patience;
+    const deadline until(report_);
     while (!holds()) {
         look_after();
-        if (clock::now() > until) {
-            std::string text = "not within " + std::to_string(patience.count() / 1000) + " s: " + what;
+        if (until.is_over()) {
+            std::string text = "never came true: " + what;
             for (const auto& client : clients_) {
                 text += "; " + client->name() + ": " + client->state();
             }
@@ -160,11 +171,15 @@ void group::pause(std::uint32_t longest_ms) {
     } while (clock::now() < until);
 }
 
-void group::start() {
+void group::start_daemon() {
     daemon_.start();
     wait_until("the daemon is ready", [&] {
         return daemon_.process().line_after("sccd-dev: ready", 0, milliseconds(0)).has_value();
     });
+}
+
+void group::start() {
+    start_daemon();
     service_.start();
     for (const auto& client : clients_) {
         client->start();
@@ -173,27 +188,15 @@ void group::start() {
 }
 
 bool group::everybody_is_registered() const {
-    const auto answer = scc::devkit::control_call({{"do", "clients"}});
-    const auto holds = [&](std::uint32_t app_id, pid_t pid) {
-        return answer.contains("clients") &&
-               std::any_of(answer["clients"].begin(), answer["clients"].end(), [&](const auto& entry) {
-                   return entry["app"] == app_id && entry["pid"] == pid && entry["sync"] == true &&
-                          entry["async"] == true;
-               });
+    const std::map<std::uint32_t, pid_t> pids = registered_clients();
+    const auto holds = [&](std::uint32_t app_id, const member& one) {
+        const auto entry = pids.find(app_id);
+        return entry != pids.end() && entry->second == one.process().pid();
     };
-    return holds(service_app_id, service_.process().pid()) &&
+    return holds(service_app_id, service_) &&
            std::all_of(clients_.begin(), clients_.end(), [&](const auto& client) {
-               return client->ledger().connected == 1 && holds(client->app_id(), client->process().pid());
+               return client->ledger().connected == 1 && holds(client->app_id(), *client);
            });
-}
-
-void group::notify_all() {
-    ++notification_;
-    const auto answer = scc::devkit::control_call(
-        {{"do", "notify-named"}, {"name", "authmode"}, {"to", 0}, {"mode", notification_}});
-    if (!answer.contains("sent") || answer["sent"] != clients_.size()) {
-        fail("a notification did not go to every client: " + answer.dump());
-    }
 }
 
 // Registered, and every kind of request, queries and notifications get through.
@@ -209,31 +212,46 @@ void group::wait_until_all_work() {
         client->mark();
         answer_dropped_calls(*client);
     }
-    notify_all();
+    if (notify_all(++notification_) != clients_.size()) {
+        fail("a notification did not go to every client");
+    }
     for (const auto& client : clients_) {
         wait_until(client->name() + " works again", [&] { return client->has_worked(notification_); });
     }
     for (const auto& client : clients_) {
         wait_for_answers(*client, client->marked_call());
     }
+    for (const auto& client : clients_) {
+        check_stale_users(*client);
+    }
+}
+
+// A request that went with its connection is not carried out on the next one.
+void group::check_stale_users(client_member& witness) {
+    witness.take_stale_users([&](std::uint32_t app_id, std::uint32_t life, std::uint32_t number) {
+        client_member& sender = *clients_.at(app_id - first_app_id);
+        if (sender.life() == life && !sender.audit().has_straddling_user(number)) {
+            ++report_.wrong;
+            fail("the user request " + std::to_string(number) + " of " + sender.name() +
+                 " went out on a later connection than the one that it was made on");
+        }
+    });
 }
 
 // A result for a call that went with an earlier connection is for nobody.
 void group::answer_dropped_calls(client_member& client) {
     for (const std::uint32_t id : client.audit().take_dropped()) {
-        const auto answer = scc::devkit::control_call(
-            {{"do", "notify"}, {"type", result_type}, {"to", client.app_id()}, {"hex", result_of(id)}});
-        if (!answer.contains("sent")) {
-            fail("a result was not sent: " + answer.dump());
+        if (!send_result(client.app_id(), id)) {
+            fail("a result was not sent to " + client.name());
         }
     }
 }
 
 void group::wait_for_answers(client_member& client, std::uint32_t up_to) {
-    const auto until = clock::now() + patience;
+    const deadline until(report_);
     while (const std::optional<std::uint32_t> open = client.audit().first_open(up_to)) {
         look_after();
-        if (clock::now() > until) {
+        if (until.is_over()) {
             client.audit().give_up(*open);
             throw fault_found{};
         }
@@ -243,10 +261,10 @@ void group::wait_for_answers(client_member& client, std::uint32_t up_to) {
 
 void group::look_at_everybody() {
     for (member* one : members()) {
-        const auto until = clock::now() + patience;
+        const deadline until(report_);
         while (!one->watch().is_steady(one->process().pid())) {
             look_after();
-            if (clock::now() > until) {
+            if (until.is_over()) {
                 (void)one->watch().take(report_.drifts[static_cast<std::size_t>(one->kind())]);
                 fail(one->name() + " " + one->watch().text());
             }
@@ -293,11 +311,10 @@ void group::revive(const act& what) {
     if (!what.kills) {
         return what.who->go_on();
     }
-    what.who->start();
     if (what.who == &daemon_) {
-        wait_until("the daemon is ready", [&] {
-            return daemon_.process().line_after("sccd-dev: ready", 0, milliseconds(0)).has_value();
-        });
+        start_daemon();
+    } else {
+        what.who->start();
     }
 }
 
@@ -340,8 +357,8 @@ void group::finish() {
     }
     const auto expect_end = [&](member& one) {
         std::optional<int> status;
-        const auto until = clock::now() + patience;
-        while (!status && clock::now() < until) {
+        const deadline until(report_);
+        while (!status && !until.is_over()) {
             status = one.process().end();
             usleep(2000);
         }

@@ -96,6 +96,7 @@ class client_member : public member {
 
     [[nodiscard]] test::call_ledger& ledger() const { return **ledger_; }
     [[nodiscard]] std::uint32_t app_id() const { return app_id_; }
+    [[nodiscard]] std::uint32_t life() const { return life_; }
     [[nodiscard]] auditor& audit() { return *audit_; }
     // Remembers how far its work is; it works again when each kind of it has got on.
     void mark();
@@ -103,6 +104,16 @@ class client_member : public member {
     [[nodiscard]] std::uint32_t marked_call() const { return marked_call_; }
     [[nodiscard]] bool has_worked(std::uint32_t notification) const;
     [[nodiscard]] std::string state() const;
+    // Calls take(app id, life, number) for what it found stale since the last time.
+    template <class Take>
+    void take_stale_users(const Take& take) {
+        const std::uint32_t count = ledger().stale_user_count;
+        for (; stale_users_seen_ != count; ++stale_users_seen_) {
+            const test::stale_user& one =
+                ledger().stale_users[stale_users_seen_ % test::call_ledger::stale_users_max];
+            take(one.app_id.load(), one.life.load(), one.number.load());
+        }
+    }
 
   private:
     std::uint32_t app_id_;
@@ -115,6 +126,7 @@ class client_member : public member {
     std::optional<auditor> audit_;
     std::vector<std::uint32_t> mark_;
     std::uint32_t marked_call_ = 0;
+    std::uint32_t stale_users_seen_ = 0;
 };
 
 }  // namespace soak

@@ -49,6 +49,7 @@ void client_member::start() {
         throw std::runtime_error(path + ": cannot be mapped");
     }
     ledger().window = ledger_window;
+    stale_users_seen_ = 0;
     audit_.emplace(ledger(), report_, name() + ", life " + std::to_string(life_));
     spawn(SOAK_CLIENT_PATH, {std::to_string(app_id_), std::to_string(life_), path,
                              on_loop_ ? "loop" : "thread", std::to_string(option_)});

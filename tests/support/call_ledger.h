@@ -51,7 +51,15 @@ struct call_entry {
     std::atomic<std::uint32_t> result;
 };
 
+// A user whose addition another application reports although it seems to belong to an earlier connection.
+struct stale_user {
+    std::atomic<std::uint32_t> app_id;
+    std::atomic<std::uint32_t> life;
+    std::atomic<std::uint32_t> number;
+};
+
 struct call_ledger {
+    static constexpr std::uint32_t stale_users_max = 16;
     static constexpr std::uint32_t calls_max = 1U << 20;
 
     std::atomic<load_command> command;
@@ -75,6 +83,8 @@ struct call_ledger {
     std::atomic<std::uint32_t> notifications;
     std::atomic<std::uint32_t> last_notification;      // the number that the newest one carried
     std::atomic<std::uint32_t> strange_notifications;  // repeated, overtaken or missing on one connection
+    std::atomic<std::uint32_t> stale_user_count;
+    stale_user stale_users[stale_users_max];
     std::atomic<std::uint32_t> cache_reads;
     std::atomic<std::uint32_t> cache_faults;
     std::atomic<std::uint32_t> window;   // 0: calls_max
