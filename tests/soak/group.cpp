@@ -5,41 +5,21 @@
 #include <map>
 #include <stdexcept>
 
+#include "soak/deadline.h"
 #include "soak/orders.h"
 #include "support/temp_dir.h"
 
 namespace soak {
 namespace {
 
-using clock = std::chrono::steady_clock;
+using clock = deadline::clock;
 using std::chrono::milliseconds;
 
-// A recovery takes some seconds. Whoever has not come back by then never will, if the others have got on
-// well; on a machine that is too busy for anybody the wait is longer.
-constexpr milliseconds patience{60'000};
-constexpr milliseconds longest_patience{300'000};
-constexpr std::uint64_t answers_of_patience = 5000;
 constexpr std::uint32_t clients_of_a_group = 4;
 constexpr std::uint32_t first_app_id = 5;
 constexpr std::uint32_t service_app_id = 16;
 struct told_to_end {};
 struct fault_found {};
-
-// When a wait is over.
-class deadline {
-  public:
-    explicit deadline(const group_report& report) : report_(report), answers_(report.answers) {}
-    [[nodiscard]] bool is_over() const {
-        const auto waited = clock::now() - start_;
-        return waited > longest_patience ||
-               (waited > patience && report_.answers - answers_ > answers_of_patience);
-    }
-
-  private:
-    const group_report& report_;
-    std::uint64_t answers_;
-    clock::time_point start_ = clock::now();
-};
 
 class group {
   public:
