@@ -61,11 +61,12 @@ stage_tsan() {
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_tests tsan
 }
 stage_fuzz() { scripts/fuzz.sh --seed 1 --jobs $((jobs * 2)) 5; }
+stage_soak() { scripts/soak.sh 0.5; }
 stage_faults() { scripts/faults.sh 800; }
 stage_coverage() { scripts/coverage.sh; }
 
 stages=("$@")
-[ ${#stages[@]} -gt 0 ] || stages=(scripts format gcc clang header binary abi man install packages complete tidy asan tsan fuzz)
+[ ${#stages[@]} -gt 0 ] || stages=(scripts format gcc clang header binary abi man install packages complete tidy soak asan tsan fuzz)
 for stage in "${stages[@]}"; do
     start=$SECONDS
     # An unknown stage is an error, not a success.

@@ -53,7 +53,7 @@ void service_bridge::detach() {
     user_reads_.clear();
     awaited_.clear();
     while (!exchanges_.empty()) {
-        finish(exchanges_.rbegin()->first, result::service_timeout, {});
+        finish(exchanges_.begin()->first, result::service_timeout, {});
     }
 }
 

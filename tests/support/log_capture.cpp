@@ -28,7 +28,7 @@ store& the_store() {
 
 constinit std::atomic<int> g_errno_left{0};
 
-std::string behind_prefix(const std::string& whole) {
+std::string without_prefix(const std::string& whole) {
     if (whole.empty() || whole.front() != '<') {
         return whole;
     }
@@ -94,7 +94,7 @@ extern "C" int printk_syslog_ext(int level, const char* module, const char* subm
     va_end(arguments);
     auto& store = test::the_store();
     const std::lock_guard guard(store.mutex);
-    store.lines.push_back({level, module, submodule, flag, test::behind_prefix(text), text});
+    store.lines.push_back({level, module, submodule, flag, test::without_prefix(text), text});
     store.changed.notify_all();
     if (const int left = test::g_errno_left; left != 0) {
         errno = left;

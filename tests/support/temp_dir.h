@@ -10,9 +10,8 @@ namespace test {
 
 class temp_dir {
   public:
-    temp_dir() {
-        char name[] = "/tmp/scct-XXXXXX";
-        path_ = mkdtemp(name);
+    explicit temp_dir(const std::string& prefix = "scct") : path_("/tmp/" + prefix + "-XXXXXX") {
+        mkdtemp(path_.data());
         setenv("TMPDIR", path_.c_str(), 1);
         setenv("DATA_QXOS_DIR", path_.c_str(), 1);
     }

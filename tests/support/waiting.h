@@ -53,12 +53,12 @@ inline std::vector<process_thread> process_threads(const std::string& field) {
         std::ifstream status(task.path() / "status");
         process_thread one{std::stoi(task.path().filename()), "", ""};
         for (std::string line; std::getline(status, line);) {
-            const auto behind_tab = line.find('\t') == std::string::npos ? line.size() : line.find('\t') + 1;
+            const auto after_tab = line.find('\t') == std::string::npos ? line.size() : line.find('\t') + 1;
             if (line.starts_with("Name:")) {
-                one.name = line.substr(behind_tab);
+                one.name = line.substr(after_tab);
             }
             if (line.starts_with(field + ":")) {
-                one.value = line.substr(behind_tab);
+                one.value = line.substr(after_tab);
             }
         }
         if (!one.name.empty()) {

@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# soak.sh MINUTES [--seed N] [--kills N] [--groups N]: daemons, services and clients side by side, which are killed and
+# stopped at random moments.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/common.sh
+. scripts/common.sh
+build debug soak soak_client sccd-dev scc-ss-dev
+exec build/debug/tests/soak/soak "$@"

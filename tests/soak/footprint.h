@@ -1,0 +1,49 @@
+// Descriptors, threads and resident memory of a process, and how far they depart from what they were.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "soak/report.h"
+
+namespace soak {
+
+struct footprint {
+    int descriptors = 0;   // entries of /proc/PID/fd
+    int threads = 0;       // entries of /proc/PID/task
+    int resident_kib = 0;  // Rss of /proc/PID/smaps_rollup
+};
+
+std::optional<footprint> footprint_of(pid_t pid);
+
+inline constexpr int memory_growth_max_kib = 1024;
+
+// One life of a process. It is looked at when all clients of its group work, so that it has the connections
+// that it had then before. The least numbers of descriptors and threads that were seen must come back each
+// time; memory may grow while the process is young.
+class footprint_watch {
+  public:
+    using clock = std::chrono::steady_clock;
+
+    explicit footprint_watch(std::chrono::milliseconds warm_up) : warm_up_(warm_up) {}
+
+    // Whether descriptors and threads are those of before; a connection that is just being closed passes.
+    bool is_steady(pid_t pid);
+    // What to say if they are not.
+    [[nodiscard]] std::string text() const;
+    // Takes the newest look into account; the fault if there is one.
+    std::string take(drift& drifts);
+
+  private:
+    std::chrono::milliseconds warm_up_;
+    clock::time_point start_ = clock::now();
+    std::optional<footprint> least_;
+    std::optional<footprint> newest_;
+    std::optional<int> warm_kib_;
+    bool counted_ = false;
+};
+
+}  // namespace soak
