@@ -31,11 +31,12 @@ constexpr std::memory_order relaxed = std::memory_order_relaxed;
 class client : public actors {
   public:
     client() {
-        never_written(&scc_lib_debug);
-        never_written(&g_scc_client_cb.thread_mode);
-        never_written(&g_scc_client_cb.pid);
+        no_switches_at(&scc_lib_debug, sizeof scc_lib_debug);
+        no_switches_at(&g_scc_client_cb.thread_mode, sizeof g_scc_client_cb.thread_mode);
+        no_switches_at(&g_scc_client_cb.pid, sizeof g_scc_client_cb.pid);
         g_scc_client_cb.thread_mode.store(1, relaxed);
         g_scc_client_cb.app_id.store(7, relaxed);
+        _scc_lib_data_init();
         generation_ = scc::begin_generation();
         connect();
         _scc_client_state_set(scc::state_registered);
@@ -55,8 +56,17 @@ class client : public actors {
                scc::install_descriptor(channel::async, open_socket(connection), generation_);
     }
     bool connect_anew() {
-        return scc::reset_connection(generation_) && connect() &&
+        if (!scc::reset_connection(generation_)) {
+            return false;
+        }
+        const u32 epoch = scc::epoch_of(generation_);
+        return connect() && exchange_on(channel::sync, epoch) && exchange_on(channel::async, epoch) &&
                scc::set_state_of(generation_, scc::state_registered);
+    }
+    // The epoch that a request belongs to; any_epoch when the client is not registered.
+    static u32 begin_request() {
+        const u32 epoch = scc::connection_epoch();
+        return scc::client_state_now() == scc::state_registered ? epoch : scc::any_epoch;
     }
     // The only connection that bytes of this epoch may go to.
     void expect_connection(unsigned found, u32 epoch) {
@@ -66,6 +76,13 @@ class client : public actors {
     u32 generation_ = 0;
 
   private:
+    // A registration request with its reply.
+    static bool exchange_on(channel which, u32 epoch) {
+        const borrowed_descriptor borrowed(which, epoch);
+        step("talks to the daemon");
+        return borrowed.fd() >= 0 && !is_shut_down(borrowed.fd());
+    }
+
     ghost<unsigned> connections_;
     std::array<ghost<u32>, 6> epoch_;
 };
@@ -78,7 +95,10 @@ class borrow : public client {
             (void)connect_anew();
             return;
         }
-        const u32 epoch = scc::connection_epoch();
+        const u32 epoch = begin_request();
+        if (epoch == scc::any_epoch) {
+            return;
+        }
         const borrowed_descriptor borrowed(channel::async, epoch);
         for (int i = 0; i < 2; ++i) {
             step("uses the descriptor");
@@ -109,7 +129,10 @@ class two_borrowers : public client {
 class two_closers : public client {
   public:
     void run(unsigned thread) override {
-        const u32 epoch = scc::connection_epoch();
+        const u32 epoch = thread == 3 ? scc::any_epoch : begin_request();
+        if (thread != 3 && epoch == scc::any_epoch) {
+            return;
+        }
         if (thread == 1) {
             const borrowed_descriptor borrowed(channel::async, epoch);
             step("uses the descriptor");
@@ -152,11 +175,6 @@ class late_report : public client {
 template <bool ByBatch>
 class send_over_reconnection : public client {
   public:
-    send_over_reconnection() {
-        if (ByBatch) {
-            require(scc::prepare_batch(), "There is no batch.");
-        }
-    }
     void run(unsigned thread) override {
         if (thread == 2) {
             (void)connect_anew();
@@ -166,7 +184,10 @@ class send_over_reconnection : public client {
             scc::flush_waiting_batch();
             return;
         }
-        const u32 epoch = scc::connection_epoch();
+        const u32 epoch = begin_request();
+        if (epoch == scc::any_epoch) {
+            return;
+        }
         const scc::connection_scope scope(epoch);
         const std::array<u8, 4> value{static_cast<u8>(epoch)};
         if (ByBatch) {
@@ -187,22 +208,13 @@ class send_over_reconnection : public client {
 };
 
 // A request saves its call while the connection ends: no call of a lost connection stays pending.
-class save_over_reset : public client {
+class request_over_reset : public client {
   public:
-    save_over_reset() { require(scc::prepare_batch(), "There is no batch."); }
     void run(unsigned thread) override {
-        if (thread == 2) {
+        if (thread == 1) {
+            (void)scc_addr_learning(7, 1, nullptr);
+        } else {
             (void)scc::reset_connection(generation_);
-            return;
-        }
-        const lib_lock guard;
-        const scc::connection_scope scope;
-        if (scc::client_state_now() != scc::state_registered) {
-            return;
-        }
-        (void)_scc_lib_save_call_data(1, 1, nullptr, 0);
-        if (scc::epoch_of_this_thread() != scc::connection_epoch()) {
-            _scc_lib_del_call_data(1);
         }
     }
     void finish() override {
@@ -246,7 +258,7 @@ constexpr program programs[] = {
     {"a late report spares the next connection", 2, two, four, make<late_report>},
     {"a message stays with its connection", 2, two, four, make<send_over_reconnection<false>>},
     {"a batched request stays with its connection", 3, two, three, make<send_over_reconnection<true>>},
-    {"no call outlives its connection", 2, two, four, make<save_over_reset>},
+    {"no call outlives its connection", 2, two, four, make<request_over_reset>},
     {"no socket of an ended registration is installed", 2, two, four, make<end_over_reconnection>},
 };
 

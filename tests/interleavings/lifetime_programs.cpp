@@ -1,5 +1,6 @@
 // Generations, turns, unregistration and the start.
 #include <array>
+#include <cstddef>
 
 #include "client/connection.h"
 #include "client/control_block.h"
@@ -23,8 +24,8 @@ constexpr std::memory_order relaxed = std::memory_order_relaxed;
 class process : public actors {
   public:
     process() {
-        never_written(&scc_lib_debug);
-        never_written(&g_scc_client_cb.thread_mode);
+        no_switches_at(&scc_lib_debug, sizeof scc_lib_debug);
+        no_switches_at(&g_scc_client_cb.thread_mode, sizeof g_scc_client_cb.thread_mode);
         g_scc_client_cb.thread_mode.store(1, relaxed);
     }
 
@@ -167,9 +168,10 @@ class unregister_and_start : public process {
   public:
     unregister_and_start() {
         begin_registered();
-        scc_reg_info info{};
-        info.handlers.server_status = server_status;
-        _scc_lib_handler_set(&info);
+        no_switches_at(&g_scc_client_cb.handlers, offsetof(scc_handlers, server_status));
+        constexpr std::size_t rest = offsetof(scc_handlers, server_status) + sizeof g_scc_client_cb.handlers.server_status;
+        no_switches_at(reinterpret_cast<const char*>(&g_scc_client_cb.handlers) + rest, sizeof(scc_handlers) - rest);
+        set_handler();
         handling_.set(0);
         next_started_.set(false);
     }
@@ -186,9 +188,7 @@ class unregister_and_start : public process {
         u32 next = 0;
         require(scc::claim_start(scc::start_kind::thread, next), "The next registration is refused.");
         _scc_client_state_set(scc::state_connecting);
-        scc_reg_info info{};
-        info.handlers.server_status = server_status;
-        _scc_lib_handler_set(&info);
+        set_handler();
         next_started_.set(true);
         scc::notify_status(2, next);
     }
@@ -199,6 +199,13 @@ class unregister_and_start : public process {
 
     static ghost<int> handling_;
     static ghost<bool> next_started_;
+
+  private:
+    static void set_handler() {
+        scc_reg_info info{};
+        info.handlers.server_status = server_status;
+        _scc_lib_handler_set(&info);
+    }
 };
 ghost<int> unregister_and_start::handling_;
 ghost<bool> unregister_and_start::next_started_;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -96,24 +97,28 @@ std::string text_of(const bounds& limit) {
                : std::to_string(limit.preemptions) + " preemptions, " + std::to_string(limit.old_values) + " old values";
 }
 
-// Function and line of an address of this program.
+// Function and line of an address of this program; of inlined calls the innermost that is not the C++ library's.
 std::string place_of(const void* code) {
     if (code == nullptr) {
         return {};
     }
     const auto offset = reinterpret_cast<std::uintptr_t>(code) - reinterpret_cast<std::uintptr_t>(&__executable_start);
-    std::array<char, 400> command{};
-    std::snprintf(command.data(), command.size(), "addr2line -Cfpse /proc/%d/exe %#zx", static_cast<int>(getpid()),
+    std::array<char, 100> command{};
+    std::snprintf(command.data(), command.size(), "addr2line -Cfpise /proc/%d/exe %#zx", static_cast<int>(getpid()),
                   offset - 1);
     std::string place;
     if (FILE* lines = popen(command.data(), "r"); lines != nullptr) {
         std::array<char, 400> line{};
-        if (std::fgets(line.data(), line.size(), lines) != nullptr) {
-            place = line.data();
-            place.erase(place.find_last_not_of('\n') + 1);
+        while (std::fgets(line.data(), line.size(), lines) != nullptr) {
+            if (place.empty() && std::strstr(line.data(), " atomic") == nullptr) {
+                place = line.data();
+            }
         }
         pclose(lines);
     }
+    constexpr std::string_view inlined = " (inlined by) ";
+    place.erase(0, place.starts_with(inlined) ? inlined.size() : 0);
+    place.erase(place.find_last_not_of('\n') + 1);
     return place;
 }
 

@@ -1,9 +1,11 @@
 // See memory.h.
 #include "memory.h"
 
+#include <algorithm>
 #include <array>
 #include <cinttypes>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "system.h"
@@ -88,8 +90,8 @@ struct cell {
 
 address_table<location, 4096> g_locations;
 address_table<cell, 16384> g_cells;
-std::vector<const volatile void*> g_never_written;
-vector_clock g_seq_cst_fences;
+std::vector<std::pair<std::uintptr_t, std::uintptr_t>> g_without_switches;  // from, to
+vector_clock g_barriers;  // what the barriers so far have made visible
 std::array<vector_clock, most_threads> g_fence_released;  // what a thread's later relaxed stores release
 std::array<vector_clock, most_threads> g_fence_to_acquire;
 
@@ -159,7 +161,7 @@ void see(location& here, std::size_t index) {
 std::size_t oldest_visible(const location& here, order how) {
     std::size_t oldest = 0;
     for (const sighting& each : here.sightings) {
-        if (each.thread == current_thread() || current_clock().covers(each.thread, each.when)) {
+        if (each.thread == current_thread() || current_view().covers(each.thread, each.when)) {
             oldest = std::max(oldest, each.index);
         }
     }
@@ -173,7 +175,7 @@ std::size_t oldest_visible(const location& here, order how) {
 
 void synchronise_with(const store& read, order how) {
     if (acquires(how)) {
-        current_clock().join(read.released);
+        join_clock(read.released);
     } else {
         g_fence_to_acquire[current_thread()].join(read.released);
     }
@@ -191,12 +193,10 @@ void append(location& here, volatile void* at, unsigned size, std::uint64_t valu
     }
 }
 
-bool interrupts_at(const volatile void* at, bool writes) {
-    for (const volatile void* each : g_never_written) {
-        if (each == at) {
-            if (writes) {
-                violate("A location is written that was said to be never written.");
-            }
+bool interrupts_at(const volatile void* at) {
+    const auto address = reinterpret_cast<std::uintptr_t>(at);
+    for (const auto& [from, to] : g_without_switches) {
+        if (address >= from && address < to) {
             return false;
         }
     }
@@ -204,7 +204,7 @@ bool interrupts_at(const volatile void* at, bool writes) {
 }
 
 void pause(const volatile void* at, const char* name, bool writes, const void* code) {
-    if (interrupts_at(at, writes)) {
+    if (interrupts_at(at)) {
         before({.name = name, .touches = {const_cast<const void*>(at)}, .writes = writes, .code = code});
     }
 }
@@ -224,7 +224,7 @@ std::uint64_t atomic_load(const volatile void* at, unsigned size, order how, con
     const std::size_t read = newest - choose_old_value(static_cast<unsigned>(older + 1));
     see(here, read);
     synchronise_with(here.history[read], how);
-    if (interrupts_at(at, false)) {
+    if (interrupts_at(at)) {
         note(" %#" PRIx64 " (%s%s)", here.history[read].value, name_of(how), read == newest ? "" : ", an old value");
     }
     return here.history[read].value;
@@ -236,7 +236,9 @@ void atomic_store(volatile void* at, unsigned size, std::uint64_t value, order h
         return;
     }
     pause(at, "stores", true, code);
-    note(" %#" PRIx64 " (%s)", value, name_of(how));
+    if (interrupts_at(at)) {
+        note(" %#" PRIx64 " (%s)", value, name_of(how));
+    }
     check_heap(at, size);
     check_access(at, size, atomic_write);
     append(location_at(at, size), at, size, value, how, {});
@@ -258,7 +260,9 @@ std::uint64_t atomic_change(volatile void* at, unsigned size, std::uint64_t oper
     const store read = here.history.back();
     synchronise_with(read, how);
     const std::uint64_t changed = how_changed(read.value, operand) & mask;
-    note(" %#" PRIx64 " to %#" PRIx64 " (%s)", read.value, changed, name_of(how));
+    if (interrupts_at(at)) {
+        note(" %#" PRIx64 " to %#" PRIx64 " (%s)", read.value, changed, name_of(how));
+    }
     append(here, at, size, changed, how, read.released);
     return read.value;
 }
@@ -271,7 +275,9 @@ bool atomic_compare_exchange(volatile void* at, unsigned size, std::uint64_t& ex
         check_access(at, size, atomic_write);
         location& here = location_at(at, size);
         const store read = here.history.back();
-        note(" %#" PRIx64, read.value);
+        if (interrupts_at(at)) {
+            note(" %#" PRIx64, read.value);
+        }
         if (read.value != expected) {
             see(here, here.history.size() - 1);
             synchronise_with(read, failure);
@@ -297,12 +303,11 @@ void atomic_fence(order how) {
     }
     const unsigned self = current_thread();
     if (acquires(how)) {
-        current_clock().join(g_fence_to_acquire[self]);
+        join_clock(g_fence_to_acquire[self]);
     }
     if (how == order::seq_cst) {
-        before({.name = "fence", .touches = {&g_seq_cst_fences}});
-        current_clock().join(g_seq_cst_fences);
-        g_seq_cst_fences = current_clock();
+        before({.name = "fence", .touches = {&g_barriers}});
+        full_barrier();
     }
     if (releases(how)) {
         g_fence_released[self] = current_clock();
@@ -311,22 +316,30 @@ void atomic_fence(order how) {
 }
 
 void plain_access(const volatile void* at, std::size_t size, bool writes, const void* /*code*/) {
-    if (!is_exploring() || is_on_a_stack(const_cast<const void*>(at))) {
+    if (!is_exploring() || belongs_to_thread(const_cast<const void*>(at))) {
         return;
     }
     check_heap(at, size);
     check_access(at, size, writes ? plain_write : plain_read);
 }
 
-void never_written(const volatile void* at) {
-    g_never_written.push_back(at);
+void no_switches_at(const volatile void* at, std::size_t size) {
+    const auto from = reinterpret_cast<std::uintptr_t>(at);
+    g_without_switches.emplace_back(from, from + size);
+}
+
+void full_barrier() {
+    vector_clock& view = current_view();
+    view.join(g_barriers);
+    g_barriers.join(view);
+    advance_clock();
 }
 
 void reset_memory() {
     g_locations.clear();
     g_cells.clear();
-    g_never_written.clear();
-    g_seq_cst_fences = {};
+    g_without_switches.clear();
+    g_barriers = {};
     g_fence_released = {};
     g_fence_to_acquire = {};
 }

@@ -30,8 +30,13 @@ void atomic_fence(order how);
 
 void plain_access(const volatile void* at, std::size_t size, bool writes, const void* code);
 
-// Accesses of this location are no reason for a switch: no thread of a program writes it.
-void never_written(const volatile void* at);
+// Atomic accesses of these bytes are no reason for a switch: what a program is about lies elsewhere. They return
+// old values and are checked all the same.
+void no_switches_at(const volatile void* at, std::size_t size);
+
+// The barrier that a lock of the C library is (POSIX, Memory Synchronization): what the thread has seen and done
+// before it, whoever takes a lock after it sees. It orders no plain accesses, which the lock itself does.
+void full_barrier();
 
 void reset_memory();
 

@@ -6,6 +6,7 @@
 #include <ucontext.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -33,6 +34,7 @@ struct thread_record {
     std::vector<char> locals;
     int error = 0;
     vector_clock clock{};
+    vector_clock view{};
     operation next{};
     bool asleep = false;  // its next operation leads to an explored execution
     bool finished = false;
@@ -255,6 +257,7 @@ void prepare_thread(unsigned thread) {
     record.asleep = record.finished = false;
     record.clock = g_threads[0].clock;
     record.clock.ticks[thread] = 1;
+    record.view = record.clock;
     record.next = {.name = "begins"};
     if (record.stack == nullptr) {
         record.stack = static_cast<char*>(
@@ -265,6 +268,25 @@ void prepare_thread(unsigned thread) {
     record.context.uc_stack.ss_size = stack_bytes;
     record.context.uc_link = nullptr;
     makecontext(&record.context, thread_body, 0);
+}
+
+// An access to no memory at all ends the execution like any other violation.
+void report_bad_access(int /*signal*/) {
+    if (g_run.current == 0) {
+        (void)std::signal(SIGSEGV, SIG_DFL);  // the driver's own: ends the process when it is repeated
+        return;
+    }
+    violate("An access to memory that does not exist.");
+}
+
+void catch_bad_accesses() {
+    static std::array<char, 65536> stack;
+    const stack_t own{.ss_sp = stack.data(), .ss_flags = 0, .ss_size = stack.size()};
+    sigaltstack(&own, nullptr);
+    struct sigaction action {};
+    action.sa_handler = report_bad_access;
+    action.sa_flags = SA_ONSTACK | SA_NODEFER;
+    sigaction(SIGSEGV, &action, nullptr);
 }
 
 void reset_execution() {
@@ -284,6 +306,7 @@ void reset_execution() {
     g_run.current = 0;
     g_threads[0].clock = {};
     g_threads[0].clock.ticks[0] = 1;
+    g_threads[0].view = g_threads[0].clock;
     reset_memory();
     reset_system();
 }
@@ -308,7 +331,7 @@ void execute() {
     }
     if (!was_given_up()) {
         for (unsigned thread = 1; thread <= g_run.threads; ++thread) {
-            g_threads[0].clock.join(g_threads[thread].clock);
+            join_clock(g_threads[thread].clock);
         }
         g_run.running->finish();
     }
@@ -316,6 +339,7 @@ void execute() {
 }
 
 void begin(const program& what, const bounds& limit) {
+    catch_bad_accesses();
     g_run = {};
     g_run.what = &what;
     g_run.limit = limit;
@@ -391,12 +415,22 @@ unsigned current_thread() {
     return g_run.current;
 }
 
-vector_clock& current_clock() {
+const vector_clock& current_clock() {
     return g_threads[g_run.current].clock;
 }
 
+vector_clock& current_view() {
+    return g_threads[g_run.current].view;
+}
+
+void join_clock(const vector_clock& other) {
+    g_threads[g_run.current].clock.join(other);
+    g_threads[g_run.current].view.join(other);
+}
+
 void advance_clock() {
-    ++current_clock().ticks[g_run.current];
+    ++g_threads[g_run.current].clock.ticks[g_run.current];
+    current_view().join(current_clock());
 }
 
 void before(const operation& next) {
@@ -455,7 +489,10 @@ void violate(const char* format, ...) {
     }
 }
 
-bool is_on_a_stack(const void* address) {
+bool belongs_to_thread(const void* address) {
+    if (address >= g_locals.first && address < g_locals.first + g_locals.second) {
+        return true;
+    }
     for (unsigned thread = 1; thread <= g_run.threads; ++thread) {
         const char* stack = g_threads[thread].stack;
         if (address >= stack && address < stack + stack_bytes) {

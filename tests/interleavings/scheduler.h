@@ -87,7 +87,11 @@ struct outcome {
 // Whether a program is being explored, in its threads or on the main thread before and after them.
 [[nodiscard]] bool is_exploring();
 [[nodiscard]] unsigned current_thread();
-[[nodiscard]] vector_clock& current_clock();
+// What happens before the thread's next operation; and what it cannot read older values than, which is more
+// after a barrier.
+[[nodiscard]] const vector_clock& current_clock();
+[[nodiscard]] vector_clock& current_view();
+void join_clock(const vector_clock& other);
 // Ends what other threads may synchronise with: later accesses are not covered by an earlier release.
 void advance_clock();
 // To be called before each operation that other threads can see.
@@ -101,7 +105,7 @@ void wake_spuriously();
 void note(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // Reports a violation and, on a program's thread, abandons the execution.
 void violate(const char* format, ...) __attribute__((format(printf, 1, 2)));
-// Whether the address lies in a thread's stack, which no other thread reaches.
-[[nodiscard]] bool is_on_a_stack(const void* address);
+// Whether the address lies in a thread's stack or among its variables, which no other thread reaches.
+[[nodiscard]] bool belongs_to_thread(const void* address);
 
 }  // namespace interleavings

@@ -57,7 +57,8 @@ readiness is_free(const void* lock, unsigned /*thread*/) {
 void take(const void* lock) {
     lock_record& record = record_of(lock);
     record.owner = current_thread();
-    current_clock().join(record.released);
+    join_clock(record.released);
+    full_barrier();
 }
 
 void lock(const void* what, const char* name, const void* code) {
