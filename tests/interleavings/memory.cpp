@@ -306,7 +306,7 @@ void atomic_fence(order how) {
         join_clock(g_fence_to_acquire[self]);
     }
     if (how == order::seq_cst) {
-        before({.name = "fence", .touches = {&g_barriers}});
+        before({.name = "fence", .touches = {barriers()}});
         full_barrier();
     }
     if (releases(how)) {
@@ -333,6 +333,10 @@ void full_barrier() {
     view.join(g_barriers);
     g_barriers.join(view);
     advance_clock();
+}
+
+const void* barriers() {
+    return &g_barriers;
 }
 
 void reset_memory() {

@@ -37,6 +37,8 @@ void no_switches_at(const volatile void* at, std::size_t size);
 // The barrier that a lock of the C library is (POSIX, Memory Synchronization): what the thread has seen and done
 // before it, whoever takes a lock after it sees. It orders no plain accesses, which the lock itself does.
 void full_barrier();
+// What every operation with a barrier touches.
+[[nodiscard]] const void* barriers();
 
 void reset_memory();
 

@@ -26,8 +26,8 @@ class actors {
 struct program {
     std::string_view name;  // a sentence
     unsigned threads;
-    bounds quick;  // takes about a second
-    bounds deep;   // for ./run interleavings
+    bounds quick;  // of the tests
+    bounds deep;   // of ./run interleavings
     std::unique_ptr<actors> (*make)();
 };
 

@@ -55,6 +55,7 @@ struct run_state {
     int old_values = 0;
     int spurious_wakeups = 0;
     unsigned steps = 0;
+    bool nothing_else = false;
     bool redundant = false;
     bool cut = false;
     std::string violation;
@@ -147,6 +148,7 @@ void add_ready(candidates& found, readiness kind) {
 candidates ready_threads() {
     candidates found;
     add_ready(found, readiness::yes);
+    g_run.nothing_else = found.count == 0;
     add_ready(found, found.count != 0 ? readiness::spuriously : readiness::when_nothing_else_is);
     return found;
 }
@@ -457,6 +459,10 @@ unsigned choose_old_value(unsigned options) {
 
 bool may_wake_spuriously() {
     return g_run.spurious_wakeups < g_run.limit.spurious_wakeups;
+}
+
+bool nothing_else_goes_on() {
+    return g_run.nothing_else;
 }
 
 void wake_spuriously() {

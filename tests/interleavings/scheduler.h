@@ -48,7 +48,7 @@ enum class readiness : unsigned {
 struct operation {
     const char* name = "";
     // What it touches; two operations on a common address affect each other unless both only read it.
-    std::array<const void*, 3> touches{};
+    std::array<const void*, 4> touches{};
     bool writes = true;
     // Whether another thread may interrupt before it, under a bound of preemptions.
     bool interrupts = true;
@@ -101,6 +101,8 @@ void before(const operation& next);
 // Whether a wait may end without a signal; and that one did.
 [[nodiscard]] bool may_wake_spuriously();
 void wake_spuriously();
+// Whether the current thread goes on because no other one could.
+[[nodiscard]] bool nothing_else_goes_on();
 // Adds to the last entry of the trace.
 void note(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // Reports a violation and, on a program's thread, abandons the execution.

@@ -38,6 +38,7 @@ struct waiter {
 
 std::vector<lock_record> g_locks;
 std::array<waiter, most_threads> g_waiters;
+unsigned g_waits_timed_out = 0;
 const char g_wakeups = 0;  // stands for the number of spurious wake-ups so far
 
 lock_record& record_of(const void* lock) {
@@ -62,7 +63,7 @@ void take(const void* lock) {
 }
 
 void lock(const void* what, const char* name, const void* code) {
-    before({.name = name, .touches = {what}, .ready = is_free, .subject = what, .code = code});
+    before({.name = name, .touches = {what, barriers()}, .ready = is_free, .subject = what, .code = code});
     take(what);
 }
 
@@ -100,10 +101,13 @@ int wait(const void* condition, const void* mutex, bool timed, const void* code)
     give(mutex);
     waiter& self = g_waiters[current_thread()];
     self = {.condition = condition, .mutex = mutex, .timed = timed};
-    before({.name = "wakes", .touches = {mutex, condition, &g_wakeups}, .ready = may_wake, .code = code});
+    before({.name = "wakes", .touches = {mutex, condition, &g_wakeups, barriers()}, .ready = may_wake, .code = code});
     const bool signalled = self.signalled;
     self = {};
-    if (!signalled) {
+    if (!signalled && nothing_else_goes_on()) {
+        ++g_waits_timed_out;
+        note(" when its time is over");
+    } else if (!signalled) {
         wake_spuriously();
         note(" without a signal");
     }
@@ -251,6 +255,10 @@ std::span<const sent_bytes> sent() {
     return g_sent;
 }
 
+unsigned waits_timed_out() {
+    return g_waits_timed_out;
+}
+
 unsigned live_blocks() {
     unsigned count = 0;
     for (const block& each : g_blocks) {
@@ -279,6 +287,7 @@ void check_heap(const volatile void* at, std::size_t size) {
 void reset_system() {
     g_locks.clear();
     g_waiters = {};
+    g_waits_timed_out = 0;
     g_blocks.clear();
     g_arena_used = 0;
     g_sockets = {};
@@ -304,7 +313,7 @@ int woven_pthread_rwlock_wrlock(pthread_rwlock_t* lock_) {
     return 0;
 }
 int woven_pthread_rwlock_trywrlock(pthread_rwlock_t* lock_) {
-    before({.name = "tries to lock", .touches = {lock_}, .code = CODE});
+    before({.name = "tries to lock", .touches = {lock_, barriers()}, .code = CODE});
     if (record_of(lock_).owner != nobody) {
         return EBUSY;
     }

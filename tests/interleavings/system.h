@@ -25,6 +25,9 @@ struct sent_bytes {
 };
 [[nodiscard]] std::span<const sent_bytes> sent();
 
+// Waits that ended because no other thread could go on.
+[[nodiscard]] unsigned waits_timed_out();
+
 // Blocks of the library's heap that live.
 [[nodiscard]] unsigned live_blocks();
 // Reports an access to the heap that is in no live block.
