@@ -26,8 +26,8 @@ using scc::u8;
 
 constexpr std::memory_order relaxed = std::memory_order_relaxed;
 
-// A registered client in thread mode. Connection 1 has the sockets 3 and 4; later ones take the numbers that are
-// free.
+// A registered client in thread mode. Connection 1 has the sockets 3 and 4; later ones take the numbers that
+// are free.
 class client : public actors {
   public:
     client() {
@@ -162,7 +162,8 @@ class late_report : public client {
     }
     void finish() override {
         const int fd = g_scc_client_cb.async_fd.load(relaxed);
-        require(connection_of(fd) == 2 && !is_shut_down(fd), "A report of the old connection ended the new one.");
+        require(connection_of(fd) == 2 && !is_shut_down(fd),
+                "A report of the old connection ended the new one.");
         require(!scc::is_shut_down(scc::connection_epoch()), "The new connection counts as shut down.");
         client::finish();
     }

@@ -64,7 +64,8 @@ class turns : public process {
         step("a handler begins");
         const int others = generation == first_ ? of_second_.get() : of_first_.get();
         require(others == 0, "Handlers of two registrations run together.");
-        require(generation != first_ || !second_delivered_.get(), "An ended registration delivers after the next.");
+        require(generation != first_ || !second_delivered_.get(),
+                "An ended registration delivers after the next.");
         ghost<int>& own = generation == first_ ? of_first_ : of_second_;
         own.add(1);
         if (generation != first_) {
@@ -172,8 +173,10 @@ class unregister_and_start : public process {
     unregister_and_start() {
         begin_registered();
         no_switches_at(&g_scc_client_cb.handlers, offsetof(scc_handlers, server_status));
-        constexpr std::size_t rest = offsetof(scc_handlers, server_status) + sizeof g_scc_client_cb.handlers.server_status;
-        no_switches_at(reinterpret_cast<const char*>(&g_scc_client_cb.handlers) + rest, sizeof(scc_handlers) - rest);
+        constexpr std::size_t rest =
+            offsetof(scc_handlers, server_status) + sizeof g_scc_client_cb.handlers.server_status;
+        no_switches_at(reinterpret_cast<const char*>(&g_scc_client_cb.handlers) + rest,
+                       sizeof(scc_handlers) - rest);
         set_handler();
         handling_.set(0);
         next_started_.set(false);
@@ -196,8 +199,10 @@ class unregister_and_start : public process {
         scc::notify_status(2, next);
     }
     void finish() override {
-        require(scc::client_state_now() == scc::state_connecting, "The thread that leaves has changed the next one's state.");
-        require(scc::is_started(scc::start_kind::thread), "The thread that leaves has ended the next registration.");
+        require(scc::client_state_now() == scc::state_connecting,
+                "The thread that leaves has changed the next one's state.");
+        require(scc::is_started(scc::start_kind::thread),
+                "The thread that leaves has ended the next registration.");
     }
 
     static ghost<int> handling_;
@@ -216,7 +221,8 @@ ghost<bool> unregister_and_start::next_started_;
 void server_status(u32 status) {
     step("a handler begins");
     require(unregister_and_start::handling_.add(1) == 1, "Two handlers run together.");
-    require(status != 2 || unregister_and_start::next_started_.get(), "The next registration is told of too early.");
+    require(status != 2 || unregister_and_start::next_started_.get(),
+            "The next registration is told of too early.");
     step("the handler returns");
     unregister_and_start::handling_.add(-1);
 }
@@ -244,7 +250,8 @@ class starts : public process {
         const bool replaces = First == scc::start_kind::agent && Second == scc::start_kind::agent;
         require(winners_.get() == (replaces ? 2 : 1), "Not one of the starts went through.");
         require(winners_.get() + refused_.get() == 2, "A start neither went through nor was refused.");
-        require(replaces || scc::is_current(winner_.get()), "The start that went through is not the current one.");
+        require(replaces || scc::is_current(winner_.get()),
+                "The start that went through is not the current one.");
     }
 
   private:
@@ -293,7 +300,8 @@ constexpr scc::start_kind agent = scc::start_kind::agent;
 constexpr program programs[] = {
     {"handlers of two registrations never run together", 3, all, all, make<turns>},
     {"a handler that registers anew waits for nothing", 2, all, all, make<registers_in_handler>},
-    {"a receive thread waits for an unregistration that is agreed", 2, all, all, make<outcome_of_unregistration<true>>},
+    {"a receive thread waits for an unregistration that is agreed", 2, all, all,
+     make<outcome_of_unregistration<true>>},
     {"a receive thread waits for one that is refused", 2, all, all, make<outcome_of_unregistration<false>>},
     {"one of two unregistrations goes through", 2, all, all, make<two_unregistrations>},
     {"unregistration and start against a delivery", 2, all, all, make<unregister_and_start>},

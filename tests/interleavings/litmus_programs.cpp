@@ -212,6 +212,28 @@ class spins_for_ever : public actors {
     std::atomic<int> flag_{0};
 };
 
+class loops_for_ever : public actors {
+  public:
+    void run(unsigned thread) override {
+        while (thread == 1 && ends_ == 0) {
+        }
+    }
+
+  private:
+    volatile int ends_ = 0;
+};
+
+// What follows a violation in the end would not end.
+class fails_in_the_end : public actors {
+  public:
+    void run(unsigned /*thread*/) override {}
+    void finish() override {
+        for (;;) {
+            require(false, "It never holds.");
+        }
+    }
+};
+
 constexpr bounds all{};
 
 }  // namespace
@@ -233,5 +255,7 @@ const program litmus::waiting_without_lock = {"", 2, all, all, make<wait_for_fla
 const program litmus::waiting_without_loop = {"", 2, all, all, make<wait_for_flag<mistake::no_loop>>};
 const program litmus::freed = {"", 2, all, all, make<use_after_free>};
 const program litmus::endless = {"", 2, all, all, make<spins_for_ever>};
+const program litmus::endless_without_operations = {"", 2, all, all, make<loops_for_ever>};
+const program litmus::failing_in_the_end = {"", 2, all, all, make<fails_in_the_end>};
 
 }  // namespace interleavings

@@ -23,6 +23,8 @@ struct litmus {
     static const program waiting_without_loop;
     static const program freed;
     static const program endless;
+    static const program endless_without_operations;
+    static const program failing_in_the_end;
 };
 
 }  // namespace interleavings

@@ -3,12 +3,13 @@
 // interleavings --repeat SCHEDULE [--quick] [bounds...] PROGRAM
 //     makes one execution and prints its operations.
 // interleavings --list
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "program.h"
@@ -92,20 +93,22 @@ bounds bounds_of(const program& what, const options& given) {
 }
 
 std::string text_of(const bounds& limit) {
-    return limit.preemptions == unlimited
-               ? "all orders"
-               : std::to_string(limit.preemptions) + " preemptions, " + std::to_string(limit.old_values) + " old values";
+    return limit.preemptions == unlimited ? "all orders"
+                                          : std::to_string(limit.preemptions) + " preemptions, " +
+                                                std::to_string(limit.old_values) + " old values";
 }
 
-// Function and line of an address of this program; of inlined calls the innermost that is not the C++ library's.
+// Function and line of an address of this program; of inlined calls the innermost that is not the C++
+// library's.
 std::string place_of(const void* code) {
     if (code == nullptr) {
         return {};
     }
-    const auto offset = reinterpret_cast<std::uintptr_t>(code) - reinterpret_cast<std::uintptr_t>(&__executable_start);
+    const auto offset =
+        reinterpret_cast<std::uintptr_t>(code) - reinterpret_cast<std::uintptr_t>(&__executable_start);
     std::array<char, 100> command{};
-    std::snprintf(command.data(), command.size(), "addr2line -Cfpise /proc/%d/exe %#zx", static_cast<int>(getpid()),
-                  offset - 1);
+    std::snprintf(command.data(), command.size(), "addr2line -Cfpise /proc/%d/exe %#zx",
+                  static_cast<int>(getpid()), offset - 1);
     std::string place;
     if (FILE* lines = popen(command.data(), "r"); lines != nullptr) {
         std::array<char, 400> line{};
@@ -168,8 +171,8 @@ int main(int count, char** arguments) {
     std::uint64_t executions = 0;
     int violations = 0;
     if (!given.list) {
-        std::printf("%-60s %7s  %-28s %11s %10s %10s %7s\n", "program", "threads", "bound", "executions", "redundant",
-                    "violations", "s");
+        std::printf("%-60s %7s  %-28s %11s %10s %10s %7s\n", "program", "threads", "bound", "executions",
+                    "redundant", "violations", "s");
     }
     for (const program* each : programs) {
         if (given.list) {
@@ -182,8 +185,8 @@ int main(int count, char** arguments) {
         const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
         const bool violated = !result.violation.empty();
         const bool partial = !violated && (!result.complete || result.cut != 0);
-        std::printf("%-60s %7u  %-28s %11llu %10llu %10d %7.1f%s\n", std::string(each->name).c_str(), each->threads,
-                    text_of(limit).c_str(), static_cast<unsigned long long>(result.executions),
+        std::printf("%-60s %7u  %-28s %11llu %10llu %10d %7.1f%s\n", std::string(each->name).c_str(),
+                    each->threads, text_of(limit).c_str(), static_cast<unsigned long long>(result.executions),
                     static_cast<unsigned long long>(result.redundant), violated ? 1 : 0, time.count(),
                     partial ? "  not all" : "");
         if (violated) {
@@ -194,8 +197,8 @@ int main(int count, char** arguments) {
         violations += violated ? 1 : 0;
     }
     if (!given.list) {
-        std::printf("%llu executions of %zu programs, %d violations\n", static_cast<unsigned long long>(executions),
-                    programs.size(), violations);
+        std::printf("%llu executions of %zu programs, %d violations\n",
+                    static_cast<unsigned long long>(executions), programs.size(), violations);
     }
     return violations == 0 ? 0 : 1;
 }

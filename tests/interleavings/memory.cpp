@@ -91,7 +91,7 @@ struct cell {
 address_table<location, 4096> g_locations;
 address_table<cell, 16384> g_cells;
 std::vector<std::pair<std::uintptr_t, std::uintptr_t>> g_without_switches;  // from, to
-vector_clock g_barriers;  // what the barriers so far have made visible
+vector_clock g_barriers;                                  // what the barriers so far have made visible
 std::array<vector_clock, most_threads> g_fence_released;  // what a thread's later relaxed stores release
 std::array<vector_clock, most_threads> g_fence_to_acquire;
 
@@ -100,6 +100,10 @@ std::uint64_t value_at(const volatile void* at, unsigned size) {
     std::memcpy(&value, const_cast<const void*>(at), size);
     return value;
 }
+
+// A loop without an operation that others see is endless after so many accesses; the programs make hundreds.
+constexpr unsigned most_plain_accesses = 100000;
+unsigned g_plain_accesses = 0;
 
 constexpr bool conflict(access_kind a, access_kind b) {
     const bool writes = a == plain_write || a == atomic_write || b == plain_write || b == atomic_write;
@@ -117,8 +121,8 @@ void check_byte(cell& here, std::size_t byte, access_kind kind, const volatile v
         for (unsigned thread = 0; thread < most_threads; ++thread) {
             if (thread != self && !clock.covers(thread, here.last[other][thread][byte])) {
                 constexpr std::array names{"reads", "writes", "reads (atomic)", "writes (atomic)"};
-                violate("Data race: thread %u %s and thread %u %s the byte at %p.", thread, names[other], self,
-                        names[kind], const_cast<const void*>(at));
+                violate("Data race: thread %u %s and thread %u %s the byte at %p.", thread, names[other],
+                        self, names[kind], const_cast<const void*>(at));
             }
         }
     }
@@ -139,8 +143,8 @@ void check_access(const volatile void* at, std::size_t size, access_kind kind) {
     }
 }
 
-// The location, whose last store is what the memory holds. A plain write, which must have happened before, starts
-// its history anew.
+// The location, whose last store is what the memory holds. A plain write, which must have happened before,
+// starts its history anew.
 location& location_at(const volatile void* at, unsigned size) {
     bool is_new = false;
     location& here = g_locations.find(reinterpret_cast<std::uintptr_t>(at), is_new);
@@ -181,7 +185,8 @@ void synchronise_with(const store& read, order how) {
     }
 }
 
-void append(location& here, volatile void* at, unsigned size, std::uint64_t value, order how, const vector_clock& kept) {
+void append(location& here, volatile void* at, unsigned size, std::uint64_t value, order how,
+            const vector_clock& kept) {
     const unsigned self = current_thread();
     store next{.value = value, .seq_cst = how == order::seq_cst, .released = kept};
     next.released.join(releases(how) ? current_clock() : g_fence_released[self]);
@@ -225,7 +230,8 @@ std::uint64_t atomic_load(const volatile void* at, unsigned size, order how, con
     see(here, read);
     synchronise_with(here.history[read], how);
     if (interrupts_at(at)) {
-        note(" %#" PRIx64 " (%s%s)", here.history[read].value, name_of(how), read == newest ? "" : ", an old value");
+        note(" %#" PRIx64 " (%s%s)", here.history[read].value, name_of(how),
+             read == newest ? "" : ", an old value");
     }
     return here.history[read].value;
 }
@@ -244,8 +250,8 @@ void atomic_store(volatile void* at, unsigned size, std::uint64_t value, order h
     append(location_at(at, size), at, size, value, how, {});
 }
 
-std::uint64_t atomic_change(volatile void* at, unsigned size, std::uint64_t operand, change how_changed, order how,
-                            const void* code) {
+std::uint64_t atomic_change(volatile void* at, unsigned size, std::uint64_t operand, change how_changed,
+                            order how, const void* code) {
     const std::uint64_t mask = size == 8 ? ~std::uint64_t{0} : (std::uint64_t{1} << (size * 8)) - 1;
     if (!is_exploring()) {
         const std::uint64_t old = value_at(at, size);
@@ -319,6 +325,9 @@ void plain_access(const volatile void* at, std::size_t size, bool writes, const 
     if (!is_exploring() || belongs_to_thread(const_cast<const void*>(at))) {
         return;
     }
+    if (++g_plain_accesses > most_plain_accesses) {
+        violate("The execution does not end.");
+    }
     check_heap(at, size);
     check_access(at, size, writes ? plain_write : plain_read);
 }
@@ -340,6 +349,7 @@ const void* barriers() {
 }
 
 void reset_memory() {
+    g_plain_accesses = 0;
     g_locations.clear();
     g_cells.clear();
     g_without_switches.clear();

@@ -54,7 +54,9 @@ class ghost {
     explicit ghost(T value) : value_(std::move(value)) {}
     __attribute__((no_sanitize("thread"), noinline)) T get() const { return value_; }
     __attribute__((no_sanitize("thread"), noinline)) void set(T value) { value_ = value; }
-    __attribute__((no_sanitize("thread"), noinline)) T add(T more) { return value_ = static_cast<T>(value_ + more); }
+    __attribute__((no_sanitize("thread"), noinline)) T add(T more) {
+        return value_ = static_cast<T>(value_ + more);
+    }
 
   private:
     T value_{};

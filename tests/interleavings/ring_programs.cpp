@@ -9,8 +9,8 @@ namespace {
 
 constexpr std::size_t slots = 2;
 
-// Values 1, 2, ... in the order of the pushes that succeeded. The ring begins shifted by `Before` values, so that
-// each slot is once the first.
+// Values 1, 2, ... in the order of the pushes that succeeded. The ring begins shifted by `Before` values, so
+// that each slot is once the first.
 template <int Before>
 class ring : public actors {
   public:
@@ -39,7 +39,9 @@ class ring : public actors {
             came(value);
         }
     }
-    void came(int value) { require(value == taken_.add(1), "A value came out of order, twice or not at all."); }
+    void came(int value) {
+        require(value == taken_.add(1), "A value came out of order, twice or not at all.");
+    }
 
     scc::handoff_ring<int, slots> ring_{};
     ghost<int> given_;

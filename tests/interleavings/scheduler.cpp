@@ -49,6 +49,8 @@ struct run_state {
     unsigned current = 0;
     bool exploring = false;
     bool threads_run = false;
+    bool finishing = false;
+    ucontext_t end_of_finish{};
     bool tracing = false;
     // Of the current execution:
     int preemptions = 0;
@@ -163,7 +165,7 @@ bool goes_on(const candidates& ready) {
 candidates worth_exploring(const candidates& ready) {
     if (is_bounded()) {
         const bool stays = goes_on(ready) && (g_run.preemptions >= g_run.limit.preemptions ||
-                                       !g_threads[g_run.current].next.interrupts);
+                                              !g_threads[g_run.current].next.interrupts);
         return stays ? candidates{{g_run.current}, 1} : ready;
     }
     candidates left;
@@ -181,8 +183,8 @@ void report_deadlock() {
         if (!g_threads[thread].finished) {
             text += " thread " + std::to_string(thread) + ": " + g_threads[thread].next.name + ";";
             if (g_run.tracing) {
-                g_run.trace.push_back(
-                    {thread, std::string("waits: ") + g_threads[thread].next.name, g_threads[thread].next.code});
+                g_run.trace.push_back({thread, std::string("waits: ") + g_threads[thread].next.name,
+                                       g_threads[thread].next.code});
             }
         }
     }
@@ -198,7 +200,8 @@ void update_sleepers(const candidates& open, unsigned taken) {
     const operation& done = g_threads[open.thread[taken]].next;
     for (unsigned thread = 1; thread <= g_run.threads; ++thread) {
         thread_record& record = g_threads[thread];
-        record.asleep = record.asleep && thread != open.thread[taken] && !affect_each_other(done, record.next);
+        record.asleep =
+            record.asleep && thread != open.thread[taken] && !affect_each_other(done, record.next);
     }
 }
 
@@ -274,7 +277,7 @@ void prepare_thread(unsigned thread) {
 
 // An access to no memory at all ends the execution like any other violation.
 void report_bad_access(int /*signal*/) {
-    if (g_run.current == 0) {
+    if (g_run.current == 0 && !g_run.finishing) {
         (void)std::signal(SIGSEGV, SIG_DFL);  // the driver's own: ends the process when it is repeated
         return;
     }
@@ -317,6 +320,16 @@ bool was_given_up() {
     return !g_run.violation.empty() || g_run.redundant || g_run.cut;
 }
 
+// A violation ends it where it is found.
+void finish() {
+    getcontext(&g_run.end_of_finish);
+    if (g_run.violation.empty()) {
+        g_run.finishing = true;
+        g_run.running->finish();
+    }
+    g_run.finishing = false;
+}
+
 void execute() {
     reset_execution();
     g_run.exploring = true;
@@ -335,7 +348,7 @@ void execute() {
         for (unsigned thread = 1; thread <= g_run.threads; ++thread) {
             join_clock(g_threads[thread].clock);
         }
-        g_run.running->finish();
+        finish();
     }
     g_run.exploring = false;
 }
@@ -450,8 +463,8 @@ void before(const operation& next) {
 }
 
 unsigned choose_old_value(unsigned options) {
-    const bool may_choose =
-        g_run.threads_run && (g_run.limit.old_values == unlimited || g_run.old_values < g_run.limit.old_values);
+    const bool may_choose = g_run.threads_run && (g_run.limit.old_values == unlimited ||
+                                                  g_run.old_values < g_run.limit.old_values);
     const unsigned taken = may_choose ? g_run.decisions.next(options) : 0;
     g_run.old_values += taken != 0 ? 1 : 0;
     return taken;
@@ -492,6 +505,9 @@ void violate(const char* format, ...) {
     }
     if (g_run.threads_run) {
         leave_for_good();
+    }
+    if (g_run.finishing) {
+        setcontext(&g_run.end_of_finish);
     }
 }
 

@@ -35,7 +35,8 @@ TEST(Scheduler, MakesOneExecutionOfIndependentThreads) {
 TEST(Scheduler, CountsPreemptions) {
     // Either thread first without interruption, and with one in each of the three places of the first.
     EXPECT_EQ(explore(litmus::counted, preemptions(0)).executions, 2U);
-    EXPECT_LT(explore(litmus::counted, preemptions(1)).executions, explore(litmus::counted, preemptions(2)).executions);
+    EXPECT_LT(explore(litmus::counted, preemptions(1)).executions,
+              explore(litmus::counted, preemptions(2)).executions);
 }
 
 TEST(Scheduler, FindsALostUpdate) {
@@ -78,6 +79,14 @@ TEST(Scheduler, CutsAnExecutionThatDoesNotEnd) {
 
     EXPECT_EQ(result.violation, "");
     EXPECT_GT(result.cut, 0U);
+}
+
+TEST(Scheduler, EndsAThreadThatLoopsWithoutAnOperation) {
+    EXPECT_EQ(explore_all(litmus::endless_without_operations).violation, "The execution does not end.");
+}
+
+TEST(Scheduler, StopsAtAViolationInTheEnd) {
+    EXPECT_EQ(explore_all(litmus::failing_in_the_end).violation, "It never holds.");
 }
 
 TEST(Memory, LetsALoadReturnAnOldValue) {

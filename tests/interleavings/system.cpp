@@ -101,7 +101,10 @@ int wait(const void* condition, const void* mutex, bool timed, const void* code)
     give(mutex);
     waiter& self = g_waiters[current_thread()];
     self = {.condition = condition, .mutex = mutex, .timed = timed};
-    before({.name = "wakes", .touches = {mutex, condition, &g_wakeups, barriers()}, .ready = may_wake, .code = code});
+    before({.name = "wakes",
+            .touches = {mutex, condition, &g_wakeups, barriers()},
+            .ready = may_wake,
+            .code = code});
     const bool signalled = self.signalled;
     self = {};
     if (!signalled && nothing_else_goes_on()) {
@@ -153,7 +156,8 @@ std::size_t offset_of(const volatile void* at) {
 }
 
 void* allocate(std::size_t size) {
-    const std::size_t taken = (size + grain) / grain * grain;  // a byte more at least, so that neighbours differ
+    const std::size_t taken =
+        (size + grain) / grain * grain;  // a byte more at least, so that neighbours differ
     if (g_arena_used + taken > arena_bytes) {
         violate("The program allocates more than the model has room for.");
         return nullptr;
@@ -200,7 +204,8 @@ std::vector<sent_bytes> g_sent;
 std::vector<std::vector<std::uint8_t>> g_sent_copies;
 
 socket_record* record_of_socket(int fd) {
-    return fd >= 0 && fd < static_cast<int>(g_sockets.size()) ? &g_sockets[static_cast<std::size_t>(fd)] : nullptr;
+    return fd >= 0 && fd < static_cast<int>(g_sockets.size()) ? &g_sockets[static_cast<std::size_t>(fd)]
+                                                              : nullptr;
 }
 
 // The socket of a system call, which must be open.
@@ -327,7 +332,8 @@ int woven_pthread_rwlock_unlock(pthread_rwlock_t* lock_) {
 int woven_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
     return wait(condition, mutex, false, CODE);
 }
-int woven_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* /*deadline*/) {
+int woven_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                 const timespec* /*deadline*/) {
     return wait(condition, mutex, true, CODE);
 }
 int woven_pthread_cond_signal(pthread_cond_t* condition) {

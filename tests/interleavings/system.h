@@ -1,5 +1,5 @@
-// What the library takes from the system: locks, conditions, memory and sockets. The build renames its calls, so
-// they arrive here (names that begin with woven_) and those of the driver do not.
+// What the library takes from the system: locks, conditions, memory and sockets. The build renames its calls,
+// so they arrive here (names that begin with woven_) and those of the driver do not.
 #pragma once
 
 #include <cstddef>
