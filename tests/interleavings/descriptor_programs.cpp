@@ -60,13 +60,22 @@ class client : public actors {
             return false;
         }
         const u32 epoch = scc::epoch_of(generation_);
-        return connect() && exchange_on(channel::sync, epoch) && exchange_on(channel::async, epoch) &&
-               scc::set_state_of(generation_, scc::state_registered);
+        if (!connect() || !exchange_on(channel::sync, epoch) || !exchange_on(channel::async, epoch)) {
+            return false;
+        }
+        step("is registered");
+        registered_.set(epoch);
+        return scc::set_state_of(generation_, scc::state_registered);
     }
     // The epoch that a request belongs to; any_epoch when the client is not registered.
     static u32 begin_request() {
         const u32 epoch = scc::connection_epoch();
         return scc::client_state_now() == scc::state_registered ? epoch : scc::any_epoch;
+    }
+    // Who reads a new epoch does not read the state of the one before it.
+    void expect_registered(u32 epoch) {
+        step("asks for the epoch");
+        require(epoch <= registered_.get(), "A request is accepted before its connection is registered.");
     }
     // The only connection that bytes of this epoch may go to.
     void expect_connection(unsigned found, u32 epoch) {
@@ -83,6 +92,7 @@ class client : public actors {
         return borrowed.fd() >= 0 && !is_shut_down(borrowed.fd());
     }
 
+    ghost<u32> registered_{1};  // the last epoch that was
     ghost<unsigned> connections_;
     std::array<ghost<u32>, 6> epoch_;
 };
@@ -99,6 +109,7 @@ class borrow : public client {
         if (epoch == scc::any_epoch) {
             return;
         }
+        expect_registered(epoch);
         const borrowed_descriptor borrowed(channel::async, epoch);
         for (int i = 0; i < 2; ++i) {
             step("uses the descriptor");
@@ -185,7 +196,27 @@ class send_over_reconnection : public client {
             scc::flush_waiting_batch();
             return;
         }
-        const u32 epoch = begin_request();
+        request();
+    }
+    void finish() override {
+        request();
+        if (ByBatch) {
+            scc::flush_waiting_batch();
+        }
+        for (const sent_bytes& message : sent()) {
+            for (std::size_t at = scc::wire::header_bytes; at < message.bytes.size(); at += item_bytes) {
+                expect_connection(message.connection, message.bytes[at + scc::wire::item_header_bytes]);
+            }
+        }
+        client::finish();
+    }
+
+  private:
+    static constexpr std::size_t item_bytes = scc::wire::item_header_bytes + 4;
+
+    // Its value is its epoch.
+    static void request() {
+        const u32 epoch = client::begin_request();
         if (epoch == scc::any_epoch) {
             return;
         }
@@ -196,15 +227,6 @@ class send_over_reconnection : public client {
         } else {
             (void)scc::send_one_item(channel::sync, epoch, 0, 1, {value});
         }
-    }
-    void finish() override {
-        if (ByBatch) {
-            scc::flush_waiting_batch();
-        }
-        for (const sent_bytes& each : sent()) {
-            expect_connection(each.connection, each.bytes[each.bytes.size() - 4]);
-        }
-        client::finish();
     }
 };
 

@@ -105,6 +105,8 @@ class registers_in_handler : public turns {
             second_.set(next);
             const scc::delivery_turn inner(generation);
             require(!inner.granted(), "An ended registration has a turn.");
+            const scc::delivery_turn of_next(next);
+            require(of_next.granted(), "A registration begun in a handler has no turn there.");
         }
     }
 };
