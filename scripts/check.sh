@@ -60,6 +60,13 @@ stage_tsan() {
     build tsan
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_tests tsan
 }
+# The tests in which several threads take locks, under clang's sanitizer, which finds locks that are taken in two
+# orders even when no run deadlocks. Each case is a process of its own, so an order is seen within one case.
+stage_locks() {
+    build clang-tsan client_tests ss_tests agent_tests
+    TSAN_OPTIONS=halt_on_error=1:detect_deadlocks=1:second_deadlock_stack=1 run_tests clang-tsan -R \
+        '^client\.(Locks|Start|Registration|Flow|Threads|SendChecker)\.|^ss\.(ServiceLocks|Registration)|^agent\.'
+}
 stage_fuzz() { scripts/fuzz.sh --seed 1 --jobs $((jobs * 2)) 5; }
 stage_soak() { scripts/soak.sh 0.5; }
 stage_faults() { scripts/faults.sh 800; }

@@ -11,12 +11,11 @@ bool request::begin() {
 }
 
 u32 request::send(const value_parts& payload) {
-    // The connection was lost after the state check and its calls were dropped: drop this one too.
-    if (epoch_of_this_thread() != connection_epoch()) {
-        _scc_lib_del_call_data(call_id_);
-    }
     const u32 error = send_in_batch(0, row_.type, payload);
-    if (error != result::ok) {
+    // Also when the connection was lost after the state check and its calls were dropped. The thread that
+    // drops them ends the epoch and then looks for calls; this one saves its call and then looks for the
+    // epoch. The lock of the batch lies in between, so that one of the two sees what the other has done.
+    if (error != result::ok || epoch_of_this_thread() != connection_epoch()) {
         _scc_lib_del_call_data(call_id_);
     }
     if (call_id_out_ != nullptr) {
