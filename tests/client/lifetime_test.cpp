@@ -1,4 +1,5 @@
-// Registrations told apart: what belongs to an ended one changes nothing, waits for nothing and is not called.
+// Registrations told apart: what belongs to an ended one changes nothing, waits for nothing and is not
+// called.
 #include "client/lifetime.h"
 
 #include "client/channel_support.h"

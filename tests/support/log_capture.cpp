@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "client/log.h"
+#include "support/log_acts.h"
 
 namespace test {
 namespace {

@@ -26,9 +26,6 @@ bool wait_for_log(const std::string& text);
 // From now on writing a line leaves this number in errno, as a real log may; 0 leaves errno alone.
 void leave_errno_in_log(int error);
 
-// Does this inside the next line with exactly this text, as a host's log function may. An empty text ends it.
-void on_log(const std::string& text, void (*act)());
-
 // Switches the library's logging on while it lives.
 class debugging {
   public:
