@@ -205,7 +205,7 @@ TEST_F(LogNames, AreNotWrittenWhileTheSwitchIsOff) {
     for (const named_call& row : bad_calls) {
         EXPECT_EQ(row.call(), 22U) << row.name;
     }
-    scc_acl_apply_record apply{key, {}};
+    scc_acl_apply_record apply = *keyed<scc_acl_apply_record>();
     apply.apply_type = 59;
     EXPECT_EQ(scc_acl_apply(&apply, nullptr), 22U);
     const scc_acl_key no_application{1, 0, 3, 4};

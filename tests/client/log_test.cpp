@@ -7,6 +7,8 @@
 
 #include "client/acl_cache.h"
 #include "client/channel_support.h"
+#include "client/connection.h"
+#include "client/dispatch.h"
 #include "client/handler_recorder.h"
 #include "client/request_channel.h"
 

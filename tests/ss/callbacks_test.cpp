@@ -6,6 +6,7 @@
 
 #include "client/diagnostics.h"
 #include "ss/id_map.h"
+#include "ss/service.h"
 #include "ss/service_fixture.h"
 
 using test::bytes;
