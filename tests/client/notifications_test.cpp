@@ -190,7 +190,7 @@ TEST(Notifications, NothingIsLoggedWhileDebuggingIsOff) {
         EXPECT_EQ(test::taken_calls().size(), with_handler ? all_cases().size() : 0U);
     }
     g_scc_client_cb.handlers.water_line = test::recording_handlers().water_line;
-    receive(219, wire().u32(1));
+    receive(220, wire().u32(1));
     EXPECT_EQ(test::taken_calls().size(), 1U);
     EXPECT_TRUE(test::captured_log().empty());
 }

@@ -601,11 +601,8 @@ TEST_F(ResultsTogether, OfOneCallAreDeliveredOnce) {
     EXPECT_EQ(test::log_texts(), unknown({1, 2, 1}));
 }
 
-TEST_F(Results, OfSavedDataThatIsTooShortIsNeitherDeliveredNorCounted) {
+TEST_F(Results, OfSavedDataThatIsTooShortAreNeitherReadNorCounted) {
     scc_handlers handlers{};
-    handlers.nac_user = [](std::uint32_t, std::uint32_t, const scc_user_record*) {
-        ADD_FAILURE() << "delivered";
-    };
     handlers.addr_learning = [](std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {
         ADD_FAILURE() << "delivered";
     };

@@ -6,6 +6,7 @@
 
 #include "client/connection.h"
 #include "client/locks.h"
+#include "client/message_reader.h"
 #include "client/request_channel.h"
 #include "fault_support.h"
 #include "support/aside.h"
