@@ -9,7 +9,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 # The one place of both bounds.
 least_lines=98.7
-least_branches=94.0
+least_branches=97.0
 
 while [ $# -gt 0 ]; do
     case "$1" in

@@ -74,13 +74,9 @@ TEST_F(Silence, OfAMessageWithoutMemoryAndOfAReportThatCannotBeSent) {
     expect_an_empty_log();
 }
 
-TEST_F(Silence, OfWaitsThatFail) {
+TEST_F(Silence, OfTheCheckersWaitThatFails) {
     start(0);
     test::clear_log();
-    test::fail_call(call::poll, 1, 4);
-    expect_working();
-    expect_working();
-    EXPECT_TRUE(test::end_faults());
     test::fail_call(call::select, 1, 4);
     expect_met(call::select);
     expect_working();
