@@ -9,7 +9,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 # The one place of both bounds.
 least_lines=98.7
-least_branches=94.0
+least_branches=97.0
 
 while [ $# -gt 0 ]; do
     case "$1" in
@@ -26,7 +26,8 @@ profiles=$PWD/$tree/profiles
 profdata=$(command -v llvm-profdata llvm-profdata-14 | head -n 1)
 cov=$(command -v llvm-cov llvm-cov-14 | head -n 1)
 
-# Counts go into the file at once (%c), one for each binary (%m): a test that kills a process loses none of them.
+# Counts go into the file at once (%c), one for each binary (%m): a test that kills a process loses none of them. ctest
+# gives each test executable a file of its own (tests/CMakeLists.txt); this one is the sweep's.
 mkdir -p "$profiles"
 export LLVM_PROFILE_FILE=$profiles/%c%m.profraw
 build coverage

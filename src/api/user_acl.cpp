@@ -63,6 +63,14 @@ constexpr counter_row acl_counter{{msg::acl_counter_get, msg::acl_counter_ret, "
 constexpr counter_row ace_counter{
     {msg::ace_counter_get, msg::ace_counter, "SCC_LMSG_ACE_COUNTER_RET"}, 32, 32, 40, "scc_ace_get_counter"};
 
+consteval bool counter_precedes_result(const counter_row& row) {
+    return row.counter_offset + sizeof(u64) <= row.result_offset;
+}
+
+// A reply with a result has a counter.
+static_assert(counter_precedes_result(filter_counter) && counter_precedes_result(acl_counter) &&
+              counter_precedes_result(ace_counter));
+
 // Leaves counter unchanged unless the result is 0.
 u32 read_counter(const counter_row& row, std::span<const u8> sent, u64& counter) {
     locked_call call;
@@ -74,16 +82,14 @@ u32 read_counter(const counter_row& row, std::span<const u8> sent, u64& counter)
         return error;
     }
     u32 outcome = 0;
-    u64 value = 0;
-    if (!exchange.read(row.result_offset, outcome) ||
-        (outcome == 0 && !exchange.read(row.counter_offset, value))) {
+    if (!exchange.read(row.result_offset, outcome)) {
         return result::format;
     }
     if (outcome != 0) {
         SCC_LOG_FROM(row.name, "%s failed. %s.\n", row.name, scc_strerror(static_cast<i32>(outcome)));
         return outcome;
     }
-    counter = value;
+    counter = load<u64>(exchange.value().data(), row.counter_offset);
     return result::ok;
 }
 

@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "client/client_data.h"
 #include "client/connection_scope.h"
@@ -58,7 +59,7 @@ socklen_t address_length(const sockaddr_un& address) {
 bool own_address(const char* prefix, sockaddr_un& address) {
     address.sun_family = AF_UNIX;
     const int length = std::snprintf(address.sun_path, sizeof address.sun_path, "%s%d", prefix, pid_now());
-    if (length < 0 || length >= static_cast<int>(sizeof address.sun_path)) {
+    if (length >= static_cast<int>(sizeof address.sun_path)) {
         SCC_LOG_FROM(connect_function, "client socket path is too long: %s%d", prefix, pid_now());
         return false;
     }
@@ -89,11 +90,15 @@ struct socket_prefixes {
 };
 
 bool make_prefixes(socket_prefixes& out, const char* function) {
-    if (make_path(out.sync, sync_socket_suffix) && make_path(out.async, async_socket_suffix)) {
-        return true;
+    const std::pair<path_buffer*, const char*> paths[] = {{&out.sync, sync_socket_suffix},
+                                                          {&out.async, async_socket_suffix}};
+    for (const auto& [path, suffix] : paths) {
+        if (!make_path(*path, suffix)) {
+            SCC_LOG_FROM(function, "TMPDIR is unset, or too long for a socket path.");
+            return false;
+        }
     }
-    SCC_LOG_FROM(function, "TMPDIR is unset, or too long for a socket path.");
-    return false;
+    return true;
 }
 
 // In a host without standard streams no socket may take one of their numbers; and descriptor 0 is never
@@ -154,7 +159,7 @@ u32 connect_and_register(const registration_identity& identity, u32 generation, 
         return result::io_error;
     }
     const u32 epoch = epoch_of(generation);
-    if (epoch == any_epoch || !set_state_of(generation, state_connecting)) {
+    if (!set_state_of(generation, state_connecting)) {
         return result::bad_descriptor;
     }
     const connection_scope scope(epoch);
@@ -167,31 +172,6 @@ u32 connect_and_register(const registration_identity& identity, u32 generation, 
     }
     SCC_LOG_FROM(function, "(app id:%d, pid:%d)connect to sccd success!", app_id_now(), pid_now());
     return set_state_of(generation, state_registering) ? register_both(identity) : result::bad_descriptor;
-}
-
-bool register_until_done(u32 generation) {
-    if (!can_form_socket_paths(register_function)) {
-        return false;
-    }
-    if (client_state_now() != state_idle) {
-        SCC_LOG_FROM(register_function, "scc client start to try re-reg.");
-        notify_status(0, generation);
-    }
-    while (connect_and_register(identity_of_control_block(), generation, register_function) != result::ok) {
-        if (!reset_connection(generation) || app_id_now() == 0) {
-            return false;
-        }
-        sleep(limits::retry_seconds);
-    }
-    scc_lib_rereg.store(0, relaxed);
-    if (!set_state_of(generation, state_registered)) {
-        return false;
-    }
-    SCC_LOG_FROM(register_function, "(app id:%d, pid:%d)register to sccd success!", app_id_now(), pid_now());
-    _scc_lib_func_stat_reset();
-    reset_service_statistics();
-    notify_status(1, generation);
-    return true;
 }
 
 u32 unregister_client(const char* function) {
@@ -249,8 +229,30 @@ int _scc_lib_client_connect(const char* prefix) {
     return set_send_timeout(fd);
 }
 
-void _scc_lib_svr_rereg() {
-    (void)register_until_done(current_generation());
+bool _scc_lib_svr_rereg() {
+    const u32 generation = generation_of_this_thread();
+    if (!can_form_socket_paths(register_function)) {
+        return false;
+    }
+    if (client_state_now() != state_idle) {
+        SCC_LOG_FROM(register_function, "scc client start to try re-reg.");
+        notify_status(0, generation);
+    }
+    while (connect_and_register(identity_of_control_block(), generation, register_function) != result::ok) {
+        if (!reset_connection(generation) || app_id_now() == 0) {
+            return false;
+        }
+        sleep(limits::retry_seconds);
+    }
+    scc_lib_rereg.store(0, relaxed);
+    if (!set_state_of(generation, state_registered)) {
+        return false;
+    }
+    SCC_LOG_FROM(register_function, "(app id:%d, pid:%d)register to sccd success!", app_id_now(), pid_now());
+    _scc_lib_func_stat_reset();
+    reset_service_statistics();
+    notify_status(1, generation);
+    return true;
 }
 
 void _scc_lib_svr_status_notify(u32 status) {

@@ -22,9 +22,6 @@ struct registration_identity {
 // Whether the paths of both sockets can be formed; logs in the name of function when they cannot.
 [[nodiscard]] bool can_form_socket_paths(const char* function);
 
-// Connects and registers until it has succeeded (true) or the registration ended.
-[[nodiscard]] bool register_until_done(u32 generation);
-
 // Unregisters for the exported call that function names, which holds the lock that it needs. Afterwards the
 // library is unregistered, or registered as before. 0, 2001 or the exchange's error.
 [[nodiscard]] u32 unregister_client(const char* function);
@@ -36,6 +33,7 @@ extern "C" {
 [[nodiscard]] int _scc_lib_client_close();
 [[nodiscard]] scc::u32 _scc_lib_client_reg(int sync, const scc::registration_identity* identity);
 [[nodiscard]] scc::u32 _scc_client_unreg(int fd, scc::u32 app_id, int sync);
-void _scc_lib_svr_rereg();
+// Connects and registers until it has succeeded (true) or the registration of the calling thread ended.
+bool _scc_lib_svr_rereg();
 void _scc_lib_svr_status_notify(scc::u32 status);
 }

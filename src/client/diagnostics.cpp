@@ -166,7 +166,7 @@ void _scc_lib_dbg_proc(const void* value) {
         SCC_LOG("unknown debug cmd.");
     } else if (load<u32>(value, command_switch_offset) == 1) {
         set_debugging(true);
-        SCC_LOG("scclib debug open.");
+        SCC_LOG_ALWAYS(__func__, "scclib debug open.");
     } else {
         SCC_LOG("scclib debug close.");
         set_debugging(false);

@@ -24,6 +24,7 @@ constinit u32 g_turns_generation SCC_GUARDED_BY(g_connection_mutex) = 0;
 constinit pthread_cond_t g_lifetime_changed = PTHREAD_COND_INITIALIZER;
 
 [[gnu::tls_model("initial-exec")]] thread_local constinit u32 t_turns = 0;
+[[gnu::tls_model("initial-exec")]] thread_local constinit u32 t_generation = 0;  // of a receive thread
 
 }  // namespace
 
@@ -78,6 +79,14 @@ u32 current_generation() {
 
 bool is_current(u32 generation) {
     return g_generation.load(relaxed) == generation;
+}
+
+void belong_to_generation(u32 generation) {
+    t_generation = generation;
+}
+
+u32 generation_of_this_thread() {
+    return t_generation != 0 ? t_generation : current_generation();
 }
 
 bool set_state_of(u32 generation, u32 state) {

@@ -28,6 +28,11 @@ void give_start_up(u32 generation) SCC_EXCLUDES(g_connection_mutex);
 // Sets the client state for this registration; false when it has ended.
 [[nodiscard]] bool set_state_of(u32 generation, u32 state) SCC_EXCLUDES(g_connection_mutex);
 
+// The calling thread is the receive thread of this registration.
+void belong_to_generation(u32 generation);
+// That registration; for every other thread the current one.
+[[nodiscard]] u32 generation_of_this_thread();
+
 // Calls the server-status handler, unless the registration has ended.
 void notify_status(u32 status, u32 generation) SCC_EXCLUDES(g_connection_mutex);
 

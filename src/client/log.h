@@ -1,5 +1,6 @@
 // SCC_LOG and SCC_LOG_FROM write only while scc_lib_debug is set and do not evaluate their arguments
-// otherwise. SCC_LOG_RAW always writes: for dumps, and for lines that must not depend on the debug switch.
+// otherwise. SCC_LOG_RAW and SCC_LOG_ALWAYS always write: for dumps, and for lines that must not depend on
+// the debug switch.
 #pragma once
 
 #include <qx_syslog.h>
@@ -24,12 +25,15 @@ inline constexpr int log_flag = 2;
 #define SCC_LOG_RAW(submodule, format, ...) \
     printk_syslog_ext(scc::log_level, "SCCLIB", submodule, scc::log_flag, format __VA_OPT__(, ) __VA_ARGS__)
 
+// A line of SCC_LOG_FROM whatever the switch says.
+#define SCC_LOG_ALWAYS(function, format, ...) \
+    SCC_LOG_RAW("DETAIL", "<%-23s line:%-4d> " format, function, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+
 // Logs in the name of a function other than the enclosing one.
 #define SCC_LOG_FROM(function, format, ...)                              \
     do {                                                                 \
         if (scc::is_debugging()) {                                       \
-            SCC_LOG_RAW("DETAIL", "<%-23s line:%-4d> " format, function, \
-                        __LINE__ __VA_OPT__(, ) __VA_ARGS__);            \
+            SCC_LOG_ALWAYS(function, format __VA_OPT__(, ) __VA_ARGS__); \
         }                                                                \
     } while (false)
 

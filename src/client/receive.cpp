@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 
@@ -101,7 +102,7 @@ void deliver_messages(receiver& self, i32 fd) {
 }
 
 bool has_no_socket() {
-    return g_scc_client_cb.sync_fd.load(relaxed) < 0 && g_scc_client_cb.async_fd.load(relaxed) < 0;
+    return std::max(g_scc_client_cb.sync_fd.load(relaxed), g_scc_client_cb.async_fd.load(relaxed)) < 0;
 }
 
 // One pass of the loop, with at most one read.
@@ -136,7 +137,7 @@ bool recover(u32 error, u32 generation) {
     if (!reset_connection(generation)) {
         return false;
     }
-    return register_until_done(generation) || (is_current(generation) && app_id_now() != 0);
+    return _scc_lib_svr_rereg() || (is_current(generation) && app_id_now() != 0);
 }
 
 }  // namespace
@@ -147,7 +148,8 @@ void dispatch_and_free(i32 /*fd*/, void* message, result_run& results) {
 }
 
 void run_receive_loop(u32 generation, const delivery& how) {
-    if (!register_until_done(generation)) {
+    belong_to_generation(generation);
+    if (!_scc_lib_svr_rereg()) {
         SCC_LOG_FROM(how.thread, "scc client not registered to sccd.exit thread.");
         leave_generation(generation);
         return;

@@ -79,10 +79,10 @@ void recover_from_failed_send(const send_outcome& outcome, u32 epoch, const char
         return;
     }
     drop_data_of(epoch);
-    if (is_thread_mode()) {
-        report_broken(epoch);
-    } else if (const agent_hooks* agent = active_agent_hooks(); agent != nullptr) {
+    if (const agent_hooks* agent = active_agent_hooks(); agent != nullptr) {
         agent->recover(epoch, function);
+    } else {
+        report_broken(epoch);
     }
 }
 

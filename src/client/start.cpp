@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 
 #include "client/connection.h"
@@ -61,11 +60,9 @@ u32 make_runtime_directory(u32 app_id, const char* function) {
 // change of mode: no link is followed, and the mode is set on what was opened.
 void open_runtime_directory() {
     constexpr int parent = O_PATH | O_DIRECTORY | O_CLOEXEC;
-    const char* root = std::getenv("TMPDIR");
-    if (root == nullptr) {
-        return;
-    }
-    const int base = open(*root == '\0' ? "/" : root, parent);
+    path_buffer base_of_paths{};
+    (void)make_path(base_of_paths, "/");  // its caller has made longer ones
+    const int base = open(base_of_paths.text, parent);
     const int security = openat(base, "security", parent | O_NOFOLLOW);
     const int directory = openat(security, "scc", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     // Fails when another user owns the directory; that user's process has opened it then.

@@ -89,17 +89,11 @@ static_assert(std::ranges::is_sorted(operation_table, {}, &operation_row::type) 
               std::ranges::adjacent_find(operation_table, {}, &operation_row::type) == operation_table.end());
 
 void count(const operation_row& row) {
-    switch (row.counts) {
-        case counted::received:
-            count_received(row.pair);
-            break;
-        case counted::both:
-            count_received(row.pair);
-            count_answered(row.pair);
-            break;
-        case counted::total_answered:
-            count_answered(pair_total);
-            break;
+    if (row.counts != counted::total_answered) {
+        count_received(row.pair);
+    }
+    if (row.counts != counted::received) {
+        count_answered(row.pair);
     }
 }
 

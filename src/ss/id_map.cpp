@@ -24,6 +24,7 @@ void remove_node(scc_ss_id_node* node) SCC_REQUIRES(id_map_lock) {
     std::free(node);
 }
 
+// The map has none of this id.
 scc_ss_id_node* make_node(u32 id) SCC_REQUIRES(id_map_lock) {
     auto* node = static_cast<scc_ss_id_node*>(std::malloc(sizeof(scc_ss_id_node)));
     if (node == nullptr) {
@@ -31,10 +32,7 @@ scc_ss_id_node* make_node(u32 id) SCC_REQUIRES(id_map_lock) {
     }
     node->id = id;
     INIT_LIST_HEAD(&node->types);
-    if (!_scc_ss_add_idtype(node)) {
-        std::free(node);
-        return nullptr;
-    }
+    (void)_scc_ss_add_idtype(node);
     return node;
 }
 
@@ -137,21 +135,21 @@ u16 _scc_ss_get_type(u32 id) {
     return scc_type;
 }
 
-// Logs even when the debug switch is off: sets it, and restores it at the end.
+// Logs even when the debug switch is off, which is on meanwhile, and restored at the end.
 void _scc_ss_retlist_dump() {
     const u8 before = scc_lib_debug.exchange(1, std::memory_order_relaxed);
     const operation_count total = read_count(pair_total);
-    SCC_LOG("ss-stat: recv_cnt(%d) callback_cnt(%d).", total.received, total.answered);
+    SCC_LOG_ALWAYS(__func__, "ss-stat: recv_cnt(%d) callback_cnt(%d).", total.received, total.answered);
     for (u32 pair = 1; pair < operation_counts; ++pair) {
         const operation_count count = read_count(pair);
-        SCC_LOG("fun(%-15s) : rcv(%d), cb(%d). %s", counter_name(pair), count.received, count.answered,
-                count.received != count.answered ? "*" : " ");
+        SCC_LOG_ALWAYS(__func__, "fun(%-15s) : rcv(%d), cb(%d). %s", counter_name(pair), count.received,
+                       count.answered, count.received != count.answered ? "*" : " ");
     }
-    SCC_LOG("dump ss list.");
+    SCC_LOG_ALWAYS(__func__, "dump ss list.");
     {
         const write_guard guard(id_map_lock);
         for (rb_node* node = scc_rb_first(&g_ss_id_map_root); node != nullptr; node = scc_rb_next(node)) {
-            SCC_LOG("[id:%d] ", id_node(node)->id);
+            SCC_LOG_ALWAYS(__func__, "[id:%d] ", id_node(node)->id);
         }
     }
     scc_lib_debug.store(before, std::memory_order_relaxed);

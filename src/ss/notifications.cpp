@@ -106,8 +106,9 @@ uint32_t scc_ss_move_addr_notify(int count, const struct scc_address_move* moves
     const auto entries = static_cast<std::size_t>(count);
     // The missing closing parenthesis is part of the text.
     for (std::size_t i = 0; is_debugging() && i < entries; ++i) {
-        SCC_LOG("address move notify(ifx:0x%x mac:%s, vid:%d, bf-vid:%d, af-vid:%d.", moves[i].ifx,
-                mac_text(moves[i].mac).text, moves[i].vid, moves[i].vid_before, moves[i].vid_after);
+        SCC_LOG_ALWAYS(__func__, "address move notify(ifx:0x%x mac:%s, vid:%d, bf-vid:%d, af-vid:%d.",
+                       moves[i].ifx, mac_text(moves[i].mac).text, moves[i].vid, moves[i].vid_before,
+                       moves[i].vid_after);
     }
     report message;
     if (const u32 error = message.begin(8 + entries * record::address_move); error != result::ok) {

@@ -87,7 +87,7 @@ class bucket_table {
     }
 
     void grow_if_crowded() {
-        if (count_ <= mask_ || heads_ == nullptr) {
+        if (count_ <= mask_) {
             return;
         }
         std::size_t buckets = mask_ + 1;

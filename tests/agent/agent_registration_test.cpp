@@ -9,9 +9,12 @@
 
 #include "client/connection.h"
 #include "client/diagnostics.h"
+#include "client/lifetime.h"
 #include "client/log.h"
+#include "support/loop_acts.h"
 #include "support/loop_application.h"
 #include "support/one_at_a_time.h"
+#include "support/waiting.h"
 
 using test::bytes;
 using test::side;
@@ -393,6 +396,96 @@ TEST_F(AgentRegistration, WithoutItsPathsEndsTheAttemptAndSchedulesNothing) {
               test::added_tasks("scc-connect").size() + test::added_tasks("test").size());
     EXPECT_EQ(test::statuses().size(), 0U);
     expect_working_requests();
+}
+
+// ---- ends in the middle -----------------------------------------------------------------------------
+
+constinit std::atomic<int> g_callbacks{0};
+constinit std::atomic<int> g_finish_at{0};
+
+// Ends the registration at the status 1 that was asked for.
+void finish_at_status(std::uint32_t status) {
+    test::on_status(status);
+    if (status == 1 && --g_finish_at == 0) {
+        EXPECT_EQ(scc_agent_finish(), 0U);
+    }
+}
+
+TEST_F(AgentRegistration, ThatItsOwnStatusHandlerEndsHasNoConnectCallback) {
+    info.handlers.server_status = finish_at_status;
+    scc_agent_set_connect_callback([] { ++g_callbacks; });
+    for (const int callbacks : {0, 1}) {
+        g_finish_at = callbacks + 1;
+        g_callbacks = 0;
+        ASSERT_EQ(init(), 0U);
+        daemon.accept_registration();
+        ASSERT_EQ(test::statuses().wait(), 1U);
+        if (callbacks == 1) {
+            settle();
+            daemon.close_both();
+            ASSERT_EQ(test::statuses().wait(), 0U);
+            daemon.accept_registration();
+            ASSERT_EQ(test::statuses().wait(), 1U);
+        }
+        daemon.answer_unregistration();
+        settle();
+        EXPECT_EQ(g_callbacks, callbacks);
+        EXPECT_EQ(state(), 1U);
+    }
+}
+
+// Whoever ends it does so while the last reply is on its way.
+TEST_F(AgentRegistration, ThatEndsBeforeItIsConfirmedSetsNoStateAndReadsNothing) {
+    for (const bool first : {true, false}) {
+        if (first) {
+            ASSERT_EQ(init(), 0U);
+        } else {
+            (void)_scc_lib_client_close();
+            _scc_client_state_set(1);
+            start();
+            daemon.close_both();
+            ASSERT_EQ(test::statuses().wait(), 0U);
+        }
+        daemon.accept_both();
+        daemon.answer_registration(side::sync);
+        EXPECT_EQ(daemon.read_item(side::async).type, 301);
+        scc::end_generation();
+        test::forget_added_tasks();
+        daemon.send_item(side::async, 301, wire().u32(0).u32(0).u32(0));
+        settle();
+        EXPECT_EQ(state(), 3U);
+        EXPECT_EQ(test::statuses().size(), 0U);
+        EXPECT_TRUE(test::added_tasks("scc-read").empty());
+        EXPECT_TRUE(test::added_tasks("scc-reconnect").empty());
+    }
+}
+
+TEST_F(AgentRegistration, ThatEndsWhileAMessageArrivesDeliversNothingOfIt) {
+    static test::event_queue<std::uint8_t> moves;
+    info.handlers.station_move = [](std::uint8_t permitted) { moves.push(permitted); };
+    start();
+    const bytes message = test::message_bytes({test::item_bytes(210, wire().u32(1).u8(1))});
+    test::task_results("scc-read");
+    daemon.send(side::async, test::slice(message, 0, 10));
+    EXPECT_TRUE(test::all_taken(daemon.fd(side::async)));
+    scc::end_generation();
+    daemon.send(side::async, test::slice(message, 10, message.size() - 10));
+    EXPECT_EQ(test::task_results("scc-read").wait(), 0);
+    EXPECT_EQ(moves.size(), 0U);
+}
+
+// Another thread closes it while its tasks are being cancelled.
+TEST_F(AgentRegistration, WhoseConnectionIsClosedByAnotherMeanwhileIsNotEndedTwice) {
+    start();
+    in_loop([] {
+        const std::uint32_t epoch = scc::connection_epoch();
+        std::uint32_t after = 0;
+        test::on_cancel([] { EXPECT_EQ(_scc_lib_client_close(), 0); });
+        EXPECT_FALSE(scc::end_connection(epoch, after));
+        EXPECT_EQ(after, 0U);
+        EXPECT_EQ(scc::connection_epoch(), epoch + 1);
+    });
+    EXPECT_EQ(state(), 4U);
 }
 
 }  // namespace

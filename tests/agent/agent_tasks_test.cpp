@@ -347,6 +347,41 @@ TEST_F(AgentTasks, ToWriteThatAreCancelledSendNothing) {
     expect_working_requests();
 }
 
+// The loop was about to run them when they were cancelled.
+TEST_F(AgentTasks, OfEachKindDoNothingOnceTheyAreCancelled) {
+    start();
+    in_loop([] {
+        test::set_timer_seconds(1000);
+        scc::cancel_all_tasks();
+        for (const task_kind_row& row : task_kind_rows) {
+            void* const arg = row.takes_argument ? std::calloc(1, 568) : nullptr;
+            ASSERT_EQ(_scc_lib_thread_event(row.kind, arg, g_scc_client_cb.async_fd.load()), 0) << row.name;
+            const test::added_task added = test::added_tasks(row.name).back();
+            scc::cancel_all_tasks();
+            test::forget_added_tasks();
+            EXPECT_EQ(row.handler(added.handle), 0) << row.name;
+            EXPECT_TRUE(test::added_tasks().empty()) << row.name;
+            if (row.kind == 3) {
+                std::free(arg);
+            }
+        }
+    });
+    EXPECT_EQ(state(), 4U);
+    EXPECT_EQ(test::statuses().size(), 0U);
+    expect_working_requests();
+}
+
+TEST_F(AgentTasks, ToReadAreNotScheduledWhileTheAppIdIsAway) {
+    start();
+    in_loop([] {
+        test::forget_added_tasks();
+        const std::uint32_t app_id = g_scc_client_cb.app_id.exchange(0);
+        scc::schedule_read(scc::connection_epoch());
+        EXPECT_TRUE(test::added_tasks().empty());
+        g_scc_client_cb.app_id = app_id;
+    });
+}
+
 TEST_F(AgentTasks, ToReadAreCancelledBeforeTheirSocketIsClosedByAWriteThatFailed) {
     start();
     for (int round = 0; round < 3; ++round) {

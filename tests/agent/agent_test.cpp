@@ -91,6 +91,18 @@ TEST_F(Agent, LooksAtTheMasterBeforeItLooksAtTheRecord) {
               (std::vector<std::string>{"input param master is null!", "input param scc_reg is null!"}));
 }
 
+TEST_F(Agent, RefusesInSilenceWhileTheSwitchIsOff) {
+    test::clear_log();
+    EXPECT_EQ(scc_agent_init(&info, nullptr), 22U);
+    EXPECT_EQ(scc_agent_init(nullptr, master), 22U);
+    info.app_id = 20;
+    EXPECT_EQ(scc_agent_init(&info, master), 22U);
+    info.app_id = 7;
+    start();
+    EXPECT_EQ(_scc_lib_thread_event(4, nullptr, 0), 0);
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{});
+}
+
 TEST_F(Agent, RefusesAppIdsOutsideOneToNineteen) {
     const test::debugging on;
     for (const std::uint32_t app_id : {0U, 20U, 0xFFFFFFFFU}) {

@@ -198,6 +198,21 @@ TEST_F(LogNames, AreThoseOfTheCallsThatRefuseTheirArguments) {
     }
 }
 
+TEST_F(LogNames, AreNotWrittenWhileTheSwitchIsOff) {
+    for (const named_call& row : good_calls) {
+        EXPECT_EQ(row.call(), 2004U) << row.name;
+    }
+    for (const named_call& row : bad_calls) {
+        EXPECT_EQ(row.call(), 22U) << row.name;
+    }
+    scc_acl_apply_record apply = *keyed<scc_acl_apply_record>();
+    apply.apply_type = 59;
+    EXPECT_EQ(scc_acl_apply(&apply, nullptr), 22U);
+    const scc_acl_key no_application{1, 0, 3, 4};
+    EXPECT_EQ(scc_user_acl_delete_vmsup(&no_application, nullptr), 22U);
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{});
+}
+
 TEST_F(LogNames, AreThoseOfTheUserCallsThatKeepAMask) {
     start();
     const named_call rows[] = {

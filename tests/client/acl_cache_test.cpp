@@ -483,6 +483,48 @@ TEST_F(CacheUpdate, WithoutARecordDoesNothing) {
     EXPECT_TRUE(test::captured_log().empty());
 }
 
+TEST_F(CacheUpdate, WithoutSavedDataIsAnUnknownKind) {
+    const test::debugging on;
+    for (const std::uint32_t kind : {31U, 32U, 33U, 34U, 40U}) {
+        confirm(kind, {});
+        EXPECT_TRUE(test::logged("unknown scclib call id(" + std::to_string(kind) + ")"));
+    }
+    EXPECT_EQ(held(), 0U);
+}
+
+// As for an ACL that another application has made, or whose making was not confirmed.
+TEST_F(CacheUpdate, OfAnAceWhoseAclIsNotHeldKeepsNothing) {
+    const test::debugging on;
+    const bytes data = wire().add(packed_key).zeros(220).u32(50).u32(6).to(928);
+    ASSERT_EQ(_scc_lib_save_call_data(1, 33, data.data(), static_cast<int>(data.size())), 0U);
+    scc::pending_call* call = scc::take_pending_call(1);
+    ASSERT_NE(call, nullptr);
+    EXPECT_FALSE(scc::take_into_cache(call, scc::acl_cache_revision()));
+    scc::release_pending_call(call);
+    EXPECT_EQ(test::log_texts(), texts{"specific acl not found!!!"});
+    EXPECT_EQ(held(), 0U);
+}
+
+// Its block is not that of an ACE and cannot be kept.
+TEST_F(CacheUpdate, OfAnAceWithLongerDataCopiesTheAce) {
+    confirm(31, packed_key);
+    const bytes data = wire().add(packed_key).zeros(220).u32(50).u32(6).to(1000);
+    ASSERT_EQ(_scc_lib_save_call_data(1, 33, data.data(), static_cast<int>(data.size())), 0U);
+    scc::pending_call* call = scc::take_pending_call(1);
+    ASSERT_NE(call, nullptr);
+    EXPECT_FALSE(scc::take_into_cache(call, scc::acl_cache_revision()));
+    scc::release_pending_call(call);
+    EXPECT_EQ(look(key).sns, numbers{50});
+}
+
+TEST_F(CacheUpdate, LogsNothingWhileTheSwitchIsOff) {
+    test::clear_log();
+    _scc_lib_acl_add(nullptr);
+    _scc_lib_acl_reseq(nullptr, 1, 1);
+    EXPECT_EQ(test::log_texts(), texts{});
+    EXPECT_EQ(held(), 0U);
+}
+
 // ---- release ------------------------------------------------------------------------------------------
 
 TEST_F(AclCache, ReleasingTheDataEmptiesEveryBucketAndForgetsTheCapabilityWord) {

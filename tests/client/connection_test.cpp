@@ -11,8 +11,10 @@
 #include <cstring>
 
 #include "client/channel_support.h"
+#include "client/descriptors.h"
 #include "client/diagnostics.h"
 #include "support/crowd.h"
+#include "support/hidden_variable.h"
 
 using test::bytes;
 using test::side;
@@ -465,6 +467,63 @@ TEST_F(Connection, TheThreadEndsWhenTheAppIdIsTakenAwayBeforeTheFirstRegistratio
     g_scc_client_cb.app_id = 0;
     EXPECT_TRUE(test::wait_for_log("scc client not registered to sccd.exit thread."));
     EXPECT_EQ(test::statuses().size(), 0U);
+}
+
+// The variable goes away between the look at it and the attempt.
+TEST_F(Connection, AnAttemptWithoutADirectoryFailsAndIsMadeAgain) {
+    static test::hidden_variable* variable = nullptr;
+    variable = new test::hidden_variable("TMPDIR");  // the environment keeps it
+    info.handlers.server_status = [](std::uint32_t status) {
+        if (status == 0) {
+            variable->hide();
+        }
+        test::on_status(status);
+    };
+    info.app_id = 7;
+    ASSERT_EQ(scc_svr_reg(&info), 0U);
+    daemon.accept_registration();
+    ASSERT_EQ(test::statuses().wait(), 1U);
+    const test::debugging on;
+    daemon.close_both();
+    ASSERT_EQ(test::statuses().wait(), 0U);
+    EXPECT_TRUE(test::wait_for_log("TMPDIR is unset, or too long for a socket path."));
+    variable->show();
+    daemon.accept_registration();
+    expect_first_status_is_one();
+}
+
+// As after a close that failed.
+TEST_F(Connection, ASocketThatIsConnectedAlreadyIsKept) {
+    const std::uint32_t generation = scc::begin_generation();
+    g_scc_client_cb.app_id = 7;
+    g_scc_client_cb.pid = static_cast<std::uint32_t>(getpid());
+    const std::string own = daemon.directory().runtime() + "/.sccl_sd1_";
+    const int fd = _scc_lib_client_connect(own.c_str());
+    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(scc::install_descriptor(scc::channel::sync, fd, generation));
+    std::thread registering([] { EXPECT_TRUE(_scc_lib_svr_rereg()); });
+    daemon.accept_registration();
+    registering.join();
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), fd);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 4U);
+}
+
+// Whoever ends it does so while the last reply is on its way.
+TEST_F(Connection, ARegistrationThatEndsBeforeItIsConfirmedSetsNoState) {
+    (void)scc::begin_generation();
+    g_scc_client_cb.app_id = 7;
+    g_scc_client_cb.pid = static_cast<std::uint32_t>(getpid());
+    const test::debugging on;
+    std::thread registering([] { EXPECT_FALSE(_scc_lib_svr_rereg()); });
+    daemon.accept_both();
+    daemon.answer_registration(side::sync);
+    EXPECT_EQ(daemon.read_item(side::async).type, 301);
+    scc::end_generation();
+    daemon.send_item(side::async, 301, wire().u32(0).u32(0).u32(0));
+    registering.join();
+    EXPECT_EQ(g_scc_client_cb.state.load(), 3U);
+    EXPECT_EQ(times_logged(who() + "register to sccd success!"), 0U);
+    EXPECT_EQ(_scc_lib_client_close(), 0);
 }
 
 TEST_F(Connection, RegistrationsCarryTheOptionUnchangedOverAReconnection) {

@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 
+#include <memory>
+
 #include "client/channel_support.h"
 #include "client/connection.h"
 #include "client/lifetime.h"
@@ -162,6 +164,70 @@ TEST_F(Descriptors, AThreadOfAnEarlierRegistrationChangesNothing) {
     EXPECT_EQ(g_scc_client_cb.state.load(), 3U);
     scc::end_generation();
     EXPECT_FALSE(scc::is_current(current));
+    close(async_pair[0]);
+}
+
+TEST_F(Descriptors, OnlyTheConnectionsOwnEndSetsStateAndDescriptors) {
+    install(scc::begin_generation());
+    const std::uint32_t epoch = scc::connection_epoch();
+    _scc_client_state_set(4);
+    EXPECT_FALSE(scc::end_connection_of(epoch - 1, 5));
+    scc::shut_down_connection(epoch - 1);
+    EXPECT_FALSE(scc::is_shut_down(epoch));
+    scc::set_idle_of(epoch - 1);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 4U);
+    EXPECT_TRUE(is_open(sync_pair[0]));
+    EXPECT_TRUE(scc::end_connection_of(epoch, 5));
+    EXPECT_EQ(g_scc_client_cb.state.load(), 5U);
+    EXPECT_FALSE(is_open(sync_pair[0]));
+}
+
+TEST_F(Descriptors, TheStateIsSetBackOnlyWhileTheAppIdIsAway) {
+    _scc_client_state_set(4);
+    g_scc_client_cb.app_id = 7;
+    scc::set_idle_of(scc::connection_epoch());
+    EXPECT_EQ(g_scc_client_cb.state.load(), 4U);
+    g_scc_client_cb.app_id = 0;
+    scc::set_idle_of(scc::connection_epoch());
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    close(sync_pair[0]);
+    close(async_pair[0]);
+}
+
+TEST_F(Descriptors, ABrokenConnectionIsShutDownOnlyWhileItIsRegistered) {
+    install(scc::begin_generation());
+    _scc_client_state_set(3);
+    scc::report_broken(scc::connection_epoch());
+    EXPECT_EQ(scc_lib_rereg.load(), 0);
+    EXPECT_EQ(send(sync_pair[1], "x", 1, MSG_NOSIGNAL), 1);
+    _scc_client_state_set(4);
+    scc::report_broken(scc::connection_epoch());
+    EXPECT_EQ(scc_lib_rereg.load(), 1);
+    EXPECT_EQ(send(sync_pair[1], "x", 1, MSG_NOSIGNAL), -1);
+}
+
+TEST_F(Descriptors, AShutDownLeavesAMissingSocketAlone) {
+    ASSERT_TRUE(scc::install_descriptor(channel::sync, sync_pair[0], scc::begin_generation()));
+    scc::shut_down_connection(scc::connection_epoch());
+    EXPECT_EQ(send(sync_pair[1], "x", 1, MSG_NOSIGNAL), -1);
+    EXPECT_EQ(send(async_pair[1], "x", 1, MSG_NOSIGNAL), 1);
+    close(async_pair[0]);
+}
+
+// Each stays lent while its connection has ended.
+TEST_F(Descriptors, ThirtyTwoAreLentAtOnceAndTheNextWaitsForOneOfThem) {
+    std::vector<std::unique_ptr<borrowed_descriptor>> lent;
+    for (int i = 0; i < 32; ++i) {
+        const int fd = dup(sync_pair[0]);
+        ASSERT_TRUE(scc::install_descriptor(channel::sync, fd, scc::begin_generation()));
+        lent.push_back(std::make_unique<borrowed_descriptor>(channel::sync));
+        EXPECT_EQ(lent.back()->fd(), fd);
+        EXPECT_EQ(_scc_lib_client_close(), 0);
+    }
+    ASSERT_TRUE(scc::install_descriptor(channel::sync, sync_pair[0], scc::begin_generation()));
+    EXPECT_EQ(borrowed_descriptor(channel::sync).fd(), -1);
+    lent.pop_back();
+    EXPECT_EQ(borrowed_descriptor(channel::sync).fd(), sync_pair[0]);
     close(async_pair[0]);
 }
 

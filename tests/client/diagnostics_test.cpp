@@ -438,6 +438,17 @@ TEST(Probes, AreFiftyThreeOfSixWordsAndSwitchedOffAtFirst) {
     }
 }
 
+TEST(Probes, BeyondTheLastAreNotTouched) {
+    g_scc_perf_debug = 1;
+    for (const std::uint32_t beyond : {53U, 54U, 0xFFFFFFFFU}) {
+        scc_time_elapse_start(beyond);
+        scc_time_elapse_end(beyond);
+    }
+    for (const scc_perf_entry& entry : g_scc_perf) {
+        EXPECT_EQ(test::record_bytes(entry), bytes(24));
+    }
+}
+
 TEST(Probes, StartTakesTheTimeAndNothingElse) {
     g_scc_perf_debug = 1;
     const std::uint32_t before = clock_us();

@@ -7,6 +7,8 @@
 
 #include "client/acl_cache.h"
 #include "client/channel_support.h"
+#include "client/connection.h"
+#include "client/dispatch.h"
 #include "client/handler_recorder.h"
 #include "client/request_channel.h"
 
@@ -136,6 +138,8 @@ class Log : public test::runtime_test {
 
 TEST_F(Log, IsEmptyWhileTheSwitchIsOffWhateverHappens) {
     test::clear_log();
+    _scc_lib_async_msg_proc(0, nullptr);
+    EXPECT_EQ(_scc_lib_client_connect(std::string(107, 'x').c_str()), -1);
     live();
     EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
     EXPECT_EQ(test::log_texts(), std::vector<std::string>{});

@@ -6,6 +6,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <thread>
+#include <vector>
+
+#include "client/tuning.h"
 
 namespace {
 
@@ -37,6 +40,18 @@ TEST_F(MessageQueue, ASecondStartLeavesWhatIsQueued) {
     ASSERT_TRUE(scc::enqueue_message(3, &message));
     scc::init_message_queue();
     expect_next(3, &message);
+}
+
+TEST_F(MessageQueue, GivesNoMemoryBackWhileMessagesWait) {
+    std::vector<int> messages(scc::tuning::long_queue_messages);
+    for (int& message : messages) {
+        ASSERT_TRUE(scc::enqueue_message(3, &message));
+    }
+    scc::give_queue_memory_back();
+    for (int& message : messages) {
+        expect_next(3, &message);
+    }
+    scc::give_queue_memory_back();
 }
 
 TEST_F(MessageQueue, WaitsThreeSecondsForNothing) {

@@ -5,6 +5,7 @@
 #include "client/diagnostics.h"
 #include "client/dispatch.h"
 #include "client/handler_recorder.h"
+#include "support/log_acts.h"
 #include "support/log_capture.h"
 
 using test::bytes;
@@ -188,7 +189,22 @@ TEST(Notifications, NothingIsLoggedWhileDebuggingIsOff) {
         }
         EXPECT_EQ(test::taken_calls().size(), with_handler ? all_cases().size() : 0U);
     }
+    g_scc_client_cb.handlers.water_line = test::recording_handlers().water_line;
+    receive(220, wire().u32(1));
+    EXPECT_EQ(test::taken_calls().size(), 1U);
     EXPECT_TRUE(test::captured_log().empty());
+}
+
+TEST(Notifications, DoNotReachAHandlerThatIsClearedWhileTheirLineIsWritten) {
+    test::use_handlers(test::recording_handlers());
+    const test::debugging on;
+    test::on_log("call d1x mac move notify handler", [] {
+        scc::store_handler<decltype(scc_handlers::d1x_addr_move)>(g_scc_client_cb.handlers.d1x_addr_move,
+                                                                  nullptr);
+    });
+    receive(110, wire().zeros(4).u32(1).zeros(16));
+    EXPECT_TRUE(test::logged("call d1x mac move notify handler"));
+    EXPECT_TRUE(test::taken_calls().empty());
 }
 
 TEST(Notifications, AddressMovesAndNoFlowCountCallsAlwaysAndCallbacksWithAHandler) {

@@ -190,6 +190,52 @@ TEST_F(PendingCalls, ACallInHandThatNobodyTookIsPendingAgain) {
     EXPECT_EQ(kind_of(2), 5U);
 }
 
+// A handler of a run that itself runs an event loop receives results meanwhile.
+TEST_F(PendingCalls, OneRunHoldsItsCallsInHandAndAnotherTakesItsOwnFromTheRest) {
+    for (const std::uint32_t id : {1U, 2U, 3U, 4U}) {
+        ASSERT_EQ(save(id, id + 10, {}), 0U);
+    }
+    const std::vector<std::uint32_t> held_ids = {1, 2};
+    const std::vector<std::uint32_t> other_ids = {2, 3};
+    scc::calls_in_hand held(held_ids);
+    EXPECT_EQ(scc::pending_calls(), 4U);
+    EXPECT_NE(held.peek(1), nullptr);
+    EXPECT_EQ(held.peek(2), nullptr);
+    {
+        scc::calls_in_hand other(other_ids);
+        EXPECT_EQ(other.peek(0), nullptr);
+        for (std::size_t i = 0; i < 2; ++i) {
+            scc::pending_call* call = other.take(i);
+            ASSERT_NE(call, nullptr);
+            EXPECT_EQ(call->call_id, other_ids[i]);
+            scc::release_pending_call(call);
+        }
+    }
+    EXPECT_EQ(held.take(1), nullptr);
+    scc::pending_call* call = held.take(0);
+    ASSERT_NE(call, nullptr);
+    EXPECT_EQ(call->call_id, 1U);
+    scc::release_pending_call(call);
+    EXPECT_EQ(scc::pending_calls(), 1U);
+}
+
+TEST_F(PendingCalls, ARunWithoutResultsHoldsNothing) {
+    const scc::calls_in_hand none({});
+    EXPECT_EQ(none.peek(0), nullptr);
+    ASSERT_EQ(save(1, 4, {}), 0U);
+    const std::vector<std::uint32_t> ids = {1};
+    const scc::calls_in_hand held(ids);
+    EXPECT_NE(held.peek(0), nullptr);
+}
+
+TEST(PendingCallsBeforeAStart, AreNone) {
+    EXPECT_EQ(scc::take_pending_call(1), nullptr);
+    const std::vector<std::uint32_t> ids = {1};
+    scc::calls_in_hand none(ids);
+    EXPECT_EQ(none.take(0), nullptr);
+    EXPECT_EQ(scc::pending_calls(), 0U);
+}
+
 TEST_F(PendingCalls, CallIdsCountUpAndWrap) {
     EXPECT_EQ(_scc_lib_call_id_get(), 1U);
     EXPECT_EQ(_scc_lib_call_id_get(), 2U);

@@ -746,4 +746,39 @@ TEST_P(OneHandlerAtATime, WhenTheHandlerItselfRegistersAnew) {
 INSTANTIATE_TEST_SUITE_P(Handlers, OneHandlerAtATime, ::testing::ValuesIn(old_handler_rows),
                          [](const auto& row) { return std::string(row.param.name); });
 
+TEST_F(Receive, WhatArrivedAfterTheMessageWhoseHandlerUnregistersIsDropped) {
+    static test::event_queue<std::uint8_t> moves;
+    info.handlers.station_move = [](std::uint8_t permitted) {
+        moves.push(permitted);
+        EXPECT_EQ(scc_svr_unreg(), 0U);
+    };
+    start();
+    bytes both = test::message_bytes({test::item_bytes(210, wire().u32(1).u8(1))});
+    const bytes second = test::message_bytes({test::item_bytes(210, wire().u32(1).u8(0))});
+    both.insert(both.end(), second.begin(), second.end());
+    daemon.send(side::async, both);
+    daemon.answer_unregistration();
+    EXPECT_EQ(moves.wait(), 1);
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_EQ(moves.size(), 0U);
+}
+
+// As when another thread ends it for good.
+TEST_F(Receive, TheThreadLeavesWhenItsRegistrationEndsWhileItComesBack) {
+    info.handlers.server_status = [](std::uint32_t status) {
+        test::on_status(status);
+        if (status == 0) {
+            scc::end_generation();
+        }
+    };
+    info.app_id = 7;
+    ASSERT_EQ(scc_svr_reg(&info), 0U);
+    daemon.accept_registration();
+    ASSERT_EQ(test::statuses().wait(), 1U);
+    daemon.close_both();
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_EQ(test::statuses().size(), 0U);
+}
+
 }  // namespace

@@ -601,4 +601,31 @@ TEST_F(ResultsTogether, OfOneCallAreDeliveredOnce) {
     EXPECT_EQ(test::log_texts(), unknown({1, 2, 1}));
 }
 
+TEST_F(Results, OfSavedDataThatIsTooShortAreNeitherReadNorCounted) {
+    scc_handlers handlers{};
+    handlers.addr_learning = [](std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {
+        ADD_FAILURE() << "delivered";
+    };
+    test::use_handlers(handlers);
+    save(1, 27, wire().zeros(24));
+    save(2, 23, wire().zeros(4));
+    for (const std::uint32_t id : {1U, 2U}) {
+        const bytes item = wire().u32(id).u32(0);
+        _scc_lib_call_ret_proc(item.data());
+    }
+    for (std::uint32_t code = 0; code <= 12; ++code) {
+        EXPECT_EQ(scc::read_statistics(code).callback_successes, 0U) << code;
+    }
+    EXPECT_EQ(scc::pending_calls(), 0U);
+}
+
+TEST_F(Results, OfAnUnknownKindLogNothingWhileTheSwitchIsOff) {
+    test::clear_log();
+    save(1, 47, wire().zeros(4));
+    const bytes item = wire().u32(1).u32(0);
+    _scc_lib_call_ret_proc(item.data());
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{});
+    EXPECT_EQ(scc::pending_calls(), 0U);
+}
+
 }  // namespace

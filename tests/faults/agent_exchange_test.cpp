@@ -109,4 +109,18 @@ TEST_F(AgentExchange, WhoseRequestWentOutInPartStartsTheConnectionOver) {
     }
 }
 
+TEST_F(AgentExchange, WithoutMemoryForTheRecordOfATaskSchedulesNone) {
+    start();
+    in_loop([] {
+        scc::cancel_all_tasks();
+        test::forget_added_tasks();
+        const test::debugging on;
+        test::fail_allocation(1);
+        EXPECT_EQ(_scc_lib_thread_event(scc::task_read, nullptr, g_scc_client_cb.async_fd.load()), -1);
+        EXPECT_TRUE(test::end_faults());
+        EXPECT_TRUE(test::logged("Failed to add qx_thread for scc_lib_read"));
+        EXPECT_TRUE(test::added_tasks().empty());
+    });
+}
+
 }  // namespace

@@ -130,4 +130,49 @@ TEST_F(AgentStartBesideAThread, WhoseStateWasSetBackChangesNothing) {
     expect_working();
 }
 
+// An event loop's start does not wait for scc_lib_lock.
+class StartBesideAnAgent : public ::testing::Test {
+  protected:
+    ~StartBesideAnAgent() override { test::end_faults(); }
+
+    static void start_agent() {
+        scc_reg_info agent{};
+        agent.app_id = 9;
+        EXPECT_EQ(scc_agent_init(&agent, qx_thread_master_create()), 0U);
+    }
+
+    // The agent comes first, while the other start makes its directory.
+    static void expect_the_agents_start(std::uint32_t (*start)(), const char* app_id) {
+        const test::debugging on;
+        test::on_call(test::call::mkdir, start_agent);
+        EXPECT_EQ(start(), 0U);
+        EXPECT_TRUE(test::logged(std::string("(app id:") + app_id + ", pid:" + test::own_pid() +
+                                 ") already registered!"));
+        EXPECT_EQ(g_scc_client_cb.app_id.load(), 9U);
+        EXPECT_EQ(g_scc_client_cb.thread_mode.load(), 0U);
+        EXPECT_EQ(test::calls(test::call::pthread_create), 1);
+    }
+
+    test::temp_dir directory;
+};
+
+TEST_F(StartBesideAnAgent, OfAnApplicationChangesNothing) {
+    expect_the_agents_start(
+        [] {
+            scc_reg_info info{};
+            info.app_id = 7;
+            return scc_svr_reg(&info);
+        },
+        "7");
+}
+
+TEST_F(StartBesideAnAgent, OfTheServiceChangesNothing) {
+    expect_the_agents_start(
+        [] {
+            const scc_ss_reg_info info{};
+            return scc_ss_reg(&info);
+        },
+        "16");
+}
+
 }  // namespace

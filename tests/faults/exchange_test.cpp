@@ -2,8 +2,11 @@
 // no memory: the caller hears of it at once, and the next exchange is not out of step.
 #include <sys/socket.h>
 
+#include <cstdlib>
+
 #include "client/connection.h"
 #include "client/locks.h"
+#include "client/message_reader.h"
 #include "client/request_channel.h"
 #include "fault_support.h"
 #include "support/aside.h"
@@ -401,6 +404,42 @@ TEST_F(ExchangeLog, NamesTheErrorOfTheCheckersFlushOfWhichAPartWentOut) {
                                  ")send  message error,ret:" + std::to_string(error) + "!"));
         expect_reconnection();
     }
+}
+
+TEST_F(Exchange, OfAnUnregistrationThatWentOutInPartEndsTheConnection) {
+    start();
+    for (const int error : {4, 11, no_buffers}) {
+        SCOPED_TRACE(error);
+        test::limit_transfer(10);
+        test::fail_call(call::send, 2, error);
+        EXPECT_EQ(scc_svr_unreg(), static_cast<std::uint32_t>(error));
+        EXPECT_TRUE(test::end_faults());
+        expect_reconnection();
+        if (HasFailure()) {
+            return;
+        }
+        expect_working();
+    }
+}
+
+TEST_F(Exchange, InterruptedTwiceWhileItReadsPastAMessageKeepsItsPlace) {
+    start();
+    const bytes message = test::message_bytes({test::item_bytes(999, bytes(20, 1))});
+    void* out = nullptr;
+    daemon.send(side::sync, test::slice(message, 0, 12));
+    test::fail_call(call::malloc, 1, 12);
+    test::fail_call(call::recv, 3, 4);  // after the header and the four bytes that have arrived
+    EXPECT_EQ(_scc_lib_msg_recv(&out, 1), 12U);
+    EXPECT_TRUE(test::end_faults());
+    test::fail_call(call::recv, 1, 4);
+    EXPECT_EQ(_scc_lib_msg_recv(&out, 1), 4U);
+    EXPECT_TRUE(test::end_faults());
+    daemon.send(side::sync, test::slice(message, 12, message.size() - 12));
+    daemon.send_item(side::sync, 998, bytes(3, 2));
+    ASSERT_EQ(_scc_lib_msg_recv(&out, 1), 0U);
+    const auto* received = static_cast<const std::uint8_t*>(out);
+    EXPECT_EQ(bytes(received, received + 19), test::message_bytes({test::item_bytes(998, bytes(3, 2))}));
+    std::free(out);
 }
 
 }  // namespace

@@ -423,4 +423,28 @@ TEST_F(LateSender, ThatFailsBeforeItsConnectionEndsLeavesTheCallsOfTheNext) {
     expect_working();
 }
 
+// The daemon has a part of the batch, so its stream is out of step.
+TEST_F(BatchFaults, AFlushOfWhichAPartWentOutAndTheRestTimedOutEndsTheConnection) {
+    start();
+    ASSERT_EQ(scc_svi_router_acl_set(3, nullptr), 0U);
+    test::limit_transfer(10);
+    test::fail_calls_from(call::send, 2, 11);
+    scc::flush_waiting_batch();
+    EXPECT_EQ(test::calls(call::send), 22);
+    EXPECT_TRUE(test::end_faults());
+    expect_recovered_and_working(true);
+    EXPECT_EQ(scc::pending_calls(), 0U);
+}
+
+TEST_F(BatchFaults, AFullBatchForTheSynchronousSocketNamesThatSocket) {
+    start();
+    const test::debugging on;
+    const bytes large(5000, 1);
+    ASSERT_EQ(_scc_lib_msg_send_bt(0, 900, large.data(), 5000, 1), 0U);
+    test::fail_call(call::send, 1, 11);
+    EXPECT_EQ(_scc_lib_msg_send_bt(0, 901, large.data(), 5000, 1), 0U);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_TRUE(test::logged(message_error("sync", 11)));
+}
+
 }  // namespace

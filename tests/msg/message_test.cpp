@@ -49,6 +49,7 @@ TEST(MessageHeader, ZeroesTheWholeMessageAndThenSetsItsThreeFields) {
 TEST(MessageLength, IsTheHeadersLengthAlsoUnaligned) {
     const bytes message = wire().u8(0).u32(0x01020304).zeros(4);
     EXPECT_EQ(_scc_msg_len_get(message.data() + 1), 0x01020304U);
+    EXPECT_EQ(_scc_msg_len_get(nullptr), 0U);
 }
 
 TEST(MessageAppend, BeginsAnEmptyMessageByItselfAndPacksItemsWithoutPadding) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -204,6 +205,7 @@ TEST(InstanceNumber, IsZeroWithoutTheVariableAndForTheLibraryWithoutASlash) {
     EXPECT_EQ(_scc_lib_vsd_id_get(), 0U);
     setenv("TMPDIR", "17", 1);
     EXPECT_EQ(_scc_lib_vsd_id_get(), 0U);
+    EXPECT_EQ(_scc_vsd_id_get(), 17U);
 }
 
 // ---- the process's name -------------------------------------------------------------------------------
@@ -265,6 +267,20 @@ TEST(ProcessName, OfAProcessThatIsNotThereIsTheErrorAndAnEmptyName) {
     char name[8] = "before";
     EXPECT_EQ(_scc_process_name_get(0x7FFFFFFF, name, sizeof name), 2U);
     EXPECT_EQ(std::string(name, sizeof name), std::string(8, '\0'));
+}
+
+// As of a kernel thread: a child that has ended and is not waited for yet.
+TEST(ProcessName, OfAProcessWithoutArgumentsIsEmpty) {
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(0);
+    }
+    siginfo_t ended{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
+    char name[8] = "before";
+    EXPECT_EQ(_scc_process_name_get(child, name, sizeof name), 0U);
+    EXPECT_EQ(std::string(name, sizeof name), std::string(8, '\0'));
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
 }
 
 // ---- the service id counter ---------------------------------------------------------------------------

@@ -6,6 +6,7 @@
 
 #include "client/diagnostics.h"
 #include "ss/id_map.h"
+#include "ss/service.h"
 #include "ss/service_fixture.h"
 
 using test::bytes;
@@ -459,6 +460,18 @@ TEST_F(Callbacks, TheTableOfCallbacksByOperationCode) {
     }
     EXPECT_EQ(scc_ssc_appmng_get_callback(13), nullptr);
     EXPECT_EQ(scc_ssc_appmng_get_callback(0xFFFFFFFF), nullptr);
+}
+
+TEST_F(Callbacks, WithoutARecordNothingIsSentOrCounted) {
+    start_with_all_handlers();
+    for (std::uint32_t op = 0; op <= 11; ++op) {
+        if (const callback answer = scc_ssc_appmng_get_callback(op); answer != nullptr) {
+            answer(nullptr, 0);
+        }
+    }
+    _scc_ss_ace_counter_op_ret_callback(nullptr, 0);
+    EXPECT_EQ(scc::read_count(0).answered, 0U);
+    expect_nothing_more();
 }
 
 TEST_F(Callbacks, AResultBeforeAnyRegistrationDoesNotBreakTheHost) {

@@ -355,6 +355,16 @@ TEST_F(Dispatch, LogsNothingWhileTheSwitchIsOff) {
     send(999, bytes(10));
     daemon.read_items(side::async, 2);  // of the user read and the data recovery
     expect_nothing_more();
+    test::script().returns = 22;
+    for (const std::uint16_t type : {std::uint16_t{147}, std::uint16_t{152}}) {
+        send(type, bytes(1000));
+    }
+    daemon.read_items(side::async, 1);  // of the user read
+    expect_nothing_more();
+    _scc_ss_async_msg_proc(0, nullptr);
+    scc_flow_user user{};
+    user.family = 3;
+    EXPECT_EQ(scc_noflow_offline_notify(&user, 1, 2, nullptr, 0), 0U);
     EXPECT_EQ(test::log_texts(), std::vector<std::string>{});
 }
 

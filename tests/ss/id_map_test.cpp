@@ -76,6 +76,19 @@ TEST_F(IdMap, AnIdWithoutTypesIsRemovedWithALogLine) {
     EXPECT_EQ(_scc_ss_find_idtype(12), nullptr);
 }
 
+TEST_F(IdMap, AnIdWithoutTypesIsRemovedInSilenceWhileTheSwitchIsOff) {
+    test::clear_log();
+    _scc_ss_save_idtype(12, 1);
+    scc::scc_ss_id_node* node = _scc_ss_find_idtype(12);
+    ASSERT_NE(node, nullptr);
+    auto* type = reinterpret_cast<scc::scc_ss_type_node*>(node->types.next);
+    scc::list_del(&type->link);
+    std::free(type);
+    EXPECT_EQ(_scc_ss_get_type(12), 0);
+    EXPECT_EQ(_scc_ss_find_idtype(12), nullptr);
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{});
+}
+
 TEST_F(IdMap, RefusesASecondNodeOfAnId) {
     _scc_ss_save_idtype(12, 1);
     scc::scc_ss_id_node other{};

@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "client/log.h"
+#include "support/log_acts.h"
 
 namespace test {
 namespace {
@@ -18,6 +19,8 @@ struct store {
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<log_line> lines;
+    std::string awaited;
+    void (*act)() = nullptr;
 };
 
 // Never destroyed: the library's threads log until the process has gone.
@@ -74,6 +77,12 @@ void leave_errno_in_log(int error) {
     g_errno_left = error;
 }
 
+void on_log(const std::string& text, void (*act)()) {
+    const std::lock_guard guard(the_store().mutex);
+    the_store().awaited = text;
+    the_store().act = act;
+}
+
 debugging::debugging() {
     clear_log();
     scc_lib_debug.store(1);
@@ -93,9 +102,19 @@ extern "C" int printk_syslog_ext(int level, const char* module, const char* subm
     const int length = std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     auto& store = test::the_store();
-    const std::lock_guard guard(store.mutex);
-    store.lines.push_back({level, module, submodule, flag, test::without_prefix(text), text});
-    store.changed.notify_all();
+    void (*act)() = nullptr;
+    {
+        const std::lock_guard guard(store.mutex);
+        store.lines.push_back({level, module, submodule, flag, test::without_prefix(text), text});
+        store.changed.notify_all();
+        if (!store.awaited.empty() && store.lines.back().text == store.awaited) {
+            store.awaited.clear();
+            act = store.act;
+        }
+    }
+    if (act != nullptr) {
+        act();
+    }
     if (const int left = test::g_errno_left; left != 0) {
         errno = left;
     }

@@ -11,6 +11,9 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <utility>
+
+#include "support/loop_acts.h"
 
 namespace test {
 namespace {
@@ -27,6 +30,7 @@ struct record {
     std::set<qx_thread*> kept;
     std::map<adding, int> refusals;
     long timer_seconds = -1;
+    void (*on_cancel)() = nullptr;
 };
 
 // Never destroyed: the library's threads add tasks until the process has gone.
@@ -149,6 +153,11 @@ std::vector<cancelled_task> cancelled_tasks(const std::string& name) {
     return found;
 }
 
+void on_cancel(void (*act)()) {
+    const std::lock_guard guard(the_record().mutex);
+    the_record().on_cancel = act;
+}
+
 std::vector<std::thread::id> threads_that_called() {
     const std::lock_guard guard(the_record().mutex);
     return the_record().callers;
@@ -215,6 +224,14 @@ qx_thread* qx_thread_add_write_withname(qx_thread_master* master, qx_thread_hand
 }
 
 void qx_thread_cancel(qx_thread* task) {
+    void (*act)() = nullptr;
+    {
+        const std::lock_guard guard(test::the_record().mutex);
+        act = std::exchange(test::the_record().on_cancel, nullptr);
+    }
+    if (act != nullptr) {
+        act();
+    }
     {
         test::record& noted = test::the_record();
         const std::lock_guard guard(noted.mutex);

@@ -1,0 +1,117 @@
+// Registrations told apart: what belongs to an ended one changes nothing, waits for nothing and is not
+// called.
+#include "client/lifetime.h"
+
+#include "client/channel_support.h"
+#include "client/descriptors.h"
+#include "support/aside.h"
+
+using test::aside;
+
+namespace {
+
+class Lifetime : public ::testing::Test {
+  protected:
+    // As a registration leaves it.
+    static void register_as(std::uint32_t app_id) {
+        g_scc_client_cb.app_id = app_id;
+        _scc_client_state_set(scc::state_registered);
+    }
+
+    static bool a_start_lives() { return scc::is_started(scc::start_kind::thread); }
+};
+
+TEST_F(Lifetime, AStartIsGivenUpByItsOwnGenerationAlone) {
+    const std::uint32_t ended = scc::begin_generation(scc::start_kind::agent);
+    const std::uint32_t current = scc::begin_generation(scc::start_kind::agent);
+    scc::give_start_up(ended);
+    EXPECT_TRUE(a_start_lives());
+    scc::give_start_up(current);
+    EXPECT_FALSE(a_start_lives());
+}
+
+TEST_F(Lifetime, ASecondUnregistrationIsRefusedWhileOneIsUnderWay) {
+    register_as(7);
+    std::uint32_t app_id = 0;
+    ASSERT_TRUE(scc::begin_unregistration(app_id));
+    EXPECT_EQ(app_id, 7U);
+    std::uint32_t untouched = 5;
+    EXPECT_FALSE(scc::begin_unregistration(untouched));
+    EXPECT_EQ(untouched, 5U);
+    scc::take_unregistration_back(app_id);
+    EXPECT_TRUE(scc::begin_unregistration(app_id));
+    scc::end_unregistration();
+}
+
+TEST_F(Lifetime, NothingStartsWhileAnUnregistrationIsUnderWay) {
+    register_as(7);
+    std::uint32_t app_id = 0;
+    ASSERT_TRUE(scc::begin_unregistration(app_id));
+    _scc_client_state_set(scc::state_idle);
+    EXPECT_TRUE(a_start_lives());
+    scc::end_unregistration();
+    EXPECT_FALSE(a_start_lives());
+}
+
+// A send that failed meanwhile has set the state back.
+TEST_F(Lifetime, ARefusedEndRestoresTheStateOfAConnectionThatStands) {
+    for (const bool stands : {true, false}) {
+        register_as(7);
+        g_scc_client_cb.sync_fd = 0;
+        g_scc_client_cb.async_fd = stands ? 0 : -1;
+        std::uint32_t app_id = 0;
+        ASSERT_TRUE(scc::begin_unregistration(app_id));
+        scc::set_idle_of(scc::connection_epoch());
+        scc::take_unregistration_back(app_id);
+        EXPECT_EQ(g_scc_client_cb.state.load(), stands ? 4U : 1U);
+        EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
+    }
+}
+
+TEST_F(Lifetime, TheWaitForAnUnregistrationEndsWithTheGeneration) {
+    register_as(7);
+    const std::uint32_t generation = scc::begin_generation();
+    std::uint32_t app_id = 0;
+    ASSERT_TRUE(scc::begin_unregistration(app_id));
+    aside<bool> waiting([generation] { return scc::survives_unregistration(generation); });
+    ASSERT_TRUE(waiting.waits_in(test::waiting_for_a_lock));
+    scc::end_generation();
+    EXPECT_TRUE(waiting.returns()) << "it waits for the end of the unregistration";
+    scc::end_unregistration();
+    EXPECT_FALSE(waiting.get());
+}
+
+TEST_F(Lifetime, ATurnWithinAnotherIsGrantedToTheCurrentGenerationAlone) {
+    const std::uint32_t ended = scc::begin_generation();
+    const scc::delivery_turn outer(ended);
+    EXPECT_TRUE(outer.granted());
+    EXPECT_TRUE(scc::delivery_turn(ended).granted());
+    const std::uint32_t current = scc::begin_generation();
+    EXPECT_FALSE(scc::delivery_turn(ended).granted());
+    EXPECT_TRUE(scc::delivery_turn(current).granted());
+}
+
+TEST_F(Lifetime, ATurnThatWaitsIsNotGrantedOnceItsGenerationHasEnded) {
+    const scc::delivery_turn earlier(scc::begin_generation());
+    ASSERT_TRUE(earlier.granted());
+    const std::uint32_t generation = scc::begin_generation();
+    aside<bool> waiting([generation] { return scc::delivery_turn(generation).granted(); });
+    ASSERT_TRUE(waiting.waits_in(test::waiting_for_a_lock));
+    scc::end_generation();
+    EXPECT_TRUE(waiting.returns()) << "it waits for the earlier turn";
+    EXPECT_FALSE(waiting.get());
+}
+
+TEST_F(Lifetime, AThreadThatIsNoReceiveThreadActsForTheCurrentGeneration) {
+    const std::uint32_t ended = scc::begin_generation();
+    EXPECT_EQ(scc::generation_of_this_thread(), ended);
+    const std::uint32_t current = scc::begin_generation();
+    EXPECT_EQ(scc::generation_of_this_thread(), current);
+    aside<std::uint32_t> receiving([ended] {
+        scc::belong_to_generation(ended);
+        return scc::generation_of_this_thread();
+    });
+    EXPECT_EQ(receiving.get(), ended);
+}
+
+}  // namespace
