@@ -2,7 +2,11 @@
 // otherwise. SCC_LOG_RAW always writes: for dumps, and for lines that must not depend on the debug switch.
 #pragma once
 
+#ifdef SCC_NO_QX_SYSLOG
+#include "client/system_log.h"
+#else
 #include <qx_syslog.h>
+#endif
 
 #include <atomic>
 
