@@ -40,7 +40,10 @@ stage_packages() {
     build release
     scripts/check_packages.sh
 }
-stage_complete() { scripts/check_complete.sh; }
+stage_complete() {
+    scripts/check_complete.sh
+    scripts/check_recipes.py docs/architecture.md
+}
 # tidy_sources PATTERN...: checks as many files at once as there are processors.
 tidy_options=()
 tidy_sources() {
