@@ -6,11 +6,12 @@ install(TARGETS scclib_static EXPORT scclibTargets ARCHIVE DESTINATION ${CMAKE_I
 install(FILES ${PROJECT_SOURCE_DIR}/include/scclib.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 
 if(NOT SCC_PLATFORM_DIR)
-  add_dependencies(installed qx_syslog qx_thread)
-  install(TARGETS qx_syslog qx_thread EXPORT scclibTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-          COMPONENT workstation)
-  install(FILES ${PROJECT_SOURCE_DIR}/platform/qx_syslog/qx_syslog.h ${PROJECT_SOURCE_DIR}/platform/qx_thread/qx_thread.h
-          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT workstation)
+  foreach(library ${SCC_PLATFORM_LIBRARIES})
+    add_dependencies(installed ${library})
+    install(TARGETS ${library} EXPORT scclibTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT workstation)
+    install(FILES ${PROJECT_SOURCE_DIR}/platform/${library}/${library}.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+            COMPONENT workstation)
+  endforeach()
 endif()
 
 # Written at install time, since the prefix may be chosen then.
@@ -18,6 +19,7 @@ install(CODE "
   set(CMAKE_INSTALL_LIBDIR \"${CMAKE_INSTALL_LIBDIR}\")
   set(CMAKE_INSTALL_INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
   set(PROJECT_VERSION \"${PROJECT_VERSION}\")
+  string(REPLACE \";\" \" \" SCC_PLATFORM_FLAGS \"${SCC_PLATFORM_FLAGS}\")
   set(pc_file \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig/scclib.pc\")
   configure_file(\"${PROJECT_SOURCE_DIR}/cmake/scclib.pc.in\" \"\$ENV{DESTDIR}\${pc_file}\" @ONLY)
   list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${pc_file}\")
@@ -38,10 +40,10 @@ if(Python3_FOUND)
   add_custom_command(OUTPUT ${man_stamp}
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${PROJECT_BINARY_DIR}/man
     COMMAND ${Python3_EXECUTABLE} ${man_maker} ${PROJECT_SOURCE_DIR}/include/scclib.h
-            ${PROJECT_SOURCE_DIR}/src/scclib.map ${PROJECT_BINARY_DIR}/man
+            ${SCC_VERSION_SCRIPT} ${PROJECT_BINARY_DIR}/man
     COMMAND ${CMAKE_COMMAND} -E touch ${man_stamp}
     DEPENDS ${man_maker} ${PROJECT_SOURCE_DIR}/scripts/roff_page.py ${PROJECT_SOURCE_DIR}/include/scclib.h
-            ${PROJECT_SOURCE_DIR}/src/scclib.map
+            ${SCC_VERSION_SCRIPT}
     VERBATIM)
   add_custom_target(man_pages ALL DEPENDS ${man_stamp})
   add_dependencies(installed man_pages)

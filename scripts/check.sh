@@ -28,6 +28,7 @@ stage_binary() {
     mapfile -t binaries < <(find build/release/src build/release/platform build/release/devkit -type f \
         \( -name 'lib*.so' -o -name 'lib*.so.*' -o -name sccd-dev -o -name scc-ss-dev -o -name sccctl \))
     scripts/check_hardening.sh "${binaries[@]}"
+    scripts/check_options.sh
 }
 stage_abi() { scripts/check_abi.sh build/release/src/libscclib.so; }
 stage_man() { scripts/check_man_pages.sh; }
@@ -39,7 +40,10 @@ stage_packages() {
     build release
     scripts/check_packages.sh
 }
-stage_complete() { scripts/check_complete.sh; }
+stage_complete() {
+    scripts/check_complete.sh
+    scripts/check_recipes.py docs/architecture.md
+}
 # tidy_sources PATTERN...: checks as many files at once as there are processors.
 tidy_options=()
 tidy_sources() {

@@ -19,7 +19,7 @@ namespace scc::ctl {
 namespace {
 
 // Lists longer than a message can hold are truncated.
-constexpr std::uint32_t entries_max = 8192 / record::ace_counter;
+constexpr std::uint32_t entries_max = wire::batch_capacity_bytes / record::ace_counter;
 
 std::string mac_of(const std::uint8_t* mac) {
     return fmt::format("{:02x}:{:02x}:{:02x}:{:02x}:{:02x}:{:02x}", mac[0], mac[1], mac[2], mac[3], mac[4],

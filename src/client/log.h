@@ -3,7 +3,11 @@
 // the debug switch.
 #pragma once
 
+#ifdef SCC_NO_QX_SYSLOG
+#include "client/system_log.h"
+#else
 #include <qx_syslog.h>
+#endif
 
 #include <atomic>
 

@@ -281,9 +281,11 @@ static const char* call_lifecycle(void) {
     EXPECT(scc_svr_reg(NULL) == 22);
     EXPECT(scc_svr_unreg() == 0);
     EXPECT(scc_ss_reg(NULL) == 22);
+#ifndef SCC_NO_AGENT
     EXPECT(scc_agent_init(NULL, NULL) == 22);
     EXPECT(scc_agent_finish() == 0);
     scc_agent_set_connect_callback(NULL);
+#endif
     return NULL;
 }
 

@@ -1,4 +1,4 @@
-// The service's side and the event loop's start, with each allocation and thread failing in turn.
+// The service's side, with each allocation and thread failing in turn.
 #include "ss/service.h"
 
 #include <cstring>
@@ -313,34 +313,6 @@ TEST_F(ServiceFaults, EachReportUpwardsIs12WithoutMemory) {
         EXPECT_EQ(daemon.read_item(side::sync).type, row.type);
     }
     expect_working(1);
-}
-
-// The start by an event loop fails before anything is put on the loop.
-class LoopStartFaults : public ::testing::Test {
-  protected:
-    LoopStartFaults() { info.app_id = 7; }
-    ~LoopStartFaults() override { test::end_faults(); }
-
-    void expect_failed_start(std::uint32_t error) {
-        EXPECT_EQ(scc_agent_init(&info, &no_loop), error);
-        EXPECT_TRUE(test::end_faults());
-        EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
-        EXPECT_EQ(g_scc_client_cb.app_id.load(), 0U);
-        EXPECT_EQ(test::library_threads(), 0U);
-    }
-
-    scc_reg_info info{};
-    int no_loop = 0;
-    test::scripted_daemon daemon;
-};
-
-TEST_F(LoopStartFaults, AreReturnedAndLeaveNothing) {
-    test::fail_allocation(1);
-    expect_failed_start(12);
-    test::fail_call(call::mkdir, 3, 28);
-    expect_failed_start(28);
-    test::fail_call(call::pthread_create, 1, 11);
-    expect_failed_start(11);
 }
 
 }  // namespace

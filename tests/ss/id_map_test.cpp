@@ -17,6 +17,16 @@ namespace {
 
 using IdMap = test::registered_service;
 
+// The counters that the dump lists after the total, in their order.
+constexpr const char* pair_names[] = {
+    "recover  ", "debug    ",      "acl      ",   "ace      ",      "apply    ", "reseq    ",
+    "svi      ", "acl_stat ",      "ace_stat ",   "direct-vlan",    "authmode ", "gbl_eport",
+    "cpp      ", "offline_cfg",    "app      ",   "def_read ",      "l4port   ", "user     ",
+    "user_read", "user_reinstall", "app_recover", "l4port_recover", "app_with ", "test_cmd "};
+constexpr std::size_t pairs = std::size(pair_names);
+// After the total, the pairs and the line that begins the list.
+constexpr std::size_t first_id_line = 1 + pairs + 1;
+
 // What the dump writes: the other threads may log while it holds the switch.
 std::vector<std::string> dumped_lines() {
     test::clear_log();
@@ -33,8 +43,8 @@ std::vector<std::string> dumped_lines() {
 // What follows the counters.
 std::vector<std::string> dumped_ids() {
     const auto lines = dumped_lines();
-    EXPECT_GE(lines.size(), 26U);
-    return {lines.begin() + 26, lines.end()};
+    EXPECT_GE(lines.size(), first_id_line);
+    return {lines.begin() + first_id_line, lines.end()};
 }
 
 TEST_F(IdMap, GivesTheTypesOfAnIdBackInTheirOrderAndForgetsTheIdThen) {
@@ -291,7 +301,7 @@ TEST_F(IdMap, TheDumpShowsEveryCounterPairAndMarksTheOpenOnes) {
     send(213, wire().zeros(520));
     called(13);
     const auto texts = dumped_lines();
-    ASSERT_EQ(texts.size(), 1U + 24 + 1 + 1);
+    ASSERT_EQ(texts.size(), first_id_line + 1);
     EXPECT_EQ(texts[0], "ss-stat: recv_cnt(4) callback_cnt(2).");
     EXPECT_EQ(texts[1], "fun(recover        ) : rcv(1), cb(1).  ");
     EXPECT_EQ(texts[2], "fun(debug          ) : rcv(0), cb(0).  ");
@@ -301,20 +311,15 @@ TEST_F(IdMap, TheDumpShowsEveryCounterPairAndMarksTheOpenOnes) {
     EXPECT_EQ(texts[20], "fun(user_reinstall ) : rcv(0), cb(0).  ");
     EXPECT_EQ(texts[21], "fun(app_recover    ) : rcv(1), cb(1).  ");
     EXPECT_EQ(texts[24], "fun(test_cmd       ) : rcv(0), cb(0).  ");
-    EXPECT_EQ(texts[25], "dump ss list.");
-    EXPECT_EQ(texts[26], "[id:5] ");
+    EXPECT_EQ(texts[first_id_line - 1], "dump ss list.");
+    EXPECT_EQ(texts[first_id_line], "[id:5] ");
 }
 
 TEST_F(IdMap, TheDumpNamesThePairsInTheirOrder) {
-    constexpr const char* names[] = {
-        "recover  ", "debug    ",      "acl      ",   "ace      ",      "apply    ", "reseq    ",
-        "svi      ", "acl_stat ",      "ace_stat ",   "direct-vlan",    "authmode ", "gbl_eport",
-        "cpp      ", "offline_cfg",    "app      ",   "def_read ",      "l4port   ", "user     ",
-        "user_read", "user_reinstall", "app_recover", "l4port_recover", "app_with ", "test_cmd "};
     const auto texts = dumped_lines();
-    ASSERT_EQ(texts.size(), 1U + 24 + 1);
-    for (std::size_t i = 0; i < 24; ++i) {
-        EXPECT_TRUE(texts[i + 1].starts_with("fun(" + std::string(names[i]))) << texts[i + 1];
+    ASSERT_EQ(texts.size(), first_id_line);
+    for (std::size_t i = 0; i < pairs; ++i) {
+        EXPECT_TRUE(texts[i + 1].starts_with("fun(" + std::string(pair_names[i]))) << texts[i + 1];
         EXPECT_EQ(texts[i + 1].substr(19), ") : rcv(0), cb(0).  ");
     }
 }
