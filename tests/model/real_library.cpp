@@ -290,7 +290,7 @@ void real_library::read_cache(u8 which, u8 seed, u8 how) {
 
 void real_library::heard(u32 position, bytes arguments) {
     seen.push_back({"handler " + std::to_string(position), std::move(arguments)});
-    if (reaction_) {
+    if (reaction_ && (!is_service || position == 0)) {
         const act reaction = *reaction_;
         reaction_.reset();
         perform(reaction);

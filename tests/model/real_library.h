@@ -44,6 +44,8 @@ class real_library {
     bool daemon_is_there = true;
     std::optional<u8> refuses_registration;
     bool refuses_unregistration = false;
+    // Its operations wait in a queue, so its handlers do nothing else: an unregistration would overtake them.
+    bool is_service = false;
     // Whether the operations that were sent are answered by their handlers, in order.
     std::deque<bool> answers_at_once;
 

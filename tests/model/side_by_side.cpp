@@ -209,6 +209,7 @@ bool side_by_side::play_on_both(const act& next) {
 bool side_by_side::start(const act& next) {
     const bool was_idle = model_.now() == library_model::standing::idle;
     model_.start(next);
+    real_.is_service = model_.is_service();
     real_.start(next);
     return was_idle;
 }
@@ -265,6 +266,11 @@ void side_by_side::deliver_held() {
         items_.insert(items_.end(), message_.begin(), message_.end());
         message_.clear();
     }
+    for (const daemon_item& item : items_) {
+        if (item.asked && model_.has_handler(item.asked->handler)) {
+            real_.answers_at_once.push_back(item.answers_at_once);
+        }
+    }
     real_.deliver(stream_);
     model_.deliver(items_);
     stream_.clear();
@@ -278,9 +284,6 @@ bool side_by_side::send(const act& next, daemon_item item) {
         items_.clear();
         stream_.clear();
         return false;
-    }
-    if (item.asked && model_.has_handler(item.asked->handler)) {
-        real_.answers_at_once.push_back(item.answers_at_once);
     }
     message_.push_back(std::move(item));
     constexpr u8 with_the_next = 2;
