@@ -17,7 +17,7 @@ using weights = std::array<u8, act_kinds>;
 
 //                              start request check result unknown notif collect probe display query read
 //                              react lose come_back refuse unregister operation answer
-constexpr weights of_application{2, 36, 8, 30, 2, 6, 3, 1, 2, 6, 8, 3, 2, 3, 1, 1, 0, 0};
+constexpr weights of_application{2, 36, 8, 30, 4, 6, 3, 1, 2, 6, 8, 3, 2, 3, 1, 1, 0, 0};
 constexpr weights of_service{2, 6, 8, 1, 1, 3, 3, 1, 1, 2, 1, 1, 2, 3, 1, 1, 36, 26};
 
 constexpr u64 longest_sequence = 120;

@@ -4,6 +4,7 @@
 //   SCC_MODEL_SEED   the first seed; a fixed one if it is not set
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
+#include <rapidcheck/detail/TestListenerAdapter.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -62,7 +63,8 @@ std::optional<failure> find_difference(u64 seed, act_counts& counts) {
             RC_FAIL("the library and the model differ");
         }
     };
-    (void)rc::detail::checkTestable(property, rc::detail::TestMetadata(), params);
+    rc::detail::TestListenerAdapter silent;
+    (void)rc::detail::checkProperty(rc::detail::toProperty(property), {}, params, silent, {});
     g_current = nullptr;
     return last;
 }

@@ -3,9 +3,10 @@
 namespace model {
 namespace {
 
-// Few ids, so that one is asked for again before it was answered.
+// Few ids, so that one is asked for again before it was answered. They wrap, and lie less than half of their
+// range apart: the map's order is that of signed differences, which has no meaning beyond.
 u32 id_of(u8 seed) {
-    constexpr std::array<u32, 5> ids{1, 2, 0, 0xFFFFFFFF, 0x80000001};
+    constexpr std::array<u32, 5> ids{1, 2, 0, 0xFFFFFFFF, 0xC0000000};
     return ids[seed % ids.size()];
 }
 

@@ -41,7 +41,9 @@ class side_by_side {
     bool send_result(const act& next, bool is_known);
     bool send_notification(const act& next);
     bool send_operation(const act& next);
+    void end_message();
     void deliver_held();
+    void drop_held();
     void end();
     void compare();
 
@@ -226,9 +228,7 @@ bool side_by_side::lose(const act& next) {
     }
     if (model_.is_service()) {
         // Its operations wait in a queue while the loss is noticed.
-        message_.clear();
-        items_.clear();
-        stream_.clear();
+        drop_held();
     }
     if (stream_.empty() && message_.empty()) {
         unnoticed_acts_ = next.how % 4;
@@ -255,17 +255,22 @@ bool side_by_side::refuse(const act& next) {
 
 // ---- what the daemon sends -------------------------------------------------------------------------
 
-void side_by_side::deliver_held() {
-    if (!message_.empty()) {
-        std::vector<bytes> together;
-        for (const daemon_item& item : message_) {
-            together.push_back(test::item_bytes(item.type, item.value, item.sub_id));
-        }
-        const bytes message = test::message_bytes(together);
-        stream_.insert(stream_.end(), message.begin(), message.end());
-        items_.insert(items_.end(), message_.begin(), message_.end());
-        message_.clear();
+void side_by_side::end_message() {
+    if (message_.empty()) {
+        return;
     }
+    std::vector<bytes> together;
+    for (const daemon_item& item : message_) {
+        together.push_back(test::item_bytes(item.type, item.value, item.sub_id));
+    }
+    const bytes message = test::message_bytes(together);
+    stream_.insert(stream_.end(), message.begin(), message.end());
+    items_.insert(items_.end(), message_.begin(), message_.end());
+    message_.clear();
+}
+
+void side_by_side::deliver_held() {
+    end_message();
     for (const daemon_item& item : items_) {
         if (item.asked && model_.has_handler(item.asked->handler)) {
             real_.answers_at_once.push_back(item.answers_at_once);
@@ -277,17 +282,27 @@ void side_by_side::deliver_held() {
     items_.clear();
 }
 
+void side_by_side::drop_held() {
+    message_.clear();
+    items_.clear();
+    stream_.clear();
+}
+
 // Items go one by one, several in a message, or several messages in one read.
 bool side_by_side::send(const act& next, daemon_item item) {
     if (model_.connection() != library_model::link::good) {
-        message_.clear();
-        items_.clear();
-        stream_.clear();
+        drop_held();
         return false;
     }
     message_.push_back(std::move(item));
-    constexpr u8 with_the_next = 2;
-    if (next.how % 4 != with_the_next || message_.size() >= 200) {
+    constexpr u8 in_one_message = 2;
+    constexpr u8 in_one_read = 3;
+    constexpr std::size_t most_at_once = 200;
+    if (next.how % 4 == in_one_message && message_.size() < most_at_once) {
+        return true;
+    }
+    end_message();
+    if (next.how % 4 != in_one_read || items_.size() >= most_at_once) {
         deliver_held();
     }
     return true;
@@ -298,7 +313,9 @@ bool side_by_side::send_result(const act& next, bool is_known) {
     if (is_known && pending.empty()) {
         return false;
     }
-    const u32 id = is_known ? pending[next.which % pending.size()].id : number_of(next.seed);
+    // Of the others some were never given, and some are of calls that have ended or were lost.
+    const u32 unknown = next.which % 4 == 0 ? number_of(next.seed) : 1U + next.seed % 32U;
+    const u32 id = is_known ? pending[next.which % pending.size()].id : unknown;
     return send(next, {0, 401, wire().u32(id).u32(next.seed % 4 == 1 ? 2008 : 0), {}, {}});
 }
 
