@@ -15,14 +15,21 @@ constexpr std::array<const char*, act_kinds> names{
 
 using weights = std::array<u8, act_kinds>;
 
-//                              start request check result unknown notif collect probe display query read
-//                              react lose come_back refuse unregister operation answer
-constexpr weights of_application{2, 36, 8, 30, 4, 6, 3, 1, 2, 6, 8, 3, 2, 3, 1, 1, 0, 0};
-constexpr weights of_service{2, 6, 8, 1, 1, 3, 3, 1, 1, 2, 1, 1, 2, 3, 1, 1, 36, 26};
+// What a sequence is mostly about, so that it gets far in it.
+enum class theme : u8 { everything, service, acls, blocks, end_ };
+
+// clang-format off
+constexpr std::array<weights, static_cast<std::size_t>(theme::end_)> weights_of{{
+    // start request check result unknown notification collect probe display query read react
+    //     lose come_back refuse unregister operation answer
+    {2, 36, 8, 30, 4, 6, 3, 1, 2, 6, 8, 3,    2, 3, 1, 1, 0, 0},
+    {2, 6, 8, 1, 1, 3, 3, 1, 1, 2, 1, 1,      2, 3, 1, 1, 36, 26},
+    {0, 40, 2, 40, 1, 1, 1, 0, 1, 1, 10, 2,   0, 0, 0, 0, 0, 0},
+    {1, 50, 4, 10, 1, 1, 1, 1, 0, 3, 1, 1,    1, 1, 0, 1, 0, 0},
+}};
+// clang-format on
 
 constexpr u64 longest_sequence = 120;
-// The ACL's requests stand first in the table and are met more often than the others.
-constexpr u8 acl_requests = 5;
 
 act_kind choose(const weights& among, u64 number) {
     u64 sum = 0;
@@ -37,36 +44,60 @@ act_kind choose(const weights& among, u64 number) {
     return static_cast<act_kind>(kind);
 }
 
-act random_act(const weights& among, u64 number) {
-    act made{choose(among, number & 0xFFFF), static_cast<u8>(number >> 16), static_cast<u8>(number >> 24),
-             static_cast<u8>(number >> 32)};
-    const u8 rows = static_cast<u8>(requests().size());
-    if (made.kind == act_kind::request) {
-        made.which = (number >> 40 & 3) != 0 ? made.which % acl_requests : made.which % rows;
+// The ACL's requests stand first in the table; those that make lists long are met more often.
+u8 choose_acl_request(u64 number) {
+    constexpr std::array<u8, 12> rows{1, 1, 1, 1, 1, 1, 2, 2, 3, 3, 0, 4};
+    return rows[number % rows.size()];
+}
+
+void choose_request(act& made, theme about, u64 number) {
+    constexpr u8 block_request = 7;
+    constexpr u8 half_of_a_batch = 5;
+    const auto rows = static_cast<u8>(requests().size());
+    const bool is_typical = number % 4 != 0;
+    if (about == theme::blocks && is_typical) {
+        made.which = block_request;
+        made.how = number % 8 < 4 ? made.how : half_of_a_batch;
+    } else if (about == theme::acls || is_typical) {
+        made.which = choose_acl_request(number / 8);
+    } else {
+        made.which = made.which % rows;
     }
-    if (made.kind == act_kind::query) {
+}
+
+act random_act(theme about, u64 number) {
+    act made{choose(weights_of[static_cast<std::size_t>(about)], number & 0xFFFF),
+             static_cast<u8>(number >> 16), static_cast<u8>(number >> 24), static_cast<u8>(number >> 32)};
+    if (made.kind == act_kind::request) {
+        choose_request(made, about, number >> 40 & 0xFF);
+    } else if (made.kind == act_kind::query) {
         made.which %= static_cast<u8>(queries().size());
     }
-    // Most requests name one of two ACLs, or what a sequence confirms would seldom meet.
-    if ((number >> 42 & 3) != 0) {
-        made.seed &= 0x11;
+    // Most requests name one of a few ACLs, or what a sequence confirms would seldom meet.
+    if ((number >> 48 & 7) > 1) {
+        made.seed &= about == theme::acls ? 0x01 : 0x11;
     }
     // Most results are successes and of the oldest call.
     if (made.kind == act_kind::result) {
-        made.seed = (number >> 44 & 3) != 0 ? 0 : made.seed;
-        made.which = (number >> 46 & 1) != 0 ? 0 : made.which;
+        made.seed = (number >> 52 & 7) != 0 ? 0 : made.seed;
+        made.which = (number >> 56 & 1) != 0 ? 0 : made.which;
     }
     return made;
 }
 
 sequence random_sequence(rc::Random& random) {
     const u64 first = random.next();
-    const bool is_service = first % 5 == 4;
-    const weights& among = is_service ? of_service : of_application;
-    sequence made{{act_kind::start, static_cast<u8>(is_service ? 4 : 0), static_cast<u8>(first >> 8), 0}};
+    const auto about = static_cast<theme>(first % static_cast<u64>(theme::end_));
+    sequence made{
+        {act_kind::start, static_cast<u8>(about == theme::service ? 4 : 0), static_cast<u8>(first >> 8), 0}};
+    if (about == theme::acls) {
+        made[0].seed = 0;
+        made.push_back({act_kind::request, 0, 0, 0});
+        made.push_back({act_kind::result, 0, 0, 0});
+    }
     const u64 length = 1 + (first >> 16) % longest_sequence;
     for (u64 i = 0; i < length; ++i) {
-        made.push_back(random_act(among, random.next()));
+        made.push_back(random_act(about, random.next()));
     }
     return made;
 }

@@ -12,8 +12,15 @@ namespace {
 class side_by_side;
 side_by_side* g_running = nullptr;
 
-// What every sequence ends with: the cache and the counters as a whole are compared.
-const sequence closing_acts{{act_kind::come_back}, {act_kind::collect}, {act_kind::display}};
+// What every sequence ends with: the cache and the counters as a whole are compared, and a new registration
+// finds nothing of the old one, so that the next sequence begins like the first.
+const sequence closing_acts{
+    {act_kind::come_back},        {act_kind::collect},          {act_kind::display},
+    {act_kind::read_cache, 1, 0}, {act_kind::read_cache, 1, 1}, {act_kind::read_cache, 1, 16},
+    {act_kind::unregister},       {act_kind::unregister},       {act_kind::start},
+    {act_kind::come_back},        {act_kind::request},          {act_kind::check},
+    {act_kind::collect},          {act_kind::display},
+};
 
 class side_by_side {
   public:
@@ -127,7 +134,7 @@ void side_by_side::compare() {
             ++same;
         }
         std::ostringstream text;
-        text << "after act " << next_;
+        text << (next_ > generated_ ? "at the end, after act " : "after act ") << next_;
         if (next_ > 0) {
             text << " (" << acts_[next_ - 1] << ")";
         }
