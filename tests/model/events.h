@@ -41,18 +41,22 @@ inline void append_block(bytes& to, const void* block, std::size_t count) {
     to.insert(to.end(), at, at + count);
 }
 
-inline std::string show(const event& shown, std::size_t longest = 96) {
+// What happened, with some of its bytes.
+inline std::string show(const event& shown, std::size_t from) {
+    constexpr std::size_t longest = 64;
     static const char* digits = "0123456789abcdef";
-    std::string text = shown.what + " [" + std::to_string(shown.data.size()) + "]";
+    const bytes& data = shown.data;
+    std::string text = shown.what + " of " + std::to_string(data.size()) + " bytes";
     if (shown.what == "display") {
-        return text + " " + std::string(shown.data.begin(), shown.data.end());
+        return shown.what + ' ' + std::string(data.begin(), data.end());
     }
-    for (std::size_t i = 0; i < shown.data.size() && i < longest; ++i) {
+    text += from > 0 ? ", from byte " + std::to_string(from) + ":" : ":";
+    for (std::size_t i = from; i < data.size() && i < from + longest; ++i) {
         text += i % 4 == 0 ? " " : "";
-        text += digits[shown.data[i] >> 4U];
-        text += digits[shown.data[i] & 15U];
+        text += digits[data[i] >> 4U];
+        text += digits[data[i] & 15U];
     }
-    return text + (shown.data.size() > longest ? " ..." : "");
+    return text + (data.size() > from + longest ? " ..." : "");
 }
 
 }  // namespace model

@@ -1,5 +1,6 @@
 #include "model/side_by_side.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 
@@ -21,6 +22,26 @@ const sequence closing_acts{
     {act_kind::come_back},        {act_kind::request},          {act_kind::check},
     {act_kind::collect},          {act_kind::display},
 };
+
+// The first event that differs, from a little before the byte that does.
+std::string show_difference(const events& of_model, const events& of_library) {
+    std::size_t same = 0;
+    while (same < of_model.size() && same < of_library.size() && of_model[same] == of_library[same]) {
+        ++same;
+    }
+    std::size_t from = 0;
+    if (same < of_model.size() && same < of_library.size()) {
+        const bytes& one = of_model[same].data;
+        const bytes& other = of_library[same].data;
+        const auto differing = std::mismatch(one.begin(), one.end(), other.begin(), other.end()).first;
+        from = static_cast<std::size_t>(differing - one.begin());
+        from = from < 16 ? 0 : (from - 8) / 4 * 4;
+    }
+    const auto shown = [&](const events& all) {
+        return same < all.size() ? show(all[same], from) : std::string("nothing more");
+    };
+    return "  model  : " + shown(of_model) + "\n  library: " + shown(of_library);
+}
 
 class side_by_side {
   public:
@@ -128,21 +149,12 @@ void side_by_side::end() {
 
 void side_by_side::compare() {
     if (!difference_ && real_.seen != model_.seen) {
-        std::size_t same = 0;
-        while (same < real_.seen.size() && same < model_.seen.size() &&
-               real_.seen[same] == model_.seen[same]) {
-            ++same;
-        }
         std::ostringstream text;
         text << (next_ > generated_ ? "at the end, after act " : "after act ") << next_;
         if (next_ > 0) {
             text << " (" << acts_[next_ - 1] << ")";
         }
-        const auto tell = [&](const char* who, const events& all) {
-            text << "\n  " << who << ": " << (same < all.size() ? show(all[same], 1000) : "nothing more");
-        };
-        tell("model  ", model_.seen);
-        tell("library", real_.seen);
+        text << "\n" << show_difference(model_.seen, real_.seen);
         difference_ = text.str();
     }
     real_.seen.clear();
@@ -321,7 +333,7 @@ bool side_by_side::send_result(const act& next, bool is_known) {
         return false;
     }
     // Of the others some were never given, and some are of calls that have ended or were lost.
-    const u32 unknown = next.which % 4 == 0 ? number_of(next.seed) : 1U + next.seed % 32U;
+    const u32 unknown = next.which % 4 == 0 ? number_of(next.seed) : 1U + next.seed % 12U;
     const u32 id = is_known ? pending[next.which % pending.size()].id : unknown;
     return send(next, {0, 401, wire().u32(id).u32(next.seed % 4 == 1 ? 2008 : 0), {}, {}});
 }
