@@ -160,7 +160,8 @@ std::ostream& operator<<(std::ostream& out, const sequence& shown) {
 rc::Gen<sequence> sequences() {
     return {[](const rc::Random& random, int) {
         rc::Random numbers = random;
-        return rc::shrinkable::shrinkRecur(random_sequence(numbers), smaller_sequences);
+        return rc::shrinkable::shrinkRecur(random_sequence(numbers),
+                                           [](const sequence& from) { return smaller_sequences(from); });
     }};
 }
 
