@@ -1,0 +1,18 @@
+// How a result reaches the application: which handler, by its position, and which arguments.
+#pragma once
+
+#include "model/events.h"
+
+namespace model {
+
+struct result_target {
+    u32 position = 0;  // 0 for a kind that is not known
+    bytes arguments;
+};
+
+// For a call of this kind that was saved with these data.
+result_target target_of(u32 kind, u32 result, u32 call_id, const bytes& saved);
+// The counter of the outcome, or -1.
+int outcome_counter_of(u32 kind, const bytes& saved);
+
+}  // namespace model
