@@ -23,7 +23,8 @@ stage_binary() {
     build release
     scripts/check_binary.sh build/release/src/libscclib.so
     scripts/check_imports.sh build/release/src/libscclib.so
-    scripts/check_log_names.sh build/release/src/libscclib.a
+    build clang scclib_static
+    scripts/check_log_names.sh build/clang/src/libscclib.a
     local binaries
     mapfile -t binaries < <(find build/release/src build/release/platform build/release/devkit -type f \
         \( -name 'lib*.so' -o -name 'lib*.so.*' -o -name sccd-dev -o -name scc-ss-dev -o -name sccctl \))

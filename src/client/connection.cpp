@@ -276,7 +276,10 @@ u32 _scc_lib_client_reg(int sync, const registration_identity* identity) {
     if (const u32 error = talk.receive(); error != result::ok) {
         return error;
     }
-    const u32 refusal = has_result(talk) ? reply_word(talk, 4) : result::format;
+    if (!has_result(talk)) {
+        return result::format;
+    }
+    const u32 refusal = reply_word(talk, 4);
     if (refusal != result::ok) {
         SCC_LOG("(app id:%d, pid:%d)reg action rejected by sccd!", identity->app_id, pid_now());
         if (const u32 holder = reply_word(talk, 8); holder != 0) {

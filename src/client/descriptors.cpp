@@ -234,7 +234,8 @@ bool end_connection_of(u32 epoch, u32 next_state) {
 
 bool reset_connection(u32 generation) {
     const mutex_guard guard(g_connection_mutex);
-    if (!is_current(generation)) {
+    // No unregistration can begin in state 5, so the app id stays until the next registration.
+    if (!locked::survives_unregistration(generation)) {
         return false;
     }
     _scc_client_state_set(state_failed);

@@ -75,7 +75,7 @@ void process(const item& received) {
 
 void dispatch_items(u16 count, const void* first, result_run& results) {
     // A handler may end the registration and begin another, which must not get the rest of the message.
-    const u32 generation = current_generation();
+    const u32 generation = generation_of_this_thread();
     item_reader reader(count, first);
     item received;
     while (is_current(generation) && reader.next(received)) {

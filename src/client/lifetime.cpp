@@ -46,6 +46,13 @@ u32 begin_generation(start_kind kind) {
     return generation;
 }
 
+bool survives_unregistration(u32 generation) {
+    while (g_unregistering && is_current(generation)) {
+        pthread_cond_wait(&g_lifetime_changed, &g_connection_mutex.handle);
+    }
+    return is_current(generation);
+}
+
 }  // namespace locked
 
 u32 begin_generation(start_kind kind) {
@@ -140,10 +147,7 @@ void end_unregistration() {
 
 bool survives_unregistration(u32 generation) {
     const mutex_guard guard(g_connection_mutex);
-    while (g_unregistering && is_current(generation)) {
-        pthread_cond_wait(&g_lifetime_changed, &g_connection_mutex.handle);
-    }
-    return is_current(generation);
+    return locked::survives_unregistration(generation);
 }
 
 delivery_turn::delivery_turn(u32 generation) : granted_(false) {

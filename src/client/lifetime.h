@@ -65,6 +65,7 @@ class delivery_turn {
 namespace locked {
 [[nodiscard]] start_kind living_start() SCC_REQUIRES(g_connection_mutex);
 [[nodiscard]] bool is_unregistering() SCC_REQUIRES(g_connection_mutex);
+[[nodiscard]] bool survives_unregistration(u32 generation) SCC_REQUIRES(g_connection_mutex);
 [[nodiscard]] u32 begin_generation(start_kind kind) SCC_REQUIRES(g_connection_mutex);
 }  // namespace locked
 

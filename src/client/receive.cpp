@@ -128,7 +128,7 @@ u32 receive_once(receiver& self) {
 
 // False when the thread must end.
 bool recover(u32 error, u32 generation) {
-    if (!survives_unregistration(generation) || app_id_now() == 0) {
+    if (!survives_unregistration(generation)) {
         return false;
     }
     if (!_scc_connect_should_reset(error)) {
@@ -149,7 +149,7 @@ void dispatch_and_free(i32 /*fd*/, void* message, result_run& results) {
 
 void run_receive_loop(u32 generation, const delivery& how) {
     belong_to_generation(generation);
-    if (!_scc_lib_svr_rereg()) {
+    if (!_scc_lib_svr_rereg() || !is_current(generation)) {
         SCC_LOG_FROM(how.thread, "scc client not registered to sccd.exit thread.");
         leave_generation(generation);
         return;

@@ -38,7 +38,7 @@ void store_entry(u8* at, u32 index) {
 void send_basic_reply() {
     const u32 reply[] = {app_id_now(), 0};
     [[maybe_unused]] const u32 error = _scc_lib_msg_send(msg::info_collect, reply, sizeof reply, 1);
-    SCC_LOG("send libinfo basic collect back. rv:%d.", error);
+    SCC_LOG_FROM("_scc_lib_info_collect_proc", "send libinfo basic collect back. rv:%d.", error);
 }
 
 }  // namespace

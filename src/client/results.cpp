@@ -171,7 +171,7 @@ void prefetch_for_cache(const pending_call* call) {
 
 void result_run::add(const u8* value) {
     if (count_ == 0) {
-        generation_ = current_generation();
+        generation_ = generation_of_this_thread();
     }
     call_ids_[count_] = load<u32>(value, 0);
     results_[count_] = load<u32>(value, 4);

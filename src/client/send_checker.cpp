@@ -20,7 +20,7 @@ namespace {
 bool wait_one_interval() {
     timeval interval{0, limits::batch_interval_us};
     if (select(0, nullptr, nullptr, nullptr, &interval) < 0) {
-        SCC_LOG("select error! errno:%d.", errno);
+        SCC_LOG_FROM("_scc_lib_send_buf_chk_thread", "select error! errno:%d.", errno);
         return false;
     }
     return true;

@@ -33,19 +33,19 @@ namespace {
 // One report's message. Holds scc_lib_lock while it lives.
 class report {
   public:
-    report() = default;
+    explicit report(const char* function = __builtin_FUNCTION()) : function_(function) {}
     report(const report&) = delete;
     report& operator=(const report&) = delete;
     ~report() { _scc_msg_free(&message_); }
 
     // Allocates a zeroed message that begins with a new call id. Returns 0, 2004 or 12.
     [[nodiscard]] u32 begin(u64 bytes) {
-        if (!call_.is_registered()) {
+        if (!call_.is_registered(function_)) {
             return result::unavailable;
         }
         constexpr u64 longest = 0x7FFFFFFF - wire::header_bytes - wire::item_header_bytes;
         if (bytes > longest || _scc_msg_alloc(&message_, static_cast<u32>(bytes)) != result::ok) {
-            SCC_LOG("scclib malloc addr notify msg failed.");
+            SCC_LOG_FROM(function_, "scclib malloc addr notify msg failed.");
             return result::no_memory;
         }
         bytes_ = static_cast<int>(bytes);
@@ -58,7 +58,7 @@ class report {
     [[nodiscard]] u32 send(u16 type, u32 statistics) {
         const u32 error = _scc_lib_msg_send(type, message_, bytes_, 1);
         if (error != result::ok) {
-            SCC_LOG("call _scc_lib_msg_send failed. rv:%d.", error);
+            SCC_LOG_FROM(function_, "call _scc_lib_msg_send failed. rv:%d.", error);
         }
         if (statistics != not_counted) {
             count_call(statistics, error == result::ok);
@@ -67,13 +67,14 @@ class report {
     }
 
   private:
+    const char* function_;
     locked_call call_;
     void* message_ = nullptr;
     int bytes_ = 0;
 };
 
-u32 refuse() {
-    SCC_LOG("scclib param invalid.");
+u32 refuse(const char* function = __builtin_FUNCTION()) {
+    SCC_LOG_FROM(function, "scclib param invalid.");
     return result::invalid;
 }
 
@@ -82,14 +83,16 @@ bool is_ipv6(const scc_flow_user& user) {
 }
 
 void log_offline(const scc_flow_user& user, u64 flow, u64 time) {
+    constexpr const char* function = "scc_noflow_offline_notify";
     if (is_ipv6(user)) {
-        SCC_LOG("offline user - Ifx:%d, Vid:%d, Mac: %s, Ipv6:%s,mask:%s. flow:%lu, time:%lu", user.ifx,
-                user.vid, mac_text(user.mac).text, ipv6_text(load<in6_addr>(user.address)).text,
-                ipv6_text(load<in6_addr>(user.mask)).text, flow, time);
+        SCC_LOG_FROM(function, "offline user - Ifx:%d, Vid:%d, Mac: %s, Ipv6:%s,mask:%s. flow:%lu, time:%lu",
+                     user.ifx, user.vid, mac_text(user.mac).text,
+                     ipv6_text(load<in6_addr>(user.address)).text, ipv6_text(load<in6_addr>(user.mask)).text,
+                     flow, time);
     } else {
-        SCC_LOG("offline user - Ifx:%d, Vid:%d, Mac: %s, Ipv4:%s,mask:%s. flow:%lu, time:%lu", user.ifx,
-                user.vid, mac_text(user.mac).text, ipv4_text(load<u32>(user.address)).text,
-                ipv4_text(load<u32>(user.mask)).text, flow, time);
+        SCC_LOG_FROM(function, "offline user - Ifx:%d, Vid:%d, Mac: %s, Ipv4:%s,mask:%s. flow:%lu, time:%lu",
+                     user.ifx, user.vid, mac_text(user.mac).text, ipv4_text(load<u32>(user.address)).text,
+                     ipv4_text(load<u32>(user.mask)).text, flow, time);
     }
 }
 

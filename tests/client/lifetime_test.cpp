@@ -81,6 +81,20 @@ TEST_F(Lifetime, TheWaitForAnUnregistrationEndsWithTheGeneration) {
     EXPECT_FALSE(waiting.get());
 }
 
+// The app id is 0 meanwhile: a thread that went on would register as 0, or leave for good.
+TEST_F(Lifetime, AResetWaitsForTheOutcomeOfAnUnregistration) {
+    const std::uint32_t generation = scc::begin_generation();
+    register_as(7);
+    std::uint32_t app_id = 0;
+    ASSERT_TRUE(scc::begin_unregistration(app_id));
+    aside<std::uint32_t> resetting(
+        [generation] { return scc::reset_connection(generation) ? g_scc_client_cb.app_id.load() : 99; });
+    ASSERT_TRUE(resetting.waits_in(test::waiting_for_a_lock));
+    scc::take_unregistration_back(app_id);
+    EXPECT_EQ(resetting.get(), 7U);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 5U);
+}
+
 TEST_F(Lifetime, ATurnWithinAnotherIsGrantedToTheCurrentGenerationAlone) {
     const std::uint32_t ended = scc::begin_generation();
     const scc::delivery_turn outer(ended);

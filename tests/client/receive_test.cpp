@@ -382,6 +382,18 @@ TEST_F(Receive, AHandlerMayUnregister) {
     EXPECT_TRUE(test::eventually([] { return test::library_threads() == 2; }));
 }
 
+TEST_F(Receive, AStatusHandlerThatUnregistersEndsItsThread) {
+    info.handlers.server_status = [](std::uint32_t) { results().push(scc_svr_unreg()); };
+    info.app_id = 7;
+    const test::debugging on;
+    ASSERT_EQ(scc_svr_reg(&info), 0U);
+    daemon.accept_registration();
+    daemon.answer_unregistration();
+    EXPECT_EQ(results().wait(), 0U);
+    EXPECT_TRUE(test::wait_for_log("scc client not registered to sccd.exit thread."));
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+}
+
 void unregister_and_register_inside(std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {
     results().push(scc_svr_unreg());
     static scc_reg_info again{};

@@ -1,6 +1,9 @@
 // Hardware events on their way up: checks, texts, bytes and counts of the four reports.
+#include <algorithm>
+#include <functional>
 #include <map>
 #include <thread>
+#include <utility>
 
 #include "client/diagnostics.h"
 #include "ss/service_fixture.h"
@@ -394,6 +397,49 @@ TEST_F(Notifications, OfSeveralThreadsDoNotMix) {
         thread.join();
     }
     EXPECT_EQ(arrived, (std::map<std::uint16_t, std::uint32_t>{{202, each}, {207, each}, {208, each}}));
+}
+
+// Each line of a report names the report that was called.
+TEST_F(Notifications, AllLinesNameTheCall) {
+    const scc_flow_user user = ipv4_user();
+    const std::pair<const char*, std::function<void()>> reports[] = {
+        {"scc_ss_move_addr_notify",
+         [&] {
+             EXPECT_EQ(scc_ss_move_addr_notify(0, moves), 22U);
+             EXPECT_EQ(scc_ss_move_addr_notify(1, moves), 2004U);
+         }},
+        {"scc_noflow_offline_notify",
+         [&] { EXPECT_EQ(scc_noflow_offline_notify(&user, 1, 2, nullptr, 0), 2004U); }},
+        {"scc_flow_notify",
+         [&] {
+             EXPECT_EQ(scc_flow_notify(nullptr, 1, 2), 22U);
+             EXPECT_EQ(scc_flow_notify(&user, 1, 2), 2004U);
+         }},
+        {"scc_ss_ace_counter_notify",
+         [&] { EXPECT_EQ(scc_ss_ace_counter_notify(&acl, 1, counters), 2004U); }},
+    };
+    const test::debugging on;
+    for (const auto& [name, call] : reports) {
+        test::clear_log();
+        call();
+        ASSERT_FALSE(test::captured_log().empty()) << name;
+        for (const test::log_line& line : test::captured_log()) {
+            EXPECT_TRUE(line.whole.starts_with(std::string("<") + name + " ")) << line.whole;
+        }
+    }
+}
+
+// The lines of a report that goes out: the user's, in both families.
+TEST_F(Notifications, TheLineOfAnOfflineUserNamesTheCall) {
+    start();
+    const test::debugging on;
+    const scc_flow_user user = ipv4_user();
+    EXPECT_EQ(scc_noflow_offline_notify(&user, 1, 2, nullptr, 0), 0U);
+    const auto lines = test::captured_log();
+    const auto line = std::ranges::find_if(
+        lines, [](const test::log_line& one) { return one.text.starts_with("offline user"); });
+    ASSERT_NE(line, lines.end());
+    EXPECT_TRUE(line->whole.starts_with("<scc_noflow_offline_notify ")) << line->whole;
 }
 
 }  // namespace

@@ -14,9 +14,9 @@
 namespace sweep {
 
 // How long a call of the library may take, a proof may wait, and a whole run may last.
-inline constexpr int call_bound_seconds = 15;
-inline constexpr int proof_bound_seconds = 20;
-inline constexpr int run_bound_seconds = 120;
+inline constexpr int call_bound_seconds = 40;
+inline constexpr int proof_bound_seconds = 60;
+inline constexpr int run_bound_seconds = 300;
 
 // A finding: printed, and the run has failed.
 void complain(const std::string& what);
