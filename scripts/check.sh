@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Runs the given check stages, or all of them in order.
+# check.sh [nightly | STAGE...]: runs the given stages, those that take too long for every commit, or, without an
+# argument, those that continuous integration runs.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/common.sh
@@ -57,19 +58,24 @@ stage_tidy_tools() {
     tidy_options=(--config-file=.clang-tidy)
     tidy_sources 'devkit/*.cpp'
 }
-stage_asan() {
-    build asan
-    ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1 run_tests asan
+run_asan() {
+    build "$1"
+    ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1 run_tests "$1"
 }
-stage_tsan() {
-    build tsan
-    TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_tests tsan
+# The thread sanitizer also finds locks that are taken in two orders, even when no run deadlocks.
+tsan_options=halt_on_error=1:detect_deadlocks=1:second_deadlock_stack=1
+run_tsan() {
+    build "$1"
+    TSAN_OPTIONS=$tsan_options run_tests "$1"
 }
-# The tests in which several threads take locks, under clang's sanitizer, which finds locks that are taken in two
-# orders even when no run deadlocks. Each case is a process of its own, so an order is seen within one case.
+stage_asan() { run_asan asan; }
+stage_tsan() { run_tsan tsan; }
+stage_clang_asan() { run_asan clang-asan; }
+stage_clang_tsan() { run_tsan clang-tsan; }
+# The tests in which several threads take locks.
 stage_locks() {
     build clang-tsan client_tests ss_tests agent_tests
-    TSAN_OPTIONS=halt_on_error=1:detect_deadlocks=1:second_deadlock_stack=1 run_tests clang-tsan -R \
+    TSAN_OPTIONS=$tsan_options run_tests clang-tsan -R \
         '^client\.(Locks|Start|Registration|Flow|Threads|SendChecker)\.|^ss\.(ServiceLocks|Registration)|^agent\.'
 }
 stage_fuzz() { scripts/fuzz.sh --seed 1 --jobs $((jobs * 2)) 5; }
@@ -77,8 +83,11 @@ stage_soak() { scripts/soak.sh 0.5; }
 stage_faults() { scripts/faults.sh 800; }
 stage_coverage() { scripts/coverage.sh; }
 
+every_commit=(scripts format gcc clang header binary abi man install packages complete tidy soak faults asan tsan fuzz)
+every_night=(coverage clang_asan clang_tsan)
 stages=("$@")
-[ ${#stages[@]} -gt 0 ] || stages=(scripts format gcc clang header binary abi man install packages complete tidy soak asan tsan fuzz)
+[ $# -gt 0 ] || stages=("${every_commit[@]}")
+[ "$*" != nightly ] || stages=("${every_night[@]}")
 for stage in "${stages[@]}"; do
     start=$SECONDS
     # An unknown stage is an error, not a success.
