@@ -44,7 +44,7 @@ stage_complete() {
     scripts/check_complete.sh
     scripts/check_recipes.py docs/architecture.md
 }
-# tidy_sources PATTERN...: checks as many files at once as there are processors.
+# tidy_sources PATTERN...: runs one clang-tidy for each processor.
 tidy_options=()
 tidy_sources() {
     build debug
@@ -64,8 +64,8 @@ stage_tsan() {
     build tsan
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_tests tsan
 }
-# The tests in which several threads take locks, under clang's sanitizer, which finds locks that are taken in two
-# orders even when no run deadlocks. Each case is a process of its own, so an order is seen within one case.
+# The tests in which several threads take locks, under clang's sanitizer, which finds inconsistent lock order even if
+# no run deadlocks. Each case is a process of its own, so both orders must occur within one case.
 stage_locks() {
     build clang-tsan client_tests ss_tests agent_tests
     TSAN_OPTIONS=halt_on_error=1:detect_deadlocks=1:second_deadlock_stack=1 run_tests clang-tsan -R \

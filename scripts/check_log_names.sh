@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# check_log_names.sh LIBRARY: every line of the library's log names a function with C linkage, which is what
-# whoever reads the log finds in the header, in a backtrace and with nm. LIBRARY is the static one.
+# check_log_names.sh LIBRARY: checks that every log line names a function with C linkage, which a reader of the log
+# can find in the header, in a backtrace and with nm. LIBRARY is the static library.
 set -euo pipefail
 export LC_ALL=C
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 library=${1:?path of libscclib.a}
 
-# A line that is written in a C++ function under its own name leaves that function's __func__.
+# A C++ function that logs under its own name leaves its __func__ in the library.
 if symbols=$(nm "$library" 2>/dev/null | grep -E ' _ZZ.*8__func__$'); then
     echo "check_log_names: these functions log under their own names:" >&2
     c++filt <<<"$symbols" >&2
