@@ -648,8 +648,8 @@ uint32_t scc_is_arp_check_enabled(uint8_t *enabled);
 uint32_t scc_arp_check_user_count_get(uint32_t key, uint32_t *count);
 /* Read the users of the ARP check: up to *count entries of 48 bytes (struct scc_arp_check_entry) into buf;
  * *count, which is sent, is lowered to the number that came. Both are left alone when the result is not 0, and
- * when the reply has fewer entries than it announces (SCC_E_FORMAT); a negative *count takes none. selector passes
- * unchanged. Message 305, 12 bytes, reply 410. */
+ * when the reply has fewer entries than it announces (SCC_E_FORMAT); a negative *count takes none. selector
+ * passes unchanged. Message 305, 12 bytes, reply 410. */
 uint32_t scc_arp_check_user_data_get(uint32_t selector, void *buf, int *count);
 /* Get the greatest number of users of a NAC kind: for kinds 1 and 4 to 7 *a becomes 4096, *b and *c 3000; for
  * every other kind all three become 128. Null pointers are skipped. Local: no message. Returns 0, always.

@@ -3,8 +3,8 @@
 // and its daemon go straight to the system. Any thread may call.
 //
 // A call site is the place in the code that makes the call; a fault names the site and which of its calls
-// fails. Calls are counted per site and thread, so a fault means the same call in every run although the
-// threads race.
+// fails. Calls are counted per site, so races between threads at different sites do not change which call a
+// fault means.
 #pragma once
 
 #include <atomic>
