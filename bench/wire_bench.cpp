@@ -171,7 +171,7 @@ void hold_requests(std::uint64_t pending) {
     for (std::uint64_t i = 0; i < pending; ++i) {
         scc_addr_learning(1, 1, nullptr);
     }
-    usleep(300000);  // the peer has them all
+    usleep(300000);  // until the peer has them all
 }
 
 // Seconds per result, with that many pending when the first arrives.

@@ -1,6 +1,6 @@
-# What makes a mistake in the library or the devkit harder to turn into an attack: checked copies, guarded stacks and
-# branches, relocations that are read-only once the program runs, and no executable stack. Optimised builds alone have
-# it: the checked copies need the optimiser, and the sanitizers bring checks of their own.
+# Makes a bug in the library or the devkit harder to exploit: checked copies, guarded stacks and branches, relocations
+# that are read-only once the program runs, and no executable stack. Only optimised builds have it: the checked copies
+# need the optimiser, and the sanitizers bring checks of their own.
 include(CheckCXXCompilerFlag)
 
 option(SCC_HARDENING "Harden optimised builds" ON)
@@ -8,7 +8,7 @@ option(SCC_HARDENING "Harden optimised builds" ON)
 if(SCC_HARDENING AND NOT SCC_SANITIZE AND NOT SCC_FUZZ AND NOT SCC_COVERAGE)
   # Level 2 is the highest that the switch's C library has the checked functions for.
   set(hardening_options -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
-  # Branch protection is the processor's: x86 has this one.
+  # Branch protection depends on the processor: this is the x86 form.
   check_cxx_compiler_flag(-fcf-protection SCC_HAS_CF_PROTECTION)
   if(SCC_HAS_CF_PROTECTION)
     list(APPEND hardening_options -fcf-protection)

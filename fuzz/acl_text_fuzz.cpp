@@ -1,5 +1,5 @@
-// The text of rules, ACEs and ACL files: what is printed is read back to the same, and printing that again
-// gives the same text. The first byte chooses what the rest is.
+// The text of rules, ACEs and ACL files: what is printed parses back to the same value, which prints as the
+// same text. The first byte chooses what the rest is.
 #include <cstring>
 #include <string>
 #include <string_view>

@@ -1,6 +1,7 @@
-// Capture files: the input is the file, or with an odd first byte the records of one whose header is right.
+// Capture files: the input is the file or, if its first byte is odd, the records of one with a correct
+// header.
 //
-// The file is never written: the linker sends the opening here, which gives libpcap the input itself.
+// No file is written: the linker redirects the opening of the file here, and libpcap reads the input itself.
 #include <pcap/pcap.h>
 
 #include <cstdio>
@@ -27,7 +28,7 @@ void put(T value) {
     g_file.insert(g_file.end(), bytes, bytes + sizeof value);
 }
 
-// Records whose lengths are right: seconds (u8), length (u8), bytes.
+// Records with correct lengths: seconds (u8), length (u8), bytes.
 void write_records(input& from) {
     g_file.assign(std::begin(ethernet_header), std::end(ethernet_header));
     while (!from.empty()) {

@@ -1,13 +1,13 @@
 // One live library against a hostile daemon: an application with a receive thread, an application with an
-// event loop, or the service. The input is the sequence of what its threads, its handlers, the checker and
-// the daemon do; see act_once. Everything runs on the fuzzer's thread: the receive thread's body is called
-// as soon as the library has made it, and where that waits, the next act happens.
+// event loop, or the service. The input is the sequence of acts of its threads, its handlers, the checker and
+// the daemon; see act_once. Everything runs on the fuzzer's thread: the receive thread's body is called as
+// soon as the library has created it, and whenever it would wait, the next act happens.
 //
-// What must hold, whatever the daemon does:
-// - a result is handed over once, to the handler of its request, with what the request carried
-// - calls are pending exactly as long as their connection stands and their result has not come
-// - a request is sent once, and what is sent is well formed
-// - 0 is told once an outage and after a 1; nothing is told after the end of the registration
+// Invariants, whatever the daemon does:
+// - a result is delivered once, to the handler of its request, with the data of the request
+// - a call is pending exactly until its connection ends or its result arrives
+// - a request is sent once, and everything sent is well formed
+// - status 0 is reported once for each outage, after a 1, and nothing after the end of the registration
 // - at the end every descriptor is closed and nothing is pending
 #include <qx_thread.h>
 
@@ -60,8 +60,8 @@ struct thread_to_run {
 
 struct link {
     int fd = -1;
-    std::vector<u8> sent;  // as far as no message is whole
-    u16 last_type = 0;     // of what was sent
+    std::vector<u8> sent;  // the part that is not a whole message yet
+    u16 last_type = 0;     // that was sent
 };
 
 struct world {
@@ -77,7 +77,8 @@ struct world {
     std::map<u32, issued_call> pending;  // of this connection
     std::set<u32> accepted;              // of this connection
     std::set<u32> on_the_wire;           // of this connection
-    // Something was refused, cut short or ended: the library may have dropped the connection's calls by now.
+    // Something was refused, cut short or closed: the library may already have dropped the connection's
+    // calls.
     bool disturbed = false;
     bool told_connected = false;
     int failing_send = 0;  // the error of the next send
@@ -94,7 +95,7 @@ bool is_registered() {
 void act_once();
 void act_in_handler();
 
-// ---- what the application hears --------------------------------------------------------------------
+// ---- handlers --------------------------------------------------------------------------------------
 
 int on_result(u32 position, u32 /*result*/, u32 call_id) {
     world& now = *g_world;
@@ -122,7 +123,7 @@ void forget_connection() {
 
 void on_status(u32 status) {
     world& now = *g_world;
-    // An event loop's first failed attempt is told as an outage, too.
+    // An event loop's first failed attempt is reported as an outage, too.
     FUZZ_EXPECT((status == 0) == now.told_connected || (status == 0 && now.how == mode::loop));
     now.told_connected = status == 1;
     forget_connection();
@@ -154,7 +155,7 @@ int before_send(int fd) {
     if (error == 0 || now.finishing) {
         return 0;
     }
-    // In the middle of a message any error but those that end the connection would leave a torso on it.
+    // In the middle of a message, an error that does not end the connection would leave a partial message.
     const bool ends = error == EPIPE || error == ECONNRESET;
     if (!ends && !link_of(fd).sent.empty()) {
         return 0;
@@ -223,7 +224,7 @@ int nothing_to_receive(int fd) {
     world& now = *g_world;
     if (now.from.empty() && (now.disturbed || (fd == now.async.fd && is_registered()))) {
         now.disturbed = true;
-        hang_up(fd);  // what was promised is never completed
+        hang_up(fd);  // the announced message is never completed
         return 0;
     }
     const u8 how = now.finishing ? 0 : now.from.byte();
@@ -266,7 +267,7 @@ int nothing_to_receive(int fd) {
     return EAGAIN;
 }
 
-// Results of pending calls, or of none: as one message or many, some of them twice.
+// Results, of pending calls or unknown ones: as one message or many, some of them twice.
 void send_results(input& from) {
     world& now = *g_world;
     const u8 how = from.byte();
@@ -375,7 +376,7 @@ void unregister() {
     now.told_connected = false;
 }
 
-// What is left on the synchronous socket would be taken for the replies to come.
+// Unread bytes on the synchronous socket would be taken for later replies.
 void forget_replies() {
     const int fd = g_world->sync.fd;
     if (fd >= 0) {
@@ -386,7 +387,7 @@ void forget_replies() {
 void start() {
     world& now = *g_world;
     if (!_scc_lib_client_is_connected() && g_scc_client_cb.state.load() == state_idle) {
-        now.told_connected = false;  // a new registration, whatever became of the last one
+        now.told_connected = false;  // a new registration, whatever happened to the last one
     }
     if (now.how == mode::service) {
         scc_ss_reg_info info{};
@@ -523,7 +524,7 @@ bool is_ready(const qx_thread& task) {
     return !at.open || at.shut || at.hung_up || at.read < at.incoming.size();
 }
 
-// The first task that is ready; false when there is none.
+// Runs the first task that is ready; returns false if there is none.
 bool run_task() {
     std::deque<qx_thread*>& tasks = g_world->tasks;
     for (std::size_t i = 0; i < tasks.size(); ++i) {
@@ -550,7 +551,7 @@ void run_loop() {
         }
     }
     now.finishing = true;
-    // A loss that was not noticed yet, then the timer, then the registration.
+    // A loss may still be unnoticed: then come the timer and the registration.
     for (int step = 0; step < 100 && run_task(); ++step) {
     }
     forget_replies();

@@ -1,5 +1,5 @@
-// One item of an application after the other, as their values and nothing around them: each in a block of
-// exactly its size, so that a byte read past the value is found.
+// Items of an application one at a time, as bare values: each in a block of exactly its size, so that a read
+// past the value is found.
 //
 //   input := settings {row length given {byte}} (an item as in wire_plan.h)
 //     settings: bit 0 the log is on, bit 1 without handlers

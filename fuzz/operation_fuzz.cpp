@@ -1,10 +1,10 @@
-// The service's operations with handlers that read all that they are promised and answer at once, later,
-// twice or never; with every handler or without. What goes back must be well formed, and the scc-type of an
-// answer is that of the oldest operation of its id that was not answered.
+// The service's operations with handlers that read everything they are promised and answer at once, later,
+// twice or never; with all handlers or none. The answers must be well formed, and the scc-type of an answer
+// is that of the oldest unanswered operation of its id.
 //
 //   input := settings {byte message}
 //     settings: bit 0 the log is on, bit 1 without handlers, bits 2 to 4 how handlers answer
-//     byte:     how many of the operations that wait are answered after the message
+//     byte:     how many of the waiting operations are answered after the message
 //     message:  as in wire_plan.h
 #include <cstdlib>
 #include <cstring>
@@ -30,7 +30,7 @@ namespace {
 enum class answer : u8 { at_once, later, never, twice, refused };
 
 answer g_answer = answer::at_once;
-// Copies of the records that wait, each in a block of exactly its size.
+// Copies of the waiting records, each in a block of exactly its size.
 std::deque<std::vector<u8>> g_waiting;
 
 struct head {
@@ -80,7 +80,7 @@ bool answers_now() {
 }
 
 void read_users(const void* users, u32 count) {
-    // What an entry of the list holds is between the daemon and the service; the count is not measured.
+    // Not read: the library passes the entries on unchanged.
     (void)users;
     (void)count;
 }
@@ -163,7 +163,7 @@ scc_ss_reg_info all_handlers() {
     return info;
 }
 
-// ---- what goes back --------------------------------------------------------------------------------
+// ---- answers ---------------------------------------------------------------------------------------
 
 std::vector<u8> g_sent[2];
 int g_descriptors[2];

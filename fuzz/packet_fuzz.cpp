@@ -1,5 +1,5 @@
-// One captured frame: taken apart, matched against a rule, counted by the traffic meter and classified by a
-// table of ACLs that the input filled.
+// Captured frames: decoded, matched against a rule, counted by the traffic meter and classified by a table of
+// ACLs that the input fills.
 //
 //   input := settings {count byte{count}}
 //     settings: bits 0 and 1 the rule's family, bit 2 users are given, bit 3 detection of silence

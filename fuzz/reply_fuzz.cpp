@@ -3,8 +3,8 @@
 //
 //   input := settings which seed longest rest
 //     settings: bit 0 the log is on; bit 1 the rest is the stream itself, otherwise it is the value of one
-//               item of the reply's type; bit 2 of one of another type; bits 3 and 4 how the stream ends: the
-//               peer hung up, or nothing came and the wait was interrupted or timed out
+//               item of the reply's type, or with bit 2 of another type; bits 3 and 4 how the stream ends:
+//               the peer hangs up, or the wait is interrupted or times out
 #include <cerrno>
 #include <vector>
 

@@ -1,6 +1,6 @@
-// The development daemon: its listeners, the clients' sockets and the control socket, on a fake system that
-// is driven by the input. What the daemon sends must be well formed, results go only to who asked, and it
-// ends with every descriptor closed.
+// The development daemon: its listeners, the clients' sockets and the control socket, on a fake system driven
+// by the input. Everything that the daemon sends must be well formed, results must go only to their
+// requesters, and at the end every descriptor must be closed.
 //
 //   input := settings {act}
 //     settings: bit 0 trace, bit 1 the service has no time to answer, bit 2 short transfers
@@ -34,8 +34,8 @@ struct peer {
     int fd = -1;
     bool is_control = false;
     bool is_service = false;
-    bool blocked = false;  // takes nothing that is sent to it
-    std::vector<u8> sent;  // by the daemon, as far as no message is whole
+    bool blocked = false;  // reads nothing that is sent to it
+    std::vector<u8> sent;  // by the daemon: the part that is not a whole message yet
 };
 
 struct operation {
@@ -52,7 +52,7 @@ struct world {
     std::array<int, 2> listeners{-1, -1};
     std::vector<peer> peers;
     int accepting = -1;
-    std::deque<operation> operations;  // that the service was given and has not answered
+    std::deque<operation> operations;  // that the service has not answered yet
 };
 
 world* g_world = nullptr;
@@ -236,7 +236,7 @@ constexpr std::string_view control_lines[] = {
     R"({"do":"counters","type":#,"id":#,"acl":5,"filter":6,"sn":#,"ace":7})",
 };
 
-// A line of the control protocol: one of those above with numbers for the crosses, or the input's own.
+// A line of the control protocol: one of the above with its placeholders filled in, or bytes of the input.
 occurrence send_line(input& from) {
     peer* const at = choose_peer(from);
     if (at == nullptr) {
@@ -257,7 +257,7 @@ occurrence send_line(input& from) {
     return readable(*at);
 }
 
-// Bytes of the input many times over, for what grows with the depth or the length of a line.
+// Bytes of the input repeated many times, for code whose cost grows with the depth or length of a line.
 occurrence send_repeated(input& from) {
     peer* const at = choose_peer(from);
     const std::size_t times = from.byte() * std::size_t{16};
@@ -265,7 +265,7 @@ occurrence send_repeated(input& from) {
     if (at == nullptr) {
         return {};
     }
-    // Many lines are only many answers.
+    // Many lines would only give many answers.
     const bool has_line = std::find(unit.begin(), unit.end(), u8{'\n'}) != unit.end();
     std::vector<u8> bytes;
     for (std::size_t i = 0; i < (has_line ? times / 64 : times); ++i) {

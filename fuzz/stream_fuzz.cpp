@@ -1,6 +1,6 @@
-// A hostile daemon's bytes on the asynchronous socket of an application that has calls of every kind
-// pending: the stream is cut into messages wherever reads end, results are delivered in runs over the
-// boundaries of messages, and every handler reads all that it is promised.
+// A hostile daemon's bytes on the asynchronous socket of an application with calls of every kind pending:
+// reads split the stream anywhere, runs of results cross message boundaries, and every handler reads
+// everything that it is promised.
 //
 //   input := settings requests reads {which seed} rest
 //     settings: bit 0 the log is on, bit 1 the rest is the stream itself and not a plan of it, bits 2 and 3

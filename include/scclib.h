@@ -25,8 +25,8 @@
  *   request is lost. If the connection is lost as well, the server_status handler gets 0, and 1 once the
  *   application is registered again.
  * - The pointers that handlers of notifications get lead into the received message. Those of d1x_addr_move,
- *   flow, noflow_offline, port_violate_notify, user_roll and ace_counters may be unaligned, where an item whose
- *   length is not a multiple of 8 precedes: copy what they point to with memcpy().
+ *   flow, noflow_offline, port_violate_notify, user_roll and ace_counters may be unaligned if an item whose
+ *   length is not a multiple of 8 precedes theirs: copy what they point to with memcpy().
  * - A child of fork() has no registration of its own and must not use the parent's.
  *
  * Arguments that mean the same in every function
@@ -67,14 +67,14 @@
  *   from a handler that runs with the library's lock held; struct scc_ss_reg_info names them.
  * - service: may be called from any thread, and from those handlers of the service that run without the
  *   library's lock; struct scc_ss_reg_info names them. It takes that lock.
- * - loop: must be called on the event loop's thread, also from a handler. All handlers run on that thread, one
+ * - loop: must be called on the event loop's thread; handlers may call it. All handlers run on that thread, one
  *   at a time and without a lock of the library.
- * - buffer: not thread-safe: the text lies in a static buffer that the next call of the same function
+ * - buffer: not thread-safe: the text is in a static buffer that the next call of the same function
  *   overwrites, on whatever thread. It may be called from a handler while no other thread calls it.
  * - variable: plain memory, read and written without a lock; the host may do so at any time.
  *
  * Environment
- * - TMPDIR: the base of the runtime directory $TMPDIR/security/scc, which holds the daemon's socket and two
+ * - TMPDIR: the base of the runtime directory $TMPDIR/security/scc, which contains the daemon's socket and two
  *   sockets of each registered process. Its last component is the instance number.
  * - DATA_QXOS_DIR: the base of the debug switch file $DATA_QXOS_DIR/security/scc/scclib_dbg.txt, read at
  *   registration: a line with a process's name, as it was started, and 1 enables its log.
@@ -458,9 +458,9 @@ uint32_t scc_svr_unreg(void);
  * and handlers run on its thread.
  *
  * master is a struct qx_thread_master and must live as long as the process. The runtime directory's mode
- * is left as it is. Reconnects by a timer of 3 (seconds on a workstation). A second call takes the place of the
- * first one before its first attempt to register, after that attempt has failed, and directly after a loss of
- * the daemon; otherwise it changes nothing.
+ * is left as it is. Reconnects by a timer of 3 (seconds on a workstation). A second call replaces the first one
+ * before its first attempt to register, after that attempt has failed, and directly after a loss of the daemon;
+ * otherwise it changes nothing.
  * Sends message 301 on both sockets. Handlers: server_status.
  * Returns 0 when started, and when already started; 22 for a null master, a null record or an app id outside
  * 1 to 19; 5 when TMPDIR is unset or too long; 12 out of memory; the error of creating the directory or a
@@ -604,7 +604,7 @@ uint32_t scc_svi_router_acl_set(uint8_t value, uint32_t *call_id_out);
  * which is copied and may not be null. A block of 8,168 bytes and more is sent and yet returns 22, and no
  * result arrives for it. Message 157, kind 50, data_bytes + 8 bytes. Handler: efacl_ctrl. */
 uint32_t scc_efacl_ctrl(const void *data, uint32_t data_bytes, uint32_t *call_id_out);
-/* Say that the water line was passed (start not 0) or left. One-way: message 220, 4 bytes, on the
+/* Report that the water line was passed (start not 0) or left. One-way: message 220, 4 bytes, on the
  * synchronous socket, no result. Returns 0 when it was handed to the connection; SCC_E_UNAVAILABLE; 12 out
  * of memory. */
 uint32_t scc_warterline_notify(int start);
@@ -633,9 +633,9 @@ uint32_t scc_mac_query(const uint8_t *mac, uint32_t *ip);
 /* Ask about the number of addresses of a secured port and wait. The answer is the result code alone. The
  * call id is written once the query was sent. Message 317, 744 bytes, reply 415. */
 uint32_t scc_sp_port_addr_num(const struct scc_config_record *record, uint32_t *call_id_out);
-/* Read a NAC user; record->operation must be 2, else 22. The record is overwritten by the reply's whatever
- * its result, and left alone when the reply holds none, as a refusal may. Takes no call id. Message 307, 744
- * bytes, reply 401. */
+/* Read a NAC user; record->operation must be 2, else 22. The reply's record overwrites it whatever the result;
+ * it is left alone when the reply has none, as a refusal may. Takes no call id. Message 307, 744 bytes, reply
+ * 401. */
 uint32_t scc_nac_user_get(struct scc_user_record *record);
 /* Set the mirror's destination port and wait. The call id is written once the query was sent. Message 316,
  * 744 bytes, reply 414. */
@@ -647,9 +647,9 @@ uint32_t scc_is_arp_check_enabled(uint8_t *enabled);
  * 304, 12 bytes, reply 411. */
 uint32_t scc_arp_check_user_count_get(uint32_t key, uint32_t *count);
 /* Read the users of the ARP check: up to *count entries of 48 bytes (struct scc_arp_check_entry) into buf;
- * *count, which is sent, is lowered to what came. Both are left alone when the result is not 0, and when the
- * reply holds fewer entries than it says (SCC_E_FORMAT); a negative *count takes none. selector passes
- * unchanged. Message 305, 12 bytes, reply 410. */
+ * *count, which is sent, is lowered to the number that came. Both are left alone when the result is not 0, and
+ * when the reply has fewer entries than it announces (SCC_E_FORMAT); a negative *count takes none. selector
+ * passes unchanged. Message 305, 12 bytes, reply 410. */
 uint32_t scc_arp_check_user_data_get(uint32_t selector, void *buf, int *count);
 /* Get the greatest number of users of a NAC kind: for kinds 1 and 4 to 7 *a becomes 4096, *b and *c 3000; for
  * every other kind all three become 128. Null pointers are skipped. Local: no message. Returns 0, always.
@@ -678,7 +678,7 @@ uint32_t scc_acl_add_ace(const struct scc_acl_key *key, const struct scc_ace_rec
  * acl_delete_ace. */
 uint32_t scc_acl_delete_ace(const struct scc_acl_key *key, const struct scc_ace_record *ace,
                             uint32_t *call_id_out);
-/* Apply an ACL. An apply type of 0 becomes the key's app type, in the caller's record and also when the call
+/* Apply an ACL. An apply type of 0 becomes the key's app type, in the caller's record and even when the call
  * then fails; outside 1 to 58 it is 22. Message 133, kind 35, 248 bytes. Handler: acl_apply. */
 uint32_t scc_acl_apply(struct scc_acl_apply_record *record, uint32_t *call_id_out);
 /* Unapply an ACL, with the rules of scc_acl_apply. Message 133, kind 36, 248 bytes. Handler:
@@ -781,7 +781,7 @@ struct scc_ss_ace_operation {
     struct scc_ace_record ace;
 };
 
-/* Message 133: apply or unapply an ACL. 280 bytes. key holds the 16 bytes at offset 4 of the message's
+/* Message 133: apply or unapply an ACL. 280 bytes. key has the 16 bytes at offset 4 of the message's
  * value, which do not begin with the ACL's key: read apply.key. */
 struct scc_ss_apply_operation {
     SCC_SS_OPERATION_HEAD;
@@ -979,11 +979,11 @@ int scc_make_path(char *dst, const char *suffix, int size, int base);
  * stay. Returns 0; 22 for null; 20 for another path; 2 when the working directory cannot be determined; 28 for
  * a relative path that is too long; the error of mkdir. */
 uint32_t _scc_dir_create(const char *path);
-/* Get the instance number, the last component of TMPDIR, which must hold a slash when it is set. Returns
+/* Get the instance number, the last component of TMPDIR, which must contain a slash when it is set. Returns
  * the number that the component begins with; 0 when TMPDIR is unset or there is none. */
 uint32_t _scc_vsd_id_get(void);
 /* Get the instance number, the last component of TMPDIR. Returns the number that the component begins
- * with; 0 when TMPDIR is unset, holds no slash or there is none. */
+ * with; 0 when TMPDIR is unset, contains no slash or there is none. */
 uint32_t _scc_lib_vsd_id_get(void);
 /* Read the first argument of the command line of process pid into buf of size bytes, cut to fit; the rest
  * of buf is set to 0. Returns 0; 22 for null or a size below 1; the error of opening it. */

@@ -46,7 +46,7 @@ stage_complete() {
     scripts/check_complete.sh
     scripts/check_recipes.py docs/architecture.md
 }
-# tidy_sources PATTERN...: checks as many files at once as there are processors.
+# tidy_sources PATTERN...: runs one clang-tidy for each processor.
 tidy_options=()
 tidy_sources() {
     build debug

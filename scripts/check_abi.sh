@@ -16,7 +16,7 @@ fail() {
     exit 1
 }
 
-# The record must not contain directories: it is the same in every checkout.
+# The record must be the same in every checkout, so it must not contain directories.
 build_copy() {
     local flags="-ffile-prefix-map=$PWD=."
     cmake -S . -B build/abi -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_FLAGS="$flags" \

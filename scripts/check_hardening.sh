@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# check_hardening.sh FILE...: what optimised builds are hardened with (cmake/hardening.cmake) is there in each library
-# and program.
+# check_hardening.sh FILE...: checks that each library and program has the hardening of optimised builds
+# (cmake/hardening.cmake).
 set -euo pipefail
 export LC_ALL=C
 [ $# -gt 0 ] || {
@@ -22,12 +22,12 @@ for file in "$@"; do
     grep -qE '\(FLAGS_1\).*NOW|BIND_NOW' <<<"$dynamic" || lacks "$file" "binds its symbols while it runs"
     awk '$1 == "GNU_STACK" {found = 1; bad = $(NF - 1) ~ /E/} END {exit !found || bad}' <<<"$segments" ||
         lacks "$file" "may have an executable stack"
-    # A library is position-independent by its nature, a program by its flag.
+    # A library is always position-independent, a program only if it is linked as such.
     if grep -q 'INTERP' <<<"$segments"; then
         grep -qE '\(FLAGS_1\).*PIE' <<<"$dynamic" || lacks "$file" "is not position-independent"
     fi
     grep -qx '__stack_chk_fail' <<<"$imports" || lacks "$file" "has no guarded stack"
-    # Each of these has a checked variant, which takes its place where the compiler cannot prove that it fits.
+    # Each of these has a checked variant, which replaces it where the compiler cannot prove that the copy fits.
     if grep -qxE 'v?(f|s|sn|d)?printf|memcpy|memmove|strcpy|strcat|recv|read|poll' <<<"$imports" &&
         ! grep -v '^__stack_chk_fail$' <<<"$imports" | grep -qE '^__[a-z]+_chk$'; then
         lacks "$file" "copies and prints unchecked"

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# check_imports.sh LIBRARY [--renew]: compares every symbol that the library takes from others, and where from,
-# with the recorded list, abi/imports.txt. All of them are bound when the library is loaded, so a platform
-# that lacks one loads nothing: a symbol is added to the list only if every switch has it.
+# check_imports.sh LIBRARY [--renew]: compares every symbol that the library imports, and its origin, with the
+# recorded list, abi/imports.txt. All of them are bound when the library is loaded, so a platform that lacks one
+# cannot load it: add a symbol to the list only if every switch has it.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 export LC_ALL=C

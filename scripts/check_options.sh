@@ -14,7 +14,7 @@ fail() {
     exit 1
 }
 
-# The SDK that does not exist shows that nothing of one is read.
+# The SDK does not exist, which shows that nothing of one is read.
 build_library() {
     cmake -S . -B "$directory" -G Ninja -DCMAKE_BUILD_TYPE=None -DSCC_QX_SYSLOG=OFF -DSCC_QX_THREAD=OFF \
         -DSCC_PLATFORM_DIR=/nonexistent -DSCC_DEVKIT=OFF -DSCC_TESTS=OFF -DSCC_BENCH=OFF &&

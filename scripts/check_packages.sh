@@ -106,7 +106,7 @@ build_project >"$work/log" 2>&1 || {
 
 for program in "${programs[@]}"; do
     for built in "$work/$program" "$work/project/build/$program"; do
-        # Without a runtime directory it says so and ends: it runs, and the libraries are found.
+        # The error of a missing runtime directory shows that the program runs and finds the libraries.
         output=$(env -u TMPDIR LD_LIBRARY_PATH="$libdir" "$built" 2>&1 || true)
         grep -q 'cannot start: Input/output error' <<<"$output" || fail "$built printed: $output"
     done

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""check_recipes.py PAGE: the recipes of docs/architecture.md name files and quote lines of them.
+"""check_recipes.py PAGE: compares the recipes of docs/architecture.md with the files that they name.
 
 Every file that the section "Recipes" names must exist, and every line of a fenced block must be a line of the
 first file that its step names. Only the spacing may differ.

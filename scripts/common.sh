@@ -27,8 +27,8 @@ build() {
     cmake --build "build/$preset" --parallel "$jobs" ${1:+--target "$@"} -- --quiet
 }
 
-# run_tests PRESET [ctest arguments...]: runs more cases at once than there are processors, since most of
-# them wait. A case that fails has failed: none is run again.
+# run_tests PRESET [ctest arguments...]: runs more cases at once than there are processors, since most of them
+# wait. No failed case is retried.
 run_tests() {
     local preset=$1
     shift

@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# coverage.sh [--least-lines PERCENT] [--least-branches PERCENT] [ctest arguments...]: runs the tests and a sample of the
-# fault sweep against a library that counts what is executed, prints lines and branches for each file of src/ and writes what was not reached to
-# build/coverage/html and build/coverage/missed.txt. Fails below the least.
+# coverage.sh [--least-lines PERCENT] [--least-branches PERCENT] [ctest arguments...]: runs the tests and a sample of
+# the fault sweep against an instrumented library, prints the lines and branches executed in each file of src/, and
+# writes what was missed to build/coverage/html and build/coverage/missed.txt. Fails below the minimum percentages.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/common.sh
 . scripts/common.sh
 
-# The one place of both bounds.
+# The only definition of the minimum percentages.
 least_lines=98.7
 least_branches=97.0
 
@@ -26,8 +26,8 @@ profiles=$PWD/$tree/profiles
 profdata=$(command -v llvm-profdata llvm-profdata-14 | head -n 1)
 cov=$(command -v llvm-cov llvm-cov-14 | head -n 1)
 
-# Counts go into the file at once (%c), one for each binary (%m): a test that kills a process loses none of them. ctest
-# gives each test executable a file of its own (tests/CMakeLists.txt); this one is the sweep's.
+# The counters are mapped onto the file (%c), one for each binary (%m), so a killed process loses none. ctest gives
+# each test executable a file of its own (tests/CMakeLists.txt); this one is for the sweep.
 mkdir -p "$profiles"
 export LLVM_PROFILE_FILE=$profiles/%c%m.profraw
 build coverage
@@ -44,7 +44,7 @@ fi
 mapfile -t binaries < <(find "$tree/src" "$tree/tests" -maxdepth 2 -type f \( -name 'libscclib.so.*' -o -name '*_tests' -o -name fault_sweep \) | sort)
 objects=("${binaries[0]}")
 for binary in "${binaries[@]:1}"; do
-    # Those without the library in them have nothing to report.
+    # Binaries without the library have nothing to report.
     if readelf -SW "$binary" | grep -q '__llvm_covmap'; then
         objects+=(-object "$binary")
     fi

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """coverage_table.py COVERAGE MISSED LEAST_LINES LEAST_BRANCHES: prints llvm-cov's figures for each file of src/,
-writes the lines and branches that no test has reached to MISSED, and fails below the least percentages.
+writes the lines and branches that no test reached to MISSED, and fails below the minimum percentages.
 """
 
 import json
@@ -41,7 +41,7 @@ def print_table(files, branches):
 
 
 def unreached_lines(segments):
-    """Lines that a region begins on whose count is 0, and those up to the next region."""
+    """Lines on which a region with count 0 begins, and those up to the next region."""
     lines = set()
     for (line, _, count, has_count, _, is_gap), following in zip(segments, segments[1:]):
         if has_count and count == 0 and not is_gap:

@@ -34,7 +34,7 @@ fail() {
     exit 1
 }
 
-# wait_for FILE TEXT [COUNT]: until FILE holds TEXT on that many lines, 30 seconds at most.
+# wait_for FILE TEXT [COUNT]: waits up to 30 seconds until FILE contains TEXT on that many lines.
 wait_for() {
     local until=$((SECONDS + 30))
     until [ "$(grep -cF -- "$2" "$1" 2>/dev/null || true)" -ge "${3:-1}" ]; do
@@ -147,7 +147,7 @@ show_counters() {
     done <"$work/rules.txt"
 }
 
-# Makes the service run its capture again, and waits until the packets are counted.
+# Makes the service replay its capture, and waits until the packets are counted.
 run_capture() {
     local until=$((SECONDS + 20))
     kill -USR1 "$security"

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# fuzz.sh [--replay] [--seed N] [--jobs N] [--keep DIRECTORY] [SECONDS] [TARGET...]: runs each fuzzer for so many
-# seconds (60) from its corpus, after it has repeated the corpus, and prints what each did. A find fails; its input is
-# kept, and the command that repeats it is printed.
-#   --replay  the corpora alone
-#   --seed    with a seed each run tries the same, as far as the time lets it
-#   --jobs    so many fuzzers at once (one)
-#   --keep    the growing corpora, kept from run to run
+# fuzz.sh [--replay] [--seed N] [--jobs N] [--keep DIRECTORY] [SECONDS] [TARGET...]: each fuzzer replays its corpus and
+# then runs for that many seconds (60); prints a table. A find makes the script fail; its input is kept, and the
+# command that reproduces it is printed.
+#   --replay  only replay the corpora
+#   --seed    runs with the same seed try the same inputs, as far as the time allows
+#   --jobs    the number of fuzzers at once (1)
+#   --keep    where the growing corpora are kept from run to run
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/common.sh

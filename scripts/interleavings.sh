@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# interleavings.sh [interleavings arguments...]: walks the interleavings of small programs on the library's own sources
-# and prints a table; without arguments all programs within their deep bounds.
+# interleavings.sh [interleavings arguments...]: explores the interleavings of small programs that use the library's
+# own sources, and prints a table; without arguments, all programs within their deep bounds.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/common.sh

@@ -79,7 +79,7 @@ FLOWS = [web, secure_web, names, ping, web_over_v6, arp, stopping, moving]
 
 
 def packets(total):
-    """Yield (flow, packet) until there are total packets; a silent flow's turn is passed over."""
+    """Yield (flow, packet) until there are total packets; silent flows are skipped."""
     made = turn = 0
     while made < total:
         flow = FLOWS[turn % len(FLOWS)]

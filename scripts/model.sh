@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# model.sh [ACTS]: the library and a model of it side by side, for so many random acts (a million). Prints what was played
-# and how many differences were found; a difference is printed with its acts and fails.
-# SCC_MODEL_SEED chooses the first seed; without it every run has others.
+# model.sh [ACTS]: compares the library with a model of it over that many random acts (a million). Prints what was
+# played and the number of differences; a difference is printed with its acts and makes the script fail.
+# SCC_MODEL_SEED chooses the first seed; without it, every run uses different seeds.
 # SCC_MODEL_PRESET chooses the build: debug, or asan for the address and undefined-behaviour sanitizers.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."

@@ -19,7 +19,7 @@ trap 'rm -rf "$work"' EXIT
 version=$(sed -n 's/^project(scclib VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 architecture=$(dpkg --print-architecture)
 maintainer="scclib maintainers <maintainers@localhost>"
-# Reproducible: the same commit gives the same packages.
+# For reproducibility: the same commit gives the same packages.
 SOURCE_DATE_EPOCH=$(git log -1 --format=%ct 2>/dev/null || stat -c %Y CMakeLists.txt)
 export SOURCE_DATE_EPOCH
 

@@ -2,7 +2,7 @@
 import re
 import textwrap
 
-# The date of the last change to the manual's form, fixed so that builds are reproducible.
+# The date of the last change to the manual's layout, fixed so that builds are reproducible.
 REVISED = "2026-11-21"
 RELEASE = "scclib 1"
 MANUAL = "scclib manual"
@@ -71,7 +71,7 @@ class Page:
     def code(self, text):
         self.lines += [".PP", ".nf"] if not self.fresh else [".nf"]
         self.fresh = False
-        # A minus that is typed by the reader must stay one.
+        # A hyphen would not work in a command that is pasted into a shell.
         self.lines += [escape(line).replace("-", "\\-") or "\\&" for line in text.split("\n")]
         self.lines.append(".fi")
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# soak.sh MINUTES [--seed N] [--kills N] [--groups N]: daemons, services and clients side by side, which are killed and
-# stopped at random moments.
+# soak.sh MINUTES [--seed N] [--kills N] [--groups N]: runs daemons, services and clients side by side, and kills and
+# stops them at random moments.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/common.sh

@@ -1,5 +1,5 @@
 // The daemon's control socket: `$TMPDIR/security/scc/.sccd_ctl`, a Unix stream socket with mode 0600. Only
-// root and the daemon's own user are obeyed; every request of somebody else is refused.
+// root and the daemon's own user are obeyed; requests of others are refused.
 //
 // Each request is one JSON object on a line with its name in "do"; each reply is one JSON object on a
 // line: {"ok":true,...} or {"ok":false,"error":"..."}. Numbers may be written as JSON numbers or as

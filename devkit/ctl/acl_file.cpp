@@ -154,7 +154,7 @@ const scc_acl_key& applied_key(const acl_file& file, std::uint32_t acl_id) {
     return *found;
 }
 
-// The line does not tell the class; an ACL of the file has one.
+// The line does not state the class; it is that of the ACL in the file.
 scc_acl_key with_its_class(const acl_file& file, const scc_acl_key& key) {
     const auto known = std::find_if(file.acls.begin(), file.acls.end(),
                                     [&](const file_acl& each) { return name_of(each.key) == name_of(key); });

@@ -17,7 +17,7 @@ constexpr std::size_t line_max_bytes = 4u * 1024 * 1024;
 constexpr mode_t owner_only = 0600;
 constexpr int depth_max = 16;
 
-// The runtime directory is everybody's, so the socket's mode is not relied on alone.
+// The runtime directory is open to everybody, so the socket's mode alone does not suffice.
 bool may_command(int descriptor) {
     ucred peer{};
     socklen_t length = sizeof peer;
@@ -25,8 +25,8 @@ bool may_command(int descriptor) {
            (peer.uid == 0 || peer.uid == ::geteuid());
 }
 
-// Null for a line that is no JSON, or that is nested so deeply that copying it, which takes stack for each
-// level, could end the daemon. No command nests more than three levels.
+// Null for a line that is not JSON, or that is nested so deeply that copying it, which takes stack for each
+// level, could crash the daemon. No command nests more than three levels.
 json parse_line(const std::string& line) {
     bool too_deep = false;
     json parsed = json::parse(

@@ -21,7 +21,7 @@ Record pattern(u8 seed) {
     return record;
 }
 
-// Few enough that ACLs are met again.
+// Few enough ACLs that they recur.
 template <>
 scc_acl_key pattern<scc_acl_key>(u8 seed) {
     return {seed & 1u, 1 + (seed >> 1) % 2u, 1 + (seed >> 2) % 3u, seed};
@@ -93,7 +93,7 @@ void compare(int seed, const T* given) {
     }
     T expected = pattern<T>(static_cast<u8>(seed));
     if constexpr (std::is_same_v<T, scc_acl_apply_record>) {
-        // 0 stands for the key's type, in what was saved, too.
+        // 0 stands for the key's type, even in the saved data.
         expected.apply_type = expected.apply_type == 0 ? expected.key.app_type : expected.apply_type;
     }
     FUZZ_EXPECT(std::memcmp(given, &expected, sizeof expected) == 0);
@@ -252,7 +252,7 @@ struct request {
         }                                                      \
     }
 
-// The ACL's requests first and more than once, since they build on one another.
+// The ACL requests are first and repeated, since they build on one another.
 const request g_requests[] = {
     KEYED(acl_create, scc_acl_create(&key, id)),
     ACE(acl_add_ace, scc_acl_add_ace),

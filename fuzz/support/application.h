@@ -1,5 +1,5 @@
-// An application as the fuzzers play it: every asynchronous request with arguments that a byte decides,
-// and handlers that read all that they are promised and compare what comes back with what was given.
+// The fuzzers' application: every asynchronous request with arguments chosen by a byte, and handlers that
+// read everything they are promised and compare the returned arguments with the request's.
 #pragma once
 
 #include <span>
@@ -9,7 +9,7 @@
 
 namespace scc::fuzz {
 
-// The seed of a request, or -1 when what comes back cannot be compared.
+// The seed of a request, or -1 if its result cannot be compared.
 struct application_events {
     int (*result)(u32 position, u32 result, u32 call_id) = nullptr;
     void (*notified)(u32 position) = nullptr;
@@ -20,12 +20,12 @@ void set_application_events(const application_events& events);
 [[nodiscard]] scc_handlers reading_handlers();
 
 [[nodiscard]] u32 request_kinds();
-// Makes a request; position gets the place of its handler.
+// Makes a request; position gets the position of its handler.
 [[nodiscard]] u32 make_request(u32 which, u8 seed, u32* call_id, u32& position);
-// Every other call of an application but registration and the queries.
+// Every other call of an application except registration and the queries.
 void make_other_call(u32 which, u8 seed);
 [[nodiscard]] u32 query_kinds();
-// A synchronous query; checks what it leaves alone when it fails.
+// Makes a synchronous query; checks that a failed one leaves the caller's values alone.
 [[nodiscard]] u32 make_query(u32 which, u8 seed);
 [[nodiscard]] u16 reply_type_of(u32 which);
 

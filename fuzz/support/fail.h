@@ -1,5 +1,5 @@
-// What a fuzzer does when the code under test broke a promise: says which, and ends as a sanitizer does,
-// so that the input is kept.
+// Called when the code under test breaks a promise: prints it, and ends like a sanitizer, so that the input
+// is kept.
 #pragma once
 
 #include <cstdio>

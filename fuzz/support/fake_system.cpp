@@ -37,7 +37,7 @@ thread_local bool t_in_use = false;
 system_hooks g_hooks;
 std::array<fake_socket, fakes_max> g_sockets;
 std::array<epoll_entry, fakes_max> g_epoll;
-int g_opened = 0;  // numbers are not used again within an input, so a second close is seen
+int g_opened = 0;  // numbers are not reused within an input, so a second close is noticed
 std::size_t g_longest = 0;
 
 int fail(int error) {
@@ -369,7 +369,7 @@ REAL(FILE*, fopen, const char* path, const char* mode) {
     return __real_fopen(path, mode);
 }
 
-// A header may announce up to 4 GiB; what is larger than this is refused, as a small switch would.
+// A header may announce up to 4 GiB; larger blocks than this are refused, as on a small switch.
 REAL(void*, malloc, size_t bytes) {
     constexpr size_t largest = 256 * 1024;
     if (t_in_use && bytes > largest) {
@@ -397,7 +397,7 @@ REAL(int, nanosleep, const timespec* wanted, timespec* left) {
     return t_in_use ? 0 : __real_nanosleep(wanted, left);
 }
 
-// With a variable list of arguments both: the types are those of the callers.
+// Both have variable arguments; their types are those that the callers pass.
 int __real_prctl(int option, ...);
 int __wrap_prctl(int option, ...);
 int __wrap_prctl(int option, ...) {

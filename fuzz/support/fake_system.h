@@ -1,9 +1,9 @@
-// The system calls of the code under test, answered in memory: sockets, the runtime directory, threads and
-// sleeping. The linker sends the calls here (--wrap, see CMakeLists.txt); those on other descriptors, other
-// paths and other threads go on to the system, since the fuzzing engine makes some, too.
+// Answers the system calls of the code under test in memory: sockets, the runtime directory, threads and
+// sleeping. The linker redirects the calls here (--wrap, see CMakeLists.txt); those on other descriptors,
+// paths and threads are passed on to the system, since the fuzzing engine makes some, too.
 //
-// A fake socket has no peer of its own: what recv finds was put there with deliver(), and what is sent is
-// handed to the hook. Everything runs on the fuzzer's thread.
+// A fake socket has no peer: recv returns what deliver() put there, and what is sent is passed to the hook.
+// Everything runs on the fuzzer's thread.
 #pragma once
 
 #include <span>
@@ -22,7 +22,7 @@ struct fake_socket {
     int owner = 0;         // the fuzzer's own mark
 };
 
-// What a fuzzer decides. Null hooks do what is commonest.
+// A fuzzer's decisions. A null hook gives the most common outcome.
 struct system_hooks {
     int (*connected)(int fd) = nullptr;           // 0 or an errno value
     int (*nothing_to_receive)(int fd) = nullptr;  // may deliver; else an errno value, 0 for the end
@@ -35,8 +35,8 @@ struct system_hooks {
     void (*thread)(void* (*body)(void*), void* argument) = nullptr;
 };
 
-// The fake system is in use by this thread while one lives; its end demands that everything was closed.
-// Standard output is dropped meanwhile.
+// This thread uses the fake system while the object exists; the destructor requires that everything was
+// closed. Standard output is discarded meanwhile.
 class system_in_use {
   public:
     explicit system_in_use(const system_hooks& hooks);

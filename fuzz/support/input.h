@@ -1,4 +1,4 @@
-// A fuzzer's input, read from the front. What is read past the end is 0, so every input means something.
+// A fuzzer's input, read from the front. Reads past the end give 0, so every input is valid.
 #pragma once
 
 #include <algorithm>

@@ -29,7 +29,7 @@ void take_connection(int async_fd, int sync_fd, u32 app_id) {
     scc_lib_rereg.store(0);
 }
 
-// As _scc_lib_data_free, which walks every bucket also when there is nothing in them.
+// Like _scc_lib_data_free, which visits every bucket even if all are empty.
 void drop_data() {
     if (pending_calls() != 0) {
         free_pending_calls();
@@ -42,7 +42,7 @@ void drop_data() {
 }  // namespace
 
 bool prepare_library() {
-    // The runtime directory is never made: its paths are the fake system's.
+    // The runtime directory is never created: only the fake system sees its paths.
     setenv("TMPDIR", "/tmp", 1);
     unsetenv("DATA_QXOS_DIR");
     _scc_lib_data_init();
@@ -74,7 +74,7 @@ void unregister_by_hand() {
 }
 
 void drop_spare_blocks() {
-    // They go once no request took one since the last call.
+    // The blocks are freed once no request has taken one since the last call.
     free_idle_blocks();
     free_idle_blocks();
 }

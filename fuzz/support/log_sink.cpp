@@ -1,6 +1,6 @@
-// The platform's log function as a fuzzer has it: every argument is formatted and nothing is printed, unless
-// FUZZ_SHOW_LOG is set, for looking at one input (its own settings decide whether the library logs). And
-// the sanitizers' settings, so that an input is repeated without an environment.
+// The fuzzers' version of the platform's log function: formats every argument and prints nothing, unless
+// FUZZ_SHOW_LOG is set to examine one input (whose settings decide whether the library logs). Also the
+// sanitizers' settings, so that an input can be replayed without environment variables.
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>

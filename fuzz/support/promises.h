@@ -1,5 +1,5 @@
-// What a handler may read of what it is given, read. One look at the sanitizer's map of the memory does for
-// any length.
+// Reads everything that a handler may read of its arguments. One query of the sanitizer's shadow memory
+// suffices for any length.
 #pragma once
 
 #include <sanitizer/asan_interface.h>
@@ -13,7 +13,7 @@ inline void read_all(const void* bytes, std::size_t count) {
     if (count == 0) {
         return;
     }
-    // The report is the sanitizer's own: it comes from reading what must not be read.
+    // The invalid read makes the sanitizer print its own report.
     void* const bad = __asan_region_is_poisoned(const_cast<void*>(bytes), count);
     const auto* at = static_cast<const volatile std::uint8_t*>(bad != nullptr ? bad : bytes);
     (void)*at;

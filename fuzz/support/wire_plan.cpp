@@ -1,4 +1,4 @@
-// The format is written out here by itself, so that an error of the library's own routines cannot hide.
+// The format is written out here independently, so that an error in the library's own routines cannot hide.
 #include "support/wire_plan.h"
 
 #include "support/fail.h"
@@ -42,7 +42,7 @@ u32 planned_length(input& from, u32 least_bytes) {
     return least_bytes > less ? least_bytes - less : 0;
 }
 
-// 0xF0 and on: what the message says of itself is changed after it was put together.
+// For a twist from 0xF0 on: corrupts the finished message's counts and lengths.
 void spoil(input& from, u8 twist, std::vector<u8>& stream, std::size_t begin) {
     switch (twist % 8) {
         case 0:
@@ -51,7 +51,7 @@ void spoil(input& from, u8 twist, std::vector<u8>& stream, std::size_t begin) {
         case 1:
             overwrite<u32>(stream, begin, from.dword());
             break;
-        case 2:  // an item's length; the first's
+        case 2:  // the first item's length
             overwrite<u32>(stream, begin + header_size, from.dword());
             break;
         case 3:
@@ -67,7 +67,7 @@ void spoil(input& from, u8 twist, std::vector<u8>& stream, std::size_t begin) {
         case 6:
             stream[begin + 4] = from.byte();
             break;
-        default: {  // anything at all
+        default: {  // any byte
             const auto bytes = from.bytes(from.byte());
             stream.insert(stream.end(), bytes.begin(), bytes.end());
             break;

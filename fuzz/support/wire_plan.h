@@ -1,5 +1,5 @@
-// Messages as a fuzzer plans them: mostly well formed, with values of about the length that their type
-// needs, so that mutations reach what reads them; now and then with a header that lies.
+// Messages built from a fuzzer's input: mostly well formed, with values of about the length that their type
+// needs, so that mutations reach the code that reads them; occasionally with a false header.
 //
 //   message := twist items {item}
 //     twist: 0xF0 and above spoils the message (see spoil), anything else leaves it well formed
@@ -8,9 +8,8 @@
 //     type:   a row of the table, or from 0xF0 on any type (u16)
 //     length: below 0x80 that many bytes; then the row's least length and up to 63 more; then down to 62
 //             less; 0xFF any length (u16)
-//     given:  how many bytes of the value follow; the others are 0. From 0xC0 on so many more than that, and
-//     then
-//             the value's last 16, where records have their operation
+//     given:  how many bytes of the value follow; the others are 0. From 0xC0 on, given - 0xC0 bytes follow,
+//             then the last 16 of the value, where records have their operation
 #pragma once
 
 #include <span>
@@ -31,11 +30,11 @@ void append_planned_item(input& from, std::span<const planned_type> types, std::
 // Appends one message to the stream.
 void append_planned_message(input& from, std::span<const planned_type> types, std::vector<u8>& stream);
 
-// A message of one item, which a fake daemon answers with.
+// A message of one item, as the answer of a fake daemon.
 void append_message(std::vector<u8>& stream, u16 sub_id, u16 type, std::span<const u8> value);
 
-// What the other side reads: the whole messages of a stream must be well formed. Calls item for each one,
-// and returns how many bytes belong to whole messages.
+// Checks that the whole messages of a stream are well formed. Calls `item` for each item, and returns how
+// many bytes belong to whole messages.
 std::size_t walk_messages(std::span<const u8> stream,
                           void (*item)(void* context, u16 sub_id, u16 type, std::span<const u8> value),
                           void* context);

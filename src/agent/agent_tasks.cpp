@@ -72,8 +72,8 @@ task_record* find_task(Predicate matches) SCC_REQUIRES(g_tasks_lock) {
     return nullptr;
 }
 
-// A platform may run a task with another object than the handle that it returned; the oldest task of the
-// kind is then meant. A cancelled handle, though, is that of a task that the event loop was about to run.
+// A platform may run a task with an object other than the handle that it returned; take that for the oldest
+// task of the kind. A cancelled handle, however, belongs to a task that the event loop was about to run.
 task_record* find_running(u32 kind, const qx_thread* task) SCC_REQUIRES(g_tasks_lock) {
     task_record* record =
         find_task([&](const task_record& each) { return each.kind == kind && each.handle == task; });

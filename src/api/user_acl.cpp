@@ -67,7 +67,7 @@ consteval bool counter_precedes_result(const counter_row& row) {
     return row.counter_offset + sizeof(u64) <= row.result_offset;
 }
 
-// A reply with a result has a counter.
+// A reply long enough for the result also has the counter.
 static_assert(counter_precedes_result(filter_counter) && counter_precedes_result(acl_counter) &&
               counter_precedes_result(ace_counter));
 

@@ -59,7 +59,7 @@ namespace scc {
     return static_cast<int>(g_scc_client_cb.pid.load(relaxed));
 }
 
-// Started by scc_svr_reg or scc_ss_reg, whose receive thread recovers; otherwise the event loop does.
+// True after scc_svr_reg or scc_ss_reg, whose receive thread recovers; otherwise the event loop does.
 [[nodiscard]] inline bool is_thread_mode() {
     return g_scc_client_cb.thread_mode.load(relaxed) == 1;
 }

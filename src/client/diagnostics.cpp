@@ -47,7 +47,7 @@ void set_debugging(bool on) {
     scc_lib_debug.store(on ? 1 : 0, std::memory_order_relaxed);
 }
 
-// Null for anything but a regular file. The directory may be writable for others: a FIFO there would block
+// Null for anything but a regular file. The directory may be writable by others: a FIFO there would block
 // until somebody writes, and a link could lead anywhere.
 std::FILE* open_regular(const char* path) {
     const int descriptor = open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);

@@ -1,6 +1,6 @@
 // The library's locks and their scoped guards. The read-write locks are always taken for writing.
 //
-// The order stands on the declarations below and clang checks it: scc_lib_lock first, then scc_send_buf_lock,
+// The declarations below state the order, and clang checks it: scc_lib_lock first, then scc_send_buf_lock,
 // then g_connection_mutex. scc_call_data_lock, scc_acl_lock and the service's scc_ss_lock come last; no two
 // of these three are held together.
 #pragma once
@@ -51,9 +51,9 @@ inline void unlock(const named_lock& lock) SCC_RELEASE(lock) SCC_NO_THREAD_SAFET
 
 class SCC_SCOPED_CAPABILITY write_guard {
   public:
-    // A handler that runs under scc_lib_lock must not call what takes it (docs/service-authors.md). If one
-    // does, the C library returns EDEADLK; rather than harm the host, the guard goes on under the existing
-    // hold and leaves the unlocking to its owner.
+    // A handler that runs under scc_lib_lock must not call functions that take it (docs/service-authors.md).
+    // If one does, the C library returns EDEADLK; rather than harm the host, the guard relies on the lock
+    // already held and leaves the unlocking to its owner.
     explicit write_guard(const named_lock& lock) SCC_ACQUIRE(lock)
         : lock_(pthread_rwlock_wrlock(&lock.handle) == 0 ? &lock.handle : nullptr) {}
     ~write_guard() SCC_RELEASE() { release_lock(); }

@@ -29,7 +29,7 @@ inline constexpr int log_flag = 2;
 #define SCC_LOG_RAW(submodule, format, ...) \
     printk_syslog_ext(scc::log_level, "SCCLIB", submodule, scc::log_flag, format __VA_OPT__(, ) __VA_ARGS__)
 
-// A line of SCC_LOG_FROM whatever the switch says.
+// Like SCC_LOG_FROM, regardless of the switch.
 #define SCC_LOG_ALWAYS(function, format, ...) \
     SCC_LOG_RAW("DETAIL", "<%-23s line:%-4d> " format, function, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 

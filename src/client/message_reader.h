@@ -17,7 +17,7 @@ namespace scc {
 
 enum class message_end : u8 {
     not_reached,  // receiving failed; the rest, or the message, is still to come
-    refused,      // 2007 for a header without items, or 12 for want of memory: read past
+    refused,      // 2007 for a header without items, or 12 for lack of memory: the message is skipped
     dropped,      // 2007 for items that exceed the message, which was read whole
     whole,
 };

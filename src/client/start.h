@@ -18,7 +18,7 @@ struct start_identity {
 [[nodiscard]] bool is_already_started(const start_identity& identity, const char* function);
 // Creates the runtime directory unless it exists. 0, 5 or the error.
 [[nodiscard]] u32 make_runtime_directory(u32 app_id, const char* function);
-// Opens it to processes of any user, also where an earlier process narrowed its mode.
+// Opens it to processes of any user, even if an earlier process narrowed its mode.
 void open_runtime_directory();
 // Begins a registration and fills in the control block. False, with nothing changed, when another start came
 // first.

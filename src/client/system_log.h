@@ -1,5 +1,5 @@
-// The platform's log function without libqx_syslog, for builds with SCC_QX_SYSLOG=OFF. The name is the
-// platform's, so that whoever calls or replaces the function does not depend on the option.
+// The platform's log function without libqx_syslog, for builds with SCC_QX_SYSLOG=OFF. It has the platform's
+// name, so callers and replacements of the function do not depend on the option.
 #pragma once
 
 // Writes one line with syslog(3), cut after 1,023 bytes; flag is the switch's own and ignored. Any thread.

@@ -26,7 +26,7 @@ inline constexpr std::size_t spare_prefetch_max_bytes = 1024;
 // while the handlers of two earlier results run.
 inline constexpr std::size_t cached_prefetch_bytes = 320;
 inline constexpr std::size_t cached_calls_ahead = 2;
-// The index of cached ACLs before it grows: in the binary, as that of pending calls.
+// The index of cached ACLs before it grows: in the binary, like that of pending calls.
 inline constexpr std::size_t first_acl_slots = 256;
 // One read of the asynchronous socket: several hundred results, the messages of a busy daemon.
 inline constexpr std::size_t receive_buffer_bytes = 16384;

@@ -1,6 +1,6 @@
 // How long the value of each received item must be: the one list for applications and the service. A list
-// that a value announces with its count must be there before the item's function runs: handlers are promised
-// whole records and lists.
+// whose count is in the value must be complete before the item's function runs: handlers are promised whole
+// records and lists.
 #pragma once
 
 #include <algorithm>
@@ -17,7 +17,7 @@ struct value_length {
     // A list that follows the fixed bytes: a u32 among them counts its entries.
     u32 count_offset = 0;
     u32 entry_bytes = 0;  // 0: no list
-    // For the one type whose content decides.
+    // For the one type whose length depends on its content.
     bool (*fits)(const u8* value, u64 length) = nullptr;
 
     bool operator==(const value_length&) const = default;
@@ -115,7 +115,7 @@ static_assert(std::ranges::all_of(value_lengths, [](const value_length_row& row)
     return std::ranges::find(value_lengths, type, &value_length_row::type)->least;
 }
 
-// In 64 bits: a count of the peer's times the size of an entry does not wrap.
+// In 64 bits, so that the peer's count times the size of an entry does not wrap.
 [[nodiscard]] inline bool is_long_enough(const value_length& least, std::span<const u8> value) {
     if (value.size() < least.fixed_bytes) {
         return false;

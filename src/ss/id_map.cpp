@@ -24,7 +24,7 @@ void remove_node(scc_ss_id_node* node) SCC_REQUIRES(id_map_lock) {
     std::free(node);
 }
 
-// The map has none of this id.
+// The map must not have a node of this id yet.
 scc_ss_id_node* make_node(u32 id) SCC_REQUIRES(id_map_lock) {
     auto* node = static_cast<scc_ss_id_node*>(std::malloc(sizeof(scc_ss_id_node)));
     if (node == nullptr) {
@@ -135,7 +135,7 @@ u16 _scc_ss_get_type(u32 id) {
     return scc_type;
 }
 
-// Logs even when the debug switch is off, which is on meanwhile, and restored at the end.
+// Logs even if the debug switch is off: turns it on and restores it at the end.
 void _scc_ss_retlist_dump() {
     const u8 before = scc_lib_debug.exchange(1, std::memory_order_relaxed);
     const operation_count total = read_count(pair_total);

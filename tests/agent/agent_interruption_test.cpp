@@ -1,5 +1,5 @@
-// A host's signal handler ends the system call in which the event loop's thread sleeps: what it left owed is
-// never taken for another reply, and a registration that it ended is made again.
+// A host's signal handler ends the system call in which the event loop's thread sleeps: the reply still owed
+// is never taken for another one, and an interrupted registration is retried.
 #include "client/connection.h"
 #include "support/crowd.h"
 #include "support/loop_application.h"
@@ -18,7 +18,7 @@ bytes count_reply(std::uint32_t count) {
     return test::message_bytes({test::item_bytes(411, wire().u32(0).u32(0).u32(count))});
 }
 
-// The places at which a reply may break off: the borders of its headers and of its value.
+// Where a reply may break off: the boundaries of its headers and of its value.
 constexpr std::size_t reply_bytes = 28;
 constexpr std::size_t borders[] = {0, 1, 7, 8, 15, 16, 17, reply_bytes - 1};
 
@@ -55,7 +55,7 @@ class AgentInterruption : public test::loop_application {
         EXPECT_EQ(count, 31U);
     }
 
-    // The first attempt is given up, and the next one succeeds with replies of its own.
+    // The first attempt is abandoned, and the next one succeeds with its own replies.
     void expect_another_attempt() {
         EXPECT_TRUE(daemon.wait_for_close(side::sync));
         EXPECT_TRUE(daemon.wait_for_close(side::async));
@@ -150,7 +150,7 @@ TEST_F(AgentInterruption, OfConnectingIsAFailedAttempt) {
     for (const int fd : others) {
         close(fd);
     }
-    // Without those that wait to be accepted.
+    // Excluding those not accepted yet.
     daemon.stop_listening();
     daemon.listen();
     expect_reconnection();

@@ -1,4 +1,4 @@
-// What a registration by the event loop takes over, leaves and returns, and the order of its acts.
+// What a registration by the event loop takes over, leaves and returns, and the order of its steps.
 #include <errno.h>
 #include <unistd.h>
 
@@ -22,7 +22,7 @@ using test::wire;
 
 namespace {
 
-// What the application saw when it was called.
+// What the application observed when it was called.
 struct moment {
     std::string call;
     std::uint32_t state;
@@ -79,7 +79,7 @@ class AgentRegistration : public test::loop_application {
         EXPECT_EQ(g_scc_client_cb.thread_mode.load(), 0U);
     }
 
-    // One registration has been made, once on each socket, and the loop alone reads.
+    // There is one registration, once on each socket, and only the loop reads.
     void expect_one_registration() {
         ASSERT_EQ(scc_warterline_notify(1), 0U);
         ASSERT_EQ(daemon.read_item(side::sync).type, 220);
@@ -403,7 +403,7 @@ TEST_F(AgentRegistration, WithoutItsPathsEndsTheAttemptAndSchedulesNothing) {
 constinit std::atomic<int> g_callbacks{0};
 constinit std::atomic<int> g_finish_at{0};
 
-// Ends the registration at the status 1 that was asked for.
+// Ends the registration at the chosen status 1.
 void finish_at_status(std::uint32_t status) {
     test::on_status(status);
     if (status == 1 && --g_finish_at == 0) {
@@ -434,7 +434,7 @@ TEST_F(AgentRegistration, ThatItsOwnStatusHandlerEndsHasNoConnectCallback) {
     }
 }
 
-// Whoever ends it does so while the last reply is on its way.
+// It is ended while the last reply is in flight.
 TEST_F(AgentRegistration, ThatEndsBeforeItIsConfirmedSetsNoStateAndReadsNothing) {
     for (const bool first : {true, false}) {
         if (first) {

@@ -1,5 +1,5 @@
-// The agent's four tasks: how they are put on the loop, what happens when the loop takes none, and the write
-// task, which only tests schedule.
+// The agent's four tasks: how they are added to the loop, what happens when the loop refuses them, and the
+// write task, which only tests schedule.
 #include "agent/agent_tasks.h"
 
 #include <sys/socket.h>
@@ -33,7 +33,7 @@ class AgentTasks : public test::loop_application {
         info.handlers.station_move = [](std::uint8_t permitted) { moves().push(permitted); };
     }
 
-    // The loop watches the asynchronous socket: what the daemon sends is delivered, time and again.
+    // The loop watches the asynchronous socket: everything that the daemon sends is delivered.
     void expect_reading() {
         for (const std::uint8_t permitted : bytes{1, 0, 1}) {
             daemon.send_item(side::async, 210, wire().u32(1).u8(permitted));
@@ -102,7 +102,7 @@ TEST_F(AgentTasks, AreScheduledUnderTheirNamesByTheCallOfTheirKind) {
         const int fd = g_scc_client_cb.async_fd.load();
         for (const task_kind_row& row : task_kind_rows) {
             static int ignored;
-            // Given back with the task: the leak sanitizer counts.
+            // Freed with the task: the leak sanitizer checks.
             void* const arg = row.takes_argument ? std::calloc(1, 568) : &ignored;
             EXPECT_EQ(_scc_lib_thread_event(row.kind, arg, fd), 0) << row.name;
             ASSERT_EQ(test::added_tasks(row.name).size(), 1U) << row.name;
@@ -164,7 +164,7 @@ TEST_F(AgentTasks, ToReconnectAreScheduledAgainUntilTheLoopTakesThem) {
 TEST_F(AgentTasks, ToConnectGiveTheirRecordBackWhenTheyAreCancelled) {
     start();
     in_loop([] {
-        EXPECT_EQ(_scc_lib_thread_event(0, std::calloc(1, 568), -1), 0);  // the leak sanitizer counts
+        EXPECT_EQ(_scc_lib_thread_event(0, std::calloc(1, 568), -1), 0);  // the leak sanitizer checks
         EXPECT_TRUE(scc::is_pending(scc::task_connect));
         scc::cancel_all_tasks();
         EXPECT_FALSE(scc::is_pending(scc::task_connect));
@@ -248,7 +248,7 @@ TEST_F(AgentTasks, ToWriteThatFailDuringAnUnregistrationOnlySetTheStateBack) {
     EXPECT_TRUE(test::added_tasks("scc-reconnect").empty());
 }
 
-// What the loop gives to a handler on a platform whose tasks are no handles.
+// What the loop passes to a handler on a platform whose tasks are not handles.
 qx_thread* task_object() {
     static std::uint64_t object[8];
     return reinterpret_cast<qx_thread*>(object);
@@ -307,7 +307,7 @@ TEST_F(AgentTasks, ToWriteOnTheLoopTogetherSendTheirOwnRequests) {
     }
 }
 
-// The oldest of their kind is meant.
+// Stands for the oldest task of the kind.
 TEST_F(AgentTasks, ThatAreNotTheirHandleFindTheirArguments) {
     start();
     in_loop([] {
@@ -331,7 +331,7 @@ TEST_F(AgentTasks, ThatAreNotTheirHandleFindTheirArguments) {
     expect_reading();
 }
 
-// Their requests stay with whoever has scheduled them.
+// Their requests still belong to the scheduling caller.
 TEST_F(AgentTasks, ToWriteThatAreCancelledSendNothing) {
     start();
     in_loop([] {
@@ -402,7 +402,7 @@ TEST_F(AgentTasks, ToReadAreCancelledBeforeTheirSocketIsClosedByAWriteThatFailed
 }
 
 TEST_F(AgentTasksUnflushed, ToReadAreCancelledWhenAWriteFindsTheConnectionDead) {
-    test::keep_from_loop("scc-read");  // the write alone finds out
+    test::keep_from_loop("scc-read");  // only the write notices
     start();
     test::keep_from_loop("");
     const int fd = g_scc_client_cb.async_fd.load();

@@ -1,5 +1,5 @@
-// The event-loop agent: its start and end, reading, and everything by which a connection is lost and comes
-// back. The loop has a thread of its own, the test's thread is the daemon.
+// The event-loop agent: its start and end, reading, and every way to lose and regain a connection. The loop
+// has a thread of its own; the test's thread is the daemon.
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -61,7 +61,7 @@ class Agent : public test::loop_application {
         EXPECT_EQ(got->call_id, call_id);
     }
 
-    // Keeps the loop's thread busy until the test is done with what must happen meanwhile.
+    // Keeps the loop's thread busy until the test releases it.
     template <class Function>
     void while_the_loop_is_busy(const Function& function) {
         std::promise<void> busy;
@@ -375,7 +375,7 @@ TEST_F(Agent, IsInStateFailedBetweenTwoReconnections) {
     EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 2004U);
 }
 
-// A task that runs is no longer the loop's to cancel.
+// A running task cannot be cancelled any more.
 TEST_F(Agent, CancelsNoTaskFromInsideItself) {
     daemon.stop_listening();
     ASSERT_EQ(init(), 0U);
@@ -484,7 +484,7 @@ TEST_F(Agent, CancelsWhatIsPendingWhenASendOfAnotherThreadFails) {
     expect_reconnection();
 }
 
-// Nothing says that the loop may be called from a thread that the application does not know.
+// The loop's contract does not promise that a thread unknown to the application may call it.
 TEST_F(Agent, LeavesItsTasksToTheLoopsThreadWhenTheCheckerFindsTheConnectionDead) {
     start();
     std::thread::id loop;
@@ -525,7 +525,7 @@ TEST_F(Agent, ComesBackWhenTheCheckerFindsTheConnectionDead) {
     expect_working_requests();
 }
 
-// An error that did not end the connection has ended the reading: no task finds the sockets' end.
+// An error that left the connection alive has ended the reading, so no task notices that the sockets close.
 TEST_F(Agent, ThatDoesNotReadComesBackWithTheNextRequest) {
     test::keep_from_loop("scc-read");
     start();
@@ -706,7 +706,7 @@ TEST_F(Agent, MayBeFinishedByAResultHandler) {
     start();
     expect_working_requests();
     test::forget_added_tasks();
-    // The second result is in the same message: its handler has gone when it is reached.
+    // The second result is in the same message: by then its handler has been cleared.
     ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
     EXPECT_EQ(daemon.read_item(side::async).type, 123);
     daemon.send_items(side::async, {test::item_bytes(401, wire().u32(1).u32(0)),

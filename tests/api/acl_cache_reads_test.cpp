@@ -24,12 +24,12 @@ scc_ace_record ace(std::uint32_t sn, std::uint32_t ace_id, std::uint8_t first = 
     return record;
 }
 
-// A record without the link that the lists use.
+// A record without its list link.
 bytes rule_of(const scc_ace_record& record) {
     return test::slice(record_bytes(record), 16, 896);
 }
 
-// The copies that a read hands out, freed at the end.
+// The copies that a read returns, freed at the end.
 class ace_list {
   public:
     ~ace_list() { clear(); }
@@ -72,8 +72,8 @@ using numbers = std::vector<std::pair<std::uint32_t, std::uint32_t>>;
 
 class AclCacheRead : public test::recording_client {
   protected:
-    // The result of the last call, and of one after it: the first has then been taken in. The second is a
-    // failure, after whose handler the receive thread looks at no cache and logs nothing.
+    // Delivers the result of the last call and of one more, so that the cache has processed the first. The
+    // second is a failure, so the receive thread neither touches the cache nor logs after its handler.
     void confirm(std::uint32_t code, std::uint32_t id, std::uint32_t result = 0) {
         ASSERT_EQ(code, 0U);
         std::uint32_t later = 0;
@@ -115,7 +115,7 @@ class AclCacheRead : public test::recording_client {
         confirm(code, id, result);
     }
 
-    // All three reads of the key give this code, log this text and leave the caller's memory alone.
+    // All three reads of the key return this code, log this text and leave the caller's memory alone.
     static void expect_refused(const scc_acl_key& which, std::uint32_t code, const std::string& text) {
         const test::debugging on;
         scc_acl_key asked = which;

@@ -1,4 +1,4 @@
-// ACL requests and the reads from the cache that their results fill.
+// ACL requests, and reads from the cache that their results fill.
 #include <unistd.h>
 
 #include <fstream>

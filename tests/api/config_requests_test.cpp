@@ -173,7 +173,7 @@ std::vector<request_row> channel_rows() {
 EVERY_REQUEST_OF(SwitchRequest, switch_rows());
 EVERY_REQUEST_OF(ChannelRequest, channel_rows());
 
-// ---- members with a layout of their own ----------------------------------------------------------
+// ---- requests with a layout of their own ---------------------------------------------------------
 
 const scc_neighbour_record& neighbour() {
     static const auto record = patterned<scc_neighbour_record>(11);
@@ -221,7 +221,7 @@ EVERY_REQUEST_OF(OwnLayoutRequest, own_layout_rows());
 
 using ConfigRequest = test::recording_client;
 
-// Every call of a member with arguments out of range, none of which may take a call id.
+// Calls with arguments out of range, none of which may take a call id.
 void expect_every_refusal() {
     std::uint32_t id = 0xAAAAAAAA;
     for (const record_member& member : record_members) {

@@ -1,5 +1,5 @@
-// Each call with integer arguments at the ends of every argument's type: the bytes that go out, what is saved
-// for the result, and what the handler gets.
+// Each call with integer arguments at the limits of every argument's type: the bytes sent, the data saved for
+// the result, and the handler's arguments.
 #include <climits>
 
 #include "api/query_rows.h"
@@ -22,7 +22,7 @@ struct extreme_row {
     std::uint32_t kind;
     std::size_t position;
     bytes payload;    // after the call id
-    bytes saved;      // when the call id is not part of it
+    bytes saved;      // unless the call id is part of it
     bytes arguments;  // of the handler
     bool saves_its_payload = false;
 };
@@ -98,7 +98,7 @@ std::vector<extreme_row> int_rows() {
     return rows;
 }
 
-// Each argument at its highest alone, so that no two can be mistaken for each other.
+// Each argument alone at its maximum, so that no two can be confused.
 std::vector<extreme_row> channel_rows() {
     return {
         plain("http port", CALL(scc_http_dport_set(65535, 0, id)), 112, 11, 12, wire().u32(65535).u32(0),
@@ -195,7 +195,7 @@ std::vector<extreme_row> other_rows() {
 
 class ExtremeValues : public test::recording_client {
   protected:
-    // Each call is answered twice over: once by looking at what was saved, once by its result.
+    // Each call is checked twice: by its saved data and by its result.
     void expect_rows(const std::vector<extreme_row>& rows) {
         start();
         for (const extreme_row& row : rows) {

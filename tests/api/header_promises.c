@@ -264,7 +264,7 @@ static const char* call_service(void) {
     UNAVAILABLE(scc_noflow_offline_notify(&flow, 1, 2, NULL, 0));
     UNAVAILABLE(scc_flow_notify(&flow, 1, 2));
     UNAVAILABLE(scc_ss_ace_counter_notify(&key, 1, &counter));
-    /* Nothing was started that could send a reply, so each is refused for want of a buffer. */
+    /* Nothing was started that could send a reply, so each is refused for lack of a buffer. */
     EXPECT(scc_ssc_nacm_app_op_callback(0, 1, 2, 3, 4) == 12);
     EXPECT(scc_ssc_nacm_app_op_with_vid_callback(0, 1, 2, 3, 4, 5) == 12);
     EXPECT(scc_ssc_nacm_def_read_callback(0, 1, 2, 3) == 12);

@@ -1,4 +1,4 @@
-/* What the C file tells the tests. */
+/* The C file's interface for the tests. */
 #pragma once
 
 #ifdef __cplusplus

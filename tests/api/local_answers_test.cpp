@@ -149,7 +149,7 @@ TEST(NacUserLimits, AreWrittenWhereThereIsAPointer) {
 
 class NacUserCounters : public test::recording_client {
   protected:
-    // A later result tells that the capability word was taken in.
+    // A later result shows that the capability word was processed.
     void tell_capabilities(std::uint64_t word) {
         std::uint32_t id = 0;
         ASSERT_EQ(scc_addr_learning(1, 1, &id), 0U);

@@ -1,4 +1,4 @@
-// Every line that a call writes about itself begins with the name of that call, so that a log tells which of
+// Every line that a call logs about itself begins with the name of that call, so that the log shows which of
 // the application's calls was refused.
 #include "api/query_rows.h"
 #include "api/request_rows.h"
@@ -130,7 +130,7 @@ const named_call good_calls[] = {
     NAMED(scc_ace_reset_counter, &key, 1, nullptr),
 };
 
-// Each with an argument that is refused by a text of the call's own.
+// Each with an argument whose refusal the call logs in its own words.
 const named_call bad_calls[] = {
     NAMED(scc_d1x_authen_method, nullptr, nullptr),
     NAMED(scc_nac_app_set, nullptr, nullptr),
@@ -171,7 +171,7 @@ std::string prefix_of(const std::string& name) {
     return prefix;
 }
 
-// Whether every line that was logged begins with the name; at least one was.
+// Whether every logged line begins with the name, and there is at least one.
 void expect_every_line_named(const std::string& name) {
     const std::vector<test::log_line> lines = test::captured_log();
     EXPECT_FALSE(lines.empty()) << name;
@@ -268,7 +268,7 @@ TEST_F(LogNames, AreThoseOfTheQueriesThatGetAReplyOfAnotherType) {
     };
     for (const query_name& row : rows) {
         const test::debugging on;
-        // The reply lies on the socket before it is asked for.
+        // The reply is on the socket before the request is sent.
         daemon.send_item(side::sync, 999, wire().zeros(8));
         EXPECT_EQ(row.call.call(), 2007U) << row.call.name;
         EXPECT_EQ(daemon.read_item(side::sync).type, row.request);

@@ -1,5 +1,5 @@
-// The synchronous queries: their bytes, their replies, and what a reply that is short, wrong or hostile
-// may not do to the caller's memory.
+// The synchronous queries: their bytes, their replies, and the caller's memory after a short, wrong or
+// hostile reply.
 #include <climits>
 
 #include "api/query_rows.h"
@@ -220,7 +220,7 @@ TEST_F(Query, TakesACallIdForMacPortAndMirrorAlone) {
     }
 }
 
-// ---- what replies may hold -----------------------------------------------------------------------
+// ---- the content of replies ----------------------------------------------------------------------
 
 TEST_F(Query, OfTheArpCheckTellsOneForEveryStatusButZero) {
     start(0);
@@ -304,7 +304,7 @@ constexpr data_case data_cases[] = {
     {4, 3, 3, 0, 3, 3},
     {4, 4, 4, 0, 4, 4},
     {4, 5, 5, 0, 4, 4},
-    {4, 5, 4, 0, 4, 4},  // what the caller has room for is there
+    {4, 5, 4, 0, 4, 4},  // as much as the caller's buffer takes is there
     {1, 0xFFFFFFFF, 1, 0, 1, 1},
     {0, 3, 3, 0, 0, 0},
     {4, 1, 0, 2007, 4, 0},

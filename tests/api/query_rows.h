@@ -1,4 +1,4 @@
-// One synchronous query as a row, and what holds for every one of them. The query runs on a thread of its
+// One synchronous query as a row, and the tests that every query passes. The query runs on a thread of its
 // own while the test answers it as the daemon.
 #pragma once
 
@@ -15,7 +15,7 @@ namespace test {
 
 struct query_row {
     std::string name;
-    // Takes the caller's memory as it is before the call and leaves it as it is afterwards.
+    // Gets the caller's memory before the call, and changes it as the call does.
     std::function<std::uint32_t(bytes& memory)> call;
     bytes memory;  // before the call
     std::uint16_t request = 0;
@@ -97,7 +97,7 @@ class querying_client : public registered_client {
         return finished(running);
     }
 
-    // A signal ends the query when these bytes have come.
+    // A signal ends the query after these bytes have arrived.
     void expect_interrupted(const query_row& row, const bytes& sent) {
         handle_interruptions();
         aside<outcome> running([row] { return outcome_of(row); });
@@ -109,8 +109,8 @@ class querying_client : public registered_client {
         EXPECT_EQ(finished(running), (outcome{4, row.memory_after_error}));
     }
 
-    // The query is interrupted after so many bytes of its reply, the rest of which comes when the next one
-    // has been asked. The next and the one after it get their own answers.
+    // The query is interrupted after that many bytes of its reply; the rest comes once the next query has
+    // been sent. That one and the one after it get their own answers.
     void expect_own_answers_after_interruption(const query_row& row, std::size_t length) {
         const bytes other = message_bytes({item_bytes(row.reply, other_answer(row))});
         const bytes good = message_bytes({item_bytes(row.reply, row.good)});
@@ -146,7 +146,7 @@ class every_query : public querying_client, public ::testing::WithParamInterface
         const outcome out = running.get();
         EXPECT_EQ(out.code, 0U);
         EXPECT_EQ(out.memory, row.answer);
-        // What follows the fields in a longer reply is not looked at.
+        // Bytes after the fields of a longer reply are ignored.
         const outcome longer = exchange_item(row, row.reply, wire().add(row.good).fill(300, 0xEE));
         EXPECT_EQ(longer.code, 0U);
         EXPECT_EQ(longer.memory, row.answer);
@@ -156,7 +156,7 @@ class every_query : public querying_client, public ::testing::WithParamInterface
         const query_row& row = GetParam();
         const debugging on;
         start(0);
-        // Those of other queries, the query's own, and the neighbours of the right one.
+        // The types of other queries' replies, the query's own type, and the neighbours of the right one.
         const auto above = static_cast<std::uint16_t>(row.reply + 1);
         const auto below = static_cast<std::uint16_t>(row.reply - 1);
         const std::vector<std::uint16_t> types = {0,     1,     136, 401, 402, 405,   407,
@@ -207,9 +207,9 @@ class every_query : public querying_client, public ::testing::WithParamInterface
         EXPECT_EQ(empty.code, 2007U);
         EXPECT_EQ(empty.memory, row.memory_after_error);
         EXPECT_TRUE(logged("msg format error,no tlv."));
-        // One item is announced, and there is no room for it.
+        // One item is announced, but the message has no space for it.
         EXPECT_EQ(exchange(row, wire().u32(8).u8(1).u16(1).u8(0)).code, 2007U);
-        // The item says that it is longer than what the message holds.
+        // The item claims to be longer than the message.
         bytes past_the_end = item_bytes(row.reply, row.good);
         const auto announced = static_cast<std::uint32_t>(row.good.size() + 1);
         std::memcpy(past_the_end.data(), &announced, 4);
@@ -234,7 +234,7 @@ class every_query : public querying_client, public ::testing::WithParamInterface
         expect_a_good_query(row);
     }
 
-    // At the borders of the reply's headers and of its value.
+    // At the boundaries of the reply's headers and of its value.
     void check_interruptions() {
         const query_row& row = GetParam();
         start(0);

@@ -1,5 +1,5 @@
-// Every result handler of an application, each reporting its place in the handler table and the bytes of
-// its arguments after result and call id.
+// Every result handler of an application; each reports its position in the handler table and the bytes of its
+// arguments after result and call id.
 #pragma once
 
 #include <tuple>
@@ -52,7 +52,7 @@ struct recorder<Member, void (*)(std::uint32_t, std::uint32_t, Arguments...)> {
     }
 };
 
-// The control block is handed over as so many bytes.
+// The control block of scc_efacl_ctrl arrives as a pointer and a length.
 template <auto Member>
 struct recorder<Member, void (*)(std::uint32_t, std::uint32_t, const void*, std::int32_t)> {
     static void call(std::uint32_t result, std::uint32_t call_id, const void* data, std::int32_t data_bytes) {

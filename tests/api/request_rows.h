@@ -1,4 +1,4 @@
-// One asynchronous request as a row, and what holds for every one of them.
+// One asynchronous request as a row, and the tests that every request passes.
 #pragma once
 
 #include <algorithm>
@@ -44,7 +44,7 @@ inline std::vector<std::uint32_t> counters_of(int entry) {
             counted.call_failures};
 }
 
-// Only the row's entry holds anything.
+// Only the row's entry is not zero.
 inline void expect_counted(int entry, const std::vector<std::uint32_t>& expected) {
     for (int i = 0; i < 13; ++i) {
         const std::vector<std::uint32_t> nothing(5, 0);
@@ -68,7 +68,7 @@ class recording_client : public registered_client {
         registered_client::start(option);
     }
 
-    // What the library keeps for the result of a call; the call is then forgotten.
+    // Takes out the data that the library saved for the result of a call.
     static void expect_saved(std::uint32_t call_id, std::uint32_t kind, const bytes& expected) {
         scc::pending_call* saved = scc::take_pending_call(call_id);
         ASSERT_NE(saved, nullptr);

@@ -1,4 +1,4 @@
-// What all requests share: the order of checks, lock and state, the call ids, and the batch they go through.
+// What all requests share: the order of checks, lock and state, the call ids, and the batch.
 #include <cerrno>
 #include <future>
 

@@ -1,4 +1,4 @@
-// The synchronous socket: one query at a time owns it, and what goes wrong on it ends with that query.
+// The synchronous socket: one query at a time owns it, and an error affects only that query.
 #include <atomic>
 
 #include "api/query_rows.h"
@@ -14,7 +14,7 @@ namespace {
 
 class SyncExchange : public test::querying_client {
   protected:
-    // Counts the users of one key; the answer comes back as the memory.
+    // Counts the users of one key.
     static query_row count_users(std::uint32_t key) {
         query_row row;
         row.name = "count";
@@ -34,7 +34,7 @@ class SyncExchange : public test::querying_client {
     }
 
     static bytes count_of(std::uint32_t count) { return wire().u32(0).u32(0).u32(count); }
-    // What the daemon answers to count_users(key), and what the caller then has.
+    // The daemon's answer to count_users(key), and the caller's value after it.
     static bytes reply_to(std::uint32_t key) { return message_bytes({item_bytes(411, count_of(key * 3))}); }
     static outcome answered(std::uint32_t key) { return {0, wire().u32(key * 3)}; }
 };
@@ -50,7 +50,7 @@ TEST_F(SyncExchange, ReadsTheFirstItemOfItsReplyAndNoOther) {
     const outcome second =
         exchange(row, message_bytes({item_bytes(410, count_of(10)), item_bytes(411, count_of(20))}));
     EXPECT_EQ(second.code, 2007U);
-    // The fields of a short first item do not lie in the second.
+    // The missing fields of a short first item are not read from the second.
     const outcome third = exchange(row, message_bytes({item_bytes(411, {}), item_bytes(411, count_of(20))}));
     EXPECT_EQ(third.code, 2007U);
     EXPECT_EQ(third.memory, bytes(wire().u32(0xA5A5A5A5)));
@@ -97,7 +97,7 @@ TEST_F(SyncExchange, RefusesAnItemCountThatLeadsPastTheMessage) {
     expect_a_good_query(row);
 }
 
-// Closing the connection after so many bytes of the reply.
+// Closes the connection after that many bytes of the reply.
 TEST_F(SyncExchange, ReturnsAnErrorWhereverItsReplyBreaksOff) {
     start(0);
     const query_row row = count_users(2);
@@ -232,7 +232,7 @@ TEST_F(SyncExchange, InterruptedThreeTimesInARowLeavesTheFourthItsOwnAnswer) {
     }
 }
 
-// The second is interrupted in the middle of what the first left owed, or of its own reply.
+// The second is interrupted in the middle of the reply that the first left owed, or of its own reply.
 TEST_F(SyncExchange, InterruptedWhileItReadsPastAnotherLeavesTheThirdItsOwnAnswer) {
     start(0);
     const bytes late = wire().add(reply_to(10)).add(reply_to(20));

@@ -1,4 +1,5 @@
-// The client's copy of the ACLs: hash, order, duplicates, renumbering, deletion, and large numbers of both.
+// The client's copy of the ACLs: hash, order, duplicates, renumbering, deletion, and large numbers of ACLs
+// and ACEs.
 #include "client/acl_cache.h"
 
 #include <gtest/gtest.h>
@@ -188,7 +189,7 @@ TEST_F(AclCache, VdevAppTypeAndAclIdEachTellAclsApart) {
 }
 
 TEST_F(AclCache, ABucketFillsAtItsTailAndKeepsItsOrderAcrossDeletions) {
-    // All of these sum to 16: vdev makes up for the id.
+    // All of these sum to 16: vdev compensates for the id.
     for (const std::uint32_t id : {9U, 5U, 7U, 1U}) {
         const scc_acl_key k = key_of(15 - id, 1, id);
         _scc_lib_acl_add(&k);
@@ -361,12 +362,12 @@ TEST_F(Resequence, StartAndIncrementBelowOneAreRefused) {
     EXPECT_EQ(refused(&key, 1, 0xFFFFFFFFU), text(&key, 1, -1));
 }
 
-// A large start puts small numbers after larger ones: the list is then no longer ascending, and whatever
-// follows is done in list order.
+// A large start puts small numbers after larger ones: the list is then no longer ascending, and later
+// operations use list order.
 TEST_F(Resequence, ALargeStartLeavesTheListUnsortedAndLaterCallsWalkItInOrder) {
     EXPECT_EQ(renumbered({1, 2, 3, 0x7FFFFFFF}, 0x7FFFFFFE, 0x7FFFFFFF),
               (numbers{0x7FFFFFFE, 0xFFFFFFFD, 0x7FFFFFFC, 0x7FFFFFFF}));
-    // In front of the first that is greater, in list order.
+    // Before the first greater one, in list order.
     add_aces(key, {{0x7FFFFFFD, 9}});
     EXPECT_EQ(look(key).sns, (numbers{0x7FFFFFFD, 0x7FFFFFFE, 0xFFFFFFFD, 0x7FFFFFFC, 0x7FFFFFFF}));
     add_aces(key, {{0xFFFFFFFF, 10}});
@@ -492,7 +493,7 @@ TEST_F(CacheUpdate, WithoutSavedDataIsAnUnknownKind) {
     EXPECT_EQ(held(), 0U);
 }
 
-// As for an ACL that another application has made, or whose making was not confirmed.
+// Like an ACL that another application created, or whose creation was not confirmed.
 TEST_F(CacheUpdate, OfAnAceWhoseAclIsNotHeldKeepsNothing) {
     const test::debugging on;
     const bytes data = wire().add(packed_key).zeros(220).u32(50).u32(6).to(928);
@@ -505,7 +506,7 @@ TEST_F(CacheUpdate, OfAnAceWhoseAclIsNotHeldKeepsNothing) {
     EXPECT_EQ(held(), 0U);
 }
 
-// Its block is not that of an ACE and cannot be kept.
+// Its block is not an ACE's and cannot be kept.
 TEST_F(CacheUpdate, OfAnAceWithLongerDataCopiesTheAce) {
     confirm(31, packed_key);
     const bytes data = wire().add(packed_key).zeros(220).u32(50).u32(6).to(1000);

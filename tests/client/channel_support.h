@@ -1,5 +1,5 @@
-// What the tests of the runtime share: a batch that only the test flushes and a receive thread held inside a
-// handler.
+// Shared by the tests of sending and receiving: a batch that only the test flushes, and a receive thread held
+// inside a handler.
 #pragma once
 
 #include <atomic>
@@ -18,8 +18,7 @@ extern "C" std::atomic<std::uint8_t> g_send_buf_chk_enabled;
 
 namespace test {
 
-// The library's thread that receives: the one beside the checker, which was started later. 0 when there is
-// none.
+// The library's receive thread: the one that is not the checker, which was started later. 0 if there is none.
 inline pid_t receive_thread() {
     pid_t first = 0;
     for (const std::string& id : of_library_threads("Pid")) {
@@ -37,7 +36,7 @@ inline bytes distinct_bytes(std::size_t count, std::uint8_t first = 1) {
     return value;
 }
 
-// Keeps the receive thread until the test releases it.
+// Blocks the receive thread until the test releases it.
 inline void hold_receive_thread(std::uint8_t) {
     hold_here();
 }
@@ -49,7 +48,7 @@ class runtime_test : public registered_client {
         start();
     }
 
-    // The receive thread sits inside a handler from here to release_receive_thread().
+    // The receive thread stays inside a handler from here to release_receive_thread().
     void hold() {
         daemon.send_item(side::async, 210, wire().u32(1).u8(1));
         ASSERT_TRUE(entered().wait());

@@ -1,4 +1,4 @@
-// Connecting, registering and losing the daemon, as both ends see it.
+// Connecting, registering and losing the daemon, as seen from both ends.
 #include "client/connection.h"
 
 #include <fcntl.h>
@@ -24,7 +24,7 @@ namespace {
 
 class Connection : public test::runtime_test {
   protected:
-    // Registers without a word from the daemon yet.
+    // Registers; the daemon has not answered yet.
     void begin() {
         info.app_id = 7;
         info.handlers.server_status = test::on_status;
@@ -33,7 +33,7 @@ class Connection : public test::runtime_test {
 
     std::string who() const { return "(app id:7, pid:" + test::own_pid() + ")"; }
 
-    // Whether the peer closes without having sent one byte.
+    // Whether the peer closes without having sent anything.
     bool closes_silently(side where) {
         pollfd watched{daemon.fd(where), POLLIN, 0};
         std::uint8_t one = 0;
@@ -116,7 +116,7 @@ TEST_F(Connection, TheStateIs2WhileConnecting) {
     begin();
     EXPECT_TRUE(test::eventually([] { return g_scc_client_cb.state == 2U; }));
     EXPECT_EQ(g_scc_client_cb.sync_fd.load(), -1);
-    daemon.stop_listening();  // refuses whoever waits
+    daemon.stop_listening();  // refuses pending connections
     EXPECT_TRUE(test::eventually([] { return g_scc_client_cb.state == 5U; }));
     for (const int other : others) {
         close(other);
@@ -166,7 +166,7 @@ TEST_F(Connection, TheLongestDirectoryThatFitsIsUsed) {
 
 class ClosedDescriptors : public Connection, public ::testing::WithParamInterface<std::vector<int>> {
   protected:
-    // What went wrong, 0 for nothing, told by a child's exit status: it may have no output.
+    // What went wrong, as the exit status of a child: it may have no output.
     enum problem { none, not_registered, low_descriptor, loss_unnoticed, not_back, low_descriptor_again };
 
     static bool both_above_two() { return g_scc_client_cb.sync_fd > 2 && g_scc_client_cb.async_fd > 2; }
@@ -243,7 +243,7 @@ TEST_F(Connection, ARefusalNamesTheHolderAndIsRetriedWithoutAnAsyncRegistration)
     expect_first_status_is_one();
 }
 
-// The pid is an unsigned number on the wire; the line prints it as the others are printed.
+// The pid is unsigned on the wire; the line prints it like all others.
 TEST_F(Connection, ARefusalNamesAHolderOfAnyNumber) {
     const test::debugging on;
     begin();
@@ -469,7 +469,7 @@ TEST_F(Connection, TheThreadEndsWhenTheAppIdIsTakenAwayBeforeTheFirstRegistratio
     EXPECT_EQ(test::statuses().size(), 0U);
 }
 
-// The variable goes away between the look at it and the attempt.
+// The variable is removed between the check and the attempt.
 TEST_F(Connection, AnAttemptWithoutADirectoryFailsAndIsMadeAgain) {
     static test::hidden_variable* variable = nullptr;
     variable = new test::hidden_variable("TMPDIR");  // the environment keeps it
@@ -492,7 +492,7 @@ TEST_F(Connection, AnAttemptWithoutADirectoryFailsAndIsMadeAgain) {
     expect_first_status_is_one();
 }
 
-// As after a close that failed.
+// The state after a failed close.
 TEST_F(Connection, ASocketThatIsConnectedAlreadyIsKept) {
     const std::uint32_t generation = scc::begin_generation();
     g_scc_client_cb.app_id = 7;
@@ -508,7 +508,7 @@ TEST_F(Connection, ASocketThatIsConnectedAlreadyIsKept) {
     EXPECT_EQ(g_scc_client_cb.state.load(), 4U);
 }
 
-// Whoever ends it does so while the last reply is on its way.
+// It is ended while the last reply is in flight.
 TEST_F(Connection, ARegistrationThatEndsBeforeItIsConfirmedSetsNoState) {
     (void)scc::begin_generation();
     g_scc_client_cb.app_id = 7;

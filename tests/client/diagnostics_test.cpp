@@ -35,10 +35,10 @@ class SwitchFile : public ::testing::Test {
 
     std::string file() const { return directory.path() + "/security/scc/scclib_dbg.txt"; }
 
-    // The directory alone, for a file of another kind.
+    // Creates only the directory, for a file of another kind.
     void make_directory() { std::filesystem::create_directories(directory.path() + "/security/scc"); }
 
-    // What the flag is for this process once the file has been read, from 0 or 1 before.
+    // The flag of this process after the file has been read, from 0 or 1 before.
     static int flag_from(std::uint8_t before, const char* process) {
         scc_lib_debug.store(before);
         _scc_lib_debug_init(process);
@@ -159,7 +159,7 @@ TEST_F(SwitchFile, ItsNumbersAreDecimalAlsoWithLeadingZeros) {
     expect_set_to(1, "plus");
 }
 
-// With its newline it is 108 characters: the newline is a line of its own, and decides nothing.
+// With its newline it has 108 characters: the newline is read as a line of its own and has no effect.
 TEST_F(SwitchFile, ALineOfExactlyOneHundredAndSevenCharactersIsReadWhole) {
     write("dot1x" + std::string(101, ' ') + "1\nweb   1\n");
     expect_set_to(1, "dot1x");
@@ -174,7 +174,7 @@ TEST_F(SwitchFile, TheLastLineNeedsNoNewline) {
     expect_set_to(1, "dot1x");
 }
 
-// Whoever may write into the directory may put something else there.
+// Anyone who may write to the directory may put something else there.
 TEST_F(SwitchFile, AFifoIsIgnoredWithoutWaitingForAWriter) {
     make_directory();
     ASSERT_EQ(mkfifo(file().c_str(), 0666), 0);
@@ -253,7 +253,7 @@ TEST_F(SwitchFile, AnUnsetVariableIsReportedAtLevelFiveWhateverTheSwitchSays) {
 }
 
 TEST_F(SwitchFile, APathThatDoesNotFitIsReportedTheSameWay) {
-    // The suffix has 28 characters: 79 in front still fit into 107, 80 do not.
+    // The suffix has 28 characters: 79 before it still fit into 107, 80 do not.
     test::clear_log();
     setenv("DATA_QXOS_DIR", ("/" + std::string(78, 'd')).c_str(), 1);
     expect_unchanged("dot1x");

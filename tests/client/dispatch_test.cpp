@@ -1,4 +1,4 @@
-// The walk over the items of a message: where each type goes, what is unknown, what is too short.
+// Dispatching the items of a message: the function of each type, unknown types, values that are too short.
 #include "client/dispatch.h"
 
 #include <algorithm>
@@ -219,7 +219,7 @@ TEST_F(Dispatch, TheCapabilityWordIsReachedThroughItem406) {
     EXPECT_EQ(scc::capability_word(), 0x1112131415161718U);
 }
 
-// The least length of each type, with empty lists: what its process function reads, and the records that
+// The least length of each type, with empty lists: the bytes that its function reads, and the records that
 // its handler is promised.
 struct least_length {
     std::uint16_t type;
@@ -248,7 +248,7 @@ TEST_F(Dispatch, AnItemShorterThanItsFunctionReadsIsLoggedAndSkippedAndTheWalkGo
 }
 
 TEST_F(Dispatch, AnItemOfExactlyTheLeastLengthIsProcessed) {
-    // Without handlers: those of the test read what lies at pointers to nothing in particular.
+    // Without handlers: the test's own read bytes even through untyped pointers.
     test::use_handlers(scc_handlers{});
     for (const least_length& row : least_lengths) {
         const test::debugging on;

@@ -1,5 +1,5 @@
-// Requests and results in full flow against a daemon of one thread that blocks in its own sends: neither
-// side may wait for the other for good, whatever the order of the results.
+// Requests and results at full speed against a single-threaded daemon that blocks in its own sends: neither
+// side may wait for the other forever, whatever the order of the results.
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -47,7 +47,7 @@ void make_requests() {
 
 class Flow : public test::registered_client {
   protected:
-    // Each result a message of its own, the last request's first.
+    // Each result is a message of its own, the last request's first.
     static bytes results_in_reverse(const test::received_message& message) {
         wire out;
         for (auto item = message.items.rbegin(); item != message.items.rend(); ++item) {

@@ -1,8 +1,8 @@
-// Handlers that write down what they were called with: one for each of the 70 positions, made from the
-// handler's own type, so that a wrong position, width, order or pointer shows as a different text.
+// Handlers that record their arguments: one for each of the 70 positions, generated from the handler's own
+// type, so that a wrong position, width, order or pointer gives a different text.
 //
-// An argument reads as its width in bits and its value ("32:7", "8:255", "i32:5"), a pointer as the bytes
-// it leads to ("@0102..."): as many as its record has, or 8 for a pointer to nothing in particular.
+// An argument is recorded as its width in bits and its value ("32:7", "8:255", "i32:5"), a pointer as the
+// bytes that it points to ("@0102..."): as many as its record has, or 8 for an untyped pointer.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -171,7 +171,7 @@ inline void use_handlers(const scc_handlers& handlers) {
     _scc_lib_handler_set(&info);
 }
 
-// The calls so far, in order; none are left.
+// Returns the calls so far, in order, and clears the list.
 inline std::vector<handler_call> taken_calls() {
     std::vector<handler_call> calls;
     while (handler_calls().size() > 0) {

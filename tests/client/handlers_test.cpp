@@ -1,4 +1,4 @@
-// The handler table of the control block: what a registration copies in, and what a clearing leaves.
+// The handler table of the control block: what a registration copies in, and what clearing it leaves.
 #include "client/handlers.h"
 
 #include "client/control_block.h"

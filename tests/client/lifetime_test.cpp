@@ -1,4 +1,4 @@
-// Registrations told apart: what belongs to an ended one changes nothing, waits for nothing and is not
+// Telling registrations apart: whatever belongs to an ended one changes nothing, waits for nothing and is not
 // called.
 #include "client/lifetime.h"
 
@@ -53,7 +53,7 @@ TEST_F(Lifetime, NothingStartsWhileAnUnregistrationIsUnderWay) {
     EXPECT_FALSE(a_start_lives());
 }
 
-// A send that failed meanwhile has set the state back.
+// A send that failed meanwhile has reset the state.
 TEST_F(Lifetime, ARefusedEndRestoresTheStateOfAConnectionThatStands) {
     for (const bool stands : {true, false}) {
         register_as(7);

@@ -1,5 +1,5 @@
-// Which locks are held when, and by whom: what runs on the receive thread needs none that a request holds
-// while it sends, and finds none held.
+// Which locks are held when, and by which thread: the receive thread needs no lock that a request holds while
+// it sends, and handlers find none held.
 #include "client/locks.h"
 
 #include "client/acl_cache.h"
@@ -28,7 +28,7 @@ bool is_free(pthread_rwlock_t& lock) {
     return true;
 }
 
-// How many of the four are free, for whoever asks.
+// How many of the four locks the calling thread could take.
 std::uint32_t free_locks() {
     return static_cast<std::uint32_t>(is_free(scc_lib_lock)) + is_free(scc_call_data_lock) +
            is_free(scc_send_buf_lock) + is_free(scc_acl_lock);
@@ -193,7 +193,7 @@ TEST_F(Locks, OfTheCallsIsTakenByResultsAndByWhateverDropsCalls) {
     test::expect_waits_for(scc_call_data_lock, [] { _scc_lib_del_call_data(4000); });
     test::expect_waits_for(scc_call_data_lock, [] { _scc_lib_data_free(); });
     test::expect_waits_for(scc_call_data_lock, [] { EXPECT_EQ(scc::take_pending_call(4000), nullptr); });
-    // A few calls are handed over without the lock; many have to wait for it.
+    // A few calls are passed without the lock; many have to wait for it.
     test::expect_waits_for(scc_call_data_lock, [] {
         for (std::uint32_t call_id = 1; call_id <= 5000; ++call_id) {
             EXPECT_EQ(_scc_lib_save_call_data(call_id, 45, nullptr, 0), 0U);

@@ -1,4 +1,4 @@
-// The switch of the log: while it is off nothing is written, whatever happens.
+// The debug switch: while it is off nothing is logged, whatever happens.
 #include "client/log.h"
 
 #include <sys/socket.h>
@@ -23,7 +23,7 @@ constexpr int result_of_mark = 24;  // the handler of scc_addr_learning
 
 class Log : public test::runtime_test {
   protected:
-    // Whatever came before on the asynchronous socket has been delivered.
+    // Everything earlier on the asynchronous socket has been delivered.
     void pass_mark() {
         std::uint32_t call_id = 0;
         ASSERT_EQ(scc_addr_learning(1, 1, &call_id), 0U);

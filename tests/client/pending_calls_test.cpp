@@ -20,7 +20,7 @@ class PendingCalls : public ::testing::Test {
         return _scc_lib_save_call_data(call_id, kind, data.data(), static_cast<int>(data.size()));
     }
 
-    // Takes a call out and says its kind; 0 for none.
+    // Takes a call out and returns its kind; 0 for none.
     static std::uint32_t kind_of(std::uint32_t call_id) {
         scc::pending_call* call = scc::take_pending_call(call_id);
         const std::uint32_t kind = call == nullptr ? 0 : call->kind;
@@ -131,7 +131,7 @@ TEST_F(PendingCalls, BlocksThatAreUsedAgainHoldTheNewData) {
     }
 }
 
-// More than wait between the two threads, looked up in between, in both orders.
+// More calls than the ring between the threads holds, looked up in between, in both orders.
 TEST_F(PendingCalls, CallsAreFoundHoweverManyWereSavedSinceTheLastLookUp) {
     for (const std::uint32_t count : {1U, 1023U, 1024U, 1025U, 5000U}) {
         for (std::uint32_t id = 1; id <= count; ++id) {

@@ -294,7 +294,7 @@ TEST_F(Receive, ANumberThatIsNoDescriptorIsABrokenConnection) {
 
 class ReceiveWithoutAPlace : public Receive {
   protected:
-    // The receive thread pauses between two attempts, neither of which found a place for the sockets.
+    // The receive thread pauses between two attempts, neither of which found a directory for the sockets.
     static bool pauses() {
         return g_scc_client_cb.async_fd == -1 &&
                test::sleeps_in(test::receive_thread(), {SYS_nanosleep, SYS_clock_nanosleep});
@@ -357,7 +357,7 @@ TEST_F(Receive, AMissingSocketIsLookedForOnceASecond) {
     }));
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(990));
     g_scc_client_cb.async_fd = real;
-    hold();  // it reads on
+    hold();  // it continues reading
     release();
     EXPECT_EQ(test::statuses().size(), 0U);
 }
@@ -587,7 +587,7 @@ class ReceiveTogether : public test::runtime_test, public ::testing::WithParamIn
 
     void send_results() { daemon.send(side::async, GetParam().bytes_); }
 
-    // The connection was lost meanwhile, and everything that belongs to it is over.
+    // The connection was lost meanwhile, so nothing of it is delivered.
     void expect_reconnection() {
         EXPECT_EQ(test::statuses().wait(), 0U);
         daemon.accept_registration();
@@ -669,7 +669,7 @@ TEST_F(Receive, ManyResultsOneAMessageAreDeliveredInOrder) {
     }
 }
 
-// Nothing is confirmed to a cache that was emptied while the handler ran.
+// A cache that was emptied while the handler ran does not take the result.
 TEST_F(Receive, AnAclWhoseHandlerFindsTheConnectionDeadIsNotCached) {
     info.handlers.acl_create = [](std::uint32_t, std::uint32_t, const scc_acl_key*) {
         EXPECT_EQ(scc_warterline_notify(1), 0U);
@@ -690,7 +690,7 @@ TEST_F(Receive, AnAclWhoseHandlerFindsTheConnectionDeadIsNotCached) {
 
 // ---- handlers of two registrations
 
-// The handler of the first registration that is running when it ends, and how the daemon has it called.
+// The handler of the first registration that runs when it ends, and how the daemon triggers it.
 struct old_handler_row {
     const char* name;
     void (*install)(scc_handlers&);
@@ -775,7 +775,7 @@ TEST_F(Receive, WhatArrivedAfterTheMessageWhoseHandlerUnregistersIsDropped) {
     EXPECT_EQ(moves.size(), 0U);
 }
 
-// As when another thread ends it for good.
+// As if another thread ended it for good.
 TEST_F(Receive, TheThreadLeavesWhenItsRegistrationEndsWhileItComesBack) {
     info.handlers.server_status = [](std::uint32_t status) {
         test::on_status(status);

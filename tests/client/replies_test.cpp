@@ -1,4 +1,4 @@
-// What the daemon asks of the library itself, and what goes back, on the synchronous socket.
+// The daemon's questions to the library itself, and the answers, on the synchronous socket.
 #include "client/replies.h"
 
 #include "client/acl_cache.h"

@@ -1,5 +1,5 @@
-// The way out, byte by byte: what waits in the batch, what is flushed when, and what a lost connection takes
-// with it. The checker thread is kept away, so nothing is sent but by the call under test.
+// Sending, byte by byte: what waits in the batch, what is flushed when, and what is dropped with a lost
+// connection. No checker thread runs, so only the call under test sends.
 #include "client/request_channel.h"
 
 #include "client/channel_support.h"
@@ -194,7 +194,7 @@ TEST_F(RequestChannel, OutsideTheRegisteredStateAnOverflowIsSentUntilTheStateRet
     EXPECT_EQ(next_message(), message_bytes({item_bytes(901, distinct_bytes(4000))}));
     EXPECT_EQ(next_message(), message_bytes({item_bytes(901, distinct_bytes(4000))}));
     _scc_client_state_set(4);
-    // Read on, so that a sender in a full socket gets there.
+    // Keep reading, so that a sender blocked on a full socket gets through.
     std::atomic<bool> ended{false};
     std::thread waiting([&] {
         sending.join();

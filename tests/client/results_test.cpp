@@ -1,4 +1,4 @@
-// The result of each kind of request: which handler gets it, with what, and what is counted and cached.
+// The result of each kind of request: its handler and arguments, and what is counted and cached.
 #include "client/results.h"
 
 #include <numeric>
@@ -41,7 +41,7 @@ struct result_case {
     std::vector<std::string> arguments;
 };
 
-// Kinds whose handler gets a pointer to the data and nothing else.
+// Kinds whose handler gets only a pointer to the data.
 std::vector<result_case> whole_record_cases() {
     struct place {
         std::uint32_t kind;
@@ -114,7 +114,7 @@ class Results : public ::testing::Test {
     }
     ~Results() override { _scc_lib_data_free(); }
 
-    // The saved bytes are taken from an odd address: what a request saves is packed.
+    // The saved bytes are read from an odd address, since saved data is packed.
     static void save(std::uint32_t call_id, std::uint32_t kind, const bytes& data) {
         bytes shifted = wire().u8(0).add(data);
         ASSERT_EQ(_scc_lib_save_call_data(call_id, kind, shifted.data() + 1, static_cast<int>(data.size())),
@@ -384,7 +384,7 @@ test::event_queue<std::size_t>& counts_seen() {
     return *queue;
 }
 
-// Inside a handler: takes both locks, and makes a call of its own.
+// Inside a handler: takes both locks, and makes a call itself.
 void look_around(std::uint32_t /*result*/, std::uint32_t call_id, const scc_acl_key* /*key*/) {
     {
         const scc::write_guard guard(scc::acl_lock);
@@ -408,7 +408,7 @@ TEST_F(Results, TheHandlerRunsWithoutLocksAndBeforeTheCacheIsUpdated) {
     EXPECT_EQ(scc::pending_calls(), 1U) << "the handler's own call is gone";
 }
 
-// Inside a handler: what a query that finds the daemon gone does on an event loop, or an unregistration.
+// Inside a handler: what an unregistration does, or a query on an event loop that finds the daemon gone.
 void end_the_connection(std::uint32_t /*result*/, std::uint32_t /*call_id*/, const scc_acl_key* /*key*/) {
     EXPECT_GE(_scc_lib_client_close(), 0);
     _scc_lib_data_free();
@@ -426,7 +426,7 @@ TEST_F(Results, TheCacheTakesNothingFromAConnectionThatItsHandlerHasEnded) {
 
 // ---- several results in one message
 
-// What the handlers of a message do and see: each of its results is a call of kind 45 or 31.
+// What the handlers of a message do and observe: each of its results belongs to a call of kind 45 or 31.
 struct script {
     std::uint32_t acting_id = 0;  // the call whose handler acts
     void (*act)() = nullptr;
@@ -505,7 +505,7 @@ class ResultsTogether : public Results {
     }
 };
 
-// What the library does with many at a time is not seen.
+// Looking up many results at once has no visible effect.
 constexpr std::uint32_t run_lengths[] = {2, 31, 32, 33, 64, 65};
 
 TEST_F(ResultsTogether, AreDeliveredInTheirOrder) {
@@ -536,7 +536,7 @@ TEST_F(ResultsTogether, WithAnotherItemBetweenAreDeliveredThoughTheirConnectionI
     EXPECT_EQ(deliver_items({result_item(1), other_item(), result_item(2), result_item(3)}), (ids{1, 2, 3}));
 }
 
-// A handler's call may have its answer further on in the same message.
+// The result of a handler's request may be further on in the same message.
 TEST_F(ResultsTogether, FindTheCallsThatTheirHandlersMakeMeanwhile) {
     for (const std::uint32_t count : run_lengths) {
         SCOPED_TRACE(count);
@@ -584,7 +584,7 @@ TEST_F(ResultsTogether, LeaveTheCacheAloneWhenItWasFreedDuringTheHandler) {
     EXPECT_EQ(held_acls(), 0U);
 }
 
-// As the thread does whose request turned out too large.
+// Like the thread whose request turned out too large.
 TEST_F(ResultsTogether, AreUnknownOnceTheirCallWasDeletedMeanwhile) {
     const test::debugging on;
     save_up_to(3);

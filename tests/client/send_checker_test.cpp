@@ -1,4 +1,4 @@
-// The checker thread: it flushes what waits, there is one of it, and a failed flush ends the connection.
+// The checker thread: it flushes the batch, there is only one, and a failed flush ends the connection.
 #include "client/send_checker.h"
 
 #include "client/channel_support.h"

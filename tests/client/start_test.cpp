@@ -59,7 +59,7 @@ TEST_F(Start, WithoutTmpdirItIs5WithTheUmaskSet) {
 }
 
 TEST_F(Start, ATmpdirThatLeavesNoRoomIs5) {
-    // 95 and 13 characters are the 108 of the buffer, with no room for the end.
+    // 95 and 13 characters fill the buffer of 108, with no space for the terminating null.
     setenv("TMPDIR", ("/" + std::string(94, 'x')).c_str(), 1);
     EXPECT_EQ(scc_svr_reg(&info), 5U);
 }
@@ -103,7 +103,7 @@ TEST_F(Start, OpensARuntimeDirectoryThatIsThereAlready) {
     EXPECT_EQ(mode_of(daemon.directory().runtime()), 0777U);
 }
 
-// Any user may put a link into the directory; a host may run as root.
+// Any user may put a link into the directory, and a host may run as root.
 TEST_F(Start, ALinkInTheRuntimeDirectorysPlaceLeavesItsTargetAlone) {
     const std::string victim = daemon.directory().path() + "/victim";
     const std::string base = daemon.directory().path() + "/linked";

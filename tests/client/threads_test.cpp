@@ -1,4 +1,4 @@
-// The library's threads: their names, their number and what signals may do with them.
+// The library's threads: their names, their number and their signal masks.
 #include "client/threads.h"
 
 #include <pthread.h>
@@ -36,8 +36,8 @@ TEST_F(Threads, TheCheckerStaysAndTheReceiveThreadEndsWithTheRegistration) {
     EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
 }
 
-// Whether a mask of /proc blocks everything that can be blocked: not KILL and STOP, and of the two numbers
-// that the C library keeps for itself nothing is asked.
+// Whether a mask of /proc blocks everything that can be blocked: KILL and STOP cannot, and the two signals
+// that the C library reserves are ignored.
 bool blocks_everything(const std::string& mask) {
     const unsigned long long blocked = std::strtoull(mask.c_str(), nullptr, 16);
     for (int signal = 1; signal <= 64; ++signal) {
@@ -104,7 +104,7 @@ TEST_F(Threads, TheReceiveThreadAndTheCheckerAreDetached) {
     start();
     daemon.send_item(test::side::async, 214, test::wire().u32(0).u32(1));
     EXPECT_EQ(reports().wait(), "detached");
-    // A second checker ends at once, in the state that it has given itself.
+    // A second checker ends at once, but detaches itself first.
     ASSERT_TRUE(test::eventually([] { return g_send_buf_chk_enabled.load() == 1U; }));
     EXPECT_EQ(scc::start_thread(
                   [](void*) -> void* {

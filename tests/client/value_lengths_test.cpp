@@ -1,4 +1,4 @@
-// When a value is long enough: its fixed bytes, and the list that it announces itself.
+// When a value is long enough: its fixed bytes, and the list whose count it contains.
 #include "client/value_lengths.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// The devkit's rule: its text, its bytes, and the way from one to the other.
+// The devkit's rule: its text, its bytes, and the conversion between them.
 #include "ace_text.h"
 
 #include <gtest/gtest.h>
@@ -127,7 +127,7 @@ TEST(AceLayout, ARecordOfSomebodyElseHoldsNoRule) {
     EXPECT_FALSE(print_ace(record));
 }
 
-// Another program may write records, too, and clear nothing.
+// Another program may write records too, without clearing unused bytes.
 TEST(AceLayout, BitsThatTheRuleIgnoresAreNotRead) {
     rule written = *decode(ace_of("permit ip 10.0.0.0/8 any src-mac 01:00:00:00:00:00/01:00:00:00:00:00"));
     const rule clean = written;

@@ -1,4 +1,4 @@
-// The text file of ACLs: what it means, what is wrong with it and where, and writing it again.
+// The text file of ACLs: its meaning, its errors with their lines, and writing it back.
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -1,4 +1,4 @@
-// What sccctl makes of the words it is given: lines of a shell, lines that cannot be parsed, completion.
+// How sccctl interprets its command line: shell lines, invalid lines, completion.
 #include "ctl_support.h"
 #include "program.h"
 

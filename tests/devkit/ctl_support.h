@@ -1,5 +1,5 @@
-// A real sccd-dev in a directory of its own, and the real sccctl run against it. Every wait is for an
-// event and ends after 20 seconds.
+// A real sccd-dev in its own directory, and the real sccctl run against it. Every wait is for an event and
+// ends after 20 seconds.
 #pragma once
 
 #include <fcntl.h>
@@ -84,7 +84,7 @@ class process {
         return first;
     }
 
-    // Reads everything and waits for the end. The exit status, or -1 when it was killed or hangs.
+    // Reads everything and waits for the end. Returns the exit status, or -1 if it was killed or hangs.
     int finish() {
         while (fill()) {
             continue;

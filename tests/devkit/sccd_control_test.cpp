@@ -377,7 +377,7 @@ TEST(SccdControl, ATraceShowsItemsOfBothDirectionsByName) {
 
 constexpr uid_t nobody = 65534;
 
-// What `act` returns, run in a child as a user who is nobody in particular.
+// Runs `act` in a child as an unprivileged user and returns its result.
 template <class Act>
 std::string as_nobody(Act act) {
     int ends[2];
@@ -403,7 +403,7 @@ std::string as_nobody(Act act) {
     return text;
 }
 
-// A directory that others may enter, as the runtime directory is.
+// A directory that others may enter, like the runtime directory.
 class SccdControlUsers : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -432,7 +432,7 @@ TEST_F(SccdControlUsers, AnotherUserIsKeptOutByTheSocketsMode) {
     EXPECT_EQ(control({{"do", "clients"}})["ok"], true);
 }
 
-// Whatever the mode of the file, and whoever holds the directory.
+// Whatever the mode of the file, and whoever owns the directory.
 TEST_F(SccdControlUsers, AnotherUserWhoGetsThroughIsToldSoAndCommandsNothing) {
     ASSERT_EQ(::chmod(socket().c_str(), 0666), 0);
     for (const char* command : {"quit", "clients", "nonsense"}) {

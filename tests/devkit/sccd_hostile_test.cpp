@@ -132,7 +132,7 @@ TEST(SccdHostile, RandomBytesNeverEndTheDaemon) {
         for (std::uint8_t& byte : bytes) {
             byte = static_cast<std::uint8_t>(random());
         }
-        // Half of them get past the header.
+        // Half of them have a valid header.
         if (round % 2 == 0) {
             const byte_string front =
                 header(static_cast<std::uint32_t>(bytes.size()), 1, static_cast<std::uint16_t>(random() % 8));
@@ -159,7 +159,7 @@ TEST(SccdHostile, AClientThatNeverReadsDoesNotHoldUpOthers) {
     }
     EXPECT_EQ(other.result_of(108, wire_value(8).u32(0, 1)), 0u);
 
-    // Everything that was queued for the deaf one is still there, in order.
+    // Everything that was queued for the client that did not read is still there, in order.
     std::uint32_t expected = 0;
     for (int count = 0; count < 20 * 10000; ++count) {
         ASSERT_EQ(deaf.async.receive().u32(0), expected);

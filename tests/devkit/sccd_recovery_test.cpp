@@ -38,7 +38,7 @@ std::vector<std::uint16_t> types_of(const std::vector<test_item>& operations) {
     return types;
 }
 
-// Everything that a service is ever given, asked for while there is no service.
+// Everything that a service is ever given, requested while there is no service.
 void fill(test_client& client) {
     EXPECT_EQ(client.result_of(131, acl_request(1, 5, 1)), 0u);
     EXPECT_EQ(client.result_of(132, ace_request(2, 5, 7, 1, 1)), 0u);

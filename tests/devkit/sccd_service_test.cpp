@@ -240,7 +240,7 @@ TEST(SccdService, CounterResetsComeBackAsCounterResultsOnTheAsynchronousSocket) 
         const test_item reset = service.async.receive();
         EXPECT_EQ(reset.type, type);
         EXPECT_EQ(reset.u32(32), 0u);
-        // The second word of a counter result belongs to the key and is no result.
+        // The second word of a counter result belongs to the key and is not a result.
         service.async.send({item(402, counter_result(reset, 0, 0).u32(4, 77), reset.sub_id)});
         EXPECT_EQ(application.async.receive().u32(4), 0u);
     }
@@ -341,7 +341,7 @@ TEST(SccdService, TestCommandsAndDataRecoveriesOfApplicationsReachIt) {
     EXPECT_EQ(recovery.part(4, 5), (byte_string{3, 0, 0, 0, 1}));
 }
 
-// A service outlives its daemon and may answer then what that one had asked for.
+// A service outlives its daemon and may answer the earlier daemon's operations later.
 TEST(SccdService, AnAnswerMeantForAKilledDaemonCompletesNothingOfItsSuccessor) {
     daemon_process daemon;
     test_item unanswered;

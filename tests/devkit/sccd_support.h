@@ -1,5 +1,5 @@
-// A real sccd-dev in a directory of its own, and raw sockets that speak to it. Nothing here uses the
-// daemon's own code for bytes or messages. Every wait is for an event and ends after 20 seconds.
+// A real sccd-dev in its own directory, and raw sockets that talk to it. Nothing here uses the daemon's own
+// code for bytes or messages. Every wait is for an event and ends after 20 seconds.
 #pragma once
 
 #include <fcntl.h>
@@ -163,7 +163,7 @@ class wire_socket {
         return false;
     }
 
-    // A line of the control socket, without its end; what came of it when it is not whole.
+    // A line of the control socket, without its end; if it is incomplete, the part that arrived.
     std::string receive_text() {
         std::string line;
         for (char byte = 0; readable() && ::recv(socket_, &byte, 1, 0) == 1 && byte != '\n';) {
@@ -379,7 +379,7 @@ class test_client {
         return sync.receive();
     }
 
-    // An exchange whose answer shows that everything sent before on either socket is worked off.
+    // An exchange whose answer shows that everything sent earlier on either socket has been processed.
     void settle() { EXPECT_EQ(query(303, wire_value(0)).type, 405); }
 
     wire_socket sync;
@@ -388,7 +388,7 @@ class test_client {
 
 inline constexpr std::uint32_t service_app = 16;
 
-// Answers the operation that `received` is with a plain result.
+// Answers the operation `received` with a plain result.
 inline void answer_operation(test_client& service, const test_item& received, std::uint32_t result) {
     service.async.send(
         {item(402, wire_value(12).raw(0, received.part(0, 4)).u32(4, result), received.sub_id)});

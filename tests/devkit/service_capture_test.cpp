@@ -1,5 +1,5 @@
 // The capture data/flows.pcap was made by scripts/make_capture.py --packets 80: a packet every 100 ms from
-// second 1700000000 on; its flows and their numbers stand in that script's head and output.
+// second 1700000000 on; that script's docstring and output list its flows and their numbers.
 #include <filesystem>
 #include <fstream>
 

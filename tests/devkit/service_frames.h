@@ -42,7 +42,7 @@ inline frame_bytes ipv6_header(u8 next_header) {
            frame_bytes{0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x80};
 }
 
-// Port 40001 to port 80, and so many more bytes.
+// Port 40001 to port 80, and that many more bytes.
 inline const frame_bytes ports = {0x9C, 0x41, 0x00, 0x50};
 inline const frame_bytes rest_of_tcp = frame_bytes(16, 0);
 
@@ -89,7 +89,7 @@ inline scc_acl_key key_of(u32 acl_id) {
 
 enum class direction : u8 { in = 0, out = 1 };
 
-// Interface and direction stand in the first bytes following the key.
+// Interface and direction are the first bytes following the key.
 inline scc_acl_apply_record application_of(u32 acl_id, u8 ifx, direction way = direction::in) {
     scc_acl_apply_record record{};
     record.key = key_of(acl_id);

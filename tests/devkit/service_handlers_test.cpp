@@ -1,5 +1,5 @@
-// The handlers as the library calls them, without a connection: the records carry a callback of the test's
-// own, and the operations without a record are kept silent.
+// The handlers as the library calls them, without a connection: the records carry the test's callback, and
+// the operations without a record are not answered.
 #include <cstring>
 #include <future>
 #include <memory>
@@ -64,7 +64,7 @@ class ServiceHandlers : public ::testing::Test {
         return promise.get_future().get();
     }
 
-    // The result of an operation on an ACL alone.
+    // The result of an operation whose record has only an ACL key.
     u32 result_of(int (*handler)(scc_ss_acl_operation*), u32 acl_id) {
         scc_ss_acl_operation operation{};
         operation.key = key_of(acl_id);
@@ -258,11 +258,11 @@ TEST_F(ServiceHandlers, OperationsWithArgumentsReachTheTables) {
               "authentication mode 1\n");
 }
 
-// ---- what no daemon of ours sends ----
+// ---- what our own daemon never sends ----
 
 constexpr u32 hostile_words[] = {0, 1, 3, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF};
 
-// Every byte is the same in the first rounds, and has no pattern in the others.
+// In the first rounds every byte is the same; in the others the bytes are random.
 class hostile_bytes {
   public:
     explicit hostile_bytes(int round) : round_(round), random_(static_cast<unsigned>(round)) {}
@@ -296,7 +296,7 @@ TEST_F(ServiceHandlers, AnyContentOfARecordIsAnsweredAndHarmsNothing) {
             record.id = 77;
             EXPECT_EQ(answer_to(handler, record).template as<decltype(record)>().id, 77u);
         };
-        // On an ACL of any key, and on one that is there.
+        // On an ACL with an arbitrary key, and on an existing one.
         for (const bool is_there : {false, true}) {
             const scc_acl_key key = is_there ? key_of(5) : bytes.record<scc_acl_key>();
             const auto with_key = [&](auto record) {

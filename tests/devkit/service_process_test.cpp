@@ -1,5 +1,4 @@
-// The service as a process, registered with a daemon process, and an application's raw sockets on the other
-// side of it.
+// The service as a process, registered with a daemon process, and raw sockets that act as an application.
 #include <algorithm>
 #include <filesystem>
 
@@ -50,7 +49,7 @@ class service_process {
     service_process(const service_process&) = delete;
     service_process& operator=(const service_process&) = delete;
 
-    // The next line; empty at the end of the output. The test's own time limit ends a wait for nothing.
+    // The next line; empty at the end of the output. The test's time limit ends a wait in vain.
     std::string line() {
         char buffer[512];
         if (std::fgets(buffer, sizeof buffer, output_) == nullptr) {
@@ -62,7 +61,7 @@ class service_process {
         }
         return text;
     }
-    // Reads lines up to this one and returns them all, itself left out.
+    // Reads lines up to this one and returns those before it.
     std::vector<std::string> lines_before(const std::string& last) {
         std::vector<std::string> lines;
         for (std::string next = line(); next != last; next = line()) {

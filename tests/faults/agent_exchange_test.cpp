@@ -1,4 +1,4 @@
-// The event-loop agent when a message to the daemon does not go out, or only in part.
+// The event-loop agent when a message to the daemon is not sent, or only in part.
 #include "client/connection.h"
 #include "client/request_channel.h"
 #include "support/faults.h"

@@ -1,4 +1,4 @@
-// The event-loop agent's start when memory or threads are short.
+// The event-loop agent's start without enough memory or threads.
 #include <gtest/gtest.h>
 #include <qx_thread.h>
 #include <unistd.h>
@@ -49,7 +49,7 @@ TEST_F(AgentStart, WithoutAThreadForTheCheckerUndoesEverything) {
     EXPECT_EQ(scc_agent_init(&info, master), 0U);
 }
 
-// A start in thread mode that lives: a second reader must not begin beside it.
+// While a start in thread mode is alive, a second reader must not start.
 class AgentStartBesideAThread : public test::fault_test {
   protected:
     AgentStartBesideAThread() : master(qx_thread_master_create()) {
@@ -116,7 +116,8 @@ TEST_F(AgentStartBesideAThread, ThatWaitsForTheDaemonChangesNothing) {
     expect_working();
 }
 
-// As a request leaves it that finds the connection dead while the registration ends, or is refused its end.
+// The state that a request leaves if it finds the connection dead while an unregistration succeeds or is
+// refused.
 TEST_F(AgentStartBesideAThread, WhoseStateWasSetBackChangesNothing) {
     daemon.stop_listening();
     ASSERT_EQ(scc_svr_reg(&info), 0U);
@@ -141,7 +142,7 @@ class StartBesideAnAgent : public ::testing::Test {
         EXPECT_EQ(scc_agent_init(&agent, qx_thread_master_create()), 0U);
     }
 
-    // The agent comes first, while the other start makes its directory.
+    // The agent comes first, while the other start creates its directory.
     static void expect_the_agents_start(std::uint32_t (*start)(), const char* app_id) {
         const test::debugging on;
         test::on_call(test::call::mkdir, start_agent);
@@ -175,7 +176,7 @@ TEST_F(StartBesideAnAgent, OfTheServiceChangesNothing) {
         "16");
 }
 
-// The start by an event loop fails before anything is put on the loop.
+// The event loop's start fails before it adds anything to the loop.
 class LoopStartFaults : public ::testing::Test {
   protected:
     LoopStartFaults() { info.app_id = 7; }

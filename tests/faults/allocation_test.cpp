@@ -1,5 +1,5 @@
-// Every allocation of every call of applications fails once: the call is 12, nothing is sent, kept or
-// leaked by it, and the next one works.
+// Every allocation of every call of applications fails once: the call returns 12, sends, keeps and leaks
+// nothing, and the next one works.
 #include <cstdlib>
 
 #include "client/acl_cache.h"
@@ -262,7 +262,7 @@ TEST_F(Allocation, FailsEachQueryAndTheReplyIsNotMistakenForTheNextOne) {
         EXPECT_TRUE(test::end_faults());
         expect_untouched(not_written);
         test::expect_nothing_was_sent(daemon, side::sync);
-        // The reply that finds no memory is read and thrown away.
+        // The reply for which there is no memory is read and discarded.
         daemon.send_item(side::sync, row.reply_type, reply);
         test::fail_allocation(2);
         EXPECT_EQ(row.call(), 12U);
@@ -317,7 +317,7 @@ TEST_F(Allocation, FailsAnOversizedRequestWhichIs22WithoutBeingSent) {
     expect_working();
 }
 
-// The unregistration is refused by the lack of memory, and the registration stays.
+// The unregistration fails for lack of memory, and the registration stays.
 TEST_F(Allocation, FailsTheUnregistrationOnItsWayOut) {
     start(0);
     test::fail_allocation(1);
@@ -353,7 +353,7 @@ TEST_F(Allocation, FailsTheBatchAndTheNextRequestWithMemoryMakesIt) {
     expect_working();
 }
 
-// A call that cannot be sent is forgotten and counted as failed, and yet tells its call id.
+// A call that cannot be sent is forgotten and counted as failed, but still returns its call id.
 TEST_F(Allocation, FailsTheBatchAndEachRequestIsForgottenAndCountedThoughItTellsItsCallId) {
     test::fail_allocation(1);
     start(0);
@@ -374,7 +374,7 @@ TEST_F(Allocation, FailsTheBatchAndEachRequestIsForgottenAndCountedThoughItTells
     EXPECT_EQ(counted().failed, expected);
 }
 
-// The registration's own messages: each attempt without memory is given up and made again.
+// The registration's own messages: each attempt without memory is abandoned and retried.
 class RegistrationAllocation : public test::fault_test, public ::testing::WithParamInterface<int> {};
 
 TEST_P(RegistrationAllocation, FailsAndTheNextAttemptSucceeds) {
@@ -524,7 +524,7 @@ TEST_F(CacheAllocation, FailsACopiedAceWhichIsThenNotCached) {
     EXPECT_EQ(scc_acl_get_ace_by_sn(&g_key, 5, &ace), 2006U);
 }
 
-// Without memory for a larger index the cache takes ACLs as long as there is room in the one that it has.
+// Without memory for a larger index the cache takes ACLs until the current one is full.
 TEST_F(CacheAllocation, FailsTheGrowthOfTheAclIndexWhichFillsUpAndThenRefuses) {
     start(1);
     const test::debugging on;
@@ -599,7 +599,7 @@ TEST_F(Allocation, FailsTheStatisticsReplyWhichIsThenTheShortOne) {
     EXPECT_EQ(daemon.read(side::sync).raw,
               bytes(wire().u32(24).u8(1).u16(1).u8(0).u32(8).u16(0).u16(318).u32(7).u32(0)));
     EXPECT_TRUE(test::end_faults());
-    // Without any memory there is no reply, and the next one is whole.
+    // Without any memory there is no reply, and the next one is complete.
     const test::debugging on;
     test::fail_calls_from(test::call::calloc, 1, 12);
     daemon.send_item(side::async, 318, {});

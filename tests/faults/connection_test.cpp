@@ -70,8 +70,8 @@ TEST_F(ConnectionFaults, EachErrorOfEachCallComesBackNegativeLoggedAndWithoutALe
     close(fd);
 }
 
-// The first or the second socket cannot be made: both are closed, both files are gone, and the next attempt
-// succeeds.
+// The first or the second socket cannot be created: both are closed, both files are gone, and the next
+// attempt succeeds.
 struct attempt_row {
     call which;
     int nth;
@@ -91,7 +91,7 @@ TEST_P(AttemptFaults, GiveTheAttemptUpAndTheNextSucceeds) {
     const int before = open_descriptors();
     test::fail_call(which, nth, error);
     begin();
-    // The flag goes up last when an attempt's sockets are closed.
+    // The flag is set last when an attempt's sockets are closed.
     EXPECT_TRUE(test::eventually([] { return g_scc_client_cb.state == 5U && scc_lib_rereg == 1; }));
     EXPECT_TRUE(test::end_faults());
     EXPECT_EQ(g_scc_client_cb.sync_fd.load(), -1);
@@ -99,7 +99,7 @@ TEST_P(AttemptFaults, GiveTheAttemptUpAndTheNextSucceeds) {
     EXPECT_EQ(open_descriptors(), before);
     EXPECT_FALSE(std::filesystem::exists(socket_file(".sccl_sd1_")));
     EXPECT_FALSE(std::filesystem::exists(socket_file(".sccl_sd2_")));
-    // What the failed attempt had connected is accepted before the next one's.
+    // The failed attempt's connections are accepted before the next one's.
     daemon.stop_listening();
     daemon.listen();
     daemon.accept_registration();
@@ -217,7 +217,7 @@ TEST_F(ConnectionFaults, ADirectoryThatCannotBeMadeEndsTheStartWithItsError) {
         }
     }
     EXPECT_EQ(test::library_threads(), 0U);
-    // What exists already is no failure.
+    // An existing directory is not a failure.
     test::fail_call(call::mkdir, 4, 17);
     start();
     EXPECT_TRUE(test::end_faults());
@@ -238,7 +238,7 @@ TEST_F(ConnectionFaults, AFailedCloseIsMinusOneLoggedAndTheFilesStay) {
     EXPECT_EQ(g_scc_client_cb.async_fd.load(), -1);
     EXPECT_TRUE(std::filesystem::exists(socket_file(".sccl_sd1_")));
     EXPECT_EQ(scc_lib_rereg.load(), 0);
-    // The number is no longer ours: take it out by hand before the thread goes on.
+    // The number is no longer ours: take it out by hand before the thread continues.
     g_scc_client_cb.sync_fd = -1;
     scc_lib_rereg = 1;
     release();
@@ -255,7 +255,7 @@ TEST_F(ConnectionFaults, AnUnregistrationReplyThatCannotBeReadIsConsentOrTheErro
         EXPECT_EQ(daemon.read_item(side::sync).type, 302);
         if (!lost) {
             EXPECT_EQ(g_scc_client_cb.app_id.load(), 7U);
-            // The reply comes late, and is not the next unregistration's.
+            // The late reply is not the next unregistration's.
             daemon.send_item(side::sync, 302, wire().u32(0).u32(1));
             expect_working();
             stop();

@@ -1,5 +1,5 @@
-// Exchanges on the synchronous socket whose request does not go out, or only in part, and whose reply finds
-// no memory: the caller hears of it at once, and the next exchange is not out of step.
+// Exchanges on the synchronous socket whose request is not sent, or only in part, or whose reply cannot be
+// allocated: the caller gets the error at once, and the next exchange is not out of step.
 #include <sys/socket.h>
 
 #include <cstdlib>
@@ -58,7 +58,7 @@ class Exchange : public test::fault_test {
         EXPECT_EQ(count, expected);
     }
 
-    // A signal ends a query when these bytes of its reply have come.
+    // A signal ends a query after these bytes of its reply have arrived.
     void expect_interrupted(const bytes& sent, std::uint32_t code = 4) {
         test::handle_interruptions();
         std::uint32_t count = 0;
@@ -84,7 +84,7 @@ class Exchange : public test::fault_test {
         expect_lock_free();
     }
 
-    // Messages on the synchronous socket until it takes no more; the daemon reads none of them yet.
+    // Messages that fill the synchronous socket; the daemon reads none of them yet.
     static int fill_the_sync_socket() {
         const bytes filling = test::message_bytes({test::item_bytes(220, bytes(300, 1))});
         const int fd = g_scc_client_cb.sync_fd;
@@ -107,7 +107,7 @@ class Exchange : public test::fault_test {
     }
 };
 
-// ---- a request that does not go out ----------------------------------------------------------------
+// ---- a request that is not sent --------------------------------------------------------------------
 
 TEST_F(Exchange, OfADaemonThatStallsReturnsTheTimeOutAndGoesOnWhenItReadsAgain) {
     start();
@@ -246,10 +246,10 @@ INSTANTIATE_TEST_SUITE_P(EachSocket, RegistrationSendFaults,
                                     std::to_string(row.param.second);
                          });
 
-// ---- a request of which a part went out ------------------------------------------------------------
+// ---- a request that is sent in part ----------------------------------------------------------------
 
-// Query, message without a reply and oversized value, each of which the daemon can no longer tell from what
-// would follow it.
+// A query, a message without a reply and an oversized value: the daemon cannot tell any of them from what
+// would follow.
 TEST_F(Exchange, WhoseRequestWentOutInPartEndsTheConnection) {
     const std::function<std::uint32_t()> acts[] = {
         [] {
@@ -282,7 +282,7 @@ TEST_F(Exchange, WhoseRequestWentOutInPartEndsTheConnection) {
 
 // ---- a reply without memory ------------------------------------------------------------------------
 
-// Whatever the library allocates: the request's message, what is owed or the reply.
+// Whatever the library allocates: the request's message, an owed reply or the reply itself.
 TEST_F(Exchange, WithoutMemoryWhileAReplyIsOwedLeavesTheNextItsOwnAnswer) {
     start();
     for (int nth = 2; nth <= 4; ++nth) {
@@ -338,7 +338,7 @@ TEST_F(Exchange, WithoutTheBatchTheNextRequestAllocatesItAndSucceeds) {
     EXPECT_EQ(test::statuses().size(), 0U);
 }
 
-// ---- errors told as they were ----------------------------------------------------------------------
+// ---- errors are reported unchanged -----------------------------------------------------------------
 
 class ExchangeLog : public Exchange {
   protected:
@@ -357,7 +357,7 @@ TEST_F(ExchangeLog, NamesTheReasonOfAFailedCloseThoughTheLogChangesErrno) {
     EXPECT_EQ(test::log_texts(),
               (std::vector<std::string>{"close sync socket failed!!!", "reason:Input/output error",
                                         "close async socket failed!!!", "reason:Input/output error"}));
-    // The numbers are no longer ours: take them out by hand before the thread goes on.
+    // The numbers are no longer ours: take them out by hand before the thread continues.
     g_scc_client_cb.sync_fd = -1;
     g_scc_client_cb.async_fd = -1;
     scc_lib_rereg = 1;

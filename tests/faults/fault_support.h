@@ -1,6 +1,6 @@
-// A registered application whose memory and system calls the test can make fail. The switches count the
-// calls of the whole process, the scripted daemon's included, so the daemon stays still between the switch
-// and the act.
+// A registered application whose allocations and system calls the test can make fail. The calls of the whole
+// process count, including the scripted daemon's, so the daemon is idle between setting the fault and the
+// act.
 #pragma once
 
 #include <array>
@@ -55,7 +55,7 @@ class fault_test : public runtime_test {
         ASSERT_EQ(statuses().wait(), 1U);
     }
 
-    // After an error: the connection came back when it had to, and works in any case.
+    // After an error: the connection was replaced if it had to be, and works in any case.
     void expect_recovered(bool lost) {
         if (lost) {
             expect_reconnection();

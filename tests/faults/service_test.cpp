@@ -50,7 +50,7 @@ TEST_F(ServiceFaults, TheStartsStatisticsFailAndTheNextStartWorks) {
     test::fail_allocation(2);
     EXPECT_EQ(scc_ss_reg(&info), 12U);
     EXPECT_TRUE(test::end_faults());
-    // The start is left half done: who it is for and the handlers stay.
+    // The start is left incomplete: the identity and the handlers stay.
     EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
     EXPECT_EQ(g_scc_client_cb.app_id.load(), 16U);
     EXPECT_EQ(g_scc_ss_cb.acl_create, info.acl_create);
@@ -79,7 +79,7 @@ TEST_F(ServiceFaults, AThreadThatCannotBeMadeEndsTheStartWithItsError) {
     daemon.stop_listening();
     const char* const names[] = {" msgq", "", ""};
     const scc::service_handlers no_handlers{};
-    std::thread([] {}).join();  // a sanitizer makes its own thread with the first one
+    std::thread([] {}).join();  // a sanitizer creates its own thread with the first one
     const std::size_t threads_before = test::thread_count();
     for (int nth = 1; nth <= 3; ++nth) {
         for (const int error : {1, 11, 12, 22}) {
@@ -93,8 +93,8 @@ TEST_F(ServiceFaults, AThreadThatCannotBeMadeEndsTheStartWithItsError) {
             EXPECT_EQ(g_scc_client_cb.app_id.load(), 0U);
             EXPECT_EQ(g_scc_client_cb.handlers.server_status, nullptr);
             EXPECT_EQ(std::memcmp(&g_scc_ss_cb, &no_handlers, sizeof no_handlers), 0);
-            // The processing thread stays. A receive thread has to be gone before the next start, which it
-            // might connect for.
+            // The processing thread stays. A receive thread must have ended before the next start, or it
+            // might connect for that.
             const std::size_t staying = threads_before + (nth == 1 ? 0 : 1);
             EXPECT_TRUE(test::eventually([&] { return test::thread_count() == staying; }));
         }
@@ -104,7 +104,7 @@ TEST_F(ServiceFaults, AThreadThatCannotBeMadeEndsTheStartWithItsError) {
     expect_working(1);
 }
 
-// The last thread of a start cannot be made, and by then its receive thread has connected both sockets.
+// The last thread of a start cannot be created, and by then its receive thread has connected both sockets.
 void fail_once_connected() {
     EXPECT_TRUE(test::eventually([] { return g_scc_client_cb.state == 3U; }));
     test::fail_call(call::pthread_create, 1, 11);
@@ -301,7 +301,7 @@ TEST_F(ServiceFaults, EachReportUpwardsIs12WithoutMemory) {
             EXPECT_TRUE(test::logged(nth == row.allocations ? "call _scc_lib_msg_send failed. rv:12."
                                                             : "scclib malloc addr notify msg failed."));
         }
-        // A report whose message could not be made is no call.
+        // A report whose message could not be built is not counted as a call.
         for (std::uint32_t code = 0; code <= 12; ++code) {
             const scc::call_statistics counted = scc::read_statistics(code);
             EXPECT_EQ(counted.call_failures, code == row.counted_under ? 1U : 0U) << code;

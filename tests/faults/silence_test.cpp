@@ -1,4 +1,4 @@
-// While the switch of the log is off, no failure of memory or of a system call writes a line.
+// While the debug switch is off, no failed allocation or system call writes a log line.
 #include <array>
 
 #include "client/acl_cache.h"
@@ -34,7 +34,7 @@ class Silence : public test::fault_test {
         EXPECT_TRUE(test::end_faults());
     }
 
-    // The fault has to be met by another thread.
+    // The fault must occur on another thread.
     static void expect_met(call which) {
         EXPECT_TRUE(test::eventually([which] { return test::calls(which) >= 2; }));
         EXPECT_TRUE(test::end_faults());

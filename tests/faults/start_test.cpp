@@ -1,6 +1,6 @@
-// A second start at each moment of the first one: before a thread of it has run, in the milliseconds that
-// follow, and by another thread at the same time. New threads can be kept from running, so that nothing of
-// the first start shows but what the call itself has done.
+// A second start at each moment of the first one: before any of its threads has run, in the following
+// milliseconds, and by another thread at the same time. New threads can be held back, so that only the
+// effects of the call itself are visible.
 #include <algorithm>
 #include <array>
 #include <barrier>
@@ -77,7 +77,7 @@ class SecondStart : public test::fault_test,
 
     static int threads_made() { return test::calls(call::pthread_create); }
 
-    // One start has registered, once on each socket, and nothing else is on its way.
+    // One start has registered, once on each socket, and nothing else is in flight.
     void expect_one_registration(const start_kind& kind) {
         const auto [sync, async] = daemon.accept_registration();
         EXPECT_EQ(test::u32_at(sync, 0), kind.app_id);

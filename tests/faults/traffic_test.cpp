@@ -1,5 +1,5 @@
-// Each system call of a registered application fails in turn, with each error: what ends a connection
-// brings a new one, what does not leaves it alone.
+// Each system call of a registered application fails in turn, with each error: errors that end the connection
+// lead to a new one, the others leave it alone.
 #include <sys/socket.h>
 
 #include <atomic>
@@ -52,7 +52,7 @@ TEST_F(TrafficFaults, ARealTimeSendIsZeroWhateverItsError) {
     });
 }
 
-// As a request does that found its connection alive and lost the race.
+// Like a request that found its connection alive and lost the race.
 TEST_F(TrafficFaults, ACallThatIsSavedWhileItsConnectionIsClosedGoesWithIt) {
     start();
     test::on_call(call::close, [] { EXPECT_EQ(_scc_lib_save_call_data(9, 45, nullptr, 0), 0U); });
@@ -123,7 +123,7 @@ TEST_F(BatchFaults, AnOversizedValueIs22WhateverItsError) {
     });
 }
 
-// For the checker every error but the time-out ends the connection.
+// For the checker, every error except the time-out ends the connection.
 TEST_F(BatchFaults, AFlushOfTheCheckerThatFailsEndsTheConnection) {
     start();
     test::for_each_error([&](int error, bool) {
@@ -186,7 +186,7 @@ TEST_F(BatchFaults, AFlushIsGivenUpAfterTwentyRetriesAndTheConnectionStays) {
     expect_recovered_and_working(false);
 }
 
-// Requests wait for the lock meanwhile: nothing may get between the pieces of a message.
+// Requests wait for the lock meanwhile: nothing may be sent between the pieces of a message.
 TEST_F(BatchFaults, AFlushThatIsSentAgainKeepsTheSendersLock) {
     start();
     const test::debugging on;
@@ -249,7 +249,7 @@ TEST_F(TrafficFaults, ABodyThatCannotBeReadBringsANewConnection) {
     }
 }
 
-// The receive thread sits in a handler while the switch is set, so that the next wait is the one that fails.
+// The receive thread is inside a handler while the fault is set, so that its next wait fails.
 TEST_F(TrafficFaults, AWaitThatFailsBringsANewConnectionOrIsMadeAgain) {
     start_with_holding_handler();
     test::for_each_error([&](int error, bool lost) {
@@ -330,7 +330,7 @@ TEST_F(TrafficFaults, EverythingWorksOneByteAtATime) {
 
 // ---- a sender of an earlier registration
 
-// Its send, on a thread of its own as a service's answers are sent, ends when another registration is there.
+// Its send, on a thread of its own like a service's answers, returns after another registration has begun.
 class LateSender : public TrafficFaults {
   protected:
     ~LateSender() override {
@@ -355,7 +355,7 @@ class LateSender : public TrafficFaults {
         test::released().push(1);
     }
 
-    // Until its send has failed and it is about to tell the library so, or has no more to do.
+    // Until its send has failed and it is about to report that to the library, or has nothing more to do.
     [[nodiscard]] bool is_at_its_recovery() {
         return test::eventually([this] { return over_ || test::entered().size() > 0; });
     }
@@ -385,7 +385,7 @@ TEST_F(LateSender, ThatFailsChangesNothingOfTheNextRegistration) {
     });
 }
 
-// For as long as a lock is held here the next registration, or connection, cannot begin: then this gives up.
+// While a lock is held here, the next registration or connection cannot begin: then this gives up.
 void let_the_next_begin() {
     test::entered().push(1);
     (void)test::released().wait(std::chrono::seconds(2));

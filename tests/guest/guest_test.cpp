@@ -1,5 +1,5 @@
-// The library as a guest in its host: a program that loads it at run time, as a plug-in of the host would.
-// Nothing here is linked with it, so what is seen is what the shared library does.
+// The library as a guest in its host: a program that loads it at run time, as a plug-in would. Nothing here
+// is linked with it, so only the shared library itself is observed.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -112,7 +112,7 @@ TEST_F(Guest, StaysMappedWhenItsHostUnloadsIt) {
     stop();
 }
 
-// What a program finds open when the host executes it.
+// The descriptors that a program finds open when the host executes it.
 std::string descriptors_of_an_executed_program() {
     int ends[2];
     EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
@@ -233,7 +233,7 @@ TEST_F(Guest, LeavesItsHostsSignalsToItsHostsThreads) {
     EXPECT_EQ(g_handled_on.load(), 0);
     ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &before, nullptr), 0);
     for (int i = 0; g_handled_on == 0 && i < 20000; ++i) {
-        usleep(1000);  // a sanitizer hands signals on at the next call that waits
+        usleep(1000);  // a sanitizer delivers signals at the next blocking call
     }
     EXPECT_EQ(g_handled_on.load(), syscall(SYS_gettid));
     stop();

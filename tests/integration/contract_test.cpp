@@ -1,5 +1,5 @@
-// What an application can rely on, whichever way it starts: the same cases with a receive thread of the
-// library's and with an event loop of the application's, against the real daemon process.
+// What an application can rely on, however it starts: the same cases with the library's receive thread and
+// with the application's event loop, against the real daemon process.
 #include <gtest/gtest.h>
 #include <qx_thread.h>
 #include <scclib.h>
@@ -58,7 +58,7 @@ void PrintTo(start way, std::ostream* out) {
     *out << (way == start::receive_thread ? "receive thread" : "event loop");
 }
 
-// One application that starts and ends in one of the two ways. Its calls in between are the same.
+// An application that starts and ends in one of the two modes. Its calls in between are the same.
 class application {
   public:
     explicit application(start way) : way_(way) {
@@ -143,7 +143,7 @@ class Contract : public ::testing::TestWithParam<start> {
         expect_result(call_id, 0);
     }
 
-    // A first attempt that fails is silent with a receive thread; an event loop's reconnection calls it an
+    // A failed first attempt is silent in thread mode; in event-loop mode the reconnection reports it as an
     // outage.
     void expect_late_registration() {
         if (GetParam() == start::event_loop) {
@@ -168,7 +168,7 @@ std::string name_of_way(const ::testing::TestParamInfo<start>& way) {
     return way.param == start::receive_thread ? "WithAReceiveThread" : "WithAnEventLoop";
 }
 
-// The daemon tells of every message; only for cases with few of them.
+// The daemon traces every message, so this is only for cases with few of them.
 class ContractWithATrace : public Contract {
   protected:
     ContractWithATrace() : Contract({"--trace"}) {}
@@ -272,8 +272,8 @@ TEST_P(Contract, FindsADaemonThatStartsLater) {
     kill_daemon();
     ASSERT_EQ(app.enter(info), 0U);
     EXPECT_EQ(scc_addr_learning(3, 1, nullptr), 2004U);
-    // An event loop tells of its first failed attempt, and the daemon waits for that: under load it could be
-    // there before the attempt otherwise.
+    // An event loop reports its first failed attempt, and the daemon is started after that: under load it
+    // could otherwise be ready before the attempt.
     if (GetParam() == start::event_loop) {
         EXPECT_EQ(seen().statuses.wait(), 0U);
     }

@@ -1,5 +1,5 @@
-// The three processes, each of which can be killed and started again, and what must be true of the call ids
-// of an application that lived through it.
+// The three processes, each of which can be killed and restarted, and the checks of an application's call ids
+// afterwards.
 #pragma once
 
 #include <scclib.h>
@@ -37,15 +37,15 @@ bool wait_until(const Condition& condition) {
     return true;
 }
 
-// What became of the calls of one life of an application.
+// The outcomes of the calls of one life of an application.
 struct tally {
     std::uint32_t accepted = 0;
     std::uint32_t answered = 0;
     std::uint32_t dropped = 0;
-    std::uint32_t timed_out = 0;         // of those answered
+    std::uint32_t timed_out = 0;         // answered with a time-out
     std::set<std::uint32_t> users;       // added on the last connection
     std::set<std::uint32_t> no_users;    // not added, by the answer
-    std::set<std::uint32_t> open_users;  // accepted, and nobody knows
+    std::set<std::uint32_t> open_users;  // accepted, outcome unknown
 };
 
 enum class receives { with_a_thread, on_a_loop };
@@ -92,7 +92,7 @@ class application {
         EXPECT_TRUE(wait_until([&] { return ledger().connections >= count && ledger().connected == 1; }))
             << "application " << app_id_ << " has connection " << ledger().connections;
     }
-    // In the middle of the load: so many more answers, and requests on their way.
+    // Waits for that many more answers, and for requests in flight.
     void wait_for_load(std::uint32_t answers = 300, std::uint32_t on_their_way = 20) const {
         const std::uint32_t before = ledger().answered;
         EXPECT_TRUE(wait_until([&] {
@@ -132,7 +132,8 @@ class application {
                 break;  // one fault, not a million
             }
         }
-        // A kill can fall between the answer and the note that the request was accepted: one a thread.
+        // A kill can come between an answer and the record that its request was accepted: once for each
+        // thread.
         EXPECT_LE(half_noted, killed_ ? 2u : 0u) << "answers to calls that were never accepted";
         EXPECT_EQ(ledger().strange_returns, 0u);
         EXPECT_EQ(ledger().out_of_order, 0u);
@@ -204,7 +205,7 @@ class service {
         start();
     }
     void kill_hard() { process_->kill_hard(); }
-    // Each call waits for one registration more.
+    // Each call waits for one more registration.
     void wait_for_registration() { read_ = process_->wait_for_line("scc-ss-dev: registered", read_); }
     [[nodiscard]] test::child_process& process() { return *process_; }
 

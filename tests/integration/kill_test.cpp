@@ -1,6 +1,6 @@
-// Daemon, security service and applications as processes under load, of which one, or all, are killed and
-// started again. Whatever dies, every accepted request is answered exactly once or dropped with its
-// connection, and what was answered with success is what the service holds in the end.
+// Daemon, security service and applications as processes under load; one or all are killed and restarted.
+// Whatever dies, every accepted request is answered exactly once or dropped with its connection, and in the
+// end the service has exactly what was answered with success.
 #include <filesystem>
 
 #include "devkit/service_frames.h"
@@ -25,7 +25,7 @@ class Kill : public ::testing::Test {
         app.wait_for_load();
     }
 
-    // Whatever was answered with success is held, and nothing else of this application's.
+    // The service has what was answered with success, and nothing else of this application.
     void expect_users_in_place(const application& app, const tally& sum) {
         EXPECT_TRUE(wait_until([&] { return security.users_of(app) == sum.users; }))
             << sum.users.size() << " users were added, " << security.users_of(app).size() << " are held";
@@ -35,7 +35,7 @@ class Kill : public ::testing::Test {
     service security{with_delay};
 };
 
-// An application tells apart what it lost in the same way, whichever way it receives.
+// An application can tell what it lost in the same way in both modes.
 class KillOfTheDaemon : public Kill, public ::testing::WithParamInterface<receives> {};
 
 INSTANTIATE_TEST_SUITE_P(, KillOfTheDaemon, ::testing::Values(receives::with_a_thread, receives::on_a_loop),
@@ -83,7 +83,7 @@ TEST_F(Kill, AServiceKilledUnderLoadLeavesNoCallUnanswered) {
     app.leave();
 }
 
-// ---- what a service that returns is given ----
+// ---- a returning service ----
 
 wire_value ace_with_rule(std::uint32_t call, std::uint32_t acl, const char* text) {
     const scc_ace_record record = scc::service::testing::ace_of(text);
@@ -259,7 +259,7 @@ TEST_F(Kill, AllThreeKilledInEveryCombinationAnswerEachCallOnceAndComeBack) {
 
 constexpr std::uint32_t thousands = 5000;
 
-// The service carries users out and never says so: they stay outstanding until somebody dies.
+// The service carries out user requests without answering: they stay outstanding until a process dies.
 class KillWithThousandsOutstanding : public Kill {
   protected:
     KillWithThousandsOutstanding() : app(daemon.directory(), 7, thousands) {

@@ -1,5 +1,5 @@
-// 64 processes at once, and processes whose daemon dies in the middle of a burst: all come back. The daemon
-// here registers whoever comes, so that more than one process can hold an app id.
+// 64 processes at once, and processes whose daemon dies in the middle of a burst: all recover. The daemon
+// here registers every client, so that several processes can have the same app id.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -22,7 +22,7 @@ namespace {
 
 constexpr int patience_s = 60;
 
-// Registers everybody, answers unregistrations and counts what else arrives; on its own thread.
+// Registers every client, answers unregistrations and counts everything else; on its own thread.
 class open_house {
   public:
     explicit open_house(const std::string& directory) : path_(directory + "/.sccd_sd_") {
@@ -35,7 +35,7 @@ class open_house {
         EXPECT_EQ(listen(listener_, 256), 0);
         serving_ = std::thread([this] { serve(); });
     }
-    // Everybody loses it at once.
+    // All clients lose it at once.
     ~open_house() {
         leaving_ = true;
         serving_.join();
@@ -209,7 +209,7 @@ TEST(ManyClients, HostsSurviveADaemonThatDiesInTheMiddleOfTheirBursts) {
     const auto clients = start_clients(4, true);
     {
         const open_house first(directory.runtime());
-        // Everybody has to be there when it dies: a client counts its registrations.
+        // All clients must be registered when it dies: a client counts its registrations.
         EXPECT_TRUE(wait_until([&] { return first.registrations() == 8 && first.requests() > 2000; }));
     }
     const open_house second(directory.runtime());

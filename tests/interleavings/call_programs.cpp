@@ -50,7 +50,7 @@ class calls : public actors {
         require(_scc_lib_save_call_data(id, id, &data, sizeof data) == 0, "A call is not saved.");
         saved_.set(id);
     }
-    // True when it was there.
+    // Returns whether it was there.
     bool take(u32 id) {
         scc::pending_call* call = scc::take_pending_call(id);
         if (call == nullptr) {
@@ -71,7 +71,7 @@ class calls : public actors {
     std::array<ghost<int>, most_calls + 1> found_;
 };
 
-// The third call finds the ring of two full.
+// The third call finds the two-slot ring full.
 class save_and_take : public calls {
   public:
     void run(unsigned thread) override {
@@ -102,7 +102,7 @@ class with_the_checker : public calls {
     }
 };
 
-// Two threads look for the same calls: a synchronous failure deletes what a result may find.
+// Two threads look for the same calls: a synchronous failure deletes a call that a result may find.
 class taken_by_two : public calls {
   public:
     taken_by_two() {
@@ -115,7 +115,7 @@ class taken_by_two : public calls {
     }
 };
 
-// The calls of two results are in hand while the connection ends, or a request deletes its own.
+// The calls of two results are in hand while the connection ends, or while a request deletes its own.
 template <bool DropsAll>
 class in_hand : public calls {
   public:
@@ -147,7 +147,7 @@ class in_hand : public calls {
     }
 };
 
-// The service's queue: first in, first out, and a message is never waited for that has come.
+// The service's queue: first in, first out, and no thread waits for a message that has already arrived.
 class queue : public actors {
   public:
     queue() {

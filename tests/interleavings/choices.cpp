@@ -26,7 +26,7 @@ unsigned choices::next(unsigned options) {
 }
 
 bool choices::advance() {
-    path_.resize(at_);  // an execution may have ended before its last decision
+    path_.resize(at_);  // without decisions that the execution did not reach
     while (!path_.empty() && path_.back().taken + 1 == path_.back().options) {
         path_.pop_back();
     }

@@ -1,4 +1,4 @@
-// The decisions of one execution, and the next execution's in depth-first order.
+// The decisions of one execution, and the depth-first search for the next.
 #pragma once
 
 #include <string>
@@ -9,23 +9,22 @@ namespace interleavings {
 
 class choices {
   public:
-    // One of `options`, the first when this point is reached for the first time.
+    // Returns one of `options`: the first one when this point is reached for the first time.
     unsigned next(unsigned options);
-    // Prepares the next execution. False when all have been made.
+    // Prepares the next execution. Returns false when all are done.
     [[nodiscard]] bool advance();
     void rewind() { at_ = 0; }
 
-    // The decisions so far, to be given to repeat(): one character each, without those that are the first
-    // option to the end.
+    // The decisions so far, for repeat(): one character each; trailing first options are omitted.
     [[nodiscard]] std::string text() const;
-    // Makes the given decisions first. False when the text is none.
+    // Makes the given decisions first. Returns false if the text is malformed.
     [[nodiscard]] bool repeat(std::string_view text);
     // Whether a repeated execution did not offer the same decisions.
     [[nodiscard]] bool has_diverged() const { return diverged_; }
 
   private:
     struct decision {
-        unsigned options;  // 0 while a repeated decision has not been reached
+        unsigned options;  // 0 until a repeated decision is reached
         unsigned taken;
     };
     std::vector<decision> path_;

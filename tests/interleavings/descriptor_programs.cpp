@@ -47,7 +47,7 @@ class client : public actors {
     }
 
   protected:
-    // As the receive thread does it, without the daemon's replies.
+    // Like the receive thread, but without the daemon's replies.
     bool connect() {
         const unsigned connection = connections_.get() + 1;
         connections_.set(connection);
@@ -72,7 +72,7 @@ class client : public actors {
         const u32 epoch = scc::connection_epoch();
         return scc::client_state_now() == scc::state_registered ? epoch : scc::any_epoch;
     }
-    // Who reads a new epoch does not read the state of the one before it.
+    // A thread that reads a new epoch must not read the earlier one's state.
     void expect_registered(u32 epoch) {
         step("asks for the epoch");
         require(epoch <= registered_.get(), "A request is accepted before its connection is registered.");
@@ -92,12 +92,12 @@ class client : public actors {
         return borrowed.fd() >= 0 && !is_shut_down(borrowed.fd());
     }
 
-    ghost<u32> registered_{1};  // the last epoch that was
+    ghost<u32> registered_{1};  // the last epoch that was registered
     ghost<unsigned> connections_;
     std::array<ghost<u32>, 6> epoch_;
 };
 
-// A borrowed descriptor stays open and stands for the same connection, whoever closes and connects anew.
+// A borrowed descriptor stays open and keeps its connection, whoever closes and reconnects.
 class borrow : public client {
   public:
     void run(unsigned thread) override {
@@ -158,7 +158,7 @@ class two_closers : public client {
     }
 };
 
-// What notices that the first connection is dead never harms the second one.
+// A late report that the first connection is dead does not harm the second one.
 class late_report : public client {
   public:
     late_report() : first_(scc::connection_epoch()) {}
@@ -214,7 +214,7 @@ class send_over_reconnection : public client {
   private:
     static constexpr std::size_t item_bytes = scc::wire::item_header_bytes + 4;
 
-    // Its value is its epoch.
+    // The item's value is its epoch.
     static void request() {
         const u32 epoch = client::begin_request();
         if (epoch == scc::any_epoch) {
@@ -246,7 +246,7 @@ class request_over_reset : public client {
     }
 };
 
-// The registration ends and another begins while the receive thread of the first connects anew.
+// The registration ends and another begins while the receive thread of the first reconnects.
 class end_over_reconnection : public client {
   public:
     void run(unsigned thread) override {

@@ -1,5 +1,5 @@
-// What the compiler calls under -fsanitize=thread, for each access to memory. The library and the programs
-// are compiled with it and linked with these instead of the sanitizer's run-time library.
+// The functions that the compiler calls at each memory access under -fsanitize=thread. The library and the
+// programs are compiled with that option and linked with these instead of the sanitizer's run-time library.
 #include <cstddef>
 #include <cstdint>
 
@@ -7,7 +7,7 @@
 
 using namespace interleavings;
 
-// The names are the compiler's.
+// The compiler defines the names.
 // NOLINTBEGIN
 #define CODE __builtin_return_address(0)
 

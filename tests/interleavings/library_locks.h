@@ -1,4 +1,4 @@
-// The library's locks and heap, for programs that stand for its callers.
+// The library's locks and heap, for programs that act as its callers.
 #pragma once
 
 #include <pthread.h>
@@ -16,7 +16,7 @@ void woven_free(void* at);
 
 namespace interleavings {
 
-// What each call of the interface holds.
+// The lock that each call of the interface holds.
 class lib_lock {
   public:
     lib_lock() { woven_pthread_rwlock_wrlock(&scc_lib_lock); }

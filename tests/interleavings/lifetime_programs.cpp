@@ -84,7 +84,7 @@ class turns : public process {
     ghost<bool> second_delivered_;
 };
 
-// The first registration's handler registers anew within its turn, and waits for nothing.
+// The first registration's handler registers again within its turn, and does not wait.
 class registers_in_handler : public turns {
   public:
     void run(unsigned thread) override {
@@ -134,7 +134,7 @@ class outcome_of_unregistration : public process {
         }
         const bool survived = scc::survives_unregistration(first_);
         if (survived && scc::app_id_now() == 0) {
-            // It had not begun when the thread asked.
+            // The unregistration had not begun when the thread asked.
             require(scc::survives_unregistration(first_) != Agreed, "A registration outlives its end.");
         }
         if (!survived) {
@@ -169,7 +169,7 @@ class two_unregistrations : public process {
 
 void server_status(u32 status);
 
-// The whole unregistration against a delivery of the receive thread, which then leaves, and the next start.
+// An unregistration races with a delivery of the receive thread, which then leaves, and with the next start.
 class unregister_and_start : public process {
   public:
     unregister_and_start() {
@@ -229,7 +229,7 @@ void server_status(u32 status) {
     unregister_and_start::handling_.add(-1);
 }
 
-// Starts at once: one wins, and the identity is the winner's.
+// Two starts at once: one wins, and the identity is the winner's.
 template <scc::start_kind First, scc::start_kind Second>
 class starts : public process {
   public:
@@ -262,7 +262,8 @@ class starts : public process {
     ghost<u32> winner_;
 };
 
-// A start that is undone, for want of a thread, against another start: nothing of the first stays.
+// A start that is undone because no thread could be created, against another start: nothing of the first
+// stays.
 class undone : public process {
   public:
     void run(unsigned thread) override {

@@ -32,7 +32,7 @@ class two_by_two : public actors {
     std::atomic<int> value_{0};
 };
 
-// Two threads on locations of their own: all orders are one.
+// Two threads on locations of their own: all orders are equivalent.
 class apart : public actors {
   public:
     void run(unsigned thread) override {
@@ -74,7 +74,7 @@ class store_buffering : public actors {
     ghost<int> second_;
 };
 
-// Message passing: who reads the flag reads the message.
+// Message passing: a thread that reads the flag reads the message.
 template <std::memory_order Store, std::memory_order Load>
 class message_passing : public actors {
   public:
@@ -110,7 +110,7 @@ class plain_message : public actors {
     std::atomic<int> flag_{0};
 };
 
-// A thread never reads an older value than it has read, nor than one that told it of a newer one.
+// A thread never reads an older value than it, or a thread that it synchronised with, has read.
 class coherence : public actors {
   public:
     void run(unsigned thread) override {
@@ -149,7 +149,7 @@ class locks_in_two_orders : public actors {
     pthread_mutex_t b_{};
 };
 
-// A wait for a flag. Without the lock round the setting, the signal may come between the test and the wait.
+// A wait for a flag. If the flag is set without the lock, the signal may come between the test and the wait.
 enum class mistake { none, no_lock, no_loop };
 template <mistake Made>
 class wait_for_flag : public actors {
@@ -223,7 +223,7 @@ class loops_for_ever : public actors {
     volatile int ends_ = 0;
 };
 
-// What follows a violation in the end would not end.
+// finish() would loop forever if the violation did not end it.
 class fails_in_the_end : public actors {
   public:
     void run(unsigned /*thread*/) override {}

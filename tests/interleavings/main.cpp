@@ -1,7 +1,7 @@
 // interleavings [--quick] [--preemptions N|all] [--old-values N] [--most N] [PROGRAM...]
 //     explores the programs whose names contain one of the texts, or all, and prints a table.
 // interleavings --repeat SCHEDULE [--quick] [bounds...] PROGRAM
-//     makes one execution and prints its operations.
+//     repeats one execution and prints its operations.
 // interleavings --list
 #include <unistd.h>
 
@@ -98,8 +98,7 @@ std::string text_of(const bounds& limit) {
                                                 std::to_string(limit.old_values) + " old values";
 }
 
-// Function and line of an address of this program; of inlined calls the innermost that is not the C++
-// library's.
+// Function and line of an address of this program: of inlined calls, the innermost outside the C++ library.
 std::string place_of(const void* code) {
     if (code == nullptr) {
         return {};

@@ -33,7 +33,7 @@ class address_table {
         ++generation_;
         used_ = 0;
     }
-    // The entry, and whether it is new, which then has its last content.
+    // Returns the entry. A new one still has the content of its last use.
     Entry& find(std::uintptr_t key, bool& is_new) {
         for (std::size_t i = (key * 0x9E3779B97F4A7C15u) >> 40;; ++i) {
             slot& here = slots_[i % Size];
@@ -70,7 +70,7 @@ struct store {
     vector_clock released{};  // what a thread that acquires it synchronises with
 };
 
-// A thread has seen this store, by reading or making it.
+// A thread has seen this store: it has read or made it.
 struct sighting {
     unsigned thread;
     tick when;
@@ -101,7 +101,8 @@ std::uint64_t value_at(const volatile void* at, unsigned size) {
     return value;
 }
 
-// A loop without an operation that others see is endless after so many accesses; the programs make hundreds.
+// A loop with this many accesses and no operation that others see counts as endless; the programs make
+// hundreds.
 constexpr unsigned most_plain_accesses = 100000;
 unsigned g_plain_accesses = 0;
 
@@ -143,8 +144,8 @@ void check_access(const volatile void* at, std::size_t size, access_kind kind) {
     }
 }
 
-// The location, whose last store is what the memory holds. A plain write, which must have happened before,
-// starts its history anew.
+// The location, whose last store is the memory's content. A plain write, which must happen before this
+// access, starts a new history.
 location& location_at(const volatile void* at, unsigned size) {
     bool is_new = false;
     location& here = g_locations.find(reinterpret_cast<std::uintptr_t>(at), is_new);
@@ -160,7 +161,7 @@ void see(location& here, std::size_t index) {
     here.sightings.push_back({current_thread(), current_clock().ticks[current_thread()], index});
 }
 
-// The oldest store that the current thread may read: none older than one that it, or a thread that it has
+// The oldest store that the current thread may read: the newest one that it, or a thread that it has
 // synchronised with since, has seen.
 std::size_t oldest_visible(const location& here, order how) {
     std::size_t oldest = 0;

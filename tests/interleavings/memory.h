@@ -5,8 +5,8 @@
 // sequentially consistent load none older than the last such store. Stores of one location take effect in the
 // order of the execution, so a store is never placed before another one that was made earlier.
 //
-// Plain accesses take no part in the schedule: two that no order of synchronisation separates are a data
-// race, whichever came first.
+// The scheduler does not switch threads at plain accesses: two that are not synchronised are a data race,
+// whichever came first.
 #pragma once
 
 #include <cstddef>
@@ -31,15 +31,15 @@ void atomic_fence(order how);
 
 void plain_access(const volatile void* at, std::size_t size, bool writes, const void* code);
 
-// Atomic accesses of these bytes are no reason for a switch: what a program is about lies elsewhere. They
-// return old values and are checked all the same.
+// Does not switch threads at atomic accesses to these bytes, which do not matter to the program. They still
+// return old values and are checked.
 void no_switches_at(const volatile void* at, std::size_t size);
 
-// The barrier that a lock of the C library is (POSIX, Memory Synchronization): what the thread has seen and
-// done before it, whoever takes a lock after it sees. It orders no plain accesses, which the lock itself
-// does.
+// The barrier that a lock of the C library implies (POSIX, Memory Synchronization): a thread that takes a
+// lock later sees what this thread has seen and done before. Plain accesses are ordered by the lock itself,
+// not by this.
 void full_barrier();
-// What every operation with a barrier touches.
+// An address that every operation with a barrier touches.
 [[nodiscard]] const void* barriers();
 
 void reset_memory();

@@ -1,4 +1,4 @@
-// A small program of two or three threads, with what must hold in each of its executions.
+// A small program of two or three threads, with its invariants.
 #pragma once
 
 #include <memory>
@@ -10,8 +10,8 @@
 
 namespace interleavings {
 
-// One execution. Constructed on the main thread before its threads begin; what the constructor does happens
-// before them, and what finish() does after them. Threads must not own memory across an operation.
+// One execution. It is constructed on the main thread before the threads start; finish() runs after they have
+// ended. A thread must not own memory across an operation.
 class actors {
   public:
     actors() = default;
@@ -36,17 +36,17 @@ std::unique_ptr<actors> make() {
     return std::make_unique<Actors>();
 }
 
-// What is violated when `holds` is false.
+// Reports the violation `what` if `holds` is false.
 inline void require(bool holds, const char* what) {
     if (!holds) {
         violate("%s", what);
     }
 }
 
-// An operation that all threads see: what a program notes after it, it notes in the order of these.
+// An operation that all threads see. It orders what the program records in ghosts after it.
 void step(const char* name = "steps");
 
-// What a program notes for its own checks: neither an operation nor a race.
+// A value that exists only for the program's checks: accesses are neither operations nor races.
 template <class T>
 class ghost {
   public:

@@ -1,4 +1,4 @@
-// The two hand-off rings' class, with two slots.
+// The class of the two hand-off rings, with two slots.
 #include <limits>
 
 #include "program.h"
@@ -9,8 +9,8 @@ namespace {
 
 constexpr std::size_t slots = 2;
 
-// Values 1, 2, ... in the order of the pushes that succeeded. The ring begins shifted by `Before` values, so
-// that each slot is once the first.
+// Values 1, 2, ... in the order of the pushes that succeeded. `Before` values went through the ring earlier,
+// so the first slot differs between the programs.
 template <int Before>
 class ring : public actors {
   public:
@@ -77,7 +77,7 @@ class peek_ahead : public ring<1> {
     }
 };
 
-// A third thread may ask whether the ring is empty and how much was taken.
+// A third thread may ask whether the ring is empty and how many values were taken.
 class asked_meanwhile : public ring<0> {
   public:
     void run(unsigned thread) override {

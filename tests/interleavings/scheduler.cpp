@@ -146,7 +146,7 @@ void add_ready(candidates& found, readiness kind) {
     }
 }
 
-// The threads that can go on, the current one first.
+// The threads that can run, the current one first.
 candidates ready_threads() {
     candidates found;
     add_ready(found, readiness::yes);
@@ -160,7 +160,7 @@ bool goes_on(const candidates& ready) {
            includes(readiness_of(g_run.current), readiness::yes);
 }
 
-// Without a bound: not the threads that are asleep. With one: the current thread alone when it cannot be
+// Without a bound, all but the sleeping threads. With one, only the current thread if it must not be
 // interrupted.
 candidates worth_exploring(const candidates& ready) {
     if (is_bounded()) {
@@ -192,7 +192,7 @@ void report_deadlock() {
     g_run.violation = "No thread can go on:" + text;
 }
 
-// The decisions about sleeping that follow from going on with one of the candidates.
+// Updates the sleep set after one of the candidates was chosen.
 void update_sleepers(const candidates& open, unsigned taken) {
     for (unsigned i = 0; i < taken; ++i) {
         g_threads[open.thread[i]].asleep = true;
@@ -205,7 +205,7 @@ void update_sleepers(const candidates& open, unsigned taken) {
     }
 }
 
-// The thread to go on, 0 when the execution is over.
+// The thread to run next; 0 when the execution is over.
 unsigned pick() {
     const candidates ready = ready_threads();
     if (ready.count == 0) {
@@ -275,10 +275,10 @@ void prepare_thread(unsigned thread) {
     makecontext(&record.context, thread_body, 0);
 }
 
-// An access to no memory at all ends the execution like any other violation.
+// An access to unmapped memory ends the execution like any other violation.
 void report_bad_access(int /*signal*/) {
     if (g_run.current == 0 && !g_run.finishing) {
-        (void)std::signal(SIGSEGV, SIG_DFL);  // the driver's own: ends the process when it is repeated
+        (void)std::signal(SIGSEGV, SIG_DFL);  // the driver's own fault: the retried access ends the process
         return;
     }
     violate("An access to memory that does not exist.");
@@ -320,7 +320,7 @@ bool was_given_up() {
     return !g_run.violation.empty() || g_run.redundant || g_run.cut;
 }
 
-// A violation ends it where it is found.
+// A violation ends it at once.
 void finish() {
     getcontext(&g_run.end_of_finish);
     if (g_run.violation.empty()) {

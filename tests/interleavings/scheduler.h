@@ -1,11 +1,11 @@
-// Runs the threads of a small program on one processor, one at a time, and decides before each operation that
-// other threads can see which thread goes on. A thread is a context with a stack and a copy of its own of the
-// executable's thread-local variables, so a switch costs no system call of the kernel's scheduler.
+// Runs the threads of a small program one at a time and, before each operation that other threads can see,
+// decides which thread runs next. A thread is a user-level context with its own stack and its own copy of the
+// executable's thread-local variables, so a switch does not involve the kernel's scheduler.
 //
-// Walks all orders of two kinds:
-// - without a bound of preemptions: every order, except those that differ from an explored one only in the
-//   order of operations that do not affect each other (sleep sets);
-// - with one: every order in which a thread that could go on is interrupted at most so many times.
+// Explores:
+// - without a bound on preemptions, every order, except those that differ from an explored one only in the
+//   order of independent operations (sleep sets);
+// - with a bound, every order with at most that many preemptions.
 #pragma once
 
 #include <array>
@@ -22,20 +22,20 @@ inline constexpr int unlimited = -1;
 
 struct bounds {
     int preemptions = unlimited;
-    // Loads of one execution that may return a value older than the newest. Unlimited without a bound of
+    // How many loads of one execution may return an older value than the newest. Unlimited without a bound on
     // preemptions.
     int old_values = 2;
-    // Waits of one execution on a condition that may end without a signal.
+    // How many waits of one execution on a condition may end without a signal.
     int spurious_wakeups = 1;
-    // An execution with more operations is cut.
+    // An execution with more operations is cut off.
     unsigned steps = 2000;
 };
 
 enum class readiness : unsigned {
     no = 0,
     yes = 1,
-    spuriously = 2,           // while another thread can go on
-    when_nothing_else_is = 4  // a wait's time is over
+    spuriously = 2,           // while another thread can run
+    when_nothing_else_is = 4  // a wait times out
 };
 [[nodiscard]] constexpr readiness operator|(readiness a, readiness b) {
     return static_cast<readiness>(static_cast<unsigned>(a) | static_cast<unsigned>(b));
@@ -47,10 +47,10 @@ enum class readiness : unsigned {
 // Something that other threads can see.
 struct operation {
     const char* name = "";
-    // What it touches; two operations on a common address affect each other unless both only read it.
+    // Two operations on a common address are dependent unless both only read it.
     std::array<const void*, 4> touches{};
     bool writes = true;
-    // Whether another thread may interrupt before it, under a bound of preemptions.
+    // Whether another thread may run before it, under a bound on preemptions.
     bool interrupts = true;
     readiness (*ready)(const void* subject, unsigned thread) = nullptr;  // null: always
     const void* subject = nullptr;
@@ -67,19 +67,19 @@ struct trace_entry {
 };
 
 struct outcome {
-    std::uint64_t executions = 0;  // that ended
-    std::uint64_t redundant = 0;   // given up: they equal an explored one
-    std::uint64_t cut = 0;         // at the bound of steps
-    bool complete = false;         // all executions within the bounds were made
+    std::uint64_t executions = 0;  // that ran to their end
+    std::uint64_t redundant = 0;   // abandoned: equivalent to an explored one
+    std::uint64_t cut = 0;         // at the bound on steps
+    bool complete = false;         // all executions within the bounds were explored
     std::string violation;         // empty when there was none
     std::string schedule;          // that repeats it
     std::vector<trace_entry> trace;
 };
 
-// Makes all executions of the program within the bounds, up to the first violation; at most `most` when it is
+// Runs all executions of the program within the bounds, up to the first violation; at most `most` if that is
 // not 0.
 [[nodiscard]] outcome explore(const program& what, const bounds& limit, std::uint64_t most = 0);
-// Makes one, with a trace.
+// Repeats one execution, with a trace.
 [[nodiscard]] outcome repeat(const program& what, const bounds& limit, std::string_view schedule);
 
 // For instrumentation, memory and system:
@@ -87,27 +87,27 @@ struct outcome {
 // Whether a program is being explored, in its threads or on the main thread before and after them.
 [[nodiscard]] bool is_exploring();
 [[nodiscard]] unsigned current_thread();
-// What happens before the thread's next operation; and what it cannot read older values than, which is more
-// after a barrier.
+// The clock of what happens before the thread's next operation, and that of what it must not read older
+// values than, which is larger after a barrier.
 [[nodiscard]] const vector_clock& current_clock();
 [[nodiscard]] vector_clock& current_view();
 void join_clock(const vector_clock& other);
-// Ends what other threads may synchronise with: later accesses are not covered by an earlier release.
+// Separates later accesses of the thread from those that its releases so far cover.
 void advance_clock();
-// To be called before each operation that other threads can see.
+// Must be called before each operation that other threads can see.
 void before(const operation& next);
-// Which of several outcomes the current operation has; those after the first are old values.
+// Chooses one of several outcomes of the current operation; those after the first are old values.
 [[nodiscard]] unsigned choose_old_value(unsigned options);
-// Whether a wait may end without a signal; and that one did.
+// Whether a wait may end without a signal; the second records that one did.
 [[nodiscard]] bool may_wake_spuriously();
 void wake_spuriously();
-// Whether the current thread goes on because no other one could.
+// Whether the current thread runs because no other could.
 [[nodiscard]] bool nothing_else_goes_on();
 // Adds to the last entry of the trace.
 void note(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // Reports a violation and, on a program's thread, abandons the execution.
 void violate(const char* format, ...) __attribute__((format(printf, 1, 2)));
-// Whether the address lies in a thread's stack or among its variables, which no other thread reaches.
+// Whether the address is in a thread's stack or thread-local variables, which no other thread reaches.
 [[nodiscard]] bool belongs_to_thread(const void* address);
 
 }  // namespace interleavings

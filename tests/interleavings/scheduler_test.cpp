@@ -33,7 +33,7 @@ TEST(Scheduler, MakesOneExecutionOfIndependentThreads) {
 }
 
 TEST(Scheduler, CountsPreemptions) {
-    // Either thread first without interruption, and with one in each of the three places of the first.
+    // Without preemption, either thread runs first.
     EXPECT_EQ(explore(litmus::counted, preemptions(0)).executions, 2U);
     EXPECT_LT(explore(litmus::counted, preemptions(1)).executions,
               explore(litmus::counted, preemptions(2)).executions);

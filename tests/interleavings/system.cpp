@@ -77,7 +77,7 @@ void give(const void* what) {
     advance_clock();
 }
 
-// Under a bound of preemptions no thread is interrupted here: the next operation that others see comes later.
+// Under a bound on preemptions no thread is interrupted here: the next operation that others see comes later.
 void unlock(const void* what, const char* name, const void* code) {
     before({.name = name, .touches = {what}, .interrupts = false, .code = code});
     give(what);
@@ -96,7 +96,7 @@ readiness may_wake(const void* /*subject*/, unsigned thread) {
 }
 
 int wait(const void* condition, const void* mutex, bool timed, const void* code) {
-    // Giving the mutex up and beginning to wait are one step.
+    // Releasing the mutex and starting to wait are one step.
     before({.name = "begins to wait", .touches = {mutex, condition}, .interrupts = false, .code = code});
     give(mutex);
     waiter& self = g_waiters[current_thread()];
@@ -130,7 +130,7 @@ void signal(const void* condition, bool all, const void* code) {
     }
 }
 
-// Memory: blocks are not used again within an execution, so that each access tells which block it meant.
+// Memory: blocks are not reused within an execution, so each access belongs to exactly one block.
 
 constexpr std::size_t arena_bytes = std::size_t{1} << 18;
 constexpr std::size_t grain = 16;
@@ -157,7 +157,7 @@ std::size_t offset_of(const volatile void* at) {
 
 void* allocate(std::size_t size) {
     const std::size_t taken =
-        (size + grain) / grain * grain;  // a byte more at least, so that neighbours differ
+        (size + grain) / grain * grain;  // at least one byte more, so that blocks do not touch
     if (g_arena_used + taken > arena_bytes) {
         violate("The program allocates more than the model has room for.");
         return nullptr;
@@ -186,7 +186,7 @@ void free_block(void* at) {
         violate("A block is freed twice.");
         return;
     }
-    plain_access(at, freed.size, true, nullptr);  // no access may overlap it
+    plain_access(at, freed.size, true, nullptr);  // no access may race with it
     freed.live = false;
 }
 
@@ -199,7 +199,7 @@ struct socket_record {
 
 constexpr int first_number = 3;
 std::array<socket_record, 16> g_sockets;
-const char g_numbers = 0;  // stands for which numbers are free
+const char g_numbers = 0;  // stands for the set of free numbers
 std::vector<sent_bytes> g_sent;
 std::vector<std::vector<std::uint8_t>> g_sent_copies;
 
@@ -408,7 +408,7 @@ ssize_t woven_send(int fd, const void* bytes, std::size_t size, int /*flags*/) {
     return static_cast<ssize_t>(size);
 }
 
-// No files, no clock: a program has sockets alone, and waits end when the driver decides so.
+// No files, no clock: a program has only sockets, and the driver decides when waits end.
 int woven_unlink(const char* /*path*/) {
     return 0;
 }

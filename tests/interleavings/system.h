@@ -1,5 +1,5 @@
-// What the library takes from the system: locks, conditions, memory and sockets. The build renames its calls,
-// so they arrive here (names that begin with woven_) and those of the driver do not.
+// What the library uses of the system: locks, conditions, memory and sockets. The build renames the library's
+// calls to those here (names that begin with woven_); the driver's own calls stay as they are.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@
 
 namespace interleavings {
 
-// A new socket with the lowest free number, as the kernel gives it, to this connection of the daemon.
+// Opens a socket to this connection of the daemon, with the lowest free number, like the kernel.
 [[nodiscard]] int open_socket(unsigned connection);
 // The connection that the number stands for; 0 when it is closed.
 [[nodiscard]] unsigned connection_of(int fd);
@@ -28,9 +28,9 @@ struct sent_bytes {
 // Waits that ended because no other thread could go on.
 [[nodiscard]] unsigned waits_timed_out();
 
-// Blocks of the library's heap that live.
+// Allocated blocks of the library's heap.
 [[nodiscard]] unsigned live_blocks();
-// Reports an access to the heap that is in no live block.
+// Reports a heap access outside every live block.
 void check_heap(const volatile void* at, std::size_t size);
 
 void reset_system();

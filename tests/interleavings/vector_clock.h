@@ -1,4 +1,4 @@
-// Which accesses of other threads happen before a thread's next one.
+// Vector clocks: which accesses of other threads happen before a thread's next one.
 #pragma once
 
 #include <algorithm>

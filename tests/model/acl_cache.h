@@ -26,7 +26,7 @@ class acl_cache {
     [[nodiscard]] const std::vector<cached_acl>& all() const { return acls_; }
     void clear() { acls_.clear(); }
 
-    // What a result of this kind that was a success does with what its request saved.
+    // Applies a success result of this kind, with the data that its request saved.
     void confirm(u32 kind, const bytes& saved);
     // The lines of the display of all ACLs.
     [[nodiscard]] std::vector<std::string> display() const;

@@ -15,7 +15,7 @@ constexpr std::array<const char*, act_kinds> names{
 
 using weights = std::array<u8, act_kinds>;
 
-// What a sequence is mostly about, so that it gets far in it.
+// What a sequence mostly exercises, so that it covers that in depth.
 enum class theme : u8 { everything, service, acls, blocks, end_ };
 
 // clang-format off
@@ -44,7 +44,7 @@ act_kind choose(const weights& among, u64 number) {
     return static_cast<act_kind>(kind);
 }
 
-// The ACL's requests stand first in the table; those that make lists long are met more often.
+// The ACL requests are first in the table; those that make lists long are more frequent.
 u8 choose_acl_request(u64 number) {
     constexpr std::array<u8, 12> rows{1, 1, 1, 1, 1, 1, 2, 2, 3, 3, 0, 4};
     return rows[number % rows.size()];
@@ -73,11 +73,11 @@ act random_act(theme about, u64 number) {
     } else if (made.kind == act_kind::query) {
         made.which %= static_cast<u8>(queries().size());
     }
-    // Most requests name one of a few ACLs, or what a sequence confirms would seldom meet.
+    // Most requests name one of a few ACLs, or requests of a sequence would seldom meet in one ACL.
     if ((number >> 48 & 7) > 1) {
         made.seed &= about == theme::acls ? 0x01 : 0x11;
     }
-    // Most results are successes and of the oldest call.
+    // Most results are successes and belong to the oldest call.
     if (made.kind == act_kind::result) {
         made.seed = (number >> 52 & 7) != 0 ? 0 : made.seed;
         made.which = (number >> 56 & 1) != 0 ? 0 : made.which;

@@ -1,5 +1,5 @@
-// The acts that a sequence consists of. Their three numbers mean something for each kind; every number is
-// valid, so that any act can be taken out of a sequence and any number made smaller.
+// The acts of a sequence. The meaning of their three numbers depends on the kind; every number is valid, so
+// shrinking can remove any act and reduce any number.
 #pragma once
 
 #include <rapidcheck.h>
@@ -23,7 +23,7 @@ enum class act_kind : u8 {
     display,         // the daemon has the cache displayed
     query,           // which: its row; seed: its arguments; how: what the daemon answers
     read_cache,      // which: the call; seed: the ACL; how: the sequence number
-    react,           // the next handler does what another act says: which, seed and how
+    react,           // the next handler performs another act: which, seed and how
     lose,            // which: whether the daemon is back at once; how: acts before it is noticed
     come_back,       // the daemon, if it was away
     refuse,          // which: the next registration, on which socket; or the next unregistration

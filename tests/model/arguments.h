@@ -1,5 +1,6 @@
-// The arguments of requests, queries and items, made from an act's two small numbers. Few ACLs, so that they
-// are met again; sequence numbers that meet, that end and that are beyond the end of what is renumbered.
+// The arguments of requests, queries and items, derived from an act's two small numbers. There are few ACLs,
+// so that they recur; sequence numbers that coincide, and those at and beyond the end of the renumbered
+// range.
 #pragma once
 
 #include <array>
@@ -16,7 +17,7 @@ struct acl_key {
     u32 acl_class;
 };
 
-// From 0xF8 on one that is not valid.
+// Invalid from 0xF8 on.
 inline acl_key key_of(u8 seed) {
     constexpr std::array<u32, 3> ids{1, 77, 32768};
     acl_key key{seed & 1U, (seed >> 1 & 1) != 0 ? 58U : 1U, ids[(seed >> 2) % ids.size()], 100U + seed};

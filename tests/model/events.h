@@ -1,4 +1,4 @@
-// What both sides say happened, in order: each message on a socket, each call of a handler, each return of a
+// What happened on each side, in order: each message on a socket, each handler call, each return of a
 // function and each line of the cache's display. The two lists are compared after every act.
 #pragma once
 
@@ -34,14 +34,14 @@ void append_number(bytes& to, Number value) {
     to.insert(to.end(), at, at + sizeof value);
 }
 
-// An argument that is a pointer: what it leads to.
+// An argument that is a pointer: the bytes that it points to.
 inline void append_block(bytes& to, const void* block, std::size_t count) {
     to.push_back('@');
     const auto* at = static_cast<const u8*>(block);
     to.insert(to.end(), at, at + count);
 }
 
-// What happened, with some of its bytes.
+// The event as text, with some of its bytes.
 inline std::string show(const event& shown, std::size_t from) {
     constexpr std::size_t longest = 64;
     static const char* digits = "0123456789abcdef";

@@ -1,4 +1,4 @@
-// The model of the service's map from a call id to the types that its requests came with, oldest first.
+// The model of the service's id/type map: the types that the requests of an id carried, oldest first.
 #pragma once
 
 #include <deque>

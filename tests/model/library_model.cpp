@@ -155,7 +155,7 @@ void library_model::unregister() {
     returned(0, {});
 }
 
-// False when the connection is lost, with all that it carried.
+// Returns false if the connection is lost, with all that it carried.
 bool library_model::send_now(const char* socket, u16 sub_id, u16 type, const bytes& value) {
     if (link_ != link::good) {
         drop_data();
@@ -268,7 +268,7 @@ void library_model::make_query(u8 which, u8 seed, u8 how) {
         returned(lost, wire().u32(0).add(facts.untouched));
         return;
     }
-    // The address of a query by MAC takes a call id that the caller does not get.
+    // The address query by MAC uses up a call id that the caller does not get.
     const u32 given = facts.answer.empty() ? id : 0;
     if (is_wrong_reply(how)) {
         returned(2007, wire().u32(given).add(facts.untouched));

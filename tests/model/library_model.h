@@ -1,5 +1,5 @@
-// The model of the library: plain containers, no threads, no sockets. Each act adds what must be seen to
-// `seen`. It knows nothing of the library's code.
+// The model of the library: plain containers, no threads, no sockets. Each act adds the expected events to
+// `seen`. It uses none of the library's code.
 #pragma once
 
 #include <array>
@@ -27,7 +27,7 @@ struct start_facts {
     bool is_service;
     u32 app_id;
     u8 option;
-    u8 absent;  // 0: every handler is there; else those at positions that it divides are not
+    u8 absent;  // 0: no handler is absent; otherwise those whose positions it divides are
 };
 
 start_facts start_of(const act& start);
@@ -127,10 +127,10 @@ class library_model {
     std::optional<act> reaction_;
 };
 
-// What the service answers to an operation at once.
+// What the service answers to an operation immediately.
 operation_answer immediate_answer(const operation& of);
 operation_answer later_answer(u8 seed);
-// What an act's `how` makes of a query: the daemon's result, or another reply.
+// The daemon's reply to a query, chosen by an act's `how`: a result, or another message.
 u32 query_result(u8 how);
 bool is_wrong_reply(u8 how);
 constexpr u8 cache_reads = 4;

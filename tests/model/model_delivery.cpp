@@ -94,7 +94,7 @@ void library_model::take_service_item(const daemon_item& item) {
     }
     switch (item.type) {
         case 209: {
-            // The service has no handler for it, and nothing is done: a success.
+            // The service has no handler: success without any action.
             const u32 id = test::u32_at(item.value, 0);
             types_.save(id, item.sub_id);
             (void)send_batched(types_.take(id), 402, wire().u32(id).u32(0).u32(209));

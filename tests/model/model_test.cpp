@@ -1,7 +1,7 @@
-// The library and an independent model of it, side by side: random sequences of what a process and a daemon
-// do. A difference is printed with the shortest sequence that shows it and the command that repeats it.
-//   SCC_MODEL_ACTS   how many acts; 20,000 if it is not set
-//   SCC_MODEL_SEED   the first seed; a fixed one if it is not set
+// Compares the library with an independent model of it over random acts of a process and a daemon. A
+// difference is printed with the shortest sequence that shows it and the command that repeats it.
+//   SCC_MODEL_ACTS   how many acts; 20,000 if unset
+//   SCC_MODEL_SEED   the first seed; a fixed one if unset
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
 #include <rapidcheck/detail/TestListenerAdapter.h>
@@ -38,7 +38,7 @@ void print_command() {
     std::cerr << "Repeat with: SCC_MODEL_SEED=" << g_seed << " SCC_MODEL_ACTS=1 ./run model\n";
 }
 
-// A broken invariant of the library or a loop without end: the sequence cannot be shortened any more.
+// A crash or an endless loop in the library: the sequence cannot be shrunk any further.
 void on_signal(int number) {
     std::cerr << "Signal " << number << " while these acts were played:\n";
     if (g_current != nullptr) {

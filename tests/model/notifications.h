@@ -1,4 +1,4 @@
-// What the daemon sends unasked: the bytes of each item and what the application hears of it.
+// What the daemon sends unasked: the bytes of each item, and the handler call that it causes.
 #pragma once
 
 #include <span>

@@ -3,8 +3,8 @@
 namespace model {
 namespace {
 
-// Few ids, so that one is asked for again before it was answered. They wrap, and lie less than half of their
-// range apart: the map's order is that of signed differences, which has no meaning beyond.
+// Few ids, so that one recurs before it was answered. They wrap, and lie less than half their range apart:
+// the map orders them by signed differences, which are inconsistent beyond that.
 u32 id_of(u8 seed) {
     constexpr std::array<u32, 5> ids{1, 2, 0, 0xFFFFFFFF, 0xC0000000};
     return ids[seed % ids.size()];
@@ -39,7 +39,7 @@ operation counter(u16 type, u8 seed, u32 choice, bool has_ace) {
     bytes value = value_of(id, key_of(seed), 40);
     put(value, 24, number_of(seed));
     put(value, 32, choice);
-    // The word of the answer is not there: a counter's answer has another form.
+    // No word of the answer: a counter's answer has another form.
     return {type, value, id, has_ace ? 10U : 9U, 9, true, false, true, has_ace, choice == 1, 0};
 }
 
@@ -57,7 +57,7 @@ operation make_operation(u8 which, u8 seed) {
         case 4:
         case 5: {
             operation made = keyed(133, seed, 248, 240, 1 - low, 5);
-            made.has_key = false;  // what lies in its place is not the ACL's key
+            made.has_key = false;  // the bytes in its place are not the ACL's key
             return made;
         }
         case 6: {
@@ -81,7 +81,7 @@ operation make_operation(u8 which, u8 seed) {
         case 13:
             return counter(313, seed, 1, true);
         case 14:
-            return counter(312, seed, 2, false);  // no query: only exactly 1 is
+            return counter(312, seed, 2, false);  // not a query: only exactly 1 is
         default:
             return keyed(131, seed, 140, 136, 2, 1);  // neither 0 nor 1 deletes
     }

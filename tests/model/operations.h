@@ -1,5 +1,4 @@
-// The operations that the daemon asks of the service: the bytes of each item, which handler gets it and what
-// is answered.
+// The operations that the daemon requests of the service: the bytes of each item, its handler and its answer.
 #pragma once
 
 #include "model/arguments.h"
@@ -28,7 +27,7 @@ struct operation_answer {
     u64 counter;
 };
 
-// The value of the message that answers.
+// The value of the answering message.
 bytes answer_value(const operation& of, const operation_answer& with);
 
 }  // namespace model

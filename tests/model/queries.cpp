@@ -21,7 +21,7 @@ query_facts facts_of(u16 type, const bytes& value, u16 reply_type, const bytes& 
     return facts;
 }
 
-// What one number that is left alone unless the result is 0 comes to.
+// For a query with one number, which is left alone unless the result is 0.
 query_facts number_facts(query_facts facts, u32 result, const bytes& untouched, const bytes& answer) {
     facts.result = result;
     facts.untouched = untouched;
@@ -46,7 +46,7 @@ bytes entries(u8 seed) {
     return wire().fill(48, seed).fill(48, static_cast<u8>(seed + 1)).fill(48, static_cast<u8>(seed + 2));
 }
 
-// Room for two entries; the daemon has none to three.
+// Space for two entries; the daemon has between none and three.
 query_facts arp_users_facts(u8 seed, u32 result) {
     const u32 count = seed % 4U;
     query_facts facts = facts_of(305, wire().u32(0).u32(seed).u32(2), 410,

@@ -1,4 +1,4 @@
-// The queries that the daemon answers: what goes out, what comes back and what the caller gets of it.
+// The queries that the daemon answers: request, reply, and what the caller gets.
 #pragma once
 
 #include <span>

@@ -23,7 +23,7 @@ scc::fuzz::system_hooks hooks_with(void (*waiting)()) {
     return hooks;
 }
 
-// Which error tells that the connection is lost depends on who has noticed.
+// Which error reports the loss of the connection depends on the thread that notices it.
 bool tells_loss(u32 error) {
     return error == 9 || error == 32 || error == 104;
 }

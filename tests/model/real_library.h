@@ -1,6 +1,6 @@
-// The library itself with a process around it and a daemon at the other ends of its sockets, all on one
-// thread and in memory: the body of the receive thread is called once the library has made it, and where that
-// waits, the next act happens. So nothing waits and nothing happens at once.
+// The library itself, with a process around it and a daemon at the other ends of its sockets, all on one
+// thread and in memory. The body of the receive thread is called once the library has created it, and
+// whenever it would wait, the next act happens. So nothing blocks and nothing runs concurrently.
 #pragma once
 
 #include <deque>
@@ -44,15 +44,16 @@ class real_library {
     bool daemon_is_there = true;
     std::optional<u8> refuses_registration;
     bool refuses_unregistration = false;
-    // Its operations wait in a queue, so its handlers do nothing else: an unregistration would overtake them.
+    // A service's operations wait in a queue, where an unregistration would overtake them, so its handlers
+    // only answer.
     bool is_service = false;
     // Whether the operations that were sent are answered by their handlers, in order.
     std::deque<bool> answers_at_once;
 
-    // Descriptors that are open although nobody is registered; they are closed.
+    // Counts and closes the descriptors that are open although nobody is registered.
     [[nodiscard]] std::size_t leaked_descriptors();
 
-    // Of the handlers.
+    // Called by the handlers.
     void heard(u32 position, bytes arguments);
     void asked(u32 handler, const void* record, std::size_t record_bytes, bytes arguments);
 

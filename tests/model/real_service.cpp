@@ -1,5 +1,5 @@
-// What the service does with the operations that it gets, and the platform's log function, of which only the
-// cache's display is kept.
+// What the service does with its operations; and the platform's log function, which keeps only the cache's
+// display.
 #include <cstdarg>
 #include <cstdio>
 #include <string_view>

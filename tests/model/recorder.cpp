@@ -6,7 +6,7 @@ namespace {
 #define POSITION(member) (offsetof(scc_handlers, member) / sizeof(void*))
 #define INSTALL(member) install<POSITION(member)>(to.member);
 
-// Lists with a count, and blocks whose length another argument tells.
+// Lists with a count, and blocks whose length is another argument.
 void install_lists(scc_handlers& to) {
     to.d1x_addr_move = [](u32 count, const scc_address_move* moves) {
         bytes told;

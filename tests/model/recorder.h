@@ -1,4 +1,4 @@
-// The application's and the service's handlers: each tells what it was called with.
+// The application's and the service's handlers: each records its arguments.
 #pragma once
 
 #include <cstddef>

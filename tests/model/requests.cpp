@@ -25,7 +25,7 @@ request_facts counted(request_facts facts, int statistics) {
     return facts;
 }
 
-// A record lies at offset 8 and is kept as it is.
+// The record is at offset 8 and is saved unchanged.
 request_facts record_facts(u16 type, u32 kind, const bytes& record) {
     return facts_of(type, kind, wire().u32(0).add(record), record);
 }
@@ -41,7 +41,7 @@ request_facts record_facts(u16 type, u32 kind, const bytes& record) {
      } \
     }
 
-// A user's record goes out with its mask changed as its flags say, and is kept as it was given.
+// A user record is sent with its mask changed as its flags require, and saved as given.
 request_facts user_facts(u16 type, u32 kind, u8 seed, u8 how, bool is_counted) {
     const scc_user_record record = user_of(seed, how);
     if (record.operation != 1 && record.operation != 3) {
@@ -185,7 +185,7 @@ request_facts vmsup_facts(u8 seed) {
     return facts_of(137, 39, wire().zeros(212).add(as_bytes(key)), as_bytes(key));
 }
 
-// Blocks around the sizes that decide: what fits with others, what fills the batch, and what is too large.
+// Blocks around the critical sizes: one that fits with others, one that fills the batch, and one too large.
 u32 block_length(u8 how) {
     constexpr std::array<u32, 16> lengths{1,    3,    1000, 2000, 4000, 4080,       8166,       8167,
                                           8168, 8200, 8160, 8000, 100,  0x80000000, 0xFFFFFFFF, 0};

@@ -1,5 +1,5 @@
-// The requests: how a process makes each, and what is known of it: the message, what is kept for its result
-// and what it is counted under. The facts are written by hand, from the protocol.
+// The requests: how a process makes each, and its facts: the message, the data saved for its result and the
+// counters. The facts are written by hand, from the protocol.
 #pragma once
 
 #include <span>

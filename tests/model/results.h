@@ -6,11 +6,11 @@
 namespace model {
 
 struct result_target {
-    u32 position = 0;  // 0 for a kind that is not known
+    u32 position = 0;  // 0 for an unknown kind
     bytes arguments;
 };
 
-// For a call of this kind that was saved with these data.
+// For a call of this kind with this saved data.
 result_target target_of(u32 kind, u32 result, u32 call_id, const bytes& saved);
 // The counter of the outcome, or -1.
 int outcome_counter_of(u32 kind, const bytes& saved);

@@ -13,8 +13,8 @@ namespace {
 class side_by_side;
 side_by_side* g_running = nullptr;
 
-// What every sequence ends with: the cache and the counters as a whole are compared, and a new registration
-// finds nothing of the old one, so that the next sequence begins like the first.
+// Every sequence ends with these: the whole cache and all counters are compared, and a new registration finds
+// nothing of the old one, so that the next sequence starts like the first.
 const sequence closing_acts{
     {act_kind::come_back},        {act_kind::collect},          {act_kind::display},
     {act_kind::read_cache, 1, 0}, {act_kind::read_cache, 1, 1}, {act_kind::read_cache, 1, 16},
@@ -135,7 +135,7 @@ void side_by_side::waiting() {
 
 void side_by_side::end() {
     if (++endings_ > 30) {
-        std::abort();  // the library does not come to an end, and its thread is on this stack
+        std::abort();  // the library does not return, and its thread is on this stack
     }
     real_.daemon_is_there = model_.daemon_is_there = true;
     real_.refuses_registration = model_.refuses_registration = std::nullopt;
@@ -235,7 +235,8 @@ bool side_by_side::start(const act& next) {
     return was_idle;
 }
 
-// A daemon that ends has sent what it had to send; or it ends so long before it is noticed that acts happen.
+// A daemon that ends has sent everything it had to send; the loss is noticed at once, or only after more
+// acts.
 bool side_by_side::lose(const act& next) {
     if (model_.connection() != library_model::link::good) {
         return false;
@@ -246,7 +247,7 @@ bool side_by_side::lose(const act& next) {
         real_.daemon_is_there = model_.daemon_is_there = false;
     }
     if (model_.is_service()) {
-        // Its operations wait in a queue while the loss is noticed.
+        // A service's operations wait in a queue while the loss is noticed.
         drop_held();
     }
     if (stream_.empty() && message_.empty()) {
@@ -332,7 +333,7 @@ bool side_by_side::send_result(const act& next, bool is_known) {
     if (is_known && pending.empty()) {
         return false;
     }
-    // Of the others some were never given, and some are of calls that have ended or were lost.
+    // The other ids were never given, or belong to calls that have ended or were lost.
     const u32 unknown = next.which % 4 == 0 ? number_of(next.seed) : 1U + next.seed % 12U;
     const u32 id = is_known ? pending[next.which % pending.size()].id : unknown;
     return send(next, {0, 401, wire().u32(id).u32(next.seed % 4 == 1 ? 2008 : 0), {}, {}});
@@ -363,7 +364,7 @@ std::optional<std::string> differs(const sequence& acts, act_counts& counts) {
 }
 
 void prepare_process() {
-    // The runtime directory is never made: its paths are the fake system's.
+    // The runtime directory is never created: only the fake system sees its paths.
     setenv("TMPDIR", "/tmp", 1);
     unsetenv("DATA_QXOS_DIR");
 }

@@ -14,10 +14,10 @@ struct act_counts {
     std::array<u64, act_kinds> effective{};
 };
 
-// Both begin and end unregistered. Returns what differs first.
+// Both start and end unregistered. Returns the first difference.
 std::optional<std::string> differs(const sequence& acts, act_counts& counts);
 
-// Once a process, before the first sequence.
+// Must be called once in a process, before the first sequence.
 void prepare_process();
 
 }  // namespace model

@@ -32,7 +32,7 @@ class statistics {
     }
     void reset() { entries_ = {}; }
 
-    // The answer to the daemon that collects them.
+    // The answer when the daemon collects them.
     [[nodiscard]] bytes report(u32 app_id) const {
         wire out;
         out.u32(app_id).u32(static_cast<u32>(entries_.size()));

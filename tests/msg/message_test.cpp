@@ -1,4 +1,4 @@
-// Messages as they are built, and the loops that move them over a socket.
+// Building messages, and the loops that move them over a socket.
 #include "msg/message.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Where the files lie, how directories are made, who the process is.
+// The paths of the files, creating directories, and the process's name.
 #include "msg/paths.h"
 
 #include <gtest/gtest.h>
@@ -269,7 +269,7 @@ TEST(ProcessName, OfAProcessThatIsNotThereIsTheErrorAndAnEmptyName) {
     EXPECT_EQ(std::string(name, sizeof name), std::string(8, '\0'));
 }
 
-// As of a kernel thread: a child that has ended and is not waited for yet.
+// Like a kernel thread: a child that has ended but has not been waited for.
 TEST(ProcessName, OfAProcessWithoutArgumentsIsEmpty) {
     const pid_t child = fork();
     if (child == 0) {

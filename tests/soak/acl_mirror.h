@@ -1,5 +1,5 @@
-// What the ACL cache of a client must hold by the results that it was given. Used on the library's thread
-// alone.
+// The expected content of a client's ACL cache, derived from the results delivered so far. Used only on the
+// library's thread.
 #pragma once
 
 #include <scclib.h>
@@ -32,7 +32,7 @@ class acl_mirror {
             acl->second.emplace(ace.sn, ace.ace_id);
         }
     }
-    // ACEs with one sequence number keep sharing one.
+    // ACEs that share a sequence number also share the new one.
     void resequence(const scc_acl_key& key, std::uint32_t start, std::uint32_t step, std::uint32_t result) {
         const auto acl = acls_.find(key.acl_id);
         if (result != 0 || acl == acls_.end()) {
@@ -54,8 +54,8 @@ class acl_mirror {
         }
     }
 
-    // A sender that meets a lost connection empties the cache while a result that had arrived is still
-    // delivered, so a difference counts only once the connection has lived on.
+    // A sender that finds the connection lost empties the cache while an earlier result is still being
+    // delivered, so a difference counts only if the connection survives.
     comparison compare(const scc_acl_key& key) {
         if (!used_) {
             return comparison::none;

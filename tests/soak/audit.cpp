@@ -13,14 +13,14 @@ using test::call_fault;
 using test::call_kind;
 using test::call_ledger;
 
-// An id that was taken and never noted is passed over when so many later ones are known.
+// An id that was taken but never recorded is skipped once this many later ones are known.
 constexpr std::uint32_t skip_after = 512;
-// A process can be killed between an answer and the note that the request was accepted, once a thread.
+// A kill can come between an answer and the record that its request was accepted, once for each thread.
 constexpr std::uint32_t half_noted_max = 4;
-// So many calls that were dropped are remembered; more would say no more.
+// The number of dropped calls that are remembered; more would prove nothing more.
 constexpr std::size_t dropped_max = 8;
 
-// Daemon and service may have lost what an earlier request has made, or hold what an earlier life has left.
+// Daemon and service may have lost what an earlier request created, or still have what an earlier life left.
 bool is_expected(call_kind kind, std::uint32_t result) {
     if (result == 0) {
         return true;
@@ -82,9 +82,8 @@ void auditor::judge(std::uint32_t id, const call_entry& call, bool ended) {
     }
 }
 
-// Whether nothing can become of the call any more. One that straddles a loss was made on the old connection
-// or on the new one: it is given up once a later connection, or half a window of later calls, has passed it
-// by.
+// Whether the call can no longer be answered. One that straddles a loss was made on the old connection or on
+// the new one: it is given up once a later connection, or half a window of later calls, has come after it.
 bool auditor::is_decided(std::uint32_t id, const call_entry& call) const {
     if (call.answers != 0) {
         return true;
@@ -162,7 +161,7 @@ void auditor::finish(bool killed) {
     }
 }
 
-// What the client counts by itself.
+// Takes over the client's own counters.
 void auditor::take_counts() {
     const auto grown = [](std::uint32_t& seen, std::uint32_t now) { return now - std::exchange(seen, now); };
     report_.queries += grown(seen_.queries, ledger_.queries);

@@ -17,17 +17,17 @@ class auditor {
     auditor(test::call_ledger& ledger, group_report& report, std::string client)
         : ledger_(ledger), report_(report), client_(std::move(client)) {}
 
-    // Judges what is decided by now and empties its entries.
+    // Judges the calls that are decided and empties their entries.
     void advance();
     // The first call up to this one that is neither answered nor may have gone with its connection.
     [[nodiscard]] std::optional<std::uint32_t> first_open(std::uint32_t up_to) const;
-    // Notes that such a call will not be answered any more.
+    // Records that such a call will not be answered.
     void give_up(std::uint32_t id);
     // Whether the user request with this number was made while a connection was lost.
     [[nodiscard]] bool has_straddling_user(std::uint32_t number) const;
-    // Some calls that were dropped since the last question: nobody may answer them any more.
+    // Some of the calls dropped since the last query: they must not be answered any more.
     std::vector<std::uint32_t> take_dropped() { return std::exchange(dropped_, {}); }
-    // Judges everything. The client is dead, or nothing of it is outstanding.
+    // Judges everything. The client must be dead or have nothing outstanding.
     void finish(bool killed);
 
   private:

@@ -1,9 +1,10 @@
 // A client of the soak: soak_client APP_ID LIFE LEDGER thread|loop OPTION.
 //
-// One thread adds and deletes users, which the security service carries out and of which the other clients
-// are told; one sets egress ports, which it does, too, and what the daemon answers by itself; one creates and
-// deletes ACLs with their ACEs; one asks synchronous questions. Every request carries a number that its
-// answer must bring back. With option 1, the ACL cache is compared with the results so far.
+// One thread adds and deletes users, which the security service carries out and the other clients are
+// notified of; one sets egress ports, which the service carries out too, and address learning, which the
+// daemon answers itself; one creates and deletes ACLs with their ACEs; one makes synchronous queries. Every
+// request carries a number that its answer must return. With option 1, the ACL cache is compared with the
+// results so far.
 #include <scclib.h>
 
 #include <cerrno>
@@ -27,7 +28,7 @@ constexpr std::uint32_t load_threads = 4;
 constexpr std::int32_t users_at_once = 24;
 constexpr std::int32_t settings_at_once = 24;
 constexpr std::uint32_t requests_between_naps = 4;
-constexpr std::uint32_t users = 16;  // of one client, added and deleted in turn
+constexpr std::uint32_t users = 16;  // for each client, added and deleted in turn
 constexpr std::uint32_t acls = 4;
 constexpr std::uint32_t aces = 3;
 constexpr std::uint32_t acl_type = 3;
@@ -38,7 +39,8 @@ std::uint32_t g_app_id = 0;
 std::uint32_t g_life = 0;
 
 constexpr std::uint32_t pause_us = 4000;
-// Each user is told to every other client; a client that is stopped finds them all when it goes on.
+// Every other client is notified of each user; a stopped client finds all the notifications when it
+// continues.
 constexpr std::uint32_t pause_between_users_us = 16'000;
 
 // ---- numbers in records ----
@@ -67,9 +69,9 @@ scc_acl_key acl_key(std::uint32_t slot, std::uint32_t number) {
     return {g_app_id, acl_type, slot + 1, number};
 }
 
-// ---- what the library's thread tells ----
+// ---- handlers ----
 
-soak::acl_mirror g_mirror;  // the library's thread
+soak::acl_mirror g_mirror;  // used by the library's thread only
 
 void note_cache_check(const scc_acl_key& key) {
     switch (g_mirror.compare(key)) {
@@ -122,7 +124,7 @@ void on_acl_delete(std::uint32_t result, std::uint32_t call_id, const scc_acl_ke
     g_mirror.remove(*key, result);
 }
 
-// The driver numbers the notifications that it lets the daemon send; within a connection none is missing.
+// The driver numbers the notifications that it makes the daemon send; on one connection none may be missing.
 void on_authmode(std::uint32_t mode) {
     static std::uint32_t connection = 0;
     test::call_ledger& ledger = g_notes->ledger();
@@ -145,8 +147,8 @@ void note_stale_user(std::uint32_t app_id, const user_number& sign) {
     ++ledger.stale_user_count;
 }
 
-// Another client has added or deleted a user: additions come in the order in which it made them. A daemon
-// that dies ends the connections of all, so none of them sends under one connection to two daemons.
+// Another client has added or deleted a user; additions arrive in the order in which it made them. A daemon
+// that dies ends all connections, so no client sends to two daemons on one connection.
 int on_user_change(std::uint8_t add, const void* /*user*/, const void* detail) {
     struct sighting {
         user_number sign;
@@ -189,7 +191,7 @@ std::uint32_t set_user(std::uint32_t number, std::uint32_t* call_id) {
     return scc_nac_user_set(&record, call_id);
 }
 
-// Makes a few requests whenever not too many are outstanding.
+// Makes a few requests whenever few enough are outstanding.
 template <class Outstanding, class Request>
 void keep_requesting(std::int32_t at_once, std::uint32_t pause, const Outstanding& outstanding,
                      const Request& request) {
@@ -248,8 +250,7 @@ void change_settings() {
         change_setting);
 }
 
-// Deletes the ACL that this slot had and makes another; all of it is on its way at once. So at every moment
-// some ACLs are cached.
+// Replaces the ACL of this slot without waiting for results, so that some ACLs are cached at any moment.
 void replace_acl(std::uint32_t number) {
     const std::uint32_t slot = number % acls;
     const auto key = [slot](std::uint32_t serial) { return acl_key(slot, serial); };
@@ -291,7 +292,7 @@ void change_acls() {
 
 // ---- queries ----
 
-// What a query may return for want of the daemon.
+// Whether a query may return this because the daemon is lost.
 bool is_loss(std::uint32_t result) {
     return result == SCC_E_UNAVAILABLE || result == EPIPE || result == ECONNRESET || result == EBADF ||
            result == ENOTCONN;

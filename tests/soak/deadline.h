@@ -1,4 +1,4 @@
-// When a wait of a group is over.
+// The deadline of a group's waits.
 #pragma once
 
 #include <chrono>
@@ -8,8 +8,8 @@
 
 namespace soak {
 
-// A recovery takes some seconds. Whoever has not come back by then never will, if the others have got on
-// well; on a machine that is too busy for anybody the wait is longer.
+// A recovery takes some seconds. A process that has not recovered by then never will, provided that the
+// others make progress; on an overloaded machine the wait is longer.
 inline constexpr std::chrono::milliseconds patience{60'000};
 inline constexpr std::chrono::milliseconds longest_patience{300'000};
 inline constexpr std::uint64_t answers_of_patience = 5000;

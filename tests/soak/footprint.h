@@ -1,4 +1,4 @@
-// Descriptors, threads and resident memory of a process, and how far they depart from what they were.
+// Descriptors, threads and resident memory of a process, and how far they drift.
 #pragma once
 
 #include <sys/types.h>
@@ -21,20 +21,20 @@ std::optional<footprint> footprint_of(pid_t pid);
 
 inline constexpr int memory_growth_max_kib = 1024;
 
-// One life of a process. It is looked at when all clients of its group work, so that it has the connections
-// that it had then before. The least numbers of descriptors and threads that were seen must come back each
-// time; memory may grow while the process is young.
+// One life of a process. It is measured when all clients of its group work, so it has the same connections
+// each time. Each time, the numbers of descriptors and threads must return to the smallest seen; memory may
+// grow while the process is young.
 class footprint_watch {
   public:
     using clock = std::chrono::steady_clock;
 
     explicit footprint_watch(std::chrono::milliseconds warm_up) : warm_up_(warm_up) {}
 
-    // Whether descriptors and threads are those of before; a connection that is just being closed passes.
+    // Whether descriptors and threads are as before. False for a moment while a connection is being closed.
     bool is_steady(pid_t pid);
-    // What to say if they are not.
+    // The message if they are not.
     [[nodiscard]] std::string text() const;
-    // Takes the newest look into account; the fault if there is one.
+    // Evaluates the newest measurement; returns the fault, if any.
     std::string take(drift& drifts);
 
   private:

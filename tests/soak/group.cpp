@@ -69,8 +69,8 @@ class group {
     std::uint32_t wakes_ = 0;
 };
 
-// Of the clients, the first two see the whole run; of daemon and service, one may, so that its memory can be
-// compared over a long time.
+// The first two clients live for the whole run, and so may either the daemon or the service, so that their
+// memory can be compared over a long time.
 group::group(const group_plan& plan, shared_state& state)
     : state_(state),
       report_(state.groups[plan.index]),
@@ -107,7 +107,7 @@ void group::fail(const std::string& text) {
     throw fault_found{};
 }
 
-// While waiting: judge the calls made meanwhile, and see that nobody has died by itself.
+// While waiting: judges the calls made so far, and checks that no process died by itself.
 void group::look_after() {
     if (state_.end == ending::interrupted) {
         throw told_to_end{};
@@ -179,13 +179,13 @@ bool group::everybody_is_registered() const {
            });
 }
 
-// Registered, and every kind of request, queries and notifications get through.
+// Until every client is registered, and every kind of request, queries and notifications work.
 void group::wait_until_all_work() {
     const auto all_connected = [&] {
         return std::all_of(clients_.begin(), clients_.end(),
                            [](const auto& client) { return client->ledger().connected == 1; });
     };
-    // The daemon is asked only now and then.
+    // Asking the daemon is expensive, so it is asked only now and then.
     wait_until("service and clients are registered",
                [&] { return all_connected() && ++wakes_ % 5 == 0 && everybody_is_registered(); });
     for (const auto& client : clients_) {
@@ -206,7 +206,7 @@ void group::wait_until_all_work() {
     }
 }
 
-// A request that went with its connection is not carried out on the next one.
+// A request that was lost with its connection must not be carried out on the next one.
 void group::check_stale_users(client_member& witness) {
     witness.take_stale_users([&](std::uint32_t app_id, std::uint32_t life, std::uint32_t number) {
         client_member& sender = *clients_.at(app_id - first_app_id);
@@ -218,7 +218,7 @@ void group::check_stale_users(client_member& witness) {
     });
 }
 
-// A result for a call that went with an earlier connection is for nobody.
+// A result for a call that was lost with an earlier connection must not be delivered.
 void group::answer_dropped_calls(client_member& client) {
     for (const std::uint32_t id : client.audit().take_dropped()) {
         if (!send_result(client.app_id(), id)) {
@@ -259,11 +259,11 @@ void group::look_at_everybody() {
 
 // ---- one round ----
 
-// Up to three of them, each killed or stopped; whoever may not die is stopped.
+// Chooses up to three processes to kill or stop; those that must survive are stopped.
 std::vector<group::act> group::choose() {
     std::vector<member*> all = members();
     std::shuffle(all.begin(), all.end(), random_);
-    // A daemon that dies costs a recovery of seconds, in which nobody else is killed.
+    // A dead daemon costs seconds of recovery, in which nothing else is killed.
     const bool spares_daemon = below(2) != 0;
     std::vector<act> acts;
     const std::uint32_t count = 1 + below(3);
@@ -315,7 +315,7 @@ void group::kill_and_revive() {
 void group::round() {
     do {
         kill_and_revive();
-    } while (below(4) == 0);  // again, while the others are still coming back
+    } while (below(4) == 0);  // again, while the others are still recovering
     wait_until_all_work();
     look_at_everybody();
 }

@@ -1,4 +1,4 @@
-// One group of the soak: a daemon, a service and clients below a directory of their own, of which some are
+// One group of the soak: a daemon, a service and clients in a directory of their own, some of which are
 // killed or stopped again and again. A group is a process; its programs end with it.
 #pragma once
 
@@ -24,7 +24,7 @@ struct group_plan {
     std::chrono::milliseconds warm_up{};  // of each process, before its memory is compared
 };
 
-// Runs until the state says that it shall end. Returns whether everything was as it must be.
+// Runs until the state tells it to end. Returns whether every check passed.
 bool run_group(const group_plan& plan, shared_state& state);
 
 // ---- members of a group ----
@@ -98,13 +98,13 @@ class client_member : public member {
     [[nodiscard]] std::uint32_t app_id() const { return app_id_; }
     [[nodiscard]] std::uint32_t life() const { return life_; }
     [[nodiscard]] auditor& audit() { return *audit_; }
-    // Remembers how far its work is; it works again when each kind of it has got on.
+    // Remembers the progress of each kind of work; the client works again once each has advanced.
     void mark();
     // The newest call at the mark.
     [[nodiscard]] std::uint32_t marked_call() const { return marked_call_; }
     [[nodiscard]] bool has_worked(std::uint32_t notification) const;
     [[nodiscard]] std::string state() const;
-    // Calls take(app id, life, number) for what it found stale since the last time.
+    // Calls take(app id, life, number) for each stale user found since the last time.
     template <class Take>
     void take_stale_users(const Take& take) {
         const std::uint32_t count = ledger().stale_user_count;

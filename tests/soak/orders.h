@@ -1,4 +1,5 @@
-// What a group lets its daemon do, over the control socket below TMPDIR. The daemon must be running.
+// The commands that a group gives its daemon, over the control socket below TMPDIR. The daemon must be
+// running.
 #pragma once
 
 #include <sys/types.h>
@@ -11,9 +12,9 @@ namespace soak {
 
 // The pid of each app id that is registered on both sockets.
 std::map<std::uint32_t, pid_t> registered_clients();
-// Sends every application a notification that carries a number. Returns how many got it.
+// Makes the daemon send every application a notification that carries a number. Returns how many got it.
 std::size_t notify_all(std::uint32_t number);
-// Sends an application a result of success for a call id. Returns whether it went out.
+// Makes the daemon send an application a success result for a call id. Returns whether it was sent.
 bool send_result(std::uint32_t app_id, std::uint32_t call_id);
 
 }  // namespace soak

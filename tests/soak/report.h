@@ -1,4 +1,4 @@
-// What the groups of a soak tell the process that started them, in memory that all of them share.
+// The groups' reports to the process that started them, in memory that all of them share.
 #pragma once
 
 #include <array>
@@ -13,10 +13,10 @@ enum class target { daemon, service, client };
 inline constexpr std::size_t targets = 3;
 inline constexpr const char* target_names[targets] = {"daemon", "service", "client"};
 
-// How far processes of one kind have departed from what they had at first.
+// How far processes of one kind have drifted from their first measurement.
 struct drift {
-    std::atomic<std::uint32_t> lives;      // that were long enough to compare descriptors and threads
-    std::atomic<std::uint32_t> old_lives;  // that were long enough to compare memory
+    std::atomic<std::uint32_t> lives;      // long enough to compare descriptors and threads
+    std::atomic<std::uint32_t> old_lives;  // long enough to compare memory
     std::atomic<std::int32_t> descriptors;
     std::atomic<std::int32_t> threads;
     std::atomic<std::int32_t> memory_kib;
@@ -29,7 +29,7 @@ struct group_report {
     std::atomic<std::uint32_t> stops[targets];  // SIGSTOP, and SIGCONT later
     std::atomic<std::uint64_t> requests;        // that the library accepted
     std::atomic<std::uint64_t> answers;
-    std::atomic<std::uint64_t> timed_out;  // of them, those that the service did not live to answer
+    std::atomic<std::uint64_t> timed_out;  // answers that report a service that died before it answered
     std::atomic<std::uint64_t> dropped;
     std::atomic<std::uint64_t> queries;
     std::atomic<std::uint64_t> notifications;
@@ -38,7 +38,7 @@ struct group_report {
     std::atomic<std::uint32_t> lost;
     std::atomic<std::uint32_t> twice;
     std::atomic<std::uint32_t> out_of_order;
-    std::atomic<std::uint32_t> wrong;  // another's answer, a strange result, notification or cache
+    std::atomic<std::uint32_t> wrong;  // a swapped answer, or an unexpected result, notification or cache
     drift drifts[targets];
     std::atomic<std::uint32_t> faults;
     char texts[texts_max][1600];

@@ -1,7 +1,7 @@
 // soak MINUTES [--seed N] [--kills N] [--groups N]: runs groups of daemon, service and clients side by side,
-// each group a process of its own, until the time is over or so many processes were killed. Prints a line of
-// progress every few seconds and a table at the end. Exit status 0; 1 after a fault; 128 and the signal's
-// number when it was interrupted.
+// each group a process of its own, for that time or until N processes were killed. Prints a line of progress
+// every few seconds and a table at the end. Exit status: 0, 1 after a fault, or 128 plus the number of the
+// signal that interrupted it.
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -30,14 +30,14 @@ constexpr milliseconds longest_warm_up{60'000};
 constexpr int exit_usage = 2;
 constexpr int exit_signal = 128;
 
-volatile std::sig_atomic_t g_signal = 0;  // of the driver
+volatile std::sig_atomic_t g_signal = 0;  // that interrupted the driver
 shared_state* g_state = nullptr;
 
 void note_signal(int number) {
     g_signal = number;
 }
 
-// In a group, whose driver has died.
+// Signal handler of a group whose driver has died.
 void end_group(int /*number*/) {
     g_state->end = ending::interrupted;
 }
@@ -200,7 +200,7 @@ void print_faults(const shared_state& state, const options& chosen) {
 
 // ---- the groups ----
 
-// In a process group of its own, so that an interrupt at the terminal reaches the driver alone.
+// In its own process group, so that an interrupt from the terminal reaches only the driver.
 pid_t start_group(const group_plan& plan, shared_state& state) {
     std::fflush(stdout);
     const pid_t driver = getpid();
@@ -218,7 +218,7 @@ pid_t start_group(const group_plan& plan, shared_state& state) {
     return pid;
 }
 
-// Whether a group has come to its end; good becomes false if it failed.
+// Whether a group has ended; sets good to false if it failed.
 bool has_ended(pid_t& group, bool& good) {
     int status = 0;
     if (group <= 0 || waitpid(group, &status, WNOHANG) != group) {
@@ -229,7 +229,7 @@ bool has_ended(pid_t& group, bool& good) {
     return true;
 }
 
-// Waits for the end, which it asks for at the right time. Returns whether all groups were good.
+// Tells the groups when to end and waits for them. Returns whether all of them passed.
 bool supervise(std::vector<pid_t>& groups, shared_state& state, const options& chosen) {
     const auto start = clock::now();
     const auto end = start + std::chrono::duration_cast<clock::duration>(

@@ -1,4 +1,4 @@
-// Results on their way to the daemon: message 402 from inside a handler, later, twice or never.
+// Results sent to the daemon: message 402 from inside a handler, later, twice or never.
 #include "ss/callbacks.h"
 
 #include <algorithm>
@@ -232,7 +232,7 @@ TEST_F(Callbacks, SeveralRequestsUnderOneIdGetTheirTypesBackInOrder) {
     const auto acl = test::record_of<scc_ss_acl_operation>(called(1));
     const auto apply = test::record_of<scc_ss_apply_operation>(called(5));
     const auto svi = test::record_of<scc_ss_svi_operation>(called(8));
-    // The types go by the order of the requests, whichever of them is answered first.
+    // The types follow the order of the requests, whichever is answered first.
     svi.callback(&svi, sizeof svi);
     acl.callback(&acl, sizeof acl);
     apply.callback(&apply, sizeof apply);
@@ -410,7 +410,7 @@ TEST_F(Callbacks, CountersCountNoOutcome) {
     }
 }
 
-// The handler is called with 0 in the op word: a service that leaves it counts a create.
+// The handler is called with 0 in the op word: a service that leaves it unchanged counts a create.
 TEST_F(Callbacks, ADeleteAnsweredWithoutAnOperationCodeIsCountedAsACreate) {
     start_with_all_handlers();
     script().answers = 1;
@@ -482,7 +482,7 @@ TEST_F(Callbacks, AResultBeforeAnyRegistrationDoesNotBreakTheHost) {
     _scc_ss_save_idtype(7, 21);
     const auto record = plain(7, 0, 0);
     _scc_ss_acl_op_ret_callback(&record, sizeof record);
-    // Outside the registered state it does not wait for company, so it is there before the registration.
+    // Outside the registered state the batch is flushed at once, so it arrives before the registration.
     expect_result(21, wire().u32(7).u32(0).u32(131));
     daemon.send_item(side::sync, 301, wire().u32(0).u32(0).u32(0));
     daemon.answer_registration(side::async);

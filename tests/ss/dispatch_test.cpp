@@ -1,4 +1,4 @@
-// The way of one message's items to the operations: order, unknown types, values that are too short.
+// Dispatching a message's items to the operations: order, unknown types, values that are too short.
 #include <array>
 
 #include "client/log.h"
@@ -145,7 +145,7 @@ TEST_F(Dispatch, AMessageWhoseItemIsCutAtAnyOffsetIsRefusedWhole) {
             hostile.u32(static_cast<std::uint32_t>(8 + cut)).u8(1).u16(1).u8(0);
             hostile.add(test::slice(item, 0, cut));
         }
-        // More items than there are, and lengths that lead far away or around.
+        // More items than there are, and lengths that point far away or wrap.
         for (const std::uint16_t count : std::initializer_list<std::uint16_t>{2, 0xFFFF}) {
             hostile.u32(static_cast<std::uint32_t>(8 + item.size())).u8(1).u16(count).u8(0).add(item);
         }
@@ -163,13 +163,13 @@ TEST_F(Dispatch, AMessageWhoseItemIsCutAtAnyOffsetIsRefusedWhole) {
 
 struct list_row {
     std::uint16_t type;
-    bytes head;  // what stands before the count
+    bytes head;  // the bytes before the count
     std::size_t element_bytes;
     int slot;
 };
 
-// A list whose entries are not all there. The counts of the last rows times the size of an entry are less
-// than the list in 32 bits.
+// An incomplete list. In the last rows, the count times the size of an entry wraps at 32 bits to less than
+// the list.
 TEST_F(Dispatch, AListThatIsNotAllThereReachesNoHandler) {
     start_with_all_handlers();
     const list_row rows[] = {{154, wire().u32(5).u32(0).u32(76), 88, 21}, {155, {}, 4, 22}};

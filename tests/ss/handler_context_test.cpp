@@ -1,5 +1,5 @@
-// What holds while a handler of the service runs: the library's lock, what has been counted and saved, and
-// what the log says around it.
+// The context in which a handler of the service runs: the library's lock, what has been counted and saved,
+// and the log lines before and after it.
 #include <pthread.h>
 
 #include <cerrno>
@@ -16,7 +16,7 @@ using test::wire;
 
 namespace {
 
-// What a handler finds; the lock is asked for without waiting.
+// What a handler finds; it only tries the lock.
 struct finding {
     bool locked = false;
     std::uint32_t calls = 0;  // counted so far, of all kinds
@@ -134,8 +134,8 @@ class HandlerContext : public test::registered_service {
     }
 };
 
-// A handler that answers by an entry point of the library must find its lock free; one that takes a record
-// must not meet another call of the library in between.
+// A handler that answers through a function of the library must find its lock free; one with a record must
+// run without another call of the library in between.
 TEST_F(HandlerContext, TheLockIsHeldForRecordsRecoveryAndUserReadAndFreeForAllOthers) {
     start();
     for (const context_row& row : every_kind()) {
@@ -211,7 +211,7 @@ struct function_row {
     std::set<std::string> functions;  // that write the operation's lines
 };
 
-// Whoever reads the log finds the operation, not what operations share.
+// The log names the operation, not code shared by operations.
 TEST_F(HandlerContext, TheLinesOfAnOperationBeginWithTheNamesOfItsOwnFunctions) {
     const function_row rows[] = {
         {131, 140, {"_scc_ss_acl_op", "_scc_ss_acl_op_ret_callback"}},
@@ -261,8 +261,8 @@ int reports_a_move(scc_ss_svi_operation* operation) {
     return 0;
 }
 
-// A service is told not to; it must not hang for it. The inner call neither waits for its own thread nor
-// gives the lock back early.
+// A service must not do this, but it must not hang if it does. The inner call neither waits for its own
+// thread nor releases the lock early.
 TEST_F(HandlerContext, AHandlerUnderTheLockMayCallTheLibraryAndKeepsTheLock) {
     info.svi_router_acl = reports_a_move;
     start();
@@ -272,7 +272,7 @@ TEST_F(HandlerContext, AHandlerUnderTheLockMayCallTheLibraryAndKeepsTheLock) {
     ASSERT_TRUE(found.has_value());
     EXPECT_TRUE(found->locked);
     expect_result(11, wire().u32(1).u32(0).u32(143));
-    // Nobody holds it any more.
+    // The lock is free again.
     EXPECT_EQ(scc_ss_fetch_func(), 0U);
     EXPECT_EQ(daemon.read_item(side::sync).type, 204);
 }

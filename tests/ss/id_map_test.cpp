@@ -174,7 +174,7 @@ TEST_F(IdMap, IsSharedByAllOperations) {
     expect_result(22, wire().u32(5).u32(0).u32(149));
 }
 
-// From within 2^31 of one another and across the wrap, in an order that is neither up nor down.
+// Within 2^31 of one another and across the wrap, in no particular order.
 TEST_F(IdMap, Holds100000IdsWithTwoTypesEach) {
     constexpr std::uint32_t count = 100000;
     const auto id_of = [](std::uint32_t i) { return 0xE0000000U + i * 7919U; };
@@ -297,7 +297,7 @@ TEST_F(IdMap, TheDumpShowsEveryCounterPairAndMarksTheOpenOnes) {
     _scc_ss_acl_op_ret_callback(&record, sizeof record);
     daemon.read_item(side::async);
     expect_nothing_more();
-    // Counted after its answer, so something else has to follow.
+    // Counted after its answer, so another message must follow.
     send(213, wire().zeros(520));
     called(13);
     const auto texts = dumped_lines();

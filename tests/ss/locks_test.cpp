@@ -1,4 +1,4 @@
-// The locks that the service's side must take: each operation, answer and report waits while somebody else
+// The locks that the service's side must take: each operation, answer and report waits while another thread
 // holds them.
 #include "client/locks.h"
 

@@ -138,7 +138,7 @@ TEST_F(Nacm, AnApplicationTypeOf39AndMoreIsDroppedInSilence) {
             const test::debugging on;
             send(operation, value, 600);
             EXPECT_TRUE(test::wait_for_log("lib proc msg done.\n"));
-            EXPECT_EQ(test::log_texts().size(), 3U);  // only what the dispatcher says of every message
+            EXPECT_EQ(test::log_texts().size(), 3U);  // only the dispatcher's lines for every message
         }
     }
     EXPECT_EQ(_scc_nacm_app_op(1, bytes(wire().u32(1).u32(1).u32(1).u32(39)).data()), 22);

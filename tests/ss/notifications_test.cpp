@@ -1,4 +1,4 @@
-// Hardware events on their way up: checks, texts, bytes and counts of the four reports.
+// Reports of hardware events: checks, texts, bytes and counts of the four reports.
 #include <algorithm>
 #include <functional>
 #include <map>

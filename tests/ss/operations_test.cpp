@@ -1,5 +1,5 @@
-// Each operation of the daemon on its way to the service's handler: the record byte for byte, the log, and
-// the answer in place of a missing handler.
+// Each operation of the daemon as the service's handler gets it: the record byte for byte, the log, and the
+// answer in place of a missing handler.
 #include "ss/operations.h"
 
 #include <sys/time.h>
@@ -21,7 +21,7 @@ namespace {
 using Operations = test::registered_service;
 using callback = void (*)(const void*, std::uint32_t);
 
-// One operation as it arrives, and what has to come of it.
+// One operation as it arrives, and its expected effects.
 struct operation_row {
     std::uint16_t type;
     bytes value;
@@ -299,7 +299,7 @@ TEST_F(Operations, AreAnsweredWithSuccessWhenTheHandlerIsMissing) {
     expect_nothing_more();
 }
 
-// The operation code that the answer in place of a handler carries shows in the log alone.
+// The operation code of the answer in place of a handler appears only in the log.
 TEST_F(Operations, PutTheirOperationCodeIntoTheAnswerForAMissingHandler) {
     start();
     const test::debugging on;

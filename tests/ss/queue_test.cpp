@@ -1,4 +1,4 @@
-// From the receive thread to the processing thread: order, patience, and what becomes of the memory.
+// From the receive thread to the processing thread: order, slow handlers, and the queue's memory.
 #include <malloc.h>
 #include <unistd.h>
 
@@ -88,7 +88,7 @@ TEST_F(ServiceQueue, GoesOnAfterLongerThanTheThreeSecondsOfOneWait) {
     EXPECT_EQ(test::u32_at(called(8), 0), 2U);
 }
 
-// 5,000 messages do not fit into the socket: the daemon's sends only return while somebody receives.
+// 5,000 messages do not fit into the socket: the daemon's sends return only if the library keeps receiving.
 TEST_F(ServiceQueue, ASlowHandlerDoesNotStopReceivingAndTheOrderStays) {
     info.svi_router_acl = waits_at_the_gate;
     info.def_read = notes_its_id;
@@ -108,7 +108,7 @@ TEST_F(ServiceQueue, ASlowHandlerDoesNotStopReceivingAndTheOrderStays) {
 // What the process occupies, not what it uses: a burst must not make the service larger for good.
 // A sanitizer's allocator keeps freed memory on purpose, so only the messages are checked there.
 TEST_F(ServiceQueue, GivesTheMemoryOf100000WaitingMessagesBack) {
-    mallopt(M_TRIM_THRESHOLD, 128 * 1024);  // as it is before the test's own large blocks raise it
+    mallopt(M_TRIM_THRESHOLD, 128 * 1024);  // the default, before the test's own large blocks raise it
     info.svi_router_acl = waits_at_the_gate;
     start();
     struct burst_row {
@@ -161,13 +161,14 @@ TEST_F(ServiceQueue, MessagesOfALostConnectionAreStillProcessedAndBeforeLaterOne
 TEST_F(ServiceQueue, ARefusedMessageDoesNotKeepTheNextOneBack) {
     start_with_all_handlers();
     const test::debugging on;
-    // An item that leads past its message.
+    // An item that extends past its message.
     daemon.send(side::async, wire().u32(24).u8(1).u16(1).u8(0).u32(9000).u16(0).u16(143).u32(1).u32(1));
     send(143, wire().u32(2).u32(1));
     EXPECT_EQ(test::u32_at(called(8), 0), 2U);
 }
 
-// What came in one read with a refused message is not for the next read, which may find the daemon gone.
+// Messages that arrived in one read with a refused one must not wait for the next read, which may find the
+// daemon gone.
 TEST_F(ServiceQueue, MessagesBesideRefusedOnesAreProcessedThoughTheDaemonLeaves) {
     info.svi_router_acl = waits_at_the_gate;
     info.def_read = notes_its_id;

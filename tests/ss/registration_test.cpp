@@ -1,4 +1,4 @@
-// The start of the security service, as the daemon and the process see it.
+// The start of the security service, as seen by the daemon and by the process.
 #include <errno.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -273,7 +273,7 @@ TEST_F(ServiceRegistration, TakesTheDebugSwitchOfItsProcessName) {
     EXPECT_EQ(scc_lib_debug.load(), 1);
 }
 
-// The record carries the handler with a VLAN late; the table keeps it beside the other application handler.
+// The handler with a VLAN is late in the record, but next to the other application handler in the table.
 TEST_F(ServiceRegistration, CopiesEveryHandlerToItsSlotInTheTable) {
     static const int targets[26] = {};
     std::array<std::uintptr_t, 26> given{};

@@ -1,5 +1,5 @@
-// A scripted daemon with this process registered as the security service. Handlers report what they were
-// called with as the bytes of their record or arguments, and act as the script says.
+// A scripted daemon with this process registered as the security service. Handlers report the bytes of their
+// record or arguments, and act according to the script.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -16,7 +16,7 @@
 
 namespace test {
 
-// One call of a handler: its place in the registration record and what it was given.
+// One call of a handler: its position in the registration record and its arguments.
 struct handler_call {
     int slot = -1;
     bytes given;
@@ -107,7 +107,7 @@ inline void on_authmode(std::uint32_t mode) {
     handler_calls().push({14, wire().u32(mode)});
 }
 
-// The byte of a recovery that expect_nothing_more sends; its handler keeps quiet about it.
+// The byte of the recovery that expect_nothing_more sends; its handler does not report it.
 inline constexpr std::uint8_t mark_byte = 0xFE;
 
 inline int on_recovery(std::uint8_t start) {
@@ -181,7 +181,7 @@ class registered_service : public ::testing::Test {
         return call.value_or(handler_call{}).given;
     }
 
-    // The next thing that goes up on that side is a result with this scc-type and value.
+    // The next item sent on that side is a result with this scc-type and value.
     void expect_result(std::uint16_t scc_type, const bytes& value, side where = side::async) {
         const received_item item = daemon.read_item(where);
         EXPECT_EQ(item.type, 402);

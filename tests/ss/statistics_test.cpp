@@ -1,4 +1,4 @@
-// The service's counters: what was received of each kind, and what was answered.
+// The service's counters: how many operations of each kind were received and answered.
 #include <array>
 
 #include "client/diagnostics.h"

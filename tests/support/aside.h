@@ -1,4 +1,4 @@
-// A call on a thread of its own, whose waiting the test can see and interrupt. A host's signal handler is
+// A call on a thread of its own, whose sleep the test can observe and interrupt. The signal handler is
 // installed without SA_RESTART, so the signal ends the system call in which the thread sleeps.
 #pragma once
 
@@ -48,7 +48,7 @@ class aside {
     aside& operator=(const aside&) = delete;
 
     [[nodiscard]] bool waits_in(system_calls calls) const { return wait_until_it_sleeps_in(id_, calls); }
-    // The thread must sleep in a system call, or the signal comes too early.
+    // The thread must already sleep in a system call, or the signal comes too early.
     void interrupt() { ASSERT_EQ(pthread_kill(thread_.native_handle(), interrupting_signal), 0); }
 
     [[nodiscard]] bool returns() const {

@@ -1,9 +1,9 @@
-// What became of each call id of one application process, in memory that outlives it: the application writes,
-// the test that started it, and may kill it at any moment, reads. One ledger is one life of the process.
+// The outcome of each call id of one application process, in memory that outlives it: the application writes;
+// the test that started it, and may kill it at any moment, reads. One ledger covers one life of the process.
 //
-// A ledger has room for calls_max calls. One whose reader judges calls while they are made may have a smaller
-// window, in which call ids follow one another in a circle: the reader empties an entry before it raises
-// `audited`, and no request is made more than a window beyond that.
+// A ledger has space for calls_max calls. If its reader judges calls while they are made, a smaller window
+// suffices, which call ids use cyclically: the reader empties an entry before it raises `audited`, and no
+// request is made more than a window beyond that.
 #pragma once
 
 #include <fcntl.h>
@@ -30,8 +30,7 @@ enum class call_kind : std::uint8_t {
 };
 inline constexpr std::size_t call_kinds = 8;
 
-// The daemon answers these by itself, in the order of the requests; the security service carries out all
-// others.
+// The daemon answers these itself, in the order of the requests; the security service carries out all others.
 constexpr bool is_answered_at_once(call_kind kind) {
     return kind == call_kind::addr_learning || kind == call_kind::port_open;
 }
@@ -42,9 +41,9 @@ struct call_entry {
     std::atomic<call_kind> kind;
     std::atomic<std::uint8_t> answers;
     std::atomic<std::uint8_t> answers_while_lost;
-    std::atomic<std::uint8_t> straddles;           // a loss was told while the request was made
-    std::atomic<std::uint16_t> connection_before;  // at the request's begin
-    std::atomic<std::uint16_t> connection_after;   // at its return
+    std::atomic<std::uint8_t> straddles;           // a loss was reported while the request was made
+    std::atomic<std::uint16_t> connection_before;  // when the request began
+    std::atomic<std::uint16_t> connection_after;   // when it returned
     std::atomic<std::uint16_t> answered_on;
     std::atomic<std::uint32_t> number;           // what the request was about
     std::atomic<std::uint32_t> answered_number;  // what its answer was about
@@ -71,10 +70,10 @@ struct call_ledger {
     std::atomic<std::uint32_t> accepted;
     std::atomic<std::uint32_t> answered;
     std::atomic<std::uint32_t> queries;          // answered
-    std::atomic<std::uint32_t> outstanding;      // at this moment, about
+    std::atomic<std::uint32_t> outstanding;      // at this moment, approximately
     std::atomic<std::uint32_t> users_in_flight;  // of them, those that the service has to carry out
     std::atomic<std::uint32_t> last_call_id;
-    std::atomic<std::uint32_t> strange_returns;  // neither accepted nor refused for want of a connection
+    std::atomic<std::uint32_t> strange_returns;  // neither accepted nor refused for lack of a connection
     std::atomic<std::uint32_t> answered_of[call_kinds];
     std::atomic<std::uint32_t> out_of_order;      // answers that overtook an earlier request's
     std::atomic<std::uint32_t> late_answers;      // to calls that had been judged
@@ -103,7 +102,7 @@ struct call_ledger {
     [[nodiscard]] bool has_room_for(std::uint32_t id) const { return id - audited < size(); }
 };
 
-// The ledger in a file, made when it is not there. Untouched pages take no space.
+// The ledger in a file, which is created if it does not exist. Untouched pages take no space.
 class mapped_ledger {
   public:
     explicit mapped_ledger(const std::string& path) {

@@ -1,4 +1,4 @@
-// How an application under load keeps its ledger: what it notes of each request, result and status, and the
+// How an application under load keeps its ledger: what it records of each request, result and status, and the
 // commands that its threads obey. Requests come from any thread, results and statuses from the library's.
 #pragma once
 
@@ -22,7 +22,7 @@ class call_notes {
 
     [[nodiscard]] call_ledger& ledger() const { return ledger_; }
     [[nodiscard]] bool connected() const { return ledger_.connected != 0; }
-    // Of one kind, at this moment, about.
+    // Of one kind, at this moment, approximately.
     [[nodiscard]] std::int32_t outstanding(call_kind kind) const { return count_of(kind); }
     [[nodiscard]] std::int32_t outstanding() const {
         std::int32_t sum = 0;
@@ -142,8 +142,8 @@ class call_notes {
         return outstanding_[static_cast<std::size_t>(kind)];
     }
 
-    // What the service has carried out comes back in the order of the requests; what the daemon refuses or
-    // gives up may overtake it.
+    // Results of the service arrive in the order of the requests; those that the daemon refuses or gives up
+    // may overtake them.
     void note_order(call_kind kind, std::uint32_t call_id, std::uint32_t result) {
         const bool at_once = is_answered_at_once(kind);
         if (!at_once && result != 0) {

@@ -14,11 +14,11 @@ enum class call_fault { none, lost, twice, misdelivered, result };
 struct call_verdict {
     bool answered = false;
     call_fault fault = call_fault::none;
-    std::string text;  // of the fault
+    std::string text;  // describes the fault
 };
 
-// An accepted call has been answered exactly once, on the connection that it was made on, or dropped with
-// that connection. `ended` tells that no answer can come any more because the application is dead.
+// An accepted call must have been answered exactly once, on the connection on which it was made, or dropped
+// with that connection. `ended` means that no answer can come any more because the application is dead.
 inline call_verdict judge(std::uint32_t id, const call_entry& call, const call_ledger& ledger, bool ended) {
     const std::string name =
         "call " + std::to_string(id) + " of kind " + std::to_string(static_cast<int>(call.kind.load()));
@@ -38,7 +38,7 @@ inline call_verdict judge(std::uint32_t id, const call_entry& call, const call_l
     if (call.answered_number != call.number) {
         return faulty(call_fault::misdelivered, " got another call's answer");
     }
-    // The state may be registered a moment before status 1 is told.
+    // The state may be registered a moment before status 1 is reported.
     if (call.answered_on < call.connection_before || call.answered_on > call.connection_after + 1) {
         return faulty(call_fault::misdelivered, " was answered on another connection");
     }

@@ -1,4 +1,4 @@
-// What handlers report to the test: a queue of texts or values with a patient wait.
+// What handlers report to the test: a queue of texts or values with a bounded wait.
 #pragma once
 
 #include <chrono>

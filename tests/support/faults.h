@@ -1,5 +1,5 @@
-// Makes one call of a kind fail: the Nth from now on, with an error number. Calls of the whole process are
-// counted, so a test switches a fault on right before the act and off after it.
+// Makes one call of a kind fail: the Nth from now on, with an error number. The calls of the whole process
+// count, so a test sets a fault right before the act and ends it right after.
 #pragma once
 
 namespace test {
@@ -30,16 +30,16 @@ void fail_calls_from(call which, int nth, int error);
 void fail_allocation(int nth);
 // Every allocation of exactly that many bytes fails, until the faults end.
 void fail_allocations_of(int bytes);
-// Does this inside the next call of the kind, before what the call does.
+// Runs `act` inside the next call of the kind, before the call itself.
 void on_call(call which, void (*act)());
-// Does this once, before the library sets the client state, or frees the pending calls, the next time.
+// Runs `act` once, before the library next sets the client state or frees the pending calls.
 void on_state_set(void (*act)());
 void on_calls_freed(void (*act)());
-// Ends all faults; returns whether one was met.
+// Ends all faults; returns whether one occurred.
 bool end_faults();
 // How often the kind was called since the last end_faults or fail_*.
 int calls(call which);
-// Threads that are created from now on run from release_new_threads on.
+// Threads created from now on do not run before release_new_threads.
 void hold_new_threads();
 void release_new_threads();
 // send and recv move at most that many bytes a call; 0 for no limit.

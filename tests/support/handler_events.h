@@ -1,5 +1,5 @@
-// What the handlers of a registered process report to the test, and a handler that stays until the test
-// lets it go.
+// What the handlers of a registered process report to the test, and a handler that blocks until the test
+// releases it.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@ inline event_queue<int>& released() {
     return *queue;
 }
 
-// For a handler: keeps the thread that delivers until the test releases it.
+// For a handler: blocks the delivering thread until the test releases it.
 inline void hold_here() {
     entered().push(1);
     (void)released().wait();

@@ -1,6 +1,6 @@
-// An environment variable that the test can take away and give back while other threads look for it: the
-// list of variables stays as it is, only the first letter of the name changes. To be made before those
-// threads.
+// An environment variable that the test can hide and restore while other threads look for it: the list of
+// variables stays as it is, only the first letter of the name changes. Must be constructed before those
+// threads start.
 #pragma once
 
 #include <cstdlib>
@@ -15,7 +15,7 @@ class hidden_variable {
         : first_(*name), text_(strdup((std::string(name) + "=" + getenv(name)).c_str())) {
         putenv(text_);
     }
-    // The environment keeps the text.
+    // The environment keeps pointing to the text.
     ~hidden_variable() { show(); }
     hidden_variable(const hidden_variable&) = delete;
     hidden_variable& operator=(const hidden_variable&) = delete;

@@ -1,9 +1,9 @@
 // An application under load, to be killed: load_application APP_ID LIFE LEDGER USERS_AT_ONCE thread|loop.
 // The last word says whether the library receives with a thread of its own or on an event loop.
 //
-// One thread adds users, which the security service carries out, each under a MAC address of its own; one
-// sets egress ports, which it does, too, and address learning, which the daemon answers by itself; one asks
-// synchronous questions. What becomes of each call id goes into the ledger.
+// One thread adds users, which the security service carries out, each under its own MAC address; one sets
+// egress ports, which the service carries out too, and address learning, which the daemon answers itself; one
+// makes synchronous queries. The outcome of each call id goes into the ledger.
 #include <scclib.h>
 
 #include <cstdio>
@@ -22,14 +22,15 @@ using test::nap;
 
 constexpr std::uint32_t load_threads = 3;
 constexpr std::int32_t others_at_once = 100;
-// Without a service users are answered at once; the tables should not grow without bound meanwhile.
+// Without a service, user requests are answered at once; the pauses keep the daemon's tables from growing too
+// far.
 constexpr std::uint32_t users_between_naps = 8;
 
 call_notes* g_notes = nullptr;
 std::uint32_t g_app_id = 0;
 std::uint32_t g_life = 0;
 
-// ---- what the library's thread tells ----
+// ---- handlers ----
 
 void on_status(std::uint32_t status) {
     g_notes->status(status);

@@ -1,6 +1,6 @@
-// Proves that an act takes a lock: while the test holds the lock the act waits for it, and it ends
-// once the lock is given back. The kernel names the futex that each thread sleeps on, and the futexes of a
-// lock lie inside the lock.
+// Proves that an act takes a lock: while the test holds the lock the act waits for it, and it ends once the
+// lock is released. The kernel names the futex that each thread sleeps on, and the futexes of a lock lie
+// inside the lock.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -31,7 +31,7 @@ inline bool is_waited_for(const pthread_rwlock_t& lock) {
     return false;
 }
 
-// The act runs on a thread of its own. What has to happen for its end, once it has the lock, is afterwards.
+// The act runs on a thread of its own. `afterwards` does what the act needs to end once it has the lock.
 template <class Act, class Afterwards>
 void expect_waits_for(pthread_rwlock_t& lock, const Act& act, const Afterwards& afterwards) {
     ASSERT_EQ(pthread_rwlock_wrlock(&lock), 0);

@@ -1,11 +1,11 @@
-// An act inside a line of the library's log, as a host's log function may do anything; log_capture.cpp.
+// An act inside the log function, since a host's log function may do anything; see log_capture.cpp.
 #pragma once
 
 #include <string>
 
 namespace test {
 
-// Does this once, inside the next line with exactly this text.
+// Runs `act` once, while the next line with exactly this text is logged.
 void on_log(const std::string& text, void (*act)());
 
 }  // namespace test

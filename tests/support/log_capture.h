@@ -26,7 +26,7 @@ bool wait_for_log(const std::string& text);
 // From now on writing a line leaves this number in errno, as a real log may; 0 leaves errno alone.
 void leave_errno_in_log(int error);
 
-// Switches the library's logging on while it lives.
+// Enables the library's log while the object exists.
 class debugging {
   public:
     debugging();

@@ -1,9 +1,9 @@
-// An act inside the cancelling of a task; loop_faults.cpp.
+// An act before a task is cancelled; see loop_faults.cpp.
 #pragma once
 
 namespace test {
 
-// Does this once, before the next task is cancelled.
+// Runs `act` once, before the next task is cancelled.
 void on_cancel(void (*act)());
 
 }  // namespace test

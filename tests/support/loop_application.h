@@ -1,5 +1,5 @@
 // A scripted daemon and an application with an event loop: the loop runs on a thread of its own, the test's
-// thread is the daemon. What has to happen on the loop's thread goes through on_loop.
+// thread is the daemon. Use on_loop for calls that belong on the loop's thread.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -110,7 +110,7 @@ class loop_application : public ::testing::Test {
         ASSERT_EQ(pthread_kill(loop_.native_handle(), interrupting_signal), 0);
     }
 
-    // Waits for what runs on the loop; what does not return fails the test and is released.
+    // Waits for a call that runs on the loop; one that does not return fails the test and is released.
     std::uint32_t finished(std::future<std::uint32_t>& running) {
         if (running.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
             ADD_FAILURE() << "the call does not return";
@@ -129,7 +129,7 @@ class loop_application : public ::testing::Test {
         EXPECT_EQ(statuses().size(), 0U);
     }
 
-    // A request and its result travel, on the current connection.
+    // A request and its result get through on the current connection.
     void expect_working_requests() {
         ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
         EXPECT_EQ(daemon.read_item(side::async).type, 123);

@@ -22,7 +22,7 @@ struct record {
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<added_task> tasks;
-    std::map<qx_thread*, added_task> of_handle;  // the platform's numbers are not used again
+    std::map<qx_thread*, added_task> of_handle;  // the platform does not reuse its numbers
     std::map<std::string, event_queue<int>> results;
     std::vector<cancelled_task> cancelled;
     std::vector<std::thread::id> callers;
@@ -56,7 +56,7 @@ qx_thread* next_kept_handle() {
     return reinterpret_cast<qx_thread*>(++last);
 }
 
-// Under the record's mutex from before the task can run until it is recorded.
+// Holds the record's mutex from before the task can run until it is recorded.
 template <class Add>
 qx_thread* note(added_task task, const Add& add) {
     record& noted = the_record();
@@ -82,7 +82,7 @@ qx_thread* note(added_task task, const Add& add) {
     return task.handle;
 }
 
-// In the place of the handler of each task of the library.
+// Replaces the handler of each task of the library.
 int run_noted(qx_thread* task) {
     added_task one;
     {

@@ -1,6 +1,6 @@
-// The event loop's scheduling calls as the tests see them: loop_faults.cpp stands between the library and the
-// platform's library, records each task that is added and each that is cancelled, and can refuse to add one,
-// or keep it from the loop so that the test runs it. Any thread.
+// Wraps the event loop's scheduling calls: loop_faults.cpp records each task that the library adds or
+// cancels, and can refuse to add one, or withhold it from the loop so that the test runs it. Any thread may
+// call.
 #pragma once
 
 #include <qx_thread.h>
@@ -23,7 +23,7 @@ struct added_task {
     long number;  // event: value, timer: seconds, read and write: descriptor
     bool refused;
     qx_thread* handle;
-    std::thread::id thread;  // that has added it
+    std::thread::id thread;  // that added it
 };
 
 struct cancelled_task {
@@ -35,26 +35,26 @@ struct cancelled_task {
 
 // The next calls of that kind return null.
 void refuse_to_add(adding call, int times);
-// Timers run after that many seconds whatever they ask for; a negative number lets them have their way.
+// Timers expire after that many seconds regardless of their argument; a negative number ends this.
 void set_timer_seconds(long seconds);
 
 [[nodiscard]] std::vector<added_task> added_tasks();
-// Those with this name; refused ones count, too.
+// The tasks with this name, including refused ones.
 [[nodiscard]] std::vector<added_task> added_tasks(const std::string& name);
 // Waits up to 20 seconds until that many tasks with this name were added.
 [[nodiscard]] bool wait_for_added(const std::string& name, std::size_t count);
-// The cancelled handles of tasks with this name, also of those that have run already.
+// The cancelled handles of tasks with this name, including those that have already run.
 [[nodiscard]] std::vector<cancelled_task> cancelled_tasks(const std::string& name);
 // Every thread that has added or cancelled a task of the library.
 [[nodiscard]] std::vector<std::thread::id> threads_that_called();
 void forget_added_tasks();
-// What the library's tasks with this name have returned, in order; both ways of running them count.
+// The return values of the library's tasks with this name, in order, whoever ran them.
 event_queue<int>& task_results(const std::string& name);
 
-// Tasks with this name are taken and never run by the loop; an empty name ends it. They are added_tasks().
+// Withholds tasks with this name from the loop; an empty name ends it. They still count as added_tasks().
 void keep_from_loop(const std::string& name);
-// Runs a task that was kept from the loop, unless it was cancelled. The handler gets its handle or, as on a
-// platform whose tasks are no handles, another object. False when there is nothing to run.
+// Runs a withheld task, unless it was cancelled. The handler gets the task's handle or, as on a platform
+// whose tasks are not handles, another object. Returns false if there is nothing to run.
 bool run_kept(const added_task& task, qx_thread* object);
 
 }  // namespace test

@@ -1,5 +1,5 @@
-// Two registrations of one process, the first of which ends while a handler of it runs: what the test sees of
-// the order in which handlers of both are called.
+// Two registrations of one process, the first of which ends while one of its handlers runs: the order in
+// which the handlers of both are called.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -49,8 +49,8 @@ inline void register_again() {
 }
 
 // The daemon accepts the second registration and sends it a notification and a liveness probe at once.
-// Nothing of it is delivered, and the probe is not answered, until the first one's handler, which waits in
-// hold_here, has returned.
+// Neither is delivered or answered until the first registration's handler, which waits in hold_here, has
+// returned.
 inline void expect_second_waits_for_first(scripted_daemon& daemon) {
     EXPECT_EQ(u32_at(daemon.accept_registration().first, 0), 9U);
     ASSERT_TRUE(all_taken(daemon.fd(side::async)));

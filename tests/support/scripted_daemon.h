@@ -41,7 +41,7 @@ class scripted_daemon {
     received_item read_item(side where);
     // Whether nothing arrives for that long.
     bool stays_silent(side where, int milliseconds);
-    // Whether the peer has closed (everything unread is thrown away).
+    // Whether the peer has closed. Discards everything unread.
     bool wait_for_close(side where);
 
     void send(side where, const bytes& raw);

@@ -1,4 +1,5 @@
-// Proof that a client sent nothing: a message of its own that follows whatever it sent before arrives first.
+// Proves that a client sent nothing: a marker message, which would follow anything sent earlier, arrives
+// first.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,8 +9,8 @@
 
 namespace test {
 
-// The mark takes the same way out as a request, so what waits in the batch comes before it. The client has
-// to be registered and not in the middle of a query.
+// The marker is sent like a request, so anything waiting in the batch precedes it. The client must be
+// registered and not in the middle of a query.
 inline void expect_nothing_was_sent(scripted_daemon& daemon, side where) {
     constexpr std::uint16_t mark = 60000;
     ASSERT_EQ(_scc_lib_msg_send(mark, nullptr, 0, where == side::sync ? 1 : 0), 0U);

@@ -1,5 +1,5 @@
-// Whether a thread of this process sleeps inside a system call, as the kernel tells it: what a test waits for
-// before it does something to a thread that is blocked.
+// Whether a thread of this process sleeps in a system call, according to the kernel. A test waits for this
+// before it acts on a blocked thread.
 #pragma once
 
 #include <sys/syscall.h>

@@ -1,4 +1,4 @@
-// A program as a child whose standard output is read as it comes, so that it never waits for its reader.
+// A child process whose standard output is read as it arrives, so that the child never blocks on it.
 #pragma once
 
 #include <fcntl.h>
@@ -73,7 +73,7 @@ class spawned_process {
             wait_for_end();
         }
     }
-    // The status that waitpid tells.
+    // The status from waitpid.
     int wait_for_end() {
         int status = -1;
         waitpid(std::exchange(pid_, -1), &status, 0);

@@ -1,4 +1,4 @@
-// A fresh directory under /tmp that TMPDIR points to while the object lives, removed at the end.
+// A fresh directory under /tmp that TMPDIR and DATA_QXOS_DIR are set to; the destructor removes it.
 #pragma once
 
 #include <stdlib.h>

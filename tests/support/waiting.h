@@ -1,5 +1,4 @@
-// Patient waits for what no handler and no log line reports: threads as the kernel lists them, bytes that
-// were taken.
+// Bounded waits for what no handler or log line reports: the state of threads, bytes that the peer has read.
 #pragma once
 
 #include <sys/ioctl.h>
@@ -42,7 +41,7 @@ inline std::string own_pid() {
 struct process_thread {
     int id = 0;
     std::string name;
-    std::string value;  // of the field that was asked for
+    std::string value;  // of the requested field
 };
 
 // One value out of /proc/self/task/<thread>/status for every thread.
@@ -83,7 +82,7 @@ inline std::size_t library_threads() {
     return of_library_threads("Name").size();
 }
 
-// Returns once every thread but the caller waits for something: what could happen has happened.
+// Waits up to 20 seconds until every thread but the caller sleeps, so that nothing more happens by itself.
 inline bool others_are_waiting() {
     return eventually([] {
         for (const process_thread& one : process_threads("State")) {

@@ -1,11 +1,11 @@
-// Every allocation and every system call of the library fails in its turn.
+// Makes every allocation and every system call of the library fail in turn.
 //
 //   fault_sweep [--sample N] [--seed S] [--jobs J] [--only SCENARIO] [--all]   the sweep
-//   fault_sweep --run SCENARIO [--fault FAULT] [--blocks N]            one run, as a finding names it
+//   fault_sweep --run SCENARIO [--fault FAULT] [--blocks N]            one run, as printed with a failure
 //
-// A first run of each scenario lists the call sites and how often each is called; a run of its own then meets
-// each fault, several at a time. FAULT is CALL@SITE:NTH:EFFECT, with :onwards when each later call fails too;
-// EFFECT is an error's name, end, short, or torn-ERROR. A site is an offset in this very program.
+// A first run of each scenario records the call sites and how often each is called; then each fault gets a
+// run of its own, several at a time. FAULT is CALL@SITE:NTH:EFFECT, with :onwards if each later call fails
+// too; EFFECT is an error's name, end, short, or torn-ERROR. A site is an offset in this executable.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -40,7 +40,7 @@ struct options {
     std::size_t sample = 0;  // 0 for all
     unsigned seed = 1;
     unsigned jobs = 4;
-    bool all = false;  // those of open.txt, too
+    bool all = false;  // including those of open.txt
     std::string only;
     std::string run;
     std::string fault_text;
@@ -131,8 +131,8 @@ std::vector<way> errors(std::initializer_list<int> numbers) {
     return out;
 }
 
-// What the manual pages name, and what a signal, a full table or a careless host can bring about. A close of
-// a Unix-domain socket reports nothing that the kernel could bring about.
+// The errors that the manual pages name and that a signal, a full table or a careless host can cause. The
+// kernel reports no error when it closes a Unix-domain socket.
 const std::map<std::string, std::vector<way>>& ways() {
     static const auto* table = [] {
         auto* out = new std::map<std::string, std::vector<way>>{
@@ -195,8 +195,7 @@ const std::map<std::string, std::vector<way>>& ways() {
     return *table;
 }
 
-// Which of a site's calls fail: all of them while they are few, otherwise the first ones, the last ones and
-// some in between.
+// Which of a site's calls fail: all if they are few, otherwise the first, the last and some in between.
 std::set<unsigned> turns(unsigned calls, unsigned few) {
     std::set<unsigned> out;
     for (unsigned nth = 1; nth <= std::min(calls, few); ++nth) {
@@ -316,7 +315,7 @@ outcome read_outcome(const running& one, int status) {
     return out;
 }
 
-// Runs what next() tells, so many at a time, and hands each finished one to done.
+// Runs what next() returns, several at a time, and passes each finished run to done.
 template <class Next, class Done>
 void run_all(unsigned jobs, Next next, Done done) {
     std::vector<running> now;
@@ -446,7 +445,7 @@ std::map<std::string, first_run> list_calls(const options& wanted, const std::ve
     return out;
 }
 
-// Takes a fault of each site and effect in turn, so that a sample is spread over all of them.
+// Takes one fault of each site and effect in turn, so that a sample is spread over all of them.
 std::vector<planned> choose(std::map<std::pair<std::string, std::uintptr_t>, std::vector<planned>> by_kind,
                             const options& wanted) {
     std::mt19937 random(wanted.seed);
@@ -469,8 +468,8 @@ std::vector<planned> choose(std::map<std::pair<std::string, std::uintptr_t>, std
     return out;
 }
 
-// Faults that the library is known not to survive are named in open.txt and left out, unless all are wanted:
-// a line each of call, effect and function, and the reason after a dash.
+// open.txt lists the faults that the library is known not to survive; they are skipped unless --all is given.
+// A line has call, effect and function, and the reason after a dash.
 struct open_fault {
     std::string call;
     std::string what;
@@ -627,7 +626,7 @@ int sweep_all(const options& wanted) {
 
 // ---- one run ---------------------------------------------------------------------------------------
 
-// What stays: the library gives idle blocks back a little later.
+// The number of blocks that stay: the library frees idle blocks a little later.
 unsigned settled_blocks() {
     unsigned least = block_count();
     for (int i = 0; i < 100; ++i) {

@@ -22,11 +22,11 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
-// While the fault may strike and has struck: one wait, and all of them together.
+// Limits after the fault has struck: for one wait, and for all of them together.
 constexpr int shaken_wait_ms = 150;
 constexpr int shaken_waits_ms = 500;
 
-// Some calls try until they succeed; a fault that lasts is then over after this.
+// Some calls retry until they succeed, so a lasting fault ends after this time.
 constexpr int lasting_fault_ms = 1500;
 
 struct running_call {
@@ -40,7 +40,7 @@ struct reports {
     std::mutex mutex;
     std::uint32_t status = nothing_yet;
     bool may_begin_lost = false;
-    std::string history;  // of statuses, with a line between two registrations
+    std::string history;  // of statuses, with a bar between two registrations
     unsigned losses = 0;
     unsigned notifications = 0;
     std::map<std::uint32_t, unsigned> results;
@@ -186,7 +186,7 @@ bool wait_for(const char* what, const std::function<bool()>& condition) {
         }
         return held;
     }
-    // Until the fault is met nothing is in the way.
+    // Until the fault strikes, the wait is not shortened.
     poll_until(until, [&] { return condition() || is_met(); });
     if (condition()) {
         return true;
@@ -314,7 +314,7 @@ void set_handlers(scc_handlers& handlers) {
 
 }  // namespace sweep
 
-// In place of the platform's: what is logged is made, and thrown away.
+// Replaces the platform's function: formats the line and discards it.
 extern "C" int printk_syslog_ext(int /*level*/, const char* /*module*/, const char* /*submodule*/,
                                  int /*flag*/, const char* format, ...) {
     char text[1024];

@@ -201,7 +201,7 @@ bool peer::read(connection& from) {
     }
 }
 
-// False when the bytes are no message.
+// Returns false if the bytes are not a message.
 bool peer::take_messages(connection& from) {
     while (from.unread.size() >= 8) {
         const std::size_t length = u32_at(from.unread, 0);

@@ -1,7 +1,7 @@
-// A daemon on a thread of its own that answers everything at once and by rule: registrations and requests
-// with success, queries with values made of what was asked, so that an answer to an earlier question is
-// noticed. What it reads must be whole messages that their items fill exactly; it closes a connection that
-// sends anything else, and one that does not register within half a second, as a daemon does.
+// A daemon on its own thread that answers everything at once and by rule: registrations and requests with
+// success, queries with values derived from the query, so that an answer to another query is noticed. It
+// accepts only whole messages that their items fill exactly; it closes a connection that sends anything else,
+// and, like a real daemon, one that does not register within half a second.
 #pragma once
 
 #include <chrono>
@@ -25,7 +25,7 @@ class peer {
     peer(const peer&) = delete;
     peer& operator=(const peer&) = delete;
 
-    // Sends the items as one message on the asynchronous connection; nothing when there is none.
+    // Sends the items as one message on the asynchronous connection, if there is one.
     void send(std::vector<test::bytes> items);
     // Ends all connections and refuses new ones for a while; returns when it listens again.
     void restart();
@@ -35,7 +35,7 @@ class peer {
     [[nodiscard]] unsigned arrived(std::uint16_t type);
     // How often the service's result for this call id has arrived.
     [[nodiscard]] unsigned service_results(std::uint32_t call_id);
-    // Connections that were closed for what they sent.
+    // Connections that were closed because of what they sent.
     [[nodiscard]] unsigned malformed();
 
   private:
@@ -61,7 +61,7 @@ class peer {
     std::string path_;
     int listener_ = -1;
     int wake_[2] = {-1, -1};
-    std::deque<connection> connections_;  // the thread's
+    std::deque<connection> connections_;  // used by the thread only
     std::mutex mutex_;
     std::vector<std::vector<test::bytes>> waiting_;
     bool restarting_ = false;
@@ -73,7 +73,7 @@ class peer {
     std::thread thread_;
 };
 
-// The answers that the daemon makes of a question.
+// The answers that the daemon derives from a query.
 std::uint32_t address_of(const std::uint8_t* mac);
 std::uint32_t count_of(std::uint32_t key);
 std::uint64_t counter_of(std::uint32_t acl_id, std::uint64_t ace);

@@ -132,7 +132,7 @@ const request g_requests[] = {
     REQUEST(scc_ace_reset_counter(&g_key, 1, id)),
 };
 
-// Makes the request; its call id when it was accepted, otherwise 0.
+// Makes the request; returns its call id if it was accepted, otherwise 0.
 std::uint32_t ask(const char* name, const std::function<result(std::uint32_t*)>& call) {
     std::uint32_t call_id = 0;
     if (attempt(name, [&] { return call(&call_id); }) != 0) {
@@ -153,7 +153,7 @@ void ask_everything() {
     }
 }
 
-// More than a batch holds.
+// More requests than fit into a batch.
 void ask_a_burst() {
     std::vector<std::uint32_t> calls;
     for (int i = 0; i < 40; ++i) {
@@ -183,7 +183,7 @@ void switch_log_on() {
     the_daemon().send({item_bytes(206, wire().zeros(24).u32(1).zeros(4).u32(1).zeros(4))});
 }
 
-// ---- what the daemon says to an application --------------------------------------------------------
+// ---- notifications ---------------------------------------------------------------------------------
 
 void hear_notifications() {
     const std::vector<bytes> items = {
@@ -220,7 +220,7 @@ void answer_the_daemon() {
     }
 }
 
-// Longer than the receiving buffer, so that its body is read apart.
+// Longer than the receive buffer, so that its body is read separately.
 void hear_a_long_message() {
     const unsigned before = notifications();
     the_daemon().send({item_bytes(999, wire().zeros(40000)), item_bytes(214, wire().zeros(4).u32(1))});
@@ -369,7 +369,7 @@ void prepare_application(bool loop, std::uint8_t option) {
     }
 }
 
-// A start may fail; so may the one after it, but not without a fault.
+// A start may fail, and so may the next one, but not without a fault.
 void start_application() {
     for (int tries = 0; tries < 3 && !g_started; ++tries) {
         attempt("registration", register_application);
@@ -393,7 +393,7 @@ void restart_daemon() {
     wait_for("registration with the new daemon", is_registered);
 }
 
-// A short second life, in which what the first one left is met.
+// A short second registration, which meets whatever the first one left.
 void live_again() {
     end_application();
     start_application();
@@ -429,7 +429,7 @@ scc_ace_record ace_with(std::uint32_t number) {
     return ace;
 }
 
-// In order, out of order, and more of them than the first index holds.
+// ACEs in order and out of order, and more ACLs than fit into the first index.
 void fill_cache(std::uint32_t first) {
     for (std::uint32_t acl = first; acl < first + 3; ++acl) {
         const scc_acl_key key = key_of(acl);
@@ -532,7 +532,7 @@ void prove_cache() {
 // A start that finds no memory for its batch succeeds; requests are then 12 until the next start.
 bool has_batch() {
     result outcome = 0;
-    // The connection may be lost once more when the fault struck late.
+    // The connection may be lost once more if the fault struck late.
     wait_for("a command that is taken", [&outcome] {
         outcome = timed("scc_test_cmd_set", [] { return scc_test_cmd_set(1); });
         return outcome == 0 || outcome == 12;
@@ -540,8 +540,7 @@ bool has_batch() {
     return outcome != 12;
 }
 
-// An event loop's connection on which a read failed for the moment is not read any more until the daemon
-// ends it.
+// After a transient read error, an event loop does not read the connection until the daemon ends it.
 bool works_or_needs_a_new_daemon() {
     if (wait_at_most(3000, does_a_request_soon)) {
         return true;
@@ -563,7 +562,7 @@ void prove_application() {
         require("unregistration", unregister_application);
         require("registration", register_application);
     }
-    // What the fault has broken may be noticed only now, so a first success is not taken for the end of it.
+    // Damage by the fault may be noticed only now, so one success does not prove recovery.
     for (int proven = 0; proven < 2; ++proven) {
         if (!works_or_needs_a_new_daemon()) {
             return;
@@ -668,7 +667,7 @@ std::uint32_t g_last_operation = 1000;
 struct operation {
     std::uint16_t type;
     std::size_t value_bytes;
-    std::size_t flag_offset;  // a word that is set to flag
+    std::size_t flag_offset;  // of the word that is set to flag
     std::uint32_t flag;
 };
 
@@ -829,7 +828,7 @@ std::string names_of(const char* directory) {
 constexpr int leftover_bound_ms = 60000;
 
 void check_nothing_is_left(const scenario& one, unsigned descriptors, int blocks_left) {
-    const unsigned threads = 2 + one.threads_left;  // this one and the one that watches calls
+    const unsigned threads = 2 + one.threads_left;  // this one and the watchdog of the calls
     if (!wait_at_most(leftover_bound_ms, [&] { return entries_of("/proc/self/task") == threads; })) {
         complain(std::to_string(entries_of("/proc/self/task")) + " threads, expected " +
                  std::to_string(threads));

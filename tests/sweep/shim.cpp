@@ -58,7 +58,7 @@ struct verdict {
     int error = 0;
 };
 
-// What becomes of the call. errno stays as it is.
+// Decides the outcome of the call. Leaves errno alone.
 verdict pass(const char* call, const void* from) {
     const int kept = errno;
     const auto site =
@@ -90,7 +90,7 @@ verdict pass(const char* call, const void* from) {
     return out;
 }
 
-// Whether the call fails; errno is then set.
+// Whether the call fails; if so, sets errno.
 bool fails(const char* call, const void* from) {
     const verdict out = pass(call, from);
     if (out.fails) {
@@ -131,7 +131,7 @@ void sleep_us(long microseconds) {
     nanosleep(&pause, nullptr);
 }
 
-// How much a transfer moves; -1 when it fails or ends instead, which result then says.
+// How much a transfer moves; -1 if it fails or ends instead, as `result` then says.
 ssize_t transfer_length(const verdict& out, std::size_t length, ssize_t& result) {
     if (!out.fails) {
         return static_cast<ssize_t>(length);
@@ -305,7 +305,7 @@ FAILS_WITH_NULL(qx_thread*, qx_thread_add_write_withname,
                 (qx_thread_master * master, qx_thread_handler handler, void* arg, int fd, const char* name),
                 (master, handler, arg, fd, name))
 
-// The loop's timers count whole seconds, so theirs run at once.
+// The loop's timers count whole seconds, so they expire at once here.
 qx_thread* sweep_qx_thread_add_timer_withname(qx_thread_master* master, qx_thread_handler handler, void* arg,
                                               long seconds, const char* name) {
     return fails(NAME, CALLER)
@@ -327,7 +327,7 @@ int sweep_setsockopt(int fd, int level, int name, const void* value, socklen_t l
     return setsockopt(fd, level, name, value, length);
 }
 
-// Whoever is told that its peer has gone finds it gone in what follows, too.
+// After an error that reports a lost peer, the socket stays dead.
 ssize_t sweep_send(int fd, const void* bytes, size_t length, int flags) {
     ssize_t result = 0;
     const ssize_t moved = sweep::transfer_length(sweep::pass(NAME, CALLER), length, result);
@@ -362,7 +362,7 @@ int sweep_select(int count, fd_set* reading, fd_set* writing, fd_set* excepting,
     return select(count, reading, writing, excepting, &shorter);
 }
 
-// A sleep that fails is one that a signal ends at once.
+// A failing sleep is one that a signal ends at once.
 unsigned sweep_sleep(unsigned seconds) {
     if (fails(NAME, CALLER)) {
         return seconds;
@@ -382,7 +382,7 @@ int sweep_nanosleep(const timespec* wanted, timespec* left) {
     return 0;
 }
 
-// The kernel has closed the descriptor all the same.
+// Like the kernel, closes the descriptor even if it reports an error.
 int sweep_close(int fd) {
     if (fails(NAME, CALLER)) {
         const int error = errno;

@@ -1,10 +1,10 @@
-// The library's calls of the system, counted and made to fail. A copy of the static library has every such
-// call renamed to one of the functions in shim.cpp, so that only the library's own calls come here: those of
-// the driver and of its daemon go straight to the system. Any thread.
+// Counts the library's system calls and makes them fail. In a copy of the static library every such call is
+// renamed to one of the functions in shim.cpp, so only the library's own calls come here: those of the driver
+// and its daemon go straight to the system. Any thread may call.
 //
 // A call site is the place in the code that makes the call; a fault names the site and which of its calls
-// fails. Sites of one thread are counted apart from those of another, so a fault means the same call in
-// every run although the threads race.
+// fails. Calls are counted per site, so races between threads at different sites do not change which call a
+// fault means.
 #pragma once
 
 #include <atomic>
@@ -15,8 +15,8 @@
 
 namespace sweep {
 
-// The waits of the protocol (2 seconds, 3 seconds, 20 times 200 ms) are that much shorter, and never below
-// a millisecond.
+// The waits of the protocol (2 seconds, 3 seconds, 20 times 200 ms) are divided by this, but last at least a
+// millisecond.
 inline constexpr int time_factor = 50;
 
 enum class effect {
@@ -47,12 +47,12 @@ struct live_blocks {
     unsigned blocks;
 };
 
-// Before the first thread starts.
+// Must be called before the first thread starts.
 void arm(const fault& wanted);
-// Calls are counted, and the fault can be met, from here to end_faults.
+// Calls are counted, and the fault can strike, from here to end_faults.
 void begin_faults();
 void end_faults();
-// Ends the fault when it is one that strikes again and again.
+// Ends the fault if it affects more than one call.
 void end_lasting_fault();
 [[nodiscard]] bool is_met();
 
@@ -65,7 +65,7 @@ void end_lasting_fault();
 // Frees what the library handed out to its caller.
 void free_block(void* block);
 
-// Frees of what the library did not allocate, or had freed.
+// Frees of blocks that the library did not allocate, or had already freed.
 [[nodiscard]] unsigned strange_frees();
 
 }  // namespace sweep

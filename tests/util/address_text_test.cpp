@@ -10,7 +10,7 @@
 
 namespace {
 
-// A word as it travels: these bytes in this order.
+// A word on the wire: these bytes in this order.
 std::uint32_t network(std::uint8_t a, std::uint8_t b, std::uint8_t c, std::uint8_t d) {
     return test::u32_at({a, b, c, d}, 0);
 }

@@ -1,4 +1,4 @@
-// The table that grows with what it holds: oldest first under equal keys, before and after growing.
+// The table that grows with its contents: oldest first under equal keys, before and after growing.
 #include "util/bucket_table.h"
 
 #include <gtest/gtest.h>
@@ -38,7 +38,7 @@ class BucketTable : public ::testing::Test {
         table.insert(&fresh.link);
     }
 
-    std::vector<entry> entries;  // outlives what the table holds of it
+    std::vector<entry> entries;  // outlives the table's links to it
     scc::bucket_table<hash_of, 4> table;
 };
 

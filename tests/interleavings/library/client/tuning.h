@@ -1,5 +1,5 @@
-// The library's tuning with numbers so small that a program of a few operations fills the rings and the
-// queue. It is found before src/client/tuning.h. None of the numbers changes what the library does.
+// The library's tuning with numbers so small that a few operations fill the rings and the queue. The compiler
+// finds this file before src/client/tuning.h. None of the numbers changes what the library does.
 #pragma once
 
 #include <cstddef>
