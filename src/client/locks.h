@@ -56,20 +56,15 @@ class SCC_SCOPED_CAPABILITY write_guard {
     // already held and leaves the unlocking to its owner.
     explicit write_guard(const named_lock& lock) SCC_ACQUIRE(lock)
         : lock_(pthread_rwlock_wrlock(&lock.handle) == 0 ? &lock.handle : nullptr) {}
-    ~write_guard() SCC_RELEASE() { release_lock(); }
+    ~write_guard() SCC_RELEASE() {
+        if (lock_ != nullptr) {
+            pthread_rwlock_unlock(lock_);
+        }
+    }
     write_guard(const write_guard&) = delete;
     write_guard& operator=(const write_guard&) = delete;
 
-    void release() SCC_RELEASE() { release_lock(); }
-
   private:
-    void release_lock() {
-        if (lock_ != nullptr) {
-            pthread_rwlock_unlock(lock_);
-            lock_ = nullptr;
-        }
-    }
-
     pthread_rwlock_t* lock_;
 };
 

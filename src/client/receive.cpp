@@ -51,13 +51,7 @@ struct receiver {
 };
 
 // Waits for bytes of this registration's connection and reads them; fd is -1 when there is no socket.
-// Another registration may follow at any moment, and its bytes are not for this thread: the connection is
-// chosen before the registration is checked.
-u32 read_bytes(receiver& self, i32& fd) {
-    const u32 epoch = connection_epoch();
-    if (!is_current(self.generation)) {
-        return result::ok;
-    }
+u32 read_bytes(receiver& self, u32 epoch, i32& fd) {
     const borrowed_descriptor borrowed(channel::async, epoch);
     fd = borrowed.fd();
     if (fd < 0) {
@@ -112,7 +106,10 @@ u32 receive_once(receiver& self) {
         return result::peer_closed;
     }
     i32 fd = -1;
-    const u32 error = read_bytes(self, fd);
+    // Another registration may follow at any moment, and its bytes are not for this thread: the connection
+    // is chosen before the registration is checked.
+    const u32 epoch = connection_epoch();
+    const u32 error = is_current(self.generation) ? read_bytes(self, epoch, fd) : result::ok;
     if (error != result::ok) {
         return error;
     }
@@ -134,10 +131,8 @@ bool recover(u32 error, u32 generation) {
     if (!_scc_connect_should_reset(error)) {
         return true;
     }
-    if (!reset_connection(generation)) {
-        return false;
-    }
-    return _scc_lib_svr_rereg() || (is_current(generation) && app_id_now() != 0);
+    return reset_connection(generation) &&
+           (_scc_lib_svr_rereg() || (is_current(generation) && app_id_now() != 0));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // Reading ACLs back from the cache: only what the daemon confirmed, only with registration option 1.
 #include <future>
+#include <optional>
 
 #include "api/request_rows.h"
 #include "client/acl_cache.h"
@@ -199,13 +200,13 @@ TEST_F(AclCacheRead, GivesBothLocksBackOnEveryWayOut) {
 
 TEST_F(AclCacheRead, WaitsForTheCacheOnlyWhereItLooksIntoIt) {
     const auto refused_at_once = [](std::uint32_t code) {
-        scc::write_guard held(scc::acl_lock);
+        std::optional<scc::write_guard> held(std::in_place, scc::acl_lock);
         auto reading = std::async(std::launch::async, [] {
             scc_acl_key asked = key;
             return scc_acl_cls_get(&asked);
         });
         EXPECT_EQ(reading.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-        held.release();
+        held.reset();
         EXPECT_EQ(reading.get(), code);
     };
     refused_at_once(2004);

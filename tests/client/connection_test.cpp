@@ -273,6 +273,19 @@ TEST_F(Connection, ARefusalWithoutAHolderNamesNobody) {
     }));
 }
 
+TEST_F(Connection, ARefusalMayLeaveTheHolderOut) {
+    const test::debugging on;
+    begin();
+    daemon.accept_both();
+    (void)daemon.read_item(side::sync);
+    daemon.send_item(side::sync, 301, wire().u32(0).u32(2002));
+    EXPECT_TRUE(closes_silently(side::async));
+    daemon.accept_registration();
+    expect_first_status_is_one();
+    EXPECT_EQ(times_logged(who() + "reg action rejected by sccd!"), 1U);
+    EXPECT_EQ(times_logged("app id:7 already registered by pid:0!"), 0U);
+}
+
 TEST_F(Connection, ARefusalOnTheAsyncSocketClosesBothAndRemovesTheFiles) {
     begin();
     daemon.accept_both();

@@ -169,11 +169,11 @@ TEST_F(Locks, OfTheLibraryIsTakenByQueriesAndByTheUnregistration) {
 
 TEST_F(Locks, OfTheLibraryIsKeptByARequestUntilItsValueIsInTheBatch) {
     start();
-    scc::write_guard sending(scc::batch_lock);
+    std::optional<scc::write_guard> sending(std::in_place, scc::batch_lock);
     std::thread aside([] { EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 0U); });
     EXPECT_TRUE(test::eventually([] { return test::is_waited_for(scc_send_buf_lock); }));
     EXPECT_FALSE(is_free(scc_lib_lock));
-    sending.release();
+    sending.reset();
     aside.join();
     EXPECT_TRUE(is_free(scc_lib_lock));
 }
@@ -184,11 +184,11 @@ TEST_F(Locks, OfTheCallsIsTakenByResultsAndByWhateverDropsCalls) {
     };
     start();
     ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
-    scc::write_guard calls(scc::calls_lock);
+    std::optional<scc::write_guard> calls(std::in_place, scc::calls_lock);
     daemon.send_result(1, 2014);
     EXPECT_TRUE(test::eventually([] { return test::is_waited_for(scc_call_data_lock); }));
     EXPECT_EQ(results().size(), 0U) << "the call was found without the lock";
-    calls.release();
+    calls.reset();
     EXPECT_EQ(results().wait(), 2014U);
     test::expect_waits_for(scc_call_data_lock, [] { _scc_lib_del_call_data(4000); });
     test::expect_waits_for(scc_call_data_lock, [] { _scc_lib_data_free(); });
