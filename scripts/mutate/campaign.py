@@ -1,0 +1,251 @@
+"""Runs test cases against mutants: what each case reaches, then for each mutant the cases that reach it."""
+
+import concurrent.futures
+import json
+import os
+import re
+import select
+import shutil
+import signal
+import subprocess
+import threading
+import time
+
+from tree import IDS_PER_FILE, OUT, SUITES, TESTS
+
+SLOW_SECONDS = 2.5  # slower cases are used for survivors only
+FOLDERS = re.compile(r"^/tmp/scct-\w+$")
+
+
+def write_json(path, data):
+    beside = path.with_suffix(".new")
+    beside.write_text(json.dumps(data))
+    os.replace(beside, path)
+
+
+def read_json(path, otherwise):
+    return json.loads(path.read_text()) if path.exists() else otherwise
+
+
+def list_cases():
+    """Names of all cases, as suite executable:Suite.Case."""
+    cases = []
+    for executable in SUITES:
+        listed = subprocess.check_output([TESTS / executable, "--gtest_list_tests"], text=True)
+        suite = ""
+        for line in listed.splitlines():
+            name = line.split("#")[0].rstrip()
+            if name.startswith("  "):
+                if "DISABLED_" not in suite + name:
+                    cases.append(f"{executable}:{suite}{name.strip()}")
+            elif name.endswith("."):
+                suite = name
+    return cases
+
+
+def starved_seconds(pid):
+    """How long the threads of a process have been ready to run without a processor."""
+    total = 0
+    try:
+        for task in os.listdir(f"/proc/{pid}/task"):
+            with open(f"/proc/{pid}/task/{task}/schedstat") as file:
+                total += int(file.read().split()[1])
+    except (OSError, IndexError):
+        pass
+    return total / 1e9
+
+
+def run_case(case, worker, timeout, mutant=None, reached=None):
+    """Returns (outcome, seconds); the outcome is "passed", "failed" or "time-out"."""
+    executable, name = case.split(":", 1)
+    folders = OUT / "work" / f"folders-{worker}"
+    environment = dict(os.environ, SCC_MUTANT_FOLDERS=str(folders))
+    if mutant is not None:
+        environment["SCC_MUTANT"] = str(mutant)
+    if reached is not None:
+        environment["SCC_MUTANT_REACHED"] = str(reached)
+    started = time.monotonic()
+    process = subprocess.Popen([TESTS / executable, f"--gtest_filter={name}"], env=environment,
+                               stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                               start_new_session=True, cwd=OUT / "work")
+    ended = os.pidfd_open(process.pid)
+    try:
+        poll = select.poll()
+        poll.register(ended, select.POLLIN)
+        in_time, starved, left = False, 0.0, timeout
+        while not in_time and left > 0:
+            in_time = bool(poll.poll(int(left * 1000) + 1))
+            starved = max(starved, starved_seconds(process.pid))
+            left = started + timeout + starved - time.monotonic()
+    finally:
+        os.close(ended)
+    seconds = time.monotonic() - started
+    try:
+        os.killpg(process.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+    status = process.wait()
+    outcome = "time-out" if not in_time else "passed" if status == 0 else "failed"
+    if outcome != "passed" and folders.exists():
+        for folder in folders.read_text().splitlines():
+            if FOLDERS.match(folder):
+                shutil.rmtree(folder, ignore_errors=True)
+    folders.unlink(missing_ok=True)
+    return outcome, seconds
+
+
+class Workers:
+    """Runs jobs in threads; each has a number of its own for its files."""
+
+    def __init__(self, count):
+        (OUT / "work").mkdir(parents=True, exist_ok=True)
+        self.count = count
+        self.numbers = list(range(count))
+        self.lock = threading.Lock()
+
+    def __call__(self, function, jobs, progress, stop):
+        def one(job):
+            if stop():
+                return
+            with self.lock:
+                worker = self.numbers.pop()
+            try:
+                function(job, worker)
+            finally:
+                with self.lock:
+                    self.numbers.append(worker)
+                    progress()
+
+        with concurrent.futures.ThreadPoolExecutor(self.count) as pool:
+            list(pool.map(one, jobs))
+
+
+class Campaign:
+    def __init__(self, mutants, workers, deadline=None):
+        self.mutants = mutants
+        self.workers = Workers(workers)
+        self.deadline = deadline
+        self.lock = threading.Lock()
+        self.results = read_json(OUT / "results.json", {})
+        self.killers = {}
+        self.saved = time.monotonic()
+        for mutant in mutants:
+            known = self.results.get(mutant["name"])
+            if known is not None and known["digest"] != mutant["digest"]:
+                del self.results[mutant["name"]]
+
+    def stopped(self):
+        return self.deadline is not None and time.monotonic() > self.deadline
+
+    def save(self, now=False):
+        if now or time.monotonic() - self.saved > 10:
+            write_json(OUT / "results.json", self.results)
+            self.saved = time.monotonic()
+
+    # What each case reaches, and how long it takes.
+
+    def measure(self):
+        mark = [[m["id"], m["name"]] for m in self.mutants]
+        known = read_json(OUT / "cases.json", {})
+        cases = known["cases"] if known.get("mutants") == mark else {}
+        listed = list_cases()
+        self.cases = {name: cases[name] for name in listed if name in cases}
+        missing = [name for name in listed if name not in cases]
+        size = max(m["id"] for m in self.mutants) + IDS_PER_FILE
+
+        def one(case, worker):
+            reached = OUT / "work" / f"reached-{worker}"
+            reached.write_bytes(bytes(size))
+            outcome, seconds = run_case(case, worker, 300, reached=reached)
+            sites = [found.start() for found in re.finditer(rb"\x01", reached.read_bytes())]
+            self.cases[case] = {"seconds": seconds, "reached": sites, "passed": outcome == "passed"}
+
+        def save_cases():
+            if time.monotonic() - self.saved > 10:
+                write_json(OUT / "cases.json", {"mutants": mark, "cases": self.cases})
+                self.saved = time.monotonic()
+
+        if missing:
+            print(f"measuring {len(missing)} test cases", flush=True)
+            self.workers(one, missing, save_cases, self.stopped)
+            write_json(OUT / "cases.json", {"mutants": mark, "cases": self.cases})
+        unfit = [name for name, case in self.cases.items() if not case["passed"]]
+        for name in unfit:
+            print(f"left out, because it fails without a mutant: {name}")
+            del self.cases[name]
+        self.by_site = {}
+        for name, case in self.cases.items():
+            for site in case["reached"]:
+                self.by_site.setdefault(site, []).append(name)
+
+    # The mutants.
+
+    def order(self, mutant, slow):
+        """Cases that reach the mutant: those that found its neighbours, then the fast and specific ones."""
+        names = [name for name in self.by_site.get(mutant["site"], []) if slow or self.cases[name]["seconds"] <= SLOW_SECONDS]
+        module = mutant["file"].split("/")[0]
+        topic = re.sub(r"\W|_", "", mutant["file"].split("/")[-1].rsplit(".", 1)[0]).lower()
+
+        def cost(name):
+            case = self.cases[name]
+            executable, test = name.split(":", 1)
+            factor = 1.0 if executable == f"{module}_tests" else 2.0
+            if test.lower().startswith(topic):
+                factor /= 2
+            return factor * (case["seconds"] + 0.02 + len(case["reached"]) / 20000)
+
+        names.sort(key=cost)
+        first = [name for name in self.killers.get((mutant["file"], mutant["function"]), []) if name in set(names)][:4]
+        return first + [name for name in names if name not in first]
+
+    def try_one(self, mutant, worker, cap, slow):
+        known = self.results.get(mutant["name"])
+        tried = set(known["tried"]) if known else set()
+        result = {"status": "survived", "digest": mutant["digest"], "tried": sorted(tried)}
+        for name in self.order(mutant, slow):
+            if name in tried:
+                continue
+            if len(tried) >= cap:
+                break
+            if self.stopped():
+                return
+            outcome, _ = run_case(name, worker, self.cases[name]["seconds"] * 10 + 2, mutant=mutant["id"])
+            tried.add(name)
+            if outcome != "passed":
+                result = {"status": outcome, "digest": mutant["digest"], "by": name}
+                break
+        else:
+            pass
+        if result["status"] == "survived":
+            result["tried"] = sorted(tried)
+        with self.lock:
+            self.results[mutant["name"]] = result
+            if "by" in result:
+                killers = self.killers.setdefault((mutant["file"], mutant["function"]), [])
+                if result["by"] in killers:
+                    killers.remove(result["by"])
+                killers.insert(0, result["by"])
+            self.save()
+
+    def run(self, chosen, cap, slow, label):
+        open_ones = [m for m in chosen if self.results.get(m["name"], {"status": "survived"})["status"] == "survived"
+                     and self.has_more(m, cap, slow)]
+        if not open_ones:
+            return
+        done = [0]
+        began = time.monotonic()
+
+        def progress():
+            done[0] += 1
+            if done[0] % 100 == 0 or done[0] == len(open_ones):
+                print(f"{label}: {done[0]} of {len(open_ones)} mutants, {time.monotonic() - began:.0f} s", flush=True)
+
+        self.workers(lambda mutant, worker: self.try_one(mutant, worker, cap, slow), open_ones, progress, self.stopped)
+        self.save(now=True)
+
+    def has_more(self, mutant, cap, slow):
+        known = self.results.get(mutant["name"])
+        if known is None:
+            return True
+        tried = set(known["tried"])
+        return len(tried) < cap and any(name not in tried for name in self.order(mutant, slow))
