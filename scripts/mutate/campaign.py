@@ -55,43 +55,81 @@ def starved_seconds(pid):
     return total / 1e9
 
 
-def run_case(case, worker, timeout, mutant=None, reached=None):
-    """Returns (outcome, seconds); the outcome is "passed", "failed" or "time-out"."""
-    executable, name = case.split(":", 1)
-    folders = OUT / "work" / f"folders-{worker}"
-    environment = dict(os.environ, SCC_MUTANT_FOLDERS=str(folders))
-    if mutant is not None:
-        environment["SCC_MUTANT"] = str(mutant)
-    if reached is not None:
-        environment["SCC_MUTANT_REACHED"] = str(reached)
-    started = time.monotonic()
-    process = subprocess.Popen([TESTS / executable, f"--gtest_filter={name}"], env=environment,
-                               stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                               start_new_session=True, cwd=OUT / "work")
-    ended = os.pidfd_open(process.pid)
-    try:
-        poll = select.poll()
-        poll.register(ended, select.POLLIN)
-        in_time, starved, left = False, 0.0, timeout
-        while not in_time and left > 0:
-            in_time = bool(poll.poll(int(left * 1000) + 1))
-            starved = max(starved, starved_seconds(process.pid))
-            left = started + timeout + starved - time.monotonic()
-    finally:
-        os.close(ended)
-    seconds = time.monotonic() - started
-    try:
-        os.killpg(process.pid, signal.SIGKILL)
-    except ProcessLookupError:
-        pass
-    status = process.wait()
-    outcome = "time-out" if not in_time else "passed" if status == 0 else "failed"
-    if outcome != "passed" and folders.exists():
-        for folder in folders.read_text().splitlines():
-            if FOLDERS.match(folder):
-                shutil.rmtree(folder, ignore_errors=True)
-    folders.unlink(missing_ok=True)
-    return outcome, seconds
+class Server:
+    """One started test program, which runs each case in a process of its own."""
+
+    def __init__(self, executable, folders):
+        read_requests, self.requests = os.pipe()
+        self.answers, write_answers = os.pipe()
+        environment = dict(os.environ, SCC_MUTANT_FOLDERS=str(folders),
+                           SCC_MUTANT_SERVER=f"{read_requests},{write_answers}")
+        self.process = subprocess.Popen([TESTS / executable], env=environment, pass_fds=(read_requests, write_answers),
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                        start_new_session=True, cwd=OUT / "work")
+        os.close(read_requests)
+        os.close(write_answers)
+        self.text = b""
+
+    def number(self, seconds):
+        """The next number that the program tells, or None when the time is over first."""
+        while b"\n" not in self.text:
+            poll = select.poll()
+            poll.register(self.answers, select.POLLIN)
+            if not poll.poll(max(0, int(seconds * 1000) + 1)):
+                return None
+            more = os.read(self.answers, 100)
+            if not more:
+                raise RuntimeError("a test program ended by itself")
+            self.text += more
+        line, self.text = self.text.split(b"\n", 1)
+        return int(line)
+
+    def run(self, name, timeout, mutant, reached):
+        os.write(self.requests, f"{'-' if mutant is None else mutant} {reached or '-'} {name}\n".encode())
+        child = self.number(600)
+        started = time.monotonic()
+        status, starved, left = None, 0.0, timeout
+        while status is None and left > 0:
+            status = self.number(left)
+            if status is None:
+                # A process that waits for a processor does not hang.
+                starved = max(starved, starved_seconds(child))
+                left = started + timeout + starved - time.monotonic()
+        seconds = time.monotonic() - started
+        if status is not None:
+            return ("passed" if status == 0 else "failed"), seconds
+        os.killpg(child, signal.SIGKILL)
+        self.number(600)
+        return "time-out", seconds
+
+    def close(self):
+        os.close(self.requests)
+        os.close(self.answers)
+        self.process.wait()
+
+
+class Worker:
+    def __init__(self, number):
+        self.folders = OUT / "work" / f"folders-{number}"
+        self.reached = OUT / "work" / f"reached-{number}"
+        self.servers = {}
+
+    def run(self, case, timeout, mutant=None, reached=None):
+        """Returns (outcome, seconds); the outcome is "passed", "failed" or "time-out"."""
+        executable, name = case.split(":", 1)
+        if executable not in self.servers:
+            self.servers[executable] = Server(executable, self.folders)
+        outcome = self.servers[executable].run(name, timeout, mutant, reached)
+        if outcome[0] != "passed" and self.folders.exists():
+            for folder in self.folders.read_text().splitlines():
+                if FOLDERS.match(folder):
+                    shutil.rmtree(folder, ignore_errors=True)
+        self.folders.unlink(missing_ok=True)
+        return outcome
+
+    def close(self):
+        for server in self.servers.values():
+            server.close()
 
 
 class Workers:
@@ -100,7 +138,7 @@ class Workers:
     def __init__(self, count):
         (OUT / "work").mkdir(parents=True, exist_ok=True)
         self.count = count
-        self.numbers = list(range(count))
+        self.idle = [Worker(number) for number in range(count)]
         self.lock = threading.Lock()
 
     def __call__(self, function, jobs, progress, stop):
@@ -108,16 +146,20 @@ class Workers:
             if stop():
                 return
             with self.lock:
-                worker = self.numbers.pop()
+                worker = self.idle.pop()
             try:
                 function(job, worker)
             finally:
                 with self.lock:
-                    self.numbers.append(worker)
+                    self.idle.append(worker)
                     progress()
 
         with concurrent.futures.ThreadPoolExecutor(self.count) as pool:
             list(pool.map(one, jobs))
+
+    def close(self):
+        for worker in self.idle:
+            worker.close()
 
 
 class Campaign:
@@ -154,10 +196,9 @@ class Campaign:
         size = max(m["id"] for m in self.mutants) + IDS_PER_FILE
 
         def one(case, worker):
-            reached = OUT / "work" / f"reached-{worker}"
-            reached.write_bytes(bytes(size))
-            outcome, seconds = run_case(case, worker, 300, reached=reached)
-            sites = [found.start() for found in re.finditer(rb"\x01", reached.read_bytes())]
+            worker.reached.write_bytes(bytes(size))
+            outcome, seconds = worker.run(case, 300, reached=worker.reached)
+            sites = [found.start() for found in re.finditer(rb"\x01", worker.reached.read_bytes())]
             self.cases[case] = {"seconds": seconds, "reached": sites, "passed": outcome == "passed"}
 
         def save_cases():
@@ -209,7 +250,7 @@ class Campaign:
                 break
             if self.stopped():
                 return
-            outcome, _ = run_case(name, worker, self.cases[name]["seconds"] * 10 + 2, mutant=mutant["id"])
+            outcome, _ = worker.run(name, self.cases[name]["seconds"] * 10 + 2, mutant=mutant["id"])
             tried.add(name)
             if outcome != "passed":
                 result = {"status": outcome, "digest": mutant["digest"], "by": name}

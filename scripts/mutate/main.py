@@ -34,7 +34,7 @@ def chosen_mutants(mutants, files):
     if not files:
         return mutants
     labels = [os.path.relpath(Path(file).resolve(), tree.ROOT / "src") for file in files]
-    chosen = [m for m in mutants if any(m["file"] == label or m["file"].startswith(label + "/") for label in labels)]
+    chosen = [m for label in labels for m in mutants if m["file"] == label or m["file"].startswith(label + "/")]
     if not chosen:
         sys.exit("no mutants in " + " ".join(files))
     return chosen
@@ -112,9 +112,9 @@ def main():
     parser.add_argument("--fresh", action="store_true", help="forget all results")
     parser.add_argument("--report", action="store_true", help="only print what earlier runs found")
     options = parser.parse_args()
-    os.nice(10)
     equivalents = read_equivalents()
     mutants, skipped = tree.prepare(jobs)
+    os.nice(10)
     chosen = chosen_mutants(mutants, options.files)
     if options.fresh or options.again:
         (tree.OUT / "cases.json").unlink(missing_ok=True)
@@ -129,6 +129,7 @@ def main():
         tried = [m for m in chosen if m["name"] not in equivalents]
         run.run(tried, options.cap, False, "first pass")
         run.run(tried, options.survivor_cap, True, "survivors")
+    run.workers.close()
     score, contradicted = report(run, chosen, skipped, equivalents, not options.files)
     print(f"score: {score:.2f} %")
     sys.exit(1 if contradicted or score < options.least else 0)

@@ -107,7 +107,7 @@ int main() { std::printf("%d %d %d", size(4, 1), size(0, 2), size(3, 7)); }
         (folder / "sample.cpp").write_bytes(cls.result.text)
         cls.program = folder / "sample"
         subprocess.run(["g++", "-std=c++20", "-w", "-include", HERE / "mutate.h", folder / "sample.cpp",
-                        HERE / "runtime.cpp", "-o", cls.program], check=True)
+                        HERE / "runtime.cpp", "-Wl,--wrap=main", "-o", cls.program], check=True)
 
     @classmethod
     def tearDownClass(cls):

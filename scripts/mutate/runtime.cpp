@@ -1,14 +1,20 @@
-// Linked with a mutated copy of the library. Runs before main:
-//   SCC_MUTANT=id           takes that alternative, with bounds on what a mutant may use up
-//   SCC_MUTANT_REACHED=file maps the file, whose bytes are the identifiers
-//   SCC_MUTANT_FOLDERS=file appends the temporary folders that the process makes, for whoever kills it
+// Linked with a mutated copy of the library. In the environment:
+//   SCC_MUTANT=id               takes that alternative, with bounds on what a mutant may use up
+//   SCC_MUTANT_REACHED=file     maps the file, whose bytes are the identifiers
+//   SCC_MUTANT_FOLDERS=file     appends the temporary folders that the process makes, for whoever kills it
+//   SCC_MUTANT_SERVER=from,to   runs one test case in a process of its own for each line that is read from a descriptor,
+//                               so that starting the program is paid for once
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -51,7 +57,53 @@ void bound(int what, rlim_t most) {
 }  // namespace
 }  // namespace mutate
 
-extern "C" char* mkdtemp(char* name) {
+extern "C" {
+
+[[gnu::weak]] int __real_main(int count, char** arguments);
+
+// A request is "mutant reached filter", with - for none; the answers are the child's identifier and its wait status.
+int __wrap_main(int count, char** arguments) {
+    int from = -1;
+    int to = -1;
+    const char* server = std::getenv("SCC_MUTANT_SERVER");
+    if (server == nullptr || std::sscanf(server, "%d,%d", &from, &to) != 2) {
+        return __real_main(count, arguments);
+    }
+    unsetenv("SCC_MUTANT_SERVER");
+    FILE* requests = fdopen(from, "r");
+    static char mutant[32];
+    static char reached[512];
+    static char filter[1024] = "--gtest_filter=";
+    const std::size_t prefix = std::strlen(filter);
+    while (std::fscanf(requests, "%31s %511s %1000s", mutant, reached, filter + prefix) == 3) {
+        const pid_t child = fork();
+        if (child == 0) {
+            setpgid(0, 0);
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            close(from);
+            close(to);
+            if (*mutant != '-') {
+                setenv("SCC_MUTANT", mutant, 1);
+            }
+            if (*reached != '-') {
+                setenv("SCC_MUTANT_REACHED", reached, 1);
+            }
+            mutate::read_environment();
+            unsetenv("SCC_MUTANT_REACHED");
+            char* own[] = {arguments[0], filter, nullptr};
+            std::exit(__real_main(2, own));
+        }
+        setpgid(child, child);
+        dprintf(to, "%d\n", child);
+        int status = 0;
+        waitpid(child, &status, 0);
+        kill(-child, SIGKILL);
+        dprintf(to, "%d\n", status);
+    }
+    return 0;
+}
+
+char* mkdtemp(char* name) {
     using function = char* (*)(char*);
     static const auto system_mkdtemp = reinterpret_cast<function>(dlsym(RTLD_NEXT, "mkdtemp"));
     char* made = system_mkdtemp(name);
@@ -65,4 +117,5 @@ extern "C" char* mkdtemp(char* name) {
         }
     }
     return made;
+}
 }

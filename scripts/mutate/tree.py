@@ -128,23 +128,19 @@ def link_suites(jobs):
         subprocess.run(["cmake", "--preset", "debug"], cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
     subprocess.run(["cmake", "--build", DEBUG, "--parallel", str(jobs), "--target", *LINKED, "--", "--quiet"], check=True)
     library = BUILD / "src" / "libscclib.a"
-    for suite in LINKED:
-        program, linked = TESTS / suite, DEBUG / "tests" / suite
+    for suite in SUITES:
+        tree = BUILD if suite in COMPILED else DEBUG
+        program, linked = TESTS / suite, tree / "tests" / suite
         program.parent.mkdir(parents=True, exist_ok=True)
         if program.exists() and program.stat().st_mtime > max(library.stat().st_mtime, linked.stat().st_mtime):
             continue
-        commands = subprocess.check_output(["ninja", "-C", DEBUG, "-t", "commands", "-s", f"tests/{suite}"], text=True)
+        commands = subprocess.check_output(["ninja", "-C", tree, "-t", "commands", "-s", f"tests/{suite}"], text=True)
         command = next(part for part in commands.splitlines()[-1].split("&&") if f"-o tests/{suite}" in part)
-        words = shlex.split(command)
-        words = [str(library) if word.endswith("libscclib.a") else word for word in words]
+        words = [str(library) if word.endswith("libscclib.a") else word for word in shlex.split(command)]
         words[words.index(f"tests/{suite}")] = str(program)
         first = next(index for index, word in enumerate(words) if word.endswith(".o"))
-        words[first:first] = ["-Wl,--whole-archive", str(library), "-Wl,--no-whole-archive"]
-        subprocess.run(words, cwd=DEBUG, check=True)
-    for suite in COMPILED:
-        link = TESTS / suite
-        if not link.is_symlink():
-            link.symlink_to(BUILD / "tests" / suite)
+        words[first:first] = ["-Wl,--wrap=main", "-Wl,--undefined=main", "-Wl,--whole-archive", str(library), "-Wl,--no-whole-archive"]
+        subprocess.run(words, cwd=tree, check=True)
 
 
 def culprits(log, mutants):
