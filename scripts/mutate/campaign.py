@@ -1,6 +1,7 @@
 """Runs test cases against mutants: what each case reaches, then for each mutant the cases that reach it."""
 
 import concurrent.futures
+import hashlib
 import json
 import os
 import re
@@ -175,6 +176,10 @@ class Campaign:
             known = self.results.get(mutant["name"])
             if known is not None and known["digest"] != mutant["digest"]:
                 del self.results[mutant["name"]]
+            elif known is not None and "by" in known:
+                killers = self.killers.setdefault((mutant["file"], mutant["function"]), [])
+                if known["by"] not in killers:
+                    killers.insert(0, known["by"])
 
     def stopped(self):
         return self.deadline is not None and time.monotonic() > self.deadline
@@ -187,9 +192,15 @@ class Campaign:
     # What each case reaches, and how long it takes.
 
     def measure(self):
-        mark = [[m["id"], m["name"]] for m in self.mutants]
-        known = read_json(OUT / "cases.json", {})
-        cases = known["cases"] if known.get("mutants") == mark else {}
+        marks = {}  # what identifies the sites of each file
+        for mutant in self.mutants:
+            marks.setdefault(mutant["file"], hashlib.sha256()).update(f"{mutant['id']} {mutant['name']}\n".encode())
+        mark = {file: digest.hexdigest() for file, digest in marks.items()}
+        known = read_json(OUT / "cases.json", {"mutants": {}, "cases": {}})
+        changed = {mutant["id"] // IDS_PER_FILE for mutant in self.mutants
+                   if known["mutants"].get(mutant["file"]) != mark[mutant["file"]]}
+        cases = {name: case for name, case in known["cases"].items()
+                 if not any(site // IDS_PER_FILE in changed for site in case["reached"])}
         listed = list_cases()
         self.cases = {name: cases[name] for name in listed if name in cases}
         missing = [name for name in listed if name not in cases]
@@ -230,13 +241,13 @@ class Campaign:
         def cost(name):
             case = self.cases[name]
             executable, test = name.split(":", 1)
-            factor = 1.0 if executable == f"{module}_tests" else 2.0
-            if test.lower().startswith(topic):
-                factor /= 2
-            return factor * (case["seconds"] + 0.02 + len(case["reached"]) / 20000)
+            own = executable == f"{module}_tests" and test.lower().startswith(topic)
+            return not own, case["seconds"] + 0.02 + len(case["reached"]) / 20000 + (executable != f"{module}_tests")
 
         names.sort(key=cost)
-        first = [name for name in self.killers.get((mutant["file"], mutant["function"]), []) if name in set(names)][:4]
+        known = set(names)
+        killers = self.killers.get((mutant["file"], mutant["function"]), [])
+        first = [name for name in killers if name in known][:4]
         return first + [name for name in names if name not in first]
 
     def try_one(self, mutant, worker, cap, slow):
@@ -255,8 +266,6 @@ class Campaign:
             if outcome != "passed":
                 result = {"status": outcome, "digest": mutant["digest"], "by": name}
                 break
-        else:
-            pass
         if result["status"] == "survived":
             result["tried"] = sorted(tried)
         with self.lock:

@@ -85,7 +85,7 @@ def report(run, chosen, skipped, equivalents, whole):
             cases = len(run.by_site.get(mutant["site"], []))
             tried = len(run.results[mutant["name"]]["tried"])
             out.write(f"src/{mutant['file']}:{mutant['line']}: {mutant['function']}: {mutant['operator']} "
-                      f"({tried} of {cases} cases)\n- {mutant['before']}\n+ {mutant['after']}\n"
+                      f"({tried} of {cases} cases, SCC_MUTANT={mutant['id']})\n- {mutant['before']}\n+ {mutant['after']}\n"
                       f"= {mutant['name']}\n\n")
     print(f"survivors: {tree.OUT}/survivors.txt")
     for name in contradictions:

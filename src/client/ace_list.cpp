@@ -72,10 +72,6 @@ cached_ace* find_ace(cached_acl& acl, u32 sn) {
 
 void insert_in_order(cached_acl& acl, cached_ace* ace) {
     insert_before(acl, ace, first_where(acl, [sn = ace->record.sn](u32 other) { return other > sn; }));
-    list_node* next = ace->record.link.next;
-    if (next != &acl.aces && ace_of_link(next)->record.sn < ace->record.sn) {
-        acl.out_of_order = 1;
-    }
 }
 
 void free_ace(cached_acl& acl, cached_ace* ace) {
