@@ -170,16 +170,15 @@ class Campaign:
         self.deadline = deadline
         self.lock = threading.Lock()
         self.results = read_json(OUT / "results.json", {})
-        self.killers = {}
+        self.killers = {}  # cases that found mutants of a function, the latest first
+        self.killers_of_file = {}  # how many mutants of a file each case found
         self.saved = time.monotonic()
         for mutant in mutants:
             known = self.results.get(mutant["name"])
             if known is not None and known["digest"] != mutant["digest"]:
                 del self.results[mutant["name"]]
             elif known is not None and "by" in known:
-                killers = self.killers.setdefault((mutant["file"], mutant["function"]), [])
-                if known["by"] not in killers:
-                    killers.insert(0, known["by"])
+                self.learn(mutant, known["by"])
 
     def stopped(self):
         return self.deadline is not None and time.monotonic() > self.deadline
@@ -246,9 +245,20 @@ class Campaign:
 
         names.sort(key=cost)
         known = set(names)
-        killers = self.killers.get((mutant["file"], mutant["function"]), [])
-        first = [name for name in killers if name in known][:4]
-        return first + [name for name in names if name not in first]
+        with self.lock:
+            near = self.killers.get((mutant["file"], mutant["function"]), [])[:6]
+            of_file = sorted(self.killers_of_file.get(mutant["file"], {}).items(), key=lambda entry: -entry[1])[:20]
+        first = [name for name in dict.fromkeys([*near, *(name for name, _ in of_file)]) if name in known]
+        chosen = set(first)
+        return first + [name for name in names if name not in chosen]
+
+    def learn(self, mutant, case):
+        near = self.killers.setdefault((mutant["file"], mutant["function"]), [])
+        if case in near:
+            near.remove(case)
+        near.insert(0, case)
+        of_file = self.killers_of_file.setdefault(mutant["file"], {})
+        of_file[case] = of_file.get(case, 0) + 1
 
     def try_one(self, mutant, worker, cap, slow):
         known = self.results.get(mutant["name"])
@@ -271,10 +281,7 @@ class Campaign:
         with self.lock:
             self.results[mutant["name"]] = result
             if "by" in result:
-                killers = self.killers.setdefault((mutant["file"], mutant["function"]), [])
-                if result["by"] in killers:
-                    killers.remove(result["by"])
-                killers.insert(0, result["by"])
+                self.learn(mutant, result["by"])
             self.save()
 
     def run(self, chosen, cap, slow, label):
