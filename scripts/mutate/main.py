@@ -2,6 +2,7 @@
 
 import argparse
 import os
+import signal
 import sys
 import time
 from pathlib import Path
@@ -122,6 +123,8 @@ def main():
         (tree.OUT / "results.json").unlink(missing_ok=True)
     deadline = time.monotonic() + 60 * options.minutes if options.minutes else None
     run = campaign.Campaign(mutants, options.jobs, deadline)
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, lambda *_: setattr(run, "deadline", 0))
     if options.again:
         run.results = {name: result for name, result in run.results.items() if result["status"] != "survived"}
     run.measure()

@@ -5,12 +5,15 @@
 //   SCC_MUTANT_SERVER=from,to   runs one test case in a process of its own for each line that is read from a descriptor,
 //                               so that starting the program is paid for once
 #include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -95,6 +98,13 @@ int __wrap_main(int count, char** arguments) {
         }
         setpgid(child, child);
         dprintf(to, "%d\n", child);
+        pollfd waits[] = {{static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0}, {from, 0, 0}};
+        while (poll(waits, 2, -1) < 0 && errno == EINTR) {
+        }
+        if ((waits[1].revents & POLLHUP) != 0) {
+            kill(-child, SIGKILL);  // whoever asked is gone
+        }
+        close(waits[0].fd);
         int status = 0;
         waitpid(child, &status, 0);
         kill(-child, SIGKILL);
