@@ -99,7 +99,10 @@ class Server:
         seconds = time.monotonic() - started
         if status is not None:
             return ("passed" if status == 0 else "failed"), seconds
-        os.killpg(child, signal.SIGKILL)
+        try:
+            os.killpg(child, signal.SIGKILL)
+        except ProcessLookupError:
+            pass  # it ended at this moment
         self.number(600)
         return "time-out", seconds
 
@@ -114,6 +117,15 @@ class Worker:
         self.folders = OUT / "work" / f"folders-{number}"
         self.reached = OUT / "work" / f"reached-{number}"
         self.servers = {}
+        self.remove_folders()  # of a run that was killed
+
+    def remove_folders(self):
+        """Removes the temporary folders that processes of this worker have left."""
+        if self.folders.exists():
+            for folder in self.folders.read_text().splitlines():
+                if FOLDERS.match(folder):
+                    shutil.rmtree(folder, ignore_errors=True)
+            self.folders.unlink()
 
     def run(self, case, timeout, mutant=None, reached=None):
         """Returns (outcome, seconds); the outcome is "passed", "failed" or "time-out"."""
@@ -121,11 +133,7 @@ class Worker:
         if executable not in self.servers:
             self.servers[executable] = Server(executable, self.folders)
         outcome = self.servers[executable].run(name, timeout, mutant, reached)
-        if outcome[0] != "passed" and self.folders.exists():
-            for folder in self.folders.read_text().splitlines():
-                if FOLDERS.match(folder):
-                    shutil.rmtree(folder, ignore_errors=True)
-        self.folders.unlink(missing_ok=True)
+        self.remove_folders()
         return outcome
 
     def close(self):

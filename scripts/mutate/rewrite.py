@@ -92,6 +92,7 @@ class Context:
     function: str = ""
     digest: str = ""
     skip: str = ""  # why nothing below is mutated
+    compile_time: bool = False  # not even a lambda below runs later
     returns: object = None
 
 
@@ -213,7 +214,7 @@ class Rewriter:
             self.visit(child, node, below)
 
     def skipping(self, context, reason):
-        return Context(context.function, context.digest, context.skip or reason, context.returns)
+        return Context(context.function, context.digest, context.skip or reason, context.compile_time, context.returns)
 
     def context_for(self, node, parent, context):
         kind = node.kind
@@ -224,10 +225,12 @@ class Rewriter:
             if owner is not None and owner.kind in SCOPES:
                 name = f"{owner.spelling}::{name}"
             digest = hashlib.sha256(" ".join(self.text_of(node).split()).encode()).hexdigest()[:12]
-            skip = "constant expression" if re.search(r"\bconsteval\b", head) else ""
-            return Context(name, digest, skip, node.result_type)
+            compile_time = bool(re.search(r"\bconsteval\b", head))
+            return Context(name, digest, "constant expression" if compile_time else "", compile_time, node.result_type)
         if kind == Kind.LAMBDA_EXPR:
-            return Context(context.function or "lambda", context.digest, "", None)
+            if context.compile_time:
+                return context
+            return Context(context.function or "lambda", context.digest, "", False, None)
         if kind == Kind.VAR_DECL:
             line_start = self.source.rfind(b"\n", 0, node.extent.start.offset) + 1
             head = self.text(line_start, node.location.offset)
@@ -240,8 +243,13 @@ class Rewriter:
         if kind == Kind.FIELD_DECL or kind == Kind.PARM_DECL:
             return self.skipping(context, "default value")
         if kind in (Kind.STATIC_ASSERT, Kind.ENUM_DECL, Kind.CXX_UNARY_EXPR, Kind.TEMPLATE_NON_TYPE_PARAMETER,
-                    Kind.TYPE_ALIAS_DECL, Kind.TYPEDEF_DECL):
-            return self.skipping(context, "constant expression")
+                    Kind.TYPE_ALIAS_DECL, Kind.TYPEDEF_DECL, Kind.TEMPLATE_TYPE_PARAMETER,
+                    Kind.TEMPLATE_TEMPLATE_PARAMETER):
+            below = self.skipping(context, "constant expression")
+            below.compile_time = True
+            return below
+        if kind == Kind.CALL_EXPR and node.spelling == "__builtin_prefetch":
+            return self.skipping(context, "prefetch")
         return context
 
     def is_constant_place(self, node, child):
@@ -250,6 +258,8 @@ class Rewriter:
         if node.kind in (Kind.DECL_REF_EXPR, Kind.MEMBER_REF_EXPR, Kind.TYPE_REF, Kind.TEMPLATE_REF):
             return child.kind in (Kind.INTEGER_LITERAL, Kind.DECL_REF_EXPR, Kind.BINARY_OPERATOR, Kind.UNARY_OPERATOR,
                                   Kind.CXX_BOOL_LITERAL_EXPR) and self.range_of(child)[0] != self.range_of(node)[0]
+        if node.kind == Kind.VAR_DECL and self.range_of(child)[1] <= node.location.offset:
+            return True  # an argument of the type
         if node.kind in (Kind.VAR_DECL, Kind.CALL_EXPR, Kind.CXX_FUNCTIONAL_CAST_EXPR):
             before = self.source[: self.range_of(child)[0]].rstrip()
             if before.endswith(b"[") and node.kind == Kind.VAR_DECL:
@@ -583,6 +593,9 @@ class Rewriter:
             else:
                 continue
             if not re.match(rb"\s*;", self.source[end:]):
+                continue
+            if text.startswith("__builtin_prefetch"):
+                self.skip("prefetch")
                 continue
             short = " ".join(text.split())
             id = self.site(context, "statement", start, [(short + ";", ";")])

@@ -56,6 +56,14 @@ class Rewriting(unittest.TestCase):
         self.assertFalse([m for m in result.mutants if m.function == ""])
         self.assertGreaterEqual(result.skipped["constant expression"], 4)
 
+    def test_the_size_in_a_type_is_left_alone(self):
+        result = rewrite_text("template <int N> struct t { int a[N]; };\nint f() {\n    t<4> b{};\n    return b.a[0];\n}\n")
+        self.assertNotIn("t<5>", " ".join(m.after for m in result.mutants))
+
+    def test_a_lambda_in_a_static_assertion_is_left_alone(self):
+        result = rewrite_text("static_assert([](int a) { return a == 2; }(2));\n")
+        self.assertEqual(result.mutants, [])
+
     def test_a_lambda_in_a_constant_table_is_mutated(self):
         result = rewrite_text("constexpr auto row = [](int a) { return a - 2; };\nint f() { return row(5); }\n")
         self.assertIn(("a - 2", "a + 2"), changes(result, "arithmetic"))
