@@ -1,6 +1,6 @@
-// What a mutated copy of the library calls (rewrite.py inserts the calls). Each site has an identifier and one or more
-// alternatives: a process that runs with SCC_MUTANT=id of one of them takes it, all others do what was written.
-// Nothing changes while a constant is evaluated by the compiler.
+// What a mutated copy of the library calls (rewrite.py inserts the calls). Each site has an identifier and
+// one or more alternatives: a process that runs with SCC_MUTANT=id of one of them takes it, all others do
+// what was written. Nothing changes while a constant is evaluated by the compiler.
 #pragma once
 
 #if defined(__cplusplus) && __cplusplus > 201703L  // CMake tries the compiler with an earlier one
@@ -8,8 +8,8 @@
 
 namespace mutate {
 
-extern int active;               // the alternative that this process takes, -1 for none
-extern unsigned char* reached;   // null, or one byte for each identifier: the site was executed
+extern int active;              // the alternative that this process takes, -1 for none
+extern unsigned char* reached;  // null, or one byte for each identifier: the site was executed
 
 // 0 for what was written, otherwise the number of the alternative.
 constexpr int chosen(int id, int alternatives) {
@@ -33,28 +33,28 @@ constexpr bool flip(int id, T&& value) {
     return static_cast<bool>(value) != changed;
 }
 
-#define MUTATE_COMPARE(name, written, first, second)      \
-    template <class A, class B>                           \
-    constexpr bool name(int id, A a, B b) {               \
-        switch (chosen(id, 2)) {                          \
-            case 1:                                       \
-                return a first b;                         \
-            case 2:                                       \
-                return a second b;                        \
-            default:                                      \
-                return a written b;                       \
-        }                                                 \
+#define MUTATE_COMPARE(name, written, first, second) \
+    template <class A, class B>                      \
+    constexpr bool name(int id, A a, B b) {          \
+        switch (chosen(id, 2)) {                     \
+            case 1:                                  \
+                return a first b;                    \
+            case 2:                                  \
+                return a second b;                   \
+            default:                                 \
+                return a written b;                  \
+        }                                            \
     }
 MUTATE_COMPARE(less, <, <=, >=)
 MUTATE_COMPARE(less_equal, <=, <, >)
 MUTATE_COMPARE(greater, >, >=, <=)
 MUTATE_COMPARE(greater_equal, >=, >, <)
 
-#define MUTATE_BINARY(name, written, other)               \
-    template <class A, class B>                           \
-    constexpr auto name(int id, A a, B b) {               \
-        using type = decltype(a written b);               \
-        return on(id) ? type(a other b) : a written b;    \
+#define MUTATE_BINARY(name, written, other)            \
+    template <class A, class B>                        \
+    constexpr auto name(int id, A a, B b) {            \
+        using type = decltype(a written b);            \
+        return on(id) ? type(a other b) : a written b; \
     }
 MUTATE_BINARY(equal, ==, !=)
 MUTATE_BINARY(not_equal, !=, ==)

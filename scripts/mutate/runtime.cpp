@@ -2,7 +2,8 @@
 //   SCC_MUTANT=id               takes that alternative, with bounds on what a mutant may use up
 //   SCC_MUTANT_REACHED=file     maps the file, whose bytes are the identifiers
 //   SCC_MUTANT_FOLDERS=file     appends the temporary folders that the process makes, for whoever kills it
-//   SCC_MUTANT_SERVER=from,to   runs one test case in a process of its own for each line that is read from a descriptor,
+//   SCC_MUTANT_SERVER=from,to   runs one test case in a process of its own for each line that is read from a
+//   descriptor,
 //                               so that starting the program is paid for once
 #include <dlfcn.h>
 #include <errno.h>
@@ -48,7 +49,8 @@ void bound(int what, rlim_t most) {
         if (file < 0 || fstat(file, &about) != 0) {
             _exit(120);
         }
-        void* bytes = mmap(nullptr, static_cast<std::size_t>(about.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+        void* bytes = mmap(nullptr, static_cast<std::size_t>(about.st_size), PROT_READ | PROT_WRITE,
+                           MAP_SHARED, file, 0);
         close(file);
         if (bytes == MAP_FAILED) {
             _exit(120);
@@ -64,7 +66,8 @@ extern "C" {
 
 [[gnu::weak]] int __real_main(int count, char** arguments);
 
-// A request is "mutant reached filter", with - for none; the answers are the child's identifier and its wait status.
+// A request is "mutant reached filter", with - for none; the answers are the child's identifier and its wait
+// status.
 int __wrap_main(int count, char** arguments) {
     int from = -1;
     int to = -1;
