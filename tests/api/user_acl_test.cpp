@@ -359,4 +359,13 @@ TEST_F(UserAclQuery, ClearsAFilterCounterAfterTheArgumentCheckAndBeforeTheStateT
     EXPECT_EQ(counter, untouched);
 }
 
+TEST(UserAclBounds, TheLowestAclIdIsNotRefusedBeforeTheStateIs) {
+    scc_acl_key lowest{};
+    lowest.app_type = 1;
+    lowest.acl_id = 1;
+    EXPECT_EQ(scc_user_acl_delete_vmsup(&lowest, nullptr), 2004U);
+    lowest.acl_id = 0;
+    EXPECT_EQ(scc_user_acl_delete_vmsup(&lowest, nullptr), 22U);
+}
+
 }  // namespace

@@ -3,6 +3,7 @@
 #include "client/acl_cache.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <map>
@@ -610,6 +611,144 @@ TEST_F(AclCache, All32768AclIdsAreHeldFoundAndDeletedInAnyOrder) {
         }
     }
     EXPECT_EQ(held(), 16384U);
+}
+
+// ---- what only cost and memory show ---------------------------------------------------------------------
+
+std::size_t allocated_bytes() {
+    return mallinfo2().uordblks;  // 0 under the address sanitizer, which looks for leaks itself
+}
+
+// More than the allocator keeps of freed blocks, far less than a leak of any of the tests below.
+constexpr std::size_t noise = std::size_t{128} << 10U;
+
+std::size_t depth_below(const scc::rb_node* node) {
+    return node == nullptr ? 0 : 1 + std::max(depth_below(node->left), depth_below(node->right));
+}
+
+TEST_F(AclCache, AscendingNumbersLeaveAShallowTree) {
+    _scc_lib_acl_add(&key);
+    for (std::uint32_t sn = 1; sn <= 1000; ++sn) {
+        add_aces(key, {{sn, sn}});
+    }
+    const scc::write_guard guard(scc_acl_lock);
+    EXPECT_LE(depth_below(_scc_acl_get(&key)->places.node), 20U);
+}
+
+TEST_F(AclCache, DeletedAcesGiveTheirMemoryBack) {
+    _scc_lib_acl_add(&key);
+    const std::size_t before = allocated_bytes();
+    for (std::uint32_t round = 0; round < 1000; ++round) {
+        const scc_ace_record ace = ace_of(round, 1);
+        _scc_lib_ace_add(&key, &ace);
+        _scc_lib_ace_del(&key, &ace);
+    }
+    EXPECT_LE(allocated_bytes(), before + noise);
+}
+
+TEST_F(AclCache, DeletedAclsGiveTheirMemoryBackWithThatOfTheirAces) {
+    _scc_lib_acl_add(&key);
+    const std::size_t before = allocated_bytes();
+    for (std::uint32_t round = 0; round < 2000; ++round) {
+        const scc_acl_key k = key_of(9, 2, 1 + round);
+        _scc_lib_acl_add(&k);
+        add_aces(k, {{1, 1}, {2, 2}});
+        _scc_lib_acl_del(&k);
+    }
+    EXPECT_LE(allocated_bytes(), before + noise);
+}
+
+TEST_F(AclCache, ReleasingTheDataGivesBackTheGrownIndex) {
+    const std::size_t before = allocated_bytes();
+    for (std::uint32_t id = 1; id <= 20000; ++id) {
+        const scc_acl_key k = key_of(0, 1, id);
+        _scc_lib_acl_add(&k);
+    }
+    _scc_lib_data_free();
+    EXPECT_LE(allocated_bytes(), before + noise);
+}
+
+// ---- whether a list is in order -------------------------------------------------------------------------
+
+class Order : public Resequence {
+  protected:
+    std::uint64_t out_of_order() const {
+        const scc::write_guard guard(scc_acl_lock);
+        return _scc_acl_get(&key)->out_of_order;
+    }
+};
+
+TEST_F(Order, IsLostWhenNumbersDescendAndFoundAgainByTheNextResequence) {
+    renumbered({1, 2, 3, 4, 6}, 5, 0x40000000);
+    EXPECT_EQ(out_of_order(), 1U);
+    renumbered({1, 2, 3}, 0x7FFFFFFE, 0x40000001);
+    EXPECT_EQ(out_of_order(), 1U);
+    _scc_lib_acl_reseq(&key, 1, 1);
+    EXPECT_EQ(look(key).sns, (numbers{1, 0xBFFFFFFF, 2}));
+    EXPECT_EQ(out_of_order(), 1U);
+    const scc_ace_record large = ace_of(0xBFFFFFFF, 2);
+    _scc_lib_ace_del(&key, &large);
+    _scc_lib_acl_reseq(&key, 1, 1);
+    EXPECT_EQ(out_of_order(), 0U);
+}
+
+TEST_F(Order, IsKeptByEqualNumbersAndByALeadingZero) {
+    renumbered({5, 5, 7}, 10, 10);
+    EXPECT_EQ(out_of_order(), 0U);
+    renumbered({0, 0, 7}, 10, 10);
+    EXPECT_EQ(out_of_order(), 0U);
+}
+
+// ---- calls that are short, stale or not taken over ------------------------------------------------------
+
+class TakeOver : public CacheUpdate {
+  protected:
+    // A block of a confirmed call; the caller releases it.
+    static scc::pending_call* call_of(std::uint32_t kind, const bytes& data) {
+        EXPECT_EQ(_scc_lib_save_call_data(1, kind, data.data(), static_cast<int>(data.size())), 0U);
+        return scc::take_pending_call(1);
+    }
+    static bool taken(std::uint32_t kind, const bytes& data) {
+        scc::pending_call* call = call_of(kind, data);
+        const bool result = scc::take_into_cache(call, scc::acl_cache_revision());
+        if (!result) {
+            scc::release_pending_call(call);
+        }
+        return result;
+    }
+};
+
+TEST_F(TakeOver, AChangeWithLessDataThanItsKindNeedsIsRefused) {
+    _scc_lib_acl_add(&key);
+    const test::debugging on;
+    for (const auto& [kind, size] : std::vector<std::pair<std::uint32_t, std::size_t>>{
+             {31, 15}, {32, 15}, {33, 927}, {34, 927}, {40, 23}}) {
+        bytes data = wire().add(packed_key).zeros(912);
+        data.resize(size);
+        test::clear_log();
+        confirm(kind, data);
+        EXPECT_EQ(test::log_texts(), texts{"unknown scclib call id(" + std::to_string(kind) + ")"});
+    }
+    EXPECT_EQ(look(key).ace_count, 0U);
+}
+
+TEST_F(TakeOver, OnlyAnAceOfAKnownAclAndOfExactlyItsSizeIsTakenOver) {
+    const bytes ace = wire().add(packed_key).zeros(220).u32(50).u32(6).to(928);
+    EXPECT_FALSE(taken(33, ace)) << "there is no such ACL";
+    EXPECT_FALSE(taken(31, packed_key)) << "its key is copied";
+    EXPECT_FALSE(taken(27, ace)) << "no change of the cache";
+    EXPECT_TRUE(taken(33, ace));
+    EXPECT_FALSE(taken(33, wire().add(ace).u8(1))) << "the record is copied";
+    EXPECT_EQ(look(key).ids, (numbers{6, 6}));
+}
+
+TEST_F(TakeOver, ACallOfARevisionThatWasEmptiedSinceChangesNothing) {
+    scc::pending_call* call = call_of(31, packed_key);
+    const std::uint32_t revision = scc::acl_cache_revision();
+    scc::free_acl_cache();
+    EXPECT_FALSE(scc::take_into_cache(call, revision));
+    scc::release_pending_call(call);
+    EXPECT_FALSE(is_held(key));
 }
 
 }  // namespace

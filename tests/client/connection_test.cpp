@@ -549,4 +549,26 @@ TEST_F(Connection, RegistrationsCarryTheOptionUnchangedOverAReconnection) {
     EXPECT_EQ(async, bytes(wire().u32(7).u32(pid).u8(0xA5).u8(0).zeros(2)));
 }
 
+TEST_F(Connection, AFailedConnectKeepsNoDescriptor) {
+    g_scc_client_cb.pid = 42;
+    const std::string prefix = daemon.directory().runtime() + "/own_";
+    const int next = dup(STDIN_FILENO);
+    close(next);
+    unsetenv("TMPDIR");
+    EXPECT_EQ(_scc_lib_client_connect(prefix.c_str()), -1);
+    EXPECT_EQ(dup(STDIN_FILENO), next);
+}
+
+TEST_F(Connection, ADescriptorThatIsMovedLeavesItsNumberFree) {
+    g_scc_client_cb.pid = 42;
+    const std::string prefix = daemon.directory().runtime() + "/own_";
+    const int kept = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    const int fd = _scc_lib_client_connect(prefix.c_str());
+    const bool is_free = fcntl(STDIN_FILENO, F_GETFD) == -1;
+    dup2(kept, STDIN_FILENO);
+    EXPECT_GT(fd, 2);
+    EXPECT_TRUE(is_free);
+}
+
 }  // namespace

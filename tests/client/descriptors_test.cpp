@@ -240,4 +240,71 @@ TEST_F(Descriptors, AStatusWithoutAHandlerIsNothing) {
     close(async_pair[0]);
 }
 
+// ---- what is done to a connection by its epoch ----------------------------------------------------------
+
+class ByEpoch : public Descriptors {
+  protected:
+    ByEpoch() {
+        install(scc::begin_generation());
+        _scc_client_state_set(scc::state_registered);
+        scc_lib_rereg = 0;
+    }
+
+    // Whether the other end of a socket reads its end, without waiting for it.
+    static bool has_ended(int peer) {
+        char byte = 0;
+        return recv(peer, &byte, 1, MSG_DONTWAIT) == 0;
+    }
+    bool both_ended() const { return has_ended(sync_pair[1]) && has_ended(async_pair[1]); }
+    bool one_ended() const { return has_ended(sync_pair[1]) || has_ended(async_pair[1]); }
+
+    const std::uint32_t epoch = scc::connection_epoch();
+};
+
+TEST_F(ByEpoch, ABrokenConnectionIsShutDownOnlyWhileItIsTheRegisteredOne) {
+    scc::report_broken(epoch + 1);
+    EXPECT_FALSE(one_ended());
+    _scc_client_state_set(scc::state_registering);
+    scc::report_broken(epoch);
+    EXPECT_FALSE(one_ended());
+    EXPECT_EQ(scc_lib_rereg.load(), 0);
+    _scc_client_state_set(scc::state_registered);
+    scc::report_broken(epoch);
+    EXPECT_TRUE(both_ended());
+    EXPECT_EQ(scc_lib_rereg.load(), 1);
+}
+
+TEST_F(ByEpoch, AShutDownConnectionIsToldFromAnother) {
+    scc::shut_down_connection(epoch + 1);
+    EXPECT_FALSE(one_ended());
+    EXPECT_FALSE(scc::is_shut_down(epoch + 1));
+    scc::shut_down_connection(epoch);
+    EXPECT_TRUE(both_ended());
+    EXPECT_TRUE(scc::is_shut_down(epoch));
+    EXPECT_FALSE(scc::is_shut_down(epoch + 1));
+}
+
+TEST_F(ByEpoch, ADescriptorOfZeroIsNotShutDownAndAnyGreaterOneIs) {
+    const int output = dup(1);  // where the test tells its result
+    ASSERT_EQ(dup2(sync_pair[0], 0), 0);
+    ASSERT_EQ(dup2(async_pair[0], 1), 1);
+    g_scc_client_cb.sync_fd = 0;
+    g_scc_client_cb.async_fd = 1;
+    scc::shut_down_connection(epoch);
+    ASSERT_EQ(dup2(output, 1), 1);
+    EXPECT_FALSE(has_ended(sync_pair[1]));
+    EXPECT_TRUE(has_ended(async_pair[1]));
+}
+
+TEST_F(ByEpoch, TheStateGoesBackOnlyForTheSameEpochWithoutAnAppId) {
+    g_scc_client_cb.app_id = 7;
+    scc::set_idle_of(epoch);
+    EXPECT_EQ(scc::client_state_now(), scc::state_registered);
+    g_scc_client_cb.app_id = 0;
+    scc::set_idle_of(epoch + 1);
+    EXPECT_EQ(scc::client_state_now(), scc::state_registered);
+    scc::set_idle_of(epoch);
+    EXPECT_EQ(scc::client_state_now(), scc::state_idle);
+}
+
 }  // namespace

@@ -293,4 +293,46 @@ TEST(ServiceIdCounter, BeginsAtZeroAndBothNamesReadTheSameValue) {
     }
 }
 
+// ---- ends of buffers and descriptors --------------------------------------------------------------------
+
+TEST_F(MakePath, CopiesNothingThatFollowsTheSuffix) {
+    const char suffix[] = {'/', 'a', '\0', 'Z'};
+    buffer[9] = '#';
+    EXPECT_EQ(scc_make_path(buffer, suffix, 108, 1), 1);
+    EXPECT_STREQ(buffer, "/tmp/3/a");
+    EXPECT_EQ(buffer[9], '#');
+}
+
+TEST_F(MakePath, AnEmptyPathFitsIntoOneByte) {
+    setenv("TMPDIR", "", 1);
+    EXPECT_EQ(scc_make_path(buffer, "", 1, 1), 1);
+    EXPECT_STREQ(buffer, "");
+}
+
+TEST(InstanceNumber, OfAVariableWithoutASlashIsDecimal) {
+    setenv("TMPDIR", "012", 1);
+    EXPECT_EQ(_scc_vsd_id_get(), 12U);
+}
+
+TEST(ProcessName, OfAnEndedChildThatNobodyWaitedForIsEmpty) {
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(0);
+    }
+    siginfo_t ended{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
+    char name[16] = "something else";
+    EXPECT_EQ(_scc_process_name_get(child, name, sizeof name), 0U);
+    EXPECT_STREQ(name, "");
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+}
+
+TEST(ProcessName, ReadingItKeepsNoDescriptor) {
+    const int next = dup(STDIN_FILENO);
+    close(next);
+    char name[16];
+    EXPECT_EQ(_scc_process_name_get(getpid(), name, sizeof name), 0U);
+    EXPECT_EQ(dup(STDIN_FILENO), next);
+}
+
 }  // namespace

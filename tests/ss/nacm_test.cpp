@@ -437,4 +437,27 @@ TEST_F(Nacm, AUserOperationIsADeletionForAZeroByteAlone) {
     EXPECT_EQ(scc::read_statistics(7).callback_successes, 0U);
 }
 
+TEST_F(Nacm, EveryOtherOperationAndRecoveryReturnsTheHandlersResultToo) {
+    start_with_all_handlers();
+    const bytes zeros = wire().zeros(256);
+    for (const std::int32_t result : {77, 0}) {
+        script().returns = result;
+        EXPECT_EQ(_scc_nacm_app_withvid_op(1, zeros.data()), result);
+        EXPECT_EQ(_scc_nacm_l4port_op(1, zeros.data()), result);
+        EXPECT_EQ(_scc_nacm_user_op(1, zeros.data()), result);
+        EXPECT_EQ(_scc_nacm_app_user_recover(1, zeros.data()), result);
+        EXPECT_EQ(_scc_nacm_l4port_recover(1, zeros.data()), result);
+    }
+}
+
+TEST_F(Nacm, OperationsAndRecoveriesWithoutAHandlerReturnZero) {
+    start();
+    const bytes zeros = wire().zeros(256);
+    for (const auto operation : {_scc_nacm_app_op, _scc_nacm_app_withvid_op, _scc_nacm_def_read,
+                                 _scc_nacm_l4port_op, _scc_nacm_user_op, _scc_nacm_user_reinstall_op,
+                                 _scc_nacm_app_user_recover, _scc_nacm_l4port_recover}) {
+        EXPECT_EQ(operation(1, zeros.data()), 0);
+    }
+}
+
 }  // namespace

@@ -465,4 +465,52 @@ TEST_F(Operations, TheTestCommandDoesNothingForAnyOtherValue) {
     expect_nothing_more();
 }
 
+using operation_function = scc::i32 (*)(std::uint16_t scc_type, const void* value);
+
+operation_function function_of(std::uint16_t type) {
+    switch (type) {
+        case 131:
+            return _scc_ss_acl_op;
+        case 132:
+            return _scc_ss_ace_op;
+        case 133:
+            return _scc_ss_acl_apply_op;
+        case 138:
+            return _scc_ss_acl_reseq_op;
+        case 142:
+            return _scc_ss_global_eport_op;
+        case 143:
+            return _scc_ss_svi_router_acl_op;
+        case 163:
+            return _scc_ss_cpp_op;
+        case 140:
+        case 312:
+            return _scc_ss_acl_counter_op;
+        default:
+            return _scc_ss_ace_counter_op;
+    }
+}
+
+TEST_F(Operations, EachReturnsTheResultOfItsHandler) {
+    start_with_all_handlers();
+    for (const std::int32_t result : {-7, 0, 12345}) {
+        test::script().returns = result;
+        for (const operation_row& row : every_operation()) {
+            SCOPED_TRACE(row.log);
+            EXPECT_EQ(function_of(row.type)(1, row.value.data()), result);
+            called(row.slot);
+        }
+    }
+}
+
+TEST_F(Operations, EachReturnsZeroWithoutAHandler) {
+    start();
+    for (const operation_row& row : every_operation()) {
+        SCOPED_TRACE(row.log);
+        EXPECT_EQ(function_of(row.type)(1, row.value.data()), 0);
+    }
+    EXPECT_EQ(_scc_offline_detect_cfg_op(1, bytes(wire().u32(1).u32(1).u32(1).u32(1)).data()), 0);
+    EXPECT_EQ(_scc_ss_test_cmd_proc(1, bytes(wire().u32(0)).data()), 0);
+}
+
 }  // namespace
