@@ -631,7 +631,7 @@ TEST_F(AclCache, AscendingNumbersLeaveAShallowTree) {
     for (std::uint32_t sn = 1; sn <= 1000; ++sn) {
         add_aces(key, {{sn, sn}});
     }
-    const scc::write_guard guard(scc_acl_lock);
+    const scc::write_guard guard(scc::acl_lock);
     EXPECT_LE(depth_below(_scc_acl_get(&key)->places.node), 20U);
 }
 
@@ -673,7 +673,7 @@ TEST_F(AclCache, ReleasingTheDataGivesBackTheGrownIndex) {
 class Order : public Resequence {
   protected:
     std::uint64_t out_of_order() const {
-        const scc::write_guard guard(scc_acl_lock);
+        const scc::write_guard guard(scc::acl_lock);
         return _scc_acl_get(&key)->out_of_order;
     }
 };
