@@ -77,7 +77,8 @@
  * - TMPDIR: the base of the runtime directory $TMPDIR/security/scc, which contains the daemon's socket and two
  *   sockets of each registered process. Its last component is the instance number.
  * - DATA_QXOS_DIR: the base of the debug switch file $DATA_QXOS_DIR/security/scc/scclib_dbg.txt, read at
- *   registration: a line with a process's name, as it was started, and 1 enables its log.
+ *   registration: a line with the process's first command-line argument (at most 31 characters, compared
+ *   without regard to case) and 1 enables its log; any other number disables it.
  */
 #ifndef SCCLIB_H
 #define SCCLIB_H
@@ -430,10 +431,13 @@ struct scc_reg_info {
  *
  * Sends message 301 on both sockets. Handlers: server_status.
  * Returns 0 when started, and when already started; 22 for a null record or an app id outside 1 to 19;
- * 5 when TMPDIR is unset or too long; the error of creating the directory or a thread.
- * Threads: may be called from any thread and from every handler of an application. Handlers run on the
- * library's receive thread, one at a time and without a lock of the library. After an unregistration, nothing
- * is delivered to the new registration before a handler of the earlier one that is still running has returned.
+ * 5 when TMPDIR is unset or too long for the directory; the error of creating the directory or a thread.
+ * A TMPDIR that fits the directory but not the sockets' paths (see README) gives 0, and the receive thread
+ * ends without a registration.
+ * Threads: may be called from any thread and from every handler of an application. It takes the library's
+ * lock, so it waits for a query of another thread. Handlers run on the library's receive thread, one at a
+ * time and without a lock of the library. After an unregistration, nothing is delivered to the new
+ * registration before a handler of the earlier one that is still running has returned.
  */
 uint32_t scc_svr_reg(const struct scc_reg_info *info);
 
@@ -460,7 +464,8 @@ uint32_t scc_svr_unreg(void);
  * master is a struct qx_thread_master and must live as long as the process. The runtime directory's mode
  * is left as it is. Reconnects by a timer of 3 (seconds on a workstation). A second call replaces the first one
  * before its first attempt to register, after that attempt has failed, and directly after a loss of the daemon;
- * otherwise it changes nothing.
+ * otherwise it changes nothing. When the first attempt fails, server_status gets 0 although there was no 1.
+ *
  * Sends message 301 on both sockets. Handlers: server_status.
  * Returns 0 when started, and when already started; 22 for a null master, a null record or an app id outside
  * 1 to 19; 5 when TMPDIR is unset or too long; 12 out of memory; the error of creating the directory or a
@@ -648,7 +653,7 @@ uint32_t scc_is_arp_check_enabled(uint8_t *enabled);
 uint32_t scc_arp_check_user_count_get(uint32_t key, uint32_t *count);
 /* Read the users of the ARP check: up to *count entries of 48 bytes (struct scc_arp_check_entry) into buf;
  * *count, which is sent, is lowered to the number that came. Both are left alone when the result is not 0, and
- * when the reply has fewer entries than it announces (SCC_E_FORMAT); a negative *count takes none. selector
+ * when the reply lacks entries that would be copied (SCC_E_FORMAT); a negative *count takes none. selector
  * passes unchanged. Message 305, 12 bytes, reply 410. */
 uint32_t scc_arp_check_user_data_get(uint32_t selector, void *buf, int *count);
 /* Get the greatest number of users of a NAC kind: for kinds 1 and 4 to 7 *a becomes 4096, *b and *c 3000; for
@@ -902,7 +907,7 @@ uint32_t scc_ss_fetch_func(void);
 
 /* An answer may be given from the operation's handler or later, on any thread. Each sends message 402 with the
  * operation's type, the call id and the result. Arguments called "unused" are not sent. An answer that is given
- * while the daemon is lost is dropped.
+ * while the daemon is lost is dropped, or reaches the new connection before its registration is complete.
  *
  * Threads: service. */
 
@@ -951,7 +956,8 @@ scc_ss_ret_callback scc_ssc_appmng_get_callback(uint32_t op);
 uint32_t scc_ss_move_addr_notify(int count, const struct scc_address_move *moves);
 /* Report a user that went offline for lack of traffic, with extra_bytes more bytes (none: null and 0). flow
  * and time pass unchanged. Message 203, 88 + extra_bytes bytes. Returns 0 when it was handed to the
- * connection; 22 for a null user, or null with extra_bytes not 0; SCC_E_UNAVAILABLE; 12 out of memory. */
+ * connection; 22 for a null user, or null with extra_bytes not 0; SCC_E_UNAVAILABLE; 12 out of memory. A
+ * negative extra_bytes counts as 0. */
 uint32_t scc_noflow_offline_notify(const struct scc_flow_user *user, uint64_t flow, uint64_t time,
                                    const void *extra, int extra_bytes);
 /* Report a user's traffic; first and second pass unchanged. Message 208, 80 bytes. Returns 0 when it was
