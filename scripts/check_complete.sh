@@ -33,6 +33,7 @@ missing "no man page" < <(comm -23 "$work/exported" "$work/documented")
 missing "in no test" < <(comm -23 "$work/exported" "$work/tested")
 missing "in no example, no command of sccctl and not in the devkit's service" < <(comm -23 "$work/exported" "$work/shown")
 # SECURITY.md proves its claims by tests: Suite.Name.
+# shellcheck disable=SC2016  # the backquotes are Markdown's
 grep -oE '`[A-Z][A-Za-z0-9]+\.[A-Z][A-Za-z0-9]+`' SECURITY.md | tr -d '`' | sort -u >"$work/claimed"
 grep -rhoE '^TEST(_F|_P)?\([A-Za-z0-9_]+, *[A-Za-z0-9_]+\)' tests --include='*.cpp' |
     sed -E 's/^TEST(_F|_P)?\(([^,]+), *([^)]+)\)/\2.\3/' | sort -u >"$work/cases"
