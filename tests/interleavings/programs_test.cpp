@@ -22,7 +22,8 @@ std::vector<program> all_programs() {
 std::string test_name(const testing::TestParamInfo<std::size_t>& info) {
     std::string name;
     bool begins_word = true;
-    for (const char letter : all_programs()[info.param].name) {
+    const std::vector<program> programs = all_programs();
+    for (const char letter : programs[info.param].name) {
         if (std::isalpha(static_cast<unsigned char>(letter)) != 0) {
             name += begins_word ? static_cast<char>(std::toupper(letter)) : letter;
         }
