@@ -18,6 +18,7 @@ extern "C" int printk_syslog_ext(int level, const char* module, const char* subm
     char text[line_bytes];
     va_list arguments;
     va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): reported only when another file was checked before
     const int length = std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     if (length < 0) {
