@@ -11,6 +11,7 @@
 
 #include "client/control_block.h"
 #include "client/dispatch.h"
+#include "client/lifetime.h"
 #include "client/log.h"
 #include "client/message_stream.h"
 #include "client/pending_calls.h"
@@ -69,7 +70,7 @@ void save_calls(input& from, std::size_t count) {
 void receive_everything(int fd, bool flush_each) {
     static message_stream stream;
     stream.reset();
-    result_run results;
+    result_run results(current_generation());
     for (u32 error = 0; error == 0;) {
         error = stream.fill(fd);
         for (;;) {

@@ -15,7 +15,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <utility>
 
 #include "client/client_data.h"
 #include "client/connection_scope.h"
@@ -90,15 +89,11 @@ struct socket_prefixes {
 };
 
 bool make_prefixes(socket_prefixes& out, const char* function) {
-    const std::pair<path_buffer*, const char*> paths[] = {{&out.sync, sync_socket_suffix},
-                                                          {&out.async, async_socket_suffix}};
-    for (const auto& [path, suffix] : paths) {
-        if (!make_path(*path, suffix)) {
-            SCC_LOG_FROM(function, "TMPDIR is unset, or too long for a socket path.");
-            return false;
-        }
+    if (make_path(out.sync, sync_socket_suffix) && make_path(out.async, async_socket_suffix)) {
+        return true;
     }
-    return true;
+    SCC_LOG_FROM(function, "TMPDIR is unset, or too long for a socket path.");
+    return false;
 }
 
 // In a host without standard streams no socket may take one of their numbers; and descriptor 0 is never

@@ -74,8 +74,9 @@ void process(const item& received) {
 }  // namespace
 
 void dispatch_items(u16 count, const void* first, result_run& results) {
-    // A handler may end the registration and begin another, which must not get the rest of the message.
-    const u32 generation = generation_of_this_thread();
+    // A handler, or another thread, may end the registration and begin another, which must not get the rest
+    // of the message.
+    const u32 generation = results.generation();
     item_reader reader(count, first);
     item received;
     while (is_current(generation) && reader.next(received)) {
@@ -98,7 +99,7 @@ extern "C" void _scc_lib_async_msg_proc(u32 count, const void* first) {
         SCC_LOG("input param invalid. tlv_num(%d).", items);
         return;
     }
-    result_run results;
+    result_run results(current_generation());
     dispatch_items(items, first, results);
     results.deliver();
 }

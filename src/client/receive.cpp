@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 
@@ -47,7 +46,7 @@ struct receiver {
     const delivery& how;
     message_stream stream{};
     u32 epoch = any_epoch;  // of the connection that the stream's bytes came from
-    result_run results{};
+    result_run results{generation};
 };
 
 // Waits for bytes of this registration's connection and reads them; fd is -1 when there is no socket.
@@ -96,7 +95,7 @@ void deliver_messages(receiver& self, i32 fd) {
 }
 
 bool has_no_socket() {
-    return std::max(g_scc_client_cb.sync_fd.load(relaxed), g_scc_client_cb.async_fd.load(relaxed)) < 0;
+    return g_scc_client_cb.sync_fd.load(relaxed) < 0 && g_scc_client_cb.async_fd.load(relaxed) < 0;
 }
 
 // One pass of the loop, with at most one read.

@@ -170,9 +170,6 @@ void prefetch_for_cache(const pending_call* call) {
 }  // namespace
 
 void result_run::add(const u8* value) {
-    if (count_ == 0) {
-        generation_ = generation_of_this_thread();
-    }
     call_ids_[count_] = load<u32>(value, 0);
     results_[count_] = load<u32>(value, 4);
     if (++count_ == longest) {
@@ -188,7 +185,6 @@ void result_run::deliver() {
     calls_in_hand calls({call_ids_.data(), count_});
     for (std::size_t i = 0; i < count_; ++i) {
         prefetch_for_cache(calls.peek(i + tuning::cached_calls_ahead));
-        // Call ids restart with each registration: those of an ended one could match other calls.
         done[i] = is_current(generation_) ? calls.take(i) : nullptr;
         if (done[i] == nullptr) {
             SCC_LOG_FROM(function, "no such call id:%d in scc lib", call_ids_[i]);
@@ -203,7 +199,7 @@ void result_run::deliver() {
 }  // namespace scc
 
 extern "C" void _scc_lib_call_ret_proc(const void* value) {
-    result_run results;
+    result_run results(current_generation());
     results.add(static_cast<const u8*>(value));
     results.deliver();
 }

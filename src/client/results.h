@@ -14,9 +14,13 @@ namespace scc {
 inline constexpr std::size_t result_bytes = 8;
 
 // Consecutive results, delivered in order. Their calls are looked up under one lock, with the same outcome as
-// one lookup before each delivery. Results of a registration that has ended are dropped.
+// one lookup before each delivery. They are dropped once the registration that they belong to has ended: call
+// ids restart with each, so they could match other calls.
 class result_run {
   public:
+    explicit result_run(u32 generation) : generation_(generation) {}
+
+    [[nodiscard]] u32 generation() const { return generation_; }
     // Copies the value of item 401. Delivers when the run is full.
     void add(const u8* value);
     void deliver();
@@ -26,7 +30,7 @@ class result_run {
     std::array<u32, longest> call_ids_;
     std::array<u32, longest> results_;
     std::size_t count_ = 0;
-    u32 generation_ = 0;  // the registration that the results belong to
+    u32 generation_;
 };
 
 }  // namespace scc

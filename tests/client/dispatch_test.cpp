@@ -2,12 +2,14 @@
 #include "client/dispatch.h"
 
 #include <algorithm>
+#include <thread>
 
 #include "client/acl_cache.h"
 #include "client/client_data.h"
 #include "client/control_block.h"
 #include "client/diagnostics.h"
 #include "client/handler_recorder.h"
+#include "client/lifetime.h"
 #include "client/log.h"
 #include "client/request_channel.h"
 #include "support/registered_client.h"
@@ -122,6 +124,43 @@ TEST_F(Dispatch, ANotificationAndAResultInOneMessageAreDeliveredInThatOrder) {
     walk({mode_item(5), item_bytes(401, wire().u32(3).u32(2004))});
     EXPECT_EQ(test::taken_calls(),
               (std::vector<handler_call>{mode_call(5), {46, {"32:2004", "32:3", "8:7"}}}));
+}
+
+// Another thread may unregister, register anew and make a request after the receive thread has read a
+// message.
+TEST_F(Dispatch, AMessageReadForAnEndedRegistrationReachesNoHandlerOfTheNext) {
+    scc::result_run ended(scc::current_generation());
+    (void)scc::begin_generation();
+    const bytes saved = wire().u8(7);
+    ASSERT_EQ(_scc_lib_save_call_data(1, 45, saved.data(), 1), 0U);
+    const bytes message = test::message_bytes({mode_item(5), item_bytes(401, wire().u32(1).u32(0))});
+    scc::dispatch_items(2, message.data() + 8, ended);
+    ended.deliver();
+    EXPECT_TRUE(test::taken_calls().empty());
+    EXPECT_EQ(scc::pending_calls(), 1U);
+}
+
+TEST_F(Dispatch, AResultThatWaitsInARunIsDroppedWithItsRegistration) {
+    scc::result_run run(scc::current_generation());
+    const bytes saved = wire().u8(7);
+    ASSERT_EQ(_scc_lib_save_call_data(1, 45, saved.data(), 1), 0U);
+    const bytes message = test::message_bytes({item_bytes(401, wire().u32(1).u32(0))});
+    scc::dispatch_items(1, message.data() + 8, run);
+    (void)scc::begin_generation();
+    run.deliver();
+    EXPECT_TRUE(test::taken_calls().empty());
+    EXPECT_EQ(scc::pending_calls(), 1U);
+}
+
+// A handler may unregister, start on an event loop and run the loop, all on the receive thread.
+TEST_F(Dispatch, AnEndedReceiveThreadThatRunsAnEventLoopDeliversForTheLoop) {
+    const std::uint32_t ended = scc::begin_generation();
+    (void)scc::begin_generation();
+    std::thread([ended] {
+        scc::belong_to_generation(ended);
+        walk({mode_item(5)});
+    }).join();
+    EXPECT_EQ(test::taken_calls(), std::vector<handler_call>{mode_call(5)});
 }
 
 void save(std::uint32_t call_id, std::uint32_t kind, const bytes& data) {
