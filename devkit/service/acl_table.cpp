@@ -295,7 +295,7 @@ bool acl_table::count_first_match(acl_entry& acl, const packet& packet, verdict&
     ++found->second.packets;
     ++acl.packets;
     ++result.matches;
-    result.denied = result.denied || found->second.rule->action == ace::rule_action::deny;
+    result.denied = result.denied || found->second.rule->denies();
     return true;
 }
 
