@@ -215,8 +215,8 @@ std::string step_text(const acl_step& step) {
             return (step.what == kind::create ? "+ " : "- ") + acl_line_text(step.key);
         case kind::add_ace:
         case kind::delete_ace:
-            return fmt::format("{} acl {}: {}", step.what == kind::add_ace ? '+' : '-', step.key.acl_id,
-                               ace_line_text(step.ace));
+            return fmt::format("{} acl {} type {}: {}", step.what == kind::add_ace ? '+' : '-',
+                               step.key.acl_id, step.key.app_type, ace_line_text(step.ace));
         case kind::apply:
         case kind::unapply:
             break;

@@ -78,12 +78,12 @@ TEST_F(CtlAclProgram, DiffShowsWhatReplaceWouldChange) {
     EXPECT_EQ(other.status, 1);
     EXPECT_EQ(other.output,
               "- apply 1 type 1 vdev 0 ifx 3\n"
-              "- acl 1: 20 deny ip any any\n"
-              "+ acl 1: 20 permit tcp any any port 80,443 remark \"the web\"\n"
-              "+ acl 1: 30 deny ip any any log\n"
+              "- acl 1 type 1: 20 deny ip any any\n"
+              "+ acl 1 type 1: 20 permit tcp any any port 80,443 remark \"the web\"\n"
+              "+ acl 1 type 1: 30 deny ip any any log\n"
               "+ apply 1 type 1 vdev 0 ifx 4\n"
               "+ acl 3 type 1 class 0\n"
-              "+ acl 3: 10 deny ether\n"
+              "+ acl 3 type 1: 10 deny ether\n"
               "+ apply 3 type 1 vdev 0 ifx 3\n");
     EXPECT_EQ(run({"acl", "diff", file("other.acl"), "--json"}).json_lines().at(0)["changes"].size(), 8u);
     EXPECT_EQ(listed(), before);
@@ -117,7 +117,7 @@ TEST_P(CtlAclRefused, ReplaceTakesBackWhatItDidBefore) {
 
 INSTANTIATE_TEST_SUITE_P(requests, CtlAclRefused,
                          testing::Values(refusal{"131", ":7: "},
-                                         refusal{"132", ": - acl 1: 20 deny ip any any: "},
+                                         refusal{"132", ": - acl 1 type 1: 20 deny ip any any: "},
                                          refusal{"133", ": - apply 1 type 1 vdev 0 ifx 3: "}));
 
 TEST_F(CtlAclProgram, ReplaceTellsWhatTookPlaceWhenTheDaemonFallsSilent) {

@@ -41,28 +41,29 @@ TEST(CtlAclSteps, EqualAclsNeedNoStep) {
 }
 
 TEST(CtlAclSteps, ANewAclIsCreatedFilledAndApplied) {
-    EXPECT_EQ(between("", campus), (texts{"+ acl 7 type 2 class 3", "+ acl 7: 10 permit ether",
-                                          "+ acl 7: 20 deny ether vlan 5", "+ apply 7 type 2 vdev 0 ifx 4"}));
+    EXPECT_EQ(between("", campus),
+              (texts{"+ acl 7 type 2 class 3", "+ acl 7 type 2: 10 permit ether",
+                     "+ acl 7 type 2: 20 deny ether vlan 5", "+ apply 7 type 2 vdev 0 ifx 4"}));
 }
 
 TEST(CtlAclSteps, AclsThatTheFileDoesNotNameStay) {
     EXPECT_EQ(between("acl 1\n 10 permit ether\napply 1 ifx 2\nacl 7 type 2 class 3\n", campus),
-              (texts{"+ acl 7: 10 permit ether", "+ acl 7: 20 deny ether vlan 5",
+              (texts{"+ acl 7 type 2: 10 permit ether", "+ acl 7 type 2: 20 deny ether vlan 5",
                      "+ apply 7 type 2 vdev 0 ifx 4"}));
 }
 
 TEST(CtlAclSteps, OnlyAcesThatDifferAreReplaced) {
     EXPECT_EQ(between("acl 1\n 10 permit ether\n 20 deny ether\n 30 deny ether vlan 3\n",
                       "acl 1\n 10 permit ether\n 20 permit ether\n 40 deny ether\n"),
-              (texts{"- acl 1: 20 deny ether", "- acl 1: 30 deny ether vlan 3", "+ acl 1: 20 permit ether",
-                     "+ acl 1: 40 deny ether"}));
+              (texts{"- acl 1 type 1: 20 deny ether", "- acl 1 type 1: 30 deny ether vlan 3",
+                     "+ acl 1 type 1: 20 permit ether", "+ acl 1 type 1: 40 deny ether"}));
 }
 
 TEST(CtlAclSteps, AcesOfOneNumberAreReplacedTogetherToKeepTheirOrder) {
     EXPECT_EQ(between("acl 1\n 10 permit ether id 1\n 10 deny ether id 2\n",
                       "acl 1\n 10 deny ether id 2\n 10 permit ether id 1\n"),
-              (texts{"- acl 1: 10 permit ether id 1", "- acl 1: 10 deny ether id 2",
-                     "+ acl 1: 10 deny ether id 2", "+ acl 1: 10 permit ether id 1"}));
+              (texts{"- acl 1 type 1: 10 permit ether id 1", "- acl 1 type 1: 10 deny ether id 2",
+                     "+ acl 1 type 1: 10 deny ether id 2", "+ acl 1 type 1: 10 permit ether id 1"}));
 }
 
 TEST(CtlAclSteps, PlacesAreLeftBeforeOthersAreTaken) {
@@ -74,8 +75,9 @@ TEST(CtlAclSteps, PlacesAreLeftBeforeOthersAreTaken) {
 TEST(CtlAclSteps, AnotherClassNeedsAnAclOfItsOwn) {
     EXPECT_EQ(between("acl 1 class 1\n 10 permit ether\napply 1 ifx 2\n",
                       "acl 1 class 2\n 10 permit ether\napply 1 ifx 2\n"),
-              (texts{"- apply 1 type 1 vdev 0 ifx 2", "- acl 1: 10 permit ether", "- acl 1 type 1 class 1",
-                     "+ acl 1 type 1 class 2", "+ acl 1: 10 permit ether", "+ apply 1 type 1 vdev 0 ifx 2"}));
+              (texts{"- apply 1 type 1 vdev 0 ifx 2", "- acl 1 type 1: 10 permit ether",
+                     "- acl 1 type 1 class 1", "+ acl 1 type 1 class 2", "+ acl 1 type 1: 10 permit ether",
+                     "+ apply 1 type 1 vdev 0 ifx 2"}));
 }
 
 TEST(CtlAclSteps, AnApplicationOfAnotherAclIsMade) {
@@ -90,9 +92,9 @@ TEST(CtlAclSteps, TheInverseOfAStepTakesItBack) {
         back.push_back(step_text(inverse(each)));
         EXPECT_EQ(step_text(inverse(inverse(each))), step_text(each));
     }
-    EXPECT_EQ(back,
-              (texts{"+ apply 1 type 1 vdev 0 ifx 2", "+ acl 1: 10 permit ether", "- acl 1: 20 permit ether",
-                     "- apply 1 type 1 vdev 0 ifx 3", "- acl 2 type 1 class 0"}));
+    EXPECT_EQ(back, (texts{"+ apply 1 type 1 vdev 0 ifx 2", "+ acl 1 type 1: 10 permit ether",
+                           "- acl 1 type 1: 20 permit ether", "- apply 1 type 1 vdev 0 ifx 3",
+                           "- acl 2 type 1 class 0"}));
 }
 
 }  // namespace
