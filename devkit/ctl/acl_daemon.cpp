@@ -21,7 +21,7 @@ bool fill(Record& record, const std::string& hex) {
     return true;
 }
 
-// "bytes" is there when the other fields do not give the whole record.
+// "bytes" is there when the other fields do not give the whole record, "rule" when it holds one.
 std::optional<scc_ace_record> ace_of(const json& shown) {
     scc_ace_record record{};
     if (shown.contains("bytes")) {
@@ -29,8 +29,13 @@ std::optional<scc_ace_record> ace_of(const json& shown) {
         record.link = {};
         return is_whole ? std::optional(record) : std::nullopt;
     }
-    std::string error;
-    return ace::parse_ace(shown.at("rule").get<std::string>(), error);
+    if (shown.contains("rule")) {
+        std::string error;
+        return ace::parse_ace(shown.at("rule").get<std::string>(), error);
+    }
+    record.sn = shown.at("sn").get<std::uint32_t>();
+    record.ace_id = shown.at("id").get<std::uint32_t>();
+    return record;
 }
 
 std::optional<scc_acl_apply_record> application_of(const json& shown, const scc_acl_key& key) {

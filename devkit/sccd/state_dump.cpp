@@ -14,18 +14,20 @@ json key_fields(const devkit::acl_identity& key) {
     return {{"vdev", key.vdev}, {"type", key.app_type}, {"id", key.acl_id}, {"class", key.acl_class}};
 }
 
-// The rule as text; "bytes" as well if the text does not give the whole record.
+// The rule as text; "bytes" as well if numbers and text do not give the whole record.
 json show_ace(u32 sn, const ace_entry& ace) {
     json shown = {{"sn", sn}, {"id", ace.id}};
     scc_ace_record record{};
     std::memcpy(&record, ace.record.data(), std::min(sizeof record, ace.record.size()));
-    const auto rule = ace::print_ace(record);
-    std::string ignored;
-    const auto again = rule ? ace::parse_ace(*rule, ignored) : std::nullopt;
-    if (rule) {
+    scc_ace_record again{};
+    again.sn = sn;
+    again.ace_id = ace.id;
+    if (const auto rule = ace::print_ace(record)) {
+        std::string ignored;
+        again = ace::parse_ace(*rule, ignored).value_or(again);
         shown["rule"] = *rule;
     }
-    if (!again || std::memcmp(&*again, &record, sizeof record) != 0) {
+    if (std::memcmp(&again, &record, sizeof record) != 0) {
         shown["bytes"] = devkit::hex_text(ace.record);
     }
     return shown;
