@@ -67,7 +67,7 @@ done < <(exported_names)
 
 depends libscclib1 libc6 "scclib-workstation (= $version) | scclib-platform"
 depends scclib-dev "libscclib1 (= $version)"
-depends scclib-devkit libc6 libstdc++6 libpcap "libscclib1 (= $version)"
+depends scclib-devkit libc6 libstdc++6 libevent libpcap "libscclib1 (= $version)"
 depends scclib-workstation libc6 libevent
 
 mapfile -t binaries < <(find "$root/usr" -type f \( -path '*/bin/*' -o -name 'lib*.so*' \))

@@ -92,8 +92,8 @@ void control_server::reply(u64 id, const json& answer) {
     if (session == sessions_.end()) {
         return;
     }
-    std::string text = answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
-    session->second->stream->send({text.begin(), text.end()});
+    const std::string text = answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+    session->second->stream->send({reinterpret_cast<const u8*>(text.data()), text.size()});
     session->second->waiting = false;
     // Input that arrived while the answer was awaited is processed at the end of the turn.
     daemon_.loop.defer([this, id] {

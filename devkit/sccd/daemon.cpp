@@ -1,6 +1,5 @@
 #include "sccd/daemon.h"
 
-#include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -44,10 +43,14 @@ development_daemon::development_daemon(const daemon_options& options)
         {[this](const client_entry& client, const devkit::wire_item& item) { take_item(client, item); },
          [this](const client_entry& client) { core_.client_ready(client); },
          [this](const client_entry& client) { core_.client_gone(client); }});
-    core_.loop.watch(signals_, EPOLLIN, [this](std::uint32_t) { core_.loop.stop(); });
+    signalled_ = core_.loop.make_event(
+        signals_, EV_READ, [](int, short, void* loop) { static_cast<event_loop*>(loop)->stop(); },
+        &core_.loop);
+    event_loop::add(signalled_);
 }
 
 development_daemon::~development_daemon() {
+    signalled_.reset();
     ::close(signals_);
 }
 

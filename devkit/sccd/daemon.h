@@ -35,6 +35,7 @@ class development_daemon {
 
     daemon_core core_;
     int signals_;  // blocked before the sockets exist, so that a signal never leaves them on the disk
+    owned_event signalled_;
     socket_listener listener_;
     control_server control_;
 };
