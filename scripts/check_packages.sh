@@ -60,6 +60,7 @@ for program in sccd-dev scc-ss-dev sccctl; do
         [ -s "$root/usr/$file" ] || fail "there is no /usr/$file"
     done
 done
+[ -s "$root/usr/share/scclib/scenarios/slow-service.json" ] || fail "there are no scenarios"
 [ -s "$root/usr/share/bash-completion/completions/sccctl" ] || fail "there is no completion for sccctl"
 while read -r name; do
     [ -s "$root/usr/share/man/man3/$name.3.gz" ] || fail "scclib-dev has no page of $name"

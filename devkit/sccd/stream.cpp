@@ -52,6 +52,9 @@ void socket_stream::end_connection() {
     if (!open()) {
         return;
     }
+    if (paused_) {
+        loop_.cancel(*paused_);
+    }
     readable_.reset();
     writable_.reset();
     ::close(std::exchange(descriptor_, -1));
@@ -88,8 +91,22 @@ void socket_stream::close() {
     });
 }
 
+void socket_stream::pause(std::chrono::milliseconds time) {
+    if (!open()) {
+        return;
+    }
+    if (paused_) {
+        loop_.cancel(*paused_);
+    }
+    paused_ = loop_.after(time, [this] {
+        paused_.reset();
+        watch_what_is_wanted();
+    });
+    watch_what_is_wanted();
+}
+
 void socket_stream::read_some() {
-    for (int count = 0; count < reads_per_turn && open() && reading_; ++count) {
+    for (int count = 0; count < reads_per_turn && open() && reading_ && !paused_; ++count) {
         const ssize_t received = receive();
         if (received < 0 && try_later(errno)) {
             return;
@@ -166,7 +183,7 @@ void socket_stream::watch_what_is_wanted() {
             ::event_del(what.get());
         }
     };
-    want(readable_, EV_READ, reading_);
+    want(readable_, EV_READ, reading_ && !paused_);
     want(writable_, EV_WRITE, queued != 0);
 }
 

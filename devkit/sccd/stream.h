@@ -6,8 +6,10 @@
 
 #include <event2/buffer.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "common/bytes.h"
 #include "sccd/event_loop.h"
@@ -32,6 +34,8 @@ class socket_stream {
     void consume(std::size_t len);
     void send(devkit::byte_view bytes);
     void close();
+    // Reads nothing for this time.
+    void pause(std::chrono::milliseconds time);
     [[nodiscard]] bool open() const { return descriptor_ >= 0; }
     // Whether the peer has closed the connection, even if its end of stream has not been read yet.
     [[nodiscard]] bool peer_gone() const;
@@ -57,6 +61,7 @@ class socket_stream {
     owned_buffer input_;
     owned_buffer output_;
     bool reading_ = true;
+    std::optional<event_loop::timer_id> paused_;  // until this timer ends
 };
 
 }  // namespace scc::sccd
