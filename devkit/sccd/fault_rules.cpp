@@ -131,8 +131,8 @@ std::optional<fault_effect> fault_rules::take(u16 type, u32 app, u32 pid) {
     std::optional<fault_effect> taken;
     for (auto rule = rules_.begin(); rule != rules_.end();) {
         const auto here = rule++;
-        const bool matches = (here->type == 0 || here->type == type) && (here->app == 0 || here->app == app) &&
-                             (here->pid == 0 || here->pid == pid);
+        const bool matches = (here->type == 0 || here->type == type) &&
+                             (here->app == 0 || here->app == app) && (here->pid == 0 || here->pid == pid);
         if (!matches) {
             continue;
         }
@@ -209,9 +209,7 @@ std::string read_fault(const json& object, const word_list& own_words, fault_rul
 }
 
 void load_scenario(fault_rules& rules, const std::string& path) {
-    const auto fail = [&path](const std::string& reason) {
-        throw std::runtime_error(path + ": " + reason);
-    };
+    const auto fail = [&path](const std::string& reason) { throw std::runtime_error(path + ": " + reason); };
     const std::optional<json> scenario = read_json_file(path);
     if (!scenario) {
         fail("no such file");

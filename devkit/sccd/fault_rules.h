@@ -1,5 +1,5 @@
-// Faults on purpose: rules that choose requests by type, client and occurrence, and say what goes wrong. They come
-// from the control socket and from scenarios.
+// Faults on purpose: rules that choose requests by type, client and occurrence, and say what goes wrong. They
+// come from the control socket and from scenarios.
 #pragma once
 
 #include <chrono>

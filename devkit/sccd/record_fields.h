@@ -46,8 +46,8 @@ using record_fields = std::span<const record_field>;
 
 // All fields, and "bytes" with the whole record if the fields alone would not give it back.
 [[nodiscard]] json show_record(record_fields fields, devkit::byte_view record);
-// Reads what show_record writes into a record of `len` bytes; fields that are not given are zero. Problems are
-// recorded in `from`. A record with a field `rest` may have any length.
+// Reads what show_record writes into a record of `len` bytes; fields that are not given are zero. Problems
+// are recorded in `from`. A record with a field `rest` may have any length.
 [[nodiscard]] devkit::byte_buffer read_record(record_fields fields, std::size_t len, json_fields& from);
 // The names that read_record understands.
 [[nodiscard]] std::vector<std::string_view> field_names(record_fields fields);

@@ -11,6 +11,7 @@ namespace scc::sccd {
 // Empty if the record holds no rule in the devkit's layout.
 [[nodiscard]] std::optional<std::string> rule_text(devkit::byte_view bytes);
 // The record of "[SN] rule [id N]". On failure `problem` says what is wrong.
-[[nodiscard]] std::optional<devkit::byte_buffer> parse_rule_text(const std::string& text, std::string& problem);
+[[nodiscard]] std::optional<devkit::byte_buffer> parse_rule_text(const std::string& text,
+                                                                 std::string& problem);
 
 }  // namespace scc::sccd

@@ -53,8 +53,7 @@ constexpr record_field server_fields[] = {{"ip", 4, ipv4}, {"add", 8}};
 constexpr record_field site_fields[] = {{"ip", 4, ipv4}, {"mask", 8, ipv4}, {"arp", 12}, {"add", 16}};
 constexpr record_field learning_fields[] = {{"ifx", 4, number32, 1}, {"enable", 8}};
 constexpr record_field escape_fields[] = {{"value", 4}, {"key", 8, key}, {"enable", 24}};
-constexpr record_field default_bind_fields[] = {
-    {"ifx", 4}, {"vid", 8, number32, 0, vid_max}, {"enable", 12}};
+constexpr record_field default_bind_fields[] = {{"ifx", 4}, {"vid", 8, number32, 0, vid_max}, {"enable", 12}};
 // The desk takes the beginning of the record for the neighbour's place, as in a configuration record.
 constexpr record_field neighbour_fields[] = {
     {"ifx", 8}, {"vid", 12, number32, 0, vid_max}, {"mac", 16, mac}, {"add", 920}};
@@ -66,13 +65,14 @@ constexpr record_field control_block_fields[] = {{"length", 4}, {"data", 8, rest
 constexpr record_field command_fields[] = {{"command", 0}};
 constexpr record_field water_line_fields[] = {{"start", 0}};
 
-constexpr setting_key by(std::string_view first = "", std::string_view second = "", std::string_view third = "") {
+constexpr setting_key by(std::string_view first = "", std::string_view second = "",
+                         std::string_view third = "") {
     return {first, second, third};
 }
 
 template <std::size_t Count>
-constexpr setting_row config_row(u16 type, const std::array<record_field, Count>& fields,
-                                 setting_key key, u32 missing = result::ok) {
+constexpr setting_row config_row(u16 type, const std::array<record_field, Count>& fields, setting_key key,
+                                 u32 missing = result::ok) {
     return {type, config_bytes, fields, key, operation, "op", missing};
 }
 
@@ -149,8 +149,7 @@ static_assert(std::adjacent_find(table.begin(), table.end(), [](const setting_ro
 }  // namespace
 
 std::string_view setting_row::name() const {
-    const devkit::message_type* const message =
-        devkit::find_message(devkit::message_route::request, type);
+    const devkit::message_type* const message = devkit::find_message(devkit::message_route::request, type);
     return message == nullptr ? std::string_view() : message->name;
 }
 

@@ -48,7 +48,8 @@ state_file::state_file(daemon_core& daemon, std::string path) : daemon_(daemon),
             throw std::runtime_error(path_ + ": " + problem);
         }
     }
-    const std::string text = dump_state(daemon_).dump(indentation, ' ', false, json::error_handler_t::replace);
+    const std::string text =
+        dump_state(daemon_).dump(indentation, ' ', false, json::error_handler_t::replace);
     if (const std::string problem = write(text); !problem.empty()) {
         throw std::runtime_error(path_ + ": " + problem);
     }

@@ -1,5 +1,5 @@
-// Keeps the daemon's state in a file, so that it survives a restart. The file is replaced as a whole, a moment
-// after a change and when the daemon ends; a reader never sees half of it.
+// Keeps the daemon's state in a file, so that it survives a restart. The file is replaced as a whole, a
+// moment after a change and when the daemon ends; a reader never sees half of it.
 #pragma once
 
 #include <string>

@@ -21,7 +21,12 @@ wire_value redirect(std::uint32_t call) {
 TEST(SccdFaults, TheNthRequestAndEverySoManyAfterItAreHit) {
     daemon_process daemon;
     test_client client(daemon, 3, 77);
-    order({{"action", "refuse"}, {"request", "d1x-redirect"}, {"result", 12}, {"nth", 2}, {"every", 3}, {"count", 2}});
+    order({{"action", "refuse"},
+           {"request", "d1x-redirect"},
+           {"result", 12},
+           {"nth", 2},
+           {"every", 3},
+           {"count", 2}});
 
     std::vector<std::uint32_t> results;
     for (std::uint32_t call = 1; call <= 9; ++call) {
@@ -190,7 +195,8 @@ TEST(SccdFaults, AFaultThatCannotBeUnderstoodIsRefused) {
         {{{"action", "delay"}}, "ms: missing"},
         {{{"action", "delay"}, {"ms", 3600001}}, "ms: more than an hour"},
         {{{"action", "refuse"}}, "result: missing"},
-        {{{"action", "mute"}, {"ms", 5}}, "no field 'ms'; mute takes action, request, app, pid, nth, every, count"},
+        {{{"action", "mute"}, {"ms", 5}},
+         "no field 'ms'; mute takes action, request, app, pid, nth, every, count"},
         {{{"action", "mute"}, {"request", "nonsense"}}, "request: there is no such request"},
         {{{"action", "mute"}, {"request", 402}}, "request: there is no such request"},
         {{{"action", "mute"}, {"nth", 0}}, "nth: must not be 0"},

@@ -200,9 +200,9 @@ TEST_F(SccdScenarios, ABrokenMessageEndsTheConnectionOnly) {
 }
 
 TEST(SccdScenarioFiles, EachHasATestAndOneLineThatTellsIt) {
-    const std::set<std::string> tested{"restart-in-burst", "slow-service",  "full-buffers",
-                                       "lost-answers",     "doubled-answers", "late-answer",
-                                       "refused-registration", "wrong-reply", "short-answer", "broken-message"};
+    const std::set<std::string> tested{
+        "restart-in-burst", "slow-service",         "full-buffers", "lost-answers", "doubled-answers",
+        "late-answer",      "refused-registration", "wrong-reply",  "short-answer", "broken-message"};
     std::set<std::string> installed;
     for (const auto& file : std::filesystem::directory_iterator(SCENARIO_DIR)) {
         installed.insert(file.path().stem());

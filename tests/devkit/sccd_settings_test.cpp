@@ -10,14 +10,26 @@ const byte_string mac{0x02, 0, 0, 0, 0, 9};
 // A configuration record of interface 4, VLAN 20.
 wire_value config_request(std::uint32_t call, std::uint32_t value, std::uint32_t operation,
                           std::uint32_t app_type = 0) {
-    return wire_value(744).u32(0, call).u32(8, 4).u32(12, 20).raw(16, mac).u32(24, app_type).u32(28, value).u32(
-        32, operation);
+    return wire_value(744)
+        .u32(0, call)
+        .u32(8, 4)
+        .u32(12, 20)
+        .raw(16, mac)
+        .u32(24, app_type)
+        .u32(28, value)
+        .u32(32, operation);
 }
 
 json config_fields(std::uint32_t value, std::uint32_t operation, std::uint32_t app_type = 0) {
-    return {{"ifx", 4},         {"vid", 20},   {"mac", "02:00:00:00:00:09"},
-            {"app_type", app_type}, {"value", value}, {"op", operation},
-            {"flags", 0},       {"ip", "0.0.0.0"}, {"ip6", "::"},
+    return {{"ifx", 4},
+            {"vid", 20},
+            {"mac", "02:00:00:00:00:09"},
+            {"app_type", app_type},
+            {"value", value},
+            {"op", operation},
+            {"flags", 0},
+            {"ip", "0.0.0.0"},
+            {"ip6", "::"},
             {"mask", "0.0.0.0"}};
 }
 
@@ -46,12 +58,15 @@ std::vector<kept_case> kept_cases() {
     cases.push_back({108, "d1x-redirect", wire_value(8).u32(4, 1), {{"value", 1}}});
     cases.push_back({109, "d1x-mac-move", wire_value(8).u32(4, 1), {{"value", 1}}});
     cases.push_back({112, "http-dport", wire_value(12).u16(4, 8080).u32(8, 1), {{"port", 8080}, {"add", 1}}});
-    cases.push_back({113,
-                     "dirchn-host",
-                     wire_value(24).raw(4, {10, 0, 0, 9}).raw(8, {255, 0, 0, 0}).u32(12, 1).u32(16, 4).u32(20, 1),
-                     {{"ip", "10.0.0.9"}, {"mask", "255.0.0.0"}, {"arp", 1}, {"ifx", 4}, {"add", 1}}});
     cases.push_back(
-        {114, "dirchn-server", wire_value(12).raw(4, {10, 0, 0, 9}).u32(8, 1), {{"ip", "10.0.0.9"}, {"add", 1}}});
+        {113,
+         "dirchn-host",
+         wire_value(24).raw(4, {10, 0, 0, 9}).raw(8, {255, 0, 0, 0}).u32(12, 1).u32(16, 4).u32(20, 1),
+         {{"ip", "10.0.0.9"}, {"mask", "255.0.0.0"}, {"arp", 1}, {"ifx", 4}, {"add", 1}}});
+    cases.push_back({114,
+                     "dirchn-server",
+                     wire_value(12).raw(4, {10, 0, 0, 9}).u32(8, 1),
+                     {{"ip", "10.0.0.9"}, {"add", 1}}});
     for (const std::uint16_t type : {std::uint16_t{115}, std::uint16_t{159}}) {
         cases.push_back({type,
                          type == 115 ? "dirchn-site" : "dirchn-arp",
@@ -73,7 +88,8 @@ std::vector<kept_case> kept_cases() {
                      {{"ifx", 4}, {"vid", 20}, {"mac", "02:00:00:00:00:09"}, {"add", 1}}});
     cases.push_back({142, "global-eport", wire_value(16).u32(4, 4).u32(8, 1), {{"ifx", 4}, {"value", 1}}});
     cases.push_back({143, "svi-router-acl", wire_value(8).u32(4, 1), {{"value", 1}}});
-    cases.push_back({157, "efacl-ctrl", wire_value(10).u32(4, 2).u8(8, 0xab), {{"length", 2}, {"data", "ab00"}}});
+    cases.push_back(
+        {157, "efacl-ctrl", wire_value(10).u32(4, 2).u8(8, 0xab), {{"length", 2}, {"data", "ab00"}}});
     cases.push_back({163, "cpp", wire_value(12).u32(4, 1), {{"enable", 1}, {"type", 0}}});
     cases.push_back({166,
                      "offline-detect-cfg",
@@ -148,17 +164,17 @@ TEST(SccdSettings, ARecordThatMakesNoSenseIsRefusedAndChangesNothing) {
     daemon_process daemon;
     test_client client(daemon, 3, 77);
     const std::pair<std::uint16_t, wire_value> senseless[] = {
-        {104, config_request(1, 0, 2)},                            // an operation that is none
+        {104, config_request(1, 0, 2)},  // an operation that is none
         {104, config_request(1, 0, 4)},
-        {111, config_request(1, 0, 1).u32(12, 4095)},              // a VLAN that is none
-        {106, config_request(1, 8, 1)},                            // a class of service above 7
-        {107, config_request(1, 64, 1)},                           // a DSCP above 63
-        {160, config_request(1, 0, 1, 10)},                        // the form of the other request
+        {111, config_request(1, 0, 1).u32(12, 4095)},  // a VLAN that is none
+        {106, config_request(1, 8, 1)},                // a class of service above 7
+        {107, config_request(1, 64, 1)},               // a DSCP above 63
+        {160, config_request(1, 0, 1, 10)},            // the form of the other request
         {161, config_request(1, 0, 1, 9)},
         {126, config_request(1, 0, 1, 39)},
-        {113, wire_value(24).u32(0, 1).u32(20, 1)},                // a host without an address
+        {113, wire_value(24).u32(0, 1).u32(20, 1)},  // a host without an address
         {115, wire_value(20).u32(0, 1).u32(16, 1)},
-        {123, wire_value(12).u32(0, 1).u32(8, 1)},                 // learning on no interface
+        {123, wire_value(12).u32(0, 1).u32(8, 1)},  // learning on no interface
         {142, wire_value(16).u32(0, 1).u32(4, 65536).u32(8, 1)},
         {163, wire_value(12).u32(0, 1).u32(8, 1)},
     };
@@ -291,7 +307,8 @@ TEST(SccdSettings, AnUnknownSettingIsNamedTogetherWithTheKnown) {
     const json reply = control({{"do", "settings"}, {"name", "d1x-port"}});
 
     EXPECT_EQ(reply["ok"], false);
-    EXPECT_TRUE(reply["error"].get<std::string>().starts_with("no setting 'd1x-port'; there are d1x-authen-method, "));
+    EXPECT_TRUE(reply["error"].get<std::string>().starts_with(
+        "no setting 'd1x-port'; there are d1x-authen-method, "));
 }
 
 TEST(SccdSettings, RulesAreShownAsText) {

@@ -46,12 +46,18 @@ void fill(test_client& client) {
     ASSERT_EQ(client.result_of(133, apply_request(5, 5, 2, 1).u8(8 + 231, 3)), 0u);
     ASSERT_EQ(client.result_of(127, user_request(6, 9, 4, 1).u8(743, 0xee)), 0u);
     ASSERT_EQ(client.result_of(165, user_request(7, 8, 4, 1)), 0u);
-    ASSERT_EQ(client.result_of(134, wire_value(224).u32(0, 8).u32(8, 4).u16(38, 20).key(40, 3, 5).u32(216, 1)),
-              0u);
+    ASSERT_EQ(
+        client.result_of(134, wire_value(224).u32(0, 8).u32(8, 4).u16(38, 20).key(40, 3, 5).u32(216, 1)), 0u);
     ASSERT_EQ(client.result_of(112, wire_value(12).u32(0, 9).u16(4, 8080).u32(8, 1)), 0u);
     ASSERT_EQ(client.result_of(157, wire_value(11).u32(0, 10).u32(4, 3).u8(10, 7)), 0u);
     ASSERT_EQ(client.result_of(167, wire_value(520).u32(0, 11).u32(4, 1).u8(9, 1)), 0u);
-    ASSERT_EQ(control({{"do", "counters"}, {"type", 3}, {"id", 5}, {"acl", 6}, {"filter", 7}, {"sn", 150}, {"ace", 8}})["ok"],
+    ASSERT_EQ(control({{"do", "counters"},
+                       {"type", 3},
+                       {"id", 5},
+                       {"acl", 6},
+                       {"filter", 7},
+                       {"sn", 150},
+                       {"ace", 8}})["ok"],
               true);
 }
 
@@ -117,7 +123,8 @@ TEST_F(SccdState, AFaultyFileIsOneLineWithThePlaceAndStatusOne) {
     const std::pair<std::string, std::string> faulty[] = {
         {"{\"acls\": [\n  {\"type\" 3}]}", "parse error at line 2, column 11: "},
         {"[]", "not a JSON object"},
-        {R"({"acl": []})", "no field 'acl'; the state takes format, acls, user_acls, users, arp_entries, settings"},
+        {R"({"acl": []})",
+         "no field 'acl'; the state takes format, acls, user_acls, users, arp_entries, settings"},
         {R"({"format": 2})", "format: not 1"},
         {R"({"acls": 5})", "acls: not a list"},
         {R"({"acls": [7]})", "acls[0]: not an object"},

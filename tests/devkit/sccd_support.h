@@ -344,6 +344,7 @@ class daemon_process {
         return {};
     }
 
+    [[nodiscard]] pid_t pid() const { return pid_; }
     void signal(int number) const { ::kill(pid_, number); }
     int wait_for_end() {
         int status = 0;
