@@ -30,6 +30,7 @@ class borrowed_descriptor {
     borrowed_descriptor& operator=(const borrowed_descriptor&) = delete;
 
     [[nodiscard]] int fd() const { return fd_; }
+    // Of the connection that was current.
     [[nodiscard]] u32 epoch() const { return epoch_; }
 
   private:
