@@ -30,7 +30,6 @@ class borrowed_descriptor {
     borrowed_descriptor& operator=(const borrowed_descriptor&) = delete;
 
     [[nodiscard]] int fd() const { return fd_; }
-    // Of the connection that was current.
     [[nodiscard]] u32 epoch() const { return epoch_; }
 
   private:
