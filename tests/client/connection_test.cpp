@@ -607,6 +607,10 @@ TEST_F(RegistrationResult, IsThatOfTheStepThatFailed) {
               }),
               2000U);
     EXPECT_EQ(_scc_lib_client_close(), 0);
+    daemon.stop_listening();
+    const test::debugging on;
+    EXPECT_EQ(result_while([] {}), 2U);
+    EXPECT_FALSE(test::logged(who() + "connect to sccd success!"));
     test::hidden_variable directory("TMPDIR");
     directory.hide();
     EXPECT_EQ(result_while([] {}), 5U);

@@ -142,7 +142,7 @@ class IdleBlocks : public PendingCalls {
     }
 
     // Where large blocks cannot be counted there are none.
-    const std::ptrdiff_t one = [] {
+    const long one = [] {
         const test::large_blocks before;
         const std::vector<std::uint8_t> block(test::large_blocks::size);
         return before.more();

@@ -787,7 +787,7 @@ class ReceivedMemory : public Receive {
     }
 
     static bool none_left(const test::large_blocks& blocks) {
-        return test::eventually([&blocks] { return blocks.more() <= 0; });
+        return test::eventually([&blocks] { return blocks.more() == 0; });
     }
 };
 

@@ -305,6 +305,18 @@ TEST_F(ConnectionFaults, ARegistrationThatEndsWhileItConnectsConnectsOnlyOnce) {
     EXPECT_EQ(test::calls(call::connect), 1);
     EXPECT_EQ(open_descriptors(), before);
     EXPECT_FALSE(test::end_faults());
+    EXPECT_EQ(scc::connect_and_register(scc::identity_of_control_block(), generation, "test"), 9U);
+    EXPECT_EQ(test::calls(call::socket), 0);
+}
+
+TEST_F(ConnectionFaults, ARegistrationThatCannotBeSentIsTheErrorOfTheSend) {
+    g_scc_client_cb.app_id = 7;
+    g_scc_client_cb.pid = static_cast<std::uint32_t>(getpid());
+    const std::uint32_t generation = scc::begin_generation();
+    test::fail_call(call::send, 1, 11);
+    EXPECT_EQ(scc::connect_and_register(scc::identity_of_control_block(), generation, "test"), 11U);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(_scc_lib_client_close(), 0);
 }
 
 // The daemon has a part of it, so its stream is out of step.
