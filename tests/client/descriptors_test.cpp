@@ -247,7 +247,8 @@ TEST_F(Descriptors, AShutDownLeavesAMissingSocketAlone) {
 
 // Each stays lent while its connection has ended.
 TEST_F(Descriptors, ThirtyTwoAreLentAtOnceAndTheNextWaitsForOneOfThem) {
-    EXPECT_EQ(borrowed_descriptor(channel::sync).fd(), -1);  // takes no place
+    const borrowed_descriptor none(channel::sync);  // takes no place
+    EXPECT_EQ(none.fd(), -1);
     std::vector<std::unique_ptr<borrowed_descriptor>> lent;
     for (int i = 0; i < 32; ++i) {
         const int fd = dup(sync_pair[0]);

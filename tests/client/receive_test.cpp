@@ -910,10 +910,25 @@ TEST_F(Receive, TheThreadLeavesWhenItsRegistrationEndsWhileItComesBack) {
     ASSERT_EQ(scc_svr_reg(&info), 0U);
     daemon.accept_registration();
     ASSERT_EQ(test::statuses().wait(), 1U);
+    const test::debugging on;
     daemon.close_both();
     EXPECT_EQ(test::statuses().wait(), 0U);
     EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
     EXPECT_EQ(test::statuses().size(), 0U);
+    EXPECT_FALSE(test::logged("appid 7 ready to rereg."));
+}
+
+TEST_F(Receive, TheThreadEndsWhenTheAppIdIsTakenAwayAfterALoss) {
+    start();
+    daemon.stop_listening();
+    daemon.close_both();
+    ASSERT_EQ(test::statuses().wait(), 0U);
+    g_scc_client_cb.app_id = 0;
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_EQ(test::statuses().size(), 0U);
+    daemon.listen();
+    start();
 }
 
 }  // namespace

@@ -319,6 +319,23 @@ TEST_F(ConnectionFaults, ARegistrationThatCannotBeSentIsTheErrorOfTheSend) {
     EXPECT_EQ(_scc_lib_client_close(), 0);
 }
 
+TEST_F(ConnectionFaults, AThreadWhoseWaitFailsDuringAnUnregistrationLeavesAfterIt) {
+    start_with_holding_handler();
+    hold();
+    std::thread ending([] { EXPECT_EQ(scc_svr_unreg(), 0U); });
+    EXPECT_EQ(daemon.read_item(side::sync).type, 302);
+    const test::debugging on;
+    test::fail_call(call::poll, 1, 4);
+    release();
+    EXPECT_TRUE(test::wait_for_log("select error! errno:4."));
+    EXPECT_TRUE(test::wait_until_it_sleeps_in(test::receive_thread(), test::waiting_for_a_lock));
+    EXPECT_TRUE(test::end_faults());
+    daemon.send_item(side::sync, 302, wire().u32(0).u32(0));
+    ending.join();
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_FALSE(test::logged("appid 0 ready to rereg."));
+}
+
 // The daemon has a part of it, so its stream is out of step.
 TEST_F(ConnectionFaults, AnUnregistrationOfWhichAPartWentOutEndsTheConnection) {
     start();

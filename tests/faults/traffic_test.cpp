@@ -263,6 +263,12 @@ TEST_F(TrafficFaults, AWaitThatFailsBringsANewConnectionOrIsMadeAgain) {
     });
 }
 
+TEST_F(TrafficFaults, TheReceiveThreadWaitsForItsSocketAlone) {
+    start();
+    expect_working();
+    EXPECT_EQ(test::most_polled(), 1);
+}
+
 // A result that says whether the wait after it has failed already.
 void on_svi_and_wait(std::uint32_t result, std::uint32_t, std::uint8_t) {
     test::results().push(test::logged("select error! errno:4.") ? 1 : result);

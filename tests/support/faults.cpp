@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
@@ -30,6 +31,7 @@ constinit std::atomic<int> g_failing_allocation{0};
 constinit std::atomic<bool> g_met{false};
 constinit std::atomic<int> g_limit{0};
 constinit std::atomic<std::size_t> g_failing_size{0};
+constinit std::atomic<int> g_most_polled{0};
 constinit std::atomic<void (*)()> g_on_state_set{nullptr};
 constinit std::atomic<void (*)()> g_on_calls_freed{nullptr};
 
@@ -155,6 +157,10 @@ int calls(call which) {
     return of(which).calls;
 }
 
+int most_polled() {
+    return g_most_polled;
+}
+
 void hold_new_threads() {
     const std::lock_guard guard(the_gate().mutex);
     the_gate().closed = true;
@@ -242,6 +248,7 @@ ssize_t __wrap_recv(int fd, void* bytes, size_t length, int flags) {
 }
 
 int __wrap_poll(pollfd* watched, nfds_t count, int timeout) {
+    test::g_most_polled = std::max(test::g_most_polled.load(), static_cast<int>(count));
     return test::fails(call::poll) ? -1 : __real_poll(watched, count, timeout);
 }
 
