@@ -295,13 +295,9 @@ TEST_F(Connection, ARefusalWithoutAHolderEndsWithItsItem) {
     begin();
     daemon.accept_both();
     (void)daemon.read_item(side::sync);
-    daemon.send(side::sync, wire()
-                                .u32(28)
-                                .u8(1)
-                                .u16(1)
-                                .u8(0)
-                                .add(test::item_bytes(301, wire().u32(0).u32(2002)))
-                                .u32(4711));
+    daemon.send(
+        side::sync,
+        wire().u32(28).u8(1).u16(1).u8(0).add(test::item_bytes(301, wire().u32(0).u32(2002))).u32(4711));
     EXPECT_TRUE(closes_silently(side::async));
     EXPECT_EQ(lines_with("already registered by"), 0U);
     daemon.accept_registration();

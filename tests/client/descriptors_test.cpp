@@ -264,6 +264,15 @@ TEST_F(Descriptors, ThirtyTwoAreLentAtOnceAndTheNextWaitsForOneOfThem) {
     close(async_pair[0]);
 }
 
+TEST_F(Descriptors, AStatusWithoutAHandlerIsNothing) {
+    _scc_lib_svr_status_notify(1);
+    g_scc_client_cb.handlers.server_status = test::on_status;
+    _scc_lib_svr_status_notify(0);
+    EXPECT_EQ(test::statuses().wait(), 0U);
+    close(sync_pair[0]);
+    close(async_pair[0]);
+}
+
 // ---- what keeps another start away ----------------------------------------------------------------------
 
 class Starts : public Descriptors {
@@ -307,15 +316,6 @@ TEST_F(Starts, AStartEndsWhatAnAttemptBeforeItHasOpened) {
     char byte = 0;
     EXPECT_EQ(recv(sync_pair[1], &byte, 1, MSG_DONTWAIT), 0);
     sync_pair[0] = -1;
-}
-
-TEST_F(Descriptors, AStatusWithoutAHandlerIsNothing) {
-    _scc_lib_svr_status_notify(1);
-    g_scc_client_cb.handlers.server_status = test::on_status;
-    _scc_lib_svr_status_notify(0);
-    EXPECT_EQ(test::statuses().wait(), 0U);
-    close(sync_pair[0]);
-    close(async_pair[0]);
 }
 
 // ---- what is done to a connection by its epoch ----------------------------------------------------------

@@ -83,8 +83,7 @@ TEST_F(MessageReader, AMessageOfOneByteMoreThanAHeaderIsReadWhole) {
     arrive(wire().u32(9).u8(1).u16(1).u8(0).u8(0xEE).add(good));
     expect_refused(receive(), 2007, message_end::dropped);
     expect_whole(good);
-    EXPECT_EQ(test::log_texts(),
-              std::vector<std::string>{"msg format error,items exceed msg. len:9."});
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{"msg format error,items exceed msg. len:9."});
 }
 
 TEST_F(MessageReader, AMessageWhoseItemsDoNotFitIsFreed) {

@@ -164,8 +164,7 @@ TEST_F(MessageStream, AMessageOfOneByteMoreThanAHeaderIsReadWhole) {
     fill();
     EXPECT_EQ(next(2007), bytes());
     EXPECT_EQ(next(), message_of(40, 1));
-    EXPECT_EQ(test::log_texts(),
-              std::vector<std::string>{"msg format error,items exceed msg. len:9."});
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{"msg format error,items exceed msg. len:9."});
 }
 
 TEST_F(MessageStream, ARefusedMessageIsFreed) {
