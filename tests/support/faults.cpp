@@ -149,6 +149,7 @@ bool end_faults() {
     }
     g_failing_allocation = 0;
     g_failing_size = 0;
+    g_most_polled = 0;
     g_limit = 0;
     return g_met.exchange(false);
 }

@@ -37,7 +37,7 @@ void on_state_set(void (*act)());
 void on_calls_freed(void (*act)());
 // Ends all faults; returns whether one occurred.
 bool end_faults();
-// The most descriptors that one poll has watched.
+// The most descriptors that one poll has watched since the last end_faults.
 int most_polled();
 // How often the kind was called since the last end_faults or fail_*.
 int calls(call which);
