@@ -2,6 +2,7 @@
 // is refused.
 #include "client/message_stream.h"
 
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 

@@ -14,6 +14,8 @@ class large_blocks {
     // A block of this size is large; one read of the asynchronous socket brings a little more.
     static constexpr std::size_t size = 16000;
 
+    large_blocks() : before_(in_use()) {}
+
     // How many there are more than at first.
     [[nodiscard]] long more() const { return std::lround((in_use() - before_) / double{size}); }
 
@@ -23,7 +25,7 @@ class large_blocks {
         return static_cast<double>(now.uordblks + now.hblkhd);
     }
 
-    double before_ = in_use();
+    double before_;
 };
 
 }  // namespace test
