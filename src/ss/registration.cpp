@@ -54,7 +54,6 @@ bool allocate_statistics() {
         if (block == nullptr) {
             return false;
         }
-        *block = {};
         __atomic_store_n(&ss_stat, block, __ATOMIC_RELAXED);
     }
     reset_service_statistics();
