@@ -313,4 +313,15 @@ TEST_F(SyncExchange, MayBeMadeFromAHandler) {
     EXPECT_EQ(answers->wait(), 99U);
 }
 
+// The app id is 0 while an unregistration waits for its reply.
+TEST_F(SyncExchange, OfAQueryThatSucceedsDuringAnUnregistrationLeavesTheState) {
+    start();
+    g_scc_client_cb.app_id = 0;
+    daemon.send(side::sync, reply_to(1));
+    std::uint32_t count = 0;
+    EXPECT_EQ(scc_arp_check_user_count_get(1, &count), 0U);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 4U);
+    g_scc_client_cb.app_id = 7;
+}
+
 }  // namespace

@@ -496,4 +496,26 @@ TEST(Probes, ElapsedTimesWrapAtThirtyTwoBits) {
     EXPECT_EQ(g_scc_perf[1].total, g_scc_perf[1].last - 1);
 }
 
+// ---- descriptors and paths of a host that has changed them
+
+TEST_F(SwitchFile, IsReadThroughDescriptorZeroToo) {
+    write("dot1x   1\n");
+    const int input = dup(STDIN_FILENO);
+    ASSERT_EQ(close(STDIN_FILENO), 0);
+    EXPECT_EQ(flag_from(0, "dot1x"), 1);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "descriptor 0 was left open";
+    dup2(input, STDIN_FILENO);
+    close(input);
+}
+
+TEST_F(SwitchFile, OfAnEarlierStartIsNotReadOnceTheVariableIsGone) {
+    write("dot1x   1\n");
+    for (const bool set : {true, false}) {
+        if (!set) {
+            unsetenv("DATA_QXOS_DIR");
+        }
+        EXPECT_EQ(flag_from(0, "dot1x"), set ? 1 : 0);
+    }
+}
+
 }  // namespace

@@ -128,4 +128,16 @@ TEST_F(Lifetime, AThreadThatIsNoReceiveThreadActsForTheCurrentGeneration) {
     EXPECT_EQ(receiving.get(), ended);
 }
 
+TEST_F(Lifetime, TheWaitForAnUnregistrationEndsWithIt) {
+    register_as(7);
+    const std::uint32_t generation = scc::begin_generation();
+    std::uint32_t app_id = 0;
+    ASSERT_TRUE(scc::begin_unregistration(app_id));
+    aside<bool> waiting([generation] { return scc::survives_unregistration(generation); });
+    ASSERT_TRUE(waiting.waits_in(test::waiting_for_a_lock));
+    scc::end_unregistration();
+    EXPECT_TRUE(waiting.returns());
+    EXPECT_TRUE(waiting.get());
+}
+
 }  // namespace

@@ -78,4 +78,19 @@ TEST_F(MessageQueue, WakesAWaitingThread) {
     taking.join();
 }
 
+// A start without memory for the batch does not prepare the queue, and its threads run all the same.
+TEST(UnpreparedMessageQueue, IsPreparedByTheFirstMessage) {
+    int message = 0;
+    ASSERT_TRUE(scc::enqueue_message(3, &message));
+    scc::scc_lib_msg_node* node = scc::dequeue_message();
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(node->message, &message);
+    free(node);
+}
+
+TEST(UnpreparedMessageQueue, IsPreparedByAStart) {
+    scc::init_message_queue();
+    EXPECT_EQ(g_scc_lib_msg_q.next, &g_scc_lib_msg_q);
+}
+
 }  // namespace
