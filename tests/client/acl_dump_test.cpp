@@ -203,4 +203,13 @@ TEST_F(AclDump, OneAclOfTheFirstBucketIsShown) {
               1);
 }
 
+TEST(AclDumpBeforeAnyStart, LeavesACacheThatTakesAcls) {
+    const bytes request = wire().u32(3);
+    _scc_lib_dbg_acl_show(request.data());
+    const scc_acl_key key = {1, 2, 3, 4};
+    _scc_lib_acl_add(&key);
+    const scc::write_guard guard(scc::acl_lock);
+    EXPECT_NE(_scc_acl_get(&key), nullptr);
+}
+
 }  // namespace

@@ -140,4 +140,17 @@ TEST_F(Lifetime, TheWaitForAnUnregistrationEndsWithIt) {
     EXPECT_TRUE(waiting.get());
 }
 
+TEST_F(Lifetime, ARefusedEndLeavesAnyStateButIdleAsItIs) {
+    g_scc_client_cb.sync_fd = 0;
+    g_scc_client_cb.async_fd = 0;
+    for (const std::uint32_t state : {2U, 3U, 5U}) {
+        register_as(7);
+        std::uint32_t app_id = 0;
+        ASSERT_TRUE(scc::begin_unregistration(app_id));
+        _scc_client_state_set(state);
+        scc::take_unregistration_back(app_id);
+        EXPECT_EQ(g_scc_client_cb.state.load(), state);
+    }
+}
+
 }  // namespace

@@ -226,4 +226,14 @@ TEST_F(Start, ThatIsUndoneKeepsAnyOtherAwayUntilItIsUndone) {
     EXPECT_FALSE(scc::is_started(scc::start_kind::agent));
 }
 
+// 107 bytes with the terminator. The kernel takes the name from the memory of the arguments.
+TEST_F(Start, CutsALongNameTo106Characters) {
+    std::memset(program_invocation_name, 'x', 150);
+    program_invocation_name[150] = '\0';
+    start();
+    bytes expected(106, 'x');
+    expected.push_back(0);
+    EXPECT_EQ(bytes(g_scc_client_cb.process_name, g_scc_client_cb.process_name + 107), expected);
+}
+
 }  // namespace

@@ -94,7 +94,15 @@ TEST_F(Blocks, OfDeliveredCallsAreFreedAfterAPause) {
     for (std::uint32_t result = 0; result < count; ++result) {
         ASSERT_EQ(test::results().wait(), 0U);
     }
+    // A request that takes a kept block begins a new pause, of 20 waits of the checker at least.
+    std::uint32_t last = 0;
+    const int waits = test::calls(test::call::select);
+    ASSERT_EQ(scc_svi_router_acl_set(1, &last), 0U);
+    EXPECT_EQ(daemon.read_item(side::async).type, 143);
+    daemon.send_result(last, 0);
+    ASSERT_EQ(test::results().wait(), 0U);
     EXPECT_TRUE(test::eventually([before] { return test::live_blocks() <= before; }));
+    EXPECT_GE(test::calls(test::call::select) - waits, 20);
 }
 
 // A request allocates its own block and nothing else.
