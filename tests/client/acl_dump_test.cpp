@@ -198,9 +198,9 @@ TEST(AclDumpBeforeAnyStart, ShowsAnEmptyCache) {
 TEST_F(AclDump, OneAclOfTheFirstBucketIsShown) {
     fill();
     const texts lines = show(wire().u32(2).u32(0xFF).u32(0xFF).u32(3));
-    EXPECT_EQ(std::count(lines.begin(), lines.end(),
-                         "1       0       255     255      3       1000    1        "),
-              1);
+    EXPECT_EQ(
+        std::count(lines.begin(), lines.end(), "1       0       255     255      3       1000    1        "),
+        1);
 }
 
 TEST(AclDumpBeforeAnyStart, LeavesACacheThatTakesAcls) {

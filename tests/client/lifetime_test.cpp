@@ -153,4 +153,12 @@ TEST_F(Lifetime, ARefusedEndLeavesAnyStateButIdleAsItIs) {
     }
 }
 
+TEST_F(Lifetime, IsLockedByWhoeverChangesIt) {
+    ASSERT_EQ(pthread_mutex_lock(&scc::g_connection_mutex.handle), 0);
+    aside<std::uint32_t> beginning([] { return scc::begin_generation(); });
+    EXPECT_TRUE(beginning.waits_in(test::waiting_for_a_lock));
+    pthread_mutex_unlock(&scc::g_connection_mutex.handle);
+    EXPECT_EQ(beginning.get(), scc::current_generation());
+}
+
 }  // namespace

@@ -492,10 +492,14 @@ TEST_F(Callbacks, AResultBeforeAnyRegistrationDoesNotBreakTheHost) {
 // ---- a null record, a plain result beside the statistics, success
 
 constexpr callback all_callbacks[] = {
-    _scc_ss_acl_op_ret_callback,         _scc_ss_ace_op_ret_callback,
-    _scc_ss_acl_apply_op_ret_callback,   _scc_ss_acl_reseq_op_ret_callback,
-    _scc_ss_svi_router_acl_op_ret_callback, _scc_ss_global_eport_ret_callback,
-    _scc_ss_cpp_ret_callback,            _scc_ss_acl_counter_op_ret_callback,
+    _scc_ss_acl_op_ret_callback,
+    _scc_ss_ace_op_ret_callback,
+    _scc_ss_acl_apply_op_ret_callback,
+    _scc_ss_acl_reseq_op_ret_callback,
+    _scc_ss_svi_router_acl_op_ret_callback,
+    _scc_ss_global_eport_ret_callback,
+    _scc_ss_cpp_ret_callback,
+    _scc_ss_acl_counter_op_ret_callback,
     _scc_ss_ace_counter_op_ret_callback,
 };
 

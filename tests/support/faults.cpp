@@ -223,7 +223,8 @@ void* __wrap_malloc(size_t size) {
 }
 
 void* __wrap_calloc(size_t count, size_t size) {
-    return test::allocation_fails(call::calloc, count * size) ? nullptr : test::counted(__real_calloc(count, size));
+    return test::allocation_fails(call::calloc, count * size) ? nullptr
+                                                              : test::counted(__real_calloc(count, size));
 }
 
 void __wrap_free(void* block) {
