@@ -158,7 +158,8 @@ TEST_F(Lifetime, IsLockedByWhoeverChangesIt) {
     aside<std::uint32_t> beginning([] { return scc::begin_generation(); });
     EXPECT_TRUE(beginning.waits_in(test::waiting_for_a_lock));
     pthread_mutex_unlock(&scc::g_connection_mutex.handle);
-    EXPECT_EQ(beginning.get(), scc::current_generation());
+    const std::uint32_t begun = beginning.get();
+    EXPECT_EQ(begun, scc::current_generation());
 }
 
 }  // namespace
