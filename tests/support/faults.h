@@ -18,6 +18,7 @@ enum class call {
     close,
     pthread_create,
     mkdir,
+    malloc_trim,
     count
 };
 
@@ -44,6 +45,8 @@ int calls(call which);
 // Threads created from now on do not run before release_new_threads.
 void hold_new_threads();
 void release_new_threads();
+// The blocks that the library and the tests hold: taken with malloc or calloc and not freed.
+long live_blocks();
 // send and recv move at most that many bytes a call; 0 for no limit.
 void limit_transfer(int bytes);
 
