@@ -35,7 +35,8 @@ TEST_F(SccdDaemonCommands, TheStateBeginsAnotherDaemon) {
 }
 
 TEST_F(SccdDaemonCommands, FaultsAreOrderedListedAndCleared) {
-    ASSERT_EQ(run({"daemon", "fault", "refuse", "request=addr-learning", "result=2012", "count=2"}).status, 0);
+    ASSERT_EQ(run({"daemon", "fault", "refuse", "request=addr-learning", "result=2012", "count=2"}).status,
+              0);
     EXPECT_EQ(run({"addr-learning", "3", "1"}).status, 1);
 
     const auto listed = run({"daemon", "fault", "list", "--json"}).json_lines().at(0)["faults"];
@@ -49,7 +50,8 @@ TEST_F(SccdDaemonCommands, FaultsAreOrderedListedAndCleared) {
 TEST_F(SccdDaemonCommands, AFaultThatDoesNotExistIsOneLine) {
     const finished result = run({"daemon", "fault", "explode"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_TRUE(result.errors.starts_with("sccctl: fault: no action 'explode'; there are refuse, mute, ")) << result.errors;
+    EXPECT_TRUE(result.errors.starts_with("sccctl: fault: no action 'explode'; there are refuse, mute, "))
+        << result.errors;
     EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 1);
 }
 
