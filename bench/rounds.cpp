@@ -60,6 +60,15 @@ void print_ratio(const std::string& what, double value, double reference, const 
     std::printf("%-66s %12.0f %-8s %6.2f  %s\n", what.c_str(), value, unit, value / reference,
                 target.c_str());
     std::fflush(stdout);
+    const char* name = std::getenv("BENCH_JSON");
+    std::FILE* file = name == nullptr ? nullptr : std::fopen(name, "a");
+    if (file != nullptr) {
+        std::fprintf(
+            file,
+            "{\"what\": \"%s\", \"value\": %.6g, \"unit\": \"%s\", \"ratio\": %.4f, \"goal\": \"%s\"}\n",
+            what.c_str(), value, unit, value / reference, target.c_str());
+        std::fclose(file);
+    }
 }
 
 }  // namespace bench

@@ -20,7 +20,7 @@ struct contender {
 std::vector<double> medians(const std::vector<contender>& contenders, int rounds);
 
 double now_s();
-// Prints "name: value unit, ratio (target ...)".
+// Prints "name: value unit, ratio (target ...)" and appends it as a line of JSON to the file that $BENCH_JSON names.
 void print_ratio(const std::string& what, double value, double reference, const char* unit,
                  const std::string& target);
 

@@ -1,15 +1,31 @@
 #!/usr/bin/env bash
-# Runs the benchmarks. Arguments: the number of interleaved rounds (7), and the parts of wire_bench to run.
+# bench.sh [ROUNDS [PART...]]: runs the benchmarks, or parts of wire_bench; 7 interleaved rounds unless given. The
+# figures also go to build/bench.json, one a line.
+# bench.sh steps: only counts what each operation takes.
+# bench.sh compare REVISION [ROUNDS]: compares the library with that of an earlier commit.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+programs=build/release/bench
+
+case "${1:-}" in
+    steps) exec scripts/steps.py ;;
+    compare)
+        shift
+        exec scripts/bench_compare.sh "$@"
+        ;;
+esac
 rounds=${1:-7}
+export BENCH_JSON=$PWD/build/bench.json
+rm -f "$BENCH_JSON"
 if [ $# -gt 1 ]; then
-    exec build/release/bench/wire_bench "$@"
+    exec "$programs/wire_bench" "$@"
 fi
+echo "== what an operation takes, which does not depend on the machine's load"
+scripts/steps.py --json build/steps.json
 echo "== requests and results against the raw-socket floor"
-build/release/bench/wire_bench "$rounds"
+"$programs/wire_bench" "$rounds"
 echo "== the service side against the raw-socket floor"
-build/release/bench/service_bench "$rounds"
+"$programs/service_bench" "$rounds"
 echo "== costs that must not grow with the number of entries"
-build/release/bench/memory_bench --benchmark_min_time=0.3
+"$programs/memory_bench" --benchmark_min_time=0.3
 scripts/bench_idle.sh
