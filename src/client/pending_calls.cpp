@@ -217,9 +217,13 @@ calls_in_hand::~calls_in_hand() {
         return;
     }
     const brief_guard guard;
-    // Calls are left when the registration ended meanwhile; they are freed with its data.
+    // Calls are left when the registration ended meanwhile; they are freed with its data. A slot that was
+    // emptied stays empty, so it needs no exchange.
     for (std::size_t i = 0; i < g_hand.size; ++i) {
-        if (pending_call* call = g_hand.calls[i].exchange(nullptr); call != nullptr) {
+        std::atomic<pending_call*>& slot = g_hand.calls[i];
+        pending_call* call =
+            slot.load(std::memory_order_relaxed) == nullptr ? nullptr : slot.exchange(nullptr);
+        if (call != nullptr) {
             g_scc_lib_call_lst.insert(&call->link);
         }
     }
