@@ -27,5 +27,5 @@ echo "== requests and results against the raw-socket floor"
 echo "== the service side against the raw-socket floor"
 "$programs/service_bench" "$rounds"
 echo "== costs that must not grow with the number of entries"
-"$programs/memory_bench" --benchmark_min_time=0.3
+"$programs/memory_bench" "$rounds"
 scripts/bench_idle.sh
