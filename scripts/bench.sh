@@ -3,6 +3,8 @@
 # figures also go to build/bench.json, one a line.
 # bench.sh steps: only counts what each operation takes.
 # bench.sh compare REVISION [ROUNDS]: compares the library with that of an earlier commit.
+# bench.sh peers [ROUNDS]: compares it with other libraries.
+# bench.sh charts [ROUNDS]: runs all of these, keeps the figures in docs/charts, and draws the charts there.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 programs=build/release/bench
@@ -12,6 +14,18 @@ case "${1:-}" in
     compare)
         shift
         exec scripts/bench_compare.sh "$@"
+        ;;
+    peers)
+        shift
+        exec scripts/bench_peers.sh "$@"
+        ;;
+    charts)
+        scripts/bench.sh "${2:-7}"
+        scripts/bench_peers.sh "${2:-7}"
+        mkdir -p docs/charts
+        cat build/bench.json build/peers.json >docs/charts/figures.json
+        cp build/steps.json docs/charts/steps.json
+        exec scripts/draw_charts.py
         ;;
 esac
 rounds=${1:-7}
