@@ -44,4 +44,6 @@ echo "== costs that must not grow with the number of entries"
 "$programs/memory_bench" "$rounds"
 echo "== how long a result takes"
 "$programs/latency_bench" 10
+echo "== losses"
+"$programs/scale_bench" 3
 scripts/bench_idle.sh

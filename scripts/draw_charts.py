@@ -63,8 +63,8 @@ def legend(drawing, names, y):
     x = 16
     for name, colour in names:
         drawing.rectangle(x, y - 10, 12, 12, colour)
-        drawing.text(x + 17, y, name)
-        x += 32 + 7.2 * len(name)
+        drawing.text(x + 17, y, name, size=12)
+        x += 34 + 6.7 * len(name)
 
 
 def bar_chart(name, title, explanation, groups):
@@ -89,8 +89,8 @@ def bar_chart(name, title, explanation, groups):
 
 
 def line_chart(name, title, explanation, axes, series):
-    """axes: ((label, ticks), (label, ticks)), logarithmic where the ticks grow by factors; series: (name, points, dashed)."""
-    left, right, top, bottom, inner = 70, 24, 86, 48, 290
+    """axes: (label, ticks, ticks upwards), logarithmic where the ticks grow by factors; series: (name, points, dashed)."""
+    left, right, top, bottom, inner = 70, 44, 88, 48, 290
     drawing = Drawing(top + inner + bottom)
     heading(drawing, title, explanation)
     colours = [COLOURS[i % len(COLOURS)] for i in range(len(series))]
@@ -103,7 +103,7 @@ def line_chart(name, title, explanation, axes, series):
         low, high = measure(values[0]), measure(values[-1])
         return lambda value: start + length * (measure(min(max(value, values[0]), values[-1])) - low) / (high - low)
 
-    (x_label, x_ticks), (y_label, y_ticks) = axes
+    x_label, x_ticks, y_ticks = axes
     x_of = position(x_ticks, left, WIDTH - left - right)
     y_of = position(y_ticks, top + inner, -inner)
     for value, text in x_ticks:
@@ -113,7 +113,6 @@ def line_chart(name, title, explanation, axes, series):
         drawing.line(left, y_of(value), WIDTH - right, y_of(value))
         drawing.text(left - 7, y_of(value) + 4, text, anchor="end", size=12)
     drawing.text((left + WIDTH - right) / 2, top + inner + 38, x_label, anchor="middle")
-    drawing.text(14, top - 6, y_label, size=12, colour="#555555")
     for (_, points, dashed), colour in zip(series, colours):
         drawing.path([(x_of(x), y_of(y)) for x, y in points], colour, dashed)
         for x, y in points:
@@ -129,9 +128,6 @@ def draw_throughput(figures):
     for label, work in works:
         values = {who: figures[f"{work}, {who}"]["value"] for who in ("library", "floor")}
         entries = [(who, value, short(value)) for who, value in values.items()]
-        entries += [(peer, figures[what]["value"], short(figures[what]["value"]))
-                    for peer in ("ZeroMQ", "nng", "sd-bus")
-                    if (what := f"{label.split(',')[0]}, {peer}") in figures and "one result" in label]
         groups.append((label, entries))
     for count, label in (("one", "service, 1 operation a message"), ("50", "service, 50 a message")):
         work = f"service operations, {count} a message"
@@ -139,6 +135,19 @@ def draw_throughput(figures):
                                for who in ("library", "floor")]))
     bar_chart("throughput.svg", "Requests a second",
               "One requesting thread; the floor moves the same bytes without locks, calls and handlers.", groups)
+
+
+def draw_peers(figures):
+    peers = ("scclib", "ZeroMQ", "nng", "sd-bus", "Cap'n Proto", "gRPC")
+    charts = (("peers.svg", "Requests a second, beside other libraries",
+               "744 bytes, each answered by a result, at most 4,096 outstanding, over a Unix socket.", "744 bytes", ""),
+              ("peers_query.svg", "The median time of a query, beside other libraries",
+               "152 bytes, answered by 36, over a Unix socket; one at a time.", "a query, median", " us"))
+    for name, title, explanation, what, unit in charts:
+        values = [(peer, figures[f"{what}, {peer}"]["value"]) for peer in peers]
+        bar_chart(name, title, explanation,
+                  [(peer, [("scclib" if peer == "scclib" else "others", value, short(value) + unit)])
+                   for peer, value in values])
 
 
 def draw_steps(steps):
@@ -161,7 +170,7 @@ def draw_pending(figures):
         entries = []
         for size in sizes:
             value = figures[f"{what}, {size}"]["value"]
-            series = size if size.startswith("10 ") else "1,000,000 pending, " + size.split(", ")[-1]
+            series = size if size.startswith("10 ") else "a million, " + size.split(", ")[-1]
             entries.append((series, value, f"{value:.0f} ns"))
         groups.append((label, entries))
     bar_chart("pending.svg", "Processor time of a result, by the number of calls pending",
@@ -169,8 +178,8 @@ def draw_pending(figures):
 
 
 def draw_latency(figures):
-    ticks = [(1, "1"), (10, "10"), (25, "25"), (50, "50"), (75, "75"), (90, "90"), (99, "99")]
-    y_ticks = [(value, text) for value, text in ((10, "10 us"), (100, "100 us"), (1000, "1 ms"), (10000, "10 ms"))]
+    x_ticks = [(percent, str(percent)) for percent in (0, 10, 25, 50, 75, 90, 99)]
+    y_ticks = [(10, "10 us"), (100, "100 us"), (1000, "1 ms"), (10000, "10 ms")]
     series = []
     for name, what in (("1 request a second", "a request, 1 a second"), ("1,000 a second", "a request, 1,000 a second"),
                        ("1,000 a second, busy", "a request, 1,000 a second, busy machine"), ("query", "a query"),
@@ -179,7 +188,7 @@ def draw_latency(figures):
         series.append((name, points, "busy" in name))
     line_chart("latency.svg", "From a request to its result",
                "A batch waits up to 5 ms for the checker, so a lone request takes anything up to that. A query does not.",
-               (("of 100 requests, so many are faster", [(0, "0"), *ticks[1:], (100, "100")]), ("time", y_ticks)), series)
+               ("of 100 requests, so many are faster", x_ticks, y_ticks), series)
 
 
 def draw_look_up(figures):
@@ -193,14 +202,15 @@ def draw_look_up(figures):
     y_ticks = [(value, f"{value} ns") for value in range(0, step * (math.ceil(most / step) + 1), step)]
     x_ticks = [(10, "10"), (1000, "1,000"), (32768, "32,768"), (1900544, "1.9 million")]
     line_chart("look_up.svg", "Looking up an ACL, by the number of ACLs in the cache",
-               "In the order of creation. Beyond the processor's caches each look-up waits for memory.",
-               (("ACLs held", x_ticks), ("processor time", y_ticks)), series)
+               "Processor time, in the order of creation. Beyond the processor's caches a look-up waits for memory.",
+               ("ACLs held", x_ticks, y_ticks), series)
 
 
 def main():
     lines = (FOLDER / "figures.json").read_text().splitlines()
     figures = {figure["what"]: figure for figure in map(json.loads, lines)}
     draw_throughput(figures)
+    draw_peers(figures)
     draw_steps(json.loads((FOLDER / "steps.json").read_text()))
     draw_pending(figures)
     draw_latency(figures)

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# setup.sh [LIST]: installs the missing ones of a list of Debian packages (scripts/packages.txt), or prints the command to do so if it lacks the rights.
+# setup.sh [LIST]: installs what is missing of a list of Debian packages (scripts/packages.txt), or prints the command
+# to do so if it lacks the rights.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
