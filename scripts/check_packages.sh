@@ -51,8 +51,9 @@ version=$(field libscclib1 Version)
 expect libscclib1 usr/lib/libscclib.so.1 "usr/lib/libscclib.so.$version"
 cmake_files=(Config.cmake ConfigVersion.cmake Targets.cmake Targets-release.cmake)
 expect scclib-dev usr/include/scclib.h usr/lib/libscclib.a usr/lib/libscclib.so usr/lib/pkgconfig/scclib.pc \
+    usr/include/scc_records.h usr/lib/libscc_records.a usr/lib/pkgconfig/scc_records.pc \
     "${cmake_files[@]/#/usr/lib/cmake/scclib/scclib}" usr/share/man/man7/scclib.7.gz \
-    usr/share/man/man7/scclib-handlers.7.gz
+    usr/share/man/man7/scclib-handlers.7.gz usr/share/man/man7/scc_records.7.gz
 expect scclib-workstation usr/lib/libqx_syslog.so usr/lib/libqx-thread.so usr/include/qx_syslog.h \
     usr/include/qx_thread.h
 for program in sccd-dev scc-ss-dev sccctl; do
@@ -60,6 +61,7 @@ for program in sccd-dev scc-ss-dev sccctl; do
         [ -s "$root/usr/$file" ] || fail "there is no /usr/$file"
     done
 done
+[ -s "$root/usr/share/scclib/scenarios/slow-service.json" ] || fail "there are no scenarios"
 [ -s "$root/usr/share/bash-completion/completions/sccctl" ] || fail "there is no completion for sccctl"
 while read -r name; do
     [ -s "$root/usr/share/man/man3/$name.3.gz" ] || fail "scclib-dev has no page of $name"
@@ -67,7 +69,7 @@ done < <(exported_names)
 
 depends libscclib1 libc6 "scclib-workstation (= $version) | scclib-platform"
 depends scclib-dev "libscclib1 (= $version)"
-depends scclib-devkit libc6 libstdc++6 libpcap "libscclib1 (= $version)"
+depends scclib-devkit libc6 libstdc++6 libevent libpcap "libscclib1 (= $version)"
 depends scclib-workstation libc6 libevent
 
 mapfile -t binaries < <(find "$root/usr" -type f \( -path '*/bin/*' -o -name 'lib*.so*' \))

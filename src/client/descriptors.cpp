@@ -41,9 +41,10 @@ std::span<loan> loans() SCC_REQUIRES(g_connection_mutex) {
     return {g_loans.data(), g_loans_end};
 }
 
+// The kernel cannot reuse a number that is still open, so there is one loan of it.
 loan* find_loan(int fd) SCC_REQUIRES(g_connection_mutex) {
     for (loan& entry : loans()) {
-        if (entry.users > 0 && !entry.doomed && entry.fd == fd) {
+        if (entry.users > 0 && entry.fd == fd) {
             return &entry;
         }
     }
@@ -171,7 +172,6 @@ borrowed_descriptor::borrowed_descriptor(channel which, u32 epoch) : fd_(-1), ep
     const mutex_guard guard(g_connection_mutex);
     epoch_ = g_epoch.load(relaxed);
     if (epoch != any_epoch && epoch != epoch_) {
-        epoch_ = epoch;
         return;
     }
     const int fd = slot_of(which).load(relaxed);
@@ -181,16 +181,9 @@ borrowed_descriptor::borrowed_descriptor(channel which, u32 epoch) : fd_(-1), ep
 }
 
 borrowed_descriptor::~borrowed_descriptor() {
-    if (fd_ < 0) {
-        return;
-    }
     const mutex_guard guard(g_connection_mutex);
-    for (loan& entry : loans()) {
-        // The kernel cannot reuse a number that is still open, so there is one loan of it.
-        if (entry.users > 0 && entry.fd == fd_) {
-            end_loan(entry);
-            return;
-        }
+    if (loan* entry = find_loan(fd_); entry != nullptr) {
+        end_loan(*entry);
     }
 }
 

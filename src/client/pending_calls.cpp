@@ -108,7 +108,7 @@ void index_incoming() SCC_REQUIRES(calls_lock) {
 
 // Logs as the function with C linkage. A length below 0 is kept, but has no data.
 u32 save(u32 call_id, u32 kind, const value_parts& data, i32 len) SCC_REQUIRES(lib_lock) {
-    const std::size_t data_bytes = data.size();
+    const std::size_t data_bytes = data_bytes_of(len);
     pending_call* call = take_spare(data_bytes);
     if (call == nullptr) {
         call = static_cast<pending_call*>(std::malloc(pending_call::head_bytes + data_bytes));
