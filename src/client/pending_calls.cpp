@@ -111,6 +111,7 @@ u32 save(u32 call_id, u32 kind, const value_parts& data, i32 len) SCC_REQUIRES(l
     const std::size_t data_bytes = data_bytes_of(len);
     pending_call* call = take_spare(data_bytes);
     if (call == nullptr) {
+        // NOLINTNEXTLINE(clang-analyzer-optin.portability.UnixAPI): the head alone has 32 bytes.
         call = static_cast<pending_call*>(std::malloc(pending_call::head_bytes + data_bytes));
     }
     if (call == nullptr) {
