@@ -123,8 +123,10 @@ void _scc_ss_save_idtype(u32 id, u16 scc_type) {
     }
     scc_ss_type_node* type = g_spare_type.allocate();
     if (type == nullptr) {
+        // Without memory nothing is kept.
         if (list_empty(&node->types)) {
-            remove_node(node);
+            scc_rb_erase(&node->link, &g_ss_id_map_root);
+            std::free(node);
         }
         SCC_LOG("save type node id:%u type:%d map failed.", id, scc_type);
         return;
