@@ -211,7 +211,9 @@ void print(const std::string& what, samples times) {
     }
     for (const double percentile : percentiles) {
         const auto at = static_cast<std::size_t>(static_cast<double>(times.size() - 1) * percentile / 100);
-        std::printf(percentile >= 50 ? " %8.0f" : "", times[at]);
+        if (percentile >= 50) {
+            std::printf(" %8.0f", times[at]);
+        }
         if (file != nullptr) {
             std::fprintf(file, "%s\"%g\": %.1f", percentile > percentiles[0] ? ", " : "", percentile,
                          times[at]);
