@@ -1,5 +1,6 @@
 #include "floor.h"
 
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -74,6 +75,16 @@ void receive_results(int fd, std::uint64_t requests, window& in_flight) {
     }
 }
 
+void take_and_release(int locks) {
+    static pthread_rwlock_t lock[2] = {PTHREAD_RWLOCK_INITIALIZER, PTHREAD_RWLOCK_INITIALIZER};
+    for (int i = 0; i < locks; ++i) {
+        pthread_rwlock_wrlock(&lock[i]);
+    }
+    for (int i = locks; i-- > 0;) {
+        pthread_rwlock_unlock(&lock[i]);
+    }
+}
+
 }  // namespace
 
 void window::wait_for_space(std::uint64_t sent) {
@@ -104,7 +115,7 @@ std::uint64_t window::count() const {
     return std::atomic_ref(const_cast<std::uint64_t&>(done_)).load();
 }
 
-double floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding) {
+figure floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding, int locks) {
     const connection link;
     window in_flight(outstanding);
     std::thread receiving([&] { receive_results(link.async, requests, in_flight); });
@@ -112,6 +123,7 @@ double floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64
     const u32 per_batch = wire::batch_capacity_bytes / entry;
     std::vector<u8> batch(8 + std::size_t{per_batch} * entry, 0);
     const double began = now_s();
+    const double used_before = processor_s();
     for (std::uint64_t sent = 0; sent < requests;) {
         const auto now = static_cast<u32>(std::min<std::uint64_t>(per_batch, requests - sent));
         in_flight.wait_for_space(sent + now - 1);
@@ -119,6 +131,7 @@ double floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64
         store<u8>(batch.data(), 4, 1);
         store<u16>(batch.data(), 5, static_cast<u16>(now));
         for (u32 i = 0; i < now; ++i) {
+            take_and_release(locks);
             begin_item(batch.data() + 8 + i * entry, value_bytes, msg::d1x_port_open);
             store<u32>(batch.data() + 16 + i * entry, 0, static_cast<u32>(sent + i + 1));
         }
@@ -126,7 +139,8 @@ double floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64
         sent += now;
     }
     receiving.join();
-    return static_cast<double>(requests) / (now_s() - began);
+    const auto count = static_cast<double>(requests);
+    return {count / (now_s() - began), (processor_s() - used_before) * 1e9 / count};
 }
 
 double floor_round_trip(int rounds) {

@@ -4,10 +4,14 @@
 
 #include <cstdint>
 
+#include "rounds.h"
+
 namespace bench {
 
-// Requests per second, with values of value_bytes and a limited number outstanding.
-double floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding);
+// Requests per second, with values of value_bytes and a limited number outstanding. With locks, each request
+// takes and releases so many read-write locks, for writing, which nobody else holds.
+figure floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding,
+                  int locks = 0);
 
 // Seconds of the median round trip of a 168-byte message and its 52-byte reply.
 double floor_round_trip(int rounds);

@@ -1,20 +1,28 @@
 // How costs grow with the number of entries: pending calls, the ACL cache, the id/type map. In memory,
-// without sockets, on the library's internal functions.
-#include <benchmark/benchmark.h>
+// without sockets, on the library's internal functions. Times are processor times of one thread; the sizes of
+// one line take turns, each in its own process.
 #include <malloc.h>
+#include <sys/mman.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <numeric>
 #include <random>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "client/acl_cache.h"
 #include "client/client_data.h"
 #include "client/control_block.h"
+#include "client/dispatch.h"
 #include "client/pending_calls.h"
 #include "client/request_channel.h"
 #include "client/results.h"
+#include "msg/bytes.h"
+#include "rounds.h"
 #include "ss/id_map.h"
 
 namespace {
@@ -23,7 +31,9 @@ using namespace scc;
 
 enum sequence { ascending, descending, shuffled };
 
-std::vector<u32> ids(std::size_t count, int how) {
+constexpr u32 million = 1000000;
+
+std::vector<u32> ids(std::size_t count, sequence how) {
     std::vector<u32> out(count);
     std::iota(out.begin(), out.end(), 1U);
     if (how == descending) {
@@ -34,147 +44,357 @@ std::vector<u32> ids(std::size_t count, int how) {
     return out;
 }
 
-// Delivers a result (its handler is missing), then repeats the call, so that the number pending is constant.
-void deliver_result(benchmark::State& state) {
-    _scc_lib_data_init();
-    const auto pending = static_cast<std::size_t>(state.range(0));
-    const u8 saved[5] = {};
-    for (u32 id = 1; id <= pending; ++id) {
-        (void)_scc_lib_save_call_data(id, 23, saved, sizeof saved);
-    }
-    grow_pending_index();
-    const std::vector<u32> order = ids(pending, static_cast<int>(state.range(1)));
-    std::size_t next = 0;
-    for (auto _ : state) {
-        const u32 value[2] = {order[next], 0};
-        _scc_lib_call_ret_proc(value);
-        (void)_scc_lib_save_call_data(order[next], 23, saved, sizeof saved);
-        next = next + 1 == pending ? 0 : next + 1;
-    }
-    _scc_lib_data_free();
+double thread_ns() {
+    timespec used{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    return static_cast<double>(used.tv_sec) * 1e9 + static_cast<double>(used.tv_nsec);
 }
-BENCHMARK(deliver_result)
-    ->Args({10, ascending})
-    ->Args({1000000, ascending})
-    ->Args({1000000, descending})
-    ->Args({1000000, shuffled});
 
-u32 hold_acls(const benchmark::State& state) {
-    const auto held = static_cast<u32>(state.range(0));
-    for (u32 id = 1; id <= held; ++id) {
-        const scc_acl_key key{0, 3, id, 0};
+template <class Work>
+double time_of(double operations, Work work) {
+    const double began = thread_ns();
+    work();
+    return (thread_ns() - began) / operations;
+}
+
+void be_registered() {
+    _scc_lib_data_init();
+    g_scc_client_cb.state.store(state_registered);
+    g_scc_client_cb.option.store(1);
+}
+
+void save(u32 id) {
+    const u8 saved[5] = {};
+    const write_guard guard(lib_lock);
+    if (_scc_lib_save_call_data(id, 23, saved, sizeof saved) != 0) {
+        std::exit(1);
+    }
+}
+
+void save_calls(u32 count) {
+    _scc_lib_data_init();
+    for (u32 id = 1; id <= count; ++id) {
+        save(id);
+        if (id % (1U << 15U) == 0) {
+            grow_pending_index();
+        }
+    }
+    constexpr int passes = 100;  // more than a million calls need
+    for (int i = 0; i < passes; ++i) {
+        grow_pending_index();
+    }
+}
+
+// Each result (its handler is missing) is followed by a new call, so that the number pending is constant.
+double single_result(u32 pending, sequence how) {
+    save_calls(pending);
+    const std::vector<u32> order = ids(pending, how);
+    constexpr u32 results = million;
+    return time_of(results, [&] {
+        for (u32 i = 0; i < results; ++i) {
+            const u32 id = order[i % pending];
+            const u32 value[2] = {id, 0};
+            _scc_lib_call_ret_proc(value);
+            save(id);
+        }
+    });
+}
+
+// Messages of 500 results, until no call is pending.
+double results_together(u32 pending, sequence how) {
+    save_calls(pending);
+    const std::vector<u32> order = ids(pending, how);
+    constexpr u32 per_message = 500;
+    std::vector<u8> items(std::size_t{pending} * 16);
+    for (std::size_t i = 0; i < pending; ++i) {
+        store<u32>(items.data(), i * 16, u32{8});
+        store<u16>(items.data(), i * 16 + 6, msg::call_ret);
+        store<u32>(items.data(), i * 16 + 8, order[i]);
+    }
+    return time_of(pending, [&] {
+        for (u32 at = 0; at < pending; at += per_message) {
+            _scc_lib_async_msg_proc(std::min(per_message, pending - at), items.data() + std::size_t{at} * 16);
+        }
+    });
+}
+
+// What the results above cannot do without: a slot of a table as large as the index and the block that it
+// leads to, both changed, in runs of 32 whose accesses overlap; the block is freed.
+double memory_accesses(u32 pending, sequence how) {
+    struct block {
+        u8 bytes[pending_call::head_bytes + 5];
+    };
+    std::vector<block*> blocks(std::size_t{1} << 22U);
+    for (u32 i = 0; i < pending; ++i) {
+        blocks[2 * i] = static_cast<block*>(std::calloc(1, sizeof(block)));
+    }
+    std::vector<u32> order = ids(pending, how);
+    constexpr u32 run = 32;
+    return time_of(pending, [&] {
+        for (u32 at = 0; at + run <= pending; at += run) {
+            for (u32 i = at; i < at + run; ++i) {
+                __builtin_prefetch(&blocks[2 * (order[i] - 1)], 1);
+            }
+            for (u32 i = at; i < at + run; ++i) {
+                __builtin_prefetch(blocks[2 * (order[i] - 1)], 1);
+            }
+            for (u32 i = at; i < at + run; ++i) {
+                block*& slot = blocks[2 * (order[i] - 1)];
+                slot->bytes[0] = 1;
+                std::free(std::exchange(slot, nullptr));
+            }
+        }
+    });
+}
+
+constexpr u32 ids_of_a_type = 32768;
+
+scc_acl_key acl_number(u32 number) {
+    return {0, 1 + number / ids_of_a_type, 1 + number % ids_of_a_type, 0};
+}
+
+void hold_acls(u32 count) {
+    be_registered();
+    for (u32 i = 0; i < count; ++i) {
+        const scc_acl_key key = acl_number(i);
         _scc_lib_acl_add(&key);
     }
-    return held;
 }
 
-void look_up_acl(benchmark::State& state) {
-    _scc_lib_data_init();
-    const u32 held = hold_acls(state);
-    u32 id = 0;
-    for (auto _ : state) {
-        id = id % held + 1;
-        const scc_acl_key key{0, 3, id, 0};
-        const write_guard guard(acl_lock);
-        benchmark::DoNotOptimize(_scc_acl_get(&key));
-    }
-    _scc_lib_data_free();
+constexpr u32 look_ups = 2 * million;
+
+// In the order of creation.
+double find_acl(u32 held) {
+    hold_acls(held);
+    return time_of(look_ups, [&] {
+        for (u32 i = 0; i < look_ups; ++i) {
+            const scc_acl_key key = acl_number(i % held);
+            const write_guard guard(acl_lock);
+            if (_scc_acl_get(&key) == nullptr) {
+                std::exit(1);
+            }
+        }
+    });
 }
-BENCHMARK(look_up_acl)->Arg(10)->Arg(32768);
 
 // The same through the interface, locks included, reading the ACL that was found.
-void read_acl_class(benchmark::State& state) {
-    _scc_lib_data_init();
-    g_scc_client_cb.state.store(state_registered);
-    g_scc_client_cb.option.store(1);
-    const u32 held = hold_acls(state);
-    u32 id = 0;
-    for (auto _ : state) {
-        id = id % held + 1;
-        scc_acl_key key{0, 3, id, 0};
-        benchmark::DoNotOptimize(scc_acl_cls_get(&key));
-    }
-    _scc_lib_data_free();
+double read_acl(u32 held) {
+    hold_acls(held);
+    return time_of(look_ups, [&] {
+        for (u32 i = 0; i < look_ups; ++i) {
+            scc_acl_key key = acl_number(i % held);
+            if (scc_acl_cls_get(&key) != 0) {
+                std::exit(1);
+            }
+        }
+    });
 }
-BENCHMARK(read_acl_class)->Arg(10)->Arg(32768);
 
-void add_ace(benchmark::State& state) {
-    const auto count = static_cast<std::size_t>(state.range(0));
-    const std::vector<u32> order = ids(count, static_cast<int>(state.range(1)));
+double add_acls(u32 count) {
+    _scc_lib_data_init();
+    return time_of(count, [&] { hold_acls(count); });
+}
+
+void fill_acl(const std::vector<u32>& order) {
     const scc_acl_key key{0, 3, 1, 0};
     scc_ace_record ace{};
-    for (auto _ : state) {
-        _scc_lib_data_init();
-        _scc_lib_acl_add(&key);
-        for (const u32 sn : order) {
-            ace.sn = sn;
-            _scc_lib_ace_add(&key, &ace);
-        }
-        state.PauseTiming();
-        _scc_lib_data_free();
-        state.ResumeTiming();
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(count));
-}
-BENCHMARK(add_ace)
-    ->Args({100, ascending})
-    ->Args({10000, ascending})
-    ->Args({10000, descending})
-    ->Args({10000, shuffled});
-
-// Per ACE read back: constant if the whole is linear.
-void read_back(benchmark::State& state) {
-    _scc_lib_data_init();
-    g_scc_client_cb.state.store(state_registered);
-    g_scc_client_cb.option.store(1);
-    const auto count = static_cast<u32>(state.range(0));
-    scc_acl_key key{0, 3, 1, 0};
     _scc_lib_acl_add(&key);
-    scc_ace_record ace{};
-    for (u32 sn = 1; sn <= count; ++sn) {
+    for (const u32 sn : order) {
         ace.sn = sn;
         _scc_lib_ace_add(&key, &ace);
     }
-    for (auto _ : state) {
+}
+
+// In memory that the process has used before: fresh pages are the kernel's cost.
+double add_aces(u32 count, sequence how) {
+    be_registered();
+    const std::vector<u32> order = ids(count, how);
+    fill_acl(order);
+    double ns = 0;
+    const u32 repeats = std::max(1U, 20000 / count);
+    for (u32 i = 0; i < repeats; ++i) {
+        _scc_lib_data_init();
+        ns += time_of(count, [&] { fill_acl(order); });
+    }
+    return ns / repeats;
+}
+
+// Per ACE that is read back.
+double read_back(u32 count) {
+    be_registered();
+    fill_acl(ids(count, ascending));
+    scc_acl_key key{0, 3, 1, 0};
+    constexpr u32 repeats = 20;
+    double ns = 0;
+    for (u32 i = 0; i <= repeats; ++i) {
         scc_list_head list;
-        if (scc_acl_get_ace(&key, &list) != 0) {
-            state.SkipWithError("not read back");
-            break;
-        }
+        const double one = time_of(count, [&] {
+            if (scc_acl_get_ace(&key, &list) != 0) {
+                std::exit(1);
+            }
+        });
+        ns += i == 0 ? 0 : one;
         for (scc_list_head* at = list.next; at != &list;) {
             scc_list_head* gone = at;
             at = at->next;
             std::free(gone);
         }
     }
-    state.SetItemsProcessed(state.iterations() * count);
-    _scc_lib_data_free();
+    return ns / repeats;
 }
-BENCHMARK(read_back)->Arg(2500)->Arg(5000)->Arg(10000);
 
-void id_map(benchmark::State& state) {
+double id_in_and_out(u32 held) {
     empty_id_map();
-    const auto held = static_cast<u32>(state.range(0));
     for (u32 id = 1; id <= held; ++id) {
         _scc_ss_save_idtype(id, 1);
     }
-    u32 id = 0;
-    for (auto _ : state) {
-        id = id % held + 1;
-        benchmark::DoNotOptimize(_scc_ss_get_type(id));
-        _scc_ss_save_idtype(id, 1);
-    }
-    empty_id_map();
+    return time_of(million, [&] {
+        for (u32 i = 0; i < million; ++i) {
+            const u32 id = 1 + i % held;
+            if (_scc_ss_get_type(id) != 1) {
+                std::exit(1);
+            }
+            _scc_ss_save_idtype(id, 1);
+        }
+    });
 }
-BENCHMARK(id_map)->Arg(1000)->Arg(1000000);
+
+// What the kernel takes for a page that a process touches for the first time.
+double fresh_page() {
+    constexpr std::size_t pages = 2400;
+    constexpr std::size_t page_bytes = 4096;
+    void* memory =
+        mmap(nullptr, pages * page_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        std::exit(1);
+    }
+    auto* bytes = static_cast<volatile u8*>(memory);
+    return time_of(pages, [&] {
+        for (std::size_t i = 0; i < pages; ++i) {
+            bytes[i * page_bytes] = 1;
+        }
+    });
+}
+
+// Bytes of the heap, with what malloc adds to each block.
+template <class Work>
+double bytes_of_each(u32 count, Work work) {
+    const auto in_use = [] {
+        const struct mallinfo2 now = mallinfo2();
+        return static_cast<double>(now.uordblks + now.hblkhd);
+    };
+    const double before = in_use();
+    work();
+    return (in_use() - before) / count;
+}
+
+// Keeps the allocator from returning memory to the system, which is not the library's cost.
+std::function<bench::figure()> own_process(std::function<double()> measure) {
+    return [=] {
+        mallopt(M_TRIM_THRESHOLD, 1 << 30);
+        return bench::figure(measure());
+    };
+}
+
+struct line {
+    std::string what;
+    std::function<double()> measure;
+    const char* goal = "";
+};
+
+// Ratios are to the first line.
+void print_lines(const std::vector<line>& lines, const char* unit, int rounds) {
+    std::vector<bench::contender> contenders;
+    for (const line& one : lines) {
+        contenders.push_back({one.what, own_process(one.measure)});
+    }
+    const auto values = bench::medians(contenders, rounds);
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        bench::print_ratio(lines[i].what, values[i], values[0], unit, lines[i].goal);
+    }
+}
+
+constexpr u32 all_acls = ids_of_a_type * 58;
+
+void print_times(int rounds) {
+    print_lines(
+        {{"a single result, 10 pending", [] { return single_result(10, ascending); }},
+         {"a single result, 1,000,000 pending, ascending", [] { return single_result(million, ascending); }},
+         {"a single result, 1,000,000 pending, descending",
+          [] { return single_result(million, descending); }},
+         {"a single result, 1,000,000 pending, random", [] { return single_result(million, shuffled); }}},
+        "ns", rounds);
+    print_lines(
+        {{"1,000,000 results, 500 a message, ascending", [] { return results_together(million, ascending); }},
+         {"1,000,000 results, 500 a message, descending",
+          [] { return results_together(million, descending); }},
+         {"1,000,000 results, 500 a message, random", [] { return results_together(million, shuffled); },
+          "at most 1.3"}},
+        "ns", rounds);
+    print_lines({{"the memory accesses of such a result alone, ascending",
+                  [] { return memory_accesses(million, ascending); }},
+                 {"the memory accesses of such a result alone, random",
+                  [] { return memory_accesses(million, shuffled); }}},
+                "ns", rounds);
+    print_lines({{"finding an ACL, 10 held", [] { return find_acl(10); }},
+                 {"finding an ACL, 1,000 held", [] { return find_acl(1000); }},
+                 {"finding an ACL, 32,768 held", [] { return find_acl(32768); }, "at most 1.5"},
+                 {"finding an ACL, 1,900,544 held", [] { return find_acl(all_acls); }, "at most 1.5"}},
+                "ns", rounds);
+    print_lines({{"scc_acl_cls_get, 10 held", [] { return read_acl(10); }},
+                 {"scc_acl_cls_get, 32,768 held", [] { return read_acl(32768); }, "at most 1.5"},
+                 {"scc_acl_cls_get, 1,900,544 held", [] { return read_acl(all_acls); }, "at most 1.5"}},
+                "ns", rounds);
+    print_lines({{"adding an ACL, 1,000", [] { return add_acls(1000); }},
+                 {"adding an ACL, 1,900,544", [] { return add_acls(all_acls); }}},
+                "ns", rounds);
+    print_lines({{"adding an ACE, 100 ascending", [] { return add_aces(100, ascending); }},
+                 {"adding an ACE, 10,000 ascending", [] { return add_aces(10000, ascending); }},
+                 {"adding an ACE, 10,000 descending", [] { return add_aces(10000, descending); }},
+                 {"adding an ACE, 10,000 random", [] { return add_aces(10000, shuffled); }},
+                 {"adding an ACE, 100,000 ascending", [] { return add_aces(100000, ascending); }}},
+                "ns", rounds);
+    print_lines({{"a fresh page of memory; four ACEs need one", fresh_page}}, "ns", rounds);
+    print_lines({{"reading an ACE back, 2,500 in the ACL", [] { return read_back(2500); }},
+                 {"reading an ACE back, 5,000 in the ACL", [] { return read_back(5000); }},
+                 {"reading an ACE back, 10,000 in the ACL", [] { return read_back(10000); }}},
+                "ns", rounds);
+    print_lines(
+        {{"a call id in and out of the id/type map, 1,000 held", [] { return id_in_and_out(1000); }},
+         {"a call id in and out of the id/type map, 1,000,000 held", [] { return id_in_and_out(million); }}},
+        "ns", rounds);
+}
+
+void print_memory() {
+    print_lines({{"memory of a pending call of 5 bytes",
+                  [] { return bytes_of_each(million, [] { save_calls(million); }); }}},
+                "bytes", 1);
+    print_lines({{"memory of an ACL", [] { return bytes_of_each(all_acls, [] { hold_acls(all_acls); }); }}},
+                "bytes", 1);
+    print_lines({{"memory of an ACE",
+                  [] {
+                      be_registered();
+                      const std::vector<u32> order = ids(100000, ascending);
+                      return bytes_of_each(100000, [&] { fill_acl(order); });
+                  }}},
+                "bytes", 1);
+    print_lines({{"memory of an unanswered operation of the service",
+                  [] {
+                      return bytes_of_each(million, [] {
+                          for (u32 id = 1; id <= million; ++id) {
+                              _scc_ss_save_idtype(id, 1);
+                          }
+                      });
+                  }}},
+                "bytes", 1);
+}
 
 }  // namespace
 
-// Keeps the allocator from returning memory to the system, which is not the library's cost.
+// memory_bench [rounds]
 int main(int argc, char** argv) {
-    mallopt(M_TRIM_THRESHOLD, 1 << 30);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
+    const int rounds = argc > 1 ? std::atoi(argv[1]) : 5;
+    print_times(rounds);
+    print_memory();
     return 0;
 }

@@ -163,11 +163,20 @@ struct server {
         release(now, true);
     }
 
+    // What was sent before the notification, on the other socket.
+    void hold_what_has_arrived() {
+        pollfd watched{async, POLLIN, 0};
+        while (poll(&watched, 1, 0) == 1) {
+            serve_async();
+        }
+    }
+
     void on_water_line(u32 what) {
         if (what == 0) {
             ++owed;
             release_owed();
         } else {
+            hold_what_has_arrived();
             release(held.size(), what == 1);
         }
     }
@@ -226,6 +235,8 @@ struct server {
     }
 };
 
+}  // namespace
+
 int listen_in_runtime_directory() {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -240,8 +251,6 @@ int listen_in_runtime_directory() {
     return fd;
 }
 
-}  // namespace
-
 void pin_to(int processor) {
     if (processor < 0) {
         return;
@@ -250,6 +259,14 @@ void pin_to(int processor) {
     CPU_ZERO(&set);
     CPU_SET(static_cast<std::size_t>(processor), &set);
     sched_setaffinity(0, sizeof set, &set);
+}
+
+void serve(int listener, const peer_options& options) {
+    const int sync = accept(listener, nullptr, nullptr);
+    const int async = accept(listener, nullptr, nullptr);
+    answer_registration(sync);
+    answer_registration(async);
+    server{options, sync, async, reader{sync}, reader{async}, {}, 0, std::mt19937{1}}.run();
 }
 
 peer::peer(const peer_options& options) {
@@ -261,11 +278,7 @@ peer::peer(const peer_options& options) {
     }
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     pin_to(options.processor);
-    const int sync = accept(listener, nullptr, nullptr);
-    const int async = accept(listener, nullptr, nullptr);
-    answer_registration(sync);
-    answer_registration(async);
-    server{options, sync, async, reader{sync}, reader{async}, {}, 0, std::mt19937{1}}.run();
+    serve(listener, options);
 }
 
 peer::~peer() {

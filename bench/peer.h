@@ -25,6 +25,11 @@ struct peer_options {
     int processor = -1;  // pins the process
 };
 
+// A listening socket in $TMPDIR, where the library looks for the daemon.
+int listen_in_runtime_directory();
+// Serves one client until it closes its sockets.
+[[noreturn]] void serve(int listener, const peer_options& options);
+
 // Listens in $TMPDIR, forks, and serves until the client closes its sockets.
 class peer {
   public:

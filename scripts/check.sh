@@ -40,6 +40,7 @@ stage_binary() {
     scripts/check_hardening.sh "${binaries[@]}"
     scripts/check_options.sh
 }
+stage_steps() { scripts/check_steps.sh; }
 stage_abi() { scripts/check_abi.sh build/release/src/libscclib.so; }
 stage_man() { scripts/check_man_pages.sh; }
 stage_install() {
@@ -91,7 +92,7 @@ stage_soak() { scripts/soak.sh 0.5; }
 stage_faults() { scripts/faults.sh 800; }
 stage_coverage() { scripts/coverage.sh; }
 
-every_commit=(scripts format gcc clang header binary abi man install packages complete tidy soak faults asan tsan fuzz)
+every_commit=(scripts format gcc clang header binary steps abi man install packages complete tidy soak faults asan tsan fuzz)
 every_night=(coverage clang_asan clang_tsan)
 stages=("$@")
 [ $# -gt 0 ] || stages=("${every_commit[@]}")

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs missing Debian packages, or prints the command to do so if it lacks the rights.
+# setup.sh [LIST]: installs what is missing of a list of Debian packages (scripts/packages.txt), or prints the command
+# to do so if it lacks the rights.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -7,7 +8,7 @@ missing=()
 while read -r package; do
     case "$package" in '' | '#'*) continue ;; esac
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q '^install ok installed$' || missing+=("$package")
-done <scripts/packages.txt
+done <"${1:-scripts/packages.txt}"
 [ ${#missing[@]} -eq 0 ] && exit 0
 
 command=(apt-get install --yes --no-install-recommends "${missing[@]}")

@@ -6,6 +6,7 @@
 //   133, 248 bytes: call id, apply record at 8 (232), operation at 240
 //   138,  28 bytes: call id, key at 4, sn_start at 20, sn_inc at 24
 // A delete sends zeros where a create sends pid, app id and name.
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -15,6 +16,7 @@
 using namespace scc;
 
 static_assert(sizeof(scc_acl_key) == record::acl_key);
+static_assert(sizeof(scc_ace_record) == record::ace);
 static_assert(sizeof(scc_acl_apply_record) == record::acl_apply);
 static_assert(offsetof(scc_acl_apply_record, apply_type) == 208);
 
@@ -40,14 +42,8 @@ u32 acl_request(const request_row& row, const scc_acl_key* key, u32 operation, u
         sent.put(20, g_scc_client_cb.pid.load(relaxed)).put(24, g_scc_client_cb.app_id.load(relaxed));
         std::memcpy(sent.bytes.data() + 28, g_scc_client_cb.process_name, record::process_name_field);
     }
-    return call.finish(bytes_of(*key), {sent.bytes});
+    return call.finish({bytes_of(*key)}, {sent.bytes});
 }
-
-struct saved_ace {
-    scc_acl_key key;
-    scc_ace_record ace;
-};
-static_assert(sizeof(saved_ace) == 928);
 
 u32 ace_request(const request_row& row, const scc_acl_key* key, const scc_ace_record* ace, u32 operation,
                 u32* call_id_out) {
@@ -62,10 +58,11 @@ u32 ace_request(const request_row& row, const scc_acl_key* key, const scc_ace_re
     if (!call.begin()) {
         return result::unavailable;
     }
-    const saved_ace saved{*key, *ace};
-    payload<944> sent(call.call_id());
-    sent.put(4, *key).put(24, *ace).put(936, operation);
-    return call.finish(bytes_of(saved), {sent.bytes});
+    // The record is long: it is copied to where it goes, and nowhere else.
+    payload<24> head(call.call_id());
+    head.put(4, *key);
+    const std::array<u32, 2> tail{operation, 0};
+    return call.finish({bytes_of(*key), bytes_of(*ace)}, {head.bytes, bytes_of(*ace), bytes_of(tail)});
 }
 
 // An apply type of 0 is replaced in the caller's own record, even when the call then fails.
@@ -90,7 +87,7 @@ u32 apply_request(const request_row& row, scc_acl_apply_record* record, u32 oper
     }
     payload<248> sent(call.call_id());
     sent.put(8, *record).put(240, operation);
-    return call.finish(bytes_of(*record), {sent.bytes});
+    return call.finish({bytes_of(*record)}, {sent.bytes});
 }
 
 // A read of one cached ACL: the locks, and the checks that every read makes.

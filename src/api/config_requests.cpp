@@ -112,7 +112,7 @@ uint32_t scc_cpp_set(int type, uint8_t enable, uint32_t* call_id_out) {
     saved[4] = enable;
     payload<12> sent(call.call_id());
     sent.put(4, enable).put(8, type);
-    return call.finish(saved, {sent.bytes});
+    return call.finish({saved}, {sent.bytes});
 }
 
 uint32_t scc_nac_nbr_set(const struct scc_neighbour_record* record, uint8_t flag, uint32_t* call_id_out) {
@@ -129,7 +129,7 @@ uint32_t scc_nac_nbr_set(const struct scc_neighbour_record* record, uint8_t flag
     saved[record::neighbour] = flag;
     payload<928> sent(call.call_id());
     sent.put(8, *record).put(8 + record::neighbour, flag);
-    return call.finish(saved, {sent.bytes});
+    return call.finish({saved}, {sent.bytes});
 }
 
 // The saved data are the payload itself, call id included.
@@ -140,7 +140,7 @@ uint32_t scc_offline_detect_cfg(int open, uint32_t interval, uint32_t threshold,
     }
     payload<16> sent(call.call_id());
     sent.put(4, open).put(8, interval).put(12, threshold);
-    return call.finish(sent.bytes, {sent.bytes});
+    return call.finish({sent.bytes}, {sent.bytes});
 }
 
 uint32_t scc_direct_vlan_set(int value, const struct scc_vlan_record* vlans, uint32_t* call_id_out) {
@@ -153,7 +153,7 @@ uint32_t scc_direct_vlan_set(int value, const struct scc_vlan_record* vlans, uin
     }
     payload<8 + record::direct_vlan> sent(call.call_id());
     sent.put(4, value).put(8, *vlans);
-    return call.finish(sent.bytes, {sent.bytes});
+    return call.finish({sent.bytes}, {sent.bytes});
 }
 
 // The form is checked after the state, and a wrong one uses up a call id: deliberate.
@@ -175,7 +175,7 @@ uint32_t scc_dhcp_snooping_set(const struct scc_config_record* record, uint32_t*
         call.set_row({msg::dhcp_snooping_second, kind::dhcp_snooping_second});
     }
     const record_head head(call.call_id());
-    return call.finish(bytes_of(*record), {head.bytes, bytes_of(*record)});
+    return call.finish({bytes_of(*record)}, {head.bytes, bytes_of(*record)});
 }
 
 uint32_t scc_efacl_ctrl(const void* data, uint32_t data_bytes, uint32_t* call_id_out) {
@@ -190,6 +190,6 @@ uint32_t scc_efacl_ctrl(const void* data, uint32_t data_bytes, uint32_t* call_id
     payload<8> head(call.call_id());
     head.put(4, data_bytes);
     const std::span bytes(static_cast<const u8*>(data), data_bytes);
-    return call.finish(bytes, {head.bytes, bytes});
+    return call.finish({bytes}, {head.bytes, bytes});
 }
 }

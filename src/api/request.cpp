@@ -27,10 +27,9 @@ u32 request::send(const value_parts& payload) {
     return error;
 }
 
-u32 request::finish(std::span<const u8> saved, const value_parts& payload) {
+u32 request::finish(const value_parts& saved, const value_parts& payload) {
     call_.holds_lock();
-    const u32 error =
-        _scc_lib_save_call_data(call_id_, row_.kind, saved.data(), static_cast<int>(saved.size()));
+    const u32 error = save_call(call_id_, row_.kind, saved);
     return error != result::ok ? error : send(payload);
 }
 
@@ -44,7 +43,7 @@ u32 record_request(const request_row& row, const scc_config_record* record, u32*
         return result::unavailable;
     }
     const record_head head(call.call_id());
-    return call.finish(bytes_of(*record), {head.bytes, bytes_of(*record)});
+    return call.finish({bytes_of(*record)}, {head.bytes, bytes_of(*record)});
 }
 
 }  // namespace scc

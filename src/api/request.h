@@ -44,7 +44,7 @@ class request {
     [[nodiscard]] bool begin();
     [[nodiscard]] u32 call_id() const { return call_id_; }
     // Saves the data, sends the payload and hands out the call id.
-    [[nodiscard]] u32 finish(std::span<const u8> saved, const value_parts& payload);
+    [[nodiscard]] u32 finish(const value_parts& saved, const value_parts& payload);
     // For a request whose row depends on the record's form.
     void set_row(const request_row& row) { row_ = row; }
 
@@ -121,7 +121,7 @@ template <class... Fields>
     ((field<Fields>::save(save_at, fields), save_at += field<Fields>::saved_bytes,
       field<Fields>::fill(fill_at, fields), fill_at += field<Fields>::slot_bytes),
      ...);
-    return call.finish(saved, {sent.bytes});
+    return call.finish({saved}, {sent.bytes});
 }
 
 // Precedes a record in its payload: the call id and 4 zero bytes.

@@ -37,7 +37,7 @@ u32 user_acl_request(const request_row& row, const scc_user_acl_record& record, 
     }
     payload<224> sent(call.call_id());
     sent.put(8, record).put(216, operation);
-    return call.finish(bytes_of(record), {sent.bytes});
+    return call.finish({bytes_of(record)}, {sent.bytes});
 }
 
 // What differs between the counters' messages; name is the exported call's.
@@ -116,7 +116,7 @@ u32 reset_counter(const request_row& row, const scc_acl_key* key, u32* call_id_o
     }
     payload<Size> sent(call.call_id());
     sent.put(4, *key);
-    return call.finish(bytes_of(*key), {sent.bytes});
+    return call.finish({bytes_of(*key)}, {sent.bytes});
 }
 
 }  // namespace
@@ -164,7 +164,7 @@ uint32_t scc_user_acl_delete_vmsup(const struct scc_acl_key* key, uint32_t* call
     }
     payload<232> sent(call.call_id());
     sent.put(216, *key);
-    return call.finish(bytes_of(*key), {sent.bytes});
+    return call.finish({bytes_of(*key)}, {sent.bytes});
 }
 
 // The key is not checked, and the reply has no result code.
@@ -252,6 +252,6 @@ uint32_t scc_ace_reset_counter(const struct scc_acl_key* key, uint64_t ace, uint
     store(saved.data(), 16, ace);
     payload<40> sent(call.call_id());
     sent.put(4, *key).put(24, ace).put(32, choice_reset);
-    return call.finish(saved, {sent.bytes});
+    return call.finish({saved}, {sent.bytes});
 }
 }

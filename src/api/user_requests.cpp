@@ -57,7 +57,7 @@ u32 user_request(request_row row, const scc_user_record* record, bool counted, u
     scc_user_record adjusted = *record;
     adjust_mask(adjusted, row.function);
     const record_head head(call.call_id());
-    return call.finish(bytes_of(*record), {head.bytes, bytes_of(adjusted)});
+    return call.finish({bytes_of(*record)}, {head.bytes, bytes_of(adjusted)});
 }
 
 }  // namespace

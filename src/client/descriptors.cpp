@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <span>
 
 #include "client/client_data.h"
 #include "client/control_block.h"
@@ -26,6 +27,8 @@ struct loan {
 };
 
 constinit std::array<loan, 32> g_loans SCC_GUARDED_BY(g_connection_mutex){};
+// Those from here on are free.
+constinit std::size_t g_loans_end SCC_GUARDED_BY(g_connection_mutex) = 0;
 // Written under g_connection_mutex, and read without it.
 constinit std::atomic<u32> g_epoch{1};
 constinit std::atomic<u32> g_shut_down_epoch{any_epoch};
@@ -34,9 +37,13 @@ std::atomic<i32>& slot_of(channel which) {
     return which == channel::sync ? g_scc_client_cb.sync_fd : g_scc_client_cb.async_fd;
 }
 
+std::span<loan> loans() SCC_REQUIRES(g_connection_mutex) {
+    return {g_loans.data(), g_loans_end};
+}
+
 // The kernel cannot reuse a number that is still open, so there is one loan of it.
 loan* find_loan(int fd) SCC_REQUIRES(g_connection_mutex) {
-    for (loan& entry : g_loans) {
+    for (loan& entry : loans()) {
         if (entry.users > 0 && entry.fd == fd) {
             return &entry;
         }
@@ -45,12 +52,24 @@ loan* find_loan(int fd) SCC_REQUIRES(g_connection_mutex) {
 }
 
 loan* free_loan() SCC_REQUIRES(g_connection_mutex) {
-    for (loan& entry : g_loans) {
+    for (loan& entry : loans()) {
         if (entry.users == 0) {
             return &entry;
         }
     }
-    return nullptr;
+    return g_loans_end < g_loans.size() ? &g_loans[g_loans_end++] : nullptr;
+}
+
+void end_loan(loan& entry) SCC_REQUIRES(g_connection_mutex) {
+    if (--entry.users != 0) {
+        return;
+    }
+    if (entry.doomed) {
+        close(entry.fd);
+    }
+    while (g_loans_end != 0 && g_loans[g_loans_end - 1].users == 0) {
+        --g_loans_end;
+    }
 }
 
 bool lend(int fd) SCC_REQUIRES(g_connection_mutex) {
@@ -163,8 +182,8 @@ borrowed_descriptor::borrowed_descriptor(channel which, u32 epoch) : fd_(-1), ep
 
 borrowed_descriptor::~borrowed_descriptor() {
     const mutex_guard guard(g_connection_mutex);
-    if (loan* entry = find_loan(fd_); entry != nullptr && --entry->users == 0 && entry->doomed) {
-        close(fd_);
+    if (loan* entry = find_loan(fd_); entry != nullptr) {
+        end_loan(*entry);
     }
 }
 

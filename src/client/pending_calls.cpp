@@ -96,15 +96,6 @@ pending_call* take_spare(std::size_t data_bytes) SCC_REQUIRES(lib_lock) {
     return block;
 }
 
-void fill(pending_call& call, u32 call_id, u32 kind, const void* data, i32 len) {
-    call.call_id = call_id;
-    call.kind = kind;
-    call.data_bytes = len;
-    if (len > 0) {
-        std::memcpy(call.data(), data, static_cast<std::size_t>(len));
-    }
-}
-
 // Moves the saved calls to the index.
 void index_incoming() SCC_REQUIRES(calls_lock) {
     for (pending_call* call = nullptr; g_incoming.pop(call);) {
@@ -115,7 +106,36 @@ void index_incoming() SCC_REQUIRES(calls_lock) {
     }
 }
 
+// Logs as the function with C linkage. A length below 0 is kept, but has no data.
+u32 save(u32 call_id, u32 kind, const value_parts& data, i32 len) SCC_REQUIRES(lib_lock) {
+    const std::size_t data_bytes = data_bytes_of(len);
+    pending_call* call = take_spare(data_bytes);
+    if (call == nullptr) {
+        // NOLINTNEXTLINE(clang-analyzer-optin.portability.UnixAPI): the head alone has 32 bytes.
+        call = static_cast<pending_call*>(std::malloc(pending_call::head_bytes + data_bytes));
+    }
+    if (call == nullptr) {
+        SCC_LOG_FROM("_scc_lib_save_call_data", "scclib alloc memory failed.");
+        return result::no_memory;
+    }
+    call->call_id = call_id;
+    call->kind = kind;
+    call->data_bytes = len;
+    data.copy_to(call->data());
+    if (!g_incoming.push(call)) {
+        const brief_guard guard;
+        index_incoming();
+        g_scc_lib_call_lst.insert(&call->link);
+    }
+    return result::ok;
+}
+
 }  // namespace
+
+u32 save_call(u32 call_id, u32 kind, const value_parts& data) {
+    return save(call_id, kind, data, static_cast<i32>(data.size()));
+}
+
 }  // namespace scc
 
 extern "C" {
@@ -127,22 +147,7 @@ u32 _scc_lib_call_id_get() {
 }
 
 u32 _scc_lib_save_call_data(u32 call_id, u32 kind, const void* data, int len) {
-    const std::size_t data_bytes = data_bytes_of(len);
-    pending_call* call = take_spare(data_bytes);
-    if (call == nullptr) {
-        call = static_cast<pending_call*>(std::malloc(pending_call::head_bytes + data_bytes));
-    }
-    if (call == nullptr) {
-        SCC_LOG("scclib alloc memory failed.");
-        return result::no_memory;
-    }
-    fill(*call, call_id, kind, data, len);
-    if (!g_incoming.push(call)) {
-        const brief_guard guard;
-        index_incoming();
-        g_scc_lib_call_lst.insert(&call->link);
-    }
-    return result::ok;
+    return save(call_id, kind, value_of(data, len), len);
 }
 
 void _scc_lib_del_call_data(u32 call_id) {
@@ -213,9 +218,13 @@ calls_in_hand::~calls_in_hand() {
         return;
     }
     const brief_guard guard;
-    // Calls are left when the registration ended meanwhile; they are freed with its data.
+    // Calls are left when the registration ended meanwhile; they are freed with its data. A slot that was
+    // emptied stays empty, so it needs no exchange.
     for (std::size_t i = 0; i < g_hand.size; ++i) {
-        if (pending_call* call = g_hand.calls[i].exchange(nullptr); call != nullptr) {
+        std::atomic<pending_call*>& slot = g_hand.calls[i];
+        pending_call* call =
+            slot.load(std::memory_order_relaxed) == nullptr ? nullptr : slot.exchange(nullptr);
+        if (call != nullptr) {
             g_scc_lib_call_lst.insert(&call->link);
         }
     }
@@ -274,10 +283,50 @@ void init_pending_calls() {
     g_scc_lib_call_lst.reset();
 }
 
-void grow_pending_index() {
+namespace {
+
+std::size_t buckets_wanted() {
     const write_guard guard(calls_lock);
     index_incoming();
-    g_scc_lib_call_lst.grow_if_crowded();
+    return g_scc_lib_call_lst.buckets_wanted();
+}
+
+// Allocating and initialising takes milliseconds for a million calls, so it happens without the lock.
+void begin_growth() {
+    const std::size_t buckets = buckets_wanted();
+    if (buckets == 0) {
+        return;
+    }
+    list_node* heads = g_scc_lib_call_lst.allocate_buckets(buckets);
+    if (heads == nullptr) {
+        return;
+    }
+    const write_guard guard(calls_lock);
+    // The calls may have been dropped meanwhile.
+    if (!g_scc_lib_call_lst.begin_growth(heads, buckets)) {
+        std::free(heads);
+    }
+}
+
+bool move_buckets() {
+    list_node* former = nullptr;
+    bool is_growing = false;
+    {
+        const write_guard guard(calls_lock);
+        former = g_scc_lib_call_lst.move_buckets(tuning::buckets_moved_at_once);
+        is_growing = g_scc_lib_call_lst.is_growing();
+    }
+    std::free(former);
+    return is_growing;
+}
+
+}  // namespace
+
+void grow_pending_index() {
+    begin_growth();
+    for (std::size_t moved = 0; moved < tuning::buckets_moved_a_pass && move_buckets();) {
+        moved += tuning::buckets_moved_at_once;
+    }
 }
 
 void free_idle_blocks() {

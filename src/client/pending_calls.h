@@ -7,6 +7,7 @@
 
 #include "client/locks.h"
 #include "client/tuning.h"
+#include "client/value_parts.h"
 #include "msg/protocol.h"
 #include "util/list.h"
 
@@ -27,6 +28,8 @@ struct pending_call {
 
 static_assert(sizeof(pending_call) == pending_call::head_bytes);
 
+// 12 without memory. The data is copied.
+[[nodiscard]] u32 save_call(u32 call_id, u32 kind, const value_parts& data) SCC_REQUIRES(lib_lock);
 // Takes the oldest call of this id out of the list; null when there is none. The caller frees it with
 // release_pending_call.
 [[nodiscard]] pending_call* take_pending_call(u32 call_id);

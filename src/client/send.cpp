@@ -2,7 +2,6 @@
 #include "client/send.h"
 
 #include <atomic>
-#include <cstring>
 
 #include "client/connection_scope.h"
 #include "client/control_block.h"
@@ -19,19 +18,6 @@ namespace {
 constinit std::atomic<const agent_hooks*> g_agent_hooks{nullptr};
 
 }  // namespace
-
-void value_parts::copy_to(u8* at) const {
-    if (!head.empty()) {
-        std::memcpy(at, head.data(), head.size());
-    }
-    if (!tail.empty()) {
-        std::memcpy(at + head.size(), tail.data(), tail.size());
-    }
-}
-
-value_parts value_of(const void* value, int len) {
-    return {{static_cast<const u8*>(value), len > 0 ? static_cast<std::size_t>(len) : 0}};
-}
 
 void set_agent_hooks(const agent_hooks* hooks) {
     g_agent_hooks.store(hooks, relaxed);

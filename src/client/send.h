@@ -9,24 +9,13 @@
 #include <span>
 
 #include "client/descriptors.h"
+#include "client/value_parts.h"
 #include "msg/protocol.h"
 
 extern "C" [[nodiscard]] scc::u32 _scc_lib_msg_send_rt(scc::u16 sub_id, scc::u16 type, const void* value,
                                                        int len, int sync);
 
 namespace scc {
-
-// A value in two parts: what the library writes, then the caller's record.
-struct value_parts {
-    std::span<const u8> head;
-    std::span<const u8> tail{};
-
-    [[nodiscard]] std::size_t size() const { return head.size() + tail.size(); }
-    void copy_to(u8* at) const;
-};
-
-// For the functions with C linkage; a negative length is an empty value.
-[[nodiscard]] value_parts value_of(const void* value, int len);
 
 struct send_outcome {
     u32 error = 0;         // 0, 12 without memory, or the error of sending

@@ -9,6 +9,10 @@ namespace scc::tuning {
 
 // The index of pending calls before it grows: in the binary, so that a small client allocates no table.
 inline constexpr std::size_t first_call_buckets = 1024;
+// When it grows, its buckets move so many under one hold of the lock, for some 10 us, and so many in one pass
+// of the checker, which has requests to send.
+inline constexpr std::size_t buckets_moved_at_once = 64;
+inline constexpr std::size_t buckets_moved_a_pass = 32768;
 // Saved calls that no lookup has moved to the index; a push into a full ring takes the lock of the index.
 inline constexpr std::size_t saved_calls_max = 1024;
 // Blocks kept for the next requests: the requests that may be under way before the allocator is used again.

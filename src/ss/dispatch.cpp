@@ -88,6 +88,11 @@ static_assert(operation_table.size() == 27);
 static_assert(std::ranges::is_sorted(operation_table, {}, &operation_row::type) &&
               std::ranges::adjacent_find(operation_table, {}, &operation_row::type) == operation_table.end());
 
+const operation_row* row_of(u16 type) {
+    const auto* row = std::ranges::lower_bound(operation_table, type, {}, &operation_row::type);
+    return row != operation_table.end() && row->type == type ? row : nullptr;
+}
+
 void count(const operation_row& row) {
     if (row.counts != counted::total_answered) {
         count_received(row.pair);
@@ -109,10 +114,11 @@ extern "C" void _scc_ss_async_msg_proc(u32 tlv_count, const void* first) {
     count_received(pair_total, items);
     item_reader reader(items, first);
     item operation;
+    const operation_row* row = nullptr;  // of the previous item: a message often has many of one type
     while (reader.next(operation)) {
         SCC_LOG("scc-type:%u, ss-type:%u", operation.sub_id, operation.type);
-        const auto* row = std::ranges::lower_bound(operation_table, operation.type, {}, &operation_row::type);
-        if (row == operation_table.end() || row->type != operation.type) {
+        row = row != nullptr && row->type == operation.type ? row : row_of(operation.type);
+        if (row == nullptr) {
             SCC_LOG("unknown scclib msg type(%d).", operation.type);
         } else if (!is_long_enough(row->least, operation.value)) {
             SCC_LOG("scclib msg type(%d) too short. len:%zu.", operation.type, operation.value.size());

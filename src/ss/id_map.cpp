@@ -1,6 +1,7 @@
 #include "ss/id_map.h"
 
 #include <cstdlib>
+#include <utility>
 
 #include "client/log.h"
 #include "ss/service.h"
@@ -19,14 +20,36 @@ i32 difference(u32 id, const scc_ss_id_node* node) {
     return static_cast<i32>(id - node->id);
 }
 
+// A node of each kind is kept when it is freed: most operations are answered before the next one comes.
+template <class Node>
+class spare_node {
+  public:
+    Node* allocate() {
+        Node* node = std::exchange(kept_, nullptr);
+        return node != nullptr ? node : static_cast<Node*>(std::malloc(sizeof(Node)));
+    }
+    void free(Node* node) { std::free(std::exchange(kept_, node)); }
+
+  private:
+    Node* kept_ = nullptr;
+};
+
+constinit spare_node<scc_ss_id_node> g_spare_id SCC_GUARDED_BY(id_map_lock){};
+constinit spare_node<scc_ss_type_node> g_spare_type SCC_GUARDED_BY(id_map_lock){};
+
 void remove_node(scc_ss_id_node* node) SCC_REQUIRES(id_map_lock) {
     scc_rb_erase(&node->link, &g_ss_id_map_root);
-    std::free(node);
+    g_spare_id.free(node);
+}
+
+void remove_type(scc_ss_type_node* type) SCC_REQUIRES(id_map_lock) {
+    list_del(&type->link);
+    g_spare_type.free(type);
 }
 
 // The map must not have a node of this id yet.
 scc_ss_id_node* make_node(u32 id) SCC_REQUIRES(id_map_lock) {
-    auto* node = static_cast<scc_ss_id_node*>(std::malloc(sizeof(scc_ss_id_node)));
+    scc_ss_id_node* node = g_spare_id.allocate();
     if (node == nullptr) {
         return nullptr;
     }
@@ -47,9 +70,7 @@ void empty_id_map() {
     while (rb_node* first = scc_rb_first(&g_ss_id_map_root)) {
         scc_ss_id_node* node = id_node(first);
         while (!list_empty(&node->types)) {
-            scc_ss_type_node* type = first_type(node);
-            list_del(&type->link);
-            std::free(type);
+            remove_type(first_type(node));
         }
         remove_node(node);
     }
@@ -100,10 +121,12 @@ void _scc_ss_save_idtype(u32 id, u16 scc_type) {
         SCC_LOG("save idtype node id:%u type:%d map failed.", id, scc_type);
         return;
     }
-    auto* type = static_cast<scc_ss_type_node*>(std::malloc(sizeof(scc_ss_type_node)));
+    scc_ss_type_node* type = g_spare_type.allocate();
     if (type == nullptr) {
+        // Without memory nothing is kept.
         if (list_empty(&node->types)) {
-            remove_node(node);
+            scc_rb_erase(&node->link, &g_ss_id_map_root);
+            std::free(node);
         }
         SCC_LOG("save type node id:%u type:%d map failed.", id, scc_type);
         return;
@@ -127,8 +150,7 @@ u16 _scc_ss_get_type(u32 id) {
     }
     scc_ss_type_node* oldest = first_type(node);
     const u16 scc_type = oldest->scc_type;
-    list_del(&oldest->link);
-    std::free(oldest);
+    remove_type(oldest);
     if (list_empty(&node->types)) {
         remove_node(node);
     }

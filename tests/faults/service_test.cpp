@@ -168,6 +168,23 @@ TEST_F(ServiceFaults, AnOperationWhoseTypeCannotBeKeptIsAnsweredWithTypeZero) {
     expect_working(5);
 }
 
+// An answered operation leaves its nodes for the next one.
+TEST_F(ServiceFaults, AnOperationAfterAnAnsweredOneNeedsNoMemoryForItsType) {
+    start();
+    expect_working(5);
+    test::fail_allocations_of(sizeof(scc::scc_ss_id_node));
+    expect_working(6);
+    expect_working(7);
+    test::script().answers = 0;
+    send_create(8);
+    send_create(9);
+    (void)called(create_slot);
+    (void)called(create_slot);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(_scc_ss_get_type(8), 0x0102);
+    EXPECT_EQ(_scc_ss_get_type(9), 0);
+}
+
 // The first request's type is there already, so the id keeps its place.
 TEST_F(ServiceFaults, ASecondTypeThatCannotBeKeptLeavesTheFirst) {
     test::script().answers = 0;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <cstdlib>
 #include <random>
 #include <unordered_map>
 #include <vector>
@@ -39,6 +40,20 @@ class BucketTable : public ::testing::Test {
         table.insert(&fresh.link);
     }
 
+    // False when the table has enough buckets.
+    bool begin_growth() {
+        const std::size_t buckets = table.buckets_wanted();
+        return buckets != 0 && table.begin_growth(table.allocate_buckets(buckets), buckets);
+    }
+
+    void grow() {
+        if (begin_growth()) {
+            while (table.is_growing()) {
+                std::free(table.move_buckets(1));
+            }
+        }
+    }
+
     std::vector<entry> entries;  // outlives the table's links to it
     scc::bucket_table<hash_of, 4> table;
 };
@@ -51,7 +66,7 @@ TEST_F(BucketTable, IsEmptyAtFirstAndFindsNothing) {
 TEST(BucketTableBeforeReset, FindsNothingAndClearsNothing) {
     scc::bucket_table<hash_of, 4> fresh;
     EXPECT_EQ(fresh.find(1, [](const scc::list_node*) { return true; }), nullptr);
-    fresh.grow_if_crowded();
+    EXPECT_EQ(fresh.buckets_wanted(), 0U);
     fresh.clear([](scc::list_node*) { FAIL() << "released what was never there"; });
     EXPECT_EQ(fresh.size(), 0U);
 }
@@ -86,10 +101,10 @@ TEST_F(BucketTable, GrowingKeepsEveryEntryAndTheOrderOfEqualKeys) {
     for (int i = 0; i < 1000; ++i) {
         insert(entries[static_cast<std::size_t>(i)], static_cast<std::uint64_t>(i % 500), i);
         if (i % 3 == 0) {
-            table.grow_if_crowded();
+            grow();
         }
     }
-    table.grow_if_crowded();
+    grow();
     EXPECT_EQ(table.size(), 1000U);
     for (int i = 0; i < 1000; ++i) {
         entry* oldest = find(static_cast<std::uint64_t>(i % 500));
@@ -105,7 +120,7 @@ TEST_F(BucketTable, ClearingReleasesEachEntryOnceAndTheTableIsUsableAgain) {
     for (int i = 0; i < 100; ++i) {
         insert(entries[static_cast<std::size_t>(i)], static_cast<std::uint64_t>(i), i);
     }
-    table.grow_if_crowded();
+    grow();
     std::vector<int> released(100);
     table.clear([&](scc::list_node* node) {
         ++released[static_cast<std::size_t>(reinterpret_cast<entry*>(node)->number)];
@@ -138,10 +153,97 @@ TEST_F(BucketTable, FollowsAModelThroughRandomChanges) {
             --held;
         }
         if (i % 64 == 0) {
-            table.grow_if_crowded();
+            begin_growth();
+        } else if (i % 3 == 0) {
+            std::free(table.move_buckets(2));
         }
     }
     EXPECT_EQ(table.size(), held);
+}
+
+TEST_F(BucketTable, KeepsTheOrderOfEqualKeysWhileBucketsMove) {
+    entries.resize(64);
+    for (int i = 0; i < 16; ++i) {
+        insert(entries[static_cast<std::size_t>(i)], static_cast<std::uint64_t>(i % 8), i);
+    }
+    ASSERT_TRUE(begin_growth());
+    EXPECT_EQ(table.buckets_wanted(), 0U);
+    for (int moved = 0; moved < 4; ++moved) {
+        for (int key = 0; key < 8; ++key) {
+            const int number = 16 + moved * 8 + key;
+            insert(entries[static_cast<std::size_t>(number)], static_cast<std::uint64_t>(key), number);
+        }
+        EXPECT_TRUE(table.is_growing());
+        EXPECT_EQ(table.move_buckets(1), nullptr);  // the first table is part of the object
+    }
+    EXPECT_FALSE(table.is_growing());
+    EXPECT_EQ(table.size(), 48U);
+    for (int number = 0; number < 48; ++number) {
+        entry* oldest = find(static_cast<std::uint64_t>(number % 8));
+        ASSERT_NE(oldest, nullptr) << number;
+        EXPECT_EQ(oldest->number, number);
+        table.erase(&oldest->link);
+    }
+}
+
+TEST_F(BucketTable, MovesNoMoreBucketsThanItIsTold) {
+    entries.resize(16);
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        insert(entries[i], i, 0);
+    }
+    ASSERT_TRUE(begin_growth());
+    EXPECT_EQ(table.move_buckets(3), nullptr);
+    EXPECT_TRUE(table.is_growing());
+    EXPECT_EQ(table.move_buckets(100), nullptr);
+    EXPECT_FALSE(table.is_growing());
+    EXPECT_EQ(table.move_buckets(1), nullptr);
+}
+
+TEST_F(BucketTable, HandsTheFormerTableOutOnce) {
+    entries.resize(200);
+    for (std::size_t i = 0; i < 10; ++i) {
+        insert(entries[i], i, 0);
+    }
+    grow();
+    for (std::size_t i = 10; i < entries.size(); ++i) {
+        insert(entries[i], i, 0);
+    }
+    ASSERT_TRUE(begin_growth());
+    scc::list_node* former = table.move_buckets(1000);
+    EXPECT_NE(former, nullptr);
+    std::free(former);
+    EXPECT_EQ(table.move_buckets(1000), nullptr);
+}
+
+TEST_F(BucketTable, ClearingWhileItGrowsReleasesEachEntryOnce) {
+    entries.resize(100);
+    for (int i = 0; i < 100; ++i) {
+        insert(entries[static_cast<std::size_t>(i)], static_cast<std::uint64_t>(i), i);
+    }
+    ASSERT_TRUE(begin_growth());
+    EXPECT_EQ(table.move_buckets(2), nullptr);
+    std::vector<int> released(100);
+    table.clear([&](scc::list_node* node) {
+        ++released[static_cast<std::size_t>(reinterpret_cast<entry*>(node)->number)];
+    });
+    EXPECT_EQ(released, std::vector<int>(100, 1));
+    EXPECT_FALSE(table.is_growing());
+    EXPECT_EQ(table.size(), 0U);
+    insert(entries[0], 5, 55);
+    EXPECT_EQ(find(5)->number, 55);
+}
+
+TEST_F(BucketTable, RefusesBucketsThatItNoLongerNeeds) {
+    entries.resize(100);
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        insert(entries[i], i, 0);
+    }
+    const std::size_t buckets = table.buckets_wanted();
+    scc::list_node* heads = table.allocate_buckets(buckets);
+    ASSERT_NE(heads, nullptr);
+    table.clear([](scc::list_node*) {});
+    EXPECT_FALSE(table.begin_growth(heads, buckets));
+    std::free(heads);
 }
 
 TEST_F(BucketTable, OnceGrownALookupComparesOneEntry) {
@@ -149,7 +251,7 @@ TEST_F(BucketTable, OnceGrownALookupComparesOneEntry) {
     for (std::size_t i = 0; i < entries.size(); ++i) {
         insert(entries[i], i, 0);
     }
-    table.grow_if_crowded();
+    grow();
     for (std::uint64_t key = 0; key < entries.size(); ++key) {
         int compared = 0;
         EXPECT_NE(table.find(key,
@@ -169,7 +271,7 @@ TEST_F(BucketTable, GrowingAgainAndAgainGivesTheEarlierTablesBack) {
         entries.assign(600, {});
         for (std::size_t i = 0; i < entries.size(); ++i) {
             insert(entries[i], i, 0);
-            table.grow_if_crowded();
+            grow();
         }
         table.clear([](scc::list_node*) {});
     }

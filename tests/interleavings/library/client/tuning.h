@@ -9,6 +9,8 @@
 namespace scc::tuning {
 
 inline constexpr std::size_t first_call_buckets = 2;
+inline constexpr std::size_t buckets_moved_at_once = 1;
+inline constexpr std::size_t buckets_moved_a_pass = 2;
 inline constexpr std::size_t saved_calls_max = 2;
 inline constexpr std::size_t spare_blocks_max = 2;
 inline constexpr std::size_t calls_in_hand_max = 2;
