@@ -120,6 +120,16 @@ INSTANTIATE_TEST_SUITE_P(requests, CtlAclRefused,
                                          refusal{"132", ": - acl 1 type 1: 20 deny ip any any: "},
                                          refusal{"133", ": - apply 1 type 1 vdev 0 ifx 3: "}));
 
+// The new ACL takes three requests: the first, the second and the third is refused.
+TEST_F(CtlAclProgram, ANewAclIsTakenBackAfterEachOfItsSteps) {
+    ASSERT_EQ(load(before).status, 0);
+    for (const char* type : {"131", "132", "133"}) {
+        ASSERT_EQ(run({"daemon", "fail-next", std::string("type=") + type, "result=12"}).status, 0);
+        EXPECT_EQ(load("acl 9\n 10 permit ether\napply 9 ifx 1\n", "--replace").status, 1) << type;
+        EXPECT_EQ(listed(), before) << type;
+    }
+}
+
 TEST_F(CtlAclProgram, ReplaceTellsWhatTookPlaceWhenTheDaemonFallsSilent) {
     ASSERT_EQ(load("acl 1\n").status, 0);
     ASSERT_EQ(run({"daemon", "mute", "type=133"}).status, 0);
