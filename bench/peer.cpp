@@ -323,8 +323,12 @@ runtime_directory::runtime_directory() {
 }
 
 runtime_directory::~runtime_directory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+    // A client that has just lost its peer may bind a new socket there meanwhile, and then pauses.
+    constexpr int attempts = 100;
+    for (int i = 0; i < attempts && std::filesystem::exists(path_); ++i) {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
 }
 
 }  // namespace bench
