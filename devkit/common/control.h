@@ -18,6 +18,8 @@
 //   mute              type, [count]             the next request of that type is never answered
 //   unmute            [type]
 //   acls, users, settings                       what the daemon holds
+//   capture                                     the reply is followed by a pcapng stream (common/pcapng.h)
+//                                               until the connection is closed
 //   counters          [vdev,type,id with acl, filter, sn and ace]   reads, or sets one ACL's counters
 //   quit
 //
@@ -65,6 +67,7 @@ inline constexpr std::string_view acls = "acls";
 inline constexpr std::string_view users = "users";
 inline constexpr std::string_view settings = "settings";
 inline constexpr std::string_view counters = "counters";
+inline constexpr std::string_view capture = "capture";
 inline constexpr std::string_view quit = "quit";
 
 // The names of notify-named, in the order above.
@@ -74,8 +77,8 @@ inline constexpr std::array<std::string_view, 13> notifications = {
     "user-roll",      "water-line",  "ace-counter"};
 
 // Every command, in the order above.
-inline constexpr std::array<std::string_view, 17> commands = {
-    clients,   notify, notify_named, debug, debug_show, debug_dump_service, alive,    stats, capability,
-    fail_next, mute,   unmute,       acls,  users,      settings,           counters, quit};
+inline constexpr std::array<std::string_view, 18> commands = {
+    clients,   notify, notify_named, debug, debug_show, debug_dump_service, alive,    stats,   capability,
+    fail_next, mute,   unmute,       acls,  users,      settings,           counters, capture, quit};
 
 }  // namespace scc::devkit::control

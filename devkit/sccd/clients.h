@@ -10,6 +10,7 @@
 
 #include "common/frame.h"
 #include "common/messages.h"
+#include "common/pcapng.h"
 #include "sccd/faults.h"
 #include "sccd/registry.h"
 #include "sccd/stream.h"
@@ -23,6 +24,8 @@ class client_sockets {
         std::function<void(const client_entry&, const devkit::wire_item&)> item;  // anything but 301 and 302
         std::function<void(const client_entry&)> ready;  // both sockets are registered
         std::function<void(const client_entry&)> gone;   // a registration has ended
+        // Every message as it is on the wire; null if nobody captures.
+        std::function<void(const devkit::pcapng::packet_header&, devkit::byte_view)> message{};
     };
 
     client_sockets(event_loop& loop, const trace_log& trace, ordered_faults& faults)
@@ -43,6 +46,7 @@ class client_sockets {
   private:
     struct peer_socket {
         peer_id id = 0;
+        u32 pid = 0;
         std::unique_ptr<socket_stream> stream;
         client_id client = 0;  // 0: not registered
         bool sync = false;
@@ -59,8 +63,11 @@ class client_sockets {
     void end_registration(client_id client, bool close_sockets);
     void send_now(peer_socket& peer, u16 type, devkit::byte_view value);
     void flush_peer(peer_socket& peer);
+    void send_message(peer_socket& peer, devkit::byte_buffer message);
     [[nodiscard]] peer_socket* find(peer_id id);
     [[nodiscard]] bool reachable(peer_id id);
+    void capture(const peer_socket& peer, devkit::pcapng::packet_direction direction,
+                 devkit::byte_view message);
     void trace_received(const peer_socket& peer, const devkit::wire_item& item);
     void trace_sent(const peer_socket& peer, const devkit::wire_item& item);
     [[nodiscard]] u32 app_of(const peer_socket& peer);

@@ -288,6 +288,11 @@ void counters(const command_call& call) {
     dump(call, "counters", dump_counters(call.daemon.acls));
 }
 
+// The control socket sends the stream after this reply.
+void capture(const command_call& call) {
+    call.reply(success());
+}
+
 void quit(const command_call& call) {
     call.reply(success());
     call.daemon.loop.stop();
@@ -323,6 +328,7 @@ const std::array<command_row, names::commands.size()>& rows() {
         {names::users, users},
         {names::settings, settings},
         {names::counters, counters, {}, {"vdev", "type", "id", "acl", "filter", "sn", "ace"}},
+        {names::capture, capture},
         {names::quit, quit},
     }};
     return table;

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <string>
 
+#include "common/describe.h"
 #include "sccd/control.h"
 #include "sccd/daemon_core.h"
 #include "sccd/listener.h"
@@ -14,6 +15,8 @@ namespace scc::sccd {
 struct daemon_options {
     std::string directory;  // holds the sockets
     bool trace = false;
+    devkit::trace_detail trace_detail = devkit::trace_detail::brief;
+    std::string capture;  // a file that gets every message; empty: none
     std::chrono::milliseconds service_timeout{5000};
 };
 

@@ -13,6 +13,7 @@
 #include "sccd/service_bridge.h"
 #include "sccd/settings.h"
 #include "sccd/user_store.h"
+#include "sccd/wire_capture.h"
 
 namespace scc::sccd {
 
@@ -62,6 +63,7 @@ class daemon_core {
 
     event_loop loop;
     trace_log trace;
+    wire_capture capture;
     ordered_faults faults;
     acl_store acls;
     user_store users;

@@ -57,7 +57,11 @@ int main(int argc, char** argv) {
     scc::sccd::daemon_options options;
     unsigned timeout_ms = static_cast<unsigned>(options.service_timeout.count());
     CLI::App app{"Development daemon: stands in for sccd on a workstation. Needs TMPDIR."};
-    app.add_flag("--trace", options.trace, "Print every message in both directions");
+    std::string trace;
+    app.add_flag("--trace{brief}", trace,
+                 "Print every message in both directions; --trace=full with every field and byte")
+        ->check(CLI::IsMember({"brief", "full"}));
+    app.add_option("--capture", options.capture, "Write every message to a pcapng file")->type_name("FILE");
     app.add_option("--service-timeout", timeout_ms, "Milliseconds to wait for the security service")
         ->check(CLI::Range(1, std::numeric_limits<int>::max()))
         ->capture_default_str();
@@ -66,6 +70,9 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& problem) {
         return app.exit(problem) == 0 ? 0 : exit_usage;
     }
+    options.trace = !trace.empty();
+    options.trace_detail =
+        trace == "full" ? scc::devkit::trace_detail::full : scc::devkit::trace_detail::brief;
     options.service_timeout = std::chrono::milliseconds(timeout_ms);
 
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
