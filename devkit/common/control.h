@@ -18,6 +18,8 @@
 //   mute              type, [count]             the next request of that type is never answered
 //   unmute            [type]
 //   acls, users, settings                       what the daemon holds
+//   metrics                                     what the daemon counts: messages of each client, requests,
+//                                               results, what is held
 //   capture                                     the reply is followed by a pcapng stream (common/pcapng.h)
 //                                               until the connection is closed
 //   counters          [vdev,type,id with acl, filter, sn and ace]   reads, or sets one ACL's counters
@@ -49,6 +51,8 @@
 
 namespace scc::devkit::control {
 
+// The socket to which clients connect.
+inline constexpr std::string_view clients_socket_suffix = "/security/scc/.sccd_sd_";
 inline constexpr std::string_view socket_suffix = "/security/scc/.sccd_ctl";
 
 inline constexpr std::string_view clients = "clients";
@@ -67,6 +71,7 @@ inline constexpr std::string_view acls = "acls";
 inline constexpr std::string_view users = "users";
 inline constexpr std::string_view settings = "settings";
 inline constexpr std::string_view counters = "counters";
+inline constexpr std::string_view metrics = "metrics";
 inline constexpr std::string_view capture = "capture";
 inline constexpr std::string_view quit = "quit";
 
@@ -77,8 +82,9 @@ inline constexpr std::array<std::string_view, 13> notifications = {
     "user-roll",      "water-line",  "ace-counter"};
 
 // Every command, in the order above.
-inline constexpr std::array<std::string_view, 18> commands = {
+inline constexpr std::array<std::string_view, 19> commands = {
     clients,   notify, notify_named, debug, debug_show, debug_dump_service, alive,    stats,   capability,
-    fail_next, mute,   unmute,       acls,  users,      settings,           counters, capture, quit};
+    fail_next, mute,   unmute,       acls,  users,      settings,           counters, metrics, capture,
+    quit};
 
 }  // namespace scc::devkit::control

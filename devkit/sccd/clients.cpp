@@ -279,6 +279,18 @@ client_sockets::peer_socket* client_sockets::find(peer_id id) {
     return peer == peers_.end() ? nullptr : peer->second.get();
 }
 
+std::size_t client_sockets::queued_bytes(client_id id) {
+    const client_entry* const client = registry_.find(id);
+    std::size_t queued = 0;
+    if (client != nullptr) {
+        for (const peer_id socket : {client->sync, client->async}) {
+            const peer_socket* const peer = find(socket);
+            queued += peer == nullptr ? 0 : peer->stream->queued_bytes();
+        }
+    }
+    return queued;
+}
+
 bool client_sockets::reachable(peer_id id) {
     const peer_socket* const peer = find(id);
     return peer != nullptr && !peer->stream->peer_gone();

@@ -41,6 +41,8 @@ class client_sockets {
     void send_sync(client_id client, u16 type, devkit::byte_view value);
     void flush();
 
+    // What waits in the daemon for the client to read it.
+    [[nodiscard]] std::size_t queued_bytes(client_id id);
     [[nodiscard]] client_registry& registry() { return registry_; }
 
   private:

@@ -7,6 +7,7 @@
 
 #include "common/control.h"
 #include "sccd/json_fields.h"
+#include "sccd/metrics_dump.h"
 #include "sccd/named_notifications.h"
 #include "sccd/state_dump.h"
 
@@ -288,6 +289,14 @@ void counters(const command_call& call) {
     dump(call, "counters", dump_counters(call.daemon.acls));
 }
 
+void metrics(const command_call& call) {
+    json answer = success();
+    for (auto& [name, value] : dump_metrics(call.daemon).items()) {
+        answer[name] = std::move(value);
+    }
+    call.reply(answer);
+}
+
 // The control socket sends the stream after this reply.
 void capture(const command_call& call) {
     call.reply(success());
@@ -328,6 +337,7 @@ const std::array<command_row, names::commands.size()>& rows() {
         {names::users, users},
         {names::settings, settings},
         {names::counters, counters, {}, {"vdev", "type", "id", "acl", "filter", "sn", "ace"}},
+        {names::metrics, metrics},
         {names::capture, capture},
         {names::quit, quit},
     }};

@@ -47,9 +47,13 @@ development_daemon::development_daemon(const daemon_options& options)
     core_.clients.set_hooks(
         {[this](const client_entry& client, const devkit::wire_item& item) { take_item(client, item); },
          [this](const client_entry& client) { core_.client_ready(client); },
-         [this](const client_entry& client) { core_.client_gone(client); },
+         [this](const client_entry& client) {
+             core_.message_counts.client_gone(client.app_id);
+             core_.client_gone(client);
+         },
          [this](const devkit::pcapng::packet_header& header, devkit::byte_view message) {
              core_.capture.message(header, message);
+             core_.message_counts.message(header, message);
          }});
     core_.loop.watch(signals_, EPOLLIN, [this](std::uint32_t) { core_.loop.stop(); });
 }

@@ -10,6 +10,7 @@
 #include "sccd/acl_store.h"
 #include "sccd/clients.h"
 #include "sccd/faults.h"
+#include "sccd/message_counters.h"
 #include "sccd/service_bridge.h"
 #include "sccd/settings.h"
 #include "sccd/user_store.h"
@@ -64,6 +65,7 @@ class daemon_core {
     event_loop loop;
     trace_log trace;
     wire_capture capture;
+    message_counters message_counts;
     ordered_faults faults;
     acl_store acls;
     user_store users;

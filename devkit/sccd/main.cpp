@@ -57,6 +57,7 @@ int main(int argc, char** argv) {
     scc::sccd::daemon_options options;
     unsigned timeout_ms = static_cast<unsigned>(options.service_timeout.count());
     CLI::App app{"Development daemon: stands in for sccd on a workstation. Needs TMPDIR."};
+    app.set_version_flag("--version", "sccd-dev " SCC_VERSION_TEXT);
     std::string trace;
     app.add_flag("--trace{brief}", trace,
                  "Print every message in both directions; --trace=full with every field and byte")
