@@ -42,6 +42,14 @@ stage_packages() {
     build release
     scripts/check_packages.sh
 }
+stage_capture() {
+    build release
+    scripts/check_capture.sh release
+}
+stage_metrics() {
+    build release
+    scripts/check_metrics.sh release
+}
 stage_complete() {
     scripts/check_complete.sh
     scripts/check_recipes.py docs/architecture.md
@@ -83,7 +91,7 @@ stage_soak() { scripts/soak.sh 0.5; }
 stage_faults() { scripts/faults.sh 800; }
 stage_coverage() { scripts/coverage.sh; }
 
-every_commit=(scripts format gcc clang header binary abi man install packages complete tidy soak faults asan tsan fuzz)
+every_commit=(scripts format gcc clang header binary abi man install packages capture metrics complete tidy soak faults asan tsan fuzz)
 every_night=(coverage clang_asan clang_tsan)
 stages=("$@")
 [ $# -gt 0 ] || stages=("${every_commit[@]}")

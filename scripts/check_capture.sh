@@ -16,7 +16,7 @@ finish() {
     local pid
     for pid in "${running[@]}"; do kill -9 "$pid" 2>/dev/null || true; done
     wait 2>/dev/null || true
-    rm -rf "$work"
+    [ -n "${SCC_KEEP:-}" ] || rm -rf "$work"
 }
 trap finish EXIT
 
@@ -28,7 +28,7 @@ fail() {
 # wait_for FILE TEXT [COUNT]: waits up to 30 seconds until FILE contains TEXT on that many lines.
 wait_for() {
     local until=$((SECONDS + 30))
-    until [ "$(grep -cF -- "$2" "$1" 2>/dev/null || true)" -ge "${3:-1}" ]; do
+    until [ -e "$1" ] && [ "$(grep -caF -- "$2" "$1" || true)" -ge "${3:-1}" ]; do
         [ $SECONDS -lt $until ] || fail "nobody said \"$2\""
         sleep 0.05
     done
@@ -95,16 +95,17 @@ session() {
     # With the service, and with ACLs and users that are there when a second service comes.
     "$ctl" shell <"$work/lines" >/dev/null || true
     "$ctl" shell >/dev/null <<'END'
-acl create 1 --type 3
+acl create 1
 acl add-ace 1 10 permit ip any any
-acl apply 1 --type 3 --ifx 1
-acl resequence 1 10 10 --type 3
+acl apply 1 --ifx 1
+acl resequence 1 10 10
 nac-user add --ifx 3 --vid 10 --mac 00:11:22:33:44:55 --ip 10.0.0.7
 nac-app-set --ifx 3 --app-type dot1x-mac --operation add
 nac-app-set --ifx 3 --app-type dot1x-mac --operation add --vid 12
 http-dport-set 8080 add
-counter acl 1 --type 3
-counter ace 1 10 --type 3
+offline-detect-cfg on 1 100
+counter acl 1
+counter ace 1 10
 END
     kill -USR1 "$service"
     wait_for "$work/trace.log" "flow-up" 1
@@ -113,11 +114,19 @@ END
     kill "$service"
     wait "$service" || true
     start_service
-    wait_for "$work/trace.log" "nacm-l4port-recover" 1
+    wait_for "$work/trace.log" "nacm-l4port-recover" 2
 }
 
 start_daemon
 session
+kill "$service"
+wait "$service" || true
+"$ctl" clients >/dev/null # its end has been noticed
+until=$((SECONDS + 30))
+until [ "$(stat -c %s "$work/followed.pcapng")" -eq "$(stat -c %s "$work/wire.pcapng")" ]; do
+    [ $SECONDS -lt $until ] || fail "sccctl capture does not follow"
+    sleep 0.05
+done
 kill -INT "$capture"
 wait "$capture" || fail "sccctl capture failed: $(cat "$work/capture.err")"
 kill "$daemon"

@@ -17,8 +17,7 @@ LINE = re.compile(r"^\d\d:\d\d:\d\d\.\d+ (<-|->) app=(\d+) (new|sync|async) (\d+
 FIELD = re.compile(r' ([^ =]+)=("(?:[^"\\]|\\.)*"|[^ ]*)')
 SOCKETS = {"0": "new", "1": "sync", "2": "async"}
 # In no session with these programs: the daemon does not send it.
-NEVER_SENT = {("operation", "nacm-def-read"), ("operation", "nacm-user-reinstall"), ("operation", "ss-test-cmd"),
-              ("operation", "ss-authmode"), ("operation", "nacm-app-user-recover"), ("to_client", "user-vmsup-ret")}
+NEVER_SENT = {("operation", "nacm-def-read"), ("operation", "nacm-user-reinstall"), ("operation", "ss-authmode")}
 
 
 def fail(text):
@@ -61,14 +60,13 @@ def fields_below(node, prefix=""):
     """The fields of an item, in order: "list[0].name" for those of a list's elements."""
     for field in node.findall("field"):
         name = field.get("name", "")
-        if name.startswith("scc.item."):
-            continue
         label = field.get("showname", "").split(":")[0]
-        if name.startswith("scc."):
+        if name == "scc.element":
+            yield from fields_below(field, prefix + label + ".")
+        elif name.startswith("scc.") and not name.startswith("scc.item."):
             named = re.search(r": (\S+) \(\d+\)$", field.get("showname", ""))
-            yield prefix + label, value_of(field), named.group(1) if named else ""
-        else:
-            yield from fields_below(field, prefix + field.get("show") + ".")
+            name = named.group(1) if named else ""
+            yield prefix + label, value_of(field), "" if name == "Unknown" else name  # a number without a name
 
 
 def captured(path):
@@ -84,12 +82,11 @@ def captured(path):
             fail(f"{path}: a malformed message")
         arrow = "->" if one["scc.packet.direction"] == "1" else "<-"
         stream = streams[arrow, one["scc.packet.app"], SOCKETS[one["scc.packet.socket"]]]
-        for item in protocol.iter("field"):
+        for item in protocol.findall("field[@name='scc.item']"):
             head = {each.get("name"): each for each in item.findall("field")}
-            if "scc.item.type" in head:
-                value = head["scc.item.value"].get("value") if "scc.item.value" in head else ""
-                stream.append((head["scc.item.type"].get("show"), head["scc.item.sub_id"].get("show"),
-                               head["scc.item.name"].get("show"), list(fields_below(item)), value))
+            value = head["scc.item.value"].get("value") if "scc.item.value" in head else ""
+            stream.append((head["scc.item.type"].get("show"), head["scc.item.sub_id"].get("show"),
+                           head["scc.item.name"].get("show"), list(fields_below(item)), value))
     return streams, packets
 
 
@@ -150,6 +147,8 @@ def missing_messages(streams, dissector):
         own, all_clients = (("operation", "to_client") if arrow == "->" else ("report", "request"))
         for item in stream:
             seen |= {(route, item[2]) for route in ((own, all_clients) if app == "16" else (all_clients,))}
+    if seen & NEVER_SENT:
+        fail(f"{sorted(seen & NEVER_SENT)} are sent after all")
     return sorted(known - seen - NEVER_SENT)
 
 

@@ -4,7 +4,6 @@
 // with a tab and its help, and the line "@files" if file names fit.
 #include <cstdio>
 #include <exception>
-#include <iostream>
 #include <string>
 #include <vector>
 
@@ -19,7 +18,6 @@ int main(int argc, char** argv) try {
     } else {
         status = scc::ctl::run_command_line(words, within);
     }
-    std::cout.flush();
     const bool written = scc::ctl::end_output() == 0;
     return written || status != 0 ? status : scc::ctl::exit_refused;
 } catch (const std::exception& problem) {

@@ -180,6 +180,10 @@ int end_output() {
     if (std::fflush(stdout) != 0 && output_error == 0) {
         output_error = errno;
     }
+    // What the parser printed itself, such as the help.
+    if (std::ferror(stdout) != 0 && output_error == 0) {
+        output_error = EIO;
+    }
     if (output_error != 0) {
         std::fprintf(stderr, "sccctl: standard output: %s\n", std::strerror(output_error));
     }

@@ -12,6 +12,8 @@ local packet_fields = {
     len = ProtoField.uint32("scc.message.len", "len"),
     ver = ProtoField.uint8("scc.message.ver", "ver"),
     num = ProtoField.uint16("scc.message.num", "num"),
+    item = ProtoField.none("scc.item", "item"),
+    element = ProtoField.none("scc.element", "element"),
     item_len = ProtoField.uint32("scc.item.len", "len"),
     sub_id = ProtoField.uint16("scc.item.sub_id", "sub_id"),
     type = ProtoField.uint16("scc.item.type", "type"),
@@ -93,7 +95,9 @@ local function add_value(tree, message, value)
     local offset, index = elements.offset, 0
     while offset + elements.bytes <= value:len() do
         local range = value(offset, elements.bytes)
-        add_fields(tree:add(scc, range, string.format("%s[%d]", elements.name, index)), elements.fields, range:tvb():range())
+        local below = tree:add(packet_fields.element, range)
+        below:set_text(string.format("%s[%d]", elements.name, index))
+        add_fields(below, elements.fields, range:tvb():range())
         offset, index = offset + elements.bytes, index + 1
     end
 end
@@ -110,7 +114,8 @@ local function add_item(tree, range, from_daemon, app)
     local len, number = range(0, 4):le_uint(), range(6, 2):le_uint()
     local message = message_of(from_daemon, app, number)
     local name = message and message.name or "unknown"
-    local below = tree:add(scc, range, string.format("%d %s", number, name))
+    local below = tree:add(packet_fields.item, range)
+    below:set_text(string.format("%d %s", number, name))
     below:add_le(packet_fields.item_len, range(0, 4))
     below:add_le(packet_fields.sub_id, range(4, 2))
     below:add_le(packet_fields.type, range(6, 2))
