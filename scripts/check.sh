@@ -33,7 +33,11 @@ stage_binary() {
     scripts/check_options.sh
 }
 stage_abi() { scripts/check_abi.sh build/release/src/libscclib.so; }
-stage_man() { scripts/check_man_pages.sh; }
+stage_man() {
+    scripts/check_man_pages.sh
+    build release sccctl
+    scripts/man_commands.py build/release/devkit/ctl/sccctl docs/man/sccctl.1 docs/man/sccd-dev.1
+}
 stage_install() {
     build release
     scripts/check_install.sh build/release

@@ -567,28 +567,13 @@ std::string listed_options(const CLI::App& leaf) {
     return text;
 }
 
-// The values of a positional argument, for the completion, in a column of their own.
-std::string choices_of(std::string_view path) {
-    if (path == "debug") {
-        return "\ton off";
-    }
-    if (path == "notify") {
-        return fmt::format("\t{}", fmt::join(devkit::control::notifications, " "));
-    }
-    if (path == "daemon") {
-        return fmt::format("\t{}", fmt::join(devkit::control::commands, " "));
-    }
-    return {};
-}
-
 void list_below(const CLI::App& app, const std::string& path, std::string& text) {
     const auto children = app.get_subcommands([](const CLI::App*) { return true; });
     for (const CLI::App* each : children) {
         list_below(*each, path.empty() ? each->get_name() : path + " " + each->get_name(), text);
     }
     if (children.empty()) {
-        text +=
-            fmt::format("{}\t{}\t{}{}\n", path, listed_options(app), app.get_description(), choices_of(path));
+        text += fmt::format("{}\t{}\t{}\n", path, listed_options(app), app.get_description());
     }
 }
 

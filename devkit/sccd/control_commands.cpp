@@ -291,9 +291,7 @@ void counters(const command_call& call) {
 
 void metrics(const command_call& call) {
     json answer = success();
-    for (auto& [name, value] : dump_metrics(call.daemon).items()) {
-        answer[name] = std::move(value);
-    }
+    answer.update(dump_metrics(call.daemon));
     call.reply(answer);
 }
 
