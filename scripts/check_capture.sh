@@ -138,3 +138,11 @@ for capture in wire followed; do
         fail "tshark: $(cat "$work/tshark.err")"
 done
 scripts/compare_capture.py "$work/wire.pdml" "$work/followed.pdml" "$work/trace.log" "$work/results.json" "$dissector"
+
+# Malformed messages are shown as such, and no value is too short for the dissector.
+malformed=$(scripts/make_malformed_capture.py "$work/malformed.pcapng")
+tshark -X "lua_script:$dissector" -r "$work/malformed.pcapng" -V >"$work/malformed.txt" 2>&1
+! grep -q "Lua Error" "$work/malformed.txt" || fail "the dissector fails: $(grep -m 1 "Lua Error" "$work/malformed.txt")"
+found=$(tshark -X "lua_script:$dissector" -r "$work/malformed.pcapng" -Y scc.malformed 2>/dev/null | wc -l)
+[ "$found" -eq "$malformed" ] || fail "$found of $malformed malformed messages are shown as such"
+echo "$found malformed messages are shown as such"

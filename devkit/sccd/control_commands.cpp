@@ -297,7 +297,9 @@ void metrics(const command_call& call) {
 
 // The control socket sends the stream after this reply.
 void capture(const command_call& call) {
-    call.reply(success());
+    json answer = success();
+    answer["linktype"] = devkit::pcapng::link_type;
+    call.reply(answer);
 }
 
 void quit(const command_call& call) {
