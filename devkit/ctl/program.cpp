@@ -125,11 +125,13 @@ std::string range_text(const argument& each) {
         return {};
     }
     constexpr std::size_t shown_names_max = 6;
-    const auto names = names_of(each);
-    std::string text = fmt::format(" [{}..{}]", each.min, each.max);
-    if (!names.empty() && names.size() <= shown_names_max) {
-        text = fmt::format(" [{}, {}..{}]", fmt::join(names, ", "), each.min, each.max);
+    auto names = names_of(each);
+    if (names.size() > shown_names_max) {
+        names.resize(shown_names_max / 2);
+        names.emplace_back("...");
     }
+    std::string text =
+        fmt::format(" [{}{}{}..{}]", fmt::join(names, ", "), names.empty() ? "" : " or ", each.min, each.max);
     if (each.initial != 0) {
         text += fmt::format(", {} unless given", each.initial);
     }
