@@ -536,7 +536,9 @@ void refuse_registration_options(const built& parsed, const context& within) {
 
 int run_chosen(built& parsed, context& within) {
     if (parsed.list) {
-        fmt::print("{}", list_commands());
+        std::string list = list_commands();
+        list.pop_back();  // print_text ends the last line
+        print_text(list);
         return exit_success;
     }
     refuse_registration_options(parsed, within);
