@@ -77,6 +77,9 @@ void add_control_commands(CLI::App& app, context& within, choice_map& choices, s
 // For the completion scripts.
 void print_completion(const std::vector<std::string>& words);
 
+// Adds the commands for whole ACLs to the group "acl"; the chosen one sets `action`.
+void add_acl_commands(CLI::App& app, context& within, std::function<int()>& action);
+
 // Every command with its options and help, one tab-separated line each.
 [[nodiscard]] std::string list_commands();
 

@@ -1,5 +1,10 @@
 #include "sccd/state_dump.h"
 
+#include <algorithm>
+#include <cstring>
+
+#include "ace_text.h"
+
 namespace scc::sccd {
 namespace {
 
@@ -7,6 +12,43 @@ using devkit::byte_view;
 
 json key_fields(const devkit::acl_identity& key) {
     return {{"vdev", key.vdev}, {"type", key.app_type}, {"id", key.acl_id}, {"class", key.acl_class}};
+}
+
+// The rule as text; "bytes" as well if numbers and text do not give the whole record.
+json show_ace(u32 sn, const ace_entry& ace) {
+    json shown = {{"sn", sn}, {"id", ace.id}};
+    scc_ace_record record{};
+    std::memcpy(&record, ace.record.data(), std::min(sizeof record, ace.record.size()));
+    scc_ace_record again{};
+    again.sn = sn;
+    again.ace_id = ace.id;
+    if (const auto rule = ace::print_ace(record)) {
+        std::string ignored;
+        again = ace::parse_ace(*rule, ignored).value_or(again);
+        shown["rule"] = *rule;
+    }
+    if (std::memcmp(&again, &record, sizeof record) != 0) {
+        shown["bytes"] = devkit::hex_text(ace.record);
+    }
+    return shown;
+}
+
+// "bytes" if these fields are not the whole entity that the ACL is applied to.
+json show_apply(byte_view record) {
+    namespace apply = devkit::apply_record;
+    json shown = {{"ifx", devkit::u32_at(record, apply::ifx)},
+                  {"direction", devkit::u32_at(record, apply::direction)},
+                  {"apply_type", devkit::u32_at(record, apply::apply_type)}};
+    devkit::byte_buffer rest = devkit::to_bytes(record);
+    devkit::write_key(rest, 0, {});
+    const std::string bytes = devkit::hex_text(rest);
+    for (const std::size_t field : {apply::ifx, apply::direction, apply::apply_type}) {
+        devkit::write_at(rest, field, 0u);
+    }
+    if (std::any_of(rest.begin(), rest.end(), [](u8 byte) { return byte != 0; })) {
+        shown["bytes"] = bytes;
+    }
+    return shown;
 }
 
 }  // namespace
@@ -21,15 +63,11 @@ json dump_acls(const acl_store& store) {
         entry["sn_increment"] = acl.sn_increment;
         entry["aces"] = json::array();
         for (const auto& [sn, ace] : acl.aces) {
-            entry["aces"].push_back({{"sn", sn}, {"id", ace.id}});
+            entry["aces"].push_back(show_ace(sn, ace));
         }
         entry["applies"] = json::array();
         for (const auto& [entity, record] : acl.applies) {
-            const byte_view bytes(record);
-            entry["applies"].push_back(
-                {{"ifx", devkit::u32_at(bytes, devkit::apply_record::ifx)},
-                 {"direction", devkit::u32_at(bytes, devkit::apply_record::direction)},
-                 {"apply_type", devkit::u32_at(bytes, devkit::apply_record::apply_type)}});
+            entry["applies"].push_back(show_apply(record));
         }
         list.push_back(std::move(entry));
     }

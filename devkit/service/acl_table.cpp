@@ -295,7 +295,11 @@ bool acl_table::count_first_match(acl_entry& acl, const packet& packet, verdict&
     ++found->second.packets;
     ++acl.packets;
     ++result.matches;
-    result.denied = result.denied || found->second.rule->action == ace::rule_action::deny;
+    result.denied = result.denied || found->second.rule->denies();
+    if (found->second.rule->compares(SCC_ACE_LOG)) {
+        result.logged.push_back(fmt::format("acl {} type {}: {}", acl.key.acl_id, acl.key.app_type,
+                                            ace::print_ace(found->second.record).value_or("")));
+    }
     return true;
 }
 
