@@ -65,6 +65,10 @@ if(Python3_FOUND)
           DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
 endif()
 
+if(TARGET wireshark_dissector)
+  add_dependencies(installed wireshark_dissector)
+endif()
+
 # The devkit: every program that this configuration builds, with its man page and its completion.
 foreach(program sccd-dev scc-ss-dev sccctl)
   if(TARGET ${program})
@@ -77,6 +81,8 @@ endforeach()
 if(TARGET sccctl)
   install(FILES ${PROJECT_SOURCE_DIR}/devkit/ctl/sccctl.bash-completion
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME sccctl COMPONENT devkit)
+  install(FILES ${PROJECT_SOURCE_DIR}/devkit/ctl/sccctl.zsh-completion
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions RENAME _sccctl COMPONENT devkit)
 endif()
 if(TARGET sccd-dev)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/devkit/sccd/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/scclib

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <deque>
 #include <string>
 #include <vector>
@@ -34,8 +35,9 @@ struct peer {
     int fd = -1;
     bool is_control = false;
     bool is_service = false;
-    bool blocked = false;  // reads nothing that is sent to it
-    std::vector<u8> sent;  // by the daemon: the part that is not a whole message yet
+    bool captures = false;  // gets pcapng blocks instead of lines
+    bool blocked = false;   // reads nothing that is sent to it
+    std::vector<u8> sent;   // by the daemon: the part that is not a whole message yet
 };
 
 struct operation {
@@ -119,10 +121,30 @@ void on_message(void* context, u16 sub_id, u16 type, std::span<const u8> value) 
     g_world->operations.push_back({call_id, sub_id, type});
 }
 
-void check_lines(std::vector<u8>& sent) {
-    for (auto end = std::find(sent.begin(), sent.end(), u8{'\n'}); end != sent.end();
+// Each block begins with its type and its length, and ends with the length.
+void check_blocks(std::vector<u8>& sent) {
+    const auto number_at = [&sent](std::size_t offset) {
+        u32 number = 0;
+        std::memcpy(&number, sent.data() + offset, sizeof number);
+        return number;
+    };
+    while (sent.size() >= 8) {
+        const u32 len = number_at(4);
+        FUZZ_EXPECT(len >= 12 && len % 4 == 0);
+        if (sent.size() < len) {
+            return;
+        }
+        FUZZ_EXPECT(number_at(len - 4) == len);
+        sent.erase(sent.begin(), sent.begin() + static_cast<std::ptrdiff_t>(len));
+    }
+}
+
+void check_lines(peer& to) {
+    std::vector<u8>& sent = to.sent;
+    for (auto end = std::find(sent.begin(), sent.end(), u8{'\n'}); end != sent.end() && !to.captures;
          end = std::find(sent.begin(), sent.end(), u8{'\n'})) {
         const std::string line(sent.begin(), end);
+        to.captures = line == "{\"ok\":true,\"linktype\":147}";
         FUZZ_EXPECT(line.starts_with("{\"ok\":true") || line.starts_with("{\"ok\":false,\"error\":"));
         FUZZ_EXPECT(line.ends_with("}"));
         sent.erase(sent.begin(), end + 1);
@@ -134,7 +156,10 @@ void on_sent(int fd, std::span<const u8> bytes) {
     FUZZ_EXPECT(to != nullptr);
     to->sent.insert(to->sent.end(), bytes.begin(), bytes.end());
     if (to->is_control) {
-        check_lines(to->sent);
+        check_lines(*to);
+        if (to->captures) {
+            check_blocks(to->sent);
+        }
         return;
     }
     const std::size_t whole = walk_messages(to->sent, on_message, to);

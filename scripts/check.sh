@@ -42,7 +42,11 @@ stage_binary() {
 }
 stage_steps() { scripts/check_steps.sh; }
 stage_abi() { scripts/check_abi.sh build/release/src/libscclib.so; }
-stage_man() { scripts/check_man_pages.sh; }
+stage_man() {
+    scripts/check_man_pages.sh
+    build release sccctl
+    scripts/man_commands.py build/release/devkit/ctl/sccctl docs/man/sccctl.1 docs/man/sccd-dev.1
+}
 stage_install() {
     build release
     scripts/check_install.sh build/release
@@ -50,6 +54,14 @@ stage_install() {
 stage_packages() {
     build release
     scripts/check_packages.sh
+}
+stage_capture() {
+    build release
+    scripts/check_capture.sh release
+}
+stage_metrics() {
+    build release
+    scripts/check_metrics.sh release
 }
 stage_complete() {
     scripts/check_complete.sh
@@ -92,7 +104,7 @@ stage_soak() { scripts/soak.sh 0.5; }
 stage_faults() { scripts/faults.sh 800; }
 stage_coverage() { scripts/coverage.sh; }
 
-every_commit=(scripts format gcc clang header binary steps abi man install packages complete tidy soak faults asan tsan fuzz)
+every_commit=(scripts format gcc clang header binary steps abi man install packages capture metrics complete tidy soak faults asan tsan fuzz)
 every_night=(coverage clang_asan clang_tsan)
 stages=("$@")
 [ $# -gt 0 ] || stages=("${every_commit[@]}")

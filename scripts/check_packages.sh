@@ -63,6 +63,8 @@ for program in sccd-dev scc-ss-dev sccctl; do
 done
 [ -s "$root/usr/share/scclib/scenarios/slow-service.json" ] || fail "there are no scenarios"
 [ -s "$root/usr/share/bash-completion/completions/sccctl" ] || fail "there is no completion for sccctl"
+[ -s "$root/usr/share/zsh/vendor-completions/_sccctl" ] || fail "there is no completion for sccctl in zsh"
+[ -s "$root/usr/share/scclib/wireshark/scc.lua" ] || fail "there is no dissector"
 while read -r name; do
     [ -s "$root/usr/share/man/man3/$name.3.gz" ] || fail "scclib-dev has no page of $name"
 done < <(exported_names)

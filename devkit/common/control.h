@@ -23,6 +23,10 @@
 //   acls, users                                 what the daemon holds
 //   settings          [name]                    every setting that applications made, or those of one request
 //   state                                       everything, as --state FILE keeps it
+//   metrics                                     what the daemon counts: messages of each client, requests,
+//                                               results, what is held
+//   capture                                     the reply is followed by a pcapng stream (common/pcapng.h)
+//                                               until the connection is closed
 //   counters          [vdev,type,id with acl, filter, sn and ace]   reads, or sets one ACL's counters
 //   quit
 //
@@ -58,6 +62,8 @@
 
 namespace scc::devkit::control {
 
+// The socket to which clients connect.
+inline constexpr std::string_view clients_socket_suffix = "/security/scc/.sccd_sd_";
 inline constexpr std::string_view socket_suffix = "/security/scc/.sccd_ctl";
 
 inline constexpr std::string_view clients = "clients";
@@ -80,6 +86,8 @@ inline constexpr std::string_view users = "users";
 inline constexpr std::string_view settings = "settings";
 inline constexpr std::string_view state = "state";
 inline constexpr std::string_view counters = "counters";
+inline constexpr std::string_view metrics = "metrics";
+inline constexpr std::string_view capture = "capture";
 inline constexpr std::string_view quit = "quit";
 
 // The names of notify-named, in the order above.
@@ -89,9 +97,9 @@ inline constexpr std::array<std::string_view, 13> notifications = {
     "user-roll",      "water-line",  "ace-counter"};
 
 // Every command, in the order above.
-inline constexpr std::array<std::string_view, 21> commands = {
+inline constexpr std::array<std::string_view, 23> commands = {
     clients,    notify,    notify_named, debug,    debug_show, debug_dump_service, alive,       stats,
     capability, fail_next, mute,         unmute,   fault,      fault_list,         fault_clear, acls,
-    users,      settings,  state,        counters, quit};
+    users,      settings,  state,        counters, metrics,    capture,            quit};
 
 }  // namespace scc::devkit::control

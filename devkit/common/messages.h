@@ -1,12 +1,13 @@
-// The table of message types: name, route, least length of the value, how it is answered, and the fields
-// shown in traces. The daemon's dispatch and its length checks are driven by it.
+// The table of message types: name, route, least length of the value, how it is answered, and the layout of
+// the value. The daemon's dispatch, its length checks, its traces and the Wireshark dissector are driven by
+// it.
 #pragma once
 
-#include <array>
 #include <span>
 #include <string_view>
 
 #include "common/bytes.h"
+#include "common/value_names.h"
 
 namespace scc::devkit {
 
@@ -27,16 +28,48 @@ enum class answer_kind : u8 {
     user_read,  // operation: a 402 result under a call id of the service's own
 };
 
-enum class field_kind : u8 { number8, number16, number32, number64, mac, ipv4, key };
+enum class field_kind : u8 {
+    number8,
+    number16,
+    number32,
+    number64,
+    mac,
+    ipv4,
+    ipv6,
+    address,  // IPv4 in the first of 16 bytes, or IPv6, as the family word says
+    key,      // an ACL key
+    text,     // ends at a zero byte, or at its length
+    bytes,
+    vlans,  // a bit for each VLAN
+};
 
 struct message_field {
-    std::string_view name;  // empty after the last field
-    u16 offset = 0;
+    std::string_view name;
+    u32 offset = 0;
     field_kind kind = field_kind::number32;
+    u32 bytes = 0;         // of text, bytes and vlans; 0: the rest of the value
+    value_names names{};   // of the numbers
+    u32 family_at = 0;     // of an address: the offset of its family word
+    bool in_brief = true;  // shown in every trace; the full trace shows all
+};
+
+using field_list = std::span<const message_field>;
+
+// Elements of equal length, from an offset to the end of the value. Their fields' offsets are the element's.
+struct element_list {
+    std::string_view name;  // empty if there are none
+    u32 offset = 0;
+    u32 element_bytes = 0;
+    field_list fields{};
+};
+
+struct value_layout {
+    field_list fields{};
+    element_list elements{};
+    u32 only_bytes = 0;  // for values of exactly this length; 0: for any other
 };
 
 inline constexpr u32 no_result_offset = 0xffffffff;
-inline constexpr std::size_t fields_max = 6;
 
 struct message_type {
     message_route route{};
@@ -47,11 +80,21 @@ struct message_type {
     u16 reply_type = 0;
     u32 reply_bytes = 0;
     u32 result_offset = no_result_offset;  // of the result code in the reply
-    std::array<message_field, fields_max> fields{};
+    std::span<const value_layout> layouts{};
 };
 
 // The row of a type on a route; the service also takes what every client takes. Null if unknown.
 [[nodiscard]] const message_type* find_message(message_route route, u16 number);
+// By name, on this route alone. Null if unknown.
+[[nodiscard]] const message_type* find_message(message_route route, std::string_view name);
 [[nodiscard]] std::span<const message_type> message_types();
+
+// The layout of a value of this length.
+[[nodiscard]] const value_layout& layout_of(const message_type& type, std::size_t value_bytes);
+// The bytes that a field takes in a value of this length; 0 if it lies beyond the end.
+[[nodiscard]] std::size_t bytes_of(const message_field& field, std::size_t value_bytes);
+// Whether an address field holds an IPv6 address.
+[[nodiscard]] bool holds_ipv6(byte_view value, const message_field& field);
+[[nodiscard]] std::size_t element_count(const element_list& elements, std::size_t value_bytes);
 
 }  // namespace scc::devkit

@@ -61,10 +61,12 @@ arguments deleted_ace() {
 
 arguments application() {
     namespace at = devkit::apply_record;
-    return with(key(), {field("ifx", at::ifx, 4, "interface index"),
-                        field("direction", at::direction, 4, "0 in, 1 out").within(0, 1),
-                        field("apply-type", at::apply_type, 4, "1 to 58; 0 stands for the ACL's type")
-                            .within(0, limits::app_type_max)});
+    return with(
+        key(),
+        {field("ifx", at::ifx, 4, "interface index"),
+         field("direction", at::direction, 4, "of the packets").within(0, 1).named(devkit::names::direction),
+         field("apply-type", at::apply_type, 4, "1 to 58; 0 stands for the ACL's type")
+             .within(0, limits::app_type_max)});
 }
 
 arguments user_binding() {
@@ -73,7 +75,8 @@ arguments user_binding() {
         {field("ifx", offsetof(scc_user_acl_record, ifx), 4, "interface index"),
          field("phyid", offsetof(scc_user_acl_record, phyid), 8, "physical id"),
          field("apptype", offsetof(scc_user_acl_record, apptype), 4, "the binding's application type"),
-         field("direction", offsetof(scc_user_acl_record, direction), 4, "0 in, 1 out"),
+         field("direction", offsetof(scc_user_acl_record, direction), 4, "of the packets")
+             .named(devkit::names::direction),
          field("mac", offsetof(scc_user_acl_record, mac), 6, "MAC address").as(value_type::mac),
          field("vid", offsetof(scc_user_acl_record, vid), 2, "VLAN id")});
 }
@@ -205,9 +208,9 @@ std::vector<command> cache_reads() {
 
 command escape() {
     const arguments before = {number("value", 4, "the setting itself")};
-    const arguments after = {number("flag", 1, "1 set, 0 clear")};
+    const arguments after = {number("flag", 1, "what to do").named(devkit::names::set_clear)};
     return request<scc_nac_esc_set, &h::nac_esc>("nac-esc-set", "scc_nac_esc_set",
-                                                 "configure the NAC escape ACL", "1 101 1",
+                                                 "configure the NAC escape ACL", "1 101 set",
                                                  with(with(before, key()), after));
 }
 

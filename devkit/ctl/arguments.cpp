@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <cstring>
@@ -14,7 +15,9 @@
 
 #include "ace_text.h"
 #include "common/bytes.h"
+#include "common/records.h"
 #include "scclib.h"
+#include "suggestion.h"
 
 namespace scc::ctl {
 namespace {
@@ -64,13 +67,56 @@ std::uint64_t get_number(const byte_buffer& record, std::size_t offset, std::siz
     }
 }
 
+[[noreturn]] void refuse_number(const argument& where, std::string_view text) {
+    const std::string range = fmt::format("a number from {} to {}", where.min, where.max);
+    if (where.names.empty()) {
+        throw usage_error(fmt::format("{}: '{}' is not {}", where.name, text, range));
+    }
+    const auto names = names_of(where);
+    throw usage_error(fmt::format("{}: '{}' is neither {} nor one of {}{}", where.name, text, range,
+                                  fmt::join(names, ", "), did_you_mean(text, names)));
+}
+
+// A number or its name. An IPv4 address is a number in network order.
 std::uint64_t number_of(const argument& where, std::string_view text) {
-    const auto value = ace::parse_number(text, where.min, where.max);
+    if (where.type == value_type::ipv4) {
+        const auto address = devkit::parse_ipv4(std::string(text));
+        if (!address) {
+            throw usage_error(fmt::format("{}: '{}' is not an IPv4 address", where.name, text));
+        }
+        return *address;
+    }
+    const auto named = devkit::value_of(where.names, text);
+    const auto value = named ? named : ace::parse_number(text, where.min, where.max);
     if (!value) {
-        throw usage_error(
-            fmt::format("{}: '{}' is not a number from {} to {}", where.name, text, where.min, where.max));
+        refuse_number(where, text);
     }
     return *value;
+}
+
+// "10,20-30"
+byte_buffer vlans_of_text(const argument& where, std::string_view text) {
+    byte_buffer record(where.width);
+    const auto vlan = [&](std::string_view digits) {
+        const auto number = ace::parse_number(digits, 0, devkit::vlan_count - 1);
+        if (!number) {
+            throw usage_error(fmt::format("{}: '{}' in '{}' is not a VLAN id from 0 to {}", where.name,
+                                          digits, text, devkit::vlan_count - 1));
+        }
+        return *number;
+    };
+    for (std::size_t begin = 0; begin <= text.size();) {
+        const auto end = std::min(text.find(',', begin), text.size());
+        const std::string_view part = text.substr(begin, end - begin);
+        const auto dash = part.find('-');
+        const auto first = vlan(part.substr(0, dash));
+        const auto last = dash == std::string_view::npos ? first : vlan(part.substr(dash + 1));
+        for (auto each = first; each <= last; ++each) {
+            (void)devkit::set_vlan(record, 0, each);
+        }
+        begin = end + 1;
+    }
+    return record;
 }
 
 byte_buffer address16_of(const argument& where, const std::string& text) {
@@ -138,6 +184,8 @@ byte_buffer field_bytes(const argument& where, std::string_view text) {
             return bytes_of_file(where, word);
         case value_type::rule:
             return ace_of(text);
+        case value_type::vlans:
+            return vlans_of_text(where, text);
         case value_type::number:
             break;
     }
@@ -199,6 +247,22 @@ argument argument::flagging(std::uint32_t bits) const {
     argument changed = *this;
     changed.flags = bits;
     return changed;
+}
+
+argument argument::named(devkit::value_names given_names) const {
+    argument changed = *this;
+    changed.names = given_names;
+    return changed;
+}
+
+std::vector<std::string> names_of(const argument& what) {
+    std::vector<std::string> names;
+    for (const devkit::value_name& each : what.names) {
+        if (each.value >= what.min && each.value <= what.max) {
+            names.emplace_back(each.name);
+        }
+    }
+    return names;
 }
 
 argument number(std::string_view name, std::size_t width, std::string_view help) {
@@ -282,7 +346,12 @@ void store_raw_field(std::string_view text, byte_buffer& record) {
 
 json shown(const argument& what, std::size_t scalar_index, const call_values& values) {
     if (what.record == no_record) {
-        return scalar_index < values.scalars.size() ? json(values.scalars[scalar_index]) : json();
+        if (scalar_index >= values.scalars.size()) {
+            return {};
+        }
+        const std::uint64_t scalar = values.scalars[scalar_index];
+        return what.type == value_type::ipv4 ? json(ipv4_of(static_cast<std::uint32_t>(scalar)))
+                                             : json(scalar);
     }
     const auto index = static_cast<std::size_t>(what.record);
     if (index >= values.records.size()) {
@@ -307,6 +376,8 @@ json shown(const argument& what, std::size_t scalar_index, const call_values& va
             return ipv4_of(devkit::u32_at(record, what.offset));
         case value_type::address16:
             return address16_text(bytes);
+        case value_type::vlans:
+            return devkit::vlans_of(bytes);
         default:
             return get_number(record, what.offset, what.width);
     }

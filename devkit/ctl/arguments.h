@@ -14,6 +14,8 @@
 #include <string_view>
 #include <vector>
 
+#include "common/value_names.h"
+
 namespace scc::ctl {
 
 using byte_buffer = std::vector<std::uint8_t>;
@@ -31,6 +33,7 @@ enum class value_type : std::uint8_t {
     address16,  // 16 bytes: IPv6, or IPv4 in the first 4
     bytes,      // a file of hexadecimal digits, or '-' for standard input: the whole record
     rule,       // the text of an ACE: the whole ACE record
+    vlans,      // a list of VLAN ids, as in "10,20-30": a bit for each VLAN
 };
 
 enum class presence : std::uint8_t {
@@ -54,7 +57,8 @@ struct argument {
     std::uint64_t initial = 0;
     int record = no_record;
     std::size_t offset = 0;
-    std::uint32_t flags = 0;  // bits that it sets in the record's flag word
+    std::uint32_t flags = 0;      // bits that it sets in the record's flag word
+    devkit::value_names names{};  // of the numbers that have one
 
     // Chainable modifiers, so that a row of a table reads as one sentence.
     [[nodiscard]] argument within(std::uint64_t low, std::uint64_t high) const;
@@ -63,6 +67,7 @@ struct argument {
     [[nodiscard]] argument from(std::uint64_t value) const;
     [[nodiscard]] argument at(int record_number, std::size_t field_offset) const;
     [[nodiscard]] argument flagging(std::uint32_t bits) const;
+    [[nodiscard]] argument named(devkit::value_names given_names) const;
 };
 
 // A number of `width` bytes; by default a mandatory scalar.
@@ -92,6 +97,8 @@ void store_initial(const argument& where, call_values& into);
 // Stores "OFFSET:WIDTH=VALUE" in a record: a number for widths 1, 2, 4 and 8, "hex:..." for any width.
 void store_raw_field(std::string_view text, byte_buffer& record);
 
+// The names of an argument's numbers, each once, in the table's order.
+[[nodiscard]] std::vector<std::string> names_of(const argument& what);
 // Reads an argument back; scalar_index counts the scalars before it. Null if it is missing.
 [[nodiscard]] json shown(const argument& what, std::size_t scalar_index, const call_values& values);
 

@@ -6,12 +6,14 @@
 
 #include "command.h"
 #include "common/records.h"
+#include "common/value_names.h"
 #include "msg/protocol.h"
 
 namespace scc::ctl {
 namespace {
 
 namespace at = devkit::config_record;
+namespace names = devkit::names;
 
 using arguments = std::vector<argument>;
 
@@ -35,19 +37,33 @@ arguments details() {
                 .flagging(at::flag_mask)};
 }
 
+argument operation_field() {
+    return field("operation", at::operation, 4, "what to do").named(names::operation);
+}
+
 arguments record_fields() {
     return joined(
-        joined(places(), {field("app-type", at::app_type, 4, "application type"),
-                          field("operation", at::operation, 4, "1 add or open, 3 delete or close")}),
+        joined(places(), {field("app-type", at::app_type, 4, "application type"), operation_field()}),
         details());
+}
+
+arguments nac_application_fields() {
+    arguments all = record_fields();
+    for (argument& each : all) {
+        if (each.name == "app-type") {
+            each = each.named(names::nac_application);
+        }
+    }
+    return all;
 }
 
 arguments dhcp_fields() {
     return joined(
         joined(places(), {field("form", offsetof(scc_config_record, form), 4, "which of its two forms")
                               .within(9, 10)
+                              .named(names::dhcp_form)
                               .as(presence::required_option),
-                          field("operation", at::operation, 4, "1 open, 3 close")}),
+                          operation_field()}),
         details());
 }
 
@@ -58,8 +74,11 @@ arguments user_fields(std::uint32_t operation) {
         details());
 }
 
-argument flag(std::string_view name, std::string_view help) {
-    return number(name, 1, help);
+argument flag(std::string_view name, std::string_view help, devkit::value_names values) {
+    return number(name, 1, help).named(values);
+}
+argument address(std::string_view name, std::string_view help) {
+    return number(name, 4, help).as(value_type::ipv4);
 }
 argument integer(std::string_view name, std::string_view help) {
     return number(name, 4, help).within(0, INT32_MAX);
@@ -74,7 +93,7 @@ std::uint32_t efacl_ctrl(const byte_buffer* data, std::uint32_t* call_id_out) {
 
 template <auto Function, auto... Slots>
 command config(std::string_view name, std::string_view function, std::string_view help) {
-    return request<Function, Slots...>(name, function, help, "--ifx 3 --operation 1 --value 1",
+    return request<Function, Slots...>(name, function, help, "--ifx 3 --operation add --value 1",
                                        record_fields());
 }
 
@@ -122,7 +141,7 @@ std::vector<command> record_commands() {
                                                          "trust a port for DHCP"),
         request<scc_dhcp_snooping_set, &h::dhcp_snooping, &h::dhcp_snooping_second>(
             "dhcp-snooping-set", "scc_dhcp_snooping_set", "configure DHCP snooping",
-            "--form 9 --ifx 3 --value 1", dhcp_fields()),
+            "--form first --ifx 3 --value 1", dhcp_fields()),
         config<scc_nd_snooping_set, &h::nd_snooping>("nd-snooping-set", "scc_nd_snooping_set",
                                                      "configure ND snooping"),
         config<scc_arpcheck, &h::arpcheck>("arpcheck", "scc_arpcheck", "configure the ARP check"),
@@ -130,7 +149,9 @@ std::vector<command> record_commands() {
                                                        "trust a port in the ARP check"),
         config<scc_nac_esc_eport_set, &h::nac_esc_eport>("nac-esc-eport-set", "scc_nac_esc_eport_set",
                                                          "configure the NAC escape egress port"),
-        config<scc_nac_app_set, &h::nac_app>("nac-app-set", "scc_nac_app_set", "configure a NAC application"),
+        request<scc_nac_app_set, &h::nac_app>("nac-app-set", "scc_nac_app_set", "configure a NAC application",
+                                              "--ifx 3 --app-type dot1x-mac --operation add",
+                                              nac_application_fields()),
     };
 }
 
@@ -150,64 +171,73 @@ std::vector<command> user_commands() {
 std::vector<command> switch_commands() {
     return {
         request<scc_dot1x_redirect_enable, &h::d1x_redirect>(
-            "dot1x-redirect-enable", "scc_dot1x_redirect_enable", "switch the 802.1X redirection", "1",
-            {integer("value", "1 on, 0 off; the low byte comes back")}),
+            "dot1x-redirect-enable", "scc_dot1x_redirect_enable", "switch the 802.1X redirection", "on",
+            {integer("value", "the redirection; the low byte comes back").named(names::on_off)}),
         request<scc_d1x_mac_move, &h::d1x_mac_move>(
-            "d1x-mac-move", "scc_d1x_mac_move", "switch 802.1X MAC moves", "1",
-            {integer("value", "1 on, 0 off; the low byte comes back")}),
+            "d1x-mac-move", "scc_d1x_mac_move", "switch 802.1X MAC moves", "on",
+            {integer("value", "the moves; the low byte comes back").named(names::on_off)}),
         request<scc_http_dport_set, &h::http_dport>(
             "http-dport-set", "scc_http_dport_set", "add or delete an HTTP port that is intercepted",
-            "8080 1", {number("port", 2, "TCP port"), flag("flag", "1 add, 0 delete")}),
+            "8080 add", {number("port", 2, "TCP port"), flag("flag", "what to do", names::add_delete)}),
         request<scc_addr_learning, &h::addr_learning>(
-            "addr-learning", "scc_addr_learning", "switch address learning of an interface", "3 1",
-            {number("ifx", 4, "interface index"), flag("enable", "1 on, 0 off")}),
+            "addr-learning", "scc_addr_learning", "switch address learning of an interface", "3 on",
+            {number("ifx", 4, "interface index"), flag("enable", "the learning", names::on_off)}),
         request<scc_svi_router_acl_set, &h::svi_router_acl>("svi-router-acl-set", "scc_svi_router_acl_set",
-                                                            "switch the ACLs of routed VLAN interfaces", "1",
-                                                            {flag("value", "1 on, 0 off")}),
+                                                            "switch the ACLs of routed VLAN interfaces", "on",
+                                                            {flag("value", "the ACLs", names::on_off)}),
         request<scc_acl_global_eport_set, &h::global_eport>(
             "acl-global-eport-set", "scc_acl_global_eport_set", "set the egress port of the whole switch",
-            "3 1",
+            "3 set",
             {number("ifx", 4, "interface index").within(1, limits::ifx_max),
-             flag("value", "1 set, 0 clear")}),
-        request<scc_cpp_set, &h::cpp>("cpp-set", "scc_cpp_set", "switch CPU protection", "0 1",
-                                      {integer("type", "0 alone is known"), flag("enable", "1 on, 0 off")}),
+             flag("value", "what to do", names::set_clear)}),
+        request<scc_cpp_set, &h::cpp>(
+            "cpp-set", "scc_cpp_set", "switch CPU protection", "0 on",
+            {integer("type", "0 alone is known"), flag("enable", "the protection", names::on_off)}),
         request<scc_offline_detect_cfg, &h::offline_detect_cfg>(
             "offline-detect-cfg", "scc_offline_detect_cfg", "configure the detection of silent users",
-            "1 60 100",
-            {integer("open", "1 on, 0 off; the low byte comes back"), number("interval", 4, "interval"),
-             number("threshold", 4, "threshold")}),
+            "on 60 100",
+            {integer("open", "the detection; the low byte comes back").named(names::on_off),
+             number("interval", 4, "interval"), number("threshold", 4, "threshold")}),
     };
+}
+
+arguments direct_vlan_fields() {
+    return {integer("value", "the low byte comes back"),
+            field("vlans", 0, record::direct_vlan, "VLAN ids, as in 10,20-30").as(value_type::vlans)};
 }
 
 std::vector<command> channel_commands() {
     return {
         request<scc_dirchn_host_set, &h::dirchn_host>(
-            "dirchn-host-set", "scc_dirchn_host_set", "configure a direct-channel host", "1 2 3 4 5",
-            {number("first", 4, "first value"), number("second", 4, "second value"),
-             number("third", 1, "third value"), number("fourth", 4, "fourth value"),
-             number("fifth", 1, "fifth value")}),
+            "dirchn-host-set", "scc_dirchn_host_set", "configure a direct-channel host",
+            "10.0.0.7 255.255.255.255 off 3 add",
+            {address("ip", "IPv4 address"), address("mask", "its mask"), flag("arp", "ARP", names::on_off),
+             number("ifx", 4, "interface index"), flag("flag", "what to do", names::add_delete)}),
         request<scc_dirchn_server_set, &h::dirchn_server>(
-            "dirchn-server-set", "scc_dirchn_server_set", "configure a direct-channel server", "1 2",
-            {number("first", 4, "first value"), number("second", 1, "second value")}),
+            "dirchn-server-set", "scc_dirchn_server_set", "configure a direct-channel server", "10.0.0.1 add",
+            {address("ip", "IPv4 address"), flag("flag", "what to do", names::add_delete)}),
         request<scc_dirchn_site_set, &h::dirchn_site>(
-            "dirchn-site-set", "scc_dirchn_site_set", "configure a direct-channel site", "1 2 3 4",
-            {number("first", 4, "first value"), number("second", 4, "second value"),
-             number("third", 1, "third value"), number("fourth", 1, "fourth value")}),
+            "dirchn-site-set", "scc_dirchn_site_set", "configure a direct-channel site",
+            "10.1.0.0 255.255.0.0 off add",
+            {address("ip", "IPv4 address"), address("mask", "its mask"), flag("arp", "ARP", names::on_off),
+             flag("flag", "what to do", names::add_delete)}),
         request<scc_dirchn_arp_set, &h::dirchn_arp>(
-            "dirchn-arp-set", "scc_dirchn_arp_set", "configure ARP in the direct channel", "1 2 3",
-            {number("first", 4, "first value"), number("second", 4, "second value"),
-             number("third", 1, "third value")}),
+            "dirchn-arp-set", "scc_dirchn_arp_set", "configure ARP in the direct channel",
+            "10.2.0.0 255.255.0.0 add",
+            {address("ip", "IPv4 address"), address("mask", "its mask"),
+             flag("flag", "what to do", names::add_delete)}),
         request<scc_ndsnp_default_bind_set, &h::ndsnp_default_bind>(
             "ndsnp-default-bind-set", "scc_ndsnp_default_bind_set", "configure ND snooping's default binding",
-            "1 2 3",
-            {number("first", 4, "first value"), number("second", 4, "second value"),
-             number("third", 1, "third value")}),
-        request<scc_nac_nbr_set, &h::nac_neighbour>("nac-nbr-set", "scc_nac_nbr_set",
-                                                    "configure a NAC neighbour", "1 --field 0:4=3",
-                                                    {flag("flag", "1 add, 0 delete")}),
+            "3 10 on",
+            {number("ifx", 4, "interface index"), number("vid", 4, "VLAN id, 0 for none"),
+             flag("enable", "the binding", names::on_off)}),
+        request<scc_nac_nbr_set, &h::nac_neighbour>(
+            "nac-nbr-set", "scc_nac_nbr_set", "configure a NAC neighbour",
+            "add --ifx 3 --mac 00:11:22:33:44:55",
+            joined({flag("flag", "what to do", names::add_delete)}, places())),
         request<scc_direct_vlan_set, &h::direct_vlan>("direct-vlan-set", "scc_direct_vlan_set",
-                                                      "set the direct VLANs", "1 --field 12:1=0x10",
-                                                      {integer("value", "the low byte comes back")}),
+                                                      "set the direct VLANs", "1 --vlans 100,200-299",
+                                                      direct_vlan_fields()),
         request<efacl_ctrl, &h::efacl_ctrl>(
             "efacl-ctrl", "scc_efacl_ctrl", "hand over an event-filter control block", "--data block.hex",
             {hex_option(0, "file of hexadecimal pairs, - for standard input")}),
@@ -217,8 +247,8 @@ std::vector<command> channel_commands() {
 std::vector<command> one_way_commands() {
     return {
         one_way<scc_warterline_notify>("warterline-notify", "scc_warterline_notify",
-                                       "say that the water line was passed or left", "1",
-                                       {integer("start", "1 passed, 0 left")}),
+                                       "say that the water line was passed or left", "start",
+                                       {integer("start", "passed, or left").named(names::start_end)}),
         one_way<scc_test_cmd_set>("test-cmd-set", "scc_test_cmd_set", "send a test command", "7",
                                   {number("command", 4, "the command's number")}),
         one_way<scc_data_recover>("data-recover", "scc_data_recover",

@@ -7,8 +7,10 @@
 
 #include "common/control.h"
 #include "common/control_client.h"
+#include "common/messages.h"
 #include "msg/protocol.h"
 #include "program.h"
+#include "suggestion.h"
 
 namespace scc::ctl {
 namespace {
@@ -25,21 +27,86 @@ json ask(const json& request) {
 }
 
 int call(const json& request, const context& within) {
-    json reply = ask(request);
-    if (!reply.value("ok", false)) {
-        const std::string error = reply.value("error", std::string("the daemon gave no reason"));
-        print_problem(request.at("do").get<std::string>(), error, within.output);
-        return reply.value("unreachable", false) ? exit_unreachable : exit_refused;
+    int status = exit_success;
+    auto reply = control_reply(request, within, status);
+    if (!reply) {
+        return status;
     }
     if (!within.output.as_json) {
-        reply.erase("ok");
+        reply->erase("ok");
     }
-    print(!within.output.as_json && reply.empty() ? json("ok") : reply, within.output);
+    print(!within.output.as_json && reply->empty() ? json("ok") : *reply, within.output);
+    return exit_success;
+}
+
+// A notification that reaches nobody has failed.
+int call_somebody(const json& request, const context& within) {
+    int status = exit_success;
+    auto reply = control_reply(request, within, status);
+    if (!reply) {
+        return status;
+    }
+    if (reply->value("sent", 1) == 0) {
+        print_problem(request.at("do").get<std::string>(), "nobody is registered", within.output);
+        return exit_refused;
+    }
+    if (!within.output.as_json) {
+        reply->erase("ok");
+    }
+    print(*reply, within.output);
     return exit_success;
 }
 
 json request(std::string_view name) {
     return {{"do", name}};
+}
+
+std::vector<std::string> request_names() {
+    std::vector<std::string> names;
+    for (const devkit::message_type& each : devkit::message_types()) {
+        if (each.route == devkit::message_route::request) {
+            names.emplace_back(each.name);
+        }
+    }
+    return names;
+}
+
+bool is_number(const std::string& text) {
+    return !text.empty() && std::isdigit(static_cast<unsigned char>(text[0])) != 0;
+}
+
+// The commands that name a type of request or a result take their names, too.
+void replace_names(json& request) {
+    const std::string command = request.at("do");
+    if (command != control::fail_next && command != control::mute && command != control::unmute) {
+        return;
+    }
+    const auto type = request.find("type");
+    if (type != request.end() && !is_number(*type)) {
+        const std::string name = *type;
+        const devkit::message_type* const found =
+            devkit::find_message(devkit::message_route::request, std::string_view(name));
+        if (found == nullptr) {
+            throw usage_error(
+                fmt::format("type: '{}' is no request{}", name, did_you_mean(name, request_names())));
+        }
+        *type = found->number;
+    }
+    const auto result = request.find("result");
+    if (result != request.end() && !is_number(*result)) {
+        const std::string name = *result;
+        const auto number = devkit::value_of(devkit::names::results, name);
+        if (!number) {
+            const auto names = names_of(argument().named(devkit::names::results));
+            throw usage_error(fmt::format("result: '{}' is no result{}", name, did_you_mean(name, names)));
+        }
+        *result = *number;
+    }
+}
+
+template <typename Names>
+std::vector<std::string> strings(const Names& names) {
+    return {names.begin(), names.end()};
 }
 
 json with_timeout(json made, const context& within) {
@@ -67,13 +134,17 @@ void add_pairs(json& into, const std::vector<std::string>& pairs) {
 }
 
 int notify(const control_options& options, const context& within) {
-    const bool by_type =
-        !options.word.empty() && std::isdigit(static_cast<unsigned char>(options.word[0])) != 0;
+    const bool by_type = is_number(options.word);
+    const auto known = strings(control::notifications);
+    if (!by_type && std::find(known.begin(), known.end(), options.word) == known.end()) {
+        throw usage_error(
+            fmt::format("no notification '{}'{}", options.word, did_you_mean(options.word, known)));
+    }
     json made = request(by_type ? control::notify : control::notify_named);
     made["to"] = within.app_given ? within.registration.app_id : 0;
     made[by_type ? "type" : "name"] = options.word;
     add_pairs(made, options.pairs);
-    return call(made, within);
+    return call_somebody(made, within);
 }
 
 // Asks the application of --app, or every client in turn, except the service, which does not answer.
@@ -128,12 +199,31 @@ int any(const control_options& options, const context& within) {
         takes_word && !options.pairs.empty() && options.pairs.front().find('=') == std::string::npos;
     json made = has_word ? request_with_word(options.word, options.pairs.front()) : request(options.word);
     add_pairs(made, {options.pairs.begin() + (has_word ? 1 : 0), options.pairs.end()});
+    replace_names(made);
+    const auto known = strings(control::commands);
+    const bool unknown = std::find(known.begin(), known.end(), options.word) == known.end();
+    const std::string guess = unknown ? closest(options.word, known) : std::string();
+    if (!guess.empty()) {
+        throw usage_error(
+            fmt::format("no command '{}' of the daemon; did you mean '{}'?", options.word, guess));
+    }
     return call(made, within);
 }
 
 }  // namespace
 
-void add_control_commands(CLI::App& app, context& within, std::function<int()>& action) {
+std::optional<json> control_reply(const json& request, const context& within, int& status) {
+    json reply = ask(request);
+    if (reply.value("ok", false)) {
+        return reply;
+    }
+    const std::string error = reply.value("error", std::string("the daemon gave no reason"));
+    print_problem(request.at("do").get<std::string>(), error, within.output);
+    status = reply.value("unreachable", false) ? exit_unreachable : exit_refused;
+    return std::nullopt;
+}
+
+void add_control_commands(CLI::App& app, context& within, choice_map& choices, std::function<int()>& action) {
     const auto options = std::make_shared<control_options>();
     const auto add = [&](const char* name, const char* help, auto run) {
         CLI::App* made = app.add_subcommand(name, help)->group("Development daemon");
@@ -151,23 +241,27 @@ void add_control_commands(CLI::App& app, context& within, std::function<int()>& 
         [](const control_options&, const context& in) {
             return call_each(with_timeout(request(control::alive), in), false, in);
         });
-    add("debug", "switch the clients' debug logs (one's with --app)", &debug)
-        ->add_option("switch", options->word, "on or off")
-        ->required()
-        ->check(CLI::IsMember({"on", "off"}));
+    CLI::Option* operand = add("debug", "switch the clients' debug logs (one's with --app)", &debug)
+                               ->add_option("switch", options->word, "on or off")
+                               ->required()
+                               ->check(CLI::IsMember({"on", "off"}));
+    choices[operand] = {"on", "off"};
 
     CLI::App* made =
         add("notify", "have the daemon send a notification (to one application with --app)", &notify);
-    made->add_option("name", options->word, "the notification's name, or its message type")->required();
+    operand =
+        made->add_option("name", options->word, "the notification's name, or its message type")->required();
+    choices[operand] = strings(control::notifications);
     made->add_option("fields", options->pairs, "NAME=VALUE, may be repeated; for a type: hex=BYTES, sub=N");
     made->footer("Example: sccctl notify station-move permit=1");
 
     made = add("daemon", "send any command to the control socket", &any);
-    made->add_option("name", options->word, "the command's name")->required();
-    made->add_option("fields", options->pairs,
-                     "NAME=VALUE, may be repeated; settings takes a name, fault an action, list or clear");
+    operand = made->add_option("name", options->word, "the command's name")->required();
+    choices[operand] = strings(control::commands);
+    made->add_option("fields", options->pairs, "NAME=VALUE, may be repeated; settings takes a name, fault an action, list or clear");
     made->footer(
-        "Examples: sccctl daemon settings addr-learning\n"
+        "Examples: sccctl daemon fail-next type=acl result=acl-exists\n"
+        "          sccctl daemon settings addr-learning\n"
         "          sccctl daemon fault delay request=addr-learning ms=300");
 }
 

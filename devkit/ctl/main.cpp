@@ -1,4 +1,7 @@
 // sccctl: every request, query and read-back of the library as a command.
+//
+// "--complete WORD..." prints what fits the last word, for the completion scripts: a line for each candidate,
+// with a tab and its help, and the line "@files" if file names fit.
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -7,8 +10,16 @@
 #include "program.h"
 
 int main(int argc, char** argv) try {
+    const std::vector<std::string> words{argv + 1, argv + argc};
     scc::ctl::context within;
-    return scc::ctl::run_command_line({argv + 1, argv + argc}, within);
+    int status = 0;
+    if (!words.empty() && words[0] == "--complete") {
+        scc::ctl::print_completion({words.begin() + 1, words.end()});
+    } else {
+        status = scc::ctl::run_command_line(words, within);
+    }
+    const bool written = scc::ctl::end_output() == 0;
+    return written || status != 0 ? status : scc::ctl::exit_refused;
 } catch (const std::exception& problem) {
     std::fprintf(stderr, "sccctl: %s\n", problem.what());
     return scc::ctl::exit_refused;

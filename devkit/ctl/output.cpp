@@ -4,7 +4,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 
 #include "scclib.h"
@@ -12,10 +14,29 @@
 namespace scc::ctl {
 namespace {
 
+int output_error = 0;  // of the first write that failed
+
 void write(std::FILE* to, std::string_view text) {
     std::fwrite(text.data(), 1, text.size(), to);
     std::fputc('\n', to);
-    std::fflush(to);
+    if (std::fflush(to) != 0 && to == stdout && output_error == 0) {
+        output_error = errno;
+    }
+}
+
+// The names of numbers, for readers.
+void name_numbers(json& object, const std::vector<argument>& arguments) {
+    for (const argument& each : arguments) {
+        const auto found = object.find(json_name(each.name));
+        if (found == object.end() || !found->is_number_unsigned()) {
+            continue;
+        }
+        const auto number = found->get<std::uint64_t>();
+        const std::string_view name = devkit::name_of(each.names, number);
+        if (!name.empty()) {
+            *found = fmt::format("{} ({})", name, number);
+        }
+    }
 }
 
 std::string one_line(const json& value) {
@@ -145,12 +166,35 @@ json outcome_json(const outcome& shown_outcome, const output_options& options) {
 
 std::string outcome_text(const outcome& shown_outcome, const output_options& options) {
     json object = outcome_json(shown_outcome, options);
+    name_numbers(object, shown_outcome.row->arguments);
     std::string text = fmt::format("{}: {}", shown_outcome.row->name, object["text"].get<std::string>());
     for (const auto* known : {"command", "function", "result", "text"}) {
         object.erase(known);
     }
     indent(text, object, 1);
     return text;
+}
+
+void print_text(std::string_view text) {
+    write(stdout, text);
+}
+
+int end_output() {
+    if (std::fflush(stdout) != 0 && output_error == 0) {
+        output_error = errno;
+    }
+    // What the parser printed itself, such as the help.
+    if (std::ferror(stdout) != 0 && output_error == 0) {
+        output_error = EIO;
+    }
+    if (output_error != 0) {
+        std::fprintf(stderr, "sccctl: standard output: %s\n", std::strerror(output_error));
+    }
+    return output_error;
+}
+
+bool output_failed() {
+    return output_error != 0;
 }
 
 void print(const outcome& shown_outcome, const output_options& options) {

@@ -2,6 +2,7 @@
 #include "program.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <array>
@@ -9,6 +10,7 @@
 
 #include "common/bytes.h"
 #include "common/control.h"
+#include "suggestion.h"
 
 namespace scc::ctl {
 namespace {
@@ -45,14 +47,20 @@ struct bound_command {
 };
 
 struct own_options {
+    std::string file;
     double seconds = 0;
     std::uint64_t count = 0;
+    watch_options watch;
+    std::vector<std::string> where;
+    top_options top;
+    std::string format = "prometheus";
 };
 
 struct built {
     CLI::App app{"Talk to the security-control daemon: one command for every request and query.", "sccctl"};
     std::deque<bound_command> rows;  // a deque keeps addresses valid
     own_options own;
+    choice_map choices;
     std::function<int()> action;
     bool list = false;
     double timeout_seconds = 0;
@@ -122,7 +130,14 @@ std::string range_text(const argument& each) {
     if (each.type != value_type::number) {
         return {};
     }
-    std::string text = fmt::format(" [{}..{}]", each.min, each.max);
+    constexpr std::size_t shown_names_max = 6;
+    auto names = names_of(each);
+    if (names.size() > shown_names_max) {
+        names.resize(shown_names_max / 2);
+        names.emplace_back("...");
+    }
+    std::string text =
+        fmt::format(" [{}{}{}..{}]", fmt::join(names, ", "), names.empty() ? "" : " or ", each.min, each.max);
     if (each.initial != 0) {
         text += fmt::format(", {} unless given", each.initial);
     }
@@ -133,7 +148,27 @@ bool is_positional(const argument& each) {
     return each.given == presence::positional || each.given == presence::optional_positional;
 }
 
-void add_argument(bound_command& bound, std::size_t index) {
+std::string type_name_of(const argument& each) {
+    switch (each.type) {
+        case value_type::number:
+            return each.names.empty() ? "N" : "NAME|N";
+        case value_type::bytes:
+            return "FILE";
+        case value_type::mac:
+            return "MAC";
+        case value_type::ipv4:
+            return "IPV4";
+        case value_type::address16:
+            return "ADDRESS";
+        case value_type::vlans:
+            return "LIST";
+        case value_type::rule:
+            break;
+    }
+    return "TEXT";
+}
+
+void add_argument(bound_command& bound, std::size_t index, choice_map& choices) {
     const argument& each = bound.row->arguments[index];
     if (each.given == presence::fixed) {
         return;
@@ -146,7 +181,10 @@ void add_argument(bound_command& bound, std::size_t index) {
     } else {
         into.option = bound.app->add_option(name, into.one, help);
     }
-    into.option->type_name(each.type == value_type::number ? "N" : "TEXT");
+    into.option->type_name(type_name_of(each));
+    if (!each.names.empty()) {
+        choices[into.option] = names_of(each);
+    }
     into.option->required(each.given == presence::positional || each.given == presence::required_option);
 }
 
@@ -156,11 +194,12 @@ void add_row(built& into, const command& row) {
     bound.app = &place(into.app, row.name, std::string(row.help), group_of(row));
     bound.texts.resize(row.arguments.size());
     for (std::size_t i = 0; i < row.arguments.size(); ++i) {
-        add_argument(bound, i);
+        add_argument(bound, i, into.choices);
     }
     if (row.open_record() != no_record) {
-        bound.app->add_option("--hex", bound.hex,
-                              "the record's bytes: a file of hexadecimal pairs, - for input");
+        bound.app
+            ->add_option("--hex", bound.hex, "the record's bytes: a file of hexadecimal pairs, - for input")
+            ->type_name("FILE");
         bound.app
             ->add_option("--field", bound.fields, "OFFSET:WIDTH=VALUE within the record, may be repeated")
             ->expected(1)
@@ -258,21 +297,130 @@ int run_row(const bound_command& bound, context& within) {
     return with_session(within, row.name, [&](session& registered) { return finish(&registered); });
 }
 
+// "90", "90s", "5m" or "1h".
+CLI::Validator duration() {
+    const auto to_seconds = [](std::string& text) -> std::string {
+        constexpr std::array<std::pair<char, double>, 3> units{{{'s', 1}, {'m', 60}, {'h', 3600}}};
+        std::string digits = text;
+        double unit = 1;
+        for (const auto& [letter, seconds] : units) {
+            if (!digits.empty() && digits.back() == letter) {
+                digits.pop_back();
+                unit = seconds;
+                break;
+            }
+        }
+        double value = 0;
+        if (!CLI::detail::lexical_cast(digits, value) || !(value >= 0) || value * unit > seconds_max) {
+            return fmt::format("'{}' is not a time up to a day, as in 90, 90s, 5m or 1h", text);
+        }
+        text = fmt::format("{}", value * unit);
+        return {};
+    };
+    return {to_seconds, "TIME", "duration"};
+}
+
+std::vector<std::pair<std::string, std::string>> fields_of_words(const std::vector<std::string>& words) {
+    std::vector<std::pair<std::string, std::string>> fields;
+    for (const std::string& each : words) {
+        const auto equals = each.find('=');
+        if (equals == std::string::npos || equals == 0) {
+            throw usage_error(fmt::format("where: '{}' is not FIELD=VALUE", each));
+        }
+        fields.emplace_back(each.substr(0, equals), each.substr(equals + 1));
+    }
+    return fields;
+}
+
+void add_limits(built& into, CLI::App& app) {
+    app.add_option("--seconds,--duration", into.own.seconds,
+                   "stop after this time (90, 90s, 5m, 1h), 0 for never")
+        ->transform(duration())
+        ->type_name("TIME");
+    app.add_option("--count", into.own.count, "stop after this many, 0 for never")
+        ->check(within_limits(0, count_max));
+}
+
+void add_watch(built& into, context& within) {
+    CLI::App& app = place(into.app, "watch", "print notifications as they arrive", "Tool");
+    add_limits(into, app);
+    app.add_flag("--times", into.own.watch.times, "begin each line with the time");
+    const std::vector<std::string> names(devkit::control::notifications.begin(),
+                                         devkit::control::notifications.end());
+    CLI::Option* const only =
+        app.add_option("--only", into.own.watch.only, "show these notifications alone")->delimiter(',');
+    only->type_name("NAME,...")->expected(1)->take_all()->check([names](const std::string& name) {
+        const bool known = std::find(names.begin(), names.end(), name) != names.end();
+        return known ? std::string() : fmt::format("no notification '{}'{}", name, did_you_mean(name, names));
+    });
+    into.choices[only] = names;
+    app.add_option("--where", into.own.where, "show those with this field alone, may be repeated")
+        ->type_name("FIELD=VALUE")
+        ->expected(1)
+        ->take_all();
+    app.footer("Example: sccctl watch --times --only flow,user-change --where ifx=3 --duration 5m");
+    app.callback([&] {
+        into.action = [&] {
+            into.own.watch.seconds = into.own.seconds;
+            into.own.watch.count = into.own.count;
+            into.own.watch.where = fields_of_words(into.own.where);
+            return run_watch(within, into.own.watch);
+        };
+    });
+}
+
+void add_top(built& into, context& within) {
+    constexpr double shortest_seconds = 0.1;
+    CLI::App& app = place(into.app, "top", "show the clients with their rates, refreshed in place", "Tool");
+    app.add_option("--interval", into.own.top.interval_seconds, "seconds between two tables")
+        ->check(within_limits(shortest_seconds, seconds_max))
+        ->capture_default_str();
+    app.add_option("--count", into.own.top.count, "stop after this many tables, 0 for never")
+        ->check(within_limits(0, count_max));
+    app.callback([&] { into.action = [&] { return run_top(within, into.own.top); }; });
+}
+
+void add_metrics(built& into, context& within) {
+    CLI::App& app = place(into.app, "metrics", "print the counters of the daemon and its clients", "Tool");
+    app.add_option("--output", into.own.file, "replace this file at once instead")->type_name("FILE");
+    CLI::Option* const format = app.add_option("--format", into.own.format,
+                                               "prometheus, as node_exporter's text files, or openmetrics")
+                                    ->check(CLI::IsMember({"prometheus", "openmetrics"}))
+                                    ->capture_default_str();
+    into.choices[format] = {"prometheus", "openmetrics"};
+    app.footer("Example: sccctl metrics --output /var/lib/prometheus/node-exporter/scc.prom");
+    app.callback([&] {
+        into.action = [&] {
+            const bool open = into.own.format == "openmetrics";
+            return run_metrics(within, into.own.file,
+                               open ? metrics_format::open_metrics : metrics_format::prometheus);
+        };
+    });
+}
+
+void add_capture(built& into, context& within) {
+    CLI::App& app =
+        place(into.app, "capture", "write what the daemon sends and receives to a pcapng file", "Tool");
+    app.add_option("file", into.own.file, "the file, - for standard output")->required()->type_name("FILE");
+    add_limits(into, app);
+    app.footer("Example: sccctl capture wire.pcapng --duration 30s");
+    app.callback([&] {
+        into.action = [&] { return run_capture(within, into.own.file, into.own.seconds, into.own.count); };
+    });
+}
+
 void add_own_commands(built& into, context& within) {
     add_acl_commands(into.app, within, into.action);
     if (within.shared == nullptr) {
         CLI::App& shell =
             place(into.app, "shell", "read commands from standard input, with one registration", "Tool");
         shell.callback([&] { into.action = [&] { return run_shell(within); }; });
-        CLI::App& watch = place(into.app, "watch", "print notifications as they arrive", "Tool");
-        watch.add_option("--seconds", into.own.seconds, "stop after this time, 0 for never")
-            ->check(within_limits(0, seconds_max));
-        watch.add_option("--count", into.own.count, "stop after this many, 0 for never")
-            ->check(within_limits(0, count_max));
-        watch.callback(
-            [&] { into.action = [&] { return run_watch(within, into.own.seconds, into.own.count); }; });
+        add_watch(into, within);
     }
-    add_control_commands(into.app, within, into.action);
+    add_top(into, within);
+    add_metrics(into, within);
+    add_capture(into, within);
+    add_control_commands(into.app, within, into.choices, into.action);
 }
 
 void add_common_options(built& into, context& within) {
@@ -296,6 +444,7 @@ void add_common_options(built& into, context& within) {
 
 void build(built& into, context& within) {
     into.app.require_subcommand(0, 1);
+    into.app.set_version_flag("--version", "sccctl " SCC_VERSION_TEXT);
     add_common_options(into, within);
     for (const command& row : commands()) {
         add_row(into, row);
@@ -351,7 +500,9 @@ void refuse_registration_options(const built& parsed, const context& within) {
 
 int run_chosen(built& parsed, context& within) {
     if (parsed.list) {
-        fmt::print("{}", list_commands());
+        std::string list = list_commands();
+        list.pop_back();  // print_text ends the last line
+        print_text(list);
         return exit_success;
     }
     refuse_registration_options(parsed, within);
@@ -384,28 +535,13 @@ std::string listed_options(const CLI::App& leaf) {
     return text;
 }
 
-// The values of a positional argument, for the completion, in a column of their own.
-std::string choices_of(std::string_view path) {
-    if (path == "debug") {
-        return "\ton off";
-    }
-    if (path == "notify") {
-        return fmt::format("\t{}", fmt::join(devkit::control::notifications, " "));
-    }
-    if (path == "daemon") {
-        return fmt::format("\t{}", fmt::join(devkit::control::commands, " "));
-    }
-    return {};
-}
-
 void list_below(const CLI::App& app, const std::string& path, std::string& text) {
     const auto children = app.get_subcommands([](const CLI::App*) { return true; });
     for (const CLI::App* each : children) {
         list_below(*each, path.empty() ? each->get_name() : path + " " + each->get_name(), text);
     }
     if (children.empty()) {
-        text +=
-            fmt::format("{}\t{}\t{}{}\n", path, listed_options(app), app.get_description(), choices_of(path));
+        text += fmt::format("{}\t{}\t{}\n", path, listed_options(app), app.get_description());
     }
 }
 
@@ -432,6 +568,52 @@ int command::open_record() const {
     return no_record;
 }
 
+namespace {
+
+std::vector<std::string> option_names(const CLI::App& command, const CLI::App& root) {
+    std::vector<std::string> names;
+    for (const CLI::App* each : {&command, &root}) {
+        for (const CLI::Option* option : each->get_options()) {
+            for (const std::string& name : option->get_lnames()) {
+                names.push_back("--" + name);
+            }
+        }
+    }
+    return names;
+}
+
+// What the first word that is unknown at its place probably means; empty if there is none, or no good guess.
+std::string misspelt(const CLI::App& root, const std::vector<std::string>& words) {
+    const CLI::App* at = &root;
+    for (const std::string& word : words) {
+        const auto children = at->get_subcommands([](const CLI::App*) { return true; });
+        if (word.starts_with("--")) {
+            const auto names = option_names(*at, root);
+            const std::string name = word.substr(0, word.find('='));
+            if (std::find(names.begin(), names.end(), name) == names.end()) {
+                return did_you_mean(name, names);
+            }
+            continue;
+        }
+        const auto below = std::find_if(children.begin(), children.end(),
+                                        [&](const CLI::App* each) { return each->get_name() == word; });
+        if (below != children.end()) {
+            at = *below;
+            continue;
+        }
+        std::vector<std::string> names;
+        for (const CLI::App* each : children) {
+            names.push_back(each->get_name());
+        }
+        if (const std::string guess = did_you_mean(word, names); !guess.empty()) {
+            return guess;
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
 int run_command_line(const std::vector<std::string>& words, context& within) {
     built parsed;
     build(parsed, within);
@@ -448,7 +630,7 @@ int run_command_line(const std::vector<std::string>& words, context& within) {
         if (problem.get_exit_code() == 0) {
             return parsed.app.exit(problem);  // help was requested
         }
-        print_problem("usage", problem.what(), form);
+        print_problem("usage", problem.what() + misspelt(parsed.app, words), form);
         return exit_usage;
     } catch (const usage_error& problem) {
         print_problem("usage", problem.what(), form);
@@ -466,6 +648,23 @@ int with_session(context& within, std::string_view command, const std::function<
         return exit_unreachable;
     }
     return action(own);
+}
+
+completion complete_words(const std::vector<std::string>& words, const context* shell) {
+    context inside = shell != nullptr ? *shell : context();
+    built all;
+    build(all, inside);
+    return complete(all.app, all.choices, words);
+}
+
+void print_completion(const std::vector<std::string>& words) {
+    const completion found = complete_words(words);
+    for (const candidate& each : found.candidates) {
+        print_text(each.help.empty() ? each.word : each.word + "\t" + each.help);
+    }
+    if (found.files) {
+        print_text("@files");
+    }
 }
 
 std::string list_commands() {

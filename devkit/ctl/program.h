@@ -5,9 +5,12 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "completion.h"
 #include "output.h"
 #include "runner.h"
 #include "session.h"
@@ -35,11 +38,44 @@ struct context {
 // Reads command lines from standard input until it ends. Returns the worst status.
 [[nodiscard]] int run_shell(context& within);
 
-// Prints notifications as they arrive. 0 means no limit.
-[[nodiscard]] int run_watch(context& within, double seconds, std::uint64_t count);
+struct watch_options {
+    double seconds = 0;       // 0: no limit
+    std::uint64_t count = 0;  // 0: no limit
+    bool times = false;
+    std::vector<std::string> only;                           // names; empty: all
+    std::vector<std::pair<std::string, std::string>> where;  // fields with their text
+};
+
+// Prints notifications as they arrive.
+[[nodiscard]] int run_watch(context& within, const watch_options& options);
+
+struct top_options {
+    double interval_seconds = 1;
+    std::uint64_t count = 0;  // 0: until it is told to end
+};
+
+// Shows the clients, refreshed in place on a terminal, one table after another elsewhere.
+[[nodiscard]] int run_top(const context& within, const top_options& options);
+
+enum class metrics_format : std::uint8_t { prometheus, open_metrics };
+
+// Prints the counters of the daemon and its clients, or replaces a file by them at once.
+[[nodiscard]] int run_metrics(const context& within, const std::string& file, metrics_format format);
+
+// Writes the messages that the daemon exchanges to a pcapng file ("-": standard output). 0 means no limit.
+[[nodiscard]] int run_capture(const context& within, const std::string& file, double seconds,
+                              std::uint64_t count);
 
 // Adds the commands of the development daemon's control socket; the chosen one sets `action`.
-void add_control_commands(CLI::App& app, context& within, std::function<int()>& action);
+void add_control_commands(CLI::App& app, context& within, choice_map& choices, std::function<int()>& action);
+// Sends a request; prints why it failed, or returns the reply.
+[[nodiscard]] std::optional<json> control_reply(const json& request, const context& within, int& status);
+
+// What fits the last word. With a shell's context, what fits there.
+[[nodiscard]] completion complete_words(const std::vector<std::string>& words,
+                                        const context* shell = nullptr);
+// For the completion scripts.
+void print_completion(const std::vector<std::string>& words);
 
 // Adds the commands for whole ACLs to the group "acl"; the chosen one sets `action`.
 void add_acl_commands(CLI::App& app, context& within, std::function<int()>& action);

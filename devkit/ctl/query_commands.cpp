@@ -18,7 +18,7 @@ arguments record_fields() {
             field("vid", at::vid, 4, "VLAN id, 0 for none"),
             field("mac", at::mac, 6, "MAC address").as(value_type::mac),
             field("app-type", at::app_type, 4, "application type"),
-            field("operation", at::operation, 4, "1 add or open, 3 delete or close"),
+            field("operation", at::operation, 4, "what to do").named(devkit::names::operation),
             field("value", at::value, 4, "the setting itself"),
             field("ip", at::ipv4, 4, "IPv4 address").as(value_type::ipv4),
             field("ipv6", at::ipv6, 16, "IPv6 address").as(value_type::address16)};
@@ -107,7 +107,7 @@ std::vector<command> query_commands() {
                                "tell the names of the binding owners in a mask", "0x3E",
                                {number("mask", 4, "bits of the owners")}, {}),
         local<error_text>("strerror", "scc_strerror", "tell the text of a result code", "2005",
-                          {number("code", 4, "result code")}, {}),
+                          {number("code", 4, "result code").named(devkit::names::results)}, {}),
     };
 }
 

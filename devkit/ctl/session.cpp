@@ -4,16 +4,21 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
+#include <algorithm>
 #include <thread>
 
 #include "command.h"
+#include "common/control_client.h"
+#include "interrupt.h"
 #include "msg/protocol.h"
 #include "notifications.h"
 #include "scclib.h"
 
 namespace scc::ctl {
 namespace {
+
+// How often a wait checks for an interrupt.
+constexpr std::chrono::milliseconds interrupt_interval{100};
 
 // Twice the interval at which the library's checker flushes the send buffer.
 constexpr std::chrono::microseconds buffer_leaves{4 * limits::batch_interval_us};
@@ -38,6 +43,17 @@ scc_reg_info registration(const session_options& options) {
     return info;
 }
 
+// Empty at the deadline, or when the user has interrupted the wait.
+std::optional<event> take_until(steady::time_point until) {
+    while (true) {
+        const auto slice = std::min(until, steady::now() + interrupt_interval);
+        auto arrived = inbox::shared().take(slice);
+        if (arrived || interrupted() || steady::now() >= until) {
+            return arrived;
+        }
+    }
+}
+
 // Registration sets the umask to 0 for the library's socket files; the tool's own files need the user's.
 std::uint32_t register_with_umask_kept(const scc_reg_info& info) {
     const mode_t before = umask(0);
@@ -49,8 +65,8 @@ std::uint32_t register_with_umask_kept(const scc_reg_info& info) {
 }  // namespace
 
 bool session::start() {
-    if (std::getenv("TMPDIR") == nullptr) {
-        return fail("TMPDIR is not set: it names the daemon's directory");
+    if (std::string problem = devkit::absent_daemon(); !problem.empty()) {
+        return fail(std::move(problem));
     }
     inbox::shared().clear();
     const scc_reg_info info = registration(options_);
@@ -60,14 +76,14 @@ bool session::start() {
     }
     started_ = true;
     const auto until = deadline();
-    while (const auto arrived = inbox::shared().take(until)) {
+    while (const auto arrived = take_until(until)) {
         if (arrived->what == event::kind::status && arrived->number == 1) {
             return true;
         }
     }
-    return fail(fmt::format("not registered as app {} after {:.1f} s: no daemon in {}, or the id is taken",
-                            options_.app_id, std::chrono::duration<double>(options_.timeout).count(),
-                            std::getenv("TMPDIR")));
+    return fail(
+        fmt::format("not registered as app {} after {:.1f} s: the daemon does not answer, or the id is taken",
+                    options_.app_id, std::chrono::duration<double>(options_.timeout).count()));
 }
 
 void session::stop() {
@@ -116,8 +132,10 @@ std::optional<event> session::wait_any_result() {
 }
 
 std::optional<event> session::wait_event(steady::time_point until) {
-    auto arrived = inbox::shared().take(until);
-    if (!arrived) {
+    auto arrived = take_until(until);
+    if (!arrived && interrupted()) {
+        problem_ = "interrupted";
+    } else if (!arrived) {
         problem_ =
             fmt::format("no answer within {:.1f} s", std::chrono::duration<double>(options_.timeout).count());
     } else if (arrived->what == event::kind::status && arrived->number == 0) {

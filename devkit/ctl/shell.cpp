@@ -1,72 +1,19 @@
-// The long-running commands: the shell and the watch.
+// The shell: command lines with one registration.
 #include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <functional>
 #include <iostream>
+#include <memory>
 
-#include "notifications.h"
+#include "interrupt.h"
+#include "line_editor.h"
 #include "program.h"
 
 namespace scc::ctl {
-namespace {
-
-// How often a watch checks for an interrupt.
-constexpr std::chrono::milliseconds interrupt_interval{200};
-
-volatile std::sig_atomic_t interrupted = 0;
-
-void on_interrupt(int) {
-    interrupted = 1;
-}
-
-void print_notification(const json& notification, const output_options& output) {
-    print(output.as_json ? notification : json(notification_line(notification)), output);
-}
-
-json status_notification(std::uint32_t status) {
-    return {{"notification", "server-status"}, {"status", status}};
-}
-
-// Prints one event. Returns whether it counts as a notification.
-bool print_event(const event& arrived, const output_options& output) {
-    if (arrived.what == event::kind::status) {
-        print_notification(status_notification(arrived.number), output);
-    }
-    if (arrived.what == event::kind::notification) {
-        print_notification(arrived.notification, output);
-    }
-    return arrived.what == event::kind::notification;
-}
-
-}  // namespace
-
-int run_watch(context& within, double seconds, std::uint64_t count) {
-    within.registration.notifications = true;
-    return with_session(within, "watch", [&](session&) {
-        std::signal(SIGINT, &on_interrupt);
-        std::signal(SIGTERM, &on_interrupt);
-        print_notification(status_notification(1), within.output);
-        const auto limit =
-            std::chrono::duration_cast<steady::duration>(std::chrono::duration<double>(seconds));
-        const auto until = steady::now() + limit;
-        std::uint64_t seen = 0;
-        while (interrupted == 0 && (count == 0 || seen < count)) {
-            const auto now = steady::now();
-            if (seconds > 0 && now >= until) {
-                return count == 0 ? exit_success : exit_unreachable;
-            }
-            const auto slice = now + interrupt_interval;
-            const auto arrived = inbox::shared().take(seconds > 0 ? std::min(slice, until) : slice);
-            if (arrived && print_event(*arrived, within.output)) {
-                ++seen;
-            }
-        }
-        return exit_success;
-    });
-}
 
 std::vector<std::string> shell_words(std::string_view line) {
     std::vector<std::string> words;
@@ -107,6 +54,26 @@ std::vector<std::string> shell_words(std::string_view line) {
 
 namespace {
 
+std::string history_file() {
+    const char* const home = std::getenv("HOME");
+    return home == nullptr || *home == '\0' ? std::string() : std::string(home) + "/.sccctl_history";
+}
+
+using line_source = std::function<line_state(std::string&)>;
+
+line_source lines_of_terminal(const context& within) {
+    catch_interrupts();
+    const auto complete_line = [&within](const std::vector<std::string>& words) {
+        return complete_words(words, &within);
+    };
+    const auto editor = std::make_shared<line_editor>("sccctl> ", history_file(), complete_line);
+    return [editor](std::string& line) { return editor->read(line); };
+}
+
+line_state line_of_input(std::string& line) {
+    return std::getline(std::cin, line) ? line_state::line : line_state::end;
+}
+
 // One line of the shell.
 int run_line(const std::vector<std::string>& words, session& registered, const context& within) {
     context each = within;  // a line's options do not affect the next line
@@ -131,16 +98,18 @@ std::vector<std::string> words_of_line(const std::string& line, const context& w
 int run_shell(context& within) {
     return with_session(within, "shell", [&](session& registered) {
         const bool prompts = isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1;
+        context inside = within;
+        inside.shared = &registered;
+        const line_source next = prompts ? lines_of_terminal(inside) : line_source(&line_of_input);
         int worst = exit_success;
         std::string line;
-        while (true) {
-            if (prompts) {
-                fmt::print(stderr, "sccctl> ");
-            }
-            if (!std::getline(std::cin, line)) {
+        while (!output_failed()) {
+            const line_state got = next(line);
+            if (got == line_state::end) {
                 break;
             }
-            const auto words = words_of_line(line, within, worst);
+            const auto words =
+                got == line_state::line ? words_of_line(line, within, worst) : std::vector<std::string>();
             if (words.empty()) {
                 continue;
             }
@@ -148,6 +117,7 @@ int run_shell(context& within) {
                 break;
             }
             worst = std::max(worst, run_line(words, registered, within));
+            forget_interrupt();
         }
         return worst;
     });

@@ -1,6 +1,7 @@
 #include "sccd/clients.h"
 
 #include <fmt/format.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <utility>
@@ -16,6 +17,8 @@ using devkit::frame_state;
 using devkit::message_frame;
 using devkit::message_route;
 using devkit::wire_item;
+using devkit::pcapng::packet_direction;
+using devkit::pcapng::packet_socket;
 
 constexpr u32 received_message_max_bytes = 16u * 1024 * 1024;
 constexpr std::size_t sent_message_max_bytes = wire::header_bytes + wire::batch_capacity_bytes;
@@ -29,6 +32,13 @@ byte_buffer registration_reply(u32 result, u32 owner_pid) {
     return value;
 }
 
+u32 pid_of_peer(int descriptor) {
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    const bool known = ::getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0;
+    return known ? static_cast<u32>(peer.pid) : 0;
+}
+
 }  // namespace
 
 void client_sockets::accept(int descriptor) {
@@ -40,6 +50,7 @@ void client_sockets::accept(int descriptor) {
     auto peer = std::make_unique<peer_socket>();
     peer_socket* const place = peer.get();
     place->id = id;
+    place->pid = pid_of_peer(descriptor);
     place->stream = std::make_unique<socket_stream>(
         loop_, descriptor,
         socket_stream::stream_events{[this, place](socket_stream&) { input(*place); },
@@ -54,6 +65,9 @@ void client_sockets::input(peer_socket& peer) {
         if (frame.state == frame_state::incomplete) {
             return;
         }
+        const byte_view input = peer.stream->input();
+        capture(peer, packet_direction::to_daemon,
+                frame.state == frame_state::broken ? input : input.first(frame.len));
         if (frame.state == frame_state::broken) {
             trace_.note(fmt::format("socket {} (app {}) is closed: {}, {}", peer.id, app_of(peer),
                                     frame.problem, frame.len));
@@ -295,7 +309,7 @@ void client_sockets::send_after(peer_id id, u16 type, byte_view value, std::chro
 void client_sockets::send_half(peer_socket& peer, u16 type, byte_view value, std::chrono::milliseconds time) {
     const byte_buffer message = devkit::single_item_message(0, type, value);
     trace_.note(fmt::format("half of message {} is sent to socket {}", type, peer.id));
-    peer.stream->send(byte_view(message).first(message.size() / 2));
+    send_message(peer, byte_view(message).first(message.size() / 2));
     loop_.after(time, [this, id = peer.id] {
         peer_socket* const half = find(id);
         if (half != nullptr && half->client != 0) {
@@ -343,7 +357,7 @@ void client_sockets::restart(std::chrono::milliseconds time) {
 
 void client_sockets::send_now(peer_socket& peer, u16 type, byte_view value) {
     trace_sent(peer, {0, type, value});
-    peer.stream->send(devkit::single_item_message(0, type, value));
+    send_message(peer, devkit::single_item_message(0, type, value));
 }
 
 void client_sockets::flush() {
@@ -356,13 +370,41 @@ void client_sockets::flush() {
 
 void client_sockets::flush_peer(peer_socket& peer) {
     if (!peer.batch.empty()) {
-        peer.stream->send(peer.batch.take());
+        send_message(peer, peer.batch.take());
     }
+}
+
+void client_sockets::send_message(peer_socket& peer, byte_view message) {
+    capture(peer, packet_direction::from_daemon, message);
+    peer.stream->send(message);
+}
+
+void client_sockets::capture(const peer_socket& peer, packet_direction direction, byte_view message) {
+    if (!hooks_.message) {
+        return;
+    }
+    packet_socket socket = packet_socket::unregistered;
+    if (peer.client != 0) {
+        socket = peer.sync ? packet_socket::sync : packet_socket::async;
+    }
+    hooks_.message({direction, socket, app_of(peer), peer.pid}, message);
 }
 
 client_sockets::peer_socket* client_sockets::find(peer_id id) {
     const auto peer = peers_.find(id);
     return peer == peers_.end() ? nullptr : peer->second.get();
+}
+
+std::size_t client_sockets::queued_bytes(client_id id) {
+    const client_entry* const client = registry_.find(id);
+    std::size_t queued = 0;
+    if (client != nullptr) {
+        for (const peer_id socket : {client->sync, client->async}) {
+            const peer_socket* const peer = find(socket);
+            queued += peer == nullptr ? 0 : peer->stream->queued_bytes();
+        }
+    }
+    return queued;
 }
 
 bool client_sockets::reachable(peer_id id) {

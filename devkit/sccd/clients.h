@@ -12,6 +12,7 @@
 
 #include "common/frame.h"
 #include "common/messages.h"
+#include "common/pcapng.h"
 #include "sccd/fault_rules.h"
 #include "sccd/registry.h"
 #include "sccd/stream.h"
@@ -25,6 +26,8 @@ class client_sockets {
         std::function<void(const client_entry&, const devkit::wire_item&)> item;  // anything but 301 and 302
         std::function<void(const client_entry&)> ready;  // both sockets are registered
         std::function<void(const client_entry&)> gone;   // a registration has ended
+        // Every message as it is on the wire; null if nobody captures.
+        std::function<void(const devkit::pcapng::packet_header&, devkit::byte_view)> message{};
     };
 
     client_sockets(event_loop& loop, const trace_log& trace, fault_rules& faults)
@@ -47,11 +50,14 @@ class client_sockets {
     void restart(std::chrono::milliseconds time);
     void flush();
 
+    // What waits in the daemon for the client to read it.
+    [[nodiscard]] std::size_t queued_bytes(client_id id);
     [[nodiscard]] client_registry& registry() { return registry_; }
 
   private:
     struct peer_socket {
         peer_id id = 0;
+        u32 pid = 0;
         std::unique_ptr<socket_stream> stream;
         client_id client = 0;  // 0: not registered
         bool sync = false;
@@ -83,8 +89,11 @@ class client_sockets {
     void send_held_answers(const client_entry& client);
     [[nodiscard]] bool obey_fault(peer_socket& peer, const fault_effect& fault);
     void flush_peer(peer_socket& peer);
+    void send_message(peer_socket& peer, devkit::byte_view message);
     [[nodiscard]] peer_socket* find(peer_id id);
     [[nodiscard]] bool reachable(peer_id id);
+    void capture(const peer_socket& peer, devkit::pcapng::packet_direction direction,
+                 devkit::byte_view message);
     void trace_received(const peer_socket& peer, const devkit::wire_item& item);
     void trace_sent(const peer_socket& peer, const devkit::wire_item& item);
     [[nodiscard]] u32 app_of(const peer_socket& peer);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "common/control.h"
 #include "sccd/control_commands.h"
 #include "sccd/json_file.h"
 
@@ -16,6 +17,7 @@ using devkit::byte_view;
 
 constexpr std::size_t line_max_bytes = 4u * 1024 * 1024;
 constexpr mode_t owner_only = 0600;
+constexpr std::size_t capture_queue_max_bytes = 32u * 1024 * 1024;
 
 // The runtime directory is open to everybody, so the socket's mode alone does not suffice.
 bool may_command(int descriptor) {
@@ -40,11 +42,22 @@ void control_server::accept(int descriptor) {
     place->stream = std::make_unique<socket_stream>(
         daemon_.loop, descriptor,
         socket_stream::stream_events{[this, place](socket_stream&) { take_lines(*place); },
-                                     [this, id](socket_stream&) { sessions_.erase(id); }});
+                                     [this, id](socket_stream&) { end(id); }});
     sessions_.emplace(id, std::move(session));
 }
 
+void control_server::end(u64 id) {
+    const auto session = sessions_.find(id);
+    if (session != sessions_.end()) {
+        daemon_.capture.detach(session->second->capture);
+        sessions_.erase(session);
+    }
+}
+
 void control_server::take_lines(control_session& session) {
+    if (session.capture != 0) {
+        return session.stream->consume(session.stream->input().size());
+    }
     while (session.stream->open() && !session.waiting) {
         const byte_view input = session.stream->input();
         const auto end = std::find(input.begin(), input.end(), u8{'\n'});
@@ -70,8 +83,27 @@ void control_server::take_line(control_session& session, const std::string& line
     if (!request.is_object()) {
         return reply(session.id, control_failure("not a JSON object"));
     }
-    run_control_command(daemon_, request, [this, id = session.id](const json& answer) { reply(id, answer); });
+    const bool captures = request.value("do", json()) == json(devkit::control::capture);
+    run_control_command(daemon_, request, [this, id = session.id, captures](const json& answer) {
+        reply(id, answer);
+        const auto found = sessions_.find(id);
+        if (captures && answer.at("ok") == true && found != sessions_.end()) {
+            begin_capture(*found->second);
+        }
+    });
     daemon_.touch();
+}
+
+// A reader that does not keep up loses packets; the daemon's memory stays bounded.
+void control_server::begin_capture(control_session& session) {
+    session.waiting = true;
+    session.capture = daemon_.capture.attach([stream = session.stream.get()](byte_view block) {
+        if (stream->queued_bytes() + block.size() > capture_queue_max_bytes) {
+            return false;
+        }
+        stream->send(block);
+        return true;
+    });
 }
 
 void control_server::reply(u64 id, const json& answer) {

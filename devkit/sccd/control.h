@@ -24,12 +24,15 @@ class control_server {
         std::unique_ptr<socket_stream> stream;
         bool may_command = false;
         bool waiting = false;  // for an answer; later lines wait until then
+        wire_capture::sink_id capture = 0;
     };
 
     void accept(int descriptor);
     void take_lines(control_session& session);
     void take_line(control_session& session, const std::string& line);
     void reply(u64 session, const json& answer);
+    void begin_capture(control_session& session);
+    void end(u64 session);
 
     daemon_core& daemon_;
     std::unordered_map<u64, std::unique_ptr<control_session>> sessions_;

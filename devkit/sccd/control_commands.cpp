@@ -7,6 +7,7 @@
 
 #include "common/control.h"
 #include "sccd/json_fields.h"
+#include "sccd/metrics_dump.h"
 #include "sccd/named_notifications.h"
 #include "sccd/state_dump.h"
 
@@ -348,6 +349,19 @@ void counters(const command_call& call) {
     dump(call, "counters", dump_counters(call.daemon.acls));
 }
 
+void metrics(const command_call& call) {
+    json answer = success();
+    answer.update(dump_metrics(call.daemon));
+    call.reply(answer);
+}
+
+// The control socket sends the stream after this reply.
+void capture(const command_call& call) {
+    json answer = success();
+    answer["linktype"] = devkit::pcapng::link_type;
+    call.reply(answer);
+}
+
 void quit(const command_call& call) {
     call.reply(success());
     call.daemon.loop.stop();
@@ -385,6 +399,8 @@ const std::array<command_row, names::commands.size()>& rows() {
         {names::settings, settings, {}, {"name"}},
         {names::state, state},
         {names::counters, counters, {}, {"vdev", "type", "id", "acl", "filter", "sn", "ace"}},
+        {names::metrics, metrics},
+        {names::capture, capture},
         {names::quit, quit},
     }};
     return table;

@@ -40,10 +40,21 @@ development_daemon::development_daemon(const daemon_options& options)
       listener_(core_.loop, options.directory + listening_socket, everybody,
                 [this](int descriptor) { core_.clients.accept(descriptor); }),
       control_(core_, options.directory + control_socket) {
+    core_.trace.set_detail(options.trace_detail);
+    if (!options.capture.empty()) {
+        core_.capture.attach_file(options.capture);
+    }
     core_.clients.set_hooks(
         {[this](const client_entry& client, const devkit::wire_item& item) { take_item(client, item); },
          [this](const client_entry& client) { core_.client_ready(client); },
-         [this](const client_entry& client) { core_.client_gone(client); }});
+         [this](const client_entry& client) {
+             core_.message_counts.client_gone(client.app_id);
+             core_.client_gone(client);
+         },
+         [this](const devkit::pcapng::packet_header& header, devkit::byte_view message) {
+             core_.capture.message(header, message);
+             core_.message_counts.message(header, message);
+         }});
     signalled_ = core_.loop.make_event(
         signals_, EV_READ, [](int, short, void* loop) { static_cast<event_loop*>(loop)->stop(); },
         &core_.loop);

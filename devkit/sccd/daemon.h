@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "common/describe.h"
 #include "sccd/control.h"
 #include "sccd/daemon_core.h"
 #include "sccd/listener.h"
@@ -18,6 +19,8 @@ struct daemon_options {
     bool trace = false;
     std::string state_file;  // empty: the state is not kept
     std::string scenario;    // a file of faults; empty: none
+    devkit::trace_detail trace_detail = devkit::trace_detail::brief;
+    std::string capture;  // a file that gets every message; empty: none
     std::chrono::milliseconds service_timeout{5000};
 };
 

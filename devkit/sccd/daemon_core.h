@@ -10,9 +10,11 @@
 #include "sccd/acl_store.h"
 #include "sccd/clients.h"
 #include "sccd/fault_rules.h"
+#include "sccd/message_counters.h"
 #include "sccd/service_bridge.h"
 #include "sccd/settings.h"
 #include "sccd/user_store.h"
+#include "sccd/wire_capture.h"
 
 namespace scc::sccd {
 
@@ -71,6 +73,8 @@ class daemon_core {
     std::function<void()> touched;  // may be empty
     event_loop loop;
     trace_log trace;
+    wire_capture capture;
+    message_counters message_counts;
     fault_rules faults;
     acl_store acls;
     user_store users;

@@ -57,7 +57,12 @@ int main(int argc, char** argv) {
     scc::sccd::daemon_options options;
     unsigned timeout_ms = static_cast<unsigned>(options.service_timeout.count());
     CLI::App app{"Development daemon: stands in for sccd on a workstation. Needs TMPDIR."};
-    app.add_flag("--trace", options.trace, "Print every message in both directions");
+    app.set_version_flag("--version", "sccd-dev " SCC_VERSION_TEXT);
+    std::string trace;
+    app.add_flag("--trace{brief}", trace,
+                 "Print every message in both directions; --trace=full with every field and byte")
+        ->check(CLI::IsMember({"brief", "full"}));
+    app.add_option("--capture", options.capture, "Write every message to a pcapng file")->type_name("FILE");
     app.add_option("--state", options.state_file,
                    "Begin with the state in this file, if it exists, and keep it there")
         ->type_name("FILE");
@@ -71,6 +76,9 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& problem) {
         return app.exit(problem) == 0 ? 0 : exit_usage;
     }
+    options.trace = !trace.empty();
+    options.trace_detail =
+        trace == "full" ? scc::devkit::trace_detail::full : scc::devkit::trace_detail::brief;
     options.service_timeout = std::chrono::milliseconds(timeout_ms);
 
     std::setvbuf(stdout, nullptr, _IOLBF, 0);

@@ -6,8 +6,6 @@
 #include <chrono>
 #include <cstdio>
 
-#include "common/describe.h"
-
 namespace scc::sccd {
 namespace {
 
@@ -21,8 +19,8 @@ void write_line(const std::string& text) {
 }
 
 void write_item(std::string_view arrow, devkit::message_route route, u32 app, std::string_view socket,
-                const devkit::wire_item& item) {
-    write_line(fmt::format("{} app={} {} {}", arrow, app, socket, devkit::describe(route, item)));
+                const devkit::wire_item& item, devkit::trace_detail detail) {
+    write_line(fmt::format("{} app={} {} {}", arrow, app, socket, devkit::describe(route, item, detail)));
 }
 
 }  // namespace
@@ -30,14 +28,14 @@ void write_item(std::string_view arrow, devkit::message_route route, u32 app, st
 void trace_log::received(devkit::message_route route, u32 app, std::string_view socket,
                          const devkit::wire_item& item) const {
     if (enabled_) {
-        write_item("<-", route, app, socket, item);
+        write_item("<-", route, app, socket, item, detail_);
     }
 }
 
 void trace_log::sent(devkit::message_route route, u32 app, std::string_view socket,
                      const devkit::wire_item& item) const {
     if (enabled_) {
-        write_item("->", route, app, socket, item);
+        write_item("->", route, app, socket, item, detail_);
     }
 }
 

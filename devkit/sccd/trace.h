@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "common/describe.h"
 #include "common/frame.h"
 #include "common/messages.h"
 
@@ -14,6 +15,7 @@ class trace_log {
   public:
     explicit trace_log(bool enabled) : enabled_(enabled) {}
 
+    void set_detail(devkit::trace_detail detail) { detail_ = detail; }
     [[nodiscard]] bool enabled() const { return enabled_; }
     // `socket` is "sync", "async" or "new" (not registered yet).
     void received(devkit::message_route route, u32 app, std::string_view socket,
@@ -24,6 +26,7 @@ class trace_log {
 
   private:
     bool enabled_;
+    devkit::trace_detail detail_ = devkit::trace_detail::brief;
 };
 
 }  // namespace scc::sccd

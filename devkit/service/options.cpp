@@ -36,6 +36,7 @@ std::pair<u32, u32> number_pair(const std::string& text, u32 first_max, u32 seco
 
 std::optional<options> parse_options(int argc, char** argv, int* exit_code) {
     CLI::App app("Security service with a forwarding table in memory");
+    app.set_version_flag("--version", "scc-ss-dev " SCC_VERSION_TEXT);
     options parsed;
     u32 delay_ms = 0;
     u32 run_after = 1;

@@ -8,28 +8,6 @@ namespace {
 class CtlCommandLine : public with_daemon {};
 class CtlCommandLineAlone : public without_daemon {};
 
-TEST_F(CtlCommandLine, TheCompletionOffersWhatFitsThePlace) {
-    const std::string completed =
-        ". " TEST_DATA_DIR
-        "/../../../devkit/ctl/sccctl.bash-completion"
-        "\nsccctl() { " SCCCTL_PATH
-        " \"$@\"; }\n"
-        "t() { COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _sccctl; echo \"${COMPREPLY[*]}\"; }\n"
-        "t sccctl acl lo\nt sccctl notify st\nt sccctl notify x\nt sccctl debug ''\nt sccctl daemon fa\n"
-        "t sccctl acl create 1 --ty\nt sccctl --app ''\nt sccctl --app 3 acl cl\nt sccctl alive ''\n"
-        "t sccctl acl load " +
-        file("some.a") + "\n";
-    (void)file("some.acl", "");
-    process bash("/bin/bash", {"-c", completed}, directory());
-    for (const std::string& expected :
-         {std::string("load"), std::string("station-move"), std::string(), std::string("off on"),
-          std::string("fail-next"), std::string("--type"), std::string(), std::string("class"), std::string(),
-          file("some.acl")}) {
-        EXPECT_EQ(bash.line(), expected);
-    }
-    EXPECT_EQ(bash.finish(), 0) << bash.errors();
-}
-
 TEST_F(CtlCommandLine, AShellGoesOnAfterABadLineAndEndsWithTheWorstStatus) {
     const finished result = run({"shell"},
                                 "strerror 5 # a comment\n"
@@ -83,23 +61,25 @@ TEST_P(CtlBadUsage, HasExitStatusTwo) {
 using words = std::vector<std::string>;
 INSTANTIATE_TEST_SUITE_P(
     lines, CtlBadUsage,
-    testing::Values(words{}, words{"no-such-command"}, words{"acl"}, words{"addr-learning"},
-                    words{"addr-learning", "3"}, words{"addr-learning", "3", "256"},
-                    words{"addr-learning", "x", "1"}, words{"addr-learning", "3", "1", "2"},
-                    words{"addr-learning", "3", "1", "--bogus"}, words{"acl", "create", "0"},
-                    words{"acl", "create", "32769"}, words{"acl", "create", "1", "--type", "59"},
-                    words{"acl-global-eport-set", "0", "1"}, words{"mac-query", "00:11:22:33:44"},
-                    words{"dhcp-snooping-set", "--ifx", "3"}, words{"dhcp-snooping-set", "--form", "11"},
-                    words{"arpcheck", "--ip", "10.0.0"}, words{"arpcheck", "--field", "736:1=1"},
-                    words{"arpcheck", "--field", "0:3=1"}, words{"arpcheck", "--field", "0:2=65536"},
-                    words{"arpcheck", "--field", "nonsense"}, words{"arpcheck", "--hex", "/nonexistent"},
-                    words{"efacl-ctrl"}, words{"acl", "add-ace", "1", "10", "permit", "nothing"},
-                    words{"clients", "--app", "20"}, words{"debug", "maybe"}, words{"daemon", "mute", "type"},
-                    words{"acl", "load", "/nonexistent"}, words{"acl", "load", "/"},
-                    words{"efacl-ctrl", "--data", "/"}, words{"acl", "add-ace", "1"},
-                    words{"watch", "--seconds", "nan"}, words{"watch", "--seconds", "1e300"},
-                    words{"watch", "--count", "-1"}, words{"clients", "--timeout", "nan"},
-                    words{"strerror", "5", "--timeout", "0"}));
+    testing::Values(
+        words{}, words{"no-such-command"}, words{"acl"}, words{"addr-learning"}, words{"addr-learning", "3"},
+        words{"addr-learning", "3", "256"}, words{"addr-learning", "x", "1"},
+        words{"addr-learning", "3", "1", "2"}, words{"addr-learning", "3", "1", "--bogus"},
+        words{"acl", "create", "0"}, words{"acl", "create", "32769"},
+        words{"acl", "create", "1", "--type", "59"}, words{"acl-global-eport-set", "0", "1"},
+        words{"mac-query", "00:11:22:33:44"}, words{"dhcp-snooping-set", "--ifx", "3"},
+        words{"dhcp-snooping-set", "--form", "11"}, words{"arpcheck", "--ip", "10.0.0"},
+        words{"arpcheck", "--field", "736:1=1"}, words{"arpcheck", "--field", "0:3=1"},
+        words{"arpcheck", "--field", "0:2=65536"}, words{"arpcheck", "--field", "nonsense"},
+        words{"arpcheck", "--hex", "/nonexistent"}, words{"efacl-ctrl"},
+        words{"acl", "add-ace", "1", "10", "permit", "nothing"}, words{"clients", "--app", "20"},
+        words{"debug", "maybe"}, words{"daemon", "mute", "type"}, words{"acl", "load", "/nonexistent"},
+        words{"acl", "load", "/"}, words{"efacl-ctrl", "--data", "/"}, words{"acl", "add-ace", "1"},
+        words{"watch", "--seconds", "nan"}, words{"watch", "--seconds", "1e300"},
+        words{"watch", "--count", "-1"}, words{"clients", "--timeout", "nan"},
+        words{"strerror", "5", "--timeout", "0"}, words{"dirchn-host-set", "1", "2", "3", "4", "5"},
+        words{"direct-vlan-set", "1", "--vlans", "4096"}, words{"direct-vlan-set", "1", "--vlans", "5,"},
+        words{"metrics", "--format", "csv"}, words{"top", "--interval", "0"}, words{"capture"}));
 
 TEST(CtlShellWords, SplitAtBlanksJoinInQuotesAndEndAtComments) {
     using scc::ctl::shell_words;

@@ -14,97 +14,25 @@ using nlohmann::json;
 class CtlProgram : public with_daemon {};
 class CtlProgramAlone : public without_daemon {};
 
-// Every row of the table, in an order in which a fresh daemon accepts all of them.
-constexpr const char* every_command[] = {
-    "d1x-authen-method --ifx 3 --value 1",
-    "d1x-author-mode-set --ifx 3 --value 1",
-    "d1x-port-addr-num --ifx 3 --value 8",
-    "d1x-port-open --ifx 3 --operation 1",
-    "d1x-set-pt-ctrl --ifx 3 --value 2",
-    "d1x-set-cos --ifx 3 --value 5",
-    "d1x-set-dscp --ifx 3 --value 46",
-    "webauth-set --ifx 3 --field 600:2=0x1234 --field 602:3=hex:0a0b0c",
-    "sp-port-security --ifx 3 --value 1",
-    "sp-port-violate --ifx 3 --value 1",
-    "global-ip-mac --mac 00:11:22:33:44:55 --ip 10.0.0.9 --operation 1",
-    "ip-source-guard-status --ifx 3 --value 1",
-    "bind-except-port --ifx 3 --operation 1",
-    "dhcp-trust-port --ifx 3 --operation 1",
-    "dhcp-snooping-set --form 9 --ifx 3",
-    "dhcp-snooping-set --form 10 --ifx 3",
-    "nd-snooping-set --ifx 3",
-    "arpcheck --ifx 3 --value 1",
-    "arpcheck-trust --ifx 3 --operation 1",
-    "nac-esc-eport-set --ifx 3 --operation 1",
-    "nac-app-set --ifx 3 --app-type 2 --operation 1",
-    "nac-user add --ifx 3 --vid 10 --mac 00:11:22:33:44:55 --ip 10.0.0.7",
-    "nac-user get --ifx 3 --vid 10 --mac 00:11:22:33:44:55 --ip 10.0.0.7",
-    "mac-query 00:11:22:33:44:55",
-    "nac-user delete --ifx 3 --vid 10 --mac 00:11:22:33:44:55 --ip 10.0.0.7",
-    "arp-entry add --ifx 3 --mac 00:11:22:33:44:56 --ip 10.0.0.8",
-    "arp-check-user-count-get 0",
-    "arp-check-user-data-get 0 --capacity 8",
-    "arp-entry delete --ifx 3 --mac 00:11:22:33:44:56 --ip 10.0.0.8",
-    "arp-dyn-entry add --ifx 3 --mac 00:11:22:33:44:57 --ipv6 2001:db8::1",
-    "arp-dyn-entry delete --ifx 3 --mac 00:11:22:33:44:57 --ipv6 2001:db8::1",
-    "dot1x-redirect-enable 1",
-    "d1x-mac-move 1",
-    "http-dport-set 8080 1",
-    "addr-learning 3 1",
-    "svi-router-acl-set 1",
-    "acl-global-eport-set 3 1",
-    "cpp-set 0 1",
-    "offline-detect-cfg 1 60 100",
-    "dirchn-host-set 1 2 3 4 5",
-    "dirchn-server-set 1 2",
-    "dirchn-site-set 1 2 3 4",
-    "dirchn-arp-set 1 2 3",
-    "ndsnp-default-bind-set 1 2 3",
-    "nac-nbr-set 1 --field 0:4=3",
-    "direct-vlan-set 1 --field 12:1=0x10",
-    "efacl-ctrl --data BLOCK",
-    "warterline-notify 1",
-    "test-cmd-set 7",
-    "data-recover 1",
-    "acl create 101 --class 1",
-    "acl add-ace 101 10 permit ip 10.0.0.0/8 any",
-    "acl add-ace 101 --sn 20 --id 7 --field 300:1=1",
-    "acl show 101",
-    "acl show-ace 101 10",
-    "acl class 101",
-    "nac-esc-set 1 101 1",
-    "acl apply 101 --ifx 5",
-    "user-acl apply 101 --ifx 5 --mac 00:11:22:33:44:55 --vid 10",
-    "user-acl change-vmsup 101 --ifx 5 --mac 00:11:22:33:44:55 --vid 11",
-    "user-acl unapply 101 --ifx 5 --mac 00:11:22:33:44:55 --vid 10",
-    "user-acl delete-vmsup 101",
-    "counter filter 101",
-    "counter acl 101",
-    "counter ace 101 10",
-    "counter acl 101 --reset",
-    "counter reset-filter 101",
-    "counter reset-acl 101",
-    "counter reset-ace 101 10",
-    "acl unapply 101 --ifx 5",
-    "acl delete-ace 101 10 10",
-    "acl resequence 101 10 10",
-    "acl delete 101",
-    "sp-port-addr-num --ifx 3",
-    "nac-span-dport-set --ifx 3 --operation 1",
-    "is-arp-check-enabled",
-    "nac-user-counter-support",
-    "get-nac-max-user 1",
-    "bind-user-name-get 0x3E",
-    "strerror 2005",
-};
+// The lines of data/every_command.txt, in an order in which a fresh daemon accepts all of them.
+std::vector<std::string> every_command() {
+    std::ifstream file(TEST_DATA_DIR "/every_command.txt");
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);) {
+        if (!line.starts_with("#")) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
 
 TEST(CtlEveryCommandList, NamesEveryRowOfTheTable) {
+    const auto all = every_command();
     for (const auto& row : scc::ctl::commands()) {
         const std::string name(row.name);
-        EXPECT_TRUE(std::any_of(
-            std::begin(every_command), std::end(every_command),
-            [&](const std::string& line) { return line == name || line.starts_with(name + " "); }))
-            << name;
+        EXPECT_TRUE(std::any_of(all.begin(), all.end(), [&](const std::string& line) {
+            return line == name || line.starts_with(name + " ");
+        })) << name;
     }
 }
 
@@ -194,7 +122,8 @@ TEST(CtlCommandTable, ReachesEveryCallOfTheHeaderOnceOrMore) {
 
 TEST_F(CtlProgram, EveryCommandSucceedsAgainstAFreshDaemon) {
     std::string lines;
-    for (std::string line : every_command) {
+    const auto all = every_command();
+    for (std::string line : all) {
         const auto block = line.find("BLOCK");
         if (block != std::string::npos) {
             line.replace(block, 5, file("block.hex", "01 02 03\n04\n"));
@@ -204,14 +133,14 @@ TEST_F(CtlProgram, EveryCommandSucceedsAgainstAFreshDaemon) {
     const finished result = run({"shell", "--json"}, lines);
     EXPECT_EQ(result.status, 0) << result.errors;
     const auto answers = result.json_lines();
-    ASSERT_EQ(answers.size(), std::size(every_command)) << result.errors;
+    ASSERT_EQ(answers.size(), all.size()) << result.errors;
     for (std::size_t i = 0; i < answers.size(); ++i) {
-        EXPECT_EQ(answers[i].value("result", -1), 0) << every_command[i] << ": " << answers[i];
+        EXPECT_EQ(answers[i].value("result", -1), 0) << all[i] << ": " << answers[i];
     }
 }
 
 TEST_F(CtlProgram, AResultCarriesTheRequestsFieldsBack) {
-    const finished result = run({"dirchn-host-set", "1", "0x20", "3", "4", "255", "--json"});
+    const finished result = run({"dirchn-host-set", "10.0.0.7", "255.255.255.0", "3", "4", "add", "--json"});
     EXPECT_EQ(result.status, 0);
     const auto lines = result.json_lines();
     ASSERT_EQ(lines.size(), 1u);
@@ -219,11 +148,11 @@ TEST_F(CtlProgram, AResultCarriesTheRequestsFieldsBack) {
                            {"function", "scc_dirchn_host_set"},
                            {"result", 0},
                            {"text", lines[0]["text"]},
-                           {"first", 1},
-                           {"second", 32},
-                           {"third", 3},
-                           {"fourth", 4},
-                           {"fifth", 255},
+                           {"ip", "10.0.0.7"},
+                           {"mask", "255.255.255.0"},
+                           {"arp", 3},
+                           {"ifx", 4},
+                           {"flag", 1},
                            {"call_id", 1}};
     EXPECT_EQ(lines[0], expected);
 }
@@ -251,7 +180,8 @@ TEST_F(CtlProgram, TextOutputNamesTheCallAndItsFields) {
     const finished result = run({"addr-learning", "3", "1"});
     EXPECT_EQ(result.status, 0);
     EXPECT_TRUE(result.output.starts_with("addr-learning: ")) << result.output;
-    EXPECT_NE(result.output.find("\n  ifx 3\n  enable 1\n  call_id 1\n"), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find("\n  ifx 3\n  enable on (1)\n  call_id 1\n"), std::string::npos)
+        << result.output;
     EXPECT_EQ(result.errors, "");
 }
 
@@ -269,6 +199,25 @@ TEST_F(CtlProgram, ARefusedRequestHasExitStatusOneAndItsText) {
     const auto lines = as_json.json_lines();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0]["result"], 2012);
+}
+
+TEST_F(CtlProgram, NumbersAndTheirNamesMeanTheSame) {
+    const auto record = [&](const std::vector<std::string>& line) {
+        return run(line).json_lines().at(0)["records"];
+    };
+    EXPECT_EQ(record({"user-acl", "apply", "1", "--direction", "out", "--json", "--raw"}),
+              record({"user-acl", "apply", "1", "--direction", "1", "--json", "--raw"}));
+    EXPECT_EQ(record({"nac-app-set", "--app-type", "dot1x-mab", "--operation", "add", "--json", "--raw"}),
+              record({"nac-app-set", "--app-type", "5", "--operation", "open", "--json", "--raw"}));
+    const json vlans = run({"direct-vlan-set", "1", "--vlans", "5,4000-4002", "--json"}).json_lines().at(0);
+    EXPECT_EQ(vlans["vlans"], (json{5, 4000, 4001, 4002}));
+}
+
+TEST_F(CtlProgram, ARequestFailsByItsName) {
+    ASSERT_EQ(run({"daemon", "fail-next", "type=addr-learning", "result=still-applied"}).status, 0);
+    EXPECT_EQ(run({"addr-learning", "3", "on", "--json"}).json_lines().at(0)["result"], 2012);
+    ASSERT_EQ(run({"daemon", "mute", "type=addr-learning"}).status, 0);
+    EXPECT_EQ(run({"addr-learning", "3", "on", "--timeout", "0.2"}).status, 3);
 }
 
 TEST_F(CtlProgram, ARefusedQueryShowsNoValue) {
@@ -387,6 +336,9 @@ TEST_F(CtlProgram, AMistypedNotificationIsRefusedWithWhatItTakes) {
     EXPECT_EQ(field.status, 1);
     EXPECT_EQ(field.errors, "sccctl: notify-named: no field 'permitt'; station-move takes permit\n");
     EXPECT_EQ(run({"notify", "70000"}).status, 1);
+    const finished nobody = run({"notify", "station-move", "permit=1"});
+    EXPECT_EQ(nobody.status, 1);
+    EXPECT_EQ(nobody.errors, "sccctl: notify-named: nobody is registered\n");
     EXPECT_EQ(run({"daemon", "mute"}).errors, "sccctl: mute: type is missing\n");
 }
 
@@ -512,13 +464,43 @@ TEST_F(CtlProgram, AShellReadsItsOwnChangesBack) {
 TEST_F(CtlProgramAlone, HasExitStatusThreeWithoutADaemon) {
     const finished request = run({"addr-learning", "3", "1", "--timeout", "0.2"});
     EXPECT_EQ(request.status, 3);
-    EXPECT_NE(request.errors.find("not registered as app 19 after 0.2 s"), std::string::npos)
-        << request.errors;
+    EXPECT_EQ(request.errors, "sccctl: addr-learning: no daemon at " + file("security/scc/.sccd_sd_") +
+                                  ": No such file or directory; start one with sccd-dev\n");
     const finished as_json = run({"is-arp-check-enabled", "--timeout", "0.2", "--json"});
     EXPECT_EQ(as_json.status, 3);
     EXPECT_TRUE(as_json.json_lines().at(0).contains("error"));
     EXPECT_EQ(run({"clients"}).status, 3);
     EXPECT_EQ(run({"alive"}).status, 3);
+}
+
+TEST_F(CtlProgramAlone, ASocketThatADaemonLeftBehindIsNoDaemon) {
+    {
+        process killed(SCCD_DEV_PATH, {}, directory());
+        ASSERT_EQ(killed.line(), "sccd-dev: ready");
+        killed.signal(SIGKILL);
+        EXPECT_EQ(killed.finish(), -1);
+    }
+    const finished result = run({"addr-learning", "3", "on", "--timeout", "600"});
+    EXPECT_EQ(result.status, 3);
+    EXPECT_TRUE(result.errors.ends_with(": Connection refused; start one with sccd-dev\n")) << result.errors;
+}
+
+TEST_F(CtlProgramAlone, OutputThatCannotBeWrittenHasExitStatusOne) {
+    for (const char* line :
+         {"strerror 2005", "--version", "--help", "strerror 2005 --json", "--list-commands"}) {
+        process full("/bin/sh", {"-c", std::string(SCCCTL_PATH) + " " + line + " > /dev/full"}, directory());
+        EXPECT_EQ(full.finish(), 1) << line;
+        EXPECT_TRUE(full.errors().starts_with("sccctl: standard output: ")) << full.errors();
+    }
+}
+
+TEST_F(CtlProgramAlone, EachProgramTellsItsVersion) {
+    for (const auto& [name, path] : {std::pair{"sccctl", SCCCTL_PATH}, std::pair{"sccd-dev", SCCD_DEV_PATH},
+                                     std::pair{"scc-ss-dev", SERVICE_PATH}}) {
+        process program(path, {"--version"}, directory());
+        EXPECT_EQ(program.finish(), 0);
+        EXPECT_EQ(program.output(), std::string(name) + " " SCC_VERSION_TEXT "\n");
+    }
 }
 
 TEST_F(CtlProgramAlone, AnswersLocallyWithoutADaemon) {

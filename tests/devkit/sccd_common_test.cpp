@@ -82,6 +82,34 @@ TEST(DevkitDescribe, FieldsBeyondTheValueAreLeftOut) {
     EXPECT_EQ(describe(message_route::to_client, {3, 999, {}}), "999 unknown scc-type=3 (0 bytes)");
 }
 
+TEST(DevkitMessages, NoLayoutHasTwoFieldsOfAName) {
+    for (const message_type& type : message_types()) {
+        for (const auto& layout : type.layouts) {
+            std::set<std::string_view> names;
+            for (const auto& field : layout.fields) {
+                EXPECT_TRUE(names.insert(field.name).second) << type.name << " has two fields " << field.name;
+            }
+        }
+    }
+}
+
+TEST(DevkitDescribe, AFullLineShowsNamesListsAndEveryByte) {
+    byte_buffer value(8 + 2 * 16, 0);
+    value[4] = 2;   // count
+    value[8] = 3;   // the first ifx
+    value[24] = 4;  // the second
+    const std::string text = describe(message_route::to_client, {0, 110, value}, trace_detail::full);
+
+    EXPECT_TRUE(text.starts_with("110 d1x-addr-move count=2 moves[0].ifx=3 moves[0].vid=0 ")) << text;
+    EXPECT_NE(text.find(" moves[1].ifx=4 "), std::string::npos) << text;
+    EXPECT_TRUE(
+        text.ends_with("(40 bytes) 000000000200000003" + std::string(30, '0') + "04" + std::string(30, '0')))
+        << text;
+    EXPECT_EQ(describe(message_route::to_client, {0, 401, byte_buffer{1, 0, 0, 0, 0xd5, 7, 0, 0}},
+                       trace_detail::full),
+              "401 call-ret call=1 result=no-acl(2005) (8 bytes) 01000000d5070000");
+}
+
 TEST(DevkitBytes, AddressesAndHexadecimalTextAreReadStrictly) {
     EXPECT_EQ(parse_mac("02:00:00:00:00:ff"), (mac_address{2, 0, 0, 0, 0, 0xff}));
     EXPECT_EQ(parse_mac("0200.0000.00ff"), (mac_address{2, 0, 0, 0, 0, 0xff}));
