@@ -5,7 +5,7 @@
 namespace scc::service {
 
 void delayed_answers::start() {
-    if (delay_.count() > 0) {
+    if (own_thread_) {
         thread_ = std::thread([this] { run(); });
     }
 }
@@ -22,7 +22,7 @@ void delayed_answers::stop() {
 }
 
 void delayed_answers::send(std::function<void()> answer) {
-    if (delay_.count() == 0) {
+    if (!own_thread_) {
         answer();
         return;
     }

@@ -49,7 +49,8 @@ class program {
   public:
     explicit program(options given)
         : options_(std::move(given)),
-          service_(table_, options_.policy,
+          back_end_(table_),
+          service_(back_end_, table_, options_.policy,
                    {options_.verbose ? say : std::function<void(const std::string&)>(),
                     [](u32 status) { say(status == 1 ? "registered" : "lost"); },
                     [this](std::size_t applied) { note_applied(applied); }}) {}
@@ -144,6 +145,7 @@ class program {
 
     const options options_;
     forwarding_table table_;
+    memory_back_end back_end_;
     security_service service_;
     std::atomic<bool> capture_was_run_ = false;
     int signals_ = -1;
