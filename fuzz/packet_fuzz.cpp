@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* data, std::size_t size) {
             const bool met = rule && service::matches(*rule, *packet);
             const service::verdict verdict = table.classify(*packet, {ifx, 0});
             FUZZ_EXPECT((verdict.matches != 0) == met);
-            FUZZ_EXPECT(verdict.denied == (met && rule->action == ace::rule_action::deny));
+            FUZZ_EXPECT(verdict.denied == (met && rule->denies()));
             matched += met ? 1 : 0;
             meter.count(*packet, {ifx, packet->vid}, time_us, given.size());
         }

@@ -1,35 +1,37 @@
 // Field offsets in the wire's records. The library copies most of these records unread. The fields that
-// it reads are marked (*); the others are the devkit's convention, shared by the daemon, the software
-// service and the command-line tool.
+// it reads are marked (*); the others are the layout of scc_records.h, or the devkit's convention, shared by
+// the daemon, the software service and the command-line tool.
 #pragma once
 
+#include <cstddef>
 #include <tuple>
 
 #include "common/bytes.h"
+#include "records/scc_records.h"
 
 namespace scc::devkit {
 
 // The 736-byte application configuration record, also the NAC user record and the ARP entry record.
 namespace config_record {
-inline constexpr std::size_t ifx = 0;         // u32
-inline constexpr std::size_t vid = 4;         // u32; 0 = no VLAN
-inline constexpr std::size_t mac = 8;         // 6 bytes
-inline constexpr std::size_t app_type = 16;   // u32 (*)
-inline constexpr std::size_t value = 20;      // u32: the setting itself (a mode, a number, a colour)
-inline constexpr std::size_t operation = 24;  // u32 (*): 1 add or open, 2 get, 3 delete or close
-inline constexpr std::size_t flags = 32;      // u32 (*): 0x2 IPv4 address, 0x4 IPv6 address, 0x200 mask given
-inline constexpr std::size_t ipv4 = 36;       // u32, network order
-inline constexpr std::size_t ipv6 = 40;       // 16 bytes
-inline constexpr std::size_t mask = 648;      // 16 bytes (*)
-inline constexpr u32 flag_ipv4 = 0x2;
-inline constexpr u32 flag_ipv6 = 0x4;
-inline constexpr u32 flag_mask = 0x200;
+inline constexpr std::size_t ifx = offsetof(scc_records_config, ifx);              // u32
+inline constexpr std::size_t vid = offsetof(scc_records_config, vid);              // u32; 0 = no VLAN
+inline constexpr std::size_t mac = offsetof(scc_records_config, mac);              // 6 bytes
+inline constexpr std::size_t app_type = offsetof(scc_records_config, app_type);    // u32 (*)
+inline constexpr std::size_t value = offsetof(scc_records_config, value);          // u32: the setting itself
+inline constexpr std::size_t operation = offsetof(scc_records_config, operation);  // u32 (*): user_operation
+inline constexpr std::size_t flags = offsetof(scc_records_config, flags);          // u32 (*): flag_*
+inline constexpr std::size_t ipv4 = offsetof(scc_records_config, ipv4);            // u32, network order
+inline constexpr std::size_t ipv6 = offsetof(scc_records_config, ipv6);            // 16 bytes
+inline constexpr std::size_t mask = offsetof(scc_records_config, mask);            // 16 bytes (*)
+inline constexpr u32 flag_ipv4 = SCC_RECORDS_HAS_IPV4;
+inline constexpr u32 flag_ipv6 = SCC_RECORDS_HAS_IPV6;
+inline constexpr u32 flag_mask = SCC_RECORDS_HAS_MASK;
 }  // namespace config_record
 
 namespace user_operation {
-inline constexpr u32 add = 1;
-inline constexpr u32 get = 2;
-inline constexpr u32 remove = 3;
+inline constexpr u32 add = SCC_RECORDS_ADD;
+inline constexpr u32 get = SCC_RECORDS_GET;
+inline constexpr u32 remove = SCC_RECORDS_DELETE;
 }  // namespace user_operation
 
 // The 88-byte user entry of the security service.
@@ -46,12 +48,12 @@ inline constexpr std::size_t mask = 48;     // 16 bytes
 
 // The 56-byte user record of flow, no-flow and user-change notifications.
 namespace flow_user {
-inline constexpr std::size_t ipv4 = 8;     // u32, or 16 bytes of IPv6 (*)
-inline constexpr std::size_t mask = 24;    // u32, or 16 bytes (*)
-inline constexpr std::size_t ifx = 40;     // u32 (*)
-inline constexpr std::size_t vid = 44;     // u16 (*)
-inline constexpr std::size_t mac = 46;     // 6 bytes (*)
-inline constexpr std::size_t family = 52;  // u32: 3 or 4 = IPv6 (*)
+inline constexpr std::size_t ipv4 = offsetof(scc_flow_user, address);   // u32, or 16 bytes of IPv6 (*)
+inline constexpr std::size_t mask = offsetof(scc_flow_user, mask);      // u32, or 16 bytes (*)
+inline constexpr std::size_t ifx = offsetof(scc_flow_user, ifx);        // u32 (*)
+inline constexpr std::size_t vid = offsetof(scc_flow_user, vid);        // u16 (*)
+inline constexpr std::size_t mac = offsetof(scc_flow_user, mac);        // 6 bytes (*)
+inline constexpr std::size_t family = offsetof(scc_flow_user, family);  // u32: 3 or 4 = IPv6 (*)
 inline constexpr u32 family_ipv4 = 1;
 inline constexpr u32 family_ipv6 = 3;
 }  // namespace flow_user
@@ -67,10 +69,10 @@ inline constexpr std::size_t mac = 10;        // 6 bytes (*)
 
 // The 48-byte entry that describes one ARP-check user.
 namespace arp_check_user {
-inline constexpr std::size_t ifx = 0;    // u32
-inline constexpr std::size_t vid = 4;    // u16
-inline constexpr std::size_t mac = 6;    // 6 bytes
-inline constexpr std::size_t ipv4 = 12;  // u32
+inline constexpr std::size_t ifx = offsetof(scc_records_arp_user, ifx);    // u32
+inline constexpr std::size_t vid = offsetof(scc_records_arp_user, vid);    // u16
+inline constexpr std::size_t mac = offsetof(scc_records_arp_user, mac);    // 6 bytes
+inline constexpr std::size_t ipv4 = offsetof(scc_records_arp_user, ipv4);  // u32
 }  // namespace arp_check_user
 
 // The 512 bytes of direct VLANs: VLAN v is bit v % 8 (0 is the lowest) of byte v / 8.
@@ -97,25 +99,25 @@ inline constexpr u64 vlan_count = record::direct_vlan * 8;
 
 // The 912-byte ACE record.
 namespace ace_record {
-inline constexpr std::size_t sn = 220;  // u32 (*)
-inline constexpr std::size_t id = 224;  // u32 (*)
+inline constexpr std::size_t sn = offsetof(scc_ace_record, sn);      // u32 (*)
+inline constexpr std::size_t id = offsetof(scc_ace_record, ace_id);  // u32 (*)
 }  // namespace ace_record
 
 // The 232-byte apply record begins with the ACL's key. The devkit takes everything after the key
 // as the entity that the ACL is applied to.
 namespace apply_record {
 inline constexpr std::size_t entity = record::acl_key;
-inline constexpr std::size_t ifx = 16;          // u32
-inline constexpr std::size_t direction = 20;    // u32: 0 in, 1 out
-inline constexpr std::size_t apply_type = 208;  // u32 (*)
+inline constexpr std::size_t ifx = offsetof(scc_records_application, ifx);                // u32
+inline constexpr std::size_t direction = offsetof(scc_records_application, direction);    // u32: 0 in, 1 out
+inline constexpr std::size_t apply_type = offsetof(scc_records_application, apply_type);  // u32 (*)
 }  // namespace apply_record
 
 // The 208-byte user ACL record.
 namespace user_acl_record {
-inline constexpr std::size_t ifx = 0;   // u32 (*)
-inline constexpr std::size_t mac = 24;  // 6 bytes (*)
-inline constexpr std::size_t vid = 30;  // u16 (*)
-inline constexpr std::size_t key = 32;  // ACL key (*); everything before it names the user
+inline constexpr std::size_t ifx = offsetof(scc_user_acl_record, ifx);  // u32 (*)
+inline constexpr std::size_t mac = offsetof(scc_user_acl_record, mac);  // 6 bytes (*)
+inline constexpr std::size_t vid = offsetof(scc_user_acl_record, vid);  // u16 (*)
+inline constexpr std::size_t key = offsetof(scc_user_acl_record, key);  // ACL key (*); before it, the user
 }  // namespace user_acl_record
 
 struct acl_identity {

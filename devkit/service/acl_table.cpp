@@ -442,7 +442,7 @@ void acl_table::count_first_match(acl_entry& acl, const packet& packet, verdict&
     ++found->second.packets;
     ++acl.packets;
     ++result.matches;
-    result.denied = result.denied || found->second.rule->action == ace::rule_action::deny;
+    result.denied = result.denied || found->second.rule->denies();
 }
 
 verdict acl_table::classify(const packet& packet, const packet_path& path) {

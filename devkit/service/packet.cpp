@@ -23,6 +23,7 @@ constexpr std::size_t tag_bytes = 4;
 constexpr std::size_t ipv4_bytes = 20;
 constexpr std::size_t ipv6_bytes = 40;
 constexpr std::size_t arp_bytes = 28;
+constexpr std::size_t tcp_flags_offset = 13;
 
 u8 byte_at(byte_view bytes, std::size_t offset) {
     return offset < bytes.size() ? bytes[offset] : u8{0};
@@ -47,12 +48,24 @@ bool is_tag(u16 ether_type) {
 }
 
 void parse_transport(byte_view bytes, packet& found) {
-    if (found.later_fragment || !ace::has_ports(found.protocol) || bytes.size() < 4) {
+    if (found.later_fragment) {
         return;
     }
-    found.has_ports = true;
-    found.source_port = network_u16_at(bytes, 0);
-    found.destination_port = network_u16_at(bytes, 2);
+    if (ace::has_ports(found.protocol) && bytes.size() >= 4) {
+        found.has_ports = true;
+        found.source_port = network_u16_at(bytes, 0);
+        found.destination_port = network_u16_at(bytes, 2);
+    }
+    if (found.protocol == ace::protocol_tcp && bytes.size() > tcp_flags_offset) {
+        found.has_tcp_flags = true;
+        found.tcp_flags = bytes[tcp_flags_offset];
+    }
+    const u8 icmp = found.network == network_kind::ipv4 ? ace::protocol_icmp : ace::protocol_icmp6;
+    if (found.protocol == icmp && bytes.size() >= 2) {
+        found.has_icmp = true;
+        found.icmp_type = bytes[0];
+        found.icmp_code = bytes[1];
+    }
 }
 
 void parse_ipv4(byte_view bytes, packet& found) {
@@ -122,15 +135,20 @@ void parse_arp(byte_view bytes, packet& found) {
     copy_address(found.destination_ip, bytes.subspan(24, 4));
 }
 
-// Reads up to two VLAN tags, of which the outer one counts. Returns the offset of the payload.
+// Reads up to two VLAN tags. Returns the offset of the payload.
 std::size_t parse_tags(byte_view frame, packet& found) {
     std::size_t offset = ethernet_bytes;
     found.ether_type = network_u16_at(frame, offset - 2);
     for (int tags = 0; tags < 2 && is_tag(found.ether_type) && devkit::holds(frame, offset, tag_bytes);
          ++tags) {
+        const u16 tag = network_u16_at(frame, offset);
         if (tags == 0) {
-            found.vid = network_u16_at(frame, offset) & 0x0FFF;
+            found.vid = tag & 0x0FFF;
+            found.cos = static_cast<u8>(tag >> 13);
+        } else {
+            found.inner_vid = tag & 0x0FFF;
         }
+        ++found.tags;
         found.ether_type = network_u16_at(frame, offset + 2);
         offset += tag_bytes;
     }
