@@ -122,7 +122,7 @@ void acl_table::changed(const scc_acl_key& key, Undo undo) {
         return;
     }
     const acl_name name(key);
-    touched_.insert(name);
+    notes_.acls.insert(name);
     undo_.note([this, name, undo] { undo(acls_.at(name)); });
 }
 
@@ -137,14 +137,20 @@ u32 acl_table::free_number(const acl_entry& acl, u32 ace_id) {
 
 u32 acl_table::create(const scc_acl_key& key) {
     const acl_name name(key);
-    const auto [entry, is_new] = acls_.try_emplace(name, acl_entry{key, {}, {}, {}, 0, true});
+    const auto [entry, is_new] = acls_.try_emplace(name, acl_entry{key, {}, {}, {}, 0, 0, true});
     if (!entry->second.stale) {
         return SCC_E_ACL_EXISTS;
+    }
+    if (is_new) {
+        const auto removed = std::find_if(released_.rbegin(), released_.rend(), [&](const counter_name& one) {
+            return !one.of_ace && one.acl == name;
+        });
+        entry->second.number = removed == released_.rend() ? 0 : removed->acl_number + 1;
     }
     entry->second.key = key;
     entry->second.stale = false;
     if (is_new && undo_.recording()) {
-        touched_.insert(name);
+        notes_.acls.insert(name);
         undo_.note([this, name] { acls_.erase(name); });
     } else {
         changed(key, [](acl_entry& created) { created.stale = true; });
@@ -163,8 +169,12 @@ u32 acl_table::remove(const scc_acl_key& key) {
     const acl_name name(key);
     const auto removed = std::make_shared<decltype(acls_)::node_type>(acls_.extract(name));
     if (undo_.recording()) {
-        touched_.insert(name);
-        undo_.note([this, removed] { acls_.insert(std::move(*removed)); });
+        released_.push_back({name, removed->mapped().number});
+        notes_.acls.insert(name);
+        undo_.note([this, removed] {
+            acls_.insert(std::move(*removed));
+            released_.pop_back();
+        });
     }
     return 0;
 }
@@ -199,6 +209,9 @@ u32 acl_table::add_ace(const scc_acl_key& key, const scc_ace_record& record) {
     ace->second.rule = ace::decode(record);
     ace->second.fingerprint = fingerprint_of(record);
     ace->second.stale = false;
+    if (undo_.recording()) {
+        notes_.aces.push_back(&ace->second);
+    }
     return 0;
 }
 
@@ -211,22 +224,46 @@ u32 acl_table::delete_ace(const scc_acl_key& key, const scc_ace_record& record) 
     if (ace == acl->aces.end() || ace->second.stale) {
         return SCC_E_NO_ACE;
     }
-    acl->counters.erase({record.ace_id, ace->second.number});
+    if (undo_.recording()) {
+        released_.push_back(counter_of(*acl, ace->second));
+    } else {
+        acl->counters.erase({record.ace_id, ace->second.number});
+    }
     const auto next = std::next(ace);
     const auto following = next == acl->aces.end() ? std::nullopt : std::optional(next->second.record);
     const auto deleted = std::make_shared<ace_list::node_type>(acl->aces.extract(ace));
-    changed(key, [following, deleted](acl_entry& changed_acl) {
+    changed(key, [this, following, deleted](acl_entry& changed_acl) {
         const auto place = following ? find_ace(changed_acl.aces, *following) : changed_acl.aces.end();
-        changed_acl.counters.insert({deleted->mapped().record.ace_id, deleted->mapped().number});
+        released_.pop_back();
         changed_acl.aces.insert(place, std::move(*deleted));
     });
     return 0;
+}
+
+void acl_table::roll_back(std::size_t mark) {
+    notes_.applications = true;
+    undo_.roll_back(mark);
+}
+
+void acl_table::confirm() {
+    undo_.clear();
+    for (const counter_name& released : released_) {
+        const auto acl = acls_.find(released.acl);
+        if (released.of_ace && acl != acls_.end() && acl->second.number == released.acl_number) {
+            acl->second.counters.erase({released.ace_id, released.ace_number});
+        }
+    }
+    released_.clear();
 }
 
 u32 acl_table::apply(const scc_acl_apply_record& record) {
     acl_entry* acl = find(record.key);
     if (acl == nullptr) {
         return SCC_E_NO_ACL;
+    }
+    if (undo_.recording()) {
+        notes_.applications = true;
+        notes_.applied.push_back(record);
     }
     application* entry = find_application(*acl, record);
     if (entry == nullptr) {
@@ -253,6 +290,7 @@ u32 acl_table::unapply(const scc_acl_apply_record& record) {
     if (entry == nullptr || entry->stale) {
         return SCC_E_NOT_APPLIED;
     }
+    notes_.applications = true;
     const auto place = entry - acl->applications.data();
     changed(record.key, [before = *entry, place](acl_entry& changed_acl) {
         changed_acl.applications.insert(changed_acl.applications.begin() + place, before);
@@ -325,16 +363,21 @@ void acl_table::note_order(const acl_entry& acl) {
     });
 }
 
-void acl_table::adopt(const scc_acl_key& key, const scc_ace_record& record, u32 number) {
-    acl_entry& acl = acls_.try_emplace(acl_name(key), acl_entry{key, {}, {}, {}, 0, true}).first->second;
-    if (!acl.counters.insert({record.ace_id, number}).second) {
+void acl_table::adopt(const scc_acl_key& key, u32 acl_number) {
+    acls_.try_emplace(acl_name(key), acl_entry{key, {}, {}, {}, acl_number, 0, true});
+}
+
+void acl_table::adopt(const scc_acl_key& key, const scc_ace_record& record, u32 ace_number) {
+    const auto acl = acls_.find(acl_name(key));
+    if (acl == acls_.end() || find_ace(acl->second.aces, record) != acl->second.aces.end() ||
+        !acl->second.counters.insert({record.ace_id, ace_number}).second) {
         return;
     }
     ace_entry adopted;
     adopted.record = record;
-    adopted.number = number;
+    adopted.number = ace_number;
     adopted.stale = true;
-    acl.aces.emplace(record.sn, adopted);
+    acl->second.aces.emplace(record.sn, adopted);
 }
 
 u32 acl_table::read_counter(const scc_acl_key& key, u64& counter) {
@@ -342,7 +385,7 @@ u32 acl_table::read_counter(const scc_acl_key& key, u64& counter) {
     if (acl == nullptr) {
         return SCC_E_NO_ACL;
     }
-    const u32 result = source_ == nullptr ? 0 : source_->read({acl_name(key)}, acl->packets);
+    const u32 result = source_ == nullptr ? 0 : source_->read({acl_name(key), acl->number}, acl->packets);
     counter = acl->packets;
     return result;
 }
@@ -353,11 +396,11 @@ u32 acl_table::reset_counter(const scc_acl_key& key) {
         return SCC_E_NO_ACL;
     }
     acl->packets = 0;
-    return source_ == nullptr ? 0 : source_->reset({acl_name(key)});
+    return source_ == nullptr ? 0 : source_->reset({acl_name(key), acl->number});
 }
 
 counter_name acl_table::counter_of(const acl_entry& acl, const ace_entry& ace) {
-    return {acl_name(acl.key), true, ace.record.ace_id, ace.number};
+    return {acl_name(acl.key), acl.number, true, ace.record.ace_id, ace.number};
 }
 
 std::vector<acl_table::ace_entry*> acl_table::counted_aces(acl_entry& acl, u64 number) {
@@ -425,11 +468,12 @@ void acl_table::begin_recovery() {
 
 void acl_table::end_recovery() {
     for (auto& [name, acl] : acls_) {
-        touched_.insert(name);
+        notes_.acls.insert(name);
         acl.drop_stale();
     }
     std::erase_if(acls_, [](const auto& acl) { return acl.second.stale; });
-    undo_.clear();
+    notes_.applications = true;
+    confirm();
 }
 
 void acl_table::count_first_match(acl_entry& acl, const packet& packet, verdict& result) {

@@ -47,13 +47,15 @@ struct verdict {
     bool denied = false;
 };
 
-// A counter of an ACL, or of one of its ACEs. ACEs of an ACL that share an ACE id differ in the number, which
-// stays the same when the ACL is resequenced.
+// A counter of an ACL, or of one of its ACEs. The numbers tell what has the same name apart: ACEs of an ACL with
+// the same ACE id, and those that are created again while their deletion is not yet final. An ACE's number stays
+// the same when its ACL is resequenced.
 struct counter_name {
     acl_name acl;
+    u32 acl_number = 0;
     bool of_ace = false;
     u32 ace_id = 0;
-    u32 number = 0;
+    u32 ace_number = 0;
 };
 
 // Counts the packets in place of the table.
@@ -90,6 +92,7 @@ class acl_table {
         ace_list aces;
         std::set<std::pair<u32, u32>> counters;  // ACE id and number of every ACE
         std::vector<application> applications;
+        u32 number = 0;  // of its counter
         u64 packets = 0;
         bool stale = false;
 
@@ -133,13 +136,35 @@ class acl_table {
     [[nodiscard]] const std::map<acl_name, acl_entry>& acls() const { return acls_; }
 
     void count_with(counter_source* source) { source_ = source; }
-    // Takes over an ACE that is already enforced, as one that a recovery has to confirm.
-    void adopt(const scc_acl_key& key, const scc_ace_record& record, u32 number);
+    // Takes over an ACL or ACE that is already enforced, as one that a recovery has to confirm.
+    void adopt(const scc_acl_key& key, u32 acl_number);
+    void adopt(const scc_acl_key& key, const scc_ace_record& record, u32 ace_number);
 
     void keep_changes() { undo_.record(); }
-    [[nodiscard]] undo_log& changes() { return undo_; }
-    // The ACLs that were changed, also those whose changes were taken back.
-    [[nodiscard]] std::set<acl_name> take_touched() { return std::exchange(touched_, {}); }
+    [[nodiscard]] std::size_t mark() const { return undo_.mark(); }
+    void roll_back(std::size_t mark);
+    // The changes until now are final.
+    void confirm();
+    // What was changed since the last call, also if it was taken back.
+    struct change_notes {
+        std::set<acl_name> acls;
+        bool applications = false;  // ACLs were applied or unapplied somewhere
+        // What was added, in its latest state; not to be used after the next change.
+        std::vector<const ace_entry*> aces;
+        std::vector<scc_acl_apply_record> applied;
+    };
+    [[nodiscard]] change_notes take_notes() { return std::exchange(notes_, {}); }
+    // Sets the packets of the ACL's counters, each to what the function returns for its name.
+    template <class PacketsOf>
+    void set_packets(PacketsOf packets_of) {
+        for (auto& [name, acl] : acls_) {
+            acl.packets = packets_of(counter_name{name, acl.number});
+            for (auto& [sn, ace] : acl.aces) {
+                ace.packets = packets_of(counter_of(acl, ace));
+            }
+        }
+    }
+    [[nodiscard]] static counter_name counter_of(const acl_entry& acl, const ace_entry& ace);
 
   private:
     [[nodiscard]] acl_entry* find(const scc_acl_key& key);
@@ -147,7 +172,6 @@ class acl_table {
     [[nodiscard]] static ace_list::iterator find_ace(ace_list& aces, const scc_ace_record& record);
     [[nodiscard]] static application* find_application(acl_entry& acl, const scc_acl_apply_record& record);
     [[nodiscard]] static std::vector<ace_entry*> counted_aces(acl_entry& acl, u64 number);
-    [[nodiscard]] static counter_name counter_of(const acl_entry& acl, const ace_entry& ace);
     static void count_first_match(acl_entry& acl, const packet& packet, verdict& result);
     // Notes what takes the latest change of an ACL back; the undo gets the ACL.
     template <class Undo>
@@ -162,7 +186,9 @@ class acl_table {
     std::map<acl_name, acl_entry> acls_;
     counter_source* source_ = nullptr;
     undo_log undo_;
-    std::set<acl_name> touched_;
+    change_notes notes_;
+    // Numbers that become free with confirm().
+    std::vector<counter_name> released_;
 };
 
 }  // namespace scc::service
