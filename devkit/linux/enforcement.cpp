@@ -344,7 +344,7 @@ void enforcement::add_interfaces(const contents& held, const held_tables& kernel
     }
     wanted_chain cpu = cpu_chain(held);
     if (!cpu.rules.empty()) {
-        wanted[{family::inet, "cpu"}] = std::move(cpu);
+        wanted[{family::inet, "cpu-limits"}] = std::move(cpu);
     }
     for (const auto& [name, rules] : kernel.chains) {
         if (!name.name.starts_with("acl-") && !wanted.contains(name)) {

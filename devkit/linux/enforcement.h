@@ -6,7 +6,7 @@
 //           out-IFX-NAME     what it sends
 //           nac-IFX-VLAN     counts the users of the interface; where a NAC application closes it, the last rule
 //                            drops everybody else
-//   inet    cpu              what the machine itself receives, for CPU protection
+//   inet    cpu-limits       what the machine itself receives, for CPU protection
 //
 // The counter of an ACL is named V-T-A.N, that of an ACE V-T-A.N-ID.M, that of a user user-IFX-MAC, and that of
 // what access control dropped on an interface nac-IFX.

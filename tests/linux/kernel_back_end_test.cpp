@@ -17,7 +17,7 @@ constexpr const char* map_text = "ifx 1 d1\nifx 2 d2\nifx 3 d3\nifx 9 d9 router\
 
 void make_interfaces() {
     for (const char* name : {"d1", "d2", "d3", "d9"}) {
-        command(std::string("ip link add ") + name + " type dummy && ip link set " + name + " up");
+        command(std::string("ip link add ") + name + " type bridge && ip link set " + name + " up");
     }
 }
 
@@ -341,7 +341,7 @@ TEST(KernelBackEnd, CpuProtectionLimitsARate) {
     bench.recover_nothing();
     bench.change([](contents& held) { held.nac.set_cpu_protection(1, true); });
     EXPECT_EQ(std::system("ping -q -c 30 -i 0.002 -W 1 127.0.0.1 > /dev/null"), 0);
-    const std::string rules = output_of("nft list chain inet scclib cpu");
+    const std::string rules = output_of("nft list chain inet scclib cpu-limits");
     EXPECT_NE(rules.find("limit rate over 5/second"), std::string::npos) << rules;
     EXPECT_EQ(rules.find("counter packets 0 "), std::string::npos) << rules;
     bench.change([](contents& held) { held.nac.set_cpu_protection(1, false); });
@@ -357,7 +357,7 @@ TEST(KernelBackEnd, AnInterfaceThatComesBackGetsItsRulesAgain) {
     command("ip link del d1");
     EXPECT_EQ(bench.add(1, "30 deny ip any any"), 0u);
     EXPECT_EQ(rules_of_kernel().count("in-1-d1"), 0u);
-    command("ip link add d1 type dummy");
+    command("ip link add d1 type bridge");
     (*bench).restore();
     EXPECT_EQ(bench.create(2), 0u);
     EXPECT_EQ(rules_of_kernel()["in-1-d1"], (chain_rules{"jump acl-0-3-1.0"}));
