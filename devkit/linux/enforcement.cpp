@@ -322,7 +322,7 @@ wanted_chain enforcement::cpu_chain(const contents& held) const {
 void enforcement::add_interfaces(const contents& held, const held_tables& kernel, change_request& request) const {
     wanted_chains wanted;
     for (const auto& [ifx, interface] : map_.interfaces) {
-        // The kernel removes a chain with its interface, and cannot make one without it.
+        // Not every kernel can make a chain for an interface that is missing.
         if (if_nametoindex(interface.name.c_str()) == 0) {
             continue;
         }

@@ -82,6 +82,7 @@ TEST_F(Verdicts, OfKernelClassifierAndTableAreTheSame) {
     const raw_socket around("c1");
     frame_bytes last(60, 0x55);
     last[0] = 0x02;
+    last[5] = 0x56;
     last[6] = 0x02;
     std::size_t compared = 0;
     for (std::size_t index = 0; index < table.rules.size(); ++index) {
