@@ -24,8 +24,8 @@ constexpr u16 ether_type_eapol = 0x888E;
 constexpr char kind_ace = 'a';
 constexpr char kind_other = 'r';
 
-// The NAC applications that admit known users alone: IEEE 802.1X (MAC, port static, move, single, MAB) and port
-// security.
+// The NAC applications that admit known users alone: IEEE 802.1X (MAC, port static, move, single, MAB) and
+// port security.
 constexpr u32 closing_first = 1;
 constexpr u32 closing_last = 6;
 
@@ -56,8 +56,8 @@ std::string jump_to(const chain_name& chain) {
 
 std::vector<std::string> expressions_of(const ace::rule& rule, const std::string& acl_counter,
                                         const std::string& ace_counter) {
-    const std::string rest = fmt::format(R"({{"counter":"{}"}},{{"counter":"{}"}},{{"{}":null}})", acl_counter,
-                                         ace_counter, rule.denies() ? "drop" : "return");
+    const std::string rest = fmt::format(R"({{"counter":"{}"}},{{"counter":"{}"}},{{"{}":null}})",
+                                         acl_counter, ace_counter, rule.denies() ? "drop" : "return");
     std::vector<std::string> all = conditions_of(rule);
     for (std::string& conditions : all) {
         conditions += rest;
@@ -112,7 +112,8 @@ std::vector<std::string> admissions_of(const nac_user& user) {
     link_local.bytes[1] = 0x80;
     link_local.mask[0] = 0xFF;
     link_local.mask[1] = 0xC0;
-    return {from + source_address_condition(true, address), from + source_address_condition(true, link_local)};
+    return {from + source_address_condition(true, address),
+            from + source_address_condition(true, link_local)};
 }
 
 template <class Number>
@@ -120,7 +121,8 @@ bool take(std::string_view& text, Number& number, std::string_view before) {
     if (!text.starts_with(before)) {
         return false;
     }
-    const auto [end, problem] = std::from_chars(text.data() + before.size(), text.data() + text.size(), number);
+    const auto [end, problem] =
+        std::from_chars(text.data() + before.size(), text.data() + text.size(), number);
     if (problem != std::errc()) {
         return false;
     }
@@ -149,9 +151,10 @@ std::string enforcement::problem_of(const acl_table::ace_entry& ace) {
     if (!ace.rule) {
         return fmt::format("ACE {} holds no rule that is known", ace.record.ace_id);
     }
-    return is_supported(*ace.rule) ? std::string()
-                                   : fmt::format("ACE {}: the kernel compares no time of day and reports no packets",
-                                                 ace.record.ace_id);
+    return is_supported(*ace.rule)
+               ? std::string()
+               : fmt::format("ACE {}: the kernel compares no time of day and reports no packets",
+                             ace.record.ace_id);
 }
 
 std::string enforcement::problem_of(const scc_acl_apply_record& application) const {
@@ -223,7 +226,8 @@ void enforcement::add_acl(const contents& held, const acl_name& name, const held
     const std::string prefix = acl_text(name);
     const std::string chain_prefix = "acl-" + prefix;
     for (auto at = kernel.chains.lower_bound({family::netdev, chain_prefix});
-         at != kernel.chains.end() && at->first.in == family::netdev && at->first.name.starts_with(chain_prefix);
+         at != kernel.chains.end() && at->first.in == family::netdev &&
+         at->first.name.starts_with(chain_prefix);
          ++at) {
         if (at->first != own) {
             request.chains[at->first] = std::nullopt;
@@ -308,9 +312,8 @@ wanted_chain enforcement::cpu_chain(const contents& held) const {
         if (mapped == map_.protections.end()) {
             continue;
         }
-        const std::string limit =
-            fmt::format(R"({{"limit":{{"rate":{},"per":"second","inv":true}}}},)",
-                        mapped->second.packets_per_second);
+        const std::string limit = fmt::format(R"({{"limit":{{"rate":{},"per":"second","inv":true}}}},)",
+                                              mapped->second.packets_per_second);
         for (const std::string& conditions : conditions_of(mapped->second.rule)) {
             chain.rules.push_back(
                 rule_doing(conditions + limit + R"({"counter":{"packets":0,"bytes":0}},{"drop":null})"));
@@ -319,7 +322,8 @@ wanted_chain enforcement::cpu_chain(const contents& held) const {
     return chain;
 }
 
-void enforcement::add_interfaces(const contents& held, const held_tables& kernel, change_request& request) const {
+void enforcement::add_interfaces(const contents& held, const held_tables& kernel,
+                                 change_request& request) const {
     wanted_chains wanted;
     for (const auto& [ifx, interface] : map_.interfaces) {
         // Not every kernel can make a chain for an interface that is missing.
@@ -362,7 +366,8 @@ void enforcement::add_interfaces(const contents& held, const held_tables& kernel
     request.chains.merge(wanted);
 }
 
-void enforcement::add_everything(const contents& held, const held_tables& kernel, change_request& request) const {
+void enforcement::add_everything(const contents& held, const held_tables& kernel,
+                                 change_request& request) const {
     for (const auto& [name, acl] : held.acls.acls()) {
         add_acl(held, name, kernel, request);
     }
@@ -382,8 +387,9 @@ void enforcement::adopt(const held_tables& kernel, contents& held) {
         std::string_view text = chain.name;
         scc_acl_key key{};
         u32 number = 0;
-        if (chain.in != family::netdev || !take(text, key.vdev_id, "acl-") || !take(text, key.app_type, "-") ||
-            !take(text, key.acl_id, "-") || !take(text, number, ".") || !text.empty()) {
+        if (chain.in != family::netdev || !take(text, key.vdev_id, "acl-") ||
+            !take(text, key.app_type, "-") || !take(text, key.acl_id, "-") || !take(text, number, ".") ||
+            !text.empty()) {
             continue;
         }
         held.acls.adopt(key, number);

@@ -4,12 +4,13 @@
 //   netdev  acl-V-T-A.N      the ACEs of ACL V/T/A, in order; N is its counter's number
 //           in-IFX-NAME      what interface IFX receives: access control, then the ACLs applied there
 //           out-IFX-NAME     what it sends
-//           nac-IFX-VLAN     counts the users of the interface; where a NAC application closes it, the last rule
+//           nac-IFX-VLAN     counts the users of the interface; where a NAC application closes it, the last
+//           rule
 //                            drops everybody else
 //   inet    cpu-limits       what the machine itself receives, for CPU protection
 //
-// The counter of an ACL is named V-T-A.N, that of an ACE V-T-A.N-ID.M, that of a user user-IFX-MAC, and that of
-// what access control dropped on an interface nac-IFX.
+// The counter of an ACL is named V-T-A.N, that of an ACE V-T-A.N-ID.M, that of a user user-IFX-MAC, and that
+// of what access control dropped on an interface nac-IFX.
 #pragma once
 
 #include <string>
@@ -36,7 +37,8 @@ class enforcement {
     [[nodiscard]] std::string problem_of(const scc_acl_apply_record& application) const;
     [[nodiscard]] std::string problem_of(const service::nac_table& nac) const;
 
-    // The chain and the counters of one ACL, and the end of those that the kernel holds for it but should not.
+    // The chain and the counters of one ACL, and the end of those that the kernel holds for it but should
+    // not.
     static void add_acl(const contents& held, const service::acl_name& name, const held_tables& kernel,
                         change_request& request);
     // Everything that depends on where ACLs are applied and on access control.

@@ -1,8 +1,10 @@
 // The file that says which interface of the kernel each interface index of the daemon is:
 //
 //   ifx NUMBER NAME [router]    "router": a layer-3 interface, whose ACLs apply while router ACLs are open
-//   cpp TYPE RATE RULE          CPU protection of this type lets RATE packets a second through of those that the
-//                               rule matches; the rule is that of an ACE without action, such as "icmp any any"
+//   cpp TYPE RATE RULE          CPU protection of this type lets RATE packets a second through of those that
+//   the
+//                               rule matches; the rule is that of an ACE without action, such as "icmp any
+//                               any"
 //   # a comment
 //
 // Stateless; any thread.

@@ -65,7 +65,8 @@ u32 kernel_back_end::run(work_kind kind, table_work work) {
         if (ending_) {
             return ECANCELED;
         }
-        waiting_.push_back({kind, std::move(work), [promise](u32 value) { promise->set_value(value); }, true, 0});
+        waiting_.push_back(
+            {kind, std::move(work), [promise](u32 value) { promise->set_value(value); }, true, 0});
     }
     changed_.notify_one();
     return result.get();
@@ -261,7 +262,8 @@ u32 kernel_back_end::send_changes(contents& held) {
         ++transactions_;
     }
     if (error != 0) {
-        log_(fmt::format("the kernel refuses a change: {} {}", std::strerror(static_cast<int>(error)), complaint));
+        log_(fmt::format("the kernel refuses a change: {} {}", std::strerror(static_cast<int>(error)),
+                         complaint));
         return error;
     }
     changes.done(kernel_);
@@ -279,9 +281,9 @@ u32 kernel_back_end::fetch_handles(const chain_name& chain) {
     }
     std::vector<held_rule>& known = kernel_.chains.at(chain);
     std::vector<held_rule> found = group(rules);
-    const bool same = std::equal(
-        known.begin(), known.end(), found.begin(), found.end(),
-        [](const held_rule& a, const held_rule& b) { return a.identity == b.identity; });
+    const bool same =
+        std::equal(known.begin(), known.end(), found.begin(), found.end(),
+                   [](const held_rule& a, const held_rule& b) { return a.identity == b.identity; });
     if (!same) {
         return ESTALE;
     }

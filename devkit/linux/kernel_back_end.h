@@ -1,10 +1,11 @@
-// The kernel as the back end of the security service. A thread of its own takes all operations that wait, works
-// them into the tables, and makes the kernel like the tables with one transaction; then it calls their
-// completions. If the kernel refuses, the changes are taken back and tried one by one, so that each operation gets
-// its own result and the tables stay what the kernel enforces.
+// The kernel as the back end of the security service. A thread of its own takes all operations that wait,
+// works them into the tables, and makes the kernel like the tables with one transaction; then it calls their
+// completions. If the kernel refuses, the changes are taken back and tried one by one, so that each operation
+// gets its own result and the tables stay what the kernel enforces.
 //
-// During a recovery the kernel is left alone: its rules go on working until the end, when they are compared with
-// what the daemon sent, and only what differs is changed. Operations that come meanwhile are answered then.
+// During a recovery the kernel is left alone: its rules go on working until the end, when they are compared
+// with what the daemon sent, and only what differs is changed. Operations that come meanwhile are answered
+// then.
 #pragma once
 
 #include <condition_variable>
@@ -27,7 +28,8 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
     using log_handler = std::function<void(const std::string&)>;
 
     // The log gets a line for each thing that the kernel cannot do or refuses, on any thread.
-    kernel_back_end(service::forwarding_table& table, interface_map map, packet_filter& filter, log_handler log);
+    kernel_back_end(service::forwarding_table& table, interface_map map, packet_filter& filter,
+                    log_handler log);
     ~kernel_back_end() override { stop(); }
 
     // Adopts the rules that the kernel has. Returns 0 or an errno value.

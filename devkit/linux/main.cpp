@@ -35,12 +35,11 @@ class program {
                                      : std::function<void(const std::string&)>(),
                     [](u32 status) { screen.say(status == 1 ? "registered" : "lost"); },
                     {}}),
-          reports_(table_, back_end_, options_.map, options_.report_seconds,
-                   [this](const std::string& line) {
-                       if (options_.verbose) {
-                           screen.say(line);
-                       }
-                   }) {}
+          reports_(table_, back_end_, options_.map, options_.report_seconds, [this](const std::string& line) {
+              if (options_.verbose) {
+                  screen.say(line);
+              }
+          }) {}
 
     int run() {
         signals_ = service::open_signals({SIGTERM, SIGINT, SIGUSR2});

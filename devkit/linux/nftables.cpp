@@ -148,7 +148,8 @@ class kernel_filter : public packet_filter {
                         // Older kernels send the rules of all chains.
                         if (text_of(found[NFTA_RULE_TABLE]) == table_name &&
                             text_of(found[NFTA_RULE_CHAIN]) == chain.name) {
-                            rules.push_back({number_of(found[NFTA_RULE_HANDLE]), comment_in(found[NFTA_RULE_USERDATA])});
+                            rules.push_back(
+                                {number_of(found[NFTA_RULE_HANDLE]), comment_in(found[NFTA_RULE_USERDATA])});
                         }
                     });
     }
@@ -165,7 +166,8 @@ class kernel_filter : public packet_filter {
     }
 
     u32 read_counter(const std::string& name, bool reset, u64& packets) override {
-        nlmsghdr* const request = begin(reset ? NFT_MSG_GETOBJ_RESET : NFT_MSG_GETOBJ, family::netdev, NLM_F_ACK);
+        nlmsghdr* const request =
+            begin(reset ? NFT_MSG_GETOBJ_RESET : NFT_MSG_GETOBJ, family::netdev, NLM_F_ACK);
         mnl_attr_put_strz(request, NFTA_OBJ_TABLE, std::string(table_name).c_str());
         mnl_attr_put_strz(request, NFTA_OBJ_NAME, name.c_str());
         mnl_attr_put_u32(request, NFTA_OBJ_TYPE, htobe32(NFT_OBJECT_COUNTER));

@@ -14,8 +14,8 @@ struct options {
     u32 report_seconds = 10;  // 0: no reports of hits and flows
 };
 
-// Returns nothing, and sets *exit_code, if the process should exit: after --help, or for an invalid command line
-// or map.
+// Returns nothing, and sets *exit_code, if the process should exit: after --help, or for an invalid command
+// line or map.
 [[nodiscard]] std::optional<options> parse_options(int argc, char** argv, int* exit_code);
 
 }  // namespace scc::kernel

@@ -115,7 +115,8 @@ void reports::check_interfaces() {
     for (auto& [ifx, index] : kernel_index_) {
         const unsigned now = if_nametoindex(map_.interfaces.at(ifx).name.c_str());
         if (now != index) {
-            log_(fmt::format("interface {} {}", map_.interfaces.at(ifx).name, now == 0 ? "is gone" : "is there"));
+            log_(fmt::format("interface {} {}", map_.interfaces.at(ifx).name,
+                             now == 0 ? "is gone" : "is there"));
             index = now;
             changed = true;
         }
@@ -189,7 +190,8 @@ void reports::report_hits() {
     report_drops(counters);
 }
 
-void reports::report_flows(const std::vector<nac_user>& users, const std::map<std::string, counted>& counters) {
+void reports::report_flows(const std::vector<nac_user>& users,
+                           const std::map<std::string, counted>& counters) {
     for (const nac_user& user : users) {
         const std::string name = user_counter(user);
         const counted now = counter_in(counters, name);
@@ -217,7 +219,8 @@ void reports::report_silence(const std::vector<nac_user>& users, const service::
             known = {packets, packets, clock::now(), false};
             continue;
         }
-        const bool is_due = clock::now() - known.quiet_since >= std::chrono::seconds(detection.interval_seconds);
+        const bool is_due =
+            clock::now() - known.quiet_since >= std::chrono::seconds(detection.interval_seconds);
         if (is_due && !known.is_silent) {
             known.is_silent = true;
             const scc_flow_user record = service::flow_user_of(user);

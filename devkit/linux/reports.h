@@ -5,8 +5,8 @@
 //   users without flow  while offline detection is open: the threshold's packets or fewer in an interval
 //   moved addresses     when a bridge learns an address on another interface than before
 //
-// A notification has no message for frames that access control drops; they are logged. Also makes the kernel like
-// the tables again when an interface of the map comes or goes.
+// A notification has no message for frames that access control drops; they are logged. Also makes the kernel
+// like the tables again when an interface of the map comes or goes.
 //
 // Main thread only.
 #pragma once
@@ -28,8 +28,8 @@ class reports {
   public:
     using log_handler = std::function<void(const std::string&)>;
 
-    reports(service::forwarding_table& table, kernel_back_end& carrier, interface_map map, u32 interval_seconds,
-            log_handler log);
+    reports(service::forwarding_table& table, kernel_back_end& carrier, interface_map map,
+            u32 interval_seconds, log_handler log);
     ~reports();
     reports(const reports&) = delete;
     reports& operator=(const reports&) = delete;
@@ -52,7 +52,8 @@ class reports {
     void take_learned();
     void learn(const ace::mac_bytes& mac, const service::station& where);
     void report_hits();
-    void report_flows(const std::vector<service::nac_user>& users, const std::map<std::string, counted>& counters);
+    void report_flows(const std::vector<service::nac_user>& users,
+                      const std::map<std::string, counted>& counters);
     void report_silence(const std::vector<service::nac_user>& users,
                         const service::offline_detection& detection,
                         const std::map<std::string, counted>& counters);

@@ -54,9 +54,11 @@ std::string mac_condition(std::string_view name, const scc_ace_mac& wanted) {
         return match(left, quoted(mac_text(wanted.bytes)));
     }
     std::array<std::uint8_t, 6> bits{};
-    std::transform(wanted.bytes, wanted.bytes + bits.size(), wanted.mask, bits.begin(),
-                   [](std::uint8_t byte, std::uint8_t mask) { return static_cast<std::uint8_t>(byte & mask); });
-    const bool compares_nothing = std::all_of(wanted.mask, wanted.mask + 6, [](auto mask) { return mask == 0; });
+    std::transform(
+        wanted.bytes, wanted.bytes + bits.size(), wanted.mask, bits.begin(),
+        [](std::uint8_t byte, std::uint8_t mask) { return static_cast<std::uint8_t>(byte & mask); });
+    const bool compares_nothing =
+        std::all_of(wanted.mask, wanted.mask + 6, [](auto mask) { return mask == 0; });
     return compares_nothing ? std::string()
                             : match(masked(left, mac_text(wanted.mask)), quoted(mac_text(bits.data())));
 }
@@ -120,12 +122,26 @@ std::string transport_conditions(const ace::rule& rule) {
     }
     if (rule.compares(SCC_ACE_ESTABLISHED)) {
         constexpr unsigned acknowledge_or_reset = 0x14;
-        conditions += match(fmt::format(R"({{"&":[{},{}]}})", raw("th", 104, 8), acknowledge_or_reset), "0", "!=");
+        conditions +=
+            match(fmt::format(R"({{"&":[{},{}]}})", raw("th", 104, 8), acknowledge_or_reset), "0", "!=");
     }
     return conditions;
 }
 
-std::string ip_conditions(const ace::rule& rule, bool is_ipv6) {
+bool compares_transport(const ace::rule& rule) {
+    return rule.source_ports.count != 0 || rule.destination_ports.count != 0 ||
+           rule.compares(SCC_ACE_ICMP_TYPE) || rule.compares(SCC_ACE_ESTABLISHED);
+}
+
+std::string fragment_offset(bool is_ipv6, std::string_view op) {
+    constexpr unsigned offset_mask = 0x1FFF;
+    return is_ipv6 ? match(R"({"exthdr":{"name":"frag","field":"frag-off"}})", "0", op)
+                   : match(fmt::format(R"({{"&":[{},{}]}})", raw("nh", 48, 16), offset_mask), "0", op);
+}
+
+// The bytes that follow the IP header are ports only in packets that are whole, and in first fragments. In
+// IPv6 those two are told apart by an extension header.
+std::vector<std::string> ip_conditions(const ace::rule& rule, bool is_ipv6) {
     std::string conditions = protocol_condition(is_ipv6 ? "ip6" : "ip");
     if (rule.compares(SCC_ACE_DSCP)) {
         conditions += match(field(is_ipv6 ? "ip6" : "ip", "dscp"), fmt::format("{}", rule.dscp));
@@ -133,12 +149,17 @@ std::string ip_conditions(const ace::rule& rule, bool is_ipv6) {
     conditions += address_condition(is_ipv6, "saddr", rule.source);
     conditions += address_condition(is_ipv6, "daddr", rule.destination);
     if (rule.compares(SCC_ACE_FRAGMENTS)) {
-        constexpr unsigned offset_mask = 0x1FFF;
-        conditions += is_ipv6
-                          ? match(R"({"exthdr":{"name":"frag","field":"frag-off"}})", "0", "!=")
-                          : match(fmt::format(R"({{"&":[{},{}]}})", raw("nh", 48, 16), offset_mask), "0", "!=");
+        conditions += fragment_offset(is_ipv6, "!=");
     }
-    return conditions + transport_conditions(rule);
+    const std::string transport = transport_conditions(rule);
+    if (!compares_transport(rule)) {
+        return {conditions + transport};
+    }
+    std::vector<std::string> all = {conditions + fragment_offset(is_ipv6, "==") + transport};
+    if (is_ipv6) {
+        all.push_back(conditions + match(R"({"exthdr":{"name":"frag"}})", "false") + transport);
+    }
+    return all;
 }
 
 }  // namespace
@@ -182,16 +203,18 @@ std::vector<std::string> conditions_of(const ace::rule& rule) {
     if (rule.compares(SCC_ACE_ETHERTYPE)) {
         frame += ether_type_condition(rule.ethertype);
     }
-    switch (rule.family) {
-        case SCC_ACE_IPV4:
-            return {frame + ip_conditions(rule, false)};
-        case SCC_ACE_IPV6:
-            return {frame + ip_conditions(rule, true)};
-        case SCC_ACE_ANY_IP:
-            return {frame + ip_conditions(rule, false), frame + ip_conditions(rule, true)};
-        default:
-            return {frame};
+    if (rule.family == SCC_ACE_EVERY_FRAME) {
+        return {frame};
     }
+    std::vector<std::string> all;
+    for (const bool is_ipv6 : {false, true}) {
+        if (rule.family == SCC_ACE_ANY_IP || rule.family == (is_ipv6 ? SCC_ACE_IPV6 : SCC_ACE_IPV4)) {
+            for (const std::string& conditions : ip_conditions(rule, is_ipv6)) {
+                all.push_back(frame + conditions);
+            }
+        }
+    }
+    return all;
 }
 
 }  // namespace scc::kernel

@@ -1,9 +1,9 @@
 // The conditions of an ACE's rule as nftables' JSON. Pure; any thread.
 //
 // What the kernel sees differs from the wire in one way: an outer tag is taken off before the rules see the
-// frame and is kept beside it, so that protocol and addresses of frames with one tag are compared like those of
-// frames without. Those of frames with two tags are out of reach: only MAC addresses, tags and priority of such
-// a frame are compared, and a rule that needs more does not match it.
+// frame and is kept beside it, so that protocol and addresses of frames with one tag are compared like those
+// of frames without. Those of frames with two tags are out of reach: only MAC addresses, tags and priority of
+// such a frame are compared, and a rule that needs more does not match it.
 #pragma once
 
 #include <string>
@@ -17,9 +17,9 @@ namespace scc::kernel {
 // Whether the kernel can compare what the rule compares.
 [[nodiscard]] bool is_supported(const ace::rule& rule);
 
-// One list of conditions for each rule that the kernel needs: a packet matches if it meets all conditions of one
-// of them; it never meets those of two. Each list is a sequence of JSON objects, each followed by a comma. The
-// rule must be supported.
+// One list of conditions for each rule that the kernel needs: a packet matches if it meets all conditions of
+// one of them; it never meets those of two. Each list is a sequence of JSON objects, each followed by a
+// comma. The rule must be supported.
 [[nodiscard]] std::vector<std::string> conditions_of(const ace::rule& rule);
 
 // Single conditions, each with its comma.

@@ -11,8 +11,8 @@
 namespace scc::kernel {
 namespace {
 
-// Changes with the rules that the service makes of the same operation, so that those of an earlier version are
-// replaced.
+// Changes with the rules that the service makes of the same operation, so that those of an earlier version
+// are replaced.
 constexpr char comment_version = '1';
 
 std::string place(const chain_name& chain) {
@@ -26,8 +26,8 @@ class planner {
     u32 run(const change_request& request) {
         for (const family in : families) {
             if (!held_.tables.contains(in)) {
-                append(first_, fmt::format(R"({{"add":{{"table":{{"family":"{}","name":"{}"}}}}}})", name_of(in),
-                                           table_name));
+                append(first_, fmt::format(R"({{"add":{{"table":{{"family":"{}","name":"{}"}}}}}})",
+                                           name_of(in), table_name));
             }
         }
         for (const auto& [name, chain] : request.chains) {
@@ -171,17 +171,16 @@ class planner {
 
     u32 fetch_if_missing(const chain_name& name, const std::vector<held_rule>& held, std::size_t begin,
                          std::size_t end) {
-        const bool missing =
-            std::any_of(held.begin() + static_cast<std::ptrdiff_t>(begin),
-                        held.begin() + static_cast<std::ptrdiff_t>(end),
-                        [](const held_rule& rule) { return rule.handles.empty(); });
+        const bool missing = std::any_of(held.begin() + static_cast<std::ptrdiff_t>(begin),
+                                         held.begin() + static_cast<std::ptrdiff_t>(end),
+                                         [](const held_rule& rule) { return rule.handles.empty(); });
         return missing ? handles_(name) : 0;
     }
 
     void delete_rule(const chain_name& name, const held_rule& rule) {
         for (const u64 handle : rule.handles) {
-            append(rules_, fmt::format(R"({{"delete":{{"rule":{{{},"chain":"{}","handle":{}}}}}}})", place(name),
-                                       name.name, handle));
+            append(rules_, fmt::format(R"({{"delete":{{"rule":{{{},"chain":"{}","handle":{}}}}}}})",
+                                       place(name), name.name, handle));
         }
     }
 

@@ -1,9 +1,9 @@
 // The service's tables as they shall be and as the kernel has them, and the transaction that makes the second
 // like the first.
 //
-// Every rule carries a comment that says what it is for. By it a service knows its rules again, also those of an
-// earlier process: a rule with the comment that it would give it stays untouched; any other goes. Counters are
-// objects of their own, so that they outlive the rules that count with them.
+// Every rule carries a comment that says what it is for. By it a service knows its rules again, also those of
+// an earlier process: a rule with the comment that it would give it stays untouched; any other goes. Counters
+// are objects of their own, so that they outlive the rules that count with them.
 //
 // Pure, but for what a fetch of handles does. Not thread-safe.
 #pragma once

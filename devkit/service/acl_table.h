@@ -47,9 +47,9 @@ struct verdict {
     bool denied = false;
 };
 
-// A counter of an ACL, or of one of its ACEs. The numbers tell what has the same name apart: ACEs of an ACL with
-// the same ACE id, and those that are created again while their deletion is not yet final. An ACE's number stays
-// the same when its ACL is resequenced.
+// A counter of an ACL, or of one of its ACEs. The numbers tell what has the same name apart: ACEs of an ACL
+// with the same ACE id, and those that are created again while their deletion is not yet final. An ACE's
+// number stays the same when its ACL is resequenced.
 struct counter_name {
     acl_name acl;
     u32 acl_number = 0;

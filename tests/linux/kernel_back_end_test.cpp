@@ -1,5 +1,5 @@
-// The back end on the kernel of a namespace. What the kernel holds is read with nft(8), not with the code under
-// test.
+// The back end on the kernel of a namespace. What the kernel holds is read with nft(8), not with the code
+// under test.
 #include <algorithm>
 #include <cstdio>
 #include <random>
@@ -48,7 +48,8 @@ std::map<std::string, chain_rules> rules_of_kernel() {
             chain = name;
             chains[chain];
         } else if (comment != std::string::npos &&
-                   std::sscanf(line.c_str() + comment, "comment \"a1 %u %u %*u %*s %u/", &sn, &id, &part) == 3) {
+                   std::sscanf(line.c_str() + comment, "comment \"a1 %u %u %*u %*s %u/", &sn, &id, &part) ==
+                       3) {
             if (part == 1) {
                 chains[chain].push_back(std::to_string(sn) + " " + std::to_string(id));
             }
@@ -149,7 +150,8 @@ TEST(KernelBackEnd, WhatTheKernelCannotDoIsRefusedAndTold) {
     EXPECT_EQ(bench.create(1), 0u);
     EXPECT_EQ(bench.add(1, "10 deny ip any any time-range mon 08:00-17:00"), 95u);
     EXPECT_EQ(bench.add(1, "10 deny ip any any log"), 95u);
-    EXPECT_EQ(bench.result_of([](contents& held) { return held.acls.add_ace(key_of(1), scc_ace_record{}); }), 95u);
+    EXPECT_EQ(bench.result_of([](contents& held) { return held.acls.add_ace(key_of(1), scc_ace_record{}); }),
+              95u);
     EXPECT_EQ(bench.apply(1, 4), 95u);
     EXPECT_EQ(bench.result_of([](contents& held) {
         held.nac.set_app({1, 0, 16}, 1);
@@ -173,7 +175,8 @@ TEST(KernelBackEnd, WhatTheKernelCannotDoIsRefusedAndTold) {
 
 class KernelErrors : public ::testing::TestWithParam<u32> {};
 
-INSTANTIATE_TEST_SUITE_P(Each, KernelErrors, ::testing::Values(EBUSY, ENOMEM, EPERM, ENOENT, EOPNOTSUPP, ENOBUFS));
+INSTANTIATE_TEST_SUITE_P(Each, KernelErrors,
+                         ::testing::Values(EBUSY, ENOMEM, EPERM, ENOENT, EOPNOTSUPP, ENOBUFS));
 
 TEST_P(KernelErrors, LeaveKernelAndTablesInAgreement) {
     NEED_A_NAMESPACE();
@@ -192,8 +195,9 @@ TEST_P(KernelErrors, LeaveKernelAndTablesInAgreement) {
     EXPECT_EQ(bench.apply(1, 2), GetParam());
     EXPECT_EQ(bench.result_of([](contents& held) { return held.acls.resequence(key_of(1), 100, 10); }),
               GetParam());
-    EXPECT_EQ(bench.result_of(
-                  [](contents& held) { return held.acls.delete_ace(key_of(1), ace_of("10 deny ip any any")); }),
+    EXPECT_EQ(bench.result_of([](contents& held) {
+        return held.acls.delete_ace(key_of(1), ace_of("10 deny ip any any"));
+    }),
               GetParam());
     EXPECT_EQ(bench.result_of([](contents& held) {
         held.nac.set_cpu_protection(1, true);
@@ -207,11 +211,10 @@ TEST_P(KernelErrors, LeaveKernelAndTablesInAgreement) {
     EXPECT_EQ(bench.add(1, "10 deny ip any any"), SCC_E_ACE_EXISTS);
     EXPECT_EQ(bench.add(1, "20 deny ip any any"), 0u);
     EXPECT_EQ(bench.apply(1, 2), 0u);
-    EXPECT_EQ(rules_of_kernel(),
-              (std::map<std::string, chain_rules>{{"acl-0-3-1.0", {"10 10", "20 20"}},
-                                                  {"acl-0-3-2.0", {}},
-                                                  {"in-1-d1", {"jump acl-0-3-1.0"}},
-                                                  {"in-2-d2", {"jump acl-0-3-1.0"}}}));
+    EXPECT_EQ(rules_of_kernel(), (std::map<std::string, chain_rules>{{"acl-0-3-1.0", {"10 10", "20 20"}},
+                                                                     {"acl-0-3-2.0", {}},
+                                                                     {"in-1-d1", {"jump acl-0-3-1.0"}},
+                                                                     {"in-2-d2", {"jump acl-0-3-1.0"}}}));
 }
 
 TEST(KernelBackEnd, AnErrorThatPassesIsNotNoticed) {
@@ -410,7 +413,8 @@ class acl_model {
             return SCC_E_NO_ACL;
         }
         auto& places = acls[acl].places;
-        const bool is_there = std::find(places.begin(), places.end(), std::pair(ifx, direction)) != places.end();
+        const bool is_there =
+            std::find(places.begin(), places.end(), std::pair(ifx, direction)) != places.end();
         if (set == is_there) {
             return set ? SCC_E_APPLIED_ALREADY : SCC_E_NOT_APPLIED;
         }
@@ -486,8 +490,8 @@ TEST(KernelBackEnd, TheKernelIsLikeAModelAfterTenThousandOperations) {
         const u32 kind = pick(20);
         service::back_end::table_work work;
         u32 wanted = 0;
-        scc_ace_record ace = ace_of(std::to_string(sn) + " deny tcp any any eq " + std::to_string(id) + " id " +
-                                    std::to_string(id));
+        scc_ace_record ace = ace_of(std::to_string(sn) + " deny tcp any any eq " + std::to_string(id) +
+                                    " id " + std::to_string(id));
         if (kind == 0) {
             work = [acl](contents& held) { return held.acls.create(key_of(acl)); };
             wanted = model.create(acl);
@@ -520,7 +524,8 @@ TEST(KernelBackEnd, TheKernelIsLikeAModelAfterTenThousandOperations) {
         }
         const auto promise = std::make_shared<std::promise<u32>>();
         results.emplace_back(promise->get_future(), wanted);
-        (*bench).submit(service::work_kind::change, work, [promise](u32 result) { promise->set_value(result); });
+        (*bench).submit(service::work_kind::change, work,
+                        [promise](u32 result) { promise->set_value(result); });
         // Runs of one to forty operations meet the kernel together.
         if (pick(20) == 0 || results.size() == 40) {
             for (auto& [result, expected] : results) {

@@ -1,5 +1,5 @@
-// A network namespace of the test's own, and what the tests of the back end do in it. Each case runs in a process
-// of its own, so nothing is left when it ends.
+// A network namespace of the test's own, and what the tests of the back end do in it. Each case runs in a
+// process of its own, so nothing is left when it ends.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -141,8 +141,8 @@ class back_end_bench {
             filter = own_.get();
         }
         filter_ = filter;
-        back_end_ = std::make_unique<kernel_back_end>(table_, *map, *filter,
-                                                      [this](const std::string& line) { log_.push_back(line); });
+        back_end_ = std::make_unique<kernel_back_end>(
+            table_, *map, *filter, [this](const std::string& line) { log_.push_back(line); });
         EXPECT_EQ(back_end_->start(), 0u);
     }
 
@@ -172,9 +172,8 @@ class back_end_bench {
         return result_of([acl](contents& held) { return held.acls.remove(key_of(acl)); });
     }
     u32 add(u32 acl, const std::string& ace) {
-        return result_of([acl, record = ace_of(ace)](contents& held) {
-            return held.acls.add_ace(key_of(acl), record);
-        });
+        return result_of(
+            [acl, record = ace_of(ace)](contents& held) { return held.acls.add_ace(key_of(acl), record); });
     }
     u32 apply(u32 acl, u32 ifx, u32 direction = 0) {
         return result_of([record = application_of(acl, ifx, direction)](contents& held) {
@@ -183,9 +182,10 @@ class back_end_bench {
     }
     u64 packets_of(u32 acl) {
         u64 packets = 0;
-        EXPECT_EQ(back_end_->run(service::work_kind::query,
-                                 [&](contents& held) { return held.acls.read_counter(key_of(acl), packets); }),
-                  0u);
+        EXPECT_EQ(
+            back_end_->run(service::work_kind::query,
+                           [&](contents& held) { return held.acls.read_counter(key_of(acl), packets); }),
+            0u);
         return packets;
     }
     u64 packets_of(u32 acl, u64 ace) {

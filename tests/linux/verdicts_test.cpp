@@ -1,6 +1,6 @@
-// Real frames through the kernel's rules: 200 rules, 40 frames each. Of every rule and frame three answers are
-// compared: whether the frame came out of the bridge, what the classifier of the tables in memory says, and what
-// data/verdicts.txt says (make_verdicts.py). The kernel's counters have to agree with them.
+// Real frames through the kernel's rules: 200 rules, 40 frames each. Of every rule and frame three answers
+// are compared: whether the frame came out of the bridge, what the classifier of the tables in memory says,
+// and what data/verdicts.txt says (make_verdicts.py). The kernel's counters have to agree with them.
 #include <algorithm>
 #include <fstream>
 #include <set>
@@ -112,13 +112,15 @@ TEST_F(Verdicts, OfKernelClassifierAndTableAreTheSame) {
             const auto packet = service::parse_packet(table.frames[number]);
             ASSERT_TRUE(packet.has_value());
             EXPECT_EQ(service::matches(*rule, *packet), wanted) << text << ", frame " << number;
-            EXPECT_EQ(arrived.contains(table.frames[number]), !denies || !wanted) << text << ", frame " << number;
+            EXPECT_EQ(arrived.contains(table.frames[number]), !denies || !wanted)
+                << text << ", frame " << number;
             matched += wanted ? 1 : 0;
             ++compared;
         }
         EXPECT_EQ(bench.packets_of(acl), matched) << text;
         EXPECT_EQ(bench.packets_of(acl, 10), matched) << text;
-        ASSERT_EQ(bench.result_of([acl](contents& held) { return held.acls.unapply(application_of(acl, 1)); }), 0u);
+        ASSERT_EQ(
+            bench.result_of([acl](contents& held) { return held.acls.unapply(application_of(acl, 1)); }), 0u);
         ASSERT_EQ(bench.remove(acl), 0u);
     }
     EXPECT_EQ(compared, 8000u);
