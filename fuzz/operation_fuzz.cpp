@@ -79,12 +79,6 @@ bool answers_now() {
     return g_answer == answer::at_once || g_answer == answer::twice;
 }
 
-void read_users(const void* users, u32 count) {
-    // Not read: the library passes the entries on unchanged.
-    (void)users;
-    (void)count;
-}
-
 scc_ss_reg_info all_handlers() {
     scc_ss_reg_info info{};
     info.acl_create = on_operation<scc_ss_acl_operation>;
@@ -146,11 +140,11 @@ scc_ss_reg_info all_handlers() {
         return refused_or_taken();
     };
     info.app_user_recover = [](u32, u32, u32 count, const void* users) {
-        read_users(users, count);
+        read_all(users, std::size_t{count} * sizeof(scc_ss_user));
         return refused_or_taken();
     };
     info.l4port_recover = [](u32 count, const void* ports) {
-        read_users(ports, count);
+        read_all(ports, std::size_t{count} * sizeof(u32));
         return refused_or_taken();
     };
     info.data_recover = [](u8) { return refused_or_taken(); };

@@ -198,7 +198,7 @@ class Campaign:
 
     # What each case reaches, and how long it takes.
 
-    def measure(self):
+    def measure(self, pattern=None):
         marks = {}  # what identifies the sites of each file
         for mutant in self.mutants:
             marks.setdefault(mutant["file"], hashlib.sha256()).update(f"{mutant['id']} {mutant['name']}\n".encode())
@@ -209,8 +209,9 @@ class Campaign:
         cases = {name: case for name, case in known["cases"].items()
                  if not any(site // IDS_PER_FILE in changed for site in case["reached"])}
         listed = list_cases()
-        self.cases = {name: cases[name] for name in listed if name in cases}
-        missing = [name for name in listed if name not in cases]
+        wanted = [name for name in listed if pattern is None or re.search(pattern, name)]
+        self.cases = {name: cases[name] for name in listed if name in cases and (pattern is None or name not in wanted)}
+        missing = [name for name in wanted if name not in self.cases]
         size = max(m["id"] for m in self.mutants) + IDS_PER_FILE
 
         def one(case, worker):
@@ -228,6 +229,8 @@ class Campaign:
             print(f"measuring {len(missing)} test cases", flush=True)
             self.workers(one, missing, save_cases, self.stopped)
             write_json(OUT / "cases.json", {"mutants": mark, "cases": self.cases})
+        if pattern is not None:
+            self.cases = {name: self.cases[name] for name in wanted if name in self.cases}
         unfit = [name for name, case in self.cases.items() if not case["passed"]]
         for name in unfit:
             print(f"left out, because it fails without a mutant: {name}")

@@ -41,6 +41,19 @@ def chosen_mutants(mutants, files):
     return chosen
 
 
+def named_mutants(mutants, path):
+    """Those that a file names, one a line, or after "=" as in survivors.txt."""
+    names = set()
+    lines = Path(path).read_text().splitlines()
+    marked = any(line.startswith("= ") for line in lines)
+    for line in lines:
+        if line.startswith("= ") or (line.strip() and not marked):
+            names.add(line.removeprefix("= ").strip())
+    for name in sorted(names - {m["name"] for m in mutants}):
+        print(f"no such mutant: {name}")
+    return [m for m in mutants if m["name"] in names]
+
+
 def percent(part, whole):
     return 100.0 * part / whole if whole else 0.0
 
@@ -103,6 +116,9 @@ def main():
     jobs = os.cpu_count() or 2
     parser = argparse.ArgumentParser(prog="./run mutate", description=__doc__)
     parser.add_argument("files", nargs="*", metavar="FILE", help="files or folders of src/; all without one")
+    parser.add_argument("--only", metavar="LIST",
+                        help="the mutants that this file names, one a line or as survivors.txt does; survivors are tried again")
+    parser.add_argument("--cases", metavar="PATTERN", help="use the test cases that match, measured anew")
     parser.add_argument("--jobs", type=int, default=3 * jobs, help="test cases at once (%(default)s)")
     parser.add_argument("--cap", type=int, default=40, help="test cases for a mutant in the first pass (%(default)s)")
     parser.add_argument("--survivor-cap", type=int, default=400,
@@ -117,6 +133,8 @@ def main():
     mutants, skipped = tree.prepare(jobs)
     os.nice(10)
     chosen = chosen_mutants(mutants, options.files)
+    if options.only:
+        chosen = named_mutants(chosen, options.only)
     if options.fresh or options.again:
         (tree.OUT / "cases.json").unlink(missing_ok=True)
     if options.fresh:
@@ -127,13 +145,17 @@ def main():
         signal.signal(number, lambda *_: setattr(run, "deadline", 0))
     if options.again:
         run.results = {name: result for name, result in run.results.items() if result["status"] != "survived"}
-    run.measure()
+    if options.only and not options.report:
+        for mutant in chosen:
+            if run.results.get(mutant["name"], {}).get("status") == "survived":
+                del run.results[mutant["name"]]
+    run.measure(options.cases)
     if not options.report:
         tried = [m for m in chosen if m["name"] not in equivalents]
         run.run(tried, options.cap, False, "first pass")
         run.run(tried, options.survivor_cap, True, "survivors")
     run.workers.close()
-    score, contradicted = report(run, chosen, skipped, equivalents, not options.files)
+    score, contradicted = report(run, chosen, skipped, equivalents, not (options.files or options.only))
     print(f"score: {score:.2f} %")
     sys.exit(1 if contradicted or score < options.least else 0)
 

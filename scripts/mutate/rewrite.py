@@ -236,7 +236,7 @@ class Rewriter:
             head = self.text(line_start, node.location.offset)
             if re.search(r"\bconstexpr\b", head):
                 return self.skipping(context, "constant expression")
-            if not context.function:
+            if not context.function or re.search(r"\bconstinit\b", head):
                 return self.skipping(context, "initial value of a global")
         if kind == Kind.UNEXPOSED_DECL and re.search(r"\bconstexpr\b", self.text_of(node).split("=")[0].split("{")[0]):
             return self.skipping(context, "constant expression")  # a variable template

@@ -56,6 +56,10 @@ class Rewriting(unittest.TestCase):
         self.assertFalse([m for m in result.mutants if m.function == ""])
         self.assertGreaterEqual(result.skipped["constant expression"], 4)
 
+    def test_the_initial_value_of_a_static_variable_is_left_alone(self):
+        result = rewrite_text("int f() {\n    static constinit int calls = 7;\n    static int later = 5;\n    return ++calls + later;\n}\n")
+        self.assertEqual([before for before, _ in changes(result, "constant")], ["static int later = 5;"] * 2)
+
     def test_the_size_in_a_type_is_left_alone(self):
         result = rewrite_text("template <int N> struct t { int a[N]; };\nint f() {\n    t<4> b{};\n    return b.a[0];\n}\n")
         self.assertNotIn("t<5>", " ".join(m.after for m in result.mutants))

@@ -190,7 +190,7 @@ int _scc_lib_agent_reconnect(struct qx_thread* task) {
         return 0;
     }
     u32 disconnected = any_epoch;
-    if (app_id_now() == 0 || !end_connection(epoch_of(self.generation), disconnected, state_failed)) {
+    if (!end_connection(epoch_of(self.generation), disconnected, state_failed)) {
         return 0;
     }
     schedule_reconnect(disconnected);

@@ -66,7 +66,6 @@ bool has_block() SCC_REQUIRES(batch_lock) {
             return false;
         }
         g_scc_msg_send_q->capacity = wire::batch_capacity_bytes;
-        _scc_lib_send_buff_init();
     }
     return g_scc_msg_send_q != nullptr;
 }

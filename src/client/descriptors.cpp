@@ -34,9 +34,10 @@ std::atomic<i32>& slot_of(channel which) {
     return which == channel::sync ? g_scc_client_cb.sync_fd : g_scc_client_cb.async_fd;
 }
 
+// The kernel cannot reuse a number that is still open, so there is one loan of it.
 loan* find_loan(int fd) SCC_REQUIRES(g_connection_mutex) {
     for (loan& entry : g_loans) {
-        if (entry.users > 0 && !entry.doomed && entry.fd == fd) {
+        if (entry.users > 0 && entry.fd == fd) {
             return &entry;
         }
     }
@@ -152,7 +153,6 @@ borrowed_descriptor::borrowed_descriptor(channel which, u32 epoch) : fd_(-1), ep
     const mutex_guard guard(g_connection_mutex);
     epoch_ = g_epoch.load(relaxed);
     if (epoch != any_epoch && epoch != epoch_) {
-        epoch_ = epoch;
         return;
     }
     const int fd = slot_of(which).load(relaxed);
@@ -162,18 +162,9 @@ borrowed_descriptor::borrowed_descriptor(channel which, u32 epoch) : fd_(-1), ep
 }
 
 borrowed_descriptor::~borrowed_descriptor() {
-    if (fd_ < 0) {
-        return;
-    }
     const mutex_guard guard(g_connection_mutex);
-    for (loan& entry : g_loans) {
-        // The kernel cannot reuse a number that is still open, so there is one loan of it.
-        if (entry.users > 0 && entry.fd == fd_) {
-            if (--entry.users == 0 && entry.doomed) {
-                close(entry.fd);
-            }
-            return;
-        }
+    if (loan* entry = find_loan(fd_); entry != nullptr && --entry->users == 0 && entry->doomed) {
+        close(fd_);
     }
 }
 

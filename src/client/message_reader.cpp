@@ -95,7 +95,7 @@ received_message message_reader::finish() {
 
 received_message message_reader::receive(channel which, u32 epoch) {
     const borrowed_descriptor borrowed(which, epoch);
-    if (borrowed.fd() >= 0 && borrowed.epoch() != epoch_) {
+    if (borrowed.epoch() != epoch_) {
         begin_connection(borrowed.epoch());
     }
     const received_message received = read_message(which, borrowed.fd());

@@ -73,7 +73,7 @@ u32 message_stream::next(void** message) {
     *message = nullptr;
     skip_unwanted();
     if (message_ == nullptr) {
-        if (unwanted_ != 0 || buffered() < wire::header_bytes) {
+        if (buffered() < wire::header_bytes) {
             return result::ok;
         }
         if (const u32 error = begin_message(); error != result::ok) {

@@ -94,10 +94,6 @@ void deliver_messages(receiver& self, i32 fd) {
     self.results.deliver();
 }
 
-bool has_no_socket() {
-    return g_scc_client_cb.sync_fd.load(relaxed) < 0 && g_scc_client_cb.async_fd.load(relaxed) < 0;
-}
-
 // One pass of the loop, with at most one read.
 u32 receive_once(receiver& self) {
     if (scc_lib_rereg.load(relaxed) != 0) {
@@ -115,8 +111,8 @@ u32 receive_once(receiver& self) {
     if (fd < 0 && is_current(self.generation)) {
         SCC_LOG_FROM(self.how.thread, "scc client async socket not created.");
         sleep(limits::missing_socket_seconds);
-        // Without either socket, TMPDIR was unusable when the connection ended; it may be usable now.
-        return has_no_socket() ? result::peer_closed : result::ok;
+        // Without the other one too, TMPDIR was unusable when the connection ended; it may be usable now.
+        return g_scc_client_cb.sync_fd.load(relaxed) < 0 ? result::peer_closed : result::ok;
     }
     deliver_messages(self, fd);
     return result::ok;

@@ -69,7 +69,6 @@ i32 perform(const char* function, const message_kind<Record>& kind, const reques
     const auto handler = load_handler(g_scc_ss_cb.*Slot);
     if (handler == nullptr) {
         SCC_LOG_FROM(function, "%s is NULL", requested.handler_name);
-        operation.ret = 0;
         operation.op = requested.op;
         kind.callback(&operation, sizeof operation);
         return 0;

@@ -50,11 +50,10 @@ void queue_or_drop(i32 fd, void* message, result_run& /*results*/) {
 
 bool allocate_statistics() {
     if (ss_stat == nullptr) {
-        auto* block = static_cast<service_statistics*>(std::malloc(sizeof(service_statistics)));
+        auto* block = static_cast<service_statistics*>(std::calloc(1, sizeof(service_statistics)));
         if (block == nullptr) {
             return false;
         }
-        *block = {};
         __atomic_store_n(&ss_stat, block, __ATOMIC_RELAXED);
     }
     reset_service_statistics();

@@ -40,7 +40,6 @@ struct static_text {
 };
 
 const char* keep(static_text& buffer, const address_text& shown) {
-    std::memset(buffer.text, 0, sizeof buffer.text);
     std::memcpy(buffer.text, shown.text, sizeof shown.text);
     return buffer.text;
 }

@@ -62,8 +62,7 @@ void rebalance_after_erase(rb_node* node, rb_node* parent, rb_root* root) {
             continue;
         }
         if (!is_red(sibling->*other)) {
-            scc_rb_set_color(sibling->*side, rb_black);
-            scc_rb_set_color(sibling, rb_red);
+            // Both get their colours below, in their new places.
             rotate(sibling, other, root);
             sibling = parent->*other;
         }

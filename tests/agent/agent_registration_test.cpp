@@ -488,4 +488,42 @@ TEST_F(AgentRegistration, WhoseConnectionIsClosedByAnotherMeanwhileIsNotEndedTwi
     EXPECT_EQ(state(), 4U);
 }
 
+// ---- without a directory for the sockets nothing more is scheduled, so another start may follow
+
+class AgentWithoutDirectory : public AgentRegistration {
+  protected:
+    // The task runs while the directory is missing; then a start in thread mode registers.
+    void expect_given_up(const std::string& name) {
+        const test::added_task task = test::added_tasks(name).back();
+        in_loop([&] {
+            unsetenv("TMPDIR");
+            EXPECT_TRUE(test::run_kept(task, task.handle));
+            setenv("TMPDIR", daemon.directory().path().c_str(), 1);
+        });
+        EXPECT_EQ(test::task_results(name).wait(), 1);
+        daemon.listen();
+        ASSERT_EQ(scc_svr_reg(&info), 0U);
+        EXPECT_EQ(g_scc_client_cb.thread_mode.load(), 1U);
+        daemon.accept_registration();
+        EXPECT_EQ(test::statuses().wait(), 1U);
+        std::thread answering([this] { daemon.answer_unregistration(); });
+        EXPECT_EQ(scc_svr_unreg(), 0U);
+        answering.join();
+    }
+};
+
+TEST_F(AgentWithoutDirectory, ForItsFirstConnectionIsGivenUp) {
+    test::keep_from_loop("scc-connect");
+    ASSERT_EQ(init(), 0U);
+    expect_given_up("scc-connect");
+}
+
+TEST_F(AgentWithoutDirectory, ForItsNextConnectionIsGivenUp) {
+    start();
+    test::keep_from_loop("scc-reconnect");
+    daemon.close_both();
+    ASSERT_TRUE(test::wait_for_added("scc-reconnect", 1));
+    expect_given_up("scc-reconnect");
+}
+
 }  // namespace

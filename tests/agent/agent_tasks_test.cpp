@@ -461,4 +461,103 @@ TEST_F(AgentTasks, EndAConnectionOnceHoweverManyNoticeItsLoss) {
     });
 }
 
+// ---- which record a task finds
+
+TEST_F(AgentTasks, AreTakenByTheirOwnKindAlone) {
+    start();
+    in_loop([] {
+        const test::added_task write = kept_write(191, "a");
+        EXPECT_EQ(scc::take_task(scc::task_read, write.handle).argument, nullptr);
+        EXPECT_TRUE(scc::is_pending(scc::task_write));
+        EXPECT_TRUE(test::run_kept(write, write.handle));
+    });
+    expect_item(daemon.read_item(side::async), 191, "a");
+}
+
+TEST_F(AgentTasks, WithoutAHandleAreTheOldestOfTheirKind) {
+    start();
+    in_loop([] {
+        test::set_timer_seconds(1000);
+        scc::schedule_reconnect(scc::connection_epoch());
+        ASSERT_TRUE(scc::is_pending(scc::task_reconnect));
+        EXPECT_TRUE(scc::take_task(scc::task_reconnect, nullptr).found);
+        EXPECT_FALSE(scc::is_pending(scc::task_reconnect));
+    });
+}
+
+// The loop was about to run it. A later task of its kind is not its own.
+TEST_F(AgentTasks, ThatWereCancelledLeaveTheOthersOfTheirKindAlone) {
+    start();
+    in_loop([] {
+        const test::added_task cancelled = kept_write(191, "a");
+        scc::cancel_all_tasks();
+        std::free(cancelled.arg);
+        const test::added_task waiting = kept_write(192, "bb");
+        EXPECT_EQ(cancelled.handler(cancelled.handle), 0);
+        EXPECT_TRUE(scc::is_pending(scc::task_write));
+        EXPECT_TRUE(test::run_kept(waiting, waiting.handle));
+    });
+    expect_item(daemon.read_item(side::async), 192, "bb");
+}
+
+TEST_F(AgentTasks, OfTheSmallestAppIdAreScheduledLikeAnyOther) {
+    info.app_id = 1;
+    start();
+    expect_reading();
+    daemon.close_both();
+    expect_reconnection();
+    expect_reading();
+}
+
+// ---- what they return and log
+
+TEST_F(AgentTasks, ThatSucceedReturnZeroAndLogNoFailure) {
+    const test::debugging on;
+    start();
+    EXPECT_EQ(test::task_results("scc-connect").wait(), 0);
+    daemon.send_item(side::async, 210, wire().u32(1).u8(1));
+    EXPECT_EQ(moves().wait(), 1);
+    EXPECT_EQ(test::task_results("scc-read").wait(), 0);
+    in_loop([] {
+        const int fd = g_scc_client_cb.async_fd.load();
+        EXPECT_EQ(_scc_lib_thread_event(3, write_argument(write_request(199, "abc")), fd), 0);
+    });
+    EXPECT_EQ(daemon.read_item(side::async).type, 199);
+    EXPECT_EQ(test::task_results("scc-write").wait(), 0);
+    EXPECT_EQ(test::logged_failures(), std::vector<std::string>{});
+    daemon.close_both();
+    expect_reconnection();
+    EXPECT_EQ(test::task_results("scc-reconnect").wait(), 0);
+}
+
+TEST_F(AgentTasks, ToReadReturnTheErrorThatEndsTheReading) {
+    start();
+    test::set_timer_seconds(1000);
+    daemon.close_both();
+    EXPECT_EQ(test::task_results("scc-read").wait(), 32);
+}
+
+// ---- the pause between two attempts to schedule
+
+TEST_F(AgentTasks, AreScheduledAgainTwoSecondsLater) {
+    const auto elapsed_since = [](std::chrono::steady_clock::time_point before) {
+        return std::chrono::steady_clock::now() - before;
+    };
+    const auto first = std::chrono::steady_clock::now();
+    test::refuse_to_add(adding::event, 1);
+    ASSERT_EQ(scc_agent_init(&info, master), 0U);
+    EXPECT_GE(elapsed_since(first), std::chrono::milliseconds(1990));
+    daemon.accept_registration();
+    EXPECT_EQ(test::statuses().wait(), 1U);
+    settle();
+    in_loop([&] {
+        scc::cancel_all_tasks();
+        const auto second = std::chrono::steady_clock::now();
+        test::refuse_to_add(adding::read_high, 1);
+        scc::schedule_read(scc::connection_epoch());
+        EXPECT_GE(elapsed_since(second), std::chrono::milliseconds(1990));
+    });
+    expect_reading();
+}
+
 }  // namespace

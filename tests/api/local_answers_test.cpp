@@ -200,4 +200,10 @@ TEST_F(NacUserCounters, AreUnknownWhenNotRegisteredAndNeedAPlace) {
     EXPECT_EQ(scc_nac_user_counter_support(nullptr), 22U);
 }
 
+TEST(BindUserNames, AreNotAppendedWhenEvenTheSlashDoesNotFit) {
+    char buffer[8] = "abc";
+    EXPECT_EQ(_app_string_add(buffer, "x", true, 4), 0xFFFFFFFFU);
+    EXPECT_STREQ(buffer, "abc");
+}
+
 }  // namespace

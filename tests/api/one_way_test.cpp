@@ -91,4 +91,11 @@ TEST_F(OneWay, NothingIsSentOrCountedWhenNotRegistered) {
     test::expect_counted(test::counted_nowhere, {});
 }
 
+TEST_F(OneWay, ANoticeThatIsSentLogsNoFailure) {
+    start();
+    const test::debugging on;
+    EXPECT_EQ(scc_warterline_notify(1), 0U);
+    EXPECT_EQ(test::logged_failures(), std::vector<std::string>{});
+}
+
 }  // namespace

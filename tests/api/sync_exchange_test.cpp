@@ -2,6 +2,8 @@
 #include <atomic>
 
 #include "api/query_rows.h"
+#include "client/message_reader.h"
+#include "support/aside.h"
 
 using test::bytes;
 using test::item_bytes;
@@ -311,6 +313,43 @@ TEST_F(SyncExchange, MayBeMadeFromAHandler) {
     EXPECT_EQ(daemon.read_item(side::sync).value, bytes(wire().u32(0).u32(33).u32(0)));
     daemon.send_item(side::sync, 411, count_of(99));
     EXPECT_EQ(answers->wait(), 99U);
+}
+
+// The app id is 0 while an unregistration waits for its reply.
+TEST_F(SyncExchange, OfAQueryThatSucceedsDuringAnUnregistrationLeavesTheState) {
+    start();
+    g_scc_client_cb.app_id = 0;
+    daemon.send(side::sync, reply_to(1));
+    std::uint32_t count = 0;
+    EXPECT_EQ(scc_arp_check_user_count_get(1, &count), 0U);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 4U);
+    g_scc_client_cb.app_id = 7;
+}
+
+TEST_F(SyncExchange, AReplyThatCountsNoItemHasNoneWhateverFollowsItsHeader) {
+    start();
+    std::uint32_t count = 7;
+    const bytes item = item_bytes(411, count_of(9));
+    daemon.send(side::sync,
+                wire().u32(static_cast<std::uint32_t>(8 + item.size())).u8(1).u16(0).u8(0).add(item));
+    EXPECT_EQ(scc_arp_check_user_count_get(1, &count), 2007U);
+    EXPECT_EQ(count, 7U);
+}
+
+TEST_F(SyncExchange, LocksTheSocketForItself) {
+    start();
+    pthread_mutex_t& lock = scc::state_of(scc::channel::sync).lock.handle;
+    ASSERT_EQ(pthread_mutex_lock(&lock), 0);
+    test::aside<std::uint32_t> asking([] {
+        std::uint32_t count = 0;
+        return scc_arp_check_user_count_get(1, &count);
+    });
+    EXPECT_TRUE(asking.waits_in(test::waiting_for_a_lock));
+    EXPECT_TRUE(daemon.stays_silent(side::sync, 0));
+    pthread_mutex_unlock(&lock);
+    EXPECT_EQ(daemon.read_item(side::sync).type, 304);
+    daemon.send(side::sync, reply_to(1));
+    EXPECT_EQ(asking.get(), 0U);
 }
 
 }  // namespace

@@ -368,4 +368,13 @@ TEST(UserAclBounds, TheLowestAclIdIsNotRefusedBeforeTheStateIs) {
     EXPECT_EQ(scc_user_acl_delete_vmsup(&lowest, nullptr), 22U);
 }
 
+TEST_F(UserAcl, AChangedBindingWritesItsSixteenBytesAlone) {
+    start();
+    const scc_user_acl_record sent = user();
+    bytes memory(20, 0xA5);
+    daemon.send_item(side::sync, 136, wire().fill(24, 0x5A));
+    EXPECT_EQ(scc_user_acl_change_vmsup(&sent, memory.data()), 0U);
+    EXPECT_EQ(memory, bytes(wire().fill(16, 0x5A).fill(4, 0xA5)));
+}
+
 }  // namespace

@@ -1,4 +1,6 @@
 // NAC users and ARP entries: the mask rules change what is sent and nothing else.
+#include <algorithm>
+
 #include "api/request_rows.h"
 
 using test::bytes;
@@ -112,6 +114,13 @@ bytes record_with_mask(const scc_user_record& record, mask_sent sent) {
 
 using UserMask = test::recording_client;
 
+// The captured lines that name a mask, whichever.
+std::ptrdiff_t mask_lines() {
+    return std::ranges::count_if(test::log_texts(), [](const std::string& text) {
+        return text.starts_with("mask flag set:") || text.starts_with("1x or ipv4 scg mask:");
+    });
+}
+
 TEST_F(UserMask, IsSentByTheFlagsAndTheEntryTypeWhileRecordAndSavedDataStay) {
     start();
     std::uint32_t id = 0;
@@ -152,6 +161,7 @@ TEST_F(UserMask, IsLoggedWhenAFlagKeepsIt) {
             ASSERT_EQ(member.function(&record, nullptr), 0U);
             EXPECT_EQ(test::logged(kept), row.log == kept);
             EXPECT_EQ(test::logged(guarded), row.log == guarded);
+            EXPECT_EQ(mask_lines(), row.log == nullptr ? 0 : 1);
         }
     }
 }

@@ -1,6 +1,8 @@
 // The three displays of the ACL cache, text for text.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "client/acl_cache.h"
 #include "client/client_data.h"
 #include "client/log.h"
@@ -191,6 +193,23 @@ TEST(AclDumpBeforeAnyStart, ShowsAnEmptyCache) {
     test::clear_log();
     _scc_lib_dbg_acl_show(wire().u32(1).get().data());
     EXPECT_EQ(test::log_texts().size(), 4U + 512U + 3U);
+}
+
+TEST_F(AclDump, OneAclOfTheFirstBucketIsShown) {
+    fill();
+    const texts lines = show(wire().u32(2).u32(0xFF).u32(0xFF).u32(3));
+    EXPECT_EQ(
+        std::count(lines.begin(), lines.end(), "1       0       255     255      3       1000    1        "),
+        1);
+}
+
+TEST(AclDumpBeforeAnyStart, LeavesACacheThatTakesAcls) {
+    const bytes request = wire().u32(3);
+    _scc_lib_dbg_acl_show(request.data());
+    const scc_acl_key key = {1, 2, 3, 4};
+    _scc_lib_acl_add(&key);
+    const scc::write_guard guard(scc::acl_lock);
+    EXPECT_NE(_scc_acl_get(&key), nullptr);
 }
 
 }  // namespace

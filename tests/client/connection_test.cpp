@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -11,8 +12,10 @@
 #include <cstring>
 
 #include "client/channel_support.h"
+#include "client/client_data.h"
 #include "client/descriptors.h"
 #include "client/diagnostics.h"
+#include "client/pending_calls.h"
 #include "support/crowd.h"
 #include "support/hidden_variable.h"
 
@@ -283,7 +286,22 @@ TEST_F(Connection, ARefusalMayLeaveTheHolderOut) {
     daemon.accept_registration();
     expect_first_status_is_one();
     EXPECT_EQ(times_logged(who() + "reg action rejected by sccd!"), 1U);
-    EXPECT_EQ(times_logged("app id:7 already registered by pid:0!"), 0U);
+    EXPECT_EQ(lines_with("already registered by"), 0U);
+}
+
+// What follows the items of a message is not the holder.
+TEST_F(Connection, ARefusalWithoutAHolderEndsWithItsItem) {
+    const test::debugging on;
+    begin();
+    daemon.accept_both();
+    (void)daemon.read_item(side::sync);
+    daemon.send(
+        side::sync,
+        wire().u32(28).u8(1).u16(1).u8(0).add(test::item_bytes(301, wire().u32(0).u32(2002))).u32(4711));
+    EXPECT_TRUE(closes_silently(side::async));
+    EXPECT_EQ(lines_with("already registered by"), 0U);
+    daemon.accept_registration();
+    expect_first_status_is_one();
 }
 
 TEST_F(Connection, ARefusalOnTheAsyncSocketClosesBothAndRemovesTheFiles) {
@@ -479,7 +497,12 @@ TEST_F(Connection, TheThreadEndsWhenTheAppIdIsTakenAwayBeforeTheFirstRegistratio
     EXPECT_TRUE(test::wait_for_log("connect to sccd failed!!!"));
     g_scc_client_cb.app_id = 0;
     EXPECT_TRUE(test::wait_for_log("scc client not registered to sccd.exit thread."));
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_EQ(test::log_texts().back(), "scc client not registered to sccd.exit thread.");
     EXPECT_EQ(test::statuses().size(), 0U);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    daemon.listen();
+    start();
 }
 
 // The variable is removed between the check and the attempt.
@@ -503,6 +526,113 @@ TEST_F(Connection, AnAttemptWithoutADirectoryFailsAndIsMadeAgain) {
     variable->show();
     daemon.accept_registration();
     expect_first_status_is_one();
+}
+
+TEST_F(Connection, WithoutADirectoryNothingIsTried) {
+    (void)scc::begin_generation();
+    g_scc_client_cb.app_id = 7;
+    test::hidden_variable directory("TMPDIR");
+    directory.hide();
+    const test::debugging on;
+    EXPECT_FALSE(_scc_lib_svr_rereg());
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{"TMPDIR is unset, or too long for a socket path."});
+}
+
+// As the thread of a registration that has ended meanwhile.
+TEST_F(Connection, AnEndedRegistrationConnectsNothingAndLeavesTheFlagOfTheNext) {
+    const std::uint32_t earlier = scc::begin_generation();
+    (void)scc::begin_generation();
+    g_scc_client_cb.app_id = 7;
+    scc_lib_rereg = 1;
+    const test::debugging on;
+    std::thread late([earlier] {
+        scc::belong_to_generation(earlier);
+        EXPECT_FALSE(_scc_lib_svr_rereg());
+    });
+    late.join();
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_EQ(scc_lib_rereg.load(), 1);
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>());
+}
+
+// An attempt, made without a thread of the library.
+class RegistrationResult : public Connection {
+  protected:
+    RegistrationResult() {
+        _scc_lib_data_init();
+        g_scc_client_cb.app_id = 7;
+        g_scc_client_cb.pid = static_cast<std::uint32_t>(getpid());
+        generation_ = scc::begin_generation();
+    }
+
+    // The result of connecting and registering, while the daemon does its part.
+    template <class Act>
+    std::uint32_t result_while(const Act& act) {
+        std::uint32_t result = 0;
+        std::thread registering([&] {
+            result = scc::connect_and_register(scc::identity_of_control_block(), generation_, "test");
+        });
+        act();
+        registering.join();
+        return result;
+    }
+
+    std::uint32_t generation_ = 0;
+};
+
+TEST_F(RegistrationResult, IsThatOfTheStepThatFailed) {
+    EXPECT_EQ(result_while([&] {
+                  daemon.accept_both();
+                  (void)daemon.read_item(side::sync);
+                  daemon.close_both();
+              }),
+              32U);
+    EXPECT_EQ(_scc_lib_client_close(), 0);
+    EXPECT_EQ(result_while([&] {
+                  daemon.accept_both();
+                  (void)daemon.read_item(side::sync);
+                  daemon.send_item(side::sync, 301, wire().u32(0));
+              }),
+              2007U);
+    EXPECT_EQ(_scc_lib_client_close(), 0);
+    EXPECT_EQ(result_while([&] {
+                  daemon.accept_both();
+                  daemon.answer_registration(side::sync);
+                  daemon.answer_registration(side::async, 2000);
+              }),
+              2000U);
+    EXPECT_EQ(_scc_lib_client_close(), 0);
+    daemon.stop_listening();
+    const test::debugging on;
+    EXPECT_EQ(result_while([] {}), 2U);
+    EXPECT_FALSE(test::logged(who() + "connect to sccd success!"));
+    test::hidden_variable directory("TMPDIR");
+    directory.hide();
+    EXPECT_EQ(result_while([] {}), 5U);
+}
+
+TEST_F(RegistrationResult, IsABadDescriptorOnceTheRegistrationHasEnded) {
+    scc::end_generation();
+    EXPECT_EQ(result_while([] {}), 9U);
+}
+
+TEST_F(RegistrationResult, OfARequestOnAnEndedConnectionIsItsError) {
+    EXPECT_EQ(result_while([&] { daemon.accept_registration(); }), 0U);
+    daemon.close_both();
+    const scc::registration_identity identity = scc::identity_of_control_block();
+    EXPECT_EQ(_scc_lib_client_reg(1, &identity), 32U);
+    EXPECT_EQ(_scc_lib_client_reg(0, &identity), 32U);
+    EXPECT_EQ(_scc_lib_client_close(), 0);
+    EXPECT_EQ(_scc_lib_client_reg(1, &identity), 9U);
+}
+
+TEST_F(RegistrationResult, AnUnregistrationOnAnEndedConnectionDropsTheCallsAtOnce) {
+    EXPECT_EQ(result_while([&] { daemon.accept_registration(); }), 0U);
+    ASSERT_EQ(_scc_lib_save_call_data(1, 45, nullptr, 0), 0U);
+    daemon.close_both();
+    EXPECT_EQ(_scc_client_unreg(g_scc_client_cb.sync_fd, 7, 1), 0U);
+    EXPECT_EQ(scc::pending_calls(), 0U);
 }
 
 // The state after a failed close.
@@ -569,6 +699,21 @@ TEST_F(Connection, ADescriptorThatIsMovedLeavesItsNumberFree) {
     dup2(kept, STDIN_FILENO);
     EXPECT_GT(fd, 2);
     EXPECT_TRUE(is_free);
+}
+
+TEST_F(Connection, TheLastFreeDescriptorIsEnough) {
+    g_scc_client_cb.pid = 42;
+    const std::string prefix = daemon.directory().runtime() + "/own_";
+    const int next = dup(STDIN_FILENO);
+    close(next);
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = static_cast<rlim_t>(next) + 1;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(_scc_lib_client_connect(prefix.c_str()), next);
+    limit.rlim_cur = before;
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 }  // namespace

@@ -85,6 +85,37 @@ TEST_F(Descriptors, AFailedCloseIsMinusOneAndTheFilesStay) {
     close(async_pair[0]);
 }
 
+TEST_F(Descriptors, OneFailedCloseIsMinusOneAndTheOtherSocketIsClosed) {
+    g_scc_client_cb.sync_fd = 999;
+    g_scc_client_cb.async_fd = async_pair[0];
+    EXPECT_EQ(_scc_lib_client_close(), -1);
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), 999);
+    EXPECT_FALSE(is_open(async_pair[0]));
+    g_scc_client_cb.sync_fd = sync_pair[0];
+    g_scc_client_cb.async_fd = 999;
+    EXPECT_EQ(_scc_lib_client_close(), -1);
+    EXPECT_EQ(g_scc_client_cb.async_fd.load(), 999);
+    EXPECT_FALSE(is_open(sync_pair[0]));
+}
+
+// The name without the process number's last digit may be another process's.
+TEST_F(Descriptors, AFileWhoseNameWouldBeCutIsLeftAlone) {
+    g_scc_client_cb.pid = static_cast<std::uint32_t>(getpid());
+    const std::size_t fixed = std::string("/security/scc/.sccl_sd1_").size() + test::own_pid().size();
+    std::string longest = daemon.directory().path() + "/";
+    longest.append(108 - fixed - longest.size(), 'd');
+    const std::filesystem::path runtime = longest + "/security/scc";
+    std::filesystem::create_directories(runtime);
+    const std::string pid = test::own_pid();
+    const auto other = runtime / (".sccl_sd1_" + pid.substr(0, pid.size() - 1));
+    ASSERT_EQ(other.string().size(), 107U);
+    close(creat(other.c_str(), 0600));
+    setenv("TMPDIR", longest.c_str(), 1);
+    install(scc::begin_generation());
+    EXPECT_EQ(_scc_lib_client_close(), 0);
+    EXPECT_TRUE(std::filesystem::exists(other));
+}
+
 TEST_F(Descriptors, WithoutAPathTheSocketsAreClosedAndTheResultIs1) {
     install(scc::begin_generation());
     unsetenv("TMPDIR");
@@ -216,6 +247,8 @@ TEST_F(Descriptors, AShutDownLeavesAMissingSocketAlone) {
 
 // Each stays lent while its connection has ended.
 TEST_F(Descriptors, ThirtyTwoAreLentAtOnceAndTheNextWaitsForOneOfThem) {
+    const borrowed_descriptor none(channel::sync);  // takes no place
+    EXPECT_EQ(none.fd(), -1);
     std::vector<std::unique_ptr<borrowed_descriptor>> lent;
     for (int i = 0; i < 32; ++i) {
         const int fd = dup(sync_pair[0]);
@@ -238,6 +271,51 @@ TEST_F(Descriptors, AStatusWithoutAHandlerIsNothing) {
     EXPECT_EQ(test::statuses().wait(), 0U);
     close(sync_pair[0]);
     close(async_pair[0]);
+}
+
+// ---- what keeps another start away ----------------------------------------------------------------------
+
+class Starts : public Descriptors {
+  protected:
+    Starts() {
+        scc::give_start_up(scc::begin_generation());
+        EXPECT_FALSE(scc::is_started(scc::start_kind::thread));
+    }
+    ~Starts() override {
+        close(sync_pair[0]);
+        close(async_pair[0]);
+    }
+};
+
+TEST_F(Starts, AnUnregistrationUntilItHasEnded) {
+    _scc_client_state_set(scc::state_registered);
+    std::uint32_t app_id = 0;
+    ASSERT_TRUE(scc::begin_unregistration(app_id));
+    _scc_client_state_set(scc::state_idle);
+    EXPECT_TRUE(scc::is_started(scc::start_kind::thread));
+    scc::end_unregistration();
+    EXPECT_FALSE(scc::is_started(scc::start_kind::thread));
+}
+
+TEST_F(Starts, AConnectionInWhateverState) {
+    g_scc_client_cb.sync_fd = sync_pair[0];
+    EXPECT_FALSE(scc::is_started(scc::start_kind::thread));
+    g_scc_client_cb.async_fd = async_pair[0];
+    EXPECT_TRUE(scc::is_started(scc::start_kind::thread));
+    EXPECT_TRUE(scc::is_started(scc::start_kind::agent));
+}
+
+TEST_F(Starts, AStartEndsWhatAnAttemptBeforeItHasOpened) {
+    const std::uint32_t before = scc::connection_epoch();
+    g_scc_client_cb.sync_fd = sync_pair[0];
+    std::uint32_t generation = 0;
+    ASSERT_TRUE(scc::claim_start(scc::start_kind::thread, generation));
+    EXPECT_TRUE(scc::is_current(generation));
+    EXPECT_NE(scc::connection_epoch(), before);
+    EXPECT_EQ(g_scc_client_cb.sync_fd.load(), -1);
+    char byte = 0;
+    EXPECT_EQ(recv(sync_pair[1], &byte, 1, MSG_DONTWAIT), 0);
+    sync_pair[0] = -1;
 }
 
 // ---- what is done to a connection by its epoch ----------------------------------------------------------
@@ -294,6 +372,26 @@ TEST_F(ByEpoch, ADescriptorOfZeroIsNotShutDownAndAnyGreaterOneIs) {
     ASSERT_EQ(dup2(output, 1), 1);
     EXPECT_FALSE(has_ended(sync_pair[1]));
     EXPECT_TRUE(has_ended(async_pair[1]));
+}
+
+TEST_F(ByEpoch, ADescriptorOfOneIsClosedLikeAnyOther) {
+    const int output = dup(1);  // where the test tells its result
+    ASSERT_EQ(dup2(async_pair[0], 1), 1);
+    close(async_pair[0]);
+    g_scc_client_cb.async_fd = 1;
+    const int closed = _scc_lib_client_close();
+    const bool is_gone = !is_open(1);
+    ASSERT_EQ(dup2(output, 1), 1);
+    EXPECT_EQ(closed, 0);
+    EXPECT_TRUE(is_gone);
+    EXPECT_TRUE(both_ended());
+}
+
+TEST_F(ByEpoch, AResetDropsEverythingAndLeavesState5) {
+    EXPECT_TRUE(scc::reset_connection(scc::current_generation()));
+    EXPECT_EQ(g_scc_client_cb.state.load(), 5U);
+    EXPECT_TRUE(both_ended());
+    EXPECT_EQ(scc_lib_rereg.load(), 1);
 }
 
 TEST_F(ByEpoch, TheStateGoesBackOnlyForTheSameEpochWithoutAnAppId) {

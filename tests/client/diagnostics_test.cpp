@@ -15,6 +15,7 @@
 #include "client/acl_cache.h"
 #include "client/control_block.h"
 #include "client/log.h"
+#include "support/hidden_variable.h"
 #include "support/registered_client.h"
 #include "support/temp_dir.h"
 
@@ -494,6 +495,31 @@ TEST(Probes, ElapsedTimesWrapAtThirtyTwoBits) {
     const std::uint32_t waited = clock_us() - before;
     EXPECT_LE(g_scc_perf[1].last - 0x70000000U, waited);
     EXPECT_EQ(g_scc_perf[1].total, g_scc_perf[1].last - 1);
+}
+
+// ---- descriptors and paths of a host that has changed them
+
+TEST_F(SwitchFile, IsReadThroughDescriptorZeroToo) {
+    write("dot1x   1\n");
+    const int input = dup(STDIN_FILENO);
+    ASSERT_EQ(close(STDIN_FILENO), 0);
+    EXPECT_EQ(flag_from(0, "dot1x"), 1);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "descriptor 0 was left open";
+    dup2(input, STDIN_FILENO);
+    close(input);
+}
+
+// Nothing is called in between, so what the first start left on the stack is there.
+TEST_F(SwitchFile, OfAnEarlierStartIsNotReadOnceTheVariableIsGone) {
+    write("dot1x   1\n");
+    test::hidden_variable variable("DATA_QXOS_DIR");
+    _scc_lib_debug_init("dot1x");
+    const std::uint8_t first = scc_lib_debug.exchange(0);
+    variable.hide();
+    _scc_lib_debug_init("dot1x");
+    const std::uint8_t second = scc_lib_debug.exchange(0);
+    EXPECT_EQ(first, 1);
+    EXPECT_EQ(second, 0);
 }
 
 }  // namespace

@@ -399,4 +399,12 @@ TEST_F(RegisteredDispatch, AMessageWhoseItemsLeadPastItIsRefusedWholeAndTheNextI
     stop();
 }
 
+// A handler ends the registration: what follows it in the message is not even looked at.
+TEST_F(Dispatch, NothingIsLoggedOfWhatFollowsTheEndOfTheRegistration) {
+    g_scc_client_cb.handlers.authmode = [](std::uint32_t) { scc::end_generation(); };
+    const test::debugging on;
+    walk({mode_item(5), item_bytes(401, wire().u32(1).u32(0)), item_bytes(9999, bytes(4))});
+    EXPECT_EQ(test::log_texts(), texts{"call authmode notify handler"});
+}
+
 }  // namespace

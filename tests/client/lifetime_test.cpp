@@ -128,4 +128,38 @@ TEST_F(Lifetime, AThreadThatIsNoReceiveThreadActsForTheCurrentGeneration) {
     EXPECT_EQ(receiving.get(), ended);
 }
 
+TEST_F(Lifetime, TheWaitForAnUnregistrationEndsWithIt) {
+    register_as(7);
+    const std::uint32_t generation = scc::begin_generation();
+    std::uint32_t app_id = 0;
+    ASSERT_TRUE(scc::begin_unregistration(app_id));
+    aside<bool> waiting([generation] { return scc::survives_unregistration(generation); });
+    ASSERT_TRUE(waiting.waits_in(test::waiting_for_a_lock));
+    scc::end_unregistration();
+    EXPECT_TRUE(waiting.returns());
+    EXPECT_TRUE(waiting.get());
+}
+
+TEST_F(Lifetime, ARefusedEndLeavesAnyStateButIdleAsItIs) {
+    g_scc_client_cb.sync_fd = 0;
+    g_scc_client_cb.async_fd = 0;
+    for (const std::uint32_t state : {2U, 3U, 5U}) {
+        register_as(7);
+        std::uint32_t app_id = 0;
+        ASSERT_TRUE(scc::begin_unregistration(app_id));
+        _scc_client_state_set(state);
+        scc::take_unregistration_back(app_id);
+        EXPECT_EQ(g_scc_client_cb.state.load(), state);
+    }
+}
+
+TEST_F(Lifetime, IsLockedByWhoeverChangesIt) {
+    ASSERT_EQ(pthread_mutex_lock(&scc::g_connection_mutex.handle), 0);
+    aside<std::uint32_t> beginning([] { return scc::begin_generation(); });
+    EXPECT_TRUE(beginning.waits_in(test::waiting_for_a_lock));
+    pthread_mutex_unlock(&scc::g_connection_mutex.handle);
+    const std::uint32_t begun = beginning.get();
+    EXPECT_EQ(begun, scc::current_generation());
+}
+
 }  // namespace

@@ -5,10 +5,12 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <thread>
 #include <vector>
 
 #include "client/tuning.h"
+#include "support/aside.h"
 
 namespace {
 
@@ -76,6 +78,38 @@ TEST_F(MessageQueue, WakesAWaitingThread) {
         ASSERT_TRUE(scc::enqueue_message(1, &message));
     }
     taking.join();
+}
+
+// A start without memory for the batch does not prepare the queue, and its threads run all the same.
+TEST(UnpreparedMessageQueue, IsPreparedByTheFirstMessage) {
+    int message = 0;
+    ASSERT_TRUE(scc::enqueue_message(3, &message));
+    scc::scc_lib_msg_node* node = scc::dequeue_message();
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(node->message, &message);
+    free(node);
+}
+
+TEST(UnpreparedMessageQueue, IsPreparedByAStart) {
+    scc::init_message_queue();
+    EXPECT_EQ(g_scc_lib_msg_q.next, &g_scc_lib_msg_q);
+}
+
+TEST_F(MessageQueue, IsLockedByWhoeverAddsAndWhoeverTakes) {
+    static int message = 0;
+    const std::function<bool()> acts[] = {[] { return scc::enqueue_message(3, &message); },
+                                          [] {
+                                              scc::scc_lib_msg_node* node = scc::dequeue_message();
+                                              free(node);
+                                              return node != nullptr;
+                                          }};
+    for (const std::function<bool()>& act : acts) {
+        ASSERT_EQ(pthread_mutex_lock(&g_scc_lib_msg_mutex), 0);
+        test::aside<bool> waiting(act);
+        EXPECT_TRUE(waiting.waits_in(test::waiting_for_a_lock));
+        pthread_mutex_unlock(&g_scc_lib_msg_mutex);
+        EXPECT_TRUE(waiting.get());
+    }
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "client/channel_support.h"
+#include "support/large_blocks.h"
 
 using test::bytes;
 
@@ -129,6 +130,68 @@ TEST_F(PendingCalls, BlocksThatAreUsedAgainHoldTheNewData) {
             scc::free_idle_blocks();
         }
     }
+}
+
+class IdleBlocks : public PendingCalls {
+  protected:
+    // A large block comes back from a delivered call.
+    static void use_block() {
+        std::vector<std::uint8_t> data(test::large_blocks::size);
+        ASSERT_EQ(_scc_lib_save_call_data(1, 1, data.data(), static_cast<int>(data.size())), 0U);
+        ASSERT_EQ(kind_of(1), 1U);
+    }
+
+    // Where large blocks cannot be counted there are none.
+    const long one = [] {
+        const test::large_blocks before;
+        const std::vector<std::uint8_t> block(test::large_blocks::size);
+        return before.more();
+    }();
+    const test::large_blocks blocks;
+};
+
+TEST_F(IdleBlocks, AreFreedWhenNoneWasUsedSinceTheLastPass) {
+    use_block();
+    EXPECT_EQ(blocks.more(), one);
+    scc::free_idle_blocks();
+    EXPECT_EQ(blocks.more(), 0);
+}
+
+TEST_F(IdleBlocks, AreKeptAsLongAsSomeAreUsed) {
+    use_block();
+    for (int pass = 0; pass < 3; ++pass) {
+        use_block();
+        scc::free_idle_blocks();
+        EXPECT_EQ(blocks.more(), one);
+    }
+    scc::free_idle_blocks();
+    EXPECT_EQ(blocks.more(), 0);
+}
+
+TEST_F(IdleBlocks, AreLeftToALaterPassWhileARequestHoldsItsLock) {
+    use_block();
+    ASSERT_EQ(pthread_rwlock_wrlock(&scc_lib_lock), 0);
+    scc::free_idle_blocks();
+    EXPECT_EQ(blocks.more(), one);
+    pthread_rwlock_unlock(&scc_lib_lock);
+    scc::free_idle_blocks();
+    EXPECT_EQ(blocks.more(), 0);
+    EXPECT_EQ(pthread_rwlock_trywrlock(&scc_lib_lock), 0) << "the lock was released";
+    pthread_rwlock_unlock(&scc_lib_lock);
+}
+
+TEST_F(IdleBlocks, OfAnotherSizeAreFreedByTheNextRequest) {
+    use_block();
+    ASSERT_EQ(save(2, 1, {1}), 0U);
+    EXPECT_EQ(blocks.more(), 0);
+}
+
+TEST_F(IdleBlocks, DeletedCallsLeaveNone) {
+    const std::vector<std::uint8_t> data(test::large_blocks::size);
+    const test::large_blocks now;
+    ASSERT_EQ(_scc_lib_save_call_data(1, 1, data.data(), static_cast<int>(data.size())), 0U);
+    _scc_lib_del_call_data(1);
+    EXPECT_EQ(now.more(), 0);
 }
 
 // More calls than the ring between the threads holds, looked up in between, in both orders.

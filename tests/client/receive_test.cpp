@@ -9,11 +9,13 @@
 #include "client/acl_cache.h"
 #include "client/channel_support.h"
 #include "client/connection.h"
+#include "client/descriptors.h"
 #include "client/diagnostics.h"
 #include "client/locks.h"
 #include "client/message_reader.h"
 #include "client/request_channel.h"
 #include "support/hidden_variable.h"
+#include "support/large_blocks.h"
 #include "support/one_at_a_time.h"
 
 using test::bytes;
@@ -775,6 +777,127 @@ TEST_F(Receive, WhatArrivedAfterTheMessageWhoseHandlerUnregistersIsDropped) {
     EXPECT_EQ(moves.size(), 0U);
 }
 
+// ---- the memory of messages
+
+class ReceivedMemory : public Receive {
+  protected:
+    // A message of a large block, unknown to the library.
+    static bytes large_message() {
+        return message_bytes({item_bytes(999, bytes(test::large_blocks::size - 16))});
+    }
+
+    static bool none_left(const test::large_blocks& blocks) {
+        return test::eventually([&blocks] { return blocks.more() == 0; });
+    }
+};
+
+TEST_F(ReceivedMemory, IsFreedOnceAMessageWasDelivered) {
+    start();
+    request(1);
+    const test::large_blocks blocks;
+    daemon.send(side::async, large_message());
+    daemon.send_result(1, 0);
+    EXPECT_EQ(results().wait(), 1000U);
+    EXPECT_TRUE(none_left(blocks));
+}
+
+TEST_F(ReceivedMemory, OfAMessageThatIsNotDeliveredAnyMoreIsFreed) {
+    info.handlers.station_move = [](std::uint8_t) {
+        test::hold_here();
+        results().push(scc_svr_unreg());
+    };
+    start();
+    const test::large_blocks blocks;
+    daemon.send(side::async,
+                wire().add(message_bytes({item_bytes(210, wire().u32(1).u8(1))})).add(large_message()));
+    ASSERT_TRUE(test::entered().wait());
+    EXPECT_EQ(blocks.more(), 0);
+    test::released().push(1);
+    daemon.answer_unregistration();
+    EXPECT_EQ(results().wait(), 0U);
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(none_left(blocks));
+}
+
+TEST_F(ReceivedMemory, OfAMessageThatIsCutByTheEndOfItsConnectionIsFreed) {
+    start();
+    const test::large_blocks blocks;
+    daemon.send(side::async, test::slice(large_message(), 0, 100));
+    ASSERT_TRUE(test::all_taken(daemon.fd(side::async)));
+    daemon.close_both();
+    ASSERT_EQ(test::statuses().wait(), 0U);
+    daemon.accept_registration();
+    ASSERT_EQ(test::statuses().wait(), 1U);
+    request(1);
+    daemon.send_result(g_scc_client_cb.last_call_id, 0);
+    ASSERT_TRUE(results().wait());
+    EXPECT_TRUE(none_left(blocks));
+}
+
+TEST_F(ReceivedMemory, OfAMessageThatIsCutByTheEndOfItsRegistrationIsFreed) {
+    start();
+    const test::large_blocks blocks;
+    daemon.send(side::async, test::slice(large_message(), 0, 100));
+    ASSERT_TRUE(test::all_taken(daemon.fd(side::async)));
+    ASSERT_TRUE(test::others_are_waiting());
+    stop();
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(none_left(blocks));
+}
+
+// ---- while the registration ends
+
+// How often the receive thread has gone to sleep.
+std::string sleeps() {
+    const std::string first = std::to_string(test::receive_thread());
+    for (const test::process_thread& one : test::process_threads("voluntary_ctxt_switches")) {
+        if (std::to_string(one.id) == first) {
+            return one.value;
+        }
+    }
+    return "";
+}
+
+TEST_F(Receive, NotificationsAreDeliveredWhileAnUnregistrationWaitsForItsReply) {
+    info.handlers.station_move = [](std::uint8_t permitted) { results().push(permitted); };
+    start();
+    std::thread ending([] { EXPECT_EQ(scc_svr_unreg(), 0U); });
+    EXPECT_EQ(daemon.read_item(side::sync).type, 302);
+    const auto deliver = [this](std::uint8_t permitted) {
+        daemon.send_item(side::async, 210, wire().u32(1).u8(permitted));
+        EXPECT_EQ(results().wait(std::chrono::seconds(5)), permitted);
+    };
+    deliver(1);
+    deliver(0);
+    ASSERT_TRUE(test::wait_until_it_sleeps_in(test::receive_thread(), test::waiting_for_bytes));
+    const std::string before = sleeps();
+    EXPECT_TRUE(test::eventually([&] { return sleeps() != before; }));  // nothing came for a second
+    deliver(1);
+    daemon.send_item(side::sync, 302, wire().u32(0).u32(0));
+    ending.join();
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+}
+
+// The registration ends, and its sockets close, between two steps of the receive thread.
+TEST_F(Receive, TheThreadDoesNotLookForTheSocketOfAnEndedRegistration) {
+    start_with_holding_handler();
+    hold();
+    const test::debugging on;
+    const int real = g_scc_client_cb.async_fd.exchange(-1);
+    release();
+    ASSERT_TRUE(test::wait_for_log("scc client async socket not created."));
+    const pid_t thread = test::receive_thread();
+    {
+        const scc::mutex_guard guard(scc::g_connection_mutex);
+        ASSERT_TRUE(test::wait_until_it_sleeps_in(thread, test::waiting_for_a_lock));
+        (void)scc::locked::begin_generation(scc::start_kind::none);
+        test::clear_log();
+    }
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>());
+    g_scc_client_cb.async_fd = real;
+}
+
 // As if another thread ended it for good.
 TEST_F(Receive, TheThreadLeavesWhenItsRegistrationEndsWhileItComesBack) {
     info.handlers.server_status = [](std::uint32_t status) {
@@ -787,10 +910,25 @@ TEST_F(Receive, TheThreadLeavesWhenItsRegistrationEndsWhileItComesBack) {
     ASSERT_EQ(scc_svr_reg(&info), 0U);
     daemon.accept_registration();
     ASSERT_EQ(test::statuses().wait(), 1U);
+    const test::debugging on;
     daemon.close_both();
     EXPECT_EQ(test::statuses().wait(), 0U);
     EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
     EXPECT_EQ(test::statuses().size(), 0U);
+    EXPECT_FALSE(test::logged("appid 7 ready to rereg."));
+}
+
+TEST_F(Receive, TheThreadEndsWhenTheAppIdIsTakenAwayAfterALoss) {
+    start();
+    daemon.stop_listening();
+    daemon.close_both();
+    ASSERT_EQ(test::statuses().wait(), 0U);
+    g_scc_client_cb.app_id = 0;
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
+    EXPECT_EQ(test::statuses().size(), 0U);
+    daemon.listen();
+    start();
 }
 
 }  // namespace

@@ -386,4 +386,36 @@ TEST_F(RequestChannel, RequestsAreRefusedWith2004UnlessRegistered) {
     EXPECT_EQ(call_id, 1U);
 }
 
+// ---- around a registration
+
+TEST_F(RequestChannel, BeforeAStartThereIsNoBatch) {
+    const test::debugging on;
+    EXPECT_EQ(batch(900, bytes(4)), 12U);
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{"(app id:0, pid:0)alloc memory error!"});
+    start();
+    EXPECT_EQ(batch(901, bytes(4)), 0U);
+    scc::flush_waiting_batch();
+    EXPECT_EQ(next_message(), message_bytes({item_bytes(901, bytes(4))}));
+}
+
+// The app id is 0 while an unregistration waits for its reply.
+TEST_F(RequestChannel, ASendThatSucceedsDuringAnUnregistrationLeavesTheState) {
+    start();
+    g_scc_client_cb.app_id = 0;
+    const bytes value = wire().u32(1);
+    EXPECT_EQ(_scc_lib_msg_send(220, value.data(), 4, 1), 0U);
+    EXPECT_EQ(batch(901, bytes(8176)), 22U);
+    EXPECT_EQ(g_scc_client_cb.state.load(), 4U);
+    g_scc_client_cb.app_id = 7;
+}
+
+TEST_F(RequestChannel, AFlushThatSucceedsLogsNoFailure) {
+    start();
+    const test::debugging on;
+    EXPECT_EQ(batch(901, bytes(4)), 0U);
+    scc::flush_waiting_batch();
+    EXPECT_EQ(scc_warterline_notify(1), 0U);
+    EXPECT_EQ(test::logged_failures(), std::vector<std::string>{});
+}
+
 }  // namespace

@@ -628,4 +628,32 @@ TEST_F(Results, OfAnUnknownKindLogNothingWhileTheSwitchIsOff) {
     EXPECT_EQ(scc::pending_calls(), 0U);
 }
 
+// What was saved ends before, in or right after the operation at offset 24.
+TEST_F(Results, AUserWhoseOperationWasNotSavedWholeIsNotCounted) {
+    test::use_handlers(scc_handlers{});
+    for (const int size : {0, 23, 24, 27, 28}) {
+        SCOPED_TRACE(size);
+        const bytes whole = wire().zeros(24).u32(1);
+        // The bytes after the saved ones may be anything: here, an operation.
+        ASSERT_EQ(_scc_lib_save_call_data(1, 27, whole.data(), 28), 0U);
+        deliver(1, 0);
+        EXPECT_EQ(counted(), (counts{{6, 1, 0}}));
+        ASSERT_EQ(_scc_lib_save_call_data(1, 27, whole.data(), size), 0U);
+        deliver(1, 0);
+        EXPECT_EQ(counted(), size == 28 ? (counts{{6, 1, 0}}) : counts{});
+    }
+}
+
+TEST_F(Results, ACallWithLessThanItsHandlerTakesIsNotDelivered) {
+    for (const result_case& row : packed_cases()) {
+        if (row.kind == 50) {
+            continue;  // takes data of any length
+        }
+        save(1, row.kind, {});
+        deliver(1, 12);
+        EXPECT_TRUE(test::taken_calls().empty()) << row.kind;
+    }
+    EXPECT_EQ(scc::pending_calls(), 0U);
+}
+
 }  // namespace

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include "client/channel_support.h"
+#include "client/descriptors.h"
 
 using test::bytes;
 using test::side;
@@ -178,6 +179,59 @@ TEST_F(Start, TakesTheIdentityOver) {
     std::string first;
     std::getline(file, first, '\0');
     EXPECT_EQ(std::string(g_scc_client_cb.process_name), first.substr(0, 106));
+}
+
+TEST_F(Start, AFileInTheRuntimeDirectorysPlaceKeepsItsMode) {
+    const std::string base = daemon.directory().path() + "/other";
+    std::filesystem::create_directories(base + "/security");
+    std::ofstream(base + "/security/scc") << "text";
+    ASSERT_EQ(chmod((base + "/security/scc").c_str(), 0600), 0);
+    setenv("TMPDIR", base.c_str(), 1);
+    scc::open_runtime_directory();
+    EXPECT_EQ(mode_of(base + "/security/scc"), 0600U);
+}
+
+// A host may run without its standard descriptors.
+TEST_F(Start, OpeningTheRuntimeDirectoryKeepsNoDescriptorEvenIfItIsZero) {
+    const int input = dup(STDIN_FILENO);
+    ASSERT_EQ(close(STDIN_FILENO), 0);
+    scc::open_runtime_directory();
+    const int zero = fcntl(STDIN_FILENO, F_GETFD);
+    EXPECT_EQ(zero, -1) << "descriptor 0 was left open";
+    dup2(input, STDIN_FILENO);
+    close(input);
+}
+
+TEST_F(Start, TakesANameThatDiffersByOneCharacter) {
+    ASSERT_GT(std::strlen(program_invocation_name), 3U);
+    std::memcpy(program_invocation_name, "app", 4);
+    std::memset(g_scc_client_cb.process_name, 0, sizeof g_scc_client_cb.process_name);
+    std::memcpy(g_scc_client_cb.process_name, "apq", 3);
+    start();
+    EXPECT_STREQ(g_scc_client_cb.process_name, "app");
+}
+
+TEST_F(Start, ThatSucceedsLogsNoFailure) {
+    const test::debugging on;
+    start();
+    EXPECT_EQ(test::logged_failures(), std::vector<std::string>{});
+}
+
+TEST_F(Start, ThatIsUndoneKeepsAnyOtherAwayUntilItIsUndone) {
+    static bool alone = false;
+    scc::undo_start([] { alone = scc::is_started(scc::start_kind::agent); });
+    EXPECT_TRUE(alone);
+    EXPECT_FALSE(scc::is_started(scc::start_kind::agent));
+}
+
+// 107 bytes with the terminator. The kernel takes the name from the memory of the arguments.
+TEST_F(Start, CutsALongNameTo106Characters) {
+    std::memset(program_invocation_name, 'x', 150);
+    program_invocation_name[150] = '\0';
+    start();
+    bytes expected(106, 'x');
+    expected.push_back(0);
+    EXPECT_EQ(bytes(g_scc_client_cb.process_name, g_scc_client_cb.process_name + 107), expected);
 }
 
 }  // namespace

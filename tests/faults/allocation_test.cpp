@@ -1,5 +1,6 @@
 // Every allocation of every call of applications fails once: the call returns 12, sends, keeps and leaks
 // nothing, and the next one works.
+#include <algorithm>
 #include <cstdlib>
 
 #include "client/acl_cache.h"
@@ -607,6 +608,17 @@ TEST_F(Allocation, FailsTheStatisticsReplyWhichIsThenTheShortOne) {
     EXPECT_TRUE(test::end_faults());
     daemon.send_item(side::async, 318, {});
     EXPECT_EQ(daemon.read_item(side::sync).value.size(), 320U);
+}
+
+// Allocations of any other size succeed.
+TEST_F(Allocation, FailsASavedCallOfWhichTheDataHasAnyLength) {
+    const std::uint8_t data[5] = {};
+    for (const int length : {-1, 0, 1, 2, 5}) {
+        SCOPED_TRACE(length);
+        test::fail_allocations_of(32 + std::max(length, 0));
+        EXPECT_EQ(_scc_lib_save_call_data(1, 45, data, length), 12U);
+        EXPECT_TRUE(test::end_faults());
+    }
 }
 
 }  // namespace

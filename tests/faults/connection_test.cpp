@@ -2,10 +2,13 @@
 #include "client/connection.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstring>
 
+#include "client/lifetime.h"
 #include "fault_support.h"
 
 using test::call;
@@ -263,6 +266,86 @@ TEST_F(ConnectionFaults, AnUnregistrationReplyThatCannotBeReadIsConsentOrTheErro
         EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
         EXPECT_EQ(test::statuses().size(), 0U);
     });
+}
+
+// The number of the first socket is one of a standard descriptor, and there is no other left.
+TEST_F(ConnectionFaults, ADescriptorThatCannotBeMovedIsTheErrorOfTheMove) {
+    const test::debugging on;
+    g_scc_client_cb.pid = 42;
+    const std::string prefix = daemon.directory().runtime() + "/own_";
+    const int kept = dup(STDIN_FILENO);
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = STDERR_FILENO + 1;
+    close(STDIN_FILENO);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    test::fail_call(call::close, 1, 5);
+    const int result = _scc_lib_client_connect(prefix.c_str());
+    const bool met = test::end_faults();
+    const bool is_free = fcntl(STDIN_FILENO, F_GETFD) == -1;
+    limit.rlim_cur = before;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    dup2(kept, STDIN_FILENO);
+    EXPECT_TRUE(met);
+    EXPECT_TRUE(is_free);
+    EXPECT_EQ(result, -EINVAL);
+    EXPECT_EQ(test::log_texts(),
+              (std::vector<std::string>{"create socket error!!!", "reason:Invalid argument"}));
+}
+
+// It ends while the first socket connects.
+TEST_F(ConnectionFaults, ARegistrationThatEndsWhileItConnectsConnectsOnlyOnce) {
+    g_scc_client_cb.app_id = 7;
+    g_scc_client_cb.pid = static_cast<std::uint32_t>(getpid());
+    const std::uint32_t generation = scc::begin_generation();
+    const int before = open_descriptors();
+    test::on_call(call::connect, [] { scc::end_generation(); });
+    EXPECT_EQ(scc::connect_and_register(scc::identity_of_control_block(), generation, "test"), 9U);
+    EXPECT_EQ(test::calls(call::connect), 1);
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_FALSE(test::end_faults());
+    EXPECT_EQ(scc::connect_and_register(scc::identity_of_control_block(), generation, "test"), 9U);
+    EXPECT_EQ(test::calls(call::socket), 0);
+}
+
+TEST_F(ConnectionFaults, ARegistrationThatCannotBeSentIsTheErrorOfTheSend) {
+    g_scc_client_cb.app_id = 7;
+    g_scc_client_cb.pid = static_cast<std::uint32_t>(getpid());
+    const std::uint32_t generation = scc::begin_generation();
+    test::fail_call(call::send, 1, 11);
+    EXPECT_EQ(scc::connect_and_register(scc::identity_of_control_block(), generation, "test"), 11U);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(_scc_lib_client_close(), 0);
+}
+
+TEST_F(ConnectionFaults, AThreadWhoseWaitFailsDuringAnUnregistrationLeavesAfterIt) {
+    start_with_holding_handler();
+    hold();
+    std::thread ending([] { EXPECT_EQ(scc_svr_unreg(), 0U); });
+    EXPECT_EQ(daemon.read_item(side::sync).type, 302);
+    const test::debugging on;
+    test::fail_call(call::poll, 1, 4);
+    release();
+    EXPECT_TRUE(test::wait_for_log("select error! errno:4."));
+    EXPECT_TRUE(test::wait_until_it_sleeps_in(test::receive_thread(), test::waiting_for_a_lock));
+    EXPECT_TRUE(test::end_faults());
+    daemon.send_item(side::sync, 302, wire().u32(0).u32(0));
+    ending.join();
+    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_FALSE(test::logged("appid 0 ready to rereg."));
+}
+
+// The daemon has a part of it, so its stream is out of step.
+TEST_F(ConnectionFaults, AnUnregistrationOfWhichAPartWentOutEndsTheConnection) {
+    start();
+    test::limit_transfer(5);
+    test::fail_call(call::send, 2, 11);
+    EXPECT_EQ(scc_svr_unreg(), 11U);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_TRUE(daemon.wait_for_close(side::sync));
+    expect_reconnection();
+    expect_working();
 }
 
 }  // namespace

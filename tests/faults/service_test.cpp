@@ -7,6 +7,7 @@
 #include "client/diagnostics.h"
 #include "ss/callbacks.h"
 #include "ss/id_map.h"
+#include "ss/operations.h"
 #include "ss/service_fixture.h"
 #include "support/faults.h"
 
@@ -313,6 +314,28 @@ TEST_F(ServiceFaults, EachReportUpwardsIs12WithoutMemory) {
         EXPECT_EQ(daemon.read_item(side::sync).type, row.type);
     }
     expect_working(1);
+}
+
+TEST_F(ServiceFaults, AUserReadThatCannotBeAnsweredReturnsTheError) {
+    test::fail_allocations_of(batch_block_bytes);
+    start();
+    const bytes value = wire().zeros(96);
+    EXPECT_EQ(_scc_nacm_user_read(0, value.data()), 12);
+    EXPECT_TRUE(test::end_faults());
+}
+
+// The longest report is one whose message has the greatest length that an int holds.
+TEST_F(ServiceFaults, OnlyAReportThatIsTooLongIsRefusedWithoutAnAllocation) {
+    start();
+    const scc_flow_user user{};
+    constexpr int longest = 0x7FFFFFFF - 16;
+    for (const bool fits : {true, false}) {
+        const int bytes_of_report = longest + (fits ? 0 : 1);
+        test::fail_allocations_of(bytes_of_report);
+        EXPECT_EQ(scc_noflow_offline_notify(&user, 1, 2, "x", bytes_of_report - 88), 12U);
+        EXPECT_EQ(test::end_faults(), fits);
+    }
+    test::expect_nothing_was_sent(daemon, side::sync);
 }
 
 }  // namespace

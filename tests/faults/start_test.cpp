@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <array>
 #include <barrier>
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 
 #include "fault_support.h"
+#include "msg/paths.h"
 
 using test::call;
 using test::side;
@@ -205,6 +207,16 @@ TEST_F(StartFromHandler, AfterAnUnregistrationInTheSameHandlerBegins) {
     EXPECT_EQ(told().wait(), (told_status{9, 1}));
     EXPECT_EQ(test::statuses().size(), 0U);
     stop();
+}
+
+// A directory that is made leaves the error number of an earlier call alone.
+TEST(DirectoryFaults, AnEarlierErrorIsNotTakenForThatOfTheDirectory) {
+    const test::temp_dir directory;
+    test::on_call(test::call::mkdir, [] {
+        test::on_call(test::call::mkdir, [] { test::on_call(test::call::mkdir, [] { errno = EIO; }); });
+    });
+    EXPECT_EQ(_scc_dir_create((directory.path() + "/new").c_str()), 0U);
+    EXPECT_EQ(test::calls(test::call::mkdir), 3);
 }
 
 }  // namespace

@@ -263,6 +263,13 @@ TEST_F(TrafficFaults, AWaitThatFailsBringsANewConnectionOrIsMadeAgain) {
     });
 }
 
+TEST_F(TrafficFaults, TheReceiveThreadWaitsForItsSocketAlone) {
+    test::end_faults();
+    start();
+    expect_working();
+    EXPECT_EQ(test::most_polled(), 1);
+}
+
 // A result that says whether the wait after it has failed already.
 void on_svi_and_wait(std::uint32_t result, std::uint32_t, std::uint8_t) {
     test::results().push(test::logged("select error! errno:4.") ? 1 : result);
@@ -452,6 +459,52 @@ TEST_F(BatchFaults, AFullBatchForTheSynchronousSocketNamesThatSocket) {
     EXPECT_EQ(_scc_lib_msg_send_bt(0, 901, large.data(), 5000, 1), 0U);
     EXPECT_TRUE(test::end_faults());
     EXPECT_TRUE(test::logged(message_error("sync", 11)));
+}
+
+// ---- without memory, in part, and while the checker cannot wait
+
+TEST_F(BatchFaults, WithoutMemoryDuringAnUnregistrationNothingChanges) {
+    start();
+    const test::debugging on;
+    g_scc_client_cb.app_id = 0;
+    const bytes large(8176, 1);
+    test::fail_calls_from(call::calloc, 1, 12);
+    EXPECT_EQ(_scc_lib_msg_send_rt(0, 901, large.data(), 4, 1), 12U);
+    EXPECT_EQ(_scc_lib_msg_send_bt(0, 901, large.data(), 8176, 0), 22U);
+    std::uint32_t count = 0;
+    EXPECT_EQ(scc_arp_check_user_count_get(1, &count), 12U);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(g_scc_client_cb.state.load(), 4U);
+    const std::string text = "(app id:0, pid:" + test::own_pid() + ")alloc memory error!";
+    EXPECT_EQ(test::logged_failures(), (std::vector<std::string>{text, text, text}));
+    g_scc_client_cb.app_id = 7;
+    expect_recovered_and_working(false);
+}
+
+TEST_F(BatchFaults, AFlushOfWhichAPartWentOutSendsOnlyTheRestAgain) {
+    start();
+    ASSERT_EQ(scc_svi_router_acl_set(3, nullptr), 0U);
+    test::limit_transfer(10);
+    test::fail_call(call::send, 2, 11);
+    scc::flush_waiting_batch();
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(daemon.read(side::async).raw,
+              bytes(wire().u32(24).u8(1).u16(1).u8(0).u32(8).u16(0).u16(143).u32(1).u32(3)));
+    expect_recovered_and_working(false);
+}
+
+// It flushes once for each wait, so a wait that fails at once does not make it send.
+TEST_F(TrafficFaults, ACheckerThatCannotWaitSendsNothing) {
+    start();
+    test::fail_calls_from(call::select, 1, 9);
+    ASSERT_TRUE(test::eventually([] { return test::calls(call::select) > 10; }));
+    std::uint32_t call_id = 0;
+    ASSERT_EQ(scc_svi_router_acl_set(1, &call_id), 0U);
+    const int waits = test::calls(call::select);
+    ASSERT_TRUE(test::eventually([waits] { return test::calls(call::select) > waits + 1000; }));
+    EXPECT_TRUE(daemon.stays_silent(side::async, 0));
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(daemon.read_item(side::async).value, bytes(wire().u32(call_id).u32(1)));
 }
 
 }  // namespace

@@ -51,6 +51,25 @@ std::ostream& operator<<(std::ostream& out, const sequence& shown);
 // An act of the process that a handler may do.
 act reaction_of(const act& react);
 
+// Such an act, performed by the library or its model.
+template <class Process>
+void perform(Process& process, const act& one) {
+    switch (one.kind) {
+        case act_kind::request:
+            process.make_request(one.which, one.seed, one.how);
+            break;
+        case act_kind::query:
+            process.make_query(one.which, one.seed, one.how);
+            break;
+        case act_kind::read_cache:
+            process.read_cache(one.which, one.seed, one.how);
+            break;
+        default:
+            process.unregister();
+            break;
+    }
+}
+
 rc::Gen<sequence> sequences();
 
 }  // namespace model

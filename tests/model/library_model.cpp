@@ -51,24 +51,7 @@ void library_model::call_handler(u32 position, const bytes& arguments) {
     if (reaction_) {
         const act reaction = *reaction_;
         reaction_.reset();
-        perform(reaction);
-    }
-}
-
-void library_model::perform(const act& of_process) {
-    switch (of_process.kind) {
-        case act_kind::request:
-            make_request(of_process.which, of_process.seed, of_process.how);
-            break;
-        case act_kind::query:
-            make_query(of_process.which, of_process.seed, of_process.how);
-            break;
-        case act_kind::read_cache:
-            read_cache(of_process.which, of_process.seed, of_process.how);
-            break;
-        default:
-            unregister();
-            break;
+        perform(*this, reaction);
     }
 }
 

@@ -71,7 +71,6 @@ class library_model {
     void make_query(u8 which, u8 seed, u8 how);
     void read_cache(u8 which, u8 seed, u8 how);
     void react(const act& with) { reaction_ = with; }
-    void perform(const act& of_process);
     void answer_operation(u8 which, u8 seed);
 
     // The library's threads.

@@ -198,23 +198,6 @@ void real_library::unregister() {
     returned(scc_svr_unreg(), {});
 }
 
-void real_library::perform(const act& of_process) {
-    switch (of_process.kind) {
-        case act_kind::request:
-            make_request(of_process.which, of_process.seed, of_process.how);
-            break;
-        case act_kind::query:
-            make_query(of_process.which, of_process.seed, of_process.how);
-            break;
-        case act_kind::read_cache:
-            read_cache(of_process.which, of_process.seed, of_process.how);
-            break;
-        default:
-            unregister();
-            break;
-    }
-}
-
 void real_library::make_request(u8 which, u8 seed, u8 how) {
     u32 id = 0;
     const u32 error = requests()[which % requests().size()].make(seed, how, &id);
@@ -293,7 +276,7 @@ void real_library::heard(u32 position, bytes arguments) {
     if (reaction_ && (!is_service || position == 0)) {
         const act reaction = *reaction_;
         reaction_.reset();
-        perform(reaction);
+        perform(*this, reaction);
     }
 }
 

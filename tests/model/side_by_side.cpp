@@ -220,8 +220,8 @@ bool side_by_side::play_on_both(const act& next) {
         }
         default: {
             const bool was_registered = model_.now() == library_model::standing::registered;
-            model_.perform(next);
-            real_.perform(next);
+            perform(model_, next);
+            perform(real_, next);
             return was_registered;
         }
     }

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/guarded_bytes.h"
 #include "support/wire_bytes.h"
 
 using test::bytes;
@@ -87,6 +88,15 @@ TEST(ItemsFit, AlsoWithTheLargestNumberOfItems) {
     EXPECT_TRUE(scc::items_fit(message));
     message.pop_back();
     EXPECT_FALSE(scc::items_fit(message));
+}
+
+// A message may end where the memory ends.
+TEST(ItemsFit, IsDecidedWithoutReadingPastTheMessage) {
+    for (std::size_t left = 0; left < 8; ++left) {
+        const bytes message = wire().u32(20).u8(1).u16(3).u8(0).u32(0).u16(0).u16(301).zeros(left);
+        const test::guarded_bytes guarded(message);
+        EXPECT_FALSE(scc::items_fit({guarded.data(), message.size()})) << left;
+    }
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <thread>
 
+#include "support/aside.h"
 #include "support/wire_bytes.h"
 
 using test::bytes;
@@ -346,6 +347,21 @@ TEST_F(SocketLoops, ABodyOfOneByteIsReceived) {
     EXPECT_EQ(byte, 'x');
     close(pair[0]);
     close(pair[1]);
+}
+
+// A signal ends the first send in the middle; the rest follows, and no byte after it.
+TEST_F(SocketLoops, ASendThatBreaksOffIsCompletedAndSendsNothingElse) {
+    const bytes large(8 << 20, 1);
+    test::aside<std::uint32_t> sending(
+        [&] { return _scc_msg_send(ours, large.data(), static_cast<int>(large.size())); });
+    test::handle_interruptions();
+    ASSERT_TRUE(sending.waits_in({SYS_sendto}));
+    sending.interrupt();
+    EXPECT_TRUE(take(large.size()) == large);
+    EXPECT_EQ(sending.get(), 0U);
+    const bytes marker = {0x77};
+    EXPECT_EQ(_scc_msg_send(ours, marker.data(), 1), 0U);
+    EXPECT_EQ(take(1), marker);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "support/child_process.h"
+#include "support/guarded_bytes.h"
 #include "support/temp_dir.h"
 #include "support/wire_bytes.h"
 
@@ -333,6 +334,11 @@ TEST(ProcessName, ReadingItKeepsNoDescriptor) {
     char name[16];
     EXPECT_EQ(_scc_process_name_get(getpid(), name, sizeof name), 0U);
     EXPECT_EQ(dup(STDIN_FILENO), next);
+}
+
+TEST_F(DirCreate, ReadsNothingPastARelativePath) {
+    const test::guarded_bytes path(test::wire().text("./abc").u8(0));
+    EXPECT_EQ(_scc_dir_create(reinterpret_cast<const char*>(path.data())), 0U);
 }
 
 }  // namespace

@@ -489,4 +489,60 @@ TEST_F(Callbacks, AResultBeforeAnyRegistrationDoesNotBreakTheHost) {
     EXPECT_EQ(test::service_statuses().wait(), 1U);
 }
 
+// ---- a null record, a plain result beside the statistics, success
+
+constexpr callback all_callbacks[] = {
+    _scc_ss_acl_op_ret_callback,
+    _scc_ss_ace_op_ret_callback,
+    _scc_ss_acl_apply_op_ret_callback,
+    _scc_ss_acl_reseq_op_ret_callback,
+    _scc_ss_svi_router_acl_op_ret_callback,
+    _scc_ss_global_eport_ret_callback,
+    _scc_ss_cpp_ret_callback,
+    _scc_ss_acl_counter_op_ret_callback,
+    _scc_ss_ace_counter_op_ret_callback,
+};
+
+TEST_F(Callbacks, NoRecordIsNoAnswer) {
+    start();
+    const test::debugging on;
+    for (const callback function : all_callbacks) {
+        function(nullptr, 0);
+    }
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{});
+    EXPECT_EQ(scc::read_count(0).answered, 0U);
+    expect_nothing_more();
+}
+
+// Whatever operation code the service has put into the record.
+TEST_F(Callbacks, OfAnOperationThatIsNotCountedLeaveTheStatisticsAlone) {
+    start();
+    const auto before = test::record_bytes(g_scclib_stat);
+    for (const std::uint32_t op : {0U, 1U, 12U, 13U, 14U, 15U, 0xFFFFFFFFU}) {
+        const auto record = plain(7, 0, op);
+        for (const callback function :
+             {_scc_ss_acl_reseq_op_ret_callback, _scc_ss_svi_router_acl_op_ret_callback,
+              _scc_ss_global_eport_ret_callback, _scc_ss_cpp_ret_callback}) {
+            function(&record, sizeof record);
+        }
+    }
+    EXPECT_EQ(test::record_bytes(g_scclib_stat), before);
+}
+
+TEST_F(Callbacks, LogNoFailureWhenTheirAnswerIsSent) {
+    start();
+    const test::debugging on;
+    for (const std::uint32_t sync : {0U, 1U}) {
+        const auto record = counter(7, sync);
+        for (const callback function : all_callbacks) {
+            function(&record, sizeof record);
+        }
+    }
+    _scc_ss_data_recover_callback(0, 7);
+    EXPECT_EQ(scc_ssc_nacm_app_op_callback(0, 7, 0, 0, 5), 0U);
+    EXPECT_EQ(test::logged_failures(), std::vector<std::string>{});
+    (void)daemon.read_items(side::async, 18);
+    (void)daemon.read_items(side::sync, 2);
+}
+
 }  // namespace

@@ -1,6 +1,7 @@
 // The id/type map: first in, first out for each id, ordered around the wrap, and its dump.
 #include "ss/id_map.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <thread>
@@ -322,6 +323,20 @@ TEST_F(IdMap, TheDumpNamesThePairsInTheirOrder) {
         EXPECT_TRUE(texts[i + 1].starts_with("fun(" + std::string(pair_names[i]))) << texts[i + 1];
         EXPECT_EQ(texts[i + 1].substr(19), ") : rcv(0), cb(0).  ");
     }
+}
+
+// ---- its shape
+
+int height(const scc::rb_node* node) {
+    return node == nullptr ? 0 : 1 + std::max(height(node->left), height(node->right));
+}
+
+// The daemon counts its ids upwards, which is the worst order for a tree.
+TEST_F(IdMap, StaysFlatWhenIdsComeInTheirOrder) {
+    for (std::uint32_t id = 1; id <= 1000; ++id) {
+        _scc_ss_save_idtype(id, 5);
+    }
+    EXPECT_LE(height(g_ss_id_map_root.node), 20);  // twice the logarithm of 1001
 }
 
 }  // namespace

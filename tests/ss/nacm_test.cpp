@@ -460,4 +460,27 @@ TEST_F(Nacm, OperationsAndRecoveriesWithoutAHandlerReturnZero) {
     }
 }
 
+// ---- failures and success in the log
+
+TEST_F(Nacm, AHandlersSuccessIsNotLoggedAsAFailureAndItsErrorOneIs) {
+    info.user_read = completes_the_user;
+    info.app_user_recover = test::on_user_list;
+    info.l4port_recover = test::on_port_list;
+    start();
+    const bytes users = wire().u32(0x1F).u32(0).u32(76).u32(0);
+    const bytes ports = wire().u32(0);
+    const bytes read = wire().u32(1).zeros(4).add(user_entry());
+    for (const int result : {0, 1}) {
+        const test::debugging on;
+        script().returns = result;
+        EXPECT_EQ(_scc_nacm_app_user_recover(0, users.data()), result);
+        EXPECT_EQ(_scc_nacm_l4port_recover(0, ports.data()), result);
+        EXPECT_EQ(_scc_nacm_user_read(0, read.data()), 0);
+        const std::vector<std::string> failures = {"call ssc_nacm_app_user_recover_handler failed. 1.",
+                                                   "call ssc_nacm_l4port_recover_handler failed. 1.",
+                                                   "call ssc_nacm_user_read_handler failed. 1."};
+        EXPECT_EQ(test::logged_failures(), result == 0 ? std::vector<std::string>{} : failures);
+    }
+}
+
 }  // namespace

@@ -442,4 +442,40 @@ TEST_F(Notifications, TheLineOfAnOfflineUserNamesTheCall) {
     EXPECT_TRUE(line->whole.starts_with("<scc_noflow_offline_notify ")) << line->whole;
 }
 
+TEST_F(Notifications, AUserWithoutTrafficMayHaveOneExtraByte) {
+    start();
+    const scc_flow_user user = ipv4_user();
+    EXPECT_EQ(scc_noflow_offline_notify(&user, 1, 2, "x", 1), 0U);
+    expect_up(203, wire().u32(1).zeros(4).add(ipv4_user_bytes()).u64(1).u64(2).u64(1).text("x"));
+}
+
+TEST_F(Notifications, OneAceCounterGoesUp) {
+    start();
+    EXPECT_EQ(scc_ss_ace_counter_notify(&acl, 1, counters), 0U);
+    expect_up(207, wire().u32(1).u32(1).u32(5).u32(300).u32(9).u32(1).u64(0x1122334455667788).u64(7));
+}
+
+TEST_F(Notifications, LogNoFailureWhenTheyAreSent) {
+    start();
+    const scc_flow_user user = ipv4_user();
+    const test::debugging on;
+    EXPECT_EQ(scc_ss_move_addr_notify(2, moves), 0U);
+    EXPECT_EQ(scc_noflow_offline_notify(&user, 1, 2, "abcd", 4), 0U);
+    EXPECT_EQ(scc_flow_notify(&user, 1, 2), 0U);
+    EXPECT_EQ(scc_ss_ace_counter_notify(&acl, 2, counters), 0U);
+    EXPECT_EQ(scc_ss_fetch_func(), 0U);
+    EXPECT_EQ(test::logged_failures(), std::vector<std::string>{});
+}
+
+TEST_F(Notifications, LogNothingWhileTheSwitchIsOff) {
+    start();
+    const scc_flow_user user = ipv4_user();
+    test::clear_log();
+    EXPECT_EQ(scc_ss_move_addr_notify(2, moves), 0U);
+    EXPECT_EQ(scc_noflow_offline_notify(&user, 1, 2, "abcd", 4), 0U);
+    EXPECT_EQ(scc_flow_notify(&user, 1, 2), 0U);
+    EXPECT_EQ(scc_ss_ace_counter_notify(&acl, 2, counters), 0U);
+    EXPECT_EQ(test::log_texts(), std::vector<std::string>{});
+}
+
 }  // namespace

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
@@ -29,7 +30,9 @@ constinit std::atomic<int> g_allocations{0};
 constinit std::atomic<int> g_failing_allocation{0};
 constinit std::atomic<bool> g_met{false};
 constinit std::atomic<int> g_limit{0};
+constinit std::atomic<long> g_live_blocks{0};
 constinit std::atomic<std::size_t> g_failing_size{0};
+constinit std::atomic<int> g_most_polled{0};
 constinit std::atomic<void (*)()> g_on_state_set{nullptr};
 constinit std::atomic<void (*)()> g_on_calls_freed{nullptr};
 
@@ -94,6 +97,11 @@ bool allocation_fails(call which, std::size_t size) {
     return fails(which) || this_one;
 }
 
+void* counted(void* block) {
+    g_live_blocks += block == nullptr ? 0 : 1;
+    return block;
+}
+
 std::size_t limited(std::size_t length) {
     const auto limit = static_cast<std::size_t>(g_limit.load());
     return limit != 0 && length > limit ? limit : length;
@@ -147,12 +155,17 @@ bool end_faults() {
     }
     g_failing_allocation = 0;
     g_failing_size = 0;
+    g_most_polled = 0;
     g_limit = 0;
     return g_met.exchange(false);
 }
 
 int calls(call which) {
     return of(which).calls;
+}
+
+int most_polled() {
+    return g_most_polled;
 }
 
 void hold_new_threads() {
@@ -164,6 +177,10 @@ void release_new_threads() {
     const std::lock_guard guard(the_gate().mutex);
     the_gate().closed = false;
     the_gate().opened.notify_all();
+}
+
+long live_blocks() {
+    return g_live_blocks;
 }
 
 void limit_transfer(int bytes) {
@@ -178,6 +195,8 @@ extern "C" {
 
 void* __real_malloc(size_t size);
 void* __real_calloc(size_t count, size_t size);
+void __real_free(void* block);
+int __real_malloc_trim(size_t pad);
 int __real_socket(int domain, int type, int protocol);
 int __real_bind(int fd, const sockaddr* address, socklen_t length);
 int __real_connect(int fd, const sockaddr* address, socklen_t length);
@@ -207,11 +226,21 @@ void __wrap__ZN3scc18free_pending_callsEv() {
 }
 
 void* __wrap_malloc(size_t size) {
-    return test::allocation_fails(call::malloc, size) ? nullptr : __real_malloc(size);
+    return test::allocation_fails(call::malloc, size) ? nullptr : test::counted(__real_malloc(size));
 }
 
 void* __wrap_calloc(size_t count, size_t size) {
-    return test::allocation_fails(call::calloc, count * size) ? nullptr : __real_calloc(count, size);
+    return test::allocation_fails(call::calloc, count * size) ? nullptr
+                                                              : test::counted(__real_calloc(count, size));
+}
+
+void __wrap_free(void* block) {
+    test::g_live_blocks -= block == nullptr ? 0 : 1;
+    __real_free(block);
+}
+
+int __wrap_malloc_trim(size_t pad) {
+    return test::fails(call::malloc_trim) ? 0 : __real_malloc_trim(pad);
 }
 
 int __wrap_socket(int domain, int type, int protocol) {
@@ -242,6 +271,7 @@ ssize_t __wrap_recv(int fd, void* bytes, size_t length, int flags) {
 }
 
 int __wrap_poll(pollfd* watched, nfds_t count, int timeout) {
+    test::g_most_polled = std::max(test::g_most_polled.load(), static_cast<int>(count));
     return test::fails(call::poll) ? -1 : __real_poll(watched, count, timeout);
 }
 

@@ -18,6 +18,7 @@ enum class call {
     close,
     pthread_create,
     mkdir,
+    malloc_trim,
     count
 };
 
@@ -37,11 +38,15 @@ void on_state_set(void (*act)());
 void on_calls_freed(void (*act)());
 // Ends all faults; returns whether one occurred.
 bool end_faults();
+// The most descriptors that one poll has watched since the last end_faults.
+int most_polled();
 // How often the kind was called since the last end_faults or fail_*.
 int calls(call which);
 // Threads created from now on do not run before release_new_threads.
 void hold_new_threads();
 void release_new_threads();
+// The blocks that the library and the tests hold: taken with malloc or calloc and not freed.
+long live_blocks();
 // send and recv move at most that many bytes a call; 0 for no limit.
 void limit_transfer(int bytes);
 

@@ -67,6 +67,14 @@ bool logged(const std::string& text) {
     return contains(captured_log(), text);
 }
 
+std::vector<std::string> logged_failures() {
+    std::vector<std::string> failures = log_texts();
+    std::erase_if(failures, [](const std::string& text) {
+        return text.find("fail") == std::string::npos && text.find("error") == std::string::npos;
+    });
+    return failures;
+}
+
 bool wait_for_log(const std::string& text) {
     std::unique_lock guard(the_store().mutex);
     return the_store().changed.wait_for(guard, std::chrono::seconds(20),

@@ -20,6 +20,8 @@ std::vector<log_line> captured_log();
 // The texts alone, in order.
 std::vector<std::string> log_texts();
 bool logged(const std::string& text);
+// The captured texts that tell of a failure.
+std::vector<std::string> logged_failures();
 // Waits up to 20 seconds for a line with exactly this text.
 bool wait_for_log(const std::string& text);
 

@@ -176,4 +176,14 @@ TEST_F(BucketTable, GrowingAgainAndAgainGivesTheEarlierTablesBack) {
     EXPECT_LE(mallinfo2().uordblks, before + (std::size_t{128} << 10U));
 }
 
+TEST_F(BucketTable, ClearsEveryBucket) {
+    entries.resize(4);
+    for (std::size_t i = 0; i < 4; ++i) {
+        insert(entries[i], i, static_cast<int>(i));
+    }
+    int released = 0;
+    table.clear([&released](scc::list_node*) { ++released; });
+    EXPECT_EQ(released, 4);
+}
+
 }  // namespace

@@ -65,4 +65,26 @@ TEST(KeyIndex, DoesNothingForAKeyThatIsNotThere) {
     EXPECT_EQ(index.find(3), &value);
 }
 
+TEST(KeyIndex, ForgetsWhatASmallTableHeld) {
+    scc::key_index<std::uint32_t, int, spread_hash, 16> index;
+    index.reset();
+    int value = 0;
+    ASSERT_TRUE(index.insert(3, &value));
+    index.reset();
+    EXPECT_EQ(index.find(3), nullptr);
+}
+
+// Or it would believe that it is emptier than it is, and fill up.
+TEST(KeyIndex, StillGrowsAfterKeysWereErasedThatAreNotThere) {
+    scc::key_index<std::uint32_t, int, spread_hash, 16> index;
+    index.reset();
+    int value = 0;
+    for (std::uint32_t key = 0; key < 16; ++key) {
+        ASSERT_TRUE(index.insert(key, &value));
+        index.erase(1000 + key);
+    }
+    EXPECT_EQ(index.find(500), nullptr);
+    EXPECT_EQ(index.find(15), &value);
+}
+
 }  // namespace
