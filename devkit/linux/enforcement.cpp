@@ -4,8 +4,9 @@
 #include <net/if.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
+#include <iterator>
+#include <set>
 
 #include "ace/ace_text.h"
 #include "common/records.h"
@@ -21,8 +22,6 @@ using service::nac_app;
 using service::nac_user;
 
 constexpr u16 ether_type_eapol = 0x888E;
-constexpr char kind_ace = 'a';
-constexpr char kind_other = 'r';
 
 // The NAC applications that admit known users alone: IEEE 802.1X (MAC, port static, move, single, MAB) and
 // port security.
@@ -34,7 +33,7 @@ std::string acl_text(const acl_name& name) {
 }
 
 chain_name acl_chain(const acl_name& name, u32 number) {
-    return {family::netdev, fmt::format("acl-{}{}", acl_text(name), number)};
+    return {family::netdev, fmt::format("{}{}{}", acl_prefix, acl_text(name), number)};
 }
 
 chain_name entry_chain_name(u32 ifx, const mapped_interface& interface, bool entering) {
@@ -47,22 +46,11 @@ chain_name access_chain_name(u32 ifx, u32 vlan) {
 
 wanted_rule rule_doing(std::string expressions) {
     const rule_identity identity{kind_other, 0, 0, 0, fingerprint_of(expressions)};
-    return {identity, [expressions = std::move(expressions)] { return std::vector{expressions}; }};
+    return {identity, nullptr, std::move(expressions)};
 }
 
 std::string jump_to(const chain_name& chain) {
     return fmt::format(R"({{"jump":{{"target":"{}"}}}})", chain.name);
-}
-
-std::vector<std::string> expressions_of(const ace::rule& rule, const std::string& acl_counter,
-                                        const std::string& ace_counter) {
-    const std::string rest = fmt::format(R"({{"counter":"{}"}},{{"counter":"{}"}},{{"{}":null}})",
-                                         acl_counter, ace_counter, rule.denies() ? "drop" : "return");
-    std::vector<std::string> all = conditions_of(rule);
-    for (std::string& conditions : all) {
-        conditions += rest;
-    }
-    return all;
 }
 
 scc_records_application fields_of(const scc_acl_apply_record& record) {
@@ -134,7 +122,7 @@ bool take(std::string_view& text, Number& number, std::string_view before) {
 
 std::string counter_text(const counter_name& name) {
     const std::string acl = fmt::format("{}{}", acl_text(name.acl), name.acl_number);
-    return name.of_ace ? fmt::format("{}-{}.{}", acl, name.ace_id, name.ace_number) : acl;
+    return name.of_ace ? ace_counter(acl, name.ace_id, name.ace_number) : acl;
 }
 
 std::string access_counter(u32 ifx) {
@@ -206,37 +194,22 @@ void enforcement::add_acl(const contents& held, const acl_name& name, const held
     if (exists) {
         const acl_table::acl_entry& acl = found->second;
         own = acl_chain(name, acl.number);
-        const std::string acl_counter = counter_text({name, acl.number});
-        request.counters_added.insert(acl_counter);
         wanted_chain chain;
+        chain.counter = counter_text({name, acl.number});
         chain.rules.reserve(acl.aces.size());
         for (const auto& [sn, ace] : acl.aces) {
-            if (!problem_of(ace).empty()) {
-                continue;
+            if (ace.rule && is_supported(*ace.rule)) {
+                const rule_identity identity{kind_ace, sn, ace.record.ace_id, ace.number, ace.fingerprint};
+                chain.rules.push_back({identity, &*ace.rule, {}});
             }
-            const std::string ace_counter = counter_text(acl_table::counter_of(acl, ace));
-            request.counters_added.insert(ace_counter);
-            const rule_identity identity{kind_ace, sn, ace.record.ace_id, ace.number, ace.fingerprint};
-            chain.rules.push_back({identity, [&rule = *ace.rule, acl_counter, ace_counter] {
-                                       return expressions_of(rule, acl_counter, ace_counter);
-                                   }});
         }
         request.chains[*own] = std::move(chain);
     }
-    const std::string prefix = acl_text(name);
-    const std::string chain_prefix = "acl-" + prefix;
-    for (auto at = kernel.chains.lower_bound({family::netdev, chain_prefix});
-         at != kernel.chains.end() && at->first.in == family::netdev &&
-         at->first.name.starts_with(chain_prefix);
-         ++at) {
+    const std::string prefix = std::string(acl_prefix) + acl_text(name);
+    for (auto at = kernel.chains.lower_bound({family::netdev, prefix});
+         at != kernel.chains.end() && at->first.in == family::netdev && at->first.name.starts_with(prefix); ++at) {
         if (at->first != own) {
             request.chains[at->first] = std::nullopt;
-        }
-    }
-    for (auto at = kernel.counters.lower_bound(prefix);
-         at != kernel.counters.end() && at->starts_with(prefix); ++at) {
-        if (!request.counters_added.contains(*at)) {
-            request.counters_deleted.insert(*at);
         }
     }
 }
@@ -351,7 +324,7 @@ void enforcement::add_interfaces(const contents& held, const held_tables& kernel
         wanted[{family::inet, "cpu-limits"}] = std::move(cpu);
     }
     for (const auto& [name, rules] : kernel.chains) {
-        if (!name.name.starts_with("acl-") && !wanted.contains(name)) {
+        if (!name.name.starts_with(acl_prefix) && !wanted.contains(name)) {
             wanted[name] = std::nullopt;
         }
     }
@@ -375,11 +348,17 @@ void enforcement::add_everything(const contents& held, const held_tables& kernel
     for (const auto& [name, rules] : kernel.chains) {
         request.chains.try_emplace(name, std::nullopt);
     }
-    for (const std::string& name : kernel.counters) {
-        if (!request.counters_added.contains(name)) {
-            request.counters_deleted.insert(name);
+    // The planner keeps those that rules need; but it looks at the rules that change alone.
+    std::set<std::string> needed = request.counters_added;
+    for (const auto& [name, acl] : held.acls.acls()) {
+        needed.insert(counter_text({name, acl.number}));
+        for (const auto& [sn, ace] : acl.aces) {
+            needed.insert(counter_text(acl_table::counter_of(acl, ace)));
         }
     }
+    std::set_difference(kernel.counters.begin(), kernel.counters.end(), needed.begin(), needed.end(),
+                        std::inserter(request.counters_deleted, request.counters_deleted.end()));
+    request.counters_added.merge(needed);
 }
 
 void enforcement::adopt(const held_tables& kernel, contents& held) {

@@ -8,6 +8,8 @@
 #include <memory>
 #include <utility>
 
+#include "linux/rule_json.h"
+
 namespace scc::kernel {
 namespace {
 
@@ -36,14 +38,16 @@ class planner {
                 return error;
             }
         }
-        for (const std::string& name : request.counters_added) {
+        needed_.insert(request.counters_added.begin(), request.counters_added.end());
+        unneeded_.insert(request.counters_deleted.begin(), request.counters_deleted.end());
+        for (const std::string& name : needed_) {
             if (!held_.counters.contains(name)) {
                 append(first_, counter_command("add", name));
                 added_.push_back(name);
             }
         }
-        for (const std::string& name : request.counters_deleted) {
-            if (held_.counters.contains(name)) {
+        for (const std::string& name : unneeded_) {
+            if (held_.counters.contains(name) && !needed_.contains(name)) {
                 append(last_, counter_command("delete", name));
                 deleted_.push_back(name);
             }
@@ -102,15 +106,32 @@ class planner {
             append(rules_, chain_command("flush", name, {}));
             append(dropped_, chain_command("delete", name, {}));
             gone_.push_back(name);
+            drop_counters(name);
         }
         return 0;
     }
 
+    // An ACL's chain takes its counters with it.
+    void drop_counters(const chain_name& name) {
+        if (!name.name.starts_with(acl_prefix)) {
+            return;
+        }
+        const std::string acl = name.name.substr(acl_prefix.size());
+        for (auto at = held_.counters.lower_bound(acl); at != held_.counters.end() && at->starts_with(acl); ++at) {
+            if (at->size() == acl.size() || (*at)[acl.size()] == '-') {
+                unneeded_.insert(*at);
+            }
+        }
+    }
+
     u32 take(const chain_name& name, const wanted_chain& wanted) {
         const auto held = held_.chains.find(name);
+        if (!wanted.counter.empty()) {
+            needed_.insert(wanted.counter);
+        }
         if (held == held_.chains.end()) {
             append(chains_, chain_command("add", name, wanted.hook));
-            return rewrite(name, {}, wanted.rules, 0, 0);
+            return rewrite(name, {}, wanted, 0, 0);
         }
         const std::size_t shorter = std::min(held->second.size(), wanted.rules.size());
         std::size_t same_before = 0;
@@ -123,7 +144,7 @@ class planner {
                        *(wanted.rules.rbegin() + static_cast<std::ptrdiff_t>(same_after)))) {
             ++same_after;
         }
-        return rewrite(name, held->second, wanted.rules, same_before, same_after);
+        return rewrite(name, held->second, wanted, same_before, same_after);
     }
 
     static bool is_same(const held_rule& held, const wanted_rule& wanted) {
@@ -131,8 +152,9 @@ class planner {
     }
 
     // Replaces what lies between the first same_before and the last same_after rules.
-    u32 rewrite(const chain_name& name, const std::vector<held_rule>& held,
-                const std::vector<wanted_rule>& wanted, std::size_t same_before, std::size_t same_after) {
+    u32 rewrite(const chain_name& name, const std::vector<held_rule>& held, const wanted_chain& chain,
+                std::size_t same_before, std::size_t same_after) {
+        const std::vector<wanted_rule>& wanted = chain.rules;
         const std::size_t old_end = held.size() - same_after;
         const std::size_t new_end = wanted.size() - same_after;
         if (old_end == same_before && new_end == same_before) {
@@ -155,13 +177,17 @@ class planner {
         }
         const std::vector<held_rule>& known = held.empty() ? held : held_.chains.at(name);
         std::vector<held_rule> after(known.begin(), known.begin() + static_cast<std::ptrdiff_t>(same_before));
-        if (!all_old) {
-            for (std::size_t i = same_before; i < old_end; ++i) {
+        for (std::size_t i = same_before; i < old_end; ++i) {
+            if (!all_old) {
                 delete_rule(name, known[i]);
+            }
+            if (known[i].identity && known[i].identity->kind == kind_ace) {
+                unneeded_.insert(ace_counter(name.name.substr(acl_prefix.size()), known[i].identity->second,
+                                             known[i].identity->third));
             }
         }
         for (std::size_t i = same_before; i < new_end; ++i) {
-            add_rule(name, wanted[i], before_another ? known[old_end].handles.front() : 0);
+            add_rule(name, chain, wanted[i], before_another ? known[old_end].handles.front() : 0);
             after.push_back({wanted[i].identity, {}});
         }
         after.insert(after.end(), known.begin() + static_cast<std::ptrdiff_t>(old_end), known.end());
@@ -185,8 +211,9 @@ class planner {
     }
 
     // Before the rule with the handle; 0: at the end.
-    void add_rule(const chain_name& name, const wanted_rule& rule, u64 before) {
-        const std::vector<std::string> parts = rule.expressions();
+    void add_rule(const chain_name& name, const wanted_chain& chain, const wanted_rule& rule, u64 before) {
+        const std::vector<std::string> parts =
+            rule.ace == nullptr ? std::vector{rule.expressions} : expressions_of(chain, rule);
         for (std::size_t part = 0; part < parts.size(); ++part) {
             append(rules_,
                    fmt::format(R"({{"{}":{{"rule":{{{},"chain":"{}"{},"comment":"{}","expr":[{}]}}}}}})",
@@ -196,8 +223,22 @@ class planner {
         }
     }
 
+    std::vector<std::string> expressions_of(const wanted_chain& chain, const wanted_rule& rule) {
+        const std::string counter = ace_counter(chain.counter, rule.identity.second, rule.identity.third);
+        const std::string rest = fmt::format(R"({{"counter":"{}"}},{{"counter":"{}"}},{{"{}":null}})", chain.counter,
+                                             counter, rule.ace->denies() ? "drop" : "return");
+        needed_.insert(counter);
+        std::vector<std::string> all = conditions_of(*rule.ace);
+        for (std::string& conditions : all) {
+            conditions += rest;
+        }
+        return all;
+    }
+
     held_tables& held_;
     const handle_fetcher& handles_;
+    std::set<std::string> needed_;
+    std::set<std::string> unneeded_;
     // In the order of the transaction: what rules use comes first, and goes last.
     std::string first_;
     std::string chains_;
@@ -262,6 +303,10 @@ std::optional<comment_fields> parse_comment(std::string_view comment) {
                        take_number(comment, fields.part, 10) && take_char(comment, '/') &&
                        take_number(comment, fields.parts, 10) && comment.empty();
     return whole ? std::optional(fields) : std::nullopt;
+}
+
+std::string ace_counter(std::string_view acl_counter, u32 ace_id, u32 number) {
+    return fmt::format("{}-{}.{}", acl_counter, ace_id, number);
 }
 
 std::vector<held_rule> group(const std::vector<kernel_rule>& rules) {

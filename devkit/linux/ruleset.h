@@ -17,6 +17,7 @@
 #include <string_view>
 #include <vector>
 
+#include "ace/ace_layout.h"
 #include "common/bytes.h"
 
 namespace scc::kernel {
@@ -28,15 +29,21 @@ enum class family : u8 { netdev, inet };
 inline constexpr family families[] = {family::netdev, family::inet};
 [[nodiscard]] std::string_view name_of(family in);
 
+// The chain of an ACL is named after the ACL's counter.
+inline constexpr std::string_view acl_prefix = "acl-";
+
 struct chain_name {
     family in = family::netdev;
     std::string name;
     auto operator<=>(const chain_name&) const = default;
 };
 
+inline constexpr char kind_ace = 'a';
+inline constexpr char kind_other = 'r';
+
 // What a rule is for. The meaning of the numbers depends on the kind.
 struct rule_identity {
-    char kind = 0;  // 'a': an ACE, with its sequence number, id and counter's number; 'r': any other
+    char kind = 0;  // kind_ace: with its sequence number, id and counter's number; kind_other
     u32 first = 0;
     u32 second = 0;
     u32 third = 0;
@@ -60,15 +67,18 @@ struct comment_fields {
 
 struct wanted_rule {
     rule_identity identity;
-    // The expressions of each of the kernel's rules, as JSON with commas between them. Called only if the
-    // kernel does not have the rule.
-    std::function<std::vector<std::string>()> expressions;
+    const ace::rule* ace = nullptr;  // of an ACE; valid until the transaction is planned
+    std::string expressions;         // of any other rule: JSON with commas between them
 };
 
 struct wanted_chain {
     std::string hook;  // the JSON of type, hook, device and priority; empty for a chain without a hook
+    // The name of its ACL's counter; with the id and the number of an ACE's counter, that of the ACE.
+    std::string counter;
     std::vector<wanted_rule> rules;
 };
+
+[[nodiscard]] std::string ace_counter(std::string_view acl_counter, u32 ace_id, u32 number);
 
 // A null chain shall not exist.
 using wanted_chains = std::map<chain_name, std::optional<wanted_chain>>;
@@ -96,11 +106,11 @@ struct held_tables {
 
 // ---- the transaction ----
 
-// What a commit has to change. The counters are those that the wanted rules of these chains need.
+// What a commit has to change. The counters of ACLs and ACEs follow from the chains.
 struct change_request {
     wanted_chains chains;
     std::set<std::string> counters_added;    // no effect on those that exist
-    std::set<std::string> counters_deleted;  // likewise on those that do not
+    std::set<std::string> counters_deleted;  // likewise on those that do not, and on those that are needed
 };
 
 struct transaction {
