@@ -4,6 +4,14 @@ install(TARGETS scclib EXPORT scclibTargets LIBRARY DESTINATION ${CMAKE_INSTALL_
         NAMELINK_COMPONENT development)
 install(TARGETS scclib_static EXPORT scclibTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 install(FILES ${PROJECT_SOURCE_DIR}/include/scclib.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+set(SCC_PC_FILES scclib)
+if(TARGET scc_records)
+  list(APPEND SCC_PC_FILES scc_records)
+  add_dependencies(installed scc_records)
+  install(TARGETS scc_records EXPORT scclibTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+  install(FILES ${PROJECT_SOURCE_DIR}/include/scc_records.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+          COMPONENT development)
+endif()
 
 if(NOT SCC_PLATFORM_DIR)
   foreach(library ${SCC_PLATFORM_LIBRARIES})
@@ -20,9 +28,11 @@ install(CODE "
   set(CMAKE_INSTALL_INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
   set(PROJECT_VERSION \"${PROJECT_VERSION}\")
   string(REPLACE \";\" \" \" SCC_PLATFORM_FLAGS \"${SCC_PLATFORM_FLAGS}\")
-  set(pc_file \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig/scclib.pc\")
-  configure_file(\"${PROJECT_SOURCE_DIR}/cmake/scclib.pc.in\" \"\$ENV{DESTDIR}\${pc_file}\" @ONLY)
-  list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${pc_file}\")
+  foreach(name ${SCC_PC_FILES})
+    set(pc_file \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig/\${name}.pc\")
+    configure_file(\"${PROJECT_SOURCE_DIR}/cmake/\${name}.pc.in\" \"\$ENV{DESTDIR}\${pc_file}\" @ONLY)
+    list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${pc_file}\")
+  endforeach()
 " COMPONENT development)
 
 install(EXPORT scclibTargets NAMESPACE scclib:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/scclib COMPONENT development)
@@ -32,18 +42,22 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/scclibConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/scclibConfig.cmake ${PROJECT_BINARY_DIR}/scclibConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/scclib COMPONENT development)
 
-# The man pages of the functions are generated from the header's comments.
+# The man pages of the functions are generated from the headers' comments.
 find_package(Python3 COMPONENTS Interpreter)
 if(Python3_FOUND)
   set(man_maker ${PROJECT_SOURCE_DIR}/scripts/make_man_pages.py)
   set(man_stamp ${PROJECT_BINARY_DIR}/man/made)
+  set(records_header)
+  if(TARGET scc_records)
+    set(records_header ${PROJECT_SOURCE_DIR}/include/scc_records.h)
+  endif()
   add_custom_command(OUTPUT ${man_stamp}
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${PROJECT_BINARY_DIR}/man
     COMMAND ${Python3_EXECUTABLE} ${man_maker} ${PROJECT_SOURCE_DIR}/include/scclib.h
-            ${SCC_VERSION_SCRIPT} ${PROJECT_BINARY_DIR}/man
+            ${SCC_VERSION_SCRIPT} ${PROJECT_BINARY_DIR}/man ${records_header}
     COMMAND ${CMAKE_COMMAND} -E touch ${man_stamp}
     DEPENDS ${man_maker} ${PROJECT_SOURCE_DIR}/scripts/roff_page.py ${PROJECT_SOURCE_DIR}/include/scclib.h
-            ${SCC_VERSION_SCRIPT}
+            ${SCC_VERSION_SCRIPT} ${records_header}
     VERBATIM)
   add_custom_target(man_pages ALL DEPENDS ${man_stamp})
   add_dependencies(installed man_pages)

@@ -5,10 +5,9 @@
  *
  * The contents of the ACE are those that sccd-dev and scc-ss-dev understand (scc_records.h).
  */
+#include <pthread.h>
 #include <scc_records.h>
 #include <scclib.h>
-
-#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -31,7 +30,7 @@ static void on_status(uint32_t status) {
     pthread_mutex_unlock(&lock);
 }
 
-static void on_answer(const char *what, uint32_t result) {
+static void on_answer(const char* what, uint32_t result) {
     printf("%s: %s\n", what, scc_strerror((int32_t)result));
     pthread_mutex_lock(&lock);
     ++answers;
@@ -42,27 +41,28 @@ static void on_answer(const char *what, uint32_t result) {
     pthread_mutex_unlock(&lock);
 }
 
-static void on_create(uint32_t result, uint32_t call_id, const struct scc_acl_key *key) {
+static void on_create(uint32_t result, uint32_t call_id, const struct scc_acl_key* key) {
     (void)call_id;
     (void)key;
     on_answer("create", result);
 }
 
-static void on_add_ace(uint32_t result, uint32_t call_id, const struct scc_acl_key *key,
-                       const struct scc_ace_record *ace) {
+static void on_add_ace(uint32_t result, uint32_t call_id, const struct scc_acl_key* key,
+                       const struct scc_ace_record* ace) {
     (void)call_id;
     (void)key;
     (void)ace;
     on_answer("add ACE", result);
 }
 
-static void on_apply(uint32_t result, uint32_t call_id, const struct scc_acl_apply_record *record) {
+static void on_apply(uint32_t result, uint32_t call_id, const struct scc_acl_apply_record* record) {
     (void)call_id;
     (void)record;
     on_answer("apply", result);
 }
 
-/* Waits until the application is registered and `count` answers have arrived. Returns 0, or 1 after a while. */
+/* Waits until the application is registered and `count` answers have arrived. Returns 0, or 1 after a while.
+ */
 static int wait_for(unsigned count) {
     struct timespec until;
     timespec_get(&until, TIME_UTC);
@@ -77,15 +77,16 @@ static int wait_for(unsigned count) {
 }
 
 /* Returns 0 if the daemon confirmed each step. */
-static int add(const struct scc_acl_key *key, const struct scc_ace_record *ace,
-               struct scc_acl_apply_record *where) {
-    if (scc_acl_create(key, NULL) != 0 || scc_acl_add_ace(key, ace, NULL) != 0 || scc_acl_apply(where, NULL) != 0) {
+static int add(const struct scc_acl_key* key, const struct scc_ace_record* ace,
+               struct scc_acl_apply_record* where) {
+    if (scc_acl_create(key, NULL) != 0 || scc_acl_add_ace(key, ace, NULL) != 0 ||
+        scc_acl_apply(where, NULL) != 0) {
         return 1;
     }
     return wait_for(3) != 0 || first_failure != 0;
 }
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
     if (argc != 4) {
         fprintf(stderr, "usage: add_ace ACL IFX RULE\n");
         return 2;

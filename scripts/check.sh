@@ -11,14 +11,19 @@ stage_format() { scripts/format.sh; }
 stage_gcc() { build release; }
 stage_clang() { build clang; }
 stage_header() {
-    # The public header on its own, as C11 and as C++17, with both compilers.
-    local compiler
-    for compiler in gcc clang; do
-        echo '#include "scclib.h"' | "$compiler" -std=c11 -Wall -Wextra -Wpedantic -Werror -Iinclude -x c -fsyntax-only -
+    # Each public header on its own, as C11 and as C++17, with both compilers.
+    local compiler header
+    for header in scclib.h scc_records.h; do
+        for compiler in gcc clang; do
+            echo "#include \"$header\"" | "$compiler" -std=c11 -Wall -Wextra -Wpedantic -Werror -Iinclude -x c -fsyntax-only -
+        done
+        for compiler in g++ clang++; do
+            echo "#include \"$header\"" | "$compiler" -std=c++17 -Wall -Wextra -Wpedantic -Werror -Iinclude -x c++ -fsyntax-only -
+        done
     done
-    for compiler in g++ clang++; do
-        echo '#include "scclib.h"' | "$compiler" -std=c++17 -Wall -Wextra -Wpedantic -Werror -Iinclude -x c++ -fsyntax-only -
-    done
+    # C programs link the records library, so it must not need the C++ run-time library.
+    build release scc_records
+    ! nm -uC build/release/devkit/records/libscc_records.a | grep -E ' U (std::|operator |__cxa|__gxx)'
 }
 stage_binary() {
     build release

@@ -13,14 +13,31 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 gcc -std=c11 -Wall -Werror examples/first_app.c -o "$work/by-pkg-config" \
     $(pkg-config --define-variable=prefix="$work/root" --cflags --libs scclib) -Wl,-rpath,"$libdir" -Wl,-rpath-link,"$libdir"
 
+# The records library, from C and from C++. A faulty rule shows that it runs.
+for source in add_ace.c add_ace.cpp; do
+    compiler=(gcc -std=c11)
+    [ "$source" = add_ace.c ] || compiler=(g++ -std=c++17)
+    # shellcheck disable=SC2046
+    "${compiler[@]}" -D_DEFAULT_SOURCE -Wall -Wextra -Wpedantic -Werror "examples/$source" -o "$work/$source.out" \
+        $(pkg-config --define-variable=prefix="$work/root" --cflags --libs scc_records) -Wl,-rpath,"$libdir" \
+        -Wl,-rpath-link,"$libdir"
+    output=$(LD_LIBRARY_PATH="$libdir" "$work/$source.out" 101 5 "permit tcp any" 2>&1 || true)
+    grep -q 'destination address is missing' <<<"$output" || {
+        echo "check_install: $source printed: $output" >&2
+        exit 1
+    }
+done
+
 mkdir "$work/project"
-cp examples/first_app.c "$work/project/"
+cp examples/first_app.c examples/add_ace.c "$work/project/"
 cat >"$work/project/CMakeLists.txt" <<'CMAKE'
 cmake_minimum_required(VERSION 3.25)
 project(first C)
 find_package(scclib REQUIRED)
 add_executable(first first_app.c)
 target_link_libraries(first PRIVATE scclib::scclib)
+add_executable(add_ace add_ace.c)
+target_link_libraries(add_ace PRIVATE scclib::scc_records scclib::scclib)
 CMAKE
 cmake -S "$work/project" -B "$work/project/build" -DCMAKE_PREFIX_PATH="$work/root" >/dev/null
 cmake --build "$work/project/build" >/dev/null

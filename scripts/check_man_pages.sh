@@ -23,7 +23,7 @@ empty_sections() {
         END { if (title != "") print last ": " title }' "$@"
 }
 
-python3 scripts/make_man_pages.py include/scclib.h src/scclib.map "$work"
+python3 scripts/make_man_pages.py include/scclib.h src/scclib.map "$work" include/scc_records.h
 pages=("$work"/man3/*.3 "$work"/man7/*.7 docs/man/*.1)
 mandoc -T lint -W warning "${pages[@]}" || fail "pages with warnings"
 

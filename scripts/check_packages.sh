@@ -51,8 +51,9 @@ version=$(field libscclib1 Version)
 expect libscclib1 usr/lib/libscclib.so.1 "usr/lib/libscclib.so.$version"
 cmake_files=(Config.cmake ConfigVersion.cmake Targets.cmake Targets-release.cmake)
 expect scclib-dev usr/include/scclib.h usr/lib/libscclib.a usr/lib/libscclib.so usr/lib/pkgconfig/scclib.pc \
+    usr/include/scc_records.h usr/lib/libscc_records.a usr/lib/pkgconfig/scc_records.pc \
     "${cmake_files[@]/#/usr/lib/cmake/scclib/scclib}" usr/share/man/man7/scclib.7.gz \
-    usr/share/man/man7/scclib-handlers.7.gz
+    usr/share/man/man7/scclib-handlers.7.gz usr/share/man/man7/scc_records.7.gz
 expect scclib-workstation usr/lib/libqx_syslog.so usr/lib/libqx-thread.so usr/include/qx_syslog.h \
     usr/include/qx_thread.h
 if [ -e "$work/debs/scclib-service-linux_${version}_$(dpkg --print-architecture).deb" ]; then

@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """Generates the library's manual from the comments of its header.
 
-usage: make_man_pages.py HEADER EXPORTS DIRECTORY
+usage: make_man_pages.py HEADER EXPORTS DIRECTORY [RECORDS_HEADER]
 
 HEADER is scclib.h, EXPORTS the linker's version script. DIRECTORY gets man3/NAME.3 for every exported
-name, man7/scclib.7 and man7/scclib-handlers.7. This program relies on the form of the header's comments: a
+name, man7/scclib.7 and man7/scclib-handlers.7; with RECORDS_HEADER, which is scc_records.h, also man3/NAME.3
+for each of its functions and man7/scc_records.7. This program relies on the form of the header's comments: a
 section begins with a comment of dashes; a function's comment directly precedes it; "Returns" begins the
 sentence of the return values, which are separated by semicolons; "Handler:" names the handlers that get a
 request's result; "Threads:" begins a comment's last part, which says who may call the function. That part
@@ -125,6 +126,9 @@ class Header:
                 break
             items.append(paragraph)
         return items
+
+    def is_environment(self, paragraph):
+        return "Environment" in self.head and paragraph in self.head_part("Environment")
 
     def definitions(self, title):
         """The list items "- name: words" after that paragraph, by name."""
@@ -264,6 +268,8 @@ def return_items(text):
 
 
 class Manual:
+    include = "scclib.h"
+
     def __init__(self, header, directory):
         self.header, self.directory = header, directory
         self.table = read_table(header.structs["scc_handlers"][1])
@@ -276,7 +282,7 @@ class Manual:
         page.heading("NAME")
         page.name_line(function.summary())
         page.heading("SYNOPSIS")
-        page.lines += [".B #include <scclib.h>", ".PP"]
+        page.lines += [f".B #include <{self.include}>", ".PP"]
         page.fresh = True
         page.code(broken_prototype(function.prototype))
         page.heading("DESCRIPTION")
@@ -343,6 +349,10 @@ class Manual:
             return capital(self.header.contracts["variable"])
         return self.header.threads_of(function)
 
+    def family_of(self, function):
+        """The pages of section 7 that end every list of related pages."""
+        return [".BR scclib (7),", ".BR scclib\\-handlers (7)"]
+
     @staticmethod
     def in_family(function):
         """Whether the notes of the section apply to this function."""
@@ -362,7 +372,7 @@ class Manual:
         at = family.index(function.name)
         beside = [n for n in family[max(0, at - 2) : at + 3] if n != function.name]
         names = sorted(set(named) | set(beside) | ({"scc_strerror"} - {function.name}), key=lambda n: n.lstrip("_"))
-        pages = [f".BR {n} (3)," for n in names] + [".BR scclib (7),", ".BR scclib\\-handlers (7)"]
+        pages = [f".BR {n} (3)," for n in names] + self.family_of(function)
         page.lines += pages
 
     # ---- section 7 --------------------------------------------------------------------------------
@@ -388,8 +398,7 @@ class Manual:
         page.write(self.directory / "man7" / "scclib.7")
 
     def head_paragraph(self, page, paragraph):
-        environment = self.header.head_part("Environment")
-        if paragraph in environment or paragraph == "Environment":
+        if paragraph == "Environment" or self.header.is_environment(paragraph):
             return
         if paragraph in ("Conventions", "Threads") or paragraph.startswith("Arguments that"):
             page.subheading(paragraph)
@@ -478,12 +487,52 @@ class Manual:
             page.code(broken_prototype(declaration))
 
 
+class RecordsManual(Manual):
+    """The pages of scc_records.h: no handlers, no result codes of its own."""
+
+    include = "scc_records.h"
+
+    def __init__(self, header, directory):
+        self.header, self.directory = header, directory
+        self.table, self.code_texts = [], {}
+
+    def family_of(self, function):
+        return [".BR scc_records (7),", ".BR scclib (7)"]
+
+    def overview(self):
+        page = Page("scc_records", 7, self.header)
+        page.heading("NAME")
+        page.name_line("the contents of the records that scclib passes on unread")
+        page.heading("SYNOPSIS")
+        page.lines.append(".B #include <scc_records.h>")
+        page.lines += [".PP", "cc \\fIfile.c\\fP $(pkg\\-config \\-\\-cflags \\-\\-libs scc_records)"]
+        page.heading("DESCRIPTION")
+        page.text(re.sub(r"^scc_records: ", "These are ", self.header.head[0]))
+        for paragraph in self.header.head[1:]:
+            if paragraph == "The text of an ACE":
+                page.subheading(paragraph)
+            else:
+                self.head_paragraph(page, paragraph)
+        self.function_list(page)
+        self.records(page)
+        page.heading('"SEE ALSO"')
+        page.lines += [".BR scclib (7),", ".BR scc_acl_add_ace (3),", ".BR sccctl (1),", ".BR services (5)"]
+        page.write(self.directory / "man7" / "scc_records.7")
+
+
 def exported(text):
     return re.findall(r"^    ([A-Za-z_]\w*);$", text, re.M)
 
 
+def make_records_pages(path, directory):
+    manual = RecordsManual(Header(path.read_text(encoding="utf-8")), directory)
+    for name in manual.header.functions:
+        manual.page(name)
+    manual.overview()
+
+
 def main():
-    if len(sys.argv) != 4:
+    if len(sys.argv) not in (4, 5):
         sys.exit(__doc__)
     text = pathlib.Path(sys.argv[1]).read_text(encoding="utf-8")
     header = Header(text)
@@ -500,6 +549,8 @@ def main():
         manual.page(name)
     manual.overview()
     manual.handlers()
+    if len(sys.argv) == 5:
+        make_records_pages(pathlib.Path(sys.argv[4]), pathlib.Path(sys.argv[3]))
 
 
 if __name__ == "__main__":

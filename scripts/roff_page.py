@@ -28,7 +28,7 @@ class Page:
         self.header = header
         self.name = name
         self.lines = [
-            '.\\" Made by make_man_pages.py from scclib.h.',
+            '.\\" Made by make_man_pages.py from the header.',
             f'.TH "{name.upper()}" {section} "{REVISED}" "{RELEASE}" "{MANUAL}"',
         ]
 

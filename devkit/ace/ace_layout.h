@@ -9,7 +9,7 @@
 #include <type_traits>
 
 #include "records/names.h"
-#include "records/scc_records.h"
+#include "scc_records.h"
 
 namespace scc::ace {
 

@@ -1,4 +1,4 @@
-// The text of rules and ACEs as C++ strings. The grammar is in records/scc_records.h. What print_* writes,
+// The text of rules and ACEs as C++ strings. The grammar is in scc_records.h. What print_* writes,
 // parse_* reads back to the same rule. Stateless; any thread.
 #pragma once
 

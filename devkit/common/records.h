@@ -7,7 +7,7 @@
 #include <tuple>
 
 #include "common/bytes.h"
-#include "records/scc_records.h"
+#include "scc_records.h"
 
 namespace scc::devkit {
 

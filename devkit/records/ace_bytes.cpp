@@ -39,27 +39,17 @@ constexpr std::size_t at_further_source_ports = 228;
 constexpr std::size_t at_further_destination_ports = 284;
 constexpr std::size_t at_remark = 340;
 
-#define SCC_PIECE(member, record_offset) \
-    piece { offsetof(scc_ace_rule, member), record_offset, sizeof(scc_ace_rule::member) }
+#define SCC_PIECE(member, record_offset)                                            \
+    piece {                                                                         \
+        offsetof(scc_ace_rule, member), record_offset, sizeof(scc_ace_rule::member) \
+    }
 constexpr piece pieces[] = {
-    SCC_PIECE(action, 20),
-    SCC_PIECE(family, 21),
-    SCC_PIECE(has_protocol, 22),
-    SCC_PIECE(protocol, 23),
-    SCC_PIECE(fields, at_fields),
-    SCC_PIECE(vlan, 26),
-    SCC_PIECE(ethertype, 28),
-    SCC_PIECE(dscp, 30),
-    SCC_PIECE(cos, 31),
-    SCC_PIECE(inner_vlan, 66),
-    SCC_PIECE(source_mac, 76),
-    SCC_PIECE(destination_mac, 88),
-    SCC_PIECE(icmp_type, 100),
-    SCC_PIECE(icmp_code, 101),
-    SCC_PIECE(time_days, 136),
-    SCC_PIECE(time_begin, 138),
-    SCC_PIECE(time_end, 140),
-    SCC_PIECE(remark, at_remark),
+    SCC_PIECE(action, 20),      SCC_PIECE(family, 21),        SCC_PIECE(has_protocol, 22),
+    SCC_PIECE(protocol, 23),    SCC_PIECE(fields, at_fields), SCC_PIECE(vlan, 26),
+    SCC_PIECE(ethertype, 28),   SCC_PIECE(dscp, 30),          SCC_PIECE(cos, 31),
+    SCC_PIECE(inner_vlan, 66),  SCC_PIECE(source_mac, 76),    SCC_PIECE(destination_mac, 88),
+    SCC_PIECE(icmp_type, 100),  SCC_PIECE(icmp_code, 101),    SCC_PIECE(time_days, 136),
+    SCC_PIECE(time_begin, 138), SCC_PIECE(time_end, 140),     SCC_PIECE(remark, at_remark),
 };
 #undef SCC_PIECE
 
@@ -71,7 +61,8 @@ static_assert(at_marker == offsetof(scc_ace_record, match) && match_end == 220);
 static_assert(at_further_source_ports == action_begin);
 static_assert(at_further_source_ports + (SCC_ACE_PORT_RANGES - 1) * sizeof(scc_ace_port_range) ==
               at_further_destination_ports);
-static_assert(at_further_destination_ports + (SCC_ACE_PORT_RANGES - 1) * sizeof(scc_ace_port_range) == at_remark);
+static_assert(at_further_destination_ports + (SCC_ACE_PORT_RANGES - 1) * sizeof(scc_ace_port_range) ==
+              at_remark);
 static_assert(action_end <= sizeof(scc_ace_record));
 static_assert(sizeof(scc_ace_rule) == 298);
 
@@ -157,7 +148,9 @@ const char* ip_problem(const scc_ace_rule& rule) {
 
 const char* transport_problem(const scc_ace_rule& rule) {
     const unsigned fields = rule.fields;
-    const auto is = [&](std::uint8_t protocol) { return rule.has_protocol != 0 && rule.protocol == protocol; };
+    const auto is = [&](std::uint8_t protocol) {
+        return rule.has_protocol != 0 && rule.protocol == protocol;
+    };
     if ((fields & SCC_ACE_ICMP_CODE) != 0 && (fields & SCC_ACE_ICMP_TYPE) == 0) {
         return "'icmp-code' needs 'icmp-type'";
     }
@@ -277,7 +270,8 @@ void put_address(bytes& record, const scc_ace_address& address, std::size_t at, 
     put(record, prefix_at, static_cast<std::uint8_t>(leading_ones(address)));
     if (prefix_bits(address) < 0) {
         put(record, mask_at, address.mask);
-        put(record, at_fields, static_cast<std::uint16_t>(get<std::uint16_t>(record, at_fields) | mask_given));
+        put(record, at_fields,
+            static_cast<std::uint16_t>(get<std::uint16_t>(record, at_fields) | mask_given));
     }
 }
 
@@ -330,7 +324,8 @@ void write(const scc_ace_rule& rule, bytes& record) {
                     each.bytes);
     }
     put_address(record, rule.source, 32, at_source_prefix, at_source_mask, source_mask_given);
-    put_address(record, rule.destination, 48, at_destination_prefix, at_destination_mask, destination_mask_given);
+    put_address(record, rule.destination, 48, at_destination_prefix, at_destination_mask,
+                destination_mask_given);
     put_ports(record, rule.source_ports, at_source_ports, at_further_source_count, at_further_source_ports);
     put_ports(record, rule.destination_ports, at_destination_ports, at_further_destination_count,
               at_further_destination_ports);
@@ -338,7 +333,8 @@ void write(const scc_ace_rule& rule, bytes& record) {
 
 bool read(const bytes& record, scc_ace_rule& rule) {
     for (const piece& each : pieces) {
-        std::memcpy(reinterpret_cast<std::uint8_t*>(&rule) + each.in_rule, record + each.in_record, each.bytes);
+        std::memcpy(reinterpret_cast<std::uint8_t*>(&rule) + each.in_rule, record + each.in_record,
+                    each.bytes);
     }
     rule.fields &= static_cast<std::uint16_t>(~(source_mask_given | destination_mask_given));
     // Some writers leave any byte but 0 for "the protocol must match".

@@ -49,7 +49,7 @@ bool is_plain(string_view word) {
 }
 
 bool begins_address(string_view word) {
-    return word == "any" || word == "host" || is_plain(word.substr(0, word.find('/')));
+    return word == "any" || word == "host" || is_plain(part(word, 0, word.find('/')));
 }
 
 bool is_port_word(string_view word) {
@@ -79,14 +79,15 @@ bool is_source_wildcard(word_reader& words) {
     if (is_plain(ahead.peek())) {
         return true;
     }
-    return words.fail(next, "'%.*s' may be a wildcard mask or the destination: write 'host' before single addresses",
-                      length(next), next.data());
+    return words.fail(
+        next, "'%.*s' may be a wildcard mask or the destination: write 'host' before single addresses",
+        length(next), next.data());
 }
 
 parsed_address address_of(word_reader& words, string_view word, bool is_host) {
     parsed_address read;
     const auto slash = word.find('/');
-    read.family = plain_family(word.substr(0, slash), read.address.bytes);
+    read.family = plain_family(part(word, 0, slash), read.address.bytes);
     if (read.family == SCC_ACE_ANY_IP) {
         words.fail(word, "'%.*s' is not an address", length(word), word.data());
         return read;
@@ -97,7 +98,7 @@ parsed_address address_of(word_reader& words, string_view word, bool is_host) {
             words.fail(word, "'host' takes an address without a prefix length");
             return read;
         }
-        bits = static_cast<unsigned>(words.number(word.substr(slash + 1), "prefix length", 0, bits));
+        bits = static_cast<unsigned>(words.number(part(word, slash + 1), "prefix length", 0, bits));
     }
     set_prefix(read.address, bits);
     return read;
@@ -119,8 +120,7 @@ parsed_address take_address(word_reader& words, side which) {
         return {};
     }
     const bool is_host = words.take_if("host");
-    const string_view word =
-        words.take(which == side::source ? "source address" : "destination address");
+    const string_view word = words.take(which == side::source ? "source address" : "destination address");
     if (word.empty()) {
         return {};
     }
@@ -157,24 +157,32 @@ void add_range(word_reader& words, string_view word, scc_ace_ports& ports, unsig
     ports.ranges[ports.count++] = {static_cast<std::uint16_t>(first), static_cast<std::uint16_t>(last)};
 }
 
-// A port or "first-last". Names may contain dashes themselves.
+// The dash between two ports. Names may contain dashes themselves.
+std::size_t dash_between(string_view item, std::uint8_t protocol) {
+    const std::size_t first = item.find('-');
+    for (std::size_t dash = first; dash != string_view::npos; dash = item.find('-', dash + 1)) {
+        if (port_named(protocol, part(item, 0, dash)) && port_named(protocol, part(item, dash + 1))) {
+            return dash;
+        }
+    }
+    return first;
+}
+
+// A port or "first-last".
 void add_item(word_reader& words, string_view item, std::uint8_t protocol, scc_ace_ports& ports) {
-    auto dash = item.find('-');
-    if (dash == string_view::npos || port_named(protocol, item)) {
+    if (item.find('-') == string_view::npos || port_named(protocol, item)) {
         const std::uint16_t port = port_of(words, item, protocol);
         return add_range(words, item, ports, port, port);
     }
-    while (!port_named(protocol, item.substr(0, dash)) && item.find('-', dash + 1) != string_view::npos) {
-        dash = item.find('-', dash + 1);
-    }
-    const std::uint16_t first = port_of(words, item.substr(0, dash), protocol);
-    add_range(words, item, ports, first, port_of(words, item.substr(dash + 1), protocol, first));
+    const std::size_t dash = dash_between(item, protocol);
+    const std::uint16_t first = port_of(words, part(item, 0, dash), protocol);
+    add_range(words, item, ports, first, port_of(words, part(item, dash + 1), protocol, first));
 }
 
 void add_list(word_reader& words, string_view list, std::uint8_t protocol, scc_ace_ports& ports) {
     while (!words.failed()) {
         const auto comma = list.find(',');
-        add_item(words, list.substr(0, comma), protocol, ports);
+        add_item(words, part(list, 0, comma), protocol, ports);
         if (comma == string_view::npos) {
             return;
         }
@@ -231,11 +239,11 @@ void take_ports(word_reader& words, const scc_ace_rule& within, scc_ace_ports& p
 void take_mac(word_reader& words, const char* what, scc_ace_mac& mac) {
     const string_view word = words.take(what);
     const auto slash = word.find('/');
-    if (!parse_mac(word.substr(0, slash), mac.bytes)) {
+    if (!parse_mac(part(word, 0, slash), mac.bytes)) {
         words.fail(word, "'%.*s' is not a MAC address", length(word), word.data());
     }
     std::memset(mac.mask, 0xFF, sizeof mac.mask);
-    if (slash != string_view::npos && !parse_mac(word.substr(slash + 1), mac.mask)) {
+    if (slash != string_view::npos && !parse_mac(part(word, slash + 1), mac.mask)) {
         words.fail(word, "'%.*s' has no MAC mask after the slash", length(word), word.data());
     }
 }
@@ -268,7 +276,8 @@ void take_icmp_type(word_reader& words, scc_ace_rule& into) {
     }
     const auto meaning = icmp_named(into.protocol, word);
     if (!meaning) {
-        words.fail(word, "'%.*s' is not an ICMP type of protocol %u", length(word), word.data(), into.protocol);
+        words.fail(word, "'%.*s' is not an ICMP type of protocol %u", length(word), word.data(),
+                   into.protocol);
         return;
     }
     into.icmp_type = meaning->type;
@@ -282,10 +291,10 @@ std::uint8_t days_of(word_reader& words, string_view list) {
     unsigned days = 0;
     while (true) {
         const auto comma = list.find(',');
-        const string_view item = list.substr(0, comma);
+        const string_view item = part(list, 0, comma);
         const auto dash = item.find('-');
-        const auto first = day_named(item.substr(0, dash));
-        const auto last = dash == string_view::npos ? first : day_named(item.substr(dash + 1));
+        const auto first = day_named(part(item, 0, dash));
+        const auto last = dash == string_view::npos ? first : day_named(part(item, dash + 1));
         if (!first || !last) {
             words.fail(item, "'%.*s' is neither a day (sun to sat) nor a time", length(item), item.data());
             return 0;
@@ -308,8 +317,8 @@ std::optional<unsigned> minutes_of(string_view word) {
     if (word.size() != 5 || word[2] != ':') {
         return std::nullopt;
     }
-    const auto hour = parse_number(word.substr(0, 2), 0, 24);
-    const auto minute = parse_number(word.substr(3), 0, 59);
+    const auto hour = parse_number(part(word, 0, 2), 0, 24);
+    const auto minute = parse_number(part(word, 3), 0, 59);
     if (!hour || !minute || (*hour == 24 && *minute != 0)) {
         return std::nullopt;
     }
@@ -325,8 +334,8 @@ void take_time_range(word_reader& words, scc_ace_rule& into) {
     if (words.failed()) {
         return;
     }
-    const auto begin = minutes_of(word.substr(0, word.find('-')));
-    const auto end = word.size() == 11 && word[5] == '-' ? minutes_of(word.substr(6)) : std::nullopt;
+    const auto begin = minutes_of(part(word, 0, word.find('-')));
+    const auto end = word.size() == 11 && word[5] == '-' ? minutes_of(part(word, 6)) : std::nullopt;
     if (!begin || !end || *begin == SCC_ACE_DAY_MINUTES) {
         words.fail(word, "'%.*s' is not a time HH:MM-HH:MM", length(word), word.data());
         return;
@@ -380,9 +389,9 @@ constexpr option_row options[] = {
     {"ethertype", SCC_ACE_ETHERTYPE,
      [](word_reader& words, scc_ace_rule& into) {
          const string_view word = words.take("ethertype");
-         into.ethertype =
-             word.empty() ? std::uint16_t{0}
-                          : static_cast<std::uint16_t>(words.number(word, "ethertype", 0, UINT16_MAX));
+         into.ethertype = word.empty()
+                              ? std::uint16_t{0}
+                              : static_cast<std::uint16_t>(words.number(word, "ethertype", 0, UINT16_MAX));
      }},
     {"dscp", SCC_ACE_DSCP,
      [](word_reader& words, scc_ace_rule& into) {
@@ -392,9 +401,9 @@ constexpr option_row options[] = {
     {"icmp-code", SCC_ACE_ICMP_CODE,
      [](word_reader& words, scc_ace_rule& into) {
          const string_view word = words.take("icmp-code");
-         into.icmp_code =
-             word.empty() ? std::uint8_t{0}
-                          : static_cast<std::uint8_t>(words.number(word, "icmp-code", 0, UINT8_MAX));
+         into.icmp_code = word.empty()
+                              ? std::uint8_t{0}
+                              : static_cast<std::uint8_t>(words.number(word, "icmp-code", 0, UINT8_MAX));
      }},
     {"established", SCC_ACE_ESTABLISHED, [](word_reader&, scc_ace_rule&) {}},
     {"fragments", SCC_ACE_FRAGMENTS, [](word_reader&, scc_ace_rule&) {}},

@@ -1,5 +1,5 @@
-// The configuration records: structs of the desk's layout, copied to and from the library's opaque ones, and the
-// text of one. The header describes the layouts.
+// The configuration records: structs of the desk's layout, copied to and from the library's opaque ones, and
+// the text of one. The header describes the layouts.
 #include <arpa/inet.h>
 
 #include <algorithm>
@@ -101,42 +101,39 @@ struct field_row {
 };
 
 constexpr field_row fields[] = {
-    {"ifx", [](word_reader& words, string_view word, scc_records_config& into) {
-         into.ifx = u32_of(words, word, "ifx");
-     }},
-    {"vid", [](word_reader& words, string_view word, scc_records_config& into) {
-         into.vid = u32_of(words, word, "vid", vlan_max);
-     }},
-    {"mac", [](word_reader& words, string_view word, scc_records_config& into) {
+    {"ifx", [](word_reader& words, string_view word,
+               scc_records_config& into) { into.ifx = u32_of(words, word, "ifx"); }},
+    {"vid", [](word_reader& words, string_view word,
+               scc_records_config& into) { into.vid = u32_of(words, word, "vid", vlan_max); }},
+    {"mac",
+     [](word_reader& words, string_view word, scc_records_config& into) {
          if (!parse_mac(word, into.mac)) {
              words.fail(word, "'%.*s' is not a MAC address", length(word), word.data());
          }
      }},
-    {"app-type", [](word_reader& words, string_view word, scc_records_config& into) {
-         into.app_type = u32_of(words, word, "app-type");
-     }},
-    {"value", [](word_reader& words, string_view word, scc_records_config& into) {
-         into.value = u32_of(words, word, "value");
-     }},
-    {"operation", [](word_reader& words, string_view word, scc_records_config& into) {
-         into.operation = operation_of(words, word);
-     }},
-    {"ip", [](word_reader& words, string_view word, scc_records_config& into) {
+    {"app-type", [](word_reader& words, string_view word,
+                    scc_records_config& into) { into.app_type = u32_of(words, word, "app-type"); }},
+    {"value", [](word_reader& words, string_view word,
+                 scc_records_config& into) { into.value = u32_of(words, word, "value"); }},
+    {"operation", [](word_reader& words, string_view word,
+                     scc_records_config& into) { into.operation = operation_of(words, word); }},
+    {"ip",
+     [](word_reader& words, string_view word, scc_records_config& into) {
          take_address<AF_INET, SCC_RECORDS_HAS_IPV4>(words, word, into,
                                                      reinterpret_cast<std::uint8_t*>(&into.ipv4));
      }},
-    {"ipv6", [](word_reader& words, string_view word, scc_records_config& into) {
+    {"ipv6",
+     [](word_reader& words, string_view word, scc_records_config& into) {
          take_address<AF_INET6, SCC_RECORDS_HAS_IPV6>(words, word, into, into.ipv6);
      }},
-    {"mask", [](word_reader& words, string_view word, scc_records_config& into) {
-         take_mask(words, word, into);
-     }},
+    {"mask",
+     [](word_reader& words, string_view word, scc_records_config& into) { take_mask(words, word, into); }},
 };
 
 void take_field(word_reader& words, scc_records_config& into, unsigned& given) {
     const string_view name = words.take("field");
-    const auto* row =
-        std::find_if(std::begin(fields), std::end(fields), [&](const field_row& each) { return each.name == name; });
+    const auto* row = std::find_if(std::begin(fields), std::end(fields),
+                                   [&](const field_row& each) { return each.name == name; });
     if (row == std::end(fields)) {
         words.fail(name, "unknown field '%.*s'", length(name), name.data());
         return;
@@ -168,7 +165,9 @@ void print_addresses(text_writer& out, const scc_records_config& config) {
         out.add_ip(AF_INET6, config.ipv6);
     }
     if ((config.flags & SCC_RECORDS_HAS_MASK) != 0 || is_set(config.mask)) {
-        const bool is_ipv6 = std::any_of(config.mask + 4, std::end(config.mask), [](auto byte) { return byte != 0; });
+        const bool is_ipv6 =
+            (config.flags & (SCC_RECORDS_HAS_IPV4 | SCC_RECORDS_HAS_IPV6)) == SCC_RECORDS_HAS_IPV6 ||
+            std::any_of(config.mask + 4, std::end(config.mask), [](auto byte) { return byte != 0; });
         out.add(" mask ");
         out.add_ip(is_ipv6 ? AF_INET6 : AF_INET, config.mask);
     }
@@ -188,8 +187,9 @@ void print_config(text_writer& out, const scc_records_config& config) {
     }
     add("app-type", config.app_type);
     add("value", config.value);
-    const auto* known = std::find_if(std::begin(operations), std::end(operations),
-                                     [&](const operation_name& each) { return each.number == config.operation; });
+    const auto* known =
+        std::find_if(std::begin(operations), std::end(operations),
+                     [&](const operation_name& each) { return each.number == config.operation; });
     if (known != std::end(operations)) {
         out.add(" operation %s", known->name.data());
     } else {
@@ -254,8 +254,8 @@ size_t scc_records_print_config(const scc_records_config* config, char* buffer, 
     return out.length();
 }
 
-uint32_t scc_records_encode_application(const scc_records_application* application, scc_acl_apply_record* record,
-                                        scc_records_error* error) {
+uint32_t scc_records_encode_application(const scc_records_application* application,
+                                        scc_acl_apply_record* record, scc_records_error* error) {
     if (application == nullptr || record == nullptr) {
         return records::refuse(error, "a null pointer");
     }
@@ -268,7 +268,8 @@ uint32_t scc_records_encode_application(const scc_records_application* applicati
     return records::copy(application, record);
 }
 
-uint32_t scc_records_decode_application(const scc_acl_apply_record* record, scc_records_application* application) {
+uint32_t scc_records_decode_application(const scc_acl_apply_record* record,
+                                        scc_records_application* application) {
     return records::copy(record, application);
 }
 

@@ -14,16 +14,25 @@ struct name_row {
 };
 
 constexpr name_row protocols[] = {
-    {"icmp", protocol_icmp}, {"igmp", 2}, {"tcp", protocol_tcp}, {"udp", protocol_udp}, {"gre", 47},
-    {"esp", 50},             {"ah", 51},  {"icmp6", protocol_icmp6}, {"ospf", 89},      {"pim", 103},
-    {"vrrp", 112},           {"sctp", protocol_sctp},
+    {"icmp", protocol_icmp},
+    {"igmp", 2},
+    {"tcp", protocol_tcp},
+    {"udp", protocol_udp},
+    {"gre", 47},
+    {"esp", 50},
+    {"ah", 51},
+    {"icmp6", protocol_icmp6},
+    {"ospf", 89},
+    {"pim", 103},
+    {"vrrp", 112},
+    {"sctp", protocol_sctp},
 };
 
 constexpr name_row dscp_values[] = {
-    {"default", 0}, {"le", 1},     {"cs0", 0},   {"cs1", 8},   {"cs2", 16},  {"cs3", 24},  {"cs4", 32},
-    {"cs5", 40},    {"cs6", 48},   {"cs7", 56},  {"af11", 10}, {"af12", 12}, {"af13", 14}, {"af21", 18},
-    {"af22", 20},   {"af23", 22},  {"af31", 26}, {"af32", 28}, {"af33", 30}, {"af41", 34}, {"af42", 36},
-    {"af43", 38},   {"va", 44},    {"ef", 46},
+    {"default", 0}, {"le", 1},    {"cs0", 0},   {"cs1", 8},   {"cs2", 16},  {"cs3", 24},
+    {"cs4", 32},    {"cs5", 40},  {"cs6", 48},  {"cs7", 56},  {"af11", 10}, {"af12", 12},
+    {"af13", 14},   {"af21", 18}, {"af22", 20}, {"af23", 22}, {"af31", 26}, {"af32", 28},
+    {"af33", 30},   {"af41", 34}, {"af42", 36}, {"af43", 38}, {"va", 44},   {"ef", 46},
 };
 
 // The acronyms of IEEE 802.1Q. Best effort is 0 and background, below it, is 1.
@@ -168,7 +177,8 @@ std::optional<std::uint16_t> port_named(std::uint8_t protocol, string_view word)
     if (const auto number = parse_number(word, 0, UINT16_MAX)) {
         return static_cast<std::uint16_t>(*number);
     }
-    const bool may_be_name = !word.empty() && word.size() < sizeof(c_string::text) && (word[0] < '0' || word[0] > '9');
+    const bool may_be_name =
+        !word.empty() && word.size() < sizeof(c_string::text) && (word[0] < '0' || word[0] > '9');
     if (!may_be_name) {
         return std::nullopt;
     }

@@ -1,5 +1,5 @@
-// The names that stand for numbers in the text of an ACE: protocols, DSCP, classes of service, ICMP types, days
-// and ports. Names are read, numbers are printed. Stateless; any thread.
+// The names that stand for numbers in the text of an ACE: protocols, DSCP, classes of service, ICMP types,
+// days and ports. Names are read, numbers are printed. Stateless; any thread.
 #pragma once
 
 #include <cstdint>

@@ -162,7 +162,8 @@ c_string::c_string(string_view word) : text{} {
     std::memcpy(text, word.data(), std::min(word.size(), sizeof text - 1));
 }
 
-text_writer::text_writer(char* buffer, std::size_t size) : buffer_(buffer), size_(buffer == nullptr ? 0 : size) {
+text_writer::text_writer(char* buffer, std::size_t size)
+    : buffer_(buffer), size_(buffer == nullptr ? 0 : size) {
     if (size_ != 0) {
         buffer_[0] = '\0';
     }

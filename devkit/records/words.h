@@ -1,5 +1,5 @@
-// The words of a text that is parsed, and where the first error was found. Shared by the parsers of ACEs and of
-// configuration records.
+// The words of a text that is parsed, and where the first error was found. Shared by the parsers of ACEs and
+// of configuration records.
 //
 // This folder uses the C library alone: no exceptions, nothing of the C++ run-time library. A C program can
 // therefore link the static library. Stateless; any thread.
@@ -18,6 +18,14 @@ using std::string_view;
 inline constexpr std::uint32_t result_ok = 0;
 inline constexpr std::uint32_t result_absent = 2;    // ENOENT
 inline constexpr std::uint32_t result_invalid = 22;  // EINVAL
+
+// string_view::substr without an exception: a place after the end gives an empty view there.
+[[nodiscard]] constexpr string_view part(string_view word, std::size_t begin,
+                                         std::size_t count = string_view::npos) {
+    begin = begin < word.size() ? begin : word.size();
+    count = count < word.size() - begin ? count : word.size() - begin;
+    return {word.data() + begin, count};
+}
 
 // Splits a text at blanks. Copying a reader and reading on in the copy looks ahead.
 class word_reader {
@@ -50,7 +58,8 @@ class word_reader {
 };
 
 // A number, decimal or with 0x, within [min, max].
-[[nodiscard]] std::optional<std::uint64_t> parse_number(string_view text, std::uint64_t min, std::uint64_t max);
+[[nodiscard]] std::optional<std::uint64_t> parse_number(string_view text, std::uint64_t min,
+                                                        std::uint64_t max);
 
 // "00:11:22:33:44:55" or "0011.2233.4455", into 6 bytes.
 [[nodiscard]] bool parse_mac(string_view text, std::uint8_t* mac);

@@ -50,15 +50,24 @@ TEST_P(AceTextCanonicalRule, ComesBackFromTheRecordUnchanged) {
 
 INSTANTIATE_TEST_SUITE_P(
     rules, AceTextCanonicalRule,
-    testing::Values(
-        "permit ip any any", "deny ip 10.0.0.0/8 any", "permit ip host 10.1.1.1 192.168.0.0/16",
-        "deny tcp any host 10.1.1.1 port 80", "permit udp any port 1024-65535 10.0.0.0/24 port 53",
-        "permit tcp any any", "permit tcp 0.0.0.0/0 any", "permit udp ::/0 any port 5353",
-        "deny icmp any any", "permit icmp6 any host fe80::1", "permit 47 10.0.0.0/8 any",
-        "permit 132 any any port 36412", "permit ipv6 2001:db8::/32 any", "deny ether",
-        "deny ether src-mac 00:11:22:33:44:55 vlan 10 ethertype 0x0806",
-        "permit ether dst-mac 01:00:00:00:00:00/01:00:00:00:00:00",
-        "permit ip any any src-mac 00:11:22:33:44:55 dst-mac aa:bb:cc:dd:ee:ff vlan 4094 dscp 46"));
+    testing::Values("permit ip any any", "deny ip 10.0.0.0/8 any", "permit ip host 10.1.1.1 192.168.0.0/16",
+                    "deny tcp any host 10.1.1.1 port 80",
+                    "permit udp any port 1024-65535 10.0.0.0/24 port 53", "permit tcp any any",
+                    "permit tcp 0.0.0.0/0 any", "permit udp ::/0 any port 5353", "deny icmp any any",
+                    "permit icmp6 any host fe80::1", "permit 47 10.0.0.0/8 any",
+                    "permit 132 any any port 36412", "permit ipv6 2001:db8::/32 any", "deny ether",
+                    "deny ether src-mac 00:11:22:33:44:55 vlan 10 ethertype 0x0806",
+                    "permit ether dst-mac 01:00:00:00:00:00/01:00:00:00:00:00",
+                    "permit ip any any src-mac 00:11:22:33:44:55 dst-mac aa:bb:cc:dd:ee:ff vlan 4094 dscp 46",
+                    "permit ip 10.0.0.1 0.0.255.0 host 10.9.9.9", "deny ip any 10.1.0.0 0.0.2.255",
+                    "permit ipv6 2001:db8::1 0:0:ffff:: any",
+                    "permit tcp any port 1-19,80,8000-8080 any port 443", "permit tcp any any established",
+                    "deny ip any any fragments", "deny udp any 10.0.0.0/8 fragments",
+                    "permit icmp any any icmp-type 3 icmp-code 4", "permit icmp6 any any icmp-type 135",
+                    "permit ether vlan 100 inner-vlan 7 cos 5", "permit ip any any time-range 08:00-17:30",
+                    "permit ip any any time-range mon-fri 22:00-06:00",
+                    "permit ip any any time-range mon,sat,sun 00:00-24:00",
+                    "deny ip any any log remark \"the printer's #2 port\""));
 
 TEST(AceText, ABareAddressIsAHost) {
     EXPECT_EQ(read_and_print("permit ip 10.1.1.1 any"), "permit ip host 10.1.1.1 any");
@@ -114,7 +123,10 @@ TEST(AceLayout, EncodingLeavesTheLibrarysBytesAlone) {
     for (std::size_t at = 0; at < 16; ++at) {
         EXPECT_EQ(bytes[at], 0xAA) << at;
     }
-    for (std::size_t at = 100; at < sizeof record; ++at) {
+    for (std::size_t at = 220; at < 228; ++at) {
+        EXPECT_EQ(bytes[at], 0xAA) << at;
+    }
+    for (std::size_t at = 404; at < sizeof record; ++at) {
         EXPECT_EQ(bytes[at], 0xAA) << at;
     }
 }
@@ -129,14 +141,14 @@ TEST(AceLayout, ARecordOfSomebodyElseHoldsNoRule) {
 
 // Another program may write records too, without clearing unused bytes.
 TEST(AceLayout, BitsThatTheRuleIgnoresAreNotRead) {
-    rule written = *decode(ace_of("permit ip 10.0.0.0/8 any src-mac 01:00:00:00:00:00/01:00:00:00:00:00"));
-    const rule clean = written;
-    written.source.bytes.fill(0xFF);
-    written.source.bytes[0] = 10;
-    written.destination.bytes.fill(0xFF);
-    written.source_mac->bytes.fill(0xFF);
-    scc_ace_record record{};
-    encode(written, record);
+    scc_ace_record record = ace_of("permit ip 10.0.0.0/8 any src-mac 01:00:00:00:00:00/01:00:00:00:00:00");
+    const auto clean = decode(record);
+    auto* bytes = reinterpret_cast<unsigned char*>(&record);
+    std::memset(bytes + 33, 0xFF, 15);  // of the source address
+    std::memset(bytes + 48, 0xFF, 16);  // the destination address
+    std::memset(bytes + 76, 0xFF, 6);   // the MAC address
+    std::memset(bytes + 88, 0xFF, 12);  // a MAC address that does not count
+    ASSERT_TRUE(clean);
     EXPECT_EQ(decode(record), clean);
 }
 
@@ -153,14 +165,17 @@ INSTANTIATE_TEST_SUITE_P(bytes, AceTextBrokenByte,
                          testing::Values(std::tuple{std::size_t{16}, 0}, std::tuple{std::size_t{20}, 2},
                                          std::tuple{std::size_t{21}, 5}, std::tuple{std::size_t{21}, 0},
                                          std::tuple{std::size_t{24}, 0x08}, std::tuple{std::size_t{24}, 0x04},
-                                         std::tuple{std::size_t{64}, 33}, std::tuple{std::size_t{68}, 1}));
+                                         std::tuple{std::size_t{64}, 33}, std::tuple{std::size_t{68}, 1},
+                                         std::tuple{std::size_t{25}, 0x80},
+                                         std::tuple{std::size_t{24}, 0x20 + 0x80},
+                                         std::tuple{std::size_t{102}, 15}, std::tuple{std::size_t{340}, 7}));
 
 TEST(AceText, WhatIsWrongIsNamed) {
     EXPECT_EQ(error_of(""), "action is missing");
     EXPECT_EQ(error_of("10"), "action is missing");
     EXPECT_EQ(error_of("allow ip any any"), "'allow' is neither permit nor deny");
     EXPECT_EQ(error_of("permit"), "protocol is missing");
-    EXPECT_EQ(error_of("permit gre any any"), "protocol 'gre' is not a number from 0 to 255");
+    EXPECT_EQ(error_of("permit foo any any"), "protocol 'foo' is not a number from 0 to 255");
     EXPECT_EQ(error_of("permit 256 any any"), "protocol '256' is not a number from 0 to 255");
     EXPECT_EQ(error_of("permit ip any"), "destination address is missing");
     EXPECT_EQ(error_of("permit ip 10.0.0/8 any"), "'10.0.0/8' is not an address");
@@ -168,12 +183,13 @@ TEST(AceText, WhatIsWrongIsNamed) {
     EXPECT_EQ(error_of("permit ip host 10.0.0.0/8 any"), "'host' takes an address without a prefix length");
     EXPECT_EQ(error_of("permit ip any ::1"), "IPv4 and IPv6 do not go together in one rule");
     EXPECT_EQ(error_of("permit tcp 10.0.0.1 ::1"), "IPv4 and IPv6 do not go together in one rule");
-    EXPECT_EQ(error_of("permit ip any any port 80"), "'port' needs protocol tcp, udp or 132");
+    EXPECT_EQ(error_of("permit ip any any port 80"), "'port' needs protocol tcp, udp or sctp");
     EXPECT_EQ(error_of("permit tcp any any port 90-80"), "port '80' is not a number from 90 to 65535");
     EXPECT_EQ(error_of("permit ip any any vlan 0"), "vlan '0' is not a number from 1 to 4094");
     EXPECT_EQ(error_of("permit ip any any vlan 5 vlan 5"), "'vlan' is given twice");
-    EXPECT_EQ(error_of("permit ip any any ethertype 0x800"), "unknown option 'ethertype'");
-    EXPECT_EQ(error_of("permit ether dscp 1"), "unknown option 'dscp'");
+    EXPECT_EQ(error_of("permit ip any any colour 1"), "unknown option 'colour'");
+    EXPECT_EQ(error_of("permit ip any any ethertype 0x800"), "'ethertype' goes with 'ether' alone");
+    EXPECT_EQ(error_of("permit ether dscp 1"), "'dscp' and 'fragments' need an IP protocol");
     EXPECT_EQ(error_of("permit ether src-mac 00:11:22:33:44"), "'00:11:22:33:44' is not a MAC address");
     EXPECT_EQ(error_of("permit ip any any id"), "ACE id is missing");
     EXPECT_EQ(error_of("permit ip any any id 5 vlan 2"), "'vlan' follows the end of the ACE");

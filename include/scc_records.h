@@ -5,12 +5,8 @@
  * between the application and the daemon. This header is the layout of the desk: that of sccd-dev, scc-ss-dev
  * and sccctl. A switch's daemon may use another layout; scclib itself uses none.
  *
- * An application fills a record here and hands it to scclib:
- *
- *     struct scc_ace_record ace;
- *     struct scc_records_error error;
- *     if (scc_ace_parse("10 permit tcp 10.0.0.0/8 any eq 443", &ace, &error) == 0)
- *         scc_acl_add_ace(&key, &ace, &call_id);
+ * An application fills a record here and hands it to scclib: scc_ace_parse makes an ACE of its text, which
+ * scc_acl_add_ace sends. The source package has a whole program in C and in C++, examples/add_ace.
  *
  * Conventions
  * - Functions that can fail return 0 or an errno number: 22 for a null pointer, a value out of range or a text
@@ -23,6 +19,11 @@
  * - Functions that print work as snprintf(3) does: they write at most size bytes, the final 0 included, and
  *   return the length of the whole text without it. A result of size or more says that the text was cut; a
  *   null buffer with size 0 asks for the length alone.
+ *
+ * Arguments that mean the same in every function
+ * - error: gets what is wrong when the result is 22; may be null.
+ * - buffer: gets the text and a final 0; null if size is 0.
+ * - size: the number of bytes at buffer.
  *
  * Threads
  * - local: may be called from any thread and from every handler. It takes no lock and needs no registration.
@@ -184,17 +185,17 @@ struct scc_ace_rule {
 
 /* Write the rule's bytes into *ace; link, sequence number and id are unchanged. Address and port bits that the
  * rule does not compare are written as 0, and port ranges in ascending order. Returns 0; 22 for a null pointer
- * or a rule that contradicts itself, which *error describes unless it is null. Threads: local. */
+ * or a rule that contradicts itself, which *error describes. Threads: local. */
 uint32_t scc_ace_encode(const struct scc_ace_rule *rule, struct scc_ace_record *ace,
                         struct scc_records_error *error);
 /* Read the rule of an ACE. Returns 0; 22 for a null pointer; 2 when the record holds no rule, or bytes that
  * scc_ace_encode never writes. The service matches no frame with such an ACE. Threads: local. */
 uint32_t scc_ace_decode(const struct scc_ace_record *ace, struct scc_ace_rule *rule);
 /* Make an ACE of its text, with sequence number and id. Returns 0; 22 for a null pointer or a faulty text,
- * which *error describes unless it is null. Threads: local. */
+ * which *error describes. Threads: local. */
 uint32_t scc_ace_parse(const char *text, struct scc_ace_record *ace, struct scc_records_error *error);
 /* Make a rule of its text, which has neither sequence number nor id. Returns 0; 22 for a null pointer or a
- * faulty text, which *error describes unless it is null. Threads: local. */
+ * faulty text, which *error describes. Threads: local. */
 uint32_t scc_ace_parse_rule(const char *text, struct scc_ace_rule *rule, struct scc_records_error *error);
 /* Print an ACE; scc_ace_parse makes the same record of the text, if bytes outside the layout are 0. Returns the
  * text's length; 0 when the record is null or holds no rule. Threads: local. */
@@ -259,7 +260,7 @@ struct scc_records_arp_user {
 };
 
 /* Write a configuration record. Returns 0; 22 for a null pointer, a VLAN id above 4094 or an operation above 3,
- * which *error describes unless it is null. Threads: local. */
+ * which *error describes. Threads: local. */
 uint32_t scc_records_encode_config(const struct scc_records_config *config, struct scc_config_record *record,
                                    struct scc_records_error *error);
 /* Write the record of a NAC user or ARP entry, for the set calls and scc_nac_user_get. Returns 0; 22 as
@@ -274,7 +275,7 @@ uint32_t scc_records_decode_user(const struct scc_user_record *record, struct sc
 /* Make a configuration record of a text such as "ifx 3 vid 10 mac 00:11:22:33:44:55 ip 10.0.0.7 operation add".
  * The names are ifx, vid, mac, app-type, value, operation (add, get, delete or a number), ip, ipv6 and mask, in
  * any order, each at most once; flags follow from the addresses. Returns 0; 22 for a null pointer or a faulty
- * text, which *error describes unless it is null. Threads: local. */
+ * text, which *error describes. Threads: local. */
 uint32_t scc_records_parse_config(const char *text, struct scc_records_config *config,
                                   struct scc_records_error *error);
 /* Print the fields of a configuration record that are not 0. scc_records_parse_config makes the same record of
@@ -283,7 +284,7 @@ uint32_t scc_records_parse_config(const char *text, struct scc_records_config *c
 size_t scc_records_print_config(const struct scc_records_config *config, char *buffer, size_t size);
 
 /* Write where an ACL is applied. Returns 0; 22 for a null pointer, or a direction or apply type out of range,
- * which *error describes unless it is null. Threads: local. */
+ * which *error describes. Threads: local. */
 uint32_t scc_records_encode_application(const struct scc_records_application *application,
                                         struct scc_acl_apply_record *record, struct scc_records_error *error);
 /* Read where an ACL is applied. Returns 0; 22 for a null pointer. Threads: local. */
