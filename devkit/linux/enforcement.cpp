@@ -207,7 +207,8 @@ void enforcement::add_acl(const contents& held, const acl_name& name, const held
     }
     const std::string prefix = std::string(acl_prefix) + acl_text(name);
     for (auto at = kernel.chains.lower_bound({family::netdev, prefix});
-         at != kernel.chains.end() && at->first.in == family::netdev && at->first.name.starts_with(prefix); ++at) {
+         at != kernel.chains.end() && at->first.in == family::netdev && at->first.name.starts_with(prefix);
+         ++at) {
         if (at->first != own) {
             request.chains[at->first] = std::nullopt;
         }

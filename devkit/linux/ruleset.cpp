@@ -117,7 +117,8 @@ class planner {
             return;
         }
         const std::string acl = name.name.substr(acl_prefix.size());
-        for (auto at = held_.counters.lower_bound(acl); at != held_.counters.end() && at->starts_with(acl); ++at) {
+        for (auto at = held_.counters.lower_bound(acl); at != held_.counters.end() && at->starts_with(acl);
+             ++at) {
             if (at->size() == acl.size() || (*at)[acl.size()] == '-') {
                 unneeded_.insert(*at);
             }
@@ -225,8 +226,8 @@ class planner {
 
     std::vector<std::string> expressions_of(const wanted_chain& chain, const wanted_rule& rule) {
         const std::string counter = ace_counter(chain.counter, rule.identity.second, rule.identity.third);
-        const std::string rest = fmt::format(R"({{"counter":"{}"}},{{"counter":"{}"}},{{"{}":null}})", chain.counter,
-                                             counter, rule.ace->denies() ? "drop" : "return");
+        const std::string rest = fmt::format(R"({{"counter":"{}"}},{{"counter":"{}"}},{{"{}":null}})",
+                                             chain.counter, counter, rule.ace->denies() ? "drop" : "return");
         needed_.insert(counter);
         std::vector<std::string> all = conditions_of(*rule.ace);
         for (std::string& conditions : all) {

@@ -38,6 +38,20 @@ inline void command(const std::string& text) {
     ASSERT_EQ(std::system(text.c_str()), 0) << text;
 }
 
+// A bridge with the ports a0, b0 and c0, whose other ends are a1, b1 and c1. No frame goes but those that a
+// test sends.
+inline void make_bridge() {
+    const auto silence = [](const std::string& name) {
+        return " && sysctl -qw net.ipv6.conf." + name + ".disable_ipv6=1";
+    };
+    command("ip link add br0 type bridge mcast_snooping 0" + silence("br0") + " && ip link set br0 up");
+    for (const std::string port : {"a", "b", "c"}) {
+        command("ip link add " + port + "0 type veth peer name " + port + "1" + silence(port + "0") +
+                silence(port + "1") + " && ip link set " + port + "0 master br0 up && ip link set " + port +
+                "1 up");
+    }
+}
+
 inline scc_acl_key key_of(u32 acl_id) {
     return {0, 3, acl_id, 0};
 }

@@ -56,14 +56,7 @@ class Verdicts : public ::testing::Test {
         CPU_ZERO(&one);
         CPU_SET(static_cast<unsigned>(sched_getcpu()), &one);
         ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
-        command("ip link add br0 type bridge mcast_snooping 0 && ip link set br0 up");
-        for (const char* port : {"a", "b", "c"}) {
-            const std::string name = port;
-            command("ip link add " + name + "0 type veth peer name " + name + "1 && ip link set " + name +
-                    "0 master br0 up && ip link set " + name + "1 up && sysctl -qw net.ipv6.conf." + name +
-                    "1.disable_ipv6=1 net.ipv6.conf." + name + "0.disable_ipv6=1");
-        }
-        command("sysctl -qw net.ipv6.conf.br0.disable_ipv6=1");
+        make_bridge();
     }
 
     static constexpr const char* map_text = "ifx 1 a0\nifx 2 b0\n";
