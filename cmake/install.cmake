@@ -87,3 +87,7 @@ if(TARGET sccctl)
   install(FILES ${PROJECT_SOURCE_DIR}/devkit/ctl/sccctl.bash-completion
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME sccctl COMPONENT devkit)
 endif()
+if(TARGET sccd-dev)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/devkit/sccd/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/scclib
+          COMPONENT devkit FILES_MATCHING PATTERN "*.json")
+endif()

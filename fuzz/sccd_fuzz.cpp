@@ -234,6 +234,17 @@ constexpr std::string_view control_lines[] = {
     R"({"do":"settings"})",
     R"({"do":"counters"})",
     R"({"do":"counters","type":#,"id":#,"acl":5,"filter":6,"sn":#,"ace":7})",
+    R"({"do":"settings","name":"addr-learning"})",
+    R"({"do":"state"})",
+    R"({"do":"fault","action":"refuse","result":#,"nth":#,"app":#})",
+    R"({"do":"fault","action":"delay","ms":1,"every":#,"count":#})",
+    R"({"do":"fault","action":"twice","request":#})",
+    R"({"do":"fault","action":"late","pid":#})",
+    R"({"do":"fault","action":"short-value","bytes":#})",
+    R"({"do":"fault","action":"disconnect","nth":#})",
+    R"({"do":"fault","action":"stop-reading","ms":1})",
+    R"({"do":"fault-list"})",
+    R"({"do":"fault-clear","id":#})",
 };
 
 // A line of the control protocol: one of the above with its placeholders filled in, or bytes of the input.

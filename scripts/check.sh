@@ -23,7 +23,10 @@ stage_header() {
     done
     # C programs link the records library, so it must not need the C++ run-time library.
     build release scc_records
-    ! nm -uC build/release/devkit/records/libscc_records.a | grep -E ' U (std::|operator |__cxa|__gxx)'
+    if nm -uC build/release/devkit/records/libscc_records.a | grep -E ' U (std::|operator |__cxa|__gxx)'; then
+        echo "check: the records library needs the C++ run-time library" >&2
+        return 1
+    fi
 }
 stage_binary() {
     build release

@@ -66,6 +66,7 @@ for program in sccd-dev scc-ss-dev sccctl; do
         [ -s "$root/usr/$file" ] || fail "there is no /usr/$file"
     done
 done
+[ -s "$root/usr/share/scclib/scenarios/slow-service.json" ] || fail "there are no scenarios"
 [ -s "$root/usr/share/bash-completion/completions/sccctl" ] || fail "there is no completion for sccctl"
 while read -r name; do
     [ -s "$root/usr/share/man/man3/$name.3.gz" ] || fail "scclib-dev has no page of $name"
@@ -73,7 +74,7 @@ done < <(exported_names)
 
 depends libscclib1 libc6 "scclib-workstation (= $version) | scclib-platform"
 depends scclib-dev "libscclib1 (= $version)"
-depends scclib-devkit libc6 libstdc++6 libpcap "libscclib1 (= $version)"
+depends scclib-devkit libc6 libstdc++6 libevent libpcap "libscclib1 (= $version)"
 depends scclib-workstation libc6 libevent
 
 mapfile -t binaries < <(find "$root/usr" -type f \( -path '*/bin/*' -o -name 'lib*.so*' \))

@@ -2,7 +2,7 @@
 # package.sh [DIRECTORY]: builds the Debian packages in DIRECTORY (build/packages). Does not need root.
 #
 #   libscclib1          the shared library
-#   scclib-dev          header, static library, man pages, pkg-config and CMake files
+#   scclib-dev          headers, static libraries, man pages, pkg-config and CMake files
 #   scclib-devkit       development daemon, software service and sccctl
 #   scclib-service-linux  the security service on the kernel's packet filter, where libnftables is installed
 #   scclib-workstation  the workstation's versions of the platform's two libraries
@@ -101,7 +101,7 @@ logging and event-loop libraries, or their workstation versions.
 TEXT
 pack scclib-dev libdevel "libscclib1 (= $version), scclib-workstation (= $version) | scclib-platform" \
     "client library of the security-control daemon, for development" <<'TEXT'
-The header, the static library, a man page of every function, and what
+The headers, the static libraries, a man page of every function, and what
 pkg-config and CMake need to find them.
 TEXT
 pack scclib-devkit devel "$(needed scclib-devkit), scclib-workstation (= $version) | scclib-platform" \

@@ -17,9 +17,20 @@
 //   fail-next         type, result, [count]     the next requests of that type are refused
 //   mute              type, [count]             the next request of that type is never answered
 //   unmute            [type]
-//   acls, users, settings                       what the daemon holds
+//   fault             action, ...               something goes wrong with requests; the fields are below
+//   fault-list                                  the faults that are still to come
+//   fault-clear       [id]
+//   acls, users                                 what the daemon holds
+//   settings          [name]                    every setting that applications made, or those of one request
+//   state                                       everything, as --state FILE keeps it
 //   counters          [vdev,type,id with acl, filter, sn and ace]   reads, or sets one ACL's counters
 //   quit
+//
+// Fields of fault, all optional but the action and what it needs: request (a name or number; every request),
+// app, pid, nth (the first matching request that is hit, 1), every (and every so many after it, 1), count
+// (hits, 1; 0 for no end). The actions are refuse (result), mute, delay (ms), twice, late (answered after the
+// application has registered again), wrong-type, short-value (bytes, 4), half-message ([ms] before the
+// connection ends), disconnect, stop-reading (ms), restart (ms in which no connection is accepted).
 //
 // A field that the command does not take is refused. A failure for lack of an answer has
 // "unreachable":true.
@@ -61,9 +72,13 @@ inline constexpr std::string_view capability = "capability";
 inline constexpr std::string_view fail_next = "fail-next";
 inline constexpr std::string_view mute = "mute";
 inline constexpr std::string_view unmute = "unmute";
+inline constexpr std::string_view fault = "fault";
+inline constexpr std::string_view fault_list = "fault-list";
+inline constexpr std::string_view fault_clear = "fault-clear";
 inline constexpr std::string_view acls = "acls";
 inline constexpr std::string_view users = "users";
 inline constexpr std::string_view settings = "settings";
+inline constexpr std::string_view state = "state";
 inline constexpr std::string_view counters = "counters";
 inline constexpr std::string_view quit = "quit";
 
@@ -74,8 +89,9 @@ inline constexpr std::array<std::string_view, 13> notifications = {
     "user-roll",      "water-line",  "ace-counter"};
 
 // Every command, in the order above.
-inline constexpr std::array<std::string_view, 17> commands = {
-    clients,   notify, notify_named, debug, debug_show, debug_dump_service, alive,    stats, capability,
-    fail_next, mute,   unmute,       acls,  users,      settings,           counters, quit};
+inline constexpr std::array<std::string_view, 21> commands = {
+    clients,    notify,    notify_named, debug,    debug_show, debug_dump_service, alive,       stats,
+    capability, fail_next, mute,         unmute,   fault,      fault_list,         fault_clear, acls,
+    users,      settings,  state,        counters, quit};
 
 }  // namespace scc::devkit::control

@@ -183,9 +183,9 @@ std::vector<command> management() {
     };
 }
 
-// The cache belongs to the process, so these find something only in `shell` and after `acl load`.
+// The cache belongs to the process, so these find something only in `shell`.
 std::vector<command> cache_reads() {
-    return {
+    std::vector<command> rows = {
         query<show_acl>("acl show", "scc_acl_get_ace", "show an ACL's ACEs from this process's cache", "101",
                         key(), {}),
         query<show_ace>("acl show-ace", "scc_acl_get_ace_by_sn",
@@ -194,6 +194,13 @@ std::vector<command> cache_reads() {
         query<scc_acl_cls_get>("acl class", "scc_acl_cls_get", "show an ACL's class from the cache", "101",
                                key(), {}),
     };
+    for (command& row : rows) {
+        row.absent_hint =
+            "the cache holds what this process created, so that of a single command is empty: 'sccctl acl "
+            "list' "
+            "asks the daemon, 'sccctl shell' keeps one process";
+    }
+    return rows;
 }
 
 command escape() {

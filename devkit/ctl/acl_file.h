@@ -2,7 +2,7 @@
 //
 //   file  := line*                       "#" begins a comment, empty lines are skipped
 //   line  := "acl" ID ["type" N] ["class" N] ["vdev" N]       begins an ACL
-//          | [SN] rule ["id" N]                               an ACE of the ACL above (ace_text.h)
+//          | [SN] rule ["id" N]                               an ACE of the ACL above (scc_records.h)
 //          | SN "raw" HEX ["id" N]                            an ACE byte by byte, from record offset 16 on
 //          | "apply" ID ["type" N] ["vdev" N] "ifx" N ["direction" "in"|"out"] ["apply-type" N]
 //
@@ -44,12 +44,18 @@ struct acl_file {
 };
 
 struct file_error {
-    unsigned line = 0;  // from 1
+    unsigned line = 0;    // from 1
+    unsigned column = 0;  // in bytes, from 1
     std::string text;
 };
 
 // Parses a file's text. On failure `errors` lists every faulty line.
 [[nodiscard]] std::optional<acl_file> parse_acl_file(std::string_view text, std::vector<file_error>& errors);
+// The lines of an ACL and of an application, without an end of line.
+[[nodiscard]] std::string acl_line_text(const scc_acl_key& key);
+[[nodiscard]] std::string ace_line_text(const scc_ace_record& record);
+[[nodiscard]] std::string apply_line_text(const scc_acl_apply_record& record);
+
 // Prints a text that parse_acl_file turns back into the same ACLs.
 [[nodiscard]] std::string print_acl_file(const acl_file& from);
 

@@ -7,7 +7,13 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <map>
+#include <utility>
+#include <vector>
+
+#include "acl_daemon.h"
+#include "acl_steps.h"
 
 namespace scc::ctl {
 namespace {
@@ -15,60 +21,6 @@ namespace {
 // Outstanding requests: enough to fill batches, few enough to keep the errors of a failure readable.
 constexpr std::size_t window = 512;
 constexpr std::size_t bar_columns = 40;
-
-// One request of the file, made of key and ace, or of application.
-struct step {
-    enum class kind : std::uint8_t { create, add_ace, apply };
-    kind what;
-    unsigned line;
-    const scc_acl_key* key;
-    const scc_ace_record* ace;
-    const scc_acl_apply_record* application;
-};
-
-std::vector<step> steps_of(const acl_file& file) {
-    std::vector<step> steps;
-    steps.reserve(file.size());
-    for (const file_acl& acl : file.acls) {
-        steps.push_back({step::kind::create, acl.line, &acl.key, nullptr, nullptr});
-        for (const file_ace& ace : acl.aces) {
-            steps.push_back({step::kind::add_ace, ace.line, &acl.key, &ace.record, nullptr});
-        }
-    }
-    for (const file_application& each : file.applications) {
-        steps.push_back({step::kind::apply, each.line, &each.record.key, nullptr, &each.record});
-    }
-    return steps;
-}
-
-std::uint32_t send(const step& each, std::uint32_t* call_id) {
-    switch (each.what) {
-        case step::kind::create:
-            return scc_acl_create(each.key, call_id);
-        case step::kind::add_ace:
-            return scc_acl_add_ace(each.key, each.ace, call_id);
-        case step::kind::apply:
-            break;
-    }
-    scc_acl_apply_record record = *each.application;  // the library may complete the apply type
-    return scc_acl_apply(&record, call_id);
-}
-
-void note(acl_book& book, const step& each) {
-    switch (each.what) {
-        case step::kind::create:
-            return book.created(*each.key);
-        case step::kind::add_ace:
-            return book.ace_added(*each.key, *each.ace);
-        case step::kind::apply:
-            break;
-    }
-    scc_acl_apply_record record = *each.application;
-    if (record.apply_type == 0) {
-        record.apply_type = record.key.app_type;
-    }
-    book.applied(record);
-}
 
 // Redraws one line of a terminal. Silent unless it was asked for and standard error is a terminal.
 class progress_bar {
@@ -111,41 +63,92 @@ class progress_bar {
     std::size_t shown_percent_ = 101;
 };
 
+std::string result_text(std::uint32_t result) {
+    return fmt::format("{} ({})", scc_strerror(static_cast<std::int32_t>(result)), result);
+}
+
+enum class on_refusal : std::uint8_t { go_on, take_back };
+
 class loader {
   public:
-    loader(const std::string& name, const acl_file& file, bool progress, session& within,
-           const output_options& output)
+    loader(const std::string& name, std::vector<acl_step> steps, on_refusal then, bool progress,
+           session& within, const output_options& output)
         : name_(name),
-          steps_(steps_of(file)),
+          steps_(std::move(steps)),
+          on_refusal_(then),
           bar_(progress, steps_.size()),
           session_(within),
           output_(output) {}
 
     int run() {
-        for (const step& each : steps_) {
-            begin(each);
-            if (under_way_.size() >= window && !finish_one()) {
-                return exit_unreachable;
-            }
+        if (!carry_out(steps_)) {
+            return unreachable();
         }
-        while (!under_way_.empty()) {
-            if (!finish_one()) {
-                return exit_unreachable;
-            }
+        if (failed_ != 0 && on_refusal_ == on_refusal::take_back && !take_back()) {
+            return unreachable();
         }
         return failed_ == 0 ? exit_success : exit_refused;
     }
 
     [[nodiscard]] json summary() const {
-        return {{"command", "acl load"},
-                {"file", name_},
-                {"requests", steps_.size()},
-                {"done", done_ - failed_},
-                {"failed", failed_}};
+        json made = {{"command", "acl load"},
+                     {"file", name_},
+                     {"requests", steps_.size()},
+                     {"done", done_.size()},
+                     {"failed", failed_}};
+        if (on_refusal_ == on_refusal::take_back) {
+            made["taken_back"] = taken_back_;
+        }
+        return made;
     }
 
+    [[nodiscard]] std::string summary_text() const {
+        if (on_refusal_ == on_refusal::go_on) {
+            return fmt::format("{}: {} of {} requests done", name_, done_.size(), steps_.size());
+        }
+        if (failed_ == 0) {
+            return fmt::format("{}: {} changes made", name_, done_.size());
+        }
+        return fmt::format("{}: nothing changed: {} changes taken back", name_, taken_back_);
+    }
+    // Whether what was refused could not be taken back as a whole.
+    [[nodiscard]] bool is_half_done() const { return not_taken_back_ != 0; }
+
   private:
-    void begin(const step& each) {
+    [[nodiscard]] bool gives_up() const {
+        return failed_ != 0 && on_refusal_ == on_refusal::take_back && !is_taking_back_;
+    }
+
+    // Sends the steps in order, many at once. False if the daemon does not answer.
+    bool carry_out(const std::vector<acl_step>& steps) {
+        for (const acl_step& each : steps) {
+            if (gives_up()) {
+                break;
+            }
+            begin(each);
+            if (under_way_.size() >= window && !finish_one()) {
+                return false;
+            }
+        }
+        while (!under_way_.empty()) {
+            if (!finish_one()) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    bool take_back() {
+        is_taking_back_ = true;
+        std::vector<acl_step> back;
+        back.reserve(done_.size());
+        // Requests are confirmed in their order, so the last confirmed one is taken back first.
+        std::transform(done_.rbegin(), done_.rend(), std::back_inserter(back),
+                       [](const acl_step* each) { return inverse(*each); });
+        return carry_out(back);
+    }
+
+    void begin(const acl_step& each) {
         std::uint32_t call_id = 0;
         const std::uint32_t result = send(each, &call_id);
         if (result == 0) {
@@ -158,7 +161,6 @@ class loader {
     bool finish_one() {
         const auto arrived = session_.wait_any_result();
         if (!arrived) {
-            print_problem("acl load", session_.problem(), output_);
             return false;
         }
         const auto found = under_way_.extract(arrived->call_id);
@@ -168,29 +170,83 @@ class loader {
         return true;
     }
 
-    void finished(const step& each, std::uint32_t result) {
-        ++done_;
+    void finished(const acl_step& each, std::uint32_t result) {
         if (result == 0) {
             note(session_.book(), each);
-        } else {
-            ++failed_;
-            bar_.hide();
-            print_problem(fmt::format("{}:{}", name_, each.line),
-                          fmt::format("{} ({})", scc_strerror(static_cast<std::int32_t>(result)), result),
-                          output_);
         }
-        bar_.show(done_);
+        if (is_taking_back_) {
+            return finished_taking_back(each, result);
+        }
+        if (result == 0) {
+            done_.push_back(&each);
+        } else if (++failed_ == 1 || on_refusal_ == on_refusal::go_on) {
+            // Steps that were under way fail for lack of the first one.
+            bar_.hide();
+            const std::string place = each.line == 0 ? name_ : fmt::format("{}:{}", name_, each.line);
+            const std::string step = each.line == 0 ? step_text(each) + ": " : "";
+            print_problem(place, step + result_text(result), output_);
+        }
+        bar_.show(done_.size() + failed_);
+    }
+
+    void finished_taking_back(const acl_step& each, std::uint32_t result) {
+        if (result == 0) {
+            ++taken_back_;
+            return;
+        }
+        ++not_taken_back_;
+        bar_.hide();
+        print_problem(name_,
+                      fmt::format("cannot be taken back: {}: {}", step_text(each), result_text(result)),
+                      output_);
+    }
+
+    int unreachable() {
+        bar_.hide();
+        std::string problem = session_.problem();
+        if (on_refusal_ == on_refusal::take_back) {
+            problem += fmt::format("; {} of {} changes were made and {} taken back", done_.size(),
+                                   steps_.size(), taken_back_);
+        }
+        print_problem("acl load", problem, output_);
+        return exit_unreachable;
     }
 
     std::string name_;
-    std::vector<step> steps_;
+    std::vector<acl_step> steps_;
+    on_refusal on_refusal_;
     progress_bar bar_;
     session& session_;
     output_options output_;
-    std::map<std::uint32_t, const step*> under_way_;  // by call id
-    std::size_t done_ = 0;
+    std::map<std::uint32_t, const acl_step*> under_way_;  // by call id
+    std::vector<const acl_step*> done_;                   // in the order of the confirmations
     std::size_t failed_ = 0;
+    bool is_taking_back_ = false;
+    std::size_t taken_back_ = 0;
+    std::size_t not_taken_back_ = 0;
 };
+
+int run_steps(const std::string& name, std::vector<acl_step> steps, on_refusal then, bool progress,
+              session& within, const output_options& output) {
+    json summary;
+    std::string text;
+    int status = exit_success;
+    {
+        loader all(name, std::move(steps), then, progress, within, output);
+        status = all.run();
+        summary = all.summary();
+        text = all.is_half_done() ? std::string() : all.summary_text();
+    }  // the bar's line ends before the summary begins
+    if (status == exit_unreachable) {
+        return status;
+    }
+    if (output.as_json) {
+        print(summary, output);
+    } else if (!text.empty()) {
+        print(json(text), output);
+    }
+    return status;
+}
 
 std::uint32_t add_cached_acl(scc_acl_key key, acl_file& into) {
     if (const std::uint32_t result = scc_acl_cls_get(&key); result != 0) {
@@ -220,31 +276,25 @@ std::optional<acl_file> read_acl_file(const std::string& name, const output_opti
     std::vector<file_error> errors;
     auto file = parse_acl_file(*text, errors);
     for (const file_error& each : errors) {
-        print_problem(fmt::format("{}:{}", name, each.line), each.text, output);
+        print_problem(fmt::format("{}:{}:{}", name, each.line, each.column), each.text, output);
     }
     return file;
 }
 
 int load_acl_file(const std::string& name, const acl_file& file, bool progress, session& within,
                   const output_options& output) {
-    json summary;
-    int status = exit_success;
-    {
-        loader all(name, file, progress, within, output);
-        status = all.run();
-        summary = all.summary();
-    }  // the bar's line ends before the summary begins
-    if (status == exit_unreachable) {
-        return status;
+    return run_steps(name, steps_of(file), on_refusal::go_on, progress, within, output);
+}
+
+int replace_acls(const std::string& name, const acl_file& file, bool progress, session& within,
+                 const output_options& output) {
+    const daemon_acls present = read_daemon_acls();
+    if (!present.acls) {
+        print_problem("acl load", present.problem, output);
+        return present.unreachable ? exit_unreachable : exit_refused;
     }
-    if (output.as_json) {
-        print(summary, output);
-    } else {
-        print(json(fmt::format("{}: {} of {} requests done", name, summary["done"].get<std::size_t>(),
-                               file.size())),
-              output);
-    }
-    return status;
+    return run_steps(name, steps_between(*present.acls, file), on_refusal::take_back, progress, within,
+                     output);
 }
 
 int save_acl_file(const std::string& name, session& within, const output_options& output) {

@@ -48,7 +48,8 @@ struct command {
     std::vector<void (*)(scc_handlers&)> install;                // the handlers of the result
     void (*confirmed)(acl_book&, const call_values&) = nullptr;  // for a confirmed ACL change
 
-    std::string_view reset_row;  // the row that --reset runs instead
+    std::string_view reset_row;         // the row that --reset runs instead
+    std::string_view absent_hint = {};  // what to do when a single command finds no such ACL
 
     // The number of the record that --field and --hex write to, or no_record.
     [[nodiscard]] int open_record() const;

@@ -108,9 +108,26 @@ int debug(const control_options& options, const context& within) {
     return call_each(std::move(made), true, within);
 }
 
+// "settings NAME", "fault list", "fault clear" and "fault ACTION": a word that is no pair belongs to the
+// command.
+json request_with_word(const std::string& name, const std::string& word) {
+    json made = request(name);
+    if (name == control::settings) {
+        made["name"] = word;
+    } else if (word == "list" || word == "clear") {
+        made = request(fmt::format("{}-{}", name, word));
+    } else {
+        made["action"] = word;
+    }
+    return made;
+}
+
 int any(const control_options& options, const context& within) {
-    json made = request(options.word);
-    add_pairs(made, options.pairs);
+    const bool takes_word = options.word == control::settings || options.word == control::fault;
+    const bool has_word =
+        takes_word && !options.pairs.empty() && options.pairs.front().find('=') == std::string::npos;
+    json made = has_word ? request_with_word(options.word, options.pairs.front()) : request(options.word);
+    add_pairs(made, {options.pairs.begin() + (has_word ? 1 : 0), options.pairs.end()});
     return call(made, within);
 }
 
@@ -147,8 +164,11 @@ void add_control_commands(CLI::App& app, context& within, std::function<int()>& 
 
     made = add("daemon", "send any command to the control socket", &any);
     made->add_option("name", options->word, "the command's name")->required();
-    made->add_option("fields", options->pairs, "NAME=VALUE, may be repeated");
-    made->footer("Example: sccctl daemon fail-next type=131 result=2010");
+    made->add_option("fields", options->pairs,
+                     "NAME=VALUE, may be repeated; settings takes a name, fault an action, list or clear");
+    made->footer(
+        "Examples: sccctl daemon settings addr-learning\n"
+        "          sccctl daemon fault delay request=addr-learning ms=300");
 }
 
 }  // namespace scc::ctl

@@ -125,6 +125,9 @@ json outcome_json(const outcome& shown_outcome, const output_options& options) {
     }
     object["result"] = shown_outcome.result;
     object["text"] = scc_strerror(static_cast<std::int32_t>(shown_outcome.result));
+    if (!shown_outcome.hint.empty()) {
+        object["hint"] = shown_outcome.hint;
+    }
     add_arguments(object, shown_outcome);
     add_outs(object, shown_outcome);
     for (const auto& [name, value] : shown_outcome.values.more.items()) {
@@ -160,10 +163,10 @@ void print(const outcome& shown_outcome, const output_options& options) {
     if (shown_outcome.result == 0) {
         return write(stdout, outcome_text(shown_outcome, options));
     }
-    print_problem(shown_outcome.row->name,
-                  fmt::format("{} ({})", scc_strerror(static_cast<std::int32_t>(shown_outcome.result)),
-                              shown_outcome.result),
-                  options);
+    const std::string_view text = shown_outcome.hint.empty()
+                                      ? scc_strerror(static_cast<std::int32_t>(shown_outcome.result))
+                                      : shown_outcome.hint;
+    print_problem(shown_outcome.row->name, fmt::format("{} ({})", text, shown_outcome.result), options);
 }
 
 void print(const json& value, const output_options& options) {

@@ -7,12 +7,22 @@
 #include <array>
 #include <cmath>
 
-#include "acl_load.h"
 #include "common/bytes.h"
 #include "common/control.h"
 
 namespace scc::ctl {
 namespace {
+
+// The words of a rule as one text. The shell has removed the quotes of a remark.
+std::string rule_text(const std::vector<std::string>& words) {
+    std::string text;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        const bool is_bare_remark = i > 0 && words[i - 1] == "remark" && !words[i].starts_with('"');
+        text += i == 0 ? "" : " ";
+        text += is_bare_remark ? fmt::format("\"{}\"", words[i]) : words[i];
+    }
+    return text;
+}
 
 // The user's input for one argument. A rule is several words, everything else one.
 struct given_text {
@@ -21,9 +31,7 @@ struct given_text {
     std::vector<std::string> many;
 
     [[nodiscard]] bool given() const { return option != nullptr && option->count() != 0; }
-    [[nodiscard]] std::string text() const {
-        return many.empty() ? one : fmt::format("{}", fmt::join(many, " "));
-    }
+    [[nodiscard]] std::string text() const { return many.empty() ? one : rule_text(many); }
 };
 
 // The user's input for one row.
@@ -37,9 +45,6 @@ struct bound_command {
 };
 
 struct own_options {
-    std::string file;
-    std::string save_to;
-    bool progress = false;
     double seconds = 0;
     std::uint64_t count = 0;
 };
@@ -240,7 +245,10 @@ int run_row(const bound_command& bound, context& within) {
     const command& row = bound.reset ? row_named(bound.row->reset_row) : *bound.row;
     const call_values values = values_of(bound);
     const auto finish = [&](session* registered) {
-        const outcome came = run(row, values, registered);
+        outcome came = run(row, values, registered);
+        if (came.result == SCC_E_NO_ACL && within.shared == nullptr) {
+            came.hint = row.absent_hint;
+        }
         print(came, within.output);
         return came.exit_status();
     };
@@ -250,54 +258,9 @@ int run_row(const bound_command& bound, context& within) {
     return with_session(within, row.name, [&](session& registered) { return finish(&registered); });
 }
 
-int load(context& within, const own_options& own) {
-    const auto file = read_acl_file(own.file, within.output);
-    if (!file) {
-        return exit_usage;
-    }
-    return with_session(within, "acl load", [&](session& registered) {
-        const int status = load_acl_file(own.file, *file, own.progress, registered, within.output);
-        if (status == exit_unreachable || own.save_to.empty()) {
-            return status;
-        }
-        return std::max(status, save_acl_file(own.save_to, registered, within.output));
-    });
-}
-
-int list_acls(context& within) {
-    json list = json::array();
-    for (const scc_acl_key& key : within.shared->book().keys()) {
-        list.push_back(
-            {{"acl", key.acl_id}, {"type", key.app_type}, {"class", key.acl_class}, {"vdev", key.vdev_id}});
-    }
-    print({{"acls", list}}, within.output);
-    return exit_success;
-}
-
-void add_load(built& into, context& within) {
-    CLI::App& app = place(into.app, "acl load", "create, fill and apply the ACLs of a file", "ACLs");
-    app.add_option("file", into.own.file, "a file of ACLs")->required()->type_name("FILE");
-    app.add_flag("--progress", into.own.progress, "draw a bar when standard error is a terminal");
-    app.add_option("--then-save", into.own.save_to, "write what the cache then holds")->type_name("FILE");
-    app.footer("Example: sccctl acl load campus.acl --progress");
-    app.callback([&] { into.action = [&] { return load(within, into.own); }; });
-}
-
-// These read the process's own cache, which is empty in a single command.
-void add_shell_only(built& into, context& within) {
-    CLI::App& save = place(into.app, "acl save", "write the ACLs of this shell's cache to a file", "ACLs");
-    save.add_option("file", into.own.file, "a file of ACLs")->required()->type_name("FILE");
-    save.callback(
-        [&] { into.action = [&] { return save_acl_file(into.own.file, *within.shared, within.output); }; });
-    CLI::App& list = place(into.app, "acl list", "list the ACLs of this shell", "ACLs");
-    list.callback([&] { into.action = [&] { return list_acls(within); }; });
-}
-
 void add_own_commands(built& into, context& within) {
-    add_load(into, within);
-    if (within.shared != nullptr) {
-        add_shell_only(into, within);
-    } else {
+    add_acl_commands(into.app, within, into.action);
+    if (within.shared == nullptr) {
         CLI::App& shell =
             place(into.app, "shell", "read commands from standard input, with one registration", "Tool");
         shell.callback([&] { into.action = [&] { return run_shell(within); }; });

@@ -41,6 +41,9 @@ struct context {
 // Adds the commands of the development daemon's control socket; the chosen one sets `action`.
 void add_control_commands(CLI::App& app, context& within, std::function<int()>& action);
 
+// Adds the commands for whole ACLs to the group "acl"; the chosen one sets `action`.
+void add_acl_commands(CLI::App& app, context& within, std::function<int()>& action);
+
 // Every command with its options and help, one tab-separated line each.
 [[nodiscard]] std::string list_commands();
 

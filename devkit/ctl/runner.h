@@ -21,6 +21,7 @@ struct outcome {
     std::uint32_t result = 0;
     call_values values;
     std::string problem;
+    std::string_view hint = {};  // what to do about the result
 
     [[nodiscard]] int exit_status() const {
         if (!answered) {

@@ -122,10 +122,13 @@ void user_acl_delete_vmsup(daemon_core& daemon, const client_request& request) {
     daemon.answer(request.ticket, result::ok);
 }
 
-// The answer is the key of the ACL that the user is bound to.
+// The answer is the key of the ACL that the user is bound to, or zeros; it carries no result.
 void user_vmsup_get(daemon_core& daemon, const client_request& request) {
-    const byte_view key = devkit::slice(request.value, 8 + devkit::user_acl_record::key, record::acl_key);
-    daemon.reply(request.ticket, key);
+    byte_buffer answer(record::acl_key, 0);
+    if (const auto key = daemon.acls.move_user(devkit::slice(request.value, 8, record::user_acl))) {
+        devkit::write_key(answer, 0, *key);
+    }
+    daemon.reply(request.ticket, answer);
 }
 
 void filter_counter_reset(daemon_core& daemon, const client_request& request) {

@@ -253,6 +253,26 @@ void acl_store::unbind_all_users(const acl_identity& key) {
     std::erase_if(user_acls_, [&key](const auto& entry) { return binds(entry.second, key); });
 }
 
+std::optional<acl_identity> acl_store::move_user(byte_view record) {
+    namespace user = devkit::user_acl_record;
+    const acl_identity asked = devkit::key_at(record, user::key);
+    const auto found = std::find_if(user_acls_.begin(), user_acls_.end(), [&](const auto& entry) {
+        const byte_view bound(entry.second);
+        return devkit::u32_at(bound, user::ifx) == devkit::u32_at(record, user::ifx) &&
+               devkit::mac_at(bound, user::mac) == devkit::mac_at(record, user::mac) &&
+               (asked == acl_identity{} || binds(bound, asked));
+    });
+    if (found == user_acls_.end()) {
+        return std::nullopt;
+    }
+    devkit::byte_buffer moved = std::move(found->second);
+    user_acls_.erase(found);
+    devkit::write_at(moved, user::vid, devkit::read_at<u16>(record, user::vid));
+    const acl_identity key = devkit::key_at(moved, user::key);
+    user_acls_.insert_or_assign(user_binding(moved), std::move(moved));
+    return key;
+}
+
 acl_store::user_acl_map acl_store::bindings_of(const acl_identity& key) const {
     user_acl_map bindings;
     for (const auto& entry : user_acls_) {

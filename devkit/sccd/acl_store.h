@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
 
 #include "common/bytes.h"
@@ -51,17 +52,20 @@ class acl_store {
     state_change bind_user(devkit::byte_view record);
     state_change unbind_user(devkit::byte_view record);
     void unbind_all_users(const devkit::acl_identity& key);
+    // Moves a user's binding to the VLAN of `record` and returns its ACL's key. The user is the one with this
+    // interface and MAC address, the ACL the one that the record names, or any if it names none. Null if
+    // there is no such binding.
+    [[nodiscard]] std::optional<devkit::acl_identity> move_user(devkit::byte_view record);
 
     [[nodiscard]] const acl_entry* find(const devkit::acl_identity& key) const;
     [[nodiscard]] acl_entry* find(const devkit::acl_identity& key);
     // The first ACE whose sequence number or id is `number`; null if there is none.
     [[nodiscard]] static ace_entry* find_ace(acl_entry& acl, u64 number);
     [[nodiscard]] const acl_map& acls() const { return acls_; }
-    [[nodiscard]] std::size_t bound_users() const { return user_acls_.size(); }
+    using user_acl_map = std::map<entity_key, devkit::byte_buffer>;  // user ACL record by user and key
+    [[nodiscard]] const user_acl_map& user_acls() const { return user_acls_; }
 
   private:
-    using user_acl_map = std::map<entity_key, devkit::byte_buffer>;  // user ACL record by user and key
-
     [[nodiscard]] user_acl_map bindings_of(const devkit::acl_identity& key) const;
 
     acl_map acls_;

@@ -21,6 +21,7 @@ namespace result {
 inline constexpr u32 ok = 0;
 inline constexpr u32 not_found = 2;          // ENOENT
 inline constexpr u32 invalid_argument = 22;  // EINVAL
+inline constexpr u32 no_space = 28;          // ENOSPC
 inline constexpr u32 registration_rejected = 2000;
 inline constexpr u32 already_registered = 2002;
 inline constexpr u32 already_unregistered = 2003;
@@ -31,6 +32,8 @@ inline constexpr u32 already_applied = 2009;
 inline constexpr u32 acl_exists = 2010;
 inline constexpr u32 ace_exists = 2011;
 inline constexpr u32 no_such_http_port = 2014;
+inline constexpr u32 no_such_direct_host = 2015;
+inline constexpr u32 no_such_direct_site = 2016;
 inline constexpr u32 service_timeout = 2020;
 }  // namespace result
 

@@ -1,6 +1,7 @@
 #include "sccd/clients.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <utility>
 
@@ -19,6 +20,7 @@ using devkit::wire_item;
 constexpr u32 received_message_max_bytes = 16u * 1024 * 1024;
 constexpr std::size_t sent_message_max_bytes = wire::header_bytes + wire::batch_capacity_bytes;
 constexpr u32 registration_bytes = 12;
+constexpr u16 type_of_no_message = 499;
 
 byte_buffer registration_reply(u32 result, u32 owner_pid) {
     byte_buffer value(registration_bytes, 0);
@@ -30,6 +32,10 @@ byte_buffer registration_reply(u32 result, u32 owner_pid) {
 }  // namespace
 
 void client_sockets::accept(int descriptor) {
+    if (event_loop::clock::now() < refusing_until_) {
+        ::close(descriptor);
+        return;
+    }
     const peer_id id = ++last_peer_id_;
     auto peer = std::make_unique<peer_socket>();
     peer_socket* const place = peer.get();
@@ -98,17 +104,18 @@ void client_sockets::take_item(peer_socket& peer, const wire_item& item) {
 }
 
 void client_sockets::take_registration(peer_socket& peer, const wire_item& item) {
-    if (faults_.take_mute(item.type)) {
-        return;
-    }
     const client_registration registration{devkit::u32_at(item.value, 0), devkit::u32_at(item.value, 4),
                                            devkit::read_at<u8>(item.value, 8),
                                            devkit::read_at<u8>(item.value, 9) == 1};
+    const std::optional<fault_effect> fault = faults_.take(item.type, registration.app_id, registration.pid);
+    if (fault && obey_fault(peer, *fault)) {
+        return;
+    }
     u32 owner_pid = 0;
     u32 refused =
         item.value.size() < registration_bytes ? result::invalid_argument : refusal(registration, owner_pid);
-    if (const auto failure = faults_.take_failure(item.type)) {
-        refused = *failure;
+    if (fault && fault->action == fault_action::refuse) {
+        refused = fault->result;
     }
     if (refused != result::ok) {
         send_now(peer, msg::registration, registration_reply(refused, owner_pid));
@@ -122,9 +129,29 @@ void client_sockets::take_registration(peer_socket& peer, const wire_item& item)
     const client_entry client = registry_.bind(registration, peer.id);
     peer.client = client.id;
     peer.sync = registration.sync;
-    send_now(peer, msg::registration, registration_reply(result::ok, 0));
-    if (client.complete()) {
+    send_faulty(peer, msg::registration, registration_reply(result::ok, 0), fault.value_or(fault_effect{}));
+    if (client.complete() && registry_.find(client.id) != nullptr) {
         hooks_.ready(client);
+        send_held_answers(client);
+    }
+}
+
+// Returns whether nothing more is done with the request.
+bool client_sockets::obey_fault(peer_socket& peer, const fault_effect& fault) {
+    switch (fault.action) {
+        case fault_action::mute:
+            return true;
+        case fault_action::disconnect:
+            peer.stream->close();
+            return true;
+        case fault_action::restart:
+            restart(fault.time);
+            return true;
+        case fault_action::stop_reading:
+            peer.stream->pause(fault.time);
+            return false;
+        default:
+            return false;
     }
 }
 
@@ -159,18 +186,23 @@ void client_sockets::drop_if_outlived(const client_registration& registration) {
 }
 
 void client_sockets::take_unregistration(peer_socket& peer, const wire_item& item) {
-    if (faults_.take_mute(item.type)) {
-        return;
-    }
     const client_entry* const client = registry_.find(peer.client);
     const bool known = client != nullptr && client->app_id == devkit::u32_at(item.value, 0);
-    const u32 outcome =
-        faults_.take_failure(item.type).value_or(known ? result::ok : result::already_unregistered);
+    const std::optional<fault_effect> fault =
+        faults_.take(item.type, app_of(peer), client == nullptr ? 0 : client->pid);
+    if (fault && obey_fault(peer, *fault)) {
+        return;
+    }
+    u32 outcome = known ? result::ok : result::already_unregistered;
+    if (fault && fault->action == fault_action::refuse) {
+        outcome = fault->result;
+    }
     byte_buffer value(8, 0);
     devkit::write_at(value, 4, outcome);
-    send_now(peer, msg::unregistration, value);
+    const client_id ended = known ? client->id : 0;
+    send_faulty(peer, msg::unregistration, value, fault.value_or(fault_effect{}));
     if (outcome == result::ok && known) {
-        end_registration(client->id, false);
+        end_registration(ended, false);
     }
 }
 
@@ -215,14 +247,98 @@ void client_sockets::send_async(client_id id, u16 sub_id, u16 type, byte_view va
     peer->batch.add(sub_id, type, value);
 }
 
-void client_sockets::send_sync(client_id id, u16 type, byte_view value) {
+void client_sockets::answer(client_id id, bool sync, u16 type, byte_view value,
+                            const std::optional<fault_effect>& fault) {
+    if (!fault && !sync) {
+        return send_async(id, 0, type, value);
+    }
     const client_entry* const client = registry_.find(id);
-    peer_socket* const peer = client == nullptr ? nullptr : find(client->sync);
+    peer_socket* const peer = client == nullptr ? nullptr : find(sync ? client->sync : client->async);
     if (peer == nullptr) {
-        trace_.note(fmt::format("reply {} is dropped: its client has no synchronous socket", type));
+        trace_.note(fmt::format("answer {} is dropped: its client does not have this socket", type));
         return;
     }
-    send_now(*peer, type, value);
+    flush_peer(*peer);
+    send_faulty(*peer, type, value, fault.value_or(fault_effect{}));
+}
+
+void client_sockets::send_faulty(peer_socket& peer, u16 type, byte_view value, const fault_effect& fault) {
+    switch (fault.action) {
+        case fault_action::delay:
+            return send_after(peer.id, type, value, fault.time);
+        case fault_action::twice:
+            send_now(peer, type, value);
+            return send_now(peer, type, value);
+        case fault_action::late:
+            return hold_answer(peer, type, value);
+        case fault_action::wrong_type:
+            return send_now(peer, type_of_no_message, value);
+        case fault_action::short_value:
+            return send_now(peer, type, devkit::slice(value, 0, fault.bytes));
+        case fault_action::half_message:
+            return send_half(peer, type, value, fault.time);
+        default:
+            return send_now(peer, type, value);
+    }
+}
+
+void client_sockets::send_after(peer_id id, u16 type, byte_view value, std::chrono::milliseconds time) {
+    loop_.after(time, [this, id, type, late = devkit::to_bytes(value)] {
+        if (peer_socket* const peer = find(id)) {
+            flush_peer(*peer);
+            send_now(*peer, type, late);
+        }
+    });
+}
+
+// After the pause, the connection of the whole client ends.
+void client_sockets::send_half(peer_socket& peer, u16 type, byte_view value, std::chrono::milliseconds time) {
+    const byte_buffer message = devkit::single_item_message(0, type, value);
+    trace_.note(fmt::format("half of message {} is sent to socket {}", type, peer.id));
+    peer.stream->send(byte_view(message).first(message.size() / 2));
+    loop_.after(time, [this, id = peer.id] {
+        peer_socket* const half = find(id);
+        if (half != nullptr && half->client != 0) {
+            end_registration(half->client, true);
+        } else if (half != nullptr) {
+            half->stream->close();
+        }
+    });
+}
+
+void client_sockets::hold_answer(const peer_socket& peer, u16 type, byte_view value) {
+    held_answers_.push_back({app_of(peer), peer.client, peer.sync, type, devkit::to_bytes(value)});
+}
+
+void client_sockets::send_held_answers(const client_entry& client) {
+    std::vector<held_answer> waiting;
+    for (held_answer& held : std::exchange(held_answers_, {})) {
+        peer_socket* const peer = find(held.sync ? client.sync : client.async);
+        if (held.app_id == client.app_id && held.client != client.id && peer != nullptr) {
+            send_now(*peer, held.type, held.value);
+        } else {
+            waiting.push_back(std::move(held));
+        }
+    }
+    held_answers_ = std::move(waiting);
+}
+
+void client_sockets::stop_reading(client_id id, std::chrono::milliseconds time) {
+    const client_entry* const client = registry_.find(id);
+    for (const peer_id socket :
+         {client == nullptr ? 0 : client->sync, client == nullptr ? 0 : client->async}) {
+        if (peer_socket* const peer = find(socket)) {
+            peer->stream->pause(time);
+        }
+    }
+}
+
+void client_sockets::restart(std::chrono::milliseconds time) {
+    trace_.note("all connections end, on purpose");
+    refusing_until_ = event_loop::clock::now() + time;
+    for (const auto& [id, peer] : peers_) {
+        peer->stream->close();
+    }
 }
 
 void client_sockets::send_now(peer_socket& peer, u16 type, byte_view value) {

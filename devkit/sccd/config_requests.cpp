@@ -15,6 +15,9 @@ namespace config = devkit::config_record;
 
 constexpr u16 second_step = 1000;  // added to the scc-type of the second operation with a call id
 constexpr u32 user_notification_bytes = 80 + record::config;
+constexpr std::size_t channel_address = 4;
+constexpr std::size_t channel_notification_bytes = 12;
+constexpr std::size_t violation_notification_bytes = 64;
 
 byte_view config_of(const client_request& request) {
     return devkit::slice(request.value, 8, record::config);
@@ -63,6 +66,60 @@ void copy_user_entry(byte_buffer& record, byte_view entry) {
     devkit::write_at(record, config::ipv4, devkit::u32_at(entry, user::ipv4));
 }
 
+// The value of an interface's setting; 0 if there is none.
+u32 value_on(const daemon_core& daemon, u16 type, u32 ifx) {
+    const byte_buffer* const record = daemon.settings.on_interface(type, ifx);
+    return record == nullptr ? 0 : devkit::u32_at(*record, 8 + config::value);
+}
+
+void notify_violation(daemon_core& daemon, byte_view record) {
+    byte_buffer value(violation_notification_bytes, 0);
+    devkit::write_at(value, 4, devkit::u32_at(record, config::ifx));
+    devkit::write_at(value, 8, static_cast<u16>(devkit::u32_at(record, config::vid)));
+    devkit::copy_at(value, 10, devkit::slice(record, config::mac, 6));
+    devkit::write_at(value, 60, u8{1});
+    daemon.notify_applications(msg::port_violate_notify, value);
+}
+
+// Whether the port takes one more user. A port beyond the limit of port security reports a violation, if a
+// reaction to violations is set.
+bool has_room(daemon_core& daemon, byte_view record, const byte_buffer* before) {
+    const u32 ifx = devkit::u32_at(record, config::ifx);
+    if (before != nullptr && devkit::u32_at(*before, config::ifx) == ifx) {
+        return true;
+    }
+    const u32 users = daemon.users.users_on(ifx);
+    const auto full = [users](u32 limit) { return limit != 0 && users >= limit; };
+    const bool violation = full(value_on(daemon, msg::port_security, ifx));
+    if (violation && daemon.settings.on_interface(msg::port_violate, ifx) != nullptr) {
+        notify_violation(daemon, record);
+    }
+    return !violation && !full(value_on(daemon, msg::d1x_port_addr_num, ifx));
+}
+
+// The ARP check leaves the users of trusted ports alone.
+std::vector<byte_view> arp_check_users(const daemon_core& daemon, u32 ifx) {
+    std::vector<byte_view> users = daemon.users.arp_check_users(ifx);
+    const auto& trusted = daemon.settings.records(msg::arpcheck_trust);
+    if (!trusted.empty()) {
+        std::erase_if(users, [&daemon](byte_view user) {
+            return daemon.settings.on_interface(msg::arpcheck_trust, devkit::u32_at(user, config::ifx)) !=
+                   nullptr;
+        });
+    }
+    return users;
+}
+
+// The address of a binding of IP and MAC address; 0 if the MAC address has none.
+u32 bound_address(const daemon_core& daemon, const mac_address& mac) {
+    for (const auto& [key, record] : daemon.settings.records(msg::global_ip_mac)) {
+        if (devkit::mac_at(record, 8 + config::mac) == mac) {
+            return devkit::u32_at(record, 8 + config::ipv4);
+        }
+    }
+    return 0;
+}
+
 byte_buffer user_reply(byte_view record, u32 outcome) {
     byte_buffer value(10 + record::config, 0);
     devkit::write_at(value, 4, outcome);
@@ -72,59 +129,50 @@ byte_buffer user_reply(byte_view record, u32 outcome) {
 
 }  // namespace
 
-void http_dport(daemon_core& daemon, const client_request& request) {
-    const u32 port = devkit::read_at<u16>(request.value, 4);
-    const bool add = devkit::u32_at(request.value, 8) != 0;
-    std::set<u32>& ports = daemon.settings.http_ports;
-    const bool known = ports.contains(port);
-    if (!add && !known) {
-        return daemon.answer(request.ticket, result::no_such_http_port);
-    }
-    if (add) {
-        ports.insert(port);
-    } else {
-        ports.erase(port);
-    }
-    state_change change = state_change::made([&ports, port, known] {
-        if (known) {
-            ports.insert(port);
-        } else {
-            ports.erase(port);
-        }
-    });
-    daemon.carry_out(request.ticket, std::move(change), one(http_port_operation(port, add)));
+void setting(daemon_core& daemon, const client_request& request) {
+    daemon.answer(request.ticket, daemon.settings.change(request.ticket.type->number, request.value).result);
 }
 
-void arpcheck(daemon_core& daemon, const client_request& request) {
-    const byte_view record = config_of(request);
-    const u32 ifx = devkit::u32_at(record, config::ifx);
-    if (devkit::u32_at(record, config::operation) == devkit::user_operation::add) {
-        daemon.settings.arp_check_ifxs.insert(ifx);
-    } else {
-        daemon.settings.arp_check_ifxs.erase(ifx);
-    }
-    daemon.answer(request.ticket, result::ok);
+// Settings that the security service carries out.
+void service_setting(daemon_core& daemon, const client_request& request) {
+    const u16 type = request.ticket.type->number;
+    daemon.carry_out(request.ticket, daemon.settings.change(type, request.value),
+                     one(setting_operation(type, request.value)));
 }
 
-void nac_app(daemon_core& daemon, const client_request& request) {
-    const byte_view record = config_of(request);
-    const nac_application app{devkit::u32_at(record, config::ifx), devkit::u32_at(record, config::app_type),
-                              devkit::u32_at(record, config::vid)};
-    const u32 word = devkit::u32_at(record, config::operation);
-    // The service silently drops such types, so there is no answer to wait for.
-    if (app.type >= limits::nacm_types) {
+// The other applications learn of hosts and sites that come and go.
+void direct_channel(daemon_core& daemon, const client_request& request) {
+    const setting_row& row = *find_setting(request.ticket.type->number);
+    if (devkit::u32_at(request.value, channel_address) == 0 && !removes(row, request.value)) {
         return daemon.answer(request.ticket, result::invalid_argument);
     }
-    const bool removes = word == devkit::user_operation::remove;
-    state_change change =
-        set_entry(daemon.settings.nac_apps, app, removes ? std::nullopt : std::optional<u32>(word));
-    daemon.carry_out(request.ticket, std::move(change), one(nac_app_operation(app, word)));
+    const u32 outcome = daemon.settings.change(row, request.value).result;
+    daemon.answer(request.ticket, outcome);
+    if (outcome != result::ok) {
+        return;
+    }
+    byte_buffer notification(channel_notification_bytes, 0);
+    devkit::copy_at(notification, 4, devkit::slice(request.value, channel_address, 4));
+    devkit::write_at(notification, 8, removes(row, request.value) ? 0u : 1u);
+    daemon.notify_applications(msg::dirchn, notification, request.client.id);
+}
+
+void nac_esc(daemon_core& daemon, const client_request& request) {
+    const setting_row& row = *find_setting(msg::nac_esc);
+    const bool known = daemon.acls.find(devkit::key_at(request.value, 8)) != nullptr;
+    if (!known && !removes(row, request.value)) {
+        return daemon.answer(request.ticket, result::no_such_acl);
+    }
+    setting(daemon, request);
 }
 
 void nac_user(daemon_core& daemon, const client_request& request) {
     const byte_view record = config_of(request);
     const bool add = devkit::u32_at(record, config::operation) == devkit::user_operation::add;
     const byte_buffer* const known = daemon.users.find_user(devkit::mac_at(record, config::mac));
+    if (add && !has_room(daemon, record, known)) {
+        return daemon.answer(request.ticket, result::no_space);
+    }
     std::vector<service_operation> operations = user_operations(record, add, known);
     byte_buffer notification = user_notification(add || known == nullptr ? record : byte_view(*known), add);
     state_change change = daemon.users.set_user(record);
@@ -138,52 +186,18 @@ void arp_entry(daemon_core& daemon, const client_request& request) {
     daemon.answer(request.ticket, daemon.users.set_arp_entry(config_of(request)).result);
 }
 
-void global_eport(daemon_core& daemon, const client_request& request) {
-    const u32 ifx = devkit::u32_at(request.value, 4);
-    const u32 value = devkit::u32_at(request.value, 8);
-    if (ifx == 0 || ifx > limits::ifx_max) {
-        return daemon.answer(request.ticket, result::invalid_argument);
-    }
-    state_change change =
-        set_entry(daemon.settings.egress_ports, ifx, value == 0 ? std::nullopt : std::optional<u32>(value));
-    daemon.carry_out(request.ticket, std::move(change),
-                     one(operation_of(msg::global_eport, msg::global_eport, request.value, 16)));
-}
-
-void svi_router_acl(daemon_core& daemon, const client_request& request) {
-    state_change change = set_value(daemon.settings.router_acl, devkit::u32_at(request.value, 4));
-    daemon.carry_out(request.ticket, std::move(change),
-                     one(operation_of(msg::svi_router_acl, msg::svi_router_acl, request.value, 8)));
-}
-
 void efacl_ctrl(daemon_core& daemon, const client_request& request) {
     const u32 len = devkit::u32_at(request.value, 4);
-    const bool fits = len != 0 && devkit::holds(request.value, 8, len);
-    daemon.answer(request.ticket, fits ? result::ok : result::invalid_argument);
-}
-
-void cpp(daemon_core& daemon, const client_request& request) {
-    state_change change = set_entry(daemon.settings.cpu_protection, devkit::u32_at(request.value, 8),
-                                    std::optional<u32>(devkit::u32_at(request.value, 4)));
-    daemon.carry_out(request.ticket, std::move(change),
-                     one(operation_of(msg::cpp, msg::cpp, request.value, 12)));
-}
-
-void offline_detect_cfg(daemon_core& daemon, const client_request& request) {
-    service_operation operation =
-        operation_of(msg::offline_detect_notify, msg::offline_detect_cfg, request.value, 16);
-    // Applications send a word, of which the service reads one byte.
-    devkit::write_at(operation.value, 4, devkit::u32_at(request.value, 4) != 0 ? 1u : 0u);
-    state_change change = set_value(daemon.settings.offline_detection, operation.value);
-    daemon.carry_out(request.ticket, std::move(change), one(std::move(operation)));
+    if (len == 0 || !devkit::holds(request.value, 8, len)) {
+        return daemon.answer(request.ticket, result::invalid_argument);
+    }
+    daemon.answer(request.ticket,
+                  daemon.settings.change(msg::efacl_ctrl, request.value.first(8 + len)).result);
 }
 
 void direct_vlan(daemon_core& daemon, const client_request& request) {
-    service_operation told = operation_of(msg::direct_vlan_notify, msg::direct_vlan, request.value, 520);
-    devkit::write_at(told.value, 0, 0u);
-    daemon.bridge.post(told);
-    daemon.settings.direct_vlan = std::move(told.value);
-    daemon.answer(request.ticket, result::ok);
+    daemon.bridge.post(setting_operation(msg::direct_vlan, request.value));
+    setting(daemon, request);
 }
 
 void data_recover(daemon_core& daemon, const client_request& request) {
@@ -194,28 +208,36 @@ void data_recover(daemon_core& daemon, const client_request& request) {
 }
 
 void test_cmd(daemon_core& daemon, const client_request& request) {
+    (void)daemon.settings.change(msg::test_cmd, request.value);
     daemon.bridge.post(operation_of(msg::test_cmd, msg::test_cmd, request.value, 4));
 }
 
 void water_line(daemon_core& daemon, const client_request& request) {
+    (void)daemon.settings.change(msg::water_line, request.value);
     daemon.notify_applications(msg::water_line, devkit::slice(request.value, 0, 4), request.client.id);
 }
 
 void arp_check_status(daemon_core& daemon, const client_request& request) {
+    const auto& checks = daemon.settings.records(msg::arpcheck);
+    const bool enabled = std::any_of(checks.begin(), checks.end(), [](const auto& entry) {
+        const byte_view record = devkit::slice(entry.second, 8, record::config);
+        return devkit::u32_at(record, config::operation) == devkit::user_operation::add ||
+               devkit::u32_at(record, config::value) != 0;
+    });
     byte_buffer value(4, 0);
-    devkit::write_at(value, 0, daemon.settings.arp_check_ifxs.empty() ? 0u : 1u);
+    devkit::write_at(value, 0, enabled ? 1u : 0u);
     daemon.reply(request.ticket, value);
 }
 
 void arp_check_user_count(daemon_core& daemon, const client_request& request) {
     byte_buffer value(12, 0);
-    const auto users = daemon.users.arp_check_users(devkit::u32_at(request.value, 4));
+    const auto users = arp_check_users(daemon, devkit::u32_at(request.value, 4));
     devkit::write_at(value, 8, static_cast<u32>(users.size()));
     daemon.reply(request.ticket, value);
 }
 
 void arp_check_user_data(daemon_core& daemon, const client_request& request) {
-    const auto users = daemon.users.arp_check_users(devkit::u32_at(request.value, 4));
+    const auto users = arp_check_users(daemon, devkit::u32_at(request.value, 4));
     const std::size_t capacity = devkit::u32_at(request.value, 8);
     const std::size_t count = std::min(users.size(), capacity);
     byte_buffer value(12 + count * record::arp_check_entry, 0);
@@ -252,7 +274,9 @@ void nac_user_get(daemon_core& daemon, const client_request& request) {
 }
 
 void mac_query(daemon_core& daemon, const client_request& request) {
-    const u32 address = daemon.users.ipv4_of(devkit::mac_at(request.value, 4));
+    const mac_address mac = devkit::mac_at(request.value, 4);
+    const u32 known = daemon.users.ipv4_of(mac);
+    const u32 address = known != 0 ? known : bound_address(daemon, mac);
     byte_buffer value = devkit::to_bytes(devkit::slice(request.value, 0, 10));
     value.resize(request.ticket.type->reply_bytes);
     devkit::write_at(value, 12, address == 0 ? result::not_found : result::ok);

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "sccd/control_commands.h"
+#include "sccd/json_file.h"
 
 namespace scc::sccd {
 namespace {
@@ -15,7 +16,6 @@ using devkit::byte_view;
 
 constexpr std::size_t line_max_bytes = 4u * 1024 * 1024;
 constexpr mode_t owner_only = 0600;
-constexpr int depth_max = 16;
 
 // The runtime directory is open to everybody, so the socket's mode alone does not suffice.
 bool may_command(int descriptor) {
@@ -23,20 +23,6 @@ bool may_command(int descriptor) {
     socklen_t length = sizeof peer;
     return ::getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
            (peer.uid == 0 || peer.uid == ::geteuid());
-}
-
-// Null for a line that is not JSON, or that is nested so deeply that copying it, which takes stack for each
-// level, could crash the daemon. No command nests more than three levels.
-json parse_line(const std::string& line) {
-    bool too_deep = false;
-    json parsed = json::parse(
-        line,
-        [&too_deep](int depth, json::parse_event_t, const json&) {
-            too_deep = too_deep || depth > depth_max;
-            return !too_deep;
-        },
-        false);
-    return too_deep ? json() : parsed;
 }
 
 }  // namespace
@@ -80,11 +66,12 @@ void control_server::take_line(control_session& session, const std::string& line
         return reply(session.id,
                      control_failure("only root and the user who runs the daemon may command it"));
     }
-    const json request = parse_line(line);
+    const json request = parse_json(line, nullptr);
     if (!request.is_object()) {
         return reply(session.id, control_failure("not a JSON object"));
     }
     run_control_command(daemon_, request, [this, id = session.id](const json& answer) { reply(id, answer); });
+    daemon_.touch();
 }
 
 void control_server::reply(u64 id, const json& answer) {
@@ -92,8 +79,8 @@ void control_server::reply(u64 id, const json& answer) {
     if (session == sessions_.end()) {
         return;
     }
-    std::string text = answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
-    session->second->stream->send({text.begin(), text.end()});
+    const std::string text = answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+    session->second->stream->send({reinterpret_cast<const u8*>(text.data()), text.size()});
     session->second->waiting = false;
     // Input that arrived while the answer was awaited is processed at the end of the turn.
     daemon_.loop.defer([this, id] {

@@ -22,6 +22,8 @@ constexpr u32 debug_switch = 1;
 constexpr u32 debug_show_command = 3;
 constexpr std::size_t statistics_entry_bytes = 24;
 
+using word_list = std::vector<std::string_view>;
+
 struct command_call {
     daemon_core& daemon;
     json_fields& fields;
@@ -191,6 +193,45 @@ void capability(const command_call& call) {
     send_to(call, call.fields.number32("to"), 0, msg::dev_cap, value);
 }
 
+fault_rule simple_fault(fault_action action, u16 type, u32 result, u32 count) {
+    fault_rule rule;
+    rule.type = type;
+    rule.count = count;
+    rule.effect.action = action;
+    rule.effect.result = result;
+    return rule;
+}
+
+void fault(const command_call& call) {
+    fault_rule rule;
+    const std::string problem = read_fault(call.request, {"do"}, rule);
+    if (!problem.empty()) {
+        return call.reply(control_failure(problem));
+    }
+    json answer = success();
+    answer["id"] = call.daemon.faults.add(rule);
+    call.reply(answer);
+}
+
+void fault_list(const command_call& call) {
+    json answer = success();
+    answer["faults"] = call.daemon.faults.show();
+    call.reply(answer);
+}
+
+void fault_clear(const command_call& call) {
+    const u64 id = call.fields.number("id");
+    if (!understood(call)) {
+        return;
+    }
+    if (!call.fields.has("id")) {
+        call.daemon.faults.clear();
+    } else if (!call.daemon.faults.drop(id)) {
+        return call.reply(control_failure(fmt::format("no fault {}", id)));
+    }
+    call.reply(success());
+}
+
 void fail_next(const command_call& call) {
     const u16 type = call.fields.number16("type");
     const u32 result = call.fields.number32("result");
@@ -201,7 +242,7 @@ void fail_next(const command_call& call) {
     if (!understood(call)) {
         return;
     }
-    call.daemon.faults.fail_next(type, result, count);
+    call.daemon.faults.replace(simple_fault(fault_action::refuse, type, result, count));
     call.reply(success());
 }
 
@@ -214,7 +255,7 @@ void mute(const command_call& call) {
     if (!understood(call)) {
         return;
     }
-    call.daemon.faults.mute(type, count);
+    call.daemon.faults.replace(simple_fault(fault_action::mute, type, result::ok, count));
     call.reply(success());
 }
 
@@ -223,12 +264,16 @@ void unmute(const command_call& call) {
     if (!understood(call)) {
         return;
     }
-    if (call.fields.has("type")) {
-        call.daemon.faults.unmute(type);
-    } else {
-        call.daemon.faults.unmute_all();
-    }
+    call.daemon.faults.drop_all(fault_action::mute, type);
     call.reply(success());
+}
+
+word_list setting_names() {
+    word_list all;
+    for (const setting_row& row : setting_rows()) {
+        all.push_back(row.name());
+    }
+    return all;
 }
 
 void dump(const command_call& call, std::string_view name, json content) {
@@ -241,7 +286,22 @@ void acls(const command_call& call) {
     dump(call, "acls", dump_acls(call.daemon.acls));
 }
 void settings(const command_call& call) {
-    dump(call, "settings", dump_settings(call.daemon.settings));
+    const std::string name = call.fields.text("name");
+    if (!understood(call)) {
+        return;
+    }
+    if (!call.fields.has("name")) {
+        return dump(call, "settings", dump_settings(call.daemon.settings));
+    }
+    const setting_row* const row = find_setting(std::string_view(name));
+    if (row == nullptr) {
+        return call.reply(control_failure(
+            fmt::format("no setting '{}'; there are {}", name, fmt::join(setting_names(), ", "))));
+    }
+    dump(call, "settings", {{name, dump_setting(call.daemon.settings, *row)}});
+}
+void state(const command_call& call) {
+    dump(call, "state", dump_state(call.daemon));
 }
 
 void users(const command_call& call) {
@@ -293,8 +353,6 @@ void quit(const command_call& call) {
     call.daemon.loop.stop();
 }
 
-using word_list = std::vector<std::string_view>;
-
 struct command_row {
     std::string_view name;
     void (*run)(const command_call&) = nullptr;
@@ -319,9 +377,13 @@ const std::array<command_row, names::commands.size()>& rows() {
         {names::fail_next, fail_next, {"type", "result"}, {"count"}},
         {names::mute, mute, {"type"}, {"count"}},
         {names::unmute, unmute, {}, {"type"}},
+        {names::fault, fault, {"action"}, {}, true},
+        {names::fault_list, fault_list},
+        {names::fault_clear, fault_clear, {}, {"id"}},
         {names::acls, acls},
         {names::users, users},
-        {names::settings, settings},
+        {names::settings, settings, {}, {"name"}},
+        {names::state, state},
         {names::counters, counters, {}, {"vdev", "type", "id", "acl", "filter", "sn", "ace"}},
         {names::quit, quit},
     }};

@@ -3,17 +3,21 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 #include <string>
 
 #include "sccd/control.h"
 #include "sccd/daemon_core.h"
 #include "sccd/listener.h"
+#include "sccd/state_file.h"
 
 namespace scc::sccd {
 
 struct daemon_options {
     std::string directory;  // holds the sockets
     bool trace = false;
+    std::string state_file;  // empty: the state is not kept
+    std::string scenario;    // a file of faults; empty: none
     std::chrono::milliseconds service_timeout{5000};
 };
 
@@ -26,7 +30,7 @@ class development_daemon {
     development_daemon& operator=(const development_daemon&) = delete;
 
     // Returns after SIGTERM, SIGINT or the control command that ends the daemon.
-    void run() { core_.loop.run(); }
+    void run();
     // Makes run return. From a handler of the loop.
     void stop() { core_.loop.stop(); }
 
@@ -34,7 +38,9 @@ class development_daemon {
     void take_item(const client_entry& client, const devkit::wire_item& item);
 
     daemon_core core_;
+    std::unique_ptr<state_file> state_;  // null if the state is not kept
     int signals_;  // blocked before the sockets exist, so that a signal never leaves them on the disk
+    owned_event signalled_;
     socket_listener listener_;
     control_server control_;
 };

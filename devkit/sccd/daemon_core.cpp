@@ -53,11 +53,11 @@ void daemon_core::answer(const request_ticket& ticket, u32 result) {
         return reply(ticket, value);
     }
     devkit::write_at(value, 0, ticket.call_id);
-    clients.send_async(ticket.client, 0, ticket.type->reply_type, value);
+    clients.answer(ticket.client, false, ticket.type->reply_type, value, ticket.fault);
 }
 
 void daemon_core::reply(const request_ticket& ticket, byte_view value) {
-    clients.send_sync(ticket.client, ticket.type->reply_type, value);
+    clients.answer(ticket.client, true, ticket.type->reply_type, value, ticket.fault);
 }
 
 void daemon_core::carry_out(const request_ticket& ticket, state_change change,

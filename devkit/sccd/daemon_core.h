@@ -9,7 +9,7 @@
 
 #include "sccd/acl_store.h"
 #include "sccd/clients.h"
-#include "sccd/faults.h"
+#include "sccd/fault_rules.h"
 #include "sccd/service_bridge.h"
 #include "sccd/settings.h"
 #include "sccd/user_store.h"
@@ -21,6 +21,7 @@ struct request_ticket {
     client_id client = 0;
     u32 call_id = 0;
     const devkit::message_type* type = nullptr;
+    std::optional<fault_effect> fault{};  // on the answer
 };
 
 // A pending question to an application: whether it is alive (319), or its statistics (318).
@@ -60,12 +61,20 @@ class daemon_core {
     // A registration has ended: its pending probes fail, and a lost service's operations with them.
     void client_gone(const client_entry& client);
 
+    // To be called after whatever may have changed the state.
+    void touch() const {
+        if (touched) {
+            touched();
+        }
+    }
+
+    std::function<void()> touched;  // may be empty
     event_loop loop;
     trace_log trace;
-    ordered_faults faults;
+    fault_rules faults;
     acl_store acls;
     user_store users;
-    daemon_settings settings;
+    setting_store settings;
     client_sockets clients;
     service_bridge bridge;
 

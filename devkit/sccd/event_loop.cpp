@@ -1,96 +1,55 @@
 #include "sccd/event_loop.h"
 
-#include <sys/epoll.h>
-#include <unistd.h>
+#include <sys/time.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <system_error>
+#include <stdexcept>
 
 namespace scc::sccd {
-namespace {
 
-constexpr std::size_t events_max = 128;
-constexpr std::chrono::milliseconds wait_max{60'000};
-
-epoll_event event_of(std::uint32_t events, std::uint64_t id) {
-    epoll_event event{};
-    event.events = events;
-    event.data.u64 = id;
-    return event;
-}
-
-}  // namespace
-
-event_loop::event_loop() : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
-    if (epoll_ < 0) {
-        throw std::system_error(errno, std::generic_category(), "epoll_create1");
+event_loop::event_loop() : base_(::event_base_new()) {
+    if (base_ == nullptr) {
+        throw std::runtime_error("no event loop");
     }
+    timer_ = make_event(
+        -1, 0, [](int, short, void* loop) { static_cast<event_loop*>(loop)->run_timers(); }, this);
+    turn_end_ = make_event(
+        -1, 0, [](int, short, void* loop) { static_cast<event_loop*>(loop)->run_deferred(); }, this);
 }
 
-event_loop::~event_loop() {
-    ::close(epoll_);
-}
-
-event_loop::watch_id event_loop::watch(int descriptor, std::uint32_t events, ready_handler ready) {
-    const watch_id id = ++last_id_;
-    epoll_event event = event_of(events, id);
-    if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) != 0) {
-        throw std::system_error(errno, std::generic_category(), "epoll_ctl");
+owned_event event_loop::make_event(int descriptor, short what, event_callback_fn ready, void* context) {
+    owned_event made(::event_new(base_.get(), descriptor, what, ready, context));
+    if (made == nullptr) {
+        throw std::runtime_error("no memory for an event");
     }
-    watches_.emplace(id, std::make_shared<ready_handler>(std::move(ready)));
-    return id;
+    return made;
 }
 
-void event_loop::change(watch_id watch, int descriptor, std::uint32_t events) {
-    epoll_event event = event_of(events, watch);
-    ::epoll_ctl(epoll_, EPOLL_CTL_MOD, descriptor, &event);
-}
-
-void event_loop::unwatch(watch_id watch, int descriptor) {
-    watches_.erase(watch);
-    ::epoll_ctl(epoll_, EPOLL_CTL_DEL, descriptor, nullptr);
+void event_loop::add(const owned_event& watched) {
+    if (::event_add(watched.get(), nullptr) != 0) {
+        throw std::runtime_error("a descriptor cannot be watched");
+    }
 }
 
 event_loop::timer_id event_loop::after(std::chrono::milliseconds delay, loop_action action) {
     const timer_id timer{clock::now() + delay, ++last_id_};
-    timers_.emplace(timer, std::move(action));
+    const auto place = timers_.emplace(timer, std::move(action)).first;
+    if (place == timers_.begin()) {
+        expect_next_timer();
+    }
     return timer;
 }
 
-void event_loop::run() {
-    running_ = true;
-    std::array<epoll_event, events_max> events{};
-    while (running_) {
-        const int count = ::epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), wait_ms());
-        for (int index = 0; index < count && running_; ++index) {
-            // A copy, since the kernel's record is packed and find() takes a reference.
-            const watch_id id = events[static_cast<std::size_t>(index)].data.u64;
-            const std::uint32_t what = events[static_cast<std::size_t>(index)].events;
-            // A watch that ended earlier in this turn is not found; its event is ignored.
-            const auto watch = watches_.find(id);
-            if (watch == watches_.end()) {
-                continue;
-            }
-            const std::shared_ptr<ready_handler> ready = watch->second;
-            (*ready)(what);
-        }
-        run_timers();
-        run_deferred();
-    }
-}
-
-int event_loop::wait_ms() const {
-    if (!deferred_.empty()) {
-        return 0;
-    }
+void event_loop::expect_next_timer() {
     if (timers_.empty()) {
-        return -1;
+        return;
     }
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first.first - clock::now());
-    return static_cast<int>(std::clamp(left, std::chrono::milliseconds{0}, wait_max).count());
+    using std::chrono::microseconds;
+    const auto left = std::max(microseconds{0},
+                               std::chrono::ceil<microseconds>(timers_.begin()->first.first - clock::now()));
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+    const timeval delay{seconds.count(), (left - seconds).count()};
+    ::event_add(timer_.get(), &delay);
 }
 
 void event_loop::run_timers() {
@@ -99,6 +58,15 @@ void event_loop::run_timers() {
         auto timer = timers_.extract(timers_.begin());
         timer.mapped()();
     }
+    expect_next_timer();
+}
+
+void event_loop::defer(loop_action action) {
+    if (deferred_.empty()) {
+        // It is queued after the events of this turn.
+        ::event_active(turn_end_.get(), 0, 0);
+    }
+    deferred_.push_back(std::move(action));
 }
 
 void event_loop::run_deferred() {
@@ -109,6 +77,14 @@ void event_loop::run_deferred() {
             action();
         }
     }
+}
+
+void event_loop::run() {
+    ::event_base_loop(base_.get(), EVLOOP_NO_EXIT_ON_EMPTY);
+}
+
+void event_loop::stop() {
+    ::event_base_loopexit(base_.get(), nullptr);
 }
 
 }  // namespace scc::sccd

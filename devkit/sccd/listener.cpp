@@ -1,7 +1,6 @@
 #include "sccd/listener.h"
 
 #include <fcntl.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -64,41 +63,41 @@ int open_reserve() {
 
 socket_listener::socket_listener(event_loop& loop, std::string path, mode_t mode,
                                  std::function<void(int)> accepted)
-    : loop_(loop), path_(std::move(path)), accepted_(std::move(accepted)) {
+    : path_(std::move(path)), accepted_(std::move(accepted)) {
     const sockaddr_un address = address_of(path_);
     remove_stale(path_, address);
-    descriptor_ = new_socket(path_);
-    if (!bind_with_mode(descriptor_, address, mode) || ::listen(descriptor_, SOMAXCONN) != 0) {
+    const int descriptor = new_socket(path_);
+    if (!bind_with_mode(descriptor, address, mode) || ::listen(descriptor, SOMAXCONN) != 0) {
         const int error = errno;
-        ::close(descriptor_);
+        ::close(descriptor);
         errno = error;
         fail(path_);
     }
     reserve_ = open_reserve();
-    watch_ = loop_.watch(descriptor_, EPOLLIN, [this](std::uint32_t) { accept_all(); });
+    constexpr int already_listening = 0;
+    listener_.reset(::evconnlistener_new(
+        loop.base(),
+        [](evconnlistener*, evutil_socket_t client, sockaddr*, int, void* listener) {
+            static_cast<socket_listener*>(listener)->accepted_(client);
+        },
+        this, LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, already_listening, descriptor));
+    if (listener_ == nullptr) {
+        ::close(descriptor);
+        throw std::runtime_error(path_ + ": the socket cannot be watched");
+    }
+    ::evconnlistener_set_error_cb(listener_.get(), [](evconnlistener*, void* listener) {
+        if (errno == EMFILE || errno == ENFILE) {
+            static_cast<socket_listener*>(listener)->refuse_one();
+        }
+    });
 }
 
 socket_listener::~socket_listener() {
-    loop_.unwatch(watch_, descriptor_);
-    ::close(descriptor_);
+    listener_.reset();
     if (reserve_ >= 0) {
         ::close(reserve_);
     }
     ::unlink(path_.c_str());
-}
-
-void socket_listener::accept_all() {
-    while (true) {
-        const int client = ::accept4(descriptor_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (client >= 0) {
-            accepted_(client);
-        } else if (errno == EMFILE || errno == ENFILE) {
-            refuse_one();
-            return;
-        } else if (errno != EINTR && errno != ECONNABORTED) {
-            return;
-        }
-    }
 }
 
 // A connection that stays in the queue would keep the loop spinning.
@@ -106,7 +105,7 @@ void socket_listener::refuse_one() {
     if (reserve_ >= 0) {
         ::close(reserve_);
     }
-    const int client = ::accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC);
+    const int client = ::accept4(::evconnlistener_get_fd(listener_.get()), nullptr, nullptr, SOCK_CLOEXEC);
     if (client >= 0) {
         ::close(client);
     }

@@ -2,9 +2,11 @@
 // that is an error. The destructor removes the file.
 #pragma once
 
+#include <event2/listener.h>
 #include <sys/types.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "sccd/event_loop.h"
@@ -22,15 +24,16 @@ class socket_listener {
     socket_listener& operator=(const socket_listener&) = delete;
 
   private:
-    void accept_all();
+    struct listener_closer {
+        void operator()(evconnlistener* ended) const { ::evconnlistener_free(ended); }
+    };
+
     void refuse_one();
 
-    event_loop& loop_;
     std::string path_;
     std::function<void(int)> accepted_;
-    int descriptor_ = -1;
+    std::unique_ptr<evconnlistener, listener_closer> listener_;  // closes its descriptor
     int reserve_ = -1;  // closed for a moment, to accept and refuse a client when descriptors run out
-    event_loop::watch_id watch_ = 0;
 };
 
 }  // namespace scc::sccd

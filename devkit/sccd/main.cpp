@@ -58,6 +58,11 @@ int main(int argc, char** argv) {
     unsigned timeout_ms = static_cast<unsigned>(options.service_timeout.count());
     CLI::App app{"Development daemon: stands in for sccd on a workstation. Needs TMPDIR."};
     app.add_flag("--trace", options.trace, "Print every message in both directions");
+    app.add_option("--state", options.state_file,
+                   "Begin with the state in this file, if it exists, and keep it there")
+        ->type_name("FILE");
+    app.add_option("--scenario", options.scenario, "Let happen what goes wrong in this file")
+        ->type_name("FILE");
     app.add_option("--service-timeout", timeout_ms, "Milliseconds to wait for the security service")
         ->check(CLI::Range(1, std::numeric_limits<int>::max()))
         ->capture_default_str();

@@ -10,12 +10,19 @@ using devkit::byte_view;
 using devkit::wire_item;
 
 constexpr std::size_t moved_first = 8;
+constexpr std::size_t learning_enable = 8;
 
 // A report and its notification have the same layout; only the service's call id is cleared.
 void pass_on(daemon_core& daemon, u16 type, byte_view value) {
     byte_buffer notification = devkit::to_bytes(value);
     devkit::write_at(notification, 0, 0u);
     daemon.notify_applications(type, notification);
+}
+
+// Interfaces learn unless an application has switched it off.
+bool learns(const daemon_core& daemon, u32 ifx) {
+    const byte_buffer* const learning = daemon.settings.on_interface(msg::addr_learning, ifx);
+    return learning == nullptr || devkit::u32_at(*learning, learning_enable) != 0;
 }
 
 void pass_on_moves(daemon_core& daemon, byte_view value) {
@@ -27,7 +34,9 @@ void pass_on_moves(daemon_core& daemon, byte_view value) {
         const byte_view entry =
             devkit::slice(value, moved_first + index * record::address_move, record::address_move);
         notification.insert(notification.end(), entry.begin(), entry.end());
-        daemon.notify_applications(msg::d1x_addr_move, notification);
+        if (learns(daemon, devkit::u32_at(entry, devkit::address_move::ifx))) {
+            daemon.notify_applications(msg::d1x_addr_move, notification);
+        }
     }
 }
 

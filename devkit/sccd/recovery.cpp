@@ -14,6 +14,7 @@ using operation_list = std::vector<service_operation>;
 
 constexpr u32 set_word = 1;
 constexpr std::size_t users_per_message = 512;
+constexpr std::size_t offline_bytes = 16;
 
 // The scc-type is the number of the request that asked for the operation.
 service_operation operation(u16 type, u16 scc_type, std::size_t len) {
@@ -65,32 +66,12 @@ void recover_acl(const acl_entry& acl, operation_list& operations) {
     }
 }
 
-service_operation two_words(u16 type, std::size_t len, u32 first, u32 second) {
-    service_operation words = operation(type, type, len);
-    devkit::write_at(words.value, 4, first);
-    devkit::write_at(words.value, 8, second);
-    return words;
-}
-
-void recover_settings(const daemon_settings& settings, operation_list& operations) {
-    for (const auto& [ifx, value] : settings.egress_ports) {
-        operations.push_back(two_words(msg::global_eport, 16, ifx, value));
-    }
-    if (settings.router_acl) {
-        operations.push_back(two_words(msg::svi_router_acl, 8, *settings.router_acl, 0));
-    }
-    for (const auto& [type, enable] : settings.cpu_protection) {
-        operations.push_back(two_words(msg::cpp, 12, enable, type));
-    }
-    for (const auto& [app, word] : settings.nac_apps) {
-        operations.push_back(nac_app_operation(app, word));
-    }
-    if (settings.offline_detection) {
-        operations.push_back(
-            {msg::offline_detect_notify, msg::offline_detect_cfg, *settings.offline_detection});
-    }
-    if (settings.direct_vlan) {
-        operations.push_back({msg::direct_vlan_notify, msg::direct_vlan, *settings.direct_vlan});
+void recover_settings(const setting_store& settings, operation_list& operations) {
+    for (const u16 type : {msg::global_eport, msg::svi_router_acl, msg::cpp, msg::nac_app,
+                           msg::offline_detect_cfg, msg::direct_vlan}) {
+        for (const auto& [key, record] : settings.records(type)) {
+            operations.push_back(setting_operation(type, record));
+        }
     }
 }
 
@@ -118,32 +99,73 @@ void recover_users(const user_store& users, operation_list& operations) {
     }
 }
 
-void recover_ports(const daemon_settings& settings, operation_list& operations) {
-    if (settings.http_ports.empty()) {
+void recover_ports(const setting_store& settings, operation_list& operations) {
+    const auto& ports = settings.records(msg::http_dport);
+    if (ports.empty()) {
         return;
     }
     service_operation list =
-        operation(msg::nacm_l4port_recover, msg::http_dport, 4 + settings.http_ports.size() * sizeof(u32));
-    devkit::write_at(list.value, 0, static_cast<u32>(settings.http_ports.size()));
+        operation(msg::nacm_l4port_recover, msg::http_dport, 4 + ports.size() * sizeof(u32));
+    devkit::write_at(list.value, 0, static_cast<u32>(ports.size()));
     std::size_t offset = 4;
-    for (const u32 port : settings.http_ports) {
-        devkit::write_at(list.value, offset, port);
-        offset += sizeof port;
+    for (const auto& [key, record] : ports) {
+        devkit::write_at(list.value, offset, u32{devkit::read_at<u16>(record, 4)});
+        offset += sizeof(u32);
     }
     operations.push_back(std::move(list));
 }
 
-}  // namespace
-
-service_operation nac_app_operation(const nac_application& app, u32 operation_word) {
-    const bool with_vid = app.vid != 0;
+service_operation nac_app_operation(byte_view value) {
+    const byte_view record = devkit::slice(value, 8, record::config);
+    const u32 vid = devkit::u32_at(record, config::vid);
+    const bool with_vid = vid != 0;
     service_operation set =
         operation(with_vid ? msg::nacm_app_with_vid : msg::nacm_app, msg::nac_app, with_vid ? 24 : 16);
-    devkit::write_at(set.value, 4, app.ifx);
-    devkit::write_at(set.value, 8, operation_word);
-    devkit::write_at(set.value, 12, app.type);
-    devkit::write_at(set.value, 20, app.vid);
+    devkit::write_at(set.value, 4, devkit::u32_at(record, config::ifx));
+    devkit::write_at(set.value, 8, devkit::u32_at(record, config::operation));
+    devkit::write_at(set.value, 12, devkit::u32_at(record, config::app_type));
+    devkit::write_at(set.value, 20, vid);
     return set;
+}
+
+service_operation http_port_operation(byte_view value) {
+    service_operation set = operation(msg::nacm_l4port, msg::http_dport, 24);
+    devkit::write_at(set.value, 8, u64{devkit::read_at<u16>(value, 4)});
+    devkit::write_at(set.value, 16, devkit::u32_at(value, 8) != 0 ? 1u : 0u);
+    return set;
+}
+
+// The value of the request, under another number and with another length.
+service_operation same_value(u16 type, u16 scc_type, byte_view value, std::size_t len) {
+    service_operation same{type, scc_type, devkit::to_bytes(devkit::slice(value, 0, len))};
+    same.value.resize(len);
+    devkit::write_at(same.value, 0, 0u);
+    return same;
+}
+
+service_operation offline_operation(byte_view value) {
+    service_operation set =
+        same_value(msg::offline_detect_notify, msg::offline_detect_cfg, value, offline_bytes);
+    // Applications send a word, of which the service reads one byte.
+    devkit::write_at(set.value, 4, devkit::u32_at(value, 4) != 0 ? 1u : 0u);
+    return set;
+}
+
+}  // namespace
+
+service_operation setting_operation(u16 type, byte_view value) {
+    switch (type) {
+        case msg::http_dport:
+            return http_port_operation(value);
+        case msg::nac_app:
+            return nac_app_operation(value);
+        case msg::offline_detect_cfg:
+            return offline_operation(value);
+        case msg::direct_vlan:
+            return same_value(msg::direct_vlan_notify, type, value, find_setting(type)->bytes);
+        default:
+            return same_value(type, type, value, find_setting(type)->bytes);
+    }
 }
 
 service_operation nac_user_operation(byte_view config_record, bool add) {
@@ -153,15 +175,8 @@ service_operation nac_user_operation(byte_view config_record, bool add) {
     return user;
 }
 
-service_operation http_port_operation(u32 port, bool add) {
-    service_operation set = operation(msg::nacm_l4port, msg::http_dport, 24);
-    devkit::write_at(set.value, 8, u64{port});
-    devkit::write_at(set.value, 16, add ? 1u : 0u);
-    return set;
-}
-
 std::vector<service_operation> recovery_operations(const acl_store& acls, const user_store& users,
-                                                   const daemon_settings& settings) {
+                                                   const setting_store& settings) {
     operation_list operations;
     operations.push_back(recovery_mark(true));
     for (const auto& [key, acl] : acls.acls()) {

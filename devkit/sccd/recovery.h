@@ -13,11 +13,11 @@ namespace scc::sccd {
 
 [[nodiscard]] std::vector<service_operation> recovery_operations(const acl_store& acls,
                                                                  const user_store& users,
-                                                                 const daemon_settings& settings);
+                                                                 const setting_store& settings);
 
 // Single operations, the same for the first time and for a recovery.
-[[nodiscard]] service_operation nac_app_operation(const nac_application& app, u32 operation_word);
+// `value` is that of a request whose setting the service carries out.
+[[nodiscard]] service_operation setting_operation(u16 type, devkit::byte_view value);
 [[nodiscard]] service_operation nac_user_operation(devkit::byte_view config_record, bool add);
-[[nodiscard]] service_operation http_port_operation(u32 port, bool add);
 
 }  // namespace scc::sccd

@@ -30,16 +30,13 @@ void acl_counter_get(daemon_core& daemon, const client_request& request);
 void ace_counter_get(daemon_core& daemon, const client_request& request);
 
 // config_requests.cpp
-void http_dport(daemon_core& daemon, const client_request& request);
-void arpcheck(daemon_core& daemon, const client_request& request);
-void nac_app(daemon_core& daemon, const client_request& request);
+void setting(daemon_core& daemon, const client_request& request);
+void service_setting(daemon_core& daemon, const client_request& request);
+void direct_channel(daemon_core& daemon, const client_request& request);
+void nac_esc(daemon_core& daemon, const client_request& request);
 void nac_user(daemon_core& daemon, const client_request& request);
 void arp_entry(daemon_core& daemon, const client_request& request);
-void global_eport(daemon_core& daemon, const client_request& request);
-void svi_router_acl(daemon_core& daemon, const client_request& request);
 void efacl_ctrl(daemon_core& daemon, const client_request& request);
-void cpp(daemon_core& daemon, const client_request& request);
-void offline_detect_cfg(daemon_core& daemon, const client_request& request);
 void direct_vlan(daemon_core& daemon, const client_request& request);
 void data_recover(daemon_core& daemon, const client_request& request);
 void test_cmd(daemon_core& daemon, const client_request& request);

@@ -19,11 +19,14 @@ struct request_row {
     void (*handle)(daemon_core&, const client_request&) = nullptr;
 };
 
-// Types without a row are settings that the daemon does not use; they are accepted.
+// Types without a row are settings that the daemon keeps and does nothing else with.
 constexpr std::array table{
-    request_row{msg::http_dport, handlers::http_dport},
-    request_row{msg::arpcheck, handlers::arpcheck},
-    request_row{msg::nac_app, handlers::nac_app},
+    request_row{msg::http_dport, handlers::service_setting},
+    request_row{msg::dirchn_host, handlers::direct_channel},
+    request_row{msg::dirchn_server, handlers::direct_channel},
+    request_row{msg::dirchn_site, handlers::direct_channel},
+    request_row{msg::nac_esc, handlers::nac_esc},
+    request_row{msg::nac_app, handlers::service_setting},
     request_row{msg::nac_user, handlers::nac_user},
     request_row{msg::acl, handlers::acl},
     request_row{msg::ace, handlers::ace},
@@ -34,12 +37,12 @@ constexpr std::array table{
     request_row{msg::filter_counter_reset, handlers::filter_counter_reset},
     request_row{msg::acl_counter_reset, handlers::acl_counter_reset},
     request_row{msg::ace_counter_reset, handlers::ace_counter_reset},
-    request_row{msg::global_eport, handlers::global_eport},
-    request_row{msg::svi_router_acl, handlers::svi_router_acl},
+    request_row{msg::global_eport, handlers::service_setting},
+    request_row{msg::svi_router_acl, handlers::service_setting},
     request_row{msg::efacl_ctrl, handlers::efacl_ctrl},
-    request_row{msg::cpp, handlers::cpp},
+    request_row{msg::cpp, handlers::service_setting},
     request_row{msg::arp_entry, handlers::arp_entry},
-    request_row{msg::offline_detect_cfg, handlers::offline_detect_cfg},
+    request_row{msg::offline_detect_cfg, handlers::service_setting},
     request_row{msg::direct_vlan, handlers::direct_vlan},
     request_row{msg::arp_dyn_entry, handlers::arp_entry},
     request_row{msg::data_recover, handlers::data_recover},
@@ -67,6 +70,30 @@ const request_row* find_row(u16 type) {
     return row != table.end() && row->type == type ? &*row : nullptr;
 }
 
+// Obeys a fault. Returns whether the request is carried out.
+bool goes_on(daemon_core& daemon, request_ticket& ticket, const fault_effect& fault) {
+    daemon.trace.note(fmt::format("{}: a fault on purpose", ticket.type->name));
+    switch (fault.action) {
+        case fault_action::refuse:
+            daemon.answer(ticket, fault.result);
+            return false;
+        case fault_action::mute:
+            return false;
+        case fault_action::disconnect:
+            daemon.clients.disconnect(ticket.client);
+            return false;
+        case fault_action::restart:
+            daemon.clients.restart(fault.time);
+            return false;
+        case fault_action::stop_reading:
+            daemon.clients.stop_reading(ticket.client, fault.time);
+            return true;
+        default:
+            ticket.fault = fault;
+            return true;
+    }
+}
+
 }  // namespace
 
 void take_request(daemon_core& daemon, const client_entry& client, const wire_item& item) {
@@ -77,21 +104,22 @@ void take_request(daemon_core& daemon, const client_entry& client, const wire_it
     if (type->answer == answer_kind::result && item.value.size() < sizeof(u32)) {
         return daemon.trace.note(fmt::format("a {} request without a call id is ignored", type->name));
     }
-    if (daemon.faults.take_mute(item.type)) {
-        return daemon.trace.note(fmt::format("{} is muted", type->name));
-    }
-    const request_ticket ticket{client.id, devkit::u32_at(item.value, 0), type};
-    if (const auto failure = daemon.faults.take_failure(item.type)) {
-        return daemon.answer(ticket, *failure);
+    request_ticket ticket{client.id, devkit::u32_at(item.value, 0), type, {}};
+    if (const auto fault = daemon.faults.take(item.type, client.app_id, client.pid);
+        fault && !goes_on(daemon, ticket, *fault)) {
+        return;
     }
     if (item.value.size() < type->least_bytes) {
         return daemon.answer(ticket, result::invalid_argument);
     }
     const request_row* const row = find_row(item.type);
-    if (row == nullptr) {
-        return daemon.answer(ticket, result::ok);
+    if (row != nullptr) {
+        row->handle(daemon, {ticket, item.value, client});
+    } else if (find_setting(item.type) != nullptr) {
+        handlers::setting(daemon, {ticket, item.value, client});
+    } else {
+        daemon.answer(ticket, result::ok);
     }
-    row->handle(daemon, {ticket, item.value, client});
 }
 
 }  // namespace scc::sccd

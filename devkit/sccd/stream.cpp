@@ -1,7 +1,6 @@
 #include "sccd/stream.h"
 
 #include <poll.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -9,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <stdexcept>
 #include <utility>
 
 namespace scc::sccd {
@@ -16,7 +16,6 @@ namespace {
 
 constexpr std::size_t read_bytes = 64 * 1024;
 constexpr int reads_per_turn = 4;
-constexpr std::size_t kept_input_bytes = 1024 * 1024;
 constexpr std::size_t chunks_per_send = 64;
 constexpr std::size_t queue_stop_bytes = 64u * 1024 * 1024;
 constexpr std::size_t queue_resume_bytes = queue_stop_bytes / 2;
@@ -28,20 +27,47 @@ bool try_later(int error) {
 }  // namespace
 
 socket_stream::socket_stream(event_loop& loop, int descriptor, stream_events events)
-    : loop_(loop), descriptor_(descriptor), events_(std::move(events)), watched_(EPOLLIN) {
-    watch_ = loop_.watch(descriptor_, watched_, [this](std::uint32_t what) { ready(what); });
+    : loop_(loop),
+      descriptor_(descriptor),
+      events_(std::move(events)),
+      input_(::evbuffer_new()),
+      output_(::evbuffer_new()) {
+    if (input_ == nullptr || output_ == nullptr) {
+        throw std::runtime_error("no memory for a stream");
+    }
+    readable_ = loop_.make_event(
+        descriptor_, EV_READ | EV_PERSIST,
+        [](int, short, void* stream) { static_cast<socket_stream*>(stream)->read_some(); }, this);
+    writable_ = loop_.make_event(
+        descriptor_, EV_WRITE | EV_PERSIST,
+        [](int, short, void* stream) { static_cast<socket_stream*>(stream)->write_some(); }, this);
+    event_loop::add(readable_);
 }
 
 socket_stream::~socket_stream() {
+    end_connection();
+}
+
+void socket_stream::end_connection() {
     if (!open()) {
         return;
     }
-    loop_.unwatch(watch_, descriptor_);
-    ::close(descriptor_);
+    if (paused_) {
+        loop_.cancel(*paused_);
+    }
+    readable_.reset();
+    writable_.reset();
+    ::close(std::exchange(descriptor_, -1));
 }
 
 devkit::byte_view socket_stream::input() const {
-    return devkit::byte_view(input_).subspan(consumed_);
+    const std::size_t len = ::evbuffer_get_length(input_.get());
+    const u8* const bytes = ::evbuffer_pullup(input_.get(), -1);
+    return bytes == nullptr ? devkit::byte_view() : devkit::byte_view(bytes, len);
+}
+
+void socket_stream::consume(std::size_t len) {
+    ::evbuffer_drain(input_.get(), len);
 }
 
 bool socket_stream::peer_gone() const {
@@ -56,10 +82,8 @@ void socket_stream::close() {
     if (!open()) {
         return;
     }
-    loop_.unwatch(watch_, descriptor_);
-    ::close(std::exchange(descriptor_, -1));
-    output_.clear();
-    queued_bytes_ = 0;
+    end_connection();
+    ::evbuffer_drain(output_.get(), queued_bytes());
     loop_.defer([this] {
         // The callback may destroy this stream, and itself with it.
         const auto closed = std::move(events_.closed);
@@ -67,28 +91,24 @@ void socket_stream::close() {
     });
 }
 
-void socket_stream::ready(std::uint32_t events) {
-    if ((events & EPOLLOUT) != 0) {
-        write_some();
-    }
+void socket_stream::pause(std::chrono::milliseconds time) {
     if (!open()) {
         return;
     }
-    if ((events & EPOLLIN) != 0 && reading_) {
-        read_some();
-    } else if ((events & (EPOLLHUP | EPOLLERR)) != 0) {
-        close();
+    if (paused_) {
+        loop_.cancel(*paused_);
     }
+    paused_ = loop_.after(time, [this] {
+        paused_.reset();
+        watch_what_is_wanted();
+    });
+    watch_what_is_wanted();
 }
 
 void socket_stream::read_some() {
-    for (int count = 0; count < reads_per_turn && open() && reading_; ++count) {
-        const std::size_t held = input_.size();
-        input_.resize(held + read_bytes);
-        const ssize_t received = ::recv(descriptor_, input_.data() + held, read_bytes, 0);
-        const int error = errno;
-        input_.resize(held + static_cast<std::size_t>(std::max<ssize_t>(received, 0)));
-        if (received < 0 && try_later(error)) {
+    for (int count = 0; count < reads_per_turn && open() && reading_ && !paused_; ++count) {
+        const ssize_t received = receive();
+        if (received < 0 && try_later(errno)) {
             return;
         }
         if (received <= 0) {
@@ -96,52 +116,49 @@ void socket_stream::read_some() {
             return;
         }
         events_.input(*this);
-        forget_consumed();
         if (static_cast<std::size_t>(received) < read_bytes) {
             return;
         }
     }
 }
 
-void socket_stream::forget_consumed() {
-    if (consumed_ == 0) {
-        return;
+ssize_t socket_stream::receive() {
+    evbuffer_iovec space{};
+    if (::evbuffer_reserve_space(input_.get(), read_bytes, &space, 1) != 1) {
+        errno = ENOMEM;
+        return -1;
     }
-    input_.erase(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(consumed_));
-    consumed_ = 0;
-    // Frees the memory of an exceptionally long message.
-    if (input_.empty() && input_.capacity() > kept_input_bytes) {
-        input_.shrink_to_fit();
+    const ssize_t received = ::recv(descriptor_, space.iov_base, read_bytes, 0);
+    if (received > 0) {
+        space.iov_len = static_cast<std::size_t>(received);
+        ::evbuffer_commit_space(input_.get(), &space, 1);
     }
+    return received;
 }
 
-void socket_stream::send(devkit::byte_buffer bytes) {
+void socket_stream::send(devkit::byte_view bytes) {
     if (!open() || bytes.empty()) {
         return;
     }
-    const bool idle = output_.empty();
-    queued_bytes_ += bytes.size();
-    output_.push_back(std::move(bytes));
+    const bool idle = queued_bytes() == 0;
+    if (::evbuffer_add(output_.get(), bytes.data(), bytes.size()) != 0) {
+        close();
+        return;
+    }
     if (idle) {
         write_some();
-    }
-    if (open()) {
+    } else {
         watch_what_is_wanted();
     }
 }
 
 void socket_stream::write_some() {
-    while (!output_.empty()) {
-        std::array<iovec, chunks_per_send> chunks{};
-        std::size_t count = 0;
-        std::size_t skip = front_sent_;
-        for (auto chunk = output_.begin(); chunk != output_.end() && count < chunks.size(); ++chunk) {
-            chunks[count++] = {chunk->data() + skip, chunk->size() - skip};
-            skip = 0;
-        }
+    while (queued_bytes() != 0) {
+        std::array<evbuffer_iovec, chunks_per_send> chunks{};
+        const int count = ::evbuffer_peek(output_.get(), -1, nullptr, chunks.data(), chunks.size());
         msghdr message{};
         message.msg_iov = chunks.data();
-        message.msg_iovlen = count;
+        message.msg_iovlen = std::min(static_cast<std::size_t>(std::max(count, 0)), chunks.size());
         const ssize_t sent = ::sendmsg(descriptor_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent < 0 && try_later(errno)) {
             break;
@@ -150,29 +167,24 @@ void socket_stream::write_some() {
             close();
             return;
         }
-        queued_bytes_ -= static_cast<std::size_t>(sent);
-        front_sent_ += static_cast<std::size_t>(sent);
-        while (!output_.empty() && front_sent_ >= output_.front().size()) {
-            front_sent_ -= output_.front().size();
-            output_.pop_front();
-        }
+        ::evbuffer_drain(output_.get(), static_cast<std::size_t>(sent));
     }
     watch_what_is_wanted();
 }
 
 void socket_stream::watch_what_is_wanted() {
-    if (queued_bytes_ > queue_stop_bytes) {
-        reading_ = false;
-    }
-    if (queued_bytes_ <= queue_resume_bytes) {
-        reading_ = true;
-    }
-    const std::uint32_t wanted = (reading_ ? EPOLLIN : 0u) | (output_.empty() ? 0u : EPOLLOUT);
-    if (wanted == watched_) {
-        return;
-    }
-    watched_ = wanted;
-    loop_.change(watch_, descriptor_, wanted);
+    const std::size_t queued = queued_bytes();
+    reading_ = queued <= queue_resume_bytes || (reading_ && queued <= queue_stop_bytes);
+    const auto want = [](const owned_event& what, short kind, bool wanted) {
+        const bool watched = ::event_pending(what.get(), kind, nullptr) != 0;
+        if (wanted && !watched) {
+            event_loop::add(what);
+        } else if (!wanted && watched) {
+            ::event_del(what.get());
+        }
+    };
+    want(readable_, EV_READ, reading_ && !paused_);
+    want(writable_, EV_WRITE, queued != 0);
 }
 
 }  // namespace scc::sccd

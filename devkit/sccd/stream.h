@@ -4,8 +4,12 @@
 // without bound.
 #pragma once
 
-#include <deque>
+#include <event2/buffer.h>
+
+#include <chrono>
 #include <functional>
+#include <memory>
+#include <optional>
 
 #include "common/bytes.h"
 #include "sccd/event_loop.h"
@@ -25,33 +29,39 @@ class socket_stream {
     socket_stream(const socket_stream&) = delete;
     socket_stream& operator=(const socket_stream&) = delete;
 
+    // Valid until the next call that changes the stream.
     [[nodiscard]] devkit::byte_view input() const;
-    void consume(std::size_t len) { consumed_ += len; }
-    void send(devkit::byte_buffer bytes);
+    void consume(std::size_t len);
+    void send(devkit::byte_view bytes);
     void close();
+    // Reads nothing for this time.
+    void pause(std::chrono::milliseconds time);
     [[nodiscard]] bool open() const { return descriptor_ >= 0; }
     // Whether the peer has closed the connection, even if its end of stream has not been read yet.
     [[nodiscard]] bool peer_gone() const;
-    [[nodiscard]] std::size_t queued_bytes() const { return queued_bytes_; }
+    [[nodiscard]] std::size_t queued_bytes() const { return ::evbuffer_get_length(output_.get()); }
 
   private:
-    void ready(std::uint32_t events);
+    struct buffer_closer {
+        void operator()(evbuffer* ended) const { ::evbuffer_free(ended); }
+    };
+    using owned_buffer = std::unique_ptr<evbuffer, buffer_closer>;
+
+    void end_connection();
     void read_some();
+    [[nodiscard]] ssize_t receive();
     void write_some();
     void watch_what_is_wanted();
-    void forget_consumed();
 
     event_loop& loop_;
     int descriptor_;
     stream_events events_;
-    event_loop::watch_id watch_ = 0;
-    std::uint32_t watched_ = 0;
-    devkit::byte_buffer input_;
-    std::size_t consumed_ = 0;
-    std::deque<devkit::byte_buffer> output_;
-    std::size_t front_sent_ = 0;  // bytes of output_.front() already sent
-    std::size_t queued_bytes_ = 0;
+    owned_event readable_;
+    owned_event writable_;
+    owned_buffer input_;
+    owned_buffer output_;
     bool reading_ = true;
+    std::optional<event_loop::timer_id> paused_;  // until this timer ends
 };
 
 }  // namespace scc::sccd

@@ -487,6 +487,10 @@ void acl_table::count_first_match(acl_entry& acl, const packet& packet, verdict&
     ++acl.packets;
     ++result.matches;
     result.denied = result.denied || found->second.rule->denies();
+    if (found->second.rule->compares(SCC_ACE_LOG)) {
+        result.logged.push_back(fmt::format("acl {} type {}: {}", acl.key.acl_id, acl.key.app_type,
+                                            ace::print_ace(found->second.record).value_or("")));
+    }
 }
 
 verdict acl_table::classify(const packet& packet, const packet_path& path) {

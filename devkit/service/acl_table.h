@@ -41,10 +41,12 @@ struct packet_path {
     u32 egress_ifx = 0;  // 0: unknown
 };
 
-// How many ACLs on the packet's path had a matching ACE, and whether one of them denied it.
+// How many ACLs on the packet's path had a matching ACE, whether one of them denied it, and which of the ACEs
+// ask for a line in the log.
 struct verdict {
     u32 matches = 0;
     bool denied = false;
+    std::vector<std::string> logged;  // "acl ID type N: ACE"
 };
 
 // A counter of an ACL, or of one of its ACEs. The numbers tell what has the same name apart: ACEs of an ACL

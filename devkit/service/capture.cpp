@@ -1,8 +1,10 @@
 #include "service/capture.h"
 
+#include <fmt/format.h>
 #include <pcap/pcap.h>
 
 #include <array>
+#include <ctime>
 #include <memory>
 
 namespace scc::service {
@@ -31,6 +33,25 @@ capture_file open_capture(const std::string& path, std::string& problem) {
 
 u64 microseconds_of(const timeval& time) {
     return static_cast<u64>(time.tv_sec) * microseconds_per_second + static_cast<u64>(time.tv_usec);
+}
+
+day_time local_time_of(u64 time_us) {
+    const auto seconds = static_cast<std::time_t>(time_us / microseconds_per_second);
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    return {static_cast<u8>(local.tm_wday), static_cast<u16>(local.tm_hour * 60 + local.tm_min)};
+}
+
+void note_logged(capture_report& report, const verdict& verdict, u64 time_us) {
+    for (const std::string& line : verdict.logged) {
+        if (report.logged.size() == log_lines_max) {
+            ++report.unlogged;
+            continue;
+        }
+        report.logged.push_back(fmt::format("packet {} at {}.{:06}: {}", report.packets,
+                                            time_us / microseconds_per_second,
+                                            time_us % microseconds_per_second, line));
+    }
 }
 
 }  // namespace
@@ -70,11 +91,12 @@ capture_report run_capture(const std::string& path, const ingress_map& ingress, 
 
     report.error = read_capture(path, [&](const captured_frame& frame) {
         ++report.packets;
-        const std::optional<packet> packet = parse_packet(frame.bytes);
+        std::optional<packet> packet = parse_packet(frame.bytes);
         if (!packet) {
             ++report.unreadable;
             return;
         }
+        packet->captured = local_time_of(frame.time_us);
         const station where{ingress.ifx_of(packet->vid), packet->vid};
         meter.count(*packet, where, frame.time_us, frame.len_bytes);
         const u32 egress_ifx = meter.last_seen(packet->destination_mac).value_or(station{}).ifx;
@@ -87,6 +109,7 @@ capture_report run_capture(const std::string& path, const ingress_map& ingress, 
         if (verdict.denied) {
             ++report.denied;
         }
+        note_logged(report, verdict, frame.time_us);
     });
 
     meter.finish();

@@ -32,19 +32,24 @@ struct ingress_map {
     [[nodiscard]] u32 ifx_of(u16 vid) const;
 };
 
+inline constexpr std::size_t log_lines_max = 1000;
+
 // The results of one capture.
 struct capture_report {
     std::string error;  // of the file; packets before it are still counted
     u64 packets = 0;
-    u64 unreadable = 0;  // shorter than an Ethernet header
-    u64 matched = 0;     // packets that matched an ACE
-    u64 denied = 0;      // of these, packets that matched a denying ACE
+    u64 unreadable = 0;               // shorter than an Ethernet header
+    u64 matched = 0;                  // packets that matched an ACE
+    u64 denied = 0;                   // of these, packets that matched a denying ACE
+    std::vector<std::string> logged;  // a line for each match of an ACE with "log", at most log_lines_max
+    u64 unlogged = 0;                 // matches after these
     std::vector<acl_counters> acls;
     std::vector<flow> flows;
     std::vector<scc_address_move> moves;
     std::vector<silence> silences;
 };
 
+// Rules with a time range compare the local time at which a frame was captured.
 [[nodiscard]] capture_report run_capture(const std::string& path, const ingress_map& ingress,
                                          forwarding_table& table);
 

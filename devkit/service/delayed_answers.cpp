@@ -1,22 +1,41 @@
 #include "service/delayed_answers.h"
 
+#include <event2/thread.h>
+#include <sys/time.h>
+
+#include <stdexcept>
 #include <utility>
 
 namespace scc::service {
 
 void delayed_answers::start() {
-    if (own_thread_) {
-        thread_ = std::thread([this] { run(); });
+    if (!own_thread_) {
+        return;
     }
+    const std::lock_guard guard(mutex_);
+    ::evthread_use_pthreads();  // answers are given by other threads
+    loop_.reset(::event_base_new());
+    if (loop_ == nullptr) {
+        throw std::runtime_error("no event loop");
+    }
+    if (delay_.count() > 0) {
+        const auto seconds = std::chrono::floor<std::chrono::seconds>(delay_);
+        const timeval delay{seconds.count(), std::chrono::microseconds(delay_ - seconds).count()};
+        wait_ = ::event_base_init_common_timeout(loop_.get(), &delay);
+    }
+    thread_ = std::thread([loop = loop_.get()] { ::event_base_loop(loop, EVLOOP_NO_EXIT_ON_EMPTY); });
 }
 
 void delayed_answers::stop() {
+    std::unique_ptr<event_base, base_closer> ended;
     {
         const std::lock_guard guard(mutex_);
-        ending_ = true;
+        ended = std::move(loop_);
+        waiting_.clear();
     }
-    changed_.notify_one();
-    if (thread_.joinable()) {
+    if (ended != nullptr) {
+        // Unlike a break, an exit is also kept for a loop that has not begun yet.
+        ::event_base_loopexit(ended.get(), nullptr);
         thread_.join();
     }
 }
@@ -26,30 +45,27 @@ void delayed_answers::send(std::function<void()> answer) {
         answer();
         return;
     }
-    {
-        const std::lock_guard guard(mutex_);
-        waiting_.push_back({clock::now() + delay_, std::move(answer)});
+    const std::lock_guard guard(mutex_);
+    if (loop_ == nullptr) {
+        return;
     }
-    changed_.notify_one();
+    waiting_.push_back(std::move(answer));
+    ::event_base_once(
+        loop_.get(), -1, EV_TIMEOUT,
+        [](int, short, void* answers) { static_cast<delayed_answers*>(answers)->send_next(); }, this, wait_);
 }
 
-void delayed_answers::run() {
-    std::unique_lock lock(mutex_);
-    while (!ending_) {
+void delayed_answers::send_next() {
+    std::function<void()> next;
+    {
+        const std::lock_guard guard(mutex_);
         if (waiting_.empty()) {
-            changed_.wait(lock);
-            continue;
+            return;  // stopped
         }
-        if (const auto due = waiting_.front().due; clock::now() < due) {
-            changed_.wait_until(lock, due);
-            continue;
-        }
-        const waiting_answer next = std::move(waiting_.front());
+        next = std::move(waiting_.front());
         waiting_.pop_front();
-        lock.unlock();
-        next.send();
-        lock.lock();
     }
+    next();
 }
 
 }  // namespace scc::service

@@ -2,10 +2,12 @@
 // order in which they were given. The thread runs from start() to stop().
 #pragma once
 
+#include <event2/event.h>
+
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -19,27 +21,25 @@ class delayed_answers {
     delayed_answers(const delayed_answers&) = delete;
     delayed_answers& operator=(const delayed_answers&) = delete;
 
-    // Starts no thread if answers are sent immediately.
+    // Starts no thread if answers are sent immediately. Throws std::runtime_error.
     void start();
     // Drops the waiting answers and all later ones.
     void stop();
     void send(std::function<void()> answer);
 
   private:
-    using clock = std::chrono::steady_clock;
-    struct waiting_answer {
-        clock::time_point due;
-        std::function<void()> send;
+    struct base_closer {
+        void operator()(event_base* ended) const { ::event_base_free(ended); }
     };
 
-    void run();
+    void send_next();
 
     const std::chrono::milliseconds delay_;
     const bool own_thread_;
     std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<waiting_answer> waiting_;  // guarded by mutex_; earliest first, since the delay is fixed
-    bool ending_ = false;                 // guarded by mutex_
+    std::deque<std::function<void()>> waiting_;      // guarded by mutex_; earliest first
+    std::unique_ptr<event_base, base_closer> loop_;  // guarded by mutex_; null while no thread runs
+    const timeval* wait_ = nullptr;                  // a delay that libevent keeps in order; null: none
     std::thread thread_;
 };
 

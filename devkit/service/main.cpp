@@ -101,6 +101,12 @@ class program {
         if (!report.error.empty()) {
             say(report.error);
         }
+        for (const std::string& line : report.logged) {
+            say("log: " + line);
+        }
+        if (report.unlogged != 0) {
+            say(fmt::format("log: {} more", report.unlogged));
+        }
         say("capture: " + summary_of(report));
         const report_outcome outcome = send_report(report);
         say(fmt::format("reported: {} sent, {} failed{}", outcome.sent, outcome.failed,

@@ -28,6 +28,12 @@ inline pid_t receive_thread() {
     return first;
 }
 
+// The receive thread has ended. The checker has been named before it is enabled: on a busy machine it may
+// begin after the registration.
+inline bool only_the_checker_is_left() {
+    return g_send_buf_chk_enabled.load() != 0 && library_threads() == 1;
+}
+
 inline bytes distinct_bytes(std::size_t count, std::uint8_t first = 1) {
     bytes value(count);
     for (std::size_t i = 0; i < count; ++i) {

@@ -497,7 +497,7 @@ TEST_F(Connection, TheThreadEndsWhenTheAppIdIsTakenAwayBeforeTheFirstRegistratio
     EXPECT_TRUE(test::wait_for_log("connect to sccd failed!!!"));
     g_scc_client_cb.app_id = 0;
     EXPECT_TRUE(test::wait_for_log("scc client not registered to sccd.exit thread."));
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
     EXPECT_EQ(test::log_texts().back(), "scc client not registered to sccd.exit thread.");
     EXPECT_EQ(test::statuses().size(), 0U);
     EXPECT_EQ(g_scc_client_cb.state.load(), 1U);

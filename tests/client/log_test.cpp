@@ -141,7 +141,7 @@ TEST_F(Log, IsEmptyWhileTheSwitchIsOffWhateverHappens) {
     _scc_lib_async_msg_proc(0, nullptr);
     EXPECT_EQ(_scc_lib_client_connect(std::string(107, 'x').c_str()), -1);
     live();
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
     EXPECT_EQ(test::log_texts(), std::vector<std::string>{});
 }
 

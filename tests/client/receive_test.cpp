@@ -374,7 +374,7 @@ TEST_F(Receive, AHandlerMayUnregister) {
     EXPECT_EQ(results().wait(), 0U);
     EXPECT_TRUE(test::wait_for_log("no such call id:2 in scc lib"));
     EXPECT_TRUE(daemon.wait_for_close(side::async));
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
     EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
     EXPECT_EQ(test::statuses().size(), 0U);
     start();
@@ -393,7 +393,7 @@ TEST_F(Receive, AStatusHandlerThatUnregistersEndsItsThread) {
     daemon.answer_unregistration();
     EXPECT_EQ(results().wait(), 0U);
     EXPECT_TRUE(test::wait_for_log("scc client not registered to sccd.exit thread."));
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
 }
 
 void unregister_and_register_inside(std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {
@@ -773,7 +773,7 @@ TEST_F(Receive, WhatArrivedAfterTheMessageWhoseHandlerUnregistersIsDropped) {
     daemon.send(side::async, both);
     daemon.answer_unregistration();
     EXPECT_EQ(moves.wait(), 1);
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
     EXPECT_EQ(moves.size(), 0U);
 }
 
@@ -815,7 +815,7 @@ TEST_F(ReceivedMemory, OfAMessageThatIsNotDeliveredAnyMoreIsFreed) {
     test::released().push(1);
     daemon.answer_unregistration();
     EXPECT_EQ(results().wait(), 0U);
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
     EXPECT_TRUE(none_left(blocks));
 }
 
@@ -841,7 +841,7 @@ TEST_F(ReceivedMemory, OfAMessageThatIsCutByTheEndOfItsRegistrationIsFreed) {
     ASSERT_TRUE(test::all_taken(daemon.fd(side::async)));
     ASSERT_TRUE(test::others_are_waiting());
     stop();
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
     EXPECT_TRUE(none_left(blocks));
 }
 
@@ -875,7 +875,7 @@ TEST_F(Receive, NotificationsAreDeliveredWhileAnUnregistrationWaitsForItsReply) 
     deliver(1);
     daemon.send_item(side::sync, 302, wire().u32(0).u32(0));
     ending.join();
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
 }
 
 // The registration ends, and its sockets close, between two steps of the receive thread.
@@ -893,7 +893,7 @@ TEST_F(Receive, TheThreadDoesNotLookForTheSocketOfAnEndedRegistration) {
         (void)scc::locked::begin_generation(scc::start_kind::none);
         test::clear_log();
     }
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
     EXPECT_EQ(test::log_texts(), std::vector<std::string>());
     g_scc_client_cb.async_fd = real;
 }
@@ -913,7 +913,7 @@ TEST_F(Receive, TheThreadLeavesWhenItsRegistrationEndsWhileItComesBack) {
     const test::debugging on;
     daemon.close_both();
     EXPECT_EQ(test::statuses().wait(), 0U);
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
     EXPECT_EQ(test::statuses().size(), 0U);
     EXPECT_FALSE(test::logged("appid 7 ready to rereg."));
 }
@@ -924,7 +924,7 @@ TEST_F(Receive, TheThreadEndsWhenTheAppIdIsTakenAwayAfterALoss) {
     daemon.close_both();
     ASSERT_EQ(test::statuses().wait(), 0U);
     g_scc_client_cb.app_id = 0;
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
     EXPECT_EQ(g_scc_client_cb.state.load(), 1U);
     EXPECT_EQ(test::statuses().size(), 0U);
     daemon.listen();

@@ -157,7 +157,7 @@ TEST_F(Registration, UnregisteringLeavesNothing) {
     EXPECT_FALSE(std::filesystem::exists(socket_file(".sccl_sd1_")));
     EXPECT_FALSE(std::filesystem::exists(socket_file(".sccl_sd2_")));
     EXPECT_EQ(scc_addr_learning(1, 1, nullptr), 2004U);
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
     EXPECT_EQ(test::statuses().size(), 0U);
 }
 
@@ -260,7 +260,7 @@ TEST_F(Registration, ALostDaemonDuringUnregistrationEndsTheRegistration) {
     daemon.close_both();
     EXPECT_EQ(results().wait(), 0U);
     aside.join();
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
     EXPECT_EQ(test::statuses().size(), 0U);
     start();
     expect_registered();

@@ -42,7 +42,7 @@ TEST_F(SendChecker, ThereIsOneOverSeveralRegistrations) {
         start();
         EXPECT_TRUE(test::eventually([] { return test::library_threads() == 2; }));
         stop();
-        EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+        EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
     }
     EXPECT_EQ(g_send_buf_chk_enabled.load(), 1U);
 }

@@ -33,7 +33,7 @@ TEST_F(Threads, TwoRunAndAreNamedWithThePid) {
 TEST_F(Threads, TheCheckerStaysAndTheReceiveThreadEndsWithTheRegistration) {
     start();
     stop();
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
 }
 
 // Whether a mask of /proc blocks everything that can be blocked: KILL and STOP cannot, and the two signals

@@ -87,23 +87,24 @@ TEST(CtlAclFile, EveryFaultyLineIsReportedWithItsNumber) {
         "acl\n"
         " 5 raw 0g\n");
     ASSERT_EQ(errors.size(), 13u);
-    const std::pair<unsigned, const char*> expected[] = {
-        {1, "an ACE needs an 'acl' line above it"},
-        {2, "ACL id '0' is not a number from 1 to 32768"},
-        {3, "type '59' is not a number from 1 to 58"},
-        {5, "'allow' is neither permit nor deny"},
-        {6, "ACL 2 of type 1 already stands in line 4"},
-        {7, "no ACL 7 above: 'type' must be given"},
-        {8, "'ifx' is missing"},
-        {9, "direction 'up' is neither in nor out"},
-        {10, "unknown word 'color'"},
-        {11, "'type' needs a value"},
-        {12, "'type' is given twice"},
-        {13, "the ACL id is missing"},
-        {14, "'raw' needs the record's bytes from offset 16 on in hexadecimal pairs"}};
+    const file_error expected[] = {
+        {1, 1, "an ACE needs an 'acl' line above it"},
+        {2, 5, "ACL id '0' is not a number from 1 to 32768"},
+        {3, 12, "type '59' is not a number from 1 to 58"},
+        {5, 5, "'allow' is neither permit nor deny"},
+        {6, 5, "ACL 2 of type 1 already stands in line 4"},
+        {7, 7, "no ACL 7 above: 'type' must be given"},
+        {8, 8, "'ifx' is missing"},
+        {9, 25, "direction 'up' is neither in nor out"},
+        {10, 7, "unknown word 'color'"},
+        {11, 11, "'type' needs a value"},
+        {12, 14, "'type' is given twice"},
+        {13, 4, "the ACL id is missing"},
+        {14, 8, "'raw' needs the record's bytes from offset 16 on in hexadecimal pairs"}};
     for (std::size_t i = 0; i < errors.size(); ++i) {
-        EXPECT_EQ(errors[i].line, expected[i].first);
-        EXPECT_EQ(errors[i].text, expected[i].second);
+        EXPECT_EQ(errors[i].line, expected[i].line);
+        EXPECT_EQ(errors[i].column, expected[i].column) << expected[i].text;
+        EXPECT_EQ(errors[i].text, expected[i].text);
     }
 }
 
@@ -146,6 +147,27 @@ TEST(CtlAclFile, ARuleWithMoreBytesThanItsTextIsWrittenRaw) {
     const acl_file again = file_of(text);
     EXPECT_EQ(
         std::memcmp(&again.acls[0].aces[0].record, &file.acls[0].aces[0].record, sizeof(scc_ace_record)), 0);
+}
+
+TEST(CtlAclFile, TheColumnOfAnAceWithoutANumberIsThatOfItsFaultyWord) {
+    const auto errors = errors_of("acl 1\n\tpermit tcp any any eq 80,nowhere  # no such port\n");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].column, 27u);
+    EXPECT_EQ(errors[0].text, "'nowhere' is not a port of services(5)");
+}
+
+TEST(CtlAclFile, AnAceMayStandOnceInAnAcl) {
+    const auto errors =
+        errors_of("acl 1\n 10 permit ether\n 10 deny ether id 11\n 10 deny ether\nacl 2\n 10 deny ether\n");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].line, 4u);
+    EXPECT_EQ(errors[0].text, "an ACE 10 with id 10 already stands in line 2");
+}
+
+TEST(CtlAclFile, ANumberSignWithinQuotesBeginsNoComment) {
+    const acl_file file = file_of("acl 1\n 10 permit ether remark \"printer #2\"  # \"quoted\" too\n");
+    EXPECT_EQ(print_acl_file(file), "acl 1 type 1 class 0\n  10 permit ether remark \"printer #2\"\n");
+    EXPECT_EQ(errors_of("acl 1\n permit ether remark \"open # no\n").at(0).text, "the quote is not closed");
 }
 
 }  // namespace

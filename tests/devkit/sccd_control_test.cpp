@@ -308,12 +308,13 @@ TEST(SccdControl, AclsUsersAndSettingsAreShown) {
 
     EXPECT_EQ(acl["id"], 5);
     EXPECT_EQ(acl["pid"], 77);
-    EXPECT_EQ(acl["aces"], (json::array({{{"sn", 10}, {"id", 4}}})));
+    EXPECT_EQ(acl["aces"][0]["sn"], 10);
+    EXPECT_EQ(acl["aces"][0]["id"], 4);
     EXPECT_EQ(acl["applies"][0]["ifx"], 2);
     EXPECT_EQ(users["users"][0]["mac"], "02:00:00:00:00:09");
     EXPECT_EQ(users["users"][0]["ip"], "10.0.0.9");
     EXPECT_EQ(users["arp_entries"][0]["ip"], "10.0.0.8");
-    EXPECT_EQ(settings["router_acl"], 1);
+    EXPECT_EQ(settings["svi-router-acl"], (json::array({{{"value", 1}}})));
 }
 
 TEST(SccdControl, TheServicesReportsReachTheApplications) {

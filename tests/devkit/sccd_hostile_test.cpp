@@ -1,3 +1,5 @@
+#include <sys/resource.h>
+
 #include <random>
 
 #include "sccd_support.h"
@@ -165,6 +167,28 @@ TEST(SccdHostile, AClientThatNeverReadsDoesNotHoldUpOthers) {
         ASSERT_EQ(deaf.async.receive().u32(0), expected);
         expected = (expected + 1) % 10000;
     }
+}
+
+TEST(SccdHostile, ADaemonWithoutDescriptorsEndsNewConnectionsAndGoesOn) {
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
+    constexpr rlimit few{32, 32};
+    ASSERT_EQ(::prlimit(daemon.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+
+    {
+        std::deque<wire_socket> many;
+        for (int count = 0; count < 40; ++count) {
+            many.emplace_back(daemon.socket_path());
+        }
+        EXPECT_TRUE(many.back().ends());
+        EXPECT_EQ(client.result_of(108, wire_value(8).u32(0, 1)), 0u);
+    }
+    // The ends of those connections have been seen before an exchange that begins after them has ended twice.
+    client.settle();
+    client.settle();
+
+    test_client other(daemon, 4, 78);
+    EXPECT_EQ(other.result_of(108, wire_value(8).u32(0, 2)), 0u);
 }
 
 TEST(SccdHostile, AControlLineThatIsNotAnObjectIsRefused) {

@@ -287,6 +287,9 @@ class daemon_process {
         pid_ = ::fork();
         if (pid_ == 0) {
             ::dup2(ends[1], STDOUT_FILENO);
+            if (errors_wanted_) {
+                ::dup2(ends[1], STDERR_FILENO);
+            }
             ::execv(SCCD_DEV_PATH, words.data());
             ::_exit(127);
         }
@@ -297,6 +300,19 @@ class daemon_process {
         output_ = ends[0];
         pending_.clear();
     }
+
+    // Starts the process, and returns its status and everything that it printed when it ends.
+    std::pair<int, std::string> fail_to_start() {
+        errors_wanted_ = true;
+        launch();
+        errors_wanted_ = false;
+        std::string printed;
+        for (std::string line = read_line(); !line.empty(); line = read_line()) {
+            printed += line + "\n";
+        }
+        return {WEXITSTATUS(wait_for_end()), printed};
+    }
+    void set_arguments(std::vector<std::string> arguments) { arguments_ = std::move(arguments); }
 
     // The next line of the daemon's output; empty when there is none in time.
     std::string read_line() {
@@ -328,6 +344,7 @@ class daemon_process {
         return {};
     }
 
+    [[nodiscard]] pid_t pid() const { return pid_; }
     void signal(int number) const { ::kill(pid_, number); }
     int wait_for_end() {
         int status = 0;
@@ -342,6 +359,7 @@ class daemon_process {
   private:
     std::vector<std::string> arguments_;
     std::string directory_;
+    bool errors_wanted_ = false;
     pid_t pid_ = -1;
     int output_ = -1;
     std::string pending_;

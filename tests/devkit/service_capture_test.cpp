@@ -1,5 +1,7 @@
 // The capture data/flows.pcap was made by scripts/make_capture.py --packets 80: a packet every 100 ms from
 // second 1700000000 on; that script's docstring and output list its flows and their numbers.
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 
@@ -60,6 +62,30 @@ TEST_F(ServiceCapture, EveryAceCountsThePacketsOfItsFlows) {
         packets.push_back(ace.packets);
     }
     EXPECT_EQ(packets, (std::vector<u64>{11, 22, 11, 11, 10, 15}));
+}
+
+TEST_F(ServiceCapture, EachMatchOfAnAceWithLogIsALine) {
+    hold(1, {"10 deny icmp any any log remark \"no ping\"", "20 permit ip any any"}, application_of(1, 0));
+    const capture_report report = run();
+    ASSERT_EQ(report.logged.size(), report.denied);
+    ASSERT_FALSE(report.logged.empty());
+    EXPECT_EQ(report.logged[0],
+              "packet 4 at 1700000000.300000: acl 1 type 2: 10 deny icmp any any log remark \"no ping\"");
+    EXPECT_EQ(report.unlogged, 0u);
+}
+
+// The capture begins on a Tuesday at 22:13:20 UTC.
+TEST_F(ServiceCapture, ATimeRangeComparesTheTimeOfTheCapture) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    hold(1, {"10 permit ip any any time-range tue 22:00-22:30"}, application_of(1, 0));
+    hold(2, {"10 permit ip any any time-range wed 22:00-22:30"}, application_of(2, 0));
+    hold(3, {"10 permit ip any any"}, application_of(3, 0));
+    const capture_report report = run();
+    ASSERT_EQ(report.acls.size(), 3u);
+    EXPECT_GT(report.acls[2].aces[0].packets, 0u);
+    EXPECT_EQ(report.acls[0].aces[0].packets, report.acls[2].aces[0].packets);
+    EXPECT_EQ(report.acls[1].aces[0].packets, 0u);
 }
 
 TEST_F(ServiceCapture, TheVlanDecidesTheInterface) {

@@ -332,7 +332,7 @@ TEST_F(ConnectionFaults, AThreadWhoseWaitFailsDuringAnUnregistrationLeavesAfterI
     EXPECT_TRUE(test::end_faults());
     daemon.send_item(side::sync, 302, wire().u32(0).u32(0));
     ending.join();
-    EXPECT_TRUE(test::eventually([] { return test::library_threads() == 1; }));
+    EXPECT_TRUE(test::eventually(test::only_the_checker_is_left));
     EXPECT_FALSE(test::logged("appid 0 ready to rereg."));
 }
 

@@ -308,13 +308,14 @@ void note_query(std::uint32_t result, std::uint32_t wanted, bool own) {
     }
 }
 
-// The daemon sends the key back, with the number in it.
-void ask_for_binding(std::uint32_t number) {
-    scc_user_acl_record record{};
-    record.key = {number, acl_type, number % 1000 + 1, ~number};
-    scc_acl_key answer{};
-    const std::uint32_t result = scc_user_acl_change_vmsup(&record, reinterpret_cast<std::uint8_t*>(&answer));
-    note_query(result, 0, std::memcmp(&answer, &record.key, sizeof answer) == 0);
+// The daemon sends the record of an unknown user back, with the number in it.
+void ask_for_stranger(std::uint32_t number) {
+    scc_user_record record{};
+    record.operation = SCC_USER_OPERATION_GET;
+    const std::uint32_t stranger[] = {number, ~number};
+    std::memcpy(record.tail, stranger, sizeof stranger);
+    const std::uint32_t result = scc_nac_user_get(&record);
+    note_query(result, ENOENT, std::memcmp(record.tail, stranger, sizeof stranger) == 0);
 }
 
 void ask_for_counter() {
@@ -331,7 +332,7 @@ void ask_for_count() {
 void ask() {
     std::uint32_t number = 0;
     g_notes->obey([&] {
-        ask_for_binding(++number);
+        ask_for_stranger(++number);
         ask_for_counter();
         ask_for_count();
         usleep(pause_us);
