@@ -30,7 +30,7 @@ class program {
         : options_(std::move(given)),
           filter_(std::move(filter)),
           back_end_(table_, options_.map, *filter_, [](const std::string& line) { screen.say(line); }),
-          service_(back_end_, table_, {std::chrono::milliseconds(0), true, {}, {}},
+          service_(back_end_, table_, {std::chrono::milliseconds(0), {}, {}, true},
                    {options_.verbose ? [](const std::string& line) { screen.say(line); }
                                      : std::function<void(const std::string&)>(),
                     [](u32 status) { screen.say(status == 1 ? "registered" : "lost"); },

@@ -22,9 +22,9 @@ namespace scc::service {
 // How operations are answered. All but from_own_thread is for tests of applications against a faulty service.
 struct answer_policy {
     std::chrono::milliseconds delay{0};
-    bool from_own_thread = false;  // also without a delay
     std::map<u32, u32> refusals;   // result by type; such an operation is not carried out
     std::set<u32> silent;          // carried out and never answered
+    bool from_own_thread = false;  // even without a delay
 };
 
 class security_service {
