@@ -78,6 +78,15 @@ foreach(program sccd-dev scc-ss-dev sccctl)
             COMPONENT devkit OPTIONAL)
   endif()
 endforeach()
+# The service that programs the kernel, for machines that forward packets.
+if(TARGET scc-ss-linux)
+  add_dependencies(installed scc-ss-linux)
+  install(TARGETS scc-ss-linux RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT service-linux)
+  install(FILES ${PROJECT_SOURCE_DIR}/docs/man/scc-ss-linux.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
+          COMPONENT service-linux)
+  install(FILES ${PROJECT_SOURCE_DIR}/devkit/linux/scc-ss-linux.service DESTINATION lib/systemd/system
+          COMPONENT service-linux)
+endif()
 if(TARGET sccctl)
   install(FILES ${PROJECT_SOURCE_DIR}/devkit/ctl/sccctl.bash-completion
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME sccctl COMPONENT devkit)

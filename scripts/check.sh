@@ -36,7 +36,7 @@ stage_binary() {
     scripts/check_log_names.sh build/clang/src/libscclib.a
     local binaries
     mapfile -t binaries < <(find build/release/src build/release/platform build/release/devkit -type f \
-        \( -name 'lib*.so' -o -name 'lib*.so.*' -o -name sccd-dev -o -name scc-ss-dev -o -name sccctl \))
+        \( -name 'lib*.so' -o -name 'lib*.so.*' -o -name sccd-dev -o -name scc-ss-dev -o -name scc-ss-linux -o -name sccctl \))
     scripts/check_hardening.sh "${binaries[@]}"
     scripts/check_options.sh
 }

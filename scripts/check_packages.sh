@@ -56,6 +56,11 @@ expect scclib-dev usr/include/scclib.h usr/lib/libscclib.a usr/lib/libscclib.so 
     usr/share/man/man7/scclib-handlers.7.gz usr/share/man/man7/scc_records.7.gz
 expect scclib-workstation usr/lib/libqx_syslog.so usr/lib/libqx-thread.so usr/include/qx_syslog.h \
     usr/include/qx_thread.h
+if [ -e "$work/debs/scclib-service-linux_${version}_$(dpkg --print-architecture).deb" ]; then
+    expect scclib-service-linux usr/sbin/scc-ss-linux usr/share/man/man8/scc-ss-linux.8.gz \
+        usr/lib/systemd/system/scc-ss-linux.service
+    depends scclib-service-linux libscclib1 libnftables1 libmnl0
+fi
 for program in sccd-dev scc-ss-dev sccctl; do
     for file in "bin/$program" "share/man/man1/$program.1.gz"; do
         [ -s "$root/usr/$file" ] || fail "there is no /usr/$file"

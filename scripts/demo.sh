@@ -4,6 +4,8 @@
 #   2. sccctl loads, applies, renumbers and reads back 200 ACLs with 10,000 ACEs
 #   3. daemon, service and application: a capture's packets become counters, flows and an address move;
 #      the service and the daemon are killed and everyone comes back
+#   4. three hosts on a bridge, whose packets the kernel drops for an application (where network namespaces are
+#      allowed)
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -202,7 +204,32 @@ RULES
     kill "$security" "$daemon"
 }
 
+# The namespaces take their processes and interfaces with them, also when this script is interrupted.
+real_packets() {
+    heading "4. A service that enforces"
+    local program
+    for program in ip nft ping nsenter; do
+        if ! command -v "$program" >/dev/null; then
+            echo "left out: $program is not installed"
+            return
+        fi
+    done
+    if [ ! -x "$build/devkit/linux/scc-ss-linux" ]; then
+        echo "left out: scc-ss-linux was not built, for lack of libnftables or libmnl"
+        return
+    fi
+    if ! unshare --net --pid --fork --kill-child true 2>/dev/null; then
+        echo "left out: this user may not make network namespaces"
+        return
+    fi
+    unshare --net --pid --fork --kill-child --mount-proc scripts/demo_linux.sh "$work" &
+    local namespaces=$!
+    running+=("$namespaces")
+    wait "$namespaces" || fail "the fourth part failed"
+}
+
 one_application
 many_acls
 everything_together
+real_packets
 heading "done"

@@ -4,6 +4,7 @@
 #   libscclib1          the shared library
 #   scclib-dev          headers, static libraries, man pages, pkg-config and CMake files
 #   scclib-devkit       development daemon, software service and sccctl
+#   scclib-service-linux  the security service on the kernel's packet filter, where libnftables is installed
 #   scclib-workstation  the workstation's versions of the platform's two libraries
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -41,7 +42,7 @@ TEXT
 # needed PACKAGE: the packages whose libraries the programs and libraries of PACKAGE need.
 needed() {
     local binaries
-    mapfile -t binaries < <(find "$work/$1/usr" -type f \( -path '*/bin/*' -o -name 'lib*.so*' \) | sort)
+    mapfile -t binaries < <(find "$work/$1/usr" -type f \( -path '*/bin/*' -o -path '*/sbin/*' -o -name 'lib*.so*' \) | sort)
     mkdir -p "$work/depends/debian"
     printf 'Source: scclib\nPackage: %s\n' "$1" >"$work/depends/debian/control"
     echo "libscclib 1 libscclib1 (= $version)" >"$work/depends/debian/shlibs.local"
@@ -79,6 +80,11 @@ stage libscclib1 runtime
 stage scclib-dev development
 stage scclib-devkit devkit
 stage scclib-workstation workstation
+with_linux=
+if [ -x "$tree/devkit/linux/scc-ss-linux" ]; then
+    with_linux=yes
+    stage scclib-service-linux service-linux
+fi
 
 # dpkg-shlibdeps takes one directory per option; this one has a link for each package.
 libraries=$work/libraries
@@ -104,6 +110,14 @@ sccd-dev stands in for the security-control daemon, scc-ss-dev for the security
 service with a forwarding table in memory, and sccctl makes every request and
 query of the library a command.
 TEXT
+if [ -n "$with_linux" ]; then
+    pack scclib-service-linux net \
+        "$(needed scclib-service-linux), scclib-workstation (= $version) | scclib-platform" \
+        "security service of scclib on the kernel's packet filter" <<'TEXT'
+scc-ss-linux carries the operations of the security-control daemon out in
+nftables: ACLs that drop packets, access control, rate limits and counters.
+TEXT
+fi
 pack scclib-workstation libs "$(needed scclib-workstation)" \
     "workstation versions of the libraries that scclib needs" <<'TEXT'
 libqx_syslog.so and libqx-thread.so with their headers, for machines that are

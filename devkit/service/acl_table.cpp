@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <memory>
+#include <tuple>
 #include <utility>
 
 #include "ace/ace_text.h"
@@ -34,6 +36,21 @@ u32 direction_of(const scc_acl_apply_record& record) {
 bool same_place(const scc_acl_apply_record& a, const scc_acl_apply_record& b) {
     const byte_view place = bytes_of(a).subspan(devkit::apply_record::entity);
     return std::ranges::equal(place, bytes_of(b).subspan(devkit::apply_record::entity));
+}
+
+constexpr u64 hash_start = 0xCBF29CE484222325;
+constexpr u64 hash_factor = 0x100000001B3;
+
+u64 hash_of(byte_view bytes, u64 hash) {
+    for (const u8 byte : bytes) {
+        hash = (hash ^ byte) * hash_factor;
+    }
+    return hash;
+}
+
+u64 fingerprint_of(const scc_ace_record& record) {
+    const u64 match = hash_of({record.match, sizeof record.match}, hash_start);
+    return hash_of({record.action, sizeof record.action}, match);
 }
 
 // Interface 0 stands for every interface.
@@ -67,7 +84,12 @@ void acl_table::acl_entry::mark_stale() {
 }
 
 void acl_table::acl_entry::drop_stale() {
-    std::erase_if(aces, [](const auto& ace) { return ace.second.stale; });
+    std::erase_if(aces, [&](const auto& ace) {
+        if (ace.second.stale) {
+            counters.erase({ace.second.record.ace_id, ace.second.number});
+        }
+        return ace.second.stale;
+    });
     std::erase_if(applications, [](const application& entry) { return entry.stale; });
 }
 
@@ -94,13 +116,45 @@ acl_table::application* acl_table::find_application(acl_entry& acl, const scc_ac
     return found == acl.applications.end() ? nullptr : &*found;
 }
 
+template <class Undo>
+void acl_table::changed(const scc_acl_key& key, Undo undo) {
+    if (!undo_.recording()) {
+        return;
+    }
+    const acl_name name(key);
+    notes_.acls.insert(name);
+    undo_.note([this, name, undo] { undo(acls_.at(name)); });
+}
+
+u32 acl_table::free_number(const acl_entry& acl, u32 ace_id) {
+    u32 number = 0;
+    for (auto taken = acl.counters.lower_bound({ace_id, 0});
+         taken != acl.counters.end() && *taken == std::pair(ace_id, number); ++taken) {
+        ++number;
+    }
+    return number;
+}
+
 u32 acl_table::create(const scc_acl_key& key) {
-    acl_entry& acl = acls_.try_emplace(acl_name(key), acl_entry{key, {}, {}, 0, true}).first->second;
-    if (!acl.stale) {
+    const acl_name name(key);
+    const auto [entry, is_new] = acls_.try_emplace(name, acl_entry{key, {}, {}, {}, 0, 0, true});
+    if (!entry->second.stale) {
         return SCC_E_ACL_EXISTS;
     }
-    acl.key = key;
-    acl.stale = false;
+    if (is_new) {
+        const auto removed = std::find_if(released_.rbegin(), released_.rend(), [&](const counter_name& one) {
+            return !one.of_ace && one.acl == name;
+        });
+        entry->second.number = removed == released_.rend() ? 0 : removed->acl_number + 1;
+    }
+    entry->second.key = key;
+    entry->second.stale = false;
+    if (is_new && undo_.recording()) {
+        notes_.acls.insert(name);
+        undo_.note([this, name] { acls_.erase(name); });
+    } else {
+        changed(key, [](acl_entry& created) { created.stale = true; });
+    }
     return 0;
 }
 
@@ -112,7 +166,16 @@ u32 acl_table::remove(const scc_acl_key& key) {
     if (acl->is_applied()) {
         return SCC_E_STILL_APPLIED;
     }
-    acls_.erase(acl_name(key));
+    const acl_name name(key);
+    const auto removed = std::make_shared<decltype(acls_)::node_type>(acls_.extract(name));
+    if (undo_.recording()) {
+        released_.push_back({name, removed->mapped().number});
+        notes_.acls.insert(name);
+        undo_.note([this, removed] {
+            acls_.insert(std::move(*removed));
+            released_.pop_back();
+        });
+    }
     return 0;
 }
 
@@ -127,10 +190,28 @@ u32 acl_table::add_ace(const scc_acl_key& key, const scc_ace_record& record) {
     }
     if (ace == acl->aces.end()) {
         ace = acl->aces.emplace(record.sn, ace_entry{});
+        ace->second.number = free_number(*acl, record.ace_id);
+        acl->counters.insert({record.ace_id, ace->second.number});
+        changed(key, [sn = record.sn, id = record.ace_id](acl_entry& changed_acl) {
+            scc_ace_record added{};
+            added.sn = sn;
+            added.ace_id = id;
+            const auto found = find_ace(changed_acl.aces, added);
+            changed_acl.counters.erase({id, found->second.number});
+            changed_acl.aces.erase(found);
+        });
+    } else {
+        changed(key, [before = ace->second](acl_entry& changed_acl) {
+            find_ace(changed_acl.aces, before.record)->second = before;
+        });
     }
     ace->second.record = record;
     ace->second.rule = ace::decode(record);
+    ace->second.fingerprint = fingerprint_of(record);
     ace->second.stale = false;
+    if (undo_.recording()) {
+        notes_.aces.push_back(&ace->second);
+    }
     return 0;
 }
 
@@ -143,8 +224,36 @@ u32 acl_table::delete_ace(const scc_acl_key& key, const scc_ace_record& record) 
     if (ace == acl->aces.end() || ace->second.stale) {
         return SCC_E_NO_ACE;
     }
-    acl->aces.erase(ace);
+    if (undo_.recording()) {
+        released_.push_back(counter_of(*acl, ace->second));
+    } else {
+        acl->counters.erase({record.ace_id, ace->second.number});
+    }
+    const auto next = std::next(ace);
+    const auto following = next == acl->aces.end() ? std::nullopt : std::optional(next->second.record);
+    const auto deleted = std::make_shared<ace_list::node_type>(acl->aces.extract(ace));
+    changed(key, [this, following, deleted](acl_entry& changed_acl) {
+        const auto place = following ? find_ace(changed_acl.aces, *following) : changed_acl.aces.end();
+        released_.pop_back();
+        changed_acl.aces.insert(place, std::move(*deleted));
+    });
     return 0;
+}
+
+void acl_table::roll_back(std::size_t mark) {
+    notes_.applications = true;
+    undo_.roll_back(mark);
+}
+
+void acl_table::confirm() {
+    undo_.clear();
+    for (const counter_name& released : released_) {
+        const auto acl = acls_.find(released.acl);
+        if (released.of_ace && acl != acls_.end() && acl->second.number == released.acl_number) {
+            acl->second.counters.erase({released.ace_id, released.ace_number});
+        }
+    }
+    released_.clear();
 }
 
 u32 acl_table::apply(const scc_acl_apply_record& record) {
@@ -152,14 +261,22 @@ u32 acl_table::apply(const scc_acl_apply_record& record) {
     if (acl == nullptr) {
         return SCC_E_NO_ACL;
     }
+    if (undo_.recording()) {
+        notes_.applications = true;
+        notes_.applied.push_back(record);
+    }
     application* entry = find_application(*acl, record);
     if (entry == nullptr) {
         acl->applications.push_back({record, false});
+        changed(record.key, [](acl_entry& changed_acl) { changed_acl.applications.pop_back(); });
         return 0;
     }
     if (!entry->stale) {
         return SCC_E_APPLIED_ALREADY;
     }
+    changed(record.key, [before = *entry](acl_entry& changed_acl) {
+        *find_application(changed_acl, before.record) = before;
+    });
     *entry = {record, false};
     return 0;
 }
@@ -173,8 +290,25 @@ u32 acl_table::unapply(const scc_acl_apply_record& record) {
     if (entry == nullptr || entry->stale) {
         return SCC_E_NOT_APPLIED;
     }
-    acl->applications.erase(acl->applications.begin() + (entry - acl->applications.data()));
+    notes_.applications = true;
+    const auto place = entry - acl->applications.data();
+    changed(record.key, [before = *entry, place](acl_entry& changed_acl) {
+        changed_acl.applications.insert(changed_acl.applications.begin() + place, before);
+    });
+    acl->applications.erase(acl->applications.begin() + place);
     return 0;
+}
+
+template <class NumberOf>
+void acl_table::renumber(acl_entry& acl, NumberOf number_of) {
+    ace_list renumbered;
+    while (!acl.aces.empty()) {
+        auto node = acl.aces.extract(acl.aces.begin());
+        node.key() = number_of(node.mapped());
+        node.mapped().record.sn = node.key();
+        renumbered.insert(std::move(node));
+    }
+    acl.aces = std::move(renumbered);
 }
 
 u32 acl_table::resequence(const scc_acl_key& key, u32 sn_start, u32 sn_inc) {
@@ -185,34 +319,75 @@ u32 acl_table::resequence(const scc_acl_key& key, u32 sn_start, u32 sn_inc) {
     if (acl == nullptr) {
         return SCC_E_NO_ACL;
     }
-    ace_list renumbered;
+    note_order(*acl);
     u32 next = sn_start;
     u32 number_before = 0;
     u32 number_after = 0;
-    while (!acl->aces.empty()) {
-        auto node = acl->aces.extract(acl->aces.begin());
-        if (node.key() < fixed_sn_min) {
-            if (node.key() != number_before) {
-                number_before = node.key();
-                number_after = next;
-                next += sn_inc;
-            }
-            node.key() = number_after;
-            node.mapped().record.sn = number_after;
+    renumber(*acl, [&](const ace_entry& ace) {
+        const u32 sn = ace.record.sn;
+        if (sn >= fixed_sn_min) {
+            return sn;
         }
-        renumbered.insert(std::move(node));
-    }
-    acl->aces = std::move(renumbered);
+        if (sn != number_before) {
+            number_before = sn;
+            number_after = next;
+            next += sn_inc;
+        }
+        return number_after;
+    });
     return 0;
 }
 
-u32 acl_table::read_counter(const scc_acl_key& key, u64& counter) const {
-    const acl_entry* acl = find(key);
+// ACE ids and the numbers of their counters identify ACEs also after a resequence.
+void acl_table::note_order(const acl_entry& acl) {
+    if (!undo_.recording()) {
+        return;
+    }
+    std::vector<std::tuple<u32, u32, u32>> order;  // sequence number, ACE id, number
+    for (const auto& [sn, ace] : acl.aces) {
+        order.emplace_back(sn, ace.record.ace_id, ace.number);
+    }
+    changed(acl.key, [order](acl_entry& changed_acl) {
+        std::map<std::pair<u32, u32>, ace_list::node_type> nodes;
+        while (!changed_acl.aces.empty()) {
+            auto node = changed_acl.aces.extract(changed_acl.aces.begin());
+            const std::pair counter(node.mapped().record.ace_id, node.mapped().number);
+            nodes.emplace(counter, std::move(node));
+        }
+        for (const auto& [sn, id, number] : order) {
+            auto node = std::move(nodes.at({id, number}));
+            node.key() = sn;
+            node.mapped().record.sn = sn;
+            changed_acl.aces.insert(std::move(node));
+        }
+    });
+}
+
+void acl_table::adopt(const scc_acl_key& key, u32 acl_number) {
+    acls_.try_emplace(acl_name(key), acl_entry{key, {}, {}, {}, acl_number, 0, true});
+}
+
+void acl_table::adopt(const scc_acl_key& key, const scc_ace_record& record, u32 ace_number) {
+    const auto acl = acls_.find(acl_name(key));
+    if (acl == acls_.end() || find_ace(acl->second.aces, record) != acl->second.aces.end() ||
+        !acl->second.counters.insert({record.ace_id, ace_number}).second) {
+        return;
+    }
+    ace_entry adopted;
+    adopted.record = record;
+    adopted.number = ace_number;
+    adopted.stale = true;
+    acl->second.aces.emplace(record.sn, adopted);
+}
+
+u32 acl_table::read_counter(const scc_acl_key& key, u64& counter) {
+    acl_entry* acl = find(key);
     if (acl == nullptr) {
         return SCC_E_NO_ACL;
     }
+    const u32 result = source_ == nullptr ? 0 : source_->read({acl_name(key), acl->number}, acl->packets);
     counter = acl->packets;
-    return 0;
+    return result;
 }
 
 u32 acl_table::reset_counter(const scc_acl_key& key) {
@@ -221,21 +396,25 @@ u32 acl_table::reset_counter(const scc_acl_key& key) {
         return SCC_E_NO_ACL;
     }
     acl->packets = 0;
-    return 0;
+    return source_ == nullptr ? 0 : source_->reset({acl_name(key), acl->number});
 }
 
-std::vector<u64*> acl_table::ace_counters(acl_entry& acl, u64 number) {
-    std::vector<u64*> by_id;
-    std::vector<u64*> by_sn;
+counter_name acl_table::counter_of(const acl_entry& acl, const ace_entry& ace) {
+    return {acl_name(acl.key), acl.number, true, ace.record.ace_id, ace.number};
+}
+
+std::vector<acl_table::ace_entry*> acl_table::counted_aces(acl_entry& acl, u64 number) {
+    std::vector<ace_entry*> by_id;
+    std::vector<ace_entry*> by_sn;
     for (auto& [sn, ace] : acl.aces) {
         if (ace.stale) {
             continue;
         }
         if (ace.record.ace_id == number) {
-            by_id.push_back(&ace.packets);
+            by_id.push_back(&ace);
         }
         if (sn == number) {
-            by_sn.push_back(&ace.packets);
+            by_sn.push_back(&ace);
         }
     }
     return by_id.empty() ? by_sn : by_id;
@@ -246,14 +425,19 @@ u32 acl_table::read_ace_counter(const scc_acl_key& key, u64 number, u64& counter
     if (acl == nullptr) {
         return SCC_E_NO_ACL;
     }
-    const std::vector<u64*> counters = ace_counters(*acl, number);
-    if (counters.empty()) {
+    const std::vector<ace_entry*> counted = counted_aces(*acl, number);
+    if (counted.empty()) {
         return SCC_E_NO_ACE;
     }
-    counter = 0;
-    for (const u64* packets : counters) {
-        counter += *packets;
+    u64 sum = 0;
+    for (ace_entry* ace : counted) {
+        const u32 result = source_ == nullptr ? 0 : source_->read(counter_of(*acl, *ace), ace->packets);
+        if (result != 0) {
+            return result;
+        }
+        sum += ace->packets;
     }
+    counter = sum;
     return 0;
 }
 
@@ -262,12 +446,16 @@ u32 acl_table::reset_ace_counter(const scc_acl_key& key, u64 number) {
     if (acl == nullptr) {
         return SCC_E_NO_ACL;
     }
-    const std::vector<u64*> counters = ace_counters(*acl, number);
-    if (counters.empty()) {
+    const std::vector<ace_entry*> counted = counted_aces(*acl, number);
+    if (counted.empty()) {
         return SCC_E_NO_ACE;
     }
-    for (u64* packets : counters) {
-        *packets = 0;
+    for (ace_entry* ace : counted) {
+        ace->packets = 0;
+        const u32 result = source_ == nullptr ? 0 : source_->reset(counter_of(*acl, *ace));
+        if (result != 0) {
+            return result;
+        }
     }
     return 0;
 }
@@ -279,18 +467,21 @@ void acl_table::begin_recovery() {
 }
 
 void acl_table::end_recovery() {
-    std::erase_if(acls_, [](const auto& acl) { return acl.second.stale; });
     for (auto& [name, acl] : acls_) {
+        notes_.acls.insert(name);
         acl.drop_stale();
     }
+    std::erase_if(acls_, [](const auto& acl) { return acl.second.stale; });
+    notes_.applications = true;
+    confirm();
 }
 
-bool acl_table::count_first_match(acl_entry& acl, const packet& packet, verdict& result) {
+void acl_table::count_first_match(acl_entry& acl, const packet& packet, verdict& result) {
     const auto found = std::find_if(acl.aces.begin(), acl.aces.end(), [&](const auto& ace) {
         return ace.second.rule && matches(*ace.second.rule, packet);
     });
     if (found == acl.aces.end()) {
-        return false;
+        return;
     }
     ++found->second.packets;
     ++acl.packets;
@@ -300,15 +491,19 @@ bool acl_table::count_first_match(acl_entry& acl, const packet& packet, verdict&
         result.logged.push_back(fmt::format("acl {} type {}: {}", acl.key.acl_id, acl.key.app_type,
                                             ace::print_ace(found->second.record).value_or("")));
     }
-    return true;
 }
 
 verdict acl_table::classify(const packet& packet, const packet_path& path) {
     verdict result;
-    for (auto& [name, acl] : acls_) {
-        for (const application& entry : acl.applications) {
-            if (lies_on(entry.record, path) && !count_first_match(acl, packet, result)) {
-                break;
+    for (const bool entering : {true, false}) {
+        for (auto& [name, acl] : acls_) {
+            for (const application& entry : acl.applications) {
+                if (result.denied) {
+                    return result;
+                }
+                if ((direction_of(entry.record) == direction_in) == entering && lies_on(entry.record, path)) {
+                    count_first_match(acl, packet, result);
+                }
             }
         }
     }

@@ -9,7 +9,7 @@
 namespace scc::service {
 
 void delayed_answers::start() {
-    if (delay_.count() == 0) {
+    if (!own_thread_) {
         return;
     }
     const std::lock_guard guard(mutex_);
@@ -18,9 +18,11 @@ void delayed_answers::start() {
     if (loop_ == nullptr) {
         throw std::runtime_error("no event loop");
     }
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(delay_);
-    const timeval delay{seconds.count(), std::chrono::microseconds(delay_ - seconds).count()};
-    wait_ = ::event_base_init_common_timeout(loop_.get(), &delay);
+    if (delay_.count() > 0) {
+        const auto seconds = std::chrono::floor<std::chrono::seconds>(delay_);
+        const timeval delay{seconds.count(), std::chrono::microseconds(delay_ - seconds).count()};
+        wait_ = ::event_base_init_common_timeout(loop_.get(), &delay);
+    }
     thread_ = std::thread([loop = loop_.get()] { ::event_base_loop(loop, EVLOOP_NO_EXIT_ON_EMPTY); });
 }
 
@@ -39,7 +41,7 @@ void delayed_answers::stop() {
 }
 
 void delayed_answers::send(std::function<void()> answer) {
-    if (delay_.count() == 0) {
+    if (!own_thread_) {
         answer();
         return;
     }

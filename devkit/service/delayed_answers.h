@@ -1,4 +1,4 @@
-// Sends answers immediately on the caller's thread, or after a fixed delay on a thread of its own, in the
+// Sends answers immediately on the caller's thread, or on a thread of its own, which may delay them, in the
 // order in which they were given. The thread runs from start() to stop().
 #pragma once
 
@@ -15,12 +15,13 @@ namespace scc::service {
 
 class delayed_answers {
   public:
-    explicit delayed_answers(std::chrono::milliseconds delay) : delay_(delay) {}
+    explicit delayed_answers(std::chrono::milliseconds delay, bool own_thread = false)
+        : delay_(delay), own_thread_(own_thread || delay.count() > 0) {}
     ~delayed_answers() { stop(); }
     delayed_answers(const delayed_answers&) = delete;
     delayed_answers& operator=(const delayed_answers&) = delete;
 
-    // Starts no thread if the delay is 0. Throws std::runtime_error.
+    // Starts no thread if answers are sent immediately. Throws std::runtime_error.
     void start();
     // Drops the waiting answers and all later ones.
     void stop();
@@ -34,10 +35,11 @@ class delayed_answers {
     void send_next();
 
     const std::chrono::milliseconds delay_;
+    const bool own_thread_;
     std::mutex mutex_;
     std::deque<std::function<void()>> waiting_;      // guarded by mutex_; earliest first
     std::unique_ptr<event_base, base_closer> loop_;  // guarded by mutex_; null while no thread runs
-    const timeval* wait_ = nullptr;                  // a delay that libevent keeps in order
+    const timeval* wait_ = nullptr;                  // a delay that libevent keeps in order; null: none
     std::thread thread_;
 };
 

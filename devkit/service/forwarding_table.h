@@ -16,13 +16,16 @@ class forwarding_table {
     struct contents {
         acl_table acls;
         nac_table nac;
+        bool recovering = false;
 
         // The start and the end of a data recovery.
         void begin_recovery() {
+            recovering = true;
             acls.begin_recovery();
             nac.begin_recovery();
         }
         void end_recovery() {
+            recovering = false;
             acls.end_recovery();
             nac.end_recovery();
         }

@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <array>
@@ -14,62 +13,44 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "service/console.h"
 #include "service/options.h"
 #include "service/report.h"
 
 namespace scc::service {
 namespace {
 
-// Several threads print; each line is one write.
+const console screen("scc-ss-dev");
+
 void say(const std::string& line) {
-    const std::string whole = fmt::format("scc-ss-dev: {}\n", line);
-    std::fwrite(whole.data(), 1, whole.size(), stdout);
-    std::fflush(stdout);
-}
-
-int fail(const std::string& what, u32 error) {
-    fmt::print(stderr, "scc-ss-dev: {}: {}\n", what, scc_strerror(static_cast<i32>(error)));
-    return EXIT_FAILURE;
-}
-
-// The library's threads inherit the mask, so the signals are read by the main thread alone.
-int open_signals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int signal : {SIGTERM, SIGINT, SIGUSR1, SIGUSR2}) {
-        sigaddset(&signals, signal);
-    }
-    if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) {
-        return -1;
-    }
-    return signalfd(-1, &signals, SFD_CLOEXEC);
+    screen.say(line);
 }
 
 class program {
   public:
     explicit program(options given)
         : options_(std::move(given)),
-          service_(table_, options_.policy,
+          back_end_(table_),
+          service_(back_end_, table_, options_.policy,
                    {options_.verbose ? say : std::function<void(const std::string&)>(),
                     [](u32 status) { say(status == 1 ? "registered" : "lost"); },
                     [this](std::size_t applied) { note_applied(applied); }}) {}
 
     int run() {
-        const char* const base = std::getenv("TMPDIR");
-        if (base == nullptr || *base == '\0') {
+        if (!has_runtime_directory()) {
             fmt::print(stderr, "scc-ss-dev: TMPDIR is not set: it names the daemon's directory\n");
             return EXIT_FAILURE;
         }
-        signals_ = open_signals();
+        signals_ = open_signals({SIGTERM, SIGINT, SIGUSR1, SIGUSR2});
         wake_ = eventfd(0, EFD_CLOEXEC);
         if (signals_ < 0 || wake_ < 0) {
-            return fail("signals", static_cast<u32>(errno));
+            return screen.fail("signals", static_cast<u32>(errno));
         }
         service_.start_answers();
         service_.activate();
         const u32 result = scc_ss_reg(&security_service::handlers());
         if (result != 0) {
-            return fail("registration", result);
+            return screen.fail("registration", result);
         }
         bool waiting = true;
         while (waiting) {
@@ -96,17 +77,14 @@ class program {
     }
 
     bool obey_signal() {
-        signalfd_siginfo signal{};
-        if (read(signals_, &signal, sizeof signal) != sizeof signal) {
-            return false;
-        }
-        if (signal.ssi_signo == SIGUSR1) {
+        const int signal = next_signal(signals_);
+        if (signal == SIGUSR1) {
             run_capture_file();
         }
-        if (signal.ssi_signo == SIGUSR2) {
+        if (signal == SIGUSR2) {
             print_tables();
         }
-        return signal.ssi_signo == SIGUSR1 || signal.ssi_signo == SIGUSR2;
+        return signal == SIGUSR1 || signal == SIGUSR2;
     }
 
     void print_tables() {
@@ -150,6 +128,7 @@ class program {
 
     const options options_;
     forwarding_table table_;
+    memory_back_end back_end_;
     security_service service_;
     std::atomic<bool> capture_was_run_ = false;
     int signals_ = -1;

@@ -47,12 +47,9 @@ void keep_or_drop(Entries& entries, u32 number, bool keep) {
     }
 }
 
-template <class Entries>
-void append_numbers(std::string& out, const char* title, const Entries& entries) {
-    std::vector<u32> all;
-    entries.for_each([&](u32 number, bool) { all.push_back(number); });
-    if (!all.empty()) {
-        fmt::format_to(std::back_inserter(out), "{} {}\n", title, fmt::join(all, " "));
+void append_numbers(std::string& out, const char* title, const std::vector<u32>& numbers) {
+    if (!numbers.empty()) {
+        fmt::format_to(std::back_inserter(out), "{} {}\n", title, fmt::join(numbers, " "));
     }
 }
 
@@ -80,6 +77,7 @@ std::string text_of(const nac_user& user) {
 }
 
 void nac_table::set_app(const nac_app& app, u32 operation) {
+    ++version_;
     if (operation == operation_none || operation == operation_delete) {
         (void)apps_.erase(app);
     } else {
@@ -88,14 +86,17 @@ void nac_table::set_app(const nac_app& app, u32 operation) {
 }
 
 void nac_table::set_l4port(u32 port, bool add) {
+    ++version_;
     keep_or_drop(l4ports_, port, add);
 }
 
 void nac_table::add_user(const scc_ss_user& user) {
+    ++version_;
     users_.put(read_user_entry(user).mac, user);
 }
 
 u32 nac_table::delete_user(const scc_ss_user& user) {
+    ++version_;
     return users_.erase(read_user_entry(user).mac) ? 0 : SCC_E_NO_LIST_NODE;
 }
 
@@ -113,6 +114,7 @@ void nac_table::begin_reinstall(u32 ifx) {
 }
 
 void nac_table::end_reinstall(u32 ifx) {
+    ++version_;
     users_.drop_stale_if([ifx](const scc_ss_user& user) { return user.ifx == ifx; });
 }
 
@@ -123,11 +125,25 @@ std::vector<nac_user> nac_table::users() const {
     return all;
 }
 
+std::vector<nac_app> nac_table::apps() const {
+    std::vector<nac_app> all;
+    apps_.for_each([&](const nac_app& app, u32) { all.push_back(app); });
+    return all;
+}
+
+std::vector<u32> nac_table::numbers_of(const numbers& entries) {
+    std::vector<u32> all;
+    entries.for_each([&](u32 number, bool) { all.push_back(number); });
+    return all;
+}
+
 void nac_table::set_egress_port(u32 ifx, bool set) {
+    ++version_;
     keep_or_drop(egress_ports_, ifx, set);
 }
 
 void nac_table::set_cpu_protection(u32 type, bool set) {
+    ++version_;
     keep_or_drop(cpu_protection_, type, set);
 }
 
@@ -138,6 +154,7 @@ void nac_table::begin_recovery() {
 }
 
 void nac_table::end_recovery() {
+    ++version_;
     const auto drop = [](auto&... held) { (held.drop_stale(), ...); };
     drop(users_, apps_, default_reads_, l4ports_, egress_ports_, cpu_protection_, router_acl_,
          offline_detection_, direct_vlans_);
@@ -156,9 +173,9 @@ std::string nac_table::text() const {
     default_reads_.for_each([&](const nac_app& read, u32) {
         fmt::format_to(sink, "default read ifx {} type {}\n", read.ifx, read.type);
     });
-    append_numbers(out, "layer-4 ports", l4ports_);
-    append_numbers(out, "egress ports", egress_ports_);
-    append_numbers(out, "cpu protection", cpu_protection_);
+    append_numbers(out, "layer-4 ports", l4ports());
+    append_numbers(out, "egress ports", egress_ports());
+    append_numbers(out, "cpu protection", cpu_protection());
     const scc_vlan_record& vlans = direct_vlans_.get();
     const auto direct = devkit::vlans_of({vlans.bytes, sizeof vlans.bytes});
     if (!direct.empty()) {

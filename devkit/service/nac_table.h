@@ -59,8 +59,18 @@ class nac_table {
     void begin_reinstall(u32 ifx);
     void end_reinstall(u32 ifx);
     [[nodiscard]] std::vector<nac_user> users() const;
+    [[nodiscard]] std::vector<nac_app> apps() const;
+    [[nodiscard]] std::vector<u32> l4ports() const { return numbers_of(l4ports_); }
+    [[nodiscard]] std::vector<u32> egress_ports() const { return numbers_of(egress_ports_); }
+    [[nodiscard]] std::vector<u32> cpu_protection() const { return numbers_of(cpu_protection_); }
+    // Differs after every change, so that a back end sees what concerns it.
+    [[nodiscard]] u64 version() const { return version_; }
 
-    void set_router_acl(bool open) { router_acl_.put(open); }
+    void set_router_acl(bool open) {
+        ++version_;
+        router_acl_.put(open);
+    }
+    [[nodiscard]] bool router_acl() const { return router_acl_.get(); }
     void set_egress_port(u32 ifx, bool set);
     void set_cpu_protection(u32 type, bool set);
     void set_offline_detection(const offline_detection& detection) { offline_detection_.put(detection); }
@@ -76,6 +86,8 @@ class nac_table {
   private:
     using numbers = held_entries<u32, bool>;
 
+    [[nodiscard]] static std::vector<u32> numbers_of(const numbers& entries);
+
     held_entries<ace::mac_bytes, scc_ss_user> users_;
     held_entries<nac_app, u32> apps_;
     held_entries<nac_app, u32> default_reads_;
@@ -85,6 +97,7 @@ class nac_table {
     held_value<bool> router_acl_;
     held_value<offline_detection> offline_detection_;
     held_value<scc_vlan_record> direct_vlans_;
+    u64 version_ = 0;
     u32 auth_mode_ = 0;  // set by a notification, which no recovery repeats
 };
 

@@ -30,6 +30,8 @@ void in_parts(std::span<const Entry> entries, Send send) {
     }
 }
 
+}  // namespace
+
 void send_counters(const acl_counters& acl, report_outcome& outcome) {
     in_parts(std::span(acl.aces), [&](std::span<const scc_ace_counter> part) {
         note(outcome, scc_ss_ace_counter_notify(&acl.key, static_cast<u32>(part.size()), part.data()));
@@ -38,8 +40,6 @@ void send_counters(const acl_counters& acl, report_outcome& outcome) {
         note(outcome, scc_ss_ace_counter_notify(&acl.key, 0, nullptr));
     }
 }
-
-}  // namespace
 
 report_outcome send_report(const capture_report& report) {
     report_outcome outcome;

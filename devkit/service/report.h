@@ -18,6 +18,9 @@ struct report_outcome {
 // lists are split into several notifications, each of which fits into one message.
 report_outcome send_report(const capture_report& report);
 
+// The counters of one ACL.
+void send_counters(const acl_counters& acl, report_outcome& outcome);
+
 [[nodiscard]] std::string summary_of(const capture_report& report);
 
 }  // namespace scc::service

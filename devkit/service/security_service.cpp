@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <utility>
 
 #include "service/operations.h"
@@ -22,21 +23,21 @@ constinit security_service* active = nullptr;
 // ---- operations with a record ----
 
 template <class Operation, class Work>
-int answer_record(u32 type, Operation& operation, Work work) {
-    const auto result =
-        active->carry_out(type, describe(operation), [&](contents& held) { return work(held, operation); });
-    if (!result) {
-        return 0;
-    }
-    operation.ret = *result;
-    active->send_later([copy = operation] { copy.callback(&copy, sizeof copy); });
+int answer_record(work_kind kind, u32 type, const Operation& operation, Work work) {
+    const auto kept = std::make_shared<Operation>(operation);
+    active->carry_out(
+        kind, type, describe(*kept), [kept, work](contents& held) { return work(held, *kept); },
+        [kept](u32 result) {
+            kept->ret = result;
+            kept->callback(kept.get(), sizeof *kept);
+        });
     return 0;
 }
 
 template <u32 Type, u32 Op, class Operation>
 int on_record(Operation* operation) {
     operation->op = Op;
-    return answer_record(Type, *operation,
+    return answer_record(work_kind::change, Type, *operation,
                          [](contents& held, Operation& record) { return perform(held, record); });
 }
 
@@ -49,13 +50,13 @@ int on_apply(scc_ss_apply_operation* operation) {
 int on_acl_counter(scc_ss_counter_operation* operation) {
     operation->op = SCC_SS_OP_COUNTER;
     const u32 type = operation->sync != 0 ? msg::acl_counter_get : msg::acl_counter_reset;
-    return answer_record(type, *operation, perform_acl_counter);
+    return answer_record(work_kind::query, type, *operation, perform_acl_counter);
 }
 
 int on_ace_counter(scc_ss_counter_operation* operation) {
     operation->op = SCC_SS_OP_COUNTER;
     const u32 type = operation->sync != 0 ? msg::ace_counter_get : msg::ace_counter_reset;
-    return answer_record(type, *operation, perform_ace_counter);
+    return answer_record(work_kind::query, type, *operation, perform_ace_counter);
 }
 
 // ---- operations with arguments ----
@@ -63,20 +64,20 @@ int on_ace_counter(scc_ss_counter_operation* operation) {
 // reply(result) calls one of the library's reply functions.
 template <class Work, class Reply>
 int answer_call(u32 type, const std::string& text, Work work, Reply reply) {
-    const auto result = active->carry_out(type, text, [&](contents& held) {
-        work(held);
-        return 0u;
-    });
-    if (result) {
-        active->send_later([reply, result] { reply(*result); });
-    }
+    active->carry_out(
+        work_kind::change, type, text,
+        [work](contents& held) {
+            work(held);
+            return 0u;
+        },
+        reply);
     return 0;
 }
 
 int on_app_set(u32 call_id, u32 op, u32 ifx, u32 type) {
     return answer_call(
         msg::nacm_app, fmt::format("nac app {} ifx {} operation {}", type, ifx, op),
-        [&](contents& held) {
+        [=](contents& held) {
             held.nac.set_app({ifx, 0, type}, op);
         },
         [=](u32 result) { scc_ssc_nacm_app_op_callback(result, call_id, op, ifx, type); });
@@ -85,7 +86,7 @@ int on_app_set(u32 call_id, u32 op, u32 ifx, u32 type) {
 int on_app_set_with_vid(u32 call_id, u32 op, u32 ifx, u32 vid, u32 type) {
     return answer_call(
         msg::nacm_app_with_vid, fmt::format("nac app {} ifx {} vid {} operation {}", type, ifx, vid, op),
-        [&](contents& held) {
+        [=](contents& held) {
             held.nac.set_app({ifx, vid, type}, op);
         },
         [=](u32 result) { scc_ssc_nacm_app_op_with_vid_callback(result, call_id, op, ifx, vid, type); });
@@ -94,40 +95,37 @@ int on_app_set_with_vid(u32 call_id, u32 op, u32 ifx, u32 vid, u32 type) {
 int on_default_read(u32 call_id, u32 ifx, u32 type) {
     return answer_call(
         msg::nacm_def_read, fmt::format("default read ifx {} type {}", ifx, type),
-        [&](contents& held) { held.nac.read_default(ifx, type); },
+        [=](contents& held) { held.nac.read_default(ifx, type); },
         [=](u32 result) { scc_ssc_nacm_def_read_callback(result, call_id, ifx, type); });
 }
 
 int on_l4port_set(u32 call_id, u32 add, u32 port) {
     return answer_call(
         msg::nacm_l4port, fmt::format("{} layer-4 port {}", add != 0 ? "add" : "delete", port),
-        [&](contents& held) { held.nac.set_l4port(port, add != 0); },
+        [=](contents& held) { held.nac.set_l4port(port, add != 0); },
         [=](u32 result) { scc_ssc_nacm_http_l4port_set_callback(result, call_id, add, port); });
 }
 
 int on_user(u32 call_id, u8 add, const scc_ss_user* user) {
-    const auto result =
-        active->carry_out(msg::nacm_user, fmt::format("{} {}", add != 0 ? "add" : "delete", describe(*user)),
-                          [&](contents& held) {
-                              if (add == 0) {
-                                  return held.nac.delete_user(*user);
-                              }
-                              held.nac.add_user(*user);
-                              return 0u;
-                          });
-    if (!result) {
-        return 0;
-    }
-    active->send_later([result = *result, call_id, add, copy = *user] {
-        scc_ssc_nacm_user_op_callback(result, call_id, add, &copy);
-    });
+    active->carry_out(
+        work_kind::change, msg::nacm_user, fmt::format("{} {}", add != 0 ? "add" : "delete", describe(*user)),
+        [add, copy = *user](contents& held) {
+            if (add == 0) {
+                return held.nac.delete_user(copy);
+            }
+            held.nac.add_user(copy);
+            return 0u;
+        },
+        [call_id, add, copy = *user](u32 result) {
+            scc_ssc_nacm_user_op_callback(result, call_id, add, &copy);
+        });
     return 0;
 }
 
 int on_user_reinstall(u32 call_id, u32 start, u32 ifx) {
     return answer_call(
         msg::nacm_user_reinstall, fmt::format("reinstall users ifx {} {}", ifx, start != 0 ? "start" : "end"),
-        [&](contents& held) {
+        [=](contents& held) {
             if (start != 0) {
                 held.nac.begin_reinstall(ifx);
             } else {
@@ -142,7 +140,7 @@ int on_offline_detection(u32 call_id, u8 open, u32 interval, u32 threshold) {
         msg::offline_detect_notify,
         fmt::format("offline detection {} interval {} threshold {}", open != 0 ? "open" : "close", interval,
                     threshold),
-        [&](contents& held) {
+        [=](contents& held) {
             held.nac.set_offline_detection({open != 0, interval, threshold});
         },
         [=](u32 result) { scc_offline_detect_cfg_ret_callback(result, call_id, open, interval, threshold); });
@@ -151,23 +149,22 @@ int on_offline_detection(u32 call_id, u8 open, u32 interval, u32 threshold) {
 // ---- operations that the library answers with what the handler returns, or not at all ----
 
 int on_user_read(u32, scc_ss_user* user) {
-    const auto result = active->carry_out(msg::nacm_user_read, "read " + describe(*user),
-                                          [&](contents& held) { return held.nac.read_user(*user); });
-    return static_cast<int>(result.value_or(0));
+    return static_cast<int>(
+        active->carry_out_now(work_kind::query, msg::nacm_user_read, "read " + describe(*user),
+                              [user](contents& held) { return held.nac.read_user(*user); }));
 }
 
 int on_data_recover(u8 start) {
-    const auto result =
-        active->carry_out(msg::data_recover, fmt::format("data recovery {}", start == 1 ? "start" : "end"),
-                          [&](contents& held) {
-                              if (start == 1) {
-                                  held.begin_recovery();
-                              } else {
-                                  held.end_recovery();
-                              }
-                              return 0u;
-                          });
-    return static_cast<int>(result.value_or(0));
+    return static_cast<int>(active->carry_out_now(
+        work_kind::change, msg::data_recover, fmt::format("data recovery {}", start == 1 ? "start" : "end"),
+        [start](contents& held) {
+            if (start == 1) {
+                held.begin_recovery();
+            } else {
+                held.end_recovery();
+            }
+            return 0u;
+        }));
 }
 
 // The lists of the recoveries are packed and need not be aligned. Refuses a list of more entries than a
@@ -188,21 +185,20 @@ u32 take_list(u32 count, const void* entries, Take take) {
 }
 
 int on_users_recover(u32 ifx, u32 app, u32 count, const void* users) {
-    const auto result = active->carry_out(
-        msg::nacm_app_user_recover, fmt::format("recover {} users ifx {} app {}", count, ifx, app),
-        [&](contents& held) {
+    return static_cast<int>(active->carry_out_now(
+        work_kind::change, msg::nacm_app_user_recover,
+        fmt::format("recover {} users ifx {} app {}", count, ifx, app), [count, users](contents& held) {
             return take_list<scc_ss_user>(count, users,
                                           [&](const scc_ss_user& user) { held.nac.add_user(user); });
-        });
-    return static_cast<int>(result.value_or(0));
+        }));
 }
 
 int on_l4ports_recover(u32 count, const void* ports) {
-    const auto result = active->carry_out(
-        msg::nacm_l4port_recover, fmt::format("recover {} layer-4 ports", count), [&](contents& held) {
+    return static_cast<int>(active->carry_out_now(
+        work_kind::change, msg::nacm_l4port_recover, fmt::format("recover {} layer-4 ports", count),
+        [count, ports](contents& held) {
             return take_list<u32>(count, ports, [&](u32 port) { held.nac.set_l4port(port, true); });
-        });
-    return static_cast<int>(result.value_or(0));
+        }));
 }
 
 // ---- notifications ----
@@ -218,17 +214,19 @@ void on_server_status(u32 status) {
 }
 
 void on_direct_vlans(const scc_vlan_record* vlans) {
-    (void)active->carry_out(msg::direct_vlan_notify, "direct vlans", [&](contents& held) {
-        held.nac.set_direct_vlans(*vlans);
-        return 0u;
-    });
+    (void)active->carry_out_now(work_kind::change, msg::direct_vlan_notify, "direct vlans",
+                                [vlans](contents& held) {
+                                    held.nac.set_direct_vlans(*vlans);
+                                    return 0u;
+                                });
 }
 
 void on_auth_mode(u32 mode) {
-    (void)active->carry_out(msg::authmode, fmt::format("authentication mode {}", mode), [&](contents& held) {
-        held.nac.set_auth_mode(mode);
-        return 0u;
-    });
+    (void)active->carry_out_now(work_kind::change, msg::authmode, fmt::format("authentication mode {}", mode),
+                                [mode](contents& held) {
+                                    held.nac.set_auth_mode(mode);
+                                    return 0u;
+                                });
 }
 
 constexpr scc_ss_reg_info all_handlers{
@@ -262,8 +260,39 @@ constexpr scc_ss_reg_info all_handlers{
 
 }  // namespace
 
-security_service::security_service(forwarding_table& table, answer_policy policy, observer watcher)
-    : table_(table), policy_(std::move(policy)), observer_(std::move(watcher)), answers_(policy_.delay) {}
+security_service::security_service(back_end& carrier, forwarding_table& table, answer_policy policy,
+                                   observer watcher)
+    : back_end_(carrier),
+      table_(table),
+      policy_(std::move(policy)),
+      observer_(std::move(watcher)),
+      answers_(policy_.delay, policy_.from_own_thread) {}
+
+void security_service::carry_out(work_kind kind, u32 type, std::string text, table_work work,
+                                 std::function<void(u32 result)> answer) {
+    auto settle = [this, type, text = std::move(text), answer = std::move(answer)](u32 result) {
+        const bool answered = !policy_.silent.contains(type);
+        log_operation(type, text, result, answered);
+        if (answered) {
+            answers_.send([answer, result] { answer(result); });
+        }
+    };
+    const auto refusal = policy_.refusals.find(type);
+    if (refusal != policy_.refusals.end()) {
+        settle(refusal->second);
+    } else {
+        back_end_.submit(kind, std::move(work), std::move(settle));
+    }
+}
+
+u32 security_service::carry_out_now(work_kind kind, u32 type, const std::string& text, table_work work) {
+    const auto refusal = policy_.refusals.find(type);
+    const u32 result =
+        refusal == policy_.refusals.end() ? back_end_.run(kind, std::move(work)) : refusal->second;
+    const bool answered = !policy_.silent.contains(type);
+    log_operation(type, text, result, answered);
+    return answered ? result : 0;
+}
 
 void security_service::activate() {
     active = this;
@@ -274,14 +303,16 @@ const scc_ss_reg_info& security_service::handlers() {
 }
 
 void security_service::note_applied() {
-    const std::size_t applied = table_.locked([](const contents& held) { return held.acls.applied_count(); });
     if (observer_.applied) {
-        observer_.applied(applied);
+        observer_.applied(table_.locked([](const contents& held) { return held.acls.applied_count(); }));
     }
 }
 
 void security_service::expect_recovery() {
-    table_.locked([](contents& held) { held.begin_recovery(); });
+    (void)back_end_.run(work_kind::change, [](contents& held) {
+        held.begin_recovery();
+        return 0u;
+    });
 }
 
 void security_service::note_status(u32 status) const {

@@ -1,9 +1,10 @@
-// The 26 handlers that the library calls, over the forwarding table.
+// The 26 handlers that the library calls, over a back end.
 //
-// Each operation is carried out inside its handler and answered there, or after the configured delay from
-// another thread. Handlers with a record, data recovery and the user read run with the library's lock held:
-// they call nothing of the library but the record's callback. The library itself answers data recovery and
-// the user read when the handler returns, so neither delay nor silence applies to them.
+// Each operation is handed to the back end inside its handler. It is answered when the back end is done: at
+// once, or from the thread of the answers. Handlers with a record, data recovery and the user read run with
+// the library's lock held: they call nothing of the library but the record's callback. The library itself
+// answers data recovery and the user read when the handler returns, so they wait for the back end, and
+// neither delay nor silence applies to them.
 #pragma once
 
 #include <chrono>
@@ -13,16 +14,17 @@
 #include <set>
 #include <string>
 
+#include "service/back_end.h"
 #include "service/delayed_answers.h"
-#include "service/forwarding_table.h"
 
 namespace scc::service {
 
-// How operations are answered, by message type, to test applications against a faulty service.
+// How operations are answered. All but from_own_thread is for tests of applications against a faulty service.
 struct answer_policy {
     std::chrono::milliseconds delay{0};
-    std::map<u32, u32> refusals;  // result by type; such an operation is not carried out
-    std::set<u32> silent;         // carried out and never answered
+    std::map<u32, u32> refusals;   // result by type; such an operation is not carried out
+    std::set<u32> silent;          // carried out and never answered
+    bool from_own_thread = false;  // even without a delay
 };
 
 class security_service {
@@ -36,27 +38,25 @@ class security_service {
         std::function<void(std::size_t)> applied;
     };
 
-    security_service(forwarding_table& table, answer_policy policy, observer watcher);
+    using table_work = back_end::table_work;
+
+    // The tables are those of the back end.
+    security_service(back_end& carrier, forwarding_table& table, answer_policy policy, observer watcher);
 
     // Makes this the instance that handlers() calls. It must outlive the library's threads, which run until
     // the process exits.
     void activate();
     [[nodiscard]] static const scc_ss_reg_info& handlers();
 
-    // Carries out an operation unless it is refused, and logs it. Returns nothing if it stays unanswered.
-    template <class Work>
-    [[nodiscard]] std::optional<u32> carry_out(u32 type, const std::string& text, Work&& work) {
-        const auto refusal = policy_.refusals.find(type);
-        const u32 result =
-            refusal == policy_.refusals.end() ? table_.locked(std::forward<Work>(work)) : refusal->second;
-        const bool answered = !policy_.silent.contains(type);
-        log_operation(type, text, result, answered);
-        return answered ? std::optional(result) : std::nullopt;
-    }
+    // Carries out an operation unless it is refused, logs it, and answers with its result unless it stays
+    // unanswered.
+    void carry_out(work_kind kind, u32 type, std::string text, table_work work,
+                   std::function<void(u32 result)> answer);
+    // The same for an operation that is answered with what its handler returns, or not at all.
+    [[nodiscard]] u32 carry_out_now(work_kind kind, u32 type, const std::string& text, table_work work);
 
     void start_answers() { answers_.start(); }
     void stop_answers() { answers_.stop(); }
-    void send_later(std::function<void()> answer) { answers_.send(std::move(answer)); }
     void note_applied();
     // After a registration the tables hold an earlier daemon's state. The new daemon's operations may arrive
     // before the requested recovery and must not find it.
@@ -67,6 +67,7 @@ class security_service {
   private:
     void log_operation(u32 type, const std::string& text, u32 result, bool answered) const;
 
+    back_end& back_end_;
     forwarding_table& table_;
     const answer_policy policy_;
     const observer observer_;

@@ -21,15 +21,6 @@ void set_place(scc_flow_user& user, const ace::mac_bytes& mac, const station& wh
     user.vid = where.vid;
 }
 
-scc_flow_user flow_user_of(const nac_user& from) {
-    scc_flow_user user{};
-    set_place(user, from.mac, {from.ifx, from.vid});
-    std::memcpy(user.address, from.ip.data(), sizeof user.address);
-    std::memcpy(user.mask, from.mask.data(), sizeof user.mask);
-    user.family = from.is_ipv6 ? devkit::flow_user::family_ipv6 : devkit::flow_user::family_ipv4;
-    return user;
-}
-
 nac_user user_seen_in(const packet& packet, const station& where) {
     nac_user user;
     user.ifx = where.ifx;
@@ -42,6 +33,15 @@ nac_user user_seen_in(const packet& packet, const station& where) {
 }
 
 }  // namespace
+
+scc_flow_user flow_user_of(const nac_user& from) {
+    scc_flow_user user{};
+    set_place(user, from.mac, {from.ifx, from.vid});
+    std::memcpy(user.address, from.ip.data(), sizeof user.address);
+    std::memcpy(user.mask, from.mask.data(), sizeof user.mask);
+    user.family = from.is_ipv6 ? devkit::flow_user::family_ipv6 : devkit::flow_user::family_ipv4;
+    return user;
+}
 
 traffic_meter::traffic_meter(const std::vector<nac_user>& users, const offline_detection& detection)
     : users_are_given_(!users.empty()),

@@ -32,6 +32,9 @@ struct silence {
     u64 time_us = 0;
 };
 
+// The user as the reports name it.
+[[nodiscard]] scc_flow_user flow_user_of(const nac_user& from);
+
 class traffic_meter {
   public:
     // If there are no users, each pair of source MAC address and source IP address counts as one.

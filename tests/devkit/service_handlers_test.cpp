@@ -42,7 +42,7 @@ class ServiceHandlers : public ::testing::Test {
   protected:
     void start(answer_policy policy = {}) {
         service_ = std::make_unique<security_service>(
-            table_, std::move(policy),
+            back_end_, table_, std::move(policy),
             security_service::observer{[this](const std::string& line) { lines_.push_back(line); },
                                        {},
                                        [this](std::size_t applied) { applied_.push_back(applied); }});
@@ -77,6 +77,7 @@ class ServiceHandlers : public ::testing::Test {
 
     const scc_ss_reg_info& handlers_ = security_service::handlers();
     forwarding_table table_;
+    memory_back_end back_end_{table_};
     std::vector<std::string> lines_;
     std::vector<std::size_t> applied_;
     bool service_delays_ = false;

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "child_program.h"
 #include "common/bytes.h"
 #include "sccd_support.h"
 #include "service_frames.h"
@@ -18,73 +19,12 @@ using sccd_test::wire_value;
 const std::string flows_pcap = std::string(TEST_DATA_DIR) + "/flows.pcap";
 constexpr std::uint32_t app = 3;
 
-class service_process {
+class service_process : public sccd_test::child_program {
   public:
-    explicit service_process(std::vector<std::string> arguments = {}) {
-        int ends[2];
-        EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-        std::vector<char*> words{const_cast<char*>(SERVICE_PATH)};
-        for (std::string& argument : arguments) {
-            words.push_back(argument.data());
-        }
-        words.push_back(nullptr);
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::dup2(ends[1], STDOUT_FILENO);
-            ::execv(SERVICE_PATH, words.data());
-            ::_exit(127);
-        }
-        ::close(ends[1]);
-        output_ = ::fdopen(ends[0], "r");
-    }
-    ~service_process() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
-        if (output_ != nullptr) {
-            std::fclose(output_);
-        }
-    }
-    service_process(const service_process&) = delete;
-    service_process& operator=(const service_process&) = delete;
+    explicit service_process(std::vector<std::string> arguments = {})
+        : child_program(SERVICE_PATH, std::move(arguments)) {}
 
-    // The next line; empty at the end of the output. The test's time limit ends a wait in vain.
-    std::string line() {
-        char buffer[512];
-        if (std::fgets(buffer, sizeof buffer, output_) == nullptr) {
-            return {};
-        }
-        std::string text = buffer;
-        if (!text.empty() && text.back() == '\n') {
-            text.pop_back();
-        }
-        return text;
-    }
-    // Reads lines up to this one and returns those before it.
-    std::vector<std::string> lines_before(const std::string& last) {
-        std::vector<std::string> lines;
-        for (std::string next = line(); next != last; next = line()) {
-            EXPECT_NE(next, "") << "the output ended before: " << last;
-            if (next.empty()) {
-                break;
-            }
-            lines.push_back(next);
-        }
-        return lines;
-    }
     void wait_until_registered() { lines_before("scc-ss-dev: registered"); }
-    void signal(int number) const { ::kill(pid_, number); }
-    int wait_for_end() {
-        int status = -1;
-        ::waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return status;
-    }
-
-  private:
-    pid_t pid_ = -1;
-    std::FILE* output_ = nullptr;
 };
 
 wire_value ace_with_rule(std::uint32_t call, std::uint32_t acl, const char* text) {

@@ -1,0 +1,387 @@
+#include "linux/enforcement.h"
+
+#include <fmt/format.h>
+#include <net/if.h>
+
+#include <algorithm>
+#include <charconv>
+#include <iterator>
+#include <set>
+
+#include "ace/ace_text.h"
+#include "common/records.h"
+#include "linux/rule_json.h"
+
+namespace scc::kernel {
+namespace {
+
+using service::acl_name;
+using service::acl_table;
+using service::counter_name;
+using service::nac_app;
+using service::nac_user;
+
+constexpr u16 ether_type_eapol = 0x888E;
+
+// The NAC applications that admit known users alone: IEEE 802.1X (MAC, port static, move, single, MAB) and
+// port security.
+constexpr u32 closing_first = 1;
+constexpr u32 closing_last = 6;
+
+std::string acl_text(const acl_name& name) {
+    return fmt::format("{}-{}-{}.", name.vdev_id, name.app_type, name.acl_id);
+}
+
+chain_name acl_chain(const acl_name& name, u32 number) {
+    return {family::netdev, fmt::format("{}{}{}", acl_prefix, acl_text(name), number)};
+}
+
+chain_name entry_chain_name(u32 ifx, const mapped_interface& interface, bool entering) {
+    return {family::netdev, fmt::format("{}-{}-{}", entering ? "in" : "out", ifx, interface.name)};
+}
+
+chain_name access_chain_name(u32 ifx, u32 vlan) {
+    return {family::netdev, fmt::format("nac-{}-{}", ifx, vlan)};
+}
+
+wanted_rule rule_doing(std::string expressions) {
+    const rule_identity identity{kind_other, 0, 0, 0, fingerprint_of(expressions)};
+    return {identity, nullptr, std::move(expressions)};
+}
+
+std::string jump_to(const chain_name& chain) {
+    return fmt::format(R"({{"jump":{{"target":"{}"}}}})", chain.name);
+}
+
+scc_records_application fields_of(const scc_acl_apply_record& record) {
+    scc_records_application fields{};
+    (void)scc_records_decode_application(&record, &fields);
+    return fields;
+}
+
+bool enters(const scc_records_application& fields) {
+    return fields.direction == 0;
+}
+
+bool contains(const std::vector<u32>& numbers, u32 number) {
+    return std::find(numbers.begin(), numbers.end(), number) != numbers.end();
+}
+
+bool closes(const nac_app& app) {
+    return app.type >= closing_first && app.type <= closing_last;
+}
+
+// An address of zeros stands for any.
+bool has_address(const nac_user& user) {
+    return user.ip != ace::ip_bytes{};
+}
+
+scc_ace_address address_of(const nac_user& user) {
+    scc_ace_address address{};
+    for (std::size_t i = 0; i < user.ip.size(); ++i) {
+        address.mask[i] = user.mask[i];
+        address.bytes[i] = static_cast<u8>(user.ip[i] & user.mask[i]);
+    }
+    return address;
+}
+
+// What a user may send: everything, or packets from its address and what it needs to be found.
+std::vector<std::string> admissions_of(const nac_user& user) {
+    const std::string from = source_mac_condition(user.mac) + (user.vid == 0 ? "" : vlan_condition(user.vid));
+    if (!has_address(user)) {
+        return {from};
+    }
+    const scc_ace_address address = address_of(user);
+    if (!user.is_ipv6) {
+        return {from + source_address_condition(false, address), from + arp_sender_condition(address)};
+    }
+    scc_ace_address link_local{};
+    link_local.bytes[0] = 0xFE;
+    link_local.bytes[1] = 0x80;
+    link_local.mask[0] = 0xFF;
+    link_local.mask[1] = 0xC0;
+    return {from + source_address_condition(true, address),
+            from + source_address_condition(true, link_local)};
+}
+
+template <class Number>
+bool take(std::string_view& text, Number& number, std::string_view before) {
+    if (!text.starts_with(before)) {
+        return false;
+    }
+    const auto [end, problem] =
+        std::from_chars(text.data() + before.size(), text.data() + text.size(), number);
+    if (problem != std::errc()) {
+        return false;
+    }
+    text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+    return true;
+}
+
+}  // namespace
+
+std::string counter_text(const counter_name& name) {
+    const std::string acl = fmt::format("{}{}", acl_text(name.acl), name.acl_number);
+    return name.of_ace ? ace_counter(acl, name.ace_id, name.ace_number) : acl;
+}
+
+std::string access_counter(u32 ifx) {
+    return fmt::format("nac-{}", ifx);
+}
+
+std::string user_counter(const nac_user& user) {
+    std::string mac = ace::print_mac(user.mac);
+    std::erase(mac, ':');
+    return fmt::format("user-{}-{}", user.ifx, mac);
+}
+
+std::string enforcement::problem_of(const acl_table::ace_entry& ace) {
+    if (!ace.rule) {
+        return fmt::format("ACE {} holds no rule that is known", ace.record.ace_id);
+    }
+    return is_supported(*ace.rule)
+               ? std::string()
+               : fmt::format("ACE {}: the kernel compares no time of day and reports no packets",
+                             ace.record.ace_id);
+}
+
+std::string enforcement::problem_of(const scc_acl_apply_record& application) const {
+    const u32 ifx = fields_of(application).ifx;
+    if (ifx == 0) {
+        return {};
+    }
+    const auto mapped = map_.interfaces.find(ifx);
+    if (mapped == map_.interfaces.end()) {
+        return fmt::format("interface {} is not in the map", ifx);
+    }
+    return if_nametoindex(mapped->second.name.c_str()) == 0
+               ? fmt::format("interface {} ({}) is missing", ifx, mapped->second.name)
+               : std::string();
+}
+
+std::string enforcement::problem_of(const service::nac_table& nac) const {
+    for (const nac_app& app : nac.apps()) {
+        if (!closes(app)) {
+            return fmt::format("NAC application {} is not supported", app.type);
+        }
+        if (!map_.interfaces.contains(app.ifx)) {
+            return fmt::format("interface {} is not in the map", app.ifx);
+        }
+    }
+    for (const nac_user& user : nac.users()) {
+        if (!map_.interfaces.contains(user.ifx)) {
+            return fmt::format("interface {} is not in the map", user.ifx);
+        }
+    }
+    for (const u32 ifx : nac.egress_ports()) {
+        if (!map_.interfaces.contains(ifx)) {
+            return fmt::format("interface {} is not in the map", ifx);
+        }
+    }
+    for (const u32 type : nac.cpu_protection()) {
+        if (!map_.protections.contains(type)) {
+            return fmt::format("CPU protection {} is not in the map", type);
+        }
+    }
+    return nac.l4ports().empty() ? std::string() : "the kernel redirects no ports";
+}
+
+void enforcement::add_acl(const contents& held, const acl_name& name, const held_tables& kernel,
+                          change_request& request) {
+    const auto found = held.acls.acls().find(name);
+    const bool exists = found != held.acls.acls().end();
+    std::optional<chain_name> own;
+    if (exists) {
+        const acl_table::acl_entry& acl = found->second;
+        own = acl_chain(name, acl.number);
+        wanted_chain chain;
+        chain.counter = counter_text({name, acl.number});
+        chain.rules.reserve(acl.aces.size());
+        for (const auto& [sn, ace] : acl.aces) {
+            if (ace.rule && is_supported(*ace.rule)) {
+                const rule_identity identity{kind_ace, sn, ace.record.ace_id, ace.number, ace.fingerprint};
+                chain.rules.push_back({identity, &*ace.rule, {}});
+            }
+        }
+        request.chains[*own] = std::move(chain);
+    }
+    const std::string prefix = std::string(acl_prefix) + acl_text(name);
+    for (auto at = kernel.chains.lower_bound({family::netdev, prefix});
+         at != kernel.chains.end() && at->first.in == family::netdev && at->first.name.starts_with(prefix);
+         ++at) {
+        if (at->first != own) {
+            request.chains[at->first] = std::nullopt;
+        }
+    }
+}
+
+wanted_chain enforcement::entry_chain(const contents& held, u32 ifx, const mapped_interface& interface,
+                                      bool entering) const {
+    wanted_chain chain;
+    chain.hook = fmt::format(R"("type":"filter","hook":"{}","dev":"{}","prio":0,"policy":"accept")",
+                             entering ? "ingress" : "egress", interface.name);
+    const bool excepted = contains(held.nac.egress_ports(), ifx);
+    if (entering && !excepted) {
+        for (const auto& [vlan, closed] : access_of(held, ifx)) {
+            const std::string frames = vlan == 0 ? "" : vlan_condition(static_cast<u16>(vlan));
+            chain.rules.push_back(rule_doing(frames + jump_to(access_chain_name(ifx, vlan))));
+        }
+    }
+    if (interface.router && !held.nac.router_acl()) {
+        return chain;
+    }
+    for (const auto& [name, acl] : held.acls.acls()) {
+        for (const acl_table::application& application : acl.applications) {
+            const scc_records_application fields = fields_of(application.record);
+            const bool here = fields.ifx == ifx || (fields.ifx == 0 && !excepted);
+            if (here && enters(fields) == entering) {
+                chain.rules.push_back(rule_doing(jump_to(acl_chain(name, acl.number))));
+            }
+        }
+    }
+    return chain;
+}
+
+std::map<u32, bool> enforcement::access_of(const contents& held, u32 ifx) {
+    std::map<u32, bool> vlans;
+    for (const nac_app& app : held.nac.apps()) {
+        if (closes(app) && app.ifx == ifx) {
+            vlans[app.vid] = true;
+        }
+    }
+    // Users are counted also where everybody is admitted.
+    const std::vector<nac_user> users = held.nac.users();
+    if (std::any_of(users.begin(), users.end(), [ifx](const nac_user& user) { return user.ifx == ifx; })) {
+        vlans.try_emplace(0, false);
+    }
+    return vlans;
+}
+
+wanted_chain enforcement::access_chain(const contents& held, u32 ifx, u32 vlan, bool closed) {
+    wanted_chain chain;
+    chain.rules.push_back(rule_doing(ether_type_condition(ether_type_eapol) + R"({"return":null})"));
+    for (const nac_user& user : held.nac.users()) {
+        if (user.ifx != ifx || (vlan != 0 && user.vid != 0 && user.vid != vlan)) {
+            continue;
+        }
+        // Counted where all frames pass, so that no frame counts twice.
+        const std::string counter =
+            vlan == 0 ? fmt::format(R"({{"counter":"{}"}},)", user_counter(user)) : std::string();
+        for (const std::string& admission : admissions_of(user)) {
+            chain.rules.push_back(rule_doing(admission + counter + R"({"return":null})"));
+        }
+    }
+    if (closed) {
+        chain.rules.push_back(
+            rule_doing(fmt::format(R"({{"counter":"{}"}},{{"drop":null}})", access_counter(ifx))));
+    }
+    return chain;
+}
+
+wanted_chain enforcement::cpu_chain(const contents& held) const {
+    wanted_chain chain;
+    chain.hook = R"("type":"filter","hook":"input","prio":0,"policy":"accept")";
+    for (const u32 type : held.nac.cpu_protection()) {
+        const auto mapped = map_.protections.find(type);
+        if (mapped == map_.protections.end()) {
+            continue;
+        }
+        const std::string limit = fmt::format(R"({{"limit":{{"rate":{},"per":"second","inv":true}}}},)",
+                                              mapped->second.packets_per_second);
+        for (const std::string& conditions : conditions_of(mapped->second.rule)) {
+            chain.rules.push_back(
+                rule_doing(conditions + limit + R"({"counter":{"packets":0,"bytes":0}},{"drop":null})"));
+        }
+    }
+    return chain;
+}
+
+void enforcement::add_interfaces(const contents& held, const held_tables& kernel,
+                                 change_request& request) const {
+    wanted_chains wanted;
+    for (const auto& [ifx, interface] : map_.interfaces) {
+        // Not every kernel can make a chain for an interface that is missing.
+        if (if_nametoindex(interface.name.c_str()) == 0) {
+            continue;
+        }
+        for (const bool entering : {true, false}) {
+            wanted_chain chain = entry_chain(held, ifx, interface, entering);
+            if (!chain.rules.empty()) {
+                wanted[entry_chain_name(ifx, interface, entering)] = std::move(chain);
+            }
+        }
+    }
+    for (const auto& [ifx, interface] : map_.interfaces) {
+        for (const auto& [vlan, closed] : access_of(held, ifx)) {
+            request.counters_added.insert(access_counter(ifx));
+            wanted[access_chain_name(ifx, vlan)] = access_chain(held, ifx, vlan, closed);
+        }
+    }
+    for (const nac_user& user : held.nac.users()) {
+        request.counters_added.insert(user_counter(user));
+    }
+    wanted_chain cpu = cpu_chain(held);
+    if (!cpu.rules.empty()) {
+        wanted[{family::inet, "cpu-limits"}] = std::move(cpu);
+    }
+    for (const auto& [name, rules] : kernel.chains) {
+        if (!name.name.starts_with(acl_prefix) && !wanted.contains(name)) {
+            wanted[name] = std::nullopt;
+        }
+    }
+    for (const std::string_view prefix : {"nac-", "user-"}) {
+        for (auto at = kernel.counters.lower_bound(prefix);
+             at != kernel.counters.end() && at->starts_with(prefix); ++at) {
+            if (!request.counters_added.contains(*at)) {
+                request.counters_deleted.insert(*at);
+            }
+        }
+    }
+    request.chains.merge(wanted);
+}
+
+void enforcement::add_everything(const contents& held, const held_tables& kernel,
+                                 change_request& request) const {
+    for (const auto& [name, acl] : held.acls.acls()) {
+        add_acl(held, name, kernel, request);
+    }
+    add_interfaces(held, kernel, request);
+    for (const auto& [name, rules] : kernel.chains) {
+        request.chains.try_emplace(name, std::nullopt);
+    }
+    // The planner keeps those that rules need; but it looks at the rules that change alone.
+    std::set<std::string> needed = request.counters_added;
+    for (const auto& [name, acl] : held.acls.acls()) {
+        needed.insert(counter_text({name, acl.number}));
+        for (const auto& [sn, ace] : acl.aces) {
+            needed.insert(counter_text(acl_table::counter_of(acl, ace)));
+        }
+    }
+    std::set_difference(kernel.counters.begin(), kernel.counters.end(), needed.begin(), needed.end(),
+                        std::inserter(request.counters_deleted, request.counters_deleted.end()));
+    request.counters_added.merge(needed);
+}
+
+void enforcement::adopt(const held_tables& kernel, contents& held) {
+    for (const auto& [chain, rules] : kernel.chains) {
+        std::string_view text = chain.name;
+        scc_acl_key key{};
+        u32 number = 0;
+        if (chain.in != family::netdev || !take(text, key.vdev_id, "acl-") ||
+            !take(text, key.app_type, "-") || !take(text, key.acl_id, "-") || !take(text, number, ".") ||
+            !text.empty()) {
+            continue;
+        }
+        held.acls.adopt(key, number);
+        for (const held_rule& rule : rules) {
+            if (rule.identity && rule.identity->kind == kind_ace) {
+                scc_ace_record record{};
+                record.sn = rule.identity->first;
+                record.ace_id = rule.identity->second;
+                held.acls.adopt(key, record, rule.identity->third);
+            }
+        }
+    }
+}
+
+}  // namespace scc::kernel

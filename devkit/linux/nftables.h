@@ -1,0 +1,38 @@
+// The kernel's packet filter: transactions go through libnftables, everything is read through netlink.
+//
+// An interface, so that tests can let the kernel's answers fail. One thread at a time.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "linux/ruleset.h"
+
+namespace scc::kernel {
+
+struct counted {
+    std::string name;
+    u64 packets = 0;
+    u64 bytes = 0;
+};
+
+// Each call returns 0 or an errno value.
+class packet_filter {
+  public:
+    virtual ~packet_filter() = default;
+
+    // Carries out JSON commands as one transaction: all or none. `text` gets the kernel's complaint.
+    [[nodiscard]] virtual u32 run(const std::string& commands, std::string& text) = 0;
+
+    [[nodiscard]] virtual u32 read_tables(held_tables& tables) = 0;
+    // ENOENT if there is no such chain.
+    [[nodiscard]] virtual u32 read_rules(const chain_name& chain, std::vector<kernel_rule>& rules) = 0;
+    [[nodiscard]] virtual u32 read_counters(std::vector<counted>& counters) = 0;
+    [[nodiscard]] virtual u32 read_counter(const std::string& name, bool reset, u64& packets) = 0;
+};
+
+// Null, with the problem, if the kernel or the process's rights do not allow it.
+[[nodiscard]] std::unique_ptr<packet_filter> open_packet_filter(std::string& problem);
+
+}  // namespace scc::kernel

@@ -1,0 +1,351 @@
+#include "linux/ruleset.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <iterator>
+#include <memory>
+#include <utility>
+
+#include "linux/rule_json.h"
+
+namespace scc::kernel {
+namespace {
+
+// Changes with the rules that the service makes of the same operation, so that those of an earlier version
+// are replaced.
+constexpr char comment_version = '1';
+
+std::string place(const chain_name& chain) {
+    return fmt::format(R"("family":"{}","table":"{}")", name_of(chain.in), table_name);
+}
+
+class planner {
+  public:
+    planner(held_tables& held, const handle_fetcher& handles) : held_(held), handles_(handles) {}
+
+    u32 run(const change_request& request) {
+        for (const family in : families) {
+            if (!held_.tables.contains(in)) {
+                append(first_, fmt::format(R"({{"add":{{"table":{{"family":"{}","name":"{}"}}}}}})",
+                                           name_of(in), table_name));
+            }
+        }
+        for (const auto& [name, chain] : request.chains) {
+            const u32 error = chain ? take(name, *chain) : drop(name);
+            if (error != 0) {
+                return error;
+            }
+        }
+        needed_.insert(request.counters_added.begin(), request.counters_added.end());
+        unneeded_.insert(request.counters_deleted.begin(), request.counters_deleted.end());
+        for (const std::string& name : needed_) {
+            if (!held_.counters.contains(name)) {
+                append(first_, counter_command("add", name));
+                added_.push_back(name);
+            }
+        }
+        for (const std::string& name : unneeded_) {
+            if (held_.counters.contains(name) && !needed_.contains(name)) {
+                append(last_, counter_command("delete", name));
+                deleted_.push_back(name);
+            }
+        }
+        return 0;
+    }
+
+    [[nodiscard]] std::string commands() const {
+        std::string all;
+        for (const std::string* part : {&first_, &chains_, &rules_, &dropped_, &last_}) {
+            append(all, *part);
+        }
+        return all.empty() ? all : fmt::format(R"({{"nftables":[{}]}})", all);
+    }
+
+    [[nodiscard]] std::function<void(held_tables&)> completion() {
+        return [chains = std::move(after_), gone = std::move(gone_), added = std::move(added_),
+                deleted = std::move(deleted_)](held_tables& held) {
+            for (const auto& [name, rules] : chains) {
+                held.chains[name] = rules;
+            }
+            for (const chain_name& name : gone) {
+                held.chains.erase(name);
+            }
+            held.tables.insert(std::begin(families), std::end(families));
+            held.counters.insert(added.begin(), added.end());
+            for (const std::string& name : deleted) {
+                held.counters.erase(name);
+            }
+        };
+    }
+
+  private:
+    static void append(std::string& list, std::string_view command) {
+        if (command.empty()) {
+            return;
+        }
+        if (!list.empty()) {
+            list += ',';
+        }
+        list += command;
+    }
+
+    static std::string counter_command(std::string_view what, std::string_view name) {
+        return fmt::format(R"({{"{}":{{"counter":{{"family":"netdev","table":"{}","name":"{}"}}}}}})", what,
+                           table_name, name);
+    }
+
+    static std::string chain_command(std::string_view what, const chain_name& chain, std::string_view hook) {
+        return fmt::format(R"({{"{}":{{"chain":{{{},"name":"{}"{}{}}}}}}})", what, place(chain), chain.name,
+                           hook.empty() ? "" : ",", hook);
+    }
+
+    u32 drop(const chain_name& name) {
+        if (held_.chains.contains(name)) {
+            append(rules_, chain_command("flush", name, {}));
+            append(dropped_, chain_command("delete", name, {}));
+            gone_.push_back(name);
+            drop_counters(name);
+        }
+        return 0;
+    }
+
+    // An ACL's chain takes its counters with it.
+    void drop_counters(const chain_name& name) {
+        if (!name.name.starts_with(acl_prefix)) {
+            return;
+        }
+        const std::string acl = name.name.substr(acl_prefix.size());
+        for (auto at = held_.counters.lower_bound(acl); at != held_.counters.end() && at->starts_with(acl);
+             ++at) {
+            if (at->size() == acl.size() || (*at)[acl.size()] == '-') {
+                unneeded_.insert(*at);
+            }
+        }
+    }
+
+    u32 take(const chain_name& name, const wanted_chain& wanted) {
+        const auto held = held_.chains.find(name);
+        if (!wanted.counter.empty()) {
+            needed_.insert(wanted.counter);
+        }
+        if (held == held_.chains.end()) {
+            append(chains_, chain_command("add", name, wanted.hook));
+            return rewrite(name, {}, wanted, 0, 0);
+        }
+        const std::size_t shorter = std::min(held->second.size(), wanted.rules.size());
+        std::size_t same_before = 0;
+        while (same_before < shorter && is_same(held->second[same_before], wanted.rules[same_before])) {
+            ++same_before;
+        }
+        std::size_t same_after = 0;
+        while (same_after < shorter - same_before &&
+               is_same(*(held->second.rbegin() + static_cast<std::ptrdiff_t>(same_after)),
+                       *(wanted.rules.rbegin() + static_cast<std::ptrdiff_t>(same_after)))) {
+            ++same_after;
+        }
+        return rewrite(name, held->second, wanted, same_before, same_after);
+    }
+
+    static bool is_same(const held_rule& held, const wanted_rule& wanted) {
+        return held.identity == wanted.identity;
+    }
+
+    // Replaces what lies between the first same_before and the last same_after rules.
+    u32 rewrite(const chain_name& name, const std::vector<held_rule>& held, const wanted_chain& chain,
+                std::size_t same_before, std::size_t same_after) {
+        const std::vector<wanted_rule>& wanted = chain.rules;
+        const std::size_t old_end = held.size() - same_after;
+        const std::size_t new_end = wanted.size() - same_after;
+        if (old_end == same_before && new_end == same_before) {
+            if (held.empty()) {
+                after_[name] = {};
+            }
+            return 0;
+        }
+        const bool all_old = same_before == 0 && same_after == 0;
+        if (all_old && !held.empty()) {
+            append(rules_, chain_command("flush", name, {}));
+        }
+        // The handle of the first rule that stays after the new ones.
+        const bool before_another = new_end > same_before && same_after > 0;
+        if ((!all_old && old_end > same_before) || before_another) {
+            const u32 error = fetch_if_missing(name, held, same_before, old_end + (before_another ? 1 : 0));
+            if (error != 0) {
+                return error;
+            }
+        }
+        const std::vector<held_rule>& known = held.empty() ? held : held_.chains.at(name);
+        std::vector<held_rule> after(known.begin(), known.begin() + static_cast<std::ptrdiff_t>(same_before));
+        for (std::size_t i = same_before; i < old_end; ++i) {
+            if (!all_old) {
+                delete_rule(name, known[i]);
+            }
+            if (known[i].identity && known[i].identity->kind == kind_ace) {
+                unneeded_.insert(ace_counter(name.name.substr(acl_prefix.size()), known[i].identity->second,
+                                             known[i].identity->third));
+            }
+        }
+        for (std::size_t i = same_before; i < new_end; ++i) {
+            add_rule(name, chain, wanted[i], before_another ? known[old_end].handles.front() : 0);
+            after.push_back({wanted[i].identity, {}});
+        }
+        after.insert(after.end(), known.begin() + static_cast<std::ptrdiff_t>(old_end), known.end());
+        after_[name] = std::move(after);
+        return 0;
+    }
+
+    u32 fetch_if_missing(const chain_name& name, const std::vector<held_rule>& held, std::size_t begin,
+                         std::size_t end) {
+        const bool missing = std::any_of(held.begin() + static_cast<std::ptrdiff_t>(begin),
+                                         held.begin() + static_cast<std::ptrdiff_t>(end),
+                                         [](const held_rule& rule) { return rule.handles.empty(); });
+        return missing ? handles_(name) : 0;
+    }
+
+    void delete_rule(const chain_name& name, const held_rule& rule) {
+        for (const u64 handle : rule.handles) {
+            append(rules_, fmt::format(R"({{"delete":{{"rule":{{{},"chain":"{}","handle":{}}}}}}})",
+                                       place(name), name.name, handle));
+        }
+    }
+
+    // Before the rule with the handle; 0: at the end.
+    void add_rule(const chain_name& name, const wanted_chain& chain, const wanted_rule& rule, u64 before) {
+        const std::vector<std::string> parts =
+            rule.ace == nullptr ? std::vector{rule.expressions} : expressions_of(chain, rule);
+        for (std::size_t part = 0; part < parts.size(); ++part) {
+            append(rules_,
+                   fmt::format(R"({{"{}":{{"rule":{{{},"chain":"{}"{},"comment":"{}","expr":[{}]}}}}}})",
+                               before == 0 ? "add" : "insert", place(name), name.name,
+                               before == 0 ? std::string() : fmt::format(R"(,"handle":{})", before),
+                               comment_of(rule.identity, part + 1, parts.size()), parts[part]));
+        }
+    }
+
+    std::vector<std::string> expressions_of(const wanted_chain& chain, const wanted_rule& rule) {
+        const std::string counter = ace_counter(chain.counter, rule.identity.second, rule.identity.third);
+        const std::string rest = fmt::format(R"({{"counter":"{}"}},{{"counter":"{}"}},{{"{}":null}})",
+                                             chain.counter, counter, rule.ace->denies() ? "drop" : "return");
+        needed_.insert(counter);
+        std::vector<std::string> all = conditions_of(*rule.ace);
+        for (std::string& conditions : all) {
+            conditions += rest;
+        }
+        return all;
+    }
+
+    held_tables& held_;
+    const handle_fetcher& handles_;
+    std::set<std::string> needed_;
+    std::set<std::string> unneeded_;
+    // In the order of the transaction: what rules use comes first, and goes last.
+    std::string first_;
+    std::string chains_;
+    std::string rules_;
+    std::string dropped_;
+    std::string last_;
+    std::map<chain_name, std::vector<held_rule>> after_;
+    std::vector<chain_name> gone_;
+    std::vector<std::string> added_;
+    std::vector<std::string> deleted_;
+};
+
+template <class Number>
+bool take_number(std::string_view& text, Number& number, int base) {
+    const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), number, base);
+    if (problem != std::errc()) {
+        return false;
+    }
+    text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+    return true;
+}
+
+bool take_char(std::string_view& text, char wanted) {
+    if (text.empty() || text.front() != wanted) {
+        return false;
+    }
+    text.remove_prefix(1);
+    return true;
+}
+
+}  // namespace
+
+std::string_view name_of(family in) {
+    return in == family::netdev ? "netdev" : "inet";
+}
+
+u64 fingerprint_of(std::string_view text) {
+    u64 hash = 0xCBF29CE484222325;
+    for (const char c : text) {
+        hash = (hash ^ static_cast<u8>(c)) * 0x100000001B3;
+    }
+    return hash;
+}
+
+std::string comment_of(const rule_identity& identity, std::size_t part, std::size_t parts) {
+    return fmt::format("{}{} {} {} {} {:016x} {}/{}", identity.kind, comment_version, identity.first,
+                       identity.second, identity.third, identity.fingerprint, part, parts);
+}
+
+std::optional<comment_fields> parse_comment(std::string_view comment) {
+    comment_fields fields;
+    if (comment.empty()) {
+        return std::nullopt;
+    }
+    fields.identity.kind = comment.front();
+    comment.remove_prefix(1);
+    const bool whole = take_char(comment, comment_version) && take_char(comment, ' ') &&
+                       take_number(comment, fields.identity.first, 10) && take_char(comment, ' ') &&
+                       take_number(comment, fields.identity.second, 10) && take_char(comment, ' ') &&
+                       take_number(comment, fields.identity.third, 10) && take_char(comment, ' ') &&
+                       take_number(comment, fields.identity.fingerprint, 16) && take_char(comment, ' ') &&
+                       take_number(comment, fields.part, 10) && take_char(comment, '/') &&
+                       take_number(comment, fields.parts, 10) && comment.empty();
+    return whole ? std::optional(fields) : std::nullopt;
+}
+
+std::string ace_counter(std::string_view acl_counter, u32 ace_id, u32 number) {
+    return fmt::format("{}-{}.{}", acl_counter, ace_id, number);
+}
+
+std::vector<held_rule> group(const std::vector<kernel_rule>& rules) {
+    std::vector<held_rule> groups;
+    std::size_t next_part = 1;  // of the last group
+    std::size_t parts = 0;
+    for (const kernel_rule& rule : rules) {
+        const auto fields = parse_comment(rule.comment);
+        const bool continues = fields && next_part > 1 && groups.back().identity == fields->identity &&
+                               fields->part == next_part && fields->parts == parts;
+        // A group that breaks off is not the rule that it was made for.
+        if (!continues && next_part > 1) {
+            groups.back().identity.reset();
+        }
+        if (continues) {
+            groups.back().handles.push_back(rule.handle);
+        } else {
+            const bool begins = fields && fields->part == 1 && fields->parts >= 1;
+            groups.push_back({begins ? std::optional(fields->identity) : std::nullopt, {rule.handle}});
+            parts = begins ? fields->parts : 1;
+            next_part = 1;
+        }
+        next_part = next_part == parts ? 1 : next_part + 1;
+    }
+    if (next_part > 1) {
+        groups.back().identity.reset();
+    }
+    return groups;
+}
+
+u32 plan(const change_request& request, held_tables& held, const handle_fetcher& handles, transaction& out) {
+    planner work(held, handles);
+    const u32 error = work.run(request);
+    if (error == 0) {
+        out.commands = work.commands();
+        out.done = work.completion();
+    }
+    return error;
+}
+
+}  // namespace scc::kernel

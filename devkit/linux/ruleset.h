@@ -1,0 +1,128 @@
+// The service's tables as they shall be and as the kernel has them, and the transaction that makes the second
+// like the first.
+//
+// Every rule carries a comment that says what it is for. By it a service knows its rules again, also those of
+// an earlier process: a rule with the comment that it would give it stays untouched; any other goes. Counters
+// are objects of their own, so that they outlive the rules that count with them.
+//
+// Pure, but for what a fetch of handles does. Not thread-safe.
+#pragma once
+
+#include <compare>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ace/ace_layout.h"
+#include "common/bytes.h"
+
+namespace scc::kernel {
+
+inline constexpr std::string_view table_name = "scclib";
+
+// The families in which the service has a table.
+enum class family : u8 { netdev, inet };
+inline constexpr family families[] = {family::netdev, family::inet};
+[[nodiscard]] std::string_view name_of(family in);
+
+// The chain of an ACL is named after the ACL's counter.
+inline constexpr std::string_view acl_prefix = "acl-";
+
+struct chain_name {
+    family in = family::netdev;
+    std::string name;
+    auto operator<=>(const chain_name&) const = default;
+};
+
+inline constexpr char kind_ace = 'a';
+inline constexpr char kind_other = 'r';
+
+// What a rule is for. The meaning of the numbers depends on the kind.
+struct rule_identity {
+    char kind = 0;  // kind_ace: with its sequence number, id and counter's number; kind_other
+    u32 first = 0;
+    u32 second = 0;
+    u32 third = 0;
+    u64 fingerprint = 0;  // of what the rule does
+    bool operator==(const rule_identity&) const = default;
+};
+
+// A rule may need several of the kernel's; this is the comment of one of them.
+[[nodiscard]] std::string comment_of(const rule_identity& identity, std::size_t part, std::size_t parts);
+struct comment_fields {
+    rule_identity identity;
+    std::size_t part = 0;
+    std::size_t parts = 0;
+};
+// Empty if the comment is none of the service's.
+[[nodiscard]] std::optional<comment_fields> parse_comment(std::string_view comment);
+
+[[nodiscard]] u64 fingerprint_of(std::string_view text);
+
+// ---- as it shall be ----
+
+struct wanted_rule {
+    rule_identity identity;
+    const ace::rule* ace = nullptr;  // of an ACE; valid until the transaction is planned
+    std::string expressions;         // of any other rule: JSON with commas between them
+};
+
+struct wanted_chain {
+    std::string hook;  // the JSON of type, hook, device and priority; empty for a chain without a hook
+    // The name of its ACL's counter; with the id and the number of an ACE's counter, that of the ACE.
+    std::string counter;
+    std::vector<wanted_rule> rules;
+};
+
+[[nodiscard]] std::string ace_counter(std::string_view acl_counter, u32 ace_id, u32 number);
+
+// A null chain shall not exist.
+using wanted_chains = std::map<chain_name, std::optional<wanted_chain>>;
+
+// ---- as it is ----
+
+struct kernel_rule {
+    u64 handle = 0;
+    std::string comment;
+};
+
+// All of the kernel's rules of one wanted rule. Without an identity: one rule that is not the service's.
+struct held_rule {
+    std::optional<rule_identity> identity;
+    std::vector<u64> handles;  // empty until they are fetched
+};
+
+[[nodiscard]] std::vector<held_rule> group(const std::vector<kernel_rule>& rules);
+
+struct held_tables {
+    std::set<family> tables;
+    std::map<chain_name, std::vector<held_rule>> chains;
+    std::set<std::string, std::less<>> counters;  // of the netdev table
+};
+
+// ---- the transaction ----
+
+// What a commit has to change. The counters of ACLs and ACEs follow from the chains.
+struct change_request {
+    wanted_chains chains;
+    std::set<std::string> counters_added;    // no effect on those that exist
+    std::set<std::string> counters_deleted;  // likewise on those that do not, and on those that are needed
+};
+
+struct transaction {
+    std::string commands;  // for libnftables; empty if there is nothing to do
+    std::function<void(held_tables&)> done;
+};
+
+// `handles` fetches the handles of a chain's rules into the held table; it may fail with an errno value.
+using handle_fetcher = std::function<u32(const chain_name&)>;
+
+// Returns 0 or an errno value. `held` outlives the transaction's use.
+[[nodiscard]] u32 plan(const change_request& request, held_tables& held, const handle_fetcher& handles,
+                       transaction& out);
+
+}  // namespace scc::kernel

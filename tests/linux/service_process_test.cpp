@@ -1,0 +1,164 @@
+// scc-ss-linux as a process, registered with a daemon process, with frames through a bridge. The application
+// is a raw socket.
+#include <filesystem>
+#include <fstream>
+
+#include "devkit/child_program.h"
+#include "devkit/sccd_support.h"
+#include "kernel_support.h"
+#include "msg/protocol.h"
+
+namespace scc::kernel {
+namespace {
+
+using namespace testing;
+using sccd_test::daemon_process;
+using sccd_test::test_client;
+using sccd_test::test_item;
+using sccd_test::wire_value;
+
+constexpr std::uint32_t app = 3;
+constexpr std::uint32_t watching_app = 4;
+
+class service_process : public sccd_test::child_program {
+  public:
+    explicit service_process(std::vector<std::string> arguments)
+        : child_program(SERVICE_LINUX_PATH, std::move(arguments)) {}
+
+    // Registered, and the recovery that follows is over.
+    void wait_until_ready() { lines_before("scc-ss-linux: 201 data recovery end: 0"); }
+    int end() {
+        signal(SIGTERM);
+        return wait_for_end();
+    }
+};
+
+std::string map_in(const daemon_process& daemon, const std::string& text = "ifx 1 a0\nifx 2 b0\nifx 3 c0\n") {
+    const std::string path = daemon.directory() + "/map";
+    std::ofstream(path) << text;
+    return path;
+}
+
+wire_value ace_with_rule(std::uint32_t call, std::uint32_t acl, const std::string& text) {
+    const scc_ace_record record = ace_of(text);
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&record);
+    return wire_value(944)
+        .u32(0, call)
+        .key(4, app, acl)
+        .raw(24, sccd_test::byte_string(bytes, bytes + sizeof record))
+        .u32(936, 1);
+}
+
+// From 02:00:00:00:00:09, to an address that no bridge knows.
+const frame_bytes frame = {2, 0, 0, 0, 0, 1, 2, 0, 0, 0, 0, 9, 0x88, 0xB5, 1, 1};
+
+// The next item of this type; other notifications may come before it.
+test_item next_of(sccd_test::wire_socket& wire, std::uint16_t type) {
+    test_item next = wire.receive();
+    while (next.type != type && next.type != 0) {
+        next = wire.receive();
+    }
+    EXPECT_EQ(next.type, type);
+    return next;
+}
+
+TEST(LinuxServiceProcess, RefusesACommandLineOrMapThatIsWrong) {
+    NEED_A_NAMESPACE();
+    daemon_process daemon;
+    const auto exit_of = [](std::vector<std::string> arguments) {
+        return WEXITSTATUS(service_process(std::move(arguments)).wait_for_end());
+    };
+    EXPECT_EQ(exit_of({}), 2);
+    EXPECT_EQ(exit_of({"--map", "x", "--flush"}), 2);
+    EXPECT_EQ(exit_of({"--map", map_in(daemon), "--report", "-1"}), 2);
+    EXPECT_EQ(exit_of({"--map", "/nowhere/map"}), 1);
+    EXPECT_EQ(exit_of({"--map", map_in(daemon, "ifx one a0\n")}), 1);
+    EXPECT_EQ(exit_of({"--map", map_in(daemon, "ifx 1 no-such-port\n")}), 1);
+    EXPECT_EQ(exit_of({"--flush"}), 0);
+}
+
+TEST(LinuxServiceProcess, ItsRulesOutliveItUntilTheyAreFlushed) {
+    NEED_A_NAMESPACE();
+    make_bridge();
+    daemon_process daemon;
+    const std::vector<std::string> arguments = {"--map", map_in(daemon), "--verbose", "--report", "0"};
+    service_process service(arguments);
+    service.wait_until_ready();
+    test_client client(daemon, app, 100);
+    EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
+    EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, "10 deny ether")), 0u);
+    EXPECT_EQ(client.result_of(133, sccd_test::apply_request(3, 5, 1, 1)), 0u);
+    EXPECT_EQ(client.result_of(133, sccd_test::apply_request(4, 5, 7, 1)), 95u);
+    const raw_socket in("a1");
+    const raw_socket around("c1");
+    const raw_socket out("b1");
+    frame_bytes other = frame;
+    other[11] = 10;
+    const auto expect_drop = [&] {
+        in.send(frame);
+        around.send(other);
+        EXPECT_EQ(out.receive(20'000), other);
+    };
+    expect_drop();
+    service.signal(SIGKILL);
+    service.wait_for_end();
+    expect_drop();
+    service_process successor(arguments);
+    successor.wait_until_ready();
+    expect_drop();
+    const test_item counter =
+        client.query(313, wire_value(40).u32(0, 5).key(4, app, 5).u64(24, 10).u32(32, 1));
+    EXPECT_EQ(counter.type, 407);
+    EXPECT_EQ(counter.u64(32), 3u);
+    EXPECT_EQ(counter.u32(40), 0u);
+    EXPECT_EQ(successor.end(), 0);
+    expect_drop();
+    EXPECT_EQ(service_process({"--flush"}).wait_for_end(), 0);
+    in.send(frame);
+    EXPECT_EQ(out.receive(20'000), frame);
+}
+
+TEST(LinuxServiceProcess, ReportsHitsFlowsSilenceAndMoves) {
+    NEED_A_NAMESPACE();
+    make_bridge();
+    daemon_process daemon;
+    service_process service({"--map", map_in(daemon), "--verbose", "--report", "1"});
+    service.wait_until_ready();
+    test_client client(daemon, app, 100);
+    test_client watcher(daemon, watching_app, 101);
+    EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
+    EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, "10 permit ether id 77")), 0u);
+    EXPECT_EQ(client.result_of(133, sccd_test::apply_request(3, 5, 1, 1)), 0u);
+    // The user 02:00:00:00:00:09 on interface 1, without an address.
+    EXPECT_EQ(client.result_of(
+                  127, wire_value(744).u32(0, 4).u32(8, 1).raw(16, {2, 0, 0, 0, 0, 9}).u32(24, 6).u32(32, 1)),
+              0u);
+    const raw_socket port_a("a1");
+    const raw_socket port_b("b1");
+    port_a.send(frame);
+    port_a.send(frame);
+
+    const test_item hits = next_of(watcher.async, msg::ace_counter);
+    EXPECT_EQ(hits.u32(20), 1u);
+    EXPECT_EQ(hits.u64(24), 77u);
+    EXPECT_EQ(hits.u64(32), 2u);
+    const test_item flow = next_of(watcher.async, msg::flow);
+    EXPECT_EQ(flow.u32(48), 1u);
+    EXPECT_EQ(flow.part(54, 6), (sccd_test::byte_string{2, 0, 0, 0, 0, 9}));
+    EXPECT_EQ(flow.u64(64), 2u);
+
+    port_b.send(frame);
+    const test_item move = next_of(watcher.async, msg::d1x_addr_move);
+    EXPECT_EQ(move.u32(8), 2u);
+    EXPECT_EQ(move.part(18, 6), (sccd_test::byte_string{2, 0, 0, 0, 0, 9}));
+
+    client.async.send(166, wire_value(16).u32(0, 5).u8(4, 1).u32(8, 1).u32(12, 0));
+    EXPECT_EQ(next_of(client.async, msg::call_ret).u32(4), 0u);
+    const test_item silence = next_of(watcher.async, msg::noflow_offline);
+    EXPECT_EQ(silence.u32(48), 1u);
+    EXPECT_EQ(silence.u64(64), 2u);
+    EXPECT_EQ(service.end(), 0);
+}
+
+}  // namespace
+}  // namespace scc::kernel

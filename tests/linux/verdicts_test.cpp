@@ -1,0 +1,180 @@
+// Real frames through the kernel's rules: 200 rules, 40 frames each. Of every rule and frame three answers
+// are compared: whether the frame came out of the bridge, what the classifier of the tables in memory says,
+// and what data/verdicts.txt says (make_verdicts.py). The kernel's counters have to agree with them.
+#include <algorithm>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "kernel_support.h"
+#include "service/classify.h"
+
+namespace scc::kernel {
+namespace {
+
+using namespace testing;
+
+struct expected_rule {
+    std::string matches;  // a digit for each frame
+    std::string text;
+};
+
+struct verdicts {
+    std::vector<frame_bytes> frames;
+    std::vector<expected_rule> rules;
+};
+
+verdicts read_verdicts() {
+    verdicts read;
+    std::ifstream file(TEST_DATA_DIR "/verdicts.txt");
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream words(line);
+        std::string kind;
+        std::string first;
+        words >> kind >> first;
+        if (kind == "frame") {
+            frame_bytes frame;
+            for (std::size_t at = 0; at + 1 < first.size(); at += 2) {
+                frame.push_back(static_cast<u8>(std::stoul(first.substr(at, 2), nullptr, 16)));
+            }
+            read.frames.push_back(frame);
+        } else {
+            std::string text;
+            std::getline(words >> std::ws, text);
+            read.rules.push_back({first, text});
+        }
+    }
+    return read;
+}
+
+// Frames enter by a, and leave by b unless a rule drops them. What is sent by c comes out of b in any case.
+class Verdicts : public ::testing::Test {
+  protected:
+    void prepare() {
+        // Frames that one processor sends in turn are delivered in turn.
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(static_cast<unsigned>(sched_getcpu()), &one);
+        ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+        make_bridge();
+    }
+
+    static constexpr const char* map_text = "ifx 1 a0\nifx 2 b0\n";
+};
+
+TEST_F(Verdicts, OfKernelClassifierAndTableAreTheSame) {
+    NEED_A_NAMESPACE();
+    prepare();
+    const verdicts table = read_verdicts();
+    ASSERT_EQ(table.frames.size(), 40u);
+    ASSERT_EQ(table.rules.size(), 200u);
+    back_end_bench bench(map_text);
+    bench.recover_nothing();
+    const raw_socket in("a1");
+    const raw_socket out("b1");
+    const raw_socket around("c1");
+    frame_bytes last(60, 0x55);
+    last[0] = 0x02;
+    last[5] = 0x56;
+    last[6] = 0x02;
+    std::size_t compared = 0;
+    for (std::size_t index = 0; index < table.rules.size(); ++index) {
+        const expected_rule& expected = table.rules[index];
+        const u32 acl = static_cast<u32>(index) + 1;
+        // Every fifth permits, and is told by its counter alone.
+        const bool denies = index % 5 != 4;
+        const std::string text = std::string(denies ? "10 deny " : "10 permit ") + expected.text;
+        ASSERT_EQ(bench.create(acl), 0u);
+        ASSERT_EQ(bench.add(acl, text), 0u) << text;
+        ASSERT_EQ(bench.apply(acl, 1), 0u);
+        for (const frame_bytes& frame : table.frames) {
+            in.send(frame);
+        }
+        last[20] = static_cast<u8>(index);
+        around.send(last);
+        std::set<frame_bytes> arrived;
+        for (frame_bytes frame = out.receive(20'000); frame != last; frame = out.receive(20'000)) {
+            ASSERT_FALSE(frame.empty()) << "the last frame did not arrive";
+            arrived.insert(frame);
+        }
+        const auto rule = ace::decode(ace_of(text));
+        ASSERT_TRUE(rule.has_value());
+        u64 matched = 0;
+        for (std::size_t number = 0; number < table.frames.size(); ++number) {
+            const bool wanted = expected.matches[number] == '1';
+            const auto packet = service::parse_packet(table.frames[number]);
+            ASSERT_TRUE(packet.has_value());
+            EXPECT_EQ(service::matches(*rule, *packet), wanted) << text << ", frame " << number;
+            EXPECT_EQ(arrived.contains(table.frames[number]), !denies || !wanted)
+                << text << ", frame " << number;
+            matched += wanted ? 1 : 0;
+            ++compared;
+        }
+        EXPECT_EQ(bench.packets_of(acl), matched) << text;
+        EXPECT_EQ(bench.packets_of(acl, 10), matched) << text;
+        ASSERT_EQ(
+            bench.result_of([acl](contents& held) { return held.acls.unapply(application_of(acl, 1)); }), 0u);
+        ASSERT_EQ(bench.remove(acl), 0u);
+    }
+    EXPECT_EQ(compared, 8000u);
+}
+
+TEST_F(Verdicts, FirstMatchingAceDecidesAndCounts) {
+    NEED_A_NAMESPACE();
+    prepare();
+    back_end_bench bench(map_text);
+    bench.recover_nothing();
+    EXPECT_EQ(bench.create(1), 0u);
+    EXPECT_EQ(bench.add(1, "20 deny ether"), 0u);
+    EXPECT_EQ(bench.add(1, "10 permit ether vlan 7"), 0u);
+    EXPECT_EQ(bench.apply(1, 2, 1), 0u);
+    const raw_socket in("a1");
+    const raw_socket out("b1");
+    const frame_bytes plain = {2, 0, 0, 0, 0, 9, 2, 0, 0, 0, 0, 1, 0x88, 0xB5, 1, 1};
+    frame_bytes tagged = plain;
+    tagged.insert(tagged.begin() + 12, {0x81, 0x00, 0x00, 0x07});
+    in.send(plain);
+    in.send(tagged);
+    EXPECT_EQ(out.receive(20'000), tagged);
+    EXPECT_EQ(bench.packets_of(1, 10), 1u);
+    EXPECT_EQ(bench.packets_of(1, 20), 1u);
+    EXPECT_EQ(bench.packets_of(1), 2u);
+    EXPECT_EQ((*bench).run(service::work_kind::query,
+                           [](contents& held) { return held.acls.reset_ace_counter(key_of(1), 10); }),
+              0u);
+    EXPECT_EQ(bench.packets_of(1, 10), 0u);
+    EXPECT_EQ(bench.packets_of(1), 2u);
+}
+
+TEST_F(Verdicts, AClosedInterfaceAdmitsItsUsersAlone) {
+    NEED_A_NAMESPACE();
+    prepare();
+    back_end_bench bench(map_text);
+    bench.recover_nothing();
+    const frame_bytes known = {2, 0, 0, 0, 0, 9, 2, 0, 0, 0, 0, 1, 0x88, 0xB5, 1, 1};
+    frame_bytes stranger = known;
+    stranger[11] = 2;
+    bench.change([](contents& held) { held.nac.set_app({1, 0, 6}, 1); });
+    bench.change([](contents& held) {
+        scc_ss_user user{};
+        user.ifx = 1;
+        const u8 mac[] = {2, 0, 0, 0, 0, 1};
+        std::copy(std::begin(mac), std::end(mac), user.mac);
+        held.nac.add_user(user);
+    });
+    const raw_socket in("a1");
+    const raw_socket out("b1");
+    in.send(stranger);
+    in.send(known);
+    EXPECT_EQ(out.receive(20'000), known);
+    std::map<std::string, counted> counters;
+    EXPECT_EQ((*bench).refresh_counters(counters), 0u);
+    EXPECT_EQ(counters[access_counter(1)].packets, 1u);
+    EXPECT_EQ(counters["user-1-020000000001"].packets, 1u);
+    bench.change([](contents& held) { held.nac.set_app({1, 0, 6}, 3); });
+    in.send(stranger);
+    EXPECT_EQ(out.receive(20'000), stranger);
+}
+
+}  // namespace
+}  // namespace scc::kernel
