@@ -1,11 +1,15 @@
 #include "line_editor.h"
 
 #include <histedit.h>
+#include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <cwchar>
 #include <utility>
 
 #include "arguments.h"
@@ -17,6 +21,8 @@ namespace scc::ctl {
 namespace {
 
 constexpr int history_lines_max = 1000;
+// How often the wait for a key checks for an interrupt: the signal may arrive just before the wait begins.
+constexpr int interrupt_interval_ms = 100;
 
 // The words up to the cursor, the last of which is incomplete; none within a quote.
 std::vector<std::string> words_before_cursor(std::string_view text) {
@@ -38,6 +44,40 @@ std::string common_beginning(const std::vector<std::string>& words) {
         beginning.erase(end, beginning.end());
     }
     return beginning;
+}
+
+bool wait_for_key() {
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    while (!interrupted()) {
+        if (::poll(&input, 1, interrupt_interval_ms) > 0) {
+            return true;
+        }
+    }
+    errno = EINTR;
+    return false;
+}
+
+// As the editor wants it: 1 with a character, 0 at the end of the input, -1 after an interrupt or an error.
+int read_key(EditLine* /*editor*/, wchar_t* key) {
+    constexpr auto incomplete = static_cast<std::size_t>(-2);
+    constexpr auto invalid = static_cast<std::size_t>(-1);
+    std::mbstate_t begun{};
+    for (;;) {
+        char byte = 0;
+        if (!wait_for_key()) {
+            return -1;
+        }
+        const ssize_t got = ::read(STDIN_FILENO, &byte, 1);
+        if (got <= 0) {
+            return static_cast<int>(got);
+        }
+        const std::size_t used = std::mbrtowc(key, &byte, 1, &begun);
+        if (used == invalid) {
+            begun = {};
+        } else if (used != incomplete) {
+            return 1;
+        }
+    }
 }
 
 }  // namespace
@@ -104,6 +144,7 @@ line_editor::line_editor(std::string prompt, std::string history_file, completer
     el_set(
         editor, EL_PROMPT,
         +[](EditLine* which) { return const_cast<char*>(state::of(which).prompt.c_str()); });
+    el_set(editor, EL_GETCFN, &read_key);
     el_set(editor, EL_EDITOR, "emacs");
     el_set(editor, EL_HIST, ::history, state_->history);
     el_set(

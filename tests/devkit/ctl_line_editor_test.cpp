@@ -66,6 +66,7 @@ TEST_F(CtlLineEditor, KeepsItsHistoryForTheNextShell) {
         shell.until("sccctl> ");
         shell.type("strerror 2007\r");
         shell.until("format (2007)");
+        shell.until("sccctl> ");
         shell.type(end_of_input);
         EXPECT_EQ(shell.finish(), 0);
     }
