@@ -98,8 +98,8 @@ inline constexpr std::array<std::string_view, 13> notifications = {
 
 // Every command, in the order above.
 inline constexpr std::array<std::string_view, 23> commands = {
-    clients,    notify,    notify_named, debug,    debug_show, debug_dump_service, alive,       stats,
-    capability, fail_next, mute,         unmute,   fault,      fault_list,         fault_clear, acls,
-    users,      settings,  state,        counters, metrics,    capture,            quit};
+    clients,   notify,   notify_named, debug,   debug_show, debug_dump_service, alive, stats, capability,
+    fail_next, mute,     unmute,       fault,   fault_list, fault_clear,        acls,  users, settings,
+    state,     counters, metrics,      capture, quit};
 
 }  // namespace scc::devkit::control

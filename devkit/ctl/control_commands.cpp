@@ -258,7 +258,8 @@ void add_control_commands(CLI::App& app, context& within, choice_map& choices, s
     made = add("daemon", "send any command to the control socket", &any);
     operand = made->add_option("name", options->word, "the command's name")->required();
     choices[operand] = strings(control::commands);
-    made->add_option("fields", options->pairs, "NAME=VALUE, may be repeated; settings takes a name, fault an action, list or clear");
+    made->add_option("fields", options->pairs,
+                     "NAME=VALUE, may be repeated; settings takes a name, fault an action, list or clear");
     made->footer(
         "Examples: sccctl daemon fail-next type=acl result=acl-exists\n"
         "          sccctl daemon settings addr-learning\n"
