@@ -77,7 +77,8 @@ std::string bytes_text(byte_view value, trace_detail detail) {
         return {};
     }
     const bool whole = detail == trace_detail::full || value.size() <= brief_bytes;
-    return " " + (whole ? hex_text(value) : hex_text(slice(value, 0, brief_bytes)) + "...");
+    return whole ? fmt::format(" {}", hex_text(value))
+                 : fmt::format(" {}...", hex_text(slice(value, 0, brief_bytes)));
 }
 
 }  // namespace

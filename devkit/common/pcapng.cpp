@@ -1,5 +1,7 @@
 #include "common/pcapng.h"
 
+#include <array>
+#include <cstring>
 #include <utility>
 
 namespace scc::devkit::pcapng {
@@ -26,10 +28,9 @@ class block {
 
     template <class Number>
     block& number(Number value) {
-        const std::size_t offset = bytes_.size();
-        bytes_.resize(offset + sizeof value);
-        write_at(bytes_, offset, value);
-        return *this;
+        std::array<u8, sizeof value> bytes{};
+        std::memcpy(bytes.data(), &value, sizeof value);
+        return raw(bytes);
     }
     block& raw(byte_view bytes) {
         bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
