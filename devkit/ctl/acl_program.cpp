@@ -185,7 +185,8 @@ void add_acl_commands(CLI::App& app, context& within, std::function<int()>& acti
     acl_group group(app, within, action);
     add_load(group);
 
-    CLI::App& difference = group.add("diff", "show what 'acl load --replace' would change", &diff);
+    CLI::App& difference =
+        group.add("diff", "show what 'acl load --replace' would change; status 1 if anything", &diff);
     difference.add_option("file", group.options().file, "a file of ACLs")->required()->type_name("FILE");
     difference.footer("Exit status 0: no difference, 1: differences.\nExample: sccctl acl diff campus.acl");
 

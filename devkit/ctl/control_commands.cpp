@@ -260,10 +260,7 @@ void add_control_commands(CLI::App& app, context& within, choice_map& choices, s
     choices[operand] = strings(control::commands);
     made->add_option("fields", options->pairs,
                      "NAME=VALUE, may be repeated; settings takes a name, fault an action, list or clear");
-    made->footer(
-        "Examples: sccctl daemon fail-next type=acl result=acl-exists\n"
-        "          sccctl daemon settings addr-learning\n"
-        "          sccctl daemon fault delay request=addr-learning ms=300");
+    made->footer("Example: sccctl daemon fault delay request=addr-learning ms=300");
 }
 
 }  // namespace scc::ctl

@@ -173,7 +173,8 @@ line_editor::~line_editor() {
 
 line_state line_editor::read(std::string& line) {
     int count = 0;
-    // Before the prompt, and not with the first key: the terminal itself would take a Ctrl-D typed in between.
+    // Before the prompt, and not with the first key: the terminal itself would take a Ctrl-D typed in
+    // between.
     el_set(state_->editor, EL_PREP_TERM, 1);
     const char* const text = el_gets(state_->editor, &count);
     if (interrupted()) {
