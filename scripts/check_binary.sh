@@ -25,15 +25,15 @@ done
 
 needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort | tr '\n' ' ')
 [ "$needed" = "libc.so.6 libqx-thread.so libqx_syslog.so " ] || fail "needs $needed"
-readelf -d "$library" | grep -q 'NODELETE' || fail "may be unmapped by dlclose"
-readelf -d "$library" | grep -q 'SONAME.*libscclib.so.1\]' || fail "has another soname"
-if readelf -S "$library" | grep -qE '\.ctors|\.eh_frame_hdr_never'; then
+grep -q 'NODELETE' < <(readelf -d "$library") || fail "may be unmapped by dlclose"
+grep -q 'SONAME.*libscclib.so.1\]' < <(readelf -d "$library") || fail "has another soname"
+if grep -qE '\.ctors|\.eh_frame_hdr_never' < <(readelf -S "$library"); then
     fail "has constructors"
 fi
 # Without static constructors, the only entry is the C run-time's frame_dummy.
 array=$(readelf -SW "$library" | awk '$0 ~ /\.init_array/ {for (i = 1; i <= NF; i++) if ($i == "INIT_ARRAY") print $(i + 3)}')
 [ "$((16#${array:-0}))" -le 8 ] || fail "has static constructors"
-if nm -D --undefined-only "$library" | grep -qE ' (_Zn|_Zd|__cxa_throw|__gxx_personality|abort$|exit$|printf$|puts$|signal|sigaction)'; then
+if grep -qE ' (_Zn|_Zd|__cxa_throw|__gxx_personality|abort$|exit$|printf$|puts$|signal|sigaction)' < <(nm -D --undefined-only "$library"); then
     fail "uses functions that a guest must not"
 fi
 echo "symbols: $(wc -w <<<"$named")"

@@ -31,6 +31,6 @@ needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n
 exported=$(nm -D --defined-only "$library" | awk '{print $3}' | sed 's/@.*//' | grep -v '^SCCLIB_[0-9.]*$' | LC_ALL=C sort)
 diff <(exported_names | grep -v '^scc_agent_') <(echo "$exported") >&2 ||
     fail "$library does not export everything but the agent's functions"
-nm -D --undefined-only "$library" | grep -q ' syslog' || fail "$library does not log with syslog(3)"
+grep -q ' syslog' < <(nm -D --undefined-only "$library") || fail "$library does not log with syslog(3)"
 scripts/check_install.sh "$directory"
 echo "symbols without the platform's libraries: $(wc -w <<<"$exported")"

@@ -45,7 +45,7 @@ mapfile -t binaries < <(find "$tree/src" "$tree/tests" -maxdepth 2 -type f \( -n
 objects=("${binaries[0]}")
 for binary in "${binaries[@]:1}"; do
     # Binaries without the library have nothing to report.
-    if readelf -SW "$binary" | grep -q '__llvm_covmap'; then
+    if grep -q '__llvm_covmap' < <(readelf -SW "$binary"); then
         objects+=(-object "$binary")
     fi
 done

@@ -178,7 +178,7 @@ RULES
     local watcher=$!
     running+=("$watcher")
     local until=$((SECONDS + 20))
-    until "$ctl" clients | grep -qE '(^| )4( |$)'; do
+    until grep -qE '(^| )4( |$)' < <("$ctl" clients); do
         [ $SECONDS -lt $until ] || fail "the watcher did not register"
     done
     run_capture

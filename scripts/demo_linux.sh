@@ -132,7 +132,7 @@ check_streams() {
 
 streams=()
 state=
-if "$sccd" --help | grep -q -- --state; then
+if grep -q -- --state < <("$sccd" --help); then
     state=$work/state.json
 fi
 ip link set lo up
