@@ -101,7 +101,7 @@ int on_accept(int from) {
     g_world->accepting = -1;
     const int fd = open_fake_socket();
     if (fd >= 0) {
-        g_world->peers.push_back({fd, which == 1, false, false, {}});
+        g_world->peers.push_back({fd, which == 1, false, false, {}, {}});
     }
     return fd;
 }
