@@ -8,13 +8,29 @@
 
 namespace scc::service {
 
+namespace {
+
+// The clock is read anew for each timer: a cached or coarse time would let an answer go early.
+event_base* precise_base() {
+    event_config* const config = ::event_config_new();
+    if (config == nullptr) {
+        return nullptr;
+    }
+    ::event_config_set_flag(config, EVENT_BASE_FLAG_PRECISE_TIMER | EVENT_BASE_FLAG_NO_CACHE_TIME);
+    event_base* const base = ::event_base_new_with_config(config);
+    ::event_config_free(config);
+    return base;
+}
+
+}  // namespace
+
 void delayed_answers::start() {
     if (!own_thread_) {
         return;
     }
     const std::lock_guard guard(mutex_);
     ::evthread_use_pthreads();  // answers are given by other threads
-    loop_.reset(::event_base_new());
+    loop_.reset(precise_base());
     if (loop_ == nullptr) {
         throw std::runtime_error("no event loop");
     }
