@@ -71,16 +71,19 @@ void save(u32 id) {
     }
 }
 
+// What the checker does meanwhile, and after that until the index has grown.
+constexpr u32 a_pass = 1U << 15U;
+constexpr int last_passes = 200;
+
 void save_calls(u32 count) {
     _scc_lib_data_init();
     for (u32 id = 1; id <= count; ++id) {
         save(id);
-        if (id % (1U << 15U) == 0) {
+        if (id % a_pass == 0) {
             grow_pending_index();
         }
     }
-    constexpr int passes = 100;  // more than a million calls need
-    for (int i = 0; i < passes; ++i) {
+    for (int i = 0; i < last_passes; ++i) {
         grow_pending_index();
     }
 }
@@ -158,6 +161,12 @@ void hold_acls(u32 count) {
     for (u32 i = 0; i < count; ++i) {
         const scc_acl_key key = acl_number(i);
         _scc_lib_acl_add(&key);
+        if (i % a_pass == 0) {
+            grow_acl_index();
+        }
+    }
+    for (int i = 0; i < last_passes; ++i) {
+        grow_acl_index();
     }
 }
 
