@@ -1,5 +1,5 @@
-// The longest that a lock is held while an index grows, which is how long a thread that needs it may wait. The
-// processor time of the holder counts: the load of the machine is not the library's. Linked so that the
+// The longest that a lock is held while an index grows, which is how long a thread that needs it may wait.
+// The processor time of the holder counts: the load of the machine is not the library's. Linked so that the
 // library's calls of the lock pass through here.
 #include <pthread.h>
 

@@ -216,12 +216,11 @@ void add_ace(const scc_acl_key* key, const scc_ace_record* ace) SCC_REQUIRES(acl
     if (acl == nullptr) {
         return;
     }
-    auto* copy = static_cast<cached_ace*>(std::malloc(sizeof(cached_ace)));
+    cached_ace* copy = copy_of(ace);
     if (copy == nullptr) {
         SCC_LOG_FROM(function, "alloc memory failed!!!");
         return;
     }
-    std::memcpy(&copy->record, ace, sizeof copy->record);
     insert_in_order(*acl, copy);
 }
 
@@ -319,13 +318,13 @@ bool take_into_cache(pending_call* call, u32 revision) {
         update(*call);
         return false;
     }
-    auto* ace = reinterpret_cast<cached_ace*>(call);
-    cached_acl* acl = find_acl(ace->key, "_scc_lib_ace_add");
+    cached_acl* acl = find_acl(load<scc_acl_key>(call->data()), "_scc_lib_ace_add");
     if (acl == nullptr) {
         return false;
     }
-    insert_in_order(*acl, ace);
-    return true;
+    bool takes_block = false;
+    insert_in_order(*acl, ace_of_call(call, takes_block));
+    return takes_block;
 }
 
 u64 capability_word() {

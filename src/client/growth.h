@@ -1,5 +1,5 @@
-// Lets the checker grow the index of a store that a lock guards (util/growing_array.h). Allocating and freeing
-// the tables of a million entries takes milliseconds, so both happen without the lock.
+// Lets the checker grow the index of a store that a lock guards (util/growing_array.h). Allocating and
+// freeing the tables of a million entries takes milliseconds, so both happen without the lock.
 #pragma once
 
 #include <cstddef>
@@ -24,9 +24,8 @@ void grow_in_steps(WithTable with_table) {
     if (wanted != 0) {
         auto* const buckets = Table::allocate_buckets(wanted);
         // The entries may be dropped meanwhile.
-        if (buckets != nullptr && !with_table([&](Table& table) {
-                is_growing = table.begin_growth(buckets, wanted);
-            })) {
+        if (buckets != nullptr &&
+            !with_table([&](Table& table) { is_growing = table.begin_growth(buckets, wanted); })) {
             is_growing = false;
         }
         if (!is_growing) {
