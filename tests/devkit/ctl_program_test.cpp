@@ -494,6 +494,15 @@ TEST_F(CtlProgramAlone, OutputThatCannotBeWrittenHasExitStatusOne) {
     }
 }
 
+TEST_F(CtlProgram, AnAclFileThatCannotBeWrittenIsAFailure) {
+    const std::string lines = "acl create 7\nacl save /dev/full\nacl save /nonexistent/file\n";
+    const finished result = run({"shell"}, lines);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errors,
+              "sccctl: acl save: /dev/full: No space left on device\n"
+              "sccctl: acl save: /nonexistent/file: No such file or directory\n");
+}
+
 TEST_F(CtlProgramAlone, EachProgramTellsItsVersion) {
     for (const auto& [name, path] : {std::pair{"sccctl", SCCCTL_PATH}, std::pair{"sccd-dev", SCCD_DEV_PATH},
                                      std::pair{"scc-ss-dev", SERVICE_PATH}}) {
