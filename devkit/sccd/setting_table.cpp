@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <initializer_list>
-#include <stdexcept>
 
 #include "common/layouts.h"
 #include "common/messages.h"
@@ -12,7 +11,7 @@
 namespace scc::sccd {
 namespace {
 
-using enum record_field_kind;
+using enum devkit::field_kind;
 using enum setting_removal;
 
 constexpr u64 any32 = std::numeric_limits<u32>::max();
@@ -27,37 +26,13 @@ struct number_range {
     u64 max = any32;
 };
 
-constexpr record_field_kind kind_of(devkit::field_kind kind) {
-    using devkit::field_kind;
-    switch (kind) {
-        case field_kind::number8:
-            return number8;
-        case field_kind::number16:
-            return number16;
-        case field_kind::number32:
-            return number32;
-        case field_kind::mac:
-            return mac;
-        case field_kind::ipv4:
-            return ipv4;
-        case field_kind::ipv6:
-            return ipv6;
-        case field_kind::key:
-            return key;
-        case field_kind::vlans:
-            return vlans;
-        default:
-            throw std::logic_error("no field of a setting");
-    }
-}
-
 // The fields of a value, without the call id where it begins with one.
 template <std::size_t First, std::size_t Count>
 constexpr auto fields_from(const devkit::layouts::fields<Count>& layout,
                            std::initializer_list<number_range> ranges) {
     std::array<record_field, Count - First> made{};
     for (std::size_t i = First; i < Count; ++i) {
-        made[i - First] = {layout[i].name, layout[i].offset, kind_of(layout[i].kind)};
+        made[i - First] = {layout[i].name, layout[i].offset, layout[i].kind};
     }
     for (const number_range& range : ranges) {
         const auto limited = std::find_if(made.begin(), made.end(), [&range](const record_field& field) {
@@ -105,7 +80,7 @@ constexpr auto cpp_fields = after_call_id(layouts::cpp_fields, {{"type", 0, 0}})
 constexpr record_field offline_fields[] = {{"open", 4}, {"interval", 8}, {"threshold", 12}};
 constexpr auto direct_vlan_fields = after_call_id(layouts::direct_vlan_fields);
 // Not "bytes", which is the whole record.
-constexpr record_field control_block_fields[] = {{"length", 4}, {"data", 8, rest}};
+constexpr record_field control_block_fields[] = {{"length", 4}, {"data", 8, bytes}};
 constexpr auto command_fields = fields_from<0>(layouts::command_fields, {});
 constexpr auto water_line_fields = fields_from<0>(layouts::water_line_fields, {});
 
