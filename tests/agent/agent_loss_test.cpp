@@ -1,14 +1,8 @@
 // Every way in which the event-loop agent loses a connection and regains it. The loop has a thread of its
 // own; the test's thread is the daemon.
 #include <gmock/gmock.h>
-#include <malloc.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
 
 #include "agent/agent_support.h"
 #include "client/descriptors.h"

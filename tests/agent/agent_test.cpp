@@ -1,6 +1,5 @@
 // The event-loop agent: its start and end, and reading. The loop has a thread of its own; the test's thread
 // is the daemon.
-#include <gmock/gmock.h>
 #include <malloc.h>
 #include <sys/socket.h>
 #include <sys/stat.h>

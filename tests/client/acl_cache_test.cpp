@@ -11,7 +11,6 @@
 #include <set>
 
 #include "client/acl_cache_support.h"
-#include "client/diagnostics.h"
 #include "client/pending_calls.h"
 #include "client/request_channel.h"
 #include "support/log_capture.h"

@@ -1,13 +1,11 @@
 // What confirmed calls change in the ACL cache, and those that are short, stale or not taken over.
 #include "client/acl_cache_support.h"
 #include "client/pending_calls.h"
-#include "client/request_channel.h"
 #include "support/log_capture.h"
 
 using test::ace_of;
 using test::AclCache;
 using test::bytes;
-using test::key_of;
 using test::numbers;
 using test::wire;
 

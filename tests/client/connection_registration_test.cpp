@@ -3,7 +3,6 @@
 #include "client/connection.h"
 #include "client/connection_support.h"
 #include "client/descriptors.h"
-#include "client/diagnostics.h"
 #include "client/pending_calls.h"
 #include "support/hidden_variable.h"
 

@@ -2,13 +2,11 @@
 #include "client/connection.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include "client/client_data.h"

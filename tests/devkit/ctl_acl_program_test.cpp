@@ -98,11 +98,8 @@ TEST_F(CtlAclProgram, ReplaceMakesTheDaemonHoldTheFile) {
     EXPECT_EQ(load(after, "--replace").output, file("in.acl") + ": 0 changes made\n");
 }
 
-// A registration takes two messages, which the daemon's faults count as well.
-constexpr int registration = 2;
-
 std::string nth_request(int number) {
-    return "nth=" + std::to_string(registration + number);
+    return "nth=" + std::to_string(number);
 }
 
 // The eight changes between the two files take a request each.
