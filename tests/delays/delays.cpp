@@ -1,9 +1,10 @@
-// Preloaded into the tests and into every process that they start: a thread may be delayed wherever it starts,
-// waits, talks to a socket or gives a lock back, as on a machine that is too busy to run it. What is delayed
-// is random; no result changes.
+// Preloaded into the tests and into every process that they start: a thread may be delayed wherever it
+// starts, waits, talks to a socket or gives a lock back, as on a machine that is too busy to run it. What is
+// delayed is random; no result changes.
 //
-// SCC_DELAY_PERMILLE: how many of 1,000 calls are delayed (20). SCC_DELAY_US: the longest delay in microseconds
-// (10,000). A process is delayed by two seconds in all, so that a test of 100,000 messages still ends.
+// SCC_DELAY_PERMILLE: how many of 1,000 calls are delayed (20). SCC_DELAY_US: the longest delay in
+// microseconds (10,000). A process is delayed by two seconds in all, so that a test of 100,000 messages still
+// ends.
 #include <dlfcn.h>
 #include <poll.h>
 #include <pthread.h>
@@ -24,8 +25,8 @@ struct settings {
     long most_us;
 };
 
-// Out of 1,000, of the delays that SCC_DELAY_PERMILLE asks for. Locks are returned far more often than threads
-// start.
+// Out of 1,000, of the delays that SCC_DELAY_PERMILLE asks for. Locks are returned far more often than
+// threads start.
 enum class share : unsigned { lock = 100, call = 1000, start = 20'000 };
 
 constinit std::atomic<long> g_left_us{2'000'000};
