@@ -50,6 +50,15 @@ TEST(SccdFaults, ARuleMayBeForOneApplicationOrOneProcess) {
     EXPECT_EQ(second.result_of(108, redirect(4)), 0u);
 }
 
+TEST(SccdFaults, ARuleForEveryRequestCountsFromTheRegistrationOn) {
+    daemon_process daemon;
+    order({{"action", "refuse"}, {"result", 12}, {"nth", 2}});
+    test_client client(daemon, 3, 77);
+
+    EXPECT_EQ(client.result_of(108, redirect(1)), 0u);
+    EXPECT_EQ(client.result_of(108, redirect(2)), 12u);
+}
+
 TEST(SccdFaults, ADelayedAnswerLetsOthersPass) {
     daemon_process daemon;
     test_client client(daemon, 3, 77);
