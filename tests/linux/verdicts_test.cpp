@@ -51,11 +51,7 @@ verdicts read_verdicts() {
 class Verdicts : public ::testing::Test {
   protected:
     void prepare() {
-        // Frames that one processor sends in turn are delivered in turn.
-        cpu_set_t one;
-        CPU_ZERO(&one);
-        CPU_SET(static_cast<unsigned>(sched_getcpu()), &one);
-        ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+        stay_on_one_processor();
         make_bridge();
     }
 
