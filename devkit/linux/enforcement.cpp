@@ -1,6 +1,7 @@
 #include "linux/enforcement.h"
 
 #include <fmt/format.h>
+#include <linux/netfilter.h>
 #include <net/if.h>
 
 #include <algorithm>
@@ -10,7 +11,7 @@
 
 #include "ace/ace_text.h"
 #include "common/records.h"
-#include "linux/rule_json.h"
+#include "linux/rule_expressions.h"
 
 namespace scc::kernel {
 namespace {
@@ -44,13 +45,9 @@ chain_name access_chain_name(u32 ifx, u32 vlan) {
     return {family::netdev, fmt::format("nac-{}-{}", ifx, vlan)};
 }
 
-wanted_rule rule_doing(std::string expressions) {
-    const rule_identity identity{kind_other, 0, 0, 0, fingerprint_of(expressions)};
-    return {identity, nullptr, std::move(expressions)};
-}
-
-std::string jump_to(const chain_name& chain) {
-    return fmt::format(R"({{"jump":{{"target":"{}"}}}})", chain.name);
+wanted_rule rule_doing(expressions what) {
+    const rule_identity identity{kind_other, 0, 0, 0, what.fingerprint()};
+    return {identity, nullptr, std::move(what)};
 }
 
 scc_records_application fields_of(const scc_acl_apply_record& record) {
@@ -86,8 +83,9 @@ scc_ace_address address_of(const nac_user& user) {
 }
 
 // What a user may send: everything, or packets from its address and what it needs to be found.
-std::vector<std::string> admissions_of(const nac_user& user) {
-    const std::string from = source_mac_condition(user.mac) + (user.vid == 0 ? "" : vlan_condition(user.vid));
+std::vector<expressions> admissions_of(const nac_user& user) {
+    const expressions from =
+        source_mac_condition(user.mac) + (user.vid == 0 ? expressions() : vlan_condition(user.vid));
     if (!has_address(user)) {
         return {from};
     }
@@ -218,13 +216,12 @@ void enforcement::add_acl(const contents& held, const acl_name& name, const held
 wanted_chain enforcement::entry_chain(const contents& held, u32 ifx, const mapped_interface& interface,
                                       bool entering) const {
     wanted_chain chain;
-    chain.hook = fmt::format(R"("type":"filter","hook":"{}","dev":"{}","prio":0,"policy":"accept")",
-                             entering ? "ingress" : "egress", interface.name);
+    chain.hook = {entering ? u32{NF_NETDEV_INGRESS} : u32{NF_NETDEV_EGRESS}, interface.name};
     const bool excepted = contains(held.nac.egress_ports(), ifx);
     if (entering && !excepted) {
         for (const auto& [vlan, closed] : access_of(held, ifx)) {
-            const std::string frames = vlan == 0 ? "" : vlan_condition(static_cast<u16>(vlan));
-            chain.rules.push_back(rule_doing(frames + jump_to(access_chain_name(ifx, vlan))));
+            expressions frames = vlan == 0 ? expressions() : vlan_condition(static_cast<u16>(vlan));
+            chain.rules.push_back(rule_doing(frames.jump(access_chain_name(ifx, vlan).name)));
         }
     }
     if (interface.router && !held.nac.router_acl()) {
@@ -235,7 +232,7 @@ wanted_chain enforcement::entry_chain(const contents& held, u32 ifx, const mappe
             const scc_records_application fields = fields_of(application.record);
             const bool here = fields.ifx == ifx || (fields.ifx == 0 && !excepted);
             if (here && enters(fields) == entering) {
-                chain.rules.push_back(rule_doing(jump_to(acl_chain(name, acl.number))));
+                chain.rules.push_back(rule_doing(expressions().jump(acl_chain(name, acl.number).name)));
             }
         }
     }
@@ -259,38 +256,36 @@ std::map<u32, bool> enforcement::access_of(const contents& held, u32 ifx) {
 
 wanted_chain enforcement::access_chain(const contents& held, u32 ifx, u32 vlan, bool closed) {
     wanted_chain chain;
-    chain.rules.push_back(rule_doing(ether_type_condition(ether_type_eapol) + R"({"return":null})"));
+    chain.rules.push_back(rule_doing(ether_type_condition(ether_type_eapol).leave_chain()));
     for (const nac_user& user : held.nac.users()) {
         if (user.ifx != ifx || (vlan != 0 && user.vid != 0 && user.vid != vlan)) {
             continue;
         }
         // Counted where all frames pass, so that no frame counts twice.
-        const std::string counter =
-            vlan == 0 ? fmt::format(R"({{"counter":"{}"}},)", user_counter(user)) : std::string();
-        for (const std::string& admission : admissions_of(user)) {
-            chain.rules.push_back(rule_doing(admission + counter + R"({"return":null})"));
+        for (expressions& admission : admissions_of(user)) {
+            if (vlan == 0) {
+                admission.count_in(user_counter(user));
+            }
+            chain.rules.push_back(rule_doing(admission.leave_chain()));
         }
     }
     if (closed) {
-        chain.rules.push_back(
-            rule_doing(fmt::format(R"({{"counter":"{}"}},{{"drop":null}})", access_counter(ifx))));
+        chain.rules.push_back(rule_doing(expressions().count_in(access_counter(ifx)).drop()));
     }
     return chain;
 }
 
 wanted_chain enforcement::cpu_chain(const contents& held) const {
     wanted_chain chain;
-    chain.hook = R"("type":"filter","hook":"input","prio":0,"policy":"accept")";
+    chain.hook = {NF_INET_LOCAL_IN, {}};
     for (const u32 type : held.nac.cpu_protection()) {
         const auto mapped = map_.protections.find(type);
         if (mapped == map_.protections.end()) {
             continue;
         }
-        const std::string limit = fmt::format(R"({{"limit":{{"rate":{},"per":"second","inv":true}}}},)",
-                                              mapped->second.packets_per_second);
-        for (const std::string& conditions : conditions_of(mapped->second.rule)) {
+        for (expressions& conditions : conditions_of(mapped->second.rule)) {
             chain.rules.push_back(
-                rule_doing(conditions + limit + R"({"counter":{"packets":0,"bytes":0}},{"drop":null})"));
+                rule_doing(conditions.above(mapped->second.packets_per_second).count().drop()));
         }
     }
     return chain;

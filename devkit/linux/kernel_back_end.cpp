@@ -257,8 +257,8 @@ u32 kernel_back_end::send_changes(contents& held) {
     u32 error = plan(
         request, kernel_, [this](const chain_name& chain) { return fetch_handles(chain); }, changes);
     std::string complaint;
-    if (error == 0 && !changes.commands.empty()) {
-        error = filter_.run(changes.commands, complaint);
+    if (error == 0 && !changes.changes.is_empty()) {
+        error = filter_.run(changes.changes, complaint);
         ++transactions_;
     }
     if (error != 0) {

@@ -8,18 +8,14 @@
 #include <memory>
 #include <utility>
 
-#include "linux/rule_json.h"
+#include "linux/rule_expressions.h"
 
 namespace scc::kernel {
 namespace {
 
 // Changes with the rules that the service makes of the same operation, so that those of an earlier version
 // are replaced.
-constexpr char comment_version = '1';
-
-std::string place(const chain_name& chain) {
-    return fmt::format(R"("family":"{}","table":"{}")", name_of(chain.in), table_name);
-}
+constexpr char comment_version = '2';
 
 class planner {
   public:
@@ -28,8 +24,7 @@ class planner {
     u32 run(const change_request& request) {
         for (const family in : families) {
             if (!held_.tables.contains(in)) {
-                append(first_, fmt::format(R"({{"add":{{"table":{{"family":"{}","name":"{}"}}}}}})",
-                                           name_of(in), table_name));
+                changes_.add_table(in);
             }
         }
         for (const auto& [name, chain] : request.chains) {
@@ -42,26 +37,20 @@ class planner {
         unneeded_.insert(request.counters_deleted.begin(), request.counters_deleted.end());
         for (const std::string& name : needed_) {
             if (!held_.counters.contains(name)) {
-                append(first_, counter_command("add", name));
+                changes_.add_counter(name);
                 added_.push_back(name);
             }
         }
         for (const std::string& name : unneeded_) {
             if (held_.counters.contains(name) && !needed_.contains(name)) {
-                append(last_, counter_command("delete", name));
+                changes_.delete_counter(name);
                 deleted_.push_back(name);
             }
         }
         return 0;
     }
 
-    [[nodiscard]] std::string commands() const {
-        std::string all;
-        for (const std::string* part : {&first_, &chains_, &rules_, &dropped_, &last_}) {
-            append(all, *part);
-        }
-        return all.empty() ? all : fmt::format(R"({{"nftables":[{}]}})", all);
-    }
+    [[nodiscard]] batch changes() { return std::move(changes_); }
 
     [[nodiscard]] std::function<void(held_tables&)> completion() {
         return [chains = std::move(after_), gone = std::move(gone_), added = std::move(added_),
@@ -81,30 +70,10 @@ class planner {
     }
 
   private:
-    static void append(std::string& list, std::string_view command) {
-        if (command.empty()) {
-            return;
-        }
-        if (!list.empty()) {
-            list += ',';
-        }
-        list += command;
-    }
-
-    static std::string counter_command(std::string_view what, std::string_view name) {
-        return fmt::format(R"({{"{}":{{"counter":{{"family":"netdev","table":"{}","name":"{}"}}}}}})", what,
-                           table_name, name);
-    }
-
-    static std::string chain_command(std::string_view what, const chain_name& chain, std::string_view hook) {
-        return fmt::format(R"({{"{}":{{"chain":{{{},"name":"{}"{}{}}}}}}})", what, place(chain), chain.name,
-                           hook.empty() ? "" : ",", hook);
-    }
-
     u32 drop(const chain_name& name) {
         if (held_.chains.contains(name)) {
-            append(rules_, chain_command("flush", name, {}));
-            append(dropped_, chain_command("delete", name, {}));
+            changes_.flush_chain(name);
+            changes_.delete_chain(name);
             gone_.push_back(name);
             drop_counters(name);
         }
@@ -131,7 +100,7 @@ class planner {
             needed_.insert(wanted.counter);
         }
         if (held == held_.chains.end()) {
-            append(chains_, chain_command("add", name, wanted.hook));
+            changes_.add_chain(name, wanted.hook);
             return rewrite(name, {}, wanted, 0, 0);
         }
         const std::size_t shorter = std::min(held->second.size(), wanted.rules.size());
@@ -166,7 +135,7 @@ class planner {
         }
         const bool all_old = same_before == 0 && same_after == 0;
         if (all_old && !held.empty()) {
-            append(rules_, chain_command("flush", name, {}));
+            changes_.flush_chain(name);
         }
         // The handle of the first rule that stays after the new ones.
         const bool before_another = new_end > same_before && same_after > 0;
@@ -206,32 +175,26 @@ class planner {
 
     void delete_rule(const chain_name& name, const held_rule& rule) {
         for (const u64 handle : rule.handles) {
-            append(rules_, fmt::format(R"({{"delete":{{"rule":{{{},"chain":"{}","handle":{}}}}}}})",
-                                       place(name), name.name, handle));
+            changes_.delete_rule(name, handle);
         }
     }
 
     // Before the rule with the handle; 0: at the end.
     void add_rule(const chain_name& name, const wanted_chain& chain, const wanted_rule& rule, u64 before) {
-        const std::vector<std::string> parts =
-            rule.ace == nullptr ? std::vector{rule.expressions} : expressions_of(chain, rule);
+        const std::vector<expressions> parts =
+            rule.ace == nullptr ? std::vector{rule.what} : expressions_of(chain, rule);
         for (std::size_t part = 0; part < parts.size(); ++part) {
-            append(rules_,
-                   fmt::format(R"({{"{}":{{"rule":{{{},"chain":"{}"{},"comment":"{}","expr":[{}]}}}}}})",
-                               before == 0 ? "add" : "insert", place(name), name.name,
-                               before == 0 ? std::string() : fmt::format(R"(,"handle":{})", before),
-                               comment_of(rule.identity, part + 1, parts.size()), parts[part]));
+            changes_.add_rule(name, before, comment_of(rule.identity, part + 1, parts.size()), parts[part]);
         }
     }
 
-    std::vector<std::string> expressions_of(const wanted_chain& chain, const wanted_rule& rule) {
+    std::vector<expressions> expressions_of(const wanted_chain& chain, const wanted_rule& rule) {
         const std::string counter = ace_counter(chain.counter, rule.identity.second, rule.identity.third);
-        const std::string rest = fmt::format(R"({{"counter":"{}"}},{{"counter":"{}"}},{{"{}":null}})",
-                                             chain.counter, counter, rule.ace->denies() ? "drop" : "return");
         needed_.insert(counter);
-        std::vector<std::string> all = conditions_of(*rule.ace);
-        for (std::string& conditions : all) {
-            conditions += rest;
+        std::vector<expressions> all = conditions_of(*rule.ace);
+        for (expressions& what : all) {
+            what.count_in(chain.counter).count_in(counter);
+            rule.ace->denies() ? what.drop() : what.leave_chain();
         }
         return all;
     }
@@ -240,12 +203,7 @@ class planner {
     const handle_fetcher& handles_;
     std::set<std::string> needed_;
     std::set<std::string> unneeded_;
-    // In the order of the transaction: what rules use comes first, and goes last.
-    std::string first_;
-    std::string chains_;
-    std::string rules_;
-    std::string dropped_;
-    std::string last_;
+    batch changes_;
     std::map<chain_name, std::vector<held_rule>> after_;
     std::vector<chain_name> gone_;
     std::vector<std::string> added_;
@@ -271,18 +229,6 @@ bool take_char(std::string_view& text, char wanted) {
 }
 
 }  // namespace
-
-std::string_view name_of(family in) {
-    return in == family::netdev ? "netdev" : "inet";
-}
-
-u64 fingerprint_of(std::string_view text) {
-    u64 hash = 0xCBF29CE484222325;
-    for (const char c : text) {
-        hash = (hash ^ static_cast<u8>(c)) * 0x100000001B3;
-    }
-    return hash;
-}
 
 std::string comment_of(const rule_identity& identity, std::size_t part, std::size_t parts) {
     return fmt::format("{}{} {} {} {} {:016x} {}/{}", identity.kind, comment_version, identity.first,
@@ -342,7 +288,7 @@ u32 plan(const change_request& request, held_tables& held, const handle_fetcher&
     planner work(held, handles);
     const u32 error = work.run(request);
     if (error == 0) {
-        out.commands = work.commands();
+        out.changes = work.changes();
         out.done = work.completion();
     }
     return error;

@@ -19,24 +19,12 @@
 
 #include "ace/ace_layout.h"
 #include "common/bytes.h"
+#include "linux/batch.h"
 
 namespace scc::kernel {
 
-inline constexpr std::string_view table_name = "scclib";
-
-// The families in which the service has a table.
-enum class family : u8 { netdev, inet };
-inline constexpr family families[] = {family::netdev, family::inet};
-[[nodiscard]] std::string_view name_of(family in);
-
 // The chain of an ACL is named after the ACL's counter.
 inline constexpr std::string_view acl_prefix = "acl-";
-
-struct chain_name {
-    family in = family::netdev;
-    std::string name;
-    auto operator<=>(const chain_name&) const = default;
-};
 
 inline constexpr char kind_ace = 'a';
 inline constexpr char kind_other = 'r';
@@ -61,18 +49,16 @@ struct comment_fields {
 // Empty if the comment is none of the service's.
 [[nodiscard]] std::optional<comment_fields> parse_comment(std::string_view comment);
 
-[[nodiscard]] u64 fingerprint_of(std::string_view text);
-
 // ---- as it shall be ----
 
 struct wanted_rule {
     rule_identity identity;
     const ace::rule* ace = nullptr;  // of an ACE; valid until the transaction is planned
-    std::string expressions;         // of any other rule: JSON with commas between them
+    expressions what;                // of any other rule
 };
 
 struct wanted_chain {
-    std::string hook;  // the JSON of type, hook, device and priority; empty for a chain without a hook
+    std::optional<chain_hook> hook;
     // The name of its ACL's counter; with the id and the number of an ACE's counter, that of the ACE.
     std::string counter;
     std::vector<wanted_rule> rules;
@@ -114,7 +100,7 @@ struct change_request {
 };
 
 struct transaction {
-    std::string commands;  // for libnftables; empty if there is nothing to do
+    batch changes;
     std::function<void(held_tables&)> done;
 };
 

@@ -36,7 +36,7 @@ std::map<std::string, chain_rules> rules_of_kernel() {
             chain = name;
             chains[chain];
         } else if (comment != std::string::npos &&
-                   std::sscanf(line.c_str() + comment, "comment \"a1 %u %u %*u %*s %u/", &sn, &id, &part) ==
+                   std::sscanf(line.c_str() + comment, "comment \"a2 %u %u %*u %*s %u/", &sn, &id, &part) ==
                        3) {
             if (part == 1) {
                 chains[chain].push_back(std::to_string(sn) + " " + std::to_string(id));
@@ -58,14 +58,14 @@ class failing_filter : public packet_filter {
         error_ = error;
         times_ = times;
     }
-    u32 run(const std::string& commands, std::string& text) override {
+    u32 run(const batch& changes, std::string& text) override {
         ++runs;
         if (times_ > 0) {
             --times_;
             text = "made to fail";
             return error_;
         }
-        return real_->run(commands, text);
+        return real_->run(changes, text);
     }
     u32 read_tables(held_tables& tables) override { return real_->read_tables(tables); }
     u32 read_rules(const chain_name& chain, std::vector<kernel_rule>& rules) override {
