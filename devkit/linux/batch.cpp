@@ -130,8 +130,7 @@ void batch::delete_rule(const chain_name& chain, u64 handle) {
     });
 }
 
-void batch::add_rule(const chain_name& chain, u64 before, std::string_view comment,
-                     const expressions& what) {
+void batch::add_rule(const chain_name& chain, u64 before, std::string_view comment, const expressions& what) {
     std::string list = what.bytes();
     for (const expressions::value_set& set : what.sets()) {
         const u32 number = ++sets_;

@@ -32,8 +32,8 @@ struct chain_hook {
     std::string interface;  // empty: none
 };
 
-// What is asked for in any order is done in an order that works: what rules use is added before them and deleted
-// after them.
+// What is asked for in any order is done in an order that works: what rules use is added before them and
+// deleted after them.
 class batch {
   public:
     void add_table(family in);
@@ -54,8 +54,8 @@ class batch {
     // How many rules it adds.
     [[nodiscard]] std::size_t added_rules() const { return added_rules_; }
 
-    // The messages as they are sent, numbered from 1 on. The kernel answers the first change, and every added rule
-    // with what became of it if `with_rules`.
+    // The messages as they are sent, numbered from 1 on. The kernel answers the first change, and every added
+    // rule with what became of it if `with_rules`.
     [[nodiscard]] std::string bytes(bool with_rules) const;
 
   private:

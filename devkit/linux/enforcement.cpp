@@ -102,6 +102,30 @@ std::vector<expressions> admissions_of(const nac_user& user) {
             from + source_address_condition(true, link_local)};
 }
 
+wanted_chain list_of(const acl_name& name, const acl_table::acl_entry& acl,
+                     const service::touched_aces& touched) {
+    wanted_chain list;
+    list.counter = counter_text({name, acl.number});
+    const auto add = [&list](const auto& entry) {
+        const auto& [sn, ace] = entry;
+        if (ace.rule && is_supported(*ace.rule)) {
+            const rule_identity identity{kind_ace, sn, ace.record.ace_id, ace.number, ace.fingerprint};
+            list.rules.push_back({identity, &*ace.rule, {}});
+        }
+    };
+    if (touched.all) {
+        list.rules.reserve(acl.aces.size());
+        std::for_each(acl.aces.begin(), acl.aces.end(), add);
+    } else {
+        list.touched = touched.numbers;
+        for (const u32 sn : touched.numbers) {
+            const auto [first, last] = acl.aces.equal_range(sn);
+            std::for_each(first, last, add);
+        }
+    }
+    return list;
+}
+
 template <class Number>
 bool take(std::string_view& text, Number& number, std::string_view before) {
     if (!text.starts_with(before)) {
@@ -184,30 +208,20 @@ std::string enforcement::problem_of(const service::nac_table& nac) const {
     return nac.l4ports().empty() ? std::string() : "the kernel redirects no ports";
 }
 
-void enforcement::add_acl(const contents& held, const acl_name& name, const held_tables& kernel,
-                          change_request& request) {
+void enforcement::add_acl(const contents& held, const acl_name& name, const service::touched_aces& touched,
+                          const held_tables& kernel, change_request& request) {
     const auto found = held.acls.acls().find(name);
     const bool exists = found != held.acls.acls().end();
     std::optional<chain_name> own;
     if (exists) {
-        const acl_table::acl_entry& acl = found->second;
-        own = acl_chain(name, acl.number);
-        wanted_chain chain;
-        chain.counter = counter_text({name, acl.number});
-        chain.rules.reserve(acl.aces.size());
-        for (const auto& [sn, ace] : acl.aces) {
-            if (ace.rule && is_supported(*ace.rule)) {
-                const rule_identity identity{kind_ace, sn, ace.record.ace_id, ace.number, ace.fingerprint};
-                chain.rules.push_back({identity, &*ace.rule, {}});
-            }
-        }
-        request.chains[*own] = std::move(chain);
+        own = acl_chain(name, found->second.number);
+        request.chains[*own] = list_of(name, found->second, touched);
     }
     const std::string prefix = std::string(acl_prefix) + acl_text(name);
     for (auto at = kernel.chains.lower_bound({family::netdev, prefix});
          at != kernel.chains.end() && at->first.in == family::netdev && at->first.name.starts_with(prefix);
          ++at) {
-        if (at->first != own) {
+        if (first_of_list(at->first) != own) {
             request.chains[at->first] = std::nullopt;
         }
     }
@@ -338,11 +352,14 @@ void enforcement::add_interfaces(const contents& held, const held_tables& kernel
 void enforcement::add_everything(const contents& held, const held_tables& kernel,
                                  change_request& request) const {
     for (const auto& [name, acl] : held.acls.acls()) {
-        add_acl(held, name, kernel, request);
+        add_acl(held, name, {true, {}}, kernel, request);
     }
     add_interfaces(held, kernel, request);
     for (const auto& [name, rules] : kernel.chains) {
-        request.chains.try_emplace(name, std::nullopt);
+        const auto list = request.chains.find(first_of_list(name));
+        if (list == request.chains.end() || !list->second) {
+            request.chains.try_emplace(name, std::nullopt);
+        }
     }
     // The planner keeps those that rules need; but it looks at the rules that change alone.
     std::set<std::string> needed = request.counters_added;
@@ -364,7 +381,7 @@ void enforcement::adopt(const held_tables& kernel, contents& held) {
         u32 number = 0;
         if (chain.in != family::netdev || !take(text, key.vdev_id, "acl-") ||
             !take(text, key.app_type, "-") || !take(text, key.acl_id, "-") || !take(text, number, ".") ||
-            !text.empty()) {
+            (!text.empty() && text.front() != list_separator)) {
             continue;
         }
         held.acls.adopt(key, number);

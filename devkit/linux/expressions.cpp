@@ -90,8 +90,7 @@ expressions& expressions::lies_in(const std::vector<number_range>& ranges) {
         return add("range", [&] {
             list_.put_u32(NFTA_RANGE_SREG, work_register);
             list_.put_u32(NFTA_RANGE_OP, NFT_RANGE_EQ);
-            list_.nest(NFTA_RANGE_FROM_DATA,
-                       [&] { list_.put(NFTA_DATA_VALUE, bytes_of(ranges[0].first)); });
+            list_.nest(NFTA_RANGE_FROM_DATA, [&] { list_.put(NFTA_DATA_VALUE, bytes_of(ranges[0].first)); });
             list_.nest(NFTA_RANGE_TO_DATA, [&] { list_.put(NFTA_DATA_VALUE, bytes_of(ranges[0].last)); });
         });
     }

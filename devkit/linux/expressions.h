@@ -1,5 +1,5 @@
-// What a rule does, in the kernel's expressions: conditions that a packet has to meet one after the other, and
-// then what becomes of it. Pure; any thread.
+// What a rule does, in the kernel's expressions: conditions that a packet has to meet one after the other,
+// and then what becomes of it. Pure; any thread.
 #pragma once
 
 #include <linux/netfilter/nf_tables.h>

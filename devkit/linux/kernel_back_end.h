@@ -73,6 +73,8 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
                                          bool nac_changed) const;
     [[nodiscard]] u32 synchronize(contents& held);
     [[nodiscard]] u32 send_changes(contents& held);
+    void note(const service::acl_table::change_notes& notes);
+    [[nodiscard]] u32 plan_changes(const contents& held, transaction& changes);
     [[nodiscard]] u32 fetch_handles(const chain_name& chain);
     static void finish(items& changes);
 
@@ -86,7 +88,8 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
 
     // Guarded by the table's mutex.
     held_tables kernel_;
-    std::set<service::acl_name> differing_;  // ACLs that the kernel may hold otherwise
+    // ACLs that the kernel may hold otherwise.
+    std::map<service::acl_name, service::touched_aces> differing_;
     bool interfaces_differ_ = false;
     bool everything_differs_ = false;
     service::nac_table nac_before_;     // before the latest operation

@@ -112,9 +112,10 @@ int flush(packet_filter& filter) {
     for (const family in : held.tables) {
         changes.delete_table(in);
     }
+    std::vector<u64> handles;
     std::string complaint;
     if (error == 0 && !changes.is_empty()) {
-        error = filter.run(changes, complaint);
+        error = filter.run(changes, handles, complaint);
     }
     return error == 0 ? EXIT_SUCCESS : screen.fail("flush", error);
 }

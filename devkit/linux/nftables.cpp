@@ -112,15 +112,16 @@ class kernel_filter : public packet_filter {
         return mnl_socket_bind(socket_.get(), 0, MNL_SOCKET_AUTOPID) < 0 ? static_cast<u32>(errno) : 0;
     }
 
-    u32 run(const batch& changes, std::string& text) override {
-        const std::string messages = changes.bytes(false);
+    u32 run(const batch& changes, std::vector<u64>& handles, std::string& text) override {
+        constexpr std::size_t told_max = 64;
+        const std::string messages = changes.bytes(changes.added_rules() <= told_max);
         // The kernel takes a transaction as a whole, however long it is.
         const int len = static_cast<int>(messages.size());
         (void)::setsockopt(mnl_socket_get_fd(socket_.get()), SOL_SOCKET, SO_SNDBUFFORCE, &len, sizeof len);
         if (mnl_socket_sendto(socket_.get(), messages.data(), messages.size()) < 0) {
             return static_cast<u32>(errno);
         }
-        return take_answers(text);
+        return take_answers(handles, text);
     }
 
     u32 read_tables(held_tables& tables) override {
@@ -212,7 +213,7 @@ class kernel_filter : public packet_filter {
     }
 
     // The kernel has answered when it has taken the transaction.
-    u32 take_answers(std::string& text) {
+    u32 take_answers(std::vector<u64>& handles, std::string& text) {
         u32 error = ENOMSG;
         bool failed = false;
         for (;;) {
@@ -225,8 +226,11 @@ class kernel_filter : public packet_filter {
                 return error;
             }
             int rest = static_cast<int>(received);
-            for (auto* message = reinterpret_cast<const nlmsghdr*>(buffer_.data()); mnl_nlmsg_ok(message, rest);
-                 message = mnl_nlmsg_next(message, &rest)) {
+            for (auto* message = reinterpret_cast<const nlmsghdr*>(buffer_.data());
+                 mnl_nlmsg_ok(message, rest); message = mnl_nlmsg_next(message, &rest)) {
+                if (message->nlmsg_type == (NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWRULE)) {
+                    handles.push_back(number_of(attributes_of(message)[NFTA_RULE_HANDLE]));
+                }
                 if (message->nlmsg_type != NLMSG_ERROR || failed) {
                     continue;
                 }

@@ -22,8 +22,9 @@ class packet_filter {
   public:
     virtual ~packet_filter() = default;
 
-    // `text` gets the kernel's complaint.
-    [[nodiscard]] virtual u32 run(const batch& changes, std::string& text) = 0;
+    // `text` gets the kernel's complaint, `handles` those of the added rules in their order. It stays empty
+    // if there are many.
+    [[nodiscard]] virtual u32 run(const batch& changes, std::vector<u64>& handles, std::string& text) = 0;
 
     [[nodiscard]] virtual u32 read_tables(held_tables& tables) = 0;
     // ENOENT if there is no such chain.

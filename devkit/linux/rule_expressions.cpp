@@ -23,7 +23,8 @@ expressions at(nft_payload_bases base, u32 offset, u32 len) {
 
 // Tags that take a VLAN id, of customers and of providers.
 expressions tagged_condition(u32 offset) {
-    return at(NFT_PAYLOAD_LL_HEADER, offset, 2).lies_in({{0x8100, 0x8100}, {0x88A8, 0x88A8}, {0x9100, 0x9100}});
+    return at(NFT_PAYLOAD_LL_HEADER, offset, 2)
+        .lies_in({{0x8100, 0x8100}, {0x88A8, 0x88A8}, {0x9100, 0x9100}});
 }
 
 // Bits that the mask lacks are not compared; without any bit there is no condition.
@@ -108,9 +109,8 @@ bool compares_transport(const ace::rule& rule) {
 }
 
 expressions fragment_condition(bool is_ipv6, bool is_later) {
-    expressions offset = is_ipv6
-                             ? expressions().extension(IPPROTO_FRAGMENT, 2, 2).mask(bytes_of(0xFFF8))
-                             : at(NFT_PAYLOAD_NETWORK_HEADER, 6, 2).mask(bytes_of(0x1FFF));
+    expressions offset = is_ipv6 ? expressions().extension(IPPROTO_FRAGMENT, 2, 2).mask(bytes_of(0xFFF8))
+                                 : at(NFT_PAYLOAD_NETWORK_HEADER, 6, 2).mask(bytes_of(0x1FFF));
     return is_later ? offset.differs(bytes_of(0)) : offset.equals(bytes_of(0));
 }
 
@@ -179,7 +179,8 @@ bool is_supported(const ace::rule& rule) {
 
 std::vector<expressions> conditions_of(const ace::rule& rule) {
     expressions frame = tag_conditions(rule);
-    frame += masked_condition(at(NFT_PAYLOAD_LL_HEADER, 6, 6), rule.source_mac.bytes, rule.source_mac.mask, 6);
+    frame +=
+        masked_condition(at(NFT_PAYLOAD_LL_HEADER, 6, 6), rule.source_mac.bytes, rule.source_mac.mask, 6);
     frame += masked_condition(at(NFT_PAYLOAD_LL_HEADER, 0, 6), rule.destination_mac.bytes,
                               rule.destination_mac.mask, 6);
     if (rule.compares(SCC_ACE_ETHERTYPE)) {

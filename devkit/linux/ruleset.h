@@ -8,6 +8,7 @@
 // Pure, but for what a fetch of handles does. Not thread-safe.
 #pragma once
 
+#include <cerrno>
 #include <compare>
 #include <functional>
 #include <map>
@@ -26,12 +27,20 @@ namespace scc::kernel {
 // The chain of an ACL is named after the ACL's counter.
 inline constexpr std::string_view acl_prefix = "acl-";
 
+// A long one goes on in chains whose names have this and a number at the end.
+inline constexpr char list_separator = '/';
+// The chain in which the list of an ACL's rules begins, of any chain of an ACL.
+[[nodiscard]] chain_name first_of_list(const chain_name& chain);
+
 inline constexpr char kind_ace = 'a';
+inline constexpr char kind_next = 'n';
 inline constexpr char kind_other = 'r';
 
 // What a rule is for. The meaning of the numbers depends on the kind.
 struct rule_identity {
-    char kind = 0;  // kind_ace: with its sequence number, id and counter's number; kind_other
+    // kind_ace: with its sequence number, id and counter's number; kind_next: leads to the ACL's chain with
+    // this number; kind_other
+    char kind = 0;
     u32 first = 0;
     u32 second = 0;
     u32 third = 0;
@@ -62,6 +71,8 @@ struct wanted_chain {
     // The name of its ACL's counter; with the id and the number of an ACE's counter, that of the ACE.
     std::string counter;
     std::vector<wanted_rule> rules;
+    // Of an ACL: the sequence numbers of which `rules` has all ACEs; nothing changes at others. Empty: all.
+    std::optional<std::set<u32>> touched;
 };
 
 [[nodiscard]] std::string ace_counter(std::string_view acl_counter, u32 ace_id, u32 number);
@@ -79,7 +90,10 @@ struct kernel_rule {
 // All of the kernel's rules of one wanted rule. Without an identity: one rule that is not the service's.
 struct held_rule {
     std::optional<rule_identity> identity;
-    std::vector<u64> handles;  // empty until they are fetched
+    std::vector<u64> handles;  // empty until they are known
+    // In a transaction that adds it: how many rules that adds before, and how many for this one.
+    std::size_t added_after = 0;
+    std::size_t added_parts = 0;
 };
 
 [[nodiscard]] std::vector<held_rule> group(const std::vector<kernel_rule>& rules);
@@ -101,13 +115,17 @@ struct change_request {
 
 struct transaction {
     batch changes;
-    std::function<void(held_tables&)> done;
+    // Gets the handles of the rules that were added, if they are known.
+    std::function<void(held_tables&, const std::vector<u64>& handles)> done;
 };
 
 // `handles` fetches the handles of a chain's rules into the held table; it may fail with an errno value.
 using handle_fetcher = std::function<u32(const chain_name&)>;
 
-// Returns 0 or an errno value. `held` outlives the transaction's use.
+// plan() can do with some of an ACL's rules what it needs all of them for.
+inline constexpr u32 needs_all_rules = EXFULL;
+
+// Returns 0, needs_all_rules or another errno value. `held` outlives the transaction's use.
 [[nodiscard]] u32 plan(const change_request& request, held_tables& held, const handle_fetcher& handles,
                        transaction& out);
 

@@ -58,14 +58,14 @@ class failing_filter : public packet_filter {
         error_ = error;
         times_ = times;
     }
-    u32 run(const batch& changes, std::string& text) override {
+    u32 run(const batch& changes, std::vector<u64>& handles, std::string& text) override {
         ++runs;
         if (times_ > 0) {
             --times_;
             text = "made to fail";
             return error_;
         }
-        return real_->run(changes, text);
+        return real_->run(changes, handles, text);
     }
     u32 read_tables(held_tables& tables) override { return real_->read_tables(tables); }
     u32 read_rules(const chain_name& chain, std::vector<kernel_rule>& rules) override {
