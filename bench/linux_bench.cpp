@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -58,13 +58,21 @@ class linux_service {
         const auto tree = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
         const std::string map = std::string(std::getenv("TMPDIR")) + "/ports.map";
         std::ofstream(map) << "ifx 1 w0\n";
+        const std::string output = std::string(std::getenv("TMPDIR")) + "/service.log";
         child_ = fork();
         if (child_ == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
-            (void)!std::freopen("/dev/null", "w", stdout);
-            execl((tree / "devkit/linux/scc-ss-linux").c_str(), "scc-ss-linux", "--map", map.c_str(), "--report",
-                  "0", nullptr);
+            (void)!std::freopen(output.c_str(), "w", stdout);
+            execl((tree / "devkit/linux/scc-ss-linux").c_str(), "scc-ss-linux", "--map", map.c_str(),
+                  "--report", "0", nullptr);
             _exit(1);
+        }
+        // Without a service the daemon answers by itself.
+        std::string text;
+        while (text.find("registered") == std::string::npos) {
+            usleep(1000);
+            std::ifstream file(output);
+            text.assign(std::istreambuf_iterator<char>(file), {});
         }
     }
     ~linux_service() {
@@ -80,8 +88,8 @@ class linux_service {
         const std::string text((std::istreambuf_iterator<char>(file)), {});
         unsigned long user = 0;
         unsigned long kernel = 0;
-        (void)std::sscanf(text.c_str() + text.rfind(')'), ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu",
-                          &user, &kernel);
+        (void)std::sscanf(text.c_str() + text.rfind(')'),
+                          ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &user, &kernel);
         return static_cast<double>(user + kernel) / static_cast<double>(sysconf(_SC_CLK_TCK));
     }
 
@@ -184,8 +192,8 @@ std::string write_rules(std::uint32_t count) {
     file << "chain acl {\n";
     for (std::uint32_t number = 1; number <= count; ++number) {
         file << "meta protocol ip ip saddr " << network_of(number)
-             << " @nh,48,16 & 0x1fff == 0 meta l4proto 6 @th,16,16 80 counter name acl counter name ace-" << number
-             << " drop comment \"a2 " << number << " " << number << " 0 0123456789abcdef 1/1\"\n";
+             << " @nh,48,16 & 0x1fff == 0 meta l4proto 6 @th,16,16 80 counter name acl counter name ace-"
+             << number << " drop comment \"a2 " << number << " " << number << " 0 0123456789abcdef 1/1\"\n";
     }
     file << "}\nchain in { type filter hook ingress device w0 priority 0; jump acl; }\n}\n";
     return path;
@@ -266,9 +274,11 @@ bench::figure read_counters(const std::vector<scc_ace_record>& aces, bool with_n
     scc::service::forwarding_table table;
     scc::kernel::kernel_back_end back_end(table, {}, *filter, [](const std::string&) {});
     std::map<std::string, scc::kernel::counted> counters;
-    const bool started = filter && back_end.start() == 0;
+    const std::uint32_t error = filter ? back_end.start() : ENOSYS;
     const double began = bench::now_s();
-    if (!started || back_end.refresh_counters(counters) != 0 || counters.size() <= aces.size()) {
+    const std::uint32_t read_error = error != 0 ? error : back_end.refresh_counters(counters);
+    if (read_error != 0 || counters.size() <= aces.size()) {
+        std::fprintf(stderr, "counters: error %u, %zu\n", read_error, counters.size());
         std::exit(1);
     }
     return (bench::now_s() - began) * 1e3;
@@ -294,8 +304,9 @@ bench::figure packet_rate(std::uint32_t aces) {
     to.sll_family = AF_PACKET;
     to.sll_ifindex = static_cast<int>(if_nametoindex("w1"));
     // UDP from 192.0.2.1 to 192.0.2.2, for nobody's address.
-    std::array<unsigned char, 60> frame = {2, 0, 0, 0, 0, 9, 2, 0, 0, 0, 0, 1, 8, 0,  0x45, 0, 0, 46, 0, 1,
-                                           0, 0, 64, 17, 0, 0, 192, 0, 2, 1, 192, 0, 2, 2, 0, 7, 0, 7, 0, 26};
+    std::array<unsigned char, 60> frame = {2,    0, 0,   0,  0, 9, 2, 0, 0,  0,  0, 1, 8,   0,
+                                           0x45, 0, 0,   46, 0, 1, 0, 0, 64, 17, 0, 0, 192, 0,
+                                           2,    1, 192, 0,  2, 2, 0, 7, 0,  7,  0, 26};
     iovec part{frame.data(), frame.size()};
     std::array<mmsghdr, 64> messages{};
     for (mmsghdr& message : messages) {
@@ -338,15 +349,16 @@ int main(int argc, char** argv) {
         return 0;
     }
     const auto aces = aces_of(long_acl);
-    const auto loads = bench::medians({{"nft", load_with_nft}, {"service", [&] { return load_with_service(aces); }}},
-                                      rounds);
+    const auto loads = bench::medians(
+        {{"nft", load_with_nft}, {"service", [&] { return load_with_service(aces); }}}, rounds);
     bench::print_ratio("nft -f, 10000 ACEs", loads[0], loads[0], "ms", "");
     bench::print_ratio("from application to kernel, 10000 ACEs", loads[1], loads[0], "ms", "at most 1.3");
     constexpr double seconds = 5;
     for (const std::uint32_t rate : {10u, 100u}) {
-        const auto used = bench::medians({{"", [&] { return change_steadily(aces, rate, seconds); }}}, rounds);
-        bench::print_ratio(std::to_string(rate) + " changes a second in 10000 ACEs, of a processor", used[0], 100,
-                           "%", rate == 100 ? "at most 0.10" : "");
+        const auto used =
+            bench::medians({{"", [&] { return change_steadily(aces, rate, seconds); }}}, rounds);
+        bench::print_ratio(std::to_string(rate) + " changes a second in 10000 ACEs, of a processor", used[0],
+                           100, "%", rate == 100 ? "at most 0.10" : "");
     }
     const auto reads = bench::medians({{"nft", [&] { return read_counters(aces, true); }},
                                        {"service", [&] { return read_counters(aces, false); }}},

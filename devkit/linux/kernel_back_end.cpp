@@ -17,8 +17,12 @@ using service::counter_name;
 using service::work_kind;
 
 kernel_back_end::kernel_back_end(service::forwarding_table& table, interface_map map, packet_filter& filter,
-                                 log_handler log)
-    : table_(table), enforcement_(std::move(map)), filter_(filter), log_(std::move(log)) {}
+                                 log_handler log, std::size_t list_chain)
+    : table_(table),
+      enforcement_(std::move(map)),
+      filter_(filter),
+      log_(std::move(log)),
+      list_chain_(list_chain) {}
 
 u32 kernel_back_end::start() {
     const u32 error = table_.locked([this](contents& held) {
@@ -247,6 +251,7 @@ void kernel_back_end::note(const acl_table::change_notes& notes) {
 
 u32 kernel_back_end::plan_changes(const contents& held, transaction& changes) {
     change_request request;
+    request.list_chain = list_chain_;
     if (everything_differs_) {
         enforcement_.add_everything(held, kernel_, request);
     } else {

@@ -29,7 +29,7 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
 
     // The log gets a line for each thing that the kernel cannot do or refuses, on any thread.
     kernel_back_end(service::forwarding_table& table, interface_map map, packet_filter& filter,
-                    log_handler log);
+                    log_handler log, std::size_t list_chain = list_chain_default);
     ~kernel_back_end() override { stop(); }
 
     // Adopts the rules that the kernel has. Returns 0 or an errno value.
@@ -85,6 +85,7 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
     const enforcement enforcement_;
     packet_filter& filter_;  // guarded by the table's mutex
     const log_handler log_;
+    const std::size_t list_chain_;
 
     // Guarded by the table's mutex.
     held_tables kernel_;

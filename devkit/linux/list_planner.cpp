@@ -12,7 +12,6 @@ namespace {
 
 // The kernel lets chains lead from one to another no further than 16 times, of which the interface takes one.
 constexpr std::size_t chains_max = 13;
-constexpr std::size_t chain_rules = 1000;
 
 bool is_ace(const held_rule& rule) {
     return rule.identity && rule.identity->kind == kind_ace;
@@ -34,15 +33,15 @@ list_planner::list_planner(plan_state& state, const chain_name& first, const wan
 
 u32 list_planner::run() {
     state_.needed.insert(wanted_.counter);
-    if (!state_.held.chains.contains(first_) || (!wanted_.touched && (!is_in_order() || is_uneven() || keeps_little()))) {
+    if (!state_.held.chains.contains(first_) ||
+        (!wanted_.touched && (!is_in_order() || is_uneven() || keeps_little()))) {
         return rebuild();
     }
     const std::set<u32> all = wanted_.touched ? std::set<u32>() : all_numbers();
     auto next = wanted_.rules.begin();
     for (const u32 sn : wanted_.touched ? *wanted_.touched : all) {
-        const auto last = std::find_if(next, wanted_.rules.end(), [sn](const wanted_rule& rule) {
-            return rule.identity.first != sn;
-        });
+        const auto last = std::find_if(next, wanted_.rules.end(),
+                                       [sn](const wanted_rule& rule) { return rule.identity.first != sn; });
         const u32 error = change_group(sn, next, last);
         if (error != 0) {
             return error;
@@ -53,8 +52,9 @@ u32 list_planner::run() {
 }
 
 chain_name list_planner::chain_number(std::size_t number) const {
-    return number == 0 ? first_
-                       : chain_name{first_.in, fmt::format("{}{}{:02}", first_.name, list_separator, number + 1)};
+    return number == 0
+               ? first_
+               : chain_name{first_.in, fmt::format("{}{}{:02}", first_.name, list_separator, number + 1)};
 }
 
 rule_identity list_planner::link_to(std::size_t number) const {
@@ -99,10 +99,10 @@ bool list_planner::is_uneven() const {
             continue;
         }
         const u32 last = rules_of(chain)[ace_count(chain) - 1].identity->first;
-        const auto after = std::upper_bound(
-            next, wanted_.rules.end(), last,
-            [](u32 sn, const wanted_rule& rule) { return sn < rule.identity.first; });
-        if (static_cast<std::size_t>(after - next) > 2 * chain_rules) {
+        const auto after =
+            std::upper_bound(next, wanted_.rules.end(), last,
+                             [](u32 sn, const wanted_rule& rule) { return sn < rule.identity.first; });
+        if (static_cast<std::size_t>(after - next) > 2 * state_.list_chain) {
             return true;
         }
         next = after;
@@ -144,9 +144,9 @@ list_planner::place list_planner::first_from(u32 sn) const {
     for (at.chain = 0;; ++at.chain) {
         const rule_list& rules = rules_of(at.chain);
         const std::size_t count = ace_count(at.chain);
-        const auto found = std::partition_point(
-            rules.begin(), rules.begin() + static_cast<std::ptrdiff_t>(count),
-            [sn](const held_rule& rule) { return rule.identity->first < sn; });
+        const auto found =
+            std::partition_point(rules.begin(), rules.begin() + static_cast<std::ptrdiff_t>(count),
+                                 [sn](const held_rule& rule) { return rule.identity->first < sn; });
         at.index = static_cast<std::size_t>(found - rules.begin());
         if (at.index < count || at.chain + 1 == chains_.size()) {
             return at;
@@ -209,8 +209,8 @@ u32 list_planner::edit(std::size_t chain, bool needs_handles, rule_list*& rules)
         return 0;
     }
     const rule_list& held = state_.held.chains.at(name);
-    if (needs_handles && std::any_of(held.begin(), held.end(),
-                                     [](const held_rule& rule) { return rule.handles.empty(); })) {
+    if (needs_handles &&
+        std::any_of(held.begin(), held.end(), [](const held_rule& rule) { return rule.handles.empty(); })) {
         const u32 error = state_.handles(name);
         if (error != 0) {
             return error;
@@ -237,8 +237,8 @@ u32 list_planner::erase(place at) {
     if (rule->handles.empty()) {
         return needs_all_rules;
     }
-    for (const u64 handle : rule->handles) {
-        state_.changes.delete_rule(chains_[at.chain], handle);
+    for (std::size_t part = 0; part < rule->handles.size(); ++part) {
+        state_.changes.delete_rule(chains_[at.chain], rule->handles[part]);
     }
     forget(*rule);
     rules->erase(rule);
@@ -248,12 +248,13 @@ u32 list_planner::erase(place at) {
 u32 list_planner::insert(place& at, const wanted_rule& rule) {
     const bool is_last_chain = at.chain + 1 == chains_.size();
     const bool is_at_end = is_last_chain && at.index == ace_count(at.chain);
-    if (chains_.size() < chains_max && is_at_end && at.index >= chain_rules) {
+    if (chains_.size() < chains_max && is_at_end && at.index >= state_.list_chain) {
         rule_list* full = nullptr;
         (void)edit(at.chain, false, full);
         add_chain();
         at = {at.chain + 1, 0};
-    } else if (wanted_.touched && chains_.size() < chains_max && ace_count(at.chain) >= 2 * chain_rules) {
+    } else if (wanted_.touched && chains_.size() < chains_max &&
+               ace_count(at.chain) >= 2 * state_.list_chain) {
         return needs_all_rules;
     }
     rule_list* rules = nullptr;
@@ -294,7 +295,7 @@ u32 list_planner::rebuild() {
     }
     const std::vector<chain_name> before = std::exchange(chains_, {first_});
     const std::size_t per_chain =
-        std::max(chain_rules, (wanted_.rules.size() + chains_max - 1) / chains_max);
+        std::max(state_.list_chain, (wanted_.rules.size() + chains_max - 1) / chains_max);
     if (!state_.held.chains.contains(first_)) {
         state_.changes.add_chain(first_, {});
     }

@@ -1,6 +1,7 @@
 // An ACL in the kernel. It may be long, and the kernel writes a chain anew whenever one of its rules changes;
-// therefore the list is cut into chains of about a thousand ACEs. Each ends with a rule that leads to the next one
-// as if it were the same chain: what leaves it, leaves the list. Rules are in the order of their sequence numbers.
+// therefore the list is cut into chains of a certain number of ACEs. Each ends with a rule that leads to the
+// next one as if it were the same chain: what leaves it, leaves the list. Rules are in the order of their
+// sequence numbers.
 //
 // Not thread-safe.
 #pragma once
@@ -18,9 +19,10 @@ namespace scc::kernel {
 struct plan_state {
     const held_tables& held;
     const handle_fetcher& handles;
+    std::size_t list_chain;  // how many ACEs of a long ACL share a chain
     batch changes;
-    std::set<std::string> needed;    // counters
-    std::set<std::string> unneeded;  // likewise, unless they are needed
+    std::set<std::string> needed;                        // counters
+    std::set<std::string> unneeded;                      // likewise, unless they are needed
     std::map<chain_name, std::vector<held_rule>> after;  // chains that change
     std::vector<chain_name> gone;
 

@@ -297,7 +297,12 @@ class kernel_filter : public packet_filter {
             state = mnl_cb_run(buffer_.data(), static_cast<std::size_t>(received), sequence_, port, take,
                                const_cast<message_visitor*>(&visit));
         }
-        return state < 0 ? static_cast<u32>(errno) : 0;
+        const u32 error = state < 0 ? static_cast<u32>(errno) : 0;
+        // What is left of an interrupted dump is not the answer to the next request.
+        while (state < 0 &&
+               ::recv(mnl_socket_get_fd(socket_.get()), buffer_.data(), buffer_.size(), MSG_DONTWAIT) >= 0) {
+        }
+        return error;
     }
 
     std::unique_ptr<mnl_socket, socket_closer> socket_;

@@ -20,8 +20,8 @@ constexpr char comment_version = '2';
 
 class planner {
   public:
-    planner(const held_tables& held, const handle_fetcher& handles)
-        : held_(held), state_{held, handles, {}, {}, {}, {}, {}} {}
+    planner(const held_tables& held, const handle_fetcher& handles, std::size_t list_chain)
+        : held_(held), state_{held, handles, list_chain, {}, {}, {}, {}, {}} {}
 
     u32 run(const change_request& request) {
         for (const family in : families) {
@@ -77,8 +77,9 @@ class planner {
   private:
     static void take_handles(held_rule& rule, const std::vector<u64>& handles) {
         if (rule.added_parts != 0 && rule.added_after + rule.added_parts <= handles.size()) {
-            const auto first = handles.begin() + static_cast<std::ptrdiff_t>(rule.added_after);
-            rule.handles.assign(first, first + static_cast<std::ptrdiff_t>(rule.added_parts));
+            for (std::size_t part = 0; part < rule.added_parts; ++part) {
+                rule.handles.push_back(handles[rule.added_after + part]);
+            }
         }
         rule.added_parts = 0;
     }
@@ -183,8 +184,8 @@ class planner {
     }
 
     void delete_rule(const chain_name& name, const held_rule& rule) {
-        for (const u64 handle : rule.handles) {
-            state_.changes.delete_rule(name, handle);
+        for (std::size_t part = 0; part < rule.handles.size(); ++part) {
+            state_.changes.delete_rule(name, rule.handles[part]);
         }
     }
 
@@ -278,7 +279,8 @@ std::vector<held_rule> group(const std::vector<kernel_rule>& rules) {
             groups.back().handles.push_back(rule.handle);
         } else {
             const bool begins = fields && fields->part == 1 && fields->parts >= 1;
-            groups.push_back({begins ? std::optional(fields->identity) : std::nullopt, {rule.handle}, 0, 0});
+            groups.push_back({begins ? std::optional(fields->identity) : std::nullopt, {}, 0, 0});
+            groups.back().handles.push_back(rule.handle);
             parts = begins ? fields->parts : 1;
             next_part = 1;
         }
@@ -291,7 +293,7 @@ std::vector<held_rule> group(const std::vector<kernel_rule>& rules) {
 }
 
 u32 plan(const change_request& request, held_tables& held, const handle_fetcher& handles, transaction& out) {
-    planner work(held, handles);
+    planner work(held, handles, request.list_chain);
     const u32 error = work.run(request);
     if (error == 0) {
         out.changes = work.changes();

@@ -87,10 +87,31 @@ struct kernel_rule {
     std::string comment;
 };
 
+// Nearly always there is one, which needs no memory of its own.
+class handle_list {
+  public:
+    [[nodiscard]] bool empty() const { return size_ == 0; }
+    [[nodiscard]] std::size_t size() const { return size_; }
+    [[nodiscard]] u64 operator[](std::size_t index) const { return index == 0 ? first_ : more_[index - 1]; }
+    [[nodiscard]] u64 front() const { return first_; }
+    void push_back(u64 handle) {
+        if (size_++ == 0) {
+            first_ = handle;
+        } else {
+            more_.push_back(handle);
+        }
+    }
+
+  private:
+    std::size_t size_ = 0;
+    u64 first_ = 0;
+    std::vector<u64> more_;
+};
+
 // All of the kernel's rules of one wanted rule. Without an identity: one rule that is not the service's.
 struct held_rule {
     std::optional<rule_identity> identity;
-    std::vector<u64> handles;  // empty until they are known
+    handle_list handles;  // empty until they are known
     // In a transaction that adds it: how many rules that adds before, and how many for this one.
     std::size_t added_after = 0;
     std::size_t added_parts = 0;
@@ -106,9 +127,13 @@ struct held_tables {
 
 // ---- the transaction ----
 
+// How many ACEs of a long ACL share a chain.
+inline constexpr std::size_t list_chain_default = 1000;
+
 // What a commit has to change. The counters of ACLs and ACEs follow from the chains.
 struct change_request {
     wanted_chains chains;
+    std::size_t list_chain = list_chain_default;
     std::set<std::string> counters_added;    // no effect on those that exist
     std::set<std::string> counters_deleted;  // likewise on those that do not, and on those that are needed
 };
