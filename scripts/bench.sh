@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # bench.sh [ROUNDS [PART...]]: runs the benchmarks, or parts of wire_bench; 7 interleaved rounds unless given. The
 # figures also go to build/bench.json, one a line.
+# bench.sh linux [ROUNDS]: measures the service on the kernel's packet filter; needs root.
 # bench.sh steps: only counts what each operation takes.
 # bench.sh compare REVISION [ROUNDS]: compares the library with that of an earlier commit.
 # bench.sh peers [ROUNDS]: compares it with other libraries.
@@ -31,6 +32,13 @@ esac
 rounds=${1:-7}
 export BENCH_JSON=$PWD/build/bench.json
 rm -f "$BENCH_JSON"
+if [ "${1:-}" = linux ]; then
+    if [ ! -x "$programs/linux_bench" ]; then
+        echo "left out: linux_bench was not built, for lack of libmnl"
+        exit 0
+    fi
+    exec "$programs/linux_bench" "${2:-3}"
+fi
 if [ $# -gt 1 ]; then
     exec "$programs/wire_bench" "$@"
 fi

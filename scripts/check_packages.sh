@@ -59,7 +59,7 @@ expect scclib-workstation usr/lib/libqx_syslog.so usr/lib/libqx-thread.so usr/in
 if [ -e "$work/debs/scclib-service-linux_${version}_$(dpkg --print-architecture).deb" ]; then
     expect scclib-service-linux usr/sbin/scc-ss-linux usr/share/man/man8/scc-ss-linux.8.gz \
         usr/lib/systemd/system/scc-ss-linux.service
-    depends scclib-service-linux libscclib1 libnftables1 libmnl0
+    depends scclib-service-linux libscclib1 libmnl0
 fi
 for program in sccd-dev scc-ss-dev sccctl; do
     for file in "bin/$program" "share/man/man1/$program.1.gz"; do

@@ -171,7 +171,7 @@ real_packets() {
         fi
     done
     if [ ! -x "$build/devkit/linux/scc-ss-linux" ]; then
-        echo "left out: scc-ss-linux was not built, for lack of libnftables or libmnl"
+        echo "left out: scc-ss-linux was not built, for lack of libmnl"
         return
     fi
     if ! unshare --net --pid --fork --kill-child true 2>/dev/null; then

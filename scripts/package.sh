@@ -4,7 +4,7 @@
 #   libscclib1          the shared library
 #   scclib-dev          headers, static libraries, man pages, pkg-config and CMake files
 #   scclib-devkit       development daemon, software service and sccctl
-#   scclib-service-linux  the security service on the kernel's packet filter, where libnftables is installed
+#   scclib-service-linux  the security service on the kernel's packet filter, where libmnl is installed
 #   scclib-workstation  the workstation's versions of the platform's two libraries
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."

@@ -1,6 +1,7 @@
 #include "linux/enforcement.h"
 
 #include <fmt/format.h>
+#include <linux/netfilter.h>
 #include <net/if.h>
 
 #include <algorithm>
@@ -10,7 +11,7 @@
 
 #include "ace/ace_text.h"
 #include "common/records.h"
-#include "linux/rule_json.h"
+#include "linux/rule_expressions.h"
 
 namespace scc::kernel {
 namespace {
@@ -44,13 +45,9 @@ chain_name access_chain_name(u32 ifx, u32 vlan) {
     return {family::netdev, fmt::format("nac-{}-{}", ifx, vlan)};
 }
 
-wanted_rule rule_doing(std::string expressions) {
-    const rule_identity identity{kind_other, 0, 0, 0, fingerprint_of(expressions)};
-    return {identity, nullptr, std::move(expressions)};
-}
-
-std::string jump_to(const chain_name& chain) {
-    return fmt::format(R"({{"jump":{{"target":"{}"}}}})", chain.name);
+wanted_rule rule_doing(expressions what) {
+    const rule_identity identity{kind_other, 0, 0, 0, what.fingerprint()};
+    return {identity, nullptr, std::move(what)};
 }
 
 scc_records_application fields_of(const scc_acl_apply_record& record) {
@@ -86,8 +83,9 @@ scc_ace_address address_of(const nac_user& user) {
 }
 
 // What a user may send: everything, or packets from its address and what it needs to be found.
-std::vector<std::string> admissions_of(const nac_user& user) {
-    const std::string from = source_mac_condition(user.mac) + (user.vid == 0 ? "" : vlan_condition(user.vid));
+std::vector<expressions> admissions_of(const nac_user& user) {
+    const expressions from =
+        source_mac_condition(user.mac) + (user.vid == 0 ? expressions() : vlan_condition(user.vid));
     if (!has_address(user)) {
         return {from};
     }
@@ -102,6 +100,30 @@ std::vector<std::string> admissions_of(const nac_user& user) {
     link_local.mask[1] = 0xC0;
     return {from + source_address_condition(true, address),
             from + source_address_condition(true, link_local)};
+}
+
+wanted_chain list_of(const acl_name& name, const acl_table::acl_entry& acl,
+                     const service::touched_aces& touched) {
+    wanted_chain list;
+    list.counter = counter_text({name, acl.number});
+    const auto add = [&list](const auto& entry) {
+        const auto& [sn, ace] = entry;
+        if (ace.rule && is_supported(*ace.rule)) {
+            const rule_identity identity{kind_ace, sn, ace.record.ace_id, ace.number, ace.fingerprint};
+            list.rules.push_back({identity, &*ace.rule, {}});
+        }
+    };
+    if (touched.all) {
+        list.rules.reserve(acl.aces.size());
+        std::for_each(acl.aces.begin(), acl.aces.end(), add);
+    } else {
+        list.touched = touched.numbers;
+        for (const u32 sn : touched.numbers) {
+            const auto [first, last] = acl.aces.equal_range(sn);
+            std::for_each(first, last, add);
+        }
+    }
+    return list;
 }
 
 template <class Number>
@@ -186,30 +208,20 @@ std::string enforcement::problem_of(const service::nac_table& nac) const {
     return nac.l4ports().empty() ? std::string() : "the kernel redirects no ports";
 }
 
-void enforcement::add_acl(const contents& held, const acl_name& name, const held_tables& kernel,
-                          change_request& request) {
+void enforcement::add_acl(const contents& held, const acl_name& name, const service::touched_aces& touched,
+                          const held_tables& kernel, change_request& request) {
     const auto found = held.acls.acls().find(name);
     const bool exists = found != held.acls.acls().end();
     std::optional<chain_name> own;
     if (exists) {
-        const acl_table::acl_entry& acl = found->second;
-        own = acl_chain(name, acl.number);
-        wanted_chain chain;
-        chain.counter = counter_text({name, acl.number});
-        chain.rules.reserve(acl.aces.size());
-        for (const auto& [sn, ace] : acl.aces) {
-            if (ace.rule && is_supported(*ace.rule)) {
-                const rule_identity identity{kind_ace, sn, ace.record.ace_id, ace.number, ace.fingerprint};
-                chain.rules.push_back({identity, &*ace.rule, {}});
-            }
-        }
-        request.chains[*own] = std::move(chain);
+        own = acl_chain(name, found->second.number);
+        request.chains[*own] = list_of(name, found->second, touched);
     }
     const std::string prefix = std::string(acl_prefix) + acl_text(name);
     for (auto at = kernel.chains.lower_bound({family::netdev, prefix});
          at != kernel.chains.end() && at->first.in == family::netdev && at->first.name.starts_with(prefix);
          ++at) {
-        if (at->first != own) {
+        if (first_of_list(at->first) != own) {
             request.chains[at->first] = std::nullopt;
         }
     }
@@ -218,13 +230,12 @@ void enforcement::add_acl(const contents& held, const acl_name& name, const held
 wanted_chain enforcement::entry_chain(const contents& held, u32 ifx, const mapped_interface& interface,
                                       bool entering) const {
     wanted_chain chain;
-    chain.hook = fmt::format(R"("type":"filter","hook":"{}","dev":"{}","prio":0,"policy":"accept")",
-                             entering ? "ingress" : "egress", interface.name);
+    chain.hook = {entering ? u32{NF_NETDEV_INGRESS} : u32{NF_NETDEV_EGRESS}, interface.name};
     const bool excepted = contains(held.nac.egress_ports(), ifx);
     if (entering && !excepted) {
         for (const auto& [vlan, closed] : access_of(held, ifx)) {
-            const std::string frames = vlan == 0 ? "" : vlan_condition(static_cast<u16>(vlan));
-            chain.rules.push_back(rule_doing(frames + jump_to(access_chain_name(ifx, vlan))));
+            expressions frames = vlan == 0 ? expressions() : vlan_condition(static_cast<u16>(vlan));
+            chain.rules.push_back(rule_doing(frames.jump(access_chain_name(ifx, vlan).name)));
         }
     }
     if (interface.router && !held.nac.router_acl()) {
@@ -235,7 +246,7 @@ wanted_chain enforcement::entry_chain(const contents& held, u32 ifx, const mappe
             const scc_records_application fields = fields_of(application.record);
             const bool here = fields.ifx == ifx || (fields.ifx == 0 && !excepted);
             if (here && enters(fields) == entering) {
-                chain.rules.push_back(rule_doing(jump_to(acl_chain(name, acl.number))));
+                chain.rules.push_back(rule_doing(expressions().jump(acl_chain(name, acl.number).name)));
             }
         }
     }
@@ -259,38 +270,36 @@ std::map<u32, bool> enforcement::access_of(const contents& held, u32 ifx) {
 
 wanted_chain enforcement::access_chain(const contents& held, u32 ifx, u32 vlan, bool closed) {
     wanted_chain chain;
-    chain.rules.push_back(rule_doing(ether_type_condition(ether_type_eapol) + R"({"return":null})"));
+    chain.rules.push_back(rule_doing(ether_type_condition(ether_type_eapol).leave_chain()));
     for (const nac_user& user : held.nac.users()) {
         if (user.ifx != ifx || (vlan != 0 && user.vid != 0 && user.vid != vlan)) {
             continue;
         }
         // Counted where all frames pass, so that no frame counts twice.
-        const std::string counter =
-            vlan == 0 ? fmt::format(R"({{"counter":"{}"}},)", user_counter(user)) : std::string();
-        for (const std::string& admission : admissions_of(user)) {
-            chain.rules.push_back(rule_doing(admission + counter + R"({"return":null})"));
+        for (expressions& admission : admissions_of(user)) {
+            if (vlan == 0) {
+                admission.count_in(user_counter(user));
+            }
+            chain.rules.push_back(rule_doing(admission.leave_chain()));
         }
     }
     if (closed) {
-        chain.rules.push_back(
-            rule_doing(fmt::format(R"({{"counter":"{}"}},{{"drop":null}})", access_counter(ifx))));
+        chain.rules.push_back(rule_doing(expressions().count_in(access_counter(ifx)).drop()));
     }
     return chain;
 }
 
 wanted_chain enforcement::cpu_chain(const contents& held) const {
     wanted_chain chain;
-    chain.hook = R"("type":"filter","hook":"input","prio":0,"policy":"accept")";
+    chain.hook = {NF_INET_LOCAL_IN, {}};
     for (const u32 type : held.nac.cpu_protection()) {
         const auto mapped = map_.protections.find(type);
         if (mapped == map_.protections.end()) {
             continue;
         }
-        const std::string limit = fmt::format(R"({{"limit":{{"rate":{},"per":"second","inv":true}}}},)",
-                                              mapped->second.packets_per_second);
-        for (const std::string& conditions : conditions_of(mapped->second.rule)) {
+        for (expressions& conditions : conditions_of(mapped->second.rule)) {
             chain.rules.push_back(
-                rule_doing(conditions + limit + R"({"counter":{"packets":0,"bytes":0}},{"drop":null})"));
+                rule_doing(conditions.above(mapped->second.packets_per_second).count().drop()));
         }
     }
     return chain;
@@ -343,11 +352,14 @@ void enforcement::add_interfaces(const contents& held, const held_tables& kernel
 void enforcement::add_everything(const contents& held, const held_tables& kernel,
                                  change_request& request) const {
     for (const auto& [name, acl] : held.acls.acls()) {
-        add_acl(held, name, kernel, request);
+        add_acl(held, name, {true, {}}, kernel, request);
     }
     add_interfaces(held, kernel, request);
     for (const auto& [name, rules] : kernel.chains) {
-        request.chains.try_emplace(name, std::nullopt);
+        const auto list = request.chains.find(first_of_list(name));
+        if (list == request.chains.end() || !list->second) {
+            request.chains.try_emplace(name, std::nullopt);
+        }
     }
     // The planner keeps those that rules need; but it looks at the rules that change alone.
     std::set<std::string> needed = request.counters_added;
@@ -369,7 +381,7 @@ void enforcement::adopt(const held_tables& kernel, contents& held) {
         u32 number = 0;
         if (chain.in != family::netdev || !take(text, key.vdev_id, "acl-") ||
             !take(text, key.app_type, "-") || !take(text, key.acl_id, "-") || !take(text, number, ".") ||
-            !text.empty()) {
+            (!text.empty() && text.front() != list_separator)) {
             continue;
         }
         held.acls.adopt(key, number);

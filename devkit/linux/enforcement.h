@@ -2,6 +2,7 @@
 // caller.
 //
 //   netdev  acl-V-T-A.N      the ACEs of ACL V/T/A, in order; N is its counter's number
+//           acl-V-T-A.N/02   continues a long one, and so on
 //           in-IFX-NAME      what interface IFX receives: access control, then the ACLs applied there
 //           out-IFX-NAME     what it sends
 //           nac-IFX-VLAN     counts the users of the interface; where a NAC application closes it, the last
@@ -37,9 +38,10 @@ class enforcement {
     [[nodiscard]] std::string problem_of(const scc_acl_apply_record& application) const;
     [[nodiscard]] std::string problem_of(const service::nac_table& nac) const;
 
-    // The chain and the counters of one ACL, and the end of those that the kernel holds for it but should
-    // not.
-    static void add_acl(const contents& held, const service::acl_name& name, const held_tables& kernel,
+    // The touched ACEs and the counters of one ACL, and the end of the chains that the kernel holds for it
+    // but should not.
+    static void add_acl(const contents& held, const service::acl_name& name,
+                        const service::touched_aces& touched, const held_tables& kernel,
                         change_request& request);
     // Everything that depends on where ACLs are applied and on access control.
     void add_interfaces(const contents& held, const held_tables& kernel, change_request& request) const;

@@ -17,8 +17,12 @@ using service::counter_name;
 using service::work_kind;
 
 kernel_back_end::kernel_back_end(service::forwarding_table& table, interface_map map, packet_filter& filter,
-                                 log_handler log)
-    : table_(table), enforcement_(std::move(map)), filter_(filter), log_(std::move(log)) {}
+                                 log_handler log, std::size_t list_chain)
+    : table_(table),
+      enforcement_(std::move(map)),
+      filter_(filter),
+      log_(std::move(log)),
+      list_chain_(list_chain) {}
 
 u32 kernel_back_end::start() {
     const u32 error = table_.locked([this](contents& held) {
@@ -195,8 +199,8 @@ u32 kernel_back_end::execute(contents& held, const item& change) {
     u32 result = change.work(held);
     const acl_table::change_notes notes = held.acls.take_notes();
     const bool nac_changed = held.nac.version() != nac_before_.version();
-    differing_.insert(notes.acls.begin(), notes.acls.end());
-    interfaces_differ_ = interfaces_differ_ || notes.applications || nac_changed;
+    note(notes);
+    interfaces_differ_ = interfaces_differ_ || nac_changed;
     if (result != 0) {
         return result;
     }
@@ -238,27 +242,44 @@ u32 kernel_back_end::synchronize(contents& held) {
     return read_error != 0 ? read_error : send_changes(held);
 }
 
-u32 kernel_back_end::send_changes(contents& held) {
-    const acl_table::change_notes notes = held.acls.take_notes();
-    differing_.insert(notes.acls.begin(), notes.acls.end());
+void kernel_back_end::note(const acl_table::change_notes& notes) {
+    for (const auto& [name, touched] : notes.acls) {
+        differing_[name].add(touched);
+    }
     interfaces_differ_ = interfaces_differ_ || notes.applications;
+}
+
+u32 kernel_back_end::plan_changes(const contents& held, transaction& changes) {
     change_request request;
+    request.list_chain = list_chain_;
     if (everything_differs_) {
         enforcement_.add_everything(held, kernel_, request);
     } else {
-        for (const acl_name& name : differing_) {
-            enforcement::add_acl(held, name, kernel_, request);
+        for (const auto& [name, touched] : differing_) {
+            enforcement::add_acl(held, name, touched, kernel_, request);
         }
         if (interfaces_differ_) {
             enforcement_.add_interfaces(held, kernel_, request);
         }
     }
-    transaction changes;
-    u32 error = plan(
+    return plan(
         request, kernel_, [this](const chain_name& chain) { return fetch_handles(chain); }, changes);
+}
+
+u32 kernel_back_end::send_changes(contents& held) {
+    note(held.acls.take_notes());
+    transaction changes;
+    u32 error = plan_changes(held, changes);
+    if (error == needs_all_rules) {
+        for (auto& [name, touched] : differing_) {
+            touched.all = true;
+        }
+        error = plan_changes(held, changes);
+    }
+    std::vector<u64> handles;
     std::string complaint;
-    if (error == 0 && !changes.commands.empty()) {
-        error = filter_.run(changes.commands, complaint);
+    if (error == 0 && !changes.changes.is_empty()) {
+        error = filter_.run(changes.changes, handles, complaint);
         ++transactions_;
     }
     if (error != 0) {
@@ -266,7 +287,7 @@ u32 kernel_back_end::send_changes(contents& held) {
                          complaint));
         return error;
     }
-    changes.done(kernel_);
+    changes.done(kernel_, handles);
     differing_.clear();
     interfaces_differ_ = false;
     everything_differs_ = false;

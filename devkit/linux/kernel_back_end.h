@@ -29,7 +29,7 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
 
     // The log gets a line for each thing that the kernel cannot do or refuses, on any thread.
     kernel_back_end(service::forwarding_table& table, interface_map map, packet_filter& filter,
-                    log_handler log);
+                    log_handler log, std::size_t list_chain = list_chain_default);
     ~kernel_back_end() override { stop(); }
 
     // Adopts the rules that the kernel has. Returns 0 or an errno value.
@@ -73,6 +73,8 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
                                          bool nac_changed) const;
     [[nodiscard]] u32 synchronize(contents& held);
     [[nodiscard]] u32 send_changes(contents& held);
+    void note(const service::acl_table::change_notes& notes);
+    [[nodiscard]] u32 plan_changes(const contents& held, transaction& changes);
     [[nodiscard]] u32 fetch_handles(const chain_name& chain);
     static void finish(items& changes);
 
@@ -83,10 +85,12 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
     const enforcement enforcement_;
     packet_filter& filter_;  // guarded by the table's mutex
     const log_handler log_;
+    const std::size_t list_chain_;
 
     // Guarded by the table's mutex.
     held_tables kernel_;
-    std::set<service::acl_name> differing_;  // ACLs that the kernel may hold otherwise
+    // ACLs that the kernel may hold otherwise.
+    std::map<service::acl_name, service::touched_aces> differing_;
     bool interfaces_differ_ = false;
     bool everything_differs_ = false;
     service::nac_table nac_before_;     // before the latest operation

@@ -108,14 +108,14 @@ class program {
 int flush(packet_filter& filter) {
     held_tables held;
     u32 error = filter.read_tables(held);
-    std::string commands;
+    batch changes;
     for (const family in : held.tables) {
-        commands += fmt::format(R"({}{{"delete":{{"table":{{"family":"{}","name":"{}"}}}}}})",
-                                commands.empty() ? "" : ",", name_of(in), table_name);
+        changes.delete_table(in);
     }
+    std::vector<u64> handles;
     std::string complaint;
-    if (error == 0 && !commands.empty()) {
-        error = filter.run(fmt::format(R"({{"nftables":[{}]}})", commands), complaint);
+    if (error == 0 && !changes.is_empty()) {
+        error = filter.run(changes, handles, complaint);
     }
     return error == 0 ? EXIT_SUCCESS : screen.fail("flush", error);
 }

@@ -3,7 +3,7 @@
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
-#include <nftables/libnftables.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -20,18 +20,11 @@ namespace {
 constexpr std::size_t buffer_bytes = 64 * 1024;
 constexpr u8 comment_type = 0;  // of a rule's user data: type, length, text with its final 0
 
-struct context_deleter {
-    void operator()(nft_ctx* context) const { nft_ctx_free(context); }
-};
 struct socket_closer {
     void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
 };
 
 using attribute_table = std::array<const nlattr*, NFTA_RULE_MAX + NFTA_CHAIN_MAX + NFTA_OBJ_MAX>;
-
-u8 number_of(family in) {
-    return in == family::netdev ? NFPROTO_NETDEV : NFPROTO_INET;
-}
 
 std::string text_of(const nlattr* attribute) {
     return attribute == nullptr ? std::string() : std::string(mnl_attr_get_str(attribute));
@@ -87,42 +80,48 @@ counted counter_in(const nlattr* data) {
     return found;
 }
 
-// The message of an error in libnftables' text, as the number that strerror() knows it by.
-u32 error_in(const std::string& text) {
-    constexpr int error_max = 133;
-    u32 found = EINVAL;
-    std::size_t longest = 0;
-    for (int error = 1; error <= error_max; ++error) {
-        const std::string name = std::strerror(error);
-        if (name.size() > longest && text.find(": " + name) != std::string::npos) {
-            found = static_cast<u32>(error);
-            longest = name.size();
-        }
+std::string_view kind_of(u16 message_type) {
+    switch (message_type & 0xFF) {
+        case NFT_MSG_NEWTABLE:
+        case NFT_MSG_DELTABLE:
+            return "table";
+        case NFT_MSG_NEWCHAIN:
+        case NFT_MSG_DELCHAIN:
+            return "chain";
+        case NFT_MSG_NEWRULE:
+        case NFT_MSG_DELRULE:
+            return "rule";
+        case NFT_MSG_NEWOBJ:
+        case NFT_MSG_DELOBJ:
+            return "counter";
+        default:
+            return "transaction";
     }
-    return found;
 }
 
 class kernel_filter : public packet_filter {
   public:
     u32 open() {
-        context_.reset(nft_ctx_new(NFT_CTX_DEFAULT));
         socket_.reset(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC));
-        if (!context_ || !socket_) {
+        if (!socket_) {
             return static_cast<u32>(errno);
         }
-        nft_ctx_output_set_flags(context_.get(), NFT_CTX_OUTPUT_JSON);
-        if (nft_ctx_buffer_output(context_.get()) != 0 || nft_ctx_buffer_error(context_.get()) != 0) {
-            return ENOMEM;
-        }
+        // An error need not repeat the message that it is about.
+        const int on = 1;
+        (void)mnl_socket_setsockopt(socket_.get(), NETLINK_CAP_ACK, const_cast<int*>(&on), sizeof on);
         return mnl_socket_bind(socket_.get(), 0, MNL_SOCKET_AUTOPID) < 0 ? static_cast<u32>(errno) : 0;
     }
 
-    u32 run(const std::string& commands, std::string& text) override {
-        const int result = nft_run_cmd_from_buffer(context_.get(), commands.c_str());
-        text = nft_ctx_get_error_buffer(context_.get());
-        (void)nft_ctx_get_output_buffer(context_.get());
-        text.resize(std::min(text.find('\n'), text.size()));
-        return result == 0 ? 0 : error_in(text);
+    u32 run(const batch& changes, std::vector<u64>& handles, std::string& text) override {
+        constexpr std::size_t told_max = 64;
+        const std::string messages = changes.bytes(changes.added_rules() <= told_max);
+        // The kernel takes a transaction as a whole, however long it is.
+        const int len = static_cast<int>(messages.size());
+        (void)::setsockopt(mnl_socket_get_fd(socket_.get()), SOL_SOCKET, SO_SNDBUFFORCE, &len, sizeof len);
+        if (mnl_socket_sendto(socket_.get(), messages.data(), messages.size()) < 0) {
+            return static_cast<u32>(errno);
+        }
+        return take_answers(handles, text);
     }
 
     u32 read_tables(held_tables& tables) override {
@@ -213,6 +212,36 @@ class kernel_filter : public packet_filter {
         return rule_error;
     }
 
+    // The kernel has answered when it has taken the transaction.
+    u32 take_answers(std::vector<u64>& handles, std::string& text) {
+        u32 error = ENOMSG;
+        bool failed = false;
+        for (;;) {
+            const ssize_t received =
+                ::recv(mnl_socket_get_fd(socket_.get()), buffer_.data(), buffer_.size(), MSG_DONTWAIT);
+            if (received < 0 && errno == EINTR) {
+                continue;
+            }
+            if (received < 0 && errno != ENOBUFS) {
+                return error;
+            }
+            int rest = static_cast<int>(received);
+            for (auto* message = reinterpret_cast<const nlmsghdr*>(buffer_.data());
+                 mnl_nlmsg_ok(message, rest); message = mnl_nlmsg_next(message, &rest)) {
+                if (message->nlmsg_type == (NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWRULE)) {
+                    handles.push_back(number_of(attributes_of(message)[NFTA_RULE_HANDLE]));
+                }
+                if (message->nlmsg_type != NLMSG_ERROR || failed) {
+                    continue;
+                }
+                const auto* answer = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(message));
+                error = static_cast<u32>(-answer->error);
+                failed = error != 0;
+                text = failed ? kind_of(answer->msg.nlmsg_type) : std::string_view();
+            }
+        }
+    }
+
     nlmsghdr* begin(int type, family in, int flags) {
         nlmsghdr* const request = mnl_nlmsg_put_header(buffer_.data());
         request->nlmsg_type = static_cast<u16>(NFNL_SUBSYS_NFTABLES << 8 | type);
@@ -268,10 +297,14 @@ class kernel_filter : public packet_filter {
             state = mnl_cb_run(buffer_.data(), static_cast<std::size_t>(received), sequence_, port, take,
                                const_cast<message_visitor*>(&visit));
         }
-        return state < 0 ? static_cast<u32>(errno) : 0;
+        const u32 error = state < 0 ? static_cast<u32>(errno) : 0;
+        // What is left of an interrupted dump is not the answer to the next request.
+        while (state < 0 &&
+               ::recv(mnl_socket_get_fd(socket_.get()), buffer_.data(), buffer_.size(), MSG_DONTWAIT) >= 0) {
+        }
+        return error;
     }
 
-    std::unique_ptr<nft_ctx, context_deleter> context_;
     std::unique_ptr<mnl_socket, socket_closer> socket_;
     u32 sequence_ = 0;
     alignas(nlmsghdr) std::array<char, buffer_bytes> buffer_{};

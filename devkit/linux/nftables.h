@@ -1,4 +1,4 @@
-// The kernel's packet filter: transactions go through libnftables, everything is read through netlink.
+// The kernel's packet filter, through netlink.
 //
 // An interface, so that tests can let the kernel's answers fail. One thread at a time.
 #pragma once
@@ -22,8 +22,9 @@ class packet_filter {
   public:
     virtual ~packet_filter() = default;
 
-    // Carries out JSON commands as one transaction: all or none. `text` gets the kernel's complaint.
-    [[nodiscard]] virtual u32 run(const std::string& commands, std::string& text) = 0;
+    // `text` gets the kernel's complaint, `handles` those of the added rules in their order. It stays empty
+    // if there are many.
+    [[nodiscard]] virtual u32 run(const batch& changes, std::vector<u64>& handles, std::string& text) = 0;
 
     [[nodiscard]] virtual u32 read_tables(held_tables& tables) = 0;
     // ENOENT if there is no such chain.

@@ -8,28 +8,25 @@
 #include <memory>
 #include <utility>
 
-#include "linux/rule_json.h"
+#include "linux/list_planner.h"
+#include "linux/rule_expressions.h"
 
 namespace scc::kernel {
 namespace {
 
 // Changes with the rules that the service makes of the same operation, so that those of an earlier version
 // are replaced.
-constexpr char comment_version = '1';
-
-std::string place(const chain_name& chain) {
-    return fmt::format(R"("family":"{}","table":"{}")", name_of(chain.in), table_name);
-}
+constexpr char comment_version = '2';
 
 class planner {
   public:
-    planner(held_tables& held, const handle_fetcher& handles) : held_(held), handles_(handles) {}
+    planner(const held_tables& held, const handle_fetcher& handles, std::size_t list_chain)
+        : held_(held), state_{held, handles, list_chain, {}, {}, {}, {}, {}} {}
 
     u32 run(const change_request& request) {
         for (const family in : families) {
             if (!held_.tables.contains(in)) {
-                append(first_, fmt::format(R"({{"add":{{"table":{{"family":"{}","name":"{}"}}}}}})",
-                                           name_of(in), table_name));
+                state_.changes.add_table(in);
             }
         }
         for (const auto& [name, chain] : request.chains) {
@@ -38,36 +35,33 @@ class planner {
                 return error;
             }
         }
-        needed_.insert(request.counters_added.begin(), request.counters_added.end());
-        unneeded_.insert(request.counters_deleted.begin(), request.counters_deleted.end());
-        for (const std::string& name : needed_) {
+        state_.needed.insert(request.counters_added.begin(), request.counters_added.end());
+        state_.unneeded.insert(request.counters_deleted.begin(), request.counters_deleted.end());
+        for (const std::string& name : state_.needed) {
             if (!held_.counters.contains(name)) {
-                append(first_, counter_command("add", name));
+                state_.changes.add_counter(name);
                 added_.push_back(name);
             }
         }
-        for (const std::string& name : unneeded_) {
-            if (held_.counters.contains(name) && !needed_.contains(name)) {
-                append(last_, counter_command("delete", name));
+        for (const std::string& name : state_.unneeded) {
+            if (held_.counters.contains(name) && !state_.needed.contains(name)) {
+                state_.changes.delete_counter(name);
                 deleted_.push_back(name);
             }
         }
         return 0;
     }
 
-    [[nodiscard]] std::string commands() const {
-        std::string all;
-        for (const std::string* part : {&first_, &chains_, &rules_, &dropped_, &last_}) {
-            append(all, *part);
-        }
-        return all.empty() ? all : fmt::format(R"({{"nftables":[{}]}})", all);
-    }
+    [[nodiscard]] batch changes() { return std::move(state_.changes); }
 
-    [[nodiscard]] std::function<void(held_tables&)> completion() {
-        return [chains = std::move(after_), gone = std::move(gone_), added = std::move(added_),
-                deleted = std::move(deleted_)](held_tables& held) {
-            for (const auto& [name, rules] : chains) {
-                held.chains[name] = rules;
+    [[nodiscard]] std::function<void(held_tables&, const std::vector<u64>&)> completion() {
+        return [chains = std::move(state_.after), gone = std::move(state_.gone), added = std::move(added_),
+                deleted = std::move(deleted_)](held_tables& held, const std::vector<u64>& handles) mutable {
+            for (auto& [name, rules] : chains) {
+                for (held_rule& rule : rules) {
+                    take_handles(rule, handles);
+                }
+                held.chains[name] = std::move(rules);
             }
             for (const chain_name& name : gone) {
                 held.chains.erase(name);
@@ -81,31 +75,20 @@ class planner {
     }
 
   private:
-    static void append(std::string& list, std::string_view command) {
-        if (command.empty()) {
-            return;
+    static void take_handles(held_rule& rule, const std::vector<u64>& handles) {
+        if (rule.added_parts != 0 && rule.added_after + rule.added_parts <= handles.size()) {
+            for (std::size_t part = 0; part < rule.added_parts; ++part) {
+                rule.handles.push_back(handles[rule.added_after + part]);
+            }
         }
-        if (!list.empty()) {
-            list += ',';
-        }
-        list += command;
-    }
-
-    static std::string counter_command(std::string_view what, std::string_view name) {
-        return fmt::format(R"({{"{}":{{"counter":{{"family":"netdev","table":"{}","name":"{}"}}}}}})", what,
-                           table_name, name);
-    }
-
-    static std::string chain_command(std::string_view what, const chain_name& chain, std::string_view hook) {
-        return fmt::format(R"({{"{}":{{"chain":{{{},"name":"{}"{}{}}}}}}})", what, place(chain), chain.name,
-                           hook.empty() ? "" : ",", hook);
+        rule.added_parts = 0;
     }
 
     u32 drop(const chain_name& name) {
         if (held_.chains.contains(name)) {
-            append(rules_, chain_command("flush", name, {}));
-            append(dropped_, chain_command("delete", name, {}));
-            gone_.push_back(name);
+            state_.changes.flush_chain(name);
+            state_.changes.delete_chain(name);
+            state_.gone.push_back(name);
             drop_counters(name);
         }
         return 0;
@@ -120,18 +103,18 @@ class planner {
         for (auto at = held_.counters.lower_bound(acl); at != held_.counters.end() && at->starts_with(acl);
              ++at) {
             if (at->size() == acl.size() || (*at)[acl.size()] == '-') {
-                unneeded_.insert(*at);
+                state_.unneeded.insert(*at);
             }
         }
     }
 
     u32 take(const chain_name& name, const wanted_chain& wanted) {
-        const auto held = held_.chains.find(name);
-        if (!wanted.counter.empty()) {
-            needed_.insert(wanted.counter);
+        if (name.name.starts_with(acl_prefix)) {
+            return list_planner(state_, name, wanted).run();
         }
+        const auto held = held_.chains.find(name);
         if (held == held_.chains.end()) {
-            append(chains_, chain_command("add", name, wanted.hook));
+            state_.changes.add_chain(name, wanted.hook);
             return rewrite(name, {}, wanted, 0, 0);
         }
         const std::size_t shorter = std::min(held->second.size(), wanted.rules.size());
@@ -160,13 +143,13 @@ class planner {
         const std::size_t new_end = wanted.size() - same_after;
         if (old_end == same_before && new_end == same_before) {
             if (held.empty()) {
-                after_[name] = {};
+                state_.after[name] = {};
             }
             return 0;
         }
         const bool all_old = same_before == 0 && same_after == 0;
         if (all_old && !held.empty()) {
-            append(rules_, chain_command("flush", name, {}));
+            state_.changes.flush_chain(name);
         }
         // The handle of the first rule that stays after the new ones.
         const bool before_another = new_end > same_before && same_after > 0;
@@ -182,17 +165,13 @@ class planner {
             if (!all_old) {
                 delete_rule(name, known[i]);
             }
-            if (known[i].identity && known[i].identity->kind == kind_ace) {
-                unneeded_.insert(ace_counter(name.name.substr(acl_prefix.size()), known[i].identity->second,
-                                             known[i].identity->third));
-            }
         }
         for (std::size_t i = same_before; i < new_end; ++i) {
-            add_rule(name, chain, wanted[i], before_another ? known[old_end].handles.front() : 0);
-            after.push_back({wanted[i].identity, {}});
+            after.push_back(
+                state_.add_rule(name, {}, wanted[i], before_another ? known[old_end].handles.front() : 0));
         }
         after.insert(after.end(), known.begin() + static_cast<std::ptrdiff_t>(old_end), known.end());
-        after_[name] = std::move(after);
+        state_.after[name] = std::move(after);
         return 0;
     }
 
@@ -201,53 +180,17 @@ class planner {
         const bool missing = std::any_of(held.begin() + static_cast<std::ptrdiff_t>(begin),
                                          held.begin() + static_cast<std::ptrdiff_t>(end),
                                          [](const held_rule& rule) { return rule.handles.empty(); });
-        return missing ? handles_(name) : 0;
+        return missing ? state_.handles(name) : 0;
     }
 
     void delete_rule(const chain_name& name, const held_rule& rule) {
-        for (const u64 handle : rule.handles) {
-            append(rules_, fmt::format(R"({{"delete":{{"rule":{{{},"chain":"{}","handle":{}}}}}}})",
-                                       place(name), name.name, handle));
+        for (std::size_t part = 0; part < rule.handles.size(); ++part) {
+            state_.changes.delete_rule(name, rule.handles[part]);
         }
     }
 
-    // Before the rule with the handle; 0: at the end.
-    void add_rule(const chain_name& name, const wanted_chain& chain, const wanted_rule& rule, u64 before) {
-        const std::vector<std::string> parts =
-            rule.ace == nullptr ? std::vector{rule.expressions} : expressions_of(chain, rule);
-        for (std::size_t part = 0; part < parts.size(); ++part) {
-            append(rules_,
-                   fmt::format(R"({{"{}":{{"rule":{{{},"chain":"{}"{},"comment":"{}","expr":[{}]}}}}}})",
-                               before == 0 ? "add" : "insert", place(name), name.name,
-                               before == 0 ? std::string() : fmt::format(R"(,"handle":{})", before),
-                               comment_of(rule.identity, part + 1, parts.size()), parts[part]));
-        }
-    }
-
-    std::vector<std::string> expressions_of(const wanted_chain& chain, const wanted_rule& rule) {
-        const std::string counter = ace_counter(chain.counter, rule.identity.second, rule.identity.third);
-        const std::string rest = fmt::format(R"({{"counter":"{}"}},{{"counter":"{}"}},{{"{}":null}})",
-                                             chain.counter, counter, rule.ace->denies() ? "drop" : "return");
-        needed_.insert(counter);
-        std::vector<std::string> all = conditions_of(*rule.ace);
-        for (std::string& conditions : all) {
-            conditions += rest;
-        }
-        return all;
-    }
-
-    held_tables& held_;
-    const handle_fetcher& handles_;
-    std::set<std::string> needed_;
-    std::set<std::string> unneeded_;
-    // In the order of the transaction: what rules use comes first, and goes last.
-    std::string first_;
-    std::string chains_;
-    std::string rules_;
-    std::string dropped_;
-    std::string last_;
-    std::map<chain_name, std::vector<held_rule>> after_;
-    std::vector<chain_name> gone_;
+    const held_tables& held_;
+    plan_state state_;
     std::vector<std::string> added_;
     std::vector<std::string> deleted_;
 };
@@ -271,18 +214,6 @@ bool take_char(std::string_view& text, char wanted) {
 }
 
 }  // namespace
-
-std::string_view name_of(family in) {
-    return in == family::netdev ? "netdev" : "inet";
-}
-
-u64 fingerprint_of(std::string_view text) {
-    u64 hash = 0xCBF29CE484222325;
-    for (const char c : text) {
-        hash = (hash ^ static_cast<u8>(c)) * 0x100000001B3;
-    }
-    return hash;
-}
 
 std::string comment_of(const rule_identity& identity, std::size_t part, std::size_t parts) {
     return fmt::format("{}{} {} {} {} {:016x} {}/{}", identity.kind, comment_version, identity.first,
@@ -310,6 +241,28 @@ std::string ace_counter(std::string_view acl_counter, u32 ace_id, u32 number) {
     return fmt::format("{}-{}.{}", acl_counter, ace_id, number);
 }
 
+chain_name first_of_list(const chain_name& chain) {
+    return {chain.in, chain.name.substr(0, chain.name.find(list_separator))};
+}
+
+held_rule plan_state::add_rule(const chain_name& chain, const std::string& acl_counter,
+                               const wanted_rule& rule, u64 before) {
+    std::vector<expressions> parts = rule.ace == nullptr ? std::vector{rule.what} : conditions_of(*rule.ace);
+    if (rule.ace != nullptr) {
+        const std::string counter = ace_counter(acl_counter, rule.identity.second, rule.identity.third);
+        needed.insert(counter);
+        for (expressions& what : parts) {
+            what.count_in(acl_counter).count_in(counter);
+            rule.ace->denies() ? what.drop() : what.leave_chain();
+        }
+    }
+    held_rule added{rule.identity, {}, changes.added_rules(), parts.size()};
+    for (std::size_t part = 0; part < parts.size(); ++part) {
+        changes.add_rule(chain, before, comment_of(rule.identity, part + 1, parts.size()), parts[part]);
+    }
+    return added;
+}
+
 std::vector<held_rule> group(const std::vector<kernel_rule>& rules) {
     std::vector<held_rule> groups;
     std::size_t next_part = 1;  // of the last group
@@ -326,7 +279,8 @@ std::vector<held_rule> group(const std::vector<kernel_rule>& rules) {
             groups.back().handles.push_back(rule.handle);
         } else {
             const bool begins = fields && fields->part == 1 && fields->parts >= 1;
-            groups.push_back({begins ? std::optional(fields->identity) : std::nullopt, {rule.handle}});
+            groups.push_back({begins ? std::optional(fields->identity) : std::nullopt, {}, 0, 0});
+            groups.back().handles.push_back(rule.handle);
             parts = begins ? fields->parts : 1;
             next_part = 1;
         }
@@ -339,10 +293,10 @@ std::vector<held_rule> group(const std::vector<kernel_rule>& rules) {
 }
 
 u32 plan(const change_request& request, held_tables& held, const handle_fetcher& handles, transaction& out) {
-    planner work(held, handles);
+    planner work(held, handles, request.list_chain);
     const u32 error = work.run(request);
     if (error == 0) {
-        out.commands = work.commands();
+        out.changes = work.changes();
         out.done = work.completion();
     }
     return error;

@@ -62,6 +62,9 @@ bool lies_on(const scc_acl_apply_record& record, const packet_path& path) {
     return path.egress_ifx != 0 && (ifx == 0 || ifx == path.egress_ifx);
 }
 
+const touched_aces no_aces{false, {}};
+const touched_aces all_aces{true, {}};
+
 bool is_positive(u32 number) {
     return static_cast<i32>(number) > 0;
 }
@@ -117,12 +120,12 @@ acl_table::application* acl_table::find_application(acl_entry& acl, const scc_ac
 }
 
 template <class Undo>
-void acl_table::changed(const scc_acl_key& key, Undo undo) {
+void acl_table::changed(const scc_acl_key& key, const touched_aces& touched, Undo undo) {
     if (!undo_.recording()) {
         return;
     }
     const acl_name name(key);
-    notes_.acls.insert(name);
+    notes_.acls[name].add(touched);
     undo_.note([this, name, undo] { undo(acls_.at(name)); });
 }
 
@@ -150,10 +153,10 @@ u32 acl_table::create(const scc_acl_key& key) {
     entry->second.key = key;
     entry->second.stale = false;
     if (is_new && undo_.recording()) {
-        notes_.acls.insert(name);
+        notes_.acls[name].add(all_aces);
         undo_.note([this, name] { acls_.erase(name); });
     } else {
-        changed(key, [](acl_entry& created) { created.stale = true; });
+        changed(key, all_aces, [](acl_entry& created) { created.stale = true; });
     }
     return 0;
 }
@@ -170,7 +173,7 @@ u32 acl_table::remove(const scc_acl_key& key) {
     const auto removed = std::make_shared<decltype(acls_)::node_type>(acls_.extract(name));
     if (undo_.recording()) {
         released_.push_back({name, removed->mapped().number});
-        notes_.acls.insert(name);
+        notes_.acls[name].add(all_aces);
         undo_.note([this, removed] {
             acls_.insert(std::move(*removed));
             released_.pop_back();
@@ -192,7 +195,7 @@ u32 acl_table::add_ace(const scc_acl_key& key, const scc_ace_record& record) {
         ace = acl->aces.emplace(record.sn, ace_entry{});
         ace->second.number = free_number(*acl, record.ace_id);
         acl->counters.insert({record.ace_id, ace->second.number});
-        changed(key, [sn = record.sn, id = record.ace_id](acl_entry& changed_acl) {
+        changed(key, {false, {record.sn}}, [sn = record.sn, id = record.ace_id](acl_entry& changed_acl) {
             scc_ace_record added{};
             added.sn = sn;
             added.ace_id = id;
@@ -201,7 +204,7 @@ u32 acl_table::add_ace(const scc_acl_key& key, const scc_ace_record& record) {
             changed_acl.aces.erase(found);
         });
     } else {
-        changed(key, [before = ace->second](acl_entry& changed_acl) {
+        changed(key, {false, {record.sn}}, [before = ace->second](acl_entry& changed_acl) {
             find_ace(changed_acl.aces, before.record)->second = before;
         });
     }
@@ -232,7 +235,7 @@ u32 acl_table::delete_ace(const scc_acl_key& key, const scc_ace_record& record) 
     const auto next = std::next(ace);
     const auto following = next == acl->aces.end() ? std::nullopt : std::optional(next->second.record);
     const auto deleted = std::make_shared<ace_list::node_type>(acl->aces.extract(ace));
-    changed(key, [this, following, deleted](acl_entry& changed_acl) {
+    changed(key, {false, {record.sn}}, [this, following, deleted](acl_entry& changed_acl) {
         const auto place = following ? find_ace(changed_acl.aces, *following) : changed_acl.aces.end();
         released_.pop_back();
         changed_acl.aces.insert(place, std::move(*deleted));
@@ -268,13 +271,13 @@ u32 acl_table::apply(const scc_acl_apply_record& record) {
     application* entry = find_application(*acl, record);
     if (entry == nullptr) {
         acl->applications.push_back({record, false});
-        changed(record.key, [](acl_entry& changed_acl) { changed_acl.applications.pop_back(); });
+        changed(record.key, no_aces, [](acl_entry& changed_acl) { changed_acl.applications.pop_back(); });
         return 0;
     }
     if (!entry->stale) {
         return SCC_E_APPLIED_ALREADY;
     }
-    changed(record.key, [before = *entry](acl_entry& changed_acl) {
+    changed(record.key, no_aces, [before = *entry](acl_entry& changed_acl) {
         *find_application(changed_acl, before.record) = before;
     });
     *entry = {record, false};
@@ -292,7 +295,7 @@ u32 acl_table::unapply(const scc_acl_apply_record& record) {
     }
     notes_.applications = true;
     const auto place = entry - acl->applications.data();
-    changed(record.key, [before = *entry, place](acl_entry& changed_acl) {
+    changed(record.key, no_aces, [before = *entry, place](acl_entry& changed_acl) {
         changed_acl.applications.insert(changed_acl.applications.begin() + place, before);
     });
     acl->applications.erase(acl->applications.begin() + place);
@@ -347,7 +350,7 @@ void acl_table::note_order(const acl_entry& acl) {
     for (const auto& [sn, ace] : acl.aces) {
         order.emplace_back(sn, ace.record.ace_id, ace.number);
     }
-    changed(acl.key, [order](acl_entry& changed_acl) {
+    changed(acl.key, all_aces, [order](acl_entry& changed_acl) {
         std::map<std::pair<u32, u32>, ace_list::node_type> nodes;
         while (!changed_acl.aces.empty()) {
             auto node = changed_acl.aces.extract(changed_acl.aces.begin());
@@ -464,7 +467,7 @@ void acl_table::begin_recovery() {
 
 void acl_table::end_recovery() {
     for (auto& [name, acl] : acls_) {
-        notes_.acls.insert(name);
+        notes_.acls[name].add(all_aces);
         acl.drop_stale();
     }
     std::erase_if(acls_, [](const auto& acl) { return acl.second.stale; });

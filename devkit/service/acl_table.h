@@ -68,6 +68,17 @@ class counter_source {
     [[nodiscard]] virtual u32 reset(const counter_name& name) = 0;
 };
 
+// Which ACEs of an ACL were changed.
+struct touched_aces {
+    bool all = false;
+    std::set<u32> numbers;  // sequence numbers, unless all
+
+    void add(const touched_aces& more) {
+        all = all || more.all;
+        numbers.insert(more.numbers.begin(), more.numbers.end());
+    }
+};
+
 struct acl_counters {
     scc_acl_key key{};
     std::vector<scc_ace_counter> aces;
@@ -149,7 +160,7 @@ class acl_table {
     void confirm();
     // What was changed since the last call, also if it was taken back.
     struct change_notes {
-        std::set<acl_name> acls;
+        std::map<acl_name, touched_aces> acls;
         bool applications = false;  // ACLs were applied or unapplied somewhere
         // What was added, in its latest state; not to be used after the next change.
         std::vector<const ace_entry*> aces;
@@ -180,7 +191,7 @@ class acl_table {
     static void count_first_match(acl_entry& acl, const packet& packet, verdict& result);
     // Notes what takes the latest change of an ACL back; the undo gets the ACL.
     template <class Undo>
-    void changed(const scc_acl_key& key, Undo undo);
+    void changed(const scc_acl_key& key, const touched_aces& touched, Undo undo);
     [[nodiscard]] static u32 free_number(const acl_entry& acl, u32 ace_id);
     // Gives every ACE the sequence number that the function returns; those that share one keep their order.
     template <class NumberOf>

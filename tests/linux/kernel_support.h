@@ -13,11 +13,14 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <future>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ace/ace_text.h"
@@ -38,6 +41,42 @@ inline void command(const std::string& text) {
     ASSERT_EQ(std::system(text.c_str()), 0) << text;
 }
 
+// What a command prints.
+inline std::string output_of(const std::string& text) {
+    std::string output;
+    std::FILE* const pipe = ::popen(text.c_str(), "r");
+    for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) {
+        output += static_cast<char>(c);
+    }
+    ::pclose(pipe);
+    return output;
+}
+
+// Returns when the bridge forwards what the port gets, in both directions. A thread of the kernel sees to
+// that some time after the port and its other end are up; until then the bridge neither learns nor forwards,
+// and drops frames without a trace.
+inline void wait_until_forwarding(const std::string& port) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const auto forwards = [&port] {
+        const std::string link = output_of("ip -d -o link show dev " + port);
+        return link.find("state UP") != std::string::npos &&
+               link.find("bridge_slave state forwarding") != std::string::npos;
+    };
+    while (!forwards()) {
+        ASSERT_LT(std::chrono::steady_clock::now(), end) << port << " does not forward";
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+// Frames that one processor sends one after the other are also delivered in that order, and have been counted
+// when a later one arrives. For this thread, and for all that it starts from now on.
+inline void stay_on_one_processor() {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(static_cast<unsigned>(sched_getcpu()), &one);
+    ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+}
+
 // A bridge with the ports a0, b0 and c0, whose other ends are a1, b1 and c1. No frame goes but those that a
 // test sends.
 inline void make_bridge() {
@@ -49,6 +88,9 @@ inline void make_bridge() {
         command("ip link add " + port + "0 type veth peer name " + port + "1" + silence(port + "0") +
                 silence(port + "1") + " && ip link set " + port + "0 master br0 up && ip link set " + port +
                 "1 up");
+    }
+    for (const std::string port : {"a0", "b0", "c0"}) {
+        wait_until_forwarding(port);
     }
 }
 
@@ -77,7 +119,8 @@ inline scc_acl_apply_record application_of(u32 acl_id, u32 ifx, u32 direction = 
 class raw_socket {
   public:
     explicit raw_socket(const std::string& interface) {
-        descriptor_ = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL));
+        // Without a protocol it receives nothing before it is bound, when it would hear all interfaces.
+        descriptor_ = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
         sockaddr_ll address{};
         address.sll_family = AF_PACKET;
         address.sll_protocol = htons(ETH_P_ALL);
@@ -145,7 +188,8 @@ class raw_socket {
 class back_end_bench {
   public:
     explicit back_end_bench(const std::string& map_text) : back_end_bench(map_text, nullptr) {}
-    back_end_bench(const std::string& map_text, packet_filter* filter) {
+    back_end_bench(const std::string& map_text, packet_filter* filter,
+                   std::size_t list_chain = list_chain_default) {
         std::string error;
         const auto map = parse_interface_map(map_text, error);
         EXPECT_TRUE(map.has_value()) << error;
@@ -156,7 +200,7 @@ class back_end_bench {
         }
         filter_ = filter;
         back_end_ = std::make_unique<kernel_back_end>(
-            table_, *map, *filter, [this](const std::string& line) { log_.push_back(line); });
+            table_, *map, *filter, [this](const std::string& line) { log_.push_back(line); }, list_chain);
         EXPECT_EQ(back_end_->start(), 0u);
     }
 

@@ -51,11 +51,7 @@ verdicts read_verdicts() {
 class Verdicts : public ::testing::Test {
   protected:
     void prepare() {
-        // Frames that one processor sends in turn are delivered in turn.
-        cpu_set_t one;
-        CPU_ZERO(&one);
-        CPU_SET(static_cast<unsigned>(sched_getcpu()), &one);
-        ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+        stay_on_one_processor();
         make_bridge();
     }
 
@@ -144,6 +140,51 @@ TEST_F(Verdicts, FirstMatchingAceDecidesAndCounts) {
               0u);
     EXPECT_EQ(bench.packets_of(1, 10), 0u);
     EXPECT_EQ(bench.packets_of(1), 2u);
+}
+
+TEST_F(Verdicts, AListInManyChainsActsAsOne) {
+    NEED_A_NAMESPACE();
+    prepare();
+    back_end_bench bench(map_text, nullptr, 2);
+    bench.recover_nothing();
+    EXPECT_EQ(bench.create(1), 0u);
+    EXPECT_EQ(bench.create(2), 0u);
+    // Of twenty stations every other one is denied; 9 is permitted first, and 10 denied by the next ACL
+    // alone.
+    const auto station = [](u32 number) {
+        return (number < 10 ? "02:00:00:00:01:0" : "02:00:00:00:01:") + std::to_string(number);
+    };
+    for (u32 number = 1; number <= 20; ++number) {
+        const std::string sn = std::to_string(number);
+        EXPECT_EQ(
+            bench.add(1, sn + (number % 2 == 0 ? " permit" : " deny") + " ether src-mac " + station(number)),
+            0u);
+    }
+    EXPECT_EQ(bench.add(1, "3 permit ether src-mac " + station(9) + " id 100"), 0u);
+    EXPECT_EQ(bench.add(2, "1 deny ether src-mac " + station(10)), 0u);
+    EXPECT_EQ(bench.apply(1, 1), 0u);
+    EXPECT_EQ(bench.apply(2, 1), 0u);
+    const raw_socket in("a1");
+    const raw_socket out("b1");
+    frame_bytes frame = {2, 0, 0, 0, 0, 9, 2, 0, 0, 0, 1, 0, 0x88, 0xB5, 1, 1};
+    std::vector<unsigned> arrived;
+    for (unsigned number = 1; number <= 21; ++number) {
+        frame[11] = static_cast<u8>(number / 10 * 16 + number % 10);
+        in.send(frame);
+    }
+    for (frame_bytes next = out.receive(20'000); !next.empty(); next = out.receive(20'000)) {
+        arrived.push_back(next[11] / 16u * 10u + next[11] % 16u);
+        if (arrived.back() == 21) {
+            break;
+        }
+    }
+    EXPECT_EQ(arrived, (std::vector<unsigned>{2, 4, 6, 8, 9, 12, 14, 16, 18, 20, 21}));
+    for (u32 number = 1; number <= 20; ++number) {
+        EXPECT_EQ(bench.packets_of(1, number), number == 9 ? 0u : 1u) << number;
+    }
+    EXPECT_EQ(bench.packets_of(1, 100), 1u);
+    EXPECT_EQ(bench.packets_of(1), 20u);
+    EXPECT_EQ(bench.packets_of(2), 1u);
 }
 
 TEST_F(Verdicts, AClosedInterfaceAdmitsItsUsersAlone) {

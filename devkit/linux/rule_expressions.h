@@ -1,4 +1,4 @@
-// The conditions of an ACE's rule as nftables' JSON. Pure; any thread.
+// The conditions of an ACE's rule as the kernel's expressions. Pure; any thread.
 //
 // What the kernel sees differs from the wire in one way: an outer tag is taken off before the rules see the
 // frame and is kept beside it, so that protocol and addresses of frames with one tag are compared like those
@@ -7,10 +7,10 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "ace/ace_layout.h"
+#include "linux/expressions.h"
 
 namespace scc::kernel {
 
@@ -18,17 +18,16 @@ namespace scc::kernel {
 [[nodiscard]] bool is_supported(const ace::rule& rule);
 
 // One list of conditions for each rule that the kernel needs: a packet matches if it meets all conditions of
-// one of them; it never meets those of two. Each list is a sequence of JSON objects, each followed by a
-// comma. The rule must be supported.
-[[nodiscard]] std::vector<std::string> conditions_of(const ace::rule& rule);
+// one of them; it never meets those of two. The rule must be supported.
+[[nodiscard]] std::vector<expressions> conditions_of(const ace::rule& rule);
 
-// Single conditions, each with its comma.
-[[nodiscard]] std::string vlan_condition(std::uint16_t vlan);
-[[nodiscard]] std::string source_mac_condition(const ace::mac_bytes& mac);
-[[nodiscard]] std::string protocol_condition(std::string_view ether_protocol);
-[[nodiscard]] std::string ether_type_condition(std::uint16_t ether_type);
+// Single conditions.
+[[nodiscard]] expressions vlan_condition(u16 vlan);
+[[nodiscard]] expressions source_mac_condition(const ace::mac_bytes& mac);
+// Of the frame, or of its content if it has one tag.
+[[nodiscard]] expressions ether_type_condition(u16 ether_type);
 // Of the sender: an IPv4 or IPv6 packet, or an ARP message of the IPv4 address.
-[[nodiscard]] std::string source_address_condition(bool is_ipv6, const scc_ace_address& address);
-[[nodiscard]] std::string arp_sender_condition(const scc_ace_address& address);
+[[nodiscard]] expressions source_address_condition(bool is_ipv6, const scc_ace_address& address);
+[[nodiscard]] expressions arp_sender_condition(const scc_ace_address& address);
 
 }  // namespace scc::kernel
