@@ -12,11 +12,11 @@ jobs=$(nproc)
 # exported_names: the names that the shared library exports, sorted in the C locale.
 exported_names() { sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map | LC_ALL=C sort; }
 
-# build PRESET [targets...]: configures the preset if necessary, then builds.
+# build PRESET [targets...]: configures the preset if it is new or has changed, then builds.
 build() {
     local preset=$1
     shift
-    if [ ! -f "build/$preset/build.ninja" ]; then
+    if [ ! "build/$preset/build.ninja" -nt CMakePresets.json ]; then
         cmake --preset "$preset" >"/tmp/scclib-configure-$$.log" 2>&1 || {
             cat "/tmp/scclib-configure-$$.log"
             rm -f "/tmp/scclib-configure-$$.log"
