@@ -12,13 +12,19 @@ stage_gcc() { build release; }
 stage_clang() { build clang; }
 stage_header() {
     # Each public header on its own, as C11 and as C++17, with both compilers.
-    local compiler header
+    local compiler header source
     for header in scclib.h scc_records.h; do
         for compiler in gcc clang; do
             echo "#include \"$header\"" | "$compiler" -std=c11 -Wall -Wextra -Wpedantic -Werror -Iinclude -x c -fsyntax-only -
         done
         for compiler in g++ clang++; do
             echo "#include \"$header\"" | "$compiler" -std=c++17 -Wall -Wextra -Wpedantic -Werror -Iinclude -x c++ -fsyntax-only -
+        done
+    done
+    # The examples in C++17, as strictly.
+    for compiler in g++ clang++; do
+        for source in examples/*.cpp; do
+            "$compiler" -std=c++17 -Wall -Wextra -Wpedantic -Wmissing-field-initializers -Werror -Iinclude -fsyntax-only "$source"
         done
     done
     # C programs link the records library, so it must not need the C++ run-time library.
