@@ -57,10 +57,9 @@ stage_install() {
     build release
     scripts/check_install.sh build/release
 }
-stage_packages() {
-    build release
-    scripts/check_packages.sh
-}
+stage_packages() { scripts/check_packages.sh; }
+stage_reproducible() { scripts/check_reproducible.sh; }
+stage_arm64() { scripts/check_arm64.sh; }
 stage_capture() {
     build release
     scripts/check_capture.sh release
@@ -117,8 +116,8 @@ stage_soak() { scripts/soak.sh 0.5; }
 stage_faults() { scripts/faults.sh 800; }
 stage_coverage() { scripts/coverage.sh; }
 
-every_commit=(scripts format gcc clang header binary steps abi man install packages capture metrics complete tidy soak faults asan tsan fuzz)
-every_night=(tidy_devkit coverage clang_asan clang_tsan)
+every_commit=(scripts format gcc clang header binary steps abi man install packages arm64 capture metrics complete tidy soak faults asan tsan fuzz)
+every_night=(reproducible tidy_devkit coverage clang_asan clang_tsan)
 stages=("$@")
 [ $# -gt 0 ] || stages=("${every_commit[@]}")
 [ "$*" != nightly ] || stages=("${every_night[@]}")

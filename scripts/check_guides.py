@@ -17,7 +17,7 @@ import tempfile
 import threading
 import time
 
-DOCS = pathlib.Path(__file__).resolve().parent.parent / "docs"
+ROOT = pathlib.Path(__file__).resolve().parent.parent
 LIMIT_SECONDS = 60
 
 
@@ -32,7 +32,7 @@ class Guide:
         self.name = name
         self.blocks = []  # section, language, text
         section, language, lines = "", None, []
-        for line in (DOCS / name).read_text().splitlines():
+        for line in (ROOT / name).read_text().splitlines():
             if language is None and line.startswith("#"):
                 section = line.lstrip("# ")
             elif language is None and line.startswith("```"):
@@ -131,8 +131,23 @@ class Desk:
         shutil.rmtree("/tmp/scc-try", ignore_errors=True)
 
 
+def readme(desk):
+    guide = Guide("README.md")
+    daemon, program = desk.terminal("daemon's"), desk.terminal("program's")
+    for terminal in (daemon, program):
+        terminal.run("export TMPDIR=/tmp/scc-try\nmkdir -p $TMPDIR\n")
+    (desk.folder / "minimal.c").write_text(guide.block("A minimal application", "c"))
+    program.run("gcc -std=c11 -Wall -Wextra -o minimal minimal.c $(pkg-config --cflags --libs scclib)\n")
+    daemon.type("sccd-dev\n")
+    daemon.wait_for("^sccd-dev: ready$")
+    program.type('stdbuf -oL ./minimal; echo "minimal: $?"\n')
+    program.wait_for("^call 1, interface 7, 1: Success$")
+    program.type("\n")
+    program.wait_for("^minimal: 0$")
+
+
 def first_application(desk):
-    guide = Guide("first-application.md")
+    guide = Guide("docs/first-application.md")
     daemon, program, control = desk.terminal("first"), desk.terminal("second"), desk.terminal("third")
     daemon.type(guide.block("2.", "sh"))
     daemon.shows(guide.block("2.", ""))
@@ -155,13 +170,13 @@ def first_application(desk):
     program.type("\n")
     program.shows(guide.block("8.", ""))
     daemon.stop("sccd-dev")
-    daemon.run("ls /tmp/scc-try/security/scc | wc -l\n")
+    daemon.run("test -z \"$(ls /tmp/scc-try/security/scc)\"\n")
     daemon.run("man scc_addr_learning >/dev/null && man sccd-dev >/dev/null && ls /usr/share/scclib/scenarios/*.json >/dev/null\n")
 
 
 def service_authors(desk):
-    guide = Guide("service-authors.md")
-    prepare = Guide("first-application.md").block("5.", "sh").splitlines()[0] + "\nmkdir -p $TMPDIR\n"
+    guide = Guide("docs/service-authors.md")
+    prepare = Guide("docs/first-application.md").block("5.", "sh").splitlines()[0] + "\nmkdir -p $TMPDIR\n"
     daemon, service, control = desk.terminal("daemon's"), desk.terminal("service's"), desk.terminal("third")
     for terminal in (daemon, service, control):
         terminal.run(prepare)
@@ -189,17 +204,15 @@ def service_authors(desk):
 
 
 def linux_service(desk):
-    guide = Guide("linux-service.md")
+    guide = Guide("docs/linux-service.md")
     shell = desk.terminal("only")
     if subprocess.run(["unshare", "--net", "true"], check=False).returncode != 0:
-        print("left out: linux-service.md needs network namespaces")
+        print("left out: docs/linux-service.md needs network namespaces")
         return
     section = "Five minutes"
     shell.type(guide.block(section, "sh"))
-    shell.run("pwd\n")
     shell.run(guide.block(section, "sh", 1))
-    shell.run(guide.block(section, "sh", 2))
-    shell.wait_for  # the status is that of ping: both were answered
+    shell.run(guide.block(section, "sh", 2))  # the status is that of ping: it was answered
     shell.type(guide.block(section, "sh", 3))
     shell.wait_for("100% packet loss")
     shell.wait_for(r"counter\W+2\b")
@@ -209,7 +222,7 @@ def linux_service(desk):
 
 
 def acl_file(desk):
-    guide = Guide("acl-file.md")
+    guide = Guide("docs/acl-file.md")
     (desk.folder / "FILE").write_text(guide.block("The file of ACLs", ""))
     daemon, control = desk.terminal("daemon's"), desk.terminal("other")
     for terminal in (daemon, control):
@@ -222,39 +235,82 @@ def acl_file(desk):
     control.run("sccctl acl diff FILE\n")
     control.run("sccctl acl list > LIST && sccctl acl diff LIST && sccctl acl diff OUT\n")
     control.run("sed -i 's/gt 1023/gt 2000/' FILE; sccctl acl diff FILE\n", status=1)
-    control.wait_for
     control.run("sccctl acl load --replace FILE && sccctl acl diff FILE\n")
     control.run("sed -i 's/permit ip/permit it/' FILE; sccctl acl load FILE\n", status=2)
 
 
+def like(text):
+    """A pattern for a line that has other times, process ids and lengths of paths."""
+    text = re.sub(r"^\d\d:\d\d:\d\d\.\d+ ", "TIME ", text)
+    text = re.sub(r"^\d{4}-\d\d-\d\dT\S+ ", "DATE ", text)
+    text = re.sub(r"pid: \d+$", "PID", text)
+    text = re.sub(r"value: [0-9a-f]+\.\.\.$", "value: ...", text)  # the pid is in it
+    text = re.escape(text).replace(re.escape("..."), ".*").replace("TIME", r"\d\d:\d\d:\d\d\.\d+")
+    return "^" + text.replace("DATE", r"\d{4}-\d\d-\d\dT\S+").replace("PID", r"pid: \d+") + "$"
+
+
 def watching(desk):
-    guide = Guide("watching.md")
+    guide = Guide("docs/watching.md")
     daemon, control, watcher = desk.terminal("first"), desk.terminal("second"), desk.terminal("third")
     start = guide.block("Watching the daemon", "sh")
-    daemon.type(start)
+    daemon.type(start.replace("--trace", "--trace=full"))
     daemon.wait_for("^sccd-dev: ready$")
     for terminal in (control, watcher):
         terminal.run("".join(start.splitlines(True)[:-1]))
-    watcher.type("(sccctl capture wire.pcapng & " + guide.block("Notifications", "sh").strip() + ")\n")
+    watcher.type("sccctl capture wire.pcapng &\n" + guide.block("Notifications", "sh").replace("sccctl ", "sccctl --app 5 "))
     watcher.wait_for("server-status status=1$")
-    control.run("sccctl --app 19 dirchn-host-set 10.0.0.7 255.255.255.0 --ifx 3 --arp 0 --add 1 || sccctl dirchn-host-set --help\n")
+    control.run("sccctl notify --app 5 station-move permit=1\n")
+    control.run("sccctl notify --app 5 flow ifx=3 vid=10 mac=00:11:22:33:44:55 ip=10.0.0.7 mask=255.255.255.0 first=5 second=6\n")
+    control.run("sccctl notify --app 5 d1x-addr-move ifx=3 vid=10 vid_before=9 vid_after=10 mac=00:11:22:33:44:55\n")
+    control.run("sccctl dirchn-host-set 10.0.0.7 255.255.255.0 off 3 add\n")
+    control.run("sccctl acl create 101\n")
+    watcher.mark = 0
+    for line in guide.block("Notifications", "").splitlines():
+        watcher.wait_for(like(line))
+    daemon.wait_for(like(guide.block("The trace", "", 1).strip()))
+    daemon.stop("sccd-dev")
+    daemon.run("true\n")
+    daemon.type("sccd-dev --trace\n")
+    daemon.wait_for("^sccd-dev: ready$")
+    watcher.wait_for("server-status status=1$")
+    control.run("sccctl dirchn-host-set 10.0.0.7 255.255.255.0 off 3 add\n")
+    for line in guide.block("The trace", "").splitlines():
+        daemon.wait_for(like(line))
+    if subprocess.run(["which", "tshark"], stdout=subprocess.DEVNULL, check=False).returncode == 0:
+        control.run(guide.block("The wire", "sh").splitlines()[1] + "\n")
+        control.mark = 0
+        for line in guide.block("The wire", "").splitlines():
+            control.wait_for(like(line))
+    control.mark = len(control.text)
+    control.run("sccctl top --count 1\n")
+    control.mark = 0
+    control.wait_for("^" + re.escape(guide.block("The clients", "").splitlines()[3]) + "$")
+    control.run("mkdir -p /var/lib/prometheus/node-exporter\n" + guide.block("Metrics", "sh"))
+    control.run("cat /var/lib/prometheus/node-exporter/scc.prom\n")
+    table = (ROOT / "docs/watching.md").read_text()
+    for name in re.findall(r"`(scc_[a-z_]+)`", table[table.index("The samples:") :]):
+        control.mark = 0
+        control.wait_for(f"^# TYPE {name} ")
+    control.mark = 0
+    for line in guide.block("Metrics", "").splitlines():
+        control.wait_for("^" + re.sub(r" \d+$", r" \\d+", re.escape(line).replace(r"\ ", " ")) + "$")
 
 
 def main():
     if os.environ.get("SCC_CLEAN_ROOT") != "1":
         sys.exit("check_guides: run scripts/check_packages.sh, which makes a root for this")
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)
-    guides = {"first-application": first_application, "service-authors": service_authors, "linux-service": linux_service,
-              "acl-file": acl_file, "watching": watching}  # fmt: skip
+    guides = {"README.md": readme, "docs/first-application.md": first_application, "docs/service-authors.md": service_authors,
+              "docs/linux-service.md": linux_service, "docs/acl-file.md": acl_file, "docs/watching.md": watching}  # fmt: skip
     failed = False
     for name in sys.argv[1:] or guides:
         try:
             with Desk() as desk:
                 guides[name](desk)
-            print(f"followed: docs/{name}.md", flush=True)
+            print(f"followed: {name}", flush=True)
         except Failure as failure:
             failed = True
-            print(f"check_guides: docs/{name}.md: {failure}", file=sys.stderr)
+            print(f"check_guides: {name}: {failure}", file=sys.stderr)
     sys.exit(failed)
 
 
