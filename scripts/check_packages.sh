@@ -18,11 +18,11 @@ fail() {
 
 field() { dpkg-deb --field "$work/debs/$1"_*.deb "$2"; }
 
-# files_of PACKAGE: its files, except man pages of functions and what every package has in share/doc. LIB stands for
+# files_of PACKAGE: its files, except man pages of functions, share/doc and lintian's overrides. LIB stands for
 # the processor's library folder.
 files_of() {
     dpkg-deb --contents "$work/debs/$1"_*.deb | awk '!/^d/ {print $6}' | sed "s#^\./##; s#^usr/lib/$triplet/#LIB/#" |
-        grep -vE '/man3/|/share/doc/' | LC_ALL=C sort
+        grep -vE '/man3/|/share/doc/|/lintian/' | LC_ALL=C sort
 }
 
 # expect PACKAGE FILES...: checks that it contains exactly these files.

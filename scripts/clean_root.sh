@@ -40,7 +40,9 @@ inside() {
     mv "$work"/*.deb "$root/var/tmp/"
     quietly chroot "$root" dpkg --install "${packages[@]}"
     chroot "$root" dpkg --listfiles "${names[@]}" | grep -v '^/.$' | sort -u >"$work/files"
-    chroot "$root" env -C "$PWD" -u TMPDIR SCC_CLEAN_ROOT=1 "$@"
+    # Nothing of the caller's environment is an installed system's.
+    chroot "$root" env -i -C "$PWD" HOME=/root LANG=C.UTF-8 PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
+        SCC_CLEAN_ROOT=1 "$@"
     quietly chroot "$root" dpkg --purge "${names[@]}"
     while read -r file; do
         [ -d "$root$file" ] || [ ! -e "$root$file" ] || {
