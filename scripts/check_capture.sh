@@ -3,42 +3,16 @@
 # and the dissector, and compares every name and value with what the daemon's trace and sccctl say.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/daemons.sh
+. scripts/daemons.sh
 
 build=$PWD/build/${1:-release}
 ctl=$build/devkit/ctl/sccctl
-work=$(mktemp -d /tmp/scclib-capture-XXXXXX)
-export TMPDIR=$work/1
-mkdir -p "$TMPDIR"
-running=()
-
-finish() {
-    exec 2>/dev/null # suppresses the shell's messages about killed processes
-    local pid
-    for pid in "${running[@]}"; do kill -9 "$pid" 2>/dev/null || true; done
-    wait 2>/dev/null || true
-    [ -n "${SCC_KEEP:-}" ] || rm -rf "$work"
-}
-trap finish EXIT
-
-fail() {
-    echo "check_capture: $1" >&2
-    exit 1
-}
-
-# wait_for FILE TEXT [COUNT]: waits up to 30 seconds until FILE contains TEXT on that many lines.
-wait_for() {
-    local until=$((SECONDS + 30))
-    until [ -e "$1" ] && [ "$(grep -caF -- "$2" "$1" || true)" -ge "${3:-1}" ]; do
-        [ $SECONDS -lt $until ] || fail "nobody said \"$2\""
-        sleep 0.05
-    done
-}
+make_runtime_directory capture
 
 start_daemon() {
-    "$build/devkit/sccd/sccd-dev" --trace=full --capture "$work/wire.pcapng" >"$work/trace.log" 2>"$work/sccd.err" &
-    daemon=$!
-    running+=("$daemon")
-    wait_for "$work/trace.log" "sccd-dev: ready"
+    start_program trace.log "sccd-dev: ready" "$build/devkit/sccd/sccd-dev" --trace=full --capture "$work/wire.pcapng"
+    daemon=$started
     "$ctl" capture "$work/followed.pcapng" 2>"$work/capture.err" &
     capture=$!
     running+=("$capture")
@@ -46,11 +20,9 @@ start_daemon() {
 }
 
 start_service() {
-    "$build/devkit/service/scc-ss-dev" --pcap "$PWD/tests/devkit/data/flows.pcap" --pcap-on signal --vlan-ifx 0:1 \
-        --vlan-ifx 10:1 --vlan-ifx 20:2 >"$work/service.log" 2>&1 &
-    service=$!
-    running+=("$service")
-    wait_for "$work/service.log" "scc-ss-dev: registered"
+    start_program service.log "scc-ss-dev: registered" "$build/devkit/service/scc-ss-dev" \
+        --pcap "$PWD/tests/devkit/data/flows.pcap" --pcap-on signal --vlan-ifx 0:1 --vlan-ifx 10:1 --vlan-ifx 20:2
+    service=$started
 }
 
 notify_everything() {
@@ -87,9 +59,7 @@ END
 session() {
     printf '01 02 03\n04\n' >"$work/block.hex"
     sed "/^#/d; s|BLOCK|$work/block.hex|" tests/devkit/data/every_command.txt >"$work/lines"
-    "$ctl" watch --app 5 >"$work/watch.log" &
-    running+=("$!")
-    wait_for "$work/watch.log" "server-status status=1"
+    start_program watch.log "server-status status=1" "$ctl" watch --app 5
     "$ctl" shell --json <"$work/lines" >"$work/results.json"
     start_service
     # With the service, and with ACLs and users that are there when a second service comes.
@@ -130,7 +100,7 @@ done
 kill -INT "$capture"
 wait "$capture" || fail "sccctl capture failed: $(cat "$work/capture.err")"
 kill "$daemon"
-wait "$daemon" || fail "the daemon failed: $(cat "$work/sccd.err")"
+wait "$daemon" || fail "the daemon failed"
 
 dissector=$build/devkit/wireshark/scc.lua
 for capture in wire followed; do

@@ -2,35 +2,12 @@
 # check_metrics.sh [PRESET]: promtool reads what sccctl metrics prints, and a parser of OpenMetrics the other format.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/daemons.sh
+. scripts/daemons.sh
 
 build=$PWD/build/${1:-release}
 ctl=$build/devkit/ctl/sccctl
-work=$(mktemp -d /tmp/scclib-metrics-XXXXXX)
-export TMPDIR=$work/1
-mkdir -p "$TMPDIR"
-running=()
-
-finish() {
-    exec 2>/dev/null # suppresses the shell's messages about killed processes
-    local pid
-    for pid in "${running[@]}"; do kill -9 "$pid" 2>/dev/null || true; done
-    wait 2>/dev/null || true
-    rm -rf "$work"
-}
-trap finish EXIT
-
-fail() {
-    echo "check_metrics: $1" >&2
-    exit 1
-}
-
-wait_for() {
-    local until=$((SECONDS + 30))
-    until grep -qF -- "$2" "$1" 2>/dev/null; do
-        [ $SECONDS -lt $until ] || fail "nobody said \"$2\""
-        sleep 0.05
-    done
-}
+make_runtime_directory metrics
 
 # The package prometheus starts a server, so only its checker is taken from it.
 find_promtool() {
@@ -43,15 +20,9 @@ find_promtool() {
 }
 
 promtool=$(find_promtool)
-"$build/devkit/sccd/sccd-dev" >"$work/sccd.log" &
-running+=("$!")
-wait_for "$work/sccd.log" "sccd-dev: ready"
-"$build/devkit/service/scc-ss-dev" >"$work/service.log" &
-running+=("$!")
-wait_for "$work/service.log" "scc-ss-dev: registered"
-"$ctl" watch --app 5 >"$work/watch.log" &
-running+=("$!")
-wait_for "$work/watch.log" "server-status status=1"
+start_program sccd.log "sccd-dev: ready" "$build/devkit/sccd/sccd-dev"
+start_program service.log "scc-ss-dev: registered" "$build/devkit/service/scc-ss-dev"
+start_program watch.log "server-status status=1" "$ctl" watch --app 5
 "$ctl" acl create 101 >/dev/null
 "$ctl" acl delete 102 2>/dev/null && fail "an unknown ACL was deleted"
 

@@ -10,58 +10,19 @@
 # runs the application of the first part.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/daemons.sh
+. scripts/daemons.sh
 
 build=$PWD/build/${SCC_DEMO_BUILD:-release}
 read -ra application <<<"${SCC_DEMO_APP:-$build/examples/demo_app}"
 sccd=$build/devkit/sccd/sccd-dev
 service=$build/devkit/service/scc-ss-dev
 ctl=$build/devkit/ctl/sccctl
-work=$(mktemp -d /tmp/scclib-demo-XXXXXX)
-export TMPDIR=$work/1
-mkdir -p "$TMPDIR"
-running=()
-
-finish() {
-    exec 2>/dev/null  # suppresses the shell's messages about killed processes
-    local pid
-    for pid in "${running[@]}"; do kill -9 "$pid" 2>/dev/null || true; done
-    wait 2>/dev/null || true
-    rm -rf "$work"
-}
-trap finish EXIT
-
-fail() {
-    echo "demo: $1" >&2
-    for log in "$work"/*.log; do
-        echo "--- ${log##*/}" >&2
-        tail -n 20 "$log" >&2
-    done
-    exit 1
-}
-
-# wait_for FILE TEXT [COUNT]: waits up to 30 seconds until FILE contains TEXT on that many lines.
-wait_for() {
-    local until=$((SECONDS + 30))
-    until [ "$(grep -cF -- "$2" "$1" 2>/dev/null || true)" -ge "${3:-1}" ]; do
-        [ $SECONDS -lt $until ] || fail "nobody said \"$2\""
-        sleep 0.05
-    done
-}
+make_runtime_directory demo
 
 start_daemon() {
-    : >"$work/sccd.log"
-    "$sccd" >"$work/sccd.log" 2>&1 &
-    daemon=$!
-    running+=("$daemon")
-    wait_for "$work/sccd.log" "sccd-dev: ready"
-}
-
-# Suppresses the shell's message about a killed process; the transcript mentions it.
-kill_hard() {
-    {
-        kill -9 "$1"
-        wait "$1" || true
-    } 2>/dev/null
+    start_program sccd.log "sccd-dev: ready" "$sccd"
+    daemon=$started
 }
 
 heading() { printf '\n== %s\n' "$1"; }
@@ -69,10 +30,8 @@ heading() { printf '\n== %s\n' "$1"; }
 one_application() {
     heading "1. An application, and a daemon that dies"
     start_daemon
-    "${application[@]}" >"$work/app.log" 2>&1 &
-    local app=$!
-    running+=("$app")
-    wait_for "$work/app.log" "waiting for notifications"
+    start_program app.log "waiting for notifications" "${application[@]}"
+    local app=$started
     "$ctl" notify --app 5 station-move permit=1 >/dev/null
     "$ctl" notify --app 5 authmode mode=3 >/dev/null
     wait_for "$work/app.log" "notifications received"
@@ -126,12 +85,9 @@ COMMANDS
 }
 
 start_service() {
-    : >"$work/service.log"
-    "$service" --pcap "$PWD/tests/devkit/data/flows.pcap" --pcap-on signal --vlan-ifx 0:1 --vlan-ifx 10:1 \
-        --vlan-ifx 20:2 >"$work/service.log" 2>&1 &
-    security=$!
-    running+=("$security")
-    wait_for "$work/service.log" "scc-ss-dev: registered"
+    start_program service.log "scc-ss-dev: registered" "$service" --pcap "$PWD/tests/devkit/data/flows.pcap" \
+        --pcap-on signal --vlan-ifx 0:1 --vlan-ifx 10:1 --vlan-ifx 20:2
+    security=$started
 }
 
 # The value of "counter" in the output of sccctl.

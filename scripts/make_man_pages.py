@@ -377,15 +377,21 @@ class Manual:
 
     # ---- section 7 --------------------------------------------------------------------------------
 
-    def overview(self):
-        page = Page("scclib", 7, self.header)
+    def begin_overview(self, summary, said):
+        name = self.include.removesuffix(".h")
+        page = Page(name, 7, self.header)
         page.heading("NAME")
-        page.name_line("the client library of the security-control daemon")
+        page.name_line(summary)
         page.heading("SYNOPSIS")
-        page.lines.append(".B #include <scclib.h>")
-        page.lines += [".PP", "cc \\fIfile.c\\fP $(pkg\\-config \\-\\-cflags \\-\\-libs scclib)"]
+        page.lines.append(f".B #include <{self.include}>")
+        page.lines += [".PP", f"cc \\fIfile.c\\fP $(pkg\\-config \\-\\-cflags \\-\\-libs {name})"]
         page.heading("DESCRIPTION")
-        page.text("This is " + re.sub(r"^scclib: ", "", self.header.head[0]))
+        page.text(said)
+        return page
+
+    def overview(self):
+        page = self.begin_overview("the client library of the security-control daemon",
+                                   re.sub(r"^scclib: ", "This is ", self.header.head[0]))
         for paragraph in self.header.head[1:]:
             self.head_paragraph(page, paragraph)
         self.codes(page)
@@ -500,14 +506,8 @@ class RecordsManual(Manual):
         return [".BR scc_records (7),", ".BR scclib (7)"]
 
     def overview(self):
-        page = Page("scc_records", 7, self.header)
-        page.heading("NAME")
-        page.name_line("the contents of the records that scclib passes on unread")
-        page.heading("SYNOPSIS")
-        page.lines.append(".B #include <scc_records.h>")
-        page.lines += [".PP", "cc \\fIfile.c\\fP $(pkg\\-config \\-\\-cflags \\-\\-libs scc_records)"]
-        page.heading("DESCRIPTION")
-        page.text(re.sub(r"^scc_records: ", "These are ", self.header.head[0]))
+        page = self.begin_overview("the contents of the records that scclib passes on unread",
+                                   re.sub(r"^scc_records: ", "These are ", self.header.head[0]))
         for paragraph in self.header.head[1:]:
             if paragraph == "The text of an ACE":
                 page.subheading(paragraph)

@@ -5,23 +5,9 @@
 
 #include <algorithm>
 
+#include "records/hex_digit.h"
+
 namespace scc::devkit {
-namespace {
-
-int hex_digit(char letter) {
-    if (letter >= '0' && letter <= '9') {
-        return letter - '0';
-    }
-    if (letter >= 'a' && letter <= 'f') {
-        return letter - 'a' + 10;
-    }
-    if (letter >= 'A' && letter <= 'F') {
-        return letter - 'A' + 10;
-    }
-    return -1;
-}
-
-}  // namespace
 
 void copy_at(byte_buffer& bytes, std::size_t offset, byte_view source) {
     if (source.empty() || !holds(bytes, offset, source.size())) {
@@ -91,7 +77,7 @@ std::optional<byte_buffer> parse_hex(std::string_view text) {
         if (letter == ' ' && high < 0) {
             continue;
         }
-        const int digit = hex_digit(letter);
+        const int digit = records::hex_digit(letter);
         if (digit < 0) {
             return std::nullopt;
         }

@@ -1,5 +1,5 @@
-// The layouts of the message values, as data: every field with its name, offset and kind. Included by
-// messages.cpp alone.
+// The layouts of the message values, as data: every field with its name, offset and kind. Included by the
+// tables that are made of them: messages.cpp and the settings of sccd-dev.
 #pragma once
 
 #include <array>

@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -316,7 +318,7 @@ int save_acl_file(const std::string& name, session& within, const output_options
     std::ofstream stream(name);
     stream << print_acl_file(file) << std::flush;
     if (!stream) {
-        print_problem("acl save", name + " cannot be written", output);
+        print_problem("acl save", fmt::format("{}: {}", name, std::strerror(errno)), output);
         return exit_refused;
     }
     print(output.as_json ? json{{"command", "acl save"}, {"file", name}, {"acls", file.acls.size()}}

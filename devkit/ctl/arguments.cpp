@@ -209,50 +209,40 @@ std::string address16_text(const byte_buffer& bytes) {
     return text;
 }
 
+template <class Value>
+argument with(argument changed, Value argument::*member, Value value) {
+    changed.*member = value;
+    return changed;
+}
+
 }  // namespace
 
 argument argument::within(std::uint64_t low, std::uint64_t high) const {
-    argument changed = *this;
-    changed.min = low;
-    changed.max = high;
-    return changed;
+    return with(with(*this, &argument::min, low), &argument::max, high);
 }
 
 argument argument::as(value_type other) const {
-    argument changed = *this;
-    changed.type = other;
-    return changed;
+    return with(*this, &argument::type, other);
 }
 
 argument argument::as(presence other) const {
-    argument changed = *this;
-    changed.given = other;
-    return changed;
+    return with(*this, &argument::given, other);
 }
 
 argument argument::from(std::uint64_t value) const {
-    argument changed = *this;
-    changed.initial = value;
-    return changed;
+    return with(*this, &argument::initial, value);
 }
 
 argument argument::at(int record_number, std::size_t field_offset) const {
-    argument changed = *this;
-    changed.record = record_number;
-    changed.offset = field_offset;
-    return changed;
+    return with(with(*this, &argument::record, record_number), &argument::offset, field_offset);
 }
 
 argument argument::flagging(std::uint32_t bits) const {
-    argument changed = *this;
-    changed.flags = bits;
-    return changed;
+    return with(*this, &argument::flags, bits);
 }
 
 argument argument::named(devkit::value_names given_names) const {
-    argument changed = *this;
-    changed.names = given_names;
-    return changed;
+    return with(*this, &argument::names, given_names);
 }
 
 std::vector<std::string> names_of(const argument& what) {

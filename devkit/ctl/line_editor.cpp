@@ -108,6 +108,17 @@ struct line_editor::state {
         return all;
     }
 
+    const char* edited_line(int& count) {
+        int edits = 0;  // ~/.editrc may switch editing off
+        el_get(editor, EL_EDITMODE, &edits);
+        // Before the prompt, and not with the first key: the terminal itself would take a Ctrl-D typed in
+        // between.
+        el_set(editor, EL_PREP_TERM, edits);
+        const char* const text = el_gets(editor, &count);
+        el_set(editor, EL_PREP_TERM, 0);
+        return text;
+    }
+
     unsigned char complete_line() {
         const LineInfo* const info = el_line(editor);
         const auto words =
@@ -173,10 +184,11 @@ line_editor::~line_editor() {
 
 line_state line_editor::read(std::string& line) {
     int count = 0;
-    // Before the prompt, and not with the first key: the terminal itself would take a Ctrl-D typed in
-    // between.
-    el_set(state_->editor, EL_PREP_TERM, 1);
-    const char* const text = el_gets(state_->editor, &count);
+    const char* const text = state_->edited_line(count);
+    if (terminated()) {
+        std::fputc('\n', stderr);
+        return line_state::end;
+    }
     if (interrupted()) {
         forget_interrupt();
         el_reset(state_->editor);

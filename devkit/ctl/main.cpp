@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/standard_output.h"
 #include "program.h"
 
 int main(int argc, char** argv) try {
@@ -18,7 +19,7 @@ int main(int argc, char** argv) try {
     } else {
         status = scc::ctl::run_command_line(words, within);
     }
-    const bool written = scc::ctl::end_output() == 0;
+    const bool written = scc::devkit::end_output("sccctl");
     return written || status != 0 ? status : scc::ctl::exit_refused;
 } catch (const std::exception& problem) {
     std::fprintf(stderr, "sccctl: %s\n", problem.what());

@@ -4,23 +4,21 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <iterator>
 
+#include "common/standard_output.h"
 #include "scclib.h"
 
 namespace scc::ctl {
 namespace {
 
-int output_error = 0;  // of the first write that failed
-
 void write(std::FILE* to, std::string_view text) {
-    std::fwrite(text.data(), 1, text.size(), to);
-    std::fputc('\n', to);
-    if (std::fflush(to) != 0 && to == stdout && output_error == 0) {
-        output_error = errno;
+    const std::string line = std::string(text) + '\n';
+    if (to == stdout) {
+        devkit::print_output(line);
+    } else {
+        std::fwrite(line.data(), 1, line.size(), to);
     }
 }
 
@@ -177,24 +175,6 @@ std::string outcome_text(const outcome& shown_outcome, const output_options& opt
 
 void print_text(std::string_view text) {
     write(stdout, text);
-}
-
-int end_output() {
-    if (std::fflush(stdout) != 0 && output_error == 0) {
-        output_error = errno;
-    }
-    // What the parser printed itself, such as the help.
-    if (std::ferror(stdout) != 0 && output_error == 0) {
-        output_error = EIO;
-    }
-    if (output_error != 0) {
-        std::fprintf(stderr, "sccctl: standard output: %s\n", std::strerror(output_error));
-    }
-    return output_error;
-}
-
-bool output_failed() {
-    return output_error != 0;
 }
 
 void print(const outcome& shown_outcome, const output_options& options) {

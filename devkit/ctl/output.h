@@ -20,11 +20,6 @@ void print(const outcome& shown, const output_options& options);
 // Prints any JSON value: as one line of JSON, or as indented names and values.
 void print(const json& value, const output_options& options);
 void print_text(std::string_view text);
-// Whether something could not be written to standard output.
-[[nodiscard]] bool output_failed();
-// Ends the output. If something could not be written, tells why on standard error and returns the errno
-// value.
-[[nodiscard]] int end_output();
 void print_problem(std::string_view command, std::string_view problem, const output_options& options);
 
 }  // namespace scc::ctl

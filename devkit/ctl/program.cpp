@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <deque>
 
 #include "common/bytes.h"
-#include "common/control.h"
 #include "suggestion.h"
 
 namespace scc::ctl {
@@ -46,20 +46,9 @@ struct bound_command {
     bool reset = false;
 };
 
-struct own_options {
-    std::string file;
-    double seconds = 0;
-    std::uint64_t count = 0;
-    watch_options watch;
-    std::vector<std::string> where;
-    top_options top;
-    std::string format = "prometheus";
-};
-
 struct built {
     CLI::App app{"Talk to the security-control daemon: one command for every request and query.", "sccctl"};
     std::deque<bound_command> rows;  // a deque keeps addresses valid
-    own_options own;
     choice_map choices;
     std::function<int()> action;
     bool list = false;
@@ -75,21 +64,6 @@ std::vector<std::string> split(std::string_view name) {
         begin = end + 1;
     }
     return words;
-}
-
-constexpr double seconds_max = 86400;
-constexpr double count_max = 1e15;  // a double represents every integer up to here
-
-// A number in plain digits: neither "nan" nor "-1" is accepted.
-CLI::Validator within_limits(double min, double max) {
-    const auto problem = [min, max](const std::string& text) -> std::string {
-        double value = 0;
-        if (CLI::detail::lexical_cast(text, value) && value >= min && value <= max) {
-            return {};
-        }
-        return fmt::format("'{}' is not a number from {} to {:.0f}", text, min, max);
-    };
-    return CLI::Validator(problem, fmt::format("in [{} - {:.0f}]", min, max), "limits");
 }
 
 std::string_view group_of(const command& row) {
@@ -297,129 +271,14 @@ int run_row(const bound_command& bound, context& within) {
     return with_session(within, row.name, [&](session& registered) { return finish(&registered); });
 }
 
-// "90", "90s", "5m" or "1h".
-CLI::Validator duration() {
-    const auto to_seconds = [](std::string& text) -> std::string {
-        constexpr std::array<std::pair<char, double>, 3> units{{{'s', 1}, {'m', 60}, {'h', 3600}}};
-        std::string digits = text;
-        double unit = 1;
-        for (const auto& [letter, seconds] : units) {
-            if (!digits.empty() && digits.back() == letter) {
-                digits.pop_back();
-                unit = seconds;
-                break;
-            }
-        }
-        double value = 0;
-        if (!CLI::detail::lexical_cast(digits, value) || !(value >= 0) || value * unit > seconds_max) {
-            return fmt::format("'{}' is not a time up to a day, as in 90, 90s, 5m or 1h", text);
-        }
-        text = fmt::format("{}", value * unit);
-        return {};
-    };
-    return {to_seconds, "TIME", "duration"};
-}
-
-std::vector<std::pair<std::string, std::string>> fields_of_words(const std::vector<std::string>& words) {
-    std::vector<std::pair<std::string, std::string>> fields;
-    for (const std::string& each : words) {
-        const auto equals = each.find('=');
-        if (equals == std::string::npos || equals == 0) {
-            throw usage_error(fmt::format("where: '{}' is not FIELD=VALUE", each));
-        }
-        fields.emplace_back(each.substr(0, equals), each.substr(equals + 1));
-    }
-    return fields;
-}
-
-void add_limits(built& into, CLI::App& app) {
-    app.add_option("--seconds,--duration", into.own.seconds,
-                   "stop after this time (90, 90s, 5m, 1h), 0 for never")
-        ->transform(duration())
-        ->type_name("TIME");
-    app.add_option("--count", into.own.count, "stop after this many, 0 for never")
-        ->check(within_limits(0, count_max));
-}
-
-void add_watch(built& into, context& within) {
-    CLI::App& app = place(into.app, "watch", "print notifications as they arrive", "Tool");
-    add_limits(into, app);
-    app.add_flag("--times", into.own.watch.times, "begin each line with the time");
-    const std::vector<std::string> names(devkit::control::notifications.begin(),
-                                         devkit::control::notifications.end());
-    CLI::Option* const only =
-        app.add_option("--only", into.own.watch.only, "show these notifications alone")->delimiter(',');
-    only->type_name("NAME,...")->expected(1)->take_all()->check([names](const std::string& name) {
-        const bool known = std::find(names.begin(), names.end(), name) != names.end();
-        return known ? std::string() : fmt::format("no notification '{}'{}", name, did_you_mean(name, names));
-    });
-    into.choices[only] = names;
-    app.add_option("--where", into.own.where, "show those with this field alone, may be repeated")
-        ->type_name("FIELD=VALUE")
-        ->expected(1)
-        ->take_all();
-    app.footer("Example: sccctl watch --times --only flow,user-change --where ifx=3 --duration 5m");
-    app.callback([&] {
-        into.action = [&] {
-            into.own.watch.seconds = into.own.seconds;
-            into.own.watch.count = into.own.count;
-            into.own.watch.where = fields_of_words(into.own.where);
-            return run_watch(within, into.own.watch);
-        };
-    });
-}
-
-void add_top(built& into, context& within) {
-    constexpr double shortest_seconds = 0.1;
-    CLI::App& app = place(into.app, "top", "show the clients with their rates, refreshed in place", "Tool");
-    app.add_option("--interval", into.own.top.interval_seconds, "seconds between two tables")
-        ->check(within_limits(shortest_seconds, seconds_max))
-        ->capture_default_str();
-    app.add_option("--count", into.own.top.count, "stop after this many tables, 0 for never")
-        ->check(within_limits(0, count_max));
-    app.callback([&] { into.action = [&] { return run_top(within, into.own.top); }; });
-}
-
-void add_metrics(built& into, context& within) {
-    CLI::App& app = place(into.app, "metrics", "print the counters of the daemon and its clients", "Tool");
-    app.add_option("--output", into.own.file, "replace this file at once instead")->type_name("FILE");
-    CLI::Option* const format = app.add_option("--format", into.own.format,
-                                               "prometheus, as node_exporter's text files, or openmetrics")
-                                    ->check(CLI::IsMember({"prometheus", "openmetrics"}))
-                                    ->capture_default_str();
-    into.choices[format] = {"prometheus", "openmetrics"};
-    app.footer("Example: sccctl metrics --output /var/lib/prometheus/node-exporter/scc.prom");
-    app.callback([&] {
-        into.action = [&] {
-            const bool open = into.own.format == "openmetrics";
-            return run_metrics(within, into.own.file,
-                               open ? metrics_format::open_metrics : metrics_format::prometheus);
-        };
-    });
-}
-
-void add_capture(built& into, context& within) {
-    CLI::App& app =
-        place(into.app, "capture", "write what the daemon sends and receives to a pcapng file", "Tool");
-    app.add_option("file", into.own.file, "the file, - for standard output")->required()->type_name("FILE");
-    add_limits(into, app);
-    app.footer("Example: sccctl capture wire.pcapng --duration 30s");
-    app.callback([&] {
-        into.action = [&] { return run_capture(within, into.own.file, into.own.seconds, into.own.count); };
-    });
-}
-
 void add_own_commands(built& into, context& within) {
     add_acl_commands(into.app, within, into.action);
     if (within.shared == nullptr) {
         CLI::App& shell =
             place(into.app, "shell", "read commands from standard input, with one registration", "Tool");
         shell.callback([&] { into.action = [&] { return run_shell(within); }; });
-        add_watch(into, within);
     }
-    add_top(into, within);
-    add_metrics(into, within);
-    add_capture(into, within);
+    add_tool_commands(into.app, within, into.choices, into.action);
     add_control_commands(into.app, within, into.choices, into.action);
 }
 
@@ -546,6 +405,17 @@ void list_below(const CLI::App& app, const std::string& path, std::string& text)
 }
 
 }  // namespace
+
+CLI::Validator within_limits(double min, double max) {
+    const auto problem = [min, max](const std::string& text) -> std::string {
+        double value = 0;
+        if (CLI::detail::lexical_cast(text, value) && value >= min && value <= max) {
+            return {};
+        }
+        return fmt::format("'{}' is not a number from {} to {:.0f}", text, min, max);
+    };
+    return CLI::Validator(problem, fmt::format("in [{} - {:.0f}]", min, max), "limits");
+}
 
 const std::vector<command>& commands() {
     static const std::vector<command> all = [] {

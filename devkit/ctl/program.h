@@ -66,6 +66,12 @@ enum class metrics_format : std::uint8_t { prometheus, open_metrics };
 [[nodiscard]] int run_capture(const context& within, const std::string& file, double seconds,
                               std::uint64_t count);
 
+inline constexpr double seconds_max = 86400;
+// A number in plain digits: neither "nan" nor "-1" is accepted.
+[[nodiscard]] CLI::Validator within_limits(double min, double max);
+
+// Adds "watch", outside a shell, "top", "metrics" and "capture"; the chosen one sets `action`.
+void add_tool_commands(CLI::App& app, context& within, choice_map& choices, std::function<int()>& action);
 // Adds the commands of the development daemon's control socket; the chosen one sets `action`.
 void add_control_commands(CLI::App& app, context& within, choice_map& choices, std::function<int()>& action);
 // Sends a request; prints why it failed, or returns the reply.

@@ -9,6 +9,7 @@
 #include <iostream>
 #include <memory>
 
+#include "common/standard_output.h"
 #include "interrupt.h"
 #include "line_editor.h"
 #include "program.h"
@@ -103,7 +104,7 @@ int run_shell(context& within) {
         const line_source next = prompts ? lines_of_terminal(inside) : line_source(&line_of_input);
         int worst = exit_success;
         std::string line;
-        while (!output_failed()) {
+        while (!devkit::output_failed()) {
             const line_state got = next(line);
             if (got == line_state::end) {
                 break;

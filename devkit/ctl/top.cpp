@@ -13,6 +13,7 @@
 
 #include "common/control.h"
 #include "common/control_client.h"
+#include "common/standard_output.h"
 #include "interrupt.h"
 #include "program.h"
 
@@ -141,7 +142,7 @@ std::vector<std::string> table(const json& metrics, const traffic_samples& befor
 bool wait_for_next(double interval_seconds, bool keys) {
     const auto until =
         steady::now() + std::chrono::duration_cast<steady::duration>(seconds(interval_seconds));
-    while (!interrupted() && !output_failed() && steady::now() < until) {
+    while (!interrupted() && !devkit::output_failed() && steady::now() < until) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - steady::now());
         const int slice_ms = static_cast<int>(std::clamp<std::int64_t>(left.count(), 1, 100));
         pollfd input{STDIN_FILENO, POLLIN, 0};
@@ -151,7 +152,7 @@ bool wait_for_next(double interval_seconds, bool keys) {
             return false;
         }
     }
-    return !interrupted() && !output_failed();
+    return !interrupted() && !devkit::output_failed();
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "common/standard_output.h"
 #include "interrupt.h"
 #include "notifications.h"
 #include "program.h"
@@ -88,7 +89,7 @@ int run_watch(context& within, const watch_options& options) {
             std::chrono::duration_cast<steady::duration>(std::chrono::duration<double>(options.seconds));
         const auto until = steady::now() + limit;
         std::uint64_t seen = 0;
-        while (!interrupted() && !output_failed() && (options.count == 0 || seen < options.count)) {
+        while (!interrupted() && !devkit::output_failed() && (options.count == 0 || seen < options.count)) {
             const auto now = steady::now();
             if (options.seconds > 0 && now >= until) {
                 return options.count == 0 ? exit_success : exit_unreachable;

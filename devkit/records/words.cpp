@@ -7,24 +7,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "hex_digit.h"
+
 namespace scc::records {
 namespace {
 
 bool is_blank(char letter) {
     return letter == ' ' || letter == '\t' || letter == '\r' || letter == '\n';
-}
-
-int digit_of(char letter) {
-    if (letter >= '0' && letter <= '9') {
-        return letter - '0';
-    }
-    if (letter >= 'a' && letter <= 'f') {
-        return letter - 'a' + 10;
-    }
-    if (letter >= 'A' && letter <= 'F') {
-        return letter - 'A' + 10;
-    }
-    return -1;
 }
 
 }  // namespace
@@ -116,7 +105,7 @@ std::optional<std::uint64_t> parse_number(string_view text, std::uint64_t min, s
     }
     std::uint64_t value = 0;
     for (const char letter : text) {
-        const int digit = digit_of(letter);
+        const int digit = hex_digit(letter);
         if (digit < 0 || static_cast<unsigned>(digit) >= base) {
             return std::nullopt;
         }
@@ -147,7 +136,7 @@ bool parse_mac(string_view text, std::uint8_t* mac) {
             }
             continue;
         }
-        const int digit = digit_of(text[i]);
+        const int digit = hex_digit(text[i]);
         if (digit < 0) {
             return false;
         }

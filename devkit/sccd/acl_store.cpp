@@ -109,6 +109,14 @@ ace_entry* acl_store::find_ace(acl_entry& acl, u64 number) {
     return nullptr;
 }
 
+state_change acl_store::undone_in(const acl_identity& key, std::function<void(acl_entry&)> undo) {
+    return state_change::made([this, key, undo = std::move(undo)] {
+        if (acl_entry* changed = find(key)) {
+            undo(*changed);
+        }
+    });
+}
+
 state_change acl_store::create(const acl_identity& key, byte_view creation) {
     if (find(key) != nullptr) {
         return state_change::refused(result::acl_exists);
@@ -154,11 +162,7 @@ state_change acl_store::add_ace(const acl_identity& key, byte_view record) {
     }
     const u64 serial = ++last_serial_;
     acl->aces.emplace(sn, ace_entry{serial, id, 0, devkit::to_bytes(record)});
-    return state_change::made([this, key, serial] {
-        if (acl_entry* changed = find(key)) {
-            erase_serial(*changed, serial);
-        }
-    });
+    return undone_in(key, [serial](acl_entry& changed) { erase_serial(changed, serial); });
 }
 
 state_change acl_store::remove_ace(const acl_identity& key, byte_view record) {
@@ -173,11 +177,8 @@ state_change acl_store::remove_ace(const acl_identity& key, byte_view record) {
     }
     ace_entry removed = std::move(ace->second);
     acl->aces.erase(ace);
-    return state_change::made([this, key, sn, removed = std::move(removed)] {
-        if (acl_entry* changed = find(key)) {
-            changed->aces.emplace(sn, removed);
-        }
-    });
+    return undone_in(
+        key, [sn, removed = std::move(removed)](acl_entry& changed) { changed.aces.emplace(sn, removed); });
 }
 
 state_change acl_store::apply(byte_view record) {
@@ -190,11 +191,7 @@ state_change acl_store::apply(byte_view record) {
     if (!acl->applies.emplace(entity, devkit::to_bytes(record)).second) {
         return state_change::refused(result::already_applied);
     }
-    return state_change::made([this, key, entity] {
-        if (acl_entry* changed = find(key)) {
-            changed->applies.erase(entity);
-        }
-    });
+    return undone_in(key, [entity](acl_entry& changed) { changed.applies.erase(entity); });
 }
 
 state_change acl_store::unapply(byte_view record) {
@@ -207,10 +204,8 @@ state_change acl_store::unapply(byte_view record) {
     if (acl->applies.erase(entity) == 0) {
         return state_change::refused(result::not_applied);
     }
-    return state_change::made([this, key, entity, removed = devkit::to_bytes(record)] {
-        if (acl_entry* changed = find(key)) {
-            changed->applies.emplace(entity, removed);
-        }
+    return undone_in(key, [entity, removed = devkit::to_bytes(record)](acl_entry& changed) {
+        changed.applies.emplace(entity, removed);
     });
 }
 
@@ -226,11 +221,7 @@ state_change acl_store::resequence(const acl_identity& key, u32 start, u32 incre
     acl->aces = renumbered(std::move(acl->aces), start, increment);
     acl->sn_start = start;
     acl->sn_increment = increment;
-    return state_change::made([this, key, old = std::move(old)] {
-        if (acl_entry* changed = find(key)) {
-            put_numbers_back(*changed, old);
-        }
-    });
+    return undone_in(key, [old = std::move(old)](acl_entry& changed) { put_numbers_back(changed, old); });
 }
 
 state_change acl_store::bind_user(byte_view record) {

@@ -66,6 +66,9 @@ class acl_store {
     [[nodiscard]] const user_acl_map& user_acls() const { return user_acls_; }
 
   private:
+    // A change that is undone in the ACL of this key, if it is still there.
+    [[nodiscard]] state_change undone_in(const devkit::acl_identity& key,
+                                         std::function<void(acl_entry&)> undo);
     [[nodiscard]] user_acl_map bindings_of(const devkit::acl_identity& key) const;
 
     acl_map acls_;

@@ -1,9 +1,9 @@
 #include "sccd/control.h"
 
+#include <fmt/format.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <utility>
 
 #include "common/control.h"
@@ -55,22 +55,36 @@ void control_server::end(u64 id) {
 }
 
 void control_server::take_lines(control_session& session) {
+    socket_stream& stream = *session.stream;
     if (session.capture != 0) {
-        return session.stream->consume(session.stream->input().size());
+        stream.consume(stream.input_bytes());
     }
-    while (session.stream->open() && !session.waiting) {
-        const byte_view input = session.stream->input();
-        const auto end = std::find(input.begin(), input.end(), u8{'\n'});
-        if (end == input.end()) {
-            if (input.size() > line_max_bytes) {
-                session.stream->close();
-            }
-            return;
-        }
-        const std::string line(input.begin(), end);
-        session.stream->consume(line.size() + 1);
+    while (stream.open() && !session.waiting && take_next_line(session)) {
+    }
+    // A peer that sends on while an answer is awaited does not grow the input without bound.
+    stream.hold(session.waiting && stream.input_bytes() > line_max_bytes);
+}
+
+// Returns whether there was the end of a line.
+bool control_server::take_next_line(control_session& session) {
+    socket_stream& stream = *session.stream;
+    const auto end = stream.find_input(u8{'\n'}, std::exchange(session.searched_bytes, 0));
+    const std::size_t len = end.value_or(stream.input_bytes());
+    if (len > line_max_bytes && !session.in_long_line) {
+        session.in_long_line = true;
+        reply(session.id, control_failure(fmt::format("a line of more than {} bytes", line_max_bytes)));
+    }
+    if (session.in_long_line) {
+        session.in_long_line = !end;
+        stream.consume(end ? len + 1 : len);
+    } else if (end) {
+        const std::string line = stream.take_text(len);
+        stream.consume(1);
         take_line(session, line);
+    } else {
+        session.searched_bytes = len;
     }
+    return end.has_value();
 }
 
 void control_server::take_line(control_session& session, const std::string& line) {

@@ -23,12 +23,15 @@ class control_server {
         u64 id = 0;
         std::unique_ptr<socket_stream> stream;
         bool may_command = false;
-        bool waiting = false;  // for an answer; later lines wait until then
+        bool waiting = false;            // for an answer; later lines wait until then
+        std::size_t searched_bytes = 0;  // of the input, without a line's end
+        bool in_long_line = false;       // refused already; the rest of it is dropped
         wire_capture::sink_id capture = 0;
     };
 
     void accept(int descriptor);
     void take_lines(control_session& session);
+    bool take_next_line(control_session& session);
     void take_line(control_session& session, const std::string& line);
     void reply(u64 session, const json& answer);
     void begin_capture(control_session& session);

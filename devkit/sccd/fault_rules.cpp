@@ -131,8 +131,9 @@ std::optional<fault_effect> fault_rules::take(u16 type, u32 app, u32 pid) {
     std::optional<fault_effect> taken;
     for (auto rule = rules_.begin(); rule != rules_.end();) {
         const auto here = rule++;
-        const bool matches = (here->type == 0 || here->type == type) &&
-                             (here->app == 0 || here->app == app) && (here->pid == 0 || here->pid == pid);
+        const bool of_type = here->type == 0 ? type != msg::registration : here->type == type;
+        const bool matches =
+            of_type && (here->app == 0 || here->app == app) && (here->pid == 0 || here->pid == pid);
         if (!matches) {
             continue;
         }

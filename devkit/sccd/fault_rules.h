@@ -36,7 +36,7 @@ struct fault_effect {
 
 struct fault_rule {
     u64 id = 0;
-    u16 type = 0;  // 0: requests of every type
+    u16 type = 0;  // 0: requests of every type but the registration
     u32 app = 0;   // 0: every application
     u32 pid = 0;   // 0: every process
     u32 nth = 1;   // the first matching request that is hit

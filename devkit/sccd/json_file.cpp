@@ -16,6 +16,9 @@ namespace {
 constexpr int depth_max = 16;
 constexpr off_t file_max_bytes = 256 * 1024 * 1024;
 
+// Ends the parser at once, which would otherwise read the whole text.
+struct nested_too_deeply {};
+
 [[noreturn]] void fail(const std::string& path, const std::string& reason) {
     throw std::runtime_error(path + ": " + reason);
 }
@@ -67,15 +70,14 @@ std::string plain_reason(const std::string& what) {
 }  // namespace
 
 json parse_json(const std::string& text, std::string* problem) {
-    bool too_deep = false;
     try {
-        json parsed = json::parse(text, [&too_deep](int depth, json::parse_event_t, const json&) {
-            too_deep = too_deep || depth > depth_max;
-            return !too_deep;
+        return json::parse(text, [](int depth, json::parse_event_t, const json&) {
+            if (depth > depth_max) {
+                throw nested_too_deeply();
+            }
+            return true;
         });
-        if (!too_deep) {
-            return parsed;
-        }
+    } catch (const nested_too_deeply&) {
         if (problem != nullptr) {
             *problem = "nested too deeply";
         }

@@ -14,11 +14,37 @@
 #include <stdexcept>
 #include <string>
 
+#include "common/standard_output.h"
 #include "sccd/daemon.h"
 
 namespace {
 
 constexpr int exit_usage = 2;
+
+class owned_directory {
+  public:
+    explicit owned_directory(int descriptor) : descriptor_(descriptor) {}
+    ~owned_directory() {
+        if (descriptor_ >= 0) {
+            ::close(descriptor_);
+        }
+    }
+    owned_directory(const owned_directory&) = delete;
+    owned_directory& operator=(const owned_directory&) = delete;
+    [[nodiscard]] int descriptor() const { return descriptor_; }
+
+  private:
+    int descriptor_;
+};
+
+// Follows no link below `base`, which may be writable for everybody.
+bool open_to_everybody(const char* base) {
+    constexpr int plain = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+    const owned_directory outer(::open(base, plain));
+    const owned_directory middle(::openat(outer.descriptor(), "security", plain | O_NOFOLLOW));
+    const owned_directory inner(::openat(middle.descriptor(), "scc", plain | O_NOFOLLOW));
+    return ::fchmod(inner.descriptor(), 0777) == 0;
+}
 
 // Processes of all users create sockets in this directory.
 std::string make_directory() {
@@ -28,7 +54,7 @@ std::string make_directory() {
     }
     std::string directory = std::string(base) + "/security/scc";
     std::filesystem::create_directories(directory);
-    if (::chmod(directory.c_str(), 0777) != 0 && ::access(directory.c_str(), W_OK) != 0) {
+    if (!open_to_everybody(base) && ::access(directory.c_str(), W_OK) != 0) {
         throw std::runtime_error(directory + ": not writable");
     }
     return directory;
@@ -45,10 +71,9 @@ void allow_many_descriptors() {
 
 int run(const scc::sccd::daemon_options& options) {
     scc::sccd::development_daemon daemon(options);
-    std::puts("sccd-dev: ready");
-    std::fflush(stdout);
+    scc::devkit::print_output("sccd-dev: ready\n");
     daemon.run();
-    return 0;
+    return scc::devkit::end_output("sccd-dev") ? 0 : 1;
 }
 
 }  // namespace
@@ -74,14 +99,16 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& problem) {
-        return app.exit(problem) == 0 ? 0 : exit_usage;
+        if (app.exit(problem) != 0) {
+            return exit_usage;
+        }
+        return scc::devkit::end_output("sccd-dev") ? 0 : 1;
     }
     options.trace = !trace.empty();
     options.trace_detail =
         trace == "full" ? scc::devkit::trace_detail::full : scc::devkit::trace_detail::brief;
     options.service_timeout = std::chrono::milliseconds(timeout_ms);
 
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     std::signal(SIGPIPE, SIG_IGN);
     ::umask(0);
     allow_many_descriptors();

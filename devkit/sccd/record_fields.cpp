@@ -14,7 +14,7 @@ namespace {
 
 using devkit::byte_buffer;
 using devkit::byte_view;
-using enum record_field_kind;
+using enum devkit::field_kind;
 
 constexpr std::string_view whole_record = "bytes";
 
@@ -38,13 +38,15 @@ std::size_t width_of(const record_field& field, std::size_t record_bytes) {
             return field.bytes;
         case vlans:
             return record::direct_vlan;
-        case rest:
+        case bytes:
             return record_bytes - std::min<std::size_t>(record_bytes, field.offset);
+        case address:
+            break;  // no record that is kept has one
     }
     return 0;
 }
 
-bool is_number(record_field_kind kind) {
+bool is_number(devkit::field_kind kind) {
     return kind == number8 || kind == number16 || kind == number32 || kind == number64;
 }
 
@@ -63,7 +65,7 @@ json shown(const record_field& field, byte_view record) {
             return std::string(bytes.begin(), std::find(bytes.begin(), bytes.end(), u8{0}));
         case vlans:
             return devkit::vlans_of(bytes);
-        case rest:
+        case devkit::field_kind::bytes:
             return devkit::hex_text(bytes);
         default:
             return number_of(field, record);
@@ -142,7 +144,7 @@ void read_field(const record_field& field, json_fields& from, byte_buffer& into)
             return read_text(field, from, into);
         case vlans:
             return read_vlans(field, from, into);
-        case rest: {
+        case devkit::field_kind::bytes: {
             const byte_buffer bytes = from.hex(field.name);
             into.resize(field.offset);
             into.insert(into.end(), bytes.begin(), bytes.end());
@@ -216,7 +218,7 @@ byte_buffer read_record(record_fields fields, std::size_t len, json_fields& from
         return from_fields(fields, len, from);
     }
     byte_buffer record = from.hex(whole_record);
-    const bool any_length = !fields.empty() && fields.back().kind == rest;
+    const bool any_length = !fields.empty() && fields.back().kind == devkit::field_kind::bytes;
     if (any_length ? record.size() < len : record.size() != len) {
         from.refuse(whole_record, fmt::format("not {} bytes", len));
         record.resize(len);

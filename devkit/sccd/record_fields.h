@@ -8,29 +8,16 @@
 #include <string_view>
 
 #include "common/bytes.h"
+#include "common/messages.h"
 #include "sccd/json_fields.h"
 
 namespace scc::sccd {
 
-enum class record_field_kind : u8 {
-    number8,
-    number16,
-    number32,
-    number64,
-    mac,
-    ipv4,
-    ipv6,
-    key,    // an ACL key, as vdev/type/id/class
-    text,   // ends at a zero byte
-    vlans,  // a bit for each VLAN
-    rest,   // the bytes up to the end, as hexadecimal digits
-};
-
 struct record_field {
     std::string_view name;
     u32 offset = 0;
-    record_field_kind kind = record_field_kind::number32;
-    u64 min = 0;  // of a number
+    devkit::field_kind kind = devkit::field_kind::number32;  // bytes are the rest of the record
+    u64 min = 0;                                             // of a number
     u64 max = std::numeric_limits<u32>::max();
     u32 bytes = 0;  // of a text
 };
@@ -47,7 +34,7 @@ using record_fields = std::span<const record_field>;
 // All fields, and "bytes" with the whole record if the fields alone would not give it back.
 [[nodiscard]] json show_record(record_fields fields, devkit::byte_view record);
 // Reads what show_record writes into a record of `len` bytes; fields that are not given are zero. Problems
-// are recorded in `from`. A record with a field `rest` may have any length.
+// are recorded in `from`. A record that ends with `bytes` may have any length.
 [[nodiscard]] devkit::byte_buffer read_record(record_fields fields, std::size_t len, json_fields& from);
 // The names that read_record understands.
 [[nodiscard]] std::vector<std::string_view> field_names(record_fields fields);

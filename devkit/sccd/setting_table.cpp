@@ -1,7 +1,9 @@
 #include "sccd/setting_table.h"
 
 #include <algorithm>
+#include <initializer_list>
 
+#include "common/layouts.h"
 #include "common/messages.h"
 #include "common/records.h"
 #include "sccd/change.h"
@@ -9,61 +11,78 @@
 namespace scc::sccd {
 namespace {
 
-namespace config = devkit::config_record;
-using enum record_field_kind;
+using enum devkit::field_kind;
 using enum setting_removal;
 
 constexpr u64 any32 = std::numeric_limits<u32>::max();
 constexpr u64 vid_max = 4094;
-constexpr u32 record_at = 8;  // of the record in the value
-constexpr u32 config_bytes = record_at + record::config;
+constexpr u32 config_bytes = 8 + record::config;
 constexpr u64 dhcp_first_form = 9;
 constexpr u64 dhcp_second_form = 10;
 
 struct number_range {
+    std::string_view field;
     u64 min = 0;
     u64 max = any32;
 };
 
-constexpr std::array<record_field, 10> config_record(number_range value = {}, number_range app_type = {}) {
-    return {{{"ifx", record_at + config::ifx},
-             {"vid", record_at + config::vid, number32, 0, vid_max},
-             {"mac", record_at + config::mac, mac},
-             {"app_type", record_at + config::app_type, number32, app_type.min, app_type.max},
-             {"value", record_at + config::value, number32, value.min, value.max},
-             {"op", record_at + config::operation},
-             {"flags", record_at + config::flags},
-             {"ip", record_at + config::ipv4, ipv4},
-             {"ip6", record_at + config::ipv6, ipv6},
-             {"mask", record_at + config::mask, ipv4}}};
+// The fields of a value, without the call id where it begins with one.
+template <std::size_t First, std::size_t Count>
+constexpr auto fields_from(const devkit::layouts::fields<Count>& layout,
+                           std::initializer_list<number_range> ranges) {
+    std::array<record_field, Count - First> made{};
+    for (std::size_t i = First; i < Count; ++i) {
+        made[i - First] = {layout[i].name, layout[i].offset, layout[i].kind};
+    }
+    for (const number_range& range : ranges) {
+        const auto limited = std::find_if(made.begin(), made.end(), [&range](const record_field& field) {
+            return field.name == range.field;
+        });
+        limited->min = range.min;  // not a constant if there is no such field
+        limited->max = range.max;
+    }
+    return made;
 }
 
-constexpr auto config_fields = config_record();
-constexpr auto cos_fields = config_record({0, 7});
-constexpr auto dscp_fields = config_record({0, 63});
-constexpr auto dhcp_fields = config_record({}, {dhcp_first_form, dhcp_first_form});
-constexpr auto dhcp_second_fields = config_record({}, {dhcp_second_form, dhcp_second_form});
+template <std::size_t Count>
+constexpr auto after_call_id(const devkit::layouts::fields<Count>& layout,
+                             std::initializer_list<number_range> ranges = {}) {
+    return fields_from<1>(layout, ranges);
+}
+
+namespace layouts = devkit::layouts;
+constexpr number_range vids{"vid", 0, vid_max};
+
+constexpr auto config_fields = after_call_id(layouts::config_fields, {vids});
+constexpr auto cos_fields = after_call_id(layouts::config_fields, {vids, {"value", 0, 7}});
+constexpr auto dscp_fields = after_call_id(layouts::config_fields, {vids, {"value", 0, 63}});
+constexpr auto dhcp_fields =
+    after_call_id(layouts::config_fields, {vids, {"app_type", dhcp_first_form, dhcp_first_form}});
+constexpr auto dhcp_second_fields =
+    after_call_id(layouts::config_fields, {vids, {"app_type", dhcp_second_form, dhcp_second_form}});
 // The service silently drops other types.
-constexpr auto nac_app_fields = config_record({}, {0, limits::nacm_types - 1});
-constexpr record_field value_fields[] = {{"value", 4}};
-constexpr record_field http_port_fields[] = {{"port", 4, number16}, {"add", 8}};
-constexpr record_field host_fields[] = {
-    {"ip", 4, ipv4}, {"mask", 8, ipv4}, {"arp", 12}, {"ifx", 16}, {"add", 20}};
-constexpr record_field server_fields[] = {{"ip", 4, ipv4}, {"add", 8}};
-constexpr record_field site_fields[] = {{"ip", 4, ipv4}, {"mask", 8, ipv4}, {"arp", 12}, {"add", 16}};
-constexpr record_field learning_fields[] = {{"ifx", 4, number32, 1}, {"enable", 8}};
-constexpr record_field escape_fields[] = {{"value", 4}, {"key", 8, key}, {"enable", 24}};
-constexpr record_field default_bind_fields[] = {{"ifx", 4}, {"vid", 8, number32, 0, vid_max}, {"enable", 12}};
-// The desk takes the beginning of the record for the neighbour's place, as in a configuration record.
+constexpr auto nac_app_fields =
+    after_call_id(layouts::config_fields, {vids, {"app_type", 0, limits::nacm_types - 1}});
+constexpr auto value_fields = after_call_id(layouts::switch_fields);
+constexpr auto http_port_fields = after_call_id(layouts::http_port_fields);
+constexpr auto host_fields = after_call_id(layouts::host_fields);
+constexpr auto server_fields = after_call_id(layouts::server_fields);
+constexpr auto site_fields = after_call_id(layouts::site_fields);
+constexpr auto learning_fields = after_call_id(layouts::learning_fields, {{"ifx", 1}});
+constexpr auto escape_fields = after_call_id(layouts::escape_fields);
+constexpr auto default_bind_fields = after_call_id(layouts::default_bind_fields, {vids});
+// The daemon takes the beginning of the record for the neighbour's place, as in a configuration record.
 constexpr record_field neighbour_fields[] = {
     {"ifx", 8}, {"vid", 12, number32, 0, vid_max}, {"mac", 16, mac}, {"add", 920}};
-constexpr record_field egress_port_fields[] = {{"ifx", 4, number32, 1, limits::ifx_max}, {"value", 8}};
-constexpr record_field cpp_fields[] = {{"enable", 4}, {"type", 8, number32, 0, 0}};
+constexpr auto egress_port_fields = after_call_id(layouts::eport_fields, {{"ifx", 1, limits::ifx_max}});
+constexpr auto cpp_fields = after_call_id(layouts::cpp_fields, {{"type", 0, 0}});
+// The request carries a word, of which others read one byte.
 constexpr record_field offline_fields[] = {{"open", 4}, {"interval", 8}, {"threshold", 12}};
-constexpr record_field direct_vlan_fields[] = {{"value", 4}, {"vlans", 8, vlans}};
-constexpr record_field control_block_fields[] = {{"length", 4}, {"data", 8, rest}};
-constexpr record_field command_fields[] = {{"command", 0}};
-constexpr record_field water_line_fields[] = {{"start", 0}};
+constexpr auto direct_vlan_fields = after_call_id(layouts::direct_vlan_fields);
+// Not "bytes", which is the whole record.
+constexpr record_field control_block_fields[] = {{"length", 4}, {"data", 8, bytes}};
+constexpr auto command_fields = fields_from<0>(layouts::command_fields, {});
+constexpr auto water_line_fields = fields_from<0>(layouts::water_line_fields, {});
 
 constexpr setting_key by(std::string_view first = "", std::string_view second = "",
                          std::string_view third = "") {

@@ -23,7 +23,7 @@ constexpr std::array for_service{msg::http_dport,     msg::nac_app, msg::global_
 
 byte_buffer kept(const setting_row& row, byte_view value) {
     byte_buffer record = devkit::to_bytes(value);
-    const bool any_length = row.fields.back().kind == record_field_kind::rest;
+    const bool any_length = row.fields.back().kind == devkit::field_kind::bytes;
     if (!any_length || record.size() < row.bytes) {
         record.resize(row.bytes);
     }

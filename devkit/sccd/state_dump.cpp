@@ -12,7 +12,7 @@ namespace {
 
 using devkit::byte_buffer;
 using devkit::byte_view;
-using enum record_field_kind;
+using enum devkit::field_kind;
 namespace config = devkit::config_record;
 
 constexpr u64 state_format = 1;

@@ -66,6 +66,23 @@ devkit::byte_view socket_stream::input() const {
     return bytes == nullptr ? devkit::byte_view() : devkit::byte_view(bytes, len);
 }
 
+std::optional<std::size_t> socket_stream::find_input(u8 byte, std::size_t from) const {
+    evbuffer_ptr begin{};
+    if (::evbuffer_ptr_set(input_.get(), &begin, from, EVBUFFER_PTR_SET) != 0) {
+        return std::nullopt;
+    }
+    const char wanted = static_cast<char>(byte);
+    const evbuffer_ptr found = ::evbuffer_search(input_.get(), &wanted, 1, &begin);
+    return found.pos < 0 ? std::nullopt : std::optional(static_cast<std::size_t>(found.pos));
+}
+
+std::string socket_stream::take_text(std::size_t len) {
+    std::string text(len, '\0');
+    const int taken = ::evbuffer_remove(input_.get(), text.data(), text.size());
+    text.resize(static_cast<std::size_t>(std::max(taken, 0)));
+    return text;
+}
+
 void socket_stream::consume(std::size_t len) {
     ::evbuffer_drain(input_.get(), len);
 }
@@ -105,8 +122,14 @@ void socket_stream::pause(std::chrono::milliseconds time) {
     watch_what_is_wanted();
 }
 
+void socket_stream::hold(bool held) {
+    if (open() && std::exchange(held_, held) != held) {
+        watch_what_is_wanted();
+    }
+}
+
 void socket_stream::read_some() {
-    for (int count = 0; count < reads_per_turn && open() && reading_ && !paused_; ++count) {
+    for (int count = 0; count < reads_per_turn && open() && reading_ && !paused_ && !held_; ++count) {
         const ssize_t received = receive();
         if (received < 0 && try_later(errno)) {
             return;
@@ -183,7 +206,7 @@ void socket_stream::watch_what_is_wanted() {
             ::event_del(what.get());
         }
     };
-    want(readable_, EV_READ, reading_ && !paused_);
+    want(readable_, EV_READ, reading_ && !paused_ && !held_);
     want(writable_, EV_WRITE, queued != 0);
 }
 

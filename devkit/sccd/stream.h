@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "common/bytes.h"
 #include "sccd/event_loop.h"
@@ -31,11 +32,18 @@ class socket_stream {
 
     // Valid until the next call that changes the stream.
     [[nodiscard]] devkit::byte_view input() const;
+    [[nodiscard]] std::size_t input_bytes() const { return ::evbuffer_get_length(input_.get()); }
+    // Where the first such byte at or after `from` is.
+    [[nodiscard]] std::optional<std::size_t> find_input(u8 byte, std::size_t from) const;
+    // Takes the first bytes out of the input.
+    [[nodiscard]] std::string take_text(std::size_t len);
     void consume(std::size_t len);
     void send(devkit::byte_view bytes);
     void close();
     // Reads nothing for this time.
     void pause(std::chrono::milliseconds time);
+    // Reads nothing until it is released.
+    void hold(bool held);
     [[nodiscard]] bool open() const { return descriptor_ >= 0; }
     // Whether the peer has closed the connection, even if its end of stream has not been read yet.
     [[nodiscard]] bool peer_gone() const;
@@ -61,6 +69,7 @@ class socket_stream {
     owned_buffer input_;
     owned_buffer output_;
     bool reading_ = true;
+    bool held_ = false;
     std::optional<event_loop::timer_id> paused_;  // until this timer ends
 };
 

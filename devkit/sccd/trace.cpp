@@ -4,7 +4,8 @@
 #include <fmt/format.h>
 
 #include <chrono>
-#include <cstdio>
+
+#include "common/standard_output.h"
 
 namespace scc::sccd {
 namespace {
@@ -15,7 +16,7 @@ void write_line(const std::string& text) {
     const auto micro = duration_cast<microseconds>(now.time_since_epoch()).count() % 1'000'000;
     const std::string line =
         fmt::format("{:%H:%M:%S}.{:06} {}\n", fmt::localtime(system_clock::to_time_t(now)), micro, text);
-    std::fwrite(line.data(), 1, line.size(), stdout);
+    devkit::print_output(line);
 }
 
 void write_item(std::string_view arrow, devkit::message_route route, u32 app, std::string_view socket,

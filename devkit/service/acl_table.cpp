@@ -420,7 +420,8 @@ std::vector<acl_table::ace_entry*> acl_table::counted_aces(acl_entry& acl, u64 n
     return by_id.empty() ? by_sn : by_id;
 }
 
-u32 acl_table::read_ace_counter(const scc_acl_key& key, u64 number, u64& counter) {
+template <class Act>
+u32 acl_table::for_counted_aces(const scc_acl_key& key, u64 number, const Act& act) {
     acl_entry* acl = find(key);
     if (acl == nullptr) {
         return SCC_E_NO_ACL;
@@ -429,35 +430,30 @@ u32 acl_table::read_ace_counter(const scc_acl_key& key, u64 number, u64& counter
     if (counted.empty()) {
         return SCC_E_NO_ACE;
     }
-    u64 sum = 0;
     for (ace_entry* ace : counted) {
-        const u32 result = source_ == nullptr ? 0 : source_->read(counter_of(*acl, *ace), ace->packets);
-        if (result != 0) {
+        if (const u32 result = act(*acl, *ace); result != 0) {
             return result;
         }
-        sum += ace->packets;
     }
-    counter = sum;
     return 0;
 }
 
+u32 acl_table::read_ace_counter(const scc_acl_key& key, u64 number, u64& counter) {
+    u64 sum = 0;
+    const u32 result = for_counted_aces(key, number, [this, &sum](const acl_entry& acl, ace_entry& ace) {
+        const u32 read = source_ == nullptr ? 0 : source_->read(counter_of(acl, ace), ace.packets);
+        sum += ace.packets;
+        return read;
+    });
+    counter = result == 0 ? sum : counter;
+    return result;
+}
+
 u32 acl_table::reset_ace_counter(const scc_acl_key& key, u64 number) {
-    acl_entry* acl = find(key);
-    if (acl == nullptr) {
-        return SCC_E_NO_ACL;
-    }
-    const std::vector<ace_entry*> counted = counted_aces(*acl, number);
-    if (counted.empty()) {
-        return SCC_E_NO_ACE;
-    }
-    for (ace_entry* ace : counted) {
-        ace->packets = 0;
-        const u32 result = source_ == nullptr ? 0 : source_->reset(counter_of(*acl, *ace));
-        if (result != 0) {
-            return result;
-        }
-    }
-    return 0;
+    return for_counted_aces(key, number, [this](const acl_entry& acl, ace_entry& ace) {
+        ace.packets = 0;
+        return source_ == nullptr ? 0 : source_->reset(counter_of(acl, ace));
+    });
 }
 
 void acl_table::begin_recovery() {

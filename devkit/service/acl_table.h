@@ -174,6 +174,9 @@ class acl_table {
     [[nodiscard]] static ace_list::iterator find_ace(ace_list& aces, const scc_ace_record& record);
     [[nodiscard]] static application* find_application(acl_entry& acl, const scc_acl_apply_record& record);
     [[nodiscard]] static std::vector<ace_entry*> counted_aces(acl_entry& acl, u64 number);
+    // Calls act(ACL, ACE) for the ACEs of that number until one returns an error, and returns it.
+    template <class Act>
+    [[nodiscard]] u32 for_counted_aces(const scc_acl_key& key, u64 number, const Act& act);
     static void count_first_match(acl_entry& acl, const packet& packet, verdict& result);
     // Notes what takes the latest change of an ACL back; the undo gets the ACL.
     template <class Undo>

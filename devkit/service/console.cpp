@@ -9,14 +9,17 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/standard_output.h"
 #include "scclib.h"
 
 namespace scc::service {
 
 void console::say(const std::string& line) const {
-    const std::string whole = fmt::format("{}: {}\n", program_, line);
-    std::fwrite(whole.data(), 1, whole.size(), stdout);
-    std::fflush(stdout);
+    devkit::print_output(fmt::format("{}: {}\n", program_, line));
+}
+
+int console::end() const {
+    return devkit::end_output(program_.c_str()) ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 int console::fail(const std::string& what, u32 error) const {

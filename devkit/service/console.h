@@ -14,6 +14,8 @@ class console {
 
     // Several threads print; each line is one write to standard output.
     void say(const std::string& line) const;
+    // Says on standard error if standard output could not be written, and returns the exit code.
+    [[nodiscard]] int end() const;
     // Prints to standard error what failed, and returns the exit code of a failure.
     int fail(const std::string& what, u32 error) const;
 

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/standard_output.h"
 #include "service/console.h"
 #include "service/options.h"
 #include "service/report.h"
@@ -57,7 +58,7 @@ class program {
             waiting = wait();
         }
         service_.stop_answers();
-        return EXIT_SUCCESS;
+        return screen.end();
     }
 
   private:
@@ -89,7 +90,7 @@ class program {
 
     void print_tables() {
         const std::string text = table_.locked([](const auto& held) { return held.text(); });
-        std::fwrite(text.data(), 1, text.size(), stdout);
+        devkit::print_output(text);
         say("end of tables");
     }
 
@@ -142,7 +143,7 @@ int main(int argc, char** argv) {
     int exit_code = EXIT_SUCCESS;
     std::optional<scc::service::options> options = scc::service::parse_options(argc, argv, &exit_code);
     if (!options) {
-        return exit_code;
+        return exit_code == EXIT_SUCCESS ? scc::service::screen.end() : exit_code;
     }
     // The library's threads call into it until the process exits, so it is never destroyed.
     static scc::service::program* const program = new scc::service::program(std::move(*options));

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <iterator>
 
 #include "ace/ace_text.h"
@@ -97,13 +98,13 @@ void nac_table::add_user(const scc_ss_user& user) {
 
 u32 nac_table::delete_user(const scc_ss_user& user) {
     ++version_;
-    return users_.erase(read_user_entry(user).mac) ? 0 : SCC_E_NO_LIST_NODE;
+    return users_.erase(read_user_entry(user).mac) ? 0 : ENOENT;
 }
 
 u32 nac_table::read_user(scc_ss_user& user) const {
     const scc_ss_user* held = users_.find(read_user_entry(user).mac);
     if (held == nullptr) {
-        return SCC_E_NO_LIST_NODE;
+        return ENOENT;
     }
     user = *held;
     return 0;

@@ -6,6 +6,7 @@
 
 #include "support/fail.h"
 #include "support/promises.h"
+#include "tests/support/result_handlers.h"
 
 namespace scc::fuzz {
 namespace {
@@ -124,24 +125,9 @@ constexpr std::size_t efacl_position = POSITION(efacl_ctrl);
 
 void set_result_handlers(scc_handlers& to) {
 #define RESULT(member) to.member = result_handler<POSITION(member)>(to.member);
-    // clang-format off
-    RESULT(d1x_authen_method) RESULT(d1x_author_mode) RESULT(d1x_port_addr_num) RESULT(d1x_port_open)
-    RESULT(d1x_pt_ctrl) RESULT(d1x_cos) RESULT(d1x_dscp) RESULT(d1x_redirect) RESULT(d1x_mac_move)
-    RESULT(webauth) RESULT(http_dport) RESULT(dirchn_host) RESULT(dirchn_server) RESULT(dirchn_site)
-    RESULT(dirchn_arp) RESULT(port_security) RESULT(reserved_kind_17) RESULT(global_ip_mac)
-    RESULT(ip_source_guard) RESULT(bind_except_port) RESULT(dhcp_trust_port) RESULT(arpcheck)
-    RESULT(addr_learning) RESULT(nac_esc) RESULT(nac_esc_eport) RESULT(nac_app) RESULT(nac_user)
-    RESULT(ndsnp_default_bind) RESULT(reserved_kind_29) RESULT(nac_neighbour) RESULT(acl_create)
-    RESULT(acl_delete) RESULT(acl_add_ace) RESULT(acl_delete_ace) RESULT(acl_apply) RESULT(acl_unapply)
-    RESULT(user_acl_apply) RESULT(user_acl_unapply) RESULT(user_acl_delete_vmsup) RESULT(acl_resequence)
-    RESULT(filter_counter_reset) RESULT(acl_counter_reset) RESULT(ace_counter_reset) RESULT(global_eport)
-    RESULT(svi_router_acl) RESULT(dhcp_snooping) RESULT(dhcp_snooping_second) RESULT(nd_snooping)
-    RESULT(cpp) RESULT(arpcheck_trust) RESULT(arp_entry) RESULT(offline_detect_cfg) RESULT(direct_vlan)
-    RESULT(arp_dyn_entry) RESULT(port_violate)
-// clang-format on
+    SCC_RESULT_HANDLERS(RESULT)
 #undef RESULT
-                                                        to.efacl_ctrl = [](u32 result, u32 call_id,
-                                                                           const void* data, i32 data_bytes) {
+    to.efacl_ctrl = [](u32 result, u32 call_id, const void* data, i32 data_bytes) {
         const int seed = g_events.result != nullptr ? g_events.result(efacl_position, result, call_id) : -1;
         FUZZ_EXPECT(data_bytes > 0);
         read_all(data, static_cast<std::size_t>(data_bytes));

@@ -7,6 +7,7 @@
 
 #include "scclib.h"
 #include "support/events.h"
+#include "support/result_handlers.h"
 #include "support/wire_bytes.h"
 
 namespace test {
@@ -63,28 +64,16 @@ struct recorder<Member, void (*)(std::uint32_t, std::uint32_t, const void*, std:
     }
 };
 
-template <auto... Members>
-void install_recorders(scc_handlers& handlers) {
-    ((handlers.*Members = recorder<Members, std::remove_reference_t<decltype(handlers.*Members)>>::call),
-     ...);
+template <auto Member>
+void install_recorder(scc_handlers& handlers) {
+    handlers.*Member = recorder<Member, std::remove_reference_t<decltype(handlers.*Member)>>::call;
 }
 
 inline void record_all_results(scc_handlers& handlers) {
-    using H = scc_handlers;
-    install_recorders<&H::d1x_authen_method, &H::d1x_author_mode, &H::d1x_port_addr_num, &H::d1x_port_open,
-                      &H::d1x_pt_ctrl, &H::d1x_cos, &H::d1x_dscp, &H::d1x_redirect, &H::d1x_mac_move,
-                      &H::webauth, &H::http_dport, &H::dirchn_host, &H::dirchn_server, &H::dirchn_site,
-                      &H::dirchn_arp, &H::port_security, &H::reserved_kind_17, &H::global_ip_mac,
-                      &H::ip_source_guard, &H::bind_except_port, &H::dhcp_trust_port, &H::arpcheck,
-                      &H::addr_learning, &H::nac_esc, &H::nac_esc_eport, &H::nac_app, &H::nac_user,
-                      &H::ndsnp_default_bind, &H::reserved_kind_29, &H::nac_neighbour>(handlers);
-    install_recorders<&H::acl_create, &H::acl_delete, &H::acl_add_ace, &H::acl_delete_ace, &H::acl_apply,
-                      &H::acl_unapply, &H::user_acl_apply, &H::user_acl_unapply, &H::user_acl_delete_vmsup,
-                      &H::acl_resequence, &H::filter_counter_reset, &H::acl_counter_reset,
-                      &H::ace_counter_reset, &H::global_eport, &H::svi_router_acl, &H::efacl_ctrl,
-                      &H::dhcp_snooping, &H::dhcp_snooping_second, &H::nd_snooping, &H::cpp,
-                      &H::arpcheck_trust, &H::arp_entry, &H::offline_detect_cfg, &H::direct_vlan,
-                      &H::arp_dyn_entry, &H::port_violate>(handlers);
+#define RECORD(member) install_recorder<&scc_handlers::member>(handlers);
+    SCC_RESULT_HANDLERS(RECORD)
+    RECORD(efacl_ctrl)
+#undef RECORD
 }
 
 }  // namespace test

@@ -5,8 +5,11 @@
 #include "client/channel_support.h"
 #include "client/descriptors.h"
 #include "support/aside.h"
+#include "support/one_at_a_time.h"
 
 using test::aside;
+using test::side;
+using test::wire;
 
 namespace {
 
@@ -16,6 +19,20 @@ class Lifetime : public ::testing::Test {
     static void register_as(std::uint32_t app_id) {
         g_scc_client_cb.app_id = app_id;
         _scc_client_state_set(scc::state_registered);
+    }
+
+    // How a wait for the end of an unregistration ends after `act`.
+    static bool survives_after(void (*act)()) {
+        register_as(7);
+        const std::uint32_t generation = scc::begin_generation();
+        std::uint32_t app_id = 0;
+        EXPECT_TRUE(scc::begin_unregistration(app_id));
+        aside<bool> waiting([generation] { return scc::survives_unregistration(generation); });
+        EXPECT_TRUE(waiting.waits_in(test::waiting_for_a_lock));
+        act();
+        EXPECT_TRUE(waiting.returns()) << "it waits for the end of the unregistration";
+        scc::end_unregistration();
+        return waiting.get();
     }
 
     static bool a_start_lives() { return scc::is_started(scc::start_kind::thread); }
@@ -69,16 +86,7 @@ TEST_F(Lifetime, ARefusedEndRestoresTheStateOfAConnectionThatStands) {
 }
 
 TEST_F(Lifetime, TheWaitForAnUnregistrationEndsWithTheGeneration) {
-    register_as(7);
-    const std::uint32_t generation = scc::begin_generation();
-    std::uint32_t app_id = 0;
-    ASSERT_TRUE(scc::begin_unregistration(app_id));
-    aside<bool> waiting([generation] { return scc::survives_unregistration(generation); });
-    ASSERT_TRUE(waiting.waits_in(test::waiting_for_a_lock));
-    scc::end_generation();
-    EXPECT_TRUE(waiting.returns()) << "it waits for the end of the unregistration";
-    scc::end_unregistration();
-    EXPECT_FALSE(waiting.get());
+    EXPECT_FALSE(survives_after(scc::end_generation));
 }
 
 // The app id is 0 meanwhile: a thread that went on would register as 0, or leave for good.
@@ -129,15 +137,7 @@ TEST_F(Lifetime, AThreadThatIsNoReceiveThreadActsForTheCurrentGeneration) {
 }
 
 TEST_F(Lifetime, TheWaitForAnUnregistrationEndsWithIt) {
-    register_as(7);
-    const std::uint32_t generation = scc::begin_generation();
-    std::uint32_t app_id = 0;
-    ASSERT_TRUE(scc::begin_unregistration(app_id));
-    aside<bool> waiting([generation] { return scc::survives_unregistration(generation); });
-    ASSERT_TRUE(waiting.waits_in(test::waiting_for_a_lock));
-    scc::end_unregistration();
-    EXPECT_TRUE(waiting.returns());
-    EXPECT_TRUE(waiting.get());
+    EXPECT_TRUE(survives_after(scc::end_unregistration));
 }
 
 TEST_F(Lifetime, ARefusedEndLeavesAnyStateButIdleAsItIs) {
@@ -161,5 +161,75 @@ TEST_F(Lifetime, IsLockedByWhoeverChangesIt) {
     const std::uint32_t begun = beginning.get();
     EXPECT_EQ(begun, scc::current_generation());
 }
+
+// ---- handlers of two registrations
+
+// The handler of the first registration that runs when it ends, and how the daemon triggers it.
+struct old_handler_row {
+    const char* name;
+    void (*install)(scc_handlers&);
+    void (*provoke)(test::scripted_daemon&);
+};
+
+const old_handler_row old_handler_rows[] = {
+    {"Status",
+     [](scc_handlers& handlers) { handlers.server_status = [](std::uint32_t) { test::old_handler(); }; },
+     [](test::scripted_daemon&) {}},
+    {"Notification",
+     [](scc_handlers& handlers) { handlers.station_move = [](std::uint8_t) { test::old_handler(); }; },
+     [](test::scripted_daemon& daemon) { daemon.send_item(side::async, 210, wire().u32(1).u8(1)); }},
+    {"Result",
+     [](scc_handlers& handlers) {
+         handlers.addr_learning = [](std::uint32_t, std::uint32_t, std::uint32_t, std::uint8_t) {
+             test::old_handler();
+         };
+     },
+     [](test::scripted_daemon& daemon) {
+         ASSERT_EQ(scc_addr_learning(1, 1, nullptr), 0U);
+         EXPECT_EQ(daemon.read_item(side::async).type, 123);
+         daemon.send_result(1, 0);
+     }},
+};
+
+class OneHandlerAtATime : public test::runtime_test, public ::testing::WithParamInterface<old_handler_row> {
+  protected:
+    // The old handler is running from here on, or has begun to act.
+    void start() {
+        info.app_id = 7;
+        GetParam().install(info.handlers);
+        ASSERT_EQ(scc_svr_reg(&info), 0U);
+        daemon.accept_registration();
+        ASSERT_TRUE(test::eventually([] { return g_scc_client_cb.state.load() == 4; }));
+        GetParam().provoke(daemon);
+    }
+};
+
+TEST_P(OneHandlerAtATime, WhenAnotherThreadRegistersAnew) {
+    start();
+    ASSERT_TRUE(test::entered().wait());
+    std::thread beside([] {
+        EXPECT_EQ(scc_svr_unreg(), 0U);
+        test::register_again();
+    });
+    daemon.answer_unregistration();
+    beside.join();
+    test::expect_second_waits_for_first(daemon);
+    stop();
+}
+
+TEST_P(OneHandlerAtATime, WhenTheHandlerItselfRegistersAnew) {
+    test::inside_old_handler() = [] {
+        EXPECT_EQ(scc_svr_unreg(), 0U);
+        test::register_again();
+    };
+    start();
+    daemon.answer_unregistration();
+    ASSERT_TRUE(test::entered().wait());
+    test::expect_second_waits_for_first(daemon);
+    stop();
+}
+
+INSTANTIATE_TEST_SUITE_P(Handlers, OneHandlerAtATime, ::testing::ValuesIn(old_handler_rows),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace

@@ -80,5 +80,33 @@ TEST_F(CtlLineEditor, KeepsItsHistoryForTheNextShell) {
     shell.until("format (2007)");
 }
 
+TEST_F(CtlLineEditor, SetsTheTerminalBackHoweverTheShellEnds) {
+    for (const char* typed : {"exit\r", end_of_input, "#SIGTERM", "#SIGHUP", "#SIGQUIT"}) {
+        SCOPED_TRACE(typed);
+        terminal shell(SCCCTL_PATH, {"shell"}, directory());
+        shell.until("sccctl> ");
+        EXPECT_FALSE(shell.is_set_for_lines());
+        if (typed[0] != '#') {
+            shell.type(typed);
+        } else {
+            const std::string name = typed + 1;
+            shell.signal(name == "SIGTERM" ? SIGTERM : name == "SIGHUP" ? SIGHUP : SIGQUIT);
+        }
+        EXPECT_EQ(shell.finish(), 0);
+        EXPECT_TRUE(shell.is_set_for_lines());
+    }
+}
+
+TEST_F(CtlLineEditor, ReadsLinesAlsoWithEditingSwitchedOff) {
+    (void)file(".editrc", "edit off\n");
+    terminal shell(SCCCTL_PATH, {"shell"}, directory());
+    shell.until("sccctl> ");
+    EXPECT_TRUE(shell.is_set_for_lines());
+    shell.type("strerror 2006\r");
+    shell.until("no-ace (2006)");
+    shell.type("exit\r");
+    EXPECT_EQ(shell.finish(), 0);
+}
+
 }  // namespace
 }  // namespace ctl_test

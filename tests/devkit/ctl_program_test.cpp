@@ -217,7 +217,7 @@ TEST_F(CtlProgram, ARequestFailsByItsName) {
     ASSERT_EQ(run({"daemon", "fail-next", "type=addr-learning", "result=still-applied"}).status, 0);
     EXPECT_EQ(run({"addr-learning", "3", "on", "--json"}).json_lines().at(0)["result"], 2012);
     ASSERT_EQ(run({"daemon", "mute", "type=addr-learning"}).status, 0);
-    EXPECT_EQ(run({"addr-learning", "3", "on", "--timeout", "0.2"}).status, 3);
+    EXPECT_EQ(run({"addr-learning", "3", "on", "--timeout", long_enough_to_register}).status, 3);
 }
 
 TEST_F(CtlProgram, ARefusedQueryShowsNoValue) {
@@ -229,9 +229,9 @@ TEST_F(CtlProgram, ARefusedQueryShowsNoValue) {
 
 TEST_F(CtlProgram, AnAnswerThatNeverComesHasExitStatusThree) {
     ASSERT_EQ(run({"daemon", "mute", "type=123"}).status, 0);
-    const finished result = run({"addr-learning", "3", "1", "--timeout", "0.3"});
+    const finished result = run({"addr-learning", "3", "1", "--timeout", long_enough_to_register});
     EXPECT_EQ(result.status, 3);
-    EXPECT_EQ(result.errors, "sccctl: addr-learning: no answer within 0.3 s\n");
+    EXPECT_EQ(result.errors, "sccctl: addr-learning: no answer within 4.0 s\n");
 }
 
 TEST_F(CtlProgram, ATakenAppIdHasExitStatusThree) {
@@ -492,6 +492,15 @@ TEST_F(CtlProgramAlone, OutputThatCannotBeWrittenHasExitStatusOne) {
         EXPECT_EQ(full.finish(), 1) << line;
         EXPECT_TRUE(full.errors().starts_with("sccctl: standard output: ")) << full.errors();
     }
+}
+
+TEST_F(CtlProgram, AnAclFileThatCannotBeWrittenIsAFailure) {
+    const std::string lines = "acl create 7\nacl save /dev/full\nacl save /nonexistent/file\n";
+    const finished result = run({"shell"}, lines);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errors,
+              "sccctl: acl save: /dev/full: No space left on device\n"
+              "sccctl: acl save: /nonexistent/file: No such file or directory\n");
 }
 
 TEST_F(CtlProgramAlone, EachProgramTellsItsVersion) {

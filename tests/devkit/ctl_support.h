@@ -23,6 +23,10 @@ namespace ctl_test {
 
 inline constexpr int wait_ms = 20'000;
 
+// The option --timeout of a command whose answer never comes: the registration must not end by it on a busy
+// machine.
+inline constexpr const char* long_enough_to_register = "4";
+
 // A child process with its three standard streams on pipes.
 class process {
   public:

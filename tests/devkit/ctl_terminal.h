@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -62,6 +63,13 @@ class terminal {
         std::string before = shown_.substr(0, end);
         shown_.erase(0, end);
         return before;
+    }
+    void signal(int number) const { kill(pid_, number); }
+    // Whether it echoes what is typed and hands on whole lines, as between two programs.
+    [[nodiscard]] bool is_set_for_lines() const {
+        termios settings{};
+        EXPECT_EQ(tcgetattr(descriptor_, &settings), 0);
+        return (settings.c_lflag & (ICANON | ECHO)) == (ICANON | ECHO);
     }
     // Shows the rest and returns the exit status.
     int finish() {

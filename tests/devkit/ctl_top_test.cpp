@@ -22,7 +22,7 @@ std::vector<std::string> line_of(const std::string& table, const std::string& ap
 
 TEST_F(CtlTop, ListsAClientWithItsPendingRequests) {
     ASSERT_EQ(run({"daemon", "mute", "type=addr-learning", "count=2"}).status, 0);
-    process shell(SCCCTL_PATH, {"shell", "--app", "7", "--timeout", "0.05"}, directory());
+    process shell(SCCCTL_PATH, {"shell", "--app", "7", "--timeout", long_enough_to_register}, directory());
     shell.write("addr-learning 3 on\naddr-learning 4 on\nstrerror 2005\n");
     ASSERT_EQ(shell.line(), "strerror: specific acl not exist");
 

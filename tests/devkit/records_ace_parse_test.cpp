@@ -100,6 +100,26 @@ TEST(RecordsAceParse, AFaultIsToldWithTheByteWhereItBegins) {
     EXPECT_EQ(error_of(""), "0: action is missing");
     EXPECT_EQ(error_of("  allow ip any any"), "2: 'allow' is neither permit nor deny");
     EXPECT_EQ(error_of("permit ip any"), "13: destination address is missing");
+    EXPECT_EQ(error_of("10"), "2: action is missing");
+    EXPECT_EQ(error_of("permit"), "6: protocol is missing");
+    EXPECT_EQ(error_of("permit foo any any"), "7: protocol 'foo' is not a number from 0 to 255");
+    EXPECT_EQ(error_of("permit 256 any any"), "7: protocol '256' is not a number from 0 to 255");
+    EXPECT_EQ(error_of("permit ip host 10.0.0.0/8 any"),
+              "15: 'host' takes an address without a prefix length");
+    EXPECT_EQ(error_of("permit ip any ::1"), "14: IPv4 and IPv6 do not go together in one rule");
+    EXPECT_EQ(error_of("permit tcp 10.0.0.1 ::1"), "20: IPv4 and IPv6 do not go together in one rule");
+    EXPECT_EQ(error_of("permit ip any any port 80"), "18: 'port' needs protocol tcp, udp or sctp");
+    EXPECT_EQ(error_of("permit tcp any any port 90-80"), "27: port '80' is not a number from 90 to 65535");
+    EXPECT_EQ(error_of("permit ip any any vlan 0"), "23: vlan '0' is not a number from 1 to 4094");
+    EXPECT_EQ(error_of("permit ip any any vlan 5 vlan 5"), "25: 'vlan' is given twice");
+    EXPECT_EQ(error_of("permit ip any any colour 1"), "18: unknown option 'colour'");
+    EXPECT_EQ(error_of("permit ip any any ethertype 0x800"), "18: 'ethertype' goes with 'ether' alone");
+    EXPECT_EQ(error_of("permit ether dscp 1"), "13: 'dscp' and 'fragments' need an IP protocol");
+    EXPECT_EQ(error_of("permit ether src-mac 00:11:22:33:44"), "21: '00:11:22:33:44' is not a MAC address");
+    EXPECT_EQ(error_of("permit ip any any id"), "20: ACE id is missing");
+    EXPECT_EQ(error_of("permit ip any any id 5 vlan 2"), "23: 'vlan' follows the end of the ACE");
+    EXPECT_EQ(error_of("4294967296 permit ip any any"),
+              "0: sequence number '4294967296' is not a number from 0 to 4294967295");
     EXPECT_EQ(error_of("10 permit ip 10.0.0/8 any"), "13: '10.0.0/8' is not an address");
     EXPECT_EQ(error_of("permit ip 10.0.0.0/33 any"), "19: prefix length '33' is not a number from 0 to 32");
     EXPECT_EQ(error_of("permit tcp any any port 80,nosuchport"),

@@ -226,5 +226,64 @@ TEST(SccdHostile, AControlLineThatIsNestedTooDeeplyIsRefused) {
     }
 }
 
+TEST(SccdHostile, AControlLineThatIsTooLongIsRefusedOnceAndDropped) {
+    daemon_process daemon;
+    wire_socket wire(daemon.socket_directory() + "/.sccd_ctl");
+    const byte_string part(4u * 1024 * 1024, 'x');
+
+    wire.send_raw(part);
+    wire.send_raw({'x'});
+
+    EXPECT_EQ(wire.receive_text(), R"({"ok":false,"error":"a line of more than 4194304 bytes"})");
+    wire.send_raw(part);
+    const std::string rest = "x\n{\"do\":\"clients\"}\n";
+    wire.send_raw({rest.begin(), rest.end()});
+    EXPECT_EQ(wire.receive_text(), R"({"ok":true,"clients":[]})");
+}
+
+// The daemon has handled what arrived before.
+void settle() {
+    EXPECT_EQ(control({{"do", "clients"}})["ok"], true);
+}
+
+// How much is taken until the daemon reads no more; `most` if it reads on.
+std::size_t bytes_taken(int descriptor, const byte_string& line, std::size_t most) {
+    std::size_t taken = 0;
+    for (int full = 0; full < 3 && taken < most;) {
+        const std::size_t offset = taken % line.size();
+        const ssize_t count =
+            ::send(descriptor, line.data() + offset, line.size() - offset, MSG_DONTWAIT | MSG_NOSIGNAL);
+        full = count > 0 ? 0 : full + 1;
+        taken += count > 0 ? static_cast<std::size_t>(count) : 0;
+        if (count <= 0) {
+            settle();
+        }
+    }
+    return taken;
+}
+
+TEST(SccdHostile, ControlLinesAreNotReadOnAndOnWhileAnAnswerIsAwaited) {
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
+    wire_socket wire(daemon.socket_directory() + "/.sccd_ctl");
+    const std::string asked = R"({"do":"alive","app":3,"timeout_ms":1000000})"
+                              "\n";
+    wire.send_raw({asked.begin(), asked.end()});
+    ASSERT_EQ(client.async.receive().type, 319);
+    byte_string line(128 * 1024, 'x');
+    line.back() = '\n';
+
+    const std::size_t taken = bytes_taken(wire.descriptor(), line, 64u * 1024 * 1024);
+
+    EXPECT_LT(taken, 8u * 1024 * 1024);
+    client.sync.send(319, wire_value(4).u32(0, 3));
+    EXPECT_TRUE(wire.receive_text().starts_with(R"({"ok":true,"app":3)"));
+    const byte_string last(line.begin() + static_cast<std::ptrdiff_t>(taken % line.size()), line.end());
+    wire.send_raw(last);
+    for (std::size_t lines = 0; lines < taken / line.size() + 1; ++lines) {
+        ASSERT_EQ(wire.receive_text(), R"({"ok":false,"error":"not a JSON object"})");
+    }
+}
+
 }  // namespace
 }  // namespace sccd_test

@@ -112,6 +112,22 @@ TEST(SccdRegistration, TheDirectoryAndTheSocketAreOpenToEveryone) {
     EXPECT_EQ(socket.st_mode & 0222u, 0222u);
 }
 
+TEST(SccdRegistration, ALinkToTheDirectoryDoesNotOpenItsTargetToEveryone) {
+    using std::filesystem::perms;
+    daemon_process daemon;
+    daemon.signal(SIGTERM);
+    daemon.wait_for_end();
+    const std::string target = daemon.directory() + "/target";
+    std::filesystem::rename(daemon.socket_directory(), target);
+    std::filesystem::permissions(target, perms::owner_all);
+    std::filesystem::create_directory_symlink(target, daemon.socket_directory());
+
+    daemon.start();
+
+    EXPECT_EQ(std::filesystem::status(target).permissions(), perms::owner_all);
+    test_client client(daemon, 3, 77);
+}
+
 TEST(SccdRegistration, SigtermEndsTheDaemonAndRemovesItsSockets) {
     daemon_process daemon;
 

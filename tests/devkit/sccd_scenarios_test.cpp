@@ -113,8 +113,7 @@ TEST_F(SccdScenarios, SlowServiceDelaysEveryResultAndKeepsTheOrder) {
 
 TEST_F(SccdScenarios, FullBuffersLoseNoRequest) {
     begin("full-buffers");
-    // After two registrations, the eighth request is the tenth.
-    for (int count = 0; count < 8; ++count) {
+    for (int count = 0; count < 9; ++count) {
         expect_working_request();
     }
     std::vector<std::uint32_t> asked;

@@ -1,5 +1,6 @@
 // The handlers as the library calls them, without a connection: the records carry the test's callback, and
 // the operations without a record are not answered.
+#include <cerrno>
 #include <cstring>
 #include <future>
 #include <memory>
@@ -357,7 +358,7 @@ TEST_F(ServiceHandlers, AnyArgumentsOfAnOperationAreTakenAndHarmNothing) {
         EXPECT_EQ(handlers_.user_read(1, &user), 0);
         EXPECT_FALSE(table_text().empty());
         EXPECT_EQ(handlers_.user_op(1, 0, &user), 0);
-        EXPECT_EQ(handlers_.user_read(1, &user), 2019);
+        EXPECT_EQ(handlers_.user_read(1, &user), ENOENT);
     }
     for (int start = 0; start < 256; ++start) EXPECT_EQ(handlers_.data_recover(static_cast<u8>(start)), 0);
 }
@@ -403,7 +404,7 @@ TEST_F(ServiceHandlers, AUserReadCompletesTheEntryOrReturnsTheResult) {
     EXPECT_EQ(handlers_.user_read(9, &asked), 0);
     EXPECT_EQ(asked.ifx, 4u);
     scc_ss_user missing = user_of(2, 4);
-    EXPECT_EQ(handlers_.user_read(9, &missing), 2019);
+    EXPECT_EQ(handlers_.user_read(9, &missing), ENOENT);
 }
 
 TEST_F(ServiceHandlers, ADataRecoveryDropsWhatIsNotSentAgain) {

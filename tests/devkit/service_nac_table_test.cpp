@@ -51,9 +51,9 @@ TEST(ServiceNacTable, AddingAUserAgainReplacesItsEntry) {
 TEST(ServiceNacTable, AUserIsDeletedOnce) {
     nac_table table;
     table.add_user(user_of(1, 4));
-    EXPECT_EQ(table.delete_user(user_of(2, 4)), 2019u);
+    EXPECT_EQ(table.delete_user(user_of(2, 4)), 2u);
     EXPECT_EQ(table.delete_user(user_of(1, 4)), 0u);
-    EXPECT_EQ(table.delete_user(user_of(1, 4)), 2019u);
+    EXPECT_EQ(table.delete_user(user_of(1, 4)), 2u);
 }
 
 TEST(ServiceNacTable, ReadingCompletesTheEntryOfAMacAddress) {
@@ -68,7 +68,7 @@ TEST(ServiceNacTable, ReadingCompletesTheEntryOfAMacAddress) {
     EXPECT_EQ(asked.ip, held.ip);
     EXPECT_EQ(asked.tail[59], 0x77);
     scc_ss_user missing = user_of(3, 8);
-    EXPECT_EQ(table.read_user(missing), 2019u);
+    EXPECT_EQ(table.read_user(missing), 2u);
     EXPECT_EQ(missing.ifx, 8u);
 }
 

@@ -87,21 +87,27 @@ TEST_F(Blocks, OfDeliveredCallsAreFreedAfterAPause) {
     for (std::uint32_t& id : ids) {
         ASSERT_EQ(scc_svi_router_acl_set(1, &id), 0U);
     }
+    for (std::uint32_t request = 0; request < count; ++request) {
+        ASSERT_EQ(daemon.read_item(side::async).type, 143);
+    }
+    // The checker stands still from here until the last request, which takes a kept block, is made.
+    test::on_call(test::call::select, test::hold_here);
+    ASSERT_TRUE(test::entered().wait());
     for (const std::uint32_t id : ids) {
-        EXPECT_EQ(daemon.read_item(side::async).type, 143);
         daemon.send_result(id, 0);
     }
     for (std::uint32_t result = 0; result < count; ++result) {
         ASSERT_EQ(test::results().wait(), 0U);
     }
-    // A request that takes a kept block begins a new pause, of 20 waits of the checker at least.
     std::uint32_t last = 0;
-    const int waits = test::calls(test::call::select);
     ASSERT_EQ(scc_svi_router_acl_set(1, &last), 0U);
+    const int waits = test::calls(test::call::select);
+    test::released().push(1);
     EXPECT_EQ(daemon.read_item(side::async).type, 143);
     daemon.send_result(last, 0);
     ASSERT_EQ(test::results().wait(), 0U);
     EXPECT_TRUE(test::eventually([before] { return test::live_blocks() <= before; }));
+    // The request began a new pause, of 20 waits of the checker at least.
     EXPECT_GE(test::calls(test::call::select) - waits, 20);
 }
 

@@ -1,5 +1,7 @@
 #include "model/recorder.h"
 
+#include "support/result_handlers.h"
+
 namespace model {
 namespace {
 
@@ -53,23 +55,11 @@ void install_lists(scc_handlers& to) {
 
 scc_handlers application_handlers(const start_facts& facts) {
     scc_handlers to{};
+    SCC_RESULT_HANDLERS(INSTALL)
     // clang-format off
-    INSTALL(server_status) INSTALL(d1x_authen_method) INSTALL(d1x_author_mode) INSTALL(d1x_port_addr_num)
-    INSTALL(d1x_port_open) INSTALL(d1x_pt_ctrl) INSTALL(d1x_cos) INSTALL(d1x_dscp) INSTALL(d1x_redirect)
-    INSTALL(d1x_mac_move) INSTALL(webauth) INSTALL(http_dport) INSTALL(dirchn_host) INSTALL(dirchn_server)
-    INSTALL(dirchn_site) INSTALL(dirchn_arp) INSTALL(port_security) INSTALL(reserved_kind_17)
-    INSTALL(global_ip_mac) INSTALL(ip_source_guard) INSTALL(bind_except_port) INSTALL(dhcp_trust_port)
-    INSTALL(arpcheck) INSTALL(addr_learning) INSTALL(nac_esc) INSTALL(nac_esc_eport) INSTALL(nac_app)
-    INSTALL(nac_user) INSTALL(ndsnp_default_bind) INSTALL(reserved_kind_29) INSTALL(nac_neighbour)
-    INSTALL(acl_create) INSTALL(acl_delete) INSTALL(acl_add_ace) INSTALL(acl_delete_ace) INSTALL(acl_apply)
-    INSTALL(acl_unapply) INSTALL(user_acl_apply) INSTALL(user_acl_unapply) INSTALL(user_acl_delete_vmsup)
-    INSTALL(acl_resequence) INSTALL(filter_counter_reset) INSTALL(acl_counter_reset)
-    INSTALL(ace_counter_reset) INSTALL(global_eport) INSTALL(svi_router_acl) INSTALL(direct_vlan_notify)
-    INSTALL(authmode) INSTALL(dhcp_snooping) INSTALL(dhcp_snooping_second) INSTALL(nd_snooping) INSTALL(cpp)
-    INSTALL(station_move) INSTALL(flow) INSTALL(arpcheck_trust) INSTALL(arp_entry)
-    INSTALL(offline_detect_cfg) INSTALL(offline_detect_notify) INSTALL(direct_vlan) INSTALL(dirchn)
-    INSTALL(port_violate_notify) INSTALL(user_roll) INSTALL(water_line) INSTALL(arp_dyn_entry)
-    INSTALL(port_violate)
+    INSTALL(server_status) INSTALL(direct_vlan_notify) INSTALL(authmode) INSTALL(station_move) INSTALL(flow)
+    INSTALL(offline_detect_notify) INSTALL(dirchn) INSTALL(port_violate_notify) INSTALL(user_roll)
+    INSTALL(water_line)
         // clang-format on
         install_lists(to);
     for (u32 position = 0; position < sizeof to / sizeof(void*); ++position) {

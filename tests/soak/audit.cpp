@@ -32,7 +32,7 @@ bool is_expected(call_kind kind, std::uint32_t result) {
         case call_kind::egress_port:
             return result == SCC_E_SERVICE_TIMEOUT;
         case call_kind::user:
-            return result == SCC_E_SERVICE_TIMEOUT || result == SCC_E_NO_LIST_NODE || result == ENOENT;
+            return result == SCC_E_SERVICE_TIMEOUT || result == ENOENT;
         default:
             return result == SCC_E_SERVICE_TIMEOUT || result == SCC_E_NO_ACL || result == SCC_E_NO_ACE ||
                    result == SCC_E_ACL_EXISTS || result == SCC_E_ACE_EXISTS;

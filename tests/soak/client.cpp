@@ -16,15 +16,12 @@
 #include <utility>
 
 #include "soak/acl_mirror.h"
-#include "support/call_notes.h"
-#include "support/loop_thread.h"
+#include "support/load_program.h"
 
 namespace {
 
 using test::call_kind;
-using test::call_notes;
 
-constexpr std::uint32_t load_threads = 4;
 constexpr std::int32_t users_at_once = 24;
 constexpr std::int32_t settings_at_once = 24;
 constexpr std::uint32_t requests_between_naps = 4;
@@ -34,9 +31,7 @@ constexpr std::uint32_t aces = 3;
 constexpr std::uint32_t acl_type = 3;
 constexpr std::size_t mac_offset = 8;
 
-call_notes* g_notes = nullptr;
-std::uint32_t g_app_id = 0;
-std::uint32_t g_life = 0;
+test::load_program g_load;
 
 constexpr std::uint32_t pause_us = 4000;
 // Every other client is notified of each user; a stopped client finds all the notifications when it
@@ -66,7 +61,7 @@ std::uint32_t number_of(const scc_config_record& record) {
 }
 
 scc_acl_key acl_key(std::uint32_t slot, std::uint32_t number) {
-    return {g_app_id, acl_type, slot + 1, number};
+    return {g_load.app_id, acl_type, slot + 1, number};
 }
 
 // ---- handlers ----
@@ -78,48 +73,48 @@ void note_cache_check(const scc_acl_key& key) {
         case soak::comparison::none:
             return;
         case soak::comparison::differs:
-            ++g_notes->ledger().cache_faults;
+            ++g_load.notes->ledger().cache_faults;
             return;
         case soak::comparison::same:
-            ++g_notes->ledger().cache_reads;
+            ++g_load.notes->ledger().cache_reads;
             return;
     }
 }
 
 void on_status(std::uint32_t status) {
     g_mirror.clear();
-    g_notes->status(status);
+    g_load.notes->status(status);
 }
 
 void on_user(std::uint32_t result, std::uint32_t call_id, const scc_user_record* record) {
-    g_notes->answer(call_kind::user, call_id, result, number_of(record).number);
+    g_load.notes->answer(call_kind::user, call_id, result, number_of(record).number);
 }
 void on_egress_port(std::uint32_t result, std::uint32_t call_id, std::uint32_t ifx, std::uint8_t /*value*/) {
-    g_notes->answer(call_kind::egress_port, call_id, result, ifx);
+    g_load.notes->answer(call_kind::egress_port, call_id, result, ifx);
 }
 void on_addr_learning(std::uint32_t result, std::uint32_t call_id, std::uint32_t ifx,
                       std::uint8_t /*enable*/) {
-    g_notes->answer(call_kind::addr_learning, call_id, result, ifx);
+    g_load.notes->answer(call_kind::addr_learning, call_id, result, ifx);
 }
 void on_port_open(std::uint32_t result, std::uint32_t call_id, const scc_config_record* record) {
-    g_notes->answer(call_kind::port_open, call_id, result, number_of(*record));
+    g_load.notes->answer(call_kind::port_open, call_id, result, number_of(*record));
 }
 void on_acl_create(std::uint32_t result, std::uint32_t call_id, const scc_acl_key* key) {
-    g_notes->answer(call_kind::acl_create, call_id, result, key->acl_class);
+    g_load.notes->answer(call_kind::acl_create, call_id, result, key->acl_class);
     g_mirror.create(*key, result);
 }
 void on_acl_add_ace(std::uint32_t result, std::uint32_t call_id, const scc_acl_key* key,
                     const scc_ace_record* ace) {
-    g_notes->answer(call_kind::acl_add_ace, call_id, result, ace->ace_id);
+    g_load.notes->answer(call_kind::acl_add_ace, call_id, result, ace->ace_id);
     g_mirror.add_ace(*key, *ace, result);
 }
 void on_acl_resequence(std::uint32_t result, std::uint32_t call_id, const scc_acl_key* key,
                        std::uint32_t sn_start, std::uint32_t sn_inc) {
-    g_notes->answer(call_kind::acl_resequence, call_id, result, key->acl_class);
+    g_load.notes->answer(call_kind::acl_resequence, call_id, result, key->acl_class);
     g_mirror.resequence(*key, sn_start, sn_inc, result);
 }
 void on_acl_delete(std::uint32_t result, std::uint32_t call_id, const scc_acl_key* key) {
-    g_notes->answer(call_kind::acl_delete, call_id, result, key->acl_class);
+    g_load.notes->answer(call_kind::acl_delete, call_id, result, key->acl_class);
     note_cache_check(*key);
     g_mirror.remove(*key, result);
 }
@@ -127,7 +122,7 @@ void on_acl_delete(std::uint32_t result, std::uint32_t call_id, const scc_acl_ke
 // The driver numbers the notifications that it makes the daemon send; on one connection none may be missing.
 void on_authmode(std::uint32_t mode) {
     static std::uint32_t connection = 0;
-    test::call_ledger& ledger = g_notes->ledger();
+    test::call_ledger& ledger = g_load.notes->ledger();
     const bool first = connection != ledger.connections;
     connection = ledger.connections;
     if (first ? mode <= ledger.last_notification : mode != ledger.last_notification + 1) {
@@ -138,7 +133,7 @@ void on_authmode(std::uint32_t mode) {
 }
 
 void note_stale_user(std::uint32_t app_id, const user_number& sign) {
-    test::call_ledger& ledger = g_notes->ledger();
+    test::call_ledger& ledger = g_load.notes->ledger();
     test::stale_user& entry =
         ledger.stale_users[ledger.stale_user_count % test::call_ledger::stale_users_max];
     entry.app_id = app_id;
@@ -155,7 +150,7 @@ int on_user_change(std::uint8_t add, const void* /*user*/, const void* detail) {
         std::uint32_t own_connection;
     };
     static std::map<std::uint8_t, sighting> newest;
-    test::call_ledger& ledger = g_notes->ledger();
+    test::call_ledger& ledger = g_load.notes->ledger();
     ++ledger.notifications;
     if (add == 0) {
         return 0;
@@ -181,12 +176,12 @@ std::uint32_t set_user(std::uint32_t number, std::uint32_t* call_id) {
     const std::uint32_t user = number / 2 % users;
     const std::uint32_t ifx = user % 8 + 1;
     std::memcpy(record.head, &ifx, sizeof ifx);
-    const std::uint8_t mac[6] = {0x02, static_cast<std::uint8_t>(g_app_id), 0, 0,
+    const std::uint8_t mac[6] = {0x02, static_cast<std::uint8_t>(g_load.app_id), 0, 0,
                                  0,    static_cast<std::uint8_t>(user)};
     std::memcpy(record.head + mac_offset, mac, sizeof mac);
     record.entry_type = 5;
     record.operation = number % 2 == 0 ? SCC_USER_OPERATION_ADD : SCC_USER_OPERATION_DELETE;
-    const user_number sign{g_life, number, g_notes->ledger().connections};
+    const user_number sign{g_load.life, number, g_load.notes->ledger().connections};
     std::memcpy(reinterpret_cast<std::uint8_t*>(&record) + user_number_offset, &sign, sizeof sign);
     return scc_nac_user_set(&record, call_id);
 }
@@ -196,9 +191,9 @@ template <class Outstanding, class Request>
 void keep_requesting(std::int32_t at_once, std::uint32_t pause, const Outstanding& outstanding,
                      const Request& request) {
     std::uint32_t number = 0;
-    g_notes->obey([&] {
+    g_load.notes->obey([&] {
         for (std::uint32_t count = 0; count < requests_between_naps; ++count) {
-            if (g_notes->connected() && outstanding() < at_once) {
+            if (g_load.notes->connected() && outstanding() < at_once) {
                 request(++number);
             }
         }
@@ -208,8 +203,8 @@ void keep_requesting(std::int32_t at_once, std::uint32_t pause, const Outstandin
 
 void change_users() {
     keep_requesting(
-        users_at_once, pause_between_users_us, [] { return g_notes->outstanding(call_kind::user); },
-        [](std::uint32_t number) { g_notes->request(call_kind::user, number, set_user); });
+        users_at_once, pause_between_users_us, [] { return g_load.notes->outstanding(call_kind::user); },
+        [](std::uint32_t number) { g_load.notes->request(call_kind::user, number, set_user); });
 }
 
 std::uint32_t open_port(std::uint32_t number, std::uint32_t* call_id) {
@@ -222,19 +217,19 @@ void change_setting(std::uint32_t number) {
     constexpr std::uint32_t settings = 3;
     switch (number % settings) {
         case 0:
-            g_notes->request(call_kind::egress_port, number % 100 + 1,
-                             [](std::uint32_t port, std::uint32_t* call_id) {
-                                 return scc_acl_global_eport_set(port, 1, call_id);
-                             });
+            g_load.notes->request(call_kind::egress_port, number % 100 + 1,
+                                  [](std::uint32_t port, std::uint32_t* call_id) {
+                                      return scc_acl_global_eport_set(port, 1, call_id);
+                                  });
             return;
         case 1:
-            g_notes->request(call_kind::addr_learning, number,
-                             [](std::uint32_t port, std::uint32_t* call_id) {
-                                 return scc_addr_learning(port, 1, call_id);
-                             });
+            g_load.notes->request(call_kind::addr_learning, number,
+                                  [](std::uint32_t port, std::uint32_t* call_id) {
+                                      return scc_addr_learning(port, 1, call_id);
+                                  });
             return;
         default:
-            g_notes->request(call_kind::port_open, number, open_port);
+            g_load.notes->request(call_kind::port_open, number, open_port);
             return;
     }
 }
@@ -243,9 +238,9 @@ void change_settings() {
     keep_requesting(
         settings_at_once, pause_us,
         [] {
-            return g_notes->outstanding(call_kind::egress_port) +
-                   g_notes->outstanding(call_kind::addr_learning) +
-                   g_notes->outstanding(call_kind::port_open);
+            return g_load.notes->outstanding(call_kind::egress_port) +
+                   g_load.notes->outstanding(call_kind::addr_learning) +
+                   g_load.notes->outstanding(call_kind::port_open);
         },
         change_setting);
 }
@@ -254,38 +249,39 @@ void change_settings() {
 void replace_acl(std::uint32_t number) {
     const std::uint32_t slot = number % acls;
     const auto key = [slot](std::uint32_t serial) { return acl_key(slot, serial); };
-    g_notes->request(call_kind::acl_delete, number, [&](std::uint32_t serial, std::uint32_t* call_id) {
+    g_load.notes->request(call_kind::acl_delete, number, [&](std::uint32_t serial, std::uint32_t* call_id) {
         const scc_acl_key named = key(serial);
         return scc_acl_delete(&named, call_id);
     });
-    g_notes->request(call_kind::acl_create, number, [&](std::uint32_t serial, std::uint32_t* call_id) {
+    g_load.notes->request(call_kind::acl_create, number, [&](std::uint32_t serial, std::uint32_t* call_id) {
         const scc_acl_key named = key(serial);
         return scc_acl_create(&named, call_id);
     });
     for (std::uint32_t entry = 0; entry < aces; ++entry) {
-        g_notes->request(call_kind::acl_add_ace, number * aces + entry,
-                         [&](std::uint32_t serial, std::uint32_t* call_id) {
-                             const scc_acl_key named = key(number);
-                             scc_ace_record ace{};
-                             ace.sn = 10 * (aces - entry);
-                             ace.ace_id = serial;
-                             return scc_acl_add_ace(&named, &ace, call_id);
-                         });
+        g_load.notes->request(call_kind::acl_add_ace, number * aces + entry,
+                              [&](std::uint32_t serial, std::uint32_t* call_id) {
+                                  const scc_acl_key named = key(number);
+                                  scc_ace_record ace{};
+                                  ace.sn = 10 * (aces - entry);
+                                  ace.ace_id = serial;
+                                  return scc_acl_add_ace(&named, &ace, call_id);
+                              });
     }
-    g_notes->request(call_kind::acl_resequence, number, [&](std::uint32_t serial, std::uint32_t* call_id) {
-        const scc_acl_key named = key(serial);
-        return scc_acl_reseqence(&named, 5, 5, call_id);
-    });
+    g_load.notes->request(call_kind::acl_resequence, number,
+                          [&](std::uint32_t serial, std::uint32_t* call_id) {
+                              const scc_acl_key named = key(serial);
+                              return scc_acl_reseqence(&named, 5, 5, call_id);
+                          });
 }
 
 void change_acls() {
     keep_requesting(
         1, pause_us,
         [] {
-            return g_notes->outstanding(call_kind::acl_create) +
-                   g_notes->outstanding(call_kind::acl_add_ace) +
-                   g_notes->outstanding(call_kind::acl_resequence) +
-                   g_notes->outstanding(call_kind::acl_delete);
+            return g_load.notes->outstanding(call_kind::acl_create) +
+                   g_load.notes->outstanding(call_kind::acl_add_ace) +
+                   g_load.notes->outstanding(call_kind::acl_resequence) +
+                   g_load.notes->outstanding(call_kind::acl_delete);
         },
         replace_acl);
 }
@@ -299,7 +295,7 @@ bool is_loss(std::uint32_t result) {
 }
 
 void note_query(std::uint32_t result, std::uint32_t wanted, bool own) {
-    test::call_ledger& ledger = g_notes->ledger();
+    test::call_ledger& ledger = g_load.notes->ledger();
     if (result == wanted && own) {
         ++ledger.queries;
     } else if (!is_loss(result)) {
@@ -331,7 +327,7 @@ void ask_for_count() {
 
 void ask() {
     std::uint32_t number = 0;
-    g_notes->obey([&] {
+    g_load.notes->obey([&] {
         ask_for_stranger(++number);
         ask_for_counter();
         ask_for_count();
@@ -343,7 +339,7 @@ void ask() {
 
 scc_reg_info registration(std::uint8_t option) {
     scc_reg_info info{};
-    info.app_id = g_app_id;
+    info.app_id = g_load.app_id;
     info.option = option;
     info.handlers.server_status = on_status;
     info.handlers.nac_user = on_user;
@@ -359,41 +355,16 @@ scc_reg_info registration(std::uint8_t option) {
     return info;
 }
 
-int run(bool has_loop, std::uint8_t option) {
-    static auto* const loop = has_loop ? new test::loop_thread : nullptr;
-    static scc_reg_info info = registration(option);
-    const std::uint32_t error =
-        has_loop ? loop->run([] { return scc_agent_init(&info, loop->master()); }) : scc_svr_reg(&info);
-    if (error != 0) {
-        return 1;
-    }
-    g_notes->ledger().load_threads = load_threads;
-    std::thread with_users(change_users);
-    std::thread with_settings(change_settings);
-    std::thread with_acls(change_acls);
-    ask();
-    with_users.join();
-    with_settings.join();
-    with_acls.join();
-    return (has_loop ? loop->run(scc_agent_finish) : scc_svr_unreg()) == 0 ? 0 : 2;
-}
-
 }  // namespace
 
 int main(int count, char** words) {
-    if (count != 6) {
-        return 64;
+    if (const int status = test::begin_load(count, words, g_load); status != 0) {
+        return status;
     }
-    g_app_id = static_cast<std::uint32_t>(std::atoi(words[1]));
-    g_life = static_cast<std::uint32_t>(std::atoi(words[2]));
-    static const auto* ledger = new test::mapped_ledger(words[3]);  // the handlers outlive main
-    if (!ledger->is_there()) {
-        std::perror(words[3]);
-        return 65;
-    }
-    (*ledger)->touch();
-    g_notes = new call_notes(**ledger);
+    g_load.notes->ledger().touch();
     const auto option = static_cast<std::uint8_t>(std::atoi(words[5]));
     g_mirror.use(option == 1);
-    return run(std::strcmp(words[4], "loop") == 0, option);
+    static scc_reg_info info = registration(option);
+    return test::run_load(info, std::strcmp(words[4], "loop") == 0, g_load,
+                          {change_users, change_settings, change_acls, ask});
 }

@@ -11,29 +11,24 @@
 #include <cstring>
 #include <thread>
 
-#include "support/call_notes.h"
-#include "support/loop_thread.h"
+#include "support/load_program.h"
 
 namespace {
 
 using test::call_kind;
-using test::call_notes;
 using test::nap;
 
-constexpr std::uint32_t load_threads = 3;
 constexpr std::int32_t others_at_once = 100;
 // Without a service, user requests are answered at once; the pauses keep the daemon's tables from growing too
 // far.
 constexpr std::uint32_t users_between_naps = 8;
 
-call_notes* g_notes = nullptr;
-std::uint32_t g_app_id = 0;
-std::uint32_t g_life = 0;
+test::load_program g_load;
 
 // ---- handlers ----
 
 void on_status(std::uint32_t status) {
-    g_notes->status(status);
+    g_load.notes->status(status);
 }
 
 constexpr std::size_t mac_offset = 8;
@@ -41,16 +36,16 @@ constexpr std::size_t mac_offset = 8;
 void on_user(std::uint32_t result, std::uint32_t call_id, const scc_user_record* record) {
     const std::uint8_t* mac = record->head + mac_offset;
     const std::uint32_t number = std::uint32_t{mac[3]} << 16 | std::uint32_t{mac[4]} << 8 | mac[5];
-    g_notes->answer(call_kind::user, call_id, result, number);
+    g_load.notes->answer(call_kind::user, call_id, result, number);
 }
 
 void on_egress_port(std::uint32_t result, std::uint32_t call_id, std::uint32_t ifx, std::uint8_t /*value*/) {
-    g_notes->answer(call_kind::egress_port, call_id, result, ifx);
+    g_load.notes->answer(call_kind::egress_port, call_id, result, ifx);
 }
 
 void on_addr_learning(std::uint32_t result, std::uint32_t call_id, std::uint32_t ifx,
                       std::uint8_t /*enable*/) {
-    g_notes->answer(call_kind::addr_learning, call_id, result, ifx);
+    g_load.notes->answer(call_kind::addr_learning, call_id, result, ifx);
 }
 
 // ---- the load ----
@@ -60,8 +55,8 @@ std::uint32_t add_user(std::uint32_t number, std::uint32_t* call_id) {
     const std::uint32_t ifx = number % 8 + 1;
     std::memcpy(record.head, &ifx, sizeof ifx);
     const std::uint8_t mac[6] = {0x02,
-                                 static_cast<std::uint8_t>(g_app_id),
-                                 static_cast<std::uint8_t>(g_life),
+                                 static_cast<std::uint8_t>(g_load.app_id),
+                                 static_cast<std::uint8_t>(g_load.life),
                                  static_cast<std::uint8_t>(number >> 16),
                                  static_cast<std::uint8_t>(number >> 8),
                                  static_cast<std::uint8_t>(number)};
@@ -73,11 +68,11 @@ std::uint32_t add_user(std::uint32_t number, std::uint32_t* call_id) {
 
 void add_users(std::int32_t at_once) {
     std::uint32_t number = 0;
-    g_notes->obey([&] {
-        if (!g_notes->connected() || g_notes->outstanding(call_kind::user) >= at_once) {
+    g_load.notes->obey([&] {
+        if (!g_load.notes->connected() || g_load.notes->outstanding(call_kind::user) >= at_once) {
             return nap();
         }
-        g_notes->request(call_kind::user, ++number, add_user);
+        g_load.notes->request(call_kind::user, ++number, add_user);
         if (number % users_between_naps == 0) {
             nap();
         }
@@ -85,73 +80,58 @@ void add_users(std::int32_t at_once) {
 }
 
 std::int32_t others() {
-    return g_notes->outstanding() - g_notes->outstanding(call_kind::user);
+    return g_load.notes->outstanding() - g_load.notes->outstanding(call_kind::user);
 }
 
 void change_settings() {
     std::uint32_t number = 0;
-    g_notes->obey([&] {
-        if (!g_notes->connected() || others() >= others_at_once) {
+    g_load.notes->obey([&] {
+        if (!g_load.notes->connected() || others() >= others_at_once) {
             return nap();
         }
         const std::uint32_t ifx = ++number % 100 + 1;
         if (number % 2 == 0) {
-            g_notes->request(call_kind::egress_port, ifx, [](std::uint32_t port, std::uint32_t* call_id) {
-                return scc_acl_global_eport_set(port, 1, call_id);
-            });
+            g_load.notes->request(call_kind::egress_port, ifx,
+                                  [](std::uint32_t port, std::uint32_t* call_id) {
+                                      return scc_acl_global_eport_set(port, 1, call_id);
+                                  });
         } else {
-            g_notes->request(call_kind::addr_learning, ifx, [](std::uint32_t port, std::uint32_t* call_id) {
-                return scc_addr_learning(port, 1, call_id);
-            });
+            g_load.notes->request(call_kind::addr_learning, ifx,
+                                  [](std::uint32_t port, std::uint32_t* call_id) {
+                                      return scc_addr_learning(port, 1, call_id);
+                                  });
         }
     });
 }
 
 void ask() {
-    g_notes->obey([] {
+    g_load.notes->obey([] {
         std::uint32_t count = 0;
         if (scc_arp_check_user_count_get(1, &count) == 0) {
-            ++g_notes->ledger().queries;
+            ++g_load.notes->ledger().queries;
         }
         nap();
     });
 }
 
-int run(std::int32_t users_at_once, bool has_loop) {
-    static auto* const loop = has_loop ? new test::loop_thread : nullptr;
-    static scc_reg_info info{};
-    info.app_id = g_app_id;
+scc_reg_info registration() {
+    scc_reg_info info{};
+    info.app_id = g_load.app_id;
     info.handlers.server_status = on_status;
     info.handlers.nac_user = on_user;
     info.handlers.global_eport = on_egress_port;
     info.handlers.addr_learning = on_addr_learning;
-    const std::uint32_t error =
-        has_loop ? loop->run([] { return scc_agent_init(&info, loop->master()); }) : scc_svr_reg(&info);
-    if (error != 0) {
-        return 1;
-    }
-    g_notes->ledger().load_threads = load_threads;
-    std::thread users([users_at_once] { add_users(users_at_once); });
-    std::thread settings(change_settings);
-    ask();
-    users.join();
-    settings.join();
-    return (has_loop ? loop->run(scc_agent_finish) : scc_svr_unreg()) == 0 ? 0 : 2;
+    return info;
 }
 
 }  // namespace
 
 int main(int count, char** words) {
-    if (count != 6) {
-        return 64;
+    if (const int status = test::begin_load(count, words, g_load); status != 0) {
+        return status;
     }
-    g_app_id = static_cast<std::uint32_t>(std::atoi(words[1]));
-    g_life = static_cast<std::uint32_t>(std::atoi(words[2]));
-    static const auto* ledger = new test::mapped_ledger(words[3]);  // the handlers outlive main
-    if (!ledger->is_there()) {
-        std::perror(words[3]);
-        return 65;
-    }
-    g_notes = new call_notes(**ledger);
-    return run(std::atoi(words[4]), std::strcmp(words[5], "loop") == 0);
+    const std::int32_t users_at_once = std::atoi(words[4]);
+    static scc_reg_info info = registration();
+    return test::run_load(info, std::strcmp(words[5], "loop") == 0, g_load,
+                          {[users_at_once] { add_users(users_at_once); }, change_settings, ask});
 }

