@@ -234,6 +234,7 @@ void acl_look_ups() {
         scc_acl_create(&key, nullptr);
     }
     await_results(release::all_together);
+    run_checker();  // which finishes the growth of the index
     measure(round_operations, [](u32) {
         for (u32 id = 1; id <= round_operations; ++id) {
             scc_acl_key key{0, 3, id, 0};

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "agent/agent_tasks.h"
+#include "client/acl_cache.h"
 #include "client/control_block.h"
 #include "client/log.h"
 #include "client/message_queue.h"
@@ -353,6 +354,7 @@ void make_one_request(input& from) {
 void check_pass() {
     flush_waiting_batch();
     grow_pending_index();
+    grow_acl_index();
     free_idle_blocks();
 }
 

@@ -42,6 +42,7 @@ echo "== the service side against the raw-socket floor"
 "$programs/service_bench" "$rounds"
 echo "== costs that must not grow with the number of entries"
 "$programs/memory_bench" "$rounds"
+"$programs/pause_bench" "$rounds"
 echo "== how long a result takes"
 "$programs/latency_bench" 10
 echo "== losses"

@@ -209,7 +209,7 @@ uint32_t scc_acl_get_ace(const struct scc_acl_key* key, struct scc_list_head* ac
             free_list(aces);
             return result::no_memory;
         }
-        *copy = ace_of_link(link)->record;
+        read_record(*ace_of_link(link), *copy);
         list_add_tail(&copy->link, aces);
     }
     return result::ok;
@@ -232,7 +232,7 @@ uint32_t scc_acl_get_ace_by_sn(const struct scc_acl_key* key, uint32_t sn, struc
     if (found == nullptr) {
         return result::no_ace;
     }
-    *ace = found->record;
+    read_record(*found, *ace);
     return result::ok;
 }
 }

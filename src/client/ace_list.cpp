@@ -3,11 +3,53 @@
 #include "client/ace_list.h"
 
 #include <cstdlib>
+#include <cstring>
+
+#include "msg/bytes.h"
 
 namespace scc {
 namespace {
 
 constexpr u32 unnumbered_from = 0x7FFFFFFF;  // these keep their number in a resequence
+
+constexpr std::size_t record_offset = offsetof(cached_ace, record);
+// What is kept of a record is its beginning and a multiple of this.
+constexpr std::size_t part_bytes = 136;
+
+static_assert((record::ace - sizeof(ace_beginning)) % part_bytes == 0);
+static_assert(part_bytes % sizeof(u64) == 0);
+
+bool is_zero(const u8* part) {
+    u64 bits = 0;
+    for (std::size_t at = 0; at < part_bytes; at += sizeof(u64)) {
+        bits |= load<u64>(part, at);
+    }
+    return bits == 0;
+}
+
+std::size_t bytes_to_keep(const u8* record) {
+    std::size_t kept = record::ace;
+    while (kept > sizeof(ace_beginning) && is_zero(record + kept - part_bytes)) {
+        kept -= part_bytes;
+    }
+    return kept;
+}
+
+cached_ace* copy_of(const u8* record, std::size_t kept) {
+    void* block = std::malloc(record_offset + kept);
+    if (block == nullptr) {
+        return nullptr;
+    }
+    std::memcpy(static_cast<u8*>(block) + record_offset, record, kept);
+    auto* ace = static_cast<cached_ace*>(block);
+    ace->kept_bytes = static_cast<u32>(kept);
+    ace->offset = 0;
+    return ace;
+}
+
+void free_block(cached_ace* ace) {
+    std::free(reinterpret_cast<u8*>(ace) - ace->offset);
+}
 
 cached_ace* ace_of_place(rb_node* node) {
     return reinterpret_cast<cached_ace*>(node);
@@ -62,6 +104,34 @@ void insert_before(cached_acl& acl, cached_ace* ace, cached_ace* successor) {
 
 }  // namespace
 
+cached_ace* copy_of(const scc_ace_record* record) {
+    const auto* bytes = reinterpret_cast<const u8*>(record);
+    return copy_of(bytes, bytes_to_keep(bytes));
+}
+
+cached_ace* ace_of_call(pending_call* call, bool& takes_block) {
+    constexpr std::size_t record_in_block = pending_call::head_bytes + sizeof(scc_acl_key);
+    u8* const block = reinterpret_cast<u8*>(call);
+    const std::size_t kept = bytes_to_keep(block + record_in_block);
+    if (cached_ace* copy = kept < record::ace ? copy_of(block + record_in_block, kept) : nullptr;
+        copy != nullptr) {
+        takes_block = false;
+        return copy;
+    }
+    constexpr std::size_t offset = record_in_block - record_offset;
+    auto* ace = reinterpret_cast<cached_ace*>(block + offset);
+    ace->kept_bytes = record::ace;
+    ace->offset = offset;
+    takes_block = true;
+    return ace;
+}
+
+void read_record(const cached_ace& ace, scc_ace_record& out) {
+    u8* const bytes = reinterpret_cast<u8*>(&out);
+    std::memcpy(bytes, reinterpret_cast<const u8*>(&ace) + record_offset, ace.kept_bytes);
+    std::memset(bytes + ace.kept_bytes, 0, sizeof out - ace.kept_bytes);
+}
+
 cached_ace* find_ace(cached_acl& acl, u32 sn) {
     if (acl.out_of_order != 0) {
         return first_in_list(acl, [sn](u32 other) { return other == sn; });
@@ -78,14 +148,14 @@ void free_ace(cached_acl& acl, cached_ace* ace) {
     list_del(&ace->record.link);
     scc_rb_erase(&ace->place, &acl.places);
     --acl.ace_count;
-    std::free(ace);
+    free_block(ace);
 }
 
 void free_aces(cached_acl& acl) {
     while (!list_empty(&acl.aces)) {
         cached_ace* ace = ace_of_link(acl.aces.next);  // NOLINT(clang-analyzer-unix.Malloc)
         list_del(&ace->record.link);
-        std::free(ace);
+        free_block(ace);
     }
 }
 

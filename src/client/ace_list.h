@@ -12,13 +12,21 @@
 
 namespace scc {
 
-// The record's first 16 bytes link the list. To save a copy, a cached ACE is the block of the call that added
-// it: the tree node overwrites the call's head.
+// The beginning of a record, which every cached ACE keeps.
+struct ace_beginning {
+    list_node link;  // of the list, in the place of the caller's
+    u8 match[204];
+    u32 sn;
+    u32 ace_id;
+};
+
+// A record ends in zeros, mostly in many: these are not kept, since fresh memory costs more than everything
+// else that adding an ACE takes. A record without such an end stays in the block of the call that added it.
 struct cached_ace {
     rb_node place;
-    u8 unused[pending_call::head_bytes - sizeof(rb_node)];
-    scc_acl_key key;
-    scc_ace_record record;
+    u32 kept_bytes;  // of the record; the rest is zero
+    u32 offset;      // in its block
+    ace_beginning record;
 };
 
 struct cached_acl {
@@ -35,14 +43,22 @@ struct cached_acl {
 
 static_assert(sizeof(cached_acl) == 232);
 static_assert(sizeof(scc_ace_record) == record::ace);
-static_assert(offsetof(cached_ace, key) == pending_call::head_bytes);
-static_assert(offsetof(cached_ace, record) == pending_call::head_bytes + record::acl_key);
 static_assert(offsetof(scc_ace_record, sn) == 220);
 static_assert(offsetof(scc_ace_record, ace_id) == 224);
+static_assert(offsetof(ace_beginning, sn) == offsetof(scc_ace_record, sn));
+static_assert(offsetof(ace_beginning, ace_id) == offsetof(scc_ace_record, ace_id));
 
 [[nodiscard]] inline cached_ace* ace_of_link(list_node* link) {
     return reinterpret_cast<cached_ace*>(reinterpret_cast<u8*>(link) - offsetof(cached_ace, record));
 }
+
+// Copies a record, which may be unaligned; null without memory.
+[[nodiscard]] cached_ace* copy_of(const scc_ace_record* record);
+// The ACE of a confirmed call that adds one. When takes_block is then true, its block is the call's, because
+// the record has no zeros at its end or there is no memory for a copy.
+[[nodiscard]] cached_ace* ace_of_call(pending_call* call, bool& takes_block);
+// The whole record.
+void read_record(const cached_ace& ace, scc_ace_record& out);
 
 // The first ACE with this number, in list order; null when there is none.
 [[nodiscard]] cached_ace* find_ace(cached_acl& acl, u32 sn) SCC_REQUIRES(acl_lock);

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "client/growth.h"
 #include "client/kinds.h"
 #include "client/log.h"
 #include "client/tuning.h"
@@ -49,11 +50,13 @@ u64 mixed(const acl_identity& id) {
     return hash << together_bits | (id.acl_id & ((1U << together_bits) - 1));
 }
 
+using acl_index = key_index<acl_identity, cached_acl, mixed, tuning::first_acl_slots>;
+
 struct acl_cache {
     std::array<list_node, acl_buckets> buckets;
     u64 count;
     bool ready;
-    key_index<acl_identity, cached_acl, mixed, tuning::first_acl_slots> index;
+    acl_index index;
 };
 
 }  // namespace
@@ -61,7 +64,8 @@ struct acl_cache {
 struct client_data {
     std::atomic<u64> capability;
     acl_cache cache SCC_GUARDED_BY(acl_lock);
-    std::atomic<u32> revision;  // written under scc_acl_lock
+    std::atomic<u32> revision;     // written under scc_acl_lock
+    std::atomic<bool> is_growing;  // the index does, or should; written under scc_acl_lock
 };
 
 }  // namespace scc
@@ -83,6 +87,12 @@ void free_acl(cached_acl* acl) SCC_REQUIRES(acl_lock) {
     cache().index.erase(identity_of(acl->key));
     --cache().count;
     std::free(acl);
+}
+
+void note_growth() SCC_REQUIRES(acl_lock) {
+    const acl_index& index = cache().index;
+    g_scc_client_data.is_growing.store(index.is_growing() || index.buckets_wanted() != 0,
+                                       std::memory_order_relaxed);
 }
 
 // Logs when there is no such ACL.
@@ -142,6 +152,22 @@ void free_acl_cache() {
     set_capability_word(0);
 }
 
+void grow_acl_index() {
+    // Read without the lock, which a display of many ACLs holds for long.
+    if (!g_scc_client_data.is_growing.load(std::memory_order_relaxed)) {
+        return;
+    }
+    grow_in_steps<acl_index>([](auto work) {
+        if (!try_lock_briefly(acl_lock)) {
+            return false;
+        }
+        work(cache().index);
+        note_growth();
+        unlock(acl_lock);
+        return true;
+    });
+}
+
 u32 acl_cache_revision() {
     return g_scc_client_data.revision.load(std::memory_order_relaxed);
 }
@@ -172,6 +198,7 @@ void add_acl(const scc_acl_key* key) SCC_REQUIRES(acl_lock) {
     }
     std::memset(acl, 0, sizeof *acl);
     acl->key = *key;
+    note_growth();
     INIT_LIST_HEAD(&acl->aces);
     list_add_tail(&acl->bucket_link, &cache().buckets[_acl_hash_idx_get(key)]);
     ++cache().count;
@@ -189,12 +216,11 @@ void add_ace(const scc_acl_key* key, const scc_ace_record* ace) SCC_REQUIRES(acl
     if (acl == nullptr) {
         return;
     }
-    auto* copy = static_cast<cached_ace*>(std::malloc(sizeof(cached_ace)));
+    cached_ace* copy = copy_of(ace);
     if (copy == nullptr) {
         SCC_LOG_FROM(function, "alloc memory failed!!!");
         return;
     }
-    std::memcpy(&copy->record, ace, sizeof copy->record);
     insert_in_order(*acl, copy);
 }
 
@@ -292,13 +318,13 @@ bool take_into_cache(pending_call* call, u32 revision) {
         update(*call);
         return false;
     }
-    auto* ace = reinterpret_cast<cached_ace*>(call);
-    cached_acl* acl = find_acl(ace->key, "_scc_lib_ace_add");
+    cached_acl* acl = find_acl(load<scc_acl_key>(call->data()), "_scc_lib_ace_add");
     if (acl == nullptr) {
         return false;
     }
-    insert_in_order(*acl, ace);
-    return true;
+    bool takes_block = false;
+    insert_in_order(*acl, ace_of_call(call, takes_block));
+    return takes_block;
 }
 
 u64 capability_word() {

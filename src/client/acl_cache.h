@@ -13,6 +13,8 @@ void init_acl_cache();
 // Initialises the buckets at the first call.
 void prepare_acl_buckets() SCC_REQUIRES(acl_lock);
 void free_acl_cache();
+// For the checker thread, so that confirmed ACLs need not wait while the index grows.
+void grow_acl_index();
 [[nodiscard]] u64 cached_acl_count() SCC_REQUIRES(acl_lock);
 [[nodiscard]] list_node* acl_bucket(u32 i) SCC_REQUIRES(acl_lock);
 

@@ -60,7 +60,7 @@ std::span<const u8> batch_message() SCC_REQUIRES(batch_lock) {
 
 // When a start had no memory for the block, the next request allocates it. Before a start there is none.
 bool has_block() SCC_REQUIRES(batch_lock) {
-    if (g_scc_msg_send_q == nullptr && g_started) {
+    if (g_scc_msg_send_q == nullptr && g_started) [[unlikely]] {
         g_scc_msg_send_q = static_cast<batch*>(std::calloc(1, sizeof(batch)));
         if (g_scc_msg_send_q == nullptr) {
             return false;
@@ -70,7 +70,8 @@ bool has_block() SCC_REQUIRES(batch_lock) {
     return g_scc_msg_send_q != nullptr;
 }
 
-void append(u16 sub_id, u16 type, const value_parts& value) SCC_REQUIRES(batch_lock) {
+[[gnu::always_inline]] inline void append(u16 sub_id, u16 type, const value_parts& value)
+    SCC_REQUIRES(batch_lock) {
     batch& waiting = *g_scc_msg_send_q;
     const auto length = static_cast<u32>(value.size());
     u8* at = waiting.message + wire::header_bytes + waiting.used;
@@ -103,20 +104,15 @@ void drop_batch_of_lost_connection(u32 epoch) SCC_REQUIRES(batch_lock) {
     }
 }
 
-// Appends, and flushes as often as needed. A request that did not fit is appended and sent again after every
-// flush outside the registered state, until a send fails or the state is registered: deliberate, and brief,
-// since only a change of state leads there.
-send_outcome append_and_flush(u16 sub_id, u16 type, const value_parts& value, int sync)
-    SCC_REQUIRES(batch_lock) {
-    const u32 entry = static_cast<u32>(value.size()) + wire::item_header_bytes;
+// What is rare or costs a system call is not inlined, so that a request which only joins the batch saves few
+// registers.
+
+// Flushes as often as needed. A request that did not fit is appended and sent again after every flush outside
+// the registered state, until a send fails or the state is registered: deliberate, and brief, since only a
+// change of state leads there.
+[[gnu::noinline]] send_outcome flush_now(u16 sub_id, u16 type, const value_parts& value, int sync,
+                                         bool overflow) SCC_REQUIRES(batch_lock) {
     batch& waiting = *g_scc_msg_send_q;
-    const bool overflow = waiting.capacity - waiting.used < entry;
-    if (!overflow) {
-        append(sub_id, type, value);
-        if (may_wait()) {
-            return {};
-        }
-    }
     for (;;) {
         if (sync != 1) {
             log_flush(send_function, "bt send");
@@ -137,7 +133,21 @@ send_outcome append_and_flush(u16 sub_id, u16 type, const value_parts& value, in
     }
 }
 
-u32 send_oversized(u16 sub_id, u16 type, const value_parts& value, int sync) {
+send_outcome append_and_flush(u16 sub_id, u16 type, const value_parts& value, int sync)
+    SCC_REQUIRES(batch_lock) {
+    const u32 entry = static_cast<u32>(value.size()) + wire::item_header_bytes;
+    const batch& waiting = *g_scc_msg_send_q;
+    const bool overflow = waiting.capacity - waiting.used < entry;
+    if (!overflow) {
+        append(sub_id, type, value);
+        if (may_wait()) {
+            return {};
+        }
+    }
+    return flush_now(sub_id, type, value, sync, overflow);
+}
+
+[[gnu::noinline]] u32 send_oversized(u16 sub_id, u16 type, const value_parts& value, int sync) {
     SCC_LOG_FROM(send_function, "msg is larger than sendbuf. val_size:%d.", static_cast<int>(value.size()));
     const u32 epoch = epoch_of_this_thread();
     const write_guard guard(batch_lock);
@@ -146,6 +156,13 @@ u32 send_oversized(u16 sub_id, u16 type, const value_parts& value, int sync) {
         recover_from_failed_send(outcome, epoch, "_scc_lib_msg_send_rt");
     }
     return result::invalid;  // Report 22 whether or not the send succeeded.
+}
+
+[[gnu::noinline]] void recover(const send_outcome& outcome, u32 epoch) {
+    if (app_id_now() != 0) {
+        SCC_LOG_FROM(send_function, "!!!!_scc_lib_msg_send_rt rv :%d !!!!.", outcome.error);
+    }
+    recover_from_failed_send(outcome, epoch, send_function);
 }
 
 u32 send_by_batch(u16 sub_id, u16 type, const value_parts& value, int sync) {
@@ -168,10 +185,7 @@ u32 send_by_batch(u16 sub_id, u16 type, const value_parts& value, int sync) {
         outcome = append_and_flush(sub_id, type, value, sync);
     }
     if (outcome.error != result::ok) {
-        if (app_id_now() != 0) {
-            SCC_LOG_FROM(send_function, "!!!!_scc_lib_msg_send_rt rv :%d !!!!.", outcome.error);
-        }
-        recover_from_failed_send(outcome, epoch, send_function);
+        recover(outcome, epoch);
     }
     return result::ok;
 }

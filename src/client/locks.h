@@ -7,6 +7,7 @@
 
 #include <pthread.h>
 
+#include "client/tuning.h"
 #include "util/thread_annotations.h"
 
 // Debuggers and tests know these by name and type.
@@ -43,6 +44,20 @@ inline constexpr named_lock lib_lock SCC_ACQUIRED_BEFORE(batch_lock){scc_lib_loc
 [[nodiscard]] inline bool try_lock(const named_lock& lock)
     SCC_TRY_ACQUIRE(true, lock) SCC_NO_THREAD_SAFETY_ANALYSIS {
     return pthread_rwlock_trywrlock(&lock.handle) == 0;
+}
+
+// Spins briefly, for a lock whose hold times are shorter than a sleep.
+[[nodiscard]] inline bool try_lock_briefly(const named_lock& lock)
+    SCC_TRY_ACQUIRE(true, lock) SCC_NO_THREAD_SAFETY_ANALYSIS {
+    for (int i = 0; i < tuning::lock_spins; ++i) {
+        if (try_lock(lock)) {
+            return true;
+        }
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#endif
+    }
+    return false;
 }
 
 inline void unlock(const named_lock& lock) SCC_RELEASE(lock) SCC_NO_THREAD_SAFETY_ANALYSIS {

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "client/control_block.h"
+#include "client/growth.h"
 #include "client/log.h"
 #include "client/tuning.h"
 #include "msg/result_codes.h"
@@ -28,12 +29,14 @@ u64 hash_of(const list_node* node) {
     return reinterpret_cast<const pending_call*>(node)->call_id;
 }
 
+using call_index = bucket_table<hash_of, tuning::first_call_buckets>;
+
 }  // namespace
 }  // namespace scc
 
 extern "C" {
 constinit pthread_rwlock_t scc_call_data_lock = PTHREAD_RWLOCK_INITIALIZER;
-constinit bucket_table<hash_of, tuning::first_call_buckets> g_scc_lib_call_lst SCC_GUARDED_BY(calls_lock){};
+constinit call_index g_scc_lib_call_lst SCC_GUARDED_BY(calls_lock){};
 }
 
 namespace scc {
@@ -54,23 +57,14 @@ struct hand {
 
 constinit hand g_hand{};
 
-// Spin briefly: hold times are shorter than a sleep.
 class SCC_SCOPED_CAPABILITY brief_guard {
   public:
     brief_guard() SCC_ACQUIRE(calls_lock) {
-        for (int i = 0; i < tuning::lock_spins; ++i) {
-            if (try_lock(calls_lock)) {
-                return;
-            }
-#if defined(__x86_64__) || defined(__i386__)
-            __builtin_ia32_pause();
-#endif
+        if (!try_lock_briefly(calls_lock)) {
+            pthread_rwlock_wrlock(&scc_call_data_lock);
         }
-        pthread_rwlock_wrlock(&scc_call_data_lock);
     }
-    ~brief_guard() SCC_RELEASE() {
-        unlock(calls_lock);
-    }
+    ~brief_guard() SCC_RELEASE() { unlock(calls_lock); }
     brief_guard(const brief_guard&) = delete;
     brief_guard& operator=(const brief_guard&) = delete;
 };
@@ -283,50 +277,13 @@ void init_pending_calls() {
     g_scc_lib_call_lst.reset();
 }
 
-namespace {
-
-std::size_t buckets_wanted() {
-    const write_guard guard(calls_lock);
-    index_incoming();
-    return g_scc_lib_call_lst.buckets_wanted();
-}
-
-// Allocating and initialising takes milliseconds for a million calls, so it happens without the lock.
-void begin_growth() {
-    const std::size_t buckets = buckets_wanted();
-    if (buckets == 0) {
-        return;
-    }
-    list_node* heads = g_scc_lib_call_lst.allocate_buckets(buckets);
-    if (heads == nullptr) {
-        return;
-    }
-    const write_guard guard(calls_lock);
-    // The calls may have been dropped meanwhile.
-    if (!g_scc_lib_call_lst.begin_growth(heads, buckets)) {
-        std::free(heads);
-    }
-}
-
-bool move_buckets() {
-    list_node* former = nullptr;
-    bool is_growing = false;
-    {
-        const write_guard guard(calls_lock);
-        former = g_scc_lib_call_lst.move_buckets(tuning::buckets_moved_at_once);
-        is_growing = g_scc_lib_call_lst.is_growing();
-    }
-    std::free(former);
-    return is_growing;
-}
-
-}  // namespace
-
 void grow_pending_index() {
-    begin_growth();
-    for (std::size_t moved = 0; moved < tuning::buckets_moved_a_pass && move_buckets();) {
-        moved += tuning::buckets_moved_at_once;
-    }
+    grow_in_steps<call_index>([](auto work) {
+        const write_guard guard(calls_lock);
+        index_incoming();
+        work(g_scc_lib_call_lst);
+        return true;
+    });
 }
 
 void free_idle_blocks() {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 
+#include "client/acl_cache.h"
 #include "client/control_block.h"
 #include "client/log.h"
 #include "client/pending_calls.h"
@@ -44,6 +45,7 @@ void* _scc_lib_send_buf_chk_thread(void* /*argument*/) {
         }
         flush_waiting_batch();
         grow_pending_index();
+        grow_acl_index();
         if (pass % tuning::passes_between_maintenance == 0) {
             free_idle_blocks();
         }

@@ -1,15 +1,14 @@
 // A hash table of intrusive list nodes. It grows with its contents, so a lookup costs the same however many
 // entries there are. Entries with equal keys keep their order: the oldest is found first.
 //
-// The owner locks it, and says when it grows: it allocates the buckets without its lock, begins the growth,
-// and moves the entries a few buckets at a time, so that nobody waits for the lock while a large table moves.
-// Until a bucket is moved, its entries stay where they are and new ones join them.
+// The owner locks it, and says when it grows, in steps (growing_array.h). Until a bucket is moved, its
+// entries stay where they are and new ones join them.
 #pragma once
 
 #include <cstdlib>
-#include <utility>
 
 #include "msg/protocol.h"
+#include "util/growing_array.h"
 #include "util/list.h"
 
 namespace scc {
@@ -22,15 +21,9 @@ class bucket_table {
 
     // Must run before the first use. The table must be empty: entries are not unlinked.
     void reset() {
-        release(heads_);
-        release(old_heads_);
-        old_heads_ = nullptr;
-        heads_ = first_;
-        mask_ = InitialBuckets - 1;
+        heads_.reset();
         count_ = 0;
-        for (list_node& head : first_) {
-            INIT_LIST_HEAD(&head);
-        }
+        make_empty(heads_.slots(), InitialBuckets);
     }
 
     [[nodiscard]] std::size_t size() const { return count_; }
@@ -48,7 +41,7 @@ class bucket_table {
     // The oldest entry under this hash that matches, or null.
     template <class Matches>
     [[nodiscard]] list_node* find(u64 hash, Matches matches) const {
-        if (heads_ == nullptr) {
+        if (!heads_.is_ready()) {
             return nullptr;
         }
         list_node* head = bucket_of(hash);
@@ -62,12 +55,12 @@ class bucket_table {
 
     // The two memory accesses of a lookup, started ahead by a caller with many lookups.
     void prefetch_bucket(u64 hash) const {
-        if (heads_ != nullptr) {
+        if (heads_.is_ready()) {
             __builtin_prefetch(bucket_of(hash), 1);
         }
     }
     void prefetch_first(u64 hash) const {
-        if (heads_ != nullptr) {
+        if (heads_.is_ready()) {
             __builtin_prefetch(bucket_of(hash)->next, 1);
         }
     }
@@ -75,24 +68,24 @@ class bucket_table {
     // Unlinks every entry and passes it to release_entry, then frees the grown table.
     template <class Release>
     void clear(Release release_entry) {
-        if (heads_ == nullptr) {
+        if (!heads_.is_ready()) {
             return;
         }
-        for (std::size_t i = moved_; old_heads_ != nullptr && i <= old_mask_; ++i) {
-            empty(old_heads_[i], release_entry);
+        for (std::size_t i = heads_.moved(); heads_.is_growing() && i <= heads_.former_mask(); ++i) {
+            empty(heads_.former()[i], release_entry);
         }
-        for (std::size_t i = 0; i <= mask_; ++i) {
-            empty(heads_[i], release_entry);
+        for (std::size_t i = 0; i <= heads_.mask(); ++i) {
+            empty(heads_.slots()[i], release_entry);
         }
         reset();
     }
 
     // How many buckets the table needs; 0 while it has enough or grows.
     [[nodiscard]] std::size_t buckets_wanted() const {
-        if (count_ <= mask_ || old_heads_ != nullptr) {
+        if (count_ <= heads_.mask() || is_growing()) {
             return 0;
         }
-        std::size_t buckets = mask_ + 1;
+        std::size_t buckets = heads_.size();
         while (buckets < count_ * 2) {
             buckets *= 2;
         }
@@ -102,56 +95,46 @@ class bucket_table {
     // Needs no lock. Null without memory: the table then stays as it is, only more crowded.
     [[nodiscard]] static list_node* allocate_buckets(std::size_t buckets) {
         auto* heads = static_cast<list_node*>(std::malloc(buckets * sizeof(list_node)));
-        for (std::size_t i = 0; heads != nullptr && i < buckets; ++i) {
-            INIT_LIST_HEAD(&heads[i]);
+        if (heads != nullptr) {
+            make_empty(heads, buckets);
         }
         return heads;
     }
 
     // Takes the buckets over; false, and they are still the caller's, when they are not needed any more.
     [[nodiscard]] bool begin_growth(list_node* heads, std::size_t buckets) {
-        if (buckets <= mask_ + 1 || buckets > buckets_wanted()) {
+        if (buckets <= heads_.size() || buckets > buckets_wanted()) {
             return false;
         }
-        old_heads_ = heads_;
-        old_mask_ = mask_;
-        moved_ = 0;
-        heads_ = heads;
-        mask_ = buckets - 1;
+        heads_.begin_growth(heads, buckets);
         return true;
     }
 
-    // Moves the entries of so many buckets. After the last, returns the former table for the caller to free,
-    // which takes a while if it is large; null before that, and while the table does not grow.
+    // Moves the entries of so many buckets; returns the former table for the caller to free
+    // (growing_array.h).
     [[nodiscard]] list_node* move_buckets(std::size_t count) {
-        for (; old_heads_ != nullptr && count != 0; --count) {
-            list_node& from = old_heads_[moved_];
+        return heads_.move(count, [this](list_node& from) {
             while (!list_empty(&from)) {
                 list_node* node = from.next;
                 list_del(node);
-                list_add_tail(node, &heads_[HashOf(node) & mask_]);
+                list_add_tail(node, &heads_.slots()[HashOf(node) & heads_.mask()]);
             }
-            if (moved_++ == old_mask_) {
-                list_node* const former = std::exchange(old_heads_, nullptr);
-                return former != first_ ? former : nullptr;
-            }
-        }
-        return nullptr;
+        });
     }
 
-    [[nodiscard]] bool is_growing() const { return old_heads_ != nullptr; }
+    [[nodiscard]] bool is_growing() const { return heads_.is_growing(); }
 
   private:
     [[nodiscard]] list_node* bucket_of(u64 hash) const {
-        if (old_heads_ != nullptr && (hash & old_mask_) >= moved_) {
-            return &old_heads_[hash & old_mask_];
+        if (heads_.is_growing() && (hash & heads_.former_mask()) >= heads_.moved()) {
+            return &heads_.former()[hash & heads_.former_mask()];
         }
-        return &heads_[hash & mask_];
+        return &heads_.slots()[hash & heads_.mask()];
     }
 
-    void release(list_node* heads) {
-        if (heads != first_) {
-            std::free(heads);
+    static void make_empty(list_node* heads, std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i) {
+            INIT_LIST_HEAD(&heads[i]);
         }
     }
 
@@ -164,14 +147,8 @@ class bucket_table {
         }
     }
 
-    list_node first_[InitialBuckets]{};
-    list_node* heads_ = nullptr;
-    std::size_t mask_ = InitialBuckets - 1;
+    growing_array<list_node, InitialBuckets> heads_;
     std::size_t count_ = 0;
-    // While the table grows: the buckets from moved_ on still hold their entries.
-    list_node* old_heads_ = nullptr;
-    std::size_t old_mask_ = 0;
-    std::size_t moved_ = 0;
 };
 
 }  // namespace scc

@@ -272,7 +272,7 @@ TEST_F(Agent, FinishedInAnyOtherStateSendsNothingAndChangesNothing) {
         const test::debugging on;
         g_scc_client_cb.state.store(other);
         auto result = std::async(std::launch::async, [this] { return on_loop(scc_agent_finish); });
-        if (result.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
+        if (result.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
             daemon.close_both();  // it waits for an answer
             FAIL() << "it unregisters";
         }

@@ -205,7 +205,7 @@ TEST_F(AclCacheRead, WaitsForTheCacheOnlyWhereItLooksIntoIt) {
             scc_acl_key asked = key;
             return scc_acl_cls_get(&asked);
         });
-        EXPECT_EQ(reading.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+        EXPECT_EQ(reading.wait_for(std::chrono::seconds(60)), std::future_status::ready);
         held.reset();
         EXPECT_EQ(reading.get(), code);
     };

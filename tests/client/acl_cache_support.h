@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <utility>
 #include <vector>
@@ -26,6 +27,13 @@ inline scc_ace_record ace_of(std::uint32_t sn, std::uint32_t ace_id) {
     ace.ace_id = ace_id;
     return ace;
 }
+
+inline std::size_t allocated_bytes() {
+    return mallinfo2().uordblks;  // 0 under the address sanitizer, which looks for leaks itself
+}
+
+// More than the allocator keeps of freed blocks, far less than a leak of any of the tests with it.
+inline constexpr std::size_t noise = std::size_t{128} << 10U;
 
 class AclCache : public ::testing::Test {
   protected:

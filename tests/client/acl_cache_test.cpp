@@ -3,12 +3,13 @@
 #include "client/acl_cache.h"
 
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <random>
 #include <set>
+#include <thread>
 
 #include "client/acl_cache_support.h"
 #include "client/pending_calls.h"
@@ -18,7 +19,9 @@
 
 using test::ace_of;
 using test::AclCache;
+using test::allocated_bytes;
 using test::key_of;
+using test::noise;
 using test::numbers;
 
 namespace {
@@ -179,8 +182,9 @@ TEST_F(AclCache, TheRecordIsCopiedAfterItsLink) {
     const scc::write_guard guard(scc::acl_lock);
     scc::cached_ace* kept = scc::find_ace(*_scc_acl_get(&key), 9);
     ASSERT_NE(kept, nullptr);
-    EXPECT_EQ(test::slice(test::record_bytes(kept->record), 16, 896),
-              test::slice(test::record_bytes(ace), 16, 896));
+    scc_ace_record read{};
+    scc::read_record(*kept, read);
+    EXPECT_EQ(test::slice(test::record_bytes(read), 16, 896), test::slice(test::record_bytes(ace), 16, 896));
 }
 
 TEST_F(AclCache, DeletingTakesTheFirstAceWhoseNumberAndIdBothMatch) {
@@ -306,13 +310,6 @@ TEST_F(AclCache, All32768AclIdsAreHeldFoundAndDeletedInAnyOrder) {
 
 // ---- what only cost and memory show ---------------------------------------------------------------------
 
-std::size_t allocated_bytes() {
-    return mallinfo2().uordblks;  // 0 under the address sanitizer, which looks for leaks itself
-}
-
-// More than the allocator keeps of freed blocks, far less than a leak of any of the tests below.
-constexpr std::size_t noise = std::size_t{128} << 10U;
-
 std::size_t depth_below(const scc::rb_node* node) {
     return node == nullptr ? 0 : 1 + std::max(depth_below(node->left), depth_below(node->right));
 }
@@ -357,6 +354,91 @@ TEST_F(AclCache, ReleasingTheDataGivesBackTheGrownIndex) {
     }
     _scc_lib_data_free();
     EXPECT_LE(allocated_bytes(), before + noise);
+}
+
+// ---- the index grows ------------------------------------------------------------------------------------
+
+class GrowingIndex : public AclCache {
+  protected:
+    static void hold(std::uint32_t count, std::uint32_t app_type = 1) {
+        for (std::uint32_t id = 1; id <= count; ++id) {
+            const scc_acl_key k = key_of(0, app_type, id);
+            _scc_lib_acl_add(&k);
+        }
+    }
+    static std::uint32_t found(std::uint32_t count, std::uint32_t app_type = 1) {
+        std::uint32_t number = 0;
+        for (std::uint32_t id = 1; id <= count; ++id) {
+            number += is_held(key_of(0, app_type, id)) ? 1 : 0;
+        }
+        return number;
+    }
+};
+
+TEST_F(GrowingIndex, FindsEveryAclWhileTheCheckerGrowsIt) {
+    constexpr std::uint32_t most = 30000;
+    std::uint32_t passes = 0;
+    for (std::uint32_t id = 1; id <= most; ++id) {
+        const scc_acl_key k = key_of(0, 1, id);
+        _scc_lib_acl_add(&k);
+        if (id % 997 == 0) {
+            scc::grow_acl_index();
+            ++passes;
+            EXPECT_EQ(found(id), id);
+        }
+    }
+    EXPECT_EQ(passes, 30U);
+    EXPECT_EQ(held(), most);
+    for (std::uint32_t id = 1; id <= most; id += 2) {
+        const scc_acl_key k = key_of(0, 1, id);
+        _scc_lib_acl_del(&k);
+    }
+    EXPECT_EQ(found(most), most / 2);
+}
+
+// 256 slots; half of them full, the checker is due, and three quarters full, the index no longer waits for
+// it.
+TEST_F(GrowingIndex, GrowsInTimeSoThatAddingAllocatesNothing) {
+    hold(140);
+    const std::size_t before = allocated_bytes();
+    scc::grow_acl_index();
+    const std::size_t larger = allocated_bytes();
+    EXPECT_TRUE(before == 0 || larger > before) << "not counted under a sanitizer";
+    scc::grow_acl_index();
+    EXPECT_EQ(allocated_bytes(), larger);
+    hold(140, 2);
+    EXPECT_EQ(found(140), 140U);
+    EXPECT_EQ(found(140, 2), 140U);
+}
+
+TEST_F(GrowingIndex, IsLeftToALaterPassWhileItsLockIsHeld) {
+    hold(140);
+    const std::size_t before = allocated_bytes();
+    ASSERT_EQ(pthread_rwlock_wrlock(&scc_acl_lock), 0);
+    scc::grow_acl_index();
+    EXPECT_EQ(allocated_bytes(), before);
+    pthread_rwlock_unlock(&scc_acl_lock);
+    scc::grow_acl_index();
+    EXPECT_TRUE(before == 0 || allocated_bytes() > before) << "not counted under a sanitizer";
+    EXPECT_EQ(pthread_rwlock_trywrlock(&scc_acl_lock), 0) << "the lock was released";
+    pthread_rwlock_unlock(&scc_acl_lock);
+    EXPECT_EQ(found(140), 140U);
+}
+
+TEST_F(GrowingIndex, AThreadThatAddsAndOneThatGrowsItMissNothing) {
+    constexpr std::uint32_t most = 32768;
+    std::atomic<bool> done{false};
+    std::thread checker([&done] {
+        while (!done) {
+            scc::grow_acl_index();
+        }
+    });
+    hold(most);
+    hold(most, 2);
+    done = true;
+    checker.join();
+    EXPECT_EQ(found(most), most);
+    EXPECT_EQ(found(most, 2), most);
 }
 
 }  // namespace

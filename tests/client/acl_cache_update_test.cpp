@@ -1,11 +1,15 @@
 // What confirmed calls change in the ACL cache, and those that are short, stale or not taken over.
+#include <cstring>
+
 #include "client/acl_cache_support.h"
 #include "client/pending_calls.h"
 #include "support/log_capture.h"
 
 using test::ace_of;
 using test::AclCache;
+using test::allocated_bytes;
 using test::bytes;
+using test::noise;
 using test::numbers;
 using test::wire;
 
@@ -131,13 +135,82 @@ TEST_F(TakeOver, AChangeWithLessDataThanItsKindNeedsIsRefused) {
 }
 
 TEST_F(TakeOver, OnlyAnAceOfAKnownAclAndOfExactlyItsSizeIsTakenOver) {
-    const bytes ace = wire().add(packed_key).zeros(220).u32(50).u32(6).to(928);
+    bytes ace = wire().add(packed_key).zeros(220).u32(50).u32(6).to(928);
+    ace.back() = 1;
     EXPECT_FALSE(taken(33, ace)) << "there is no such ACL";
     EXPECT_FALSE(taken(31, packed_key)) << "its key is copied";
     EXPECT_FALSE(taken(27, ace)) << "no change of the cache";
     EXPECT_TRUE(taken(33, ace));
     EXPECT_FALSE(taken(33, wire().add(ace).u8(1))) << "the record is copied";
     EXPECT_EQ(look(key).ids, (numbers{6, 6}));
+}
+
+TEST_F(TakeOver, ARecordThatEndsInZerosIsCopiedAndItsBlockIsFreeAgain) {
+    _scc_lib_acl_add(&key);
+    EXPECT_FALSE(taken(33, wire().add(packed_key).zeros(220).u32(50).u32(6).to(928)));
+    EXPECT_EQ(look(key).ids, numbers{6});
+}
+
+// One byte that is not zero, at each place of the record but the link's: the zeros before it are kept, those
+// after it are not, or in steps.
+TEST_F(TakeOver, ARecordIsReadBackWholeHoweverManyZerosItEndsIn) {
+    std::uint32_t blocks_taken = 0;
+    for (const bool is_confirmed : {false, true}) {
+        for (std::size_t place = 16; place < sizeof(scc_ace_record); ++place) {
+            bytes data = wire().add(packed_key).zeros(sizeof(scc_ace_record));
+            data[packed_key.size() + place] = 0x80;
+            scc_ace_record ace{};
+            std::memcpy(&ace, data.data() + packed_key.size(), sizeof ace);
+            _scc_lib_acl_add(&key);
+            if (is_confirmed) {
+                blocks_taken += taken(33, data) ? 1 : 0;
+            } else {
+                _scc_lib_ace_add(&key, &ace);
+            }
+            scc_ace_record read = test::patterned<scc_ace_record>(0x55);
+            {
+                const scc::write_guard guard(scc::acl_lock);
+                const scc::cached_ace* found = scc::find_ace(*_scc_acl_get(&key), ace.sn);
+                ASSERT_NE(found, nullptr) << place;
+                scc::read_record(*found, read);
+            }
+            ASSERT_EQ(test::slice(test::record_bytes(read), 16, 896),
+                      test::slice(test::record_bytes(ace), 16, 896))
+                << place;
+            _scc_lib_acl_del(&key);
+        }
+    }
+    EXPECT_GT(blocks_taken, 0U);
+    EXPECT_LE(blocks_taken, 136U) << "only a record that ends in a byte that is not zero fills its block";
+}
+
+TEST_F(TakeOver, TheZerosAtTheEndOfARecordTakeNoMemory) {
+    _scc_lib_acl_add(&key);
+    constexpr std::size_t count = 1000;
+    const std::size_t before = allocated_bytes();
+    for (std::uint32_t sn = 1; sn <= count; ++sn) {
+        scc_ace_record ace{};
+        ace.sn = sn;
+        _scc_lib_ace_add(&key, &ace);
+    }
+    EXPECT_LE(allocated_bytes(), before + count * 300);
+    EXPECT_EQ(look(key).ace_count, count);
+}
+
+TEST_F(TakeOver, ABlockThatTheCacheTookIsFreedWithItsAce) {
+    const std::size_t before = allocated_bytes();
+    for (std::uint32_t round = 0; round < 1000; ++round) {
+        _scc_lib_acl_add(&key);
+        const scc_ace_record ace = ace_of(round, 1);
+        const auto record = test::record_bytes(ace);
+        for (int copies = 0; copies < 2; ++copies) {
+            ASSERT_TRUE(taken(33, wire().add(packed_key).add(bytes(record.begin(), record.end()))));
+        }
+        _scc_lib_ace_del(&key, &ace);
+        ASSERT_EQ(look(key).ace_count, 1U);
+        _scc_lib_acl_del(&key);
+    }
+    EXPECT_LE(allocated_bytes(), before + noise);
 }
 
 TEST_F(TakeOver, ACallOfARevisionThatWasEmptiedSinceChangesNothing) {

@@ -1,5 +1,5 @@
 // A real sccd-dev in its own directory, and the real sccctl run against it. Every wait is for an event and
-// ends after 20 seconds.
+// ends after 60 seconds.
 #pragma once
 
 #include <fcntl.h>
@@ -21,7 +21,7 @@
 
 namespace ctl_test {
 
-inline constexpr int wait_ms = 20'000;
+inline constexpr int wait_ms = 60'000;
 
 // The option --timeout of a command whose answer never comes: the registration must not end by it on a busy
 // machine.

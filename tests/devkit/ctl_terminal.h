@@ -1,4 +1,4 @@
-// sccctl on a terminal of its own, for what it does only there. Every wait ends after 20 seconds.
+// sccctl on a terminal of its own, for what it does only there. Every wait ends after 60 seconds.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // A real sccd-dev in its own directory, and raw sockets that talk to it. Nothing here uses the daemon's own
-// code for bytes or messages. Every wait is for an event and ends after 20 seconds.
+// code for bytes or messages. Every wait is for an event and ends after 60 seconds.
 #pragma once
 
 #include <fcntl.h>
@@ -25,7 +25,7 @@
 
 namespace sccd_test {
 
-inline constexpr int wait_ms = 20'000;
+inline constexpr int wait_ms = 60'000;
 
 using byte_string = std::vector<std::uint8_t>;
 

@@ -544,6 +544,24 @@ TEST_F(CacheAllocation, FailsTheGrowthOfTheAclIndexWhichFillsUpAndThenRefuses) {
     EXPECT_EQ(scc_acl_cls_get(&key), 0U);
 }
 
+TEST_F(CacheAllocation, FailsTheCheckersGrowthOfTheAclIndexAndEveryAclIsStillFound) {
+    start(1);
+    scc_acl_key key{0, 3, 0, 0};
+    test::fail_calls_from(test::call::calloc, 1, 12);
+    for (key.acl_id = 1; key.acl_id <= 150; ++key.acl_id) {
+        _scc_lib_acl_add(&key);
+    }
+    scc::grow_acl_index();
+    EXPECT_TRUE(test::end_faults());
+    for (key.acl_id = 1; key.acl_id <= 150; ++key.acl_id) {
+        EXPECT_EQ(scc_acl_cls_get(&key), 0U) << key.acl_id;
+    }
+    scc::grow_acl_index();
+    for (key.acl_id = 1; key.acl_id <= 150; ++key.acl_id) {
+        EXPECT_EQ(scc_acl_cls_get(&key), 0U) << key.acl_id;
+    }
+}
+
 TEST_F(CacheAllocation, FailsAnyCopyOfAReadAndTheListIsEmpty) {
     start(1);
     create();

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "client/acl_cache.h"
 #include "client/message_queue.h"
 #include "client/pending_calls.h"
 #include "client/receive.h"
@@ -172,6 +173,7 @@ void real_library::process_queue() {
 void real_library::check() {
     scc::flush_waiting_batch();
     scc::grow_pending_index();
+    scc::grow_acl_index();
     scc::free_idle_blocks();
 }
 

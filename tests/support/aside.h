@@ -52,7 +52,7 @@ class aside {
     void interrupt() { ASSERT_EQ(pthread_kill(thread_.native_handle(), interrupting_signal), 0); }
 
     [[nodiscard]] bool returns() const {
-        return result_.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+        return result_.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
     }
     Result get() {
         Result out = result_.get();

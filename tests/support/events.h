@@ -18,8 +18,8 @@ class event_queue {
         changed_.notify_all();
     }
 
-    // The next event; empty after 20 seconds without one.
-    std::optional<Event> wait(std::chrono::milliseconds patience = std::chrono::seconds(20)) {
+    // The next event; empty after 60 seconds without one.
+    std::optional<Event> wait(std::chrono::milliseconds patience = std::chrono::seconds(60)) {
         std::unique_lock guard(mutex_);
         if (!changed_.wait_for(guard, patience, [this] { return !events_.empty(); })) {
             return std::nullopt;

@@ -40,7 +40,7 @@ void expect_waits_for(pthread_rwlock_t& lock, const Act& act, const Afterwards& 
         act();
         ended = true;
     });
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     bool waits = false;
     while (!(waits = is_waited_for(lock)) && !ended && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));

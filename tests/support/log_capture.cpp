@@ -77,7 +77,7 @@ std::vector<std::string> logged_failures() {
 
 bool wait_for_log(const std::string& text) {
     std::unique_lock guard(the_store().mutex);
-    return the_store().changed.wait_for(guard, std::chrono::seconds(20),
+    return the_store().changed.wait_for(guard, std::chrono::seconds(60),
                                         [&] { return contains(the_store().lines, text); });
 }
 

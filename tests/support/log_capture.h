@@ -22,7 +22,7 @@ std::vector<std::string> log_texts();
 bool logged(const std::string& text);
 // The captured texts that tell of a failure.
 std::vector<std::string> logged_failures();
-// Waits up to 20 seconds for a line with exactly this text.
+// Waits up to 60 seconds for a line with exactly this text.
 bool wait_for_log(const std::string& text);
 
 // From now on writing a line leaves this number in errno, as a real log may; 0 leaves errno alone.

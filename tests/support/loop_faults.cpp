@@ -141,7 +141,7 @@ std::vector<added_task> added_tasks(const std::string& name) {
 
 bool wait_for_added(const std::string& name, std::size_t count) {
     std::unique_lock guard(the_record().mutex);
-    return the_record().changed.wait_for(guard, std::chrono::seconds(20),
+    return the_record().changed.wait_for(guard, std::chrono::seconds(60),
                                          [&] { return named(the_record().tasks, name).size() >= count; });
 }
 

@@ -41,7 +41,7 @@ void set_timer_seconds(long seconds);
 [[nodiscard]] std::vector<added_task> added_tasks();
 // The tasks with this name, including refused ones.
 [[nodiscard]] std::vector<added_task> added_tasks(const std::string& name);
-// Waits up to 20 seconds until that many tasks with this name were added.
+// Waits up to 60 seconds until that many tasks with this name were added.
 [[nodiscard]] bool wait_for_added(const std::string& name, std::size_t count);
 // The cancelled handles of tasks with this name, including those that have already run.
 [[nodiscard]] std::vector<cancelled_task> cancelled_tasks(const std::string& name);

@@ -11,7 +11,7 @@
 namespace test {
 namespace {
 
-constexpr int patience_ms = 20000;
+constexpr int patience_ms = 60000;
 
 bool wait_readable(int fd, int milliseconds) {
     pollfd watched{fd, POLLIN, 0};

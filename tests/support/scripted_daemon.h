@@ -1,5 +1,5 @@
 // A daemon that does what the test says, byte by byte, on the test's own thread. It listens in a fresh
-// TMPDIR; the library's threads in the same process are its clients. Every wait ends after 20 seconds with
+// TMPDIR; the library's threads in the same process are its clients. Every wait ends after 60 seconds with
 // a failure of the test.
 #pragma once
 

@@ -14,9 +14,9 @@
 
 namespace test {
 
-// Waits up to 20 seconds.
+// Waits up to 60 seconds.
 inline bool eventually(const std::function<bool()>& holds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!holds()) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;
@@ -82,7 +82,7 @@ inline std::size_t library_threads() {
     return of_library_threads("Name").size();
 }
 
-// Waits up to 20 seconds until every thread but the caller sleeps, so that nothing more happens by itself.
+// Waits up to 60 seconds until every thread but the caller sleeps, so that nothing more happens by itself.
 inline bool others_are_waiting() {
     return eventually([] {
         for (const process_thread& one : process_threads("State")) {

@@ -59,7 +59,8 @@ TEST(HandoffRing, LooksAheadAsFarAsThereAreValues) {
 }
 
 TEST(HandoffRing, LosesAndDoublesNothingBetweenTwoThreads) {
-    // On a busy machine each turn of the other thread takes long, so a full ring holds more than a few values.
+    // On a busy machine each turn of the other thread takes long, so a full ring holds more than a few
+    // values.
     static scc::handoff_ring<std::uint32_t, 64> ring;
     constexpr std::uint32_t count = 50'000;
     std::thread giving([] {
