@@ -12,13 +12,19 @@ stage_gcc() { build release; }
 stage_clang() { build clang; }
 stage_header() {
     # Each public header on its own, as C11 and as C++17, with both compilers.
-    local compiler header
+    local compiler header source
     for header in scclib.h scc_records.h; do
         for compiler in gcc clang; do
             echo "#include \"$header\"" | "$compiler" -std=c11 -Wall -Wextra -Wpedantic -Werror -Iinclude -x c -fsyntax-only -
         done
         for compiler in g++ clang++; do
             echo "#include \"$header\"" | "$compiler" -std=c++17 -Wall -Wextra -Wpedantic -Werror -Iinclude -x c++ -fsyntax-only -
+        done
+    done
+    # The examples in C++17, as strictly.
+    for compiler in g++ clang++; do
+        for source in examples/*.cpp; do
+            "$compiler" -std=c++17 -Wall -Wextra -Wpedantic -Wmissing-field-initializers -Werror -Iinclude -fsyntax-only "$source"
         done
     done
     # C programs link the records library, so it must not need the C++ run-time library.
@@ -51,10 +57,9 @@ stage_install() {
     build release
     scripts/check_install.sh build/release
 }
-stage_packages() {
-    build release
-    scripts/check_packages.sh
-}
+stage_packages() { scripts/check_packages.sh; }
+stage_reproducible() { scripts/check_reproducible.sh; }
+stage_arm64() { scripts/check_arm64.sh; }
 stage_capture() {
     build release
     scripts/check_capture.sh release
@@ -111,8 +116,8 @@ stage_soak() { scripts/soak.sh 0.5; }
 stage_faults() { scripts/faults.sh 800; }
 stage_coverage() { scripts/coverage.sh; }
 
-every_commit=(scripts format gcc clang header binary steps abi man install packages capture metrics complete tidy soak faults asan tsan fuzz)
-every_night=(tidy_devkit coverage clang_asan clang_tsan)
+every_commit=(scripts format gcc clang header binary steps abi man install packages arm64 capture metrics complete tidy soak faults asan tsan fuzz)
+every_night=(reproducible tidy_devkit coverage clang_asan clang_tsan)
 stages=("$@")
 [ $# -gt 0 ] || stages=("${every_commit[@]}")
 [ "$*" != nightly ] || stages=("${every_night[@]}")

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # check_abi.sh LIBRARY [--renew]: compares the binary interface with the recorded one, abi/scclib.abi.
-# The release build has no debug information, so a copy that has it is built in build/abi.
+# The record must not depend on the flags of a build, so a copy with debug information is built in build/abi.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/common.sh

@@ -12,17 +12,26 @@ jobs=$(nproc)
 # exported_names: the names that the shared library exports, sorted in the C locale.
 exported_names() { sed -n 's/^    \([A-Za-z_].*\);$/\1/p' src/scclib.map | LC_ALL=C sort; }
 
-# build PRESET [targets...]: configures the preset if necessary, then builds.
+# configure PRESET: silent unless it fails. The release build has the flags of the Debian packages, debug information
+# included: what is measured and checked is what they contain, and ccache has their objects already.
+configure() (
+    if [ "$1" = release ] && command -v dpkg-buildflags >/dev/null; then
+        eval "$(DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --export=sh)"
+        CFLAGS+=" $CPPFLAGS"
+        CXXFLAGS+=" $CPPFLAGS"
+    fi
+    log=$(cmake --preset "$1" 2>&1) || {
+        echo "$log"
+        return 1
+    }
+)
+
+# build PRESET [targets...]: configures the preset if it is new or has changed, then builds.
 build() {
     local preset=$1
     shift
-    if [ ! -f "build/$preset/build.ninja" ]; then
-        cmake --preset "$preset" >"/tmp/scclib-configure-$$.log" 2>&1 || {
-            cat "/tmp/scclib-configure-$$.log"
-            rm -f "/tmp/scclib-configure-$$.log"
-            return 1
-        }
-        rm -f "/tmp/scclib-configure-$$.log"
+    if [ ! "build/$preset/build.ninja" -nt CMakePresets.json ]; then
+        configure "$preset" || return 1
     fi
     cmake --build "build/$preset" --parallel "$jobs" ${1:+--target "$@"} -- --quiet
 }

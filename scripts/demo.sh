@@ -1,17 +1,20 @@
 #!/usr/bin/env bash
-# The demo: real processes in a fresh runtime directory, told as a short transcript.
+# demo.sh [PART...]: the demo, or these parts of it: real processes in a fresh runtime directory, told as a transcript.
 #   1. an application's life, with the daemon killed in the middle of a burst
 #   2. sccctl loads, applies, renumbers and reads back 200 ACLs with 10,000 ACEs
 #   3. daemon, service and application: a capture's packets become counters, flows and an address move;
 #      the service and the daemon are killed and everyone comes back
 #   4. three hosts on a bridge, whose packets the kernel drops for an application (where network namespaces are
 #      allowed)
+# The parts are one_application, many_acls, everything_together and real_packets. SCC_DEMO_APP is the command that
+# runs the application of the first part.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/daemons.sh
 . scripts/daemons.sh
 
 build=$PWD/build/${SCC_DEMO_BUILD:-release}
+read -ra application <<<"${SCC_DEMO_APP:-$build/examples/demo_app}"
 sccd=$build/devkit/sccd/sccd-dev
 service=$build/devkit/service/scc-ss-dev
 ctl=$build/devkit/ctl/sccctl
@@ -27,7 +30,7 @@ heading() { printf '\n== %s\n' "$1"; }
 one_application() {
     heading "1. An application, and a daemon that dies"
     start_daemon
-    start_program app.log "waiting for notifications" "$build/examples/demo_app"
+    start_program app.log "waiting for notifications" "${application[@]}"
     local app=$started
     "$ctl" notify --app 5 station-move permit=1 >/dev/null
     "$ctl" notify --app 5 authmode mode=3 >/dev/null
@@ -184,8 +187,7 @@ real_packets() {
     wait "$namespaces" || fail "the fourth part failed"
 }
 
-one_application
-many_acls
-everything_together
-real_packets
+parts=("$@")
+[ $# -gt 0 ] || parts=(one_application many_acls everything_together real_packets)
+for part in "${parts[@]}"; do "$part"; done
 heading "done"
