@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # clean_root.sh PACKAGE.deb... -- COMMAND...: installs Debian packages on a layer over this machine's files, and runs
 # the command there, in this checkout. Then removes the packages, and checks that they leave nothing. The layer is in
-# memory and ends with this script, as does every process that was started. Needs root.
+# memory and ends with this script, as does every process that was started. Needs root, and a kernel that lets it mount
+# such a layer here: `clean_root.sh --possible` tells.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -52,6 +53,12 @@ inside() {
     done < <(grep '^/' "$work/files")
 }
 
+if [ "${1:-}" = --possible ]; then
+    # Private mounts, which end with this process.
+    # shellcheck disable=SC2016  # for the inner shell
+    exec unshare --mount --pid --fork sh -c 'mount -t tmpfs none /mnt && mkdir /mnt/upper /mnt/own /mnt/root &&
+        mount -t overlay overlay -o lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/own /mnt/root' 2>/dev/null
+fi
 if [ "${1:-}" = --inside ]; then
     shift
     inside "$@"
