@@ -71,7 +71,8 @@ expressions tag_conditions(const ace::rule& rule) {
     }
     if (rule.compares(SCC_ACE_COS)) {
         conditions += tagged_condition(12);
-        conditions += at(NFT_PAYLOAD_LL_HEADER, 14, 1).mask(one_byte(0xE0)).equals(one_byte(unsigned{rule.cos} << 5u));
+        conditions +=
+            at(NFT_PAYLOAD_LL_HEADER, 14, 1).mask(one_byte(0xE0)).equals(one_byte(unsigned{rule.cos} << 5u));
     }
     if (rule.compares(SCC_ACE_INNER_VLAN)) {
         conditions += tagged_condition(12) + tagged_condition(16);
