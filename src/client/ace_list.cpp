@@ -127,9 +127,16 @@ cached_ace* ace_of_call(pending_call* call, bool& takes_block) {
 }
 
 void read_record(const cached_ace& ace, scc_ace_record& out) {
+    const u8* const kept = reinterpret_cast<const u8*>(&ace) + record_offset;
     u8* const bytes = reinterpret_cast<u8*>(&out);
-    std::memcpy(bytes, reinterpret_cast<const u8*>(&ace) + record_offset, ace.kept_bytes);
-    std::memset(bytes + ace.kept_bytes, 0, sizeof out - ace.kept_bytes);
+    std::memcpy(bytes, kept, sizeof(ace_beginning));
+    for (std::size_t at = sizeof(ace_beginning); at < record::ace; at += part_bytes) {
+        if (at < ace.kept_bytes) {
+            std::memcpy(bytes + at, kept + at, part_bytes);
+        } else {
+            std::memset(bytes + at, 0, part_bytes);
+        }
+    }
 }
 
 cached_ace* find_ace(cached_acl& acl, u32 sn) {
