@@ -59,9 +59,10 @@ class Terminal:
         self.mark = 0
         self.number = 0
         self.changed = threading.Condition()
-        # Runs the commands of somebody who is root already.
+        # Runs the commands of somebody who is root already. Ctrl-C works even where it is ignored, as in background jobs.
         self.shell = subprocess.Popen(
-            ["bash"], cwd=folder, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, bufsize=1)
+            ["bash"], cwd=folder, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, bufsize=1,
+            start_new_session=True, preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
         threading.Thread(target=self.read, daemon=True).start()
         self.type('sudo() { "$@"; }\n')
 
@@ -105,8 +106,8 @@ class Terminal:
         subprocess.run(["pkill", "-INT", "-x", "-P", str(self.shell.pid), name], check=True)
 
     def end(self):
-        self.shell.stdin.close()
-        subprocess.run(["pkill", "-KILL", "-P", str(self.shell.pid)], check=False)
+        # At once: a shell whose program ends would go on with what was typed ahead.
+        os.killpg(self.shell.pid, signal.SIGKILL)
         self.shell.wait()
 
 
