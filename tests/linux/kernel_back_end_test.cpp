@@ -114,14 +114,18 @@ TEST(KernelBackEnd, OperationsThatArriveTogetherShareATransaction) {
     back_end_bench bench(map_text, filter.get());
     bench.recover_nothing();
     filter->runs = 0;
+    std::promise<void> begun;
     std::promise<void> gate;
     (*bench).submit(
         service::work_kind::query,
         [&](contents&) {
+            begun.set_value();
             gate.get_future().wait();
             return 0u;
         },
         [](u32) {});
+    // What is submitted earlier may be taken together with the query.
+    begun.get_future().wait();
     std::vector<std::future<u32>> results;
     const auto submit = [&](service::back_end::table_work work) {
         const auto promise = std::make_shared<std::promise<u32>>();
