@@ -86,29 +86,44 @@ stage_tidy_tools() {
     tidy_sources 'devkit/*.cpp'
 }
 run_asan() {
-    build "$1"
-    ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1 run_tests "$1"
+    local preset=$1
+    shift
+    ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1 run_tests "$preset" "$@"
 }
 # The thread sanitizer also finds locks that are taken in two orders, even when no run deadlocks.
-tsan_options=halt_on_error=1:detect_deadlocks=1:second_deadlock_stack=1
 run_tsan() {
-    build "$1"
-    TSAN_OPTIONS=$tsan_options run_tests "$1"
+    local preset=$1
+    shift
+    TSAN_OPTIONS=halt_on_error=1:detect_deadlocks=1:second_deadlock_stack=1 run_tests "$preset" "$@"
 }
-stage_asan() { run_asan asan; }
-# Without the workstation's own tests, most of the time: their programs have one thread beside the library's. Every
-# night has them.
+# The library's tests and those with all processes. The workstation's own tests take as long to build as all of these,
+# and their programs have one thread beside the library's: every night has them, with both sanitizers.
+library_tests=(agent_tests api_tests client_tests fault_tests guest_tests integration_tests msg_tests platform_tests
+    ss_tests system_log_tests util_tests sccd-dev scc-ss-dev sccctl)
+stage_asan() {
+    build asan "${library_tests[@]}" model_tests
+    run_asan asan -E '_NOT_BUILT$|^(devkit|linux)\.'
+}
 stage_tsan() {
-    build tsan agent_tests api_tests client_tests fault_tests guest_tests integration_tests msg_tests platform_tests \
-        ss_tests system_log_tests util_tests sccd-dev scc-ss-dev sccctl
-    TSAN_OPTIONS=$tsan_options run_tests tsan -E '_NOT_BUILT$|^(devkit|linux|model)\.'
+    build tsan "${library_tests[@]}"
+    run_tsan tsan -E '_NOT_BUILT$|^(devkit|linux|model)\.'
 }
-stage_clang_asan() { run_asan clang-asan; }
-stage_clang_tsan() { run_tsan clang-tsan; }
+stage_whole_asan() {
+    build asan
+    run_asan asan
+}
+stage_clang_asan() {
+    build clang-asan
+    run_asan clang-asan
+}
+stage_clang_tsan() {
+    build clang-tsan
+    run_tsan clang-tsan
+}
 # The tests in which several threads take locks.
 stage_locks() {
     build clang-tsan client_tests ss_tests agent_tests
-    TSAN_OPTIONS=$tsan_options run_tests clang-tsan -R \
+    run_tsan clang-tsan -R \
         '^client\.(Locks|Start|Registration|Flow|Threads|SendChecker)\.|^ss\.(ServiceLocks|Registration)|^agent\.'
 }
 stage_fuzz() { scripts/fuzz.sh --seed 1 --jobs $((jobs * 2)) 5; }
@@ -117,7 +132,7 @@ stage_faults() { scripts/faults.sh 800; }
 stage_coverage() { scripts/coverage.sh; }
 
 every_commit=(scripts format gcc clang header binary steps abi man install packages arm64 capture metrics complete tidy soak faults asan tsan fuzz)
-every_night=(reproducible tidy_devkit coverage clang_asan clang_tsan)
+every_night=(reproducible tidy_devkit coverage whole_asan clang_asan clang_tsan)
 stages=("$@")
 [ $# -gt 0 ] || stages=("${every_commit[@]}")
 [ "$*" != nightly ] || stages=("${every_night[@]}")
