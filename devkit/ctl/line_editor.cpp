@@ -158,8 +158,9 @@ line_editor::line_editor(std::string prompt, std::string history_file, completer
     el_set(editor, EL_GETCFN, &read_key);
     el_set(editor, EL_EDITOR, "emacs");
     el_set(editor, EL_HIST, ::history, state_->history);
-    el_set(
-        editor, EL_ADDFN, "sccctl-complete", "Complete the word before the cursor",
+    // Of a narrow name libedit would keep a copy that it never frees.
+    el_wset(
+        editor, EL_ADDFN, L"sccctl-complete", L"Complete the word before the cursor",
         +[](EditLine* which, int) { return state::of(which).complete_line(); });
     el_set(editor, EL_BIND, "^I", "sccctl-complete", nullptr);
     el_set(editor, EL_BIND, "^R", "em-inc-search-prev", nullptr);

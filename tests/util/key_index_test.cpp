@@ -248,6 +248,7 @@ TEST(KeyIndex, StillGrowsAfterKeysWereErasedThatAreNotThere) {
     }
     EXPECT_EQ(index.find(500), nullptr);
     EXPECT_EQ(index.find(15), &value);
+    index.reset();
 }
 
 }  // namespace
