@@ -94,12 +94,12 @@ void read_effect(const action_row& row, json_fields& fields, fault_effect& effec
         fields.refuse("ms", "more than an hour");
     }
     if (row.has_time && row.action != fault_action::half_message && time == 0) {
-        fields.refuse("ms", "missing");
+        fields.refuse("ms", fields.has("ms") ? "must not be 0" : "missing");
     }
     effect.time = std::chrono::milliseconds(time);
     effect.result = fields.number32("result");
     if (row.has_result && effect.result == 0) {
-        fields.refuse("result", "missing");
+        fields.refuse("result", fields.has("result") ? "must not be 0" : "missing");
     }
     effect.bytes = fields.number32("bytes", call_id_bytes);
 }

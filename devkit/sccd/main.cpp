@@ -91,8 +91,7 @@ int main(int argc, char** argv) {
     app.add_option("--state", options.state_file,
                    "Begin with the state in this file, if it exists, and keep it there")
         ->type_name("FILE");
-    app.add_option("--scenario", options.scenario, "Let happen what goes wrong in this file")
-        ->type_name("FILE");
+    app.add_option("--scenario", options.scenario, "Let the faults of this file happen")->type_name("FILE");
     app.add_option("--service-timeout", timeout_ms, "Milliseconds to wait for the security service")
         ->check(CLI::Range(1, std::numeric_limits<int>::max()))
         ->capture_default_str();

@@ -203,6 +203,7 @@ TEST(SccdFaults, AFaultThatCannotBeUnderstoodIsRefused) {
         {{{"action", "delay"}}, "ms: missing"},
         {{{"action", "delay"}, {"ms", 3600001}}, "ms: more than an hour"},
         {{{"action", "refuse"}}, "result: missing"},
+        {{{"action", "refuse"}, {"result", 0}}, "result: must not be 0"},
         {{{"action", "mute"}, {"ms", 5}},
          "no field 'ms'; mute takes action, request, app, pid, nth, every, count"},
         {{{"action", "mute"}, {"request", "nonsense"}}, "request: there is no such request"},
