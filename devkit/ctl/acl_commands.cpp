@@ -40,13 +40,14 @@ arguments with(arguments first, const arguments& second) {
 }
 
 arguments ace_number() {
-    return with(key(), {number("ace", 8, "ACE number")});
+    return with(key(), {number("ace", 8, "ACE id")});
 }
 
 arguments added_ace() {
     return with(
         key(),
-        {number("rule", sizeof(scc_ace_record), "the rule: [SN] permit|deny PROTOCOL ...")
+        {number("rule", sizeof(scc_ace_record),
+                "the rule: [SN] permit|deny PROTOCOL ...; SN is 0 unless given")
              .as(value_type::rule)
              .as(presence::optional_positional)
              .at(1, 0),
@@ -244,7 +245,7 @@ std::vector<command> counters() {
                                               "101", key(), {{"counter"}}),
                    "counter reset-acl"),
         resettable(query<scc_ace_get_counter>("counter ace", "scc_ace_get_counter", "read an ACE's counter",
-                                              "101 1", ace_number(), {{"counter"}}),
+                                              "101 10", ace_number(), {{"counter"}}),
                    "counter reset-ace"),
         request<scc_acl_reset_filter_counter, &h::filter_counter_reset>(
             "counter reset-filter", "scc_acl_reset_filter_counter", "reset an ACL's filter counter", "101",
@@ -252,7 +253,7 @@ std::vector<command> counters() {
         request<scc_acl_reset_counter, &h::acl_counter_reset>("counter reset-acl", "scc_acl_reset_counter",
                                                               "reset an ACL's counter", "101", key()),
         request<scc_ace_reset_counter, &h::ace_counter_reset>(
-            "counter reset-ace", "scc_ace_reset_counter", "reset an ACE's counter", "101 1", ace_number()),
+            "counter reset-ace", "scc_ace_reset_counter", "reset an ACE's counter", "101 10", ace_number()),
     };
 }
 

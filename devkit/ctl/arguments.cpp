@@ -111,6 +111,9 @@ byte_buffer vlans_of_text(const argument& where, std::string_view text) {
         const auto dash = part.find('-');
         const auto first = vlan(part.substr(0, dash));
         const auto last = dash == std::string_view::npos ? first : vlan(part.substr(dash + 1));
+        if (last < first) {
+            throw usage_error(fmt::format("{}: '{}' in '{}' is an empty range", where.name, part, text));
+        }
         for (auto each = first; each <= last; ++each) {
             (void)devkit::set_vlan(record, 0, each);
         }

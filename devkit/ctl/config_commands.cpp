@@ -192,7 +192,7 @@ std::vector<command> switch_commands() {
              flag("value", "what to do", names::set_clear)}),
         request<scc_cpp_set, &h::cpp>(
             "cpp-set", "scc_cpp_set", "switch CPU protection", "0 on",
-            {integer("type", "0 alone is known"), flag("enable", "the protection", names::on_off)}),
+            {integer("type", "only 0 is known"), flag("enable", "the protection", names::on_off)}),
         request<scc_offline_detect_cfg, &h::offline_detect_cfg>(
             "offline-detect-cfg", "scc_offline_detect_cfg", "configure the detection of silent users",
             "on 60 100",
@@ -250,7 +250,7 @@ std::vector<command> one_way_commands() {
                                        "say that the water line was passed or left", "start",
                                        {integer("start", "passed, or left").named(names::start_end)}),
         one_way<scc_test_cmd_set>("test-cmd-set", "scc_test_cmd_set", "send a test command", "7",
-                                  {number("command", 4, "the command's number")}),
+                                  {number("test-command", 4, "the command's number")}),
         one_way<scc_data_recover>("data-recover", "scc_data_recover",
                                   "ask the daemon to recover this application's data", "1",
                                   {integer("argument", "passed on")}),

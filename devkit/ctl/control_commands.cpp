@@ -26,9 +26,9 @@ json ask(const json& request) {
     return devkit::control_call(request);
 }
 
-int call(const json& request, const context& within) {
+int call(std::string_view command, const json& request, const context& within) {
     int status = exit_success;
-    auto reply = control_reply(request, within, status);
+    auto reply = control_reply(command, request, within, status);
     if (!reply) {
         return status;
     }
@@ -40,14 +40,14 @@ int call(const json& request, const context& within) {
 }
 
 // A notification that reaches nobody has failed.
-int call_somebody(const json& request, const context& within) {
+int call_somebody(std::string_view command, const json& request, const context& within) {
     int status = exit_success;
-    auto reply = control_reply(request, within, status);
+    auto reply = control_reply(command, request, within, status);
     if (!reply) {
         return status;
     }
     if (reply->value("sent", 1) == 0) {
-        print_problem(request.at("do").get<std::string>(), "nobody is registered", within.output);
+        print_problem(command, "nobody is registered", within.output);
         return exit_refused;
     }
     if (!within.output.as_json) {
@@ -78,17 +78,19 @@ bool is_number(const std::string& text) {
 // The commands that name a type of request or a result take their names, too.
 void replace_names(json& request) {
     const std::string command = request.at("do");
-    if (command != control::fail_next && command != control::mute && command != control::unmute) {
+    const bool faulty = command == control::fault;
+    if (!faulty && command != control::fail_next && command != control::mute && command != control::unmute) {
         return;
     }
-    const auto type = request.find("type");
+    const std::string_view key = faulty ? "request" : "type";
+    const auto type = request.find(key);
     if (type != request.end() && !is_number(*type)) {
         const std::string name = *type;
         const devkit::message_type* const found =
             devkit::find_message(devkit::message_route::request, std::string_view(name));
         if (found == nullptr) {
             throw usage_error(
-                fmt::format("type: '{}' is no request{}", name, did_you_mean(name, request_names())));
+                fmt::format("{}: '{}' is no request{}", key, name, did_you_mean(name, request_names())));
         }
         *type = found->number;
     }
@@ -144,18 +146,19 @@ int notify(const control_options& options, const context& within) {
     made["to"] = within.app_given ? within.registration.app_id : 0;
     made[by_type ? "type" : "name"] = options.word;
     add_pairs(made, options.pairs);
-    return call_somebody(made, within);
+    return call_somebody("notify", made, within);
 }
 
 // Asks the application of --app, or every client in turn, except the service, which does not answer.
 int call_each(json made, bool service_too, const context& within) {
+    const std::string command = made.at("do");
     if (within.app_given) {
         made["app"] = within.registration.app_id;
-        return call(made, within);
+        return call(command, made, within);
     }
     const json reply = ask(request(control::clients));
     if (!reply.value("ok", false)) {
-        return call(request(control::clients), within);  // prints the reason
+        return call(command, request(control::clients), within);  // prints the reason
     }
     int worst = exit_success;
     bool anybody = false;
@@ -165,7 +168,7 @@ int call_each(json made, bool service_too, const context& within) {
         }
         anybody = true;
         made["app"] = client.at("app");
-        worst = std::max(worst, call(made, within));
+        worst = std::max(worst, call(command, made, within));
     }
     if (!anybody && !within.output.as_json) {
         print(json("nobody is registered"), within.output);
@@ -207,18 +210,19 @@ int any(const control_options& options, const context& within) {
         throw usage_error(
             fmt::format("no command '{}' of the daemon; did you mean '{}'?", options.word, guess));
     }
-    return call(made, within);
+    return call(options.word, made, within);
 }
 
 }  // namespace
 
-std::optional<json> control_reply(const json& request, const context& within, int& status) {
+std::optional<json> control_reply(std::string_view command, const json& request, const context& within,
+                                  int& status) {
     json reply = ask(request);
     if (reply.value("ok", false)) {
         return reply;
     }
     const std::string error = reply.value("error", std::string("the daemon gave no reason"));
-    print_problem(request.at("do").get<std::string>(), error, within.output);
+    print_problem(command, error, within.output);
     status = reply.value("unreachable", false) ? exit_unreachable : exit_refused;
     return std::nullopt;
 }
@@ -231,8 +235,9 @@ void add_control_commands(CLI::App& app, context& within, choice_map& choices, s
             [&action, options, &within, run] { action = [=, &within] { return run(*options, within); }; });
         return made;
     };
-    add("clients", "list who is registered",
-        [](const control_options&, const context& in) { return call(request(control::clients), in); });
+    add("clients", "list who is registered", [](const control_options&, const context& in) {
+        return call(control::clients, request(control::clients), in);
+    });
     add("stats", "show the clients' call statistics (one's with --app)",
         [](const control_options&, const context& in) {
             return call_each(with_timeout(request(control::stats), in), true, in);

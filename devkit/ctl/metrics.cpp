@@ -4,6 +4,7 @@
 // of NAME in OpenMetrics and of NAME_total in the text format, which node_exporter reads.
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -136,6 +137,12 @@ void add_statistics(metrics_text& into, const std::vector<std::pair<json, json>>
     }
 }
 
+// A device or a FIFO would be replaced by a file.
+bool is_replaceable(const std::string& name) {
+    struct stat status {};
+    return ::stat(name.c_str(), &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
+}
+
 // Writes a file of its own first, so that a reader finds the old text or the new one. Returns an errno value.
 int replace_file(const std::string& name, const std::string& text) {
     const std::string next = fmt::format("{}.{}.new", name, ::getpid());
@@ -164,7 +171,7 @@ int replace_file(const std::string& name, const std::string& text) {
 
 int run_metrics(const context& within, const std::string& file, metrics_format format) {
     int status = exit_success;
-    const auto daemon = control_reply({{"do", devkit::control::metrics}}, within, status);
+    const auto daemon = control_reply("metrics", {{"do", devkit::control::metrics}}, within, status);
     if (!daemon) {
         return status;
     }
@@ -177,6 +184,10 @@ int run_metrics(const context& within, const std::string& file, metrics_format f
         whole.pop_back();  // print_text ends the last line
         print_text(whole);
         return exit_success;
+    }
+    if (!is_replaceable(file)) {
+        print_problem("metrics", file + ": not a regular file", within.output);
+        return exit_refused;
     }
     if (const int error = replace_file(file, whole); error != 0) {
         print_problem("metrics", fmt::format("{}: {}", file, std::strerror(error)), within.output);

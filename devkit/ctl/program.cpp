@@ -100,11 +100,12 @@ CLI::App& place(CLI::App& app, std::string_view name, const std::string& help, s
     return *at;
 }
 
+constexpr std::size_t shown_names_max = 6;
+
 std::string range_text(const argument& each) {
     if (each.type != value_type::number) {
         return {};
     }
-    constexpr std::size_t shown_names_max = 6;
     auto names = names_of(each);
     if (names.size() > shown_names_max) {
         names.resize(shown_names_max / 2);
@@ -114,6 +115,18 @@ std::string range_text(const argument& each) {
         fmt::format(" [{}{}{}..{}]", fmt::join(names, ", "), names.empty() ? "" : " or ", each.min, each.max);
     if (each.initial != 0) {
         text += fmt::format(", {} unless given", each.initial);
+    }
+    return text;
+}
+
+// The names that range_text leaves out.
+std::string all_names_text(const command& row) {
+    std::string text;
+    for (const argument& each : row.arguments) {
+        const auto names = names_of(each);
+        if (names.size() > shown_names_max) {
+            text += fmt::format("Names of {}: {}.\n", each.name, fmt::join(names, ", "));
+        }
     }
     return text;
 }
@@ -183,8 +196,8 @@ void add_row(built& into, const command& row) {
     if (!row.reset_row.empty()) {
         bound.app->add_flag("--reset", bound.reset, "reset the counter instead");
     }
-    bound.app->footer(fmt::format("Calls {}.\nExample: sccctl {}{}{}", row.function, row.name,
-                                  row.example.empty() ? "" : " ", row.example));
+    bound.app->footer(fmt::format("{}Calls {}.\nExample: sccctl {}{}{}", all_names_text(row), row.function,
+                                  row.name, row.example.empty() ? "" : " ", row.example));
 }
 
 const command& row_named(std::string_view name) {
@@ -311,7 +324,8 @@ void build(built& into, context& within) {
     add_own_commands(into, within);
     // Last, or every command would inherit it.
     into.app.footer(
-        "These options may be given anywhere. Exit status: 0 done, 1 refused, 2 usage, 3 no daemon.");
+        "The options may precede or follow the command; 'sccctl help COMMAND' tells those of a command.\n"
+        "Exit status: 0 done, 1 refused, 2 usage, 3 no daemon.");
 }
 
 // The general options may also follow the command; they are moved to the front, where the parser expects
@@ -482,6 +496,26 @@ std::string misspelt(const CLI::App& root, const std::vector<std::string>& words
     return {};
 }
 
+// The parser tells surplus words in reverse, and nothing of a group's commands.
+std::string problem_text(const CLI::ParseError& problem, const CLI::App& root) {
+    const CLI::App* at = &root;
+    while (!at->get_subcommands().empty()) {
+        at = at->get_subcommands().back();
+    }
+    if (dynamic_cast<const CLI::ExtrasError*>(&problem) != nullptr) {
+        const auto surplus = root.remaining(true);
+        if (at == &root && !surplus.empty() && !surplus[0].starts_with('-')) {
+            return fmt::format("no command '{}'", surplus[0]);
+        }
+        return fmt::format("not expected: {}", fmt::join(surplus, " "));
+    }
+    const bool is_group = !at->get_subcommands([](const CLI::App*) { return true; }).empty();
+    if (at != &root && is_group && dynamic_cast<const CLI::RequiredError*>(&problem) != nullptr) {
+        return fmt::format("{}: one of {} must follow", at->get_name(), at->get_description());
+    }
+    return problem.what();
+}
+
 }  // namespace
 
 int run_command_line(const std::vector<std::string>& words, context& within) {
@@ -500,7 +534,7 @@ int run_command_line(const std::vector<std::string>& words, context& within) {
         if (problem.get_exit_code() == 0) {
             return parsed.app.exit(problem);  // help was requested
         }
-        print_problem("usage", problem.what() + misspelt(parsed.app, words), form);
+        print_problem("usage", problem_text(problem, parsed.app) + misspelt(parsed.app, words), form);
         return exit_usage;
     } catch (const usage_error& problem) {
         print_problem("usage", problem.what(), form);

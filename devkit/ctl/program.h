@@ -74,8 +74,9 @@ inline constexpr double seconds_max = 86400;
 void add_tool_commands(CLI::App& app, context& within, choice_map& choices, std::function<int()>& action);
 // Adds the commands of the development daemon's control socket; the chosen one sets `action`.
 void add_control_commands(CLI::App& app, context& within, choice_map& choices, std::function<int()>& action);
-// Sends a request; prints why it failed, or returns the reply.
-[[nodiscard]] std::optional<json> control_reply(const json& request, const context& within, int& status);
+// Sends a request of this command; prints why it failed, or returns the reply.
+[[nodiscard]] std::optional<json> control_reply(std::string_view command, const json& request,
+                                                const context& within, int& status);
 
 // What fits the last word. With a shell's context, what fits there.
 [[nodiscard]] completion complete_words(const std::vector<std::string>& words,

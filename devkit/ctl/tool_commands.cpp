@@ -70,29 +70,29 @@ std::vector<std::pair<std::string, std::string>> fields_of_words(const std::vect
     return fields;
 }
 
-void add_limits(tool_parser& into, CLI::App& app) {
+void add_limits(tool_parser& into, CLI::App& app, std::string_view counted) {
     app.add_option("--seconds,--duration", into.own->seconds,
                    "stop after this time (90, 90s, 5m, 1h), 0 for never")
         ->transform(duration())
         ->type_name("TIME");
-    app.add_option("--count", into.own->count, "stop after this many, 0 for never")
+    app.add_option("--count", into.own->count, fmt::format("stop after this many {}, 0 for never", counted))
         ->check(within_limits(0, count_max));
 }
 
 void add_watch(tool_parser& into) {
     CLI::App& app = into.add("watch", "print notifications as they arrive");
-    add_limits(into, app);
+    add_limits(into, app, "notifications");
     app.add_flag("--times", into.own->watch.times, "begin each line with the time");
     const std::vector<std::string> names(devkit::control::notifications.begin(),
                                          devkit::control::notifications.end());
     CLI::Option* const only =
-        app.add_option("--only", into.own->watch.only, "show these notifications alone")->delimiter(',');
+        app.add_option("--only", into.own->watch.only, "show only these notifications")->delimiter(',');
     only->type_name("NAME,...")->expected(1)->take_all()->check([names](const std::string& name) {
         const bool known = std::find(names.begin(), names.end(), name) != names.end();
         return known ? std::string() : fmt::format("no notification '{}'{}", name, did_you_mean(name, names));
     });
     into.choices[only] = names;
-    app.add_option("--where", into.own->where, "show those with this field alone, may be repeated")
+    app.add_option("--where", into.own->where, "show only those with this field, may be repeated")
         ->type_name("FIELD=VALUE")
         ->expected(1)
         ->take_all();
@@ -129,6 +129,9 @@ void add_metrics(tool_parser& into) {
     app.footer("Example: sccctl metrics --output /var/lib/prometheus/node-exporter/scc.prom");
     app.callback([into] {
         into.action = [into] {
+            if (into.within.output.as_json) {
+                throw usage_error("metrics prints no JSON: 'sccctl daemon metrics --json' does");
+            }
             const bool open = into.own->format == "openmetrics";
             return run_metrics(into.within, into.own->file,
                                open ? metrics_format::open_metrics : metrics_format::prometheus);
@@ -139,7 +142,7 @@ void add_metrics(tool_parser& into) {
 void add_capture(tool_parser& into) {
     CLI::App& app = into.add("capture", "write what the daemon sends and receives to a pcapng file");
     app.add_option("file", into.own->file, "the file, - for standard output")->required()->type_name("FILE");
-    add_limits(into, app);
+    add_limits(into, app, "messages");
     app.footer("Example: sccctl capture wire.pcapng --duration 30s");
     app.callback([into] {
         into.action = [into] {

@@ -171,7 +171,7 @@ int run_top(const context& within, const top_options& options) {
         const auto metrics = devkit::control_call({{"do", devkit::control::metrics}});
         if (!metrics.value("ok", false)) {
             screen.reset();
-            (void)control_reply({{"do", devkit::control::metrics}}, within, status);
+            (void)control_reply("top", {{"do", devkit::control::metrics}}, within, status);
             return status;
         }
         if (!screen) {

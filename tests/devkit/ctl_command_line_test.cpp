@@ -50,6 +50,20 @@ TEST_F(CtlCommandLineAlone, AnswersALineItCannotParseInTheFormAskedFor) {
     EXPECT_NE(help.output.find("Usage: sccctl acl create"), std::string::npos);
 }
 
+TEST_F(CtlCommandLineAlone, TellsWhatAnInvalidLineHoldsOrLacks) {
+    const auto errors = [&](const std::vector<std::string>& line) { return run(line).errors; };
+    EXPECT_EQ(errors({"nonsense", "3", "on"}), "sccctl: usage: no command 'nonsense'\n");
+    EXPECT_EQ(errors({"addr-learn", "3", "on"}),
+              "sccctl: usage: no command 'addr-learn'; did you mean 'addr-learning'?\n");
+    EXPECT_EQ(errors({"clients", "x", "y"}), "sccctl: usage: not expected: x y\n");
+    EXPECT_EQ(errors({"arp-entry"}), "sccctl: usage: arp-entry: one of add, delete must follow\n");
+}
+
+TEST_F(CtlCommandLineAlone, HelpListsEveryNameOfANumber) {
+    EXPECT_NE(run({"nac-app-set", "--help"}).output.find("direct-vlan, other.\n"), std::string::npos);
+    EXPECT_NE(run({"strerror", "--help"}).output.find("no-list-node, service-timeout.\n"), std::string::npos);
+}
+
 class CtlBadUsage : public without_daemon, public testing::WithParamInterface<std::vector<std::string>> {};
 
 TEST_P(CtlBadUsage, HasExitStatusTwo) {
@@ -79,6 +93,7 @@ INSTANTIATE_TEST_SUITE_P(
         words{"watch", "--count", "-1"}, words{"clients", "--timeout", "nan"},
         words{"strerror", "5", "--timeout", "0"}, words{"dirchn-host-set", "1", "2", "3", "4", "5"},
         words{"direct-vlan-set", "1", "--vlans", "4096"}, words{"direct-vlan-set", "1", "--vlans", "5,"},
+        words{"direct-vlan-set", "1", "--vlans", "5-3"}, words{"metrics", "--json"},
         words{"metrics", "--format", "csv"}, words{"top", "--interval", "0"}, words{"capture"}));
 
 TEST(CtlShellWords, SplitAtBlanksJoinInQuotesAndEndAtComments) {

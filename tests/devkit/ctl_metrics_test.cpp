@@ -1,4 +1,6 @@
 // The counters as text for Prometheus.
+#include <sys/stat.h>
+
 #include "ctl_support.h"
 
 namespace ctl_test {
@@ -60,6 +62,15 @@ TEST_F(CtlMetrics, AFileThatCannotBeReplacedIsLeftAlone) {
     for (const auto& each : left) {
         EXPECT_FALSE(each.path().filename().string().ends_with(".new")) << each.path();
     }
+}
+
+TEST_F(CtlMetrics, WhatIsNotARegularFileIsNotReplaced) {
+    const std::string name = file("fifo");
+    ASSERT_EQ(::mkfifo(name.c_str(), 0600), 0);
+    const finished result = run({"metrics", "--output", name});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errors, "sccctl: metrics: " + name + ": not a regular file\n");
+    EXPECT_TRUE(std::filesystem::is_fifo(name));
 }
 
 TEST_F(CtlMetricsAlone, NoFileIsWrittenWithoutADaemon) {

@@ -220,6 +220,21 @@ TEST_F(CtlProgram, ARequestFailsByItsName) {
     EXPECT_EQ(run({"addr-learning", "3", "on", "--timeout", long_enough_to_register}).status, 3);
 }
 
+TEST_F(CtlProgram, AFaultTakesTheNamesOfRequestsAndResults) {
+    const finished ordered = run({"daemon", "fault", "refuse", "request=addr-learning", "result=no-acl"});
+    ASSERT_EQ(ordered.status, 0) << ordered.errors;
+    EXPECT_EQ(run({"addr-learning", "3", "on", "--json"}).json_lines().at(0)["result"], 2005);
+    const finished misspelt = run({"daemon", "fault", "mute", "request=addr-learnin"});
+    EXPECT_EQ(misspelt.status, 2);
+    EXPECT_NE(misspelt.errors.find("did you mean 'addr-learning'?"), std::string::npos) << misspelt.errors;
+}
+
+TEST_F(CtlProgram, ATestCommandAsJsonStillNamesItsCommand) {
+    const json sent = run({"test-cmd-set", "7", "--json"}).json_lines().at(0);
+    EXPECT_EQ(sent["command"], "test-cmd-set");
+    EXPECT_EQ(sent.value("test_command", 0), 7);
+}
+
 TEST_F(CtlProgram, ARefusedQueryShowsNoValue) {
     const auto lines = run({"counter", "acl", "77", "--json"}).json_lines();
     ASSERT_EQ(lines.size(), 1u);
@@ -334,11 +349,11 @@ TEST_F(CtlProgram, WatchedVlansAreAListAndRecordsStandInBraces) {
 TEST_F(CtlProgram, AMistypedNotificationIsRefusedWithWhatItTakes) {
     const finished field = run({"notify", "station-move", "permitt=1"});
     EXPECT_EQ(field.status, 1);
-    EXPECT_EQ(field.errors, "sccctl: notify-named: no field 'permitt'; station-move takes permit\n");
+    EXPECT_EQ(field.errors, "sccctl: notify: no field 'permitt'; station-move takes permit\n");
     EXPECT_EQ(run({"notify", "70000"}).status, 1);
     const finished nobody = run({"notify", "station-move", "permit=1"});
     EXPECT_EQ(nobody.status, 1);
-    EXPECT_EQ(nobody.errors, "sccctl: notify-named: nobody is registered\n");
+    EXPECT_EQ(nobody.errors, "sccctl: notify: nobody is registered\n");
     EXPECT_EQ(run({"daemon", "mute"}).errors, "sccctl: mute: type is missing\n");
 }
 
@@ -501,6 +516,13 @@ TEST_F(CtlProgram, AnAclFileThatCannotBeWrittenIsAFailure) {
     EXPECT_EQ(result.errors,
               "sccctl: acl save: /dev/full: No space left on device\n"
               "sccctl: acl save: /nonexistent/file: No such file or directory\n");
+}
+
+TEST_F(CtlProgramAlone, AnErrorNamesTheCommandThatWasTyped) {
+    for (const char* name : {"stats", "alive", "top", "metrics", "clients"}) {
+        EXPECT_TRUE(run({name}).errors.starts_with(std::string("sccctl: ") + name + ": no daemon at "))
+            << name;
+    }
 }
 
 TEST_F(CtlProgramAlone, EachProgramTellsItsVersion) {

@@ -53,7 +53,7 @@ TEST_F(CtlTop, RestoresTheTerminalWhenTheDaemonGoes) {
     top.until("PENDING");
     daemon().signal(SIGKILL);
     top.until("\x1b[?1049l");
-    top.until("sccctl: metrics: no daemon at ");
+    top.until("sccctl: top: no daemon at ");
     EXPECT_EQ(top.finish(), 3);
 }
 
