@@ -23,10 +23,9 @@ void grow_in_steps(WithTable with_table) {
     }
     if (wanted != 0) {
         auto* const buckets = Table::allocate_buckets(wanted);
-        // The entries may be dropped meanwhile.
-        if (buckets != nullptr &&
-            !with_table([&](Table& table) { is_growing = table.begin_growth(buckets, wanted); })) {
-            is_growing = false;
+        if (buckets != nullptr) {
+            // False when entries were dropped meanwhile.
+            (void)with_table([&](Table& table) { is_growing = table.begin_growth(buckets, wanted); });
         }
         if (!is_growing) {
             std::free(buckets);
