@@ -25,8 +25,7 @@ struct settings {
     long most_us;
 };
 
-// Out of 1,000, of the delays that SCC_DELAY_PERMILLE asks for. Locks are returned far more often than
-// threads start.
+// How often, in thousandths of SCC_DELAY_PERMILLE: locks are returned far more often than threads start.
 enum class share : unsigned { lock = 100, call = 1000, start = 20'000 };
 
 constinit std::atomic<long> g_left_us{2'000'000};
@@ -76,6 +75,14 @@ Function* original(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+template <class Function, class... Arguments>
+auto delayed(Function* real, Arguments... arguments) {
+    maybe_delay(share::call);
+    const auto result = real(arguments...);
+    maybe_delay(share::call);
+    return result;
+}
+
 struct thread_start {
     void* (*body)(void*);
     void* argument;
@@ -94,47 +101,32 @@ extern "C" {
 
 int poll(pollfd* watched, nfds_t count, int timeout) {
     static auto* const real = original<decltype(poll)>("poll");
-    maybe_delay(share::call);
-    const int result = real(watched, count, timeout);
-    maybe_delay(share::call);
-    return result;
+    return delayed(real, watched, count, timeout);
 }
 
 int epoll_wait(int fd, epoll_event* events, int most, int timeout) {
     static auto* const real = original<decltype(epoll_wait)>("epoll_wait");
-    const int result = real(fd, events, most, timeout);
-    maybe_delay(share::call);
-    return result;
+    return delayed(real, fd, events, most, timeout);
 }
 
 ssize_t recv(int fd, void* into, size_t bytes, int flags) {
     static auto* const real = original<decltype(recv)>("recv");
-    maybe_delay(share::call);
-    const ssize_t result = real(fd, into, bytes, flags);
-    maybe_delay(share::call);
-    return result;
+    return delayed(real, fd, into, bytes, flags);
 }
 
 ssize_t send(int fd, const void* from, size_t bytes, int flags) {
     static auto* const real = original<decltype(send)>("send");
-    maybe_delay(share::call);
-    const ssize_t result = real(fd, from, bytes, flags);
-    maybe_delay(share::call);
-    return result;
+    return delayed(real, fd, from, bytes, flags);
 }
 
 int connect(int fd, const sockaddr* to, socklen_t bytes) {
     static auto* const real = original<decltype(connect)>("connect");
-    maybe_delay(share::call);
-    const int result = real(fd, to, bytes);
-    maybe_delay(share::call);
-    return result;
+    return delayed(real, fd, to, bytes);
 }
 
 int close(int fd) {
     static auto* const real = original<decltype(close)>("close");
-    maybe_delay(share::call);
-    return real(fd);
+    return delayed(real, fd);
 }
 
 int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
