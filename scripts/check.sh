@@ -129,10 +129,11 @@ stage_locks() {
 stage_fuzz() { scripts/fuzz.sh --seed 1 --jobs $((jobs * 2)) 5; }
 stage_soak() { scripts/soak.sh 0.5; }
 stage_faults() { scripts/faults.sh 800; }
+stage_delays() { scripts/delays.sh 4; }
 stage_coverage() { scripts/coverage.sh; }
 
 every_commit=(scripts format gcc clang header binary steps abi man install packages arm64 capture metrics complete tidy soak faults asan tsan fuzz)
-every_night=(reproducible tidy_devkit coverage whole_asan clang_asan clang_tsan)
+every_night=(reproducible tidy_devkit delays coverage whole_asan clang_asan clang_tsan)
 stages=("$@")
 [ $# -gt 0 ] || stages=("${every_commit[@]}")
 [ "$*" != nightly ] || stages=("${every_night[@]}")
