@@ -22,14 +22,15 @@ void grow_in_steps(WithTable with_table) {
         return;
     }
     if (wanted != 0) {
-        auto* const buckets = Table::allocate_buckets(wanted);
+        auto* buckets = Table::allocate_buckets(wanted);
         if (buckets != nullptr) {
-            // False when entries were dropped meanwhile.
-            (void)with_table([&](Table& table) { is_growing = table.begin_growth(buckets, wanted); });
+            (void)with_table([&](Table& table) {
+                is_growing = table.begin_growth(buckets, wanted);
+                buckets = is_growing ? nullptr : buckets;
+            });
         }
-        if (!is_growing) {
-            std::free(buckets);
-        }
+        // Not taken over when entries were dropped meanwhile.
+        std::free(buckets);
     }
     for (std::size_t moved = 0; is_growing && moved < tuning::buckets_moved_a_pass;
          moved += tuning::buckets_moved_at_once) {
