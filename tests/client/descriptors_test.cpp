@@ -245,6 +245,42 @@ TEST_F(Descriptors, AShutDownLeavesAMissingSocketAlone) {
     close(async_pair[0]);
 }
 
+TEST_F(Descriptors, TheOtherOneStaysLentWhicheverIsReturnedFirst) {
+    for (const bool sync_first : {true, false}) {
+        const int sync_fd = dup(sync_pair[0]);
+        const int async_fd = dup(async_pair[0]);
+        const std::uint32_t generation = scc::begin_generation();
+        ASSERT_TRUE(scc::install_descriptor(channel::sync, sync_fd, generation));
+        ASSERT_TRUE(scc::install_descriptor(channel::async, async_fd, generation));
+        auto sync = std::make_unique<borrowed_descriptor>(channel::sync);
+        auto async = std::make_unique<borrowed_descriptor>(channel::async);
+        (sync_first ? sync : async).reset();
+        EXPECT_EQ(_scc_lib_client_close(), 0);
+        EXPECT_EQ(is_open(sync_fd), !sync_first);
+        EXPECT_EQ(is_open(async_fd), sync_first);
+        sync.reset();
+        async.reset();
+        EXPECT_FALSE(is_open(sync_fd));
+        EXPECT_FALSE(is_open(async_fd));
+    }
+    close(sync_pair[0]);
+    close(async_pair[0]);
+}
+
+// The place of the loan whose borrower closed it comes before that of one that lasts.
+TEST_F(Descriptors, ANumberThatIsUsedAgainIsNotClosedByItsNextBorrower) {
+    install(scc::begin_generation());
+    auto sync = std::make_unique<borrowed_descriptor>(channel::sync);
+    const borrowed_descriptor async(channel::async);
+    EXPECT_EQ(_scc_lib_client_close(), 0);
+    sync.reset();
+    ASSERT_FALSE(is_open(sync_pair[0]));
+    ASSERT_EQ(dup2(sync_pair[1], sync_pair[0]), sync_pair[0]);
+    ASSERT_TRUE(scc::install_descriptor(channel::sync, sync_pair[0], scc::begin_generation()));
+    EXPECT_EQ(borrowed_descriptor(channel::sync).fd(), sync_pair[0]);
+    EXPECT_TRUE(is_open(sync_pair[0]));
+}
+
 // Each stays lent while its connection has ended.
 TEST_F(Descriptors, ThirtyTwoAreLentAtOnceAndTheNextWaitsForOneOfThem) {
     const borrowed_descriptor none(channel::sync);  // takes no place

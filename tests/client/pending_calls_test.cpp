@@ -285,12 +285,34 @@ TEST_F(PendingCalls, OneRunHoldsItsCallsInHandAndAnotherTakesItsOwnFromTheRest) 
             scc::release_pending_call(call);
         }
     }
+    EXPECT_NE(held.peek(0), nullptr);
     EXPECT_EQ(held.take(1), nullptr);
     scc::pending_call* call = held.take(0);
     ASSERT_NE(call, nullptr);
     EXPECT_EQ(call->call_id, 1U);
     scc::release_pending_call(call);
     EXPECT_EQ(scc::pending_calls(), 1U);
+}
+
+TEST_F(PendingCalls, ARunHoldsItsCallsAfterAnEarlierOneHasEnded) {
+    ASSERT_EQ(save(1, 4, {}), 0U);
+    const std::vector<std::uint32_t> ids = {1};
+    { const scc::calls_in_hand earlier(ids); }
+    const scc::calls_in_hand held(ids);
+    EXPECT_NE(held.peek(0), nullptr);
+    EXPECT_EQ(kind_of(1), 4U) << "found by its id";
+    EXPECT_EQ(held.peek(0), nullptr);
+}
+
+TEST_F(PendingCalls, ARunHoldsNoCallsButItsOwn) {
+    for (const std::uint32_t id : {1U, 2U, 3U}) {
+        ASSERT_EQ(save(id, id + 10, {}), 0U);
+    }
+    const std::vector<std::uint32_t> ids = {1, 2, 3};
+    { const scc::calls_in_hand held({ids.data(), 2}); }
+    for (const std::uint32_t id : ids) {
+        EXPECT_EQ(kind_of(id), id + 10);
+    }
 }
 
 TEST_F(PendingCalls, ARunWithoutResultsHoldsNothing) {

@@ -125,6 +125,34 @@ TEST_F(Blocks, OfTheIndexOfCallsAreMadeByTheChecker) {
     EXPECT_TRUE(test::end_faults());
 }
 
+TEST_F(Blocks, OfTheIndexOfAclsAreMadeByTheChecker) {
+    start();
+    constexpr int grown_index = 512 * 24;
+    test::fail_allocations_of(grown_index);
+    for (std::uint32_t id = 1; id <= 140; ++id) {
+        const scc_acl_key key = {0, 3, id, 0};
+        _scc_lib_acl_add(&key);
+    }
+    const int tried = test::calls(test::call::calloc);
+    EXPECT_TRUE(test::eventually([tried] { return test::calls(test::call::calloc) >= tried + 3; }));
+    EXPECT_TRUE(test::end_faults());
+}
+
+TEST(SpareBlocks, AreKeptUpTo8192AndTheOthersFreedAtOnce) {
+    constexpr std::uint32_t calls = 9000;
+    scc::init_pending_calls();
+    const long before = test::live_blocks();
+    for (std::uint32_t id = 0; id < calls; ++id) {
+        ASSERT_EQ(_scc_lib_save_call_data(id, 1, nullptr, 0), 0U);
+    }
+    for (std::uint32_t id = 0; id < calls; ++id) {
+        scc::release_pending_call(scc::take_pending_call(id));
+    }
+    EXPECT_EQ(test::live_blocks(), before + 8192);
+    scc::free_idle_blocks();
+    EXPECT_EQ(test::live_blocks(), before);
+}
+
 constexpr scc_acl_key g_key = {1, 2, 3, 4};
 
 TEST_F(Blocks, AreKeptByNoReadOfAListThatBreaksOff) {

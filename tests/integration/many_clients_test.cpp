@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr int patience_s = 60;
+constexpr int patience_s = 300;
 
 // Registers every client, answers unregistrations and counts everything else; on its own thread.
 class open_house {
