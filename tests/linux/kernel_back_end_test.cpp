@@ -48,9 +48,7 @@ std::unique_ptr<failing_filter> open_failing() {
     return std::make_unique<failing_filter>(std::move(real));
 }
 
-TEST(KernelBackEnd, OperationsThatArriveTogetherShareATransaction) {
-    NEED_A_NAMESPACE();
-    make_interfaces();
+TEST_F(KernelBackEnd, OperationsThatArriveTogetherShareATransaction) {
     const auto filter = open_failing();
     back_end_bench bench(map_text, filter.get());
     bench.recover_nothing();
@@ -91,9 +89,7 @@ TEST(KernelBackEnd, OperationsThatArriveTogetherShareATransaction) {
     EXPECT_EQ(rules_of_kernel()["in-1-d1"], (chain_rules{"jump acl-0-3-1.0"}));
 }
 
-TEST(KernelBackEnd, WhatTheKernelCannotDoIsRefusedAndTold) {
-    NEED_A_NAMESPACE();
-    make_interfaces();
+TEST_F(KernelBackEnd, WhatTheKernelCannotDoIsRefusedAndTold) {
     back_end_bench bench(map_text);
     bench.recover_nothing();
     EXPECT_EQ(bench.create(1), 0u);
@@ -122,14 +118,12 @@ TEST(KernelBackEnd, WhatTheKernelCannotDoIsRefusedAndTold) {
     EXPECT_EQ(rules_of_kernel(), (std::map<std::string, chain_rules>{{"acl-0-3-1.0", {"10 10"}}}));
 }
 
-class KernelErrors : public ::testing::TestWithParam<u32> {};
+class KernelErrors : public KernelBackEnd, public ::testing::WithParamInterface<u32> {};
 
 INSTANTIATE_TEST_SUITE_P(Each, KernelErrors,
                          ::testing::Values(EBUSY, ENOMEM, EPERM, ENOENT, EOPNOTSUPP, ENOBUFS));
 
 TEST_P(KernelErrors, LeaveKernelAndTablesInAgreement) {
-    NEED_A_NAMESPACE();
-    make_interfaces();
     const auto filter = open_failing();
     back_end_bench bench(map_text, filter.get());
     bench.recover_nothing();
@@ -166,9 +160,7 @@ TEST_P(KernelErrors, LeaveKernelAndTablesInAgreement) {
                                                                      {"in-2-d2", {"jump acl-0-3-1.0"}}}));
 }
 
-TEST(KernelBackEnd, AnErrorThatPassesIsNotNoticed) {
-    NEED_A_NAMESPACE();
-    make_interfaces();
+TEST_F(KernelBackEnd, AnErrorThatPassesIsNotNoticed) {
     const auto filter = open_failing();
     back_end_bench bench(map_text, filter.get());
     bench.recover_nothing();
@@ -177,9 +169,7 @@ TEST(KernelBackEnd, AnErrorThatPassesIsNotNoticed) {
     EXPECT_EQ(rules_of_kernel().count("acl-0-3-1.0"), 1u);
 }
 
-TEST(KernelBackEnd, TablesThatSomebodyElseRemovedComeBack) {
-    NEED_A_NAMESPACE();
-    make_interfaces();
+TEST_F(KernelBackEnd, TablesThatSomebodyElseRemovedComeBack) {
     back_end_bench bench(map_text);
     bench.recover_nothing();
     EXPECT_EQ(bench.create(1), 0u);
@@ -198,9 +188,7 @@ void load(back_end_bench& bench) {
     EXPECT_EQ(bench.apply(1, 1), 0u);
 }
 
-TEST(KernelBackEnd, ARecoveryThatBringsTheSameChangesNothing) {
-    NEED_A_NAMESPACE();
-    make_interfaces();
+TEST_F(KernelBackEnd, ARecoveryThatBringsTheSameChangesNothing) {
     back_end_bench bench(map_text);
     bench.recover_nothing();
     load(bench);
@@ -218,9 +206,7 @@ TEST(KernelBackEnd, ARecoveryThatBringsTheSameChangesNothing) {
     EXPECT_EQ(output_of("nft -a list ruleset"), before);
 }
 
-TEST(KernelBackEnd, ANewProcessAdoptsWhatIsRightAndRemovesTheRest) {
-    NEED_A_NAMESPACE();
-    make_interfaces();
+TEST_F(KernelBackEnd, ANewProcessAdoptsWhatIsRightAndRemovesTheRest) {
     command("nft add table inet other");
     back_end_bench first(map_text);
     first.recover_nothing();
@@ -258,9 +244,7 @@ TEST(KernelBackEnd, ANewProcessAdoptsWhatIsRightAndRemovesTheRest) {
     EXPECT_EQ(output_of("nft list tables"), "table inet other\ntable netdev scclib\ntable inet scclib\n");
 }
 
-TEST(KernelBackEnd, RouterAclsApplyWhileTheyAreOpen) {
-    NEED_A_NAMESPACE();
-    make_interfaces();
+TEST_F(KernelBackEnd, RouterAclsApplyWhileTheyAreOpen) {
     back_end_bench bench(map_text);
     bench.recover_nothing();
     EXPECT_EQ(bench.create(1), 0u);
@@ -272,9 +256,7 @@ TEST(KernelBackEnd, RouterAclsApplyWhileTheyAreOpen) {
     EXPECT_EQ(rules_of_kernel().count("in-9-d9"), 0u);
 }
 
-TEST(KernelBackEnd, AnExceptionPortIsLeftOutOfAclsOfAllInterfaces) {
-    NEED_A_NAMESPACE();
-    make_interfaces();
+TEST_F(KernelBackEnd, AnExceptionPortIsLeftOutOfAclsOfAllInterfaces) {
     back_end_bench bench(map_text);
     bench.recover_nothing();
     bench.change([](contents& held) { held.nac.set_egress_port(2, true); });
@@ -287,9 +269,7 @@ TEST(KernelBackEnd, AnExceptionPortIsLeftOutOfAclsOfAllInterfaces) {
     EXPECT_EQ(rules_of_kernel().count("out-2-d2"), 1u);
 }
 
-TEST(KernelBackEnd, CpuProtectionLimitsARate) {
-    NEED_A_NAMESPACE();
-    make_interfaces();
+TEST_F(KernelBackEnd, CpuProtectionLimitsARate) {
     back_end_bench bench(map_text);
     bench.recover_nothing();
     bench.change([](contents& held) { held.nac.set_cpu_protection(1, true); });
@@ -315,9 +295,7 @@ TEST(KernelBackEnd, CpuProtectionLimitsARate) {
     EXPECT_EQ(output_of("nft list table inet scclib").find("limit"), std::string::npos);
 }
 
-TEST(KernelBackEnd, AnInterfaceThatComesBackGetsItsRulesAgain) {
-    NEED_A_NAMESPACE();
-    make_interfaces();
+TEST_F(KernelBackEnd, AnInterfaceThatComesBackGetsItsRulesAgain) {
     back_end_bench bench(map_text);
     bench.recover_nothing();
     load(bench);
@@ -329,9 +307,7 @@ TEST(KernelBackEnd, AnInterfaceThatComesBackGetsItsRulesAgain) {
     EXPECT_EQ(rules_of_kernel()["in-1-d1"], (chain_rules{"jump acl-0-3-1.0"}));
 }
 
-TEST(KernelBackEnd, AChangeInALongListChangesOneRule) {
-    NEED_A_NAMESPACE();
-    make_interfaces();
+TEST_F(KernelBackEnd, AChangeInALongListChangesOneRule) {
     back_end_bench bench(map_text, nullptr, 3);
     bench.recover_nothing();
     EXPECT_EQ(bench.create(1), 0u);
@@ -364,9 +340,7 @@ TEST(KernelBackEnd, AChangeInALongListChangesOneRule) {
     EXPECT_NE(chain(names[3]), before[3]);
 }
 
-TEST(KernelBackEnd, ANewProcessKnowsAListInManyChainsAgain) {
-    NEED_A_NAMESPACE();
-    make_interfaces();
+TEST_F(KernelBackEnd, ANewProcessKnowsAListInManyChainsAgain) {
     const auto fill = [](contents& held) {
         EXPECT_EQ(held.acls.create(key_of(1)), 0u);
         for (u32 sn = 1; sn <= 20; ++sn) {

@@ -110,7 +110,6 @@ class acl_model {
 };
 
 void compare_with_model(int operations, std::size_t list_chain) {
-    make_interfaces();
     back_end_bench bench(map_text, nullptr, list_chain);
     bench.recover_nothing();
     acl_model model;
@@ -180,13 +179,11 @@ void compare_with_model(int operations, std::size_t list_chain) {
     EXPECT_TRUE(bench.log().empty()) << bench.log().front();
 }
 
-TEST(KernelBackEnd, TheKernelIsLikeAModelAfterTenThousandOperations) {
-    NEED_A_NAMESPACE();
+TEST_F(KernelBackEnd, TheKernelIsLikeAModelAfterTenThousandOperations) {
     compare_with_model(10'000, list_chain_default);
 }
 
-TEST(KernelBackEnd, TheKernelIsLikeAModelWhenListsAreCutIntoChains) {
-    NEED_A_NAMESPACE();
+TEST_F(KernelBackEnd, TheKernelIsLikeAModelWhenListsAreCutIntoChains) {
     compare_with_model(5'000, 3);
 }
 

@@ -12,11 +12,15 @@ namespace scc::kernel::testing {
 inline constexpr const char* map_text =
     "ifx 1 d1\nifx 2 d2\nifx 3 d3\nifx 9 d9 router\ncpp 1 5 icmp any any\n";
 
-inline void make_interfaces() {
-    for (const char* name : {"d1", "d2", "d3", "d9"}) {
-        command(std::string("ip link add ") + name + " type bridge && ip link set " + name + " up");
+class KernelBackEnd : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        NEED_A_NAMESPACE();
+        for (const char* name : {"d1", "d2", "d3", "d9"}) {
+            command(std::string("ip link add ") + name + " type bridge && ip link set " + name + " up");
+        }
     }
-}
+};
 
 // "sn id" of each ACE in a chain; for other rules their text.
 using chain_rules = std::vector<std::string>;
