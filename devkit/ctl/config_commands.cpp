@@ -252,8 +252,8 @@ std::vector<command> one_way_commands() {
         one_way<scc_test_cmd_set>("test-cmd-set", "scc_test_cmd_set", "send a test command", "7",
                                   {number("test-command", 4, "the command's number")}),
         one_way<scc_data_recover>("data-recover", "scc_data_recover",
-                                  "ask the daemon to recover this application's data", "1",
-                                  {integer("argument", "passed on")}),
+                                  "ask the daemon to recover the service's data", "1",
+                                  {integer("argument", "any number; sccd-dev recovers everything")}),
     };
 }
 
