@@ -45,13 +45,13 @@ TEST(Batch, BeginsAndEndsATransactionOfTheGeneration) {
     EXPECT_FALSE(changes.is_empty());
     const std::string all = changes.bytes(false, 0x01020304);
     EXPECT_EQ(all.substr(0, 28), bytes({
-                                     28, 0, 0, 0, 16, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0,  //
-                                     0,  0, 0, 10,                                      // of nftables
-                                     8,  0, 1, 0, 1,  2, 3, 4,                          // generation
+                                     28, 0, 0, 0,  16, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0,  //
+                                     0,  0, 0, 10,                                       // of nftables
+                                     8,  0, 1, 0,  1,  2, 3, 4,                          // generation
                                  }));
     EXPECT_EQ(all.substr(all.size() - 20), bytes({
-                                               20, 0, 0, 0, 17, 0, 1, 0, 3, 0, 0, 0, 0, 0, 0, 0,  //
-                                               0,  0, 0, 10,                                      //
+                                               20, 0, 0, 0,  17, 0, 1, 0, 3, 0, 0, 0, 0, 0, 0, 0,  //
+                                               0,  0, 0, 10,                                       //
                                            }));
 }
 
@@ -84,8 +84,8 @@ TEST(Batch, AddsAChainForJumpsAndOneOnAnInterface) {
     batch hooked;
     hooked.add_chain(chain, chain_hook{1, "eth0"});
     EXPECT_EQ(only_message(hooked), bytes({
-                                        3,  10, 5, 4,                                      //
-                                        5,  0,  0, 0,                                      //
+                                        3,  10, 5, 4,                                         //
+                                        5,  0,  0, 0,                                         //
                                         11, 0,  1, 0,    's', 'c', 'c', 'l', 'i', 'b', 0, 0,  //
                                         6,  0,  3, 0,    'c', 0,   0,   0,                    //
                                         11, 0,  7, 0,    'f', 'i', 'l', 't', 'e', 'r', 0, 0,  // type
@@ -93,12 +93,12 @@ TEST(Batch, AddsAChainForJumpsAndOneOnAnInterface) {
                                         32, 0,  4, 0x80,                                      // hook
                                         8,  0,  1, 0,    0,   0,   0,   1,                    // egress
                                         8,  0,  2, 0,    0,   0,   0,   0,                    // priority
-                                        9,  0,  3, 0,    'e', 't', 'h', '0', 0, 0, 0, 0       // device
+                                        9,  0,  3, 0,    'e', 't', 'h', '0', 0,   0,   0, 0   // device
                                     }));
     batch local;
     local.add_chain({family::inet, "c"}, chain_hook{1, ""});
     EXPECT_EQ(only_message(local).substr(48), bytes({
-                                                  20, 0, 4, 0x80,             // hook
+                                                  20, 0, 4, 0x80,              // hook
                                                   8,  0, 1, 0,    0, 0, 0, 1,  // local in
                                                   8,  0, 2, 0,    0, 0, 0, 0   // no device
                                               }));
@@ -106,7 +106,7 @@ TEST(Batch, AddsAChainForJumpsAndOneOnAnInterface) {
 
 TEST(Batch, DeletesAChainOrItsRulesOrOneOfThem) {
     const std::string place = bytes({
-        5,  0, 0, 0,                                      //
+        5, 0, 0, 0,                                       //
         11, 0, 1, 0, 's', 'c', 'c', 'l', 'i', 'b', 0, 0,  // table
     });
     batch all;
@@ -148,15 +148,15 @@ TEST(Batch, AddsARuleAtTheEndOrBeforeAnother) {
         6,  0, 2, 0, 'c', 0,   0,   0,                    // chain
     });
     const std::string rule = bytes({
-        52,  0,  4,  0x80,                                                            // expressions
-        48,  0,  1,  0x80,                                                            // element
-        14, 0, 1, 0,    'i', 'm', 'm', 'e', 'd', 'i', 'a', 't', 'e', 0, 0, 0,      // name
-        28, 0, 2, 0x80,                                                            // data
-        8,  0, 1, 0,    0,   0,   0,   0,                                          // verdict
-        16, 0, 2, 0x80,                                                            //
-        12, 0, 2, 0x80,                                                            //
-        8,  0, 1, 0,    0,   0,   0,   0,                                          // drop
-        9,  0, 7, 0,    0,   3,   'h', 'i', 0,   0,   0,   0                       // user data
+        52, 0, 4, 0x80,                                                        // expressions
+        48, 0, 1, 0x80,                                                        // element
+        14, 0, 1, 0,    'i', 'm', 'm', 'e', 'd', 'i', 'a', 't', 'e', 0, 0, 0,  // name
+        28, 0, 2, 0x80,                                                        // data
+        8,  0, 1, 0,    0,   0,   0,   0,                                      // verdict
+        16, 0, 2, 0x80,                                                        //
+        12, 0, 2, 0x80,                                                        //
+        8,  0, 1, 0,    0,   0,   0,   0,                                      // drop
+        9,  0, 7, 0,    0,   3,   'h', 'i', 0,   0,   0,   0                   // user data
     });
     const std::string position = bytes({12, 0, 6, 0, 0, 0, 0, 0, 0, 0, 0, 9});
     const expressions drop = expressions().drop();

@@ -25,14 +25,12 @@ class bench_with_faults : public back_end_bench {
         EXPECT_EQ(apply(1, 1), 0u);
     }
     u32 delete_ace(const std::string& text) {
-        return result_of([record = ace_of(text)](contents& held) {
-            return held.acls.delete_ace(key_of(1), record);
-        });
+        return result_of(
+            [record = ace_of(text)](contents& held) { return held.acls.delete_ace(key_of(1), record); });
     }
     u32 unapply(u32 acl, u32 ifx) {
-        return result_of([record = application_of(acl, ifx)](contents& held) {
-            return held.acls.unapply(record);
-        });
+        return result_of(
+            [record = application_of(acl, ifx)](contents& held) { return held.acls.unapply(record); });
     }
     // Returns when everything that was handed over is done.
     void settle() {
@@ -61,9 +59,8 @@ class KernelFaults : public KernelBackEnd, public ::testing::WithParamInterface<
         plan_ = {};
         (*bench).mend();
         bench.settle();
-        const rules_by_chain rules_then = {{"acl-0-3-1.0", {"20 20"}},
-                                           {"in-1-d1", {"jump acl-0-3-1.0"}},
-                                           {"in-2-d2", {"jump acl-0-3-1.0"}}};
+        const rules_by_chain rules_then = {
+            {"acl-0-3-1.0", {"20 20"}}, {"in-1-d1", {"jump acl-0-3-1.0"}}, {"in-2-d2", {"jump acl-0-3-1.0"}}};
         EXPECT_EQ(rules_of_kernel(), succeeds ? rules_then : rules_at_first);
         expect_that_operations_work(bench, succeeds);
     }

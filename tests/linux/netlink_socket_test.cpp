@@ -75,8 +75,9 @@ TEST(NetlinkSocket, DoesNotHearOtherProcesses) {
     to.nl_family = AF_NETLINK;
     to.nl_pid = port;
     const std::string forged = request();
-    EXPECT_EQ(::sendto(other, forged.data(), forged.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to),
-              20)
+    EXPECT_EQ(
+        ::sendto(other, forged.data(), forged.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to),
+        20)
         << std::strerror(errno);
     EXPECT_EQ(received(*socket), "");
     EXPECT_EQ(socket->send(request()), 20);

@@ -91,15 +91,15 @@ class Nftables : public ::testing::Test {
 
     // To the message 2, which is a new table.
     const std::string success = bytes({
-        36, 0, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0, 9, 0, 0, 0,  // length, error, sequence number, port
-        0,  0, 0, 0,                                      // none
-        40, 0, 0, 0, 0, 10, 5, 4, 2, 0, 0, 0, 0, 0, 0, 0  // header of the message
+        36, 0, 0, 0, 2, 0,  0, 0, 2, 0, 0, 0, 9, 0, 0, 0,  // length, error, sequence number, port
+        0,  0, 0, 0,                                       // none
+        40, 0, 0, 0, 0, 10, 5, 4, 2, 0, 0, 0, 0, 0, 0, 0   // header of the message
     });
     // ENOENT for the message 4, a new rule.
     const std::string refusal = bytes({
-        36,   0,    0,    0,    2, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0,  //
-        0xFE, 0xFF, 0xFF, 0xFF,                                      //
-        40,   0,    0,    0,    6, 10, 5, 4, 4, 0, 0, 0, 0, 0, 0, 0  //
+        36,   0,    0,    0,    2, 0,  0, 0, 4, 0, 0, 0, 9, 0, 0, 0,  //
+        0xFE, 0xFF, 0xFF, 0xFF,                                       //
+        40,   0,    0,    0,    6, 10, 5, 4, 4, 0, 0, 0, 0, 0, 0, 0   //
     });
     const std::string end_of_dump = bytes({
         20, 0, 0, 0, 3, 0, 2, 0, 1, 0, 0, 0, 9, 0, 0, 0,  //
@@ -113,12 +113,12 @@ class Nftables : public ::testing::Test {
     // The rule 7 of the chain "c" with the comment "hi".
     static std::string rule(int flags = 2, int handle = 7) {
         return bytes({
-            64, 0, 0, 0, 6, 10, flags, 0, 1, 0, 0, 0, 9, 0, 0, 0,                   // length, type
-            5,  0, 0, 0,                                                            // netdev
-            11, 0, 1, 0, 's', 'c', 'c', 'l', 'i', 'b', 0, 0,                        // table, padded
-            6,  0, 2, 0, 'c', 0, 0, 0,                                              // chain
-            12, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0, handle,                               // handle
-            9,  0, 7, 0, 0, 3, 'h', 'i', 0, 0, 0, 0                                 // user data
+            64, 0, 0, 0, 6,   10,  flags, 0,   1,   0,   0, 0,      9, 0, 0, 0,  // length, type
+            5,  0, 0, 0,                                                         // netdev
+            11, 0, 1, 0, 's', 'c', 'c',   'l', 'i', 'b', 0, 0,                   // table, padded
+            6,  0, 2, 0, 'c', 0,   0,     0,                                     // chain
+            12, 0, 3, 0, 0,   0,   0,     0,   0,   0,   0, handle,              // handle
+            9,  0, 7, 0, 0,   3,   'h',   'i', 0,   0,   0, 0                    // user data
         });
     }
 
@@ -143,14 +143,14 @@ TEST_F(Nftables, ATransactionIsConfirmedByTheAnswerToItsFirstChange) {
     EXPECT_EQ(run(one_table()), 0u);
     ASSERT_EQ(script_.sent.size(), 1u);
     EXPECT_EQ(script_.sent[0], bytes({
-                                   28, 0, 0, 0, 16,  0,   1,   0,   1,   0,   0, 0, 0, 0, 0, 0,  // begin
-                                   0,  0, 0, 10,                                                 // of nftables
-                                   8,  0, 1, 0, 0,   0,   0,   0,                                // generation
-                                   32, 0, 0, 0, 0,   10,  5,   4,   2,   0,   0, 0, 0, 0, 0, 0,  // new table
-                                   5,  0, 0, 0,                                                  // netdev
-                                   11, 0, 1, 0, 's', 'c', 'c', 'l', 'i', 'b', 0, 0,              // its name
-                                   20, 0, 0, 0, 17,  0,   1,   0,   3,   0,   0, 0, 0, 0, 0, 0,  // end
-                                   0,  0, 0, 10,                                                 //
+                                   28, 0, 0, 0,  16,  0,   1,   0,   1,   0,   0, 0, 0, 0, 0, 0,  // begin
+                                   0,  0, 0, 10,                    // of nftables
+                                   8,  0, 1, 0,  0,   0,   0,   0,  // generation
+                                   32, 0, 0, 0,  0,   10,  5,   4,   2,   0,   0, 0, 0, 0, 0, 0,  // new table
+                                   5,  0, 0, 0,                                                   // netdev
+                                   11, 0, 1, 0,  's', 'c', 'c', 'l', 'i', 'b', 0, 0,              // its name
+                                   20, 0, 0, 0,  17,  0,   1,   0,   3,   0,   0, 0, 0, 0, 0, 0,  // end
+                                   0,  0, 0, 10,                                                  //
                                }));
 }
 
@@ -233,9 +233,9 @@ TEST_F(Nftables, WhatItsLengthFieldCannotSayIsNotSent) {
 TEST_F(Nftables, ATransactionBuildsOnTheGenerationThatWasRead) {
     const auto generation = [](int last) {
         return bytes({
-            28, 0, 0, 0, 15, 10, 0, 0, 1, 0, 0, 0, 9, 0, 0, 0,  //
-            0,  0, 0, 0,                                        //
-            8,  0, 1, 0, last, last, last, last                 // id
+            28, 0, 0, 0, 15,   10,   0,    0,   1, 0, 0, 0, 9, 0, 0, 0,  //
+            0,  0, 0, 0,                                                 //
+            8,  0, 1, 0, last, last, last, last                          // id
         });
     };
     const auto generation_sent = [this] { return script_.sent.back().substr(24, 4); };
@@ -267,12 +267,13 @@ TEST_F(Nftables, ADumpOfRulesAsksForOneChain) {
     script_.answers = {rule() + rule(2, 8), end_of_dump};
     EXPECT_EQ(read_rules(), 0u);
     EXPECT_EQ(rules_text(), "7 hi\n8 hi\n");
-    EXPECT_EQ(script_.sent.at(0), bytes({
-                                      40, 0, 0, 0, 7, 10, 1, 3, 1, 0, 0, 0, 0, 0, 0, 0,  // get rules, dump
-                                      5,  0, 0, 0,                                       // netdev
-                                      11, 0, 1, 0, 's', 'c', 'c', 'l', 'i', 'b', 0, 0,   // table
-                                      6,  0, 2, 0, 'c', 0, 0, 0                          // chain
-                                  }));
+    EXPECT_EQ(script_.sent.at(0),
+              bytes({
+                  40, 0, 0, 0, 7,   10,  1,   3,   1,   0,   0, 0, 0, 0, 0, 0,  // get rules, dump
+                  5,  0, 0, 0,                                                  // netdev
+                  11, 0, 1, 0, 's', 'c', 'c', 'l', 'i', 'b', 0, 0,              // table
+                  6,  0, 2, 0, 'c', 0,   0,   0                                 // chain
+              }));
 }
 
 TEST_F(Nftables, RulesOfOtherChainsAndTablesAreLeftOut) {
@@ -332,8 +333,8 @@ TEST_F(Nftables, AMessageThatIsNotWholeIsAnError) {
     std::string long_header = whole;
     long_header[0] = 72;
     for (const std::string& broken :
-         {std::string(), bytes({1, 2, 3}), whole.substr(0, 15), whole.substr(0, 60), short_header, long_header,
-          whole + bytes({1, 2, 3, 4})}) {
+         {std::string(), bytes({1, 2, 3}), whole.substr(0, 15), whole.substr(0, 60), short_header,
+          long_header, whole + bytes({1, 2, 3, 4})}) {
         script_.answers = {broken, end_of_dump};
         EXPECT_EQ(read_rules(), u32{EBADMSG}) << broken.size();
         script_.answers = {broken, success};
@@ -410,13 +411,13 @@ class NftablesCounters : public Nftables {
   protected:
     // The counter "n" with 3 packets of 258 bytes.
     const std::string counter_ = bytes({
-        68, 0, 0,    0, 18,  10,  0,   0,   1,   0,   0, 0, 9, 0, 0, 0,  //
-        5,  0, 0,    0,                                                  //
-        11, 0, 1,    0, 's', 'c', 'c', 'l', 'i', 'b', 0, 0,              // table
-        6,  0, 2,    0, 'n', 0,   0,   0,                                // name
-        28, 0, 4,    0x80,                                               // data
-        12, 0, 1,    0, 0,   0,   0,   0,   0,   0,   1, 2,              // bytes
-        12, 0, 2,    0, 0,   0,   0,   0,   0,   0,   0, 3               // packets
+        68, 0, 0, 0,    18,  10,  0,   0,   1,   0,   0, 0, 9, 0, 0, 0,  //
+        5,  0, 0, 0,                                                     //
+        11, 0, 1, 0,    's', 'c', 'c', 'l', 'i', 'b', 0, 0,              // table
+        6,  0, 2, 0,    'n', 0,   0,   0,                                // name
+        28, 0, 4, 0x80,                                                  // data
+        12, 0, 1, 0,    0,   0,   0,   0,   0,   0,   1, 2,              // bytes
+        12, 0, 2, 0,    0,   0,   0,   0,   0,   0,   0, 3               // packets
     });
 };
 
@@ -429,11 +430,11 @@ TEST_F(NftablesCounters, OneIsReadOrReset) {
     EXPECT_EQ(filter_->read_counter("n", true, packets), 0u);
     const auto request = [](int type, int number) {
         return bytes({
-            48, 0, 0, 0, type, 10, 5, 0, number, 0, 0, 0, 0, 0, 0, 0,  // with an answer
-            5,  0, 0, 0,                                               //
-            11, 0, 1, 0, 's', 'c', 'c', 'l', 'i', 'b', 0, 0,           // table
-            6,  0, 2, 0, 'n', 0, 0, 0,                                 // name
-            8,  0, 3, 0, 0, 0, 0, 1                                    // a counter
+            48, 0, 0, 0, type, 10,  5,   0,   number, 0,   0, 0, 0, 0, 0, 0,  // with an answer
+            5,  0, 0, 0,                                                      //
+            11, 0, 1, 0, 's',  'c', 'c', 'l', 'i',    'b', 0, 0,              // table
+            6,  0, 2, 0, 'n',  0,   0,   0,                                   // name
+            8,  0, 3, 0, 0,    0,   0,   1                                    // a counter
         });
     };
     EXPECT_EQ(script_.sent, (std::vector<std::string>{request(19, 1), request(21, 2)}));

@@ -15,8 +15,8 @@ using sccd_test::daemon_process;
 class service_in_shell : public sccd_test::child_program {
   public:
     service_in_shell(const std::string& before, const std::string& arguments, const std::string& output)
-        : child_program("/bin/sh", {"-c", before + " " + SERVICE_LINUX_PATH + " " + arguments +
-                                              " 2>&1 > " + output}) {}
+        : child_program("/bin/sh",
+                        {"-c", before + " " + SERVICE_LINUX_PATH + " " + arguments + " 2>&1 > " + output}) {}
     int exit_code() { return WEXITSTATUS(wait_for_end()); }
 };
 
