@@ -24,7 +24,9 @@ class failing_filter : public packet_filter {
         }
         return real_->run(changes, handles, text);
     }
-    u32 read_tables(held_tables& tables) override { return real_->read_tables(tables); }
+    u32 read_tables(held_tables& tables) override {
+        return read_error != 0 ? read_error : real_->read_tables(tables);
+    }
     u32 read_rules(const chain_name& chain, std::vector<kernel_rule>& rules) override {
         return real_->read_rules(chain, rules);
     }
@@ -34,6 +36,7 @@ class failing_filter : public packet_filter {
     }
 
     unsigned runs = 0;
+    u32 read_error = 0;
 
   private:
     std::unique_ptr<packet_filter> real_;
@@ -167,6 +170,59 @@ TEST_F(KernelBackEnd, AnErrorThatPassesIsNotNoticed) {
     filter->fail(EBUSY, 1);
     EXPECT_EQ(bench.create(1), 0u);
     EXPECT_EQ(rules_of_kernel().count("acl-0-3-1.0"), 1u);
+}
+
+TEST_F(KernelBackEnd, WhatFailedForAnOperationThatIsRefusedIsTriedAgain) {
+    const auto filter = open_failing();
+    back_end_bench bench(map_text, filter.get());
+    bench.recover_nothing();
+    EXPECT_EQ(bench.create(1), 0u);
+    // Both operations together, and the first of them alone, each twice.
+    filter->fail(EBUSY, 4);
+    std::vector<std::future<u32>> results;
+    std::promise<void> begun;
+    std::promise<void> gate;
+    const auto submit = [&](service::work_kind kind, service::back_end::table_work work) {
+        const auto promise = std::make_shared<std::promise<u32>>();
+        results.push_back(promise->get_future());
+        (*bench).submit(kind, std::move(work), [promise](u32 result) { promise->set_value(result); });
+    };
+    submit(service::work_kind::query, [&](contents&) {
+        begun.set_value();
+        gate.get_future().wait();
+        return 0u;
+    });
+    begun.get_future().wait();
+    submit(service::work_kind::change, [](contents& held) { return held.acls.remove(key_of(1)); });
+    submit(service::work_kind::change,
+           [](contents& held) { return held.acls.add_ace(key_of(1), ace_of("10 deny ip any any")); });
+    gate.set_value();
+    EXPECT_EQ(results[1].get(), u32{EBUSY});
+    EXPECT_EQ(results[2].get(), 0u);
+    EXPECT_EQ(rules_of_kernel(), (std::map<std::string, chain_rules>{{"acl-0-3-1.0", {"10 10"}}}));
+}
+
+TEST_F(KernelBackEnd, NothingIsCarriedOutUnlessItHasBegun) {
+    const auto filter = open_failing();
+    service::forwarding_table table;
+    kernel_back_end idle(table, interface_map(), *filter, [](const std::string&) {});
+    const auto expect_cancelled = [&idle] {
+        EXPECT_EQ(idle.run(service::work_kind::change, [](contents&) { return 0u; }), u32{ECANCELED});
+        u32 submitted = 0;
+        idle.submit(
+            service::work_kind::query, [](contents&) { return 0u; },
+            [&submitted](u32 result) { submitted = result; });
+        EXPECT_EQ(submitted, u32{ECANCELED});
+    };
+    expect_cancelled();
+    filter->read_error = EPERM;
+    EXPECT_EQ(idle.start(), u32{EPERM});
+    expect_cancelled();
+    filter->read_error = 0;
+    EXPECT_EQ(idle.start(), 0u);
+    EXPECT_EQ(idle.run(service::work_kind::query, [](contents&) { return 5u; }), 5u);
+    idle.stop();
+    expect_cancelled();
 }
 
 TEST_F(KernelBackEnd, TablesThatSomebodyElseRemovedComeBack) {
