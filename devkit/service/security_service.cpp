@@ -304,6 +304,16 @@ const scc_ss_reg_info& security_service::handlers() {
     return all_handlers;
 }
 
+u32 security_service::serve(const std::function<bool()>& wait) {
+    start_answers();
+    activate();
+    const u32 result = scc_ss_reg(&handlers());
+    while (result == 0 && wait()) {
+    }
+    stop_answers();
+    return result;
+}
+
 void security_service::note_applied() {
     if (observer_.applied) {
         observer_.applied(table_.locked([](const contents& held) { return held.acls.applied_count(); }));

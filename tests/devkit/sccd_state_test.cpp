@@ -2,6 +2,7 @@
 #include <sstream>
 
 #include "sccd_support.h"
+#include "support/waiting.h"
 
 namespace sccd_test {
 namespace {
@@ -107,9 +108,7 @@ TEST_F(SccdState, TheStateSurvivesAKill) {
         test_client client(daemon, 3, 77);
         ASSERT_EQ(client.result_of(131, acl_request(1, 5, 1)), 0u);
     }
-    for (int tries = 0; tries < 2000 && read().find("\"id\": 5") == std::string::npos; ++tries) {
-        ::usleep(10'000);
-    }
+    ASSERT_TRUE(test::eventually([this] { return read().find("\"id\": 5") != std::string::npos; }));
 
     restart(SIGKILL);
 
