@@ -217,11 +217,7 @@ TEST_F(Agent, LeavesItsTasksToTheLoopsThreadWhenTheCheckerFindsTheConnectionDead
 TEST_F(Agent, ComesBackWhenTheCheckerFindsTheConnectionDead) {
     start();
     const test::debugging on;
-    while_the_loop_is_busy([this] {
-        daemon.close_both();
-        ASSERT_EQ(scc_addr_learning(5, 1, nullptr), 0U);
-        EXPECT_TRUE(test::wait_for_log(identity() + "send  message error,ret:32!"));
-    });
+    lose_to_the_checker();
     expect_reconnection();
     EXPECT_TRUE(test::logged("scc client start to try re-reg."));
     EXPECT_EQ(test::added_tasks("scc-reconnect").size(), 1U);
@@ -248,11 +244,7 @@ TEST_F(Agent, ThatDoesNotReadComesBackWithTheNextRequest) {
 TEST_F(Agent, DropsItsCallsWhenTheCheckerFindsTheConnectionDead) {
     start();
     const test::debugging on;
-    while_the_loop_is_busy([this] {
-        daemon.close_both();
-        ASSERT_EQ(scc_addr_learning(5, 1, nullptr), 0U);
-        EXPECT_TRUE(test::wait_for_log(identity() + "send  message error,ret:32!"));
-    });
+    lose_to_the_checker();
     expect_reconnection();
     EXPECT_EQ(scc::pending_calls(), 0U);
     expect_first_call_dropped();
