@@ -17,7 +17,6 @@ constexpr int attempts_max = 5;  // while others change the kernel's rules, too
 
 }  // namespace
 
-using service::acl_name;
 using service::acl_table;
 using service::counter_name;
 using service::work_kind;
