@@ -277,18 +277,21 @@ TEST_F(Agent, ReconnectsOnceWhenEveryThreadNoticesTheLossTogether) {
         });
     }
     // A query may go out on the connection that follows the last round: it ends with that one.
-    for (int round = 0; round < 20 || sending != 0; ++round) {
-        over = round >= 20;
+    std::size_t losses = 0;
+    for (; losses < 20 || sending != 0; ++losses) {
+        over = losses >= 20;
         daemon.close_both();
         daemon.accept_registration();
-        EXPECT_EQ(test::statuses().wait(), 0U) << round;
-        EXPECT_EQ(test::statuses().wait(), 1U) << round;
+        EXPECT_EQ(test::statuses().wait(), 0U) << losses;
+        EXPECT_EQ(test::statuses().wait(), 1U) << losses;
     }
     for (std::thread& sender : senders) {
         sender.join();
     }
     settle();
     EXPECT_EQ(state(), 4U);
+    EXPECT_EQ(test::statuses().size(), 0U);
+    EXPECT_EQ(test::added_tasks("scc-reconnect").size(), losses);
 }
 
 TEST_F(Agent, LogsNothingWhileTheSwitchIsOff) {
