@@ -17,7 +17,6 @@ constexpr int attempts_max = 5;  // while others change the kernel's rules, too
 
 }  // namespace
 
-using service::acl_name;
 using service::acl_table;
 using service::counter_name;
 using service::work_kind;
@@ -143,7 +142,7 @@ void kernel_back_end::commit(items& changes) {
         if (error == 0) {
             confirm(held);
         } else if (was_recovering) {
-            // The daemon does not send it again; the next operation tries it again.
+            // The daemon does not send it again; mend() or the next operation tries it again.
             held.acls.confirm();
             for (item& change : held_back_) {
                 change.result = change.result == 0 ? error : change.result;
