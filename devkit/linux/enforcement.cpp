@@ -50,14 +50,18 @@ wanted_rule rule_doing(expressions what) {
     return {identity, nullptr, std::move(what)};
 }
 
-scc_records_application fields_of(const scc_acl_apply_record& record) {
-    scc_records_application fields{};
-    (void)scc_records_decode_application(&record, &fields);
-    return fields;
-}
-
-bool enters(const scc_records_application& fields) {
-    return fields.direction == 0;
+// One list of conditions for each rule that the application's frames need.
+std::vector<expressions> conditions_of_frames(const service::application_place& place) {
+    if (place.frames.empty()) {
+        return {expressions()};
+    }
+    std::vector<expressions> all;
+    for (const ace::rule& frames : place.frames) {
+        for (expressions& conditions : conditions_of(frames)) {
+            all.push_back(std::move(conditions));
+        }
+    }
+    return all;
 }
 
 bool contains(const std::vector<u32>& numbers, u32 number) {
@@ -168,7 +172,7 @@ std::string enforcement::problem_of(const acl_table::ace_entry& ace) {
 }
 
 std::string enforcement::problem_of(const scc_acl_apply_record& application) const {
-    const u32 ifx = fields_of(application).ifx;
+    const u32 ifx = service::place_of(application).ifx;
     if (ifx == 0) {
         return {};
     }
@@ -243,10 +247,13 @@ wanted_chain enforcement::entry_chain(const contents& held, u32 ifx, const mappe
     }
     for (const auto& [name, acl] : held.acls.acls()) {
         for (const acl_table::application& application : acl.applications) {
-            const scc_records_application fields = fields_of(application.record);
-            const bool here = fields.ifx == ifx || (fields.ifx == 0 && !excepted);
-            if (here && enters(fields) == entering) {
-                chain.rules.push_back(rule_doing(expressions().jump(acl_chain(name, acl.number).name)));
+            const service::application_place& place = application.place;
+            const bool here = place.ifx == ifx || (place.ifx == 0 && !excepted);
+            if (!here || place.enters != entering) {
+                continue;
+            }
+            for (expressions& frames : conditions_of_frames(place)) {
+                chain.rules.push_back(rule_doing(frames.jump(acl_chain(name, acl.number).name)));
             }
         }
     }

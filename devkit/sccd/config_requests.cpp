@@ -23,12 +23,6 @@ byte_view config_of(const client_request& request) {
     return devkit::slice(request.value, 8, record::config);
 }
 
-std::vector<service_operation> one(service_operation operation) {
-    std::vector<service_operation> operations;
-    operations.push_back(std::move(operation));
-    return operations;
-}
-
 service_operation operation_of(u16 type, u16 scc_type, byte_view value, std::size_t len) {
     service_operation operation{type, scc_type, devkit::to_bytes(devkit::slice(value, 0, len))};
     operation.value.resize(len);

@@ -66,8 +66,10 @@ std::string describe(const scc_ss_ace_operation& operation) {
 }
 
 std::string describe(const scc_ss_apply_operation& operation) {
-    return fmt::format("{} {} type {}", operation.op == SCC_SS_OP_APPLY ? "apply" : "unapply",
-                       describe(operation.apply.key), operation.apply.apply_type);
+    const bool of_user = !place_of(operation.apply).frames.empty();
+    return fmt::format("{} {} type {}{}", operation.op == SCC_SS_OP_APPLY ? "apply" : "unapply",
+                       describe(operation.apply.key), operation.apply.apply_type,
+                       of_user ? " " + text_of(operation.apply) : "");
 }
 
 std::string describe(const scc_ss_resequence_operation& operation) {

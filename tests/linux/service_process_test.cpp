@@ -138,6 +138,56 @@ TEST(LinuxServiceProcess, ItsRulesOutliveItUntilTheyAreFlushed) {
     EXPECT_EQ(out.receive(20'000), frame);
 }
 
+TEST(LinuxServiceProcess, AnAclBoundToAUserDropsThatUsersPackets) {
+    NEED_A_NAMESPACE();
+    make_bridge();
+    daemon_process daemon;
+    const std::vector<std::string> arguments = {"--map", map_in(daemon), "--verbose", "--report", "0"};
+    service_process service(arguments);
+    service.wait_until_ready();
+    test_client client(daemon, app, 100);
+    EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
+    EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, "10 deny ether")), 0u);
+    // What enters interface 1 from 02:00:00:00:00:09 and 10.0.0.9.
+    const wire_value user =
+        wire_value(224).u32(8, 1).raw(32, {2, 0, 0, 0, 0, 9}).key(40, app, 5).raw(56, {10, 0, 0, 9});
+    EXPECT_EQ(client.result_of(134, wire_value(user).u32(0, 3).u32(216, 1)), 0u);
+    stay_on_one_processor();
+    const raw_socket in("a1");
+    const raw_socket out("b1");
+    const auto packet_from = [](u8 mac, u8 ip) { return ipv4_frame(mac, ip, 1, 1); };
+    const auto expect_drop = [&] {
+        in.send(packet_from(9, 9));
+        in.send(packet_from(9, 8));
+        in.send(packet_from(8, 9));
+        EXPECT_EQ(out.receive(20'000), packet_from(9, 8));
+        EXPECT_EQ(out.receive(20'000), packet_from(8, 9));
+    };
+    expect_drop();
+    service.signal(SIGKILL);
+    service.wait_for_end();
+    expect_drop();
+    service_process successor(arguments);
+    successor.wait_until_ready();
+    expect_drop();
+    const test_item counter = client.query(312, wire_value(40).key(4, app, 5).u32(32, 1));
+    EXPECT_EQ(counter.u64(32), 3u);
+    EXPECT_EQ(client.result_of(134, wire_value(user).u32(0, 4)), 0u);
+    in.send(packet_from(9, 9));
+    EXPECT_EQ(out.receive(20'000), packet_from(9, 9));
+    EXPECT_EQ(client.result_of(134, wire_value(user).u32(0, 5).u32(216, 1)), 0u);
+    expect_drop();
+    EXPECT_EQ(client.result_of(137, wire_value(232).u32(0, 6).key(216, app, 5)), 0u);
+    in.send(packet_from(9, 9));
+    EXPECT_EQ(out.receive(20'000), packet_from(9, 9));
+    EXPECT_EQ(client.result_of(134, wire_value(user).u32(0, 7).u32(216, 1)), 0u);
+    expect_drop();
+    EXPECT_EQ(client.result_of(131, sccd_test::acl_request(8, 5, 0)), 0u);
+    in.send(packet_from(9, 9));
+    EXPECT_EQ(out.receive(20'000), packet_from(9, 9));
+    EXPECT_EQ(successor.end(), 0);
+}
+
 TEST(LinuxServiceProcess, ReportsHitsFlowsSilenceAndMoves) {
     NEED_A_NAMESPACE();
     make_bridge();
