@@ -69,7 +69,7 @@ std::string describe(const scc_ss_apply_operation& operation) {
     const bool of_user = !place_of(operation.apply).frames.empty();
     return fmt::format("{} {} type {}{}", operation.op == SCC_SS_OP_APPLY ? "apply" : "unapply",
                        describe(operation.apply.key), operation.apply.apply_type,
-                       of_user ? " " + text_of(operation.apply) : "");
+                       of_user ? fmt::format(" {}", text_of(operation.apply)) : std::string());
 }
 
 std::string describe(const scc_ss_resequence_operation& operation) {
