@@ -8,7 +8,7 @@ namespace {
 using namespace std::chrono_literals;
 using clock_type = transaction_pace::clock;
 
-constexpr pace_limits limits{10, 20ms, 40ms, 32};
+constexpr pace_limits limits{10, 20ms, 40ms, 32, 1ms};
 constexpr clock_type::time_point start{1h};
 
 // Like a pace whose credit is used up at the start.
@@ -28,6 +28,12 @@ TEST(TransactionPace, WithoutCreditThePauseIsAMultipleOfTheTime) {
     pace.ended(start, 3ms, 1);
     EXPECT_EQ(pace.next(1), start + 30ms);
     EXPECT_EQ(pace.next(31), start + 30ms);
+}
+
+TEST(TransactionPace, CheapTransactionsAreFree) {
+    transaction_pace pace = used_up();
+    pace.ended(start, 1ms, 1);
+    EXPECT_EQ(pace.next(1), start);
 }
 
 TEST(TransactionPace, ThePauseHasALimit) {
