@@ -11,6 +11,7 @@
 
 #include "ace/ace_text.h"
 #include "common/records.h"
+#include "linux/dropped_frames.h"
 #include "linux/rule_expressions.h"
 
 namespace scc::kernel {
@@ -27,7 +28,8 @@ constexpr u16 ether_type_eapol = 0x888E;
 // The NAC applications that admit known users alone: IEEE 802.1X (MAC, port static, move, single, MAB) and
 // port security.
 constexpr u32 closing_first = 1;
-constexpr u32 closing_last = 6;
+constexpr u32 port_security = 6;
+constexpr u32 closing_last = port_security;
 
 std::string acl_text(const acl_name& name) {
     return fmt::format("{}-{}-{}.", name.vdev_id, name.app_type, name.acl_id);
@@ -237,7 +239,7 @@ wanted_chain enforcement::entry_chain(const contents& held, u32 ifx, const mappe
     chain.hook = {entering ? u32{NF_NETDEV_INGRESS} : u32{NF_NETDEV_EGRESS}, interface.name};
     const bool excepted = contains(held.nac.egress_ports(), ifx);
     if (entering && !excepted) {
-        for (const auto& [vlan, closed] : access_of(held, ifx)) {
+        for (const auto& [vlan, how] : access_of(held, ifx)) {
             expressions frames = vlan == 0 ? expressions() : vlan_condition(static_cast<u16>(vlan));
             chain.rules.push_back(rule_doing(frames.jump(access_chain_name(ifx, vlan).name)));
         }
@@ -260,22 +262,24 @@ wanted_chain enforcement::entry_chain(const contents& held, u32 ifx, const mappe
     return chain;
 }
 
-std::map<u32, bool> enforcement::access_of(const contents& held, u32 ifx) {
-    std::map<u32, bool> vlans;
+std::map<u32, enforcement::access> enforcement::access_of(const contents& held, u32 ifx) {
+    std::map<u32, access> vlans;
     for (const nac_app& app : held.nac.apps()) {
         if (closes(app) && app.ifx == ifx) {
-            vlans[app.vid] = true;
+            access& how = vlans[app.vid];
+            how.is_closed = true;
+            how.is_secured = how.is_secured || app.type == port_security;
         }
     }
     // Users are counted also where everybody is admitted.
     const std::vector<nac_user> users = held.nac.users();
     if (std::any_of(users.begin(), users.end(), [ifx](const nac_user& user) { return user.ifx == ifx; })) {
-        vlans.try_emplace(0, false);
+        vlans.try_emplace(0);
     }
     return vlans;
 }
 
-wanted_chain enforcement::access_chain(const contents& held, u32 ifx, u32 vlan, bool closed) {
+wanted_chain enforcement::access_chain(const contents& held, u32 ifx, u32 vlan, access how) const {
     wanted_chain chain;
     chain.rules.push_back(rule_doing(ether_type_condition(ether_type_eapol).leave_chain()));
     for (const nac_user& user : held.nac.users()) {
@@ -290,7 +294,10 @@ wanted_chain enforcement::access_chain(const contents& held, u32 ifx, u32 vlan, 
             chain.rules.push_back(rule_doing(admission.leave_chain()));
         }
     }
-    if (closed) {
+    if (how.is_secured && tells_) {
+        chain.rules.push_back(rule_doing(expressions().up_to(dropped_max_per_second).log_to(dropped_group)));
+    }
+    if (how.is_closed) {
         chain.rules.push_back(rule_doing(expressions().count_in(access_counter(ifx)).drop()));
     }
     return chain;
@@ -328,9 +335,9 @@ void enforcement::add_interfaces(const contents& held, const held_tables& kernel
         }
     }
     for (const auto& [ifx, interface] : map_.interfaces) {
-        for (const auto& [vlan, closed] : access_of(held, ifx)) {
+        for (const auto& [vlan, how] : access_of(held, ifx)) {
             request.counters_added.insert(access_counter(ifx));
-            wanted[access_chain_name(ifx, vlan)] = access_chain(held, ifx, vlan, closed);
+            wanted[access_chain_name(ifx, vlan)] = access_chain(held, ifx, vlan, how);
         }
     }
     for (const nac_user& user : held.nac.users()) {

@@ -10,6 +10,8 @@
 #include <iterator>
 #include <utility>
 
+#include "linux/dropped_frames.h"
+
 namespace scc::kernel {
 
 using service::acl_name;
@@ -31,7 +33,7 @@ std::chrono::nanoseconds processor_time() {
 kernel_back_end::kernel_back_end(service::forwarding_table& table, interface_map map, packet_filter& filter,
                                  log_handler log, std::size_t list_chain, const pace_limits& pace)
     : table_(table),
-      enforcement_(std::move(map)),
+      enforcement_(std::move(map), dropped_frames::are_told()),
       filter_(filter),
       log_(std::move(log)),
       list_chain_(list_chain),

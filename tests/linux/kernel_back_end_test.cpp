@@ -151,7 +151,8 @@ TEST(KernelBackEnd, OperationsThatArriveTogetherShareATransaction) {
 }
 
 // A pause that does not end by itself after the first transaction.
-constexpr pace_limits endless_pause{1'000'000'000, std::chrono::nanoseconds(0), std::chrono::hours(1), 32};
+constexpr pace_limits endless_pause{1'000'000'000, std::chrono::nanoseconds(0), std::chrono::hours(1), 32,
+                                    std::chrono::nanoseconds(0)};
 
 std::future<u32> submit_ace(back_end_bench& bench, u32 sn) {
     const auto promise = std::make_shared<std::promise<u32>>();
@@ -379,6 +380,28 @@ TEST(KernelBackEnd, ANewProcessAdoptsWhatIsRightAndRemovesTheRest) {
     EXPECT_NE(output_of("nft list chain netdev scclib acl-0-3-1.0").find("11.0.0.0/8"), std::string::npos);
     EXPECT_EQ(output_of("nft list counters table netdev scclib").find("stray"), std::string::npos);
     EXPECT_EQ(output_of("nft list tables"), "table inet other\ntable netdev scclib\ntable inet scclib\n");
+}
+
+TEST(KernelBackEnd, OnlyPortSecurityTellsOfStrangers) {
+    NEED_A_NAMESPACE();
+    make_interfaces();
+    back_end_bench bench(map_text);
+    bench.recover_nothing();
+    const auto rules_with_log = [] {
+        const chain_rules rules = rules_of_kernel()["nac-1-0"];
+        return std::ranges::count_if(rules, [](const std::string& rule) {
+            return rule.starts_with("limit rate 100/second") &&
+                   rule.find("log group 1484") != std::string::npos;
+        });
+    };
+    bench.change([](contents& held) { held.nac.set_app({1, 0, 1}, 1); });
+    EXPECT_EQ(rules_of_kernel()["nac-1-0"].size(), 2u);
+    EXPECT_EQ(rules_with_log(), 0);
+    bench.change([](contents& held) { held.nac.set_app({1, 0, 6}, 1); });
+    EXPECT_EQ(rules_of_kernel()["nac-1-0"].size(), 3u);
+    EXPECT_EQ(rules_with_log(), 1);
+    bench.change([](contents& held) { held.nac.set_app({1, 0, 6}, 3); });
+    EXPECT_EQ(rules_with_log(), 0);
 }
 
 TEST(KernelBackEnd, RouterAclsApplyWhileTheyAreOpen) {

@@ -230,5 +230,43 @@ TEST(LinuxServiceProcess, ReportsHitsFlowsSilenceAndMoves) {
     EXPECT_EQ(service.end(), 0);
 }
 
+TEST(LinuxServiceProcess, AStrangerOnASecuredInterfaceIsAViolation) {
+    NEED_A_NAMESPACE();
+    make_bridge();
+    daemon_process daemon;
+    service_process service({"--map", map_in(daemon), "--verbose", "--report", "0"});
+    service.wait_until_ready();
+    test_client client(daemon, app, 100);
+    test_client watcher(daemon, watching_app, 101);
+    // Port security on interface 1, with the user 02:00:00:00:00:09 there.
+    const wire_value closing = wire_value(744).u32(8, 1).u32(24, 6).u32(32, 1);
+    EXPECT_EQ(client.result_of(126, wire_value(closing).u32(0, 1)), 0u);
+    EXPECT_EQ(client.result_of(127, wire_value(closing).u32(0, 2).raw(16, {2, 0, 0, 0, 0, 9})), 0u);
+    const raw_socket in("a1");
+    const raw_socket around("b1");
+    frame_bytes stranger = frame;
+    stranger[11] = 8;
+    frame_bytes other = stranger;
+    other[11] = 7;
+    in.send(frame);
+    around.send(other);
+    in.send(stranger);
+    stranger[11] = 6;
+    stranger.insert(stranger.begin() + 12, {0x81, 0, 0, 20});
+    in.send(stranger);
+
+    notifications told(watcher.async);
+    const auto any = [](const test_item&) { return true; };
+    const test_item violation = told.first(msg::port_violate_notify, any);
+    EXPECT_EQ(violation.value, wire_value(64).u32(4, 1).raw(10, {2, 0, 0, 0, 0, 8}).u8(60, 1).bytes());
+    const test_item tagged =
+        told.first(msg::port_violate_notify, [](auto& item) { return item.part(15, 1)[0] != 8; });
+    EXPECT_EQ(tagged.value,
+              wire_value(64).u32(4, 1).u16(8, 20).raw(10, {2, 0, 0, 0, 0, 6}).u8(60, 1).bytes());
+    const test_item move = told.first(msg::d1x_addr_move, any);
+    EXPECT_EQ(move.part(18, 6), (sccd_test::byte_string{2, 0, 0, 0, 0, 8}));
+    EXPECT_EQ(service.end(), 0);
+}
+
 }  // namespace
 }  // namespace scc::kernel
