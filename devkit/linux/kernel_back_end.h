@@ -37,9 +37,10 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
                     const pace_limits& pace = {});
     ~kernel_back_end() override { stop(); }
 
-    // Adopts the rules that the kernel has. Returns 0 or an errno value.
+    // Adopts the rules that the kernel has. Returns 0 or an errno value. Before and after a failure nothing
+    // is carried out: the result is ECANCELED.
     [[nodiscard]] u32 start();
-    // Drops what waits.
+    // Cancels what waits, and all that comes later.
     void stop();
 
     void submit(service::work_kind kind, table_work work, completion done) override;
@@ -49,6 +50,8 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
     [[nodiscard]] u32 refresh_counters(std::map<std::string, counted>& all);
     // Makes the kernel like the tables again, after an interface came or went.
     void restore();
+    // The same, if the latest attempt to do so failed.
+    void mend();
 
     // How many transactions the kernel has carried out.
     [[nodiscard]] u64 transactions();
@@ -78,6 +81,7 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
     [[nodiscard]] items hold_back(items& changes);
     [[nodiscard]] std::string problem_of(const contents& held, const service::acl_table::change_notes& notes,
                                          bool nac_changed) const;
+    [[nodiscard]] u32 read_kernel();
     [[nodiscard]] u32 synchronize(contents& held);
     [[nodiscard]] u32 send_changes(contents& held);
     void note(const service::acl_table::change_notes& notes);
@@ -96,6 +100,7 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
 
     // Guarded by the table's mutex.
     held_tables kernel_;
+    bool is_known_ = false;  // whether kernel_ is all that the kernel has
     // ACLs that the kernel may hold otherwise.
     std::map<service::acl_name, service::touched_aces> differing_;
     bool interfaces_differ_ = false;
@@ -109,7 +114,7 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
     std::condition_variable changed_;
     std::deque<item> waiting_;  // guarded by mutex_
     bool is_urgent_ = false;    // guarded by mutex_: something that waits must not wait any longer
-    bool ending_ = false;       // guarded by mutex_
+    bool ending_ = true;        // also before it begins; guarded by mutex_
     transaction_pace pace_;     // of the back end's thread
     std::thread thread_;
 };

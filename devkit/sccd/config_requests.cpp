@@ -186,11 +186,12 @@ void direct_vlan(daemon_core& daemon, const client_request& request) {
     setting(daemon, request);
 }
 
-void data_recover(daemon_core& daemon, const client_request& request) {
-    if (!daemon.bridge.present()) {
-        return;
+// A start or an end alone would leave the service without what the daemon holds, so the argument does not
+// choose between them.
+void data_recover(daemon_core& daemon, const client_request&) {
+    if (daemon.bridge.present()) {
+        daemon.fetch();
     }
-    daemon.bridge.submit(one(operation_of(msg::data_recover, msg::data_recover, request.value, 16)), {});
 }
 
 void test_cmd(daemon_core& daemon, const client_request& request) {

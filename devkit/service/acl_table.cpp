@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "ace/ace_text.h"
+#include "common/counted.h"
 #include "common/records.h"
 #include "service/classify.h"
 
@@ -525,14 +526,14 @@ std::size_t acl_table::applied_count() const {
 
 void acl_table::append_text(std::string& out, const acl_entry& acl) {
     const auto sink = std::back_inserter(out);
-    fmt::format_to(sink, "acl vdev {} type {} id {} class {}: {} packets{}\n", acl.key.vdev_id,
-                   acl.key.app_type, acl.key.acl_id, acl.key.acl_class, acl.packets,
+    fmt::format_to(sink, "acl vdev {} type {} id {} class {}: {}{}\n", acl.key.vdev_id, acl.key.app_type,
+                   acl.key.acl_id, acl.key.acl_class, devkit::counted(acl.packets, "packet"),
                    acl.stale ? ", being recovered" : "");
     for (const auto& [sn, ace] : acl.aces) {
-        fmt::format_to(sink, "  ace {}: {} packets\n",
+        fmt::format_to(sink, "  ace {}: {}\n",
                        ace::print_ace(ace.record)
                            .value_or(fmt::format("{} without a rule id {}", sn, ace.record.ace_id)),
-                       ace.packets);
+                       devkit::counted(ace.packets, "packet"));
     }
     for (const application& entry : acl.applications) {
         fmt::format_to(sink, "  applied {} type {}\n", text_of(entry.record), entry.record.apply_type);

@@ -75,9 +75,9 @@ application_place place_of(const scc_acl_apply_record& record) {
     return {fields.ifx, enters, frames_of(fields, enters)};
 }
 
-std::string text_of(const scc_acl_apply_record& record) {
+std::string user_text_of(const scc_acl_apply_record& record) {
     const scc_records_application fields = fields_of(record);
-    std::string text = fmt::format("{} ifx {}", fields.direction == direction_in ? "in" : "out", fields.ifx);
+    std::string text;
     const auto sink = std::back_inserter(text);
     if (mac_of(fields) != ace::mac_bytes{}) {
         fmt::format_to(sink, " mac {}", ace::print_mac(mac_of(fields)));
@@ -92,6 +92,12 @@ std::string text_of(const scc_acl_apply_record& record) {
         fmt::format_to(sink, " ipv6 {}", devkit::ipv6_text(fields.ipv6));
     }
     return text;
+}
+
+std::string text_of(const scc_acl_apply_record& record) {
+    const scc_records_application fields = fields_of(record);
+    return fmt::format("{} ifx {}{}", fields.direction == direction_in ? "in" : "out", fields.ifx,
+                       user_text_of(record));
 }
 
 }  // namespace scc::service

@@ -18,7 +18,9 @@ struct application_place {
 };
 
 [[nodiscard]] application_place place_of(const scc_acl_apply_record& record);
-// "in ifx 1 mac 02:00:00:00:00:09 ip 10.0.0.9"
+// " mac 02:00:00:00:00:09 ip 10.0.0.9", or nothing without a user.
+[[nodiscard]] std::string user_text_of(const scc_acl_apply_record& record);
+// "in ifx 1", and the user.
 [[nodiscard]] std::string text_of(const scc_acl_apply_record& record);
 
 }  // namespace scc::service

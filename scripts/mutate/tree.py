@@ -144,18 +144,23 @@ def link_suites(jobs):
 
 
 def culprits(log, mutants):
-    """Names of the mutants at the lines that the compiler complains about; swapped arguments are suspected first."""
+    """Names of the mutants at the places of the compiler's errors; some kinds are suspected before the others."""
     by_line = {}
     for mutant in mutants:
         by_line.setdefault((mutant["file"], mutant["line"]), set()).add(mutant["name"])
+    # An error in mutate.h is that of the first line that "required" it. ccache gives the compiler relative paths.
+    places, required = set(), None
+    for file, line, what in re.findall(r"\btree/src/([\w/.]+):(\d+):\d+: +(error|required)", log):
+        if what == "error":
+            places.add(required if file == "mutate.h" else (file, line))
+        required = (required or (file, line)) if what == "required" else None
     found = set()
-    places = re.findall(rf"{re.escape(str(TREE))}/src/([\w/.]+):(\d+):\d+: +(?:error|  *required)", log)
-    for file, line in places:
+    for file, line in filter(None, places):
         for distance in (0, -1, 1, -2, 2):
             names = by_line.get((file, int(line) + distance))
             if names:
-                swapped = {name for name in names if "|arguments|" in name}
-                found |= swapped or names
+                suspects = ({name for name in names if f"|{kind}|" in name} for kind in ("arguments", "arithmetic"))
+                found |= next(filter(None, suspects), names)
                 break
     return found
 

@@ -71,14 +71,7 @@ class key_index {
 
     // How many slots the table needs; 0 while it has enough or grows.
     [[nodiscard]] std::size_t buckets_wanted() const {
-        if (count_ * 2 <= table_.size() || is_growing()) {
-            return 0;
-        }
-        std::size_t slots = table_.size();
-        while (slots < count_ * 2) {
-            slots *= 2;
-        }
-        return slots;
+        return count_ * 2 <= table_.size() || is_growing() ? 0 : table_.size() * 2;
     }
 
     // Needs no lock. Null without memory.

@@ -207,6 +207,17 @@ TEST_F(PendingCalls, CallsAreFoundHoweverManyWereSavedSinceTheLastLookUp) {
     }
 }
 
+// The ring holds 1,024.
+TEST_F(PendingCalls, ACallThatFindsTheRingFullIsYoungerThanThoseInIt) {
+    ASSERT_EQ(save(7, 1, {}), 0U);
+    for (std::uint32_t id = 101; id < 101 + 1023; ++id) {
+        ASSERT_EQ(save(id, 9, {}), 0U);
+    }
+    ASSERT_EQ(save(7, 2, {}), 0U);
+    EXPECT_EQ(kind_of(7), 1U);
+    EXPECT_EQ(kind_of(7), 2U);
+}
+
 TEST_F(PendingCalls, BlocksOfOneSizeMakeRoomForThoseOfAnother) {
     for (const std::size_t size : {736U, 5U, 736U, 928U}) {
         for (std::uint32_t id = 0; id < 9000; ++id) {

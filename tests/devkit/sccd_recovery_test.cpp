@@ -207,6 +207,24 @@ TEST(SccdRecovery, AFetchFromWithinARecoveryBringsEverythingOnceMore) {
     EXPECT_EQ(types_of(receive_recovery(service)), (std::vector<std::uint16_t>{201, 131, 201}));
 }
 
+TEST(SccdRecovery, ARecoveryThatAnApplicationAsksForRunsWholeForAnyArgument) {
+    daemon_process daemon;
+    test_client application(daemon, 3, 77);
+    fill(application);
+    test_client service(daemon, service_app, 78);
+    EXPECT_EQ(types_of(receive_recovery(service)), everything);
+    service.settle();
+
+    for (const std::uint32_t argument : {0u, 1u, 7u}) {
+        application.async.send(201, wire_value(16).u32(4, 3).u32(8, argument));
+
+        const std::vector<test_item> operations = receive_recovery(service);
+        EXPECT_EQ(types_of(operations), everything) << argument;
+        EXPECT_EQ(operations.front().part(8, 1), byte_string{1});
+        service.settle();
+    }
+}
+
 TEST(SccdRecovery, AFetchWithoutStateIsStartAndEnd) {
     daemon_process daemon;
     test_client service(daemon, service_app, 78);

@@ -1,8 +1,12 @@
-// An index that grows while its owner's lock is taken, or that no longer needs to, loses no memory.
+// An index that grows while its owner's lock is taken, or that no longer needs to, loses no memory; and the
+// tables that the indices of calls and of ACLs have after each pass.
 #include "client/growth.h"
 
 #include <gtest/gtest.h>
 
+#include "client/acl_cache.h"
+#include "client/locks.h"
+#include "client/pending_calls.h"
 #include "support/faults.h"
 
 namespace {
@@ -90,6 +94,106 @@ TEST(GrowthMemory, ThatCannotBeHadLeavesTheTableAsItIs) {
     EXPECT_TRUE(test::end_faults());
     EXPECT_EQ(growing.slots, nullptr);
     EXPECT_EQ(growing.moved, 0U);
+}
+
+// ---- the indices of the library
+
+class CallIndex : public ::testing::Test {
+  protected:
+    CallIndex() { scc::init_pending_calls(); }
+    ~CallIndex() override {
+        test::end_faults();
+        scc::free_pending_calls();
+    }
+
+    void save(std::uint32_t count) {
+        for (; saved < count; ++saved) {
+            ASSERT_EQ(_scc_lib_save_call_data(saved, 1, nullptr, 0), 0U);
+        }
+    }
+
+    // All other blocks are those of calls. The first table is not allocated.
+    [[nodiscard]] long tables() const { return test::live_blocks() - before - saved; }
+
+    const long before = test::live_blocks();
+    std::uint32_t saved = 0;
+};
+
+// 10,000 calls need 32,768 buckets, as many as a pass moves.
+TEST_F(CallIndex, IsReplacedInOnePassUpTo32768BucketsAndThenInTwo) {
+    save(1100);
+    scc::grow_pending_index();
+    EXPECT_EQ(tables(), 1);
+    save(10000);
+    EXPECT_EQ(tables(), 1) << "a request allocates its own block only";
+    scc::grow_pending_index();
+    EXPECT_EQ(tables(), 1);
+    save(32768);
+    scc::grow_pending_index();
+    EXPECT_EQ(tables(), 1);
+    save(65536);
+    scc::grow_pending_index();
+    EXPECT_EQ(tables(), 2);
+    scc::grow_pending_index();
+    EXPECT_EQ(tables(), 1);
+    scc::grow_pending_index();
+    EXPECT_EQ(tables(), 1);
+    EXPECT_EQ(scc::pending_calls(), 65536U);
+}
+
+// The first 1,025 of them fill the ring and are moved to the index; twice as many entries need 4,096 buckets.
+TEST_F(CallIndex, IsLargeEnoughForTheCallsThatNoLookUpHasMovedYet) {
+    constexpr int bytes_of_8192_buckets = 8192 * 16;
+    save(1025 + 1024);
+    test::fail_allocations_of(bytes_of_8192_buckets);
+    scc::grow_pending_index();
+    EXPECT_TRUE(test::end_faults());
+}
+
+class AclIndex : public ::testing::Test {
+  protected:
+    AclIndex() { scc::init_acl_cache(); }
+    ~AclIndex() override {
+        test::end_faults();
+        scc::free_acl_cache();
+    }
+
+    void hold(std::uint32_t count) {
+        for (; held < count; ++held) {
+            const scc_acl_key key = {0, 3, held, 0};
+            _scc_lib_acl_add(&key);
+        }
+    }
+
+    [[nodiscard]] long tables() const { return test::live_blocks() - before - held; }
+
+    const long before = test::live_blocks();
+    std::uint32_t held = 0;
+};
+
+// Without a checker, the index has replaced 32,768 slots by 65,536 when the former were three quarters full,
+// and has moved none of them.
+TEST_F(AclIndex, GoesOnInEachPassUntilItHasOneTableThatIsLargeEnough) {
+    hold(33000);
+    EXPECT_EQ(tables(), 2);
+    scc::grow_acl_index();
+    EXPECT_EQ(tables(), 1);
+    scc::grow_acl_index();
+    EXPECT_EQ(tables(), 2) << "the first half of 65,536 slots has moved to 131,072";
+    scc::grow_acl_index();
+    EXPECT_EQ(tables(), 1);
+    scc::grow_acl_index();
+    EXPECT_EQ(tables(), 1);
+}
+
+TEST_F(AclIndex, FreesANewTableThatItCannotInstallAndMakesOneInALaterPass) {
+    hold(140);
+    test::on_call(test::call::calloc, [] { EXPECT_EQ(pthread_rwlock_wrlock(&scc_acl_lock), 0); });
+    scc::grow_acl_index();
+    ASSERT_EQ(pthread_rwlock_unlock(&scc_acl_lock), 0);
+    EXPECT_EQ(tables(), 0);
+    scc::grow_acl_index();
+    EXPECT_EQ(tables(), 1);
 }
 
 }  // namespace

@@ -147,8 +147,8 @@ TEST_F(Kill, AServiceThatReturnsUnderLoadIsGivenItsStateAndCountsAgain) {
     EXPECT_TRUE(has_line(recovery, "131 create acl 0/3/5: 0"));
     EXPECT_TRUE(has_line(recovery, "132 add ace sn 10 id 7 of acl 0/3/5: 0"));
     EXPECT_TRUE(has_line(recovery, "132 add ace sn 20 id 8 of acl 0/3/5: 0"));
-    EXPECT_TRUE(has_line(recovery, "133 apply acl 0/3/5 type 3: 0"));
-    EXPECT_TRUE(has_line(recovery, "154 recover 1 users ifx 14 app 5: 0"));
+    EXPECT_TRUE(has_line(recovery, "133 apply acl 0/3/5 type 3 ifx 1 in: 0"));
+    EXPECT_TRUE(has_line(recovery, "154 recover 1 user ifx 14 app 5: 0"));
     EXPECT_TRUE(has_line(recovery, "154 recover "));
     EXPECT_TRUE(has_line(recovery, "155 recover 2 layer-4 ports: 0"));
     EXPECT_EQ(ace_counter(client, 7), 0u);
@@ -269,7 +269,7 @@ class KillWithThousandsOutstanding : public Kill {
         app.wait_for_load(300, thousands);
         // The last of them may still be in a batch or with the daemon, which would give it to the next
         // service.
-        EXPECT_TRUE(wait_until([&] { return security.users_of(app).size() >= thousands; }));
+        EXPECT_TRUE(wait_for_count(thousands, [&] { return security.users_of(app).size(); }));
     }
 
     // All calls that come now are answered.

@@ -52,7 +52,8 @@ verdicts read_verdicts() {
 // Frames enter by a, and leave by b unless a rule drops them. What is sent by c comes out of b in any case.
 class Verdicts : public ::testing::Test {
   protected:
-    void prepare() {
+    void SetUp() override {
+        NEED_A_NAMESPACE();
         stay_on_one_processor();
         make_bridge();
     }
@@ -61,8 +62,6 @@ class Verdicts : public ::testing::Test {
 };
 
 TEST_F(Verdicts, OfKernelClassifierAndTableAreTheSame) {
-    NEED_A_NAMESPACE();
-    prepare();
     const verdicts table = read_verdicts();
     ASSERT_EQ(table.frames.size(), 40u);
     ASSERT_EQ(table.rules.size(), 200u);
@@ -118,8 +117,6 @@ TEST_F(Verdicts, OfKernelClassifierAndTableAreTheSame) {
 }
 
 TEST_F(Verdicts, FirstMatchingAceDecidesAndCounts) {
-    NEED_A_NAMESPACE();
-    prepare();
     back_end_bench bench(map_text);
     bench.recover_nothing();
     EXPECT_EQ(bench.create(1), 0u);
@@ -145,8 +142,6 @@ TEST_F(Verdicts, FirstMatchingAceDecidesAndCounts) {
 }
 
 TEST_F(Verdicts, AListInManyChainsActsAsOne) {
-    NEED_A_NAMESPACE();
-    prepare();
     back_end_bench bench(map_text, nullptr, 2);
     bench.recover_nothing();
     EXPECT_EQ(bench.create(1), 0u);
@@ -285,8 +280,6 @@ TEST_F(Verdicts, TheAclOfAUserIsForItsFramesAlone) {
 }
 
 TEST_F(Verdicts, AClosedInterfaceAdmitsItsUsersAlone) {
-    NEED_A_NAMESPACE();
-    prepare();
     back_end_bench bench(map_text);
     bench.recover_nothing();
     const frame_bytes known = {2, 0, 0, 0, 0, 9, 2, 0, 0, 0, 0, 1, 0x88, 0xB5, 1, 1};

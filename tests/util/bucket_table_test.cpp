@@ -233,6 +233,37 @@ TEST_F(BucketTable, ClearingWhileItGrowsReleasesEachEntryOnce) {
     EXPECT_EQ(find(5)->number, 55);
 }
 
+TEST_F(BucketTable, WantsBucketsForTwiceItsEntriesOnceItHasAsManyAsBuckets) {
+    entries.resize(20);
+    for (std::size_t i = 0; i < 3; ++i) {
+        insert(entries[i], i, 0);
+    }
+    EXPECT_EQ(table.buckets_wanted(), 0U);
+    insert(entries[3], 3, 0);
+    EXPECT_EQ(table.buckets_wanted(), 8U);
+    insert(entries[4], 4, 0);
+    EXPECT_EQ(table.buckets_wanted(), 16U);
+    ASSERT_TRUE(begin_growth());
+    for (std::size_t i = 5; i < 20; ++i) {
+        insert(entries[i], i, 0);
+        EXPECT_EQ(table.buckets_wanted(), 0U) << "it grows";
+    }
+    EXPECT_EQ(table.move_buckets(4), nullptr);
+    EXPECT_EQ(table.buckets_wanted(), 64U);
+}
+
+TEST_F(BucketTable, RefusesAsManyBucketsAsItHas) {
+    entries.resize(4);
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        insert(entries[i], i, 0);
+    }
+    scc::list_node* heads = table.allocate_buckets(8);
+    ASSERT_NE(heads, nullptr);
+    EXPECT_FALSE(table.begin_growth(heads, 4));
+    EXPECT_FALSE(table.is_growing());
+    EXPECT_TRUE(table.begin_growth(heads, 8));
+}
+
 TEST_F(BucketTable, RefusesBucketsThatItNoLongerNeeds) {
     entries.resize(100);
     for (std::size_t i = 0; i < entries.size(); ++i) {

@@ -209,6 +209,7 @@ TEST(KeyIndex, ForgetsEverythingWhileItGrows) {
     EXPECT_EQ(index.move_buckets(3), nullptr);
     index.reset();
     EXPECT_FALSE(index.is_growing());
+    EXPECT_EQ(index.buckets_wanted(), 0U);
     EXPECT_EQ(index.found(64), keys{});
     ASSERT_TRUE(index.insert(3, &index.values[3]));
     EXPECT_EQ(index.found(64), keys{3});
