@@ -110,6 +110,32 @@ TEST_F(Reports, AnAddressThatABridgeLearnsElsewhereHasMoved) {
     wait_for("not reported: 02:00:00:00:00:09 moved to interface 1");
 }
 
+TEST_F(Reports, AStrangerIsReportedAndAUserWithAnotherAddressIsNot) {
+    change([](contents& held) {
+        held.nac.set_app({1, 0, 6}, 1);
+        scc_ss_user user = user_with(9, 1);
+        user.ip = htonl(0x0A000009);
+        held.nac.add_user(user);
+    });
+    send_from("a1", 9);
+    send_from("a1", 8);
+    for (const std::string& line :
+         lines_before("not reported: 02:00:00:00:00:08 is a stranger on interface 1")) {
+        EXPECT_EQ(line.find("stranger"), std::string::npos) << line;
+    }
+    // Known elsewhere, and a stranger here all the same.
+    send_from("b1", 7);
+    send_from("a1", 7);
+    wait_for("not reported: 02:00:00:00:00:07 is a stranger on interface 1");
+    change([](contents& held) { held.nac.add_user(user_with(8, 1)); });
+    send_from("a1", 8);
+    send_from("a1", 6);
+    for (const std::string& line :
+         lines_before("not reported: 02:00:00:00:00:06 is a stranger on interface 1")) {
+        EXPECT_FALSE(line.starts_with("not reported: 02:00:00:00:00:08 is a stranger")) << line;
+    }
+}
+
 TEST_F(Reports, AnInterfaceThatComesBackGetsItsRulesAgain) {
     change([](contents& held) {
         EXPECT_EQ(held.acls.create(key_of(1)), 0u);
