@@ -5,9 +5,9 @@
 //           acl-V-T-A.N/02   continues a long one, and so on
 //           in-IFX-NAME      what interface IFX receives: access control, then the ACLs applied there
 //           out-IFX-NAME     what it sends
-//           nac-IFX-VLAN     counts the users of the interface; where a NAC application closes it, the last
-//                            rule drops everybody else, and where it is port security, the one before tells
-//                            the kernel's packet log of them
+//           nac-IFX-VLAN     counts the users of the interface; where a NAC application closes it, the
+//                            last rule drops everybody else, and where it is port security, the one
+//                            before tells the kernel's packet log of them
 //   inet    cpu-limits       what the machine itself receives, for CPU protection
 //
 // The counter of an ACL is named V-T-A.N, that of an ACE V-T-A.N-ID.M, that of a user user-IFX-MAC, and that
