@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <semaphore>
@@ -63,25 +64,67 @@ struct connection {
     }
 };
 
-void receive_results(int fd, std::uint64_t requests, window& in_flight) {
+// The values of the outstanding requests, the number of each request being its place: no allocation, no
+// search.
+class kept_values {
+  public:
+    kept_values(std::uint32_t value_bytes, std::uint64_t outstanding)
+        : bytes_(value_bytes), places_(std::bit_ceil(outstanding)), values_(places_ * value_bytes) {}
+
+    u8* of(u32 number) { return &values_[(number & (places_ - 1)) * bytes_]; }
+
+  private:
+    std::size_t bytes_;
+    std::size_t places_;
+    std::vector<u8> values_;
+};
+
+std::uint64_t g_handled = 0;
+
+void handle_result(u32 number, u32 result, const u8* value) {
+    g_handled += number + result + value[0];
+}
+
+void (*volatile g_handler)(u32, u32, const u8*) = handle_result;
+
+pthread_rwlock_t g_outer = PTHREAD_RWLOCK_INITIALIZER;
+pthread_rwlock_t g_inner = PTHREAD_RWLOCK_INITIALIZER;
+
+void take_and_release_locks() {
+    pthread_rwlock_wrlock(&g_outer);
+    pthread_rwlock_wrlock(&g_inner);
+    pthread_rwlock_unlock(&g_inner);
+    pthread_rwlock_unlock(&g_outer);
+}
+
+// A result is an item of 16 bytes after its head: the request's number, the result. As the library does,
+// takes the inner lock once for so many results.
+void call_handlers(const u8* body, u16 items, kept_values& values) {
+    constexpr u16 results_a_lock = 32;
+    for (u16 i = 0; i < items; ++i) {
+        if (i % results_a_lock == 0) {
+            pthread_rwlock_wrlock(&g_inner);
+            pthread_rwlock_unlock(&g_inner);
+        }
+        const u32 number = load<u32>(body, 8);
+        g_handler(number, load<u32>(body, 12), values.of(number));
+        body += 8 + load<u32>(body);
+    }
+}
+
+// With values, calls a handler with each.
+void receive_results(int fd, std::uint64_t requests, window& in_flight, kept_values* values) {
     std::vector<u8> body(1U << 20U);
     for (std::uint64_t got = 0; got < requests;) {
         u8 header[8];
         receive_exactly(fd, header, sizeof header);
         receive_exactly(fd, body.data(), load<u32>(header) - 8);
         const u16 items = load<u16>(header, 5);
+        if (values != nullptr) {
+            call_handlers(body.data(), items, *values);
+        }
         got += items;
         in_flight.answered(items);
-    }
-}
-
-void take_and_release(int locks) {
-    static pthread_rwlock_t lock[2] = {PTHREAD_RWLOCK_INITIALIZER, PTHREAD_RWLOCK_INITIALIZER};
-    for (int i = 0; i < locks; ++i) {
-        pthread_rwlock_wrlock(&lock[i]);
-    }
-    for (int i = locks; i-- > 0;) {
-        pthread_rwlock_unlock(&lock[i]);
     }
 }
 
@@ -115,10 +158,15 @@ std::uint64_t window::count() const {
     return std::atomic_ref(const_cast<std::uint64_t&>(done_)).load();
 }
 
-figure floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding, int locks) {
+figure floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding,
+                  duties of_a_request) {
     const connection link;
     window in_flight(outstanding);
-    std::thread receiving([&] { receive_results(link.async, requests, in_flight); });
+    const std::vector<u8> callers_value(value_bytes, 1);
+    kept_values values(value_bytes, outstanding);
+    std::thread receiving([&] {
+        receive_results(link.async, requests, in_flight, of_a_request == duties::calls ? &values : nullptr);
+    });
     const u32 entry = value_bytes + 8;
     const u32 per_batch = wire::batch_capacity_bytes / entry;
     std::vector<u8> batch(8 + std::size_t{per_batch} * entry, 0);
@@ -131,9 +179,17 @@ figure floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64
         store<u8>(batch.data(), 4, 1);
         store<u16>(batch.data(), 5, static_cast<u16>(now));
         for (u32 i = 0; i < now; ++i) {
-            take_and_release(locks);
-            begin_item(batch.data() + 8 + i * entry, value_bytes, msg::d1x_port_open);
-            store<u32>(batch.data() + 16 + i * entry, 0, static_cast<u32>(sent + i + 1));
+            u8* const item = batch.data() + 8 + i * entry;
+            const auto number = static_cast<u32>(sent + i + 1);
+            if (of_a_request != duties::none) {
+                take_and_release_locks();
+            }
+            if (of_a_request == duties::calls) {
+                std::copy_n(callers_value.data(), value_bytes, values.of(number));
+                std::copy_n(callers_value.data(), value_bytes, item + 8);
+            }
+            begin_item(item, value_bytes, msg::d1x_port_open);
+            store<u32>(item + 8, 0, number);
         }
         send_all(link.async, batch.data(), 8 + std::size_t{now} * entry);
         sent += now;

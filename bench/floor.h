@@ -8,10 +8,16 @@
 
 namespace bench {
 
-// Requests per second, with values of value_bytes and a limited number outstanding. With locks, each request
-// takes and releases so many read-write locks, for writing, which nobody else holds.
+// What the floor does for each request beside moving its bytes.
+enum class duties {
+    none,
+    locks,  // takes and releases two read-write locks, for writing, which nobody else holds
+    calls,  // that, copies the caller's value to the batch and to a slot, and calls a handler with the slot
+};
+
+// Requests per second, with values of value_bytes and a limited number outstanding.
 figure floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding,
-                  int locks = 0);
+                  duties of_a_request = duties::none);
 
 // Seconds of the median round trip of a 168-byte message and its 52-byte reply.
 double floor_round_trip(int rounds);

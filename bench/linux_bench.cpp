@@ -32,24 +32,33 @@ namespace {
 
 constexpr std::uint32_t long_acl = 10'000;
 
+[[noreturn]] void fail(const std::string& why) {
+    std::fprintf(stderr, "%s\n", why.c_str());
+    std::exit(1);
+}
+
 void shell(const std::string& command) {
     if (std::system(command.c_str()) != 0) {
-        std::fprintf(stderr, "failed: %s\n", command.c_str());
-        std::exit(1);
+        fail("failed: " + command);
     }
 }
 
-// A namespace for this process and those that it starts. What w1 sends, w0 receives.
-void enter_namespace() {
-    if (unshare(CLONE_NEWNET) != 0) {
-        std::perror("unshare");
-        std::exit(1);
+// A network namespace and a TMPDIR for this process and those that it starts. What w1 sends, w0 receives.
+class sandbox {
+  public:
+    sandbox() {
+        if (unshare(CLONE_NEWNET) != 0) {
+            fail(std::string("unshare: ") + std::strerror(errno));
+        }
+        shell(
+            "ip link set lo up && ip link add w0 type veth peer name w1 && "
+            "sysctl -qw net.ipv6.conf.w0.disable_ipv6=1 net.ipv6.conf.w1.disable_ipv6=1 && "
+            "ip link set w0 up && ip link set w1 up");
     }
-    shell(
-        "ip link set lo up && ip link add w0 type veth peer name w1 && "
-        "sysctl -qw net.ipv6.conf.w0.disable_ipv6=1 net.ipv6.conf.w1.disable_ipv6=1 && "
-        "ip link set w0 up && ip link set w1 up");
-}
+
+  private:
+    bench::runtime_directory directory_;
+};
 
 // The service's process; its rules stay when it ends.
 class linux_service {
@@ -104,8 +113,7 @@ std::counting_semaphore<> g_done{0};
 
 void take(std::uint32_t result) {
     if (result != 0) {
-        std::fprintf(stderr, "refused: %s\n", scc_strerror(static_cast<std::int32_t>(result)));
-        std::exit(1);
+        fail(std::string("refused: ") + scc_strerror(static_cast<std::int32_t>(result)));
     }
     g_done.release();
 }
@@ -125,7 +133,7 @@ void start_application() {
     info.handlers.acl_delete_ace = [](std::uint32_t result, auto...) { take(result); };
     info.handlers.acl_apply = [](std::uint32_t result, auto...) { take(result); };
     if (scc_svr_reg(&info) != 0) {
-        std::exit(1);
+        fail("not registered");
     }
     g_registered.acquire();
 }
@@ -139,8 +147,7 @@ void wait_for(std::uint32_t results) {
 scc_ace_record ace_of(std::uint32_t number, const std::string& rule) {
     scc_ace_record ace{};
     if (scc_ace_parse((std::to_string(number) + rule).c_str(), &ace, nullptr) != 0) {
-        std::fprintf(stderr, "no rule: %s\n", rule.c_str());
-        std::exit(1);
+        fail("no rule: " + rule);
     }
     return ace;
 }
@@ -163,6 +170,7 @@ void add(const std::vector<scc_ace_record>& aces) {
             usleep(1000);
         }
     }
+    wait_for(static_cast<std::uint32_t>(aces.size()));
 }
 
 void create_and_apply() {
@@ -173,11 +181,28 @@ void create_and_apply() {
     fields.ifx = 1;
     scc_acl_apply_record record{};
     if (scc_records_encode_application(&fields, &record, nullptr) != 0) {
-        std::exit(1);
+        fail("no application");
     }
     scc_acl_apply(&record, nullptr);
     wait_for(1);
 }
+
+// Daemon, service and this process as the application, which has applied an empty ACL. The rules outlive
+// them.
+class whole_system {
+  public:
+    whole_system() {
+        start_application();
+        create_and_apply();
+    }
+
+    // Of the service.
+    [[nodiscard]] double processor_s() const { return service_.processor_s(); }
+
+  private:
+    bench::development_daemon daemon_;
+    linux_service service_;
+};
 
 // ---- beside nft ----
 
@@ -206,36 +231,25 @@ double ms_of(const std::string& command) {
 }
 
 bench::figure load_with_service(const std::vector<scc_ace_record>& aces) {
-    enter_namespace();
-    const bench::runtime_directory directory;
-    const bench::development_daemon daemon;
-    const linux_service service;
-    start_application();
-    create_and_apply();
+    const sandbox around;
+    const whole_system system;
     const double began = bench::now_s();
     add(aces);
-    wait_for(static_cast<std::uint32_t>(aces.size()));
     return (bench::now_s() - began) * 1e3;
 }
 
 bench::figure load_with_nft() {
-    enter_namespace();
-    const bench::runtime_directory directory;
+    const sandbox around;
     return ms_of("nft -f " + write_rules(long_acl));
 }
 
 // Percent of a processor.
 bench::figure change_steadily(const std::vector<scc_ace_record>& aces, std::uint32_t rate, double seconds) {
-    enter_namespace();
-    const bench::runtime_directory directory;
-    const bench::development_daemon daemon;
-    const linux_service service;
-    start_application();
-    create_and_apply();
+    const sandbox around;
+    const whole_system system;
     add(aces);
-    wait_for(static_cast<std::uint32_t>(aces.size()));
     const double began = bench::now_s();
-    const double before = service.processor_s();
+    const double before = system.processor_s();
     const auto changes = static_cast<std::uint32_t>(rate * seconds);
     for (std::uint32_t change = 0; change < changes; ++change) {
         // Each goes and comes back, here and there in the list.
@@ -251,53 +265,48 @@ bench::figure change_steadily(const std::vector<scc_ace_record>& aces, std::uint
         }
     }
     wait_for(changes);
-    return (service.processor_s() - before) / (bench::now_s() - began) * 100;
+    return (system.processor_s() - before) / (bench::now_s() - began) * 100;
 }
 
 // Reads all counters in this process, from the rules that a service left.
 bench::figure read_counters(const std::vector<scc_ace_record>& aces, bool with_nft) {
-    enter_namespace();
-    const bench::runtime_directory directory;
+    const sandbox around;
     {
-        const bench::development_daemon daemon;
-        const linux_service service;
-        start_application();
-        create_and_apply();
+        const whole_system system;
         add(aces);
-        wait_for(static_cast<std::uint32_t>(aces.size()));
     }
     if (with_nft) {
         return ms_of("nft list counters table netdev scclib > /dev/null");
     }
     std::string problem;
     const auto filter = scc::kernel::open_packet_filter(problem);
+    if (filter == nullptr) {
+        fail(problem);
+    }
     scc::service::forwarding_table table;
     scc::kernel::kernel_back_end back_end(table, {}, *filter, [](const std::string&) {});
-    std::map<std::string, scc::kernel::counted> counters;
-    const std::uint32_t error = filter ? back_end.start() : ENOSYS;
-    const double began = bench::now_s();
-    const std::uint32_t read_error = error != 0 ? error : back_end.refresh_counters(counters);
-    if (read_error != 0 || counters.size() <= aces.size()) {
-        std::fprintf(stderr, "counters: error %u, %zu\n", read_error, counters.size());
-        std::exit(1);
+    if (const std::uint32_t error = back_end.start(); error != 0) {
+        fail(std::string("start: ") + std::strerror(static_cast<int>(error)));
     }
-    return (bench::now_s() - began) * 1e3;
+    std::map<std::string, scc::kernel::counted> counters;
+    const double began = bench::now_s();
+    const std::uint32_t error = back_end.refresh_counters(counters);
+    const double ms = (bench::now_s() - began) * 1e3;
+    if (error != 0 || counters.size() <= aces.size()) {
+        fail("counters: error " + std::to_string(error) + ", " + std::to_string(counters.size()));
+    }
+    return ms;
 }
 
 // ---- packets ----
 
 // Millions of packets a second that pass all ACEs but the last, which counts them.
 bench::figure packet_rate(std::uint32_t aces) {
-    enter_namespace();
-    const bench::runtime_directory directory;
-    const bench::development_daemon daemon;
-    const linux_service service;
-    start_application();
-    create_and_apply();
+    const sandbox around;
+    const whole_system system;
     std::vector<scc_ace_record> list = aces_of(aces - 1);
     list.push_back(ace_of(aces, " permit ip any any"));
     add(list);
-    wait_for(aces);
 
     const int sender = socket(AF_PACKET, SOCK_RAW, 0);
     sockaddr_ll to{};
@@ -319,8 +328,7 @@ bench::figure packet_rate(std::uint32_t aces) {
     while (sent < packets_max && bench::now_s() - began < seconds) {
         const int now = sendmmsg(sender, messages.data(), messages.size(), 0);
         if (now <= 0) {
-            std::perror("sendmmsg");
-            std::exit(1);
+            fail(std::string("sendmmsg: ") + std::strerror(errno));
         }
         sent += static_cast<std::uint64_t>(now);
     }
@@ -328,9 +336,7 @@ bench::figure packet_rate(std::uint32_t aces) {
     close(sender);
     std::uint64_t counted = 0;
     if (scc_ace_get_counter(&key, aces, &counted) != 0 || counted == 0 || counted > sent) {
-        std::fprintf(stderr, "%llu packets sent, %llu counted\n", static_cast<unsigned long long>(sent),
-                     static_cast<unsigned long long>(counted));
-        std::exit(1);
+        fail(std::to_string(sent) + " packets sent, " + std::to_string(counted) + " counted");
     }
     return static_cast<double>(counted) / lasted;
 }

@@ -21,6 +21,7 @@
 namespace {
 
 using bench::answers;
+using bench::duties;
 using bench::figure;
 using bench::order;
 
@@ -251,14 +252,24 @@ void print_figures(const std::string& what, const figure& one, const figure& flo
                        wanted.processor);
 }
 
+// The floors with duties, which show what the library's obligations alone cost.
+constexpr const char* with_locks = ", floor with locks";
+constexpr const char* with_calls = ", floor with locks, kept values and handlers";
+
 void throughput(const char* what, std::uint32_t value_bytes, answers how, std::uint64_t requests,
                 const goals& wanted, int rounds) {
+    const auto floor_with = [=](duties of_a_request) {
+        return with_peer(how, -1,
+                         [=] { return bench::floor_rate(value_bytes, requests, 4096, of_a_request); });
+    };
     const auto rates = bench::figures(
-        {{"floor", with_peer(how, -1, [=] { return bench::floor_rate(value_bytes, requests, 4096); })},
+        {{"floor", floor_with(duties::none)},
+         {"floor with calls", floor_with(duties::calls)},
          {"library", with_peer(how, -1, [=] { return library_rate(value_bytes, requests, 4096); })}},
         rounds);
     print_figures(std::string(what) + ", floor", rates[0], rates[0], {});
-    print_figures(std::string(what) + ", library", rates[1], rates[0], wanted);
+    print_figures(std::string(what) + with_calls, rates[1], rates[0], {});
+    print_figures(std::string(what) + ", library", rates[2], rates[0], wanted);
 }
 
 void one_a_message(int rounds) {
@@ -276,27 +287,28 @@ void all_together(int rounds) {
                rounds);
 }
 
-// The third contender shows what the two locks of each request cost.
 void small_requests(int rounds) {
     constexpr std::uint64_t requests = 1000000;
-    const auto floor_with = [](int locks) {
+    const auto floor_with = [](duties of_a_request) {
         return with_peer(answers::batch_together, -1,
-                         [=] { return bench::floor_rate(12, requests, 4096, locks); });
+                         [=] { return bench::floor_rate(12, requests, 4096, of_a_request); });
     };
     const auto library_with = [](std::uint64_t threads) {
         return with_peer(answers::batch_together, -1,
                          [=] { return library_rate(12, requests, 4096, threads); });
     };
-    const auto rates = bench::figures({{"floor", floor_with(0)},
-                                       {"floor with locks", floor_with(2)},
+    const auto rates = bench::figures({{"floor", floor_with(duties::none)},
+                                       {"floor with locks", floor_with(duties::locks)},
+                                       {"floor with calls", floor_with(duties::calls)},
                                        {"library", library_with(1)},
                                        {"four threads", library_with(4)}},
                                       rounds);
-    print_figures("12-byte values, a batch's results together, floor", rates[0], rates[0], {});
-    print_figures("the same with two locks a request", rates[1], rates[0], {});
-    print_figures("12-byte values, a batch's results together, library", rates[2], rates[0],
-                  {"at least 0.5", ""});
-    print_figures("the same from four threads", rates[3], rates[0], {"at least 0.5", ""});
+    const std::string what = "12-byte values, a batch's results together";
+    print_figures(what + ", floor", rates[0], rates[0], {});
+    print_figures(what + with_locks, rates[1], rates[0], {});
+    print_figures(what + with_calls, rates[2], rates[0], {});
+    print_figures(what + ", library", rates[3], rates[0], {"at least 0.5", ""});
+    print_figures("the same from four threads", rates[4], rates[0], {"at least 0.5", ""});
 }
 
 void four_threads(int rounds) {

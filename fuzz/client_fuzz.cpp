@@ -9,8 +9,6 @@
 // - a request is sent once, and everything sent is well formed
 // - status 0 is reported once for each outage, after a 1, and nothing after the end of the registration
 // - at the end every descriptor is closed and nothing is pending
-#include <qx_thread.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -32,18 +30,13 @@
 #include "msg/bytes.h"
 #include "ss/service.h"
 #include "support/application.h"
+#include "support/event_loop.h"
 #include "support/fail.h"
 #include "support/fake_system.h"
 #include "support/library.h"
 
 using namespace scc;
 using namespace scc::fuzz;
-
-struct qx_thread {
-    qx_thread_handler handler;
-    void* arg;
-    int fd;
-};
 
 namespace {
 
@@ -84,7 +77,6 @@ struct world {
     bool told_connected = false;
     int failing_send = 0;  // the error of the next send
     std::deque<thread_to_run> threads;
-    std::deque<qx_thread*> tasks;
 };
 
 world* g_world = nullptr;
@@ -512,35 +504,6 @@ void run_threads() {
 
 // ---- the event loop --------------------------------------------------------------------------------
 
-qx_thread* add_task(qx_thread_handler handler, void* arg, int fd) {
-    auto* task = new qx_thread{handler, arg, fd};
-    g_world->tasks.push_back(task);
-    return task;
-}
-
-bool is_ready(const qx_thread& task) {
-    if (task.fd < 0) {
-        return true;
-    }
-    const fake_socket& at = socket_of(task.fd);
-    return !at.open || at.shut || at.hung_up || at.read < at.incoming.size();
-}
-
-// Runs the first task that is ready; returns false if there is none.
-bool run_task() {
-    std::deque<qx_thread*>& tasks = g_world->tasks;
-    for (std::size_t i = 0; i < tasks.size(); ++i) {
-        if (is_ready(*tasks[i])) {
-            qx_thread* task = tasks[i];
-            tasks.erase(tasks.begin() + static_cast<std::ptrdiff_t>(i));
-            (void)task->handler(task);
-            delete task;
-            return true;
-        }
-    }
-    return false;
-}
-
 void run_loop() {
     world& now = *g_world;
     start();
@@ -562,43 +525,10 @@ void run_loop() {
     }
     forget_replies();
     unregister();
-    FUZZ_EXPECT(now.tasks.empty());
+    FUZZ_EXPECT(has_no_tasks());
 }
 
 }  // namespace
-
-extern "C" {
-
-qx_thread* qx_thread_add_event_withname(qx_thread_master*, qx_thread_handler handler, void* arg, int,
-                                        const char*) {
-    return add_task(handler, arg, -1);
-}
-qx_thread* qx_thread_add_timer_withname(qx_thread_master*, qx_thread_handler handler, void* arg, long,
-                                        const char*) {
-    return add_task(handler, arg, -1);
-}
-qx_thread* qx_thread_add_read_high_withname(qx_thread_master*, qx_thread_handler handler, void* arg, int fd,
-                                            const char*) {
-    return add_task(handler, arg, fd);
-}
-qx_thread* qx_thread_add_write_withname(qx_thread_master*, qx_thread_handler handler, void* arg, int fd,
-                                        const char*) {
-    return add_task(handler, arg, fd);
-}
-void qx_thread_cancel(qx_thread* task) {
-    std::deque<qx_thread*>& tasks = g_world->tasks;
-    for (auto each = tasks.begin(); each != tasks.end(); ++each) {
-        if (*each == task) {
-            tasks.erase(each);
-            delete task;
-            return;
-        }
-    }
-}
-void* qx_thread_arg(const qx_thread* task) {
-    return task->arg;
-}
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const u8* data, std::size_t size) {
     static const bool ready = prepare_library();

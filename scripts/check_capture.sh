@@ -6,9 +6,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/daemons.sh
 . scripts/daemons.sh
 
-build=$PWD/build/${1:-release}
-ctl=$build/devkit/ctl/sccctl
-make_runtime_directory capture
+use_build capture "${1:-release}"
 
 start_daemon() {
     start_program trace.log "sccd-dev: ready" "$build/devkit/sccd/sccd-dev" --trace=full --capture "$work/wire.pcapng"

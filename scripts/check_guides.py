@@ -245,7 +245,7 @@ def like(text):
     text = re.sub(r"^\d\d:\d\d:\d\d\.\d+ ", "TIME ", text)
     text = re.sub(r"^\d{4}-\d\d-\d\dT\S+ ", "DATE ", text)
     text = re.sub(r"pid: \d+$", "PID", text)
-    text = re.sub(r"value: [0-9a-f]+\.\.\.$", "value: ...", text)  # the pid is in it
+    text = re.sub(r"value: [0-9a-f]+…$", "value: ...", text)  # the pid is in it
     text = re.escape(text).replace(re.escape("..."), ".*").replace("TIME", r"\d\d:\d\d:\d\d\.\d+")
     return "^" + text.replace("DATE", r"\d{4}-\d\d-\d\dT\S+").replace("PID", r"pid: \d+") + "$"
 

@@ -5,9 +5,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/daemons.sh
 . scripts/daemons.sh
 
-build=$PWD/build/${1:-release}
-ctl=$build/devkit/ctl/sccctl
-make_runtime_directory metrics
+use_build metrics "${1:-release}"
 
 # The package prometheus starts a server, so only its checker is taken from it.
 find_promtool() {

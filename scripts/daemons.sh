@@ -15,6 +15,14 @@ make_runtime_directory() {
     trap end_everything EXIT
 }
 
+# use_build NAME PRESET: sets $build to that build's directory and $ctl to its sccctl, and makes a runtime directory.
+use_build() {
+    build=$PWD/build/$2
+    # shellcheck disable=SC2034 # used by the scripts
+    ctl=$build/devkit/ctl/sccctl
+    make_runtime_directory "$1"
+}
+
 end_everything() {
     exec 2>/dev/null # suppresses the shell's messages about killed processes
     local pid

@@ -13,12 +13,10 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck source=scripts/daemons.sh
 . scripts/daemons.sh
 
-build=$PWD/build/${SCC_DEMO_BUILD:-release}
+use_build demo "${SCC_DEMO_BUILD:-release}"
 read -ra application <<<"${SCC_DEMO_APP:-$build/examples/demo_app}"
 sccd=$build/devkit/sccd/sccd-dev
 service=$build/devkit/service/scc-ss-dev
-ctl=$build/devkit/ctl/sccctl
-make_runtime_directory demo
 
 start_daemon() {
     start_program sccd.log "sccd-dev: ready" "$sccd"

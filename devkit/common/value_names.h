@@ -56,7 +56,8 @@ inline constexpr std::array<value_name, 13> statistics{{{0, "acl-create"},
                                                         {11, "d1x-addr-move"},
                                                         {12, "data-recover"}}};
 
-inline constexpr std::array<value_name, 27> results{{{0, "ok"},
+inline constexpr std::array<value_name, 28> results{{{0, "ok"},
+                                                     {2, "not-found"},
                                                      {5, "io-error"},
                                                      {12, "no-memory"},
                                                      {22, "invalid-argument"},

@@ -4,9 +4,11 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -16,6 +18,7 @@
 #include "common/bytes.h"
 #include "common/records.h"
 #include "msg/protocol.h"
+#include "records/names.h"
 
 namespace scc::ctl {
 namespace {
@@ -52,8 +55,9 @@ std::string without_comment(const std::string& line) {
     return is_quoted ? line.substr(0, line.find('#', line.rfind('"'))) : line;
 }
 
+constexpr std::string_view blanks = " \t\r\v\f";
+
 words split(const std::string& line) {
-    constexpr std::string_view blanks = " \t\r\v\f";
     words all;
     for (auto begin = line.find_first_not_of(blanks); begin != std::string::npos;
          begin = line.find_first_not_of(blanks, begin)) {
@@ -155,18 +159,174 @@ std::uint32_t next_sn(const file_acl& within, std::size_t offset) {
     return highest / sn_step * sn_step + sn_step;
 }
 
-scc_ace_record ace_line(const words& line, const std::string& text, const file_acl& within) {
+// ---- time ranges with a name ---------------------------------------------------------------------
+
+// A record has room for the times of a range, but not for its name: where an ACE names one, its times are put
+// in the name's place.
+struct time_range {
+    unsigned line = 0;
+    std::string times;
+};
+using time_ranges = std::map<std::string, time_range>;
+
+// Days and times are not names, so that "time-range mon-fri 08:00-18:00" has one meaning.
+bool is_range_name(std::string_view word) {
+    const auto is_letter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+    const auto may_follow = [&](char c) {
+        return is_letter(c) || (c >= '0' && c <= '9') || c == '-' || c == '_';
+    };
+    return !word.empty() && is_letter(word[0]) && std::all_of(word.begin(), word.end(), may_follow) &&
+           !records::day_named(word.substr(0, word.find('-')));
+}
+
+// The name after "time-range", which is neither in quotes nor a remark itself. Null if there is none.
+const file_word* named_range_of(const words& line) {
+    bool is_quoted = false;
+    std::string_view before;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        const file_word& each = line[i];
+        if (before == "time-range" && is_range_name(each.text)) {
+            return &each;
+        }
+        const bool was_quoted = is_quoted || each.text.starts_with('"');
+        is_quoted = is_quoted != (std::count(each.text.begin(), each.text.end(), '"') % 2 != 0);
+        before = was_quoted || before == "remark" ? std::string_view() : std::string_view(each.text);
+    }
+    return nullptr;
+}
+
+void add_time_range(time_ranges& into, const words& line, unsigned number) {
+    if (line.size() < 2) {
+        throw line_error(line.end, "the name of the time range is missing");
+    }
+    const auto& [name, offset] = line[1];
+    if (!is_range_name(name)) {
+        throw line_error(
+            offset, fmt::format("'{}' is no name: it needs letters, digits, '-' and '_', and begins with "
+                                "a letter, but not with a day",
+                                name));
+    }
+    if (const auto known = into.find(name); known != into.end()) {
+        throw line_error(offset,
+                         fmt::format("time range '{}' already stands in line {}", name, known->second.line));
+    }
+    const bool has_days = line.size() > 2 && line[2].text.find(':') == std::string::npos;
+    const std::size_t end = has_days ? 4 : 3;
+    if (line.size() > end) {
+        throw line_error(line[end].offset,
+                         fmt::format("'{}' follows the end of the time range", line[end].text));
+    }
+    std::string times;
+    for (std::size_t i = 2; i < line.size(); ++i) {
+        times += (i == 2 ? "" : " ") + line[i].text;
+    }
+    const std::string before = "permit ether time-range ";
+    ace::text_error error;
+    const auto parsed = ace::parse_ace(before + times, error);
+    if (!parsed) {
+        const bool is_first = error.offset < before.size() + (line.size() > 2 ? line[2].text.size() : 0);
+        const std::size_t at = line.size() < 3 ? line.end : line[is_first ? 2 : line.size() - 1].offset;
+        throw line_error(at, error.text);
+    }
+    into.emplace(name, time_range{number, times});
+}
+
+// ---- the lines of an ACL -------------------------------------------------------------------------
+
+// The text of an ACE with the times of the range that it names. What stands after them has moved.
+struct expanded_text {
+    std::string text;
+    std::size_t name_begin = 0;
+    std::size_t name_bytes = 0;
+    std::size_t times_bytes = 0;
+
+    [[nodiscard]] std::size_t offset_in_line(std::size_t offset) const {
+        if (offset >= name_begin + times_bytes) {
+            return offset - times_bytes + name_bytes;
+        }
+        return std::min(offset, name_begin);
+    }
+};
+
+expanded_text expanded(const words& line, const std::string& text, const time_ranges& ranges) {
+    const file_word* const name = named_range_of(line);
+    if (name == nullptr) {
+        return {text, text.size(), 0, 0};
+    }
+    const auto range = ranges.find(name->text);
+    if (range == ranges.end()) {
+        throw line_error(name->offset, fmt::format("no time range '{}' above", name->text));
+    }
+    std::string with_times = text;
+    with_times.replace(name->offset, name->text.size(), range->second.times);
+    return {with_times, name->offset, name->text.size(), range->second.times.size()};
+}
+
+scc_ace_record ace_line(const words& line, const std::string& text, const file_acl& within,
+                        const time_ranges& ranges) {
     if (line.size() > 1 && line[1].text == "raw") {
         return raw_ace(line);
     }
     const bool has_sn = line[0].text[0] >= '0' && line[0].text[0] <= '9';
     const std::string number = has_sn ? std::string() : fmt::format("{} ", next_sn(within, line[0].offset));
+    const expanded_text whole = expanded(line, text, ranges);
     ace::text_error error;
-    const auto ace = ace::parse_ace(number + text, error);
+    const auto ace = ace::parse_ace(number + whole.text, error);
     if (!ace) {
-        throw line_error(error.offset - std::min(error.offset, number.size()), error.text);
+        const std::size_t offset = error.offset - std::min(error.offset, number.size());
+        throw line_error(whole.offset_in_line(offset), error.text);
     }
     return *ace;
+}
+
+// A remark on a line of its own. It belongs to the ACE that follows, since an ACE without a rule would be one
+// that no frame matches.
+struct remark_line {
+    unsigned line = 0;
+    std::size_t offset = 0;
+    scc_ace_rule rule{};  // with the remark
+};
+
+// Where the line goes on after the remark's word or quotes; npos if it does not.
+std::size_t end_of_remark(const words& line, const std::string& text) {
+    if (line.size() < 2) {
+        return std::string::npos;
+    }
+    const file_word& value = line[1];
+    const bool is_quoted = value.text[0] == '"';
+    const std::size_t last =
+        is_quoted ? text.find('"', value.offset + 1) : value.offset + value.text.size() - 1;
+    return last == std::string::npos ? last : text.find_first_not_of(blanks, last + 1);
+}
+
+remark_line read_remark(const words& line, const std::string& text, unsigned number) {
+    const std::string before = "permit ether ";
+    const std::size_t begin = line[0].offset;
+    const std::size_t rest = end_of_remark(line, text);
+    if (rest != std::string::npos) {
+        throw line_error(rest, "the line goes on after its remark");
+    }
+    ace::text_error error;
+    const auto parsed = ace::parse_ace(before + text.substr(begin), error);
+    if (!parsed) {
+        throw line_error(begin + error.offset - std::min(error.offset, before.size()), error.text);
+    }
+    remark_line made{number, begin, {}};
+    (void)scc_ace_decode(&*parsed, &made.rule);
+    return made;
+}
+
+void set_remark(scc_ace_record& record, const remark_line& remark, std::size_t offset) {
+    scc_ace_rule rule{};
+    if (scc_ace_decode(&record, &rule) != 0) {
+        throw line_error(offset,
+                         fmt::format("no rule, so it cannot have the remark of line {}", remark.line));
+    }
+    if (rule.remark[0] != '\0') {
+        throw line_error(offset, fmt::format("two remarks: the other one stands in line {}", remark.line));
+    }
+    std::memcpy(rule.remark, remark.rule.remark, sizeof rule.remark);
+    (void)scc_ace_encode(&rule, &record, nullptr);
 }
 
 const scc_acl_key& applied_key(const acl_file& file, std::uint32_t acl_id, std::size_t offset) {
@@ -227,6 +387,8 @@ scc_acl_apply_record apply_line(const words& line, const acl_file& so_far) {
 // What a file says so far, and the lines of its ACEs, to find one that is given twice.
 struct parse_state {
     acl_file file;
+    time_ranges ranges;
+    std::optional<remark_line> remark;                                      // waits for its ACE
     std::map<std::pair<std::uint32_t, std::uint32_t>, unsigned> ace_lines;  // of the last ACL
 };
 
@@ -239,13 +401,25 @@ void add_ace(parse_state& into, const file_ace& ace, std::size_t offset) {
     into.file.acls.back().aces.push_back(ace);
 }
 
-void read_line(const std::string& whole, unsigned number, parse_state& state) {
-    acl_file& into = state.file;
-    const std::string text = without_comment(whole);
-    const words line = split(text);
-    if (line.empty()) {
+void read_ace(const words& line, const std::string& text, unsigned number, parse_state& state) {
+    const std::size_t offset = line[0].offset;
+    if (state.file.acls.empty()) {
+        throw line_error(offset, "an ACE needs an 'acl' line above it");
+    }
+    if (line[0].text == "remark") {
+        state.remark = read_remark(line, text, number);
         return;
     }
+    const auto remark = std::exchange(state.remark, std::nullopt);
+    file_ace ace{number, ace_line(line, text, state.file.acls.back(), state.ranges)};
+    if (remark) {
+        set_remark(ace.record, *remark, offset);
+    }
+    add_ace(state, ace, offset);
+}
+
+void read_line(const words& line, const std::string& text, unsigned number, parse_state& state) {
+    acl_file& into = state.file;
     if (line[0].text == "acl") {
         file_acl made = acl_line(line, into);
         made.line = number;
@@ -253,11 +427,23 @@ void read_line(const std::string& whole, unsigned number, parse_state& state) {
         state.ace_lines.clear();
     } else if (line[0].text == "apply") {
         into.applications.push_back({number, apply_line(line, into)});
+    } else if (line[0].text == "time-range") {
+        add_time_range(state.ranges, line, number);
     } else {
-        if (into.acls.empty()) {
-            throw line_error(line[0].offset, "an ACE needs an 'acl' line above it");
-        }
-        add_ace(state, {number, ace_line(line, text, into.acls.back())}, line[0].offset);
+        read_ace(line, text, number, state);
+    }
+}
+
+// The remark has found no ACE where one of these words begins a line, or at the end.
+bool ends_remark(const words& line) {
+    constexpr std::array<std::string_view, 4> others = {"acl", "apply", "time-range", "remark"};
+    return std::find(others.begin(), others.end(), line[0].text) != others.end();
+}
+
+void refuse_lonely_remark(parse_state& state, std::vector<file_error>& errors) {
+    if (const auto remark = std::exchange(state.remark, std::nullopt)) {
+        errors.push_back(
+            {remark->line, static_cast<unsigned>(remark->offset + 1), "no ACE follows the remark"});
     }
 }
 
@@ -329,12 +515,21 @@ std::optional<acl_file> parse_acl_file(std::string_view text, std::vector<file_e
     unsigned number = 0;
     for (std::string line; std::getline(stream, line);) {
         ++number;
+        const std::string content = without_comment(line);
+        const words parts = split(content);
+        if (parts.empty()) {
+            continue;
+        }
+        if (ends_remark(parts)) {
+            refuse_lonely_remark(state, errors);
+        }
         try {
-            read_line(line, number, state);
+            read_line(parts, content, number, state);
         } catch (const line_error& problem) {
             errors.push_back({number, static_cast<unsigned>(problem.offset + 1), problem.what()});
         }
     }
+    refuse_lonely_remark(state, errors);
     if (!errors.empty()) {
         return std::nullopt;
     }

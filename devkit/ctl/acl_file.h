@@ -4,6 +4,8 @@
 //   line  := "acl" ID ["type" N] ["class" N] ["vdev" N]       begins an ACL
 //          | [SN] rule ["id" N]                               an ACE of the ACL above (scc_records.h)
 //          | SN "raw" HEX ["id" N]                            an ACE byte by byte, from record offset 16 on
+//          | "remark" TEXT                                    the remark of the ACE below
+//          | "time-range" NAME [days] HH:MM-HH:MM             what "time-range" NAME stands for below
 //          | "apply" ID ["type" N] ["vdev" N] "ifx" N ["direction" "in"|"out"] ["apply-type" N]
 //
 // An apply line without "type" and "vdev" takes them from the file's only ACL with that id. An ACE without

@@ -16,6 +16,7 @@
 
 #include "acl_daemon.h"
 #include "acl_steps.h"
+#include "common/counted.h"
 
 namespace scc::ctl {
 namespace {
@@ -106,12 +107,14 @@ class loader {
 
     [[nodiscard]] std::string summary_text() const {
         if (on_refusal_ == on_refusal::go_on) {
-            return fmt::format("{}: {} of {} requests done", name_, done_.size(), steps_.size());
+            return fmt::format("{}: {} of {} done", name_, done_.size(),
+                               devkit::counted(steps_.size(), "request"));
         }
         if (failed_ == 0) {
-            return fmt::format("{}: {} changes made", name_, done_.size());
+            return fmt::format("{}: {} made", name_, devkit::counted(done_.size(), "change"));
         }
-        return fmt::format("{}: nothing changed: {} changes taken back", name_, taken_back_);
+        return fmt::format("{}: nothing changed: {} taken back", name_,
+                           devkit::counted(taken_back_, "change"));
     }
     // Whether what was refused could not be taken back as a whole.
     [[nodiscard]] bool is_half_done() const { return not_taken_back_ != 0; }
@@ -207,8 +210,8 @@ class loader {
         bar_.hide();
         std::string problem = session_.problem();
         if (on_refusal_ == on_refusal::take_back) {
-            problem += fmt::format("; {} of {} changes were made and {} taken back", done_.size(),
-                                   steps_.size(), taken_back_);
+            problem += fmt::format("; {} of {} made, {} taken back", done_.size(),
+                                   devkit::counted(steps_.size(), "change"), taken_back_);
         }
         print_problem("acl load", problem, output_);
         return exit_unreachable;
@@ -322,7 +325,7 @@ int save_acl_file(const std::string& name, session& within, const output_options
         return exit_refused;
     }
     print(output.as_json ? json{{"command", "acl save"}, {"file", name}, {"acls", file.acls.size()}}
-                         : json(fmt::format("{}: {} ACLs saved", name, file.acls.size())),
+                         : json(fmt::format("{}: {} saved", name, devkit::counted(file.acls.size(), "ACL"))),
           output);
     return exit_success;
 }

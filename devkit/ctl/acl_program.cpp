@@ -8,6 +8,8 @@
 #include "acl_daemon.h"
 #include "acl_load.h"
 #include "acl_steps.h"
+#include "common/counted.h"
+#include "common/number_option.h"
 #include "msg/protocol.h"
 #include "program.h"
 
@@ -34,7 +36,8 @@ int report_checked(const acl_options& own, const acl_file& file, const context& 
         print(json{{"command", "acl load"}, {"file", own.file}, {"requests", file.size()}, {"sent", 0}},
               within.output);
     } else {
-        print(json(fmt::format("{}: no faulty line, {} requests, nothing sent", own.file, file.size())),
+        print(json(fmt::format("{}: no faulty line, {}, nothing sent", own.file,
+                               devkit::counted(file.size(), "request"))),
               within.output);
     }
     return exit_success;
@@ -192,10 +195,10 @@ void add_acl_commands(CLI::App& app, context& within, std::function<int()>& acti
 
     CLI::App& listing = group.add("list", "show the ACLs that the daemon holds, as a file of ACLs", &list);
     listing.add_option("acl", group.options().acl_id, "ACL id; every ACL unless given")
-        ->check(CLI::Range(std::uint32_t{1}, static_cast<std::uint32_t>(limits::acl_id_max)))
+        ->transform(devkit::number_within(1, limits::acl_id_max))
         ->type_name("N");
     listing.add_option("--type", group.options().app_type, "application type; every type unless given")
-        ->check(CLI::Range(std::uint32_t{1}, static_cast<std::uint32_t>(limits::app_type_max)))
+        ->transform(devkit::number_within(1, limits::app_type_max))
         ->type_name("N");
     listing.footer("Example: sccctl acl list 101");
 

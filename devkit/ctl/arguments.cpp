@@ -100,8 +100,8 @@ byte_buffer vlans_of_text(const argument& where, std::string_view text) {
     const auto vlan = [&](std::string_view digits) {
         const auto number = ace::parse_number(digits, 0, devkit::vlan_count - 1);
         if (!number) {
-            throw usage_error(fmt::format("{}: '{}' in '{}' is not a VLAN id from 0 to {}", where.name,
-                                          digits, text, devkit::vlan_count - 1));
+            throw usage_error(fmt::format("{}: '{}' in '{}' is not a number from 0 to {}", where.name, digits,
+                                          text, devkit::vlan_count - 1));
         }
         return *number;
     };
@@ -120,6 +120,14 @@ byte_buffer vlans_of_text(const argument& where, std::string_view text) {
         begin = end + 1;
     }
     return record;
+}
+
+byte_buffer ipv6_of(const argument& where, const std::string& text) {
+    byte_buffer address(16);
+    if (inet_pton(AF_INET6, text.c_str(), address.data()) != 1) {
+        throw usage_error(fmt::format("{}: '{}' is not an IPv6 address", where.name, text));
+    }
+    return address;
 }
 
 byte_buffer address16_of(const argument& where, const std::string& text) {
@@ -181,6 +189,8 @@ byte_buffer field_bytes(const argument& where, std::string_view text) {
             }
             return address;
         }
+        case value_type::ipv6:
+            return ipv6_of(where, word);
         case value_type::address16:
             return address16_of(where, word);
         case value_type::bytes:
@@ -204,12 +214,16 @@ json shown_ace(const byte_buffer& record) {
     return text ? json(*text) : json();
 }
 
-std::string address16_text(const byte_buffer& bytes) {
+std::string ipv6_text(const byte_buffer& bytes) {
     char text[INET6_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET6, bytes.data(), text, sizeof text);
+    return text;
+}
+
+std::string address16_text(const byte_buffer& bytes) {
     const bool is_ipv4 =
         bytes[0] != 0 && std::all_of(bytes.begin() + 4, bytes.end(), [](auto b) { return b == 0; });
-    inet_ntop(is_ipv4 ? AF_INET : AF_INET6, bytes.data(), text, sizeof text);
-    return text;
+    return is_ipv4 ? ipv4_of(devkit::u32_at(bytes, 0)) : ipv6_text(bytes);
 }
 
 template <class Value>
@@ -319,7 +333,8 @@ void store_raw_field(std::string_view text, byte_buffer& record) {
     const auto part = [&](std::string_view digits, std::uint64_t max) {
         const auto value = ace::parse_number(digits, 0, max);
         if (!value) {
-            throw usage_error(fmt::format("field: '{}' in '{}' is no fitting number", digits, text));
+            throw usage_error(
+                fmt::format("field: '{}' in '{}' is not a number from 0 to {}", digits, text, max));
         }
         return *value;
     };
@@ -367,6 +382,8 @@ json shown(const argument& what, std::size_t scalar_index, const call_values& va
             return devkit::mac_text(devkit::mac_at(record, what.offset));
         case value_type::ipv4:
             return ipv4_of(devkit::u32_at(record, what.offset));
+        case value_type::ipv6:
+            return ipv6_text(bytes);
         case value_type::address16:
             return address16_text(bytes);
         case value_type::vlans:

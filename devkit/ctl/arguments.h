@@ -30,6 +30,7 @@ enum class value_type : std::uint8_t {
     number,     // host order, decimal or with 0x
     mac,        // 6 bytes
     ipv4,       // 4 bytes, network order
+    ipv6,       // 16 bytes
     address16,  // 16 bytes: IPv6, or IPv4 in the first 4
     bytes,      // a file of hexadecimal digits, or '-' for standard input: the whole record
     rule,       // the text of an ACE: the whole ACE record

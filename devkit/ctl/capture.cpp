@@ -10,6 +10,7 @@
 #include "common/bytes.h"
 #include "common/control.h"
 #include "common/control_client.h"
+#include "common/counted.h"
 #include "interrupt.h"
 #include "program.h"
 
@@ -116,7 +117,7 @@ int run_capture(const context& within, const std::string& file_name, double seco
     try {
         block_file file(file_name);
         const bool complete = follow(stream, file, seconds, count);
-        fmt::print(stderr, "sccctl: {} messages captured\n", file.packets());
+        fmt::print(stderr, "sccctl: {} captured\n", devkit::counted(file.packets(), "message"));
         if (!complete) {
             print_problem("capture", "the daemon went away", within.output);
         }

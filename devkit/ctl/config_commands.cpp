@@ -31,7 +31,7 @@ arguments details() {
     return {field("value", at::value, 4, "the setting itself"),
             field("flags", at::flags, 4, "flag word; unless given, it names the addresses that are"),
             field("ip", at::ipv4, 4, "IPv4 address").as(value_type::ipv4).flagging(at::flag_ipv4),
-            field("ipv6", at::ipv6, 16, "IPv6 address").as(value_type::address16).flagging(at::flag_ipv6),
+            field("ipv6", at::ipv6, 16, "IPv6 address").as(value_type::ipv6).flagging(at::flag_ipv6),
             field("mask", at::mask, 16, "address mask, IPv4 in the first 4 bytes")
                 .as(value_type::address16)
                 .flagging(at::flag_mask)};
@@ -252,8 +252,8 @@ std::vector<command> one_way_commands() {
         one_way<scc_test_cmd_set>("test-cmd-set", "scc_test_cmd_set", "send a test command", "7",
                                   {number("test-command", 4, "the command's number")}),
         one_way<scc_data_recover>("data-recover", "scc_data_recover",
-                                  "ask the daemon to recover this application's data", "1",
-                                  {integer("argument", "passed on")}),
+                                  "ask the daemon to recover the service's data", "1",
+                                  {integer("argument", "any number; sccd-dev recovers everything")}),
     };
 }
 

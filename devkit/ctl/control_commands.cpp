@@ -1,5 +1,6 @@
 // The commands of the development daemon's control socket. They need no registration.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <cctype>
@@ -170,8 +171,9 @@ int call_each(json made, bool service_too, const context& within) {
         made["app"] = client.at("app");
         worst = std::max(worst, call(command, made, within));
     }
-    if (!anybody && !within.output.as_json) {
-        print(json("nobody is registered"), within.output);
+    if (!anybody) {
+        const json none = {{"ok", true}, {"clients", json::array()}};
+        print(within.output.as_json ? none : json("nobody is registered"), within.output);
     }
     return worst;
 }
@@ -197,19 +199,19 @@ json request_with_word(const std::string& name, const std::string& word) {
 }
 
 int any(const control_options& options, const context& within) {
+    const auto known = strings(control::commands);
+    if (std::find(known.begin(), known.end(), options.word) == known.end()) {
+        const std::string guess = did_you_mean(options.word, known);
+        const std::string all = fmt::format("; there are {}", fmt::join(known, ", "));
+        throw usage_error(
+            fmt::format("no command '{}' of the daemon{}", options.word, guess.empty() ? all : guess));
+    }
     const bool takes_word = options.word == control::settings || options.word == control::fault;
     const bool has_word =
         takes_word && !options.pairs.empty() && options.pairs.front().find('=') == std::string::npos;
     json made = has_word ? request_with_word(options.word, options.pairs.front()) : request(options.word);
     add_pairs(made, {options.pairs.begin() + (has_word ? 1 : 0), options.pairs.end()});
     replace_names(made);
-    const auto known = strings(control::commands);
-    const bool unknown = std::find(known.begin(), known.end(), options.word) == known.end();
-    const std::string guess = unknown ? closest(options.word, known) : std::string();
-    if (!guess.empty()) {
-        throw usage_error(
-            fmt::format("no command '{}' of the daemon; did you mean '{}'?", options.word, guess));
-    }
     return call(options.word, made, within);
 }
 

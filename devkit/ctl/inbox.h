@@ -36,6 +36,11 @@ class inbox {
     }
 
     void put_status(std::uint32_t status) {
+        {
+            const std::lock_guard lock(mutex_);
+            registered_ = status == 1;
+            registrations_ += status == 1 ? 1 : 0;
+        }
         event made;
         made.number = status;
         put(std::move(made));
@@ -53,6 +58,18 @@ class inbox {
         made.what = event::kind::notification;
         made.notification = std::move(notification);
         put(std::move(made));
+    }
+
+    // How often the daemon has accepted this process.
+    [[nodiscard]] std::uint64_t registrations() {
+        const std::lock_guard lock(mutex_);
+        return registrations_;
+    }
+    // Waits until the process is registered by a later registration than that many. Takes no event. Returns
+    // whether it is.
+    bool await_registration(std::uint64_t after, steady::time_point deadline) {
+        std::unique_lock lock(mutex_);
+        return filled_.wait_until(lock, deadline, [&] { return registered_ && registrations_ > after; });
     }
 
     // Takes the oldest event. Empty if none arrived before the deadline.
@@ -78,9 +95,11 @@ class inbox {
         filled_.notify_one();
     }
 
-    std::mutex mutex_;  // guards events_
+    std::mutex mutex_;  // guards what follows
     std::condition_variable filled_;
     std::deque<event> events_;
+    bool registered_ = false;
+    std::uint64_t registrations_ = 0;
 };
 
 }  // namespace scc::ctl

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstring>
 #include <string_view>
+#include <type_traits>
 
 #include "common/bytes.h"
 #include "common/records.h"
@@ -113,7 +114,7 @@ constexpr plain_row<2> port_violate_row{"port-violate", msg::port_violate_notify
 constexpr plain_row<1> user_roll_row{"user-roll", msg::user_roll, {"user"}};
 constexpr plain_row<1> water_line_row{"water-line", msg::water_line, {"start"}};
 
-void on_addr_move(std::uint32_t count, const scc_address_move* moves) {
+json addr_move(std::uint32_t count, const scc_address_move* moves) {
     json notification = named("d1x-addr-move", msg::d1x_addr_move);
     notification["count"] = count;
     json& list = notification["moves"] = json::array();
@@ -125,10 +126,10 @@ void on_addr_move(std::uint32_t count, const scc_address_move* moves) {
                         {"vid_after", move.vid_after},
                         {"mac", mac_of(move.mac)}});
     }
-    put(std::move(notification));
+    return notification;
 }
 
-void on_ace_counters(const scc_acl_key* key, std::uint32_t count, const scc_ace_counter* counters) {
+json ace_counters(const scc_acl_key* key, std::uint32_t count, const scc_ace_counter* counters) {
     json notification = named("ace-counter", msg::ace_counter);
     notification["key"] = shown(key);
     notification["count"] = count;
@@ -137,33 +138,53 @@ void on_ace_counters(const scc_acl_key* key, std::uint32_t count, const scc_ace_
         const scc_ace_counter counter = entry_of(counters, i);
         list.push_back({{"ace", counter.ace}, {"packets", counter.packets}});
     }
-    put(std::move(notification));
+    return notification;
 }
 
-void on_noflow(const scc_flow_user* user, std::uint64_t flow, std::uint64_t time, const void* extra,
-               std::uint32_t extra_bytes) {
+json noflow(const scc_flow_user* user, std::uint64_t flow, std::uint64_t time, const void* extra,
+            std::uint32_t extra_bytes) {
     json notification = named("noflow-offline", msg::noflow_offline);
     notification["user"] = shown(user);
     notification["flow"] = flow;
     notification["time"] = time;
     notification["extra"] = devkit::hex_text({static_cast<const std::uint8_t*>(extra), extra_bytes});
-    put(std::move(notification));
+    return notification;
 }
 
 // The user is a 56-byte record with the layout of flow reports.
-int on_user_change(std::uint8_t add, const void* user, const void*) {
+json user_change(std::uint8_t add, const void* user) {
     json notification = named("user-change", msg::nac_user);
     notification["add"] = add;
     notification["user"] = shown(static_cast<const scc_flow_user*>(user));
-    put(std::move(notification));
-    return 0;
+    return notification;
 }
 
-void on_dirchn(std::uint8_t add, std::uint32_t ip) {
+json dirchn(std::uint8_t add, std::uint32_t ip) {
     json notification = named("dirchn", msg::dirchn);
     notification["add"] = add;
     notification["ip"] = ipv4_of(ip);
-    put(std::move(notification));
+    return notification;
+}
+
+// Each notification of a row once, with fields that are zero.
+template <const auto& Row, typename... Fields>
+json plain_sample(void (*scc_handlers::*)(Fields...)) {
+    json notification = named(Row.name, Row.type);
+    std::size_t next = 0;
+    ((notification[Row.fields[next++]] = shown(std::remove_const_t<std::remove_pointer_t<Fields>>{})), ...);
+    return notification;
+}
+
+void add_field_names(std::vector<std::string>& into, const json& value) {
+    if (!value.is_structured()) {
+        return;
+    }
+    for (const auto& [name, content] : value.items()) {
+        if (value.is_object()) {
+            into.push_back(name);
+        }
+        add_field_names(into, content);
+    }
 }
 
 std::string value_text(const json& value) {
@@ -192,11 +213,44 @@ void install_notifications(scc_handlers& handlers) {
     install_plain<port_violate_row>(handlers, &scc_handlers::port_violate_notify);
     install_plain<user_roll_row>(handlers, &scc_handlers::user_roll);
     install_plain<water_line_row>(handlers, &scc_handlers::water_line);
-    handlers.d1x_addr_move = &on_addr_move;
-    handlers.ace_counters = &on_ace_counters;
-    handlers.noflow_offline = &on_noflow;
-    handlers.user_change = &on_user_change;
-    handlers.dirchn = &on_dirchn;
+    handlers.d1x_addr_move = [](auto... fields) { put(addr_move(fields...)); };
+    handlers.ace_counters = [](auto... fields) { put(ace_counters(fields...)); };
+    handlers.noflow_offline = [](auto... fields) { put(noflow(fields...)); };
+    handlers.user_change = [](std::uint8_t add, const void* user, const void*) {
+        put(user_change(add, user));
+        return 0;
+    };
+    handlers.dirchn = [](auto... fields) { put(dirchn(fields...)); };
+}
+
+std::vector<std::string> notification_fields(const std::vector<std::string>& notifications) {
+    const scc_flow_user user{};
+    const scc_address_move move{};
+    const scc_acl_key key{};
+    const scc_ace_counter counter{};
+    const json samples[] = {plain_sample<direct_vlan_row>(&scc_handlers::direct_vlan_notify),
+                            plain_sample<authmode_row>(&scc_handlers::authmode),
+                            plain_sample<station_move_row>(&scc_handlers::station_move),
+                            plain_sample<flow_row>(&scc_handlers::flow),
+                            plain_sample<offline_detect_row>(&scc_handlers::offline_detect_notify),
+                            plain_sample<port_violate_row>(&scc_handlers::port_violate_notify),
+                            plain_sample<user_roll_row>(&scc_handlers::user_roll),
+                            plain_sample<water_line_row>(&scc_handlers::water_line),
+                            addr_move(1, &move),
+                            ace_counters(&key, 1, &counter),
+                            noflow(&user, 0, 0, nullptr, 0),
+                            user_change(0, &user),
+                            dirchn(0, 0)};
+    std::vector<std::string> names;
+    for (const json& each : samples) {
+        const auto asked = std::find(notifications.begin(), notifications.end(), each.at("notification"));
+        if (notifications.empty() || asked != notifications.end()) {
+            add_field_names(names, each);
+        }
+    }
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
 }
 
 std::string notification_line(const json& notification) {

@@ -10,6 +10,8 @@
 #include <deque>
 
 #include "common/bytes.h"
+#include "common/number_option.h"
+#include "msg/protocol.h"
 #include "suggestion.h"
 
 namespace scc::ctl {
@@ -145,6 +147,8 @@ std::string type_name_of(const argument& each) {
             return "MAC";
         case value_type::ipv4:
             return "IPV4";
+        case value_type::ipv6:
+            return "IPV6";
         case value_type::address16:
             return "ADDRESS";
         case value_type::vlans:
@@ -301,13 +305,15 @@ void add_common_options(built& into, context& within) {
     into.option = within.registration.option;
     into.app
         .add_option("--app", within.registration.app_id, "application id to register with, or to ask about")
-        ->check(CLI::Range(1, 19))
+        ->transform(devkit::number_within(1, limits::app_id_max))
+        ->type_name("N")
         ->capture_default_str();
     into.app.add_option("--timeout", into.timeout_seconds, "seconds to wait for the daemon, each time")
         ->check(within_limits(0.001, seconds_max))
         ->capture_default_str();
     into.app.add_option("--option", into.option, "registration option; 1 keeps a readable ACL cache")
-        ->check(CLI::Range(0, 255))
+        ->transform(devkit::number_within(0, UINT8_MAX))
+        ->type_name("N")
         ->capture_default_str();
     into.app.add_flag("--json", within.output.as_json, "print one JSON object a line");
     into.app.add_flag("--raw", within.output.raw, "with --json, show the records' bytes, too");
@@ -428,7 +434,7 @@ CLI::Validator within_limits(double min, double max) {
         }
         return fmt::format("'{}' is not a number from {} to {:.0f}", text, min, max);
     };
-    return CLI::Validator(problem, fmt::format("in [{} - {:.0f}]", min, max), "limits");
+    return CLI::Validator(problem, fmt::format("[{}..{:.0f}]", min, max), "limits");
 }
 
 const std::vector<command>& commands() {
@@ -496,18 +502,32 @@ std::string misspelt(const CLI::App& root, const std::vector<std::string>& words
     return {};
 }
 
+// The words that are no command, after those that are. Empty if there are none, or if what is left belongs to
+// a command.
+std::string unknown_command(const CLI::App& root) {
+    const CLI::App* at = &root;
+    std::string path;
+    while (!at->get_subcommands().empty()) {
+        at = at->get_subcommands().back();
+        path += at->get_name() + " ";
+    }
+    const bool is_group = !at->get_subcommands([](const CLI::App*) { return true; }).empty();
+    const auto surplus = root.remaining(true);
+    const bool has_word = is_group && !surplus.empty() && !surplus[0].starts_with('-');
+    return has_word ? path + surplus[0] : std::string();
+}
+
 // The parser tells surplus words in reverse, and nothing of a group's commands.
 std::string problem_text(const CLI::ParseError& problem, const CLI::App& root) {
+    if (const std::string unknown = unknown_command(root); !unknown.empty()) {
+        return fmt::format("no command '{}'", unknown);
+    }
     const CLI::App* at = &root;
     while (!at->get_subcommands().empty()) {
         at = at->get_subcommands().back();
     }
     if (dynamic_cast<const CLI::ExtrasError*>(&problem) != nullptr) {
-        const auto surplus = root.remaining(true);
-        if (at == &root && !surplus.empty() && !surplus[0].starts_with('-')) {
-            return fmt::format("no command '{}'", surplus[0]);
-        }
-        return fmt::format("not expected: {}", fmt::join(surplus, " "));
+        return fmt::format("not expected: {}", fmt::join(root.remaining(true), " "));
     }
     const bool is_group = !at->get_subcommands([](const CLI::App*) { return true; }).empty();
     if (at != &root && is_group && dynamic_cast<const CLI::RequiredError*>(&problem) != nullptr) {
@@ -531,10 +551,12 @@ int run_command_line(const std::vector<std::string>& words, context& within) {
         take_common_options(parsed, within);
         return run_chosen(parsed, within);
     } catch (const CLI::ParseError& problem) {
-        if (problem.get_exit_code() == 0) {
+        const bool is_help_of_nothing = !unknown_command(parsed.app).empty();
+        if (problem.get_exit_code() == 0 && !is_help_of_nothing) {
             return parsed.app.exit(problem);  // help was requested
         }
-        print_problem("usage", problem_text(problem, parsed.app) + misspelt(parsed.app, words), form);
+        print_problem("usage", problem_text(problem, parsed.app) + misspelt(parsed.app, help_asked(words)),
+                      form);
         return exit_usage;
     } catch (const usage_error& problem) {
         print_problem("usage", problem.what(), form);

@@ -21,7 +21,7 @@ arguments record_fields() {
             field("operation", at::operation, 4, "what to do").named(devkit::names::operation),
             field("value", at::value, 4, "the setting itself"),
             field("ip", at::ipv4, 4, "IPv4 address").as(value_type::ipv4),
-            field("ipv6", at::ipv6, 16, "IPv6 address").as(value_type::address16)};
+            field("ipv6", at::ipv6, 16, "IPv6 address").as(value_type::ipv6)};
 }
 
 arguments user_fields() {

@@ -29,7 +29,11 @@ outcome run(const command& row, call_values values, session* within) {
         (void)within->book().settle();
     }
     outcome begun{.row = &row, .answered = true, .result = 0, .values = std::move(values), .problem = {}};
+    const std::uint64_t registrations = inbox::shared().registrations();
     begun.result = row.call(begun.values);
+    if (within != nullptr) {
+        within->note_result(registrations, begun.result);
+    }
     // A call without a session is a local one.
     if (begun.result != 0 || within == nullptr) {
         return begun;

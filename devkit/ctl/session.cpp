@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <thread>
 
 #include "command.h"
@@ -78,6 +79,7 @@ bool session::start() {
     const auto until = deadline();
     while (const auto arrived = take_until(until)) {
         if (arrived->what == event::kind::status && arrived->number == 1) {
+            was_registered_ = true;
             return true;
         }
     }
@@ -91,8 +93,27 @@ void session::stop() {
         return;
     }
     started_ = false;
-    (void)scc_svr_unreg();  // the process is about to exit anyway
+    await_connection();
+    for (int tries = 0; tries < 2 && scc_svr_unreg() == SCC_E_UNREGISTER_REJECTED; ++tries) {
+        // A query that was answered twice: its second answer was taken for that of the unregistration.
+    }
     book_.clear();
+}
+
+// While the library connects again, an unregistration does nothing, and the files of the sockets would
+// outlive this process.
+void session::await_connection() {
+    const bool is_connected = inbox::shared().await_registration(lost_after_, steady::now());
+    if (is_connected || !was_registered_ || interrupted() || !devkit::absent_daemon().empty()) {
+        return;
+    }
+    (void)inbox::shared().await_registration(lost_after_, deadline());
+}
+
+void session::note_result(std::uint64_t registrations, std::uint32_t result) {
+    if (result == EPIPE || result == ECONNRESET || result == ENOTCONN) {
+        lost_after_ = registrations;
+    }
 }
 
 std::optional<event> session::wait_result(std::uint32_t call_id) {

@@ -43,6 +43,8 @@ class session {
     [[nodiscard]] std::optional<event> wait_event(steady::time_point deadline);
     // Waits until unanswered requests have left the send buffer.
     void linger() const;
+    // A call that began after this many registrations has returned this.
+    void note_result(std::uint64_t registrations, std::uint32_t result);
 
     [[nodiscard]] const std::string& problem() const { return problem_; }
     [[nodiscard]] acl_book& book() { return book_; }
@@ -52,9 +54,12 @@ class session {
     [[nodiscard]] steady::time_point deadline() const { return steady::now() + options_.timeout; }
     bool fail(std::string why);
     void lost();
+    void await_connection();
 
     session_options options_;
     bool started_ = false;
+    bool was_registered_ = false;
+    std::uint64_t lost_after_ = 0;  // the registrations before the connection broke
     std::string problem_;
     std::map<std::uint32_t, event> early_;  // results that arrived before anyone waited for them
     acl_book book_;

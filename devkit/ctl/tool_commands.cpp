@@ -1,17 +1,20 @@
 // The commands that watch the daemon: its notifications, its counters and its messages.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <array>
 
 #include "common/control.h"
+#include "common/number_option.h"
+#include "notifications.h"
 #include "program.h"
 #include "suggestion.h"
 
 namespace scc::ctl {
 namespace {
 
-constexpr double count_max = 1e15;  // a double represents every integer up to here
+constexpr std::uint64_t count_max = 1'000'000'000'000'000;
 
 struct tool_options {
     std::string file;
@@ -58,14 +61,26 @@ CLI::Validator duration() {
     return {to_seconds, "TIME", "duration"};
 }
 
-std::vector<std::pair<std::string, std::string>> fields_of_words(const std::vector<std::string>& words) {
+// A field that none of the chosen notifications has would match nothing for ever.
+std::vector<std::pair<std::string, std::string>> fields_of_words(const std::vector<std::string>& words,
+                                                                 const std::vector<std::string>& chosen) {
+    const std::vector<std::string> known = notification_fields(chosen);
     std::vector<std::pair<std::string, std::string>> fields;
     for (const std::string& each : words) {
         const auto equals = each.find('=');
         if (equals == std::string::npos || equals == 0) {
             throw usage_error(fmt::format("where: '{}' is not FIELD=VALUE", each));
         }
-        fields.emplace_back(each.substr(0, equals), each.substr(equals + 1));
+        const std::string name = each.substr(0, equals);
+        if (!std::binary_search(known.begin(), known.end(), name)) {
+            const std::string guess = did_you_mean(name, known);
+            const std::string all = fmt::format("; there are {}", fmt::join(known, ", "));
+            throw usage_error(
+                fmt::format("where: no field '{}' in {}{}", name,
+                            chosen.empty() ? "any notification" : fmt::format("{}", fmt::join(chosen, ", ")),
+                            guess.empty() ? all : guess));
+        }
+        fields.emplace_back(name, each.substr(equals + 1));
     }
     return fields;
 }
@@ -76,7 +91,8 @@ void add_limits(tool_parser& into, CLI::App& app, std::string_view counted) {
         ->transform(duration())
         ->type_name("TIME");
     app.add_option("--count", into.own->count, fmt::format("stop after this many {}, 0 for never", counted))
-        ->check(within_limits(0, count_max));
+        ->transform(devkit::number_within(0, count_max))
+        ->type_name("N");
 }
 
 void add_watch(tool_parser& into) {
@@ -101,7 +117,7 @@ void add_watch(tool_parser& into) {
         into.action = [into] {
             into.own->watch.seconds = into.own->seconds;
             into.own->watch.count = into.own->count;
-            into.own->watch.where = fields_of_words(into.own->where);
+            into.own->watch.where = fields_of_words(into.own->where, into.own->watch.only);
             return run_watch(into.within, into.own->watch);
         };
     });
@@ -114,7 +130,8 @@ void add_top(tool_parser& into) {
         ->check(within_limits(shortest_seconds, seconds_max))
         ->capture_default_str();
     app.add_option("--count", into.own->top.count, "stop after this many tables, 0 for never")
-        ->check(within_limits(0, count_max));
+        ->transform(devkit::number_within(0, count_max))
+        ->type_name("N");
     app.callback([into] { into.action = [into] { return run_top(into.within, into.own->top); }; });
 }
 

@@ -13,6 +13,7 @@
 
 #include "common/control.h"
 #include "common/control_client.h"
+#include "common/counted.h"
 #include "common/standard_output.h"
 #include "interrupt.h"
 #include "program.h"
@@ -122,10 +123,10 @@ std::vector<std::string> table(const json& metrics, const traffic_samples& befor
                                 metrics.at("version").get<std::string>(),
                                 std::chrono::seconds(metrics.at("running_for").get<std::int64_t>()),
                                 metrics.at("service").get<bool>() ? "registered" : "absent"));
-    lines.push_back(fmt::format("{} ACLs, {} ACEs, {} users, {} ARP entries",
-                                held.at("acls").get<std::uint64_t>(), held.at("aces").get<std::uint64_t>(),
-                                held.at("users").get<std::uint64_t>(),
-                                held.at("arp_entries").get<std::uint64_t>()));
+    lines.push_back(fmt::format("{}, {}, {}, {}", devkit::counted(held.at("acls"), "ACL"),
+                                devkit::counted(held.at("aces"), "ACE"),
+                                devkit::counted(held.at("users"), "user"),
+                                devkit::counted(held.at("arp_entries"), "ARP entry", "ARP entries")));
     lines.emplace_back();
     lines.push_back(fmt::format("{:>3}  {:>8}  {:>10}  {:>10}  {:>12}  {:>7}  {:>10}  {:>10}  {:>10}", "APP",
                                 "PID", "RECEIVED/S", "SENT/S", "BYTES/S", "PENDING", "QUEUED", "RECEIVED",

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <string_view>
 
@@ -16,6 +17,7 @@ namespace scc::kernel {
 class attribute_buffer {
   public:
     void put(unsigned type, std::string_view payload) {
+        check(sizeof(nlattr) + payload.size());
         const nlattr header{static_cast<u16>(sizeof(nlattr) + payload.size()), static_cast<u16>(type)};
         bytes_.append(reinterpret_cast<const char*>(&header), sizeof header);
         bytes_ += payload;
@@ -38,18 +40,23 @@ class attribute_buffer {
         const std::size_t begin = bytes_.size();
         put(type | NLA_F_NESTED, {});
         fill();
+        check(bytes_.size() - begin);
         const auto len = static_cast<u16>(bytes_.size() - begin);
         std::memcpy(bytes_.data() + begin, &len, sizeof len);
     }
 
     void append(std::string_view attributes) { bytes_ += attributes; }
+    // Whether no attribute is longer than its header can say.
+    [[nodiscard]] bool fits() const { return fits_; }
     [[nodiscard]] const std::string& bytes() const { return bytes_; }
     [[nodiscard]] std::string& bytes() { return bytes_; }
 
   private:
+    void check(std::size_t size) { fits_ = fits_ && size <= std::numeric_limits<u16>::max(); }
     void align() { bytes_.resize((bytes_.size() + NLA_ALIGNTO - 1) / NLA_ALIGNTO * NLA_ALIGNTO); }
 
     std::string bytes_;
+    bool fits_ = true;
 };
 
 }  // namespace scc::kernel

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <limits>
 
 namespace scc::kernel {
 namespace {
@@ -55,6 +56,7 @@ template <class Fill>
 void batch::put(stage when, int type, unsigned flags, family in, Fill fill) {
     attribute_buffer attributes;
     fill(attributes);
+    fits_ = fits_ && attributes.fits();
     messages_[when] +=
         message_of(NFNL_SUBSYS_NFTABLES << 8 | type, flags, number_of(in), 0, attributes.bytes());
 }
@@ -138,6 +140,7 @@ void batch::add_rule(const chain_name& chain, u64 before, std::string_view comme
         const u32 ordered = htobe32(number);
         std::memcpy(list.data() + set.number_at, &ordered, sizeof ordered);
     }
+    fits_ = fits_ && comment.size() < std::numeric_limits<u8>::max();
     std::string user_data{static_cast<char>(comment_type), static_cast<char>(comment.size() + 1)};
     user_data += comment;
     user_data += '\0';
@@ -199,14 +202,16 @@ bool batch::is_empty() const {
                        [](const std::string& messages) { return messages.empty(); });
 }
 
-std::string batch::bytes(bool with_rules) const {
+std::string batch::bytes(bool with_rules, u32 generation) const {
+    attribute_buffer base;
+    base.put_u32(NFNL_BATCH_GENID, generation);
     std::size_t size = 0;
     for (const std::string& messages : messages_) {
         size += messages.size();
     }
     std::string all;
-    all.reserve(size + 2 * (sizeof(nlmsghdr) + sizeof(nfgenmsg)));
-    all += message_of(NFNL_MSG_BATCH_BEGIN, 0, AF_UNSPEC, NFNL_SUBSYS_NFTABLES, {});
+    all.reserve(size + 2 * (sizeof(nlmsghdr) + sizeof(nfgenmsg)) + base.bytes().size());
+    all += message_of(NFNL_MSG_BATCH_BEGIN, 0, AF_UNSPEC, NFNL_SUBSYS_NFTABLES, base.bytes());
     for (const std::string& messages : messages_) {
         all += messages;
     }

@@ -54,21 +54,25 @@ class batch {
     // How many rules it adds.
     [[nodiscard]] std::size_t added_rules() const { return added_rules_; }
 
+    // Whether every part is short enough for its length field.
+    [[nodiscard]] bool fits() const { return fits_; }
+
     // The messages as they are sent, numbered from 1 on. The kernel answers the first change, and every added
-    // rule with what became of it if `with_rules`.
-    [[nodiscard]] std::string bytes(bool with_rules) const;
+    // rule with what became of it if `with_rules`. It refuses the batch if its rules are of another
+    // generation; 0: of any.
+    [[nodiscard]] std::string bytes(bool with_rules, u32 generation = 0) const;
 
   private:
     enum stage : u8 { parts_added, chains_added, rules_changed, chains_deleted, parts_deleted, stages };
 
     template <class Fill>
     void put(stage when, int type, unsigned flags, family in, Fill fill);
-    void put_counter(stage when, int type, std::string_view name);
     void add_set(family in, u32 number, const std::vector<number_range>& ranges);
 
     std::array<std::string, stages> messages_;
     std::size_t added_rules_ = 0;
     u32 sets_ = 0;
+    bool fits_ = true;
 };
 
 }  // namespace scc::kernel

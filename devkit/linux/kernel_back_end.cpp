@@ -5,41 +5,63 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <future>
 #include <iterator>
+#include <system_error>
 #include <utility>
 
-namespace scc::kernel {
+#include "linux/dropped_frames.h"
 
-using service::acl_name;
+namespace scc::kernel {
+namespace {
+
+constexpr int attempts_max = 5;  // while others change the kernel's rules, too
+
+// Of this thread.
+std::chrono::nanoseconds processor_time() {
+    timespec time{};
+    (void)clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+}  // namespace
+
 using service::acl_table;
 using service::counter_name;
 using service::work_kind;
 
 kernel_back_end::kernel_back_end(service::forwarding_table& table, interface_map map, packet_filter& filter,
-                                 log_handler log, std::size_t list_chain)
+                                 log_handler log, std::size_t list_chain, const pace_limits& pace)
     : table_(table),
-      enforcement_(std::move(map)),
+      enforcement_(std::move(map), dropped_frames::are_told()),
       filter_(filter),
       log_(std::move(log)),
-      list_chain_(list_chain) {}
+      list_chain_(list_chain),
+      pace_(pace) {}
 
 u32 kernel_back_end::start() {
     const u32 error = table_.locked([this](contents& held) {
-        const u32 result = filter_.read_tables(kernel_);
+        const u32 result = read_kernel();
         if (result == 0) {
             enforcement::adopt(kernel_, held);
             held.begin_recovery();
             held.acls.keep_changes();
             held.acls.count_with(this);
-            everything_differs_ = true;
         }
         return result;
     });
-    if (error == 0) {
-        thread_ = std::thread([this] { serve(); });
+    if (error != 0) {
+        return error;
     }
-    return error;
+    const std::lock_guard guard(mutex_);
+    try {
+        thread_ = std::thread([this] { serve(); });
+    } catch (const std::system_error& failed) {
+        return static_cast<u32>(failed.code().value());
+    }
+    ending_ = false;
+    return 0;
 }
 
 void kernel_back_end::stop() {
@@ -56,7 +78,13 @@ void kernel_back_end::stop() {
 void kernel_back_end::submit(work_kind kind, table_work work, completion done) {
     {
         const std::lock_guard guard(mutex_);
-        waiting_.push_back({kind, std::move(work), std::move(done), false, 0});
+        if (!ending_) {
+            waiting_.push_back({kind, std::move(work), std::exchange(done, {}), false, 0});
+            is_urgent_ = is_urgent_ || kind == work_kind::query;
+        }
+    }
+    if (done) {
+        done(ECANCELED);
     }
     changed_.notify_one();
 }
@@ -71,6 +99,7 @@ u32 kernel_back_end::run(work_kind kind, table_work work) {
         }
         waiting_.push_back(
             {kind, std::move(work), [promise](u32 value) { promise->set_value(value); }, true, 0});
+        is_urgent_ = true;
     }
     changed_.notify_one();
     return result.get();
@@ -79,13 +108,15 @@ u32 kernel_back_end::run(work_kind kind, table_work work) {
 void kernel_back_end::serve() {
     std::unique_lock lock(mutex_);
     while (!ending_) {
-        if (waiting_.empty()) {
-            changed_.wait(lock);
+        if (!is_due(lock)) {
             continue;
         }
         std::deque<item> taken = std::exchange(waiting_, {});
+        is_urgent_ = false;
         lock.unlock();
+        const std::chrono::nanoseconds before = processor_time();
         process(taken);
+        pace_.ended(transaction_pace::clock::now(), processor_time() - before, taken.size());
         lock.lock();
     }
     // Whoever waits in run() is released.
@@ -93,6 +124,19 @@ void kernel_back_end::serve() {
         left.done(ECANCELED);
     }
     waiting_.clear();
+}
+
+bool kernel_back_end::is_due(std::unique_lock<std::mutex>& lock) {
+    if (waiting_.empty()) {
+        changed_.wait(lock);
+        return false;
+    }
+    const auto next = pace_.next(waiting_.size());
+    if (is_urgent_ || next <= transaction_pace::clock::now()) {
+        return true;
+    }
+    changed_.wait_until(lock, next);
+    return false;
 }
 
 void kernel_back_end::process(std::deque<item>& taken) {
@@ -126,7 +170,7 @@ void kernel_back_end::commit(items& changes) {
         if (error == 0) {
             confirm(held);
         } else if (was_recovering) {
-            // The daemon does not send it again; the next operation tries it again.
+            // The daemon does not send it again; mend() or the next operation tries it again.
             held.acls.confirm();
             for (item& change : held_back_) {
                 change.result = change.result == 0 ? error : change.result;
@@ -164,9 +208,7 @@ void kernel_back_end::take_back(contents& held) {
 
 void kernel_back_end::retry_one_by_one(contents& held, items& changes) {
     for (item& change : changes) {
-        if (change.result != 0) {
-            continue;
-        }
+        // What failed may have failed for an earlier one that the kernel refuses.
         change.result = execute(held, change);
         const u32 error = change.result == 0 ? synchronize(held) : 0;
         if (error == 0) {
@@ -231,15 +273,29 @@ std::string kernel_back_end::problem_of(const contents& held, const acl_table::c
     return nac_changed ? enforcement_.problem_of(held.nac) : std::string();
 }
 
-// A refusal may mean that somebody else changed the tables: they are read anew, and it is tried once more.
-u32 kernel_back_end::synchronize(contents& held) {
-    u32 error = send_changes(held);
-    if (error == 0) {
-        return 0;
-    }
+u32 kernel_back_end::read_kernel() {
     everything_differs_ = true;
-    const u32 read_error = filter_.read_tables(kernel_);
-    return read_error != 0 ? read_error : send_changes(held);
+    const u32 error = filter_.read_tables(kernel_);
+    is_known_ = error == 0;
+    return error;
+}
+
+// A refusal may mean that somebody else changed the tables: they are read anew, and it is tried again. A
+// transaction for what has been read in part would add rules that are there already.
+u32 kernel_back_end::synchronize(contents& held) {
+    u32 error = is_known_ ? send_changes(held) : u32{ERESTART};
+    bool is_last = false;
+    for (int attempt = 0; error != 0 && !is_last && attempt < attempts_max; ++attempt) {
+        is_last = error != ERESTART;
+        error = read_kernel();
+        if (error == 0) {
+            error = send_changes(held);
+        }
+    }
+    if (error == ERESTART || !is_known_) {
+        log_(fmt::format("the kernel's rules are not known: {}", std::strerror(static_cast<int>(error))));
+    }
+    return error;
 }
 
 void kernel_back_end::note(const acl_table::change_notes& notes) {
@@ -280,7 +336,10 @@ u32 kernel_back_end::send_changes(contents& held) {
     std::string complaint;
     if (error == 0 && !changes.changes.is_empty()) {
         error = filter_.run(changes.changes, handles, complaint);
-        ++transactions_;
+        transactions_ += error == 0 ? 1 : 0;
+    }
+    if (error == ERESTART) {
+        return error;  // the next attempt tells if it is more than that
     }
     if (error != 0) {
         log_(fmt::format("the kernel refuses a change: {} {}", std::strerror(static_cast<int>(error)),
@@ -343,13 +402,16 @@ u32 kernel_back_end::refresh_counters(std::map<std::string, counted>& all) {
 
 void kernel_back_end::restore() {
     submit(
-        work_kind::change,
-        [this](contents&) {
-            const u32 error = filter_.read_tables(kernel_);
-            everything_differs_ = true;
-            return error;
-        },
-        [](u32) {});
+        work_kind::change, [this](contents&) { return read_kernel(); }, [](u32) {});
+}
+
+void kernel_back_end::mend() {
+    const bool differs =
+        table_.locked([this](const contents& held) { return everything_differs_ && !held.recovering; });
+    if (differs) {
+        submit(
+            work_kind::change, [](contents&) { return 0u; }, [](u32) {});
+    }
 }
 
 u64 kernel_back_end::transactions() {

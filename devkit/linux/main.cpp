@@ -7,10 +7,11 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
+#include "common/standard_output.h"
 #include "linux/kernel_back_end.h"
 #include "linux/options.h"
 #include "linux/reports.h"
@@ -21,6 +22,7 @@ namespace scc::kernel {
 namespace {
 
 constexpr int poll_ms = 200;  // interfaces that come and go, and reports that fall due
+constexpr std::chrono::seconds mend_interval{5};
 
 const service::console screen("scc-ss-linux");
 
@@ -50,19 +52,9 @@ class program {
         if (result != 0) {
             return screen.fail("packet filter", result);
         }
-        service_.start_answers();
-        service_.activate();
-        result = scc_ss_reg(&service::security_service::handlers());
-        if (result != 0) {
-            return screen.fail("registration", result);
-        }
-        bool waiting = true;
-        while (waiting) {
-            waiting = wait();
-        }
-        service_.stop_answers();
+        result = service_.serve([this] { return wait(); });
         back_end_.stop();
-        return EXIT_SUCCESS;
+        return result == 0 ? screen.end() : screen.fail("registration", result);
     }
 
   private:
@@ -73,6 +65,10 @@ class program {
             return errno == EINTR;
         }
         reports_.pass();
+        if (std::chrono::steady_clock::now() >= next_mend_) {
+            next_mend_ = std::chrono::steady_clock::now() + mend_interval;
+            back_end_.mend();
+        }
         if ((sources[0].revents & POLLIN) == 0) {
             return true;
         }
@@ -90,7 +86,7 @@ class program {
             screen.say(fmt::format("counters: {}", scc_strerror(static_cast<i32>(error))));
         }
         const std::string text = table_.locked([](const contents& held) { return held.text(); });
-        std::fwrite(text.data(), 1, text.size(), stdout);
+        devkit::print_output(text);
         screen.say(fmt::format("{} transactions", back_end_.transactions()));
         screen.say("end of tables");
     }
@@ -102,20 +98,25 @@ class program {
     service::security_service service_;
     reports reports_;
     int signals_ = -1;
+    std::chrono::steady_clock::time_point next_mend_;
 };
 
 // Without its tables the kernel forwards everything.
 int flush(packet_filter& filter) {
-    held_tables held;
-    u32 error = filter.read_tables(held);
-    batch changes;
-    for (const family in : held.tables) {
-        changes.delete_table(in);
-    }
-    std::vector<u64> handles;
-    std::string complaint;
-    if (error == 0 && !changes.is_empty()) {
-        error = filter.run(changes, handles, complaint);
+    constexpr int attempts = 5;  // while others change the kernel's rules, too
+    u32 error = ERESTART;
+    for (int attempt = 0; error == ERESTART && attempt < attempts; ++attempt) {
+        held_tables held;
+        error = filter.read_tables(held);
+        batch changes;
+        for (const family in : held.tables) {
+            changes.delete_table(in);
+        }
+        std::vector<u64> handles;
+        std::string complaint;
+        if (error == 0 && !changes.is_empty()) {
+            error = filter.run(changes, handles, complaint);
+        }
     }
     return error == 0 ? EXIT_SUCCESS : screen.fail("flush", error);
 }
@@ -150,5 +151,8 @@ int start(options given) {
 int main(int argc, char** argv) {
     int exit_code = EXIT_SUCCESS;
     std::optional<scc::kernel::options> options = scc::kernel::parse_options(argc, argv, &exit_code);
-    return options ? scc::kernel::start(std::move(*options)) : exit_code;
+    if (!options) {
+        return exit_code == EXIT_SUCCESS ? scc::kernel::screen.end() : exit_code;
+    }
+    return scc::kernel::start(std::move(*options));
 }

@@ -3,7 +3,6 @@
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -20,14 +19,14 @@ namespace {
 constexpr std::size_t buffer_bytes = 64 * 1024;
 constexpr u8 comment_type = 0;  // of a rule's user data: type, length, text with its final 0
 
-struct socket_closer {
-    void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
-};
-
 using attribute_table = std::array<const nlattr*, NFTA_RULE_MAX + NFTA_CHAIN_MAX + NFTA_OBJ_MAX>;
 
 std::string text_of(const nlattr* attribute) {
-    return attribute == nullptr ? std::string() : std::string(mnl_attr_get_str(attribute));
+    if (attribute == nullptr) {
+        return {};
+    }
+    const char* const text = mnl_attr_get_str(attribute);
+    return {text, ::strnlen(text, mnl_attr_get_payload_len(attribute))};
 }
 
 u64 number_of(const nlattr* attribute) {
@@ -99,41 +98,55 @@ std::string_view kind_of(u16 message_type) {
     }
 }
 
+// Of an answer, or of the end of a dump: 0 or a negative errno value.
+u32 result_of(const nlmsghdr* message) {
+    i32 number = 0;
+    if (mnl_nlmsg_get_payload_len(message) < sizeof number) {
+        return EBADMSG;
+    }
+    std::memcpy(&number, mnl_nlmsg_get_payload(message), sizeof number);
+    return number > 0 ? EBADMSG : 0 - static_cast<u32>(number);
+}
+
+std::string_view subject_of(const nlmsghdr* answer) {
+    nlmsgerr fields{};
+    if (mnl_nlmsg_get_payload_len(answer) < sizeof fields) {
+        return {};
+    }
+    std::memcpy(&fields, mnl_nlmsg_get_payload(answer), sizeof fields);
+    return kind_of(fields.msg.nlmsg_type);
+}
+
 class kernel_filter : public packet_filter {
   public:
-    u32 open() {
-        socket_.reset(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC));
-        if (!socket_) {
-            return static_cast<u32>(errno);
-        }
-        // An error need not repeat the message that it is about.
-        const int on = 1;
-        (void)mnl_socket_setsockopt(socket_.get(), NETLINK_CAP_ACK, const_cast<int*>(&on), sizeof on);
-        return mnl_socket_bind(socket_.get(), 0, MNL_SOCKET_AUTOPID) < 0 ? static_cast<u32>(errno) : 0;
-    }
+    explicit kernel_filter(socket_opener open) : open_(std::move(open)) {}
 
     u32 run(const batch& changes, std::vector<u64>& handles, std::string& text) override {
         constexpr std::size_t told_max = 64;
-        const std::string messages = changes.bytes(changes.added_rules() <= told_max);
-        // The kernel takes a transaction as a whole, however long it is.
-        const int len = static_cast<int>(messages.size());
-        (void)::setsockopt(mnl_socket_get_fd(socket_.get()), SOL_SOCKET, SO_SNDBUFFORCE, &len, sizeof len);
-        if (mnl_socket_sendto(socket_.get(), messages.data(), messages.size()) < 0) {
-            return static_cast<u32>(errno);
+        if (!changes.fits()) {
+            return EMSGSIZE;
         }
-        return take_answers(handles, text);
+        u32 error = send(changes.bytes(changes.added_rules() <= told_max, generation_));
+        if (error == 0) {
+            error = take_answers(handles, text);
+        }
+        if (error == 0 && ++generation_ == 0) {
+            ++generation_;  // the kernel leaves 0 out
+        }
+        return error;
     }
 
     u32 read_tables(held_tables& tables) override {
         tables = {};
+        u32 error = read_generation();
         for (const family in : families) {
-            const u32 error = read_table(in, tables);
-            if (error != 0) {
-                return error;
-            }
+            error = error == 0 ? read_table(in, tables) : error;
+        }
+        if (error != 0) {
+            return error;
         }
         std::vector<counted> counters;
-        const u32 error = tables.tables.contains(family::netdev) ? read_counters(counters) : 0;
+        error = tables.tables.contains(family::netdev) ? read_counters(counters) : 0;
         for (const counted& counter : counters) {
             tables.counters.insert(counter.name);
         }
@@ -212,32 +225,42 @@ class kernel_filter : public packet_filter {
         return rule_error;
     }
 
+    // What is read afterwards is what this generation has, or a transaction fails that builds on it.
+    u32 read_generation() {
+        const nlmsghdr* const request = begin(NFT_MSG_GETGEN, family::netdev, NLM_F_ACK);
+        return exchange(request, [this](const nlmsghdr* message) {
+            const nlattr* const id = attributes_of(message)[NFTA_GEN_ID];
+            const bool is_whole = id != nullptr && mnl_attr_get_payload_len(id) == sizeof(u32);
+            generation_ = is_whole ? ntohl(mnl_attr_get_u32(id)) : 0;
+        });
+    }
+
     // The kernel has answered when it has taken the transaction.
     u32 take_answers(std::vector<u64>& handles, std::string& text) {
         u32 error = ENOMSG;
         bool failed = false;
         for (;;) {
-            const ssize_t received =
-                ::recv(mnl_socket_get_fd(socket_.get()), buffer_.data(), buffer_.size(), MSG_DONTWAIT);
-            if (received < 0 && errno == EINTR) {
-                continue;
-            }
-            if (received < 0 && errno != ENOBUFS) {
+            std::size_t size = 0;
+            u32 problem = receive(size);
+            if (problem == EAGAIN) {
                 return error;
             }
-            int rest = static_cast<int>(received);
-            for (auto* message = reinterpret_cast<const nlmsghdr*>(buffer_.data());
-                 mnl_nlmsg_ok(message, rest); message = mnl_nlmsg_next(message, &rest)) {
-                if (message->nlmsg_type == (NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWRULE)) {
-                    handles.push_back(number_of(attributes_of(message)[NFTA_RULE_HANDLE]));
-                }
-                if (message->nlmsg_type != NLMSG_ERROR || failed) {
-                    continue;
-                }
-                const auto* answer = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(message));
-                error = static_cast<u32>(-answer->error);
-                failed = error != 0;
-                text = failed ? kind_of(answer->msg.nlmsg_type) : std::string_view();
+            if (problem == 0) {
+                problem = for_each_message(size, [&](const nlmsghdr* message) {
+                    if (message->nlmsg_type == (NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWRULE)) {
+                        handles.push_back(number_of(attributes_of(message)[NFTA_RULE_HANDLE]));
+                    }
+                    if (message->nlmsg_type == NLMSG_ERROR && !failed) {
+                        error = result_of(message);
+                        failed = error != 0;
+                        text = failed ? subject_of(message) : std::string_view();
+                    }
+                    return true;
+                });
+            }
+            if (problem != 0) {
+                socket_.reset();
+                return failed ? error : problem;
             }
         }
     }
@@ -253,7 +276,7 @@ class kernel_filter : public packet_filter {
         return request;
     }
 
-    // A dump that another change of the tables interrupted is begun again.
+    // A dump that another change of the tables interrupted, or that was lost in part, is begun again.
     u32 dump(int type, family in, const filter_list& filters, const visitor& visit) {
         constexpr int attempts = 5;
         u32 error = 0;
@@ -272,7 +295,7 @@ class kernel_filter : public packet_filter {
                     visit(attributes_of(reinterpret_cast<const nlmsghdr*>(message.data())));
                 }
             }
-            if (error != EINTR) {
+            if (error != EINTR && error != ENOBUFS) {
                 break;
             }
         }
@@ -280,48 +303,99 @@ class kernel_filter : public packet_filter {
     }
 
     u32 exchange(const nlmsghdr* request, const message_visitor& visit) {
-        if (mnl_socket_sendto(socket_.get(), request, request->nlmsg_len) < 0) {
-            return static_cast<u32>(errno);
+        u32 error = send({reinterpret_cast<const char*>(request), request->nlmsg_len});
+        if (error != 0) {
+            return error;
         }
-        const auto take = [](const nlmsghdr* message, void* context) {
-            (*static_cast<const message_visitor*>(context))(message);
-            return MNL_CB_OK;
-        };
-        const u32 port = mnl_socket_get_portid(socket_.get());
-        int state = MNL_CB_OK;
-        while (state > MNL_CB_STOP) {
-            const ssize_t received = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
-            if (received < 0) {
-                return static_cast<u32>(errno);
+        bool interrupted = false;
+        bool ended = false;
+        u32 result = 0;
+        while (!ended && error == 0) {
+            std::size_t size = 0;
+            error = receive(size);
+            if (error == 0) {
+                error = for_each_message(size, [&](const nlmsghdr* message) {
+                    interrupted = interrupted || (message->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
+                    ended = message->nlmsg_type == NLMSG_ERROR || message->nlmsg_type == NLMSG_DONE;
+                    if (!ended && message->nlmsg_type >= NLMSG_MIN_TYPE) {
+                        visit(message);
+                    }
+                    result = ended ? result_of(message) : 0;
+                    return !ended;
+                });
             }
-            state = mnl_cb_run(buffer_.data(), static_cast<std::size_t>(received), sequence_, port, take,
-                               const_cast<message_visitor*>(&visit));
         }
-        const u32 error = state < 0 ? static_cast<u32>(errno) : 0;
-        // What is left of an interrupted dump is not the answer to the next request.
-        while (state < 0 &&
-               ::recv(mnl_socket_get_fd(socket_.get()), buffer_.data(), buffer_.size(), MSG_DONTWAIT) >= 0) {
+        if (!ended) {
+            // The kernel goes on with a dump only on this socket, and only if the messages are fetched.
+            socket_.reset();
+            return error == EAGAIN ? ENOMSG : error;
         }
-        return error;
+        return result == 0 && interrupted ? EINTR : result;
     }
 
-    std::unique_ptr<mnl_socket, socket_closer> socket_;
+    u32 send(std::string_view messages) {
+        if (!socket_) {
+            socket_ = open_();
+        }
+        ssize_t sent = -1;
+        while (socket_ && sent < 0) {
+            sent = socket_->send(messages);
+            if (sent < 0 && errno != EINTR) {
+                break;
+            }
+        }
+        return sent < 0 ? static_cast<u32>(errno) : 0;
+    }
+
+    u32 receive(std::size_t& size) {
+        ssize_t received = -1;
+        do {
+            received = socket_->receive(buffer_);
+        } while (received < 0 && errno == EINTR);
+        if (received < 0) {
+            return static_cast<u32>(errno);
+        }
+        size = static_cast<std::size_t>(received);
+        return size > buffer_.size() ? EMSGSIZE : 0;
+    }
+
+    // Until `visit` returns false.
+    template <class Visit>
+    u32 for_each_message(std::size_t size, Visit visit) {
+        int rest = static_cast<int>(size);
+        const auto* message = reinterpret_cast<const nlmsghdr*>(buffer_.data());
+        do {
+            if (!mnl_nlmsg_ok(message, rest)) {
+                return EBADMSG;
+            }
+            if (!visit(message)) {
+                return 0;
+            }
+            message = mnl_nlmsg_next(message, &rest);
+        } while (rest > 0);
+        return 0;
+    }
+
+    const socket_opener open_;
+    std::unique_ptr<netlink_socket> socket_;  // null: opened for the next message
     u32 sequence_ = 0;
+    u32 generation_ = 0;  // of the kernel's rules; 0: not known
     alignas(nlmsghdr) std::array<char, buffer_bytes> buffer_{};
 };
 
 }  // namespace
 
+std::unique_ptr<packet_filter> packet_filter_on(socket_opener open) {
+    return std::make_unique<kernel_filter>(std::move(open));
+}
+
 std::unique_ptr<packet_filter> open_packet_filter(std::string& problem) {
-    auto filter = std::make_unique<kernel_filter>();
+    std::unique_ptr<packet_filter> filter = packet_filter_on(open_netlink_socket);
     held_tables tables;
-    u32 error = filter->open();
-    if (error == 0) {
-        error = filter->read_tables(tables);
-    }
+    const u32 error = filter->read_tables(tables);
     if (error != 0) {
         problem = std::strerror(static_cast<int>(error));
-        return nullptr;
+        filter.reset();
     }
     return filter;
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "linux/netlink_socket.h"
 #include "linux/ruleset.h"
 
 namespace scc::kernel {
@@ -23,7 +24,7 @@ class packet_filter {
     virtual ~packet_filter() = default;
 
     // `text` gets the kernel's complaint, `handles` those of the added rules in their order. It stays empty
-    // if there are many.
+    // if there are many. ERESTART if somebody changed the kernel's rules after the last read_tables().
     [[nodiscard]] virtual u32 run(const batch& changes, std::vector<u64>& handles, std::string& text) = 0;
 
     [[nodiscard]] virtual u32 read_tables(held_tables& tables) = 0;
@@ -35,5 +36,7 @@ class packet_filter {
 
 // Null, with the problem, if the kernel or the process's rights do not allow it.
 [[nodiscard]] std::unique_ptr<packet_filter> open_packet_filter(std::string& problem);
+// On sockets of this kind. None is opened before the first call.
+[[nodiscard]] std::unique_ptr<packet_filter> packet_filter_on(socket_opener open);
 
 }  // namespace scc::kernel

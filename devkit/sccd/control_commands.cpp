@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 
 #include "common/control.h"
 #include "sccd/json_fields.h"
@@ -233,13 +234,14 @@ void fault_clear(const command_call& call) {
     call.reply(success());
 }
 
+u32 count_of(const command_call& call) {
+    return static_cast<u32>(call.fields.number_within("count", 1, 1, std::numeric_limits<u32>::max()));
+}
+
 void fail_next(const command_call& call) {
     const u16 type = call.fields.number16("type");
     const u32 result = call.fields.number32("result");
-    const u32 count = call.fields.number32("count", 1);
-    if (count == 0) {
-        call.fields.refuse("count", "must not be 0");
-    }
+    const u32 count = count_of(call);
     if (!understood(call)) {
         return;
     }
@@ -249,10 +251,7 @@ void fail_next(const command_call& call) {
 
 void mute(const command_call& call) {
     const u16 type = call.fields.number16("type");
-    const u32 count = call.fields.number32("count", 1);
-    if (count == 0) {
-        call.fields.refuse("count", "must not be 0");
-    }
+    const u32 count = count_of(call);
     if (!understood(call)) {
         return;
     }

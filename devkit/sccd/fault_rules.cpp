@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 #include <stdexcept>
 
 #include "common/messages.h"
@@ -66,11 +67,7 @@ u16 type_of(json_fields& fields, const json& object) {
 }
 
 u32 positive(json_fields& fields, std::string_view name) {
-    const u32 number = fields.number32(name, 1);
-    if (number == 0) {
-        fields.refuse(name, "must not be 0");
-    }
-    return number;
+    return static_cast<u32>(fields.number_within(name, 1, 1, std::numeric_limits<u32>::max()));
 }
 
 word_list fields_of(const action_row& row) {
@@ -89,18 +86,16 @@ word_list fields_of(const action_row& row) {
 
 void read_effect(const action_row& row, json_fields& fields, fault_effect& effect) {
     effect.action = row.action;
-    const u32 time = fields.number32("ms");
-    if (time > time_max_ms) {
-        fields.refuse("ms", "more than an hour");
+    const bool needs_time = row.has_time && row.action != fault_action::half_message;
+    if (needs_time && !fields.has("ms")) {
+        fields.refuse("ms", "missing");
     }
-    if (row.has_time && row.action != fault_action::half_message && time == 0) {
-        fields.refuse("ms", fields.has("ms") ? "must not be 0" : "missing");
+    effect.time = std::chrono::milliseconds(fields.number_within("ms", 0, needs_time ? 1 : 0, time_max_ms));
+    if (row.has_result && !fields.has("result")) {
+        fields.refuse("result", "missing");
     }
-    effect.time = std::chrono::milliseconds(time);
-    effect.result = fields.number32("result");
-    if (row.has_result && effect.result == 0) {
-        fields.refuse("result", fields.has("result") ? "must not be 0" : "missing");
-    }
+    constexpr u64 result_max = std::numeric_limits<u32>::max();
+    effect.result = static_cast<u32>(fields.number_within("result", 0, row.has_result ? 1 : 0, result_max));
     effect.bytes = fields.number32("bytes", call_id_bytes);
 }
 

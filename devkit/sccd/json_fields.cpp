@@ -61,29 +61,30 @@ std::optional<u64> json_fields::as_number(const json& value) {
     return number;
 }
 
-u64 json_fields::bounded(std::string_view name, u64 otherwise, u64 max) {
+u64 json_fields::number_within(std::string_view name, u64 otherwise, u64 min, u64 max) {
     const json* const value = field(name);
     if (value == nullptr) {
         return otherwise;
     }
     const std::optional<u64> found = as_number(*value);
-    if (!found || *found > max) {
-        refuse(name, "not a number that fits");
+    if (!found || *found < min || *found > max) {
+        const std::string written = value->is_string() ? value->get<std::string>() : value->dump();
+        refuse(name, fmt::format("'{}' is not a number from {} to {}", written, min, max));
         return otherwise;
     }
     return *found;
 }
 
 u64 json_fields::number(std::string_view name, u64 otherwise) {
-    return bounded(name, otherwise, std::numeric_limits<u64>::max());
+    return number_within(name, otherwise, 0, std::numeric_limits<u64>::max());
 }
 
 u32 json_fields::number32(std::string_view name, u32 otherwise) {
-    return static_cast<u32>(bounded(name, otherwise, std::numeric_limits<u32>::max()));
+    return static_cast<u32>(number_within(name, otherwise, 0, std::numeric_limits<u32>::max()));
 }
 
 u16 json_fields::number16(std::string_view name) {
-    return static_cast<u16>(bounded(name, 0, std::numeric_limits<u16>::max()));
+    return static_cast<u16>(number_within(name, 0, 0, std::numeric_limits<u16>::max()));
 }
 
 std::string json_fields::text(std::string_view name) {

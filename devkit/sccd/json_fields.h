@@ -34,6 +34,7 @@ class json_fields {
     [[nodiscard]] u64 number(std::string_view name, u64 otherwise = 0);
     [[nodiscard]] u32 number32(std::string_view name, u32 otherwise = 0);
     [[nodiscard]] u16 number16(std::string_view name);
+    [[nodiscard]] u64 number_within(std::string_view name, u64 otherwise, u64 min, u64 max);
     [[nodiscard]] bool flag(std::string_view name) { return number(name) != 0; }
     [[nodiscard]] std::string text(std::string_view name);
     [[nodiscard]] devkit::byte_buffer hex(std::string_view name);
@@ -52,7 +53,6 @@ class json_fields {
 
   private:
     [[nodiscard]] const json* field(std::string_view name) const;
-    [[nodiscard]] u64 bounded(std::string_view name, u64 otherwise, u64 max);
 
     const json& object_;
     std::string problem_;

@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "common/number_option.h"
 #include "common/standard_output.h"
 #include "sccd/daemon.h"
 
@@ -93,7 +94,8 @@ int main(int argc, char** argv) {
         ->type_name("FILE");
     app.add_option("--scenario", options.scenario, "Let the faults of this file happen")->type_name("FILE");
     app.add_option("--service-timeout", timeout_ms, "Milliseconds to wait for the security service")
-        ->check(CLI::Range(1, std::numeric_limits<int>::max()))
+        ->transform(scc::devkit::number_within(1, std::numeric_limits<int>::max()))
+        ->type_name("N")
         ->capture_default_str();
     try {
         app.parse(argc, argv);

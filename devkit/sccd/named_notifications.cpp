@@ -137,7 +137,9 @@ void put_vlans(byte_buffer& value, const notification_field& field, json_fields&
     for (const json& element : fields.list(field.name)) {
         const std::optional<u64> vlan = json_fields::as_number(element);
         if (!vlan || !devkit::set_vlan(value, field.offset, *vlan)) {
-            fields.refuse(field.name, "not a VLAN");
+            const std::string written = element.is_string() ? element.get<std::string>() : element.dump();
+            fields.refuse(field.name,
+                          fmt::format("'{}' is not a number from 0 to {}", written, devkit::vlan_count - 1));
         }
     }
 }

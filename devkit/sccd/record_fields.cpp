@@ -85,12 +85,20 @@ void write_number(const record_field& field, u64 number, byte_buffer& into) {
     }
 }
 
-void read_number(const record_field& field, json_fields& from, byte_buffer& into) {
-    const u64 number = from.number(field.name);
-    if (number < field.min || number > field.max) {
-        from.refuse(field.name, fmt::format("not {} to {}", field.min, field.max));
+u64 largest(devkit::field_kind kind) {
+    switch (kind) {
+        case number8:
+            return std::numeric_limits<u8>::max();
+        case number16:
+            return std::numeric_limits<u16>::max();
+        default:
+            return std::numeric_limits<u64>::max();
     }
-    write_number(field, number, into);
+}
+
+void read_number(const record_field& field, json_fields& from, byte_buffer& into) {
+    write_number(
+        field, from.number_within(field.name, 0, field.min, std::min(field.max, largest(field.kind))), into);
 }
 
 void read_key(const record_field& field, json_fields& from, byte_buffer& into) {

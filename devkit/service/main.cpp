@@ -47,18 +47,8 @@ class program {
         if (signals_ < 0 || wake_ < 0) {
             return screen.fail("signals", static_cast<u32>(errno));
         }
-        service_.start_answers();
-        service_.activate();
-        const u32 result = scc_ss_reg(&security_service::handlers());
-        if (result != 0) {
-            return screen.fail("registration", result);
-        }
-        bool waiting = true;
-        while (waiting) {
-            waiting = wait();
-        }
-        service_.stop_answers();
-        return screen.end();
+        const u32 result = service_.serve([this] { return wait(); });
+        return result == 0 ? screen.end() : screen.fail("registration", result);
     }
 
   private:

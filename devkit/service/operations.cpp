@@ -2,11 +2,19 @@
 
 #include <fmt/format.h>
 
+#include "common/value_names.h"
+#include "scc_records.h"
+
 namespace scc::service {
 namespace {
 
 std::string describe(const scc_acl_key& key) {
     return fmt::format("acl {}/{}/{}", key.vdev_id, key.app_type, key.acl_id);
+}
+
+std::string describe_direction(u32 direction) {
+    const std::string_view name = devkit::name_of(devkit::names::direction, direction);
+    return name.empty() ? fmt::format("direction {}", direction) : std::string(name);
 }
 
 }  // namespace
@@ -66,8 +74,11 @@ std::string describe(const scc_ss_ace_operation& operation) {
 }
 
 std::string describe(const scc_ss_apply_operation& operation) {
-    return fmt::format("{} {} type {}", operation.op == SCC_SS_OP_APPLY ? "apply" : "unapply",
-                       describe(operation.apply.key), operation.apply.apply_type);
+    scc_records_application where{};
+    (void)scc_records_decode_application(&operation.apply, &where);
+    return fmt::format("{} {} type {} ifx {} {}{}", operation.op == SCC_SS_OP_APPLY ? "apply" : "unapply",
+                       describe(where.key), where.apply_type, where.ifx, describe_direction(where.direction),
+                       user_text_of(operation.apply));
 }
 
 std::string describe(const scc_ss_resequence_operation& operation) {

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <span>
 
+#include "common/counted.h"
+
 namespace scc::service {
 namespace {
 
@@ -60,9 +62,10 @@ report_outcome send_report(const capture_report& report) {
 }
 
 std::string summary_of(const capture_report& report) {
-    return fmt::format("{} packets, {} unreadable, {} matched, {} denied, {} flows, {} moves, {} silent",
-                       report.packets, report.unreadable, report.matched, report.denied, report.flows.size(),
-                       report.moves.size(), report.silences.size());
+    return fmt::format("{}, {} unreadable, {} matched, {} denied, {}, {}, {} silent",
+                       devkit::counted(report.packets, "packet"), report.unreadable, report.matched,
+                       report.denied, devkit::counted(report.flows.size(), "flow"),
+                       devkit::counted(report.moves.size(), "move"), report.silences.size());
 }
 
 }  // namespace scc::service

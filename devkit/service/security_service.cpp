@@ -8,6 +8,7 @@
 #include <memory>
 #include <utility>
 
+#include "common/counted.h"
 #include "service/operations.h"
 
 namespace scc::service {
@@ -187,7 +188,8 @@ u32 take_list(u32 count, const void* entries, Take take) {
 int on_users_recover(u32 ifx, u32 app, u32 count, const void* users) {
     return static_cast<int>(active->carry_out_now(
         work_kind::change, msg::nacm_app_user_recover,
-        fmt::format("recover {} users ifx {} app {}", count, ifx, app), [count, users](contents& held) {
+        fmt::format("recover {} ifx {} app {}", devkit::counted(count, "user"), ifx, app),
+        [count, users](contents& held) {
             return take_list<scc_ss_user>(count, users,
                                           [&](const scc_ss_user& user) { held.nac.add_user(user); });
         }));
@@ -195,8 +197,8 @@ int on_users_recover(u32 ifx, u32 app, u32 count, const void* users) {
 
 int on_l4ports_recover(u32 count, const void* ports) {
     return static_cast<int>(active->carry_out_now(
-        work_kind::change, msg::nacm_l4port_recover, fmt::format("recover {} layer-4 ports", count),
-        [count, ports](contents& held) {
+        work_kind::change, msg::nacm_l4port_recover,
+        fmt::format("recover {}", devkit::counted(count, "layer-4 port")), [count, ports](contents& held) {
             return take_list<u32>(count, ports, [&](u32 port) { held.nac.set_l4port(port, true); });
         }));
 }
@@ -300,6 +302,16 @@ void security_service::activate() {
 
 const scc_ss_reg_info& security_service::handlers() {
     return all_handlers;
+}
+
+u32 security_service::serve(const std::function<bool()>& wait) {
+    start_answers();
+    activate();
+    const u32 result = scc_ss_reg(&handlers());
+    while (result == 0 && wait()) {
+    }
+    stop_answers();
+    return result;
 }
 
 void security_service::note_applied() {

@@ -47,6 +47,9 @@ class security_service {
     // the process exits.
     void activate();
     [[nodiscard]] static const scc_ss_reg_info& handlers();
+    // Activates the service, registers it, and answers until wait() returns false. Returns 0, or why there is
+    // no registration.
+    [[nodiscard]] u32 serve(const std::function<bool()>& wait);
 
     // Carries out an operation unless it is refused, logs it, and answers with its result unless it stays
     // unanswered.

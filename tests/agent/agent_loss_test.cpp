@@ -21,8 +21,7 @@ namespace {
 TEST_F(Agent, ThatLosesItsDaemonDropsItsCallsAndComesBack) {
     start();
     const test::debugging on;
-    std::uint32_t call_id = 0;
-    ASSERT_EQ(scc_addr_learning(5, 1, &call_id), 0U);
+    ASSERT_EQ(scc_addr_learning(5, 1, nullptr), 0U);
     EXPECT_EQ(daemon.read_item(side::async).type, 123);
     daemon.close_both();
     ASSERT_TRUE(test::wait_for_log("scc msg recv error. rv=32, Broken pipe"));
@@ -30,12 +29,7 @@ TEST_F(Agent, ThatLosesItsDaemonDropsItsCallsAndComesBack) {
     EXPECT_TRUE(test::logged("scc client start to try re-reg."));
     EXPECT_TRUE(test::logged("register to sccd success!"));
     EXPECT_EQ(test::added_tasks("scc-reconnect").front().number, 3);
-    daemon.send_result(call_id, 0);  // of a call that went with its connection
-    ASSERT_EQ(scc_addr_learning(5, 1, &call_id), 0U);
-    EXPECT_EQ(call_id, 2U);
-    EXPECT_EQ(daemon.read_item(side::async).type, 123);
-    expect_answer(2);
-    EXPECT_EQ(answers().size(), 0U);
+    expect_first_call_dropped();
 }
 
 TEST_F(Agent, BeingUnregisteredOnlySetsTheStateBackWhenReadingFails) {
@@ -223,11 +217,7 @@ TEST_F(Agent, LeavesItsTasksToTheLoopsThreadWhenTheCheckerFindsTheConnectionDead
 TEST_F(Agent, ComesBackWhenTheCheckerFindsTheConnectionDead) {
     start();
     const test::debugging on;
-    while_the_loop_is_busy([this] {
-        daemon.close_both();
-        ASSERT_EQ(scc_addr_learning(5, 1, nullptr), 0U);
-        EXPECT_TRUE(test::wait_for_log(identity() + "send  message error,ret:32!"));
-    });
+    lose_to_the_checker();
     expect_reconnection();
     EXPECT_TRUE(test::logged("scc client start to try re-reg."));
     EXPECT_EQ(test::added_tasks("scc-reconnect").size(), 1U);
@@ -254,20 +244,10 @@ TEST_F(Agent, ThatDoesNotReadComesBackWithTheNextRequest) {
 TEST_F(Agent, DropsItsCallsWhenTheCheckerFindsTheConnectionDead) {
     start();
     const test::debugging on;
-    while_the_loop_is_busy([this] {
-        daemon.close_both();
-        ASSERT_EQ(scc_addr_learning(5, 1, nullptr), 0U);
-        EXPECT_TRUE(test::wait_for_log(identity() + "send  message error,ret:32!"));
-    });
+    lose_to_the_checker();
     expect_reconnection();
     EXPECT_EQ(scc::pending_calls(), 0U);
-    daemon.send_result(1, 0);  // of a call that went with its connection
-    std::uint32_t call_id = 0;
-    ASSERT_EQ(scc_addr_learning(5, 1, &call_id), 0U);
-    EXPECT_EQ(call_id, 2U);
-    EXPECT_EQ(daemon.read_item(side::async).type, 123);
-    expect_answer(2);
-    EXPECT_EQ(answers().size(), 0U);
+    expect_first_call_dropped();
 }
 
 TEST_F(Agent, ReconnectsOnceWhenEveryThreadNoticesTheLossTogether) {
@@ -289,18 +269,21 @@ TEST_F(Agent, ReconnectsOnceWhenEveryThreadNoticesTheLossTogether) {
         });
     }
     // A query may go out on the connection that follows the last round: it ends with that one.
-    for (int round = 0; round < 20 || sending != 0; ++round) {
-        over = round >= 20;
+    std::size_t losses = 0;
+    for (; losses < 20 || sending != 0; ++losses) {
+        over = losses >= 20;
         daemon.close_both();
         daemon.accept_registration();
-        EXPECT_EQ(test::statuses().wait(), 0U) << round;
-        EXPECT_EQ(test::statuses().wait(), 1U) << round;
+        EXPECT_EQ(test::statuses().wait(), 0U) << losses;
+        EXPECT_EQ(test::statuses().wait(), 1U) << losses;
     }
     for (std::thread& sender : senders) {
         sender.join();
     }
     settle();
     EXPECT_EQ(state(), 4U);
+    EXPECT_EQ(test::statuses().size(), 0U);
+    EXPECT_EQ(test::added_tasks("scc-reconnect").size(), losses);
 }
 
 TEST_F(Agent, LogsNothingWhileTheSwitchIsOff) {

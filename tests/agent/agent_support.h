@@ -46,6 +46,17 @@ class Agent : public loop_application {
         EXPECT_EQ(got->call_id, call_id);
     }
 
+    // Call 1 went with its connection: its result reaches no handler, that of the next call does.
+    void expect_first_call_dropped() {
+        daemon.send_result(1, 0);
+        std::uint32_t call_id = 0;
+        ASSERT_EQ(scc_addr_learning(5, 1, &call_id), 0U);
+        EXPECT_EQ(call_id, 2U);
+        EXPECT_EQ(daemon.read_item(side::async).type, 123);
+        expect_answer(2);
+        EXPECT_EQ(answers().size(), 0U);
+    }
+
     // Keeps the loop's thread busy until the test releases it.
     template <class Function>
     void while_the_loop_is_busy(const Function& function) {
@@ -61,6 +72,16 @@ class Agent : public loop_application {
         function();
         done.set_value();
         blocker.join();
+    }
+
+    // The connection ends while the loop is busy: the checker notices it with the next request. The log is
+    // on.
+    void lose_to_the_checker() {
+        while_the_loop_is_busy([this] {
+            daemon.close_both();
+            ASSERT_EQ(scc_addr_learning(5, 1, nullptr), 0U);
+            EXPECT_TRUE(wait_for_log(identity() + "send  message error,ret:32!"));
+        });
     }
 
     static std::string identity() { return "(app id:7, pid:" + std::to_string(getpid()) + ")"; }

@@ -329,10 +329,7 @@ TEST_F(Connection, AnAttemptWithoutADirectoryFailsAndIsMadeAgain) {
         }
         test::on_status(status);
     };
-    info.app_id = 7;
-    ASSERT_EQ(scc_svr_reg(&info), 0U);
-    daemon.accept_registration();
-    ASSERT_EQ(test::statuses().wait(), 1U);
+    start();
     const test::debugging on;
     daemon.close_both();
     ASSERT_EQ(test::statuses().wait(), 0U);

@@ -236,17 +236,13 @@ TEST_F(Receive, ARaisedFlagMakesTheThreadRegisterAgain) {
 }
 
 TEST_F(Receive, ANumberThatIsNoDescriptorIsABrokenConnection) {
-    info.app_id = 7;
-    info.handlers.station_move = test::hold_receive_thread;
     info.handlers.server_status = [](std::uint32_t status) {
         if (status == 0) {
             g_scc_client_cb.async_fd = -1;  // what cannot be closed would stay
         }
         test::statuses().push(status);
     };
-    ASSERT_EQ(scc_svr_reg(&info), 0U);
-    daemon.accept_registration();
-    ASSERT_EQ(test::statuses().wait(), 1U);
+    start_with_holding_handler();
     hold();
     const test::debugging on;
     const int real = g_scc_client_cb.async_fd.exchange(999);

@@ -108,6 +108,105 @@ TEST(CtlAclFile, EveryFaultyLineIsReportedWithItsNumber) {
     }
 }
 
+TEST(CtlAclFile, ANamedTimeRangeStandsForItsTimes) {
+    constexpr std::string_view named =
+        "time-range office mon-fri 08:00-18:00\n"
+        "acl 1\n"
+        " permit ip any any time-range office\n"
+        "time-range lunch_2 12:00-13:00\n"
+        "acl 2\n"
+        " deny tcp any any time-range lunch_2 remark \"no time-range office here\"\n"
+        " deny udp any any remark time-range time-range office log\n";
+    EXPECT_EQ(print_acl_file(file_of(named)),
+              "acl 1 type 1 class 0\n"
+              "  10 permit ip any any time-range mon-fri 08:00-18:00\n"
+              "acl 2 type 1 class 0\n"
+              "  10 deny tcp any any time-range 12:00-13:00 remark \"no time-range office here\"\n"
+              "  20 deny udp any any time-range mon-fri 08:00-18:00 log remark \"time-range\"\n");
+}
+
+TEST(CtlAclFile, AFaultyTimeRangeIsReportedWithItsPlace) {
+    const auto errors = errors_of(
+        "time-range office mon-fri 08:00-18:00\n"
+        "time-range office 08:00-18:00\n"
+        "time-range mon-work 08:00-18:00\n"
+        "time-range 08:00-18:00\n"
+        "time-range night\n"
+        "time-range night mon-fry 08:00-18:00\n"
+        "time-range night mon 25:00-26:00\n"
+        "time-range night 08:00-18:00 log\n"
+        "time-range night mon 08:00-18:00 id\n"
+        "time-range\n"
+        "acl 1\n"
+        " permit ip any any time-range night\n"
+        " permit ip any any time-range office lag\n"
+        " permit ip any any time-range office time-range office\n");
+    const file_error expected[] = {
+        {2, 12, "time range 'office' already stands in line 1"},
+        {3, 12,
+         "'mon-work' is no name: it needs letters, digits, '-' and '_', and begins with a letter, but not "
+         "with "
+         "a day"},
+        {4, 12,
+         "'08:00-18:00' is no name: it needs letters, digits, '-' and '_', and begins with a letter, but not "
+         "with a day"},
+        {5, 17, "time is missing"},
+        {6, 18, "'mon-fry' is neither a day (sun to sat) nor a time"},
+        {7, 22, "'25:00-26:00' is not a time HH:MM-HH:MM"},
+        {8, 30, "'log' follows the end of the time range"},
+        {9, 34, "'id' follows the end of the time range"},
+        {10, 11, "the name of the time range is missing"},
+        {12, 31, "no time range 'night' above"},
+        {13, 38, "unknown option 'lag'"},
+        {14, 38, "'time-range' is given twice"}};
+    ASSERT_EQ(errors.size(), std::size(expected));
+    for (std::size_t i = 0; i < errors.size(); ++i) {
+        EXPECT_EQ(errors[i].line, expected[i].line);
+        EXPECT_EQ(errors[i].column, expected[i].column) << expected[i].text;
+        EXPECT_EQ(errors[i].text, expected[i].text);
+    }
+}
+
+TEST(CtlAclFile, ARemarkOnItsOwnLineBelongsToTheAceBelow) {
+    EXPECT_EQ(print_acl_file(file_of("acl 1\n remark \"the printer\"  # a note\n\n 7 permit ip any any id 9\n"
+                                     " remark web\n deny tcp any any eq 80\n")),
+              "acl 1 type 1 class 0\n"
+              "  7 permit ip any any remark \"the printer\" id 9\n"
+              "  10 deny tcp any any port 80 remark \"web\"\n");
+}
+
+TEST(CtlAclFile, ARemarkWithoutItsAceIsReported) {
+    const auto errors = errors_of(
+        "remark x\n"
+        "acl 1\n"
+        " remark\n"
+        " remark \"open\n"
+        " remark x y\n"
+        " remark one\n"
+        " remark two\n"
+        " permit ip any any remark three\n"
+        " remark four\n"
+        " 5 raw 0102ff\n"
+        " remark five\n"
+        "acl 2\n"
+        " remark six\n");
+    const file_error expected[] = {{1, 1, "an ACE needs an 'acl' line above it"},
+                                   {3, 8, "remark is missing"},
+                                   {4, 9, "the quote is not closed"},
+                                   {5, 11, "the line goes on after its remark"},
+                                   {6, 2, "no ACE follows the remark"},
+                                   {8, 2, "two remarks: the other one stands in line 7"},
+                                   {10, 2, "no rule, so it cannot have the remark of line 9"},
+                                   {11, 2, "no ACE follows the remark"},
+                                   {13, 2, "no ACE follows the remark"}};
+    ASSERT_EQ(errors.size(), std::size(expected));
+    for (std::size_t i = 0; i < errors.size(); ++i) {
+        EXPECT_EQ(errors[i].line, expected[i].line);
+        EXPECT_EQ(errors[i].column, expected[i].column) << expected[i].text;
+        EXPECT_EQ(errors[i].text, expected[i].text);
+    }
+}
+
 TEST(CtlAclFile, AnAmbiguousApplicationNeedsItsType) {
     const auto errors = errors_of("acl 1 type 1\nacl 1 type 2\napply 1 ifx 3\n");
     ASSERT_EQ(errors.size(), 1u);

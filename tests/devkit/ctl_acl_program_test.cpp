@@ -137,8 +137,7 @@ TEST_F(CtlAclProgram, ReplaceTellsWhatTookPlaceWhenTheDaemonFallsSilent) {
     const finished lost = run({"acl", "load", file("in.acl", "acl 1\n 10 permit ether\napply 1 ifx 2\n"),
                                "--replace", "--timeout", long_enough_to_register});
     EXPECT_EQ(lost.status, 3);
-    EXPECT_EQ(lost.errors,
-              "sccctl: acl load: no answer within 4.0 s; 1 of 2 changes were made and 0 taken back\n");
+    EXPECT_EQ(lost.errors, "sccctl: acl load: no answer within 4.0 s; 1 of 2 changes made, 0 taken back\n");
 }
 
 TEST_F(CtlAclProgram, ReplaceCheckAndThenSaveExcludeEachOther) {

@@ -152,11 +152,11 @@ TEST_F(CtlCaptureAlone, AFullTraceShowsEveryFieldAndByte) {
     std::string line;
     do {
         line = daemon.line();
-    } while (!line.empty() && line.find(" dirchn-host ") == std::string::npos);
-    EXPECT_EQ(
-        line.substr(line.find("<-")),
-        "<- app=19 async 113 dirchn-host call=1 ip=10.0.0.7 mask=255.255.255.0 arp=off(0) ifx=3 add=add(1) "
-        "(24 bytes) 010000000a000007ffffff00000000000300000001000000");
+    } while (!line.empty() && line.find(" dirchn-host-set ") == std::string::npos);
+    EXPECT_EQ(line.substr(line.find("<-")),
+              "<- app=19 async 113 dirchn-host-set call=1 ip=10.0.0.7 mask=255.255.255.0 arp=off(0) ifx=3 "
+              "add=add(1) "
+              "(24 bytes) 010000000a000007ffffff00000000000300000001000000");
     process refused(SCCD_DEV_PATH, {"--trace=some"}, directory());
     EXPECT_EQ(refused.finish(), 2);
 }

@@ -1,4 +1,7 @@
 // How sccctl interprets its command line: shell lines, invalid lines, completion.
+#include <algorithm>
+
+#include "common/value_names.h"
 #include "ctl_support.h"
 #include "program.h"
 
@@ -56,12 +59,51 @@ TEST_F(CtlCommandLineAlone, TellsWhatAnInvalidLineHoldsOrLacks) {
     EXPECT_EQ(errors({"addr-learn", "3", "on"}),
               "sccctl: usage: no command 'addr-learn'; did you mean 'addr-learning'?\n");
     EXPECT_EQ(errors({"clients", "x", "y"}), "sccctl: usage: not expected: x y\n");
+    EXPECT_EQ(errors({"help", "nosuch"}), "sccctl: usage: no command 'nosuch'\n");
+    EXPECT_EQ(errors({"help", "acl", "nosuch"}), "sccctl: usage: no command 'acl nosuch'\n");
+    EXPECT_EQ(errors({"acl", "lod", "x"}), "sccctl: usage: no command 'acl lod'; did you mean 'load'?\n");
+    EXPECT_TRUE(errors({"daemon", "nosuch"})
+                    .starts_with("sccctl: usage: no command 'nosuch' of the daemon; there are clients, "));
+    EXPECT_EQ(errors({"arpcheck", "--ipv6", "1.2.3.4"}),
+              "sccctl: usage: ipv6: '1.2.3.4' is not an IPv6 address\n");
     EXPECT_EQ(errors({"arp-entry"}), "sccctl: usage: arp-entry: one of add, delete must follow\n");
 }
 
+TEST_F(CtlCommandLineAlone, RefusesEveryNumberOutOfItsRangeInOneForm) {
+    const std::pair<std::vector<std::string>, std::string> rows[] = {
+        {{"clients", "--app", "20"}, "--app: '20' is not a number from 1 to 19"},
+        {{"clients", "--app", "1.5"}, "--app: '1.5' is not a number from 1 to 19"},
+        {{"clients", "--option", "256"}, "--option: '256' is not a number from 0 to 255"},
+        {{"clients", "--timeout", "0"}, "--timeout: '0' is not a number from 0.001 to 86400"},
+        {{"watch", "--count", "1.5"}, "--count: '1.5' is not a number from 0 to 1000000000000000"},
+        {{"acl", "list", "0"}, "acl: '0' is not a number from 1 to 32768"},
+        {{"acl", "list", "--type", "59"}, "--type: '59' is not a number from 1 to 58"},
+        {{"acl", "create", "0"}, "acl: '0' is not a number from 1 to 32768"},
+        {{"arpcheck", "--field", "0:2=65536"},
+         "field: '65536' in '0:2=65536' is not a number from 0 to 65535"},
+        {{"direct-vlan-set", "1", "--vlans", "4096"},
+         "vlans: '4096' in '4096' is not a number from 0 to 4095"}};
+    for (const auto& [line, problem] : rows) {
+        EXPECT_EQ(run(line).errors, "sccctl: usage: " + problem + "\n");
+    }
+}
+
+TEST_F(CtlCommandLineAlone, ANumberWithALeadingZeroIsDecimal) {
+    EXPECT_EQ(run({"strerror", "5", "--app", "010"}).status, 0);
+    EXPECT_EQ(run({"strerror", "5", "--app", "019"}).status, 0);
+}
+
 TEST_F(CtlCommandLineAlone, HelpListsEveryNameOfANumber) {
-    EXPECT_NE(run({"nac-app-set", "--help"}).output.find("direct-vlan, other.\n"), std::string::npos);
-    EXPECT_NE(run({"strerror", "--help"}).output.find("no-list-node, service-timeout.\n"), std::string::npos);
+    const auto expect_names = [this](const char* command, scc::devkit::value_names names) {
+        const std::string help = run({command, "--help"}).output;
+        std::string list = help.substr(std::min(help.find("\nNames of "), help.size()));
+        list = list.substr(0, list.find(".\n")) + ",";
+        for (const auto& [value, name] : names) {
+            EXPECT_NE(list.find(" " + std::string(name) + ","), std::string::npos) << name << " in " << help;
+        }
+    };
+    expect_names("nac-app-set", scc::devkit::names::nac_application);
+    expect_names("strerror", scc::devkit::names::results);
 }
 
 class CtlBadUsage : public without_daemon, public testing::WithParamInterface<std::vector<std::string>> {};
@@ -94,7 +136,9 @@ INSTANTIATE_TEST_SUITE_P(
         words{"strerror", "5", "--timeout", "0"}, words{"dirchn-host-set", "1", "2", "3", "4", "5"},
         words{"direct-vlan-set", "1", "--vlans", "4096"}, words{"direct-vlan-set", "1", "--vlans", "5,"},
         words{"direct-vlan-set", "1", "--vlans", "5-3"}, words{"metrics", "--json"},
-        words{"metrics", "--format", "csv"}, words{"top", "--interval", "0"}, words{"capture"}));
+        words{"metrics", "--format", "csv"}, words{"top", "--interval", "0"}, words{"capture"},
+        words{"help", "nosuch"}, words{"daemon", "nosuch"}, words{"arpcheck", "--ipv6", "1.2.3.4"},
+        words{"watch", "--where", "nosuch=1"}));
 
 TEST(CtlShellWords, SplitAtBlanksJoinInQuotesAndEndAtComments) {
     using scc::ctl::shell_words;

@@ -66,20 +66,30 @@ TEST_F(CtlCompletionScripts, BashDescendsIntoFolders) {
     EXPECT_EQ(bash.finish(), 0) << bash.errors();
 }
 
-// zsh's completion system is replaced by functions that print what they get.
-TEST_F(CtlCompletionScripts, ZshGetsWordsWithTheirHelpAndFiles) {
-    const std::string script =
-        "_call_program() { shift; eval \"$@\"; }\n"
-        "_describe() { eval \"print -l -- \\${$4}\"; }\n"
-        "_files() { print files; }\n"
-        "t() { words=(\"$@\"); CURRENT=$#; source " TEST_DATA_DIR
-        "/../../../devkit/ctl/sccctl.zsh-completion; }\n"
-        "t " SCCCTL_PATH " acl cl\nt " SCCCTL_PATH " debug ''\nt " SCCCTL_PATH " acl load x\n";
-    process zsh("/usr/bin/zsh", {"-f", "-c", script}, directory());
-    EXPECT_EQ(zsh.line(), "class:show an ACL's class from the cache");
-    EXPECT_EQ(zsh.line(), "off");
-    EXPECT_EQ(zsh.line(), "on");
-    EXPECT_EQ(zsh.line(), "files");
+// A real zsh with its completion system, at a pseudo-terminal.
+TEST_F(CtlCompletionScripts, ZshCompletesWordsWithTheirHelpAndFiles) {
+    std::filesystem::create_directories(file("folder"));
+    (void)file("folder/some.acl", "");
+    const std::string programs = std::filesystem::path(SCCCTL_PATH).parent_path();
+    process zsh("/bin/sh",
+                {"-c", "cd \"$TMPDIR\" && exec zsh -f " TEST_DATA_DIR "/complete.zsh " + programs +
+                           " " TEST_DATA_DIR "/../../../devkit/ctl/sccctl.zsh-completion"},
+                directory());
+    zsh.write(
+        "sccctl acl lo\n"
+        "?sccctl acl c?create  -- create an ACL\n"
+        "sccctl --app 3 notify stat\n"
+        "sccctl acl apply 1 --direction ou\n"
+        "sccctl acl load fol\n"
+        "sccctl acl load folder/so\n");
+    zsh.end_input();
+    EXPECT_EQ(zsh.line(), "sccctl acl load");
+    EXPECT_EQ(zsh.line(), "lists create  -- create an ACL");
+    EXPECT_EQ(zsh.line(), "sccctl acl c");
+    EXPECT_EQ(zsh.line(), "sccctl --app 3 notify station-move");
+    EXPECT_EQ(zsh.line(), "sccctl acl apply 1 --direction out");
+    EXPECT_EQ(zsh.line(), "sccctl acl load folder/");
+    EXPECT_EQ(zsh.line(), "sccctl acl load folder/some.acl");
     EXPECT_EQ(zsh.finish(), 0) << zsh.errors();
 }
 

@@ -3,8 +3,10 @@
 #include <set>
 
 #include "command.h"
+#include "common/messages.h"
 #include "ctl_support.h"
 #include "program.h"
+#include "sccd/setting_table.h"
 
 namespace ctl_test {
 namespace {
@@ -33,6 +35,24 @@ TEST(CtlEveryCommandList, NamesEveryRowOfTheTable) {
         EXPECT_TRUE(std::any_of(all.begin(), all.end(), [&](const std::string& line) {
             return line == name || line.starts_with(name + " ");
         })) << name;
+    }
+}
+
+// Traces, settings and faults call a request what the command line calls it.
+TEST(CtlCommandTable, ACommandOfOneWordHasTheNameOfItsRequest) {
+    std::set<std::string_view> words;
+    for (const auto& row : scc::ctl::commands()) {
+        words.insert(row.name.substr(0, row.name.find(' ')));
+        // The library knows the answer to this one.
+        const bool is_local =
+            row.kind == scc::ctl::call_kind::local || row.name == "nac-user-counter-support";
+        const bool is_sent = !is_local && row.name.find(' ') == row.name.npos;
+        const auto* const message = scc::devkit::find_message(scc::devkit::message_route::request, row.name);
+        EXPECT_EQ(message != nullptr, is_sent) << row.name;
+    }
+    for (const auto& setting : scc::sccd::setting_rows()) {
+        const bool is_second_form = setting.name() == "dhcp-snooping-set-second";
+        EXPECT_TRUE(words.contains(setting.name()) || is_second_form) << setting.name();
     }
 }
 
@@ -220,6 +240,28 @@ TEST_F(CtlProgram, ARequestFailsByItsName) {
     EXPECT_EQ(run({"addr-learning", "3", "on", "--timeout", long_enough_to_register}).status, 3);
 }
 
+std::vector<std::string> socket_files_in(const std::string& directory) {
+    std::vector<std::string> names;
+    for (const auto& each : std::filesystem::directory_iterator(directory + "/security/scc")) {
+        const std::string name = each.path().filename();
+        if (name.starts_with(".sccl_")) {
+            names.push_back(name);
+        }
+    }
+    return names;
+}
+
+TEST_F(CtlProgram, LeavesNoSocketAfterAQueryThatIsAnsweredTwiceOrInHalf) {
+    for (const char* action : {"twice", "half-message", "disconnect"}) {
+        ASSERT_EQ(run({"daemon", "fault", action, "request=mac-query"}).status, 0);
+        (void)run({"mac-query", "00:11:22:33:44:55", "--timeout", "60"});
+        EXPECT_EQ(socket_files_in(directory()), std::vector<std::string>()) << action;
+    }
+    ASSERT_EQ(run({"daemon", "fault", "half-message", "request=addr-learning"}).status, 0);
+    EXPECT_EQ(run({"addr-learning", "3", "on", "--timeout", "60"}).status, 3);
+    EXPECT_EQ(socket_files_in(directory()), std::vector<std::string>());
+}
+
 TEST_F(CtlProgram, AFaultTakesTheNamesOfRequestsAndResults) {
     const finished ordered = run({"daemon", "fault", "refuse", "request=addr-learning", "result=no-acl"});
     ASSERT_EQ(ordered.status, 0) << ordered.errors;
@@ -390,7 +432,7 @@ TEST_F(CtlProgram, AWatchWithoutItsNotificationsRunsIntoItsTime) {
 
 TEST_F(CtlProgram, ADaemonWithoutClientsSaysSo) {
     EXPECT_EQ(run({"alive"}).output, "nobody is registered\n");
-    EXPECT_EQ(run({"alive", "--json"}).output, "");
+    EXPECT_EQ(run({"alive", "--json"}).output, "{\"ok\":true,\"clients\":[]}\n");
     EXPECT_EQ(run({"stats"}).status, 0);
 }
 

@@ -43,11 +43,16 @@ TEST_F(CtlWatch, EndsWhenItsOutputCannotBeWritten) {
 }
 
 TEST_F(CtlWatchAlone, RefusesUnknownNamesTimesAndFields) {
-    for (const auto& [line, problem] : {std::pair<std::vector<std::string>, std::string>{
-                                            {"watch", "--only", "flaw"}, "did you mean 'flow'?"},
-                                        {{"watch", "--duration", "5x"}, "is not a time up to a day"},
-                                        {{"watch", "--duration", "25h"}, "is not a time up to a day"},
-                                        {{"watch", "--where", "ifx"}, "is not FIELD=VALUE"}}) {
+    for (const auto& [line, problem] :
+         {std::pair<std::vector<std::string>, std::string>{{"watch", "--only", "flaw"},
+                                                           "did you mean 'flow'?"},
+          {{"watch", "--duration", "5x"}, "is not a time up to a day"},
+          {{"watch", "--duration", "25h"}, "is not a time up to a day"},
+          {{"watch", "--where", "ifx"}, "is not FIELD=VALUE"},
+          {{"watch", "--where", "ifxx=3"}, "no field 'ifxx' in any notification; did you mean 'ifx'?"},
+          {{"watch", "--only", "authmode,dirchn", "--where", "mac=3"},
+           "no field 'mac' in authmode, dirchn; there are add, ip, mode, "
+           "notification, type"}}) {
         const finished result = run(line);
         EXPECT_EQ(result.status, 2);
         EXPECT_NE(result.errors.find(problem), std::string::npos) << result.errors;

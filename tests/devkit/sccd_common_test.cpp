@@ -4,14 +4,36 @@
 #include <set>
 #include <string>
 
+#include "common/counted.h"
 #include "common/describe.h"
 #include "common/frame.h"
 #include "common/messages.h"
+#include "sccd/change.h"
 
 namespace scc::devkit {
 namespace {
 
 constexpr u32 len_max = 1000;
+
+TEST(DevkitCounted, OneIsSingular) {
+    EXPECT_EQ(counted(0, "ACL"), "0 ACLs");
+    EXPECT_EQ(counted(1, "ACL"), "1 ACL");
+    EXPECT_EQ(counted(2, "ACL"), "2 ACLs");
+    EXPECT_EQ(counted(1, "ARP entry", "ARP entries"), "1 ARP entry");
+    EXPECT_EQ(counted(2, "ARP entry", "ARP entries"), "2 ARP entries");
+}
+
+TEST(DevkitNames, EveryResultOfTheDaemonHasOne) {
+    namespace result = sccd::result;
+    for (const u32 each :
+         {result::ok, result::not_found, result::invalid_argument, result::no_space,
+          result::registration_rejected, result::already_registered, result::already_unregistered,
+          result::no_such_acl, result::no_such_ace, result::not_applied, result::already_applied,
+          result::acl_exists, result::ace_exists, result::no_such_http_port, result::no_such_direct_host,
+          result::no_such_direct_site, result::service_timeout}) {
+        EXPECT_NE(name_of(names::results, each), "") << each;
+    }
+}
 
 TEST(DevkitFrame, AStreamIsCutAtTheLengthOfItsFirstMessage) {
     const byte_buffer stream{20, 0, 0, 0, 1, 1, 0, 0, 4, 0, 0, 0, 7, 0, 0x91, 0x01, 1, 2, 3, 4, 99, 99};

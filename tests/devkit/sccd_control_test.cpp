@@ -314,7 +314,7 @@ TEST(SccdControl, AclsUsersAndSettingsAreShown) {
     EXPECT_EQ(users["users"][0]["mac"], "02:00:00:00:00:09");
     EXPECT_EQ(users["users"][0]["ip"], "10.0.0.9");
     EXPECT_EQ(users["arp_entries"][0]["ip"], "10.0.0.8");
-    EXPECT_EQ(settings["svi-router-acl"], (json::array({{{"value", 1}}})));
+    EXPECT_EQ(settings["svi-router-acl-set"], (json::array({{{"value", 1}}})));
 }
 
 TEST(SccdControl, TheServicesReportsReachTheApplications) {

@@ -22,7 +22,7 @@ TEST(SccdFaults, TheNthRequestAndEverySoManyAfterItAreHit) {
     daemon_process daemon;
     test_client client(daemon, 3, 77);
     order({{"action", "refuse"},
-           {"request", "d1x-redirect"},
+           {"request", "dot1x-redirect-enable"},
            {"result", 12},
            {"nth", 2},
            {"every", 3},
@@ -65,9 +65,9 @@ TEST(SccdFaults, ADelayedAnswerLetsOthersPass) {
     order({{"action", "delay"}, {"request", 108}, {"ms", 50}});
     const auto start = std::chrono::steady_clock::now();
 
-    client.async.send(108, redirect(1));
-    EXPECT_EQ(client.result_of(109, redirect(2)), 0u);
+    client.async.send({item(108, redirect(1)), item(109, redirect(2))});
 
+    EXPECT_EQ(client.async.receive().value, wire_value(8).u32(0, 2).bytes());
     EXPECT_EQ(client.async.receive().value, wire_value(8).u32(0, 1).bytes());
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
 }
@@ -78,7 +78,7 @@ TEST(SccdFaults, AnAnswerComesTwiceUnderAnotherTypeOrCut) {
     order({{"action", "twice"}, {"request", 108}});
     order({{"action", "wrong-type"}, {"request", 109}});
     order({{"action", "short-value"}, {"request", 104}, {"bytes", 6}});
-    order({{"action", "wrong-type"}, {"request", "arp-check-status"}});
+    order({{"action", "wrong-type"}, {"request", "is-arp-check-enabled"}});
 
     client.async.send({item(108, redirect(1)), item(109, redirect(2)), item(104, wire_value(744).u32(0, 3))});
 
@@ -174,7 +174,7 @@ TEST(SccdFaults, ARestartEndsAllConnectionsAndRefusesNewOnesForAWhile) {
 TEST(SccdFaults, FaultsAreListedAndCleared) {
     daemon_process daemon;
     test_client client(daemon, 3, 77);
-    order({{"action", "delay"}, {"request", "d1x-redirect"}, {"ms", "20"}, {"nth", 5}});
+    order({{"action", "delay"}, {"request", "dot1x-redirect-enable"}, {"ms", "20"}, {"nth", 5}});
     order({{"action", "refuse"}, {"result", 12}, {"app", 3}, {"count", 0}});
     order({{"action", "short-value"}, {"pid", 77}, {"nth", 9}});
     EXPECT_EQ(client.result_of(108, redirect(1)), 12u);
@@ -182,7 +182,7 @@ TEST(SccdFaults, FaultsAreListedAndCleared) {
     const json listed = control({{"do", "fault-list"}})["faults"];
 
     EXPECT_EQ(listed, json::parse(R"([
-        {"id": 1, "action": "delay", "request": "d1x-redirect", "ms": 20, "nth": 5, "every": 1, "count": 1,
+        {"id": 1, "action": "delay", "request": "dot1x-redirect-enable", "ms": 20, "nth": 5, "every": 1, "count": 1,
          "seen": 1, "hits": 0},
         {"id": 2, "action": "refuse", "app": 3, "result": 12, "nth": 1, "every": 1, "count": 0, "seen": 1,
          "hits": 1},
@@ -201,16 +201,16 @@ TEST(SccdFaults, AFaultThatCannotBeUnderstoodIsRefused) {
         {json::object(), "action is missing"},
         {{{"action", "explode"}}, "no action 'explode'; there are refuse, mute, delay, "},
         {{{"action", "delay"}}, "ms: missing"},
-        {{{"action", "delay"}, {"ms", 3600001}}, "ms: more than an hour"},
+        {{{"action", "delay"}, {"ms", 3600001}}, "ms: '3600001' is not a number from 1 to 3600000"},
         {{{"action", "refuse"}}, "result: missing"},
-        {{{"action", "refuse"}, {"result", 0}}, "result: must not be 0"},
+        {{{"action", "refuse"}, {"result", 0}}, "result: '0' is not a number from 1 to 4294967295"},
         {{{"action", "mute"}, {"ms", 5}},
          "no field 'ms'; mute takes action, request, app, pid, nth, every, count"},
         {{{"action", "mute"}, {"request", "nonsense"}}, "request: there is no such request"},
         {{{"action", "mute"}, {"request", 402}}, "request: there is no such request"},
-        {{{"action", "mute"}, {"nth", 0}}, "nth: must not be 0"},
-        {{{"action", "mute"}, {"every", 0}}, "every: must not be 0"},
-        {{{"action", "mute"}, {"count", -1}}, "count: not a number that fits"},
+        {{{"action", "mute"}, {"nth", 0}}, "nth: '0' is not a number from 1 to 4294967295"},
+        {{{"action", "mute"}, {"every", 0}}, "every: '0' is not a number from 1 to 4294967295"},
+        {{{"action", "mute"}, {"count", -1}}, "count: '-1' is not a number from 0 to 4294967295"},
     };
 
     for (auto [fault, error] : rows) {

@@ -81,9 +81,12 @@ class SccdScenarios : public ::testing::Test {
 TEST_F(SccdScenarios, RestartInBurstDropsTheOutstandingCallsAndReconnects) {
     begin("restart-in-burst");
     std::set<std::uint32_t> asked;
-    for (int count = 0; count < 200; ++count) {
-        asked.insert(ask());
+    std::uint32_t call_id = 0;
+    // The library may notice the restart before the last of them.
+    for (int count = 0; count < 200 && scc_addr_learning(3, 1, &call_id) == 0; ++count) {
+        asked.insert(call_id);
     }
+    EXPECT_GE(asked.size(), 50u);
     expect_reconnection();
 
     const std::uint32_t later = ask();
@@ -116,6 +119,7 @@ TEST_F(SccdScenarios, FullBuffersLoseNoRequest) {
     for (int count = 0; count < 9; ++count) {
         expect_working_request();
     }
+    const auto start = std::chrono::steady_clock::now();
     std::vector<std::uint32_t> asked;
     scc_config_record record{};
     for (int count = 0; count < 2000; ++count) {
@@ -127,6 +131,7 @@ TEST_F(SccdScenarios, FullBuffersLoseNoRequest) {
     for (const std::uint32_t call_id : asked) {
         ASSERT_EQ(seen().results.wait(), (call_result{call_id, 0}));
     }
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
     EXPECT_EQ(seen().statuses.size(), 0u);
 }
 
@@ -150,6 +155,7 @@ TEST_F(SccdScenarios, DoubledAnswersReachTheHandlerOnce) {
         expect_working_request();
     }
     expect_no_more_results();
+    EXPECT_EQ(control({{"do", "fault-list"}})["faults"].at(0)["hits"], 21);
 }
 
 TEST_F(SccdScenarios, ALateAnswerCompletesNothingOfTheNextConnection) {

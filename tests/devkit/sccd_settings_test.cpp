@@ -43,54 +43,59 @@ struct kept_case {
 std::vector<kept_case> kept_cases() {
     std::vector<kept_case> cases;
     const std::pair<std::uint16_t, const char*> plain[] = {
-        {101, "d1x-authen-method"}, {102, "d1x-author-mode"}, {103, "d1x-port-addr-num"},
-        {104, "d1x-port-open"},     {105, "d1x-pt-ctrl"},     {106, "d1x-cos"},
-        {107, "d1x-dscp"},          {111, "webauth"},         {116, "port-security"},
-        {118, "global-ip-mac"},     {119, "ip-source-guard"}, {120, "bind-except-port"},
-        {121, "dhcp-trust-port"},   {122, "arpcheck"},        {125, "nac-esc-eport"},
-        {126, "nac-app"},           {162, "nd-snooping"},     {164, "arpcheck-trust"},
-        {169, "port-violate-set"}};
+        {101, "d1x-authen-method"},      {102, "d1x-author-mode-set"},
+        {103, "d1x-port-addr-num"},      {104, "d1x-port-open"},
+        {105, "d1x-set-pt-ctrl"},        {106, "d1x-set-cos"},
+        {107, "d1x-set-dscp"},           {111, "webauth-set"},
+        {116, "sp-port-security"},       {118, "global-ip-mac"},
+        {119, "ip-source-guard-status"}, {120, "bind-except-port"},
+        {121, "dhcp-trust-port"},        {122, "arpcheck"},
+        {125, "nac-esc-eport-set"},      {126, "nac-app-set"},
+        {162, "nd-snooping-set"},        {164, "arpcheck-trust"},
+        {169, "sp-port-violate"}};
     for (const auto& [type, name] : plain) {
         cases.push_back({type, name, config_request(1, 7, 1), config_fields(7, 1)});
     }
-    cases.push_back({160, "dhcp-snooping", config_request(1, 7, 0, 9), config_fields(7, 0, 9)});
-    cases.push_back({161, "dhcp-snooping-second", config_request(1, 7, 0, 10), config_fields(7, 0, 10)});
-    cases.push_back({108, "d1x-redirect", wire_value(8).u32(4, 1), {{"value", 1}}});
+    cases.push_back({160, "dhcp-snooping-set", config_request(1, 7, 0, 9), config_fields(7, 0, 9)});
+    cases.push_back({161, "dhcp-snooping-set-second", config_request(1, 7, 0, 10), config_fields(7, 0, 10)});
+    cases.push_back({108, "dot1x-redirect-enable", wire_value(8).u32(4, 1), {{"value", 1}}});
     cases.push_back({109, "d1x-mac-move", wire_value(8).u32(4, 1), {{"value", 1}}});
-    cases.push_back({112, "http-dport", wire_value(12).u16(4, 8080).u32(8, 1), {{"port", 8080}, {"add", 1}}});
+    cases.push_back(
+        {112, "http-dport-set", wire_value(12).u16(4, 8080).u32(8, 1), {{"port", 8080}, {"add", 1}}});
     cases.push_back(
         {113,
-         "dirchn-host",
+         "dirchn-host-set",
          wire_value(24).raw(4, {10, 0, 0, 9}).raw(8, {255, 0, 0, 0}).u32(12, 1).u32(16, 4).u32(20, 1),
          {{"ip", "10.0.0.9"}, {"mask", "255.0.0.0"}, {"arp", 1}, {"ifx", 4}, {"add", 1}}});
     cases.push_back({114,
-                     "dirchn-server",
+                     "dirchn-server-set",
                      wire_value(12).raw(4, {10, 0, 0, 9}).u32(8, 1),
                      {{"ip", "10.0.0.9"}, {"add", 1}}});
     for (const std::uint16_t type : {std::uint16_t{115}, std::uint16_t{159}}) {
         cases.push_back({type,
-                         type == 115 ? "dirchn-site" : "dirchn-arp",
+                         type == 115 ? "dirchn-site-set" : "dirchn-arp-set",
                          wire_value(20).raw(4, {10, 0, 0, 9}).raw(8, {255, 0, 0, 0}).u32(12, 1).u32(16, 1),
                          {{"ip", "10.0.0.9"}, {"mask", "255.0.0.0"}, {"arp", 1}, {"add", 1}}});
     }
     cases.push_back({123, "addr-learning", wire_value(12).u32(4, 4).u32(8, 1), {{"ifx", 4}, {"enable", 1}}});
     cases.push_back({124,
-                     "nac-esc",
+                     "nac-esc-set",
                      wire_value(28).u32(4, 6).key(8, 3, 5).u32(24, 1),
                      {{"value", 6}, {"key", "0/3/5/1"}, {"enable", 1}}});
     cases.push_back({128,
-                     "ndsnp-default-bind",
+                     "ndsnp-default-bind-set",
                      wire_value(16).u32(4, 4).u32(8, 20).u32(12, 1),
                      {{"ifx", 4}, {"vid", 20}, {"enable", 1}}});
     cases.push_back({130,
-                     "nac-neighbour",
+                     "nac-nbr-set",
                      wire_value(928).u32(8, 4).u32(12, 20).raw(16, mac).u32(920, 1),
                      {{"ifx", 4}, {"vid", 20}, {"mac", "02:00:00:00:00:09"}, {"add", 1}}});
-    cases.push_back({142, "global-eport", wire_value(16).u32(4, 4).u32(8, 1), {{"ifx", 4}, {"value", 1}}});
-    cases.push_back({143, "svi-router-acl", wire_value(8).u32(4, 1), {{"value", 1}}});
+    cases.push_back(
+        {142, "acl-global-eport-set", wire_value(16).u32(4, 4).u32(8, 1), {{"ifx", 4}, {"value", 1}}});
+    cases.push_back({143, "svi-router-acl-set", wire_value(8).u32(4, 1), {{"value", 1}}});
     cases.push_back(
         {157, "efacl-ctrl", wire_value(10).u32(4, 2).u8(8, 0xab), {{"length", 2}, {"data", "ab00"}}});
-    cases.push_back({163, "cpp", wire_value(12).u32(4, 1), {{"enable", 1}, {"type", 0}}});
+    cases.push_back({163, "cpp-set", wire_value(12).u32(4, 1), {{"enable", 1}, {"type", 0}}});
     cases.push_back({166,
                      "offline-detect-cfg",
                      wire_value(16).u32(4, 1).u32(8, 30).u32(12, 40),
@@ -127,9 +132,9 @@ TEST(SccdSettings, OneWayRequestsAndTheMirrorsPortAreKept) {
     client.sync.send(205, wire_value(4).u32(0, 7));
     EXPECT_EQ(client.query(316, config_request(1, 0, 1)).u32(0), 0u);
 
-    EXPECT_EQ(settings_of("water-line"), json::array({{{"start", 1}}}));
-    EXPECT_EQ(settings_of("test-cmd"), json::array({{{"command", 7}}}));
-    EXPECT_EQ(settings_of("span-dest-port"), json::array({config_fields(0, 1)}));
+    EXPECT_EQ(settings_of("warterline-notify"), json::array({{{"start", 1}}}));
+    EXPECT_EQ(settings_of("test-cmd-set"), json::array({{{"command", 7}}}));
+    EXPECT_EQ(settings_of("nac-span-dport-set"), json::array({config_fields(0, 1)}));
 }
 
 TEST(SccdSettings, BytesWithoutAFieldAreShownWithTheWholeRecord) {
@@ -139,7 +144,7 @@ TEST(SccdSettings, BytesWithoutAFieldAreShownWithTheWholeRecord) {
     EXPECT_EQ(client.result_of(108, wire_value(8).u32(0, 1).u32(4, 1)), 0u);
     EXPECT_EQ(client.result_of(104, config_request(2, 0, 1).u8(743, 0xee)), 0u);
 
-    EXPECT_FALSE(settings_of("d1x-redirect")[0].contains("bytes"));
+    EXPECT_FALSE(settings_of("dot1x-redirect-enable")[0].contains("bytes"));
     const std::string bytes = settings_of("d1x-port-open")[0]["bytes"];
     EXPECT_EQ(bytes.size(), 2u * 744);
     EXPECT_TRUE(bytes.starts_with("0000000000000000040000001400000002000000000900"));
@@ -263,6 +268,53 @@ TEST(SccdSettings, AUserBeyondPortSecurityIsAViolationIfThatIsSet) {
     EXPECT_EQ(violation.type, 217);
     EXPECT_EQ(violation.value, wire_value(64).u32(4, 4).raw(10, mac).u8(60, 1).bytes());
     EXPECT_EQ(answer.u32(4), 28u);
+}
+
+// Sends, as the service, that station 2:0:0:0:0:`mac` has come to the interface.
+void move_to(test_client& service, std::uint32_t ifx, std::uint16_t vid, std::uint8_t last_of_mac) {
+    service.sync.send(202, wire_value(24).u32(4, 1).u32(8, ifx).u16(12, vid).u16(16, vid).raw(
+                               18, {2, 0, 0, 0, 0, last_of_mac}));
+}
+
+TEST(SccdSettings, AStrangerOnASecuredInterfaceIsAViolation) {
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
+    test_client service(daemon, service_app, 78);
+    const auto close = [&](std::uint32_t ifx, std::uint32_t vid, std::uint32_t type,
+                           std::uint32_t operation) {
+        client.async.send(
+            126, wire_value(744).u32(0, 1).u32(8, ifx).u32(12, vid).u32(24, type).u32(32, operation));
+        answer_operation(service, service.async.receive(), 0);
+        EXPECT_EQ(client.async.receive().u32(4), 0u);
+    };
+    close(4, 0, 6, 1);
+    close(5, 20, 6, 1);
+    close(6, 0, 1, 1);
+    close(7, 0, 6, 1);
+    close(7, 0, 6, 3);
+    client.async.send(127, user_request(2, 9, 4, 1));
+    answer_operation(service, service.async.receive(), 0);
+    EXPECT_EQ(client.async.receive().u32(4), 0u);
+
+    move_to(service, 4, 0, 9);   // a user
+    move_to(service, 5, 0, 8);   // another VLAN
+    move_to(service, 6, 0, 8);   // not by port security
+    move_to(service, 7, 0, 8);   // open again
+    move_to(service, 4, 10, 8);  // a stranger
+    move_to(service, 5, 20, 9);  // a user of another interface
+
+    for (int move = 0; move < 5; ++move) {
+        EXPECT_EQ(client.async.receive().type, 110);
+    }
+    const test_item stranger = client.async.receive();
+    EXPECT_EQ(stranger.type, 217);
+    EXPECT_EQ(stranger.value,
+              wire_value(64).u32(4, 4).u16(8, 10).raw(10, {2, 0, 0, 0, 0, 8}).u8(60, 1).bytes());
+    EXPECT_EQ(client.async.receive().type, 110);
+    const test_item of_another = client.async.receive();
+    EXPECT_EQ(of_another.type, 217);
+    EXPECT_EQ(of_another.value,
+              wire_value(64).u32(4, 5).u16(8, 20).raw(10, {2, 0, 0, 0, 0, 9}).u8(60, 1).bytes());
 }
 
 TEST(SccdSettings, UsersOfTrustedPortsAreNotChecked) {

@@ -2,6 +2,7 @@
 #include <sstream>
 
 #include "sccd_support.h"
+#include "support/waiting.h"
 
 namespace sccd_test {
 namespace {
@@ -86,7 +87,7 @@ TEST_F(SccdState, EverythingSurvivesARestart) {
 TEST_F(SccdState, AReturningServiceGetsTheStateOfTheFile) {
     write(R"({"acls": [{"type": 3, "id": 5, "class": 1, "aces": [{"rule": "10 permit ip any any"}],
                         "applies": [{"ifx": 2}]}],
-              "settings": {"http-dport": [{"port": 8080, "add": 1}]}})");
+              "settings": {"http-dport-set": [{"port": 8080, "add": 1}]}})");
     end();
     start_with_state();
 
@@ -107,9 +108,7 @@ TEST_F(SccdState, TheStateSurvivesAKill) {
         test_client client(daemon, 3, 77);
         ASSERT_EQ(client.result_of(131, acl_request(1, 5, 1)), 0u);
     }
-    for (int tries = 0; tries < 2000 && read().find("\"id\": 5") == std::string::npos; ++tries) {
-        ::usleep(10'000);
-    }
+    ASSERT_TRUE(test::eventually([this] { return read().find("\"id\": 5") != std::string::npos; }));
 
     restart(SIGKILL);
 
@@ -132,14 +131,15 @@ TEST_F(SccdState, AFaultyFileIsOneLineWithThePlaceAndStatusOne) {
         {R"({"acls": [{"type": 3, "id": 1, "aces": [{"sn": 1}, {"rule": "permit nothing"}]}]})",
          "acls[0].aces[1].rule: "},
         {R"({"acls": [{"type": 3, "id": 1, "aces": [{"sn": "one"}]}]})",
-         "acls[0].aces[0]: sn: not a number that fits"},
+         "acls[0].aces[0]: sn: 'one' is not a number from 0 to 4294967295"},
         {R"({"users": [{"mac": "02:00"}]})", "users[0]: mac: not a MAC address"},
         {R"({"users": [{"bytes": "00"}]})", "users[0]: bytes: not 736 bytes"},
         {R"({"user_acls": [{"key": "0/3"}]})", "user_acls[0]: key: not an ACL key such as 0/3/101/1"},
         {R"({"settings": {"d1x": []}})", "settings.d1x: there is no such setting"},
-        {R"({"settings": {"d1x-cos": [{"value": 8}]}})", "settings.d1x-cos[0]: value: not 0 to 7"},
-        {R"({"settings": {"http-dport": [{"port": 80}]}})",
-         "settings.http-dport[0].add: this would remove the record"},
+        {R"({"settings": {"d1x-set-cos": [{"value": 8}]}})",
+         "settings.d1x-set-cos[0]: value: '8' is not a number from 0 to 7"},
+        {R"({"settings": {"http-dport-set": [{"port": 80}]}})",
+         "settings.http-dport-set[0].add: this would remove the record"},
         {std::string(100, '[') + std::string(100, ']'), "nested too deeply"},
     };
 

@@ -273,8 +273,8 @@ TEST_F(ServiceAclTable, TheTextShowsRulesCountersAndPlaces) {
     ASSERT_EQ(table_.apply(application_of(5, 1)), 0u);
     table_.classify(packet_of(tcp_frame()), {1, 0});
     EXPECT_EQ(table_.text(),
-              "acl vdev 1 type 2 id 5 class 3: 1 packets\n"
-              "  ace 10 permit tcp any any port 80 id 7: 1 packets\n"
+              "acl vdev 1 type 2 id 5 class 3: 1 packet\n"
+              "  ace 10 permit tcp any any port 80 id 7: 1 packet\n"
               "  applied in ifx 1 type 2\n");
 }
 

@@ -139,6 +139,7 @@ TEST_F(ServiceHandlers, EachAclOperationCarriesItsOwnCode) {
     EXPECT_EQ(applied.op, 4u);
     EXPECT_EQ(applied.ret, 0u);
     EXPECT_EQ(applied_, (std::vector<std::size_t>{1}));
+    EXPECT_EQ(lines_.back(), "133 apply acl 1/2/5 type 2 ifx 1 in: 0");
     const auto unapplied = answer_to(handlers_.unapply, apply).as<scc_ss_apply_operation>();
     EXPECT_EQ(unapplied.op, 5u);
     EXPECT_EQ(unapplied.ret, 0u);

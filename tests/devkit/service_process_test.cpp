@@ -195,7 +195,7 @@ TEST(ServiceProcess, RunsTheCaptureOnceTheAclIsAppliedAndReportsIt) {
     client.async.send(133, sccd_test::apply_request(3, 5, 1, 1));
     EXPECT_EQ(
         service.line(),
-        "scc-ss-dev: capture: 80 packets, 0 unreadable, 22 matched, 0 denied, 8 flows, 1 moves, 0 silent");
+        "scc-ss-dev: capture: 80 packets, 0 unreadable, 22 matched, 0 denied, 8 flows, 1 move, 0 silent");
     EXPECT_EQ(service.line(), "scc-ss-dev: reported: 10 sent, 0 failed");
 
     // The result may come after the first notifications.
@@ -223,7 +223,7 @@ TEST(ServiceProcess, RunsTheCaptureOnItsSignal) {
     service.signal(SIGUSR1);
     EXPECT_EQ(
         service.line(),
-        "scc-ss-dev: capture: 80 packets, 0 unreadable, 0 matched, 0 denied, 8 flows, 1 moves, 0 silent");
+        "scc-ss-dev: capture: 80 packets, 0 unreadable, 0 matched, 0 denied, 8 flows, 1 move, 0 silent");
 }
 
 }  // namespace

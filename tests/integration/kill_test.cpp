@@ -147,8 +147,8 @@ TEST_F(Kill, AServiceThatReturnsUnderLoadIsGivenItsStateAndCountsAgain) {
     EXPECT_TRUE(has_line(recovery, "131 create acl 0/3/5: 0"));
     EXPECT_TRUE(has_line(recovery, "132 add ace sn 10 id 7 of acl 0/3/5: 0"));
     EXPECT_TRUE(has_line(recovery, "132 add ace sn 20 id 8 of acl 0/3/5: 0"));
-    EXPECT_TRUE(has_line(recovery, "133 apply acl 0/3/5 type 3: 0"));
-    EXPECT_TRUE(has_line(recovery, "154 recover 1 users ifx 14 app 5: 0"));
+    EXPECT_TRUE(has_line(recovery, "133 apply acl 0/3/5 type 3 ifx 1 in: 0"));
+    EXPECT_TRUE(has_line(recovery, "154 recover 1 user ifx 14 app 5: 0"));
     EXPECT_TRUE(has_line(recovery, "154 recover "));
     EXPECT_TRUE(has_line(recovery, "155 recover 2 layer-4 ports: 0"));
     EXPECT_EQ(ace_counter(client, 7), 0u);

@@ -28,13 +28,10 @@ TEST(InterfaceMap, ReadsInterfacesAndProtections) {
 TEST(InterfaceMap, NamesTheLineThatIsWrong) {
     EXPECT_EQ(problem_of(""), "no interface");
     EXPECT_EQ(problem_of("ifx 1 eth0\nport 2 eth1\n"), "line 2: \"port\" is neither \"ifx\" nor \"cpp\"");
-    EXPECT_EQ(problem_of("ifx 0 eth0"), "line 1: needs an index from 1 on and the name of an interface");
-    EXPECT_EQ(problem_of("ifx 4294967296 eth0"),
-              "line 1: needs an index from 1 on and the name of an interface");
-    EXPECT_EQ(problem_of("ifx 1"), "line 1: needs an index from 1 on and the name of an interface");
-    EXPECT_EQ(problem_of("ifx 1 a\"b"), "line 1: needs an index from 1 on and the name of an interface");
-    EXPECT_EQ(problem_of("ifx 1 an-interface-name"),
-              "line 1: needs an index from 1 on and the name of an interface");
+    for (const char* line :
+         {"ifx 0 eth0", "ifx 4294967296 eth0", "ifx 1", "ifx 1 a\"b", "ifx 1 an-interface-name"}) {
+        EXPECT_EQ(problem_of(line), "line 1: needs an index from 1 on and the name of an interface") << line;
+    }
     EXPECT_EQ(problem_of("ifx 1 eth0 bridge"), "line 1: \"bridge\" is not \"router\"");
     EXPECT_EQ(problem_of("ifx 1 eth0\nifx 1 eth1"), "line 2: interface 1 is there twice");
     EXPECT_EQ(problem_of("ifx 1 eth0\nifx 2 eth0"), "line 2: eth0 is interface 1 already");

@@ -5,10 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
-#include <fstream>
-#include <set>
 #include <thread>
 
 #include "client/control_block.h"
@@ -16,6 +15,7 @@
 #include "client/log.h"
 #include "ss/service.h"
 #include "ss/service_fixture.h"
+#include "support/waiting.h"
 
 using test::bytes;
 using test::side;
@@ -29,27 +29,15 @@ std::string pid_text() {
     return std::to_string(getpid());
 }
 
-std::set<std::string> thread_names() {
-    std::set<std::string> names;
-    std::error_code ignored;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", ignored)) {
-        std::string name;
-        std::getline(std::ifstream(task.path() / "comm") >> std::ws, name);
-        names.insert(name);
-    }
-    return names;
+std::size_t threads_named(const std::string& wanted) {
+    const auto threads = test::process_threads("Name");
+    return static_cast<std::size_t>(
+        std::ranges::count_if(threads, [&](const auto& one) { return one.name == wanted; }));
 }
 
-// A thread has its name a moment after it was started.
-bool thread_appears(const std::string& name) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!thread_names().contains(name)) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+// A thread has its name a moment after it was started, and is there a moment after it has ended.
+bool threads_become(const std::string& name, std::size_t count) {
+    return test::eventually([&] { return threads_named(name) == count; });
 }
 
 TEST_F(ServiceRegistration, RegistersAppId16WithOptionZeroOnBothSockets) {
@@ -179,31 +167,9 @@ TEST_F(ServiceRegistration, CreatesTheDirectoryAndWaitsForALateDaemon) {
 
 TEST_F(ServiceRegistration, RunsThreeThreadsWithNames) {
     start();
-    EXPECT_TRUE(thread_appears("scc-lib-ss"));
-    EXPECT_TRUE(thread_appears("scc-lib-msgq"));
-    EXPECT_TRUE(thread_appears("scclib-" + pid_text()));
-}
-
-std::size_t threads_named(const std::string& wanted) {
-    std::size_t count = 0;
-    std::error_code gone;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", gone)) {
-        std::string name;
-        std::getline(std::ifstream(task.path() / "comm") >> std::ws, name);
-        count += name == wanted ? 1 : 0;
-    }
-    return count;
-}
-
-bool threads_become(const std::string& name, std::size_t count) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (threads_named(name) != count) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    EXPECT_TRUE(threads_become("scc-lib-ss", 1));
+    EXPECT_TRUE(threads_become("scc-lib-msgq", 1));
+    EXPECT_TRUE(threads_become("scclib-" + pid_text(), 1));
 }
 
 TEST_F(ServiceRegistration, RunsOneProcessingThreadOverSeveralRegistrations) {

@@ -12,13 +12,16 @@
 
 namespace test {
 
-// Registers app id 7; handlers as the test sets them in info before start().
+// Registers app id 7; handlers as the test sets them in info before start(). A status handler of the test's
+// own has to report to statuses() too.
 class registered_client : public ::testing::Test {
   protected:
     void start(std::uint8_t option = 1) {
         info.app_id = 7;
         info.option = option;
-        info.handlers.server_status = on_status;
+        if (info.handlers.server_status == nullptr) {
+            info.handlers.server_status = on_status;
+        }
         ASSERT_EQ(scc_svr_reg(&info), 0U);
         daemon.accept_registration();
         ASSERT_EQ(statuses().wait(), 1U);

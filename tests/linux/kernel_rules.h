@@ -1,0 +1,71 @@
+// Four interfaces for the back end, and the rules that the kernel holds for them. They are read with nft(8),
+// not with the code under test.
+#pragma once
+
+#include <map>
+#include <sstream>
+
+#include "kernel_support.h"
+
+namespace scc::kernel::testing {
+
+inline constexpr const char* map_text =
+    "ifx 1 d1\nifx 2 d2\nifx 3 d3\nifx 9 d9 router\ncpp 1 5 icmp any any\n";
+
+class KernelBackEnd : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        NEED_A_NAMESPACE();
+        for (const char* name : {"d1", "d2", "d3", "d9"}) {
+            command(std::string("ip link add ") + name + " type bridge && ip link set " + name + " up");
+        }
+    }
+};
+
+// "sn id" of each ACE in a chain; for other rules their text.
+using chain_rules = std::vector<std::string>;
+
+// Puts the chains of each long list together, along the rules that lead from one to the next.
+inline void join_lists(std::map<std::string, chain_rules>& chains) {
+    const std::string leads = "goto ";
+    for (auto& [name, rules] : chains) {
+        while (name.find('/') == std::string::npos && !rules.empty() && rules.back().starts_with(leads)) {
+            const auto next = chains.find(rules.back().substr(leads.size()));
+            ASSERT_NE(next, chains.end()) << rules.back();
+            rules.pop_back();
+            rules.insert(rules.end(), next->second.begin(), next->second.end());
+            next->second = {"joined"};
+        }
+    }
+    std::erase_if(chains, [](const auto& chain) { return chain.second == chain_rules{"joined"}; });
+}
+
+inline std::map<std::string, chain_rules> rules_of_kernel() {
+    std::map<std::string, chain_rules> chains;
+    std::istringstream lines(output_of("nft -s list table netdev scclib"));
+    std::string chain;
+    for (std::string line; std::getline(lines, line);) {
+        char name[64] = {};
+        unsigned sn = 0;
+        unsigned id = 0;
+        unsigned part = 0;
+        const std::size_t comment = line.find("comment \"");
+        if (std::sscanf(line.c_str(), " chain %63s {", name) == 1) {
+            chain = name;
+            chains[chain];
+        } else if (comment != std::string::npos &&
+                   std::sscanf(line.c_str() + comment, "comment \"a2 %u %u %*u %*s %u/", &sn, &id, &part) ==
+                       3) {
+            if (part == 1) {
+                chains[chain].push_back(std::to_string(sn) + " " + std::to_string(id));
+            }
+        } else if (comment != std::string::npos || line.find("jump") != std::string::npos) {
+            const std::size_t begin = line.find_first_not_of('\t');
+            chains[chain].push_back(line.substr(begin, comment - 1 - begin));
+        }
+    }
+    join_lists(chains);
+    return chains;
+}
+
+}  // namespace scc::kernel::testing
