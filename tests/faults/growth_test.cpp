@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include "client/acl_cache.h"
 #include "client/locks.h"
 #include "client/pending_calls.h"
@@ -193,6 +195,17 @@ TEST_F(AclIndex, GoesOnInEachPassUntilItHasOneTableThatIsLargeEnough) {
     EXPECT_EQ(tables(), 2) << "the first half of 65,536 slots has moved to 131,072";
     scc::grow_acl_index();
     EXPECT_EQ(tables(), 1);
+    scc::grow_acl_index();
+    EXPECT_EQ(tables(), 1);
+}
+
+TEST_F(AclIndex, LeavesTheRestToALaterPassOnceItsLockStaysTaken) {
+    hold(33000);
+    test::fail_calls_from(test::call::trywrlock, 3, EBUSY);
+    scc::grow_acl_index();
+    EXPECT_EQ(test::calls(test::call::trywrlock), 2 + scc::tuning::lock_spins);
+    EXPECT_TRUE(test::end_faults());
+    EXPECT_EQ(tables(), 2);
     scc::grow_acl_index();
     EXPECT_EQ(tables(), 1);
 }

@@ -196,6 +196,7 @@ extern "C" {
 void* __real_malloc(size_t size);
 void* __real_calloc(size_t count, size_t size);
 void __real_free(void* block);
+int __real_pthread_rwlock_trywrlock(pthread_rwlock_t* lock);
 int __real_malloc_trim(size_t pad);
 int __real_socket(int domain, int type, int protocol);
 int __real_bind(int fd, const sockaddr* address, socklen_t length);
@@ -237,6 +238,10 @@ void* __wrap_calloc(size_t count, size_t size) {
 void __wrap_free(void* block) {
     test::g_live_blocks -= block == nullptr ? 0 : 1;
     __real_free(block);
+}
+
+int __wrap_pthread_rwlock_trywrlock(pthread_rwlock_t* lock) {
+    return test::fails(call::trywrlock) ? EBUSY : __real_pthread_rwlock_trywrlock(lock);
 }
 
 int __wrap_malloc_trim(size_t pad) {

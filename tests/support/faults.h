@@ -19,6 +19,7 @@ enum class call {
     pthread_create,
     mkdir,
     malloc_trim,
+    trywrlock,
     count
 };
 
