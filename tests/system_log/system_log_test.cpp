@@ -51,6 +51,7 @@ TEST(SystemLog, WritesAnEmptyLine) {
 }
 
 TEST(SystemLog, WritesNothingThatCannotBeFormatted) {
+    g_written = {-1, ""};
     const wchar_t no_character[] = {static_cast<wchar_t>(0x7FFFFFFF), 0};
     EXPECT_EQ(printk_syslog_ext(5, "SCC", "INIT", 1, "%ls", no_character), -1);
     EXPECT_EQ(g_written.priority, -1);
