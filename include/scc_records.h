@@ -240,14 +240,36 @@ struct scc_records_config {
     uint8_t tail[72];
 };
 
-/* Where an ACL is applied: the 232 bytes of struct scc_acl_apply_record, byte by byte. */
+/* Where an ACL is applied: the 232 bytes of struct scc_acl_apply_record, byte by byte. If it names a user, the ACL
+ * sees the frames from that user that enter, or those to it that leave: with the MAC address, in the VLAN and,
+ * when there is an IP address, IP packets alone. A field of zeros leaves no frame out. */
 struct scc_records_application {
     struct scc_acl_key key;
     uint32_t ifx;        /* offset 16; 0 stands for every interface */
     uint32_t direction;  /* 0 for frames that enter, 1 for frames that leave */
-    uint8_t gap_24[184];
+    uint8_t mac[6];      /* offset 24: of the user */
+    uint16_t vid;        /* up to 4094 */
+    uint32_t ipv4;       /* with ipv6, IPv4 packets of this and IPv6 packets of that address */
+    uint8_t ipv6[16];    /* offset 36 */
+    uint8_t gap_52[156];
     uint32_t apply_type; /* offset 208 */
     uint8_t tail[20];
+};
+
+/* The ACL of one user: the 208 bytes of struct scc_user_acl_record, byte by byte. The fields mean the same as in
+ * struct scc_records_application. */
+struct scc_records_user_acl {
+    uint32_t ifx;
+    uint8_t gap_4[4];
+    uint64_t phyid;
+    uint32_t apptype;
+    uint32_t direction; /* 0 for frames from the user, 1 for frames to it */
+    uint8_t mac[6];
+    uint16_t vid;
+    struct scc_acl_key key;
+    uint32_t ipv4;      /* offset 48 */
+    uint8_t ipv6[16];
+    uint8_t tail[140];
 };
 
 /* An entry of scc_arp_check_user_data_get: the 48 bytes of struct scc_arp_check_entry, byte by byte. */
@@ -283,13 +305,19 @@ uint32_t scc_records_parse_config(const char *text, struct scc_records_config *c
  * record. Threads: local. */
 size_t scc_records_print_config(const struct scc_records_config *config, char *buffer, size_t size);
 
-/* Write where an ACL is applied. Returns 0; 22 for a null pointer, or a direction or apply type out of range,
- * which *error describes. Threads: local. */
+/* Write where an ACL is applied. Returns 0; 22 for a null pointer, or a direction, VLAN id or apply type out of
+ * range, which *error describes. Threads: local. */
 uint32_t scc_records_encode_application(const struct scc_records_application *application,
                                         struct scc_acl_apply_record *record, struct scc_records_error *error);
 /* Read where an ACL is applied. Returns 0; 22 for a null pointer. Threads: local. */
 uint32_t scc_records_decode_application(const struct scc_acl_apply_record *record,
                                         struct scc_records_application *application);
+/* Write the ACL of a user. Returns 0; 22 for a null pointer, or a direction or VLAN id out of range, which *error
+ * describes. Threads: local. */
+uint32_t scc_records_encode_user_acl(const struct scc_records_user_acl *user, struct scc_user_acl_record *record,
+                                     struct scc_records_error *error);
+/* Read the ACL of a user. Returns 0; 22 for a null pointer. Threads: local. */
+uint32_t scc_records_decode_user_acl(const struct scc_user_acl_record *record, struct scc_records_user_acl *user);
 /* Read an entry of the ARP check. Returns 0; 22 for a null pointer. Threads: local. */
 uint32_t scc_records_decode_arp_user(const struct scc_arp_check_entry *record, struct scc_records_arp_user *user);
 

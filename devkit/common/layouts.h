@@ -94,17 +94,23 @@ constexpr fields<4> ace_record{{detail("match", 16, bytes, 204),
                                 {"sn", ace_record::sn},
                                 {"ace", ace_record::id},
                                 detail("action", 228, bytes, 684)}};
-constexpr fields<4> apply_record{{{"key", 0, key},
+constexpr fields<8> apply_record{{{"key", 0, key},
                                   {"ifx", apply_record::ifx},
                                   named("direction", apply_record::direction, names::direction),
+                                  detail("mac", apply_record::mac, mac),
+                                  detail("vid", apply_record::vid, number16),
+                                  detail("ip", apply_record::ipv4, ipv4),
+                                  detail("ip6", apply_record::ipv6, ipv6),
                                   {"apply_type", apply_record::apply_type}}};
-constexpr fields<7> user_acl_record{{{"ifx", user_acl_record::ifx},
-                                     detail("phyid", 8, number64),
-                                     detail("apptype", 16),
-                                     detail(named("direction", 20, names::direction)),
+constexpr fields<9> user_acl_record{{{"ifx", user_acl_record::ifx},
+                                     detail("phyid", user_acl_record::phyid, number64),
+                                     detail("apptype", user_acl_record::app_type),
+                                     detail(named("direction", user_acl_record::direction, names::direction)),
                                      {"mac", user_acl_record::mac, mac},
                                      {"vid", user_acl_record::vid, number16},
-                                     {"key", user_acl_record::key, key}}};
+                                     {"key", user_acl_record::key, key},
+                                     detail("ip", user_acl_record::ipv4, ipv4),
+                                     detail("ip6", user_acl_record::ipv6, ipv6)}};
 
 // The elements of lists.
 constexpr fields<5> move_element{{{"ifx", address_move::ifx},

@@ -107,17 +107,28 @@ inline constexpr std::size_t id = offsetof(scc_ace_record, ace_id);  // u32 (*)
 // as the entity that the ACL is applied to.
 namespace apply_record {
 inline constexpr std::size_t entity = record::acl_key;
-inline constexpr std::size_t ifx = offsetof(scc_records_application, ifx);                // u32
-inline constexpr std::size_t direction = offsetof(scc_records_application, direction);    // u32: 0 in, 1 out
+inline constexpr std::size_t ifx = offsetof(scc_records_application, ifx);              // u32
+inline constexpr std::size_t direction = offsetof(scc_records_application, direction);  // u32: 0 in, 1 out
+// The user, if the ACL is bound to one; otherwise zeros.
+inline constexpr std::size_t mac = offsetof(scc_records_application, mac);                // 6 bytes
+inline constexpr std::size_t vid = offsetof(scc_records_application, vid);                // u16
+inline constexpr std::size_t ipv4 = offsetof(scc_records_application, ipv4);              // u32
+inline constexpr std::size_t ipv6 = offsetof(scc_records_application, ipv6);              // 16 bytes
+inline constexpr std::size_t phyid = 56;                                                  // u64
 inline constexpr std::size_t apply_type = offsetof(scc_records_application, apply_type);  // u32 (*)
 }  // namespace apply_record
 
 // The 208-byte user ACL record.
 namespace user_acl_record {
-inline constexpr std::size_t ifx = offsetof(scc_user_acl_record, ifx);  // u32 (*)
-inline constexpr std::size_t mac = offsetof(scc_user_acl_record, mac);  // 6 bytes (*)
-inline constexpr std::size_t vid = offsetof(scc_user_acl_record, vid);  // u16 (*)
-inline constexpr std::size_t key = offsetof(scc_user_acl_record, key);  // ACL key (*); before it, the user
+inline constexpr std::size_t ifx = offsetof(scc_records_user_acl, ifx);              // u32 (*)
+inline constexpr std::size_t phyid = offsetof(scc_records_user_acl, phyid);          // u64 (*)
+inline constexpr std::size_t app_type = offsetof(scc_records_user_acl, apptype);     // u32 (*)
+inline constexpr std::size_t direction = offsetof(scc_records_user_acl, direction);  // u32 (*): 0 in, 1 out
+inline constexpr std::size_t mac = offsetof(scc_records_user_acl, mac);              // 6 bytes (*)
+inline constexpr std::size_t vid = offsetof(scc_records_user_acl, vid);              // u16 (*)
+inline constexpr std::size_t key = offsetof(scc_records_user_acl, key);              // ACL key (*)
+inline constexpr std::size_t ipv4 = offsetof(scc_records_user_acl, ipv4);            // u32
+inline constexpr std::size_t ipv6 = offsetof(scc_records_user_acl, ipv6);            // 16 bytes
 }  // namespace user_acl_record
 
 struct acl_identity {

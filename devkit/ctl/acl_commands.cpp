@@ -71,15 +71,15 @@ arguments application() {
 }
 
 arguments user_binding() {
+    namespace at = devkit::user_acl_record;
     return with(
-        key_fields(0, offsetof(scc_user_acl_record, key)),
-        {field("ifx", offsetof(scc_user_acl_record, ifx), 4, "interface index"),
-         field("phyid", offsetof(scc_user_acl_record, phyid), 8, "physical id"),
-         field("apptype", offsetof(scc_user_acl_record, apptype), 4, "the binding's application type"),
-         field("direction", offsetof(scc_user_acl_record, direction), 4, "of the packets")
-             .named(devkit::names::direction),
-         field("mac", offsetof(scc_user_acl_record, mac), 6, "MAC address").as(value_type::mac),
-         field("vid", offsetof(scc_user_acl_record, vid), 2, "VLAN id")});
+        key_fields(0, at::key),
+        {field("ifx", at::ifx, 4, "interface index"), field("phyid", at::phyid, 8, "physical id"),
+         field("apptype", at::app_type, 4, "the binding's application type"),
+         field("direction", at::direction, 4, "of the packets").named(devkit::names::direction),
+         field("mac", at::mac, 6, "MAC address").as(value_type::mac), field("vid", at::vid, 2, "VLAN id"),
+         field("ip", at::ipv4, 4, "IPv4 address").as(value_type::ipv4),
+         field("ipv6", at::ipv6, 16, "IPv6 address").as(value_type::address16)});
 }
 
 template <typename Record>

@@ -11,6 +11,7 @@
 
 #include "ace/ace_text.h"
 #include "common/records.h"
+#include "linux/dropped_frames.h"
 #include "linux/rule_expressions.h"
 
 namespace scc::kernel {
@@ -27,7 +28,8 @@ constexpr u16 ether_type_eapol = 0x888E;
 // The NAC applications that admit known users alone: IEEE 802.1X (MAC, port static, move, single, MAB) and
 // port security.
 constexpr u32 closing_first = 1;
-constexpr u32 closing_last = 6;
+constexpr u32 port_security = 6;
+constexpr u32 closing_last = port_security;
 
 std::string acl_text(const acl_name& name) {
     return fmt::format("{}-{}-{}.", name.vdev_id, name.app_type, name.acl_id);
@@ -50,14 +52,18 @@ wanted_rule rule_doing(expressions what) {
     return {identity, nullptr, std::move(what)};
 }
 
-scc_records_application fields_of(const scc_acl_apply_record& record) {
-    scc_records_application fields{};
-    (void)scc_records_decode_application(&record, &fields);
-    return fields;
-}
-
-bool enters(const scc_records_application& fields) {
-    return fields.direction == 0;
+// One list of conditions for each rule that the application's frames need.
+std::vector<expressions> conditions_of_frames(const service::application_place& place) {
+    if (place.frames.empty()) {
+        return {expressions()};
+    }
+    std::vector<expressions> all;
+    for (const ace::rule& frames : place.frames) {
+        for (expressions& conditions : conditions_of(frames)) {
+            all.push_back(std::move(conditions));
+        }
+    }
+    return all;
 }
 
 bool contains(const std::vector<u32>& numbers, u32 number) {
@@ -168,7 +174,7 @@ std::string enforcement::problem_of(const acl_table::ace_entry& ace) {
 }
 
 std::string enforcement::problem_of(const scc_acl_apply_record& application) const {
-    const u32 ifx = fields_of(application).ifx;
+    const u32 ifx = service::place_of(application).ifx;
     if (ifx == 0) {
         return {};
     }
@@ -233,7 +239,7 @@ wanted_chain enforcement::entry_chain(const contents& held, u32 ifx, const mappe
     chain.hook = {entering ? u32{NF_NETDEV_INGRESS} : u32{NF_NETDEV_EGRESS}, interface.name};
     const bool excepted = contains(held.nac.egress_ports(), ifx);
     if (entering && !excepted) {
-        for (const auto& [vlan, closed] : access_of(held, ifx)) {
+        for (const auto& [vlan, how] : access_of(held, ifx)) {
             expressions frames = vlan == 0 ? expressions() : vlan_condition(static_cast<u16>(vlan));
             chain.rules.push_back(rule_doing(frames.jump(access_chain_name(ifx, vlan).name)));
         }
@@ -243,32 +249,37 @@ wanted_chain enforcement::entry_chain(const contents& held, u32 ifx, const mappe
     }
     for (const auto& [name, acl] : held.acls.acls()) {
         for (const acl_table::application& application : acl.applications) {
-            const scc_records_application fields = fields_of(application.record);
-            const bool here = fields.ifx == ifx || (fields.ifx == 0 && !excepted);
-            if (here && enters(fields) == entering) {
-                chain.rules.push_back(rule_doing(expressions().jump(acl_chain(name, acl.number).name)));
+            const service::application_place& place = application.place;
+            const bool here = place.ifx == ifx || (place.ifx == 0 && !excepted);
+            if (!here || place.enters != entering) {
+                continue;
+            }
+            for (expressions& frames : conditions_of_frames(place)) {
+                chain.rules.push_back(rule_doing(frames.jump(acl_chain(name, acl.number).name)));
             }
         }
     }
     return chain;
 }
 
-std::map<u32, bool> enforcement::access_of(const contents& held, u32 ifx) {
-    std::map<u32, bool> vlans;
+std::map<u32, enforcement::access> enforcement::access_of(const contents& held, u32 ifx) {
+    std::map<u32, access> vlans;
     for (const nac_app& app : held.nac.apps()) {
         if (closes(app) && app.ifx == ifx) {
-            vlans[app.vid] = true;
+            access& how = vlans[app.vid];
+            how.is_closed = true;
+            how.is_secured = how.is_secured || app.type == port_security;
         }
     }
     // Users are counted also where everybody is admitted.
     const std::vector<nac_user> users = held.nac.users();
     if (std::any_of(users.begin(), users.end(), [ifx](const nac_user& user) { return user.ifx == ifx; })) {
-        vlans.try_emplace(0, false);
+        vlans.try_emplace(0);
     }
     return vlans;
 }
 
-wanted_chain enforcement::access_chain(const contents& held, u32 ifx, u32 vlan, bool closed) {
+wanted_chain enforcement::access_chain(const contents& held, u32 ifx, u32 vlan, access how) const {
     wanted_chain chain;
     chain.rules.push_back(rule_doing(ether_type_condition(ether_type_eapol).leave_chain()));
     for (const nac_user& user : held.nac.users()) {
@@ -283,7 +294,10 @@ wanted_chain enforcement::access_chain(const contents& held, u32 ifx, u32 vlan, 
             chain.rules.push_back(rule_doing(admission.leave_chain()));
         }
     }
-    if (closed) {
+    if (how.is_secured && tells_) {
+        chain.rules.push_back(rule_doing(expressions().up_to(dropped_max_per_second).log_to(dropped_group)));
+    }
+    if (how.is_closed) {
         chain.rules.push_back(rule_doing(expressions().count_in(access_counter(ifx)).drop()));
     }
     return chain;
@@ -321,9 +335,9 @@ void enforcement::add_interfaces(const contents& held, const held_tables& kernel
         }
     }
     for (const auto& [ifx, interface] : map_.interfaces) {
-        for (const auto& [vlan, closed] : access_of(held, ifx)) {
+        for (const auto& [vlan, how] : access_of(held, ifx)) {
             request.counters_added.insert(access_counter(ifx));
-            wanted[access_chain_name(ifx, vlan)] = access_chain(held, ifx, vlan, closed);
+            wanted[access_chain_name(ifx, vlan)] = access_chain(held, ifx, vlan, how);
         }
     }
     for (const nac_user& user : held.nac.users()) {

@@ -5,9 +5,9 @@
 //           acl-V-T-A.N/02   continues a long one, and so on
 //           in-IFX-NAME      what interface IFX receives: access control, then the ACLs applied there
 //           out-IFX-NAME     what it sends
-//           nac-IFX-VLAN     counts the users of the interface; where a NAC application closes it, the last
-//           rule
-//                            drops everybody else
+//           nac-IFX-VLAN     counts the users of the interface; where a NAC application closes it, the
+//                            last rule drops everybody else, and where it is port security, the one
+//                            before tells the kernel's packet log of them
 //   inet    cpu-limits       what the machine itself receives, for CPU protection
 //
 // The counter of an ACL is named V-T-A.N, that of an ACE V-T-A.N-ID.M, that of a user user-IFX-MAC, and that
@@ -30,7 +30,8 @@ using contents = service::forwarding_table::contents;
 
 class enforcement {
   public:
-    explicit enforcement(interface_map map) : map_(std::move(map)) {}
+    // `tells` whether the kernel's packet log can tell of frames that are dropped.
+    enforcement(interface_map map, bool tells) : map_(std::move(map)), tells_(tells) {}
     [[nodiscard]] const interface_map& map() const { return map_; }
 
     // Why the kernel cannot enforce it; empty if it can.
@@ -54,12 +55,18 @@ class enforcement {
   private:
     [[nodiscard]] wanted_chain entry_chain(const contents& held, u32 ifx, const mapped_interface& interface,
                                            bool entering) const;
-    [[nodiscard]] static wanted_chain access_chain(const contents& held, u32 ifx, u32 vlan, bool closed);
-    // The chains of access control that interface ifx needs: VLAN (0: all frames), and whether it is closed.
-    [[nodiscard]] static std::map<u32, bool> access_of(const contents& held, u32 ifx);
+    // Of the frames that pass a chain of access control.
+    struct access {
+        bool is_closed = false;   // to everybody but users
+        bool is_secured = false;  // by port security, so that strangers are told of
+    };
+    [[nodiscard]] wanted_chain access_chain(const contents& held, u32 ifx, u32 vlan, access how) const;
+    // The chains of access control that interface ifx needs, by VLAN (0: all frames).
+    [[nodiscard]] static std::map<u32, access> access_of(const contents& held, u32 ifx);
     [[nodiscard]] wanted_chain cpu_chain(const contents& held) const;
 
     const interface_map map_;
+    const bool tells_;
 };
 
 }  // namespace scc::kernel

@@ -102,14 +102,21 @@ expressions& expressions::lies_in(const std::vector<number_range>& ranges) {
     });
 }
 
-expressions& expressions::above(u64 packets_per_second) {
+expressions& expressions::limit(u64 packets_per_second, u32 flags) {
     constexpr u32 burst = 5;
     return add("limit", [&] {
         list_.put_u64(NFTA_LIMIT_RATE, packets_per_second);
         list_.put_u64(NFTA_LIMIT_UNIT, 1);
         list_.put_u32(NFTA_LIMIT_BURST, burst);
         list_.put_u32(NFTA_LIMIT_TYPE, NFT_LIMIT_PKTS);
-        list_.put_u32(NFTA_LIMIT_FLAGS, NFT_LIMIT_F_INV);
+        list_.put_u32(NFTA_LIMIT_FLAGS, flags);
+    });
+}
+
+expressions& expressions::log_to(u16 group) {
+    return add("log", [&] {
+        list_.put(NFTA_LOG_GROUP, bytes_of(group));
+        list_.put(NFTA_LOG_QTHRESHOLD, bytes_of(1));
     });
 }
 

@@ -36,7 +36,11 @@ class expressions {
     expressions& lies_in(const std::vector<number_range>& ranges);
 
     // What follows happens only while there are more packets than that.
-    expressions& above(u64 packets_per_second);
+    expressions& above(u64 packets_per_second) { return limit(packets_per_second, NFT_LIMIT_F_INV); }
+    // While there are no more.
+    expressions& up_to(u64 packets_per_second) { return limit(packets_per_second, 0); }
+    // Tells the reader of this group of the kernel's packet log of each packet at once.
+    expressions& log_to(u16 group);
     expressions& count();
     expressions& count_in(std::string_view counter);
     expressions& drop() { return decide(0, {}); }
@@ -58,6 +62,7 @@ class expressions {
 
   private:
     expressions& compare(nft_cmp_ops how, std::string_view value);
+    expressions& limit(u64 packets_per_second, u32 flags);
     expressions& decide(u32 verdict, std::string_view chain);
     // One expression, whose attributes fill() puts.
     template <class Fill>

@@ -5,30 +5,40 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <future>
 #include <iterator>
 #include <system_error>
 #include <utility>
+
+#include "linux/dropped_frames.h"
 
 namespace scc::kernel {
 namespace {
 
 constexpr int attempts_max = 5;  // while others change the kernel's rules, too
 
+// Of this thread.
+std::chrono::nanoseconds processor_time() {
+    timespec time{};
+    (void)clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
 }  // namespace
 
-using service::acl_name;
 using service::acl_table;
 using service::counter_name;
 using service::work_kind;
 
 kernel_back_end::kernel_back_end(service::forwarding_table& table, interface_map map, packet_filter& filter,
-                                 log_handler log, std::size_t list_chain)
+                                 log_handler log, std::size_t list_chain, const pace_limits& pace)
     : table_(table),
-      enforcement_(std::move(map)),
+      enforcement_(std::move(map), dropped_frames::are_told()),
       filter_(filter),
       log_(std::move(log)),
-      list_chain_(list_chain) {}
+      list_chain_(list_chain),
+      pace_(pace) {}
 
 u32 kernel_back_end::start() {
     const u32 error = table_.locked([this](contents& held) {
@@ -70,6 +80,7 @@ void kernel_back_end::submit(work_kind kind, table_work work, completion done) {
         const std::lock_guard guard(mutex_);
         if (!ending_) {
             waiting_.push_back({kind, std::move(work), std::exchange(done, {}), false, 0});
+            is_urgent_ = is_urgent_ || kind == work_kind::query;
         }
     }
     if (done) {
@@ -88,6 +99,7 @@ u32 kernel_back_end::run(work_kind kind, table_work work) {
         }
         waiting_.push_back(
             {kind, std::move(work), [promise](u32 value) { promise->set_value(value); }, true, 0});
+        is_urgent_ = true;
     }
     changed_.notify_one();
     return result.get();
@@ -96,13 +108,15 @@ u32 kernel_back_end::run(work_kind kind, table_work work) {
 void kernel_back_end::serve() {
     std::unique_lock lock(mutex_);
     while (!ending_) {
-        if (waiting_.empty()) {
-            changed_.wait(lock);
+        if (!is_due(lock)) {
             continue;
         }
         std::deque<item> taken = std::exchange(waiting_, {});
+        is_urgent_ = false;
         lock.unlock();
+        const std::chrono::nanoseconds before = processor_time();
         process(taken);
+        pace_.ended(transaction_pace::clock::now(), processor_time() - before, taken.size());
         lock.lock();
     }
     // Whoever waits in run() is released.
@@ -110,6 +124,19 @@ void kernel_back_end::serve() {
         left.done(ECANCELED);
     }
     waiting_.clear();
+}
+
+bool kernel_back_end::is_due(std::unique_lock<std::mutex>& lock) {
+    if (waiting_.empty()) {
+        changed_.wait(lock);
+        return false;
+    }
+    const auto next = pace_.next(waiting_.size());
+    if (is_urgent_ || next <= transaction_pace::clock::now()) {
+        return true;
+    }
+    changed_.wait_until(lock, next);
+    return false;
 }
 
 void kernel_back_end::process(std::deque<item>& taken) {
@@ -143,7 +170,7 @@ void kernel_back_end::commit(items& changes) {
         if (error == 0) {
             confirm(held);
         } else if (was_recovering) {
-            // The daemon does not send it again; the next operation tries it again.
+            // The daemon does not send it again; mend() or the next operation tries it again.
             held.acls.confirm();
             for (item& change : held_back_) {
                 change.result = change.result == 0 ? error : change.result;

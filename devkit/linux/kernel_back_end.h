@@ -3,6 +3,9 @@
 // completions. If the kernel refuses, the changes are taken back and tried one by one, so that each operation
 // gets its own result and the tables stay what the kernel enforces.
 //
+// A few changes wait until the pace allows a transaction; many of them, and whatever somebody waits for or
+// that reads, do not.
+//
 // During a recovery the kernel is left alone: its rules go on working until the end, when they are compared
 // with what the daemon sent, and only what differs is changed. Operations that come meanwhile are answered
 // then.
@@ -19,6 +22,7 @@
 
 #include "linux/enforcement.h"
 #include "linux/nftables.h"
+#include "linux/transaction_pace.h"
 #include "service/back_end.h"
 
 namespace scc::kernel {
@@ -29,7 +33,8 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
 
     // The log gets a line for each thing that the kernel cannot do or refuses, on any thread.
     kernel_back_end(service::forwarding_table& table, interface_map map, packet_filter& filter,
-                    log_handler log, std::size_t list_chain = list_chain_default);
+                    log_handler log, std::size_t list_chain = list_chain_default,
+                    const pace_limits& pace = {});
     ~kernel_back_end() override { stop(); }
 
     // Adopts the rules that the kernel has. Returns 0 or an errno value. Before and after a failure nothing
@@ -62,6 +67,8 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
     using items = std::vector<item>;
 
     void serve();
+    // Whether what waits is taken now; otherwise waits for a change of that, with the lock.
+    [[nodiscard]] bool is_due(std::unique_lock<std::mutex>& lock);
     void process(std::deque<item>& taken);
     void commit(items& changes);
     // Runs the works of all changes; those that fail have no effect.
@@ -106,7 +113,9 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
     std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<item> waiting_;  // guarded by mutex_
+    bool is_urgent_ = false;    // guarded by mutex_: something that waits must not wait any longer
     bool ending_ = true;        // also before it begins; guarded by mutex_
+    transaction_pace pace_;     // of the back end's thread
     std::thread thread_;
 };
 

@@ -230,7 +230,8 @@ class kernel_filter : public packet_filter {
         const nlmsghdr* const request = begin(NFT_MSG_GETGEN, family::netdev, NLM_F_ACK);
         return exchange(request, [this](const nlmsghdr* message) {
             const nlattr* const id = attributes_of(message)[NFTA_GEN_ID];
-            generation_ = id == nullptr ? 0 : ntohl(mnl_attr_get_u32(id));
+            const bool is_whole = id != nullptr && mnl_attr_get_payload_len(id) == sizeof(u32);
+            generation_ = is_whole ? ntohl(mnl_attr_get_u32(id)) : 0;
         });
     }
 

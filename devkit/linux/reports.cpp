@@ -4,7 +4,10 @@
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <sys/epoll.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -85,21 +88,32 @@ reports::reports(service::forwarding_table& table, kernel_back_end& carrier, int
       interval_(interval_seconds),
       log_(std::move(log)),
       learned_(open_learned(), close_socket),
+      events_(::epoll_create1(EPOLL_CLOEXEC)),
       next_report_(clock::now() + interval_),
       next_check_(clock::now() + check_interval) {
     for (const auto& [ifx, interface] : map_.interfaces) {
         kernel_index_[ifx] = if_nametoindex(interface.name.c_str());
     }
+    if (!dropped_.problem().empty()) {
+        log_("violations of port security are not reported: " + dropped_.problem());
+    }
+    watch(learned_ ? mnl_socket_get_fd(learned_.get()) : -1);
+    watch(dropped_.descriptor());
 }
 
-reports::~reports() = default;
+reports::~reports() {
+    ::close(events_);
+}
 
-int reports::descriptor() const {
-    return learned_ ? mnl_socket_get_fd(learned_.get()) : -1;
+void reports::watch(int descriptor) const {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    (void)::epoll_ctl(events_, EPOLL_CTL_ADD, descriptor, &event);
 }
 
 void reports::pass() {
     take_learned();
+    take_dropped();
     if (clock::now() >= next_check_) {
         next_check_ = clock::now() + check_interval;
         check_interfaces();
@@ -137,13 +151,19 @@ void reports::take_learned() {
         for (auto* message = reinterpret_cast<nlmsghdr*>(buffer.data()); mnl_nlmsg_ok(message, rest);
              message = mnl_nlmsg_next(message, &rest)) {
             const auto learned = learned_in(message);
-            for (const auto& [ifx, index] : kernel_index_) {
-                if (learned && index != 0 && index == learned->kernel_index) {
-                    learn(learned->mac, {ifx, learned->vid});
-                }
+            const u32 ifx = learned ? ifx_of(learned->kernel_index) : 0;
+            if (ifx != 0) {
+                learn(learned->mac, {ifx, learned->vid});
             }
         }
     }
+}
+
+u32 reports::ifx_of(unsigned kernel_index) const {
+    const auto found = std::ranges::find_if(kernel_index_, [kernel_index](const auto& entry) {
+        return entry.second != 0 && entry.second == kernel_index;
+    });
+    return found == kernel_index_.end() ? 0 : found->first;
 }
 
 void reports::learn(const ace::mac_bytes& mac, const station& where) {
@@ -151,11 +171,36 @@ void reports::learn(const ace::mac_bytes& mac, const station& where) {
     if (is_new || known->second == where) {
         return;
     }
-    scc_address_move move{where.ifx, where.vid, known->second.vid, where.vid, {}};
-    std::memcpy(move.mac, mac.data(), sizeof move.mac);
+    report_move(mac, where, "moved to");
     known->second = where;
-    note(fmt::format("{} moved to interface {}", ace::print_mac(mac), where.ifx),
+}
+
+void reports::report_move(const ace::mac_bytes& mac, const station& where, const std::string& what) {
+    const auto known = stations_.find(mac);
+    const u16 vid_before = known == stations_.end() ? u16{0} : known->second.vid;
+    scc_address_move move{where.ifx, where.vid, vid_before, where.vid, {}};
+    std::memcpy(move.mac, mac.data(), sizeof move.mac);
+    note(fmt::format("{} {} interface {}", ace::print_mac(mac), what, where.ifx),
          scc_ss_move_addr_notify(1, &move));
+}
+
+// A user whose frames are dropped for their IP address is no stranger.
+void reports::take_dropped() {
+    const std::vector<dropped_frame> frames = dropped_.take();
+    if (frames.empty()) {
+        return;
+    }
+    const std::vector<nac_user> users = table_.locked([](const contents& held) { return held.nac.users(); });
+    for (const dropped_frame& frame : frames) {
+        const station where{ifx_of(frame.kernel_index), frame.vid};
+        const bool is_user = std::ranges::any_of(users, [&](const nac_user& user) {
+            return user.mac == frame.source && user.ifx == where.ifx &&
+                   (user.vid == 0 || user.vid == where.vid);
+        });
+        if (where.ifx != 0 && !is_user && strangers_.allows(where.ifx, frame.source, clock::now())) {
+            report_move(frame.source, where, "is a stranger on");
+        }
+    }
 }
 
 void reports::report_hits() {

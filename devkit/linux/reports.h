@@ -4,9 +4,12 @@
 //   flows of users      by the counters of the rules that admit them, likewise
 //   users without flow  while offline detection is open: the threshold's packets or fewer in an interval
 //   moved addresses     when a bridge learns an address on another interface than before
+//   strangers           as addresses that moved to an interface that port security closes to them, each once
+//   a
+//                       second; the daemon knows that this is a violation
 //
-// A notification has no message for frames that access control drops; they are logged. Also makes the kernel
-// like the tables again when an interface of the map comes or goes.
+// How many frames access control drops is logged. Also makes the kernel like the tables again when an
+// interface of the map comes or goes.
 //
 // Main thread only.
 #pragma once
@@ -17,6 +20,7 @@
 #include <memory>
 #include <string>
 
+#include "linux/dropped_frames.h"
 #include "linux/kernel_back_end.h"
 #include "service/traffic.h"
 
@@ -34,8 +38,8 @@ class reports {
     reports(const reports&) = delete;
     reports& operator=(const reports&) = delete;
 
-    // Readable when a bridge learns an address; -1 if the kernel does not tell.
-    [[nodiscard]] int descriptor() const;
+    // Readable when a bridge learns an address or a stranger's frame is dropped; -1 without descriptors.
+    [[nodiscard]] int descriptor() const { return events_; }
     // Handles what happened and what is due. Call at least once a second.
     void pass();
 
@@ -51,6 +55,11 @@ class reports {
     void check_interfaces();
     void take_learned();
     void learn(const ace::mac_bytes& mac, const service::station& where);
+    void take_dropped();
+    void report_move(const ace::mac_bytes& mac, const service::station& where, const std::string& what);
+    // The daemon's index of an interface of the kernel; 0 if it is not in the map.
+    [[nodiscard]] u32 ifx_of(unsigned kernel_index) const;
+    void watch(int descriptor) const;
     void report_hits();
     void report_flows(const std::vector<service::nac_user>& users,
                       const std::map<std::string, counted>& counters);
@@ -66,6 +75,9 @@ class reports {
     const std::chrono::seconds interval_;
     const log_handler log_;
     std::unique_ptr<mnl_socket, void (*)(mnl_socket*)> learned_;
+    dropped_frames dropped_;
+    once_a_second strangers_;
+    const int events_;                      // of both
     std::map<u32, unsigned> kernel_index_;  // by interface index of the daemon
     std::map<ace::mac_bytes, service::station> stations_;
     std::map<std::string, u64> reported_;  // packets by counter

@@ -18,11 +18,17 @@ static_assert(sizeof(scc_records_config) == sizeof(scc_config_record));
 static_assert(sizeof(scc_records_config) == sizeof(scc_user_record));
 static_assert(sizeof(scc_records_application) == sizeof(scc_acl_apply_record));
 static_assert(sizeof(scc_records_arp_user) == sizeof(scc_arp_check_entry));
+static_assert(sizeof(scc_records_user_acl) == sizeof(scc_user_acl_record));
 static_assert(offsetof(scc_records_config, app_type) == offsetof(scc_config_record, form));
 static_assert(offsetof(scc_records_config, operation) == offsetof(scc_user_record, operation));
 static_assert(offsetof(scc_records_config, flags) == offsetof(scc_user_record, flags));
 static_assert(offsetof(scc_records_config, mask) == offsetof(scc_user_record, mask));
 static_assert(offsetof(scc_records_application, apply_type) == offsetof(scc_acl_apply_record, apply_type));
+static_assert(offsetof(scc_records_application, ipv6) == 36);
+static_assert(offsetof(scc_records_user_acl, direction) == offsetof(scc_user_acl_record, direction));
+static_assert(offsetof(scc_records_user_acl, vid) == offsetof(scc_user_acl_record, vid));
+static_assert(offsetof(scc_records_user_acl, key) == offsetof(scc_user_acl_record, key));
+static_assert(offsetof(scc_records_user_acl, ipv4) == 48 && offsetof(scc_records_user_acl, ipv6) == 52);
 static_assert(SCC_RECORDS_ADD == SCC_USER_OPERATION_ADD && SCC_RECORDS_GET == SCC_USER_OPERATION_GET &&
               SCC_RECORDS_DELETE == SCC_USER_OPERATION_DELETE);
 
@@ -45,6 +51,21 @@ std::uint32_t check(const scc_records_config* config, const void* record, scc_re
     }
     if (config->operation > SCC_RECORDS_DELETE) {
         return refuse(error, "an operation is 0 to 3");
+    }
+    return result_ok;
+}
+
+// Of an application and of a user's ACL.
+template <typename Place>
+std::uint32_t check_place(const Place* place, const void* record, scc_records_error* error) {
+    if (place == nullptr || record == nullptr) {
+        return refuse(error, "a null pointer");
+    }
+    if (place->direction > 1) {
+        return refuse(error, "a direction is 0 (in) or 1 (out)");
+    }
+    if (place->vid > vlan_max) {
+        return refuse(error, "a VLAN id is 0 to 4094");
     }
     return result_ok;
 }
@@ -256,11 +277,9 @@ size_t scc_records_print_config(const scc_records_config* config, char* buffer, 
 
 uint32_t scc_records_encode_application(const scc_records_application* application,
                                         scc_acl_apply_record* record, scc_records_error* error) {
-    if (application == nullptr || record == nullptr) {
-        return records::refuse(error, "a null pointer");
-    }
-    if (application->direction > 1) {
-        return records::refuse(error, "a direction is 0 (in) or 1 (out)");
+    const std::uint32_t result = records::check_place(application, record, error);
+    if (result != records::result_ok) {
+        return result;
     }
     if (application->apply_type > records::app_type_max) {
         return records::refuse(error, "an apply type is 0 to 58");
@@ -271,6 +290,16 @@ uint32_t scc_records_encode_application(const scc_records_application* applicati
 uint32_t scc_records_decode_application(const scc_acl_apply_record* record,
                                         scc_records_application* application) {
     return records::copy(record, application);
+}
+
+uint32_t scc_records_encode_user_acl(const scc_records_user_acl* user, scc_user_acl_record* record,
+                                     scc_records_error* error) {
+    const std::uint32_t result = records::check_place(user, record, error);
+    return result != records::result_ok ? result : records::copy(user, record);
+}
+
+uint32_t scc_records_decode_user_acl(const scc_user_acl_record* record, scc_records_user_acl* user) {
+    return records::copy(record, user);
 }
 
 uint32_t scc_records_decode_arp_user(const scc_arp_check_entry* record, scc_records_arp_user* user) {

@@ -2,6 +2,7 @@
 // security service.
 #include <utility>
 
+#include "sccd/recovery.h"
 #include "sccd/request_handlers.h"
 
 namespace scc::sccd::handlers {
@@ -19,9 +20,7 @@ std::vector<service_operation> forwarded(const client_request& request, std::siz
     service_operation operation{request.ticket.type->number, request.ticket.type->number,
                                 devkit::to_bytes(devkit::slice(request.value, 0, len))};
     operation.value.resize(len);
-    std::vector<service_operation> operations;
-    operations.push_back(std::move(operation));
-    return operations;
+    return one(std::move(operation));
 }
 
 bool sets(const client_request& request, std::size_t offset) {
@@ -80,13 +79,38 @@ void reset_counter(daemon_core& daemon, const client_request& request, bool of_a
     daemon.carry_out(request.ticket, {refused, {}}, std::move(reset));
 }
 
+// For operations that follow from another one, which is answered.
+void send_user_acls(daemon_core& daemon, const acl_store::user_acl_map& bindings, bool apply) {
+    for (const auto& [user, record] : bindings) {
+        daemon.carry_out(state_change::made(), one(user_acl_operation(record, apply)), [](u32) {});
+    }
+}
+
+// The bindings end with their ACL, but a service refuses to delete an ACL that is applied anywhere. One with
+// other applications is refused also without its users, who keep it.
+void delete_acl(daemon_core& daemon, const client_request& request, const acl_identity& key) {
+    const acl_entry* const acl = daemon.acls.find(key);
+    const bool is_free = acl != nullptr && acl->applies.empty();
+    acl_store::user_acl_map bindings = is_free ? daemon.acls.bindings_of(key) : acl_store::user_acl_map{};
+    send_user_acls(daemon, bindings, false);
+    daemon.carry_out(daemon.acls.remove(key), forwarded(request, 140),
+                     [&daemon, ticket = request.ticket, bindings = std::move(bindings)](u32 outcome) {
+                         if (outcome != result::ok) {
+                             send_user_acls(daemon, bindings, true);
+                         }
+                         daemon.answer(ticket, outcome);
+                     });
+}
+
 }  // namespace
 
 void acl(daemon_core& daemon, const client_request& request) {
     const acl_identity key = devkit::key_at(request.value, key_offset);
-    state_change change = sets(request, 136) ? daemon.acls.create(key, devkit::slice(request.value, 0, 140))
-                                             : daemon.acls.remove(key);
-    daemon.carry_out(request.ticket, std::move(change), forwarded(request, 140));
+    if (!sets(request, 136)) {
+        return delete_acl(daemon, request, key);
+    }
+    daemon.carry_out(request.ticket, daemon.acls.create(key, devkit::slice(request.value, 0, 140)),
+                     forwarded(request, 140));
 }
 
 void ace(daemon_core& daemon, const client_request& request) {
@@ -108,27 +132,6 @@ void acl_resequence(daemon_core& daemon, const client_request& request) {
         daemon.acls.resequence(devkit::key_at(request.value, key_offset), devkit::u32_at(request.value, 20),
                                devkit::u32_at(request.value, 24));
     daemon.carry_out(request.ticket, std::move(change), forwarded(request, 28));
-}
-
-void user_acl(daemon_core& daemon, const client_request& request) {
-    const byte_view record = devkit::slice(request.value, 8, record::user_acl);
-    const state_change change =
-        sets(request, 216) ? daemon.acls.bind_user(record) : daemon.acls.unbind_user(record);
-    daemon.answer(request.ticket, change.result);
-}
-
-void user_acl_delete_vmsup(daemon_core& daemon, const client_request& request) {
-    daemon.acls.unbind_all_users(devkit::key_at(request.value, 216));
-    daemon.answer(request.ticket, result::ok);
-}
-
-// The answer is the key of the ACL that the user is bound to, or zeros; it carries no result.
-void user_vmsup_get(daemon_core& daemon, const client_request& request) {
-    byte_buffer answer(record::acl_key, 0);
-    if (const auto key = daemon.acls.move_user(devkit::slice(request.value, 8, record::user_acl))) {
-        devkit::write_key(answer, 0, *key);
-    }
-    daemon.reply(request.ticket, answer);
 }
 
 void filter_counter_reset(daemon_core& daemon, const client_request& request) {

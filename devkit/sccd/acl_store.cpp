@@ -31,9 +31,12 @@ entity_key entity_of(byte_view record) {
     return identity(devkit::slice(record, devkit::apply_record::entity, record.size()));
 }
 
-// Everything before the key identifies the user. The key's class is left out, as everywhere.
+// Everything before the key and the IP addresses identify the user. The key's class is left out, as
+// everywhere.
 entity_key user_binding(byte_view record) {
-    return identity(devkit::slice(record, 0, devkit::user_acl_record::key + 12));
+    namespace user = devkit::user_acl_record;
+    return identity(devkit::slice(record, 0, user::key + 12)) +
+           identity(devkit::slice(record, user::ipv4, user::ipv6 + 16 - user::ipv4));
 }
 
 bool binds(byte_view record, const acl_identity& key) {
@@ -142,7 +145,7 @@ state_change acl_store::remove(const acl_identity& key) {
     acl_entry removed = std::move(acl->second);
     acls_.erase(acl);
     user_acl_map unbound = bindings_of(key);
-    unbind_all_users(key);
+    std::erase_if(user_acls_, [&key](const auto& entry) { return binds(entry.second, key); });
     // An ACL created under this key meanwhile is not in the hardware; this one still is.
     return state_change::made([this, removed = std::move(removed), unbound = std::move(unbound)] {
         acls_.insert_or_assign(removed.key, removed);
@@ -228,23 +231,45 @@ state_change acl_store::bind_user(byte_view record) {
     if (find(devkit::key_at(record, devkit::user_acl_record::key)) == nullptr) {
         return state_change::refused(result::no_such_acl);
     }
-    const bool added = user_acls_.emplace(user_binding(record), devkit::to_bytes(record)).second;
-    return added ? state_change::made() : state_change::refused(result::already_applied);
+    const entity_key binding = user_binding(record);
+    if (!user_acls_.emplace(binding, devkit::to_bytes(record)).second) {
+        return state_change::refused(result::already_applied);
+    }
+    return state_change::made([this, binding] { user_acls_.erase(binding); });
 }
 
 state_change acl_store::unbind_user(byte_view record) {
     if (find(devkit::key_at(record, devkit::user_acl_record::key)) == nullptr) {
         return state_change::refused(result::no_such_acl);
     }
-    return user_acls_.erase(user_binding(record)) != 0 ? state_change::made()
-                                                       : state_change::refused(result::not_applied);
+    auto removed = user_acls_.extract(user_binding(record));
+    if (removed.empty()) {
+        return state_change::refused(result::not_applied);
+    }
+    return restored(std::move(removed.mapped()));
 }
 
-void acl_store::unbind_all_users(const acl_identity& key) {
-    std::erase_if(user_acls_, [&key](const auto& entry) { return binds(entry.second, key); });
+state_change acl_store::move_user(byte_view before, byte_view after) {
+    user_acls_.erase(user_binding(before));
+    const entity_key moved = user_binding(after);
+    user_acls_.insert_or_assign(moved, devkit::to_bytes(after));
+    return state_change::made([this, moved, back = restored(devkit::to_bytes(before))] {
+        if (user_acls_.erase(moved) != 0) {
+            back.undo();
+        }
+    });
 }
 
-std::optional<acl_identity> acl_store::move_user(byte_view record) {
+// A binding ends with its ACL.
+state_change acl_store::restored(devkit::byte_buffer record) {
+    return state_change::made([this, record = std::move(record)] {
+        if (find(devkit::key_at(record, devkit::user_acl_record::key)) != nullptr) {
+            user_acls_.emplace(user_binding(record), record);
+        }
+    });
+}
+
+const devkit::byte_buffer* acl_store::find_user_acl(byte_view record) const {
     namespace user = devkit::user_acl_record;
     const acl_identity asked = devkit::key_at(record, user::key);
     const auto found = std::find_if(user_acls_.begin(), user_acls_.end(), [&](const auto& entry) {
@@ -253,15 +278,11 @@ std::optional<acl_identity> acl_store::move_user(byte_view record) {
                devkit::mac_at(bound, user::mac) == devkit::mac_at(record, user::mac) &&
                (asked == acl_identity{} || binds(bound, asked));
     });
-    if (found == user_acls_.end()) {
-        return std::nullopt;
-    }
-    devkit::byte_buffer moved = std::move(found->second);
-    user_acls_.erase(found);
-    devkit::write_at(moved, user::vid, devkit::read_at<u16>(record, user::vid));
-    const acl_identity key = devkit::key_at(moved, user::key);
-    user_acls_.insert_or_assign(user_binding(moved), std::move(moved));
-    return key;
+    return found == user_acls_.end() ? nullptr : &found->second;
+}
+
+bool acl_store::has_user_acl(byte_view record) const {
+    return user_acls_.contains(user_binding(record));
 }
 
 acl_store::user_acl_map acl_store::bindings_of(const acl_identity& key) const {

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <map>
-#include <optional>
 #include <string>
 
 #include "common/bytes.h"
@@ -51,11 +50,12 @@ class acl_store {
 
     state_change bind_user(devkit::byte_view record);
     state_change unbind_user(devkit::byte_view record);
-    void unbind_all_users(const devkit::acl_identity& key);
-    // Moves a user's binding to the VLAN of `record` and returns its ACL's key. The user is the one with this
-    // interface and MAC address, the ACL the one that the record names, or any if it names none. Null if
-    // there is no such binding.
-    [[nodiscard]] std::optional<devkit::acl_identity> move_user(devkit::byte_view record);
+    // Replaces the binding `before`, which must exist, by `after`.
+    state_change move_user(devkit::byte_view before, devkit::byte_view after);
+    // The binding of the user with the interface and the MAC address of `record`, to the ACL that the record
+    // names, or to any if it names none. Null if there is none.
+    [[nodiscard]] const devkit::byte_buffer* find_user_acl(devkit::byte_view record) const;
+    [[nodiscard]] bool has_user_acl(devkit::byte_view record) const;
 
     [[nodiscard]] const acl_entry* find(const devkit::acl_identity& key) const;
     [[nodiscard]] acl_entry* find(const devkit::acl_identity& key);
@@ -64,12 +64,14 @@ class acl_store {
     [[nodiscard]] const acl_map& acls() const { return acls_; }
     using user_acl_map = std::map<entity_key, devkit::byte_buffer>;  // user ACL record by user and key
     [[nodiscard]] const user_acl_map& user_acls() const { return user_acls_; }
+    [[nodiscard]] user_acl_map bindings_of(const devkit::acl_identity& key) const;
 
   private:
     // A change that is undone in the ACL of this key, if it is still there.
     [[nodiscard]] state_change undone_in(const devkit::acl_identity& key,
                                          std::function<void(acl_entry&)> undo);
-    [[nodiscard]] user_acl_map bindings_of(const devkit::acl_identity& key) const;
+    // A removal of the binding, which its undo brings back.
+    [[nodiscard]] state_change restored(devkit::byte_buffer record);
 
     acl_map acls_;
     user_acl_map user_acls_;

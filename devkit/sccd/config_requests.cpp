@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "sccd/notifications.h"
 #include "sccd/recovery.h"
 #include "sccd/request_handlers.h"
 
@@ -17,16 +18,9 @@ constexpr u16 second_step = 1000;  // added to the scc-type of the second operat
 constexpr u32 user_notification_bytes = 80 + record::config;
 constexpr std::size_t channel_address = 4;
 constexpr std::size_t channel_notification_bytes = 12;
-constexpr std::size_t violation_notification_bytes = 64;
 
 byte_view config_of(const client_request& request) {
     return devkit::slice(request.value, 8, record::config);
-}
-
-std::vector<service_operation> one(service_operation operation) {
-    std::vector<service_operation> operations;
-    operations.push_back(std::move(operation));
-    return operations;
 }
 
 service_operation operation_of(u16 type, u16 scc_type, byte_view value, std::size_t len) {
@@ -72,15 +66,6 @@ u32 value_on(const daemon_core& daemon, u16 type, u32 ifx) {
     return record == nullptr ? 0 : devkit::u32_at(*record, 8 + config::value);
 }
 
-void notify_violation(daemon_core& daemon, byte_view record) {
-    byte_buffer value(violation_notification_bytes, 0);
-    devkit::write_at(value, 4, devkit::u32_at(record, config::ifx));
-    devkit::write_at(value, 8, static_cast<u16>(devkit::u32_at(record, config::vid)));
-    devkit::copy_at(value, 10, devkit::slice(record, config::mac, 6));
-    devkit::write_at(value, 60, u8{1});
-    daemon.notify_applications(msg::port_violate_notify, value);
-}
-
 // Whether the port takes one more user. A port beyond the limit of port security reports a violation, if a
 // reaction to violations is set.
 bool has_room(daemon_core& daemon, byte_view record, const byte_buffer* before) {
@@ -92,7 +77,8 @@ bool has_room(daemon_core& daemon, byte_view record, const byte_buffer* before) 
     const auto full = [users](u32 limit) { return limit != 0 && users >= limit; };
     const bool violation = full(value_on(daemon, msg::port_security, ifx));
     if (violation && daemon.settings.on_interface(msg::port_violate, ifx) != nullptr) {
-        notify_violation(daemon, record);
+        notify_violation(daemon, {ifx, static_cast<u16>(devkit::u32_at(record, config::vid)),
+                                  devkit::mac_at(record, config::mac)});
     }
     return !violation && !full(value_on(daemon, msg::d1x_port_addr_num, ifx));
 }

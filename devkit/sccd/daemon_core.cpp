@@ -62,26 +62,27 @@ void daemon_core::reply(const request_ticket& ticket, byte_view value) {
 
 void daemon_core::carry_out(const request_ticket& ticket, state_change change,
                             std::vector<service_operation> operations, std::function<void()> succeeded) {
-    if (change.result != result::ok) {
-        return answer(ticket, change.result);
+    carry_out(std::move(change), std::move(operations),
+              [this, ticket, succeeded = std::move(succeeded)](u32 outcome) {
+                  answer(ticket, outcome);
+                  if (outcome == result::ok && succeeded) {
+                      succeeded();
+                  }
+              });
+}
+
+void daemon_core::carry_out(state_change change, std::vector<service_operation> operations,
+                            std::function<void(u32 result)> done) {
+    if (change.result != result::ok || !bridge.present()) {
+        return done(change.result);
     }
-    if (!bridge.present()) {
-        answer(ticket, result::ok);
-        if (succeeded) {
-            succeeded();
-        }
-        return;
-    }
-    bridge.submit(std::move(operations), [this, ticket, undo = std::move(change.undo),
-                                          succeeded = std::move(succeeded)](const service_outcome& outcome) {
-        if (outcome.result != result::ok && undo) {
-            undo();
-        }
-        answer(ticket, outcome.result);
-        if (outcome.result == result::ok && succeeded) {
-            succeeded();
-        }
-    });
+    bridge.submit(std::move(operations),
+                  [undo = std::move(change.undo), done = std::move(done)](const service_outcome& outcome) {
+                      if (outcome.result != result::ok && undo) {
+                          undo();
+                      }
+                      done(outcome.result);
+                  });
 }
 
 void daemon_core::fetch() {
@@ -100,9 +101,7 @@ void daemon_core::recover_service() {
             bridge.post(operation);
             continue;
         }
-        std::vector<service_operation> single;
-        single.push_back(std::move(operation));
-        bridge.submit(std::move(single), [this, name = row->name](const service_outcome& outcome) {
+        bridge.submit(one(std::move(operation)), [this, name = row->name](const service_outcome& outcome) {
             recovery_is_coming_ = false;  // results arrive in order, the start's first
             if (outcome.result == result::ok) {
                 return;

@@ -46,6 +46,9 @@ class daemon_core {
     // Has the service carry out a change and answers when it has; without a service, immediately.
     void carry_out(const request_ticket& ticket, state_change change,
                    std::vector<service_operation> operations, std::function<void()> succeeded = {});
+    // The same, with what is to be done with the result.
+    void carry_out(state_change change, std::vector<service_operation> operations,
+                   std::function<void(u32 result)> done);
     // Sends the service everything that it must hold.
     void recover_service();
     // The service requests a recovery. One that has been sent and not been answered yet serves the request: a

@@ -44,11 +44,30 @@ service_operation addition_of(const acl_entry& acl, const ace_entry& ace) {
     return addition;
 }
 
-service_operation application_of(byte_view record) {
-    service_operation apply = operation(msg::acl_apply, msg::acl_apply, 248);
-    devkit::copy_at(apply.value, 8, record);
-    devkit::write_at(apply.value, 240, set_word);
-    return apply;
+service_operation application_of(byte_view record, u16 scc_type, bool apply) {
+    service_operation application = operation(msg::acl_apply, scc_type, 248);
+    devkit::copy_at(application.value, 8, record);
+    devkit::write_at(application.value, 240, apply ? set_word : 0u);
+    return application;
+}
+
+// Without a type of its own, an ACL is applied under its key's.
+byte_buffer application_of_user(byte_view user_acl) {
+    namespace from = devkit::user_acl_record;
+    namespace to = devkit::apply_record;
+    const devkit::acl_identity key = devkit::key_at(user_acl, from::key);
+    const u32 app_type = devkit::u32_at(user_acl, from::app_type);
+    byte_buffer record(record::acl_apply, 0);
+    devkit::write_key(record, 0, key);
+    devkit::write_at(record, to::ifx, devkit::u32_at(user_acl, from::ifx));
+    devkit::write_at(record, to::direction, devkit::u32_at(user_acl, from::direction));
+    devkit::copy_at(record, to::mac, devkit::slice(user_acl, from::mac, 6));
+    devkit::write_at(record, to::vid, devkit::read_at<u16>(user_acl, from::vid));
+    devkit::write_at(record, to::ipv4, devkit::u32_at(user_acl, from::ipv4));
+    devkit::copy_at(record, to::ipv6, devkit::slice(user_acl, from::ipv6, 16));
+    devkit::write_at(record, to::phyid, devkit::u64_at(user_acl, from::phyid));
+    devkit::write_at(record, to::apply_type, app_type != 0 ? app_type : key.app_type);
+    return record;
 }
 
 // The numbering is sent while the ACL is still empty: the ACEs carry their current numbers, and those added
@@ -62,7 +81,13 @@ void recover_acl(const acl_entry& acl, operation_list& operations) {
         operations.push_back(addition_of(acl, ace));
     }
     for (const auto& [entity, record] : acl.applies) {
-        operations.push_back(application_of(record));
+        operations.push_back(application_of(record, msg::acl_apply, true));
+    }
+}
+
+void recover_user_acls(const acl_store& acls, operation_list& operations) {
+    for (const auto& [user, record] : acls.user_acls()) {
+        operations.push_back(user_acl_operation(record, true));
     }
 }
 
@@ -168,6 +193,10 @@ service_operation setting_operation(u16 type, byte_view value) {
     }
 }
 
+service_operation user_acl_operation(byte_view user_acl_record, bool apply) {
+    return application_of(application_of_user(user_acl_record), msg::user_acl, apply);
+}
+
 service_operation nac_user_operation(byte_view config_record, bool add) {
     service_operation user = operation(msg::nacm_user, msg::nac_user, 96);
     devkit::write_at(user.value, 4, add ? u8{1} : u8{0});
@@ -182,6 +211,7 @@ std::vector<service_operation> recovery_operations(const acl_store& acls, const 
     for (const auto& [key, acl] : acls.acls()) {
         recover_acl(acl, operations);
     }
+    recover_user_acls(acls, operations);
     recover_settings(settings, operations);
     recover_users(users, operations);
     recover_ports(settings, operations);

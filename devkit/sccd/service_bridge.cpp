@@ -40,6 +40,12 @@ u32 call_id_of_this_moment() {
 
 }  // namespace
 
+std::vector<service_operation> one(service_operation operation) {
+    std::vector<service_operation> operations;
+    operations.push_back(std::move(operation));
+    return operations;
+}
+
 service_bridge::service_bridge(event_loop& loop, client_sockets& clients, const trace_log& trace,
                                std::chrono::milliseconds timeout)
     : loop_(loop),

@@ -23,6 +23,8 @@ struct service_operation {
     devkit::byte_buffer value;
 };
 
+[[nodiscard]] std::vector<service_operation> one(service_operation operation);
+
 struct service_outcome {
     u32 result = 0;
     devkit::byte_view value;  // the service's result item; empty if there is none

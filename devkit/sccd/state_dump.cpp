@@ -32,12 +32,14 @@ constexpr record_field apply_fields[] = {{"ifx", devkit::apply_record::ifx},
                                          {"direction", devkit::apply_record::direction, number32, 0, 1},
                                          {"apply_type", devkit::apply_record::apply_type}};
 constexpr record_field user_acl_fields[] = {{"ifx", devkit::user_acl_record::ifx},
-                                            {"phyid", 8, number64, 0, ~u64{0}},
-                                            {"apptype", 16},
-                                            {"direction", 20},
+                                            {"phyid", devkit::user_acl_record::phyid, number64, 0, ~u64{0}},
+                                            {"apptype", devkit::user_acl_record::app_type},
+                                            {"direction", devkit::user_acl_record::direction},
                                             {"mac", devkit::user_acl_record::mac, mac},
                                             {"vid", devkit::user_acl_record::vid, number16},
-                                            {"key", devkit::user_acl_record::key, key}};
+                                            {"key", devkit::user_acl_record::key, key},
+                                            {"ip", devkit::user_acl_record::ipv4, ipv4},
+                                            {"ip6", devkit::user_acl_record::ipv6, ipv6}};
 constexpr record_field user_fields[] = {{"mac", config::mac, mac},      {"ip", config::ipv4, ipv4},
                                         {"ip6", config::ipv6, ipv6},    {"mask", config::mask, ipv4},
                                         {"ifx", config::ifx},           {"vid", config::vid},

@@ -17,20 +17,11 @@
 namespace scc::service {
 namespace {
 
-constexpr u32 direction_in = 0;
 // A resequence keeps sequence numbers from here on.
 constexpr u32 fixed_sn_min = 0x7FFFFFFF;
 
 byte_view bytes_of(const scc_acl_apply_record& record) {
     return {reinterpret_cast<const u8*>(&record), sizeof record};
-}
-
-u32 ifx_of(const scc_acl_apply_record& record) {
-    return devkit::u32_at(bytes_of(record), devkit::apply_record::ifx);
-}
-
-u32 direction_of(const scc_acl_apply_record& record) {
-    return devkit::u32_at(bytes_of(record), devkit::apply_record::direction);
 }
 
 // Everything after the key identifies where the ACL is applied.
@@ -54,13 +45,15 @@ u64 fingerprint_of(const scc_ace_record& record) {
     return hash_of({record.action, sizeof record.action}, match);
 }
 
-// Interface 0 stands for every interface.
-bool lies_on(const scc_acl_apply_record& record, const packet_path& path) {
-    const u32 ifx = ifx_of(record);
-    if (direction_of(record) == direction_in) {
-        return ifx == 0 || ifx == path.ingress_ifx;
-    }
-    return path.egress_ifx != 0 && (ifx == 0 || ifx == path.egress_ifx);
+bool lies_on(const application_place& place, const packet_path& path) {
+    const u32 ifx = place.enters ? path.ingress_ifx : path.egress_ifx;
+    return (place.enters || ifx != 0) && (place.ifx == 0 || place.ifx == ifx);
+}
+
+bool sees(const application_place& place, const packet& packet) {
+    return place.frames.empty() ||
+           std::any_of(place.frames.begin(), place.frames.end(),
+                       [&](const ace::rule& frames) { return matches(frames, packet); });
 }
 
 const touched_aces no_aces{false, {}};
@@ -271,7 +264,7 @@ u32 acl_table::apply(const scc_acl_apply_record& record) {
     }
     application* entry = find_application(*acl, record);
     if (entry == nullptr) {
-        acl->applications.push_back({record, false});
+        acl->applications.push_back({record, place_of(record), false});
         changed(record.key, no_aces, [](acl_entry& changed_acl) { changed_acl.applications.pop_back(); });
         return 0;
     }
@@ -281,7 +274,7 @@ u32 acl_table::apply(const scc_acl_apply_record& record) {
     changed(record.key, no_aces, [before = *entry](acl_entry& changed_acl) {
         *find_application(changed_acl, before.record) = before;
     });
-    *entry = {record, false};
+    *entry = {record, place_of(record), false};
     return 0;
 }
 
@@ -501,7 +494,8 @@ verdict acl_table::classify(const packet& packet, const packet_path& path) {
                 if (result.denied) {
                     return result;
                 }
-                if ((direction_of(entry.record) == direction_in) == entering && lies_on(entry.record, path)) {
+                if (entry.place.enters == entering && lies_on(entry.place, path) &&
+                    sees(entry.place, packet)) {
                     count_first_match(acl, packet, result);
                 }
             }
@@ -542,9 +536,7 @@ void acl_table::append_text(std::string& out, const acl_entry& acl) {
                        devkit::counted(ace.packets, "packet"));
     }
     for (const application& entry : acl.applications) {
-        fmt::format_to(sink, "  applied {} ifx {} type {}\n",
-                       direction_of(entry.record) == direction_in ? "in" : "out", ifx_of(entry.record),
-                       entry.record.apply_type);
+        fmt::format_to(sink, "  applied {} type {}\n", text_of(entry.record), entry.record.apply_type);
     }
 }
 

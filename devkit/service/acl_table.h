@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "service/application.h"
 #include "service/packet.h"
 #include "service/undo_log.h"
 
@@ -96,6 +97,7 @@ class acl_table {
     };
     struct application {
         scc_acl_apply_record record{};
+        application_place place;
         bool stale = false;
     };
     // By sequence number; ACEs with the same number in the order of their addition.
@@ -120,7 +122,7 @@ class acl_table {
     // ACEs may share a sequence number; sequence number and ACE id together identify an ACE.
     [[nodiscard]] u32 add_ace(const scc_acl_key& key, const scc_ace_record& record);
     [[nodiscard]] u32 delete_ace(const scc_acl_key& key, const scc_ace_record& record);
-    // Everything after the record's key identifies where the ACL is applied.
+    // Everything after the record's key identifies where the ACL is applied, and to which user's frames.
     [[nodiscard]] u32 apply(const scc_acl_apply_record& record);
     [[nodiscard]] u32 unapply(const scc_acl_apply_record& record);
     // Renumbers as the applications' caches do: equal numbers stay equal; a leading 0 and numbers from

@@ -76,8 +76,9 @@ std::string describe(const scc_ss_ace_operation& operation) {
 std::string describe(const scc_ss_apply_operation& operation) {
     scc_records_application where{};
     (void)scc_records_decode_application(&operation.apply, &where);
-    return fmt::format("{} {} type {} ifx {} {}", operation.op == SCC_SS_OP_APPLY ? "apply" : "unapply",
-                       describe(where.key), where.apply_type, where.ifx, describe_direction(where.direction));
+    return fmt::format("{} {} type {} ifx {} {}{}", operation.op == SCC_SS_OP_APPLY ? "apply" : "unapply",
+                       describe(where.key), where.apply_type, where.ifx, describe_direction(where.direction),
+                       user_text_of(operation.apply));
 }
 
 std::string describe(const scc_ss_resequence_operation& operation) {

@@ -95,8 +95,8 @@ void give_queue_memory_back() {
         }
         g_was_long = false;
     }
-    void* volatile block =
-        std::malloc(tuning::coalescing_block_bytes);  // volatile, or the compiler leaves both out
+    // volatile, or the compiler leaves both out.
+    void* volatile block = std::malloc(tuning::coalescing_block_bytes);
     std::free(block);
 #ifdef __GLIBC__
     malloc_trim(0);

@@ -74,6 +74,16 @@ class Agent : public loop_application {
         blocker.join();
     }
 
+    // The connection ends while the loop is busy: the checker notices it with the next request. The log is
+    // on.
+    void lose_to_the_checker() {
+        while_the_loop_is_busy([this] {
+            daemon.close_both();
+            ASSERT_EQ(scc_addr_learning(5, 1, nullptr), 0U);
+            EXPECT_TRUE(wait_for_log(identity() + "send  message error,ret:32!"));
+        });
+    }
+
     static std::string identity() { return "(app id:7, pid:" + std::to_string(getpid()) + ")"; }
 };
 

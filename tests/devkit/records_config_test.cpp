@@ -113,6 +113,62 @@ TEST(RecordsConfig, AnApplicationLiesAfterItsKey) {
     EXPECT_STREQ(error.text, "an apply type is 0 to 58");
 }
 
+TEST(RecordsConfig, AnApplicationMayNameAUser) {
+    scc_records_application application{};
+    application.key = {0, 3, 101, 0};
+    application.mac[5] = 9;
+    application.vid = 20;
+    application.ipv4 = inet_addr("192.0.2.1");
+    application.ipv6[15] = 7;
+    scc_acl_apply_record record{};
+    scc_records_error error{};
+    ASSERT_EQ(scc_records_encode_application(&application, &record, &error), 0u);
+    unsigned char bytes[sizeof record];
+    std::memcpy(bytes, &record, sizeof bytes);
+    EXPECT_EQ(bytes[29], 9);
+    EXPECT_EQ(bytes[30], 20);
+    EXPECT_EQ(bytes[32], 192);
+    EXPECT_EQ(bytes[35], 1);
+    EXPECT_EQ(bytes[51], 7);
+    application.vid = 4095;
+    EXPECT_EQ(scc_records_encode_application(&application, &record, &error), 22u);
+    EXPECT_STREQ(error.text, "a VLAN id is 0 to 4094");
+}
+
+TEST(RecordsConfig, TheAclOfAUserHasItsAddressesAfterTheKey) {
+    scc_records_user_acl user{};
+    user.ifx = 5;
+    user.direction = 1;
+    user.mac[5] = 9;
+    user.vid = 20;
+    user.key = {0, 3, 101, 0};
+    user.ipv4 = inet_addr("192.0.2.1");
+    user.ipv6[15] = 7;
+    scc_user_acl_record record{};
+    scc_records_error error{};
+    ASSERT_EQ(scc_records_encode_user_acl(&user, &record, &error), 0u);
+    EXPECT_EQ(record.ifx, 5u);
+    EXPECT_EQ(record.direction, 1u);
+    EXPECT_EQ(record.mac[5], 9);
+    EXPECT_EQ(record.vid, 20);
+    EXPECT_EQ(record.key.acl_id, 101u);
+    EXPECT_EQ(record.tail[0], 192);
+    EXPECT_EQ(record.tail[3], 1);
+    EXPECT_EQ(record.tail[19], 7);
+    scc_records_user_acl again{};
+    ASSERT_EQ(scc_records_decode_user_acl(&record, &again), 0u);
+    EXPECT_EQ(again.ipv4, inet_addr("192.0.2.1"));
+    user.vid = 4095;
+    EXPECT_EQ(scc_records_encode_user_acl(&user, &record, &error), 22u);
+    EXPECT_STREQ(error.text, "a VLAN id is 0 to 4094");
+    user.vid = 0;
+    user.direction = 2;
+    EXPECT_EQ(scc_records_encode_user_acl(&user, &record, &error), 22u);
+    EXPECT_STREQ(error.text, "a direction is 0 (in) or 1 (out)");
+    EXPECT_EQ(scc_records_encode_user_acl(nullptr, &record, nullptr), 22u);
+    EXPECT_EQ(scc_records_decode_user_acl(&record, nullptr), 22u);
+}
+
 TEST(RecordsConfig, AnEntryOfTheArpCheckIsRead) {
     scc_arp_check_entry entry{};
     const unsigned char bytes[] = {7, 0, 0, 0, 10, 0, 2, 0, 0, 0, 0, 9, 192, 0, 2, 1};

@@ -132,6 +132,20 @@ TEST(SccdAcl, AnAclIsBoundToAUserOnce) {
     EXPECT_EQ(client.result_of(134, user_acl(9, 5, 2, remove)), 2008u);
 }
 
+TEST(SccdAcl, AUserMayHaveTheAclOnceForEachOfItsAddresses) {
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
+    ASSERT_EQ(client.result_of(131, acl_request(1, 5, 1)), 0u);
+    wire_value second = user_acl(3, 5, 1, create);
+    second.raw(8 + 48, {10, 0, 0, 9});
+
+    EXPECT_EQ(client.result_of(134, user_acl(2, 5, 1, create)), 0u);
+    EXPECT_EQ(client.result_of(134, second), 0u);
+    EXPECT_EQ(client.result_of(134, wire_value(second).u32(0, 4)), 2009u);
+    EXPECT_EQ(client.result_of(134, wire_value(second).u32(0, 5).u32(216, remove)), 0u);
+    EXPECT_EQ(client.result_of(134, user_acl(6, 5, 1, create)), 2009u);
+}
+
 TEST(SccdAcl, ABindingGoesWithItsAcl) {
     daemon_process daemon;
     test_client client(daemon, 3, 77);

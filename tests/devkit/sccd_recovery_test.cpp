@@ -119,6 +119,32 @@ TEST(SccdRecovery, RecoveredOperationsCarryWhatHadBeenGiven) {
     EXPECT_EQ(operations[16].value, (byte_string{2, 0, 0, 0, 80, 0, 0, 0, 0x90, 0x1f, 0, 0}));
 }
 
+TEST(SccdRecovery, TheAclsOfUsersFollowTheAcls) {
+    daemon_process daemon;
+    test_client application(daemon, 3, 77);
+    EXPECT_EQ(application.result_of(131, acl_request(1, 5, 1)), 0u);
+    EXPECT_EQ(application.result_of(131, acl_request(2, 6, 1)), 0u);
+    const wire_value user = wire_value(224).u32(8, 4).raw(32, {2, 0, 0, 0, 0, 9}).raw(56, {10, 0, 0, 9});
+    EXPECT_EQ(application.result_of(134, wire_value(user).u32(0, 3).key(40, 3, 5).u32(216, 1)), 0u);
+    EXPECT_EQ(application.result_of(134, wire_value(user).u32(0, 4).key(40, 3, 6).u32(216, 1)), 0u);
+    EXPECT_EQ(application.result_of(134, wire_value(user).u32(0, 5).key(40, 3, 6)), 0u);
+    test_client service(daemon, service_app, 78);
+
+    const std::vector<test_item> operations = receive_recovery(service);
+
+    EXPECT_EQ(types_of(operations), (std::vector<std::uint16_t>{201, 131, 131, 133, 201}));
+    ASSERT_EQ(operations.size(), 5u);
+    EXPECT_EQ(operations[3].sub_id, 134);
+    const wire_value apply = wire_value(248)
+                                 .key(8, 3, 5)
+                                 .u32(24, 4)
+                                 .raw(32, {2, 0, 0, 0, 0, 9})
+                                 .raw(40, {10, 0, 0, 9})
+                                 .u32(216, 3)
+                                 .u32(240, 1);
+    EXPECT_EQ(operations[3].part(4, 244), item(0, apply).part(4, 244));
+}
+
 TEST(SccdRecovery, AServiceThatDiedGetsItsStateBackFromItsSuccessor) {
     daemon_process daemon;
     test_client application(daemon, 3, 77);

@@ -270,6 +270,53 @@ TEST(SccdSettings, AUserBeyondPortSecurityIsAViolationIfThatIsSet) {
     EXPECT_EQ(answer.u32(4), 28u);
 }
 
+// Sends, as the service, that station 2:0:0:0:0:`mac` has come to the interface.
+void move_to(test_client& service, std::uint32_t ifx, std::uint16_t vid, std::uint8_t last_of_mac) {
+    service.sync.send(202, wire_value(24).u32(4, 1).u32(8, ifx).u16(12, vid).u16(16, vid).raw(
+                               18, {2, 0, 0, 0, 0, last_of_mac}));
+}
+
+TEST(SccdSettings, AStrangerOnASecuredInterfaceIsAViolation) {
+    daemon_process daemon;
+    test_client client(daemon, 3, 77);
+    test_client service(daemon, service_app, 78);
+    const auto close = [&](std::uint32_t ifx, std::uint32_t vid, std::uint32_t type,
+                           std::uint32_t operation) {
+        client.async.send(
+            126, wire_value(744).u32(0, 1).u32(8, ifx).u32(12, vid).u32(24, type).u32(32, operation));
+        answer_operation(service, service.async.receive(), 0);
+        EXPECT_EQ(client.async.receive().u32(4), 0u);
+    };
+    close(4, 0, 6, 1);
+    close(5, 20, 6, 1);
+    close(6, 0, 1, 1);
+    close(7, 0, 6, 1);
+    close(7, 0, 6, 3);
+    client.async.send(127, user_request(2, 9, 4, 1));
+    answer_operation(service, service.async.receive(), 0);
+    EXPECT_EQ(client.async.receive().u32(4), 0u);
+
+    move_to(service, 4, 0, 9);   // a user
+    move_to(service, 5, 0, 8);   // another VLAN
+    move_to(service, 6, 0, 8);   // not by port security
+    move_to(service, 7, 0, 8);   // open again
+    move_to(service, 4, 10, 8);  // a stranger
+    move_to(service, 5, 20, 9);  // a user of another interface
+
+    for (int move = 0; move < 5; ++move) {
+        EXPECT_EQ(client.async.receive().type, 110);
+    }
+    const test_item stranger = client.async.receive();
+    EXPECT_EQ(stranger.type, 217);
+    EXPECT_EQ(stranger.value,
+              wire_value(64).u32(4, 4).u16(8, 10).raw(10, {2, 0, 0, 0, 0, 8}).u8(60, 1).bytes());
+    EXPECT_EQ(client.async.receive().type, 110);
+    const test_item of_another = client.async.receive();
+    EXPECT_EQ(of_another.type, 217);
+    EXPECT_EQ(of_another.value,
+              wire_value(64).u32(4, 5).u16(8, 20).raw(10, {2, 0, 0, 0, 0, 9}).u8(60, 1).bytes());
+}
+
 TEST(SccdSettings, UsersOfTrustedPortsAreNotChecked) {
     daemon_process daemon;
     test_client client(daemon, 3, 77);

@@ -150,6 +150,17 @@ TEST_F(CallIndex, IsLargeEnoughForTheCallsThatNoLookUpHasMovedYet) {
     EXPECT_TRUE(test::end_faults());
 }
 
+TEST_F(CallIndex, IsFreedWithItsCallsWhileItGrows) {
+    save(20000);
+    scc::grow_pending_index();
+    save(70000);
+    scc::grow_pending_index();
+    ASSERT_EQ(tables(), 2);
+    scc::free_pending_calls();
+    EXPECT_EQ(test::live_blocks(), before);
+    EXPECT_EQ(scc::pending_calls(), 0U);
+}
+
 class AclIndex : public ::testing::Test {
   protected:
     AclIndex() { scc::init_acl_cache(); }
@@ -194,6 +205,14 @@ TEST_F(AclIndex, FreesANewTableThatItCannotInstallAndMakesOneInALaterPass) {
     EXPECT_EQ(tables(), 0);
     scc::grow_acl_index();
     EXPECT_EQ(tables(), 1);
+}
+
+// The cache is emptied, as at the end of a connection, while the checker allocates.
+TEST_F(AclIndex, FreesANewTableThatIsNotNeededAnyMore) {
+    hold(140);
+    test::on_call(test::call::calloc, scc::free_acl_cache);
+    scc::grow_acl_index();
+    EXPECT_EQ(test::live_blocks(), before);
 }
 
 }  // namespace

@@ -212,11 +212,12 @@ TEST_F(StartFromHandler, AfterAnUnregistrationInTheSameHandlerBegins) {
 // A directory that is made leaves the error number of an earlier call alone.
 TEST(DirectoryFaults, AnEarlierErrorIsNotTakenForThatOfTheDirectory) {
     const test::temp_dir directory;
+    const int before = test::calls(test::call::mkdir);  // a profile has made directories
     test::on_call(test::call::mkdir, [] {
         test::on_call(test::call::mkdir, [] { test::on_call(test::call::mkdir, [] { errno = EIO; }); });
     });
     EXPECT_EQ(_scc_dir_create((directory.path() + "/new").c_str()), 0U);
-    EXPECT_EQ(test::calls(test::call::mkdir), 3);
+    EXPECT_EQ(test::calls(test::call::mkdir), before + 3);
 }
 
 }  // namespace

@@ -37,6 +37,19 @@ bool wait_until(const Condition& condition) {
     return true;
 }
 
+// Waits until there are so many. Each more begins the patience anew, since a busy machine may be slow.
+template <class Count>
+bool wait_for_count(std::size_t wanted, const Count& count) {
+    for (std::size_t most = 0; most < wanted;) {
+        std::size_t now = 0;
+        if (!wait_until([&] { return (now = count()) > most; })) {
+            return false;
+        }
+        most = now;
+    }
+    return true;
+}
+
 // The outcomes of the calls of one life of an application.
 struct tally {
     std::uint32_t accepted = 0;
@@ -95,16 +108,20 @@ class application {
     // Waits for that many more answers, and for requests in flight.
     void wait_for_load(std::uint32_t answers = 300, std::uint32_t on_their_way = 20) const {
         const std::uint32_t before = ledger().answered;
-        EXPECT_TRUE(wait_until([&] {
-            return ledger().answered - before >= answers && ledger().users_in_flight >= on_their_way;
-        })) << ledger().answered - before
-            << " answers, " << ledger().users_in_flight << " users on their way";
+        EXPECT_TRUE(wait_for_count(answers + on_their_way,
+                                   [&] {
+                                       return std::min(ledger().answered - before, answers) +
+                                              std::min(ledger().users_in_flight.load(), on_their_way);
+                                   }))
+            << ledger().answered - before << " answers, " << ledger().users_in_flight
+            << " users on their way";
     }
     // Ends the load and waits until nothing is outstanding on this connection.
     void settle() {
         (*ledger_)->command = load_command::rest;
         EXPECT_TRUE(wait_until([&] { return ledger().resting == ledger().load_threads; }));
-        EXPECT_TRUE(wait_until([&] { return unanswered_on_this_connection() == 0; }))
+        const std::uint32_t last = ledger().last_call_id;
+        EXPECT_TRUE(wait_for_count(last, [&] { return last - unanswered_on_this_connection(); }))
             << unanswered_on_this_connection() << " calls were never answered";
     }
     void run_on() { (*ledger_)->command = load_command::run; }

@@ -269,7 +269,7 @@ class KillWithThousandsOutstanding : public Kill {
         app.wait_for_load(300, thousands);
         // The last of them may still be in a batch or with the daemon, which would give it to the next
         // service.
-        EXPECT_TRUE(wait_until([&] { return security.users_of(app).size() >= thousands; }));
+        EXPECT_TRUE(wait_for_count(thousands, [&] { return security.users_of(app).size(); }));
     }
 
     // All calls that come now are answered.

@@ -92,6 +92,65 @@ TEST_F(KernelBackEnd, OperationsThatArriveTogetherShareATransaction) {
     EXPECT_EQ(rules_of_kernel()["in-1-d1"], (chain_rules{"jump acl-0-3-1.0"}));
 }
 
+// A pause that does not end by itself after the first transaction.
+constexpr pace_limits endless_pause{1'000'000'000, std::chrono::nanoseconds(0), std::chrono::hours(1), 32,
+                                    std::chrono::nanoseconds(0)};
+
+std::future<u32> submit_ace(back_end_bench& bench, u32 sn) {
+    const auto promise = std::make_shared<std::promise<u32>>();
+    (*bench).submit(
+        service::work_kind::change,
+        [sn](contents& held) {
+            return held.acls.add_ace(key_of(1), ace_of(std::to_string(sn) + " deny ip any any"));
+        },
+        [promise](u32 result) { promise->set_value(result); });
+    return promise->get_future();
+}
+
+TEST_F(KernelBackEnd, ChangesWaitForEachOtherUntilTheyAreMany) {
+    const auto filter = open_failing();
+    back_end_bench bench(map_text, filter.get(), list_chain_default, endless_pause);
+    bench.recover_nothing();
+    EXPECT_EQ(bench.create(1), 0u);
+    filter->runs = 0;
+    std::vector<std::future<u32>> results;
+    for (u32 sn = 1; sn <= 32; ++sn) {
+        results.push_back(submit_ace(bench, sn));
+    }
+    for (std::future<u32>& result : results) {
+        EXPECT_EQ(result.get(), 0u);
+    }
+    EXPECT_EQ(filter->runs, 1u);
+}
+
+TEST_F(KernelBackEnd, AQueryEndsTheWaitOfTheChangesBeforeIt) {
+    const auto filter = open_failing();
+    back_end_bench bench(map_text, filter.get(), list_chain_default, endless_pause);
+    bench.recover_nothing();
+    EXPECT_EQ(bench.create(1), 0u);
+    std::future<u32> added = submit_ace(bench, 10);
+    const auto asked = std::make_shared<std::promise<std::size_t>>();
+    (*bench).submit(
+        service::work_kind::query,
+        [asked](contents& held) {
+            asked->set_value(held.acls.acls().at(service::acl_name(key_of(1))).aces.size());
+            return 0u;
+        },
+        [](u32) {});
+    EXPECT_EQ(asked->get_future().get(), 1u);
+    EXPECT_EQ(added.get(), 0u);
+}
+
+TEST_F(KernelBackEnd, StopsWhileChangesWait) {
+    const auto filter = open_failing();
+    back_end_bench bench(map_text, filter.get(), list_chain_default, endless_pause);
+    bench.recover_nothing();
+    EXPECT_EQ(bench.create(1), 0u);
+    std::future<u32> added = submit_ace(bench, 10);
+    (*bench).stop();
+    EXPECT_EQ(added.get(), u32{ECANCELED});
+}
+
 TEST_F(KernelBackEnd, WhatTheKernelCannotDoIsRefusedAndTold) {
     back_end_bench bench(map_text);
     bench.recover_nothing();
@@ -299,6 +358,26 @@ TEST_F(KernelBackEnd, ANewProcessAdoptsWhatIsRightAndRemovesTheRest) {
     EXPECT_NE(output_of("nft list chain netdev scclib acl-0-3-1.0").find("11.0.0.0/8"), std::string::npos);
     EXPECT_EQ(output_of("nft list counters table netdev scclib").find("stray"), std::string::npos);
     EXPECT_EQ(output_of("nft list tables"), "table inet other\ntable netdev scclib\ntable inet scclib\n");
+}
+
+TEST_F(KernelBackEnd, OnlyPortSecurityTellsOfStrangers) {
+    back_end_bench bench(map_text);
+    bench.recover_nothing();
+    const auto rules_with_log = [] {
+        const chain_rules rules = rules_of_kernel()["nac-1-0"];
+        return std::ranges::count_if(rules, [](const std::string& rule) {
+            return rule.starts_with("limit rate 100/second") &&
+                   rule.find("log group 1484") != std::string::npos;
+        });
+    };
+    bench.change([](contents& held) { held.nac.set_app({1, 0, 1}, 1); });
+    EXPECT_EQ(rules_of_kernel()["nac-1-0"].size(), 2u);
+    EXPECT_EQ(rules_with_log(), 0);
+    bench.change([](contents& held) { held.nac.set_app({1, 0, 6}, 1); });
+    EXPECT_EQ(rules_of_kernel()["nac-1-0"].size(), 3u);
+    EXPECT_EQ(rules_with_log(), 1);
+    bench.change([](contents& held) { held.nac.set_app({1, 0, 6}, 3); });
+    EXPECT_EQ(rules_with_log(), 0);
 }
 
 TEST_F(KernelBackEnd, RouterAclsApplyWhileTheyAreOpen) {

@@ -161,6 +161,23 @@ TEST_P(OtherPrograms, ChangesOfTheirsAreSeenJustBeforeATransaction) {
 
 using KernelRefusals = KernelBackEnd;
 
+TEST_F(KernelRefusals, ChangesOfOthersWithoutAPauseAreAnError) {
+    fault_plan plan;
+    const auto filter = packet_filter_on(faulty_socket::opener(plan));
+    bench_with_faults bench(*filter);
+    std::function<void()> again = [&] {
+        command("nft add table inet other && nft delete table inet other");
+        plan.before_change = again;
+    };
+    plan.before_change = again;
+    EXPECT_EQ(bench.add(1, "20 deny ip any any"), u32{ERESTART});
+    EXPECT_EQ(bench.log().size(), 2u);  // of the batch, and of the operation alone
+    EXPECT_EQ(rules_of_kernel(), rules_at_first);
+    plan.before_change = nullptr;
+    EXPECT_EQ(bench.add(1, "30 deny ip any any"), 0u);
+    EXPECT_EQ(rules_of_kernel()["acl-0-3-1.0"], (chain_rules{"10 10", "30 30"}));
+}
+
 // Some kernels keep a chain for an interface that is missing.
 TEST_F(KernelRefusals, AnInterfaceMayVanishJustBeforeATransaction) {
     fault_plan plan;

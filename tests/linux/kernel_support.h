@@ -115,6 +115,48 @@ inline scc_acl_apply_record application_of(u32 acl_id, u32 ifx, u32 direction = 
     return record;
 }
 
+// A whole IPv4 packet without content: a bridge may check its header. Addresses are 02:00:00:00:00:MAC and
+// 10.0.0.IP.
+inline frame_bytes ipv4_frame(u8 from_mac, u8 from_ip, u8 to_mac, u8 to_ip) {
+    // A sum of ones, less the checksum itself.
+    const unsigned sum = 0x4500 + 20 + 1 + 0x4000 + 2 * 0x0A00 + from_ip + to_ip;
+    const unsigned checksum = ~(sum % 0x10000 + sum / 0x10000);
+    return {2,
+            0,
+            0,
+            0,
+            0,
+            to_mac,
+            2,
+            0,
+            0,
+            0,
+            0,
+            from_mac,
+            8,
+            0,
+            0x45,
+            0,
+            0,
+            20,
+            0,
+            1,
+            0,
+            0,
+            64,
+            0,
+            static_cast<u8>(checksum >> 8),
+            static_cast<u8>(checksum),
+            10,
+            0,
+            0,
+            from_ip,
+            10,
+            0,
+            0,
+            to_ip};
+}
+
 // Sends and receives whole frames.
 class raw_socket {
   public:
@@ -189,7 +231,7 @@ class back_end_bench {
   public:
     explicit back_end_bench(const std::string& map_text) : back_end_bench(map_text, nullptr) {}
     back_end_bench(const std::string& map_text, packet_filter* filter,
-                   std::size_t list_chain = list_chain_default) {
+                   std::size_t list_chain = list_chain_default, const pace_limits& pace = {}) {
         std::string error;
         const auto map = parse_interface_map(map_text, error);
         EXPECT_TRUE(map.has_value()) << error;
@@ -200,7 +242,8 @@ class back_end_bench {
         }
         filter_ = filter;
         back_end_ = std::make_unique<kernel_back_end>(
-            table_, *map, *filter, [this](const std::string& line) { log_.push_back(line); }, list_chain);
+            table_, *map, *filter, [this](const std::string& line) { log_.push_back(line); }, list_chain,
+            pace);
         EXPECT_EQ(back_end_->start(), 0u);
     }
 

@@ -1,6 +1,9 @@
 #include "linux/netlink_socket.h"
 
 #include <linux/netlink.h>
+#include <sys/resource.h>
+
+#include <fstream>
 
 #include "kernel_support.h"
 
@@ -59,7 +62,9 @@ TEST(NetlinkSocket, SendsMoreThanTheKernelBuffersOtherwise) {
     NEED_A_NAMESPACE();
     const auto socket = open_netlink_socket();
     ASSERT_NE(socket, nullptr);
-    constexpr std::size_t size = 4'000'000;
+    std::size_t size = 0;
+    ASSERT_TRUE(std::ifstream("/proc/sys/net/core/wmem_max") >> size);
+    size = 2 * size + 4096;
     EXPECT_EQ(socket->send(request(size)), 20 + static_cast<ssize_t>(size)) << std::strerror(errno);
 }
 
@@ -86,16 +91,15 @@ TEST(NetlinkSocket, DoesNotHearOtherProcesses) {
 }
 
 TEST(NetlinkSocket, IsMissingWhenNoDescriptorIsLeft) {
-    std::vector<int> taken;
-    for (int next = ::dup(0); next >= 0; next = ::dup(0)) {
-        taken.push_back(next);
-    }
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
     const auto socket = open_netlink_socket();
+    const int error = errno;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_EQ(socket, nullptr);
-    EXPECT_EQ(errno, EMFILE);
-    for (const int each : taken) {
-        ::close(each);
-    }
+    EXPECT_EQ(error, EMFILE);
 }
 
 }  // namespace

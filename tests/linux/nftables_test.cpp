@@ -252,6 +252,13 @@ TEST_F(Nftables, ATransactionBuildsOnTheGenerationThatWasRead) {
     script_.answers = {success};
     EXPECT_EQ(run(one_table()), 0u);
     EXPECT_EQ(generation_sent(), bytes({0x11, 0x11, 0x11, 0x12}));
+    std::string no_number = generation(0x11);
+    no_number[20] = 4;
+    script_.answers = {no_number, success, end_of_dump, end_of_dump};
+    EXPECT_EQ(filter_->read_tables(tables), 0u);
+    script_.answers = {success};
+    EXPECT_EQ(run(one_table()), 0u);
+    EXPECT_EQ(generation_sent(), bytes({0, 0, 0, 0}));
     script_.answers = {generation(0xFF), success, end_of_dump, end_of_dump};
     EXPECT_EQ(filter_->read_tables(tables), 0u);
     script_.answers = {success};

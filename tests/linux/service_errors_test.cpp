@@ -33,9 +33,11 @@ class LinuxServiceErrors : public ::testing::Test {
 
 TEST_F(LinuxServiceErrors, OutputThatCannotBeWrittenIsToldAtTheEnd) {
     service_in_shell service("exec", "--map " + map_, "/dev/full");
-    // It makes its tables at the end of the recovery, when it has said that it is registered.
+    // It has its tables when the recovery is over.
     while (output_of("nft list tables").find("scclib") == std::string::npos) {
     }
+    // It prints its tables before it takes the other signal, whose number is higher.
+    service.signal(SIGUSR2);
     service.signal(SIGTERM);
     EXPECT_EQ(service.line(), "scc-ss-linux: standard output: No space left on device");
     EXPECT_EQ(service.exit_code(), 1);

@@ -138,6 +138,56 @@ TEST(LinuxServiceProcess, ItsRulesOutliveItUntilTheyAreFlushed) {
     EXPECT_EQ(out.receive(20'000), frame);
 }
 
+TEST(LinuxServiceProcess, AnAclBoundToAUserDropsThatUsersPackets) {
+    NEED_A_NAMESPACE();
+    make_bridge();
+    daemon_process daemon;
+    const std::vector<std::string> arguments = {"--map", map_in(daemon), "--verbose", "--report", "0"};
+    service_process service(arguments);
+    service.wait_until_ready();
+    test_client client(daemon, app, 100);
+    EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
+    EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, "10 deny ether")), 0u);
+    // What enters interface 1 from 02:00:00:00:00:09 and 10.0.0.9.
+    const wire_value user =
+        wire_value(224).u32(8, 1).raw(32, {2, 0, 0, 0, 0, 9}).key(40, app, 5).raw(56, {10, 0, 0, 9});
+    EXPECT_EQ(client.result_of(134, wire_value(user).u32(0, 3).u32(216, 1)), 0u);
+    stay_on_one_processor();
+    const raw_socket in("a1");
+    const raw_socket out("b1");
+    const auto packet_from = [](u8 mac, u8 ip) { return ipv4_frame(mac, ip, 1, 1); };
+    const auto expect_drop = [&] {
+        in.send(packet_from(9, 9));
+        in.send(packet_from(9, 8));
+        in.send(packet_from(8, 9));
+        EXPECT_EQ(out.receive(20'000), packet_from(9, 8));
+        EXPECT_EQ(out.receive(20'000), packet_from(8, 9));
+    };
+    expect_drop();
+    service.signal(SIGKILL);
+    service.wait_for_end();
+    expect_drop();
+    service_process successor(arguments);
+    successor.wait_until_ready();
+    expect_drop();
+    const test_item counter = client.query(312, wire_value(40).key(4, app, 5).u32(32, 1));
+    EXPECT_EQ(counter.u64(32), 3u);
+    EXPECT_EQ(client.result_of(134, wire_value(user).u32(0, 4)), 0u);
+    in.send(packet_from(9, 9));
+    EXPECT_EQ(out.receive(20'000), packet_from(9, 9));
+    EXPECT_EQ(client.result_of(134, wire_value(user).u32(0, 5).u32(216, 1)), 0u);
+    expect_drop();
+    EXPECT_EQ(client.result_of(137, wire_value(232).u32(0, 6).key(216, app, 5)), 0u);
+    in.send(packet_from(9, 9));
+    EXPECT_EQ(out.receive(20'000), packet_from(9, 9));
+    EXPECT_EQ(client.result_of(134, wire_value(user).u32(0, 7).u32(216, 1)), 0u);
+    expect_drop();
+    EXPECT_EQ(client.result_of(131, sccd_test::acl_request(8, 5, 0)), 0u);
+    in.send(packet_from(9, 9));
+    EXPECT_EQ(out.receive(20'000), packet_from(9, 9));
+    EXPECT_EQ(successor.end(), 0);
+}
+
 TEST(LinuxServiceProcess, ReportsHitsFlowsSilenceAndMoves) {
     NEED_A_NAMESPACE();
     make_bridge();
@@ -177,6 +227,44 @@ TEST(LinuxServiceProcess, ReportsHitsFlowsSilenceAndMoves) {
     const test_item silence = told.first(msg::noflow_offline, any);
     EXPECT_EQ(silence.u32(48), 1u);
     EXPECT_EQ(silence.u64(64), 2u);
+    EXPECT_EQ(service.end(), 0);
+}
+
+TEST(LinuxServiceProcess, AStrangerOnASecuredInterfaceIsAViolation) {
+    NEED_A_NAMESPACE();
+    make_bridge();
+    daemon_process daemon;
+    service_process service({"--map", map_in(daemon), "--verbose", "--report", "0"});
+    service.wait_until_ready();
+    test_client client(daemon, app, 100);
+    test_client watcher(daemon, watching_app, 101);
+    // Port security on interface 1, with the user 02:00:00:00:00:09 there.
+    const wire_value closing = wire_value(744).u32(8, 1).u32(24, 6).u32(32, 1);
+    EXPECT_EQ(client.result_of(126, wire_value(closing).u32(0, 1)), 0u);
+    EXPECT_EQ(client.result_of(127, wire_value(closing).u32(0, 2).raw(16, {2, 0, 0, 0, 0, 9})), 0u);
+    const raw_socket in("a1");
+    const raw_socket around("b1");
+    frame_bytes stranger = frame;
+    stranger[11] = 8;
+    frame_bytes other = stranger;
+    other[11] = 7;
+    in.send(frame);
+    around.send(other);
+    in.send(stranger);
+    stranger[11] = 6;
+    stranger.insert(stranger.begin() + 12, {0x81, 0, 0, 20});
+    in.send(stranger);
+
+    notifications told(watcher.async);
+    const auto any = [](const test_item&) { return true; };
+    const test_item violation = told.first(msg::port_violate_notify, any);
+    EXPECT_EQ(violation.value, wire_value(64).u32(4, 1).raw(10, {2, 0, 0, 0, 0, 8}).u8(60, 1).bytes());
+    const test_item tagged =
+        told.first(msg::port_violate_notify, [](auto& item) { return item.part(15, 1)[0] != 8; });
+    EXPECT_EQ(tagged.value,
+              wire_value(64).u32(4, 1).u16(8, 20).raw(10, {2, 0, 0, 0, 0, 6}).u8(60, 1).bytes());
+    const test_item move = told.first(msg::d1x_addr_move, any);
+    EXPECT_EQ(move.part(18, 6), (sccd_test::byte_string{2, 0, 0, 0, 0, 8}));
     EXPECT_EQ(service.end(), 0);
 }
 

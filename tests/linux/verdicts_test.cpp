@@ -1,6 +1,8 @@
 // Real frames through the kernel's rules: 200 rules, 40 frames each. Of every rule and frame three answers
 // are compared: whether the frame came out of the bridge, what the classifier of the tables in memory says,
 // and what data/verdicts.txt says (make_verdicts.py). The kernel's counters have to agree with them.
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <fstream>
 #include <set>
@@ -180,6 +182,101 @@ TEST_F(Verdicts, AListInManyChainsActsAsOne) {
     EXPECT_EQ(bench.packets_of(1, 100), 1u);
     EXPECT_EQ(bench.packets_of(1), 20u);
     EXPECT_EQ(bench.packets_of(2), 1u);
+}
+
+struct bound_user {
+    const char* what;
+    u32 direction;
+    u8 mac;          // the last byte; 0 for none
+    const char* ip;  // "" for none
+    const char* ipv6;
+    u16 vid;
+    const char* sees;  // a digit for each frame
+};
+
+scc_acl_apply_record application_to(const bound_user& user, u32 ifx) {
+    scc_records_application fields{};
+    fields.key = key_of(1);
+    fields.ifx = ifx;
+    fields.direction = user.direction;
+    fields.mac[0] = user.mac == 0 ? 0 : 2;
+    fields.mac[5] = user.mac;
+    fields.vid = user.vid;
+    (void)inet_pton(AF_INET, user.ip, &fields.ipv4);
+    (void)inet_pton(AF_INET6, user.ipv6, fields.ipv6);
+    scc_acl_apply_record record{};
+    EXPECT_EQ(scc_records_encode_application(&fields, &record, nullptr), 0u);
+    return record;
+}
+
+// Of each application of an ACL to a user three answers are compared: the kernel's, that of the tables in
+// memory, and the table's.
+TEST_F(Verdicts, TheAclOfAUserIsForItsFramesAlone) {
+    NEED_A_NAMESPACE();
+    prepare();
+    back_end_bench bench(map_text);
+    bench.recover_nothing();
+    const frame_bytes arp = {2, 0, 0, 0, 0, 0x21, 2, 0,  0, 0, 0, 9, 8, 6, 0, 1, 8, 0,  6, 4, 0,
+                             1, 2, 0, 0, 0, 0,    9, 10, 0, 0, 9, 0, 0, 0, 0, 0, 0, 10, 0, 0, 1};
+    frame_bytes tagged = ipv4_frame(9, 9, 0x21, 1);
+    tagged.insert(tagged.begin() + 12, {0x81, 0x00, 0x00, 20});
+    const frame_bytes ipv6 = {2, 0, 0,    0, 0,    0x21, 2,   0,    0, 0, 0, 9, 0x86, 0xDD, 0x60, 0, 0, 0,
+                              0, 0, 59,   1, 0x20, 1,    0xD, 0xB8, 0, 0, 0, 0, 0,    0,    0,    0, 0, 0,
+                              0, 9, 0x20, 1, 0xD,  0xB8, 0,   0,    0, 0, 0, 0, 0,    0,    0,    0, 0, 1};
+    const std::vector<frame_bytes> frames = {
+        ipv4_frame(9, 9, 0x21, 1), ipv4_frame(8, 9, 0x21, 1), ipv4_frame(9, 8, 0x21, 1), arp, tagged, ipv6,
+        ipv4_frame(9, 9, 0x21, 9), ipv4_frame(8, 8, 0x22, 9)};
+    const bound_user users[] = {
+        {"mac", 0, 9, "", "", 0, "10111110"},
+        {"mac and ip", 0, 9, "10.0.0.9", "", 0, "10001010"},
+        {"ip", 0, 0, "10.0.0.9", "", 0, "11001010"},
+        {"mac and vlan", 0, 9, "", "", 20, "00001000"},
+        {"mac, ip and vlan", 0, 9, "10.0.0.9", "", 21, "00000000"},
+        {"ipv6", 0, 9, "", "2001:db8::9", 0, "00000100"},
+        {"both", 0, 9, "10.0.0.9", "2001:db8::9", 0, "10001110"},
+        {"other mac", 0, 7, "10.0.0.9", "", 0, "00000000"},
+        {"out, mac", 1, 0x21, "", "", 0, "11111110"},
+        {"out, mac and ip", 1, 0x21, "10.0.0.9", "", 0, "00000010"},
+        {"out, ipv6", 1, 0, "", "2001:db8::1", 0, "00000100"},
+        {"out, the sender", 1, 9, "10.0.0.9", "", 0, "00000000"},
+    };
+    const raw_socket in("a1");
+    const raw_socket out("b1");
+    const raw_socket around("c1");
+    frame_bytes last(60, 0x55);
+    last[0] = last[6] = 0x02;
+    last[5] = 0x56;
+    EXPECT_EQ(bench.create(1), 0u);
+    EXPECT_EQ(bench.add(1, "10 deny ether"), 0u);
+    u64 dropped = 0;
+    for (const bound_user& user : users) {
+        const scc_acl_apply_record application = application_to(user, user.direction == 0 ? 1 : 2);
+        service::acl_table table;
+        ASSERT_EQ(table.create(key_of(1)), 0u);
+        ASSERT_EQ(table.add_ace(key_of(1), ace_of("10 deny ether")), 0u);
+        ASSERT_EQ(table.apply(application), 0u);
+        ASSERT_EQ(bench.result_of([&](contents& held) { return held.acls.apply(application); }), 0u);
+        for (const frame_bytes& frame : frames) {
+            in.send(frame);
+        }
+        ++last[20];
+        around.send(last);
+        std::set<frame_bytes> arrived;
+        for (frame_bytes frame = out.receive(20'000); frame != last; frame = out.receive(20'000)) {
+            ASSERT_FALSE(frame.empty()) << user.what << ": the last frame did not arrive";
+            arrived.insert(frame);
+        }
+        for (std::size_t number = 0; number < frames.size(); ++number) {
+            const bool wanted = user.sees[number] == '1';
+            const auto packet = service::parse_packet(frames[number]);
+            ASSERT_TRUE(packet.has_value());
+            EXPECT_EQ(table.classify(*packet, {1, 2}).denied, wanted) << user.what << ", frame " << number;
+            EXPECT_EQ(!arrived.contains(frames[number]), wanted) << user.what << ", frame " << number;
+            dropped += wanted ? 1 : 0;
+        }
+        EXPECT_EQ(bench.packets_of(1), dropped) << user.what;
+        ASSERT_EQ(bench.result_of([&](contents& held) { return held.acls.unapply(application); }), 0u);
+    }
 }
 
 TEST_F(Verdicts, AClosedInterfaceAdmitsItsUsersAlone) {

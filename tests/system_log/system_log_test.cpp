@@ -44,3 +44,14 @@ TEST(SystemLog, CutsALongLineAndReturnsItsWholeLength) {
     EXPECT_EQ(printk_syslog_ext(7, "SCCLIB", "DETAIL", 2, "%s", longest.c_str()), 3000);
     EXPECT_EQ(g_written.text, "SCCLIB/DETAIL: " + std::string(1023, 'x'));
 }
+
+TEST(SystemLog, WritesAnEmptyLine) {
+    EXPECT_EQ(printk_syslog_ext(5, "SCC", "INIT", 1, "%s", ""), 0);
+    EXPECT_EQ(g_written.text, "SCC/INIT: ");
+}
+
+TEST(SystemLog, WritesNothingThatCannotBeFormatted) {
+    const wchar_t no_character[] = {static_cast<wchar_t>(0x7FFFFFFF), 0};
+    EXPECT_EQ(printk_syslog_ext(5, "SCC", "INIT", 1, "%ls", no_character), -1);
+    EXPECT_EQ(g_written.priority, -1);
+}
