@@ -212,8 +212,6 @@ scc_acl_apply_record application_to(const bound_user& user, u32 ifx) {
 // Of each application of an ACL to a user three answers are compared: the kernel's, that of the tables in
 // memory, and the table's.
 TEST_F(Verdicts, TheAclOfAUserIsForItsFramesAlone) {
-    NEED_A_NAMESPACE();
-    prepare();
     back_end_bench bench(map_text);
     bench.recover_nothing();
     const frame_bytes arp = {2, 0, 0, 0, 0, 0x21, 2, 0,  0, 0, 0, 9, 8, 6, 0, 1, 8, 0,  6, 4, 0,
