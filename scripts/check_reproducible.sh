@@ -6,12 +6,14 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 work=$(mktemp -d "${TMPDIR:-/tmp}/scclib-reproducible-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 
-# build_in FOLDER UMASK
+# build_in FOLDER UMASK: a source package keeps the modes of its files, so these are the same in both places, and
+# the umask is that of the build alone.
 build_in() (
-    umask "$2"
+    umask 022
     mkdir -p "$work/$1/scclib"
     tar --exclude=./.git --exclude=./build --create . | tar --extract --no-same-permissions --directory "$work/$1/scclib"
     cd "$work/$1/scclib"
+    umask "$2"
     CCACHE_DISABLE=1 DEB_BUILD_OPTIONS=nocheck dpkg-buildpackage --unsigned-source --unsigned-changes >"$work/log" 2>&1 || {
         tail -n 40 "$work/log" >&2
         exit 1

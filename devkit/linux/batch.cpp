@@ -11,7 +11,7 @@ namespace scc::kernel {
 namespace {
 
 constexpr std::string_view set_name = "__set%d";  // the kernel puts a number in its place
-constexpr u32 key_type = 13;                      // nft(8) shows keys as ports
+constexpr u32 port_type = 13;                     // nft(8) shows keys as ports
 constexpr u8 comment_type = 0;                    // of user data: type, length, text with its final 0
 
 std::string message_of(int type, unsigned flags, u8 family, u16 resource, std::string_view attributes) {
@@ -46,10 +46,31 @@ void number(std::string& messages, bool with_rules) {
     }
 }
 
+// One element of a map, with what more() puts.
+template <class More>
+void put_element(attribute_buffer& to, std::string_view map, std::string_view key, More more) {
+    to.put_text(NFTA_SET_ELEM_LIST_TABLE, table_name);
+    to.put_text(NFTA_SET_ELEM_LIST_SET, map);
+    to.nest(NFTA_SET_ELEM_LIST_ELEMENTS, [&] {
+        to.nest(NFTA_LIST_ELEM, [&] {
+            to.nest(NFTA_SET_ELEM_KEY, [&] { to.put(NFTA_DATA_VALUE, key); });
+            more();
+        });
+    });
+}
+
 }  // namespace
 
 u8 number_of(family in) {
     return in == family::netdev ? NFPROTO_NETDEV : NFPROTO_INET;
+}
+
+std::string batch::user_data_of(std::string_view comment) {
+    fits_ = fits_ && comment.size() < std::numeric_limits<u8>::max();
+    std::string data{static_cast<char>(comment_type), static_cast<char>(comment.size() + 1)};
+    data += comment;
+    data += '\0';
+    return data;
 }
 
 template <class Fill>
@@ -117,6 +138,40 @@ void batch::delete_counter(std::string_view name) {
     });
 }
 
+void batch::add_map(std::string_view name, std::size_t key_len, u32 key_type) {
+    put(parts_added, NFT_MSG_NEWSET, NLM_F_CREATE, family::netdev, [&](attribute_buffer& to) {
+        to.put_text(NFTA_SET_TABLE, table_name);
+        to.put_text(NFTA_SET_NAME, name);
+        to.put_u32(NFTA_SET_FLAGS, NFT_SET_OBJECT);
+        to.put_u32(NFTA_SET_KEY_TYPE, key_type);
+        to.put_u32(NFTA_SET_KEY_LEN, static_cast<u32>(key_len));
+        to.put_u32(NFTA_SET_OBJ_TYPE, NFT_OBJECT_COUNTER);
+        to.put_u32(NFTA_SET_ID, ++sets_);
+    });
+}
+
+void batch::delete_map(std::string_view name) {
+    put(parts_deleted, NFT_MSG_DELSET, 0, family::netdev, [&](attribute_buffer& to) {
+        to.put_text(NFTA_SET_TABLE, table_name);
+        to.put_text(NFTA_SET_NAME, name);
+    });
+}
+
+void batch::add_element(std::string_view map, std::string_view key, std::string_view counter,
+                        std::string_view comment) {
+    put(rules_changed, NFT_MSG_NEWSETELEM, NLM_F_CREATE, family::netdev, [&](attribute_buffer& to) {
+        put_element(to, map, key, [&] {
+            to.put_text(NFTA_SET_ELEM_OBJREF, counter);
+            to.put(NFTA_SET_ELEM_USERDATA, user_data_of(comment));
+        });
+    });
+}
+
+void batch::delete_element(std::string_view map, std::string_view key) {
+    put(rules_changed, NFT_MSG_DELSETELEM, 0, family::netdev,
+        [&](attribute_buffer& to) { put_element(to, map, key, [] {}); });
+}
+
 void batch::flush_chain(const chain_name& chain) {
     put(rules_changed, NFT_MSG_DELRULE, 0, chain.in, [&](attribute_buffer& to) {
         to.put_text(NFTA_RULE_TABLE, table_name);
@@ -140,10 +195,6 @@ void batch::add_rule(const chain_name& chain, u64 before, std::string_view comme
         const u32 ordered = htobe32(number);
         std::memcpy(list.data() + set.number_at, &ordered, sizeof ordered);
     }
-    fits_ = fits_ && comment.size() < std::numeric_limits<u8>::max();
-    std::string user_data{static_cast<char>(comment_type), static_cast<char>(comment.size() + 1)};
-    user_data += comment;
-    user_data += '\0';
     ++added_rules_;
     put(rules_changed, NFT_MSG_NEWRULE, NLM_F_CREATE | (before == 0 ? NLM_F_APPEND : 0u), chain.in,
         [&](attribute_buffer& to) {
@@ -153,7 +204,7 @@ void batch::add_rule(const chain_name& chain, u64 before, std::string_view comme
                 to.put_u64(NFTA_RULE_POSITION, before);
             }
             to.put(NFTA_RULE_EXPRESSIONS | NLA_F_NESTED, list);
-            to.put(NFTA_RULE_USERDATA, user_data);
+            to.put(NFTA_RULE_USERDATA, user_data_of(comment));
         });
 }
 
@@ -166,7 +217,7 @@ void batch::add_set(family in, u32 number, const std::vector<number_range>& rang
         to.put_text(NFTA_SET_TABLE, table_name);
         to.put_text(NFTA_SET_NAME, set_name);
         to.put_u32(NFTA_SET_FLAGS, flags);
-        to.put_u32(NFTA_SET_KEY_TYPE, key_type);
+        to.put_u32(NFTA_SET_KEY_TYPE, port_type);
         to.put_u32(NFTA_SET_KEY_LEN, sizeof(u16));
         to.put_u32(NFTA_SET_ID, number);
     });

@@ -43,12 +43,18 @@ class batch {
     void delete_chain(const chain_name& chain);
     void add_counter(std::string_view name);
     void delete_counter(std::string_view name);
+    // From keys of this length to counters. What its elements count in has to be there.
+    void add_map(std::string_view name, std::size_t key_len, u32 key_type);
+    void delete_map(std::string_view name);
 
-    // Rules change in the order of the calls.
+    // Rules and elements change in the order of the calls.
     void flush_chain(const chain_name& chain);
     // Before the rule with the handle; 0: at the end.
     void add_rule(const chain_name& chain, u64 before, std::string_view comment, const expressions& what);
     void delete_rule(const chain_name& chain, u64 handle);
+    void add_element(std::string_view map, std::string_view key, std::string_view counter,
+                     std::string_view comment);
+    void delete_element(std::string_view map, std::string_view key);
 
     [[nodiscard]] bool is_empty() const;
     // How many rules it adds.
@@ -67,6 +73,7 @@ class batch {
 
     template <class Fill>
     void put(stage when, int type, unsigned flags, family in, Fill fill);
+    [[nodiscard]] std::string user_data_of(std::string_view comment);
     void add_set(family in, u32 number, const std::vector<number_range>& ranges);
 
     std::array<std::string, stages> messages_;

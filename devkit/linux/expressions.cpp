@@ -5,8 +5,6 @@
 namespace scc::kernel {
 namespace {
 
-constexpr u32 work_register = NFT_REG_1;
-
 u64 hash_of(std::string_view text, u64 hash) {
     for (const char c : text) {
         hash = (hash ^ static_cast<u8>(c)) * 0x100000001B3;
@@ -29,19 +27,19 @@ expressions& expressions::add(std::string_view name, Fill fill) {
     return *this;
 }
 
-expressions& expressions::payload(nft_payload_bases base, u32 offset, u32 len) {
+expressions& expressions::payload(nft_payload_bases base, u32 offset, u32 len, u32 to) {
     return add("payload", [&] {
-        list_.put_u32(NFTA_PAYLOAD_DREG, work_register);
+        list_.put_u32(NFTA_PAYLOAD_DREG, to);
         list_.put_u32(NFTA_PAYLOAD_BASE, base);
         list_.put_u32(NFTA_PAYLOAD_OFFSET, offset);
         list_.put_u32(NFTA_PAYLOAD_LEN, len);
     });
 }
 
-expressions& expressions::meta(nft_meta_keys key) {
+expressions& expressions::meta(nft_meta_keys key, u32 to) {
     return add("meta", [&] {
         list_.put_u32(NFTA_META_KEY, key);
-        list_.put_u32(NFTA_META_DREG, work_register);
+        list_.put_u32(NFTA_META_DREG, to);
     });
 }
 
@@ -64,10 +62,10 @@ expressions& expressions::has_extension(u8 header) {
     });
 }
 
-expressions& expressions::mask(std::string_view bits) {
+expressions& expressions::mask(std::string_view bits, u32 in) {
     return add("bitwise", [&] {
-        list_.put_u32(NFTA_BITWISE_SREG, work_register);
-        list_.put_u32(NFTA_BITWISE_DREG, work_register);
+        list_.put_u32(NFTA_BITWISE_SREG, in);
+        list_.put_u32(NFTA_BITWISE_DREG, in);
         list_.put_u32(NFTA_BITWISE_LEN, static_cast<u32>(bits.size()));
         list_.nest(NFTA_BITWISE_MASK, [&] { list_.put(NFTA_DATA_VALUE, bits); });
         list_.nest(NFTA_BITWISE_XOR, [&] { list_.put(NFTA_DATA_VALUE, std::string(bits.size(), '\0')); });
@@ -131,6 +129,13 @@ expressions& expressions::count_in(std::string_view counter) {
     return add("objref", [&] {
         list_.put_u32(NFTA_OBJREF_IMM_TYPE, NFT_OBJECT_COUNTER);
         list_.put_text(NFTA_OBJREF_IMM_NAME, counter);
+    });
+}
+
+expressions& expressions::count_in_map(std::string_view map) {
+    return add("objref", [&] {
+        list_.put_u32(NFTA_OBJREF_SET_SREG, key_register);
+        list_.put_text(NFTA_OBJREF_SET_NAME, map);
     });
 }
 

@@ -19,17 +19,24 @@ struct number_range {
     u16 last = 0;
 };
 
+// What is loaded is compared in this register.
+inline constexpr u32 work_register = NFT_REG_1;
+// The key of a map is loaded into this register and those that follow it, each field at one of its own.
+inline constexpr u32 key_register = NFT_REG32_00;
+inline constexpr std::size_t register_bytes = 4;
+inline constexpr std::size_t key_bytes_max = 16 * register_bytes;
+
 class expressions {
   public:
-    // Each of these is compared by the call that follows.
-    expressions& payload(nft_payload_bases base, u32 offset, u32 len);
-    expressions& meta(nft_meta_keys key);
+    // Each of these is compared by the call that follows, unless it is part of a key.
+    expressions& payload(nft_payload_bases base, u32 offset, u32 len, u32 to = work_register);
+    expressions& meta(nft_meta_keys key, u32 to = work_register);
     // The field of an extension header of IPv6, or whether there is such a header: 1 or 0.
     expressions& extension(u8 header, u32 offset, u32 len);
     expressions& has_extension(u8 header);
 
     // Clears the bits that the mask does not have.
-    expressions& mask(std::string_view bits);
+    expressions& mask(std::string_view bits, u32 in = work_register);
     expressions& equals(std::string_view value) { return compare(NFT_CMP_EQ, value); }
     expressions& differs(std::string_view value) { return compare(NFT_CMP_NEQ, value); }
     // Of 16 bits; ranges ascend and do not touch each other.
@@ -43,6 +50,8 @@ class expressions {
     expressions& log_to(u16 group);
     expressions& count();
     expressions& count_in(std::string_view counter);
+    // In the counter that the map has for the key. What follows happens only if it has one.
+    expressions& count_in_map(std::string_view map);
     expressions& drop() { return decide(0, {}); }
     expressions& leave_chain() { return decide(static_cast<u32>(NFT_RETURN), {}); }
     expressions& jump(std::string_view chain) { return decide(static_cast<u32>(NFT_JUMP), chain); }

@@ -32,12 +32,12 @@ using service::counter_name;
 using service::work_kind;
 
 kernel_back_end::kernel_back_end(service::forwarding_table& table, interface_map map, packet_filter& filter,
-                                 log_handler log, std::size_t list_chain, const pace_limits& pace)
+                                 log_handler log, const list_limits& limits, const pace_limits& pace)
     : table_(table),
       enforcement_(std::move(map), dropped_frames::are_told()),
       filter_(filter),
       log_(std::move(log)),
-      list_chain_(list_chain),
+      limits_(limits),
       pace_(pace) {}
 
 u32 kernel_back_end::start() {
@@ -307,7 +307,7 @@ void kernel_back_end::note(const acl_table::change_notes& notes) {
 
 u32 kernel_back_end::plan_changes(const contents& held, transaction& changes) {
     change_request request;
-    request.list_chain = list_chain_;
+    request.limits = limits_;
     if (everything_differs_) {
         enforcement_.add_everything(held, kernel_, request);
     } else {
@@ -359,16 +359,7 @@ u32 kernel_back_end::fetch_handles(const chain_name& chain) {
     if (error != 0) {
         return error;
     }
-    std::vector<held_rule>& known = kernel_.chains.at(chain);
-    std::vector<held_rule> found = group(rules);
-    const bool same =
-        std::equal(known.begin(), known.end(), found.begin(), found.end(),
-                   [](const held_rule& a, const held_rule& b) { return a.identity == b.identity; });
-    if (!same) {
-        return ESTALE;
-    }
-    known = std::move(found);
-    return 0;
+    return enter_handles(rules, kernel_.chains.at(chain)) ? 0 : ESTALE;
 }
 
 u32 kernel_back_end::read(const counter_name& name, u64& packets) {

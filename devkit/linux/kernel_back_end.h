@@ -33,8 +33,7 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
 
     // The log gets a line for each thing that the kernel cannot do or refuses, on any thread.
     kernel_back_end(service::forwarding_table& table, interface_map map, packet_filter& filter,
-                    log_handler log, std::size_t list_chain = list_chain_default,
-                    const pace_limits& pace = {});
+                    log_handler log, const list_limits& limits = {}, const pace_limits& pace = {});
     ~kernel_back_end() override { stop(); }
 
     // Adopts the rules that the kernel has. Returns 0 or an errno value. Before and after a failure nothing
@@ -96,7 +95,7 @@ class kernel_back_end : public service::back_end, private service::counter_sourc
     const enforcement enforcement_;
     packet_filter& filter_;  // guarded by the table's mutex
     const log_handler log_;
-    const std::size_t list_chain_;
+    const list_limits limits_;
 
     // Guarded by the table's mutex.
     held_tables kernel_;

@@ -1,11 +1,11 @@
 #include "linux/list_planner.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <iterator>
 #include <tuple>
 #include <utility>
+
+#include "linux/list_writer.h"
 
 namespace scc::kernel {
 namespace {
@@ -15,6 +15,12 @@ constexpr std::size_t chains_max = 13;
 
 bool is_ace(const held_rule& rule) {
     return rule.identity && rule.identity->kind == kind_ace;
+}
+
+list_entry entry_of(const wanted_rule& rule) {
+    auto added = std::make_shared<held_rule>();
+    added->identity = rule.identity;
+    return {added.get(), added, rule.ace};
 }
 
 auto key_of(const rule_identity& identity) {
@@ -48,13 +54,11 @@ u32 list_planner::run() {
         }
         next = last;
     }
-    return 0;
+    return write();
 }
 
 chain_name list_planner::chain_number(std::size_t number) const {
-    return number == 0
-               ? first_
-               : chain_name{first_.in, fmt::format("{}{}{:02}", first_.name, list_separator, number + 1)};
+    return chain_of_list(first_, static_cast<u32>(number + 1));
 }
 
 rule_identity list_planner::link_to(std::size_t number) const {
@@ -62,30 +66,37 @@ rule_identity list_planner::link_to(std::size_t number) const {
             expressions().go_to(chain_number(number).name).fingerprint()};
 }
 
-const list_planner::rule_list& list_planner::rules_of(std::size_t chain) const {
-    const auto changed = state_.after.find(chains_[chain]);
-    return changed == state_.after.end() ? state_.held.chains.at(chains_[chain]) : changed->second;
+std::size_t list_planner::rule_count(std::size_t chain) const {
+    const auto edited = edited_.find(chain);
+    return edited == edited_.end() ? state_.held.chains.at(chains_[chain]).size() : edited->second.size();
 }
 
 std::size_t list_planner::ace_count(std::size_t chain) const {
-    return rules_of(chain).size() - (chain + 1 < chains_.size() ? 1 : 0);
+    return rule_count(chain) - (chain + 1 < chains_.size() ? 1 : 0);
+}
+
+const held_rule& list_planner::rule_at(const place& at) const {
+    const auto edited = edited_.find(at.chain);
+    return edited == edited_.end() ? state_.held.chains.at(chains_[at.chain])[at.index]
+                                   : *edited->second[at.index].rule;
 }
 
 // Whether only ACEs' rules and the links between the chains are there, as they should be.
 bool list_planner::is_in_order() const {
     u32 before = 0;
     for (std::size_t chain = 0; chain < chains_.size(); ++chain) {
-        const rule_list& rules = rules_of(chain);
+        const std::size_t count = rule_count(chain);
         const bool is_last = chain + 1 == chains_.size();
         if (chains_[chain] != chain_number(chain) ||
-            (!is_last && (rules.empty() || rules.back().identity != link_to(chain + 1)))) {
+            (!is_last && (count == 0 || rule_at({chain, count - 1}).identity != link_to(chain + 1)))) {
             return false;
         }
         for (std::size_t index = 0; index < ace_count(chain); ++index) {
-            if (!is_ace(rules[index]) || rules[index].identity->first < before) {
+            const held_rule& rule = rule_at({chain, index});
+            if (!is_ace(rule) || rule.identity->first < before) {
                 return false;
             }
-            before = rules[index].identity->first;
+            before = rule.identity->first;
         }
     }
     return true;
@@ -98,11 +109,11 @@ bool list_planner::is_uneven() const {
         if (ace_count(chain) == 0) {
             continue;
         }
-        const u32 last = rules_of(chain)[ace_count(chain) - 1].identity->first;
+        const u32 last = rule_at({chain, ace_count(chain) - 1}).identity->first;
         const auto after =
             std::upper_bound(next, wanted_.rules.end(), last,
                              [](u32 sn, const wanted_rule& rule) { return sn < rule.identity.first; });
-        if (static_cast<std::size_t>(after - next) > 2 * state_.list_chain) {
+        if (static_cast<std::size_t>(after - next) > 2 * state_.limits.chain) {
             return true;
         }
         next = after;
@@ -120,7 +131,7 @@ bool list_planner::keeps_little() const {
     std::size_t all = 0;
     for (std::size_t chain = 0; chain < chains_.size(); ++chain) {
         for (std::size_t index = 0; index < ace_count(chain); ++index, ++all) {
-            kept += wanted.count(key_of(*rules_of(chain)[index].identity));
+            kept += wanted.count(key_of(*rule_at({chain, index}).identity));
         }
     }
     return kept * 2 < all;
@@ -133,7 +144,7 @@ std::set<u32> list_planner::all_numbers() const {
     }
     for (std::size_t chain = 0; chain < chains_.size(); ++chain) {
         for (std::size_t index = 0; index < ace_count(chain); ++index) {
-            numbers.insert(rules_of(chain)[index].identity->first);
+            numbers.insert(rule_at({chain, index}).identity->first);
         }
     }
     return numbers;
@@ -142,12 +153,16 @@ std::set<u32> list_planner::all_numbers() const {
 list_planner::place list_planner::first_from(u32 sn) const {
     place at;
     for (at.chain = 0;; ++at.chain) {
-        const rule_list& rules = rules_of(at.chain);
         const std::size_t count = ace_count(at.chain);
-        const auto found =
-            std::partition_point(rules.begin(), rules.begin() + static_cast<std::ptrdiff_t>(count),
-                                 [sn](const held_rule& rule) { return rule.identity->first < sn; });
-        at.index = static_cast<std::size_t>(found - rules.begin());
+        std::size_t end = count;
+        for (at.index = 0; at.index < end;) {
+            const std::size_t middle = at.index + (end - at.index) / 2;
+            if (rule_at({at.chain, middle}).identity->first < sn) {
+                at.index = middle + 1;
+            } else {
+                end = middle;
+            }
+        }
         if (at.index < count || at.chain + 1 == chains_.size()) {
             return at;
         }
@@ -158,7 +173,7 @@ std::vector<list_planner::place> list_planner::group_at(place first, u32 sn) con
     std::vector<place> group;
     for (place at = first; at.chain < chains_.size(); at = {at.chain + 1, 0}) {
         for (; at.index < ace_count(at.chain); ++at.index) {
-            if (rules_of(at.chain)[at.index].identity->first != sn) {
+            if (rule_at(at).identity->first != sn) {
                 return group;
             }
             group.push_back(at);
@@ -171,7 +186,7 @@ u32 list_planner::change_group(u32 sn, wanted_at first, wanted_at last) {
     place at = first_from(sn);
     std::vector<place> old = group_at(at, sn);
     const auto is_same = [this](const place& held, const wanted_rule& wanted) {
-        return rules_of(held.chain)[held.index].identity == wanted.identity;
+        return rule_at(held).identity == wanted.identity;
     };
     while (!old.empty() && first != last && is_same(old.back(), *std::prev(last))) {
         at = old.back();
@@ -187,10 +202,7 @@ u32 list_planner::change_group(u32 sn, wanted_at first, wanted_at last) {
     }
     // From the back, so that the other places stay right.
     for (auto doomed = old.end(); doomed != kept; --doomed) {
-        const u32 error = erase(*std::prev(doomed));
-        if (error != 0) {
-            return error;
-        }
+        erase(*std::prev(doomed));
     }
     for (; first != last; ++first) {
         const u32 error = insert(at, *first);
@@ -201,90 +213,47 @@ u32 list_planner::change_group(u32 sn, wanted_at first, wanted_at last) {
     return 0;
 }
 
-u32 list_planner::edit(std::size_t chain, bool needs_handles, rule_list*& rules) {
-    const chain_name& name = chains_[chain];
-    const auto changed = state_.after.find(name);
-    if (changed != state_.after.end()) {
-        rules = &changed->second;
-        return 0;
-    }
-    const rule_list& held = state_.held.chains.at(name);
-    if (needs_handles &&
-        std::any_of(held.begin(), held.end(), [](const held_rule& rule) { return rule.handles.empty(); })) {
-        const u32 error = state_.handles(name);
-        if (error != 0) {
-            return error;
+std::vector<list_entry>& list_planner::edit(std::size_t chain) {
+    const auto [edited, is_new] = edited_.try_emplace(chain);
+    if (is_new) {
+        std::vector<held_rule>& held = state_.held.chains.at(chains_[chain]);
+        edited->second.reserve(held.size() + 1);
+        for (held_rule& rule : held) {
+            edited->second.push_back({&rule, nullptr, nullptr});
         }
     }
-    rules = &state_.after.emplace(name, held).first->second;
-    return 0;
+    return edited->second;
 }
 
-void list_planner::forget(const held_rule& rule) {
-    if (is_ace(rule)) {
-        state_.unneeded.insert(
-            ace_counter(first_.name.substr(acl_prefix.size()), rule.identity->second, rule.identity->third));
-    }
-}
-
-u32 list_planner::erase(place at) {
-    rule_list* rules = nullptr;
-    const u32 error = edit(at.chain, true, rules);
-    if (error != 0) {
-        return error;
-    }
-    const auto rule = rules->begin() + static_cast<std::ptrdiff_t>(at.index);
-    if (rule->handles.empty()) {
-        return needs_all_rules;
-    }
-    for (std::size_t part = 0; part < rule->handles.size(); ++part) {
-        state_.changes.delete_rule(chains_[at.chain], rule->handles[part]);
-    }
-    forget(*rule);
-    rules->erase(rule);
-    return 0;
+void list_planner::erase(const place& at) {
+    std::vector<list_entry>& entries = edit(at.chain);
+    entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(at.index));
 }
 
 u32 list_planner::insert(place& at, const wanted_rule& rule) {
     const bool is_last_chain = at.chain + 1 == chains_.size();
     const bool is_at_end = is_last_chain && at.index == ace_count(at.chain);
-    if (chains_.size() < chains_max && is_at_end && at.index >= state_.list_chain) {
-        rule_list* full = nullptr;
-        (void)edit(at.chain, false, full);
+    if (chains_.size() < chains_max && is_at_end && at.index >= state_.limits.chain) {
         add_chain();
         at = {at.chain + 1, 0};
     } else if (wanted_.touched && chains_.size() < chains_max &&
-               ace_count(at.chain) >= 2 * state_.list_chain) {
+               ace_count(at.chain) >= 2 * state_.limits.chain) {
         return needs_all_rules;
     }
-    rule_list* rules = nullptr;
-    const u32 error = edit(at.chain, at.index < rules_of(at.chain).size(), rules);
-    if (error != 0) {
-        return error;
-    }
-    u64 before = 0;
-    if (at.index < rules->size()) {
-        if ((*rules)[at.index].handles.empty()) {
-            return needs_all_rules;
-        }
-        before = (*rules)[at.index].handles.front();
-    }
-    rules->insert(rules->begin() + static_cast<std::ptrdiff_t>(at.index),
-                  state_.add_rule(chains_[at.chain], wanted_.counter, rule, before));
+    std::vector<list_entry>& entries = edit(at.chain);
+    entries.insert(entries.begin() + static_cast<std::ptrdiff_t>(at.index), entry_of(rule));
     ++at.index;
     return 0;
 }
 
 // After the last one, which leads to it from now on.
 void list_planner::add_chain() {
-    const chain_name& last = chains_.back();
     const chain_name next = chain_number(chains_.size());
-    const wanted_rule link{link_to(chains_.size()), nullptr, expressions().go_to(next.name)};
+    edit(chains_.size() - 1).push_back(entry_of({link_to(chains_.size()), nullptr, {}}));
     if (!state_.held.chains.contains(next)) {
         state_.changes.add_chain(next, {});
     }
-    state_.after.at(last).push_back(state_.add_rule(last, {}, link, 0));
-    state_.after[next] = {};
+    edited_[chains_.size()] = {};
     chains_.push_back(next);
 }
 
@@ -295,28 +264,59 @@ u32 list_planner::rebuild() {
     }
     const std::vector<chain_name> before = std::exchange(chains_, {first_});
     const std::size_t per_chain =
-        std::max(state_.list_chain, (wanted_.rules.size() + chains_max - 1) / chains_max);
+        std::max(state_.limits.chain, (wanted_.rules.size() + chains_max - 1) / chains_max);
     if (!state_.held.chains.contains(first_)) {
         state_.changes.add_chain(first_, {});
     }
-    for (const chain_name& chain : before) {
-        for (const held_rule& rule : state_.held.chains.at(chain)) {
-            forget(rule);
-        }
-        state_.changes.flush_chain(chain);
-    }
-    state_.after[first_] = {};
+    edited_[0] = {};
     for (const wanted_rule& rule : wanted_.rules) {
-        if (state_.after.at(chains_.back()).size() == per_chain) {
+        if (edited_.rbegin()->second.size() == per_chain) {
             add_chain();
         }
-        const chain_name& last = chains_.back();
-        state_.after.at(last).push_back(state_.add_rule(last, wanted_.counter, rule, 0));
+        edited_.rbegin()->second.push_back(entry_of(rule));
     }
+    drop_rest(before);
+    return write();
+}
+
+void list_planner::drop_rest(const std::vector<chain_name>& before) {
     for (const chain_name& chain : before) {
-        if (std::find(chains_.begin(), chains_.end(), chain) == chains_.end()) {
-            state_.changes.delete_chain(chain);
-            state_.gone.push_back(chain);
+        if (std::find(chains_.begin(), chains_.end(), chain) != chains_.end()) {
+            continue;
+        }
+        for (const held_rule& rule : state_.held.chains.at(chain)) {
+            if (is_ace(rule)) {
+                state_.unneeded.insert(
+                    ace_counter(wanted_.counter, rule.identity->second, rule.identity->third));
+            }
+        }
+        state_.changes.flush_chain(chain);
+        state_.drop_chain(chain);
+    }
+}
+
+// The ACEs of the edited chains, if all of the list are there.
+void list_planner::bring_aces() {
+    if (wanted_.touched) {
+        return;
+    }
+    auto next = wanted_.rules.begin();
+    for (std::size_t chain = 0; chain < chains_.size(); ++chain) {
+        const std::size_t count = ace_count(chain);
+        const auto edited = edited_.find(chain);
+        for (std::size_t index = 0; edited != edited_.end() && index < count; ++index) {
+            edited->second[index].ace = next[static_cast<std::ptrdiff_t>(index)].ace;
+        }
+        next += static_cast<std::ptrdiff_t>(count);
+    }
+}
+
+u32 list_planner::write() {
+    bring_aces();
+    for (auto& [chain, entries] : edited_) {
+        const u32 error = list_writer(state_, chains_[chain], wanted_.counter, std::move(entries)).run();
+        if (error != 0) {
+            return error;
         }
     }
     return 0;

@@ -11,112 +11,12 @@
 #include <functional>
 #include <map>
 
-#include "linux/attributes.h"
+#include "linux/messages.h"
 
 namespace scc::kernel {
 namespace {
 
 constexpr std::size_t buffer_bytes = 64 * 1024;
-constexpr u8 comment_type = 0;  // of a rule's user data: type, length, text with its final 0
-
-using attribute_table = std::array<const nlattr*, NFTA_RULE_MAX + NFTA_CHAIN_MAX + NFTA_OBJ_MAX>;
-
-std::string text_of(const nlattr* attribute) {
-    if (attribute == nullptr) {
-        return {};
-    }
-    const char* const text = mnl_attr_get_str(attribute);
-    return {text, ::strnlen(text, mnl_attr_get_payload_len(attribute))};
-}
-
-u64 number_of(const nlattr* attribute) {
-    u64 number = 0;
-    if (attribute != nullptr && mnl_attr_get_payload_len(attribute) >= sizeof number) {
-        std::memcpy(&number, mnl_attr_get_payload(attribute), sizeof number);
-    }
-    return be64toh(number);
-}
-
-attribute_table attributes_of(const nlmsghdr* message) {
-    attribute_table table{};
-    for_each_attribute(message, sizeof(nfgenmsg), [&](const nlattr* attribute) {
-        const u16 type = mnl_attr_get_type(attribute);
-        if (type < table.size()) {
-            table[type] = attribute;
-        }
-    });
-    return table;
-}
-
-std::string comment_in(const nlattr* user_data) {
-    if (user_data == nullptr) {
-        return {};
-    }
-    const auto* bytes = static_cast<const u8*>(mnl_attr_get_payload(user_data));
-    const std::size_t size = mnl_attr_get_payload_len(user_data);
-    for (std::size_t at = 0; at + 2 <= size && at + 2 + bytes[at + 1] <= size; at += 2 + bytes[at + 1]) {
-        if (bytes[at] == comment_type && bytes[at + 1] > 0) {
-            return {reinterpret_cast<const char*>(bytes + at + 2), bytes[at + 1] - std::size_t{1}};
-        }
-    }
-    return {};
-}
-
-// Of the data of a counter object.
-counted counter_in(const nlattr* data) {
-    counted found;
-    if (data == nullptr) {
-        return found;
-    }
-    for_each_nested(data, [&](const nlattr* attribute) {
-        if (mnl_attr_get_type(attribute) == NFTA_COUNTER_PACKETS) {
-            found.packets = number_of(attribute);
-        }
-        if (mnl_attr_get_type(attribute) == NFTA_COUNTER_BYTES) {
-            found.bytes = number_of(attribute);
-        }
-    });
-    return found;
-}
-
-std::string_view kind_of(u16 message_type) {
-    switch (message_type & 0xFF) {
-        case NFT_MSG_NEWTABLE:
-        case NFT_MSG_DELTABLE:
-            return "table";
-        case NFT_MSG_NEWCHAIN:
-        case NFT_MSG_DELCHAIN:
-            return "chain";
-        case NFT_MSG_NEWRULE:
-        case NFT_MSG_DELRULE:
-            return "rule";
-        case NFT_MSG_NEWOBJ:
-        case NFT_MSG_DELOBJ:
-            return "counter";
-        default:
-            return "transaction";
-    }
-}
-
-// Of an answer, or of the end of a dump: 0 or a negative errno value.
-u32 result_of(const nlmsghdr* message) {
-    i32 number = 0;
-    if (mnl_nlmsg_get_payload_len(message) < sizeof number) {
-        return EBADMSG;
-    }
-    std::memcpy(&number, mnl_nlmsg_get_payload(message), sizeof number);
-    return number > 0 ? EBADMSG : 0 - static_cast<u32>(number);
-}
-
-std::string_view subject_of(const nlmsghdr* answer) {
-    nlmsgerr fields{};
-    if (mnl_nlmsg_get_payload_len(answer) < sizeof fields) {
-        return {};
-    }
-    std::memcpy(&fields, mnl_nlmsg_get_payload(answer), sizeof fields);
-    return kind_of(fields.msg.nlmsg_type);
-}
-
 class kernel_filter : public packet_filter {
   public:
     explicit kernel_filter(socket_opener open) : open_(std::move(open)) {}
@@ -219,10 +119,41 @@ class kernel_filter : public packet_filter {
                         {number_of(found[NFTA_RULE_HANDLE]), comment_in(found[NFTA_RULE_USERDATA])});
                 }
             });
+        kernel_maps maps;
+        const u32 map_error = rule_error == 0 && in == family::netdev ? read_maps(maps) : rule_error;
         for (const std::string& chain : chains) {
-            tables.chains[{in, chain}] = group(rules[chain]);
+            std::vector<held_rule>& held = tables.chains[{in, chain}] = group(rules[chain]);
+            expand_runs({in, chain}, held, maps);
         }
-        return rule_error;
+        for (const auto& [name, elements] : maps) {
+            tables.stray_maps.insert(name);
+        }
+        return map_error;
+    }
+
+    // Those that belong to single rules go with them.
+    u32 read_maps(kernel_maps& maps) {
+        u32 error =
+            dump(NFT_MSG_GETSET, family::netdev, {{NFTA_SET_TABLE, table_name}},
+                 [&](const attribute_table& found) {
+                     const nlattr* const flags = found[NFTA_SET_FLAGS];
+                     if (text_of(found[NFTA_SET_TABLE]) == table_name &&
+                         (flags == nullptr || (ntohl(mnl_attr_get_u32(flags)) & NFT_SET_ANONYMOUS) == 0)) {
+                         maps[text_of(found[NFTA_SET_NAME])];
+                     }
+                 });
+        for (auto map = maps.begin(); error == 0 && map != maps.end(); ++map) {
+            error = dump(NFT_MSG_GETSETELEM, family::netdev,
+                         {{NFTA_SET_ELEM_LIST_TABLE, table_name}, {NFTA_SET_ELEM_LIST_SET, map->first}},
+                         [&](const attribute_table& found) {
+                             if (found[NFTA_SET_ELEM_LIST_ELEMENTS] != nullptr) {
+                                 for_each_nested(found[NFTA_SET_ELEM_LIST_ELEMENTS], [&](const nlattr* data) {
+                                     map->second.push_back(element_in(data));
+                                 });
+                             }
+                         });
+        }
+        return error;
     }
 
     // What is read afterwards is what this generation has, or a transaction fails that builds on it.

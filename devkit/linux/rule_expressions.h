@@ -6,6 +6,7 @@
 // such a frame are compared, and a rule that needs more does not match it.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,19 @@ namespace scc::kernel {
 // One list of conditions for each rule that the kernel needs: a packet matches if it meets all conditions of
 // one of them; it never meets those of two. The rule must be supported.
 [[nodiscard]] std::vector<expressions> conditions_of(const ace::rule& rule);
+
+// The same conditions with the values of single fields, the key, set apart from the rest, the shape. Of two
+// rules of the same shape with different keys, no packet meets the conditions of both.
+struct keyed_conditions {
+    // Like those of conditions_of(); they load the key in place of comparing its fields.
+    std::vector<expressions> loads;
+    std::string key;
+    u32 key_type = 0;  // by which nft(8) shows it
+    u64 shape = 0;     // never 0
+};
+// Empty if the rule compares no field with a single value, too many of them, or other values in IPv4 than in
+// IPv6.
+[[nodiscard]] std::optional<keyed_conditions> keyed_conditions_of(const ace::rule& rule);
 
 // Single conditions.
 [[nodiscard]] expressions vlan_condition(u16 vlan);

@@ -323,7 +323,7 @@ TEST_F(Connection, TheThreadEndsWhenTheAppIdIsTakenAwayBeforeTheFirstRegistratio
 TEST_F(Connection, AnAttemptWithoutADirectoryFailsAndIsMadeAgain) {
     static test::hidden_variable* variable = nullptr;
     variable = new test::hidden_variable("TMPDIR");  // the environment keeps it
-    info.handlers.server_status = [](std::uint32_t status) {
+    status_handler = [](std::uint32_t status) {
         if (status == 0) {
             variable->hide();
         }

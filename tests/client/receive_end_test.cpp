@@ -195,7 +195,7 @@ TEST_F(Receive, TheThreadDoesNotLookForTheSocketOfAnEndedRegistration) {
 
 // As if another thread ended it for good.
 TEST_F(Receive, TheThreadLeavesWhenItsRegistrationEndsWhileItComesBack) {
-    info.handlers.server_status = [](std::uint32_t status) {
+    status_handler = [](std::uint32_t status) {
         test::on_status(status);
         if (status == 0) {
             scc::end_generation();

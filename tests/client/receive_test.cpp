@@ -236,7 +236,7 @@ TEST_F(Receive, ARaisedFlagMakesTheThreadRegisterAgain) {
 }
 
 TEST_F(Receive, ANumberThatIsNoDescriptorIsABrokenConnection) {
-    info.handlers.server_status = [](std::uint32_t status) {
+    status_handler = [](std::uint32_t status) {
         if (status == 0) {
             g_scc_client_cb.async_fd = -1;  // what cannot be closed would stay
         }

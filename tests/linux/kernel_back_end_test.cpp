@@ -109,7 +109,7 @@ std::future<u32> submit_ace(back_end_bench& bench, u32 sn) {
 
 TEST_F(KernelBackEnd, ChangesWaitForEachOtherUntilTheyAreMany) {
     const auto filter = open_failing();
-    back_end_bench bench(map_text, filter.get(), list_chain_default, endless_pause);
+    back_end_bench bench(map_text, filter.get(), {}, endless_pause);
     bench.recover_nothing();
     EXPECT_EQ(bench.create(1), 0u);
     filter->runs = 0;
@@ -125,7 +125,7 @@ TEST_F(KernelBackEnd, ChangesWaitForEachOtherUntilTheyAreMany) {
 
 TEST_F(KernelBackEnd, AQueryEndsTheWaitOfTheChangesBeforeIt) {
     const auto filter = open_failing();
-    back_end_bench bench(map_text, filter.get(), list_chain_default, endless_pause);
+    back_end_bench bench(map_text, filter.get(), {}, endless_pause);
     bench.recover_nothing();
     EXPECT_EQ(bench.create(1), 0u);
     std::future<u32> added = submit_ace(bench, 10);
@@ -143,7 +143,7 @@ TEST_F(KernelBackEnd, AQueryEndsTheWaitOfTheChangesBeforeIt) {
 
 TEST_F(KernelBackEnd, StopsWhileChangesWait) {
     const auto filter = open_failing();
-    back_end_bench bench(map_text, filter.get(), list_chain_default, endless_pause);
+    back_end_bench bench(map_text, filter.get(), {}, endless_pause);
     bench.recover_nothing();
     EXPECT_EQ(bench.create(1), 0u);
     std::future<u32> added = submit_ace(bench, 10);
@@ -444,7 +444,7 @@ TEST_F(KernelBackEnd, AnInterfaceThatComesBackGetsItsRulesAgain) {
 }
 
 TEST_F(KernelBackEnd, AChangeInALongListChangesOneRule) {
-    back_end_bench bench(map_text, nullptr, 3);
+    back_end_bench bench(map_text, nullptr, {3, 16});
     bench.recover_nothing();
     EXPECT_EQ(bench.create(1), 0u);
     chain_rules wanted;
@@ -483,12 +483,12 @@ TEST_F(KernelBackEnd, ANewProcessKnowsAListInManyChainsAgain) {
             EXPECT_EQ(held.acls.add_ace(key_of(1), ace_of(std::to_string(sn) + " deny ip any any")), 0u);
         }
     };
-    back_end_bench first(map_text, nullptr, 3);
+    back_end_bench first(map_text, nullptr, {3, 16});
     first.recover_nothing();
     first.change(fill);
     first.kill();
     const std::string before = output_of("nft -a list ruleset");
-    back_end_bench second(map_text, nullptr, 3);
+    back_end_bench second(map_text, nullptr, {3, 16});
     second.change([](contents& held) { held.begin_recovery(); });
     second.change(fill);
     second.change([](contents& held) { held.end_recovery(); });
@@ -496,6 +496,82 @@ TEST_F(KernelBackEnd, ANewProcessKnowsAListInManyChainsAgain) {
     EXPECT_EQ(output_of("nft -a list ruleset"), before);
     EXPECT_EQ(second.remove(1), 0u);
     EXPECT_TRUE(rules_of_kernel().empty());
+}
+
+// ---- ACEs that share maps ----
+
+// Twenty ACEs of one shape, and one that matches the rest.
+void fill_maps(contents& held) {
+    EXPECT_EQ(held.acls.create(key_of(1)), 0u);
+    for (u32 sn = 1; sn <= 20; ++sn) {
+        const std::string number = std::to_string(sn);
+        const std::string verdict = sn % 2 == 0 ? " deny" : " permit";
+        EXPECT_EQ(held.acls.add_ace(key_of(1),
+                                    ace_of(number + verdict + " tcp host 10.0.0." + number + " any eq 80")),
+                  0u);
+    }
+    EXPECT_EQ(held.acls.add_ace(key_of(1), ace_of("100 deny ip any any")), 0u);
+    EXPECT_EQ(held.acls.apply(application_of(1, 1)), 0u);
+}
+
+// A new process's recovery of the same.
+void recover_maps(back_end_bench& bench) {
+    bench.change([](contents& held) { held.begin_recovery(); });
+    bench.change(fill_maps);
+    bench.change([](contents& held) { held.end_recovery(); });
+}
+
+std::string map_of_kernel(const std::string& name) {
+    return output_of("nft -s list map netdev scclib " + name);
+}
+
+TEST_F(KernelBackEnd, ANewProcessKnowsTheMapsOfARunAgain) {
+    back_end_bench first(map_text);
+    first.recover_nothing();
+    first.change(fill_maps);
+    EXPECT_NE(map_of_kernel("acl-0-3-1.0-deny-1").find("10.0.0.2 . tcp . 80 "), std::string::npos);
+    first.kill();
+    const auto rules = rules_of_kernel();
+    const std::string before = output_of("nft -a list chain netdev scclib acl-0-3-1.0");
+    back_end_bench second(map_text);
+    recover_maps(second);
+    EXPECT_EQ((*second).transactions(), 0u);
+    // A new ACE joins the run.
+    EXPECT_EQ(second.add(1, "50 deny tcp host 10.0.0.50 any eq 80"), 0u);
+    EXPECT_EQ(output_of("nft -a list chain netdev scclib acl-0-3-1.0"), before);
+    EXPECT_NE(map_of_kernel("acl-0-3-1.0-deny-1").find("10.0.0.50 . tcp . 80 "), std::string::npos);
+    auto wanted = rules;
+    wanted["acl-0-3-1.0"].insert(wanted["acl-0-3-1.0"].end() - 1, "50 50");
+    EXPECT_EQ(rules_of_kernel(), wanted);
+}
+
+TEST_F(KernelBackEnd, AnElementThatSomebodyElseRemovedComesBack) {
+    back_end_bench first(map_text);
+    first.recover_nothing();
+    first.change(fill_maps);
+    first.kill();
+    const auto rules = rules_of_kernel();
+    command("nft delete element netdev scclib acl-0-3-1.0-deny-1 '{ 10.0.0.4 . tcp . 80 }'");
+    EXPECT_NE(rules_of_kernel(), rules);
+    back_end_bench second(map_text);
+    recover_maps(second);
+    EXPECT_EQ((*second).transactions(), 1u);
+    EXPECT_EQ(rules_of_kernel(), rules);
+}
+
+TEST_F(KernelBackEnd, AMapThatSomebodyElseChangedIsReplaced) {
+    back_end_bench first(map_text);
+    first.recover_nothing();
+    first.change(fill_maps);
+    first.kill();
+    const auto rules = rules_of_kernel();
+    command("nft add element netdev scclib acl-0-3-1.0-deny-1 '{ 10.0.0.99 . tcp . 80 : \"0-3-1.0\" }'");
+    command("nft add map netdev scclib stray '{ type ipv4_addr : counter; }'");
+    back_end_bench second(map_text);
+    recover_maps(second);
+    EXPECT_EQ((*second).transactions(), 1u);
+    EXPECT_EQ(rules_of_kernel(), rules);
+    EXPECT_EQ(output_of("nft list table netdev scclib").find("10.0.0.99"), std::string::npos);
 }
 
 }  // namespace

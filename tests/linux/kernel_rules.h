@@ -40,10 +40,57 @@ inline void join_lists(std::map<std::string, chain_rules>& chains) {
     std::erase_if(chains, [](const auto& chain) { return chain.second == chain_rules{"joined"}; });
 }
 
+// By sequence number, "sn id" of each ACE in a map. Every element counts in its own ACE's counter.
+using map_aces = std::map<unsigned, std::string>;
+
+inline void take_elements(const std::string& line, map_aces& aces) {
+    const std::string begin = "comment \"a";
+    for (std::size_t at = line.find(begin); at != std::string::npos; at = line.find(begin, at + 1)) {
+        unsigned sn = 0;
+        unsigned id = 0;
+        char counter[64] = {};
+        ASSERT_EQ(std::sscanf(line.c_str() + at, "comment \"a2 %u %u %*u %*s 1/1\" : \"%63[^\"]\"", &sn, &id,
+                              counter),
+                  3)
+            << line;
+        EXPECT_NE(std::string(counter).find("-" + std::to_string(id) + "."), std::string::npos) << line;
+        EXPECT_TRUE(aces.emplace(sn, std::to_string(sn) + " " + std::to_string(id)).second) << line;
+    }
+}
+
+// Puts the ACEs of each run in the place of its rule, "run N".
+inline void expand_runs(std::map<std::string, chain_rules>& chains, std::map<std::string, map_aces>& maps) {
+    for (auto& [name, rules] : chains) {
+        chain_rules expanded;
+        for (const std::string& rule : rules) {
+            if (!rule.starts_with("run ")) {
+                expanded.push_back(rule);
+                continue;
+            }
+            map_aces aces;
+            for (const char* verdict : {"-deny-", "-permit-"}) {
+                const auto map = maps.find(name + verdict + rule.substr(4));
+                ASSERT_NE(map, maps.end()) << name << ", " << rule;
+                aces.merge(map->second);
+                EXPECT_TRUE(map->second.empty()) << map->first;
+                maps.erase(map);
+            }
+            EXPECT_FALSE(aces.empty()) << name << ", " << rule;
+            for (const auto& [sn, ace] : aces) {
+                expanded.push_back(ace);
+            }
+        }
+        rules = expanded;
+    }
+    EXPECT_TRUE(maps.empty()) << maps.begin()->first;
+}
+
 inline std::map<std::string, chain_rules> rules_of_kernel() {
     std::map<std::string, chain_rules> chains;
+    std::map<std::string, map_aces> maps;
     std::istringstream lines(output_of("nft -s list table netdev scclib"));
     std::string chain;
+    std::string map;
     for (std::string line; std::getline(lines, line);) {
         char name[64] = {};
         unsigned sn = 0;
@@ -52,7 +99,18 @@ inline std::map<std::string, chain_rules> rules_of_kernel() {
         const std::size_t comment = line.find("comment \"");
         if (std::sscanf(line.c_str(), " chain %63s {", name) == 1) {
             chain = name;
+            map.clear();
             chains[chain];
+        } else if (std::sscanf(line.c_str(), " map %63s {", name) == 1) {
+            map = name;
+            maps[map];
+        } else if (!map.empty()) {
+            take_elements(line, maps[map]);
+        } else if (comment != std::string::npos &&
+                   std::sscanf(line.c_str() + comment, "comment \"m2 %u %*u %*u %*s %u/", &sn, &part) == 2) {
+            if (part == 1) {
+                chains[chain].push_back("run " + std::to_string(sn));
+            }
         } else if (comment != std::string::npos &&
                    std::sscanf(line.c_str() + comment, "comment \"a2 %u %u %*u %*s %u/", &sn, &id, &part) ==
                        3) {
@@ -64,6 +122,7 @@ inline std::map<std::string, chain_rules> rules_of_kernel() {
             chains[chain].push_back(line.substr(begin, comment - 1 - begin));
         }
     }
+    expand_runs(chains, maps);
     join_lists(chains);
     return chains;
 }

@@ -230,8 +230,8 @@ class raw_socket {
 class back_end_bench {
   public:
     explicit back_end_bench(const std::string& map_text) : back_end_bench(map_text, nullptr) {}
-    back_end_bench(const std::string& map_text, packet_filter* filter,
-                   std::size_t list_chain = list_chain_default, const pace_limits& pace = {}) {
+    back_end_bench(const std::string& map_text, packet_filter* filter, const list_limits& limits = {},
+                   const pace_limits& pace = {}) {
         std::string error;
         const auto map = parse_interface_map(map_text, error);
         EXPECT_TRUE(map.has_value()) << error;
@@ -242,8 +242,7 @@ class back_end_bench {
         }
         filter_ = filter;
         back_end_ = std::make_unique<kernel_back_end>(
-            table_, *map, *filter, [this](const std::string& line) { log_.push_back(line); }, list_chain,
-            pace);
+            table_, *map, *filter, [this](const std::string& line) { log_.push_back(line); }, limits, pace);
         EXPECT_EQ(back_end_->start(), 0u);
     }
 

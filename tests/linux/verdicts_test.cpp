@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <random>
 #include <set>
 #include <sstream>
 
@@ -12,6 +13,12 @@
 #include "service/classify.h"
 
 namespace scc::kernel {
+
+// Shown in the names of tests.
+static void PrintTo(const list_limits& limits, std::ostream* to) {
+    *to << "chains of " << limits.chain << ", runs of " << limits.run;
+}
+
 namespace {
 
 using namespace testing;
@@ -61,11 +68,16 @@ class Verdicts : public ::testing::Test {
     static constexpr const char* map_text = "ifx 1 a0\nifx 2 b0\n";
 };
 
-TEST_F(Verdicts, OfKernelClassifierAndTableAreTheSame) {
+// A rule alone is a run of one where that is enough.
+class VerdictsInAnyForm : public Verdicts, public ::testing::WithParamInterface<std::size_t> {};
+
+INSTANTIATE_TEST_SUITE_P(RunsOfAtLeast, VerdictsInAnyForm, ::testing::Values(16, 1));
+
+TEST_P(VerdictsInAnyForm, OfKernelClassifierAndTableAreTheSame) {
     const verdicts table = read_verdicts();
     ASSERT_EQ(table.frames.size(), 40u);
     ASSERT_EQ(table.rules.size(), 200u);
-    back_end_bench bench(map_text);
+    back_end_bench bench(map_text, nullptr, {1000, GetParam()});
     bench.recover_nothing();
     const raw_socket in("a1");
     const raw_socket out("b1");
@@ -142,7 +154,7 @@ TEST_F(Verdicts, FirstMatchingAceDecidesAndCounts) {
 }
 
 TEST_F(Verdicts, AListInManyChainsActsAsOne) {
-    back_end_bench bench(map_text, nullptr, 2);
+    back_end_bench bench(map_text, nullptr, {2, 16});
     bench.recover_nothing();
     EXPECT_EQ(bench.create(1), 0u);
     EXPECT_EQ(bench.create(2), 0u);
@@ -212,8 +224,6 @@ scc_acl_apply_record application_to(const bound_user& user, u32 ifx) {
 // Of each application of an ACL to a user three answers are compared: the kernel's, that of the tables in
 // memory, and the table's.
 TEST_F(Verdicts, TheAclOfAUserIsForItsFramesAlone) {
-    NEED_A_NAMESPACE();
-    prepare();
     back_end_bench bench(map_text);
     bench.recover_nothing();
     const frame_bytes arp = {2, 0, 0, 0, 0, 0x21, 2, 0,  0, 0, 0, 9, 8, 6, 0, 1, 8, 0,  6, 4, 0,
@@ -276,6 +286,162 @@ TEST_F(Verdicts, TheAclOfAUserIsForItsFramesAlone) {
         }
         EXPECT_EQ(bench.packets_of(1), dropped) << user.what;
         ASSERT_EQ(bench.result_of([&](contents& held) { return held.acls.unapply(application); }), 0u);
+    }
+}
+
+// ---- ACEs that are looked up in maps ----
+
+struct listed_ace {
+    u32 sn = 0;
+    u32 id = 0;
+    ace::rule rule;
+    u64 packets = 0;
+};
+
+// A rule of the frames' own addresses and ports. Those with the same `form` compare the same fields.
+std::string random_rule(u32 form, std::mt19937& random) {
+    const auto pick = [&](std::initializer_list<const char*> texts) {
+        return std::string(texts.begin()[random() % texts.size()]);
+    };
+    const auto ip = [&] { return " host " + pick({"10.0.0.1", "10.0.1.2", "192.0.2.3", "198.51.100.4"}); };
+    const auto net = [&] {
+        return " " + pick({"10.0.0.0/24", "10.0.1.0/24", "192.0.2.0/24", "10.0.0.0/23"});
+    };
+    const auto ipv6 = [&] { return " host " + pick({"2001:db8::1", "2001:db8:1::2", "fd00::3"}); };
+    const auto port = [&] { return " eq " + pick({"22", "80", "443", "1024", "40000"}); };
+    const auto protocol = [&] { return pick({"tcp", "udp"}); };
+    switch (form) {
+        case 0:
+            return "ip" + ip() + ip();
+        case 1:
+            return protocol() + ip() + " any" + port();
+        case 2:
+            return protocol() + " any any" + port();
+        case 3:
+            return "ipv6" + ipv6() + ipv6();
+        case 4:
+            return protocol() + " any" + port() + " any" + port();
+        case 5:
+            return "ip" + net() + " any";
+        case 6:
+            return "ether src-mac 02:00:00:00:0" + pick({"0", "1", "2", "3"}) + ":01 vlan " +
+                   pick({"10", "20"});
+        default:
+            return protocol() + " any any range 1 " + pick({"80", "443", "2000"});
+    }
+}
+
+// One list, whose ACEs come and go, and the packets that each should have counted.
+class changing_list {
+  public:
+    explicit changing_list(back_end_bench& bench) : bench_(bench) {
+        EXPECT_EQ(bench.create(1), 0u);
+        EXPECT_EQ(bench.apply(1, 1), 0u);
+    }
+
+    // Some ACEs come, mostly of the form that is usual at their place, or go, in one transaction.
+    void change(u32 count) {
+        EXPECT_EQ(bench_.result_of([&](contents& held) {
+            u32 result = 0;
+            for (u32 change = 0; change < count; ++change) {
+                result |= random_() % 3 == 0 && !aces_.empty() ? remove(held) : add(held);
+            }
+            return result;
+        }),
+                  0u);
+    }
+
+    // Whether the frame passes; counts it where it should be counted.
+    bool expect(const frame_bytes& frame) {
+        const auto packet = service::parse_packet(frame);
+        EXPECT_TRUE(packet.has_value());
+        const auto first = std::find_if(aces_.begin(), aces_.end(), [&](const listed_ace& ace) {
+            return service::matches(ace.rule, *packet);
+        });
+        if (first == aces_.end()) {
+            return true;
+        }
+        ++first->packets;
+        ++packets_;
+        return !first->rule.denies();
+    }
+
+    void compare_counters() {
+        for (const listed_ace& ace : aces_) {
+            EXPECT_EQ(bench_.packets_of(1, ace.id), ace.packets) << ace.sn << " id " << ace.id;
+        }
+        EXPECT_EQ(bench_.packets_of(1), packets_);
+    }
+
+  private:
+    u32 add(contents& held) {
+        const u32 sn = 1 + static_cast<u32>(random_() % 64);
+        const u32 id = ++last_id_;
+        const u32 form = random_() % 8 == 0 ? static_cast<u32>(random_() % 8) : sn / 8 % 8;
+        const std::string text = std::to_string(sn) + (random_() % 2 == 0 ? " deny " : " permit ") +
+                                 random_rule(form, random_) + " id " + std::to_string(id);
+        const scc_ace_record record = ace_of(text);
+        const auto after =
+            std::find_if(aces_.begin(), aces_.end(), [sn](const listed_ace& ace) { return ace.sn > sn; });
+        aces_.insert(after, {sn, id, *ace::decode(record), 0});
+        return held.acls.add_ace(key_of(1), record);
+    }
+    u32 remove(contents& held) {
+        const auto ace = aces_.begin() + static_cast<std::ptrdiff_t>(random_() % aces_.size());
+        scc_ace_record record{};
+        record.sn = ace->sn;
+        record.ace_id = ace->id;
+        aces_.erase(ace);
+        return held.acls.delete_ace(key_of(1), record);
+    }
+
+    back_end_bench& bench_;
+    std::mt19937 random_{20261122};
+    std::vector<listed_ace> aces_;
+    u64 packets_ = 0;
+    u32 last_id_ = 1000;
+};
+
+class Runs : public Verdicts, public ::testing::WithParamInterface<list_limits> {};
+
+INSTANTIATE_TEST_SUITE_P(Limits, Runs,
+                         ::testing::Values(list_limits{1000, 2}, list_limits{1000, 4}, list_limits{7, 2},
+                                           list_limits{1000, 1000}));
+
+TEST_P(Runs, GiveTheVerdictsAndCountersOfASingleList) {
+    const verdicts table = read_verdicts();
+    back_end_bench bench(map_text, nullptr, GetParam());
+    bench.recover_nothing();
+    changing_list list(bench);
+    const raw_socket in("a1");
+    const raw_socket out("b1");
+    const raw_socket around("c1");
+    frame_bytes last(60, 0x55);
+    last[0] = 0x02;
+    last[5] = 0x56;
+    last[6] = 0x02;
+    for (u32 round = 0; round < 40; ++round) {
+        list.change(1 + round);
+        ASSERT_TRUE(bench.log().empty()) << bench.log().front();
+        std::vector<bool> wanted;
+        for (const frame_bytes& frame : table.frames) {
+            in.send(frame);
+            wanted.push_back(list.expect(frame));
+        }
+        last[20] = static_cast<u8>(round);
+        around.send(last);
+        std::set<frame_bytes> arrived;
+        for (frame_bytes frame = out.receive(20'000); frame != last; frame = out.receive(20'000)) {
+            ASSERT_FALSE(frame.empty()) << "the last frame did not arrive";
+            arrived.insert(frame);
+        }
+        std::vector<bool> passed;
+        for (const frame_bytes& frame : table.frames) {
+            passed.push_back(arrived.contains(frame));
+        }
+        EXPECT_EQ(passed, wanted);
+        list.compare_counters();
+        ASSERT_FALSE(HasFailure()) << "round " << round << "\n" << output_of("nft list table netdev scclib");
     }
 }
 

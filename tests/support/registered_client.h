@@ -12,16 +12,13 @@
 
 namespace test {
 
-// Registers app id 7; handlers as the test sets them in info before start(). A status handler of the test's
-// own has to report to statuses() too.
+// Registers app id 7; handlers as the test sets them in info before start(), but that of the status.
 class registered_client : public ::testing::Test {
   protected:
     void start(std::uint8_t option = 1) {
         info.app_id = 7;
         info.option = option;
-        if (info.handlers.server_status == nullptr) {
-            info.handlers.server_status = on_status;
-        }
+        info.handlers.server_status = status_handler;
         ASSERT_EQ(scc_svr_reg(&info), 0U);
         daemon.accept_registration();
         ASSERT_EQ(statuses().wait(), 1U);
@@ -35,6 +32,8 @@ class registered_client : public ::testing::Test {
     }
 
     scc_reg_info info{};
+    // One of a test's own has to report to statuses() too.
+    void (*status_handler)(std::uint32_t status) = on_status;
     scripted_daemon daemon;
 };
 
