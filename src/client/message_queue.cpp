@@ -86,7 +86,8 @@ scc_lib_msg_node* dequeue_message() {
 }
 
 // Small blocks that another thread freed stay in malloc's lists. Freeing a large block makes malloc coalesce
-// and trim the heap of the calling thread; malloc_trim returns the free pages in between.
+// and trim the heap of the calling thread; malloc_trim returns the free pages in between. The compiler would
+// leave out both calls if the block were not volatile.
 void give_queue_memory_back() {
     {
         const mutex_guard guard(queue_lock);
@@ -95,7 +96,6 @@ void give_queue_memory_back() {
         }
         g_was_long = false;
     }
-    // volatile, or the compiler leaves both out.
     void* volatile block = std::malloc(tuning::coalescing_block_bytes);
     std::free(block);
 #ifdef __GLIBC__
