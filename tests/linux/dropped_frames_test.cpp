@@ -28,6 +28,7 @@ std::vector<dropped_frame> take(dropped_frames& log, std::size_t count) {
 
 TEST(DroppedFrames, NameTheirStationInterfaceAndVlan) {
     NEED_A_NAMESPACE();
+    NEED_THE_PACKET_LOG();
     make_bridge();
     ASSERT_TRUE(dropped_frames::are_told());
     dropped_frames log;
@@ -57,6 +58,7 @@ TEST(DroppedFrames, NameTheirStationInterfaceAndVlan) {
 
 TEST(DroppedFrames, HaveOneReader) {
     NEED_A_NAMESPACE();
+    NEED_THE_PACKET_LOG();
     const dropped_frames log;
     const dropped_frames second;
     EXPECT_GE(log.descriptor(), 0);

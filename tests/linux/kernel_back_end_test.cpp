@@ -361,6 +361,7 @@ TEST_F(KernelBackEnd, ANewProcessAdoptsWhatIsRightAndRemovesTheRest) {
 }
 
 TEST_F(KernelBackEnd, OnlyPortSecurityTellsOfStrangers) {
+    NEED_THE_PACKET_LOG();
     back_end_bench bench(map_text);
     bench.recover_nothing();
     const auto rules_with_log = [] {

@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <string>
@@ -24,6 +25,7 @@
 #include <vector>
 
 #include "ace/ace_text.h"
+#include "linux/dropped_frames.h"
 #include "linux/kernel_back_end.h"
 
 namespace scc::kernel::testing {
@@ -35,6 +37,14 @@ using frame_bytes = std::vector<u8>;
     do {                                                                           \
         if (::unshare(CLONE_NEWNET) != 0 || std::system("ip link set lo up") != 0) \
             GTEST_SKIP() << "needs the right to make a network namespace";         \
+    } while (false)
+
+// Skips the test unless the kernel has a packet log. Binding to it loads the module.
+#define NEED_THE_PACKET_LOG()                                                          \
+    do {                                                                               \
+        if (!scc::kernel::dropped_frames::are_told() &&                                \
+            !std::filesystem::exists("/proc/thread-self/net/netfilter/nfnetlink_log")) \
+            GTEST_SKIP() << "needs CONFIG_NETFILTER_NETLINK_LOG";                      \
     } while (false)
 
 inline void command(const std::string& text) {

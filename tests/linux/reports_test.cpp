@@ -111,6 +111,7 @@ TEST_F(Reports, AnAddressThatABridgeLearnsElsewhereHasMoved) {
 }
 
 TEST_F(Reports, AStrangerIsReportedAndAUserWithAnotherAddressIsNot) {
+    NEED_THE_PACKET_LOG();
     change([](contents& held) {
         held.nac.set_app({1, 0, 6}, 1);
         scc_ss_user user = user_with(9, 1);

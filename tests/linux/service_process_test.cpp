@@ -232,6 +232,7 @@ TEST(LinuxServiceProcess, ReportsHitsFlowsSilenceAndMoves) {
 
 TEST(LinuxServiceProcess, AStrangerOnASecuredInterfaceIsAViolation) {
     NEED_A_NAMESPACE();
+    NEED_THE_PACKET_LOG();
     make_bridge();
     daemon_process daemon;
     service_process service({"--map", map_in(daemon), "--verbose", "--report", "0"});
