@@ -12,7 +12,7 @@
 #include "common/bytes.h"
 #include "common/number_option.h"
 #include "msg/protocol.h"
-#include "suggestion.h"
+#include "usage_problem.h"
 
 namespace scc::ctl {
 namespace {
@@ -458,86 +458,6 @@ int command::open_record() const {
     return no_record;
 }
 
-namespace {
-
-std::vector<std::string> option_names(const CLI::App& command, const CLI::App& root) {
-    std::vector<std::string> names;
-    for (const CLI::App* each : {&command, &root}) {
-        for (const CLI::Option* option : each->get_options()) {
-            for (const std::string& name : option->get_lnames()) {
-                names.push_back("--" + name);
-            }
-        }
-    }
-    return names;
-}
-
-// What the first word that is unknown at its place probably means; empty if there is none, or no good guess.
-std::string misspelt(const CLI::App& root, const std::vector<std::string>& words) {
-    const CLI::App* at = &root;
-    for (const std::string& word : words) {
-        const auto children = at->get_subcommands([](const CLI::App*) { return true; });
-        if (word.starts_with("--")) {
-            const auto names = option_names(*at, root);
-            const std::string name = word.substr(0, word.find('='));
-            if (std::find(names.begin(), names.end(), name) == names.end()) {
-                return did_you_mean(name, names);
-            }
-            continue;
-        }
-        const auto below = std::find_if(children.begin(), children.end(),
-                                        [&](const CLI::App* each) { return each->get_name() == word; });
-        if (below != children.end()) {
-            at = *below;
-            continue;
-        }
-        std::vector<std::string> names;
-        for (const CLI::App* each : children) {
-            names.push_back(each->get_name());
-        }
-        if (const std::string guess = did_you_mean(word, names); !guess.empty()) {
-            return guess;
-        }
-    }
-    return {};
-}
-
-// The words that are no command, after those that are. Empty if there are none, or if what is left belongs to
-// a command.
-std::string unknown_command(const CLI::App& root) {
-    const CLI::App* at = &root;
-    std::string path;
-    while (!at->get_subcommands().empty()) {
-        at = at->get_subcommands().back();
-        path += at->get_name() + " ";
-    }
-    const bool is_group = !at->get_subcommands([](const CLI::App*) { return true; }).empty();
-    const auto surplus = root.remaining(true);
-    const bool has_word = is_group && !surplus.empty() && !surplus[0].starts_with('-');
-    return has_word ? path + surplus[0] : std::string();
-}
-
-// The parser tells surplus words in reverse, and nothing of a group's commands.
-std::string problem_text(const CLI::ParseError& problem, const CLI::App& root) {
-    if (const std::string unknown = unknown_command(root); !unknown.empty()) {
-        return fmt::format("no command '{}'", unknown);
-    }
-    const CLI::App* at = &root;
-    while (!at->get_subcommands().empty()) {
-        at = at->get_subcommands().back();
-    }
-    if (dynamic_cast<const CLI::ExtrasError*>(&problem) != nullptr) {
-        return fmt::format("not expected: {}", fmt::join(root.remaining(true), " "));
-    }
-    const bool is_group = !at->get_subcommands([](const CLI::App*) { return true; }).empty();
-    if (at != &root && is_group && dynamic_cast<const CLI::RequiredError*>(&problem) != nullptr) {
-        return fmt::format("{}: one of {} must follow", at->get_name(), at->get_description());
-    }
-    return problem.what();
-}
-
-}  // namespace
-
 int run_command_line(const std::vector<std::string>& words, context& within) {
     built parsed;
     build(parsed, within);
@@ -551,12 +471,10 @@ int run_command_line(const std::vector<std::string>& words, context& within) {
         take_common_options(parsed, within);
         return run_chosen(parsed, within);
     } catch (const CLI::ParseError& problem) {
-        const bool is_help_of_nothing = !unknown_command(parsed.app).empty();
-        if (problem.get_exit_code() == 0 && !is_help_of_nothing) {
+        if (problem.get_exit_code() == 0 && unknown_command(parsed.app).empty()) {
             return parsed.app.exit(problem);  // help was requested
         }
-        print_problem("usage", problem_text(problem, parsed.app) + misspelt(parsed.app, help_asked(words)),
-                      form);
+        print_problem("usage", problem_text(problem, parsed.app, help_asked(words)), form);
         return exit_usage;
     } catch (const usage_error& problem) {
         print_problem("usage", problem.what(), form);
