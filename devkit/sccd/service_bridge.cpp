@@ -59,7 +59,7 @@ void service_bridge::detach() {
     user_reads_.clear();
     awaited_.clear();
     while (!exchanges_.empty()) {
-        finish(exchanges_.begin()->first, result::service_timeout, {});
+        finish(exchanges_.rbegin()->first, result::service_timeout, {});
     }
 }
 

@@ -495,6 +495,21 @@ TEST(SccdService, WhenItDiesOutstandingOperationsFailAndLaterOnesAreAnsweredAlon
     EXPECT_EQ(application.result_of(131, acl_request(3, 5, 1)), 0u);
 }
 
+TEST(SccdService, WhenItDiesOutstandingChangesAreUndoneInReverse) {
+    daemon_process daemon;
+    test_client application(daemon, 3, 77);
+    test_client service(daemon, service_app, 78);
+    application.async.send({item(131, acl_request(1, 5, 1)), item(131, acl_request(2, 5, 0))});
+    EXPECT_EQ(service.async.receive().type, 131);
+    EXPECT_EQ(service.async.receive().type, 131);
+
+    service.sync.close();
+
+    EXPECT_EQ(application.async.receive().u32(4), 2020u);
+    EXPECT_EQ(application.async.receive().u32(4), 2020u);
+    EXPECT_EQ(control({{"do", "acls"}})["acls"].size(), 0u);
+}
+
 TEST(SccdService, AResultThatMatchesNothingIsIgnored) {
     daemon_process daemon;
     test_client application(daemon, 3, 77);
