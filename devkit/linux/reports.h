@@ -4,9 +4,8 @@
 //   flows of users      by the counters of the rules that admit them, likewise
 //   users without flow  while offline detection is open: the threshold's packets or fewer in an interval
 //   moved addresses     when a bridge learns an address on another interface than before
-//   strangers           as addresses that moved to an interface that port security closes to them, each once
-//   a
-//                       second; the daemon knows that this is a violation
+//   strangers           as addresses that moved to an interface that port security closes to them, each
+//                       once a second; the daemon knows that this is a violation
 //
 // How many frames access control drops is logged. Also makes the kernel like the tables again when an
 // interface of the map comes or goes.
