@@ -4,16 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include "hand_written.h"
+
 namespace scc::kernel {
 namespace {
 
-std::string bytes(std::initializer_list<int> numbers) {
-    std::string text;
-    for (const int number : numbers) {
-        text += static_cast<char>(number);
-    }
-    return text;
-}
+using testing::bytes;
 
 const chain_name chain{family::netdev, "c"};
 

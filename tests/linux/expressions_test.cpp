@@ -3,16 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include "hand_written.h"
+
 namespace scc::kernel {
 namespace {
 
-std::string bytes(std::initializer_list<int> numbers) {
-    std::string text;
-    for (const int number : numbers) {
-        text += static_cast<char>(number);
-    }
-    return text;
-}
+using testing::bytes;
 
 TEST(Expressions, CompareTwoBytesOfThePacket) {
     expressions what;

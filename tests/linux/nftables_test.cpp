@@ -8,19 +8,14 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
-#include <initializer_list>
 #include <variant>
+
+#include "hand_written.h"
 
 namespace scc::kernel {
 namespace {
 
-std::string bytes(std::initializer_list<int> numbers) {
-    std::string text;
-    for (const int number : numbers) {
-        text += static_cast<char>(number);
-    }
-    return text;
-}
+using testing::bytes;
 
 // What the sockets of a filter send and receive.
 struct script {

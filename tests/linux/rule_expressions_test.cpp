@@ -4,17 +4,12 @@
 #include <gtest/gtest.h>
 
 #include "ace/ace_text.h"
+#include "hand_written.h"
 
 namespace scc::kernel {
 namespace {
 
-std::string bytes(std::initializer_list<int> numbers) {
-    std::string text;
-    for (const int number : numbers) {
-        text += static_cast<char>(number);
-    }
-    return text;
-}
+using testing::bytes;
 
 ace::rule rule_of(const std::string& text) {
     std::string error;

@@ -2,6 +2,7 @@
 // is a raw socket.
 #include <filesystem>
 #include <fstream>
+#include <optional>
 
 #include "devkit/child_program.h"
 #include "devkit/sccd_support.h"
@@ -81,31 +82,47 @@ class notifications {
     std::vector<test_item> items_;
 };
 
-TEST(LinuxServiceProcess, RefusesACommandLineOrMapThatIsWrong) {
-    NEED_A_NAMESPACE();
-    daemon_process daemon;
+// A daemon, interfaces 1 to 3 on a bridge, and the service, not started yet.
+class LinuxServiceProcess : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        NEED_A_NAMESPACE();
+        make_bridge();
+        daemon.emplace();
+    }
+
+    // Its arguments; reports come so many seconds apart, or never.
+    [[nodiscard]] std::vector<std::string> with_reports(const std::string& seconds = "0") const {
+        return {"--map", map_in(*daemon), "--verbose", "--report", seconds};
+    }
+
+    // The application creates ACL 5, of this ACE alone.
+    static void create_acl(test_client& client, const std::string& ace) {
+        EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
+        EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, ace)), 0u);
+    }
+
+    std::optional<daemon_process> daemon;
+};
+
+TEST_F(LinuxServiceProcess, RefusesACommandLineOrMapThatIsWrong) {
     const auto exit_of = [](std::vector<std::string> arguments) {
         return WEXITSTATUS(service_process(std::move(arguments)).wait_for_end());
     };
     EXPECT_EQ(exit_of({}), 2);
     EXPECT_EQ(exit_of({"--map", "x", "--flush"}), 2);
-    EXPECT_EQ(exit_of({"--map", map_in(daemon), "--report", "-1"}), 2);
+    EXPECT_EQ(exit_of({"--map", map_in(*daemon), "--report", "-1"}), 2);
     EXPECT_EQ(exit_of({"--map", "/nowhere/map"}), 1);
-    EXPECT_EQ(exit_of({"--map", map_in(daemon, "ifx one a0\n")}), 1);
-    EXPECT_EQ(exit_of({"--map", map_in(daemon, "ifx 1 no-such-port\n")}), 1);
+    EXPECT_EQ(exit_of({"--map", map_in(*daemon, "ifx one a0\n")}), 1);
+    EXPECT_EQ(exit_of({"--map", map_in(*daemon, "ifx 1 no-such-port\n")}), 1);
     EXPECT_EQ(exit_of({"--flush"}), 0);
 }
 
-TEST(LinuxServiceProcess, ItsRulesOutliveItUntilTheyAreFlushed) {
-    NEED_A_NAMESPACE();
-    make_bridge();
-    daemon_process daemon;
-    const std::vector<std::string> arguments = {"--map", map_in(daemon), "--verbose", "--report", "0"};
-    service_process service(arguments);
+TEST_F(LinuxServiceProcess, ItsRulesOutliveItUntilTheyAreFlushed) {
+    service_process service(with_reports());
     service.wait_until_ready();
-    test_client client(daemon, app, 100);
-    EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
-    EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, "10 deny ether")), 0u);
+    test_client client(*daemon, app, 100);
+    create_acl(client, "10 deny ether");
     EXPECT_EQ(client.result_of(133, sccd_test::apply_request(3, 5, 1, 1)), 0u);
     EXPECT_EQ(client.result_of(133, sccd_test::apply_request(4, 5, 7, 1)), 95u);
     stay_on_one_processor();
@@ -123,7 +140,7 @@ TEST(LinuxServiceProcess, ItsRulesOutliveItUntilTheyAreFlushed) {
     service.signal(SIGKILL);
     service.wait_for_end();
     expect_drop();
-    service_process successor(arguments);
+    service_process successor(with_reports());
     successor.wait_until_ready();
     expect_drop();
     const test_item counter =
@@ -138,16 +155,11 @@ TEST(LinuxServiceProcess, ItsRulesOutliveItUntilTheyAreFlushed) {
     EXPECT_EQ(out.receive(20'000), frame);
 }
 
-TEST(LinuxServiceProcess, AnAclBoundToAUserDropsThatUsersPackets) {
-    NEED_A_NAMESPACE();
-    make_bridge();
-    daemon_process daemon;
-    const std::vector<std::string> arguments = {"--map", map_in(daemon), "--verbose", "--report", "0"};
-    service_process service(arguments);
+TEST_F(LinuxServiceProcess, AnAclBoundToAUserDropsThatUsersPackets) {
+    service_process service(with_reports());
     service.wait_until_ready();
-    test_client client(daemon, app, 100);
-    EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
-    EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, "10 deny ether")), 0u);
+    test_client client(*daemon, app, 100);
+    create_acl(client, "10 deny ether");
     // What enters interface 1 from 02:00:00:00:00:09 and 10.0.0.9.
     const wire_value user =
         wire_value(224).u32(8, 1).raw(32, {2, 0, 0, 0, 0, 9}).key(40, app, 5).raw(56, {10, 0, 0, 9});
@@ -167,7 +179,7 @@ TEST(LinuxServiceProcess, AnAclBoundToAUserDropsThatUsersPackets) {
     service.signal(SIGKILL);
     service.wait_for_end();
     expect_drop();
-    service_process successor(arguments);
+    service_process successor(with_reports());
     successor.wait_until_ready();
     expect_drop();
     const test_item counter = client.query(312, wire_value(40).key(4, app, 5).u32(32, 1));
@@ -188,16 +200,12 @@ TEST(LinuxServiceProcess, AnAclBoundToAUserDropsThatUsersPackets) {
     EXPECT_EQ(successor.end(), 0);
 }
 
-TEST(LinuxServiceProcess, ReportsHitsFlowsSilenceAndMoves) {
-    NEED_A_NAMESPACE();
-    make_bridge();
-    daemon_process daemon;
-    service_process service({"--map", map_in(daemon), "--verbose", "--report", "1"});
+TEST_F(LinuxServiceProcess, ReportsHitsFlowsSilenceAndMoves) {
+    service_process service(with_reports("1"));
     service.wait_until_ready();
-    test_client client(daemon, app, 100);
-    test_client watcher(daemon, watching_app, 101);
-    EXPECT_EQ(client.result_of(131, sccd_test::acl_request(1, 5, 1)), 0u);
-    EXPECT_EQ(client.result_of(132, ace_with_rule(2, 5, "10 permit ether id 77")), 0u);
+    test_client client(*daemon, app, 100);
+    create_acl(client, "10 permit ether id 77");
+    test_client watcher(*daemon, watching_app, 101);
     EXPECT_EQ(client.result_of(133, sccd_test::apply_request(3, 5, 1, 1)), 0u);
     // The user 02:00:00:00:00:09 on interface 1, without an address.
     EXPECT_EQ(client.result_of(
@@ -230,15 +238,12 @@ TEST(LinuxServiceProcess, ReportsHitsFlowsSilenceAndMoves) {
     EXPECT_EQ(service.end(), 0);
 }
 
-TEST(LinuxServiceProcess, AStrangerOnASecuredInterfaceIsAViolation) {
-    NEED_A_NAMESPACE();
+TEST_F(LinuxServiceProcess, AStrangerOnASecuredInterfaceIsAViolation) {
     NEED_THE_PACKET_LOG();
-    make_bridge();
-    daemon_process daemon;
-    service_process service({"--map", map_in(daemon), "--verbose", "--report", "0"});
+    service_process service(with_reports());
     service.wait_until_ready();
-    test_client client(daemon, app, 100);
-    test_client watcher(daemon, watching_app, 101);
+    test_client client(*daemon, app, 100);
+    test_client watcher(*daemon, watching_app, 101);
     // Port security on interface 1, with the user 02:00:00:00:00:09 there.
     const wire_value closing = wire_value(744).u32(8, 1).u32(24, 6).u32(32, 1);
     EXPECT_EQ(client.result_of(126, wire_value(closing).u32(0, 1)), 0u);

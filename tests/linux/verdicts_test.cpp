@@ -68,6 +68,37 @@ class Verdicts : public ::testing::Test {
     static constexpr const char* map_text = "ifx 1 a0\nifx 2 b0\n";
 };
 
+// Port 1, where frames enter, port 2, where they leave, and a port without ACLs.
+class three_ports {
+  public:
+    // Sends the frames into port 1; `arrived` are those that leave. A last one goes around, so that it arrives
+    // whatever the ACLs say; false if it does not.
+    [[nodiscard]] bool pass(const std::vector<frame_bytes>& frames, std::set<frame_bytes>& arrived) {
+        for (const frame_bytes& frame : frames) {
+            in_.send(frame);
+        }
+        frame_bytes last(60, 0x55);
+        last[0] = 0x02;
+        last[5] = 0x56;
+        last[6] = 0x02;
+        last[20] = passed_++;
+        around_.send(last);
+        arrived.clear();
+        frame_bytes frame = out_.receive(20'000);
+        while (!frame.empty() && frame != last) {
+            arrived.insert(frame);
+            frame = out_.receive(20'000);
+        }
+        return frame == last;
+    }
+
+  private:
+    const raw_socket in_{"a1"};
+    const raw_socket out_{"b1"};
+    const raw_socket around_{"c1"};
+    u8 passed_ = 0;
+};
+
 // A rule alone is a run of one where that is enough.
 class VerdictsInAnyForm : public Verdicts, public ::testing::WithParamInterface<std::size_t> {};
 
@@ -79,13 +110,7 @@ TEST_P(VerdictsInAnyForm, OfKernelClassifierAndTableAreTheSame) {
     ASSERT_EQ(table.rules.size(), 200u);
     back_end_bench bench(map_text, nullptr, {1000, GetParam()});
     bench.recover_nothing();
-    const raw_socket in("a1");
-    const raw_socket out("b1");
-    const raw_socket around("c1");
-    frame_bytes last(60, 0x55);
-    last[0] = 0x02;
-    last[5] = 0x56;
-    last[6] = 0x02;
+    three_ports ports;
     std::size_t compared = 0;
     for (std::size_t index = 0; index < table.rules.size(); ++index) {
         const expected_rule& expected = table.rules[index];
@@ -96,16 +121,8 @@ TEST_P(VerdictsInAnyForm, OfKernelClassifierAndTableAreTheSame) {
         ASSERT_EQ(bench.create(acl), 0u);
         ASSERT_EQ(bench.add(acl, text), 0u) << text;
         ASSERT_EQ(bench.apply(acl, 1), 0u);
-        for (const frame_bytes& frame : table.frames) {
-            in.send(frame);
-        }
-        last[20] = static_cast<u8>(index);
-        around.send(last);
         std::set<frame_bytes> arrived;
-        for (frame_bytes frame = out.receive(20'000); frame != last; frame = out.receive(20'000)) {
-            ASSERT_FALSE(frame.empty()) << "the last frame did not arrive";
-            arrived.insert(frame);
-        }
+        ASSERT_TRUE(ports.pass(table.frames, arrived)) << "the last frame did not arrive";
         const auto rule = ace::decode(ace_of(text));
         ASSERT_TRUE(rule.has_value());
         u64 matched = 0;
@@ -250,12 +267,7 @@ TEST_F(Verdicts, TheAclOfAUserIsForItsFramesAlone) {
         {"out, ipv6", 1, 0, "", "2001:db8::1", 0, "00000100"},
         {"out, the sender", 1, 9, "10.0.0.9", "", 0, "00000000"},
     };
-    const raw_socket in("a1");
-    const raw_socket out("b1");
-    const raw_socket around("c1");
-    frame_bytes last(60, 0x55);
-    last[0] = last[6] = 0x02;
-    last[5] = 0x56;
+    three_ports ports;
     EXPECT_EQ(bench.create(1), 0u);
     EXPECT_EQ(bench.add(1, "10 deny ether"), 0u);
     u64 dropped = 0;
@@ -266,16 +278,8 @@ TEST_F(Verdicts, TheAclOfAUserIsForItsFramesAlone) {
         ASSERT_EQ(table.add_ace(key_of(1), ace_of("10 deny ether")), 0u);
         ASSERT_EQ(table.apply(application), 0u);
         ASSERT_EQ(bench.result_of([&](contents& held) { return held.acls.apply(application); }), 0u);
-        for (const frame_bytes& frame : frames) {
-            in.send(frame);
-        }
-        ++last[20];
-        around.send(last);
         std::set<frame_bytes> arrived;
-        for (frame_bytes frame = out.receive(20'000); frame != last; frame = out.receive(20'000)) {
-            ASSERT_FALSE(frame.empty()) << user.what << ": the last frame did not arrive";
-            arrived.insert(frame);
-        }
+        ASSERT_TRUE(ports.pass(frames, arrived)) << user.what << ": the last frame did not arrive";
         for (std::size_t number = 0; number < frames.size(); ++number) {
             const bool wanted = user.sees[number] == '1';
             const auto packet = service::parse_packet(frames[number]);
@@ -413,28 +417,16 @@ TEST_P(Runs, GiveTheVerdictsAndCountersOfASingleList) {
     back_end_bench bench(map_text, nullptr, GetParam());
     bench.recover_nothing();
     changing_list list(bench);
-    const raw_socket in("a1");
-    const raw_socket out("b1");
-    const raw_socket around("c1");
-    frame_bytes last(60, 0x55);
-    last[0] = 0x02;
-    last[5] = 0x56;
-    last[6] = 0x02;
+    three_ports ports;
     for (u32 round = 0; round < 40; ++round) {
         list.change(1 + round);
         ASSERT_TRUE(bench.log().empty()) << bench.log().front();
         std::vector<bool> wanted;
         for (const frame_bytes& frame : table.frames) {
-            in.send(frame);
             wanted.push_back(list.expect(frame));
         }
-        last[20] = static_cast<u8>(round);
-        around.send(last);
         std::set<frame_bytes> arrived;
-        for (frame_bytes frame = out.receive(20'000); frame != last; frame = out.receive(20'000)) {
-            ASSERT_FALSE(frame.empty()) << "the last frame did not arrive";
-            arrived.insert(frame);
-        }
+        ASSERT_TRUE(ports.pass(table.frames, arrived)) << "the last frame did not arrive";
         std::vector<bool> passed;
         for (const frame_bytes& frame : table.frames) {
             passed.push_back(arrived.contains(frame));
