@@ -50,6 +50,9 @@ void expect_loss_first();
 [[nodiscard]] unsigned losses();
 // Must be called after the registration has ended: the next status must be 1, and call ids restart.
 void forget_registration();
+// The same after a start that failed: threads that it had started may have registered for a moment, and the
+// report of that may come late.
+void forget_failed_start();
 
 void count_notification();
 [[nodiscard]] unsigned notifications();

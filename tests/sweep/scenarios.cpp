@@ -54,9 +54,8 @@ result register_application() {
     const result outcome =
         g_on_loop ? on_loop([] { return scc_agent_init(&g_info, g_master); }) : scc_svr_reg(&g_info);
     g_started = g_started || outcome == 0;
-    // A start that fails late may have registered for a moment.
     if (outcome != 0) {
-        forget_registration();
+        forget_failed_start();
     }
     return outcome;
 }

@@ -102,6 +102,9 @@ void report_everything() {
 void start_service() {
     for (int tries = 0; tries < 3 && !g_started; ++tries) {
         g_started = attempt("scc_ss_reg", [] { return scc_ss_reg(&g_service); }) == 0;
+        if (!g_started) {
+            forget_failed_start();
+        }
     }
     wait_for("registration", is_registered);
 }

@@ -416,9 +416,15 @@ int sweep_fclose(FILE* stream) {
     return failing ? EOF : result;
 }
 
+// Fails late: the threads of the same start, made before, have registered by then.
 int sweep_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                          void* argument) {
-    return fails(NAME, CALLER) ? errno : pthread_create(thread, attributes, body, argument);
+    if (!fails(NAME, CALLER)) {
+        return pthread_create(thread, attributes, body, argument);
+    }
+    const int error = errno;
+    sweep::sleep_us(100'000);
+    return error;
 }
 
 int sweep_pthread_condattr_init(pthread_condattr_t* attributes) {
