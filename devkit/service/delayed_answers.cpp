@@ -3,7 +3,8 @@
 #include <event2/thread.h>
 #include <sys/time.h>
 
-#include <stdexcept>
+#include <cerrno>
+#include <system_error>
 #include <utility>
 
 namespace scc::service {
@@ -24,22 +25,28 @@ event_base* precise_base() {
 
 }  // namespace
 
-void delayed_answers::start() {
+u32 delayed_answers::start() {
     if (!own_thread_) {
-        return;
+        return 0;
     }
     const std::lock_guard guard(mutex_);
     ::evthread_use_pthreads();  // answers are given by other threads
     loop_.reset(precise_base());
     if (loop_ == nullptr) {
-        throw std::runtime_error("no event loop");
+        return ENOMEM;
     }
     if (delay_.count() > 0) {
         const auto seconds = std::chrono::floor<std::chrono::seconds>(delay_);
         const timeval delay{seconds.count(), std::chrono::microseconds(delay_ - seconds).count()};
         wait_ = ::event_base_init_common_timeout(loop_.get(), &delay);
     }
-    thread_ = std::thread([loop = loop_.get()] { ::event_base_loop(loop, EVLOOP_NO_EXIT_ON_EMPTY); });
+    try {
+        thread_ = std::thread([loop = loop_.get()] { ::event_base_loop(loop, EVLOOP_NO_EXIT_ON_EMPTY); });
+    } catch (const std::system_error& error) {
+        loop_.reset();
+        return static_cast<u32>(error.code().value());
+    }
+    return 0;
 }
 
 void delayed_answers::stop() {

@@ -11,6 +11,8 @@
 #include <mutex>
 #include <thread>
 
+#include "msg/protocol.h"
+
 namespace scc::service {
 
 class delayed_answers {
@@ -21,8 +23,8 @@ class delayed_answers {
     delayed_answers(const delayed_answers&) = delete;
     delayed_answers& operator=(const delayed_answers&) = delete;
 
-    // Starts no thread if answers are sent immediately. Throws std::runtime_error.
-    void start();
+    // Starts no thread if answers are sent immediately. Returns 0, or why there is no thread.
+    [[nodiscard]] u32 start();
     // Drops the waiting answers and all later ones.
     void stop();
     void send(std::function<void()> answer);

@@ -41,7 +41,7 @@ struct nac_app {
 struct offline_detection {
     bool open = false;
     u32 interval_seconds = 0;
-    u32 threshold = 0;  // stored and shown only: any packet counts as traffic
+    u32 threshold = 0;  // of packets; scc-ss-dev only shows it
 };
 
 class nac_table {

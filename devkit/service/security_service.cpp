@@ -305,9 +305,12 @@ const scc_ss_reg_info& security_service::handlers() {
 }
 
 u32 security_service::serve(const std::function<bool()>& wait) {
-    start_answers();
+    u32 result = start_answers();
+    if (result != 0) {
+        return result;
+    }
     activate();
-    const u32 result = scc_ss_reg(&handlers());
+    result = scc_ss_reg(&handlers());
     while (result == 0 && wait()) {
     }
     stop_answers();

@@ -58,7 +58,7 @@ class security_service {
     // The same for an operation that is answered with what its handler returns, or not at all.
     [[nodiscard]] u32 carry_out_now(work_kind kind, u32 type, const std::string& text, table_work work);
 
-    void start_answers() { answers_.start(); }
+    [[nodiscard]] u32 start_answers() { return answers_.start(); }
     void stop_answers() { answers_.stop(); }
     void note_applied();
     // After a registration the tables hold an earlier daemon's state. The new daemon's operations may arrive

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <future>
 #include <vector>
@@ -12,7 +13,7 @@ using std::chrono::milliseconds;
 
 TEST(ServiceDelayedAnswers, WithoutADelayTheCallerSendsItself) {
     delayed_answers answers(milliseconds(0));
-    answers.start();
+    ASSERT_EQ(answers.start(), 0u);
     std::thread::id sender;
     answers.send([&] { sender = std::this_thread::get_id(); });
     EXPECT_EQ(sender, std::this_thread::get_id());
@@ -20,7 +21,7 @@ TEST(ServiceDelayedAnswers, WithoutADelayTheCallerSendsItself) {
 
 TEST(ServiceDelayedAnswers, WithADelayAnotherThreadSendsNoSoonerAndInOrder) {
     delayed_answers answers(milliseconds(20));
-    answers.start();
+    ASSERT_EQ(answers.start(), 0u);
     std::vector<int> order;
     std::promise<std::thread::id> last;
     const auto begin = std::chrono::steady_clock::now();
@@ -36,12 +37,25 @@ TEST(ServiceDelayedAnswers, StoppingDropsWhatIsStillWaiting) {
     bool sent = false;
     {
         delayed_answers answers(milliseconds(3'600'000));
-        answers.start();
+        ASSERT_EQ(answers.start(), 0u);
         answers.send([&] { sent = true; });
         answers.stop();
         answers.send([&] { sent = true; });
     }
     EXPECT_FALSE(sent);
+}
+
+TEST(ServiceDelayedAnswers, WithoutAThreadTheStartFails) {
+    pthread_attr_t before;
+    ASSERT_EQ(pthread_getattr_default_np(&before), 0);
+    pthread_attr_t enormous = before;
+    ASSERT_EQ(pthread_attr_setstacksize(&enormous, std::size_t{1} << 46), 0);
+    ASSERT_EQ(pthread_setattr_default_np(&enormous), 0);
+    delayed_answers answers(milliseconds(20));
+    const u32 error = answers.start();
+    ASSERT_EQ(pthread_setattr_default_np(&before), 0);
+    EXPECT_EQ(error, static_cast<u32>(EAGAIN));
+    EXPECT_EQ(answers.start(), 0u);
 }
 
 }  // namespace

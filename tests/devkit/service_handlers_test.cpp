@@ -47,7 +47,7 @@ class ServiceHandlers : public ::testing::Test {
             security_service::observer{[this](const std::string& line) { lines_.push_back(line); },
                                        {},
                                        [this](std::size_t applied) { applied_.push_back(applied); }});
-        service_->start_answers();
+        ASSERT_EQ(service_->start_answers(), 0u);
         service_->activate();
     }
 
