@@ -1,6 +1,8 @@
 // Captures of the wire, by sccd-dev and by sccctl.
 #include <fmt/format.h>
 
+#include <filesystem>
+
 #include "common/pcapng.h"
 #include "ctl_support.h"
 

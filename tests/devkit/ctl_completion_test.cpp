@@ -1,4 +1,6 @@
 // What completes a command line, in the shell and in bash and zsh.
+#include <filesystem>
+
 #include "completion.h"
 #include "ctl_support.h"
 #include "program.h"

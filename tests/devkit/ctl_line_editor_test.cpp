@@ -1,4 +1,6 @@
 // The shell on a terminal: editing, history, completion and interrupts.
+#include <filesystem>
+
 #include "ctl_terminal.h"
 
 namespace ctl_test {

@@ -1,6 +1,8 @@
 // The counters as text for Prometheus.
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "ctl_support.h"
 
 namespace ctl_test {

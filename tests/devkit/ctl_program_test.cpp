@@ -1,5 +1,6 @@
 // sccctl as its users run it: against a real daemon, against a refusing one, and against none.
 #include <algorithm>
+#include <filesystem>
 #include <set>
 
 #include "command.h"

@@ -10,7 +10,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -18,6 +17,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "support/remove_tree.h"
 
 namespace ctl_test {
 
@@ -163,10 +164,7 @@ class without_daemon : public testing::Test {
         std::string pattern = "/tmp/sccctl_test_XXXXXX";
         directory_ = mkdtemp(pattern.data());
     }
-    ~without_daemon() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(directory_, ignored);
-    }
+    ~without_daemon() override { test::remove_tree(directory_); }
 
     [[nodiscard]] finished run(const std::vector<std::string>& arguments,
                                const std::string& input = "") const {

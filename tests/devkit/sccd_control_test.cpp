@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <future>
 
 #include "sccd_support.h"

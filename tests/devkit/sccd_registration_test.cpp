@@ -1,5 +1,7 @@
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "sccd_support.h"
 
 namespace sccd_test {

@@ -2,6 +2,7 @@
 #include <scclib.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <thread>

@@ -15,13 +15,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <filesystem>
 #include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "common/control_client.h"
+#include "support/remove_tree.h"
 
 namespace sccd_test {
 
@@ -262,9 +262,7 @@ class daemon_process {
         if (output_ >= 0) {
             ::close(output_);
         }
-        // Socket files may vanish meanwhile: their owners remove them, too.
-        std::error_code ignored;
-        std::filesystem::remove_all(directory_, ignored);
+        test::remove_tree(directory_);
         ::unsetenv("TMPDIR");
     }
     daemon_process(const daemon_process&) = delete;
@@ -410,6 +408,19 @@ inline constexpr std::uint32_t service_app = 16;
 inline void answer_operation(test_client& service, const test_item& received, std::uint32_t result) {
     service.async.send(
         {item(402, wire_value(12).raw(0, received.part(0, 4)).u32(4, result), received.sub_id)});
+}
+
+// Sends a request and answers the operation that the service receives for it.
+inline test_item pass(test_client& application, test_client& service, std::uint16_t type,
+                      const wire_value& value, std::uint32_t result = 0) {
+    application.async.send(type, value);
+    const test_item operation = service.async.receive();
+    answer_operation(service, operation, result);
+    const test_item answer = application.async.receive();
+    EXPECT_EQ(answer.type, 401);
+    EXPECT_EQ(answer.part(0, 4), item(0, value).part(0, 4));
+    EXPECT_EQ(answer.u32(4), result);
+    return operation;
 }
 
 inline wire_value acl_request(std::uint32_t call, std::uint32_t id, std::uint32_t operation) {

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "service/security_service.h"
+#include "support/remove_tree.h"
 
 namespace scc::service {
 namespace {
@@ -19,7 +20,7 @@ class ServiceRegistration : public ::testing::Test {
         ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
         folder_ = pattern;
     }
-    void TearDown() override { std::filesystem::remove_all(folder_); }
+    void TearDown() override { test::remove_tree(folder_); }
 
     // The library's directory is beside this one.
     static void use(const std::string& base) { ::setenv("TMPDIR", base.c_str(), 1); }

@@ -3,8 +3,9 @@
 
 #include <stdlib.h>
 
-#include <filesystem>
 #include <string>
+
+#include "support/remove_tree.h"
 
 namespace test {
 
@@ -15,10 +16,7 @@ class temp_dir {
         setenv("TMPDIR", path_.c_str(), 1);
         setenv("DATA_QXOS_DIR", path_.c_str(), 1);
     }
-    ~temp_dir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
+    ~temp_dir() { remove_tree(path_); }
     temp_dir(const temp_dir&) = delete;
     temp_dir& operator=(const temp_dir&) = delete;
 
