@@ -71,8 +71,8 @@ class Verdicts : public ::testing::Test {
 // Port 1, where frames enter, port 2, where they leave, and a port without ACLs.
 class three_ports {
   public:
-    // Sends the frames into port 1; `arrived` are those that leave. A last one goes around, so that it arrives
-    // whatever the ACLs say; false if it does not.
+    // Sends the frames into port 1; `arrived` are those that leave. A last one goes around, so that it
+    // arrives whatever the ACLs say; false if it does not.
     [[nodiscard]] bool pass(const std::vector<frame_bytes>& frames, std::set<frame_bytes>& arrived) {
         for (const frame_bytes& frame : frames) {
             in_.send(frame);
