@@ -10,14 +10,19 @@
 #include <bit>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <semaphore>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
+#include "client/tuning.h"
 #include "msg/bytes.h"
 #include "rounds.h"
 #include "sockets.h"
+#include "util/bucket_table.h"
+#include "util/handoff_ring.h"
 
 namespace bench {
 namespace {
@@ -64,21 +69,6 @@ struct connection {
     }
 };
 
-// The values of the outstanding requests, the number of each request being its place: no allocation, no
-// search.
-class kept_values {
-  public:
-    kept_values(std::uint32_t value_bytes, std::uint64_t outstanding)
-        : bytes_(value_bytes), places_(std::bit_ceil(outstanding)), values_(places_ * value_bytes) {}
-
-    u8* of(u32 number) { return &values_[(number & (places_ - 1)) * bytes_]; }
-
-  private:
-    std::size_t bytes_;
-    std::size_t places_;
-    std::vector<u8> values_;
-};
-
 std::uint64_t g_handled = 0;
 
 void handle_result(u32 number, u32 result, const u8* value) {
@@ -89,6 +79,7 @@ void (*volatile g_handler)(u32, u32, const u8*) = handle_result;
 
 pthread_rwlock_t g_outer = PTHREAD_RWLOCK_INITIALIZER;
 pthread_rwlock_t g_inner = PTHREAD_RWLOCK_INITIALIZER;
+pthread_rwlock_t g_search = PTHREAD_RWLOCK_INITIALIZER;
 
 void take_and_release_locks() {
     pthread_rwlock_wrlock(&g_outer);
@@ -97,35 +88,190 @@ void take_and_release_locks() {
     pthread_rwlock_unlock(&g_outer);
 }
 
-// A result is an item of 16 bytes after its head: the request's number, the result. As the library does,
-// takes the inner lock once for so many results.
-void call_handlers(const u8* body, u16 items, kept_values& values) {
-    constexpr u16 results_a_lock = 32;
-    for (u16 i = 0; i < items; ++i) {
-        if (i % results_a_lock == 0) {
-            pthread_rwlock_wrlock(&g_inner);
-            pthread_rwlock_unlock(&g_inner);
-        }
-        const u32 number = load<u32>(body, 8);
-        g_handler(number, load<u32>(body, 12), values.of(number));
-        body += 8 + load<u32>(body);
+// A result is an item of 16 bytes after its head: the request's number, the result. As the library does, the
+// keepers below take so many of them under one lock.
+constexpr u16 results_a_lock = 32;
+
+struct item_result {
+    u32 number;
+    u32 result;
+};
+
+// Reads up to results_a_lock results and moves on past them.
+std::size_t read_results(const u8*& at, u16& items, item_result* out) {
+    const std::size_t count = std::min(items, results_a_lock);
+    for (std::size_t i = 0; i < count; ++i) {
+        out[i] = {load<u32>(at, 8), load<u32>(at, 12)};
+        at += 8 + load<u32>(at);
     }
+    items = static_cast<u16>(items - count);
+    return count;
 }
 
-// With values, calls a handler with each.
-void receive_results(int fd, std::uint64_t requests, window& in_flight, kept_values* values) {
+// Where the values of the outstanding requests are: nowhere, and no result is looked at.
+struct no_values {
+    no_values(std::uint32_t /*value_bytes*/, std::uint64_t /*outstanding*/) {}
+    void keep(u32 /*number*/, const u8* /*value*/) {}
+    void deliver(const u8* /*body*/, u16 /*items*/) {}
+};
+
+// The number of each request is its place: no allocation, no search.
+class values_in_slots {
+  public:
+    values_in_slots(std::uint32_t value_bytes, std::uint64_t outstanding)
+        : bytes_(value_bytes), places_(std::bit_ceil(outstanding)), values_(places_ * value_bytes) {}
+
+    void keep(u32 number, const u8* value) { std::copy_n(value, bytes_, of(number)); }
+
+    void deliver(const u8* body, u16 items) {
+        while (items > 0) {
+            pthread_rwlock_wrlock(&g_search);
+            pthread_rwlock_unlock(&g_search);
+            item_result results[results_a_lock];
+            const std::size_t count = read_results(body, items, results);
+            for (std::size_t i = 0; i < count; ++i) {
+                g_handler(results[i].number, results[i].result, of(results[i].number));
+            }
+        }
+    }
+
+  private:
+    u8* of(u32 number) { return &values_[(number & (places_ - 1)) * bytes_]; }
+
+    std::size_t bytes_;
+    std::size_t places_;
+    std::vector<u8> values_;
+};
+
+struct kept_block {
+    list_node link;
+    u64 number;
+
+    u8* value() { return reinterpret_cast<u8*>(this + 1); }
+};
+
+u64 number_of(const list_node* node) {
+    return reinterpret_cast<const kept_block*>(node)->number;
+}
+
+// Each in a block of its own, in the library's structures: a ring to the receiving thread, which keeps the
+// blocks in a hash table and returns them through another ring.
+class values_in_blocks {
+  public:
+    values_in_blocks(std::uint32_t value_bytes, std::uint64_t /*outstanding*/) : bytes_(value_bytes) {
+        table_.reset();
+    }
+
+    void keep(u32 number, const u8* value) {
+        kept_block* block = nullptr;
+        if (!spare_.pop(block)) {
+            block = static_cast<kept_block*>(std::malloc(sizeof(kept_block) + bytes_));
+        }
+        block->number = number;
+        std::copy_n(value, bytes_, block->value());
+        if (!given_.push(block)) {
+            pthread_rwlock_wrlock(&g_search);
+            insert_given();
+            table_.insert(&block->link);
+            pthread_rwlock_unlock(&g_search);
+        }
+    }
+
+    void deliver(const u8* body, u16 items) {
+        while (items > 0) {
+            item_result results[results_a_lock];
+            kept_block* found[results_a_lock];
+            const std::size_t count = read_results(body, items, results);
+            pthread_rwlock_wrlock(&g_search);
+            insert_given();
+            for (std::size_t i = 0; i < count; ++i) {
+                found[i] = take(results[i].number);
+            }
+            pthread_rwlock_unlock(&g_search);
+            for (std::size_t i = 0; i < count; ++i) {
+                g_handler(results[i].number, results[i].result, found[i]->value());
+            }
+            for (std::size_t i = 0; i < count; ++i) {
+                if (!spare_.push(found[i])) {
+                    std::free(found[i]);
+                }
+            }
+        }
+    }
+
+  private:
+    void insert_given() {
+        for (kept_block* block = nullptr; given_.pop(block);) {
+            table_.insert(&block->link);
+        }
+    }
+
+    kept_block* take(u32 number) {
+        list_node* const node =
+            table_.find(number, [number](const list_node* one) { return number_of(one) == number; });
+        table_.erase(node);
+        return reinterpret_cast<kept_block*>(node);
+    }
+
+    std::size_t bytes_;
+    handoff_ring<kept_block*, tuning::saved_calls_max> given_;
+    handoff_ring<kept_block*, tuning::spare_blocks_max> spare_;
+    bucket_table<number_of, 8192> table_;  // guarded by g_search; as large as the library's has grown
+};
+
+template <class Values>
+void receive_results(int fd, std::uint64_t requests, window& in_flight, Values& values) {
     std::vector<u8> body(1U << 20U);
     for (std::uint64_t got = 0; got < requests;) {
         u8 header[8];
         receive_exactly(fd, header, sizeof header);
         receive_exactly(fd, body.data(), load<u32>(header) - 8);
         const u16 items = load<u16>(header, 5);
-        if (values != nullptr) {
-            call_handlers(body.data(), items, *values);
-        }
+        values.deliver(body.data(), items);
         got += items;
         in_flight.answered(items);
     }
+}
+
+// Sends the requests and receives their results.
+template <class Values, bool Locks>
+figure rate_with(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding) {
+    constexpr bool keeps = !std::is_same_v<Values, no_values>;
+    const connection link;
+    window in_flight(outstanding);
+    const std::vector<u8> callers_value(value_bytes, 1);
+    const auto values = std::make_unique<Values>(value_bytes, outstanding);
+    std::thread receiving([&] { receive_results(link.async, requests, in_flight, *values); });
+    const u32 entry = value_bytes + 8;
+    const u32 per_batch = wire::batch_capacity_bytes / entry;
+    std::vector<u8> batch(8 + std::size_t{per_batch} * entry, 0);
+    const double began = now_s();
+    const double used_before = processor_s();
+    for (std::uint64_t sent = 0; sent < requests;) {
+        const auto now = static_cast<u32>(std::min<std::uint64_t>(per_batch, requests - sent));
+        in_flight.wait_for_space(sent + now - 1);
+        store<u32>(batch.data(), 0, 8 + now * entry);
+        store<u8>(batch.data(), 4, 1);
+        store<u16>(batch.data(), 5, static_cast<u16>(now));
+        for (u32 i = 0; i < now; ++i) {
+            u8* const item = batch.data() + 8 + i * entry;
+            const auto number = static_cast<u32>(sent + i + 1);
+            if constexpr (Locks) {
+                take_and_release_locks();
+            }
+            if constexpr (keeps) {
+                values->keep(number, callers_value.data());
+                std::copy_n(callers_value.data(), value_bytes, item + 8);
+            }
+            begin_item(item, value_bytes, msg::d1x_port_open);
+            store<u32>(item + 8, 0, number);
+        }
+        send_all(link.async, batch.data(), 8 + std::size_t{now} * entry);
+        sent += now;
+    }
+    receiving.join();
+    const auto count = static_cast<double>(requests);
+    return {count / (now_s() - began), (processor_s() - used_before) * 1e9 / count};
 }
 
 }  // namespace
@@ -160,43 +306,17 @@ std::uint64_t window::count() const {
 
 figure floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding,
                   duties of_a_request) {
-    const connection link;
-    window in_flight(outstanding);
-    const std::vector<u8> callers_value(value_bytes, 1);
-    kept_values values(value_bytes, outstanding);
-    std::thread receiving([&] {
-        receive_results(link.async, requests, in_flight, of_a_request == duties::calls ? &values : nullptr);
-    });
-    const u32 entry = value_bytes + 8;
-    const u32 per_batch = wire::batch_capacity_bytes / entry;
-    std::vector<u8> batch(8 + std::size_t{per_batch} * entry, 0);
-    const double began = now_s();
-    const double used_before = processor_s();
-    for (std::uint64_t sent = 0; sent < requests;) {
-        const auto now = static_cast<u32>(std::min<std::uint64_t>(per_batch, requests - sent));
-        in_flight.wait_for_space(sent + now - 1);
-        store<u32>(batch.data(), 0, 8 + now * entry);
-        store<u8>(batch.data(), 4, 1);
-        store<u16>(batch.data(), 5, static_cast<u16>(now));
-        for (u32 i = 0; i < now; ++i) {
-            u8* const item = batch.data() + 8 + i * entry;
-            const auto number = static_cast<u32>(sent + i + 1);
-            if (of_a_request != duties::none) {
-                take_and_release_locks();
-            }
-            if (of_a_request == duties::calls) {
-                std::copy_n(callers_value.data(), value_bytes, values.of(number));
-                std::copy_n(callers_value.data(), value_bytes, item + 8);
-            }
-            begin_item(item, value_bytes, msg::d1x_port_open);
-            store<u32>(item + 8, 0, number);
-        }
-        send_all(link.async, batch.data(), 8 + std::size_t{now} * entry);
-        sent += now;
+    switch (of_a_request) {
+        case duties::locks:
+            return rate_with<no_values, true>(value_bytes, requests, outstanding);
+        case duties::calls:
+            return rate_with<values_in_slots, true>(value_bytes, requests, outstanding);
+        case duties::search:
+            return rate_with<values_in_blocks, true>(value_bytes, requests, outstanding);
+        case duties::none:
+            break;
     }
-    receiving.join();
-    const auto count = static_cast<double>(requests);
-    return {count / (now_s() - began), (processor_s() - used_before) * 1e9 / count};
+    return rate_with<no_values, false>(value_bytes, requests, outstanding);
 }
 
 double floor_round_trip(int rounds) {
