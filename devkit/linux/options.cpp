@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/number_option.h"
+
 namespace scc::kernel {
 namespace {
 
@@ -15,6 +17,7 @@ constexpr int exit_usage = 2;
 
 std::optional<options> parse_options(int argc, char** argv, int* exit_code) {
     CLI::App app("Security service that programs the kernel's packet filter");
+    app.set_version_flag("--version", "scc-ss-linux " SCC_VERSION_TEXT);
     options parsed;
     std::string map_path;
     constexpr u32 seconds_max = 86'400;
@@ -24,8 +27,8 @@ std::optional<options> parse_options(int argc, char** argv, int* exit_code) {
     app.add_flag("--flush", parsed.flush, "Remove all of the service's rules from the kernel, and exit")
         ->excludes(map);
     app.add_option("--report", parsed.report_seconds, "Report hits and flows every SECONDS; 0: never")
+        ->transform(devkit::number_within(0, seconds_max))
         ->type_name("SECONDS")
-        ->check(CLI::Range(0u, seconds_max))
         ->capture_default_str();
     app.add_flag("-v,--verbose", parsed.verbose, "Print each operation");
     try {

@@ -73,14 +73,21 @@ TEST_F(LinuxOptions, AFlushNeedsNoMap) {
 TEST_F(LinuxOptions, WhatIsWrongIsNamed) {
     expect_exit({}, 2, "--map is required");
     expect_exit({"--map", map_, "--flush"}, 2, "--map excludes --flush");
-    expect_exit({"--map", map_, "--report", "86401"}, 2, "--report");
-    expect_exit({"--map", map_, "--report", "-1"}, 2, "--report");
-    expect_exit({"--map", map_, "--report", "ten"}, 2, "--report");
+    expect_exit({"--map", map_, "--report", "86401"}, 2,
+                "--report: '86401' is not a number from 0 to 86400");
+    expect_exit({"--map", map_, "--report", "-1"}, 2, "--report: '-1' is not a number from 0 to 86400");
+    expect_exit({"--map", map_, "--report", "ten"}, 2, "--report: 'ten' is not a number from 0 to 86400");
     expect_exit({"--map", map_, "--other"}, 2, "--other");
     expect_exit({"--map", map_, "more"}, 2, "more");
     expect_exit({"--map", folder_ + "/none"}, 1, "scc-ss-linux: ");
     std::ofstream(map_) << "ifx 1\n";
     expect_exit({"--map", map_}, 1, "line 1: needs an index from 1 on and the name of an interface");
+}
+
+TEST_F(LinuxOptions, TheVersionIsASuccess) {
+    EXPECT_FALSE(parse({"--version"}).has_value());
+    EXPECT_EQ(exit_code_, 0);
+    EXPECT_EQ(output_, "scc-ss-linux " SCC_VERSION_TEXT "\n");
 }
 
 TEST_F(LinuxOptions, HelpIsASuccess) {
