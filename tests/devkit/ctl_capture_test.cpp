@@ -115,9 +115,9 @@ TEST_F(CtlCapture, AFullFileEndsItWithStatusOne) {
     const finished result = run({"capture", "/dev/full"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.errors, "sccctl: capture: /dev/full: No space left on device\n");
-    const finished nowhere = run({"capture", "/nonexistent/wire.pcapng"});
+    const finished nowhere = run({"capture", "/proc/none/wire.pcapng"});
     EXPECT_EQ(nowhere.status, 1);
-    EXPECT_EQ(nowhere.errors, "sccctl: capture: /nonexistent/wire.pcapng: No such file or directory\n");
+    EXPECT_EQ(nowhere.errors, "sccctl: capture: /proc/none/wire.pcapng: No such file or directory\n");
 }
 
 TEST_F(CtlCaptureAlone, NoFileIsMadeWithoutADaemon) {
@@ -137,7 +137,7 @@ TEST_F(CtlCaptureAlone, TheDaemonWritesItsOwnCapture) {
 }
 
 TEST_F(CtlCaptureAlone, TheDaemonDoesNotStartWithoutItsCapture) {
-    for (const auto& [name, problem] : {std::pair{"/nonexistent/wire.pcapng", "No such file or directory"},
+    for (const auto& [name, problem] : {std::pair{"/proc/none/wire.pcapng", "No such file or directory"},
                                         std::pair{"/dev/full", "No space left on device"}}) {
         process daemon(SCCD_DEV_PATH, {"--capture", name}, directory());
         EXPECT_EQ(daemon.finish(), 1);

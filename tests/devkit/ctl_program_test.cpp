@@ -553,12 +553,12 @@ TEST_F(CtlProgramAlone, OutputThatCannotBeWrittenHasExitStatusOne) {
 }
 
 TEST_F(CtlProgram, AnAclFileThatCannotBeWrittenIsAFailure) {
-    const std::string lines = "acl create 7\nacl save /dev/full\nacl save /nonexistent/file\n";
+    const std::string lines = "acl create 7\nacl save /dev/full\nacl save /proc/none/file\n";
     const finished result = run({"shell"}, lines);
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.errors,
               "sccctl: acl save: /dev/full: No space left on device\n"
-              "sccctl: acl save: /nonexistent/file: No such file or directory\n");
+              "sccctl: acl save: /proc/none/file: No such file or directory\n");
 }
 
 TEST_F(CtlProgramAlone, AnErrorNamesTheCommandThatWasTyped) {

@@ -140,7 +140,7 @@ TEST_F(ServiceCapture, TheHostThatStopsFallsSilentWithItsLastPacketAndTheInterva
 }
 
 TEST_F(ServiceCapture, AMissingFileIsReported) {
-    EXPECT_NE(run_capture("/nonexistent/none.pcap", ingress_, table_).error, "");
+    EXPECT_NE(run_capture("/proc/none/none.pcap", ingress_, table_).error, "");
 }
 
 // The magic number, version 2.4, and a link type.
