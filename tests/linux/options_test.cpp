@@ -73,8 +73,7 @@ TEST_F(LinuxOptions, AFlushNeedsNoMap) {
 TEST_F(LinuxOptions, WhatIsWrongIsNamed) {
     expect_exit({}, 2, "--map is required");
     expect_exit({"--map", map_, "--flush"}, 2, "--map excludes --flush");
-    expect_exit({"--map", map_, "--report", "86401"}, 2,
-                "--report: '86401' is not a number from 0 to 86400");
+    expect_exit({"--map", map_, "--report", "86401"}, 2, "--report: '86401' is not a number from 0 to 86400");
     expect_exit({"--map", map_, "--report", "-1"}, 2, "--report: '-1' is not a number from 0 to 86400");
     expect_exit({"--map", map_, "--report", "ten"}, 2, "--report: 'ten' is not a number from 0 to 86400");
     expect_exit({"--map", map_, "--other"}, 2, "--other");

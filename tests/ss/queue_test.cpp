@@ -7,6 +7,7 @@
 #include "client/channel_support.h"
 #include "client/control_block.h"
 #include "ss/service_fixture.h"
+#include "support/sanitizer.h"
 
 using test::bytes;
 using test::side;
@@ -32,11 +33,8 @@ class ServiceQueue : public test::registered_service {
         return 0;
     }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    static constexpr std::size_t slack_bytes = std::size_t{1} << 40U;
-#else
-    static constexpr std::size_t slack_bytes = 2 * 1024 * 1024;
-#endif
+    static constexpr std::size_t slack_bytes =
+        test::sanitizer_allocates ? std::size_t{1} << 40U : std::size_t{2} * 1024 * 1024;
 
     static std::size_t resident_bytes() {
         std::ifstream file("/proc/self/statm");
