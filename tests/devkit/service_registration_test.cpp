@@ -16,7 +16,7 @@ namespace {
 class ServiceRegistration : public ::testing::Test {
   protected:
     void SetUp() override {
-        std::string pattern = ::testing::TempDir() + "service-XXXXXX";
+        std::string pattern = "/tmp/service-XXXXXX";
         ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
         folder_ = pattern;
     }
@@ -30,12 +30,12 @@ class ServiceRegistration : public ::testing::Test {
     }
 
     // Returns when the threads that have ended are gone, or after a minute.
-    static void wait_for_threads(std::ptrdiff_t count) {
+    static void wait_for_threads(std::ptrdiff_t most) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-        while (threads() != count && std::chrono::steady_clock::now() < end) {
+        while (threads() > most && std::chrono::steady_clock::now() < end) {
             std::this_thread::yield();
         }
-        EXPECT_EQ(threads(), count);
+        EXPECT_LE(threads(), most);
     }
 
     // The library's threads call into it until the process exits, so it is never destroyed.
@@ -56,13 +56,15 @@ TEST_F(ServiceRegistration, LeavesNoThreadWhenItFails) {
     use("/proc/version/none");
     const auto before = threads();
     bool waited = false;
-    EXPECT_NE(service().serve([&waited] {
-        waited = true;
-        return false;
-    }),
-              0u);
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        EXPECT_NE(service().serve([&waited] {
+            waited = true;
+            return false;
+        }),
+                  0u);
+    }
     EXPECT_FALSE(waited);
-    wait_for_threads(before);
+    wait_for_threads(before + 1);  // with a process's first thread, a sanitizer starts one of its own
 }
 
 TEST_F(ServiceRegistration, LastsUntilTheWaitEnds) {

@@ -1,5 +1,5 @@
-// Whether the tests are built with a sanitizer whose allocator replaces the C library's. Each compiler says so in
-// its own way.
+// Whether the tests are built with a sanitizer whose allocator replaces the C library's. Each compiler says
+// so in its own way.
 #pragma once
 
 namespace test {
