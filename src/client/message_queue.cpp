@@ -45,6 +45,16 @@ void make_queue_once() SCC_REQUIRES(queue_lock) {
     }
 }
 
+// Whether a long queue has been emptied since the last call.
+bool has_become_short() {
+    const mutex_guard guard(queue_lock);
+    if (!g_was_long || g_waiting != 0) {
+        return false;
+    }
+    g_was_long = false;
+    return true;
+}
+
 }  // namespace
 
 void init_message_queue() {
@@ -89,12 +99,8 @@ scc_lib_msg_node* dequeue_message() {
 // and trim the heap of the calling thread; malloc_trim returns the free pages in between. The compiler would
 // leave out both calls if the block were not volatile.
 void give_queue_memory_back() {
-    {
-        const mutex_guard guard(queue_lock);
-        if (!g_was_long || g_waiting != 0) {
-            return;
-        }
-        g_was_long = false;
+    if (!has_become_short()) {
+        return;
     }
     void* volatile block = std::malloc(tuning::coalescing_block_bytes);
     std::free(block);
