@@ -1,8 +1,6 @@
 // See notifications.h. The log lines stand in the functions, where the compiler checks their formats.
 #include "client/notifications.h"
 
-#include <utility>
-
 #include "client/log.h"
 #include "client/value_lengths.h"
 #include "util/address_text.h"
@@ -12,14 +10,10 @@ using namespace scc;
 namespace scc {
 namespace {
 
-template <class Row>
-using handler_result = decltype(Row::arguments::pass_to(std::declval<handler_of<Row::handler>>(),
-                                                        std::declval<std::span<const u8>>()));
-
 // A handler that returns nothing always succeeds.
 template <class Row>
 bool call_handler(handler_of<Row::handler> handler, std::span<const u8> value) {
-    if constexpr (std::is_void_v<handler_result<Row>>) {
+    if constexpr (std::is_void_v<decltype(Row::arguments::pass_to(handler, value))>) {
         Row::arguments::pass_to(handler, value);
         return true;
     } else {
