@@ -416,7 +416,7 @@ int sweep_fclose(FILE* stream) {
     return failing ? EOF : result;
 }
 
-// Fails late: the threads of the same start, made before, have registered by then.
+// Fails late, so that the threads of the same start, made before, have time to register.
 int sweep_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                          void* argument) {
     if (!fails(NAME, CALLER)) {
