@@ -65,6 +65,10 @@ std::uint32_t register_with_umask_kept(const scc_reg_info& info) {
 
 }  // namespace
 
+bool tells_of_loss(std::uint32_t result) {
+    return result == EPIPE || result == ECONNRESET || result == ENOTCONN || result == EBADF;
+}
+
 bool session::start() {
     if (std::string problem = devkit::absent_daemon(); !problem.empty()) {
         return fail(std::move(problem));
@@ -111,7 +115,7 @@ void session::await_connection() {
 }
 
 void session::note_result(std::uint64_t registrations, std::uint32_t result) {
-    if (result == EPIPE || result == ECONNRESET || result == ENOTCONN) {
+    if (tells_of_loss(result)) {
         lost_after_ = registrations;
     }
 }

@@ -24,6 +24,10 @@ struct session_options {
     bool notifications = false;
 };
 
+// Whether a call's result means that the connection was lost while it ran. EBADF does when the library's
+// receive thread noticed first and closed it.
+[[nodiscard]] bool tells_of_loss(std::uint32_t result);
+
 class session {
   public:
     explicit session(const session_options& options) : options_(options) {}
