@@ -70,16 +70,20 @@ bool has_block() SCC_REQUIRES(batch_lock) {
     return g_scc_msg_send_q != nullptr;
 }
 
-[[gnu::always_inline]] inline void append(u16 sub_id, u16 type, const value_parts& value)
-    SCC_REQUIRES(batch_lock) {
-    batch& waiting = *g_scc_msg_send_q;
-    const auto length = static_cast<u32>(value.size());
-    u8* at = waiting.message + wire::header_bytes + waiting.used;
-    write_item_header(at, length, sub_id, type);
-    value.copy_to(at + wire::item_header_bytes);
-    ++waiting.count;
-    waiting.used += length + wire::item_header_bytes;
-    write_header(waiting.message, static_cast<u16>(waiting.count), wire::header_bytes + waiting.used);
+// Appends an item that fits. Returns where its value goes.
+u8* append_item(batch& waiting, u16 sub_id, u16 type, u32 value_bytes) SCC_REQUIRES(batch_lock) {
+    u8* const at = waiting.message + wire::header_bytes + waiting.used;
+    const u32 count = waiting.count + 1;
+    const u32 used = waiting.used + value_bytes + wire::item_header_bytes;
+    waiting.count = count;
+    waiting.used = used;
+    write_header(waiting.message, static_cast<u16>(count), wire::header_bytes + used);
+    write_item_header(at, value_bytes, sub_id, type);
+    return at + wire::item_header_bytes;
+}
+
+void append(u16 sub_id, u16 type, const value_parts& value) SCC_REQUIRES(batch_lock) {
+    value.copy_to(append_item(*g_scc_msg_send_q, sub_id, type, static_cast<u32>(value.size())));
 }
 
 // On a connection that the checker has shut down nothing waits: an event loop that no longer reads would
@@ -133,20 +137,6 @@ void drop_batch_of_lost_connection(u32 epoch) SCC_REQUIRES(batch_lock) {
     }
 }
 
-send_outcome append_and_flush(u16 sub_id, u16 type, const value_parts& value, int sync)
-    SCC_REQUIRES(batch_lock) {
-    const u32 entry = static_cast<u32>(value.size()) + wire::item_header_bytes;
-    const batch& waiting = *g_scc_msg_send_q;
-    const bool overflow = waiting.capacity - waiting.used < entry;
-    if (!overflow) {
-        append(sub_id, type, value);
-        if (may_wait()) {
-            return {};
-        }
-    }
-    return flush_now(sub_id, type, value, sync, overflow);
-}
-
 [[gnu::noinline]] u32 send_oversized(u16 sub_id, u16 type, const value_parts& value, int sync) {
     SCC_LOG_FROM(send_function, "msg is larger than sendbuf. val_size:%d.", static_cast<int>(value.size()));
     const u32 epoch = epoch_of_this_thread();
@@ -165,29 +155,51 @@ send_outcome append_and_flush(u16 sub_id, u16 type, const value_parts& value, in
     recover_from_failed_send(outcome, epoch, send_function);
 }
 
+// For what does not simply join the waiting requests. 12 without memory; outcome is that of a flush.
+[[gnu::noinline]] u32 append_or_flush(u16 sub_id, u16 type, const value_parts& value, int sync, u32 epoch,
+                                      send_outcome& outcome) SCC_REQUIRES(batch_lock) {
+    if (!has_block()) {
+        SCC_LOG_FROM(send_function, "(app id:%d, pid:%d)alloc memory error!", app_id_now(), pid_now());
+        return result::no_memory;
+    }
+    if (epoch != connection_epoch()) {
+        return result::ok;  // lost with its connection; the batch may be the next one's
+    }
+    drop_batch_of_lost_connection(epoch);
+    batch& waiting = *g_scc_msg_send_q;
+    waiting.epoch = epoch;
+    const u32 entry = static_cast<u32>(value.size()) + wire::item_header_bytes;
+    const bool overflow = waiting.capacity - waiting.used < entry;
+    if (!overflow) {
+        append(sub_id, type, value);
+        if (may_wait()) {
+            return result::ok;
+        }
+    }
+    outcome = flush_now(sub_id, type, value, sync, overflow);
+    return result::ok;
+}
+
 u32 send_by_batch(u16 sub_id, u16 type, const value_parts& value, int sync) {
     if (value.size() >= wire::oversized_value_bytes) {
         return send_oversized(sub_id, type, value, sync);
     }
     const u32 epoch = epoch_of_this_thread();
     send_outcome outcome;
+    u32 error = result::ok;
     {
         const write_guard guard(batch_lock);
-        if (!has_block()) {
-            SCC_LOG_FROM(send_function, "(app id:%d, pid:%d)alloc memory error!", app_id_now(), pid_now());
-            return result::no_memory;
+        if (u8* const at = join_batch(sub_id, type, static_cast<u32>(value.size())); at != nullptr)
+            [[likely]] {
+            value.copy_to(at);
+            return result::ok;
         }
-        if (epoch != connection_epoch()) {
-            return result::ok;  // lost with its connection; the batch may be the next one's
-        }
-        drop_batch_of_lost_connection(epoch);
-        g_scc_msg_send_q->epoch = epoch;
-        outcome = append_and_flush(sub_id, type, value, sync);
+        error = append_or_flush(sub_id, type, value, sync, epoch, outcome);
     }
     if (outcome.error != result::ok) {
         recover(outcome, epoch);
     }
-    return result::ok;
+    return error;
 }
 
 void sleep_us(long microseconds) {
@@ -243,6 +255,22 @@ u32 flush(u32& epoch) {
 }
 
 }  // namespace
+
+u8* join_batch(u16 sub_id, u16 type, u32 value_bytes) {
+    if (g_scc_msg_send_q == nullptr) {
+        return nullptr;
+    }
+    batch& waiting = *g_scc_msg_send_q;
+    const u32 epoch = epoch_of_this_thread();
+    const bool leads_elsewhere =
+        epoch != connection_epoch() || is_shut_down(epoch) || (waiting.count != 0 && waiting.epoch != epoch);
+    const bool fills_it = waiting.capacity - waiting.used <= value_bytes + wire::item_header_bytes;
+    if (leads_elsewhere || fills_it || client_state_now() != state_registered) [[unlikely]] {
+        return nullptr;
+    }
+    waiting.epoch = epoch;
+    return append_item(waiting, sub_id, type, value_bytes);
+}
 
 u32 send_in_batch(u16 sub_id, u16 type, const value_parts& value) {
     return send_by_batch(sub_id, type, value, 0);

@@ -69,8 +69,11 @@ class SCC_SCOPED_CAPABILITY write_guard {
     // A handler that runs under scc_lib_lock must not call functions that take it (docs/service-authors.md).
     // If one does, the C library returns EDEADLK; rather than harm the host, the guard relies on the lock
     // already held and leaves the unlocking to its owner.
+    // A lock that is free is taken by trying, for half of the instructions.
     explicit write_guard(const named_lock& lock) SCC_ACQUIRE(lock)
-        : lock_(pthread_rwlock_wrlock(&lock.handle) == 0 ? &lock.handle : nullptr) {}
+        : lock_(pthread_rwlock_trywrlock(&lock.handle) == 0 || pthread_rwlock_wrlock(&lock.handle) == 0
+                    ? &lock.handle
+                    : nullptr) {}
     ~write_guard() SCC_RELEASE() {
         if (lock_ != nullptr) {
             pthread_rwlock_unlock(lock_);

@@ -74,20 +74,30 @@ std::size_t data_bytes_of(i32 len) {
 }
 
 // A returned block of this size, or null. A block of another size is freed, so the ring adapts.
-pending_call* take_spare(std::size_t data_bytes) SCC_REQUIRES(lib_lock) {
+pending_call* take_spare(i32 len) SCC_REQUIRES(lib_lock) {
     pending_call* block = nullptr;
     if (!g_spare.pop(block)) {
         return nullptr;
     }
     if (pending_call* later = nullptr; g_spare.peek(tuning::spare_blocks_ahead, later)) {
         prefetch_for_writing(
-            later, std::min(pending_call::head_bytes + data_bytes, tuning::spare_prefetch_max_bytes));
+            later, std::min(pending_call::head_bytes + data_bytes_of(len), tuning::spare_prefetch_max_bytes));
     }
-    if (data_bytes_of(block->data_bytes) != data_bytes) {
+    if (block->data_bytes != len) [[unlikely]] {
         std::free(block);
         return nullptr;
     }
     return block;
+}
+
+// Not inlined, so that a request which finds a spare block saves few registers.
+[[gnu::noinline]] pending_call* allocate_call(i32 len) {
+    // NOLINTNEXTLINE(clang-analyzer-optin.portability.UnixAPI): the head alone has 32 bytes.
+    auto* call = static_cast<pending_call*>(std::malloc(pending_call::head_bytes + data_bytes_of(len)));
+    if (call == nullptr) {
+        SCC_LOG_FROM("_scc_lib_save_call_data", "scclib alloc memory failed.");
+    }
+    return call;
 }
 
 // Moves the saved calls to the index.
@@ -100,31 +110,48 @@ void index_incoming() SCC_REQUIRES(calls_lock) {
     }
 }
 
-// Logs as the function with C linkage. A length below 0 is kept, but has no data.
-u32 save(u32 call_id, u32 kind, const value_parts& data, i32 len) SCC_REQUIRES(lib_lock) {
-    const std::size_t data_bytes = data_bytes_of(len);
-    pending_call* call = take_spare(data_bytes);
-    if (call == nullptr) {
-        // NOLINTNEXTLINE(clang-analyzer-optin.portability.UnixAPI): the head alone has 32 bytes.
-        call = static_cast<pending_call*>(std::malloc(pending_call::head_bytes + data_bytes));
-    }
-    if (call == nullptr) {
-        SCC_LOG_FROM("_scc_lib_save_call_data", "scclib alloc memory failed.");
-        return result::no_memory;
+[[gnu::noinline]] void index_call(pending_call* call) {
+    const brief_guard guard;
+    index_incoming();
+    g_scc_lib_call_lst.insert(&call->link);
+}
+
+// Null and logged without memory. A length below 0 is kept, but has no data.
+pending_call* new_call_of(u32 call_id, u32 kind, i32 len) SCC_REQUIRES(lib_lock) {
+    pending_call* call = take_spare(len);
+    if (call == nullptr) [[unlikely]] {
+        call = allocate_call(len);
+        if (call == nullptr) {
+            return nullptr;
+        }
     }
     call->call_id = call_id;
     call->kind = kind;
     call->data_bytes = len;
-    data.copy_to(call->data());
-    if (!g_incoming.push(call)) {
-        const brief_guard guard;
-        index_incoming();
-        g_scc_lib_call_lst.insert(&call->link);
+    return call;
+}
+
+u32 save(u32 call_id, u32 kind, const value_parts& data, i32 len) SCC_REQUIRES(lib_lock) {
+    pending_call* const call = new_call_of(call_id, kind, len);
+    if (call == nullptr) {
+        return result::no_memory;
     }
+    data.copy_to(call->data());
+    keep_call(call);
     return result::ok;
 }
 
 }  // namespace
+
+pending_call* new_call(u32 call_id, u32 kind, std::size_t data_bytes) {
+    return new_call_of(call_id, kind, static_cast<i32>(data_bytes));
+}
+
+void keep_call(pending_call* call) {
+    if (!g_incoming.push(call)) [[unlikely]] {
+        index_call(call);
+    }
+}
 
 u32 save_call(u32 call_id, u32 kind, const value_parts& data) {
     return save(call_id, kind, data, static_cast<i32>(data.size()));

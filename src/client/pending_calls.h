@@ -28,7 +28,10 @@ struct pending_call {
 
 static_assert(sizeof(pending_call) == pending_call::head_bytes);
 
-// 12 without memory. The data is copied.
+// In two steps: a call whose data the caller then writes, null and logged without memory, and its keeping.
+[[nodiscard]] pending_call* new_call(u32 call_id, u32 kind, std::size_t data_bytes) SCC_REQUIRES(lib_lock);
+void keep_call(pending_call* call) SCC_REQUIRES(lib_lock);
+// Both, with a copy of the data. 12 without memory.
 [[nodiscard]] u32 save_call(u32 call_id, u32 kind, const value_parts& data) SCC_REQUIRES(lib_lock);
 // Takes the oldest call of this id out of the list; null when there is none. The caller frees it with
 // release_pending_call.
