@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <bit>
 #include <cstdio>
@@ -14,7 +15,6 @@
 #include <semaphore>
 #include <string>
 #include <thread>
-#include <type_traits>
 #include <vector>
 
 #include "client/tuning.h"
@@ -81,12 +81,21 @@ pthread_rwlock_t g_outer = PTHREAD_RWLOCK_INITIALIZER;
 pthread_rwlock_t g_inner = PTHREAD_RWLOCK_INITIALIZER;
 pthread_rwlock_t g_search = PTHREAD_RWLOCK_INITIALIZER;
 
-void take_and_release_locks() {
-    pthread_rwlock_wrlock(&g_outer);
-    pthread_rwlock_wrlock(&g_inner);
-    pthread_rwlock_unlock(&g_inner);
-    pthread_rwlock_unlock(&g_outer);
-}
+// As the library does: a lock that is free is taken by trying, which takes less.
+class guard {
+  public:
+    explicit guard(pthread_rwlock_t& lock) : lock_(lock) {
+        if (pthread_rwlock_trywrlock(&lock) != 0) {
+            pthread_rwlock_wrlock(&lock);
+        }
+    }
+    ~guard() { pthread_rwlock_unlock(&lock_); }
+    guard(const guard&) = delete;
+    guard& operator=(const guard&) = delete;
+
+  private:
+    pthread_rwlock_t& lock_;
+};
 
 // A result is an item of 16 bytes after its head: the request's number, the result. As the library does, the
 // keepers below take so many of them under one lock.
@@ -125,8 +134,7 @@ class values_in_slots {
 
     void deliver(const u8* body, u16 items) {
         while (items > 0) {
-            pthread_rwlock_wrlock(&g_search);
-            pthread_rwlock_unlock(&g_search);
+            { const guard search(g_search); }
             item_result results[results_a_lock];
             const std::size_t count = read_results(body, items, results);
             for (std::size_t i = 0; i < count; ++i) {
@@ -155,7 +163,9 @@ u64 number_of(const list_node* node) {
 }
 
 // Each in a block of its own, in the library's structures: a ring to the receiving thread, which keeps the
-// blocks in a hash table and returns them through another ring.
+// blocks in a hash table and returns them through another ring. When another thread may drop a request, a
+// block that was found is taken by an exchange.
+template <bool Shared>
 class values_in_blocks {
   public:
     values_in_blocks(std::uint32_t value_bytes, std::uint64_t /*outstanding*/) : bytes_(value_bytes) {
@@ -170,10 +180,9 @@ class values_in_blocks {
         block->number = number;
         std::copy_n(value, bytes_, block->value());
         if (!given_.push(block)) {
-            pthread_rwlock_wrlock(&g_search);
+            const guard search(g_search);
             insert_given();
             table_.insert(&block->link);
-            pthread_rwlock_unlock(&g_search);
         }
     }
 
@@ -182,13 +191,20 @@ class values_in_blocks {
             item_result results[results_a_lock];
             kept_block* found[results_a_lock];
             const std::size_t count = read_results(body, items, results);
-            pthread_rwlock_wrlock(&g_search);
-            insert_given();
-            for (std::size_t i = 0; i < count; ++i) {
-                found[i] = take(results[i].number);
+            {
+                const guard search(g_search);
+                insert_given();
+                for (std::size_t i = 0; i < count; ++i) {
+                    found[i] = take(results[i].number);
+                    if constexpr (Shared) {
+                        hand_[i].store(found[i], std::memory_order_relaxed);
+                    }
+                }
             }
-            pthread_rwlock_unlock(&g_search);
             for (std::size_t i = 0; i < count; ++i) {
+                if constexpr (Shared) {
+                    found[i] = hand_[i].exchange(nullptr);
+                }
                 g_handler(results[i].number, results[i].result, found[i]->value());
             }
             for (std::size_t i = 0; i < count; ++i) {
@@ -214,6 +230,7 @@ class values_in_blocks {
     }
 
     std::size_t bytes_;
+    std::array<std::atomic<kept_block*>, results_a_lock> hand_{};
     handoff_ring<kept_block*, tuning::saved_calls_max> given_;
     handoff_ring<kept_block*, tuning::spare_blocks_max> spare_;
     bucket_table<number_of, 8192> table_;  // guarded by g_search; as large as the library's has grown
@@ -233,40 +250,105 @@ void receive_results(int fd, std::uint64_t requests, window& in_flight, Values& 
     }
 }
 
+template <duties Duties>
+struct values_for {
+    using type = no_values;
+};
+template <>
+struct values_for<duties::calls> {
+    using type = values_in_slots;
+};
+template <>
+struct values_for<duties::search> {
+    using type = values_in_blocks<false>;
+};
+template <>
+struct values_for<duties::shared> {
+    using type = values_in_blocks<true>;
+};
+
+// A message of as many items as the library's batch holds.
+class batch {
+  public:
+    explicit batch(u32 value_bytes)
+        : value_bytes_(value_bytes), entry_(value_bytes + 8), message_(8 + std::size_t{most()} * entry_) {}
+
+    [[nodiscard]] u32 most() const { return wire::batch_capacity_bytes / entry_; }
+
+    u8* add(u32 number) {
+        u8* const item = message_.data() + 8 + used_;
+        begin_item(item, value_bytes_, msg::d1x_port_open);
+        store<u32>(item + 8, 0, number);
+        ++count_;
+        used_ += entry_;
+        return item + 8;
+    }
+
+    void write_header() {
+        store<u32>(message_.data(), 0, 8 + used_);
+        store<u8>(message_.data(), 4, 1);
+        store<u16>(message_.data(), 5, count_);
+    }
+
+    void send_on(int fd) {
+        send_all(fd, message_.data(), 8 + std::size_t{used_});
+        count_ = 0;
+        used_ = 0;
+    }
+
+  private:
+    u32 value_bytes_;
+    u32 entry_;
+    u16 count_ = 0;
+    u32 used_ = 0;
+    std::vector<u8> message_;
+};
+
+std::atomic<u32> g_connection{1};
+
+// Puts a request into the batch with what else the duties ask for.
+template <duties Duties, class Values>
+void request(u32 number, const std::vector<u8>& value, Values& values, batch& waiting) {
+    if constexpr (Duties == duties::none) {
+        waiting.add(number);
+        return;
+    }
+    const guard outer(g_outer);
+    const u32 connection = g_connection.load();
+    values.keep(number, value.data());
+    const guard inner(g_inner);
+    u8* const at = waiting.add(number);
+    if constexpr (Duties != duties::locks) {
+        std::copy_n(value.data() + 4, value.size() - 4, at + 4);
+    }
+    if constexpr (Duties == duties::shared) {
+        waiting.write_header();
+        if (connection != g_connection.load()) {
+            _exit(1);
+        }
+    }
+}
+
 // Sends the requests and receives their results.
-template <class Values, bool Locks>
+template <duties Duties>
 figure rate_with(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding) {
-    constexpr bool keeps = !std::is_same_v<Values, no_values>;
+    using kept_values = typename values_for<Duties>::type;
     const connection link;
     window in_flight(outstanding);
     const std::vector<u8> callers_value(value_bytes, 1);
-    const auto values = std::make_unique<Values>(value_bytes, outstanding);
+    const auto values = std::make_unique<kept_values>(value_bytes, outstanding);
     std::thread receiving([&] { receive_results(link.async, requests, in_flight, *values); });
-    const u32 entry = value_bytes + 8;
-    const u32 per_batch = wire::batch_capacity_bytes / entry;
-    std::vector<u8> batch(8 + std::size_t{per_batch} * entry, 0);
+    batch waiting(value_bytes);
     const double began = now_s();
     const double used_before = processor_s();
     for (std::uint64_t sent = 0; sent < requests;) {
-        const auto now = static_cast<u32>(std::min<std::uint64_t>(per_batch, requests - sent));
+        const auto now = static_cast<u32>(std::min<std::uint64_t>(waiting.most(), requests - sent));
         in_flight.wait_for_space(sent + now - 1);
-        store<u32>(batch.data(), 0, 8 + now * entry);
-        store<u8>(batch.data(), 4, 1);
-        store<u16>(batch.data(), 5, static_cast<u16>(now));
         for (u32 i = 0; i < now; ++i) {
-            u8* const item = batch.data() + 8 + i * entry;
-            const auto number = static_cast<u32>(sent + i + 1);
-            if constexpr (Locks) {
-                take_and_release_locks();
-            }
-            if constexpr (keeps) {
-                values->keep(number, callers_value.data());
-                std::copy_n(callers_value.data(), value_bytes, item + 8);
-            }
-            begin_item(item, value_bytes, msg::d1x_port_open);
-            store<u32>(item + 8, 0, number);
+            request<Duties>(static_cast<u32>(sent + i + 1), callers_value, *values, waiting);
         }
-        send_all(link.async, batch.data(), 8 + std::size_t{now} * entry);
+        waiting.write_header();
+        waiting.send_on(link.async);
         sent += now;
     }
     receiving.join();
@@ -308,15 +390,17 @@ figure floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64
                   duties of_a_request) {
     switch (of_a_request) {
         case duties::locks:
-            return rate_with<no_values, true>(value_bytes, requests, outstanding);
+            return rate_with<duties::locks>(value_bytes, requests, outstanding);
         case duties::calls:
-            return rate_with<values_in_slots, true>(value_bytes, requests, outstanding);
+            return rate_with<duties::calls>(value_bytes, requests, outstanding);
         case duties::search:
-            return rate_with<values_in_blocks, true>(value_bytes, requests, outstanding);
+            return rate_with<duties::search>(value_bytes, requests, outstanding);
+        case duties::shared:
+            return rate_with<duties::shared>(value_bytes, requests, outstanding);
         case duties::none:
             break;
     }
-    return rate_with<no_values, false>(value_bytes, requests, outstanding);
+    return rate_with<duties::none>(value_bytes, requests, outstanding);
 }
 
 double floor_round_trip(int rounds) {

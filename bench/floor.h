@@ -11,9 +11,11 @@ namespace bench {
 // What the floor does for each request beside moving its bytes.
 enum class duties {
     none,
-    locks,   // takes and releases two read-write locks, for writing, which nobody else holds
+    locks,   // holds two read-write locks, taken for writing, which nobody else holds
     calls,   // that, copies the caller's value to the batch and to a slot, and calls a handler with the slot
     search,  // that, but the copy is in a block of its own, which the result's number is searched for
+    shared,  // that, prepared for threads that may send the batch, drop requests or end the connection at any
+             // time
 };
 
 // Requests per second, with values of value_bytes and a limited number outstanding.

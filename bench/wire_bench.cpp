@@ -256,6 +256,7 @@ void print_figures(const std::string& what, const figure& one, const figure& flo
 constexpr const char* with_locks = ", floor with locks";
 constexpr const char* with_calls = ", floor with locks, kept values and handlers";
 constexpr const char* with_search = ", the same floor with a search for each value";
+constexpr const char* with_threads = ", the same floor prepared for other threads";
 
 void throughput(const char* what, std::uint32_t value_bytes, answers how, std::uint64_t requests,
                 const goals& wanted, int rounds) {
@@ -267,12 +268,14 @@ void throughput(const char* what, std::uint32_t value_bytes, answers how, std::u
         {{"floor", floor_with(duties::none)},
          {"floor with calls", floor_with(duties::calls)},
          {"floor with search", floor_with(duties::search)},
+         {"floor for threads", floor_with(duties::shared)},
          {"library", with_peer(how, -1, [=] { return library_rate(value_bytes, requests, 4096); })}},
         rounds);
     print_figures(std::string(what) + ", floor", rates[0], rates[0], {});
     print_figures(std::string(what) + with_calls, rates[1], rates[0], {});
     print_figures(std::string(what) + with_search, rates[2], rates[0], {});
-    print_figures(std::string(what) + ", library", rates[3], rates[0], wanted);
+    print_figures(std::string(what) + with_threads, rates[3], rates[0], {});
+    print_figures(std::string(what) + ", library", rates[4], rates[0], wanted);
 }
 
 void one_a_message(int rounds) {
@@ -304,6 +307,7 @@ void small_requests(int rounds) {
                                        {"floor with locks", floor_with(duties::locks)},
                                        {"floor with calls", floor_with(duties::calls)},
                                        {"floor with search", floor_with(duties::search)},
+                                       {"floor for threads", floor_with(duties::shared)},
                                        {"library", library_with(1)},
                                        {"four threads", library_with(4)}},
                                       rounds);
@@ -312,8 +316,9 @@ void small_requests(int rounds) {
     print_figures(what + with_locks, rates[1], rates[0], {});
     print_figures(what + with_calls, rates[2], rates[0], {});
     print_figures(what + with_search, rates[3], rates[0], {});
-    print_figures(what + ", library", rates[4], rates[0], {"at least 0.5", ""});
-    print_figures("the same from four threads", rates[5], rates[0], {"at least 0.5", ""});
+    print_figures(what + with_threads, rates[4], rates[0], {});
+    print_figures(what + ", library", rates[5], rates[0], {"at least 0.5", ""});
+    print_figures("the same from four threads", rates[6], rates[0], {"at least 0.5", ""});
 }
 
 void four_threads(int rounds) {
