@@ -271,9 +271,13 @@ struct values_for<duties::shared> {
 class batch {
   public:
     explicit batch(u32 value_bytes)
-        : value_bytes_(value_bytes), entry_(value_bytes + 8), message_(8 + std::size_t{most()} * entry_) {}
+        : value_bytes_(value_bytes),
+          entry_(value_bytes + 8),
+          most_(wire::batch_capacity_bytes / entry_),
+          message_(8 + std::size_t{most_} * entry_) {}
 
-    [[nodiscard]] u32 most() const { return wire::batch_capacity_bytes / entry_; }
+    [[nodiscard]] u32 most() const { return most_; }
+    [[nodiscard]] bool is_full() const { return count_ == most_; }
 
     u8* add(u32 number) {
         u8* const item = message_.data() + 8 + used_;
@@ -291,14 +295,18 @@ class batch {
     }
 
     void send_on(int fd) {
-        send_all(fd, message_.data(), 8 + std::size_t{used_});
-        count_ = 0;
-        used_ = 0;
+        if (count_ != 0) {
+            write_header();
+            send_all(fd, message_.data(), 8 + std::size_t{used_});
+            count_ = 0;
+            used_ = 0;
+        }
     }
 
   private:
     u32 value_bytes_;
     u32 entry_;
+    u32 most_;
     u16 count_ = 0;
     u32 used_ = 0;
     std::vector<u8> message_;
@@ -306,51 +314,88 @@ class batch {
 
 std::atomic<u32> g_connection{1};
 
-// Puts a request into the batch with what else the duties ask for.
+// Makes the requests; from several threads, if the duties include the locks.
 template <duties Duties, class Values>
-void request(u32 number, const std::vector<u8>& value, Values& values, batch& waiting) {
-    if constexpr (Duties == duties::none) {
-        waiting.add(number);
-        return;
+class requester {
+  public:
+    requester(int fd, std::uint32_t value_bytes, Values& values)
+        : fd_(fd), value_(value_bytes, 1), values_(values), batch_(value_bytes) {}
+
+    [[nodiscard]] u32 batch_items() const { return batch_.most(); }
+
+    void request() {
+        if constexpr (Duties == duties::none) {
+            batch_.add(++number_);
+            send_if_full();
+            return;
+        }
+        const guard outer(g_outer);
+        const u32 connection = g_connection.load();
+        const u32 number = ++number_;
+        values_.keep(number, value_.data());
+        const guard inner(g_inner);
+        u8* const at = batch_.add(number);
+        if constexpr (Duties != duties::locks) {
+            std::copy_n(value_.data() + 4, value_.size() - 4, at + 4);
+        }
+        if constexpr (Duties == duties::shared) {
+            batch_.write_header();
+            if (connection != g_connection.load()) {
+                _exit(1);
+            }
+        }
+        send_if_full();
     }
-    const guard outer(g_outer);
-    const u32 connection = g_connection.load();
-    values.keep(number, value.data());
-    const guard inner(g_inner);
-    u8* const at = waiting.add(number);
-    if constexpr (Duties != duties::locks) {
-        std::copy_n(value.data() + 4, value.size() - 4, at + 4);
-    }
-    if constexpr (Duties == duties::shared) {
-        waiting.write_header();
-        if (connection != g_connection.load()) {
-            _exit(1);
+
+    void send_rest() { batch_.send_on(fd_); }
+
+  private:
+    void send_if_full() {
+        if (batch_.is_full()) {
+            batch_.send_on(fd_);
         }
     }
-}
 
-// Sends the requests and receives their results.
+    int fd_;
+    std::vector<u8> value_;
+    Values& values_;
+    batch batch_;
+    u32 number_ = 0;
+};
+
+// Sends the requests from so many threads and receives their results.
 template <duties Duties>
-figure rate_with(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding) {
+figure rate_with(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding,
+                 std::uint64_t threads = 1) {
     using kept_values = typename values_for<Duties>::type;
     const connection link;
     window in_flight(outstanding);
-    const std::vector<u8> callers_value(value_bytes, 1);
     const auto values = std::make_unique<kept_values>(value_bytes, outstanding);
     std::thread receiving([&] { receive_results(link.async, requests, in_flight, *values); });
-    batch waiting(value_bytes);
+    requester<Duties, kept_values> maker(link.async, value_bytes, *values);
+    // One thread waits for space once a batch; several share it in small parts.
+    const std::uint64_t group = threads == 1 ? maker.batch_items() : 8;
+    std::atomic<std::uint64_t> begun{0};
+    const auto make_share = [&] {
+        for (std::uint64_t left = requests / threads; left > 0;) {
+            const std::uint64_t now = std::min(group, left);
+            in_flight.wait_for_space(begun.fetch_add(now) + now - 1);
+            for (std::uint64_t i = 0; i < now; ++i) {
+                maker.request();
+            }
+            left -= now;
+        }
+    };
     const double began = now_s();
     const double used_before = processor_s();
-    for (std::uint64_t sent = 0; sent < requests;) {
-        const auto now = static_cast<u32>(std::min<std::uint64_t>(waiting.most(), requests - sent));
-        in_flight.wait_for_space(sent + now - 1);
-        for (u32 i = 0; i < now; ++i) {
-            request<Duties>(static_cast<u32>(sent + i + 1), callers_value, *values, waiting);
+    {
+        std::vector<std::jthread> others;
+        for (std::uint64_t i = 1; i < threads; ++i) {
+            others.emplace_back(make_share);
         }
-        waiting.write_header();
-        waiting.send_on(link.async);
-        sent += now;
+        make_share();
     }
+    maker.send_rest();
     receiving.join();
     const auto count = static_cast<double>(requests);
     return {count / (now_s() - began), (processor_s() - used_before) * 1e9 / count};
@@ -401,6 +446,11 @@ figure floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64
             break;
     }
     return rate_with<duties::none>(value_bytes, requests, outstanding);
+}
+
+figure floor_rate_from_threads(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding,
+                               std::uint64_t threads) {
+    return rate_with<duties::shared>(value_bytes, requests, outstanding, threads);
 }
 
 double floor_round_trip(int rounds) {

@@ -22,6 +22,10 @@ enum class duties {
 figure floor_rate(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding,
                   duties of_a_request = duties::none);
 
+// The same with all duties, from several threads that make equal shares of the requests.
+figure floor_rate_from_threads(std::uint32_t value_bytes, std::uint64_t requests, std::uint64_t outstanding,
+                               std::uint64_t threads);
+
 // Seconds of the median round trip of a 168-byte message and its 52-byte reply.
 double floor_round_trip(int rounds);
 

@@ -303,12 +303,15 @@ void small_requests(int rounds) {
         return with_peer(answers::batch_together, -1,
                          [=] { return library_rate(12, requests, 4096, threads); });
     };
+    const auto four_threads_on_the_floor = with_peer(
+        answers::batch_together, -1, [] { return bench::floor_rate_from_threads(12, requests, 4096, 4); });
     const auto rates = bench::figures({{"floor", floor_with(duties::none)},
                                        {"floor with locks", floor_with(duties::locks)},
                                        {"floor with calls", floor_with(duties::calls)},
                                        {"floor with search", floor_with(duties::search)},
                                        {"floor for threads", floor_with(duties::shared)},
                                        {"library", library_with(1)},
+                                       {"floor, four threads", four_threads_on_the_floor},
                                        {"four threads", library_with(4)}},
                                       rounds);
     const std::string what = "12-byte values, a batch's results together";
@@ -318,7 +321,8 @@ void small_requests(int rounds) {
     print_figures(what + with_search, rates[3], rates[0], {});
     print_figures(what + with_threads, rates[4], rates[0], {});
     print_figures(what + ", library", rates[5], rates[0], {"at least 0.5", ""});
-    print_figures("the same from four threads", rates[6], rates[0], {"at least 0.5", ""});
+    print_figures("the last floor from four threads", rates[6], rates[0], {});
+    print_figures("the library from four threads", rates[7], rates[0], {"at least 0.5", ""});
 }
 
 void four_threads(int rounds) {

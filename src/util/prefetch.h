@@ -9,8 +9,9 @@ namespace scc {
 
 inline constexpr std::size_t cache_line_bytes = 64;
 
-// Fetches a line for this core alone: a line that is only read would have to be asked for again by the first
-// write. Compilers emit this instruction only for processors that they are told of; all of 64 bits have it.
+// Fetches a line for this core alone: one that is fetched for reading has to be asked for again by the first
+// write. Compilers emit this instruction only for processors that they are told of; what has 64 bits and
+// lacks it ignores it.
 inline void prefetch_line_for_writing(const void* at) {
 #if defined(__x86_64__)
     asm volatile("prefetchw %0" : : "m"(*static_cast<const u8*>(at)));
