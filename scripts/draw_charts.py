@@ -127,7 +127,7 @@ def draw_throughput(figures):
     groups = []
     for label, work in works:
         contenders = (("library", "library"), ("floor", "floor"),
-                      ("floor with the duties of a call", "floor with locks, kept values and handlers"))
+                      ("floor with the duties of a call", "the same floor prepared for other threads"))
         values = [(name, figures[f"{work}, {what}"]["value"]) for name, what in contenders]
         groups.append((label, [(name, value, short(value)) for name, value in values]))
     for count, label in (("one", "service, 1 operation a message"), ("50", "service, 50 a message")):
@@ -135,7 +135,7 @@ def draw_throughput(figures):
         groups.append((label, [(who, figures[f"{work}, {who}"]["value"], short(figures[f"{work}, {who}"]["value"]))
                                for who in ("library", "floor")]))
     bar_chart("throughput.svg", "Requests a second",
-              "One requesting thread. The floor only moves the bytes; its duties: two locks, keeping the value, a handler.", groups)
+              "One requesting thread. The floor only moves the bytes; its duties: locks, keeping, finding, a handler.", groups)
 
 
 def draw_peers(figures):
