@@ -100,6 +100,16 @@ TEST_F(PendingCalls, DroppingThemAllLeavesNone) {
     EXPECT_EQ(kind_of(5), 2U);
 }
 
+TEST_F(PendingCalls, PreparingForARegistrationLeavesNoneOfBefore) {
+    ASSERT_EQ(save(1, 9, {}), 0U);
+    EXPECT_EQ(scc::pending_calls(), 1U) << "in the index";
+    ASSERT_EQ(save(2, 9, {}), 0U);
+    scc::init_pending_calls();
+    EXPECT_EQ(scc::pending_calls(), 0U);
+    EXPECT_EQ(kind_of(1), 0U);
+    EXPECT_EQ(kind_of(2), 0U);
+}
+
 TEST_F(PendingCalls, GrowingTheIndexKeepsEveryCallAndTheirOrder) {
     constexpr std::uint32_t count = 20000;
     for (std::uint32_t id = 0; id < count; ++id) {

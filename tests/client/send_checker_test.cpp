@@ -23,6 +23,12 @@ TEST_F(SendChecker, SendsAWaitingRequestByItself) {
         test::wait_for_log("thread msg(len:28, ver:1, num:1) send len:28, uselen:20. total len:8192."));
 }
 
+TEST_F(SendChecker, FindsNothingToFlushBeforeTheFirstStart) {
+    scc::flush_waiting_batch();
+    EXPECT_EQ(scc_addr_learning(9, 1, nullptr), 2004U);
+    scc::flush_waiting_batch();
+}
+
 TEST_F(SendChecker, NoRequestOfAFloodIsLostOrReordered) {
     start();
     constexpr std::uint32_t count = 5000;
