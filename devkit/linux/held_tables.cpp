@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <set>
 #include <utility>
 
 namespace scc::kernel {
@@ -75,6 +76,12 @@ std::vector<held_rule> aces_of(const chain_name& chain, const held_rule& rule, k
 }
 
 }  // namespace
+
+bool is_repetitive(const std::vector<kernel_element>& elements) {
+    std::set<std::string_view> keys;
+    return std::any_of(elements.begin(), elements.end(),
+                       [&](const kernel_element& element) { return !keys.insert(element.key).second; });
+}
 
 chain_name first_of_list(const chain_name& chain) {
     return {chain.in, chain.name.substr(0, chain.name.find(list_separator))};

@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <map>
+#include <thread>
 
 #include "linux/messages.h"
 
@@ -17,6 +19,9 @@ namespace scc::kernel {
 namespace {
 
 constexpr std::size_t buffer_bytes = 64 * 1024;
+// The kernel enlarges a map within milliseconds. A map that is not told whole by then is written anew.
+constexpr int most_readings = 20;
+constexpr std::chrono::milliseconds between_readings{2};
 class kernel_filter : public packet_filter {
   public:
     explicit kernel_filter(socket_opener open) : open_(std::move(open)) {}
@@ -143,17 +148,27 @@ class kernel_filter : public packet_filter {
                      }
                  });
         for (auto map = maps.begin(); error == 0 && map != maps.end(); ++map) {
-            error = dump(NFT_MSG_GETSETELEM, family::netdev,
-                         {{NFTA_SET_ELEM_LIST_TABLE, table_name}, {NFTA_SET_ELEM_LIST_SET, map->first}},
-                         [&](const attribute_table& found) {
-                             if (found[NFTA_SET_ELEM_LIST_ELEMENTS] != nullptr) {
-                                 for_each_nested(found[NFTA_SET_ELEM_LIST_ELEMENTS], [&](const nlattr* data) {
-                                     map->second.push_back(element_in(data));
-                                 });
-                             }
-                         });
+            error = read_elements(map->first, map->second);
+            for (int readings = 1; error == 0 && is_repetitive(map->second) && readings < most_readings;
+                 ++readings) {
+                std::this_thread::sleep_for(between_readings);
+                error = read_elements(map->first, map->second);
+            }
         }
         return error;
+    }
+
+    u32 read_elements(const std::string& map, std::vector<kernel_element>& elements) {
+        elements.clear();
+        return dump(NFT_MSG_GETSETELEM, family::netdev,
+                    {{NFTA_SET_ELEM_LIST_TABLE, table_name}, {NFTA_SET_ELEM_LIST_SET, map}},
+                    [&](const attribute_table& found) {
+                        if (found[NFTA_SET_ELEM_LIST_ELEMENTS] != nullptr) {
+                            for_each_nested(found[NFTA_SET_ELEM_LIST_ELEMENTS], [&](const nlattr* data) {
+                                elements.push_back(element_in(data));
+                            });
+                        }
+                    });
     }
 
     // What is read afterwards is what this generation has, or a transaction fails that builds on it.

@@ -94,6 +94,14 @@ TEST(HeldTables, TheAcesOfARunStandInItsPlaceInTheirOrder) {
     EXPECT_TRUE(maps.contains("another"));
 }
 
+TEST(HeldTables, AMapThatTellsAnElementTwiceIsNoticedWhereverTheElementStands) {
+    using elements = std::vector<kernel_element>;
+    EXPECT_FALSE(is_repetitive({}));
+    EXPECT_FALSE(is_repetitive(elements{{"a", "1"}, {"b", "1"}, {"c", "1"}}));
+    EXPECT_TRUE(is_repetitive(elements{{"a", "1"}, {"a", "1"}}));
+    EXPECT_TRUE(is_repetitive(elements{{"a", "1"}, {"b", "1"}, {"c", "1"}, {"a", "1"}}));
+}
+
 TEST(HeldTables, ARunWhoseMapsAreNotInOrderIsNoneOfTheServices) {
     std::vector<kernel_maps> broken(5, maps_of_run());
     broken[0].erase("acl-0-3-1.0-permit-7");

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "kernel_support.h"
+#include "support/waiting.h"
 
 namespace scc::kernel::testing {
 
@@ -43,19 +44,24 @@ inline void join_lists(std::map<std::string, chain_rules>& chains) {
 // By sequence number, "sn id" of each ACE in a map. Every element counts in its own ACE's counter.
 using map_aces = std::map<unsigned, std::string>;
 
-inline void take_elements(const std::string& line, map_aces& aces) {
+// False if an element is there already: the kernel tells some twice, and may leave out others, if it enlarges
+// the map meanwhile.
+inline bool take_elements(const std::string& line, map_aces& aces) {
     const std::string begin = "comment \"a";
     for (std::size_t at = line.find(begin); at != std::string::npos; at = line.find(begin, at + 1)) {
         unsigned sn = 0;
         unsigned id = 0;
         char counter[64] = {};
-        ASSERT_EQ(std::sscanf(line.c_str() + at, "comment \"a2 %u %u %*u %*s 1/1\" : \"%63[^\"]\"", &sn, &id,
+        EXPECT_EQ(std::sscanf(line.c_str() + at, "comment \"a2 %u %u %*u %*s 1/1\" : \"%63[^\"]\"", &sn, &id,
                               counter),
                   3)
             << line;
         EXPECT_NE(std::string(counter).find("-" + std::to_string(id) + "."), std::string::npos) << line;
-        EXPECT_TRUE(aces.emplace(sn, std::to_string(sn) + " " + std::to_string(id)).second) << line;
+        if (!aces.emplace(sn, std::to_string(sn) + " " + std::to_string(id)).second) {
+            return false;
+        }
     }
+    return true;
 }
 
 // Puts the ACEs of each run in the place of its rule, "run N".
@@ -85,9 +91,10 @@ inline void expand_runs(std::map<std::string, chain_rules>& chains, std::map<std
     EXPECT_TRUE(maps.empty()) << maps.begin()->first;
 }
 
-inline std::map<std::string, chain_rules> rules_of_kernel() {
-    std::map<std::string, chain_rules> chains;
-    std::map<std::string, map_aces> maps;
+// False if a map was enlarged meanwhile.
+inline bool read_rules(std::map<std::string, chain_rules>& chains, std::map<std::string, map_aces>& maps) {
+    chains.clear();
+    maps.clear();
     std::istringstream lines(output_of("nft -s list table netdev scclib"));
     std::string chain;
     std::string map;
@@ -105,7 +112,9 @@ inline std::map<std::string, chain_rules> rules_of_kernel() {
             map = name;
             maps[map];
         } else if (!map.empty()) {
-            take_elements(line, maps[map]);
+            if (!take_elements(line, maps[map])) {
+                return false;
+            }
         } else if (comment != std::string::npos &&
                    std::sscanf(line.c_str() + comment, "comment \"m2 %u %*u %*u %*s %u/", &sn, &part) == 2) {
             if (part == 1) {
@@ -122,6 +131,13 @@ inline std::map<std::string, chain_rules> rules_of_kernel() {
             chains[chain].push_back(line.substr(begin, comment - 1 - begin));
         }
     }
+    return true;
+}
+
+inline std::map<std::string, chain_rules> rules_of_kernel() {
+    std::map<std::string, chain_rules> chains;
+    std::map<std::string, map_aces> maps;
+    EXPECT_TRUE(test::eventually([&] { return read_rules(chains, maps); })) << "a map has an element twice";
     expand_runs(chains, maps);
     join_lists(chains);
     return chains;
