@@ -77,8 +77,8 @@ struct kernel_element {
     std::string comment;
 };
 
-// Whether an element was told twice. The kernel does so if it enlarges a map while it tells its elements, and
-// may leave out others.
+// Whether an element is listed twice. The kernel does so if it enlarges a map while it lists the elements,
+// and may leave out others.
 [[nodiscard]] bool is_repetitive(const std::vector<kernel_element>& elements);
 
 using kernel_maps = std::map<std::string, std::vector<kernel_element>>;

@@ -19,7 +19,7 @@ namespace scc::kernel {
 namespace {
 
 constexpr std::size_t buffer_bytes = 64 * 1024;
-// The kernel enlarges a map within milliseconds. A map that is not told whole by then is written anew.
+// The kernel enlarges a map within milliseconds. A map that still has an element twice is replaced.
 constexpr int most_readings = 20;
 constexpr std::chrono::milliseconds between_readings{2};
 class kernel_filter : public packet_filter {

@@ -34,8 +34,8 @@ template <std::size_t Bytes, class Write>
 
 }  // namespace batch_detail
 
-// Sends a value of so many bytes that write(at) writes, straight to where it goes. Inlined, so that numbers
-// get there from registers: a copy of words that were just written in parts waits for the parts.
+// Sends a value of so many bytes that write(at) writes, straight into the batch. Inlined, so that numbers get
+// there from registers: a load that spans several recent stores would have to wait for all of them.
 template <std::size_t Bytes, class Write>
 [[nodiscard, gnu::always_inline]] inline u32 send_in_batch(u16 type, Write write) {
     static_assert(Bytes < wire::oversized_value_bytes);

@@ -9,9 +9,8 @@ namespace scc {
 
 inline constexpr std::size_t cache_line_bytes = 64;
 
-// Fetches a line for this core alone: one that is fetched for reading has to be asked for again by the first
-// write. Compilers emit this instruction only for processors that they are told of; what has 64 bits and
-// lacks it ignores it.
+// Fetches a line in exclusive state: the first write to a line that was fetched for reading has to wait
+// again. Compilers emit PREFETCHW only for named processors; 64-bit processors that lack it ignore it.
 inline void prefetch_line_for_writing(const void* at) {
 #if defined(__x86_64__)
     asm volatile("prefetchw %0" : : "m"(*static_cast<const u8*>(at)));

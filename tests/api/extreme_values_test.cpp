@@ -221,7 +221,7 @@ class ExtremeValues : public test::recording_client {
     }
 
   private:
-    // They stay behind in the batch, where the next request's zeros must replace them.
+    // They remain in the batch's memory, where the next request's zeros must replace them.
     void send_ones() {
         const bytes all_ones(300, 0xFF);
         ASSERT_EQ(_scc_lib_msg_send_bt(0, 900, all_ones.data(), 300, 0), 0U);

@@ -94,7 +94,7 @@ TEST(HeldTables, TheAcesOfARunStandInItsPlaceInTheirOrder) {
     EXPECT_TRUE(maps.contains("another"));
 }
 
-TEST(HeldTables, AMapThatTellsAnElementTwiceIsNoticedWhereverTheElementStands) {
+TEST(HeldTables, AnElementThatIsListedTwiceIsNoticedInEveryPlace) {
     using elements = std::vector<kernel_element>;
     EXPECT_FALSE(is_repetitive({}));
     EXPECT_FALSE(is_repetitive(elements{{"a", "1"}, {"b", "1"}, {"c", "1"}}));
