@@ -407,6 +407,109 @@ TEST_F(Nftables, AMessageWithoutItsOwnHeaderIsOfNoTable) {
     EXPECT_EQ(rules_text(), "7 hi\n");
 }
 
+// ---- maps ----
+
+// The chain "a" with a run that has the number 7, and the run's two maps.
+class NftablesMaps : public Nftables {
+  protected:
+    static std::string attribute(int type, const std::string& payload) {
+        const int length = static_cast<int>(payload.size()) + 4;
+        return bytes({length, 0, type, 0}) + payload +
+               std::string(static_cast<std::size_t>(-length & 3), '\0');
+    }
+    static std::string name(int type, const std::string& text) { return attribute(type, text + '\0'); }
+    static std::string message(int type, const std::string& attributes) {
+        const int length = static_cast<int>(attributes.size()) + 20;
+        const std::string netdev = bytes({5, 0, 0, 0});
+        return bytes({length % 256, length / 256, 0, 0, type, 10, 2, 0}) + bytes({1, 0, 0, 0, 9, 0, 0, 0}) +
+               netdev + attributes;
+    }
+    static std::string element(const std::string& key, const std::string& comment) {
+        const std::string user_data = bytes({0, static_cast<int>(comment.size()) + 1}) + comment + '\0';
+        return attribute(1, attribute(1, attribute(1, key)) + attribute(6, user_data));
+    }
+    static std::string elements(const std::string& list) {
+        return message(12, name(1, "scclib") + name(2, "a-deny-7") + attribute(3, list));
+    }
+
+    // What the kernel answers up to the elements of the run's first map, and after those.
+    void play(const std::vector<std::string>& listings) {
+        const std::string run = bytes({0, 30}) + "m2 7 0 0 00000000000000ff 1/1" + '\0';
+        script_.answers = {message(15, ""),
+                           success,
+                           message(0, name(1, "scclib")),
+                           end_of_dump,
+                           message(3, name(1, "scclib") + name(3, "a")),
+                           end_of_dump,
+                           message(6, name(1, "scclib") + name(2, "a") + attribute(7, run)),
+                           end_of_dump,
+                           message(9, name(1, "scclib") + name(2, "a-deny-7")) +
+                               message(9, name(1, "scclib") + name(2, "a-permit-7")),
+                           end_of_dump};
+        for (const std::string& listing : listings) {
+            script_.answers.insert(script_.answers.end(), {elements(listing), end_of_dump});
+        }
+        // The other map has no elements; no table of the other family, no counters.
+        script_.answers.insert(script_.answers.end(), {end_of_dump, end_of_dump, end_of_dump});
+    }
+    // Of that map.
+    [[nodiscard]] std::size_t readings(const std::string& map) const {
+        return static_cast<std::size_t>(
+            std::count_if(script_.sent.begin(), script_.sent.end(), [&map](const std::string& request) {
+                return request.at(4) == 13 && request.find(map) != std::string::npos;
+            }));
+    }
+
+    const std::vector<held_rule>& rules_of_a() { return tables_.chains[{family::netdev, "a"}]; }
+
+    const std::string first_ = element("key1", "a2 1 1 0 0000000000000001 1/1");
+    const std::string second_ = element("key2", "a2 2 2 0 0000000000000002 1/1");
+    const std::string third_ = element("key3", "a2 3 3 0 0000000000000003 1/1");
+    held_tables tables_;
+};
+
+TEST_F(NftablesMaps, AMapIsReadOnce) {
+    play({first_ + second_ + third_});
+    ASSERT_EQ(filter_->read_tables(tables_), 0u);
+    EXPECT_TRUE(script_.answers.empty());
+    EXPECT_EQ(readings("a-deny-7"), 1u);
+    ASSERT_EQ(rules_of_a().size(), 3u);
+    EXPECT_EQ(rules_of_a()[2].key, "key3");
+    EXPECT_TRUE(tables_.stray_maps.empty());
+}
+
+TEST_F(NftablesMaps, AMapWhoseElementsAreListedTwiceIsReadUntilEachIsListedOnce) {
+    play({first_ + second_ + first_, second_ + second_, third_ + second_ + first_});
+    ASSERT_EQ(filter_->read_tables(tables_), 0u);
+    EXPECT_TRUE(script_.answers.empty());
+    EXPECT_EQ(readings("a-deny-7"), 3u);
+    EXPECT_EQ(readings("a-permit-7"), 1u);
+    ASSERT_EQ(rules_of_a().size(), 3u);
+    for (u32 index = 0; index < 3; ++index) {
+        EXPECT_EQ(rules_of_a()[index].identity->first, index + 1);
+    }
+    EXPECT_TRUE(tables_.stray_maps.empty());
+}
+
+TEST_F(NftablesMaps, AMapThatStaysRepetitiveIsNoneOfTheServices) {
+    play(std::vector<std::string>(20, first_ + first_));
+    ASSERT_EQ(filter_->read_tables(tables_), 0u);
+    EXPECT_TRUE(script_.answers.empty());
+    EXPECT_EQ(readings("a-deny-7"), 20u);
+    ASSERT_EQ(rules_of_a().size(), 1u);
+    EXPECT_FALSE(rules_of_a()[0].identity.has_value());
+    EXPECT_EQ(tables_.stray_maps, (std::set<std::string>{"a-deny-7", "a-permit-7"}));
+}
+
+TEST_F(NftablesMaps, AMapThatCannotBeReadAgainIsAnError) {
+    play({first_ + first_});
+    script_.answers.resize(12);
+    script_.answers.emplace_back(failed_dump);
+    EXPECT_EQ(filter_->read_tables(tables_), u32{ENOMEM});
+    EXPECT_EQ(readings("a-deny-7"), 2u);
+    EXPECT_EQ(readings("a-permit-7"), 0u);
+}
+
 // ---- counters ----
 
 class NftablesCounters : public Nftables {
