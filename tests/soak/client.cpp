@@ -25,7 +25,8 @@ using test::call_kind;
 constexpr std::int32_t users_at_once = 24;
 constexpr std::int32_t settings_at_once = 24;
 constexpr std::uint32_t requests_between_naps = 4;
-constexpr std::uint32_t users = 16;  // for each client, added and deleted in turn
+constexpr std::uint32_t users = 16;   // for each client, added and deleted in turn
+constexpr std::uint32_t ports = 100;  // the daemon keeps the last setting of each
 constexpr std::uint32_t acls = 4;
 constexpr std::uint32_t aces = 3;
 constexpr std::uint32_t acl_type = 3;
@@ -215,21 +216,21 @@ std::uint32_t open_port(std::uint32_t number, std::uint32_t* call_id) {
 
 void change_setting(std::uint32_t number) {
     constexpr std::uint32_t settings = 3;
+    const std::uint32_t port = number % ports + 1;
     switch (number % settings) {
         case 0:
-            g_load.notes->request(call_kind::egress_port, number % 100 + 1,
-                                  [](std::uint32_t port, std::uint32_t* call_id) {
-                                      return scc_acl_global_eport_set(port, 1, call_id);
+            g_load.notes->request(call_kind::egress_port, port,
+                                  [](std::uint32_t ifx, std::uint32_t* call_id) {
+                                      return scc_acl_global_eport_set(ifx, 1, call_id);
                                   });
             return;
         case 1:
-            g_load.notes->request(call_kind::addr_learning, number,
-                                  [](std::uint32_t port, std::uint32_t* call_id) {
-                                      return scc_addr_learning(port, 1, call_id);
-                                  });
+            g_load.notes->request(
+                call_kind::addr_learning, port,
+                [](std::uint32_t ifx, std::uint32_t* call_id) { return scc_addr_learning(ifx, 1, call_id); });
             return;
         default:
-            g_load.notes->request(call_kind::port_open, number, open_port);
+            g_load.notes->request(call_kind::port_open, port, open_port);
             return;
     }
 }
